@@ -1,0 +1,382 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// One table gives each form its family; one function knows 4 or 8 bytes for format and target; one sub-decoder a
+// family. A decode moves the cursor only when it succeeds.
+#include "krv_code.h"
+
+#include "krv_dwarf.h"
+#include "krv_fd.h"
+#include "krv_names.h"
+
+#include <array>
+#include <cstring>
+
+namespace {
+
+enum class family : uint8_t { refused, constant, leb128, string, block, strp, indirect, flag_present };
+
+constexpr uint8_t WIDTH_OFFSET = 0xfe; // 4 or 8 bytes by the DWARF format
+constexpr uint8_t WIDTH_ADDR = 0xff;   // the target's address size
+
+struct form_row {
+    family fam;
+    uint8_t width;           // constants: bytes, or WIDTH_*
+    krv_form_t length_form;  // blocks: how their length is encoded
+    bool is_signed;          // LEB128 numbers
+};
+
+consteval std::array<form_row, 0x21> make_form_table()
+{
+    std::array<form_row, 0x21> t{}; // all other forms are refused, DW_FORM_ref_addr among them
+    constexpr auto constant = [](uint8_t width) { return form_row{family::constant, width, 0, false}; };
+    constexpr auto leb128 = [](bool is_signed) { return form_row{family::leb128, 0, 0, is_signed}; };
+    constexpr auto block = [](krv_form_t length_form) { return form_row{family::block, 0, length_form, false}; };
+    constexpr auto special = [](family fam) { return form_row{fam, 0, 0, false}; };
+    t[DW_FORM_addr] = constant(WIDTH_ADDR);
+    t[DW_FORM_data1] = constant(1);
+    t[DW_FORM_data2] = constant(2);
+    t[DW_FORM_data4] = constant(4);
+    t[DW_FORM_data8] = constant(8);
+    t[DW_FORM_flag] = constant(1);
+    t[DW_FORM_ref1] = constant(1);
+    t[DW_FORM_ref2] = constant(2);
+    t[DW_FORM_ref4] = constant(4);
+    t[DW_FORM_ref8] = constant(8);
+    t[DW_FORM_ref_sig8] = constant(8);
+    t[DW_FORM_sec_offset] = constant(WIDTH_OFFSET);
+    t[DW_FORM_sdata] = leb128(true);
+    t[DW_FORM_udata] = leb128(false);
+    t[DW_FORM_ref_udata] = leb128(false);
+    t[DW_FORM_string] = special(family::string);
+    t[DW_FORM_block1] = block(DW_FORM_data1);
+    t[DW_FORM_block2] = block(DW_FORM_data2);
+    t[DW_FORM_block4] = block(DW_FORM_data4);
+    t[DW_FORM_block] = block(DW_FORM_udata);
+    t[DW_FORM_exprloc] = block(DW_FORM_udata);
+    t[DW_FORM_strp] = special(family::strp);
+    t[DW_FORM_indirect] = special(family::indirect);
+    t[DW_FORM_flag_present] = special(family::flag_present);
+    return t;
+}
+
+constexpr auto form_table = make_form_table();
+
+constexpr unsigned LEB128_MAX_BYTES = 10; // ceil(64 / 7)
+constexpr size_t STRING_CHUNK = 16;
+
+} // namespace
+
+static const form_row *form_lookup(krv_form_t form)
+{
+    static constexpr form_row refused{};
+    return form < form_table.size() ? &form_table[form] : &refused;
+}
+
+static const char *form_name(krv_form_t form)
+{
+    return krv_name_or_unknown(KRV_DEF_FORM, form);
+}
+
+static size_t constant_width(const krv_handle_t *hp, const form_row *row, uint32_t flags)
+{
+    switch (row->width) {
+    case WIDTH_ADDR:
+        return hp->sh_target_size;
+    case WIDTH_OFFSET:
+        return (flags & KRV_FORM_F_DWARF64) != 0 ? 8 : 4;
+    default:
+        return row->width;
+    }
+}
+
+static int decode_constant(krv_fd_t *fdp, krv_form_t form, uint32_t flags, void *dst, size_t size, size_t *sizep)
+{
+    krv_handle_t *hp = fdp->sfd_hp;
+    if (sizep != nullptr || dst == nullptr)
+        return krv_fail_code(hp, KRV_ERR_INVALID);
+    const size_t width = constant_width(hp, form_lookup(form), flags);
+    if (width > fdp->sfd_remaining)
+        return krv_fail(hp, KRV_ERR_CORRUPT, "form %s requires %zu byte%s;  %lu remaining", form_name(form), width,
+                        width == 1 ? "" : "s", static_cast<unsigned long>(fdp->sfd_remaining));
+    if (size < width)
+        return krv_fail(hp, KRV_ERR_NOSPACE, "form %s requires %zu;  storage offers %zu", form_name(form), width, size);
+
+    auto *bytes = static_cast<uint8_t *>(dst);
+    if (!krv_fd_is_cb(fdp))
+        std::memcpy(bytes, fdp->sfd_u.buf + fdp->sfd_offset, width);
+    else if (fdp->sfd_u.cb.func(fdp->sfd_u.cb.arg, bytes, width, fdp->sfd_offset) != static_cast<int64_t>(width))
+        return krv_fail(hp, KRV_ERR_IO, "read callback failed");
+    const bool negative = (flags & KRV_FORM_F_SIGNED) != 0 && (bytes[width - 1] & 0x80) != 0;
+    std::memset(bytes + width, negative ? 0xff : 0x00, size - width);
+    krv_fd_advance(fdp, width);
+    return 0;
+}
+
+// Bytes needed to hold the value: 1, 2, 4 or 8.
+static unsigned int leb128_width(uint64_t value, bool is_signed)
+{
+    for (unsigned int width = 1; width < 8; width *= 2) {
+        const unsigned int bits = 8 * width;
+        const uint64_t high = is_signed ? static_cast<uint64_t>(static_cast<int64_t>(value) >> (bits - 1)) : value >> bits;
+        if (high == 0 || (is_signed && high == UINT64_MAX))
+            return width;
+    }
+    return 8;
+}
+
+static int decode_leb128(krv_fd_t *fdp, krv_form_t form, void *dst, size_t size, size_t *sizep)
+{
+    krv_handle_t *hp = fdp->sfd_hp;
+    if (sizep != nullptr || dst == nullptr)
+        return krv_fail_code(hp, KRV_ERR_INVALID);
+    const bool is_signed = form_lookup(form)->is_signed;
+
+    size_t available = fdp->sfd_remaining < LEB128_MAX_BYTES ? fdp->sfd_remaining : LEB128_MAX_BYTES;
+    uint8_t local[LEB128_MAX_BYTES];
+    const uint8_t *bytes = local;
+    if (!krv_fd_is_cb(fdp)) {
+        bytes = fdp->sfd_u.buf + fdp->sfd_offset;
+    } else if (available != 0) {
+        const int64_t delivered = fdp->sfd_u.cb.func(fdp->sfd_u.cb.arg, local, available, fdp->sfd_offset);
+        if (delivered < 0)
+            return krv_fail(hp, KRV_ERR_IO, "read callback failed");
+        if (static_cast<uint64_t>(delivered) < available)
+            available = static_cast<size_t>(delivered);
+    }
+
+    uint64_t value = 0;
+    unsigned int count = 0;
+    for (;;) {
+        if (count == available)
+            return krv_fail(hp, KRV_ERR_CORRUPT, "%s datum unterminated by end of section", form_name(form));
+        const uint8_t byte = bytes[count];
+        if (count + 1 == LEB128_MAX_BYTES && byte != (is_signed ? 0x7f : 0x01))
+            return krv_fail(hp, KRV_ERR_NOSPACE, "%s datum exceeds 64-bit storage", form_name(form));
+        value |= uint64_t{byte & 0x7fU} << (7 * count);
+        ++count;
+        if ((byte & 0x80) != 0)
+            continue;
+        if (is_signed && (byte & 0x40) != 0 && 7 * count < 64)
+            value |= UINT64_MAX << (7 * count);
+        break;
+    }
+
+    const unsigned int width = leb128_width(value, is_signed);
+    if (size < width)
+        return krv_fail(hp, KRV_ERR_NOSPACE, "%s datum requires %u bytes;  storage offers %zu", form_name(form), width,
+                        size);
+    if (size > sizeof(value)) {
+        const bool negative = is_signed && static_cast<int64_t>(value) < 0;
+        std::memset(dst, negative ? 0xff : 0x00, size);
+        size = sizeof(value);
+    }
+    std::memcpy(dst, &value, size);
+    krv_fd_advance(fdp, count);
+    return 0;
+}
+
+static int decode_string(krv_fd_t *fdp, void *dst, size_t size, size_t *sizep)
+{
+    krv_handle_t *hp = fdp->sfd_hp;
+    if (dst != nullptr && sizep != nullptr)
+        return krv_fail_code(hp, KRV_ERR_INVALID);
+
+    krv_fd_t scan = *fdp;
+    size_t need = 0; // with the NUL
+    for (bool found = false; !found;) {
+        char chunk[STRING_CHUNK];
+        const size_t count = scan.sfd_remaining < sizeof(chunk) ? scan.sfd_remaining : sizeof(chunk);
+        if (count == 0)
+            return krv_fail(hp, KRV_ERR_CORRUPT, "unterminated string");
+        if (korva_fd_to_mem(&scan, chunk, count) != 0)
+            return krv_note(hp, "unable to read from descriptor");
+        const size_t length = strnlen(chunk, count);
+        found = length < count;
+        need += found ? length + 1 : count;
+    }
+    if (sizep != nullptr) {
+        *sizep = need;
+        return 0;
+    }
+    if (size < need)
+        return krv_fail(hp, KRV_ERR_NOSPACE, "string decoder requires %zu bytes;  storage offers %zu", need, size);
+    if (korva_fd_to_mem(fdp, dst, need) != 0)
+        return -1;
+    static_cast<char *>(dst)[need - 1] = '\0'; // a call-back may deliver other bytes the second time
+    return 0;
+}
+
+static int decode_block(krv_fd_t *fdp, krv_form_t form, uint32_t flags, void *dst, size_t size, size_t *sizep)
+{
+    krv_handle_t *hp = fdp->sfd_hp;
+    if (dst != nullptr && sizep != nullptr)
+        return krv_fail_code(hp, KRV_ERR_INVALID);
+
+    krv_fd_t fd = *fdp;
+    uint64_t length = 0;
+    if (korva_decode_form(&fd, form_lookup(form)->length_form, flags, &length, sizeof(length), nullptr) != 0)
+        return krv_note(hp, "Failed to read block size for %s", form_name(form));
+    if (length > fd.sfd_remaining)
+        return krv_fail(hp, KRV_ERR_CORRUPT, "form %s requires %lu bytes for block;  %d remain", form_name(form),
+                        static_cast<unsigned long>(length), static_cast<int>(fd.sfd_remaining));
+    if (sizep != nullptr) {
+        *sizep = length;
+        return 0;
+    }
+    if (size < length)
+        return krv_fail(hp, KRV_ERR_NOSPACE, "block form %s requires %zu;  storage offers %zu", form_name(form),
+                        static_cast<size_t>(length), size);
+    if (dst == nullptr)
+        return krv_fail_code(hp, KRV_ERR_INVALID);
+    auto *block = static_cast<krv_fd_t *>(dst);
+    if (krv_fd_is_cb(block))
+        return krv_fail_code(hp, KRV_ERR_UNSUPPORTED);
+    // An empty block needs no buffer, and korva_fd_to_mem would refuse a NULL one.
+    if (length != 0 && korva_fd_to_mem(&fd, block->sfd_u.buf, length) != 0)
+        return -1;
+    block->sfd_size = length;
+    block->sfd_offset = 0;
+    block->sfd_remaining = length;
+    *fdp = fd;
+    return 0;
+}
+
+static int decode_strp(krv_fd_t *fdp, uint32_t flags, void *dst, size_t size, size_t *sizep)
+{
+    krv_handle_t *hp = fdp->sfd_hp;
+    krv_fd_t fd = *fdp;
+    uint64_t offset = 0;
+    if (korva_decode_form(&fd, DW_FORM_sec_offset, flags, &offset, sizeof(offset), nullptr) != 0)
+        return krv_note(hp, "unable to decode DW_FORM_strp");
+    krv_fd_t str = hp->sh_sec[KRV_SEC_STR];
+    if (korva_fd_seek(&str, offset, KRV_FD_SEEK_SET) != 0)
+        return krv_note(hp, "cannot seek to offset %lu in .debug_str", static_cast<unsigned long>(offset));
+    if (decode_string(&str, dst, size, sizep) != 0)
+        return -1;
+    if (dst != nullptr)
+        *fdp = fd;
+    return 0;
+}
+
+int krv_decode_indirect(krv_fd_t *fdp, uint32_t flags, krv_form_t *formp)
+{
+    krv_fd_t fd = *fdp;
+    krv_form_t form = DW_FORM_indirect;
+    while (form == DW_FORM_indirect) // each turn consumes a byte at least
+        if (korva_decode_form(&fd, DW_FORM_udata, flags, &form, sizeof(form), nullptr) != 0)
+            return krv_note(fdp->sfd_hp, "unable to decode DW_FORM_indirect");
+    *fdp = fd;
+    *formp = form;
+    return 0;
+}
+
+static int decode_indirect(krv_fd_t *fdp, uint32_t flags, void *dst, size_t size, size_t *sizep)
+{
+    krv_fd_t fd = *fdp;
+    krv_form_t form;
+    if (krv_decode_indirect(&fd, flags, &form) != 0 || korva_decode_form(&fd, form, flags, dst, size, sizep) != 0)
+        return -1;
+    if (dst != nullptr)
+        *fdp = fd;
+    return 0;
+}
+
+krv_form_t krv_data_form(unsigned int size)
+{
+    switch (size) {
+    case 1:
+        return DW_FORM_data1;
+    case 2:
+        return DW_FORM_data2;
+    case 4:
+        return DW_FORM_data4;
+    case 8:
+        return DW_FORM_data8;
+    default:
+        return 0;
+    }
+}
+
+int korva_decode_form(krv_fd_t *fdp, krv_form_t form, uint32_t flags, void *dst, size_t size, size_t *sizep)
+{
+    if (fdp == nullptr || fdp->sfd_hp == nullptr)
+        return -1;
+    krv_handle_t *hp = fdp->sfd_hp;
+    krv_clear_error(hp);
+    if (dst != nullptr && sizep != nullptr)
+        return krv_fail_code(hp, KRV_ERR_INVALID);
+    switch (form_lookup(form)->fam) {
+    case family::constant:
+        return decode_constant(fdp, form, flags, dst, size, sizep);
+    case family::leb128:
+        return decode_leb128(fdp, form, dst, size, sizep);
+    case family::string:
+        return decode_string(fdp, dst, size, sizep);
+    case family::block:
+        return decode_block(fdp, form, flags, dst, size, sizep);
+    case family::strp:
+        return decode_strp(fdp, flags, dst, size, sizep);
+    case family::indirect:
+        return decode_indirect(fdp, flags, dst, size, sizep);
+    case family::flag_present:
+        return 0; // implied by its presence: nothing read, nothing stored
+    case family::refused:
+        break;
+    }
+    return krv_fail(hp, KRV_ERR_INVALID, "decoder passed invalid form %hhd (%s)", static_cast<signed char>(form),
+                    form_name(form));
+}
+
+static size_t encode_leb128(uint8_t *bytes, uint64_t value, bool is_signed)
+{
+    size_t count = 0;
+    for (bool more = true; more;) {
+        const uint8_t low = value & 0x7f;
+        value = is_signed ? static_cast<uint64_t>(static_cast<int64_t>(value) >> 7) : value >> 7;
+        more = is_signed ? !((value == 0 && (low & 0x40) == 0) || (value == UINT64_MAX && (low & 0x40) != 0))
+                         : value != 0;
+        bytes[count++] = more ? low | 0x80 : low;
+    }
+    return count;
+}
+
+int korva_encode_form(krv_fd_t *fdp, krv_form_t form, uint32_t flags, uint64_t value)
+{
+    if (fdp == nullptr || fdp->sfd_hp == nullptr)
+        return -1;
+    krv_handle_t *hp = fdp->sfd_hp;
+    krv_clear_error(hp);
+    const form_row *row = form_lookup(form);
+    uint8_t bytes[LEB128_MAX_BYTES];
+    size_t count;
+    if (row->fam == family::constant) {
+        count = constant_width(hp, row, flags);
+        std::memcpy(bytes, &value, sizeof(value));
+    } else if (row->fam == family::leb128) {
+        count = encode_leb128(bytes, value, row->is_signed);
+    } else {
+        return krv_fail(hp, KRV_ERR_INVALID, "encoder passed invalid form %hhd (%s)", static_cast<signed char>(form),
+                        form_name(form));
+    }
+    if (korva_fd_from_mem(fdp, bytes, count) != 0)
+        return krv_note(hp, "Could not encode %s datum", form_name(form));
+    return 0;
+}
+
+uint64_t korva_value_unsigned(krv_value_t *value)
+{
+    KRV_ASSERT(value != NULL);
+    return value->sa_u.su_unsigned;
+}
+
+int64_t korva_value_signed(krv_value_t *value)
+{
+    KRV_ASSERT(value != NULL);
+    return value->sa_u.su_signed;
+}
+
+void *korva_value_addr(krv_value_t *value)
+{
+    KRV_ASSERT(value != NULL);
+    return value->sa_u.su_addr;
+}

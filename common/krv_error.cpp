@@ -1,0 +1,81 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "krv_error.h"
+
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+
+void krv_assert_fail(const char *cond, const char *file, int line, const char *func)
+{
+    std::fprintf(stderr, "libkorva: %s:%d: %s: assertion failed: %s\n", file, line, func, cond);
+    std::abort();
+}
+
+void krv_clear_error(krv_handle_t *hp)
+{
+    hp->sh_nerrors = 0;
+    hp->sh_errno = KRV_ERR_NONE;
+}
+
+static void push(krv_handle_t *hp, const char *format, va_list ap)
+{
+    const uint32_t slot = hp->sh_nerrors;
+    if (slot >= KRV_MAX_ERRORS)
+        return;
+    std::vsnprintf(hp->sh_errors[slot], KRV_MAX_ERROR_SIZE, format, ap);
+    hp->sh_nerrors = slot + 1;
+
+    const krv_opt_t *func = &hp->sh_opts[KRV_OPT_DEBUG_FUNC];
+    if (func->sopt_set != B_TRUE || func->sopt_u.o_addr == nullptr)
+        return;
+    const krv_opt_t *arg = &hp->sh_opts[KRV_OPT_DEBUG_FUNC_ARG];
+    auto *debug = reinterpret_cast<krv_debug_f *>(func->sopt_u.o_addr);
+    debug(slot + 1, hp->sh_errors[slot], arg->sopt_set == B_TRUE ? arg->sopt_u.o_addr : nullptr);
+}
+
+void krv_push_error(krv_handle_t *hp, const char *format, ...)
+{
+    va_list ap;
+    va_start(ap, format);
+    push(hp, format, ap);
+    va_end(ap);
+}
+
+int krv_fail(krv_handle_t *hp, int code, const char *format, ...)
+{
+    va_list ap;
+    va_start(ap, format);
+    push(hp, format, ap);
+    va_end(ap);
+    hp->sh_errno = code; // last: a debug call-back may query the handle, which clears the code
+    return -1;
+}
+
+int krv_note(krv_handle_t *hp, const char *format, ...)
+{
+    va_list ap;
+    va_start(ap, format);
+    push(hp, format, ap);
+    va_end(ap);
+    return -1;
+}
+
+int krv_fail_code(krv_handle_t *hp, int code)
+{
+    hp->sh_errno = code;
+    return -1;
+}
+
+int korva_handle_get_errno(krv_handle_t *hp)
+{
+    KRV_ASSERT(hp != NULL);
+    return hp->sh_errno;
+}
+
+char **korva_handle_get_errmsgs(krv_handle_t *hp, unsigned int *count)
+{
+    KRV_ASSERT(hp != NULL);
+    KRV_ASSERT(count != NULL);
+    *count = hp->sh_nerrors;
+    return hp->sh_errors;
+}

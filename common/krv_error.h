@@ -1,0 +1,24 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// The handle's error state: a code and a short stack of messages, cause first.
+#ifndef KRV_ERROR_H
+#define KRV_ERROR_H
+
+#include "krv_types.h"
+
+// Empties code and messages; the texts in the slots stay until overwritten.
+void krv_clear_error(krv_handle_t *hp);
+
+// Appends one message, cut to 255 characters; a 17th is dropped. Never touches the code.
+[[gnu::format(printf, 2, 3)]] void krv_push_error(krv_handle_t *hp, const char *format, ...);
+
+// A failure in one line: the code and its message. Returns -1.
+[[gnu::format(printf, 3, 4)]] int krv_fail(krv_handle_t *hp, int code, const char *format, ...);
+
+// A caller's summary of a failure whose code is set already. Returns -1.
+[[gnu::format(printf, 2, 3)]] int krv_note(krv_handle_t *hp, const char *format, ...);
+
+// A failure without a message. Returns -1.
+int krv_fail_code(krv_handle_t *hp, int code);
+
+#endif

@@ -1,0 +1,144 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "krv_names.h"
+
+#include "krv_dwarf.h"
+#include "krv_error.h"
+
+#include <climits>
+#include <cstdlib>
+#include <iterator>
+
+#define KRV_NAME(name, value) {value, #name},
+#define KRV_NAME_TABLE(class) constexpr krv_isp_t _krv_##class##_names[] = {KRV_DW_##class(KRV_NAME)}
+static KRV_NAME_TABLE(AT);
+static KRV_NAME_TABLE(ATE);
+static KRV_NAME_TABLE(CC);
+static KRV_NAME_TABLE(CFA);
+static KRV_NAME_TABLE(CHILDREN);
+static KRV_NAME_TABLE(EH);
+static KRV_NAME_TABLE(FORM);
+static KRV_NAME_TABLE(INL);
+static KRV_NAME_TABLE(LANG);
+static KRV_NAME_TABLE(LNE);
+static KRV_NAME_TABLE(LNS);
+static KRV_NAME_TABLE(OP);
+static KRV_NAME_TABLE(ORD);
+static KRV_NAME_TABLE(TAG);
+static KRV_NAME_TABLE(VIS);
+#undef KRV_NAME_TABLE
+#undef KRV_NAME
+
+// Rows indexed by krv_def_t.
+#define KRV_ROW(class) {_krv_##class##_names, std::size(_krv_##class##_names)}
+constexpr krv_nap_t _krv_name_tables[KRV_DEF_MAX] = {
+    KRV_ROW(AT),  KRV_ROW(ATE),  KRV_ROW(CC),  KRV_ROW(CFA), KRV_ROW(CHILDREN), KRV_ROW(EH),  KRV_ROW(FORM), KRV_ROW(INL),
+    KRV_ROW(LANG), KRV_ROW(LNE), KRV_ROW(LNS), KRV_ROW(OP),  KRV_ROW(ORD),      KRV_ROW(TAG), KRV_ROW(VIS),
+};
+#undef KRV_ROW
+
+static_assert(
+    [] {
+        constexpr size_t rows[KRV_DEF_MAX] = {100, 16, 3, 28, 2, 13, 25, 4, 20, 4, 12, 154, 2, 61, 3};
+        for (size_t i = 0; i < std::size(rows); ++i) {
+            const krv_nap_t &table = _krv_name_tables[i];
+            if (table.dwnap_table_size != rows[i])
+                return false;
+            for (size_t j = 1; j < table.dwnap_table_size; ++j)
+                if (table.dwnap_tablep[j - 1].dwisp_key >= table.dwnap_tablep[j].dwisp_key)
+                    return false;
+        }
+        return true;
+    }(),
+    "every table complete, and strictly ascending for the binary search");
+
+struct form_class_t {
+    unsigned int form;
+    uint32_t mask;
+};
+
+constexpr form_class_t _dw_form_classes[] = {
+    {DW_FORM_addr, KRV_CLASS_ADDRESS},
+    {DW_FORM_block2, KRV_CLASS_BLOCK},
+    {DW_FORM_block4, KRV_CLASS_BLOCK},
+    {DW_FORM_data2, KRV_CLASS_CONSTANT},
+    {DW_FORM_data4, KRV_CLASS_CONSTANT}, // never a section pointer here, unlike in DWARF 2 and 3
+    {DW_FORM_data8, KRV_CLASS_CONSTANT},
+    {DW_FORM_string, KRV_CLASS_STRING},
+    {DW_FORM_block, KRV_CLASS_BLOCK},
+    {DW_FORM_block1, KRV_CLASS_BLOCK},
+    {DW_FORM_data1, KRV_CLASS_CONSTANT},
+    {DW_FORM_flag, KRV_CLASS_FLAG},
+    {DW_FORM_sdata, KRV_CLASS_CONSTANT},
+    {DW_FORM_strp, KRV_CLASS_STRING},
+    {DW_FORM_udata, KRV_CLASS_CONSTANT},
+    {DW_FORM_ref_addr, KRV_CLASS_REFERENCE},
+    {DW_FORM_ref1, KRV_CLASS_REFERENCE},
+    {DW_FORM_ref2, KRV_CLASS_REFERENCE},
+    {DW_FORM_ref4, KRV_CLASS_REFERENCE},
+    {DW_FORM_ref8, KRV_CLASS_REFERENCE},
+    {DW_FORM_ref_udata, KRV_CLASS_REFERENCE},
+    {DW_FORM_indirect, 0},
+    {DW_FORM_sec_offset,
+     KRV_CLASS_LINEPTR | KRV_CLASS_LOCLISTPTR | KRV_CLASS_MACPTR | KRV_CLASS_RANGELISTPTR},
+    {DW_FORM_exprloc, KRV_CLASS_EXPRLOC},
+    {DW_FORM_flag_present, KRV_CLASS_FLAG},
+    {DW_FORM_ref_sig8, KRV_CLASS_REFERENCE},
+};
+
+static_assert(
+    [] {
+        constexpr const krv_nap_t &forms = _krv_name_tables[KRV_DEF_FORM];
+        if (std::size(_dw_form_classes) != forms.dwnap_table_size)
+            return false;
+        for (size_t i = 0; i < forms.dwnap_table_size; ++i)
+            if (_dw_form_classes[i].form != forms.dwnap_tablep[i].dwisp_key)
+                return false;
+        return true;
+    }(),
+    "every named form has its class, in the same order");
+
+int krv_compare_uint(const void *a, const void *b)
+{
+    const unsigned int x = *static_cast<const unsigned int *>(a);
+    const unsigned int y = *static_cast<const unsigned int *>(b);
+    return x < y ? -1 : x > y ? 1 : 0;
+}
+
+char *krv_print_define(unsigned int index, unsigned int key)
+{
+    // clang-format off
+    KRV_ASSERT(index < sizeof (_krv_name_tables) / sizeof (_krv_name_tables[0]));
+    // clang-format on
+    const krv_nap_t *table = &_krv_name_tables[index];
+    const void *row = std::bsearch(&key, table->dwnap_tablep, table->dwnap_table_size, sizeof(krv_isp_t), krv_compare_uint);
+    return row == nullptr ? nullptr : const_cast<char *>(static_cast<const krv_isp_t *>(row)->dwisp_valuep);
+}
+
+const char *krv_name_or_unknown(unsigned int index, uint64_t key)
+{
+    const char *name = key > UINT_MAX ? nullptr : krv_print_define(index, static_cast<unsigned int>(key));
+    return name == nullptr ? "unknown" : name;
+}
+
+uint32_t krv_get_form_class(krv_form_t form)
+{
+    const unsigned int key = form;
+    const void *row =
+        std::bsearch(&key, _dw_form_classes, std::size(_dw_form_classes), sizeof(form_class_t), krv_compare_uint);
+    return row == nullptr ? 0 : static_cast<const form_class_t *>(row)->mask;
+}
+
+char *korva_print_define(krv_handle_t *hp, krv_def_t index, unsigned int key)
+{
+    if (hp == nullptr)
+        return nullptr;
+    krv_clear_error(hp);
+    if (index < 0 || index >= KRV_DEF_MAX) {
+        krv_fail(hp, KRV_ERR_INVALID, "index (%d) out of range", index);
+        return nullptr;
+    }
+    char *name = krv_print_define(static_cast<unsigned int>(index), key);
+    if (name == nullptr)
+        krv_fail(hp, KRV_ERR_INVALID, "unknown key (%d) for index (%d)", static_cast<int>(key), index);
+    return name;
+}

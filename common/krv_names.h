@@ -1,0 +1,50 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// Printable names of DWARF constants, and the classes of attribute forms. All constant data.
+#ifndef KRV_NAMES_H
+#define KRV_NAMES_H
+
+#include "krv_types.h"
+
+// Form classes, as bits in the order of DWARF 4, 7.5.4.
+enum : uint32_t {
+    KRV_CLASS_ADDRESS = 0x1,
+    KRV_CLASS_BLOCK = 0x2,
+    KRV_CLASS_CONSTANT = 0x4,
+    KRV_CLASS_EXPRLOC = 0x8,
+    KRV_CLASS_FLAG = 0x10,
+    KRV_CLASS_LINEPTR = 0x20,
+    KRV_CLASS_LOCLISTPTR = 0x40,
+    KRV_CLASS_MACPTR = 0x80,
+    KRV_CLASS_RANGELISTPTR = 0x100,
+    KRV_CLASS_REFERENCE = 0x200,
+    KRV_CLASS_STRING = 0x400,
+};
+
+// One name.
+struct krv_isp_t {
+    unsigned int dwisp_key;
+    const char *dwisp_valuep;
+};
+
+// The names of one class of constants, ascending by key.
+struct krv_nap_t {
+    const krv_isp_t *dwnap_tablep;
+    size_t dwnap_table_size;
+};
+
+extern const krv_nap_t _krv_name_tables[KRV_DEF_MAX];
+
+// Three-way comparison of two unsigned ints, for binary searches.
+int krv_compare_uint(const void *a, const void *b);
+
+// The name, or NULL for an unknown key. index is a krv_def_t and must be below KRV_DEF_MAX.
+char *krv_print_define(unsigned int index, unsigned int key);
+
+// The name for a message: "unknown" for a key without one, also beyond 32 bits.
+const char *krv_name_or_unknown(unsigned int index, uint64_t key);
+
+// Mask of KRV_CLASS_*; 0 for DW_FORM_indirect and unknown forms.
+uint32_t krv_get_form_class(krv_form_t form);
+
+#endif

@@ -1,0 +1,152 @@
+/* SPDX-License-Identifier: Apache-2.0 */
+/**
+ * @file
+ * libkorva-elf: turns ELF files into libkorva handles.
+ *
+ * Where libkorva reads bytes and is strict, this loader opens files and is generous: it finds machine and target,
+ * maps the file, inflates what is compressed, presents what compilers and linkers really write in the form that
+ * libkorva reads, and says clearly what it cannot.
+ *
+ * Conventions
+ *
+ *  1. Errors. A function that can fail for a reason worth telling takes a krv_elf_error_t *, which may be NULL. It is
+ *     written on failure only and holds one line of text that names the file and says what and where.
+ *  2. Ownership. A krv_elf_t owns its mapping, its handle and its symbols; everything handed out lives until
+ *     korva_elf_close. The handle must not be freed by the client.
+ *  3. Addresses are those of the file (link-time addresses), never biased by where it is loaded.
+ *  4. Threads. A krv_elf_t serves one thread at a time; different ones are independent.
+ */
+#ifndef LIBKORVA_ELF_H
+#define LIBKORVA_ELF_H
+
+#include "libkorva.h"
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/** An opened ELF file with its libkorva handle. */
+typedef struct krv_elf krv_elf_t;
+
+/** Why a loader function failed. */
+typedef struct krv_elf_error {
+    int code;          /**< KRV_ELF_ERR_* */
+    char message[512]; /**< one line, without a newline; always terminated */
+} krv_elf_error_t;
+
+enum {
+    KRV_ELF_ERR_NONE = 0,
+    KRV_ELF_ERR_SYSTEM = 1,      /**< an operating-system call failed (no such file, permission, ...) */
+    KRV_ELF_ERR_FORMAT = 2,      /**< not an ELF file, or a damaged one */
+    KRV_ELF_ERR_UNSUPPORTED = 3, /**< an ELF file of a machine, class or byte order that libkorva does not read */
+    KRV_ELF_ERR_NOMEM = 4,       /**< memory ran out */
+    KRV_ELF_ERR_NOTFOUND = 5     /**< what was asked for is not there */
+};
+
+/** Flags of korva_elf_open. */
+enum {
+    KRV_ELF_F_NONE = 0,
+    KRV_ELF_F_RAW = 1 /**< attach every section as it stands in the file (inflated where compressed), uncorrected */
+};
+
+/** A function symbol. */
+typedef struct krv_elf_symbol {
+    uint64_t address;
+    uint64_t size;    /**< never 0: a symbol without a size reaches to the next one or to the end of its section */
+    const char *name; /**< as in the file: not demangled; not empty */
+} krv_elf_symbol_t;
+
+/** What an opened file is. */
+typedef struct krv_elf_info {
+    uint16_t machine;             /**< EM_386 or EM_X86_64 */
+    uint16_t type;                /**< ET_EXEC, ET_DYN, ET_REL or ET_CORE */
+    krv_activation_type_t target; /**< the handle's target (x32 files are AMD64 machines with 4-byte addresses: I386) */
+    const uint8_t *build_id;      /**< contents of the build-id note, or NULL */
+    size_t build_id_size;         /**< its bytes */
+    int has_symtab;               /**< 1 when the symbols come from .symtab, 0 when from .dynsym or nowhere */
+} krv_elf_info_t;
+
+/** A section of the file, as korva_elf_iter_sections visits it. */
+typedef struct krv_elf_section {
+    const char *name;
+    uint64_t address;   /**< 0 for sections that are not loaded */
+    uint64_t size;      /**< bytes, after inflation */
+    uint64_t file_size; /**< bytes in the file */
+    krv_secidx_t index; /**< under which the handle has it, or KRV_SEC_NONE */
+    int compressed;     /**< 1 when it is stored compressed */
+    int copied;         /**< 1 when the handle reads a corrected copy, 0 when it reads the file's own bytes */
+    int executable;     /**< 1 when it holds code */
+} krv_elf_section_t;
+
+/** Visitor of korva_elf_iter_sections; non-zero stops the walk and is returned. */
+typedef int krv_elf_iter_section_f(krv_elf_t *elf, const krv_elf_section_t *section, void *arg);
+
+/**
+ * A correction that the loader made, or a part of the file that it could not present, as korva_elf_iter_notes visits
+ * it: one line of text such as "unit at offset 0x2a of .debug_info is DWARF 5, ...".
+ */
+typedef struct krv_elf_note {
+    const char *pass;    /**< name of the correcting pass, e.g. "unit-versions" */
+    const char *section; /**< section it speaks of */
+    uint64_t offset;     /**< offset in that section */
+    int refused;         /**< 1: this part of the file cannot be read; 0: it was corrected and reads well */
+    const char *text;
+} krv_elf_note_t;
+
+/** Visitor of korva_elf_iter_notes; non-zero stops the walk and is returned. */
+typedef int krv_elf_iter_note_f(krv_elf_t *elf, const krv_elf_note_t *note, void *arg);
+
+/**
+ * Opens an ELF file for 32-bit x86 or AMD64, maps it and attaches every section that libkorva knows to a new handle:
+ * uncompressed ones without a copy, .zdebug_* and SHF_COMPRESSED ones inflated. @p flags is KRV_ELF_F_*. Units of
+ * .debug_info whose DWARF version libkorva does not read are presented as empty units that keep their place, size and
+ * version, and are noted.
+ *
+ * Returns NULL on failure. Close it with korva_elf_close.
+ */
+KORVA_API krv_elf_t *korva_elf_open(const char *path, unsigned int flags, krv_elf_error_t *errorp);
+
+/** Closes a file and frees its handle. NULL is ignored. */
+KORVA_API void korva_elf_close(krv_elf_t *elf);
+
+/** The handle of the file: for the queries of libkorva.h. Never NULL. */
+KORVA_API krv_handle_t *korva_elf_get_handle(krv_elf_t *elf);
+
+/** The path that the file was opened with. */
+KORVA_API const char *korva_elf_get_path(krv_elf_t *elf);
+
+/** What the file is. */
+KORVA_API void korva_elf_get_info(krv_elf_t *elf, krv_elf_info_t *infop);
+
+/** Visits the file's sections in file order. Returns 0 or the visitor's non-zero result. */
+KORVA_API int korva_elf_iter_sections(krv_elf_t *elf, krv_elf_iter_section_f *func, void *arg);
+
+/** Visits what the loader corrected or refused, in section order. Returns 0 or the visitor's non-zero result. */
+KORVA_API int korva_elf_iter_notes(krv_elf_t *elf, krv_elf_iter_note_f *func, void *arg);
+
+/**
+ * The function symbols of .symtab (of .dynsym when there is no .symtab), ascending by address; of several at one
+ * address all are there, global before weak before local. Stores their number; NULL with 0 when there are none.
+ */
+KORVA_API const krv_elf_symbol_t *korva_elf_get_symbols(krv_elf_t *elf, size_t *countp);
+
+/** The function symbol that covers @p address; of several the first of the innermost. NULL when none does. */
+KORVA_API const krv_elf_symbol_t *korva_elf_lookup_symbol(krv_elf_t *elf, uint64_t address);
+
+/** The first function symbol of that name, or NULL. */
+KORVA_API const krv_elf_symbol_t *korva_elf_lookup_symbol_by_name(krv_elf_t *elf, const char *name);
+
+/**
+ * The load bias of the file when its byte at @p file_offset is mapped at @p address: what must be added to an address
+ * of the file to get the address in memory (the value for KRV_OPT_BASE_ADDR).
+ *
+ * Returns 0, or -1 with KRV_ELF_ERR_NOTFOUND when no loaded segment holds that offset.
+ */
+KORVA_API int korva_elf_load_bias(krv_elf_t *elf, uint64_t address, uint64_t file_offset, uint64_t *biasp,
+                                  krv_elf_error_t *errorp);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif /* LIBKORVA_ELF_H */
