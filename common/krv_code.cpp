@@ -11,7 +11,8 @@
 #include <array>
 #include <cstring>
 
-namespace {
+namespace
+{
 
 enum class family : uint8_t { refused, constant, leb128, string, block, strp, indirect, flag_present };
 
@@ -20,9 +21,9 @@ constexpr uint8_t WIDTH_ADDR = 0xff;   // the target's address size
 
 struct form_row {
     family fam;
-    uint8_t width;           // constants: bytes, or WIDTH_*
-    krv_form_t length_form;  // blocks: how their length is encoded
-    bool is_signed;          // LEB128 numbers
+    uint8_t width;          // constants: bytes, or WIDTH_*
+    krv_form_t length_form; // blocks: how their length is encoded
+    bool is_signed;         // LEB128 numbers
 };
 
 consteval std::array<form_row, 0x21> make_form_table()
@@ -117,7 +118,8 @@ static unsigned int leb128_width(uint64_t value, bool is_signed)
 {
     for (unsigned int width = 1; width < 8; width *= 2) {
         const unsigned int bits = 8 * width;
-        const uint64_t high = is_signed ? static_cast<uint64_t>(static_cast<int64_t>(value) >> (bits - 1)) : value >> bits;
+        const uint64_t high =
+            is_signed ? static_cast<uint64_t>(static_cast<int64_t>(value) >> (bits - 1)) : value >> bits;
         if (high == 0 || (is_signed && high == UINT64_MAX))
             return width;
     }
@@ -333,8 +335,8 @@ static size_t encode_leb128(uint8_t *bytes, uint64_t value, bool is_signed)
     for (bool more = true; more;) {
         const uint8_t low = value & 0x7f;
         value = is_signed ? static_cast<uint64_t>(static_cast<int64_t>(value) >> 7) : value >> 7;
-        more = is_signed ? !((value == 0 && (low & 0x40) == 0) || (value == UINT64_MAX && (low & 0x40) != 0))
-                         : value != 0;
+        more =
+            is_signed ? !((value == 0 && (low & 0x40) == 0) || (value == UINT64_MAX && (low & 0x40) != 0)) : value != 0;
         bytes[count++] = more ? low | 0x80 : low;
     }
     return count;

@@ -17,7 +17,7 @@ void krv_clear_error(krv_handle_t *hp)
     hp->sh_errno = KRV_ERR_NONE;
 }
 
-static void push(krv_handle_t *hp, const char *format, va_list ap)
+[[gnu::format(printf, 2, 0)]] static void push(krv_handle_t *hp, const char *format, va_list ap)
 {
     const uint32_t slot = hp->sh_nerrors;
     if (slot >= KRV_MAX_ERRORS)

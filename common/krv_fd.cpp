@@ -185,8 +185,7 @@ int korva_fd_truncate(krv_fd_t *fdp, uint64_t length)
     krv_clear_error(fdp->sfd_hp);
     const uint64_t left = fdp->sfd_size - fdp->sfd_offset;
     if (length > left)
-        return krv_fail(fdp->sfd_hp, KRV_ERR_INVALID,
-                        "cannot truncate section to %lu bytes;  only %lu remain",
+        return krv_fail(fdp->sfd_hp, KRV_ERR_INVALID, "cannot truncate section to %lu bytes;  only %lu remain",
                         static_cast<unsigned long>(length), static_cast<unsigned long>(left));
     fdp->sfd_remaining = length;
     return 0;

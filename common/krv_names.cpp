@@ -29,10 +29,14 @@ static KRV_NAME_TABLE(VIS);
 #undef KRV_NAME
 
 // Rows indexed by krv_def_t.
-#define KRV_ROW(class) {_krv_##class##_names, std::size(_krv_##class##_names)}
+#define KRV_ROW(class)                                                                                                 \
+    {                                                                                                                  \
+        _krv_##class##_names, std::size(_krv_##class##_names)                                                          \
+    }
 constexpr krv_nap_t _krv_name_tables[KRV_DEF_MAX] = {
-    KRV_ROW(AT),  KRV_ROW(ATE),  KRV_ROW(CC),  KRV_ROW(CFA), KRV_ROW(CHILDREN), KRV_ROW(EH),  KRV_ROW(FORM), KRV_ROW(INL),
-    KRV_ROW(LANG), KRV_ROW(LNE), KRV_ROW(LNS), KRV_ROW(OP),  KRV_ROW(ORD),      KRV_ROW(TAG), KRV_ROW(VIS),
+    KRV_ROW(AT),  KRV_ROW(ATE),  KRV_ROW(CC),  KRV_ROW(CFA),  KRV_ROW(CHILDREN),
+    KRV_ROW(EH),  KRV_ROW(FORM), KRV_ROW(INL), KRV_ROW(LANG), KRV_ROW(LNE),
+    KRV_ROW(LNS), KRV_ROW(OP),   KRV_ROW(ORD), KRV_ROW(TAG),  KRV_ROW(VIS),
 };
 #undef KRV_ROW
 
@@ -78,8 +82,7 @@ constexpr form_class_t _dw_form_classes[] = {
     {DW_FORM_ref8, KRV_CLASS_REFERENCE},
     {DW_FORM_ref_udata, KRV_CLASS_REFERENCE},
     {DW_FORM_indirect, 0},
-    {DW_FORM_sec_offset,
-     KRV_CLASS_LINEPTR | KRV_CLASS_LOCLISTPTR | KRV_CLASS_MACPTR | KRV_CLASS_RANGELISTPTR},
+    {DW_FORM_sec_offset, KRV_CLASS_LINEPTR | KRV_CLASS_LOCLISTPTR | KRV_CLASS_MACPTR | KRV_CLASS_RANGELISTPTR},
     {DW_FORM_exprloc, KRV_CLASS_EXPRLOC},
     {DW_FORM_flag_present, KRV_CLASS_FLAG},
     {DW_FORM_ref_sig8, KRV_CLASS_REFERENCE},
@@ -110,7 +113,8 @@ char *krv_print_define(unsigned int index, unsigned int key)
     KRV_ASSERT(index < sizeof (_krv_name_tables) / sizeof (_krv_name_tables[0]));
     // clang-format on
     const krv_nap_t *table = &_krv_name_tables[index];
-    const void *row = std::bsearch(&key, table->dwnap_tablep, table->dwnap_table_size, sizeof(krv_isp_t), krv_compare_uint);
+    const void *row =
+        std::bsearch(&key, table->dwnap_tablep, table->dwnap_table_size, sizeof(krv_isp_t), krv_compare_uint);
     return row == nullptr ? nullptr : const_cast<char *>(static_cast<const krv_isp_t *>(row)->dwisp_valuep);
 }
 

@@ -31,7 +31,8 @@ void krv_error_print(unsigned int position, const char *message, void *)
     std::fprintf(stderr, "%s%-2d %s\n", prefix, static_cast<int>(position), message);
 }
 
-namespace {
+namespace
+{
 
 struct env_options {
     bool help;

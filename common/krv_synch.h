@@ -21,7 +21,8 @@ void krv_rwlock_wrlock(krv_rwlock_t *lockp);
 void krv_rwlock_unlock(krv_rwlock_t *lockp);
 
 // Holds a lock for a scope.
-class krv_read_guard {
+class krv_read_guard
+{
 public:
     explicit krv_read_guard(krv_rwlock_t *lock) : lockp(lock) { krv_rwlock_rdlock(lock); }
     ~krv_read_guard() { krv_rwlock_unlock(lockp); }
@@ -32,7 +33,8 @@ private:
     krv_rwlock_t *lockp;
 };
 
-class krv_write_guard {
+class krv_write_guard
+{
 public:
     explicit krv_write_guard(krv_rwlock_t *lock) : lockp(lock) { krv_rwlock_wrlock(lock); }
     ~krv_write_guard() { krv_rwlock_unlock(lockp); }

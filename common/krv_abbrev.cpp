@@ -1,0 +1,241 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "krv_abbrev.h"
+
+#include "krv_code.h"
+#include "krv_dwarf.h"
+#include "krv_error.h"
+#include "krv_hash.h"
+#include "krv_mem.h"
+#include "krv_names.h"
+
+constexpr uint64_t FIRST_CAPACITY = 16;
+
+namespace
+{
+
+// A table while it is read; frees what nobody took over.
+struct table_builder {
+    krv_handle_t *hp;
+    krv_fd_t *fdp; // the handle's .debug_abbrev cursor, used in place
+    uint64_t offset;
+    krv_abbrev_t *abbrevs = nullptr;
+    uint64_t abbrevs_size = 0, nabbrevs = 0;
+    krv_afpair_t *pairs = nullptr;
+    uint64_t pairs_size = 0, npairs = 0;
+
+    table_builder(krv_handle_t *handle, uint64_t where)
+        : hp(handle), fdp(&handle->sh_sec[KRV_SEC_ABBREV]), offset(where)
+    {
+    }
+    ~table_builder()
+    {
+        krv_free(abbrevs);
+        krv_free(pairs);
+    }
+    table_builder(const table_builder &) = delete;
+    table_builder &operator=(const table_builder &) = delete;
+
+    unsigned long shown_offset() const { return static_cast<unsigned long>(offset); }
+};
+
+// What a step of the reading came to. `cut`: the list ended, but not with the (0, 0) that would complete it.
+enum class outcome { next, done, cut, failed };
+
+} // namespace
+
+static bool append_pair(table_builder *t, krv_attribute_t attribute, krv_form_t form)
+{
+    if (!krv_table_grow(t->hp, &t->pairs, &t->pairs_size, t->npairs, FIRST_CAPACITY))
+        return false;
+    t->pairs[t->npairs++] = {attribute, form};
+    return true;
+}
+
+// Reported, but reading goes on.
+static void illegal_pair(table_builder *t, uint32_t number, const krv_abbrev_t *abbrev, krv_attribute_t attribute,
+                         krv_form_t form)
+{
+    krv_fail(t->hp, KRV_ERR_CORRUPT,
+             "attribute/form pair %d for abbreviation %d at offset %lu has illegal combination of %s/%s",
+             static_cast<int>(number), static_cast<int>(abbrev->dwa_code), t->shown_offset(),
+             attribute == 0 ? "0" : krv_name_or_unknown(KRV_DEF_AT, attribute),
+             form == 0 ? "0" : krv_name_or_unknown(KRV_DEF_FORM, form));
+}
+
+// Reads one pair: `next` when more may follow, `done` or `cut` when it ended the list.
+static outcome read_pair(table_builder *t, krv_abbrev_t *abbrev)
+{
+    const uint32_t number = abbrev->dwa_nafpairs + 1;
+    krv_attribute_t attribute = 0;
+    krv_form_t form = 0;
+    if (korva_decode_form(t->fdp, DW_FORM_udata, 0, &attribute, sizeof(attribute), nullptr) != 0) {
+        krv_note(t->hp, "failed to read attribute %lu for abbreviation %u at offset %lu",
+                 static_cast<unsigned long>(number), abbrev->dwa_code, t->shown_offset());
+        return outcome::failed;
+    }
+    if (korva_decode_form(t->fdp, DW_FORM_udata, 0, &form, sizeof(form), nullptr) != 0) {
+        krv_note(t->hp, "failed to read form %d for abbreviation %d at offset %lu", static_cast<int>(number),
+                 static_cast<int>(abbrev->dwa_code), t->shown_offset());
+        return outcome::failed;
+    }
+    if (attribute == 0 && form == 0)
+        return outcome::done;
+    if (attribute == 0 || form == 0)
+        illegal_pair(t, number, abbrev, attribute, form);
+    if (!append_pair(t, attribute, form))
+        return outcome::failed;
+    if (attribute == 0)
+        return outcome::cut; // kept in the pair array, but no pair of the abbreviation
+    ++abbrev->dwa_nafpairs;
+    return outcome::next;
+}
+
+// Reads one abbreviation: `done` at the null code. One whose pair list the section's end cuts off is dropped.
+static outcome read_abbrev(table_builder *t)
+{
+    krv_abbrev_t abbrev = {};
+    if (korva_decode_form(t->fdp, DW_FORM_udata, 0, &abbrev.dwa_code, sizeof(abbrev.dwa_code), nullptr) != 0) {
+        krv_note(t->hp, "failed to read code for abbreviation at offset %lu", t->shown_offset());
+        return outcome::failed;
+    }
+    if (abbrev.dwa_code == 0)
+        return outcome::done;
+    uint8_t children = 0;
+    if (korva_decode_form(t->fdp, DW_FORM_udata, 0, &abbrev.dwa_tag, sizeof(abbrev.dwa_tag), nullptr) != 0) {
+        krv_note(t->hp, "failed to read tag for abbreviation at offset %lu", t->shown_offset());
+        return outcome::failed;
+    }
+    if (korva_decode_form(t->fdp, DW_FORM_data1, 0, &children, sizeof(children), nullptr) != 0) {
+        krv_note(t->hp, "failed to read children flag for abbreviation at offset %lu", t->shown_offset());
+        return outcome::failed;
+    }
+    abbrev.dwa_flags = children != 0 ? KRV_ABBREV_FLAG_PARENT : KRV_ABBREV_FLAG_NONE;
+    abbrev.dwa_afpair_start = t->npairs;
+
+    outcome pairs = t->fdp->sfd_remaining == 0 ? outcome::done : outcome::next; // done: a list that never began
+    while (pairs == outcome::next)
+        pairs = t->fdp->sfd_remaining == 0 ? outcome::cut : read_pair(t, &abbrev);
+    if (pairs == outcome::failed)
+        return outcome::failed;
+    if (pairs == outcome::cut && t->fdp->sfd_remaining == 0)
+        return outcome::done;
+    if (!krv_table_grow(t->hp, &t->abbrevs, &t->abbrevs_size, t->nabbrevs, FIRST_CAPACITY))
+        return outcome::failed;
+    t->abbrevs[t->nabbrevs++] = abbrev;
+    return outcome::next;
+}
+
+static krv_hash_t *hash_abbrevs(table_builder *t)
+{
+    // The count is a hint only; no table has more abbreviations than a code has values.
+    krv_hash_t *hash = krv_hash_create(t->hp, static_cast<unsigned int>(t->nabbrevs), KRV_HASH_UINT64);
+    if (hash == nullptr)
+        return nullptr;
+    for (uint64_t i = 0; i < t->nabbrevs; ++i) {
+        krv_abbrev_t *abbrev = &t->abbrevs[i];
+        const krv_hash_key_t key = {.dwhk_u = abbrev->dwa_code};
+        if (krv_hash_insert(t->hp, hash, &key, abbrev) != abbrev) {
+            krv_note(t->hp, "error hashing abbreviation");
+            krv_hash_destroy(hash);
+            return nullptr;
+        }
+    }
+    return hash;
+}
+
+krv_au_t *krv_abbrev_unit_alloc(krv_handle_t *hp, uint64_t offset)
+{
+    KRV_ASSERT(hp != NULL);
+    table_builder t(hp, offset);
+    if (korva_fd_seek(t.fdp, offset, KRV_FD_SEEK_SET) != 0) {
+        krv_note(hp, "can't seek to %lu in .debug_abbrev", t.shown_offset());
+        return nullptr;
+    }
+    while (t.fdp->sfd_remaining > 0) {
+        const outcome abbrev = read_abbrev(&t);
+        if (abbrev == outcome::failed)
+            return nullptr;
+        if (abbrev == outcome::done)
+            break;
+    }
+    if (!krv_table_trim(hp, &t.abbrevs, &t.abbrevs_size, t.nabbrevs) ||
+        !krv_table_trim(hp, &t.pairs, &t.pairs_size, t.npairs))
+        return nullptr;
+    krv_hash_t *hash = hash_abbrevs(&t);
+    if (hash == nullptr)
+        return nullptr;
+    for (uint64_t i = 0; i < t.nabbrevs; ++i)
+        if (t.npairs != 0)
+            t.abbrevs[i].dwa_afpairs = t.pairs + t.abbrevs[i].dwa_afpair_start;
+    auto *au = krv_new<krv_au_t>(hp);
+    if (au == nullptr) {
+        krv_hash_destroy(hash);
+        return nullptr;
+    }
+    *au = {t.abbrevs, t.nabbrevs, t.pairs, t.npairs, hash, offset};
+    t.abbrevs = nullptr;
+    t.pairs = nullptr;
+    return au;
+}
+
+void krv_abbrev_unit_free(krv_au_t *au)
+{
+    krv_hash_destroy(au->sau_hash);
+    krv_free(au->sau_abbrev_table);
+    krv_free(au->sau_afpair_table);
+    krv_free(au);
+}
+
+static krv_hash_t *get_auphash(krv_handle_t *hp)
+{
+    if (krv_hash_t *hash = krv_load(&hp->sh_auphash))
+        return hash;
+    krv_hash_t *fresh = krv_hash_create(hp, 0, KRV_HASH_UINT64);
+    return fresh == nullptr ? nullptr : krv_publish(&hp->sh_auphash, fresh, krv_hash_destroy);
+}
+
+krv_au_t *krv_get_au_by_offset(krv_handle_t *hp, krv_offset_t offset)
+{
+    KRV_ASSERT(hp != NULL);
+    krv_hash_t *hash = get_auphash(hp);
+    if (hash == nullptr)
+        return nullptr;
+    const krv_hash_key_t key = {.dwhk_u = offset};
+    if (void *cached = krv_hash_lookup(hp, hash, &key))
+        return static_cast<krv_au_t *>(cached);
+    krv_au_t *fresh = krv_abbrev_unit_alloc(hp, offset);
+    if (fresh == nullptr)
+        return nullptr;
+    auto *stored = static_cast<krv_au_t *>(krv_hash_insert(hp, hash, &key, fresh));
+    if (stored != fresh)
+        krv_abbrev_unit_free(fresh);
+    return stored;
+}
+
+krv_abbrev_t *krv_get_abbrev(krv_handle_t *hp, krv_au_t *au, unsigned int code)
+{
+    KRV_ASSERT(hp != NULL);
+    KRV_ASSERT(au != NULL);
+    KRV_ASSERT(au->sau_hash != NULL);
+    const krv_hash_key_t key = {.dwhk_u = code};
+    void *abbrev = krv_hash_lookup(hp, au->sau_hash, &key);
+    if (abbrev == nullptr)
+        krv_fail(hp, KRV_ERR_CORRUPT, "abbreviation code %u not found", code);
+    return static_cast<krv_abbrev_t *>(abbrev);
+}
+
+static int free_cached(void *value)
+{
+    krv_abbrev_unit_free(static_cast<krv_au_t *>(value));
+    return 0;
+}
+
+void krv_abbrev_destroy_caches(krv_handle_t *hp)
+{
+    KRV_ASSERT(hp != NULL);
+    if (hp->sh_auphash == nullptr)
+        return;
+    krv_hash_iter(hp->sh_auphash, free_cached);
+    krv_hash_destroy(hp->sh_auphash);
+    hp->sh_auphash = nullptr;
+}

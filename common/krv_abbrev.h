@@ -1,0 +1,52 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// Abbreviation tables of .debug_abbrev: parsed once per handle and offset, then shared and never changed.
+#ifndef KRV_ABBREV_H
+#define KRV_ABBREV_H
+
+#include "krv_types.h"
+
+// One (attribute, form) pair.
+struct krv_afpair_t {
+    krv_attribute_t dwafp_attribute;
+    krv_form_t dwafp_form;
+};
+
+enum krv_abbrev_flag_t : uint32_t {
+    KRV_ABBREV_FLAG_NONE = 0,
+    KRV_ABBREV_FLAG_PARENT = 1, // entries have children
+};
+
+struct krv_abbrev_t {
+    uint32_t dwa_code;
+    krv_tag_t dwa_tag;
+    krv_abbrev_flag_t dwa_flags;
+    uint32_t dwa_nafpairs;     // without the terminating (0, 0)
+    krv_afpair_t *dwa_afpairs; // inside the table's pair array
+    size_t dwa_afpair_start;   // index of the first one there
+};
+
+// One table.
+struct krv_au_t {
+    krv_abbrev_t *sau_abbrev_table; // in section order
+    uint64_t sau_abbrev_table_entries;
+    krv_afpair_t *sau_afpair_table; // the pairs of all abbreviations, back to back
+    uint64_t sau_afpair_table_entries;
+    krv_hash *sau_hash;      // code -> krv_abbrev_t *
+    krv_offset_t sau_offset; // in .debug_abbrev
+};
+
+// The table at `offset`, parsed and cached on first use; it lives until the handle is freed. NULL on failure.
+krv_au_t *krv_get_au_by_offset(krv_handle_t *hp, krv_offset_t offset);
+
+// The abbreviation with `code`; NULL with KRV_ERR_CORRUPT when the table lacks it.
+krv_abbrev_t *krv_get_abbrev(krv_handle_t *hp, krv_au_t *au, unsigned int code);
+
+// Parses one table, without caching it. Moves the handle's .debug_abbrev cursor.
+krv_au_t *krv_abbrev_unit_alloc(krv_handle_t *hp, uint64_t offset);
+void krv_abbrev_unit_free(krv_au_t *au);
+
+// Teardown: frees every cached table.
+void krv_abbrev_destroy_caches(krv_handle_t *hp);
+
+#endif

@@ -1,0 +1,424 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// Entries: reading one into a record that owns its values, finding attributes, walking the tree. Reading moves the
+// section's own cursor.
+#include "krv_code.h"
+#include "krv_dwarf.h"
+#include "krv_error.h"
+#include "krv_fd.h"
+#include "krv_info.h"
+#include "krv_mem.h"
+#include "krv_names.h"
+
+using die_owner = std::unique_ptr<krv_die_t, krv_die_deleter>;
+
+static uint32_t form_flags(const krv_ctu_t *cu)
+{
+    return (cu->dcu_flags & KRV_CU_FLAG_DWARF64) != 0 ? KRV_FORM_F_DWARF64 : 0;
+}
+
+// ---------------------------------------------------------------------------------------------------------------
+// Values
+// ---------------------------------------------------------------------------------------------------------------
+
+static void free_block(krv_fd_t *block)
+{
+    krv_free(block->sfd_u.buf);
+    krv_fd_free(block);
+}
+
+static bool read_block(krv_fd_t *fdp, uint32_t flags, krv_value_t *value)
+{
+    krv_handle_t *hp = fdp->sfd_hp;
+    size_t length = 0;
+    if (korva_decode_form(fdp, value->sa_actual, flags, nullptr, 0, &length) != 0)
+        return false;
+    krv_owner<uint8_t> buf;
+    if (length != 0) {
+        buf.reset(static_cast<uint8_t *>(krv_zalloc(hp, length)));
+        if (buf == nullptr)
+            return false;
+    }
+    krv_owner<krv_fd_t> block(krv_fd_alloc(hp));
+    if (block == nullptr)
+        return false;
+    krv_fd_attach_mem(hp, block.get(), length, buf.get());
+    if (korva_decode_form(fdp, value->sa_actual, flags, block.get(), length, nullptr) != 0)
+        return false;
+    buf.release(); // now the block's
+    value->sa_u.su_addr = block.release();
+    return true;
+}
+
+static bool read_string(krv_fd_t *fdp, uint32_t flags, krv_value_t *value)
+{
+    size_t size = 0;
+    if (korva_decode_form(fdp, value->sa_actual, flags, nullptr, 0, &size) != 0)
+        return false;
+    krv_owner<char> copy(static_cast<char *>(krv_zalloc(fdp->sfd_hp, size)));
+    if (copy == nullptr || korva_decode_form(fdp, value->sa_actual, flags, copy.get(), size, nullptr) != 0)
+        return false;
+    value->sa_u.su_addr = copy.release();
+    return true;
+}
+
+static bool is_block(krv_form_t form)
+{
+    return (krv_get_form_class(form) & (KRV_CLASS_BLOCK | KRV_CLASS_EXPRLOC)) != 0;
+}
+
+static bool is_string(krv_form_t form)
+{
+    return (krv_get_form_class(form) & KRV_CLASS_STRING) != 0;
+}
+
+// Reads one value, stored by the form that the data really have: DW_FORM_indirect may lead to a string or a block.
+static bool read_value(krv_fd_t *fdp, uint32_t flags, krv_form_t form, krv_value_t *value)
+{
+    krv_form_t actual = form;
+    if (form == DW_FORM_indirect && krv_decode_indirect(fdp, flags, &actual) != 0)
+        return false;
+    value->sa_form = form;
+    value->sa_actual = actual;
+    if (is_block(actual))
+        return read_block(fdp, flags, value);
+    if (is_string(actual))
+        return read_string(fdp, flags, value);
+    value->sa_u.su_unsigned = actual == DW_FORM_flag_present ? 1 : 0;
+    return korva_decode_form(fdp, actual, flags, &value->sa_u, sizeof(value->sa_u), nullptr) == 0;
+}
+
+static void free_value(krv_value_t *value)
+{
+    if (value->sa_u.su_addr == nullptr)
+        return;
+    if (is_block(value->sa_actual))
+        free_block(static_cast<krv_fd_t *>(value->sa_u.su_addr));
+    else if (is_string(value->sa_actual))
+        krv_free(value->sa_u.su_addr);
+}
+
+// ---------------------------------------------------------------------------------------------------------------
+// Entries
+// ---------------------------------------------------------------------------------------------------------------
+
+void krv_free_die(krv_die_t *die)
+{
+    if (die == nullptr)
+        return;
+    for (uint32_t i = 0; i < die->dwdie_abbrev_cache->dwa_nafpairs; ++i)
+        free_value(&die->dwdie_attrs[i]);
+    krv_free(die);
+}
+
+static krv_au_t *get_abbrev_unit(krv_handle_t *hp, krv_ctu_t *cu)
+{
+    if (krv_au_t *au = krv_load(&cu->dcu_abbrev_unit))
+        return au;
+    krv_au_t *au = krv_get_au_by_offset(hp, cu->dcu_debug_abbrev_offset);
+    // The table belongs to the handle's cache, so a lost race discards nothing.
+    return au == nullptr ? nullptr : krv_publish(&cu->dcu_abbrev_unit, au, [](krv_au_t *) {});
+}
+
+// A record with room for the abbreviation's values, none of them read yet.
+static krv_die_t *alloc_record(krv_handle_t *hp, krv_abbrev_t *abbrev)
+{
+    const size_t slots = abbrev->dwa_nafpairs == 0 ? 1 : abbrev->dwa_nafpairs;
+    auto *die =
+        static_cast<krv_die_t *>(krv_zalloc(hp, offsetof(krv_die_t, dwdie_attrs) + slots * sizeof(krv_value_t)));
+    if (die != nullptr)
+        die->dwdie_abbrev_cache = abbrev;
+    return die;
+}
+
+static bool read_values(krv_fd_t *fdp, uint32_t flags, krv_die_t *die)
+{
+    const krv_abbrev_t *abbrev = die->dwdie_abbrev_cache;
+    for (uint32_t i = 0; i < abbrev->dwa_nafpairs; ++i) {
+        const krv_afpair_t pair = abbrev->dwa_afpairs[i];
+        krv_value_t value = {};
+        if (!read_value(fdp, flags, pair.dwafp_form, &value)) {
+            if (fdp->sfd_hp->sh_errno != KRV_ERR_NOMEM)
+                krv_note(fdp->sfd_hp, "failed to read DIE's datum %d (%s attribute encoded as %s form)",
+                         static_cast<int>(i), krv_name_or_unknown(KRV_DEF_AT, pair.dwafp_attribute),
+                         krv_name_or_unknown(KRV_DEF_FORM, pair.dwafp_form));
+            return false;
+        }
+        die->dwdie_attrs[i] = value; // stored whole or not at all, so that the record can always be freed
+    }
+    return true;
+}
+
+static krv_abbrev_t *find_abbrev(krv_handle_t *hp, krv_au_t *au, uint64_t code)
+{
+    krv_abbrev_t *abbrev = nullptr;
+    if (code <= UINT32_MAX)
+        abbrev = krv_get_abbrev(hp, au, static_cast<unsigned int>(code));
+    else // no abbreviation has such a code; shown in the 32 bits that the message has room for
+        krv_fail(hp, KRV_ERR_CORRUPT, "abbreviation code %u not found", static_cast<unsigned int>(code));
+    if (abbrev == nullptr)
+        krv_note(hp, "failed to obtain abbreviation for code %lld", static_cast<long long>(code));
+    return abbrev;
+}
+
+// Reads the entry whose code the cursor stands behind. NULL: messages pushed.
+static krv_die_t *read_die(krv_handle_t *hp, krv_fd_t *fdp, krv_ctu_t *cu, krv_au_t *au, uint64_t code)
+{
+    krv_abbrev_t *abbrev = find_abbrev(hp, au, code);
+    if (abbrev == nullptr)
+        return nullptr;
+    die_owner die(alloc_record(hp, abbrev));
+    return die != nullptr && read_values(fdp, form_flags(cu), die.get()) ? die.release() : nullptr;
+}
+
+krv_die_t *krv_alloc_die_by_cu_offset(krv_handle_t *hp, krv_ctu_t *cu, krv_offset_t offset)
+{
+    if (hp == nullptr)
+        return nullptr;
+    if (cu == nullptr) {
+        hp->sh_errno = KRV_ERR_INVALID;
+        return nullptr;
+    }
+    krv_clear_error(hp);
+    krv_fd_t *fdp = &hp->sh_sec[cu->dcu_section];
+    const uint64_t section_offset = krv_add_offset(cu->dcu_offset, offset);
+    krv_die_t *die = nullptr;
+    uint64_t code = 0;
+    if (korva_fd_seek(fdp, section_offset, KRV_FD_SEEK_SET) == 0 &&
+        krv_read_field(fdp, DW_FORM_udata, form_flags(cu), &code, "failed to read DIE's abbreviation code")) {
+        if (code == 0) {
+            hp->sh_errno = KRV_ERR_NOTFOUND;
+            return nullptr;
+        }
+        krv_au_t *au = get_abbrev_unit(hp, cu);
+        if (au == nullptr)
+            return nullptr;
+        die = read_die(hp, fdp, cu, au, code);
+    }
+    if (die == nullptr) {
+        krv_note(hp, "could not allocate DIE at %+lld within CU at %lld within %s", static_cast<long long>(offset),
+                 static_cast<long long>(cu->dcu_offset),
+                 cu->dcu_section == KRV_SEC_TYPES ? ".debug_types" : ".debug_info");
+        return nullptr;
+    }
+    die->dwdie_code = static_cast<uint32_t>(code);
+    die->dwdie_parent_cu = cu;
+    die->dwdie_cu_offset = offset;
+    die->dwdie_section_offset = section_offset;
+    die->dwdie_bufsize = fdp->sfd_offset - section_offset;
+    return die;
+}
+
+int krv_get_die_attr(krv_handle_t *hp, krv_die_t *die, krv_attribute_t attr, krv_form_t *formp, int *classp,
+                     krv_value_t **valuep)
+{
+    KRV_ASSERT(hp != NULL);
+    KRV_ASSERT(die != NULL);
+    const krv_abbrev_t *abbrev = die->dwdie_abbrev_cache;
+    for (uint32_t i = 0; i < abbrev->dwa_nafpairs; ++i) {
+        if (abbrev->dwa_afpairs[i].dwafp_attribute != attr)
+            continue;
+        const krv_form_t form = abbrev->dwa_afpairs[i].dwafp_form;
+        if (formp != nullptr)
+            *formp = form;
+        if (classp != nullptr)
+            *classp = static_cast<int>(krv_get_form_class(form));
+        if (valuep != nullptr)
+            *valuep = &die->dwdie_attrs[i];
+        return 0;
+    }
+    return krv_fail_code(hp, KRV_ERR_NOTFOUND);
+}
+
+int krv_get_die_tag(krv_handle_t *hp, krv_die_t *die, krv_tag_t *tagp)
+{
+    KRV_ASSERT(hp != NULL);
+    KRV_ASSERT(die != NULL);
+    KRV_ASSERT(tagp != NULL);
+    *tagp = die->dwdie_abbrev_cache->dwa_tag;
+    return 0;
+}
+
+int krv_get_die_string_attr(krv_handle_t *hp, krv_die_t *die, krv_attribute_t attr, char *buf, size_t size)
+{
+    KRV_ASSERT(buf != NULL);
+    int mask;
+    krv_value_t *value;
+    if (krv_get_die_attr(hp, die, attr, nullptr, &mask, &value) != 0)
+        return -1;
+    if ((static_cast<uint32_t>(mask) & KRV_CLASS_STRING) == 0 || size == 0)
+        return krv_fail_code(hp, KRV_ERR_INVALID);
+    const auto *text = static_cast<const char *>(value->sa_u.su_addr);
+    const size_t length = strnlen(text, size - 1);
+    std::memcpy(buf, text, length);
+    buf[length] = '\0';
+    return 0;
+}
+
+// ---------------------------------------------------------------------------------------------------------------
+// The tree
+// ---------------------------------------------------------------------------------------------------------------
+
+static bool has_children(const krv_die_t *die)
+{
+    return (die->dwdie_abbrev_cache->dwa_flags & KRV_ABBREV_FLAG_PARENT) != 0;
+}
+
+// Unit-relative offset of what follows the entry itself: its first child, or its sibling when it has no children.
+static krv_offset_t offset_behind(const krv_die_t *die)
+{
+    return die->dwdie_cu_offset + die->dwdie_bufsize;
+}
+
+// The unit-relative offset that a reference attribute holds. -1: absent, no reference, or one that leaves the unit.
+static int get_reference(krv_handle_t *hp, krv_die_t *die, krv_attribute_t attr, krv_offset_t *offsetp)
+{
+    krv_form_t form;
+    int mask;
+    krv_value_t *value;
+    if (krv_get_die_attr(hp, die, attr, &form, &mask, &value) != 0)
+        return -1;
+    if ((static_cast<uint32_t>(mask) & KRV_CLASS_REFERENCE) == 0)
+        return krv_fail(hp, KRV_ERR_INVALID, "attribute %s is not a reference", krv_name_or_unknown(KRV_DEF_AT, attr));
+    if (form == DW_FORM_ref_addr || form == DW_FORM_ref_sig8)
+        return krv_fail(hp, KRV_ERR_UNSUPPORTED, "unsupported reference");
+    *offsetp = value->sa_u.su_unsigned;
+    return 0;
+}
+
+krv_die_t *krv_alloc_die_by_attribute(krv_handle_t *hp, krv_die_t *die, krv_attribute_t attr)
+{
+    KRV_ASSERT(hp != NULL);
+    KRV_ASSERT(die != NULL);
+    krv_offset_t offset;
+    if (get_reference(hp, die, attr, &offset) != 0)
+        return nullptr;
+    return krv_alloc_die_by_cu_offset(hp, die->dwdie_parent_cu, offset);
+}
+
+krv_die_t *krv_alloc_die_child(krv_handle_t *hp, krv_die_t *die)
+{
+    KRV_ASSERT(hp != NULL);
+    KRV_ASSERT(die != NULL);
+    if (!has_children(die)) {
+        hp->sh_errno = KRV_ERR_NOTFOUND;
+        return nullptr;
+    }
+    return krv_alloc_die_by_cu_offset(hp, die->dwdie_parent_cu, offset_behind(die));
+}
+
+// Where an entry's DW_AT_sibling leads. -1 with KRV_ERR_NOTFOUND when it has none. One that does not lead forward
+// within the unit would send a walk in circles or into other units.
+static int get_sibling_link(krv_handle_t *hp, krv_die_t *die, krv_offset_t *offsetp)
+{
+    if (get_reference(hp, die, DW_AT_sibling, offsetp) != 0)
+        return -1;
+    if (*offsetp < offset_behind(die) || *offsetp >= die->dwdie_parent_cu->dcu_size)
+        return krv_fail(hp, KRV_ERR_CORRUPT, "sibling at %+lld of DIE at %+lld within CU at %lld does not lead forward",
+                        static_cast<long long>(*offsetp), static_cast<long long>(die->dwdie_cu_offset),
+                        static_cast<long long>(die->dwdie_parent_cu->dcu_offset));
+    return 0;
+}
+
+// The offset behind the null entry that ends the children of an entry without DW_AT_sibling. Walks its subtree in
+// section order, counting levels instead of recursing, and skips subtrees by their sibling links; every step moves
+// forward. 0 or -1.
+static int skip_children(krv_handle_t *hp, krv_die_t *top, krv_offset_t *offsetp)
+{
+    krv_ctu_t *cu = top->dwdie_parent_cu;
+    krv_offset_t parent = top->dwdie_cu_offset; // whose first child is due, when first_child
+    krv_offset_t offset = offset_behind(top);
+    bool first_child = true;
+    uint64_t level = 1;
+    while (level > 0) {
+        const die_owner die(krv_alloc_die_by_cu_offset(hp, cu, offset));
+        if (die == nullptr) {
+            if (first_child)
+                return krv_fail(hp, KRV_ERR_CORRUPT, "Couldn't obtain child for %s DIE at %lld/%+lld", ".debug_info",
+                                static_cast<long long>(cu->dcu_offset), static_cast<long long>(parent));
+            if (hp->sh_errno != KRV_ERR_NOTFOUND)
+                return -1;
+            --level;
+            offset = hp->sh_sec[cu->dcu_section].sfd_offset - cu->dcu_offset; // behind the null entry
+            continue;
+        }
+        first_child = false;
+        if (has_children(die.get()) && get_sibling_link(hp, die.get(), &offset) == 0)
+            continue;
+        if (has_children(die.get())) {
+            if (hp->sh_errno != KRV_ERR_NOTFOUND)
+                return -1;
+            parent = die->dwdie_cu_offset;
+            first_child = true;
+            ++level;
+        }
+        offset = offset_behind(die.get());
+    }
+    *offsetp = offset;
+    return 0;
+}
+
+krv_die_t *krv_alloc_die_sibling(krv_handle_t *hp, krv_die_t *die)
+{
+    KRV_ASSERT(hp != NULL);
+    KRV_ASSERT(die != NULL);
+    krv_offset_t offset = offset_behind(die);
+    if (has_children(die) && get_sibling_link(hp, die, &offset) != 0 &&
+        (hp->sh_errno != KRV_ERR_NOTFOUND || skip_children(hp, die, &offset) != 0))
+        return nullptr;
+    return krv_alloc_die_by_cu_offset(hp, die->dwdie_parent_cu, offset);
+}
+
+int krv_iter_children_in_die(krv_handle_t *hp, krv_die_t *die, krv_iter_die_children_f *fn, void *arg)
+{
+    KRV_ASSERT(hp != NULL);
+    KRV_ASSERT(die != NULL);
+    KRV_ASSERT(fn != NULL);
+    die_owner child(krv_alloc_die_child(hp, die));
+    if (child == nullptr) {
+        krv_note(hp, "DIE has no children");
+        return 0;
+    }
+    while (child != nullptr) {
+        const int result = fn(hp, child.get(), arg);
+        die_owner sibling(krv_alloc_die_sibling(hp, child.get()));
+        if (result != 0)
+            return result;
+        child = std::move(sibling);
+    }
+    return hp->sh_errno == KRV_ERR_NOTFOUND ? 0 : -1;
+}
+
+// ---------------------------------------------------------------------------------------------------------------
+// Exported
+// ---------------------------------------------------------------------------------------------------------------
+
+static int get_string(krv_handle_t *hp, krv_die_t *die, krv_attribute_t attr, char *buf, size_t size)
+{
+    if (hp == nullptr)
+        return -1;
+    if (die == nullptr || buf == nullptr)
+        return krv_fail_code(hp, KRV_ERR_INVALID);
+    krv_clear_error(hp);
+    return krv_get_die_string_attr(hp, die, attr, buf, size);
+}
+
+int korva_get_die_at_producer(krv_handle_t *hp, krv_die_t *die, char *buf, size_t size)
+{
+    return get_string(hp, die, DW_AT_producer, buf, size);
+}
+
+int korva_get_die_at_comp_dir(krv_handle_t *hp, krv_die_t *die, char *buf, size_t size)
+{
+    return get_string(hp, die, DW_AT_comp_dir, buf, size);
+}
+
+int korva_get_die_at_name(krv_handle_t *hp, krv_die_t *die, char *buf, size_t size)
+{
+    return get_string(hp, die, DW_AT_name, buf, size);
+}
+
+int korva_get_die_at_ZEPH_original_name(krv_handle_t *hp, krv_die_t *die, char *buf, size_t size)
+{
+    return get_string(hp, die, DW_AT_ZEPH_original_name, buf, size);
+}

@@ -1,0 +1,183 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// Units: their headers, their records, and the walk over them. Entries are in krv_die.cpp. Header reading moves the
+// section's own cursor.
+#include "krv_info.h"
+
+#include "krv_code.h"
+#include "krv_dwarf.h"
+#include "krv_error.h"
+#include "krv_fd.h"
+#include "krv_line.h"
+#include "krv_lookup.h"
+#include "krv_mem.h"
+
+static const char *section_name(krv_secidx_t sec)
+{
+    return sec == KRV_SEC_TYPES ? ".debug_types" : ".debug_info";
+}
+
+// Reads unit_length and settles the format. False: messages pushed.
+static bool read_unit_length(krv_handle_t *hp, krv_ctu_t *cu, krv_fd_t *fdp, uint64_t offset)
+{
+    if (!krv_read_field(fdp, DW_FORM_sec_offset, 0, &cu->dcu_unit_length, "failed to read 4-byte unit_length"))
+        return false;
+    uint64_t length_size = 4;
+    if (cu->dcu_unit_length == KRV_LENGTH_DWARF64) {
+        cu->dcu_flags |= KRV_CU_FLAG_DWARF64;
+        length_size = 12;
+        if (!krv_read_field(fdp, DW_FORM_sec_offset, KRV_FORM_F_DWARF64, &cu->dcu_unit_length,
+                            "failed to read 8-byte unit_length"))
+            return false;
+    } else if (cu->dcu_unit_length >= KRV_LENGTH_RESERVED) {
+        krv_fail(hp, KRV_ERR_CORRUPT, "reserved value (0x%x) in 4-byte unit_length",
+                 static_cast<unsigned int>(cu->dcu_unit_length));
+        return false;
+    }
+    if (!krv_extent_fits(fdp->sfd_size, offset, length_size, cu->dcu_unit_length)) {
+        krv_fail(hp, KRV_ERR_CORRUPT, "unit_length (%llu) too large for existing section size (%llu)",
+                 static_cast<unsigned long long>(cu->dcu_unit_length), static_cast<unsigned long long>(fdp->sfd_size));
+        return false;
+    }
+    cu->dcu_size = cu->dcu_unit_length + length_size;
+    return true;
+}
+
+static bool read_header(krv_handle_t *hp, krv_ctu_t *cu, krv_secidx_t sec, uint64_t offset)
+{
+    krv_fd_t *fdp = &hp->sh_sec[sec];
+    *cu = {};
+    if (korva_fd_seek(fdp, offset, KRV_FD_SEEK_SET) != 0 || !read_unit_length(hp, cu, fdp, offset))
+        return false;
+    const uint32_t flags = (cu->dcu_flags & KRV_CU_FLAG_DWARF64) != 0 ? KRV_FORM_F_DWARF64 : 0;
+    if (!krv_read_field(fdp, DW_FORM_data2, flags, &cu->dcu_version, "failed to read version") ||
+        !krv_read_field(fdp, DW_FORM_sec_offset, flags, &cu->dcu_debug_abbrev_offset,
+                        "failed to read debug_abbreviation_offset") ||
+        !krv_read_field(fdp, DW_FORM_data1, flags, &cu->dcu_address_size, "failed to read address_size"))
+        return false;
+    if (sec == KRV_SEC_TYPES &&
+        (!krv_read_field(fdp, DW_FORM_data8, flags, &cu->dcu_type_signature, "failed to read type_signature") ||
+         !krv_read_field(fdp, DW_FORM_sec_offset, flags, &cu->dcu_type_offset, "failed to read type_offset")))
+        return false;
+    cu->dcu_section = sec;
+    cu->dcu_offset = offset;
+    cu->dcu_header_size = static_cast<uint8_t>(fdp->sfd_offset - offset);
+    return true;
+}
+
+int krv_info_hdr_read(krv_handle_t *hp, krv_ctu_t *cu, krv_secidx_t sec, uint64_t offset)
+{
+    KRV_ASSERT(hp != NULL);
+    KRV_ASSERT(cu != NULL);
+    if (sec != KRV_SEC_INFO && sec != KRV_SEC_TYPES)
+        return krv_fail(hp, KRV_ERR_INVALID, "invalid section (%d)", sec);
+    if (!read_header(hp, cu, sec, offset))
+        return krv_note(hp, "failed to read CU header at offset %lld in %s", static_cast<long long>(offset),
+                        section_name(sec));
+    return 0;
+}
+
+// Frees a unit, complete or not.
+static void discard_cu(krv_ctu_t *cu)
+{
+    krv_free_die(cu->dcu_compile_unit);
+    krv_free(cu->dcu_comp_dir);
+    krv_free(cu->dcu_name);
+    if (cu->dcu_aranges != nullptr)
+        krv_free(krv_ranges_list(cu->dcu_aranges));
+    if (cu->dcu_lnphp != nullptr)
+        krv_lnph_free(cu->dcu_lnphp);
+    krv_free(cu);
+}
+
+void krv_cu_free(krv_ctu_t *cu)
+{
+    KRV_ASSERT(cu != NULL);
+    KRV_ASSERT(cu->dcu_compile_unit != NULL);
+    discard_cu(cu);
+}
+
+// Keeps a copy of a string attribute of the unit's first entry; an absent one is no failure.
+static bool copy_name(krv_handle_t *hp, krv_die_t *die, krv_attribute_t attr, char **copyp)
+{
+    char buf[KRV_STRING_BUFSZ];
+    if (krv_get_die_string_attr(hp, die, attr, buf, sizeof(buf)) != 0)
+        return hp->sh_errno == KRV_ERR_NOTFOUND;
+    *copyp = krv_strdup(hp, buf);
+    return *copyp != nullptr;
+}
+
+static bool fill_cu(krv_handle_t *hp, krv_ctu_t *cu, krv_secidx_t sec, uint64_t offset)
+{
+    if (krv_info_hdr_read(hp, cu, sec, offset) != 0)
+        return false;
+    cu->dcu_compile_unit = krv_alloc_die_by_cu_offset(hp, cu, cu->dcu_header_size);
+    return cu->dcu_compile_unit != nullptr && copy_name(hp, cu->dcu_compile_unit, DW_AT_comp_dir, &cu->dcu_comp_dir) &&
+           copy_name(hp, cu->dcu_compile_unit, DW_AT_name, &cu->dcu_name);
+}
+
+// The one section that units are read from. -1: refused with its message.
+static int check_section(krv_handle_t *hp, krv_secidx_t sec)
+{
+    if (sec == KRV_SEC_TYPES)
+        return krv_fail(hp, KRV_ERR_UNSUPPORTED, ".debug_types is unsupported");
+    if (sec != KRV_SEC_INFO)
+        return krv_fail(hp, KRV_ERR_INVALID, "invalid section (%u)", static_cast<unsigned int>(sec));
+    return 0;
+}
+
+krv_ctu_t *krv_cu_alloc(krv_handle_t *hp, krv_secidx_t sec, uint64_t offset)
+{
+    KRV_ASSERT(hp != NULL);
+    if (check_section(hp, sec) != 0)
+        return nullptr;
+    auto *cu = krv_new<krv_ctu_t>(hp);
+    if (cu != nullptr && fill_cu(hp, cu, sec, offset))
+        return cu;
+    krv_note(hp, "failed to obtain CU at offset %lld in %s", static_cast<long long>(offset), section_name(sec));
+    if (cu != nullptr)
+        discard_cu(cu);
+    return nullptr;
+}
+
+int korva_iter_cu(krv_handle_t *hp, krv_secidx_t sec, krv_iter_cu_f *fn, void *arg)
+{
+    if (hp == nullptr)
+        return -1;
+    if (fn == nullptr)
+        return krv_fail_code(hp, KRV_ERR_INVALID);
+    krv_clear_error(hp);
+    if (check_section(hp, sec) != 0 || krv_lookup_build_cu_caches(hp) != 0)
+        return -1;
+    for (uint32_t i = 0; i < hp->sh_cu_table_entries; ++i)
+        if (const int result = fn(hp, hp->sh_cu_table[i], arg))
+            return result;
+    return 0;
+}
+
+int korva_get_cu_cudie(krv_handle_t *hp, krv_ctu_t *cup, krv_die_t **diep)
+{
+    if (hp == nullptr)
+        return -1;
+    if (cup == nullptr || diep == nullptr)
+        return krv_fail_code(hp, KRV_ERR_INVALID);
+    krv_clear_error(hp);
+    *diep = cup->dcu_compile_unit;
+    return 0;
+}
+
+int korva_cu_get_header(krv_handle_t *hp, krv_ctu_t *cup, krv_cu_header_t *headerp)
+{
+    if (hp == nullptr)
+        return -1;
+    if (cup == nullptr || headerp == nullptr)
+        return krv_fail_code(hp, KRV_ERR_INVALID);
+    krv_clear_error(hp);
+    *headerp = {.offset = cup->dcu_offset,
+                .size = cup->dcu_size,
+                .abbrev_offset = cup->dcu_debug_abbrev_offset,
+                .version = cup->dcu_version,
+                .address_size = cup->dcu_address_size,
+                .dwarf64 = (cup->dcu_flags & KRV_CU_FLAG_DWARF64) != 0};
+    return 0;
+}

@@ -1,0 +1,100 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// Units of .debug_info and their entries. Units are built only while krv_lookup builds the unit table, and are shared;
+// entries are read afresh by whoever navigates and freed by them, but for a unit's first entry, which its unit owns.
+#ifndef KRV_INFO_H
+#define KRV_INFO_H
+
+#include "krv_abbrev.h"
+#include "krv_types.h"
+
+constexpr uint32_t KRV_CU_FLAG_DWARF64 = 0x1; // dcu_flags
+
+// One compilation unit. The fields from dcu_abbrev_unit on are filled on first use and published atomically, except
+// dcu_size and those of the first entry.
+struct krv_ctu {
+    uint64_t dcu_unit_length;
+    uint16_t dcu_version;
+    uint64_t dcu_debug_abbrev_offset;
+    uint8_t dcu_address_size;
+    uint64_t dcu_type_signature; // .debug_types headers only
+    uint64_t dcu_type_offset;    // likewise
+    int dcu_section;             // KRV_SEC_INFO
+    uint64_t dcu_offset;         // of the unit's first byte in the section
+    uint8_t dcu_header_size;     // bytes from there to the first entry
+    krv_au_t *dcu_abbrev_unit;   // owned by the handle
+    krv_lnph_t *dcu_lnphp;       // owned
+    size_t dcu_size;             // whole unit, length field included
+    uint64_t *dcu_aranges;       // owned: (start, end) pairs; NULL while unknown; see krv_ranges_count
+    size_t dcu_aranges_size;     // number of pairs
+    krv_die_t *dcu_compile_unit; // owned: the first entry
+    char *dcu_comp_dir;          // owned; NULL when the entry has none
+    char *dcu_name;              // owned; NULL when the entry has none
+    uint32_t dcu_flags;          // KRV_CU_FLAG_*
+};
+
+// One entry, independent of its section once read.
+struct krv_die {
+    uint32_t dwdie_code;
+    krv_ctu_t *dwdie_parent_cu;
+    krv_offset_t dwdie_cu_offset;      // from the unit's first byte
+    krv_offset_t dwdie_section_offset; // from the section's
+    krv_abbrev_t *dwdie_abbrev_cache;
+    size_t dwdie_bufsize;       // encoded size: code and values, not the children
+    krv_value_t dwdie_attrs[1]; // one a pair of the abbreviation
+};
+
+// Reads the unit header at `offset` of .debug_info or .debug_types. 0 or -1. Moves the section's cursor.
+int krv_info_hdr_read(krv_handle_t *hp, krv_ctu_t *cu, krv_secidx_t sec, uint64_t offset);
+
+// The unit at `offset` with its first entry and its two names, or NULL.
+krv_ctu_t *krv_cu_alloc(krv_handle_t *hp, krv_secidx_t sec, uint64_t offset);
+void krv_cu_free(krv_ctu_t *cu);
+
+// The entry at a unit-relative offset. NULL on failure, and NULL with KRV_ERR_NOTFOUND and no message for a null
+// entry; the section cursor then stands behind it. Clears the error state. Free with krv_free_die.
+krv_die_t *krv_alloc_die_by_cu_offset(krv_handle_t *hp, krv_ctu_t *cu, krv_offset_t offset);
+void krv_free_die(krv_die_t *die); // NULL is ignored
+
+struct krv_die_deleter {
+    void operator()(krv_die_t *die) const { krv_free_die(die); }
+};
+
+// Finds an attribute: its form, class mask and value slot, each where the pointer is not NULL. -1 with
+// KRV_ERR_NOTFOUND, no message, when the entry has none.
+int krv_get_die_attr(krv_handle_t *hp, krv_die_t *die, krv_attribute_t attr, krv_form_t *formp, int *classp,
+                     krv_value_t **valuep);
+int krv_get_die_tag(krv_handle_t *hp, krv_die_t *die, krv_tag_t *tagp);
+
+// Copies a string attribute, cut to size - 1 characters. KRV_ERR_NOTFOUND, or KRV_ERR_INVALID when it is no string.
+int krv_get_die_string_attr(krv_handle_t *hp, krv_die_t *die, krv_attribute_t attr, char *buf, size_t size);
+
+// Navigation: a new entry, or NULL, with KRV_ERR_NOTFOUND where there is none.
+krv_die_t *krv_alloc_die_child(krv_handle_t *hp, krv_die_t *die);
+krv_die_t *krv_alloc_die_sibling(krv_handle_t *hp, krv_die_t *die);
+krv_die_t *krv_alloc_die_by_attribute(krv_handle_t *hp, krv_die_t *die, krv_attribute_t attr);
+
+// Calls fn for each child; the child is freed afterwards. 0, fn's non-zero result, or -1.
+typedef int krv_iter_die_children_f(krv_handle_t *hp, krv_die_t *child, void *arg);
+int krv_iter_children_in_die(krv_handle_t *hp, krv_die_t *die, krv_iter_die_children_f *fn, void *arg);
+
+// A unit's ranges are published as one object, pairs and their number together, so that no reader can see the pairs
+// of one list with the count of another: dcu_aranges points at srl_pairs, and the count stands in front of them.
+// dcu_aranges_size repeats it.
+struct krv_range_list_t {
+    uint64_t srl_count;
+    uint64_t srl_pairs[]; // start, end, start, end, ...
+};
+
+inline krv_range_list_t *krv_ranges_list(uint64_t *aranges)
+{
+    return reinterpret_cast<krv_range_list_t *>(reinterpret_cast<uint8_t *>(aranges) -
+                                                offsetof(krv_range_list_t, srl_pairs));
+}
+
+inline uint64_t krv_ranges_count(uint64_t *aranges)
+{
+    return krv_ranges_list(aranges)->srl_count;
+}
+
+#endif

@@ -1,0 +1,280 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// The client's view of line numbers: the row for an address, the walk over a program, and the fields of rows and
+// files. Rows hold addresses of the unit's own address space; KRV_OPT_BASE_ADDR is applied here and nowhere else.
+#include "krv_line.h"
+
+#include "krv_error.h"
+#include "krv_mem.h"
+
+#include <cstring>
+
+static uint64_t bias(const krv_handle_t *hp)
+{
+    const krv_opt_t *opt = &hp->sh_opts[KRV_OPT_BASE_ADDR];
+    return opt->sopt_set == B_TRUE ? opt->sopt_u.o_ulong : 0;
+}
+
+// ---------------------------------------------------------------------------------------------------------------
+// Source lookup
+// ---------------------------------------------------------------------------------------------------------------
+
+// The index of the last sequence that starts at or below the address, or -1.
+static int64_t last_starting_at_or_below(const krv_lnp_t *lnpp, uint64_t address)
+{
+    int64_t lo = 0, hi = int64_t{lnpp->slnp_lnbp_entries} - 1;
+    while (lo <= hi) {
+        const int64_t mid = (lo + hi) / 2;
+        if (lnpp->slnp_lnbp[mid].slnb_start_addr <= address)
+            lo = mid + 1;
+        else
+            hi = mid - 1;
+    }
+    return hi;
+}
+
+// The row at or below the address whose successor lies above it; the last of several at one address. NULL when the
+// sequence's rows are out of order.
+static krv_lns_t *find_row(const krv_lnp_t *lnpp, const krv_lnb_t *seq, uint64_t address)
+{
+    int64_t lo = seq->slnb_start_index, hi = int64_t{seq->slnb_end_index} - 1;
+    while (lo <= hi) {
+        const int64_t mid = (lo + hi) / 2;
+        krv_lns_t *row = &lnpp->slnp_lnsp[mid];
+        if (row->slns_address > address)
+            hi = mid - 1;
+        else if (row[1].slns_address <= address)
+            lo = mid + 1;
+        else
+            return row;
+    }
+    return nullptr;
+}
+
+// An address between two sequences belongs to the one of them that the caller's range [start, end) reaches into, if
+// it reaches into one only.
+static krv_lns_t *find_gap_row(const krv_lnp_t *lnpp, int64_t prev, uint64_t start, uint64_t end)
+{
+    const krv_lnb_t *before = prev < 0 ? nullptr : &lnpp->slnp_lnbp[prev];
+    const krv_lnb_t *after = prev + 1 < int64_t{lnpp->slnp_lnbp_entries} ? &lnpp->slnp_lnbp[prev + 1] : nullptr;
+    const bool reaches_before = (before == nullptr ? 0 : before->slnb_end_addr) > start;
+    const bool reaches_after = after != nullptr && after->slnb_start_addr < end;
+    if (reaches_before == reaches_after)
+        return nullptr;
+    return &lnpp->slnp_lnsp[reaches_before ? before->slnb_end_index - 1 : after->slnb_start_index];
+}
+
+krv_lns_t *korva_lookup_source_by_cu_and_addr(krv_handle_t *hp, krv_ctu_t *cup, uint64_t start, uint64_t size,
+                                              uint64_t addr, unsigned int)
+{
+    if (hp == nullptr)
+        return nullptr;
+    if (cup == nullptr) {
+        hp->sh_errno = KRV_ERR_INVALID;
+        return nullptr;
+    }
+    krv_clear_error(hp);
+    if (addr < start || addr >= start + size) {
+        krv_fail(hp, KRV_ERR_INVALID, "addr (0x%lx) does not lie in range described by start (0x%lx) and size (0x%lx)",
+                 static_cast<unsigned long>(addr), static_cast<unsigned long>(start), static_cast<unsigned long>(size));
+        return nullptr;
+    }
+    krv_lnph_t *lnphp = korva_line_get_cu_lnph(hp, cup);
+    if (lnphp == nullptr) {
+        krv_note(hp, "couldn't find line number header for CU");
+        return nullptr;
+    }
+    const krv_lnp_t *lnpp = krv_line_get_matrix(hp, lnphp);
+    if (lnpp == nullptr) {
+        krv_note(hp, "couldn't find line number program for CU");
+        return nullptr;
+    }
+
+    const uint64_t address = addr - bias(hp);
+    const uint64_t range_start = start - bias(hp);
+    const int64_t prev = last_starting_at_or_below(lnpp, address);
+    if (prev >= 0 && address < lnpp->slnp_lnbp[prev].slnb_end_addr) {
+        const krv_lnb_t *seq = &lnpp->slnp_lnbp[prev];
+        krv_lns_t *row = find_row(lnpp, seq, address);
+        if (row == nullptr)
+            krv_fail(hp, KRV_ERR_CORRUPT, "corrupt line number sequence in rows %u--%ufor address 0x%lx",
+                     seq->slnb_start_index, seq->slnb_end_index, static_cast<unsigned long>(address));
+        return row;
+    }
+    krv_lns_t *row = find_gap_row(lnpp, prev, range_start, range_start + size);
+    if (row == nullptr)
+        hp->sh_errno = KRV_ERR_NOTFOUND;
+    return row;
+}
+
+int korva_iter_line_entry(krv_handle_t *hp, krv_lnph_t *lnphp, krv_iter_lne_f *func, void *arg)
+{
+    if (hp == nullptr)
+        return -1;
+    if (lnphp == nullptr)
+        return krv_fail_code(hp, KRV_ERR_INVALID);
+    krv_clear_error(hp);
+    krv_lnp_t *lnpp = nullptr;
+    const int result = krv_line_build_program(hp, lnphp, &lnpp, func, arg);
+    if (lnpp != nullptr)
+        krv_line_free_program(lnpp);
+    return result;
+}
+
+// ---------------------------------------------------------------------------------------------------------------
+// Rows
+// ---------------------------------------------------------------------------------------------------------------
+
+// The contract of every row accessor: 0 when the row may be read, with the error state cleared.
+static int enter_row(krv_handle_t *hp, const krv_lns_t *lnsp)
+{
+    if (hp == nullptr)
+        return -1;
+    if (lnsp == nullptr)
+        return krv_fail_code(hp, KRV_ERR_INVALID);
+    krv_clear_error(hp);
+    return 0;
+}
+
+static int get_flag(krv_handle_t *hp, const krv_lns_t *lnsp, uint32_t flag, boolean_t *resultp)
+{
+    if (enter_row(hp, lnsp) != 0)
+        return -1;
+    *resultp = (lnsp->slns_flags & flag) != 0 ? B_TRUE : B_FALSE;
+    return 0;
+}
+
+int korva_lns_get_address(krv_handle_t *hp, krv_lns_t *lnsp, uint64_t *addrp)
+{
+    if (enter_row(hp, lnsp) != 0)
+        return -1;
+    *addrp = lnsp->slns_address + bias(hp);
+    return 0;
+}
+
+int korva_lns_get_canonical_address(krv_handle_t *hp, krv_lns_t *lnsp, uint64_t *addrp)
+{
+    if (enter_row(hp, lnsp) != 0)
+        return -1;
+    *addrp = lnsp->slns_u.slnsu_c_address + bias(hp);
+    return 0;
+}
+
+int korva_lns_get_op_index(krv_handle_t *hp, krv_lns_t *lnsp, uint32_t *op_indexp)
+{
+    if (enter_row(hp, lnsp) != 0)
+        return -1;
+    *op_indexp = lnsp->slns_op_index;
+    return 0;
+}
+
+int korva_lns_get_file(krv_handle_t *hp, krv_lns_t *lnsp, uint32_t *filep)
+{
+    if (enter_row(hp, lnsp) != 0)
+        return -1;
+    *filep = lnsp->slns_file;
+    return 0;
+}
+
+int korva_lns_get_line(krv_handle_t *hp, krv_lns_t *lnsp, uint32_t *linep)
+{
+    if (enter_row(hp, lnsp) != 0)
+        return -1;
+    *linep = lnsp->slns_line;
+    return 0;
+}
+
+int korva_lns_get_column(krv_handle_t *hp, krv_lns_t *lnsp, uint16_t *columnp)
+{
+    if (enter_row(hp, lnsp) != 0)
+        return -1;
+    *columnp = lnsp->slns_column;
+    return 0;
+}
+
+int korva_lns_get_is(krv_handle_t *hp, krv_lns_t *lnsp, boolean_t *isp)
+{
+    return get_flag(hp, lnsp, KRV_LNS_FLAG_IS, isp);
+}
+
+int korva_lns_get_bb(krv_handle_t *hp, krv_lns_t *lnsp, boolean_t *bbp)
+{
+    return get_flag(hp, lnsp, KRV_LNS_FLAG_BB, bbp);
+}
+
+int korva_lns_get_es(krv_handle_t *hp, krv_lns_t *lnsp, boolean_t *esp)
+{
+    return get_flag(hp, lnsp, KRV_LNS_FLAG_ES, esp);
+}
+
+int korva_lns_get_pe(krv_handle_t *hp, krv_lns_t *lnsp, boolean_t *pep)
+{
+    return get_flag(hp, lnsp, KRV_LNS_FLAG_PE, pep);
+}
+
+int korva_lns_get_eb(krv_handle_t *hp, krv_lns_t *lnsp, boolean_t *ebp)
+{
+    return get_flag(hp, lnsp, KRV_LNS_FLAG_EB, ebp);
+}
+
+int korva_lns_get_isa(krv_handle_t *hp, krv_lns_t *lnsp, uint16_t *isap)
+{
+    if (enter_row(hp, lnsp) != 0)
+        return -1;
+    *isap = lnsp->slns_isa;
+    return 0;
+}
+
+int korva_lns_get_discriminator(krv_handle_t *hp, krv_lns_t *lnsp, uint16_t *discriminatorp)
+{
+    if (enter_row(hp, lnsp) != 0)
+        return -1;
+    *discriminatorp = lnsp->slns_discriminator;
+    return 0;
+}
+
+krv_lnfe_t *korva_lns_get_filep(krv_handle_t *hp, krv_lns_t *lnsp)
+{
+    return enter_row(hp, lnsp) != 0 ? nullptr : lnsp->slns_filep;
+}
+
+// ---------------------------------------------------------------------------------------------------------------
+// Files
+// ---------------------------------------------------------------------------------------------------------------
+
+static int enter_file(krv_handle_t *hp, const krv_lnfe_t *lnfep, const void *resultp)
+{
+    if (hp == nullptr)
+        return -1;
+    if (lnfep == nullptr || resultp == nullptr)
+        return krv_fail_code(hp, KRV_ERR_INVALID);
+    krv_clear_error(hp);
+    return 0;
+}
+
+int korva_lnfe_get_path(krv_handle_t *hp, krv_lnfe_t *lnfep, char *buf, size_t len, boolean_t absolute)
+{
+    if (enter_file(hp, lnfep, buf) != 0)
+        return -1;
+    const char *path = absolute == B_TRUE ? lnfep->slnfe_absolute_path : lnfep->slnfe_path;
+    const size_t count = strnlen(path, len);
+    std::memcpy(buf, path, count);
+    std::memset(buf + count, 0, len - count);
+    return 0;
+}
+
+int korva_lnfe_get_mtime(krv_handle_t *hp, krv_lnfe_t *lnfep, uint64_t *mtimep)
+{
+    if (enter_file(hp, lnfep, mtimep) != 0)
+        return -1;
+    *mtimep = lnfep->slnfe_mtime;
+    return 0;
+}
+
+int korva_lnfe_get_size(krv_handle_t *hp, krv_lnfe_t *lnfep, uint64_t *sizep)
+{
+    if (enter_file(hp, lnfep, sizep) != 0)
+        return -1;
+    *sizep = lnfep->slnfe_size;
+    return 0;
+}

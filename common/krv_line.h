@@ -1,0 +1,142 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// Line numbers: the header of a unit's line-number program (krv_line_header.cpp), its execution into a matrix
+// (krv_line_program.cpp), and the client's view of both (krv_line.cpp).
+#ifndef KRV_LINE_H
+#define KRV_LINE_H
+
+#include "krv_info.h"
+#include "krv_types.h"
+
+// One file of a header's table. Allocated by itself, so that it stays where it is while the table grows.
+struct krv_lnfe {
+    char *slnfe_absolute_path; // owned: composed of compilation directory, include directory and name
+    char *slnfe_path;          // owned: the name as written
+    uint64_t slnfe_diridx;     // 0: compilation directory; n: sln_id[n - 1]; never above sln_id_entries
+    uint64_t slnfe_mtime;      // as recorded
+    uint64_t slnfe_size;       // as recorded
+};
+
+// The line-number program header of one unit. Fixed once published, but for the file table, which a program's own
+// files extend: see krv_lnph_add_file.
+struct krv_lnph {
+    uint64_t sln_unit_length;
+    uint16_t sln_version;
+    uint64_t sln_header_length;
+    uint8_t sln_mil;  // minimum_instruction_length
+    uint8_t sln_mopi; // maximum_operations_per_instruction; 1 before version 4
+    uint8_t sln_default_is_stmt;
+    int8_t sln_line_base;
+    uint8_t sln_line_range;
+    uint8_t sln_opcode_base;
+    uint8_t *sln_sol; // owned: operand counts, byte i for opcode i + 1; opcode_base bytes
+    char **sln_id;    // owned: include directories, owned strings
+    uint64_t sln_id_size;
+    uint64_t sln_id_entries;
+    krv_lnfe_t **sln_files; // owned: files, owned entries; file register n is element n - 1
+    uint64_t sln_files_size;
+    uint64_t sln_files_entries;
+    uint64_t sln_offset;         // of the header in .debug_line
+    unsigned int sln_flags;      // KRV_FORM_F_DWARF64 or 0
+    krv_lnp_t *sln_lnp;          // owned: the matrix; NULL until first built
+    uint64_t sln_program_offset; // of the first opcode in .debug_line
+    uint64_t sln_program_size;   // bytes from there to the end of the unit
+    krv_rwlock_t sln_files_lock; // serialises additions to the file table
+};
+
+enum krv_lns_flag_t : uint32_t {
+    KRV_LNS_FLAG_IS = 1,  // is_stmt
+    KRV_LNS_FLAG_BB = 2,  // basic_block
+    KRV_LNS_FLAG_ES = 4,  // end_sequence
+    KRV_LNS_FLAG_PE = 8,  // prologue_end
+    KRV_LNS_FLAG_EB = 16, // epilogue_begin
+};
+
+// The registers of the state machine, and a row of the matrix.
+struct krv_lns {
+    uint64_t slns_address; // in the unit's own address space: never biased
+    unsigned int slns_op_index;
+    unsigned int slns_file;
+    unsigned int slns_line;
+    unsigned short slns_column;
+    uint32_t slns_flags; // KRV_LNS_FLAG_*
+    unsigned short slns_isa;
+    unsigned short slns_discriminator;
+    krv_lnfe_t *slns_filep; // rows: the file, or NULL when the table has none of that number
+    union {
+        uint64_t slnsu_index;     // rows of the temporary table of the canonical pass
+        uint64_t slnsu_c_address; // rows of a matrix
+    } slns_u;
+};
+
+// One address sequence.
+struct krv_lnb_t {
+    uint64_t slnb_start_addr;      // of its first row
+    uint64_t slnb_end_addr;        // of its end_sequence row
+    unsigned int slnb_start_index; // of its first row
+    unsigned int slnb_end_index;   // of its end_sequence row
+};
+
+enum krv_lnp_flag_t : uint32_t {
+    KRV_LNP_FLAG_IN_SEQUENCE = 1, // a sequence is open
+    KRV_LNP_FLAG_UNSORTED = 2,    // some sequence starts below the one before it
+};
+
+// A matrix. Finished: sequences ascend by start address, are not inverted and do not overlap; the rows of each are
+// contiguous and end with its end_sequence row. Rows stand in program order.
+struct krv_lnp {
+    krv_lns_t slnp_current; // the registers during execution
+    krv_lns_t *slnp_lnsp;   // owned: rows
+    unsigned int slnp_lnsp_size;
+    unsigned int slnp_lnsp_entries;
+    krv_lnb_t *slnp_lnbp; // owned: closed sequences
+    unsigned int slnp_lnbp_size;
+    unsigned int slnp_lnbp_entries;
+    uint32_t slnp_flags; // KRV_LNP_FLAG_*
+};
+
+// Reads the header at `offset` of .debug_line. cup gives the compilation directory and may be NULL. NULL on failure.
+krv_lnph_t *krv_lnph_alloc(krv_handle_t *hp, krv_ctu_t *cup, uint64_t offset);
+void krv_lnph_free(krv_lnph_t *lnphp);
+
+// Append a directory, or a file (diridx <= sln_id_entries; cup may be NULL). 0, or -1 with KRV_ERR_NOMEM. Files may be
+// added while other threads read the table or add to it: entries never move, and a pointer array once published stays
+// valid and unchanged in the elements it had until the header is freed. A reader loads the count before the array.
+int krv_lnph_add_directory(krv_handle_t *hp, krv_lnph_t *lnphp, char *directoryp);
+int krv_lnph_add_file(krv_handle_t *hp, krv_lnph_t *lnphp, krv_ctu_t *cup, char *pathp, uint64_t diridx, uint64_t mtime,
+                      uint64_t size);
+
+// The file table as any thread may read it: the array, with at least *countp elements.
+krv_lnfe_t **krv_lnph_files(krv_lnph_t *lnphp, uint64_t *countp);
+
+// Executes the program, calling func (may be NULL) after every opcode. 0 with the new matrix in *lnppp; -1 or func's
+// non-zero result (code KRV_ERR_IO) with *lnppp untouched.
+int krv_line_build_program(krv_handle_t *hp, krv_lnph_t *lnphp, krv_lnp_t **lnppp, krv_iter_lne_f *func, void *arg);
+
+// The header's matrix, built and published on first use. NULL on failure.
+krv_lnp_t *krv_line_get_matrix(krv_handle_t *hp, krv_lnph_t *lnphp);
+
+krv_lnp_t *krv_line_alloc_program(krv_handle_t *hp);
+void krv_line_free_program(krv_lnp_t *lnpp);
+void krv_lns_init(krv_lnph_t *lnphp, krv_lns_t *lnsp);
+int krv_line_push_entry(krv_handle_t *hp, krv_lnph_t *lnphp, krv_lnp_t *lnpp, krv_lns_t *rp);
+
+int krv_subrange_compare(const void *a, const void *b);  // krv_lnb_t by start address
+int krv_canonical_compare(const void *a, const void *b); // krv_lns_t by file, line, address
+
+// Accessors of the same shape as the exported ones, for the library itself.
+int korva_lns_get_address(krv_handle_t *hp, krv_lns_t *lnsp, uint64_t *addrp);
+int korva_lns_get_op_index(krv_handle_t *hp, krv_lns_t *lnsp, uint32_t *op_indexp);
+int korva_lns_get_file(krv_handle_t *hp, krv_lns_t *lnsp, uint32_t *filep);
+int korva_lns_get_column(krv_handle_t *hp, krv_lns_t *lnsp, uint16_t *columnp);
+int korva_lns_get_is(krv_handle_t *hp, krv_lns_t *lnsp, boolean_t *isp);
+int korva_lns_get_bb(krv_handle_t *hp, krv_lns_t *lnsp, boolean_t *bbp);
+int korva_lns_get_es(krv_handle_t *hp, krv_lns_t *lnsp, boolean_t *esp);
+int korva_lns_get_pe(krv_handle_t *hp, krv_lns_t *lnsp, boolean_t *pep);
+int korva_lns_get_eb(krv_handle_t *hp, krv_lns_t *lnsp, boolean_t *ebp);
+int korva_lns_get_isa(krv_handle_t *hp, krv_lns_t *lnsp, uint16_t *isap);
+int korva_lns_get_discriminator(krv_handle_t *hp, krv_lns_t *lnsp, uint16_t *discriminatorp);
+int korva_lnfe_get_mtime(krv_handle_t *hp, krv_lnfe_t *lnfep, uint64_t *mtimep);
+int korva_lnfe_get_size(krv_handle_t *hp, krv_lnfe_t *lnfep, uint64_t *sizep);
+
+#endif

@@ -1,0 +1,344 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// The line-number program header: fixed fields, include directories, files (DWARF 4, 6.2.4). Reads through a copy of
+// the handle's .debug_line cursor, which never moves.
+#include "krv_code.h"
+#include "krv_dwarf.h"
+#include "krv_error.h"
+#include "krv_fd.h"
+#include "krv_line.h"
+#include "krv_mem.h"
+
+namespace
+{
+
+struct lnph_deleter {
+    void operator()(krv_lnph_t *lnphp) const { krv_lnph_free(lnphp); }
+};
+using lnph_owner = std::unique_ptr<krv_lnph_t, lnph_deleter>;
+
+// A path under composition: always terminated, silently cut to fit.
+struct path_buffer {
+    char text[KRV_STRING_BUFSZ] = "";
+    size_t length = 0;
+
+    void clear()
+    {
+        length = 0;
+        text[0] = '\0';
+    }
+    void append(const char *s)
+    {
+        const size_t room = sizeof(text) - 1 - length;
+        const size_t count = strnlen(s, room);
+        std::memcpy(text + length, s, count);
+        length += count;
+        text[length] = '\0';
+    }
+    void end_directory()
+    {
+        if (length != 0 && text[length - 1] != '/')
+            append("/");
+    }
+};
+
+// The file table's pointer array. A larger one takes its place when it is full; the old one stays behind it, for
+// clients and threads that hold it.
+struct file_array {
+    file_array *older;
+    krv_lnfe_t *files[];
+};
+
+} // namespace
+
+static file_array *array_of(krv_lnfe_t **files)
+{
+    return files == nullptr
+               ? nullptr
+               : reinterpret_cast<file_array *>(reinterpret_cast<uint8_t *>(files) - offsetof(file_array, files));
+}
+
+static void free_file(krv_lnfe_t *file)
+{
+    krv_free(file->slnfe_absolute_path);
+    krv_free(file->slnfe_path);
+    krv_free(file);
+}
+
+void krv_lnph_free(krv_lnph_t *lnphp)
+{
+    KRV_ASSERT(lnphp != NULL);
+    if (lnphp->sln_lnp != nullptr)
+        krv_line_free_program(lnphp->sln_lnp);
+    for (uint64_t i = 0; i < lnphp->sln_id_entries; ++i)
+        krv_free(lnphp->sln_id[i]);
+    krv_free(lnphp->sln_id);
+    for (uint64_t i = 0; i < lnphp->sln_files_entries; ++i)
+        free_file(lnphp->sln_files[i]);
+    file_array *older;
+    for (file_array *array = array_of(lnphp->sln_files); array != nullptr; array = older) {
+        older = array->older;
+        krv_free(array);
+    }
+    krv_free(lnphp->sln_sol);
+    krv_rwlock_destroy(&lnphp->sln_files_lock);
+    krv_free(lnphp);
+}
+
+int krv_lnph_add_directory(krv_handle_t *hp, krv_lnph_t *lnphp, char *directoryp)
+{
+    KRV_ASSERT(hp != NULL);
+    KRV_ASSERT(lnphp != NULL);
+    KRV_ASSERT(directoryp != NULL);
+    if (!krv_table_grow(hp, &lnphp->sln_id, &lnphp->sln_id_size, lnphp->sln_id_entries, uint64_t{1}))
+        return -1;
+    char *copy = krv_strdup(hp, directoryp);
+    if (copy == nullptr)
+        return -1;
+    lnphp->sln_id[lnphp->sln_id_entries++] = copy;
+    return 0;
+}
+
+static void compose_path(path_buffer *path, const krv_lnph_t *lnphp, const krv_ctu_t *cup, const char *name,
+                         uint64_t diridx)
+{
+    if (cup != nullptr && cup->dcu_comp_dir != nullptr) {
+        path->append(cup->dcu_comp_dir);
+        path->end_directory();
+    }
+    if (diridx != 0) {
+        const char *directory = lnphp->sln_id[diridx - 1];
+        if (directory[0] == '/')
+            path->clear();
+        path->append(directory);
+        path->end_directory();
+    }
+    if (name[0] == '/')
+        path->clear();
+    path->append(name);
+}
+
+static bool grow_files(krv_handle_t *hp, krv_lnph_t *lnphp)
+{
+    const uint64_t size = lnphp->sln_files_size;
+    if (lnphp->sln_files_entries < size)
+        return true;
+    if (size > SIZE_MAX / sizeof(krv_lnfe_t *) / 4) {
+        hp->sh_errno = KRV_ERR_NOMEM;
+        return false;
+    }
+    const uint64_t grown = size == 0 ? 1 : size * 2;
+    auto *array = static_cast<file_array *>(krv_zalloc(hp, sizeof(file_array) + grown * sizeof(krv_lnfe_t *)));
+    if (array == nullptr)
+        return false;
+    array->older = array_of(lnphp->sln_files);
+    if (size != 0)
+        std::memcpy(array->files, lnphp->sln_files, size * sizeof(krv_lnfe_t *));
+    lnphp->sln_files_size = grown;
+    krv_store(&lnphp->sln_files, static_cast<krv_lnfe_t **>(array->files));
+    return true;
+}
+
+static krv_lnfe_t *make_file(krv_handle_t *hp, const krv_lnph_t *lnphp, const krv_ctu_t *cup, const char *name,
+                             uint64_t diridx)
+{
+    path_buffer path;
+    compose_path(&path, lnphp, cup, name, diridx);
+    auto *file = krv_new<krv_lnfe_t>(hp);
+    if (file == nullptr)
+        return nullptr;
+    file->slnfe_absolute_path = krv_strdup(hp, path.text);
+    file->slnfe_path = file->slnfe_absolute_path == nullptr ? nullptr : krv_strdup(hp, name);
+    if (file->slnfe_path == nullptr) {
+        free_file(file);
+        return nullptr;
+    }
+    return file;
+}
+
+int krv_lnph_add_file(krv_handle_t *hp, krv_lnph_t *lnphp, krv_ctu_t *cup, char *pathp, uint64_t diridx, uint64_t mtime,
+                      uint64_t size)
+{
+    KRV_ASSERT(hp != NULL);
+    KRV_ASSERT(lnphp != NULL);
+    KRV_ASSERT(pathp != NULL);
+    KRV_ASSERT(diridx <= lnphp->sln_id_entries);
+    krv_lnfe_t *file = make_file(hp, lnphp, cup, pathp, diridx);
+    if (file == nullptr)
+        return -1;
+    file->slnfe_diridx = diridx;
+    file->slnfe_mtime = mtime;
+    file->slnfe_size = size;
+    const krv_write_guard guard(&lnphp->sln_files_lock);
+    if (!grow_files(hp, lnphp)) {
+        free_file(file);
+        return -1;
+    }
+    lnphp->sln_files[lnphp->sln_files_entries] = file;
+    krv_store(&lnphp->sln_files_entries, lnphp->sln_files_entries + 1); // last: readers go by the count
+    return 0;
+}
+
+krv_lnfe_t **krv_lnph_files(krv_lnph_t *lnphp, uint64_t *countp)
+{
+    *countp = krv_load(&lnphp->sln_files_entries); // before the array, which so has room for that many
+    return krv_load(&lnphp->sln_files);
+}
+
+static bool read_unit_length(krv_handle_t *hp, krv_lnph_t *lnphp, krv_fd_t *fdp, uint64_t offset)
+{
+    uint64_t length_size = 4;
+    if (!krv_read_field(fdp, DW_FORM_sec_offset, 0, &lnphp->sln_unit_length, "failed to read 4-byte unit_length"))
+        return false;
+    if (lnphp->sln_unit_length == KRV_LENGTH_DWARF64) {
+        lnphp->sln_flags = KRV_FORM_F_DWARF64;
+        length_size = 12;
+        if (!krv_read_field(fdp, DW_FORM_sec_offset, KRV_FORM_F_DWARF64, &lnphp->sln_unit_length,
+                            "failed to read 8-byte unit_length"))
+            return false;
+    } else if (lnphp->sln_unit_length >= KRV_LENGTH_RESERVED) {
+        krv_fail(hp, KRV_ERR_CORRUPT, "reserved value (0x%x) in 4-byte unit_length",
+                 static_cast<unsigned int>(lnphp->sln_unit_length));
+        return false;
+    }
+    if (!krv_extent_fits(fdp->sfd_size, offset, length_size, lnphp->sln_unit_length)) {
+        krv_fail(hp, KRV_ERR_CORRUPT, "unit_length (0x%llx) too large for existing section size",
+                 static_cast<unsigned long long>(lnphp->sln_unit_length));
+        return false;
+    }
+    return korva_fd_truncate(fdp, lnphp->sln_unit_length) == 0; // every later read stops at the unit's end
+}
+
+static bool read_fixed_fields(krv_handle_t *hp, krv_lnph_t *lnphp, krv_fd_t *fdp)
+{
+    const uint32_t flags = lnphp->sln_flags;
+    if (!krv_read_field(fdp, DW_FORM_data2, flags, &lnphp->sln_version, "failed to read version") ||
+        !krv_read_field(fdp, DW_FORM_sec_offset, flags, &lnphp->sln_header_length, "failed to read header_length"))
+        return false;
+    if (lnphp->sln_header_length > lnphp->sln_unit_length) {
+        krv_fail(hp, KRV_ERR_CORRUPT, "header_length (%lld) exceeds unit_length (%lld)",
+                 static_cast<long long>(lnphp->sln_header_length), static_cast<long long>(lnphp->sln_unit_length));
+        return false;
+    }
+    lnphp->sln_mopi = 1;
+    if (!krv_read_field(fdp, DW_FORM_data1, flags, &lnphp->sln_mil, "failed to read minimum_instruction_length") ||
+        (lnphp->sln_version == 4 && !krv_read_field(fdp, DW_FORM_data1, flags, &lnphp->sln_mopi,
+                                                    "failed to read maximum_operations_per_instruction")) ||
+        !krv_read_field(fdp, DW_FORM_data1, flags, &lnphp->sln_default_is_stmt, "failed to read default_is_stmt") ||
+        !krv_read_field(fdp, DW_FORM_data1, flags | KRV_FORM_F_SIGNED, &lnphp->sln_line_base,
+                        "failed to read line_base") ||
+        !krv_read_field(fdp, DW_FORM_data1, flags, &lnphp->sln_line_range, "failed to read line_range") ||
+        !krv_read_field(fdp, DW_FORM_data1, flags, &lnphp->sln_opcode_base, "failed to read opcode_base"))
+        return false;
+    lnphp->sln_sol = static_cast<uint8_t *>(krv_zalloc(hp, lnphp->sln_opcode_base));
+    if (lnphp->sln_sol == nullptr)
+        return false;
+    // An opcode_base of 0 asks for more bytes than any unit has, and so fails here.
+    if (korva_fd_to_mem(fdp, lnphp->sln_sol, size_t{lnphp->sln_opcode_base} - 1) != 0) {
+        krv_note(hp, "failed to read standard_opcode_length[]");
+        return false;
+    }
+    return true;
+}
+
+static bool read_string(krv_fd_t *fdp, uint32_t flags, char (&buf)[KRV_STRING_BUFSZ], const char *message)
+{
+    if (korva_decode_form(fdp, DW_FORM_string, flags, buf, sizeof(buf), nullptr) == 0)
+        return true;
+    krv_note(fdp->sfd_hp, "%s", message);
+    return false;
+}
+
+// A table ends at its empty string, or where the unit's bytes run out between two entries.
+static bool read_directories(krv_handle_t *hp, krv_lnph_t *lnphp, krv_fd_t *fdp)
+{
+    while (fdp->sfd_remaining > 0) {
+        char directory[KRV_STRING_BUFSZ];
+        if (!read_string(fdp, lnphp->sln_flags, directory, "failed to read include_directories entry"))
+            return false;
+        if (directory[0] == '\0')
+            break;
+        if (krv_lnph_add_directory(hp, lnphp, directory) != 0) {
+            krv_note(hp, "couldn't add directory %s", directory);
+            return false;
+        }
+    }
+    return true;
+}
+
+static bool read_files(krv_handle_t *hp, krv_lnph_t *lnphp, krv_ctu_t *cup, krv_fd_t *fdp)
+{
+    const uint32_t flags = lnphp->sln_flags;
+    while (fdp->sfd_remaining > 0) {
+        char path[KRV_STRING_BUFSZ];
+        uint64_t diridx = 0, mtime = 0, size = 0;
+        if (!read_string(fdp, flags, path, "failed to read file_names path"))
+            return false;
+        if (path[0] == '\0')
+            break;
+        if (!krv_read_field(fdp, DW_FORM_udata, flags, &diridx, "failed to read file_names index"))
+            return false;
+        if (diridx > lnphp->sln_id_entries) {
+            krv_fail(hp, KRV_ERR_CORRUPT, "file_names index (%lu) is out of range", static_cast<unsigned long>(diridx));
+            return false;
+        }
+        if (!krv_read_field(fdp, DW_FORM_udata, flags, &mtime, "failed to read file_names mtime") ||
+            !krv_read_field(fdp, DW_FORM_udata, flags, &size, "failed to read file_names size"))
+            return false;
+        if (krv_lnph_add_file(hp, lnphp, cup, path, diridx, mtime, size) != 0) {
+            krv_note(hp, "couldn't add file %s", path);
+            return false;
+        }
+    }
+    return true;
+}
+
+static bool read_header(krv_handle_t *hp, krv_lnph_t *lnphp, krv_ctu_t *cup, krv_fd_t *fdp, uint64_t offset)
+{
+    if (korva_fd_seek(fdp, offset, KRV_FD_SEEK_SET) != 0) {
+        krv_note(hp, "couldn't seek to %lld in .debug_line", static_cast<long long>(offset));
+        return false;
+    }
+    return read_unit_length(hp, lnphp, fdp, offset) && read_fixed_fields(hp, lnphp, fdp) &&
+           read_directories(hp, lnphp, fdp) && read_files(hp, lnphp, cup, fdp);
+}
+
+krv_lnph_t *krv_lnph_alloc(krv_handle_t *hp, krv_ctu_t *cup, uint64_t offset)
+{
+    KRV_ASSERT(hp != NULL);
+    lnph_owner lnphp(krv_new<krv_lnph_t>(hp));
+    if (lnphp == nullptr)
+        return nullptr;
+    krv_rwlock_init(&lnphp->sln_files_lock);
+    krv_fd_t fd = hp->sh_sec[KRV_SEC_LINE];
+    if (!read_header(hp, lnphp.get(), cup, &fd, offset)) {
+        krv_note(hp, "failed to read .debug_line header at offset %lld", static_cast<long long>(offset));
+        return nullptr;
+    }
+    lnphp->sln_offset = offset;
+    lnphp->sln_program_offset = fd.sfd_offset;
+    lnphp->sln_program_size = fd.sfd_remaining;
+    return lnphp.release();
+}
+
+krv_lnph_t *korva_line_get_cu_lnph(krv_handle_t *hp, krv_ctu_t *cup)
+{
+    if (hp == nullptr)
+        return nullptr;
+    if (cup == nullptr) {
+        hp->sh_errno = KRV_ERR_INVALID;
+        return nullptr;
+    }
+    krv_clear_error(hp);
+    if (cup->dcu_section != KRV_SEC_INFO) {
+        krv_fail(hp, KRV_ERR_INVALID, "only .debug_info can refer to a line number header");
+        return nullptr;
+    }
+    if (krv_lnph_t *lnphp = krv_load(&cup->dcu_lnphp))
+        return lnphp;
+    krv_value_t *value;
+    if (krv_get_die_attr(hp, cup->dcu_compile_unit, DW_AT_stmt_list, nullptr, nullptr, &value) != 0)
+        return nullptr;
+    krv_lnph_t *fresh = krv_lnph_alloc(hp, cup, value->sa_u.su_unsigned);
+    return fresh == nullptr ? nullptr : krv_publish(&cup->dcu_lnphp, fresh, krv_lnph_free);
+}

@@ -1,0 +1,388 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "krv_lookup.h"
+
+#include "krv_dwarf.h"
+#include "krv_error.h"
+#include "krv_hash.h"
+#include "krv_mem.h"
+#include "krv_names.h"
+
+// ---------------------------------------------------------------------------------------------------------------
+// The unit table
+// ---------------------------------------------------------------------------------------------------------------
+
+namespace
+{
+
+// The table while it is built; frees what was not published.
+struct table_builder {
+    krv_handle_t *hp;
+    krv_ctu_t **units = nullptr;
+    uint32_t size = 0, entries = 0;
+    krv_hash_t *hash = nullptr;
+
+    explicit table_builder(krv_handle_t *handle) : hp(handle) {}
+    ~table_builder()
+    {
+        for (uint32_t i = 0; i < entries; ++i)
+            krv_cu_free(units[i]);
+        krv_free(units);
+        if (hash != nullptr)
+            krv_hash_destroy(hash);
+    }
+    table_builder(const table_builder &) = delete;
+    table_builder &operator=(const table_builder &) = delete;
+};
+
+} // namespace
+
+// Reads unit after unit until one cannot be read: the end of the section, or a damaged header.
+static bool read_units(table_builder *t)
+{
+    uint64_t offset = 0;
+    while (krv_ctu_t *cu = krv_cu_alloc(t->hp, KRV_SEC_INFO, offset)) {
+        if (!krv_table_grow(t->hp, &t->units, &t->size, t->entries, 1U)) {
+            krv_cu_free(cu);
+            krv_note(t->hp, "unable to resize CU table");
+            return false;
+        }
+        t->units[t->entries++] = cu;
+        offset += cu->dcu_size; // ends within the section, as its header was checked to
+    }
+    if (t->entries == 0 || !krv_table_trim(t->hp, &t->units, &t->size, t->entries)) {
+        krv_note(t->hp, "unable to resize CU table");
+        return false;
+    }
+    return true;
+}
+
+static bool hash_units(table_builder *t)
+{
+    t->hash = krv_hash_create(t->hp, t->entries, KRV_HASH_UINT64);
+    if (t->hash == nullptr) {
+        krv_note(t->hp, "unable to create CU lookup hash");
+        return false;
+    }
+    for (uint32_t i = 0; i < t->entries; ++i) {
+        const krv_hash_key_t key = {.dwhk_u = t->units[i]->dcu_offset};
+        if (krv_hash_insert(t->hp, t->hash, &key, t->units[i]) != t->units[i]) {
+            krv_note(t->hp, "error hashing offset");
+            return false;
+        }
+    }
+    return true;
+}
+
+int krv_lookup_build_cu_caches(krv_handle_t *hp)
+{
+    KRV_ASSERT(hp != NULL);
+    if (krv_load(&hp->sh_cu_table) != nullptr)
+        return 0;
+    table_builder t(hp);
+    const krv_write_guard guard(&hp->sh_rwlock);
+    if (hp->sh_cu_table != nullptr)
+        return 0;
+    if (!read_units(&t) || !hash_units(&t))
+        return -1;
+    hp->sh_cu_table_entries = t.entries;
+    hp->sh_cu_offset_hash = t.hash;
+    krv_store(&hp->sh_cu_table, t.units); // last: who sees the table sees its count and hash
+    t.units = nullptr;
+    t.entries = 0;
+    t.hash = nullptr;
+    return 0;
+}
+
+void krv_lookup_destroy_cu_caches(krv_handle_t *hp)
+{
+    KRV_ASSERT(hp != NULL);
+    table_builder t(hp);
+    t.units = hp->sh_cu_table;
+    t.entries = hp->sh_cu_table_entries;
+    t.hash = hp->sh_cu_offset_hash;
+    hp->sh_cu_table = nullptr;
+    hp->sh_cu_table_entries = 0;
+    hp->sh_cu_offset_hash = nullptr;
+}
+
+krv_ctu_t *korva_lookup_ctu_by_start_offset(krv_handle_t *hp, krv_secidx_t sec, uint64_t offset)
+{
+    if (hp == nullptr)
+        return nullptr;
+    krv_clear_error(hp);
+    if (sec == KRV_SEC_TYPES) {
+        krv_fail(hp, KRV_ERR_UNSUPPORTED, ".debug_types is unsupported");
+        return nullptr;
+    }
+    if (sec != KRV_SEC_INFO) {
+        krv_fail(hp, KRV_ERR_INVALID, "invalid section (%u)", static_cast<unsigned int>(sec));
+        return nullptr;
+    }
+    if (krv_lookup_build_cu_caches(hp) != 0)
+        return nullptr;
+    const krv_hash_key_t key = {.dwhk_u = offset};
+    return static_cast<krv_ctu_t *>(krv_hash_lookup(hp, hp->sh_cu_offset_hash, &key));
+}
+
+// ---------------------------------------------------------------------------------------------------------------
+// Collecting ranges
+// ---------------------------------------------------------------------------------------------------------------
+
+constexpr size_t PAIR_SIZE = 2 * sizeof(uint64_t);
+
+static bool resize_list(krv_handle_t *hp, krv_lcpc_t *list, size_t pairs)
+{
+    krv_range_list_t *old = list->slpc_aranges == nullptr ? nullptr : krv_ranges_list(list->slpc_aranges);
+    auto *resized = static_cast<krv_range_list_t *>(krv_realloc(hp, old, sizeof(krv_range_list_t) + pairs * PAIR_SIZE));
+    if (resized == nullptr)
+        return false;
+    list->slpc_aranges = resized->srl_pairs;
+    list->slpc_aranges_size = pairs;
+    return true;
+}
+
+static void free_list(krv_lcpc_t *list)
+{
+    if (list->slpc_aranges != nullptr)
+        krv_free(krv_ranges_list(list->slpc_aranges));
+    *list = {};
+}
+
+int krv_lookup_insert_arange_entry(krv_handle_t *hp, uint64_t start, uint64_t end, krv_lcpc_t *list)
+{
+    KRV_ASSERT(hp != NULL);
+    KRV_ASSERT(list != NULL);
+    if (list->slpc_aranges_entries == list->slpc_aranges_size) {
+        const size_t size = list->slpc_aranges_size;
+        if (size > SIZE_MAX / PAIR_SIZE / 4) {
+            hp->sh_errno = KRV_ERR_NOMEM;
+            return 1;
+        }
+        if (!resize_list(hp, list, size == 0 ? 1 : size * 2))
+            return 1;
+    }
+    uint64_t *pair = &list->slpc_aranges[2 * list->slpc_aranges_entries++];
+    pair[0] = start;
+    pair[1] = end;
+    return 0;
+}
+
+// Shrinks a non-empty list to its pairs and stamps their number into it, ready to be published.
+static bool finish_list(krv_handle_t *hp, krv_lcpc_t *list)
+{
+    if (!resize_list(hp, list, list->slpc_aranges_entries))
+        return false;
+    krv_ranges_list(list->slpc_aranges)->srl_count = list->slpc_aranges_entries;
+    return true;
+}
+
+// Hands a list over to its unit in place of what is there. The caller holds the write lock.
+static bool replace_ranges(krv_handle_t *hp, krv_ctu_t *cu, krv_lcpc_t *list)
+{
+    if (!finish_list(hp, list))
+        return false;
+    uint64_t *old = cu->dcu_aranges;
+    cu->dcu_aranges_size = list->slpc_aranges_entries;
+    krv_store(&cu->dcu_aranges, list->slpc_aranges);
+    if (old != nullptr)
+        krv_free(krv_ranges_list(old));
+    *list = {};
+    return true;
+}
+
+// Hands a list over to a unit without ranges; a list that another thread published meanwhile stays. Needs no lock.
+static bool publish_ranges(krv_handle_t *hp, krv_ctu_t *cu, krv_lcpc_t *list)
+{
+    if (!finish_list(hp, list))
+        return false;
+    uint64_t *fresh = list->slpc_aranges;
+    *list = {};
+    uint64_t *stays = krv_publish(&cu->dcu_aranges, fresh, [](uint64_t *lost) { krv_free(krv_ranges_list(lost)); });
+    if (stays == fresh)
+        __atomic_store_n(&cu->dcu_aranges_size, krv_ranges_count(fresh), __ATOMIC_RELAXED);
+    return true;
+}
+
+namespace
+{
+
+enum class bounds { none, found, failed };
+
+} // namespace
+
+// The entry's DW_AT_low_pc and DW_AT_high_pc, the latter with its class; `none` unless it has both.
+static bounds get_bounds(krv_handle_t *hp, krv_die_t *die, uint64_t *lowp, uint64_t *highp, uint32_t *high_classp)
+{
+    krv_value_t *low, *high;
+    int mask;
+    if (krv_get_die_attr(hp, die, DW_AT_low_pc, nullptr, nullptr, &low) != 0 ||
+        krv_get_die_attr(hp, die, DW_AT_high_pc, nullptr, &mask, &high) != 0)
+        return hp->sh_errno == KRV_ERR_NOTFOUND ? bounds::none : bounds::failed;
+    *lowp = low->sa_u.su_unsigned;
+    *highp = high->sa_u.su_unsigned;
+    *high_classp = static_cast<uint32_t>(mask);
+    return bounds::found;
+}
+
+// The bounds of a unit entry: DW_AT_high_pc is an address, or else the length behind DW_AT_low_pc (DWARF 4, 2.17.2).
+static bounds get_unit_bounds(krv_handle_t *hp, krv_ctu_t *cu, uint64_t *lowp, uint64_t *highp)
+{
+    uint32_t mask;
+    const bounds found = get_bounds(hp, cu->dcu_compile_unit, lowp, highp, &mask);
+    if (found == bounds::found && (mask & KRV_CLASS_ADDRESS) == 0)
+        *highp += *lowp;
+    return found;
+}
+
+// ---------------------------------------------------------------------------------------------------------------
+// Ranges from .debug_aranges
+// ---------------------------------------------------------------------------------------------------------------
+
+int krv_lookup_cu_arange_entry_cb(krv_handle_t *hp, uint64_t s, uint64_t address, uint64_t length, void *arg)
+{
+    KRV_ASSERT(s == 0);
+    return krv_lookup_insert_arange_entry(hp, address, address + length, static_cast<krv_lcpc_t *>(arg));
+}
+
+int krv_lookup_cu_populate_aranges(krv_handle_t *hp, krv_arh_t *arhp, void *)
+{
+    if (krv_get_arh_segment_size(arhp) != 0)
+        return 0;
+    const uint64_t unit_offset = krv_get_arh_debug_info_offset(arhp);
+    krv_ctu_t *cu = korva_lookup_ctu_by_start_offset(hp, KRV_SEC_INFO, unit_offset);
+    if (cu == nullptr) {
+        krv_note(hp, ".debug_aranges header at offset 0x%lx identifies with non-existent CU at offset 0x%lx.",
+                 static_cast<unsigned long>(krv_get_arh_offset(arhp)), static_cast<unsigned long>(unit_offset));
+        return 1;
+    }
+
+    krv_lcpc_t list = {};
+    uint64_t low, high;
+    switch (get_unit_bounds(hp, cu, &low, &high)) {
+    case bounds::failed:
+        return -1;
+    case bounds::found:
+        if (krv_lookup_insert_arange_entry(hp, low, high, &list) == 0 && replace_ranges(hp, cu, &list))
+            return 0;
+        free_list(&list);
+        return -1;
+    case bounds::none:
+        break;
+    }
+    const bool collected = krv_iter_aranges_entry(hp, arhp, krv_lookup_cu_arange_entry_cb, &list) == 0;
+    const bool stored = collected && (list.slpc_aranges_entries == 0 || replace_ranges(hp, cu, &list));
+    free_list(&list);
+    return stored ? 0 : 1;
+}
+
+// Applies .debug_aranges to the units, once per handle. 0, or -1, and then the next query tries again.
+static int apply_aranges(krv_handle_t *hp)
+{
+    {
+        const krv_read_guard guard(&hp->sh_rwlock);
+        if ((hp->sh_init_flags & KRV_INIT_ARANGES) != 0)
+            return 0;
+    }
+    const krv_write_guard guard(&hp->sh_rwlock);
+    if ((hp->sh_init_flags & KRV_INIT_ARANGES) != 0)
+        return 0;
+    if (krv_iter_aranges_header(hp, krv_lookup_cu_populate_aranges, nullptr) == -1)
+        return -1;
+    hp->sh_init_flags |= KRV_INIT_ARANGES; // also when a set ended the walk early
+    return 0;
+}
+
+// ---------------------------------------------------------------------------------------------------------------
+// Ranges from the entries
+// ---------------------------------------------------------------------------------------------------------------
+
+int krv_lookup_scan_die(krv_handle_t *hp, krv_die_t *child, void *arg)
+{
+    krv_tag_t tag;
+    if (krv_get_die_tag(hp, child, &tag) != 0)
+        return krv_note(hp, "couldn't get tag");
+    if (tag != DW_TAG_subprogram && tag != DW_TAG_variable)
+        return 0;
+    uint64_t low, high;
+    uint32_t mask;
+    switch (get_bounds(hp, child, &low, &high, &mask)) {
+    case bounds::none:
+        return 0;
+    case bounds::failed:
+        return -1;
+    case bounds::found:
+        break;
+    }
+    if ((mask & KRV_CLASS_CONSTANT) != 0)
+        high += low;
+    else if ((mask & KRV_CLASS_ADDRESS) == 0)
+        return krv_fail(hp, KRV_ERR_CORRUPT, "DW_AT_high encoded with illegal class");
+    return krv_lookup_insert_arange_entry(hp, low, high, static_cast<krv_lcpc_t *>(arg));
+}
+
+// A scan that fails or finds nothing gives a single empty pair: the unit matches nothing and is not scanned again.
+static bool scan_children(krv_handle_t *hp, krv_ctu_t *cu, krv_lcpc_t *list)
+{
+    if (krv_iter_children_in_die(hp, cu->dcu_compile_unit, krv_lookup_scan_die, list) == 0 &&
+        list->slpc_aranges_entries != 0)
+        return true;
+    list->slpc_aranges_entries = 0;
+    return krv_lookup_insert_arange_entry(hp, 0, 0, list) == 0;
+}
+
+// A unit that .debug_aranges names not: covered by its own bounds, else by its children, unless flags forbid the scan.
+// 0 leaves dcu_aranges as known as it can be.
+static int find_ranges(krv_handle_t *hp, krv_ctu_t *cu, krv_lookup_flag_t flags)
+{
+    krv_lcpc_t list = {};
+    uint64_t low, high;
+    bool known;
+    switch (get_unit_bounds(hp, cu, &low, &high)) {
+    case bounds::failed:
+        return -1;
+    case bounds::found:
+        known = krv_lookup_insert_arange_entry(hp, low, high, &list) == 0;
+        break;
+    case bounds::none:
+        krv_clear_error(hp);
+        if ((flags & KRV_LOOKUP_F_FAST) != 0)
+            return 0;
+        known = scan_children(hp, cu, &list);
+        break;
+    }
+    if (known && publish_ranges(hp, cu, &list))
+        return 0;
+    free_list(&list);
+    return -1;
+}
+
+boolean_t korva_cu_contains_addr(krv_handle_t *hp, krv_ctu_t *cup, uint64_t address, krv_lookup_flag_t flags)
+{
+    if (hp == nullptr)
+        return B_FALSE;
+    if (cup == nullptr) {
+        hp->sh_errno = KRV_ERR_INVALID;
+        return B_FALSE;
+    }
+    krv_clear_error(hp);
+    if (hp->sh_sec[KRV_SEC_INFO].sfd_size == 0) {
+        krv_fail(hp, KRV_ERR_NOTFOUND, "handle has no .debug_info");
+        return B_FALSE;
+    }
+    if (krv_lookup_build_cu_caches(hp) != 0 || apply_aranges(hp) != 0)
+        return B_FALSE;
+    uint64_t *pairs = krv_load(&cup->dcu_aranges);
+    if (pairs == nullptr) {
+        if (find_ranges(hp, cup, flags) != 0)
+            return B_FALSE;
+        pairs = krv_load(&cup->dcu_aranges);
+        if (pairs == nullptr) // only a scan could tell
+            return B_FALSE;
+    }
+    const uint64_t count = krv_ranges_count(pairs);
+    for (uint64_t i = 0; i < count; ++i)
+        if (pairs[2 * i] <= address && address < pairs[2 * i + 1])
+            return B_TRUE;
+    hp->sh_errno = KRV_ERR_NOTFOUND;
+    return B_FALSE;
+}

@@ -1,0 +1,32 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// The unit table of a handle, the hash from start offset to unit, and the address ranges of units. All built on first
+// use and kept until the handle is freed.
+#ifndef KRV_LOOKUP_H
+#define KRV_LOOKUP_H
+
+#include "krv_aranges.h"
+#include "krv_info.h"
+#include "krv_types.h"
+
+// Ranges while they are collected. The pairs stand behind room for their count (krv_range_list_t).
+typedef struct krv_lookup_cu_populate_cookie {
+    uint64_t *slpc_aranges;      // start, end, start, end, ...; NULL while empty
+    size_t slpc_aranges_size;    // capacity in pairs
+    size_t slpc_aranges_entries; // pairs in use
+} krv_lcpc_t;
+
+// Builds the unit table and the hash unless they are there. A unit that cannot be read ends the table; its messages
+// stay. 0, or -1 also when there is no unit at all.
+int krv_lookup_build_cu_caches(krv_handle_t *hp);
+void krv_lookup_destroy_cu_caches(krv_handle_t *hp);
+
+// Appends one pair. 0, or 1 with KRV_ERR_NOMEM.
+int krv_lookup_insert_arange_entry(krv_handle_t *hp, uint64_t start, uint64_t end, krv_lcpc_t *list);
+
+// Visitors: a set of .debug_aranges, one of its tuples (arg: krv_lcpc_t *), a child of a unit entry (likewise).
+krv_iter_arh_f krv_lookup_cu_populate_aranges;
+krv_iter_are_f krv_lookup_cu_arange_entry_cb;
+krv_iter_die_children_f krv_lookup_scan_die;
+
+#endif
