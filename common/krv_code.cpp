@@ -216,7 +216,11 @@ static int decode_block(krv_fd_t *fdp, krv_form_t form, uint32_t flags, void *ds
 
     krv_fd_t fd = *fdp;
     uint64_t length = 0;
-    if (korva_decode_form(&fd, form_lookup(form)->length_form, flags, &length, sizeof(length), nullptr) != 0)
+    const krv_form_t length_form = form_lookup(form)->length_form;
+    const int result = length_form == DW_FORM_udata
+                           ? decode_leb128(&fd, length_form, &length, sizeof(length), nullptr)
+                           : decode_constant(&fd, length_form, flags, &length, sizeof(length), nullptr);
+    if (result != 0)
         return krv_note(hp, "Failed to read block size for %s", form_name(form));
     if (length > fd.sfd_remaining)
         return krv_fail(hp, KRV_ERR_CORRUPT, "form %s requires %lu bytes for block;  %d remain", form_name(form),
@@ -275,7 +279,7 @@ int krv_decode_indirect(krv_fd_t *fdp, uint32_t flags, krv_form_t *formp)
 static int decode_indirect(krv_fd_t *fdp, uint32_t flags, void *dst, size_t size, size_t *sizep)
 {
     krv_fd_t fd = *fdp;
-    krv_form_t form;
+    krv_form_t form = 0;
     if (krv_decode_indirect(&fd, flags, &form) != 0 || korva_decode_form(&fd, form, flags, dst, size, sizep) != 0)
         return -1;
     if (dst != nullptr)

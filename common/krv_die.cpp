@@ -45,7 +45,7 @@ static bool read_block(krv_fd_t *fdp, uint32_t flags, krv_value_t *value)
     krv_fd_attach_mem(hp, block.get(), length, buf.get());
     if (korva_decode_form(fdp, value->sa_actual, flags, block.get(), length, nullptr) != 0)
         return false;
-    buf.release(); // now the block's
+    static_cast<void>(buf.release()); // now the block's
     value->sa_u.su_addr = block.release();
     return true;
 }
@@ -242,8 +242,8 @@ int krv_get_die_tag(krv_handle_t *hp, krv_die_t *die, krv_tag_t *tagp)
 int krv_get_die_string_attr(krv_handle_t *hp, krv_die_t *die, krv_attribute_t attr, char *buf, size_t size)
 {
     KRV_ASSERT(buf != NULL);
-    int mask;
-    krv_value_t *value;
+    int mask = 0;
+    krv_value_t *value = nullptr;
     if (krv_get_die_attr(hp, die, attr, nullptr, &mask, &value) != 0)
         return -1;
     if ((static_cast<uint32_t>(mask) & KRV_CLASS_STRING) == 0 || size == 0)
@@ -273,9 +273,9 @@ static krv_offset_t offset_behind(const krv_die_t *die)
 // The unit-relative offset that a reference attribute holds. -1: absent, no reference, or one that leaves the unit.
 static int get_reference(krv_handle_t *hp, krv_die_t *die, krv_attribute_t attr, krv_offset_t *offsetp)
 {
-    krv_form_t form;
-    int mask;
-    krv_value_t *value;
+    krv_form_t form = 0;
+    int mask = 0;
+    krv_value_t *value = nullptr;
     if (krv_get_die_attr(hp, die, attr, &form, &mask, &value) != 0)
         return -1;
     if ((static_cast<uint32_t>(mask) & KRV_CLASS_REFERENCE) == 0)
@@ -290,7 +290,7 @@ krv_die_t *krv_alloc_die_by_attribute(krv_handle_t *hp, krv_die_t *die, krv_attr
 {
     KRV_ASSERT(hp != NULL);
     KRV_ASSERT(die != NULL);
-    krv_offset_t offset;
+    krv_offset_t offset = 0;
     if (get_reference(hp, die, attr, &offset) != 0)
         return nullptr;
     return krv_alloc_die_by_cu_offset(hp, die->dwdie_parent_cu, offset);

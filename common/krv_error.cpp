@@ -60,12 +60,6 @@ int krv_note(krv_handle_t *hp, const char *format, ...)
     return -1;
 }
 
-int krv_fail_code(krv_handle_t *hp, int code)
-{
-    hp->sh_errno = code;
-    return -1;
-}
-
 int korva_handle_get_errno(krv_handle_t *hp)
 {
     KRV_ASSERT(hp != NULL);

@@ -19,6 +19,10 @@ void krv_clear_error(krv_handle_t *hp);
 [[gnu::format(printf, 2, 3)]] int krv_note(krv_handle_t *hp, const char *format, ...);
 
 // A failure without a message. Returns -1.
-int krv_fail_code(krv_handle_t *hp, int code);
+inline int krv_fail_code(krv_handle_t *hp, int code)
+{
+    hp->sh_errno = code;
+    return -1;
+}
 
 #endif

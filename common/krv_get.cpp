@@ -88,16 +88,17 @@ constexpr bool is_row_field(unsigned field)
     return (field_table[field].records & LNS) != 0;
 }
 
-// Where each field goes; NULL where it is not wanted.
+// Where each field goes, NULL where it is not wanted, and the matrix of a header that was asked for it.
 struct destinations {
     void *of[NFIELDS] = {};
+    krv_lnph_t *header = nullptr;
+    krv_lnp_t *matrix = nullptr;
 };
 
 } // namespace
 
 // Scans all pairs, so that every bad field is reported. 0, or -1 when any field does not belong to the record.
-static int scan_fields(krv_handle_t *hp, unsigned record, unsigned int nfields, va_list ap, destinations *dst,
-                       krv_lnph_t *lnphp, krv_lnp_t **lnppp)
+static int scan_fields(krv_handle_t *hp, unsigned record, unsigned int nfields, va_list ap, destinations *dst)
 {
     int result = 0;
     for (unsigned int i = 0; i < nfields; ++i) {
@@ -111,8 +112,8 @@ static int scan_fields(krv_handle_t *hp, unsigned record, unsigned int nfields, 
         dst->of[field] = where;
         if (field != KRV_FIELD_LNPH_LNP)
             continue;
-        *lnppp = krv_line_get_matrix(hp, lnphp);
-        if (*lnppp == nullptr)
+        dst->matrix = krv_line_get_matrix(hp, dst->header);
+        if (dst->matrix == nullptr)
             result = krv_note(hp, "unable to generate line number matrix");
     }
     return result;
@@ -146,7 +147,7 @@ int krv_get_fields_lnfe(krv_handle_t *hp, krv_lnfe_t *structp, unsigned int nfie
     KRV_ASSERT(hp != NULL);
     KRV_ASSERT(structp != NULL);
     destinations dst;
-    if (scan_fields(hp, LNFE, nfields, ap, &dst, nullptr, nullptr) != 0)
+    if (scan_fields(hp, LNFE, nfields, ap, &dst) != 0)
         return -1;
     write_record(&dst, LNFE, structp, 0);
     return 0;
@@ -157,8 +158,8 @@ int krv_get_fields_lnph(krv_handle_t *hp, krv_lnph_t *structp, unsigned int nfie
     KRV_ASSERT(hp != NULL);
     KRV_ASSERT(structp != NULL);
     destinations dst;
-    krv_lnp_t *lnpp = nullptr;
-    if (scan_fields(hp, LNPH, nfields, ap, &dst, structp, &lnpp) != 0)
+    dst.header = structp;
+    if (scan_fields(hp, LNPH, nfields, ap, &dst) != 0)
         return -1;
     uint64_t nfiles;
     krv_lnfe_t **files = krv_lnph_files(structp, &nfiles);
@@ -169,7 +170,7 @@ int krv_get_fields_lnph(krv_handle_t *hp, krv_lnph_t *structp, unsigned int nfie
     };
     take(KRV_FIELD_LNPH_FILES, &files, sizeof(files));
     take(KRV_FIELD_LNPH_FILES_ENTRIES, &nfiles, sizeof(nfiles));
-    take(KRV_FIELD_LNPH_LNP, &lnpp, sizeof(lnpp));
+    take(KRV_FIELD_LNPH_LNP, &dst.matrix, sizeof(dst.matrix));
     write_record(&dst, LNPH, structp, 0);
     return 0;
 }
@@ -179,7 +180,7 @@ int krv_get_fields_lns(krv_handle_t *hp, krv_lns_t *structp, unsigned int nfield
     KRV_ASSERT(hp != NULL);
     KRV_ASSERT(structp != NULL);
     destinations dst;
-    if (scan_fields(hp, LNS, nfields, ap, &dst, nullptr, nullptr) != 0)
+    if (scan_fields(hp, LNS, nfields, ap, &dst) != 0)
         return -1;
     write_record(&dst, LNS, structp, 0);
     return 0;
@@ -190,7 +191,7 @@ int krv_get_fields_lnp(krv_handle_t *hp, krv_lnp_t *structp, unsigned int nfield
     KRV_ASSERT(hp != NULL);
     KRV_ASSERT(structp != NULL);
     destinations dst;
-    if (scan_fields(hp, LNP, nfields, ap, &dst, nullptr, nullptr) != 0)
+    if (scan_fields(hp, LNP, nfields, ap, &dst) != 0)
         return -1;
     for (unsigned field = 0; field < NFIELDS; ++field)
         if (is_row_field(field) && dst.of[field] != nullptr)
