@@ -202,6 +202,8 @@ static int decode_string(krv_fd_t *fdp, void *dst, size_t size, size_t *sizep)
     }
     if (size < need)
         return krv_fail(hp, KRV_ERR_NOSPACE, "string decoder requires %zu bytes;  storage offers %zu", need, size);
+    if (dst == nullptr)
+        return krv_fail_code(hp, KRV_ERR_INVALID);
     if (korva_fd_to_mem(fdp, dst, need) != 0)
         return -1;
     static_cast<char *>(dst)[need - 1] = '\0'; // a call-back may deliver other bytes the second time
@@ -252,7 +254,7 @@ static int decode_strp(krv_fd_t *fdp, uint32_t flags, void *dst, size_t size, si
     krv_handle_t *hp = fdp->sfd_hp;
     krv_fd_t fd = *fdp;
     uint64_t offset = 0;
-    if (korva_decode_form(&fd, DW_FORM_sec_offset, flags, &offset, sizeof(offset), nullptr) != 0)
+    if (decode_constant(&fd, DW_FORM_sec_offset, flags, &offset, sizeof(offset), nullptr) != 0)
         return krv_note(hp, "unable to decode DW_FORM_strp");
     krv_fd_t str = hp->sh_sec[KRV_SEC_STR];
     if (korva_fd_seek(&str, offset, KRV_FD_SEEK_SET) != 0)
@@ -264,12 +266,13 @@ static int decode_strp(krv_fd_t *fdp, uint32_t flags, void *dst, size_t size, si
     return 0;
 }
 
-int krv_decode_indirect(krv_fd_t *fdp, uint32_t flags, krv_form_t *formp)
+int krv_decode_indirect(krv_fd_t *fdp, krv_form_t *formp)
 {
+    krv_clear_error(fdp->sfd_hp);
     krv_fd_t fd = *fdp;
     krv_form_t form = DW_FORM_indirect;
     while (form == DW_FORM_indirect) // each turn consumes a byte at least
-        if (korva_decode_form(&fd, DW_FORM_udata, flags, &form, sizeof(form), nullptr) != 0)
+        if (decode_leb128(&fd, DW_FORM_udata, &form, sizeof(form), nullptr) != 0)
             return krv_note(fdp->sfd_hp, "unable to decode DW_FORM_indirect");
     *fdp = fd;
     *formp = form;
@@ -280,7 +283,7 @@ static int decode_indirect(krv_fd_t *fdp, uint32_t flags, void *dst, size_t size
 {
     krv_fd_t fd = *fdp;
     krv_form_t form = 0;
-    if (krv_decode_indirect(&fd, flags, &form) != 0 || korva_decode_form(&fd, form, flags, dst, size, sizep) != 0)
+    if (krv_decode_indirect(&fd, &form) != 0 || korva_decode_form(&fd, form, flags, dst, size, sizep) != 0)
         return -1;
     if (dst != nullptr)
         *fdp = fd;

@@ -11,8 +11,8 @@
 void *korva_value_addr(krv_value_t *value); // not exported
 
 // The form that DW_FORM_indirect at the cursor leads to, with the cursor moved behind the form codes. -1 pushes
-// "unable to decode DW_FORM_indirect" and leaves the cursor where it was.
-int krv_decode_indirect(krv_fd_t *fdp, uint32_t flags, krv_form_t *formp);
+// "unable to decode DW_FORM_indirect" and leaves the cursor where it was. Clears the error state.
+int krv_decode_indirect(krv_fd_t *fdp, krv_form_t *formp);
 
 // Reads one field of `form` into *field, as wide as the field; else pushes `message` behind the decoder's own.
 template <typename T>

@@ -76,7 +76,7 @@ static bool is_string(krv_form_t form)
 static bool read_value(krv_fd_t *fdp, uint32_t flags, krv_form_t form, krv_value_t *value)
 {
     krv_form_t actual = form;
-    if (form == DW_FORM_indirect && krv_decode_indirect(fdp, flags, &actual) != 0)
+    if (form == DW_FORM_indirect && krv_decode_indirect(fdp, &actual) != 0)
         return false;
     value->sa_form = form;
     value->sa_actual = actual;
