@@ -137,8 +137,8 @@ static bool enter_set(krv_handle_t *hp, const krv_arh_t *arhp, krv_fd_t *fdp, ui
         return false;
     }
     const uint64_t set_size = krv_add_offset(arhp->sarh_unit_length, length_field_size(arhp));
-    const uint64_t length = set_size < skip ? UINT64_MAX : set_size - skip; // the largest length fits no section
-    if (korva_fd_truncate(fdp, length) != 0) {
+    // A set too short for its padding asks for a length near 2^64, which no section has.
+    if (korva_fd_truncate(fdp, set_size - skip) != 0) {
         krv_note(hp, "couldn't truncate .debug_aranges section");
         return false;
     }

@@ -209,6 +209,14 @@ krv_die_t *krv_alloc_die_by_cu_offset(krv_handle_t *hp, krv_ctu_t *cu, krv_offse
     return die;
 }
 
+// The class of a value's form. Behind DW_FORM_indirect, which has none, strings and blocks are what they are.
+static uint32_t value_class(krv_form_t form, krv_form_t actual)
+{
+    if (form == DW_FORM_indirect)
+        return krv_get_form_class(actual) & (KRV_CLASS_STRING | KRV_CLASS_BLOCK | KRV_CLASS_EXPRLOC);
+    return krv_get_form_class(form);
+}
+
 int krv_get_die_attr(krv_handle_t *hp, krv_die_t *die, krv_attribute_t attr, krv_form_t *formp, int *classp,
                      krv_value_t **valuep)
 {
@@ -222,7 +230,7 @@ int krv_get_die_attr(krv_handle_t *hp, krv_die_t *die, krv_attribute_t attr, krv
         if (formp != nullptr)
             *formp = form;
         if (classp != nullptr)
-            *classp = static_cast<int>(krv_get_form_class(form));
+            *classp = static_cast<int>(value_class(form, die->dwdie_attrs[i].sa_actual));
         if (valuep != nullptr)
             *valuep = &die->dwdie_attrs[i];
         return 0;

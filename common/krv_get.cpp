@@ -110,7 +110,7 @@ static int scan_fields(krv_handle_t *hp, unsigned record, unsigned int nfields, 
             continue;
         }
         dst->of[field] = where;
-        if (field != KRV_FIELD_LNPH_LNP)
+        if (field != KRV_FIELD_LNPH_LNP || result != 0) // building it would wipe what was reported before
             continue;
         dst->matrix = krv_line_get_matrix(hp, dst->header);
         if (dst->matrix == nullptr)
