@@ -36,7 +36,8 @@ struct table_builder {
 
 } // namespace
 
-// Reads unit after unit until one cannot be read: the end of the section, or a damaged header.
+// Reads unit after unit until one cannot be read: the end of the section, or a damaged header. Memory that ran out is
+// no end: a later query tries again.
 static bool read_units(table_builder *t)
 {
     uint64_t offset = 0;
@@ -49,6 +50,8 @@ static bool read_units(table_builder *t)
         t->units[t->entries++] = cu;
         offset += cu->dcu_size; // ends within the section, as its header was checked to
     }
+    if (t->hp->sh_errno == KRV_ERR_NOMEM)
+        return false;
     if (t->entries == 0 || !krv_table_trim(t->hp, &t->units, &t->size, t->entries)) {
         krv_note(t->hp, "unable to resize CU table");
         return false;
@@ -321,11 +324,14 @@ int krv_lookup_scan_die(krv_handle_t *hp, krv_die_t *child, void *arg)
 }
 
 // A scan that fails or finds nothing gives a single empty pair: the unit matches nothing and is not scanned again.
+// False when memory ran out, which says nothing about the unit.
 static bool scan_children(krv_handle_t *hp, krv_ctu_t *cu, krv_lcpc_t *list)
 {
     if (krv_iter_children_in_die(hp, cu->dcu_compile_unit, krv_lookup_scan_die, list) == 0 &&
         list->slpc_aranges_entries != 0)
         return true;
+    if (hp->sh_errno == KRV_ERR_NOMEM)
+        return false;
     list->slpc_aranges_entries = 0;
     return krv_lookup_insert_arange_entry(hp, 0, 0, list) == 0;
 }
