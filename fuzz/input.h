@@ -1,0 +1,112 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// How the bytes of one fuzzing input become sections: the first byte chooses target and reading, then each section is
+// a 2-byte length and that many bytes; the last one takes the rest. Seeds are made the same way.
+#ifndef KRV_FUZZ_INPUT_H
+#define KRV_FUZZ_INPUT_H
+
+#include "libkorva.h"
+
+#include <cstdint>
+#include <cstring>
+#include <vector>
+
+namespace krv_fuzz
+{
+
+// A read call-back over a section, with a fault that the input chooses.
+struct source {
+    std::vector<uint8_t> bytes;
+    unsigned short_read = 0; // the n-th read comes up short; 0: none
+    unsigned reads = 0;
+
+    static int64_t read(void *arg, void *buf, size_t count, uint64_t offset)
+    {
+        auto *self = static_cast<source *>(arg);
+        if (++self->reads == self->short_read && count != 0)
+            --count;
+        if (offset > self->bytes.size() || count > self->bytes.size() - offset)
+            return -1;
+        std::memcpy(buf, self->bytes.data() + offset, count);
+        return static_cast<int64_t>(count);
+    }
+};
+
+class input
+{
+public:
+    input(const uint8_t *data, size_t size) : at(data), left(size) { mode = number(1); }
+
+    uint64_t number(size_t width) // little-endian; short at the end of the input
+    {
+        uint64_t value = 0;
+        width = width < left ? width : left;
+        std::memcpy(&value, at, width);
+        at += width;
+        left -= width;
+        return value;
+    }
+
+    std::vector<uint8_t> part() // a 2-byte length and so many bytes
+    {
+        const size_t length = number(2);
+        return take(length < left ? length : left);
+    }
+
+    std::vector<uint8_t> rest() { return take(left); }
+
+    krv_activation_type_t target() const { return (mode & 1) != 0 ? KRV_ACTIVATION_I386 : KRV_ACTIVATION_AMD64; }
+    bool through_callback() const { return (mode & 2) != 0; }
+    unsigned short_read() const { return static_cast<unsigned>(mode >> 2); }
+
+private:
+    std::vector<uint8_t> take(size_t length)
+    {
+        std::vector<uint8_t> bytes(at, at + length);
+        at += length;
+        left -= length;
+        return bytes;
+    }
+
+    const uint8_t *at;
+    size_t left;
+    uint64_t mode = 0;
+};
+
+// A handle whose sections are the input's, each exactly as large as its bytes.
+class handle
+{
+public:
+    explicit handle(const input &in)
+        : hp(korva_handle_alloc(in.target())), callback(in.through_callback()), short_read(in.short_read())
+    {
+        sections.reserve(KRV_MAX_SEC);
+    }
+    ~handle() { korva_handle_free(hp); }
+    handle(const handle &) = delete;
+    handle &operator=(const handle &) = delete;
+
+    void attach(krv_secidx_t sec, std::vector<uint8_t> bytes)
+    {
+        if (bytes.empty())
+            return;
+        sections.push_back({std::move(bytes), short_read, 0});
+        source *s = &sections.back();
+        if (callback)
+            korva_attach_section(hp, sec, s->bytes.size(), KRV_FD_TYPE_CB, source::read, s);
+        else
+            korva_attach_section(hp, sec, s->bytes.size(), KRV_FD_TYPE_MEMORY, s->bytes.data());
+    }
+
+    operator krv_handle_t *() const { return hp; }
+
+private:
+    krv_handle_t *hp;
+    bool callback;
+    unsigned short_read;
+    std::vector<source> sections;
+};
+
+} // namespace krv_fuzz
+
+#endif

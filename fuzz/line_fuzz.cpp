@@ -1,0 +1,65 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// Line-number header, program, matrix, lookup and field access, of a unit that is always the same.
+#include "input.h"
+
+static int visit_op(krv_handle_t *hp, unsigned long, unsigned char, krv_value_t **values, unsigned int nvalues,
+                    krv_lns_t *state, void *arg)
+{
+    uint64_t sum = 0, address;
+    for (unsigned int i = 0; i < nvalues; ++i)
+        sum += korva_value_unsigned(values[i]);
+    korva_lns_get_canonical_address(hp, state, &address);
+    *static_cast<uint64_t *>(arg) += sum;
+    return 0;
+}
+
+static int ask(krv_handle_t *hp, krv_ctu_t *cu, void *arg)
+{
+    const uint64_t address = *static_cast<const uint64_t *>(arg);
+    krv_lnph_t *lnphp = korva_line_get_cu_lnph(hp, cu);
+    if (lnphp == nullptr)
+        return 0;
+    uint64_t sum = 0;
+    korva_iter_line_entry(hp, lnphp, visit_op, &sum);
+
+    krv_lnfe_t **files = nullptr;
+    uint64_t nfiles = 0;
+    krv_lnp_t *matrix = nullptr;
+    korva_get_fields(hp, KRV_STRUCT_LNPH, lnphp, 2, KRV_FIELD_LNPH_FILES, &files, KRV_FIELD_LNPH_FILES_ENTRIES, &nfiles);
+    for (uint64_t i = 0; i < nfiles; ++i) {
+        char path[8];
+        korva_lnfe_get_path(hp, files[i], path, sizeof(path), B_TRUE);
+    }
+    if (korva_get_fields(hp, KRV_STRUCT_LNPH, lnphp, 1, KRV_FIELD_LNPH_LNP, &matrix) == 0) {
+        unsigned int nrows = 0;
+        korva_get_fields(hp, KRV_STRUCT_LNP, matrix, 1, KRV_FIELD_LNP_ENTRIES, &nrows);
+        std::vector<uint64_t> addresses(nrows);
+        std::vector<boolean_t> ends(nrows);
+        korva_get_fields(hp, KRV_STRUCT_LNP, matrix, 2, KRV_FIELD_LNS_ADDRESS, addresses.data(), KRV_FIELD_LNS_ES,
+                         ends.data());
+    }
+    for (const uint64_t size : {uint64_t{1}, uint64_t{0x100}, UINT64_MAX}) {
+        krv_lns_t *row = korva_lookup_source_by_cu_and_addr(hp, cu, address, size, address, 0);
+        uint32_t line;
+        if (row != nullptr) {
+            korva_lns_get_line(hp, row, &line);
+            korva_lns_get_filep(hp, row);
+        }
+    }
+    return 0;
+}
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
+{
+    static const uint8_t abbrev[] = {1, 0x11, 0, 0x10, 0x17, 0x1b, 0x08, 0, 0, 0}; // stmt_list, comp_dir
+    static const uint8_t info[] = {16, 0, 0, 0, 4, 0, 0, 0, 0, 0, 8, 1, 0, 0, 0, 0, '/', 'd', 'i', 0};
+    krv_fuzz::input in(data, size);
+    krv_fuzz::handle h(in);
+    uint64_t address = in.number(8);
+    h.attach(KRV_SEC_ABBREV, std::vector<uint8_t>(abbrev, abbrev + sizeof(abbrev)));
+    h.attach(KRV_SEC_INFO, std::vector<uint8_t>(info, info + sizeof(info)));
+    h.attach(KRV_SEC_LINE, in.rest());
+    korva_iter_cu(h, KRV_SEC_INFO, ask, &address);
+    return 0;
+}

@@ -1,0 +1,199 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "elf_file.h"
+
+#include <cerrno>
+#include <cstring>
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace krv_elf_loader
+{
+
+namespace
+{
+
+constexpr char ZDEBUG[] = ".zdebug_";
+
+// Closes a descriptor at the end of a scope: the mapping stays.
+struct descriptor {
+    int fd;
+    ~descriptor()
+    {
+        if (fd >= 0)
+            close(fd);
+    }
+};
+
+uint64_t align4(uint64_t n)
+{
+    return (n + 3) & ~uint64_t{3};
+}
+
+// The description of the build-id note among the notes in `bytes`, or nothing.
+byte_span find_build_id_note(byte_span bytes)
+{
+    while (bytes.size() >= sizeof(Elf32_Nhdr)) {
+        Elf32_Nhdr note;
+        std::memcpy(&note, bytes.data(), sizeof(note));
+        const uint64_t name_at = sizeof(note);
+        const uint64_t desc_at = name_at + align4(note.n_namesz);
+        const uint64_t end = desc_at + align4(note.n_descsz);
+        if (desc_at > bytes.size() || note.n_descsz > bytes.size() - desc_at)
+            break;
+        if (note.n_type == NT_GNU_BUILD_ID && note.n_namesz == 4 && std::memcmp(bytes.data() + name_at, "GNU", 4) == 0)
+            return bytes.subspan(desc_at, note.n_descsz);
+        if (end >= bytes.size())
+            break;
+        bytes = bytes.subspan(end);
+    }
+    return {};
+}
+
+} // namespace
+
+void elf_file::fail(int code, const std::string &what) const
+{
+    throw failure(code, file_path + ": " + what);
+}
+
+byte_span elf_file::extent(uint64_t offset, uint64_t size) const
+{
+    if (offset > mapping.size() || size > mapping.size() - offset)
+        return {};
+    return mapping.subspan(offset, size);
+}
+
+elf_file::elf_file(const std::string &path) : file_path(path)
+{
+    try {
+        map();
+        elf_version(EV_CURRENT);
+        // libelf takes a plain pointer, but only reads: the image is mapped without write permission.
+        handle = elf_memory(reinterpret_cast<char *>(const_cast<uint8_t *>(mapping.data())), mapping.size());
+        if (handle == nullptr)
+            fail(KRV_ELF_ERR_FORMAT, elf_errmsg(-1));
+        check_machine();
+        read_sections();
+        read_segments();
+        find_build_id();
+    } catch (...) {
+        elf_end(handle);
+        if (!mapping.empty())
+            munmap(const_cast<uint8_t *>(mapping.data()), mapping.size());
+        throw;
+    }
+}
+
+elf_file::~elf_file()
+{
+    elf_end(handle);
+    munmap(const_cast<uint8_t *>(mapping.data()), mapping.size());
+}
+
+void elf_file::map()
+{
+    const descriptor file{open(file_path.c_str(), O_RDONLY | O_CLOEXEC)};
+    struct stat st = {};
+    if (file.fd < 0 || fstat(file.fd, &st) != 0)
+        fail(KRV_ELF_ERR_SYSTEM, std::strerror(errno));
+    if (S_ISDIR(st.st_mode))
+        fail(KRV_ELF_ERR_SYSTEM, std::strerror(EISDIR));
+    if (!S_ISREG(st.st_mode))
+        fail(KRV_ELF_ERR_FORMAT, "not a regular file");
+    if (st.st_size == 0)
+        fail(KRV_ELF_ERR_FORMAT, "the file is empty");
+    const auto size = static_cast<size_t>(st.st_size);
+    void *image = mmap(nullptr, size, PROT_READ, MAP_PRIVATE, file.fd, 0);
+    if (image == MAP_FAILED)
+        fail(KRV_ELF_ERR_SYSTEM, std::strerror(errno));
+    mapping = {static_cast<const uint8_t *>(image), size};
+}
+
+void elf_file::check_machine()
+{
+    if (elf_kind(handle) != ELF_K_ELF)
+        fail(KRV_ELF_ERR_FORMAT, elf_kind(handle) == ELF_K_AR ? "an archive, not an ELF file" : "not an ELF file");
+    if (gelf_getehdr(handle, &header) == nullptr)
+        fail(KRV_ELF_ERR_FORMAT, elf_errmsg(-1));
+    if (header.e_ident[EI_DATA] != ELFDATA2LSB)
+        fail(KRV_ELF_ERR_UNSUPPORTED, "big-endian files are not read");
+    const bool known =
+        (header.e_machine == EM_386 && gelf_getclass(handle) == ELFCLASS32) || header.e_machine == EM_X86_64;
+    if (!known)
+        fail(KRV_ELF_ERR_UNSUPPORTED, "machine " + std::to_string(header.e_machine) + " in a " +
+                                          (gelf_getclass(handle) == ELFCLASS64 ? "64" : "32") +
+                                          "-bit file; 32-bit x86 and AMD64 are read");
+}
+
+krv_activation_type_t elf_file::target() const
+{
+    return gelf_getclass(handle) == ELFCLASS64 ? KRV_ACTIVATION_AMD64 : KRV_ACTIVATION_I386;
+}
+
+void elf_file::read_sections()
+{
+    size_t names = 0;
+    const bool named = elf_getshdrstrndx(handle, &names) == 0;
+    for (Elf_Scn *scn = elf_nextscn(handle, nullptr); scn != nullptr; scn = elf_nextscn(handle, scn)) {
+        GElf_Shdr shdr;
+        if (gelf_getshdr(scn, &shdr) == nullptr)
+            fail(KRV_ELF_ERR_FORMAT, std::string("section header: ") + elf_errmsg(-1));
+        const char *name = named ? elf_strptr(handle, names, shdr.sh_name) : nullptr;
+        raw_section section = {};
+        section.name = name == nullptr ? "" : name;
+        section.number = elf_ndxscn(scn);
+        section.type = shdr.sh_type;
+        section.flags = shdr.sh_flags;
+        section.address = shdr.sh_addr;
+        section.in_file = true;
+        section.compressed = (shdr.sh_flags & SHF_COMPRESSED) != 0 || section.name.starts_with(ZDEBUG);
+        if (shdr.sh_type != SHT_NOBITS && shdr.sh_size != 0) {
+            section.file_size = shdr.sh_size;
+            section.bytes = extent(shdr.sh_offset, shdr.sh_size);
+            section.in_file = !section.bytes.empty();
+        }
+        section_list.push_back(section);
+    }
+}
+
+void elf_file::read_segments()
+{
+    size_t count = 0;
+    if (elf_getphdrnum(handle, &count) != 0)
+        return;
+    for (size_t i = 0; i < count; ++i) {
+        GElf_Phdr phdr;
+        if (gelf_getphdr(handle, static_cast<int>(i), &phdr) == nullptr)
+            break;
+        segment_list.push_back(phdr);
+    }
+}
+
+void elf_file::find_build_id()
+{
+    for (const raw_section &section : section_list)
+        if (section.type == SHT_NOTE && build_id_bytes.empty())
+            build_id_bytes = find_build_id_note(section.bytes);
+    for (const GElf_Phdr &segment : segment_list)
+        if (segment.p_type == PT_NOTE && build_id_bytes.empty())
+            build_id_bytes = find_build_id_note(extent(segment.p_offset, segment.p_filesz));
+}
+
+byte_span elf_file::contents(const raw_section &section)
+{
+    if (!section.in_file)
+        fail(KRV_ELF_ERR_FORMAT, "section " + section.name + " extends beyond the end of the file");
+    if (!section.compressed)
+        return section.bytes;
+    Elf_Scn *scn = elf_getscn(handle, section.number);
+    // libelf refuses a size that no deflated data of this length can have before it allocates.
+    const int inflated = (section.flags & SHF_COMPRESSED) != 0 ? elf_compress(scn, 0, 0) : elf_compress_gnu(scn, 0, 0);
+    const Elf_Data *data = inflated < 0 ? nullptr : elf_rawdata(scn, nullptr);
+    if (data == nullptr)
+        fail(KRV_ELF_ERR_FORMAT, "section " + section.name + " cannot be inflated: " + elf_errmsg(-1));
+    return {static_cast<const uint8_t *>(data->d_buf), data->d_size};
+}
+
+} // namespace krv_elf_loader

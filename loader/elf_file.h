@@ -1,0 +1,85 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// The raw file: mapped, recognised, its sections and segments as it has them. Compressed sections are inflated on
+// demand; everything else is the mapping's own bytes. Nothing here knows DWARF.
+#ifndef KRV_ELF_FILE_H
+#define KRV_ELF_FILE_H
+
+#include "libkorva-elf.h"
+
+#include <cstdint>
+#include <gelf.h>
+#include <span>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+namespace krv_elf_loader
+{
+
+using byte_span = std::span<const uint8_t>;
+
+// A failure on its way to a krv_elf_error_t.
+class failure : public std::runtime_error
+{
+public:
+    failure(int error_code, const std::string &text) : std::runtime_error(text), code(error_code) {}
+    const int code; // KRV_ELF_ERR_*
+};
+
+struct raw_section {
+    std::string name;
+    size_t number; // in the section header table
+    uint32_t type;
+    uint64_t flags;
+    uint64_t address;
+    uint64_t file_size; // bytes in the file
+    byte_span bytes;    // as they stand in the file; empty for a section without contents, or beyond the file
+    bool in_file;       // false when the header claims bytes that the file does not have
+    bool compressed;    // SHF_COMPRESSED, or .zdebug_*
+
+    bool executable() const { return (flags & SHF_EXECINSTR) != 0; }
+};
+
+class elf_file
+{
+public:
+    explicit elf_file(const std::string &path); // throws failure
+    ~elf_file();
+    elf_file(const elf_file &) = delete;
+    elf_file &operator=(const elf_file &) = delete;
+
+    const std::string &path() const { return file_path; }
+    Elf *elf() const { return handle; }
+    uint16_t machine() const { return header.e_machine; }
+    uint16_t type() const { return header.e_type; }
+    krv_activation_type_t target() const;
+    const std::vector<raw_section> &sections() const { return section_list; }
+    const std::vector<GElf_Phdr> &segments() const { return segment_list; }
+    byte_span build_id() const { return build_id_bytes; }
+    byte_span image() const { return mapping; }
+
+    // The contents of a section: its bytes, or what they inflate to (kept by the file). Throws failure.
+    byte_span contents(const raw_section &section);
+
+private:
+    void map();
+    void check_machine();
+    void read_sections();
+    void read_segments();
+    void find_build_id();
+    [[noreturn]] void fail(int code, const std::string &what) const; // names the file
+    byte_span extent(uint64_t offset, uint64_t size) const;          // empty when it leaves the file
+
+    std::string file_path;
+    byte_span mapping;
+    Elf *handle = nullptr;
+    GElf_Ehdr header = {};
+    std::vector<raw_section> section_list;
+    std::vector<GElf_Phdr> segment_list;
+    byte_span build_id_bytes;
+};
+
+} // namespace krv_elf_loader
+
+#endif

@@ -1,0 +1,40 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// The function symbols of a file, sorted for lookup by address.
+#ifndef KRV_ELF_SYMBOLS_H
+#define KRV_ELF_SYMBOLS_H
+
+#include "elf_file.h"
+
+namespace krv_elf_loader
+{
+
+class symbol_table
+{
+public:
+    explicit symbol_table(const elf_file &file);
+
+    bool from_symtab() const { return symtab; }
+    const std::vector<krv_elf_symbol_t> &all() const { return symbols; }
+    const krv_elf_symbol_t *find(uint64_t address) const;
+    const krv_elf_symbol_t *find(const char *name) const;
+
+private:
+    struct entry {
+        krv_elf_symbol_t symbol;
+        int rank;             // global before weak before local
+        uint64_t section_end; // where a symbol without a size ends at the latest
+    };
+    std::vector<entry> read(const elf_file &file, const raw_section &section) const;
+    void sort(std::vector<entry> entries);
+    void link_enclosing();
+    uint64_t end_of(size_t i) const { return symbols[i].address + symbols[i].size; }
+
+    std::vector<krv_elf_symbol_t> symbols; // ascending by address
+    std::vector<size_t> enclosing;         // nearest earlier symbol that ends later; NONE when there is none
+    bool symtab = false;
+};
+
+} // namespace krv_elf_loader
+
+#endif
