@@ -6,6 +6,7 @@
 #include "krv_abbrev.h"
 #include "krv_error.h"
 #include "krv_fd.h"
+#include "krv_frame.h"
 #include "krv_lookup.h"
 #include "krv_mem.h"
 
@@ -147,6 +148,7 @@ void korva_handle_free(krv_handle_t *hp)
 {
     if (hp == nullptr)
         return;
+    krv_destroy_reader(hp);
     krv_lookup_destroy_cu_caches(hp);
     krv_abbrev_destroy_caches(hp);
     krv_rwlock_destroy(&hp->sh_rwlock);
@@ -203,6 +205,7 @@ int korva_attach_as(krv_handle_t *hp, krv_fd_cb_f *func, void *arg)
     if (func == nullptr)
         return krv_fail(hp, KRV_ERR_INVALID, "NULL callback specified");
     krv_fd_attach_cb(hp, &hp->sh_as, UINT64_MAX, func, arg);
+    krv_destroy_reader(hp); // the next query chooses again, with the new memory
     return 0;
 }
 

@@ -1,0 +1,101 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// The activation: two register sets, the rules that lead from the current frame to its caller, and the scratch state
+// that applying them needs. Registers live in slots: slots 0 to sa_n_registers - 3 are DWARF register numbers, the
+// last two are the library registers KRV_REG_PC and KRV_REG_CFA. Register numbers from the data are checked against
+// krv_dwarf_slots before they index anything.
+#ifndef KRV_ACTIVATION_H
+#define KRV_ACTIVATION_H
+
+#include "krv_activation_isa.h"
+#include "krv_types.h"
+
+#include <memory>
+
+enum : unsigned {
+    KRV_REG_FLAG_VALID = 1,   // the slot exists on this target
+    KRV_REG_FLAG_PRESENT = 2, // it holds a known value
+    KRV_REG_FLAG_PIECE_HI = 4 // the value is at the high-order end of the storage
+};
+typedef unsigned int krv_reg_flag_t;
+
+// One slot.
+struct krv_register_t {
+    void *sr_contents; // its bytes, in srs_data of the same set; NULL for a slot that is not valid
+    size_t sr_size;
+    krv_reg_flag_t sr_flags;
+};
+
+// The registers of one frame.
+struct krv_regset_t {
+    krv_register_t *srs_metadata; // one a slot
+    krv_registers_t srs_data;
+};
+
+// Whether the outcome of computing the caller's frame is known; any change to the current frame makes it UNTRIED.
+typedef int krv_evaluation_t;
+enum { KRV_EVALUATION_UNTRIED = 0, KRV_EVALUATION_FAILED = 1, KRV_EVALUATION_SUCCEEDED = 2 };
+
+constexpr unsigned KRV_MAX_ARGS = 128;
+
+// Where the location of one argument lies in the CIE's instructions; size 0 when it was never described.
+struct krv_activation_arg_t {
+    uint64_t offset;
+    uint64_t size;
+};
+
+struct krv_activation_args_t {
+    unsigned int sa_argc;                       // highest argument number described
+    krv_activation_arg_t sa_argv[KRV_MAX_ARGS]; // argument n is element n - 1
+};
+
+struct krv_activation {
+    const krv_mach_def_t *sa_mach_def;
+    krv_regset_t *sa_current_registers;
+    krv_regset_t *sa_caller_registers;
+    unsigned int sa_n_registers;
+    krv_cfarule_t *sa_default; // rules by slot: those of the target's table,
+    krv_cfarule_t *sa_initial; // after the CIE's instructions,
+    krv_cfarule_t *sa_current; // and at the program counter; the slot of KRV_REG_CFA holds the CFA's rule
+    krv_activation_args_t sa_args;
+    krv_fd_t sa_cie_fd; // the cursor through which the expressions of rules and arguments are read
+    krv_evaluation_t sa_state;
+    krv_exprstack_t *sa_exprstack;
+    krv_fd_t *sa_arg_fd[3]; // output cursors of argument evaluation
+};
+
+struct krv_activation_deleter {
+    void operator()(krv_activation_t *ap) const { korva_activation_free(ap); }
+};
+using krv_activation_owner = std::unique_ptr<krv_activation_t, krv_activation_deleter>;
+
+// Slots below this one are DWARF register numbers: those that call-frame data may name.
+inline unsigned int krv_dwarf_slots(const krv_activation_t *ap)
+{
+    return ap->sa_n_registers - KRV_REG_MAX;
+}
+
+// The slot of KRV_REG_CFA or KRV_REG_PC.
+inline unsigned int krv_library_slot(const krv_activation_t *ap, unsigned int reg)
+{
+    return ap->sa_n_registers - 1 - reg;
+}
+
+// The slot of a register. -1 with KRV_ERR_INVALID and, but for an unknown host register, a message.
+int krv_get_reg_index(krv_handle_t *hp, krv_activation_t *ap, krv_reg_type_t type, int reg, unsigned int *slotp);
+
+// The width of a register in bytes. Fails as krv_get_reg_index does.
+int krv_activation_get_reg_size(krv_handle_t *hp, krv_activation_t *ap, krv_reg_type_t type, unsigned int reg,
+                                size_t *sizep);
+
+// Gives a valid slot a value and marks it present: `size` bytes of the value are there, those above them are zero.
+void krv_register_store(krv_register_t *rp, const void *bytes, size_t size);
+
+// Computes the caller's frame unless its outcome is known. -1 with code and messages, of a remembered failure without.
+int krv_evaluate_activation(krv_handle_t *hp, krv_activation_t *ap);
+
+// Call-back of argument evaluation: turns DW_OP_fbreg into the address it stands for. arg is the frame base, a
+// uint64_t *, or NULL when there is none: then DW_OP_fbreg fails with a message.
+krv_expr_cb_f krv_translate_fbreg;
+
+#endif

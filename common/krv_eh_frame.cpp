@@ -1,0 +1,367 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// The reader of .eh_frame (LSB Core, "DWARF Extensions") as a program has it loaded: everything is read through copies
+// of the address-space cursor, whose offsets are target addresses. Sums that form an address are modulo 2^64; what is
+// there is for the read call-back to say.
+#include "krv_eh_frame.h"
+
+#include "krv_code.h"
+#include "krv_dwarf.h"
+#include "krv_error.h"
+#include "krv_mem.h"
+
+namespace
+{
+
+constexpr uint8_t EH_FORMAT = 0x0f;      // how a pointer is read
+constexpr uint8_t EH_APPLICATION = 0xf0; // what is added; the indirect bit is one of these
+constexpr uint64_t EH_LENGTH_SIZE = 4;   // bytes of a record's length field; there is no 64-bit format
+
+struct eh_format {
+    krv_form_t form; // 0 for a format that does not exist
+    uint32_t flags;
+};
+
+} // namespace
+
+static constexpr eh_format eh_formats[EH_FORMAT + 1] = {
+    {DW_FORM_addr, 0},                  // DW_EH_PE_absptr
+    {DW_FORM_udata, 0},                 // DW_EH_PE_uleb128
+    {DW_FORM_data2, 0},                 // DW_EH_PE_udata2
+    {DW_FORM_data4, 0},                 // DW_EH_PE_udata4
+    {DW_FORM_data8, 0},                 // DW_EH_PE_udata8
+    {0, 0},                             //
+    {0, 0},                             //
+    {0, 0},                             //
+    {0, 0},                             //
+    {DW_FORM_sdata, 0},                 // DW_EH_PE_sleb128
+    {DW_FORM_data2, KRV_FORM_F_SIGNED}, // DW_EH_PE_sdata2
+    {DW_FORM_data4, KRV_FORM_F_SIGNED}, // DW_EH_PE_sdata4
+    {DW_FORM_data8, KRV_FORM_F_SIGNED}, // DW_EH_PE_sdata8
+    {0, 0},                             //
+    {0, 0},                             //
+    {0, 0},                             // that of DW_EH_PE_omit
+};
+static_assert(eh_formats[DW_EH_PE_udata8].form == DW_FORM_data8 && eh_formats[DW_EH_PE_sleb128].form == DW_FORM_sdata);
+
+static int apply_base(krv_handle_t *hp, uint8_t encoding, uint64_t pc_base, uint64_t data_base, uint64_t *valuep)
+{
+    switch (encoding & EH_APPLICATION) {
+    case DW_EH_PE_absptr:
+        return 0;
+    case DW_EH_PE_pcrel:
+        *valuep += pc_base;
+        return 0;
+    case DW_EH_PE_datarel:
+        *valuep += data_base;
+        return 0;
+    default:
+        return krv_fail(hp, KRV_ERR_UNSUPPORTED, "unsupported target address encoding 0x%hhx", encoding);
+    }
+}
+
+int krv_decode_eh_form(krv_fd_t *fdp, uint8_t encoding, uint64_t pc_base, uint64_t data_base, uint64_t *datump)
+{
+    KRV_ASSERT(fdp != NULL);
+    KRV_ASSERT(datump != NULL);
+    krv_handle_t *hp = fdp->sfd_hp;
+    const uint8_t low = encoding & EH_FORMAT;
+    const eh_format *format = &eh_formats[low];
+    if (format->form == 0)
+        return krv_fail(hp, KRV_ERR_INVALID, "illegal EH form (0x%hhx)", low);
+    uint64_t value = 0;
+    if (!krv_read_field(fdp, format->form, format->flags, &value, "korva_decode_form() failed") ||
+        apply_base(hp, encoding, pc_base, data_base, &value) != 0)
+        return krv_note(hp, "unable to decode EH datum");
+    *datump = value;
+    return 0;
+}
+
+// A pointer relative to its own address or to .eh_frame, else `message` behind the decoder's own.
+static bool read_pointer(krv_fd_t *fdp, uint8_t encoding, uint64_t eh_frame, uint64_t *datump, const char *message)
+{
+    if (krv_decode_eh_form(fdp, encoding, fdp->sfd_offset, eh_frame, datump) == 0)
+        return true;
+    krv_note(fdp->sfd_hp, "%s", message);
+    return false;
+}
+
+static int read_set_loc(krv_handle_t *hp, krv_fd_t *fdp, krv_operation_t *op, const krv_amd64_cie_augmentation *augp)
+{
+    const krv_opt_t *eh_frame = &hp->sh_opts[KRV_OPT_EH_FRAME_ADDR];
+    if (eh_frame->sopt_set != B_TRUE)
+        return krv_fail(hp, KRV_ERR_INVALID, ".eh_frame address unknown");
+    const uint8_t encoding = augp == nullptr || augp->scie_re == 0 ? uint8_t{DW_EH_PE_udata8} : augp->scie_re;
+    uint64_t *locp = &op->operand[0].sa_u.su_unsigned;
+    return read_pointer(fdp, encoding, eh_frame->sopt_u.o_uint64, locp, "failed to read operand") ? 0 : -1;
+}
+
+int krv_eh_frame_aug_next_op(krv_handle_t *hp, krv_fd_t *fdp, krv_operation_t *op, void *arg)
+{
+    KRV_ASSERT(hp != NULL);
+    KRV_ASSERT(fdp != NULL);
+    KRV_ASSERT(op != NULL);
+    krv_form_t forms[2];
+    if (krv_frame_read_opcode(hp, fdp, op, forms) != 0)
+        return -1;
+    if (op->opcode == DW_CFA_set_loc)
+        return read_set_loc(hp, fdp, op, static_cast<const krv_amd64_cie_augmentation *>(arg));
+    return krv_frame_read_operands(hp, fdp, op, forms);
+}
+
+static const krv_augmentation_ops_t krv_eh_frame_aug_ops = {.sao_gno = krv_eh_frame_aug_next_op};
+static const krv_augmentation_t krv_eh_frame_augmentation = {.sa_ops = &krv_eh_frame_aug_ops};
+
+static const krv_eh_frame_reader_data *reader_data(const krv_reader_t *reader)
+{
+    return static_cast<const krv_eh_frame_reader_data *>(reader->sr_data);
+}
+
+// A cursor over the target's memory, which reports errors even when no address space is attached.
+static krv_fd_t address_space(krv_handle_t *hp)
+{
+    krv_fd_t fd = hp->sh_as;
+    fd.sfd_hp = hp;
+    return fd;
+}
+
+// Places the cursor behind a record's length field and limits it to the record.
+static bool enter_record(krv_fd_t *fdp, uint64_t address, uint64_t *lengthp, uint64_t *full_sizep)
+{
+    if (korva_fd_seek(fdp, address, KRV_FD_SEEK_SET) != 0) {
+        krv_note(fdp->sfd_hp, "unable to seek to offset 0x%lx", static_cast<unsigned long>(address));
+        return false;
+    }
+    if (!krv_read_field(fdp, DW_FORM_data4, 0, lengthp, "failed to read Length"))
+        return false;
+    *full_sizep = *lengthp + EH_LENGTH_SIZE;
+    return korva_fd_truncate(fdp, *lengthp) == 0;
+}
+
+// For the fields that a CIE may have once.
+static bool first_time(krv_handle_t *hp, boolean_t *seenp, const char *message)
+{
+    if (*seenp == B_FALSE) {
+        *seenp = B_TRUE;
+        return true;
+    }
+    krv_fail(hp, KRV_ERR_CORRUPT, "%s", message);
+    return false;
+}
+
+// The datum of one letter of the augmentation string.
+static bool read_letter(krv_handle_t *hp, char letter, krv_fd_t *fdp, uint64_t eh_frame,
+                        krv_amd64_cie_augmentation *augp)
+{
+    uint8_t encoding = 0;
+    switch (letter) {
+    case 'L':
+        return first_time(hp, &augp->scie_L, "duplicate personality specifier") &&
+               krv_read_field(fdp, DW_FORM_data1, 0, &augp->scie_le, "failed to read LDSA encoding");
+    case 'P':
+        return first_time(hp, &augp->scie_P, "duplicate personality specifier") &&
+               krv_read_field(fdp, DW_FORM_data1, 0, &encoding, "failed to read personality encoding") &&
+               read_pointer(fdp, encoding, eh_frame, &augp->scie_pr, "failed to read personality routine");
+    case 'R':
+        return first_time(hp, &augp->scie_R, "duplicate code encoding") &&
+               krv_read_field(fdp, DW_FORM_data1, 0, &augp->scie_re, "failed to read code encoding");
+    default:
+        krv_fail(hp, KRV_ERR_CORRUPT, "illegal operation in augmentation string");
+        return false;
+    }
+}
+
+// The size of the augmentation data is only checked: what the letters say is read, and instructions begin behind it.
+static bool read_cie_augmentation(krv_handle_t *hp, krv_fd_t *fdp, uint64_t eh_frame, krv_cie_t *ciep)
+{
+    const char *letters = ciep->scie_augmentation_string;
+    if (letters[0] == '\0')
+        return true; // KRV_AUG_NONE
+    auto *augp = krv_new<krv_amd64_cie_augmentation>(hp);
+    if (augp == nullptr)
+        return false;
+    ciep->scie_augmentation_data = augp;
+    ciep->scie_augmentation_type = KRV_AUG_AMD64;
+    if (letters[0] != 'z') {
+        krv_fail(hp, KRV_ERR_CORRUPT, "augmentation string starts with illegal character");
+        return false;
+    }
+    uint64_t size = 0;
+    if (!krv_read_field(fdp, DW_FORM_udata, 0, &size, "failed to read augmentation section size"))
+        return false;
+    if (size > fdp->sfd_remaining) {
+        krv_fail(hp, KRV_ERR_CORRUPT, "illegal augmentation length");
+        return false;
+    }
+    for (const char *letter = letters + 1; *letter != '\0'; ++letter)
+        if (!read_letter(hp, *letter, fdp, eh_frame, augp))
+            return false;
+    return true;
+}
+
+static bool read_cie(krv_handle_t *hp, krv_cie_t *ciep, uint64_t eh_frame, uint64_t address)
+{
+    krv_fd_t fd = address_space(hp);
+    ciep->scie_fd = fd;
+    if (!enter_record(&fd, address, &ciep->scie_length, &ciep->scie_section_length) ||
+        !krv_read_field(&fd, DW_FORM_data4, 0, &ciep->scie_id, "failed to read CIE id"))
+        return false;
+    if (ciep->scie_id != 0) {
+        krv_fail(hp, KRV_ERR_CORRUPT, "illegal CIE id (0x%lx)", static_cast<unsigned long>(ciep->scie_id));
+        return false;
+    }
+    if (!krv_read_field(&fd, DW_FORM_data1, 0, &ciep->scie_version, "failed to read Version"))
+        return false;
+    if (ciep->scie_version != 1) {
+        krv_fail(hp, KRV_ERR_CORRUPT, "illegal Version (%hhd)", static_cast<signed char>(ciep->scie_version));
+        return false;
+    }
+    if (!krv_read_field(&fd, DW_FORM_string, 0, &ciep->scie_augmentation_string, "failed to read augmentation") ||
+        !krv_read_field(&fd, DW_FORM_udata, 0, &ciep->scie_code_alignment_factor, "failed to read Code Align Factor") ||
+        !krv_read_field(&fd, DW_FORM_sdata, 0, &ciep->scie_data_alignment_factor, "failed to read Data Align Factor") ||
+        !krv_read_field(&fd, DW_FORM_udata, 0, &ciep->scie_return_address_register, "failed to read Ret Address Reg") ||
+        !read_cie_augmentation(hp, &fd, eh_frame, ciep))
+        return false;
+    ciep->scie_augmentation = &krv_eh_frame_augmentation;
+    ciep->scie_cfi_offset = fd.sfd_offset;
+    ciep->scie_cfi_size = fd.sfd_remaining;
+    ciep->scie_sec = KRV_SEC_EH_FRAME;
+    return true;
+}
+
+static krv_cie_t *krv_eh_frame_gcbo(krv_handle_t *hp, krv_reader_t *reader, uint64_t offset)
+{
+    KRV_ASSERT(hp != NULL);
+    KRV_ASSERT(reader != NULL);
+    const uint64_t eh_frame = reader_data(reader)->sefh_eh_frame;
+    krv_cie_owner ciep(krv_new<krv_cie_t>(hp), {hp});
+    if (ciep != nullptr && read_cie(hp, ciep.get(), eh_frame, eh_frame + offset))
+        return ciep.release();
+    krv_note(hp, "failed to read CIE at address 0x%lx in .eh_frame", static_cast<unsigned long>(eh_frame + offset));
+    return nullptr;
+}
+
+// pc_begin and pc_range. The range has the format of the address, and no base.
+static bool read_extent(krv_fd_t *fdp, uint8_t encoding, uint64_t eh_frame, krv_fde_t *fdep)
+{
+    if (!read_pointer(fdp, encoding, eh_frame, &fdep->sfde_target_address, "failed to read target address"))
+        return false;
+    if (krv_decode_eh_form(fdp, encoding & EH_FORMAT, 0, 0, &fdep->sfde_address_range) == 0)
+        return true;
+    krv_note(fdp->sfd_hp, "failed to read address range");
+    return false;
+}
+
+static bool read_fde_augmentation(krv_handle_t *hp, krv_fd_t *fdp, uint64_t eh_frame,
+                                  const krv_amd64_cie_augmentation *cie_augp, krv_fde_t *fdep)
+{
+    uint64_t size = 0;
+    if (!krv_read_field(fdp, DW_FORM_udata, 0, &size, "failed to read augmentation section size"))
+        return false;
+    if (size > fdp->sfd_remaining) {
+        krv_fail(hp, KRV_ERR_CORRUPT,
+                 "length of remaining augmentation section (%lu) exceeds length of remaining FDE (%lu)",
+                 static_cast<unsigned long>(size), static_cast<unsigned long>(fdp->sfd_remaining));
+        return false;
+    }
+    auto *augp = krv_new<krv_amd64_fde_augmentation>(hp);
+    if (augp == nullptr)
+        return false;
+    fdep->sfde_augmentation_data = augp;
+    return size == 0 || read_pointer(fdp, static_cast<uint8_t>(cie_augp->scie_le), eh_frame, &augp->safa_ldsa,
+                                     "failed to read LDSA");
+}
+
+static bool read_fde(krv_handle_t *hp, krv_fde_t *fdep, uint64_t eh_frame, uint64_t offset)
+{
+    krv_fd_t fd = address_space(hp);
+    if (!enter_record(&fd, eh_frame + offset, &fdep->sfde_length, &fdep->sfde_section_length) ||
+        !krv_read_field(&fd, DW_FORM_data4, 0, &fdep->sfde_pointer, "failed to read CIE pointer"))
+        return false;
+    if (fdep->sfde_pointer == 0) {
+        krv_fail(hp, KRV_ERR_CORRUPT, "illegal CIE pointer (0)");
+        return false;
+    }
+    fdep->sfde_cie = krv_get_cie_by_offset(hp, offset + EH_LENGTH_SIZE - fdep->sfde_pointer);
+    if (fdep->sfde_cie == nullptr) {
+        krv_note(hp, "couldn't get parent CIE");
+        return false;
+    }
+    switch (fdep->sfde_cie->scie_augmentation_type) {
+    case KRV_AUG_NONE:
+        if (!read_extent(&fd, DW_EH_PE_udata8, eh_frame, fdep))
+            return false;
+        break;
+    case KRV_AUG_AMD64: {
+        const auto *cie_augp = static_cast<krv_amd64_cie_augmentation *>(fdep->sfde_cie->scie_augmentation_data);
+        if (!read_extent(&fd, cie_augp->scie_re, eh_frame, fdep) ||
+            !read_fde_augmentation(hp, &fd, eh_frame, cie_augp, fdep))
+            return false;
+        break;
+    }
+    default:
+        krv_fail(hp, KRV_ERR_INVALID, "parent CIE has unknown augmentation type");
+        return false;
+    }
+    fdep->sfde_cfi_offset = fd.sfd_offset;
+    fdep->sfde_cfi_size = fd.sfd_remaining;
+    return true;
+}
+
+static krv_fde_t *krv_eh_frame_gfbo(krv_handle_t *hp, krv_reader_t *reader, uint64_t offset)
+{
+    KRV_ASSERT(hp != NULL);
+    KRV_ASSERT(reader != NULL);
+    const uint64_t eh_frame = reader_data(reader)->sefh_eh_frame;
+    krv_fde_owner fdep(krv_new<krv_fde_t>(hp), {hp});
+    if (fdep != nullptr && read_fde(hp, fdep.get(), eh_frame, offset))
+        return fdep.release();
+    krv_note(hp, "failed to read FDE at address 0x%lx in .eh_frame", static_cast<unsigned long>(eh_frame + offset));
+    return nullptr;
+}
+
+static void krv_eh_frame_cie_free(krv_cie_t *ciep)
+{
+    KRV_ASSERT(ciep->scie_augmentation_type == (ciep->scie_augmentation_data != NULL ? KRV_AUG_AMD64 : KRV_AUG_NONE));
+    krv_free(ciep->scie_augmentation_data);
+    krv_free(ciep);
+}
+
+static void krv_eh_frame_fde_free(krv_fde_t *fdep)
+{
+    krv_free(fdep->sfde_augmentation_data);
+    krv_free(fdep);
+}
+
+static void krv_eh_frame_destroy_reader(krv_reader_t *reader)
+{
+    krv_free(reader->sr_data);
+    krv_free(reader);
+}
+
+static const krv_reader_ops_t krv_eh_frame_reader_ops = {
+    .sro_gcbo = krv_eh_frame_gcbo,
+    .sro_gfbo = krv_eh_frame_gfbo,
+    .sro_gfoba = krv_eh_frame_gfoba,
+    .sro_cie_free = krv_eh_frame_cie_free,
+    .sro_fde_free = krv_eh_frame_fde_free,
+    .sro_destroy_reader = krv_eh_frame_destroy_reader,
+};
+
+krv_reader_t *krv_eh_frame_create_reader(krv_handle_t *hp)
+{
+    KRV_ASSERT(hp != NULL);
+    const krv_opt_t *eh_frame = &hp->sh_opts[KRV_OPT_EH_FRAME_ADDR];
+    if (eh_frame->sopt_set != B_TRUE) {
+        krv_fail(hp, KRV_ERR_INVALID, ".eh_frame load address not set");
+        return nullptr;
+    }
+    krv_owner<krv_reader_t> reader(krv_new<krv_reader_t>(hp));
+    krv_owner<krv_eh_frame_reader_data> data(krv_new<krv_eh_frame_reader_data>(hp));
+    if (reader == nullptr || data == nullptr)
+        return nullptr;
+    data->sefh_eh_frame = eh_frame->sopt_u.o_uint64;
+    reader->sr_ops = &krv_eh_frame_reader_ops;
+    reader->sr_data = data.release();
+    return reader.release();
+}

@@ -1,0 +1,55 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// What the reader of .eh_frame and .eh_frame_hdr keeps, and its two decoders.
+#ifndef KRV_EH_FRAME_H
+#define KRV_EH_FRAME_H
+
+#include "krv_frame.h"
+
+// Whether the search table of .eh_frame_hdr can be used. UNSUPPORTED is final.
+typedef int krv_eh_status_t;
+enum { KRV_EFH_UNINITIALISED = 0, KRV_EFH_UNSUPPORTED = 1, KRV_EFH_INITIALISED = 2 };
+
+// The reader's sr_data.
+struct krv_eh_frame_reader_data {
+    uint64_t sefh_eh_frame_hdr;  // where .eh_frame_hdr is loaded
+    uint64_t sefh_eh_frame;      // where .eh_frame is loaded
+    krv_eh_status_t sefh_status; // published after what follows, which only the header tells
+    uint8_t sefh_version;        // not checked
+    uint8_t sefh_fpe;            // encoding of eh_frame_ptr
+    uint8_t sefh_fdece;          // encoding of fde_count
+    uint8_t sefh_te;             // encoding of the table's fields
+    uint64_t sefh_fp;            // eh_frame_ptr, for nothing
+    uint64_t sefh_fde_count;     // entries of the table
+    uint64_t sefh_table_offset;  // target address of the first
+    uint8_t sefh_width;          // bytes of one field: 2, 4 or 8
+};
+
+// scie_augmentation_data of a CIE with an augmentation string.
+struct krv_amd64_cie_augmentation {
+    boolean_t scie_P;
+    boolean_t scie_R;
+    boolean_t scie_L;
+    uint64_t scie_pr; // address of the personality routine
+    uint8_t scie_re;  // encoding of FDE addresses
+    uint64_t scie_le; // encoding of the LSDA's address
+};
+
+// sfde_augmentation_data of such a CIE's FDEs.
+struct krv_amd64_fde_augmentation {
+    uint64_t safa_ldsa; // address of the LSDA, 0 when there is none
+};
+
+// Reads a pointer in a DW_EH_PE_* encoding and adds the base that it names, modulo 2^64. -1 with KRV_ERR_INVALID (no
+// such format, DW_EH_PE_omit included), KRV_ERR_UNSUPPORTED (any other base, and indirect pointers), or the code of the
+// form decoder.
+int krv_decode_eh_form(krv_fd_t *fdp, uint8_t encoding, uint64_t pc_base, uint64_t data_base, uint64_t *datump);
+
+// Decodes one call-frame instruction; arg is the krv_amd64_cie_augmentation of its CIE, or NULL.
+krv_get_next_op_f krv_eh_frame_aug_next_op;
+
+// The index of krv_eh_frame: sro_gfoba over the search table of .eh_frame_hdr.
+int krv_eh_frame_gfoba(krv_handle_t *hp, krv_reader_t *reader, uint64_t address, uint64_t *taddrp, uint64_t *toffp,
+                       uint64_t *naddrp);
+
+#endif

@@ -1,0 +1,145 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// The search table of .eh_frame_hdr (LSB Core, "DWARF Extensions"), the address index of the .eh_frame reader. Whatever
+// is wrong with it makes it unsupported for the life of the reader: .eh_frame itself holds the same, only slower.
+#include "krv_eh_frame.h"
+
+#include "krv_code.h"
+#include "krv_dwarf.h"
+#include "krv_error.h"
+
+// Bytes of a field of the table; 0 for a format that a table cannot have.
+static uint8_t field_width(uint8_t encoding)
+{
+    switch (encoding & 0x0f) {
+    case DW_EH_PE_udata2:
+    case DW_EH_PE_sdata2:
+        return 2;
+    case DW_EH_PE_udata4:
+    case DW_EH_PE_sdata4:
+        return 4;
+    case DW_EH_PE_udata8:
+    case DW_EH_PE_sdata8:
+        return 8;
+    default:
+        return 0;
+    }
+}
+
+// A pointer relative to its own address or to .eh_frame_hdr, else `message` behind the decoder's own.
+static bool read_pointer(const krv_eh_frame_reader_data *data, krv_fd_t *fdp, uint8_t encoding, uint64_t *datump,
+                         const char *message)
+{
+    if (krv_decode_eh_form(fdp, encoding, fdp->sfd_offset, data->sefh_eh_frame_hdr, datump) == 0)
+        return true;
+    krv_note(fdp->sfd_hp, "%s", message);
+    return false;
+}
+
+// Each field is stored once and with the value that any other thread reads too; the status, last, says they are valid.
+static bool parse_header(krv_handle_t *hp, krv_eh_frame_reader_data *data, krv_fd_t *fdp)
+{
+    const krv_opt_t *hdr = &hp->sh_opts[KRV_OPT_EH_FRAME_HDR_ADDR];
+    if (hdr->sopt_set != B_TRUE) {
+        krv_note(hp, ".eh_frame_hdr base address unknown");
+        return false;
+    }
+    data->sefh_eh_frame_hdr = hdr->sopt_u.o_uint64;
+    if (korva_fd_seek(fdp, data->sefh_eh_frame_hdr, KRV_FD_SEEK_SET) != 0) {
+        krv_note(hp, "couldn't seek to start of .eh_frame_hdr");
+        return false;
+    }
+    if (!krv_read_field(fdp, DW_FORM_data1, 0, &data->sefh_version, "failed to read version") ||
+        !krv_read_field(fdp, DW_FORM_data1, 0, &data->sefh_fpe, "failed to read frame pointer encoding") ||
+        !krv_read_field(fdp, DW_FORM_data1, 0, &data->sefh_fdece, "failed to read FDE count encoding") ||
+        !krv_read_field(fdp, DW_FORM_data1, 0, &data->sefh_te, "failed to read table encoding") ||
+        !read_pointer(data, fdp, data->sefh_fpe, &data->sefh_fp, "failed to read frame pointer") ||
+        !read_pointer(data, fdp, data->sefh_fdece, &data->sefh_fde_count, "failed to read FDE count"))
+        return false;
+    data->sefh_table_offset = fdp->sfd_offset;
+    data->sefh_width = field_width(data->sefh_te);
+    if (data->sefh_width == 0) {
+        krv_note(hp, "unsupported table entry encoding");
+        return false;
+    }
+    krv_store(&data->sefh_status, krv_eh_status_t{KRV_EFH_INITIALISED});
+    return true;
+}
+
+// Field 0 (initial_location) or 1 (fde_address) of an entry. Its address is formed modulo 2^64.
+static bool read_field(const krv_eh_frame_reader_data *data, krv_fd_t *fdp, int32_t entry, unsigned int field,
+                       uint64_t *datump, const char *message)
+{
+    const uint64_t index = 2 * static_cast<uint64_t>(entry) + field;
+    if (korva_fd_seek(fdp, data->sefh_table_offset + index * data->sefh_width, KRV_FD_SEEK_SET) == 0)
+        return read_pointer(data, fdp, data->sefh_te, datump, message);
+    krv_note(fdp->sfd_hp, "%s", message);
+    return false;
+}
+
+namespace
+{
+
+enum class found { yes, no, failed };
+
+} // namespace
+
+// The indices have 32 bits, and so has what counts of fde_count: a count whose low half is negative finds nothing.
+static found search_table(const krv_eh_frame_reader_data *data, krv_fd_t *fdp, uint64_t address, uint64_t *startp,
+                          uint64_t *fde_addressp, uint64_t *nextp)
+{
+    int32_t lo = 0, hi = static_cast<int32_t>(data->sefh_fde_count - 1);
+    while (lo <= hi) {
+        const int32_t mid = lo + (hi - lo) / 2;
+        if (!read_field(data, fdp, mid, 0, startp, "failed to read VA"))
+            return found::failed;
+        if (address < *startp) {
+            hi = mid - 1;
+            continue;
+        }
+        *nextp = *startp;
+        if (mid != hi && !read_field(data, fdp, mid + 1, 0, nextp, "failed to read VA"))
+            return found::failed;
+        if (mid == hi || address < *nextp)
+            return read_field(data, fdp, mid, 1, fde_addressp, "failed to read location") ? found::yes : found::failed;
+        lo = mid + 1;
+    }
+    return found::no;
+}
+
+static int abandon_table(krv_handle_t *hp, krv_eh_frame_reader_data *data)
+{
+    krv_store(&data->sefh_status, krv_eh_status_t{KRV_EFH_UNSUPPORTED});
+    return krv_fail(hp, KRV_ERR_UNSUPPORTED, "failure parsing .eh_frame_hdr");
+}
+
+int krv_eh_frame_gfoba(krv_handle_t *hp, krv_reader_t *reader, uint64_t address, uint64_t *taddrp, uint64_t *toffp,
+                       uint64_t *naddrp)
+{
+    KRV_ASSERT(hp != NULL);
+    KRV_ASSERT(reader != NULL);
+    KRV_ASSERT(taddrp != NULL);
+    KRV_ASSERT(toffp != NULL);
+    KRV_ASSERT(naddrp != NULL);
+    auto *data = static_cast<krv_eh_frame_reader_data *>(reader->sr_data);
+    const krv_eh_status_t status = krv_load(&data->sefh_status);
+    if (status == KRV_EFH_UNSUPPORTED)
+        return krv_fail_code(hp, KRV_ERR_UNSUPPORTED);
+    krv_fd_t fd = hp->sh_as;
+    fd.sfd_hp = hp; // which it has not while no address space is attached
+    if (status == KRV_EFH_UNINITIALISED && !parse_header(hp, data, &fd))
+        return abandon_table(hp, data);
+    uint64_t start = 0, fde_address = 0, next = 0;
+    switch (search_table(data, &fd, address, &start, &fde_address, &next)) {
+    case found::yes:
+        *taddrp = start;
+        *toffp = fde_address - data->sefh_eh_frame;
+        *naddrp = next;
+        return 0;
+    case found::no:
+        return krv_fail_code(hp, KRV_ERR_NOTFOUND);
+    case found::failed:
+        break;
+    }
+    return abandon_table(hp, data);
+}

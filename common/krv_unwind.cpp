@@ -1,0 +1,286 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// From the current frame to its caller: the rules at the program counter, the CFA, every register by its rule, and the
+// return address. Expressions are read through a copy of the CIE's cursor, memory through the address space.
+#include "krv_activation.h"
+
+#include "krv_cfa.h"
+#include "krv_error.h"
+#include "krv_frame.h"
+
+#include <cstring>
+#include <utility>
+
+namespace
+{
+
+struct evaluation {
+    krv_handle_t *hp;
+    krv_activation_t *ap;
+    krv_fd_t fd;     // reads instructions and expressions
+    uint64_t column; // return-address register
+    bool has_cfa;    // false when a register that it depends on has no value
+    uint64_t cfa;
+};
+
+} // namespace
+
+// Sums of addresses wrap at the width of the target.
+static uint64_t target_address(const krv_handle_t *hp, uint64_t value)
+{
+    return hp->sh_target_size == 4 ? value & UINT32_MAX : value;
+}
+
+static bool is_present(const krv_register_t *rp)
+{
+    return (rp->sr_flags & KRV_REG_FLAG_PRESENT) != 0;
+}
+
+static int place_cursor(krv_fd_t *fdp, uint64_t offset, uint64_t size)
+{
+    return korva_fd_seek(fdp, offset, KRV_FD_SEEK_SET) == 0 && korva_fd_truncate(fdp, size) == 0 ? 0 : -1;
+}
+
+static int generate_cie_rules(evaluation *ev, const krv_cie_t *cie)
+{
+    krv_activation_t *ap = ev->ap;
+    ap->sa_args = {};
+    std::memcpy(ap->sa_initial, ap->sa_default, ap->sa_n_registers * sizeof(krv_cfarule_t));
+    if (place_cursor(&ev->fd, cie->scie_cfi_offset, cie->scie_cfi_size) != 0)
+        return -1;
+    return krv_generate_ruleset(ev->hp, &ev->fd, cie->scie_code_alignment_factor,
+                                static_cast<uint64_t>(cie->scie_data_alignment_factor), 0, 0, 0, ap->sa_n_registers,
+                                nullptr, ap->sa_initial, &ap->sa_args, cie->scie_augmentation,
+                                cie->scie_augmentation_data);
+}
+
+static int generate_fde_rules(evaluation *ev, const krv_fde_t *fde, uint64_t pc)
+{
+    krv_activation_t *ap = ev->ap;
+    const krv_cie_t *cie = fde->sfde_cie;
+    std::memcpy(ap->sa_current, ap->sa_initial, ap->sa_n_registers * sizeof(krv_cfarule_t));
+    if (place_cursor(&ev->fd, fde->sfde_cfi_offset, fde->sfde_cfi_size) != 0)
+        return -1;
+    return krv_generate_ruleset(ev->hp, &ev->fd, cie->scie_code_alignment_factor,
+                                static_cast<uint64_t>(cie->scie_data_alignment_factor), pc, fde->sfde_target_address,
+                                fde->sfde_address_range, ap->sa_n_registers, ap->sa_initial, ap->sa_current, nullptr,
+                                cie->scie_augmentation, cie->scie_augmentation_data);
+}
+
+// Fills sa_current, sa_args and sa_cie_fd for the program counter.
+static int generate_rules(evaluation *ev, uint64_t pc)
+{
+    krv_handle_t *hp = ev->hp;
+    const krv_fde_owner fde(krv_get_fde_by_address(hp, pc), {hp});
+    if (fde == nullptr)
+        return krv_note(hp, "unable to get FDE for PC 0x%lx", static_cast<unsigned long>(pc));
+    // An empty FDE at address 0 passes for one that covers everything.
+    if (pc < fde->sfde_target_address || pc - fde->sfde_target_address >= fde->sfde_address_range)
+        return krv_fail(hp, KRV_ERR_NOTFOUND, "unable to get FDE for PC 0x%lx", static_cast<unsigned long>(pc));
+
+    const krv_cie_t *cie = fde->sfde_cie;
+    ev->ap->sa_cie_fd = cie->scie_fd;
+    ev->fd = cie->scie_fd;
+    ev->column = cie->scie_return_address_register;
+    if (generate_cie_rules(ev, cie) != 0)
+        return krv_note(hp, "failed to generate CIE's rules");
+    if (generate_fde_rules(ev, fde.get(), pc) != 0)
+        return krv_note(hp, "failed to generate FDE's rules");
+    return 0;
+}
+
+// Makes ready to execute a rule's expression, on a stack that is empty or holds the CFA.
+static int prepare_expression(evaluation *ev, const krv_cfarule_t *rule, bool push_cfa)
+{
+    krv_handle_t *hp = ev->hp;
+    krv_exprstack_t *stack = ev->ap->sa_exprstack;
+    if (korva_expr_reset_stack(hp, stack) != 0)
+        return krv_note(hp, "couldn't reset expression stack");
+    if (push_cfa && korva_expr_stack_push(hp, stack, ev->cfa) != 0)
+        return krv_note(hp, "couldn't push CFA");
+    if (place_cursor(&ev->fd, rule->offset, rule->size) != 0)
+        return krv_note(hp, "couldn't seek to expression at offset %lu for length  %lu",
+                        static_cast<unsigned long>(rule->offset), static_cast<unsigned long>(rule->size));
+    return 0;
+}
+
+static int execute_expression(evaluation *ev)
+{
+    krv_fd_t *outputs[3] = {};
+    return korva_expr_execute_expression(ev->hp, ev->ap->sa_exprstack, ev->ap, &ev->fd, KRV_EXPR_F_CFI, outputs,
+                                         nullptr, nullptr);
+}
+
+static int compute_cfa_expression(evaluation *ev, const krv_cfarule_t *rule)
+{
+    if (prepare_expression(ev, rule, false) != 0)
+        return -1;
+    if (execute_expression(ev) != 0)
+        return krv_note(ev->hp, "couldn't execute CFA expression");
+    if (korva_expr_stack_pop(ev->hp, ev->ap->sa_exprstack, &ev->cfa) != 0)
+        return krv_note(ev->hp, "unable to retrieve CFA expression result");
+    return 0;
+}
+
+static int compute_register_expression(evaluation *ev, const krv_cfarule_t *rule, unsigned int reg, uint64_t *valuep)
+{
+    if (prepare_expression(ev, rule, true) != 0)
+        return -1;
+    if (execute_expression(ev) != 0)
+        return krv_note(ev->hp, "couldn't execute expression for register %u\n", reg);
+    if (korva_expr_stack_pop(ev->hp, ev->ap->sa_exprstack, valuep) != 0)
+        return krv_note(ev->hp, "unable to retrieve expression result for register %u", reg);
+    return 0;
+}
+
+// Stores the CFA in the current frame, unless it depends on a register without a value.
+static int compute_cfa(evaluation *ev)
+{
+    krv_handle_t *hp = ev->hp;
+    krv_activation_t *ap = ev->ap;
+    const unsigned int slot = krv_library_slot(ap, KRV_REG_CFA);
+    const krv_cfarule_t *rule = &ap->sa_current[slot];
+    ap->sa_current_registers->srs_metadata[slot].sr_flags &= ~KRV_REG_FLAG_PRESENT;
+    switch (rule->desc) {
+    case KRV_CFA_RULE_UNDEFINED:
+        return 0;
+    case KRV_CFA_RULE_REG_OFFSET: {
+        const auto reg = static_cast<unsigned int>(rule->arg >> 32);
+        const auto offset = static_cast<int32_t>(rule->arg & UINT32_MAX);
+        krv_greg_t base = 0;
+        if (korva_activation_get_greg(hp, ap, KRV_ACTIVATION_REG_DWARF, KRV_ACTIVATION_FRAME_CURRENT, reg, &base) != 0)
+            return hp->sh_errno == KRV_ERR_NOTFOUND ? 0 : -1;
+        ev->cfa = static_cast<uint64_t>(base) + static_cast<uint64_t>(int64_t{offset});
+        break;
+    }
+    case KRV_CFA_RULE_EXPRESSION:
+        if (compute_cfa_expression(ev, rule) != 0)
+            return -1;
+        break;
+    default:
+        return krv_fail(hp, KRV_ERR_UNSUPPORTED, "unsupported CFA rule (%d)", rule->desc);
+    }
+    ev->cfa = target_address(hp, ev->cfa);
+    ev->has_cfa = true;
+    return korva_activation_set_greg(hp, ap, KRV_ACTIVATION_REG_LIBRARY, KRV_REG_CFA, static_cast<krv_greg_t>(ev->cfa));
+}
+
+// Gives a register the bytes that the target has at an address.
+static int load_register(evaluation *ev, krv_register_t *to, uint64_t address)
+{
+    const krv_fd_t *as = &ev->hp->sh_as;
+    const int64_t count = to->sr_size == 0 ? 0
+                                           : as->sfd_u.cb.func(as->sfd_u.cb.arg, to->sr_contents, to->sr_size,
+                                                               target_address(ev->hp, address));
+    if (count != static_cast<int64_t>(to->sr_size))
+        return krv_fail(ev->hp, KRV_ERR_IO, "error in AS-read call back");
+    to->sr_flags |= KRV_REG_FLAG_PRESENT;
+    return 0;
+}
+
+static void copy_register(krv_register_t *to, const krv_register_t *from)
+{
+    if (is_present(from))
+        krv_register_store(to, from->sr_contents, from->sr_size);
+}
+
+// Rules that need the CFA leave a register without a value when there is none.
+static int apply_rule(evaluation *ev, unsigned int reg)
+{
+    const krv_cfarule_t *rule = &ev->ap->sa_current[reg];
+    const krv_register_t *current = ev->ap->sa_current_registers->srs_metadata;
+    krv_register_t *to = &ev->ap->sa_caller_registers->srs_metadata[reg];
+    uint64_t value = ev->cfa + rule->arg;
+    switch (rule->desc) {
+    case KRV_CFA_RULE_UNDEFINED:
+        return 0;
+    case KRV_CFA_RULE_SAME_VALUE:
+        copy_register(to, &current[reg]);
+        return 0;
+    case KRV_CFA_RULE_REGISTER: // in range: checked when the rule was made
+        copy_register(to, &current[rule->arg]);
+        return 0;
+    case KRV_CFA_RULE_OFFSET:
+        return ev->has_cfa ? load_register(ev, to, value) : 0;
+    case KRV_CFA_RULE_VAL_OFFSET:
+        if (ev->has_cfa)
+            krv_register_store(to, &value, sizeof(value));
+        return 0;
+    case KRV_CFA_RULE_EXPRESSION:
+    case KRV_CFA_RULE_VAL_EXPRESSION:
+        if (!ev->has_cfa)
+            return 0;
+        if (compute_register_expression(ev, rule, reg, &value) != 0)
+            return -1;
+        if (rule->desc == KRV_CFA_RULE_EXPRESSION)
+            return load_register(ev, to, value);
+        krv_register_store(to, &value, sizeof(value));
+        return 0;
+    default:
+        return krv_fail(ev->hp, KRV_ERR_UNSUPPORTED, "unsupported register rule (%d)", rule->desc);
+    }
+}
+
+static int apply_rules(evaluation *ev)
+{
+    krv_regset_t *caller = ev->ap->sa_caller_registers;
+    for (unsigned int slot = 0; slot < ev->ap->sa_n_registers; ++slot)
+        caller->srs_metadata[slot].sr_flags &= ~KRV_REG_FLAG_PRESENT;
+    caller->srs_data = {}; // values of an earlier frame must not show through
+    for (unsigned int reg = 0; reg < krv_dwarf_slots(ev->ap); ++reg)
+        if ((caller->srs_metadata[reg].sr_flags & KRV_REG_FLAG_VALID) != 0 && apply_rule(ev, reg) != 0)
+            return -1;
+    return 0;
+}
+
+// The return-address column becomes the caller's program counter.
+static int return_to_caller(evaluation *ev)
+{
+    krv_register_t *caller = ev->ap->sa_caller_registers->srs_metadata;
+    if (ev->column >= krv_dwarf_slots(ev->ap) || (caller[ev->column].sr_flags & KRV_REG_FLAG_VALID) == 0)
+        return krv_fail(ev->hp, KRV_ERR_CORRUPT, "CIE provides bogus RAR (%lu)",
+                        static_cast<unsigned long>(ev->column));
+    copy_register(&caller[krv_library_slot(ev->ap, KRV_REG_PC)], &caller[ev->column]);
+    return 0;
+}
+
+static int evaluate(krv_handle_t *hp, krv_activation_t *ap)
+{
+    if (hp->sh_as.sfd_size == 0)
+        return krv_fail(hp, KRV_ERR_UNSUPPORTED, "no as read callback found");
+    krv_greg_t pc = 0;
+    if (korva_activation_get_greg(hp, ap, KRV_ACTIVATION_REG_LIBRARY, KRV_ACTIVATION_FRAME_CURRENT, KRV_REG_PC, &pc) !=
+        0)
+        return krv_note(hp, "unable to get PC\n");
+    evaluation ev = {};
+    ev.hp = hp;
+    ev.ap = ap;
+    if (generate_rules(&ev, static_cast<uint64_t>(pc)) != 0 || compute_cfa(&ev) != 0 || apply_rules(&ev) != 0)
+        return -1;
+    return return_to_caller(&ev);
+}
+
+int krv_evaluate_activation(krv_handle_t *hp, krv_activation_t *ap)
+{
+    KRV_ASSERT(hp != NULL);
+    KRV_ASSERT(ap != NULL);
+    if (ap->sa_state == KRV_EVALUATION_UNTRIED) {
+        const bool done = evaluate(hp, ap) == 0;
+        ap->sa_state = done ? KRV_EVALUATION_SUCCEEDED : KRV_EVALUATION_FAILED; // last: storing the CFA resets it
+    }
+    return ap->sa_state == KRV_EVALUATION_SUCCEEDED ? 0 : -1;
+}
+
+int korva_activation_unwind(krv_handle_t *hp, krv_activation_t *ap)
+{
+    if (hp == nullptr)
+        return -1;
+    krv_clear_error(hp);
+    if (ap == nullptr)
+        return krv_fail_code(hp, KRV_ERR_INVALID);
+    if (krv_evaluate_activation(hp, ap) != 0)
+        return -1;
+    std::swap(ap->sa_current_registers, ap->sa_caller_registers);
+    ap->sa_state = KRV_EVALUATION_UNTRIED;
+    return 0;
+}
