@@ -70,7 +70,6 @@ elf_file::elf_file(const std::string &path) : file_path(path)
     try {
         map();
         elf_version(EV_CURRENT);
-        // libelf takes a plain pointer, but only reads: the image is mapped without write permission.
         handle = elf_memory(reinterpret_cast<char *>(const_cast<uint8_t *>(mapping.data())), mapping.size());
         if (handle == nullptr)
             fail(KRV_ELF_ERR_FORMAT, elf_errmsg(-1));
@@ -105,7 +104,8 @@ void elf_file::map()
     if (st.st_size == 0)
         fail(KRV_ELF_ERR_FORMAT, "the file is empty");
     const auto size = static_cast<size_t>(st.st_size);
-    void *image = mmap(nullptr, size, PROT_READ, MAP_PRIVATE, file.fd, 0);
+    // Writable, but private: libelf marks sections that it has inflated in their headers.
+    void *image = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_PRIVATE, file.fd, 0);
     if (image == MAP_FAILED)
         fail(KRV_ELF_ERR_SYSTEM, std::strerror(errno));
     mapping = {static_cast<const uint8_t *>(image), size};
