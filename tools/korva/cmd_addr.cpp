@@ -1,0 +1,252 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// korva addr: function and source line of addresses.
+#include "command.h"
+#include "demangle.h"
+#include "input.h"
+#include "locate.h"
+#include "progress.h"
+
+#include <cstdio>
+#include <cstring>
+#include <iostream>
+#include <memory>
+
+namespace korva
+{
+
+namespace
+{
+
+struct addr_options : common_options {
+    std::vector<std::string> inputs;
+    std::string section;
+    bool addresses = false;
+    bool functions = false;
+    bool demangle = false;
+    bool pretty = false;
+    bool basenames = false;
+};
+
+/** What one input asks for. */
+struct question {
+    std::string_view text;
+    std::optional<uint64_t> shown;   /**< the address as the input gives it: with -j an offset */
+    std::optional<uint64_t> address; /**< in the file */
+};
+
+/** An answer as it is printed. */
+struct answer {
+    bool has_function = false;
+    bool has_row = false; /**< of a line table; its path or line may be unknown all the same */
+    std::string function;
+    std::string path;
+    uint32_t line = 0;
+    uint16_t column = 0;
+    uint16_t discriminator = 0;
+
+    bool is_whole() const { return has_row && !path.empty() && line != 0; }
+};
+
+/** One run: everything that answering one input needs. */
+class addr_run
+{
+public:
+    addr_run(const addr_options &options, object *obj)
+        : m_options(options), m_object(obj), m_locator(obj), m_out(options.format)
+    {
+        if (!options.section.empty()) {
+            m_section = obj->find_section(options.section);
+            if (!m_section)
+                throw failure(fmt::format("{}: no section {}", obj->path(), options.section));
+        }
+    }
+
+    void ask(const std::string &input);
+    int finish();
+
+    answers &out() { return m_out; }
+
+private:
+    question parse(const std::string &input) const;
+    answer find(const question &q);
+    void print_text(const question &q, const answer &a);
+    void print_gnu(const question &q, const answer &a);
+    void print_json(const question &q, const answer &a);
+    std::string number(uint64_t address) const;
+
+    const addr_options &m_options;
+    object *m_object;
+    locator m_locator;
+    answers m_out;
+    std::optional<extent> m_section;
+    bool m_all = true;
+};
+
+} // namespace
+
+question addr_run::parse(const std::string &input) const
+{
+    question q = {.text = input, .shown = {}, .address = {}};
+    const auto parsed = parse_address(*m_object, input, m_options.format == output_format::gnu);
+    if (!parsed) {
+        m_object->diagnose(fmt::format("\"{}\" is neither an address nor a function", input));
+        return q;
+    }
+    uint64_t value = parsed->value;
+    if (m_object->address_digits() == 8 && m_options.format == output_format::gnu)
+        value &= UINT32_MAX; // as GNU addr2line takes it
+    q.shown = value;
+    if (!m_section || !parsed->is_number)
+        q.address = value;
+    else if (value < m_section->size)
+        q.address = m_section->address + value;
+    return q;
+}
+
+answer addr_run::find(const question &q)
+{
+    answer a;
+    if (!q.address)
+        return a;
+    location found = m_locator.find(*q.address);
+    if (found.function != nullptr) {
+        a.has_function = true;
+        a.function = m_options.demangle ? demangle(found.function->name) : found.function->name;
+    }
+    if (found.source) {
+        a.has_row = true;
+        a.path = std::move(found.source->path);
+        a.line = found.source->line;
+        a.column = found.source->column;
+        a.discriminator = found.source->discriminator;
+    }
+    if (m_options.basenames)
+        a.path.erase(0, a.path.rfind('/') + 1); // npos + 1 is 0
+    return a;
+}
+
+std::string addr_run::number(uint64_t address) const
+{
+    return fmt::format("0x{:0{}x}", address, m_object->address_digits());
+}
+
+void addr_run::print_text(const question &q, const answer &a)
+{
+    m_out.print("{}  {}  ", q.shown ? number(*q.shown) : printable(q.text),
+                a.has_function ? printable(a.function) : "??");
+    if (!a.has_row)
+        m_out.write("??:0\n");
+    else if (a.line == 0)
+        m_out.print("{}:?\n", a.path.empty() ? "??" : printable(a.path));
+    else
+        m_out.print("{}:{}\n", a.path.empty() ? "??" : printable(a.path), a.line);
+}
+
+// The layout of GNU addr2line, byte for byte. What it does not understand it takes for address 0.
+void addr_run::print_gnu(const question &q, const answer &a)
+{
+    const bool pretty = m_options.pretty;
+    const bool found = a.has_function || a.has_row;
+    if (m_options.addresses)
+        m_out.print("{}{}", number(q.shown.value_or(0)), pretty ? ": " : "\n");
+    if (m_options.functions)
+        m_out.print("{}{}", a.has_function ? a.function : "??", !pretty ? "\n" : found ? " at " : " ");
+    if (!found) {
+        m_out.write("??:0\n");
+        return;
+    }
+    m_out.print("{}:", a.path.empty() ? "??" : a.path);
+    if (a.line == 0)
+        m_out.write("?\n");
+    else if (a.discriminator != 0)
+        m_out.print("{} (discriminator {})\n", a.line, a.discriminator);
+    else
+        m_out.print("{}\n", a.line);
+}
+
+void addr_run::print_json(const question &q, const answer &a)
+{
+    m_out.record({{"input", q.text},
+                  {"address", q.address ? hex(*q.address) : json_value(nullptr)},
+                  {"function", a.has_function ? json_value(a.function) : json_value(nullptr)},
+                  {"file", a.path.empty() ? json_value(nullptr) : json_value(a.path)},
+                  {"line", or_null(a.line)},
+                  {"column", or_null(a.column)},
+                  {"discriminator", a.has_row ? json_value(a.discriminator) : json_value(nullptr)}});
+}
+
+void addr_run::ask(const std::string &input)
+{
+    const question q = parse(input);
+    const answer a = find(q);
+    m_all = m_all && a.is_whole();
+    if (m_out.is_json())
+        print_json(q, a);
+    else if (m_options.format == output_format::gnu)
+        print_gnu(q, a);
+    else
+        print_text(q, a);
+}
+
+int addr_run::finish()
+{
+    m_out.finish();
+    if (!m_locator.has_units())
+        return NOTHING;
+    return m_all && m_object->is_complete() ? ANSWERED : PARTLY;
+}
+
+static int run_addr(const addr_options &options)
+{
+    object obj(options.file, options.raw);
+    obj.diagnose_notes();
+    addr_run run(options, &obj);
+    if (options.inputs.empty()) {
+        for (std::string line; std::getline(std::cin, line);) {
+            run.ask(line);
+            run.out().flush();
+        }
+        return run.finish();
+    }
+    progress shown(fmt::format("{}: addresses", options.file), options.inputs.size(), progress::mode::answering);
+    for (const std::string &input : options.inputs) {
+        run.ask(input);
+        shown.step();
+    }
+    return run.finish();
+}
+
+void add_addr(CLI::App &app, int *status)
+{
+    auto options = std::make_shared<addr_options>();
+    options->file = "a.out";
+    CLI::App *verb = app.add_subcommand("addr", "Shows function and source line of addresses");
+    verb->add_option("-e,--exe", options->file, "ELF file (a.out when not given)")->default_str("a.out");
+    verb->add_option("ADDR", options->inputs,
+                     "Hexadecimal address, with or without 0x, or symbol+offset; from standard input, one a line, when "
+                     "none is given");
+    verb->add_option("-j,--section", options->section, "Addresses are offsets into this section");
+    verb->add_flag("-C,--demangle", options->demangle, "Show C++ functions by their C++ names");
+    verb->add_flag("-s,--basenames", options->basenames, "Show file names without folders");
+    verb->add_flag("-a,--addresses", options->addresses, "Show the address (gnu; the other formats always do)");
+    verb->add_flag("-f,--functions", options->functions, "Show the function (gnu; the other formats always do)");
+    verb->add_flag("-p,--pretty-print", options->pretty, "One line an address (gnu; text always does)");
+    add_common_options(verb, options.get(),
+                       {{"text", output_format::text},
+                        {"gnu", output_format::gnu},
+                        {"json", output_format::json},
+                        {"jsonl", output_format::jsonl}});
+    verb->footer(
+        "What is not known is ?? or line 0 in text, null in JSON. --format=gnu is the layout of GNU addr2line.\n"
+        "A text that could be both is a number: `add` is 0xadd, `add+0` the function. Offsets behind + are\n"
+        "decimal, or hexadecimal with 0x. Bytes that are not UTF-8 become U+FFFD in JSON.\n"
+        "Examples:\n"
+        "  korva addr -e ./a.out 0x1139 main+0x10\n"
+        "  korva addr -e ./a.out -C --format=json 1139\n"
+        "  korva addr -e ./a.out -afp --format=gnu < addresses\n"
+        "  korva addr -e libx.so -j .text 0x20");
+    verb->callback([options, status] { *status = run_addr(*options); });
+}
+
+} // namespace korva

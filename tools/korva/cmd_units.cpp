@@ -1,0 +1,93 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// korva units: one line for every compilation unit.
+#include "command.h"
+#include "object.h"
+
+#include <cstring>
+#include <memory>
+
+namespace korva
+{
+
+namespace
+{
+
+using string_getter = int(krv_handle_t *hp, krv_die_t *die, char *buf, size_t size);
+
+} // namespace
+
+// A string attribute in full, null when the entry has none.
+static json_value get_string(krv_handle_t *hp, krv_die_t *die, string_getter *get)
+{
+    for (size_t size = 4096;; size *= 2) {
+        std::string text(size, '\0');
+        if (get(hp, die, text.data(), size) != 0)
+            return nullptr;
+        text.resize(std::strlen(text.c_str()));
+        if (text.size() < size - 1) // else it may have been cut
+            return text;
+    }
+}
+
+static void print_unit(answers &out, const json_value &record)
+{
+    if (out.is_json()) {
+        out.record(record);
+        return;
+    }
+    const auto text = [&](const char *key) {
+        return record[key].is_null() ? "-" : printable(record[key].get_ref<const std::string &>());
+    };
+    out.print("{:<10}  {}  {:>8}  {}  {}  {}\n", text("offset"), record["version"].get<int>(),
+              record["size"].get<uint64_t>(), text("name"), text("comp_dir"), text("producer"));
+}
+
+static int run_units(const common_options &options)
+{
+    object obj(options.file, options.raw);
+    bool all = obj.diagnose_notes();
+    std::vector<unit> &units = obj.units();
+    answers out(options.format);
+    for (unit &u : units) {
+        krv_die_t *die = nullptr;
+        json_value record = {{"offset", hex(u.header.offset)},
+                             {"version", u.header.version},
+                             {"size", u.header.size},
+                             {"dwarf64", u.header.dwarf64 != 0},
+                             {"name", nullptr},
+                             {"comp_dir", nullptr},
+                             {"producer", nullptr}};
+        if (!u.is_readable()) {
+            obj.refuse_version(u);
+        } else if (korva_get_cu_cudie(obj.handle(), u.cu, &die) != 0) {
+            obj.refuse(u, obj.failed(fmt::format("entry of unit at offset 0x{:x}", u.header.offset)));
+        } else {
+            record["name"] = get_string(obj.handle(), die, korva_get_die_at_name);
+            record["comp_dir"] = get_string(obj.handle(), die, korva_get_die_at_comp_dir);
+            record["producer"] = get_string(obj.handle(), die, korva_get_die_at_producer);
+        }
+        all = all && !u.refused;
+        print_unit(out, record);
+    }
+    out.finish();
+    return all && obj.is_complete() ? ANSWERED : PARTLY;
+}
+
+void add_units(CLI::App &app, int *status)
+{
+    auto options = std::make_shared<common_options>();
+    CLI::App *verb = app.add_subcommand("units", "Lists the compilation units of a file");
+    verb->add_option("FILE", options->file, "ELF file")->required();
+    add_common_options(verb, options.get(),
+                       {{"text", output_format::text}, {"json", output_format::json}, {"jsonl", output_format::jsonl}});
+    verb->footer(
+        "Each line: offset in .debug_info, DWARF version, size in bytes, name, compilation directory, producer;\n"
+        "- is not known (JSON: null). Bytes that are not UTF-8 become U+FFFD in JSON.\n"
+        "Examples:\n"
+        "  korva units ./a.out\n"
+        "  korva units --format=jsonl ./a.out | jq -r .name");
+    verb->callback([options, status] { *status = run_units(*options); });
+}
+
+} // namespace korva

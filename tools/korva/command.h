@@ -1,0 +1,34 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// What a verb of the program is: a function add_NAME that adds its subcommand, with options and help, to the command
+// line. The subcommand's call-back does the work and stores the exit status.
+#pragma once
+
+#include "output.h"
+
+#include <CLI/CLI.hpp>
+
+#include <string>
+
+namespace korva
+{
+
+/** Exit statuses of every verb. */
+enum exit_status : int {
+    ANSWERED = 0, /**< every input was answered */
+    PARTLY = 1,   /**< some input could not be answered */
+    NOTHING = 2,  /**< nothing can be answered from this file, or standard output cannot be written */
+    USAGE = 64    /**< the command line is wrong */
+};
+
+/** Options that every verb has. */
+struct common_options {
+    std::string file;
+    output_format format = output_format::text;
+    bool raw = false;
+};
+
+/** Adds --format, with the names of @p formats, and --raw. */
+void add_common_options(CLI::App *verb, common_options *options, const format_names &formats);
+
+} // namespace korva

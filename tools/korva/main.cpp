@@ -1,0 +1,77 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// korva: asks libkorva about ELF files from a shell. Each verb lives in cmd_NAME.cpp; this file joins them, and turns
+// what ends a verb early into diagnostics and exit statuses.
+#include "command.h"
+
+#include <csignal>
+#include <exception>
+#include <new>
+
+// The verbs, in the order of the help. A new one needs its file and its line here.
+#define KORVA_VERBS(VERB)                                                                                              \
+    VERB(addr)                                                                                                         \
+    VERB(units)                                                                                                        \
+    VERB(lines)
+
+namespace korva
+{
+
+#define DECLARE(name) void add_##name(CLI::App &app, int *status);
+KORVA_VERBS(DECLARE)
+#undef DECLARE
+
+void add_common_options(CLI::App *verb, common_options *options, const format_names &formats)
+{
+    std::vector<std::string> names;
+    for (const auto &[name, format] : formats)
+        names.push_back(name);
+    verb->add_option_function<std::string>(
+            "--format", [=](const std::string &name) { options->format = formats.at(name); },
+            "How answers are written; text when not given")
+        ->check(CLI::IsMember(names));
+    verb->add_flag("--raw", options->raw, "Read every section as it stands in the file, uncorrected");
+}
+
+static int run(int argc, char **argv)
+{
+    CLI::App app("Reads DWARF 2 to 4 debugging information of ELF files for x86 and AMD64.", "korva");
+    app.set_version_flag("--version", "korva " KORVA_VERSION);
+    app.require_subcommand(1);
+    app.footer("Exit status: 0 every input was answered, 1 some could not be, 2 nothing could be, 64 usage.\n"
+               "`korva VERB --help` shows a verb's options and examples.");
+    int status = ANSWERED;
+#define ADD(name) add_##name(app, &status);
+    KORVA_VERBS(ADD)
+#undef ADD
+
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::Success &success) { // --help, --version
+        return app.exit(success);
+    } catch (const CLI::ParseError &error) {
+        fmt::print(stderr, "korva: {}\nTry `korva --help` or `korva VERB --help`.\n", error.what());
+        return USAGE;
+    }
+    return status;
+}
+
+} // namespace korva
+
+int main(int argc, char **argv)
+{
+    using namespace korva;
+    std::signal(SIGPIPE, SIG_IGN); // a closed standard output is noticed as a failed write
+    try {
+        return run(argc, argv);
+    } catch (const broken_pipe &) {
+        return ANSWERED;
+    } catch (const failure &f) {
+        diagnose(f.what());
+    } catch (const std::bad_alloc &) {
+        diagnose("out of memory");
+    } catch (const std::exception &e) {
+        diagnose(e.what());
+    }
+    return NOTHING;
+}

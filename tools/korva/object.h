@@ -1,0 +1,83 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// An opened file: its handle, its compilation units, and everything that can go wrong with them put into words.
+#pragma once
+
+#include <libkorva-elf.h>
+
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace korva
+{
+
+/** A compilation unit. */
+struct unit {
+    krv_ctu_t *cu;
+    krv_cu_header_t header;
+    bool refused = false; /**< its failure has been told; it is not asked again */
+
+    bool is_readable() const { return header.version >= 2 && header.version <= 4; }
+};
+
+/** An address range. */
+struct extent {
+    uint64_t address;
+    uint64_t size;
+};
+
+class object
+{
+public:
+    /** Opens @p path; throws failure. */
+    object(const std::string &path, bool raw);
+
+    const std::string &path() const { return m_path; }
+    krv_elf_t *elf() const { return m_elf.get(); }
+    krv_handle_t *handle() const { return korva_elf_get_handle(m_elf.get()); }
+    /** Hexadecimal digits of an address of the target. */
+    int address_digits() const { return m_info.target == KRV_ACTIVATION_I386 ? 8 : 16; }
+    /** Whether a linker has placed its code: then no code lies at address 0. */
+    bool is_linked() const;
+
+    /**
+     * The units in section order, read on first use; throws failure when none can be read. A unit table that ends
+     * early is diagnosed, and is_complete() is false afterwards.
+     */
+    std::vector<unit> &units();
+    bool is_complete() const { return m_complete; }
+
+    /** "CONTEXT: first message; second message": the messages of the library's last failure, or its code in words. */
+    std::string failed(std::string_view context) const;
+
+    /** Prints a diagnostic that names the file. */
+    void diagnose(std::string_view text) const;
+    /** Tells why a unit is refused, once, and marks it. */
+    void refuse(unit &u, std::string_view text) const;
+    /** The same for a unit that is not readable: which version it has and what to do. */
+    void refuse_version(unit &u) const;
+    /** Tells what the loader could not present, apart from units of other versions. False when there was anything. */
+    bool diagnose_notes() const;
+
+    /** A section of the file, or nothing. */
+    std::optional<extent> find_section(const std::string &name) const;
+
+private:
+    struct closer {
+        void operator()(krv_elf_t *elf) const { korva_elf_close(elf); }
+    };
+
+    void read_units();
+
+    std::string m_path;
+    std::unique_ptr<krv_elf_t, closer> m_elf;
+    krv_elf_info_t m_info = {};
+    std::vector<unit> m_units;
+    bool m_complete = true;
+};
+
+} // namespace korva

@@ -1,0 +1,93 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// Where answers and diagnostics go. Answers: standard output, as text or as JSON records. Diagnostics: standard error,
+// one line each, "korva: FILE: text".
+#pragma once
+
+#include <fmt/format.h>
+#include <nlohmann/json.hpp>
+
+#include <cstdint>
+#include <map>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+
+namespace korva
+{
+
+using json_value = nlohmann::ordered_json;
+
+enum class output_format {
+    text,
+    gnu,  /**< addr only: the layout of GNU addr2line */
+    json, /**< one array of records */
+    jsonl /**< one record a line */
+};
+using format_names = std::map<std::string, output_format>;
+
+/** Nothing can be answered: ends the command with status 2 and this text, which names the file, as its diagnostic. */
+struct failure : std::runtime_error {
+    using std::runtime_error::runtime_error;
+};
+
+/** The reader of standard output is gone: ends the command quietly. */
+struct broken_pipe : std::exception {
+};
+
+/** Prints one diagnostic, "korva: TEXT". Answers written before it are flushed first. */
+void diagnose(std::string_view text);
+
+/** @p text without what would break a line or a terminal: control bytes become \xNN, all others stay. */
+std::string printable(std::string_view text);
+
+/**
+ * Standard output. Every function throws broken_pipe when its reader is gone and failure when it cannot be written
+ * (a full disk). Records are written as JSON; bytes of names that are not UTF-8 become U+FFFD there.
+ */
+class answers
+{
+public:
+    /** With output_format::json, opens the array. */
+    explicit answers(output_format format);
+
+    bool is_json() const { return m_format == output_format::json || m_format == output_format::jsonl; }
+
+    template <typename... T>
+    void print(fmt::format_string<T...> format, T &&...args)
+    {
+        m_line.clear();
+        fmt::format_to(std::back_inserter(m_line), format, std::forward<T>(args)...);
+        write(m_line);
+    }
+    void write(std::string_view text);
+    void record(const json_value &record);
+    void flush();
+    /** Closes the array and flushes. Call it last; there is nothing to write after a failure. */
+    void finish();
+
+private:
+    output_format m_format;
+    bool m_empty = true; // no record yet
+    std::string m_line;
+};
+
+/** A string of a record: null when it is not known. */
+inline json_value or_null(const char *text)
+{
+    return text == nullptr ? json_value(nullptr) : json_value(text);
+}
+
+/** A number of a record in which 0 stands for not known: then null. */
+inline json_value or_null(uint64_t number)
+{
+    return number == 0 ? json_value(nullptr) : json_value(number);
+}
+
+/** An address or offset of a record. A string: numbers above 2^53 do not survive every JSON reader. */
+inline json_value hex(uint64_t number)
+{
+    return fmt::format("0x{:x}", number);
+}
+
+} // namespace korva
