@@ -28,7 +28,10 @@ struct common_options {
     bool raw = false;
 };
 
-/** Adds --format, with the names of @p formats, and --raw. */
+/** Adds --format, with the names of @p formats. */
+void add_format_option(CLI::App *verb, common_options *options, const format_names &formats);
+
+/** Adds --format and --raw. */
 void add_common_options(CLI::App *verb, common_options *options, const format_names &formats);
 
 } // namespace korva

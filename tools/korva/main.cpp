@@ -12,7 +12,8 @@
 #define KORVA_VERBS(VERB)                                                                                              \
     VERB(addr)                                                                                                         \
     VERB(units)                                                                                                        \
-    VERB(lines)
+    VERB(lines)                                                                                                        \
+    VERB(expr)
 
 namespace korva
 {
@@ -21,7 +22,7 @@ namespace korva
 KORVA_VERBS(DECLARE)
 #undef DECLARE
 
-void add_common_options(CLI::App *verb, common_options *options, const format_names &formats)
+void add_format_option(CLI::App *verb, common_options *options, const format_names &formats)
 {
     std::vector<std::string> names;
     for (const auto &[name, format] : formats)
@@ -30,6 +31,11 @@ void add_common_options(CLI::App *verb, common_options *options, const format_na
             "--format", [=](const std::string &name) { options->format = formats.at(name); },
             "How answers are written; text when not given")
         ->check(CLI::IsMember(names));
+}
+
+void add_common_options(CLI::App *verb, common_options *options, const format_names &formats)
+{
+    add_format_option(verb, options, formats);
     verb->add_flag("--raw", options->raw, "Read every section as it stands in the file, uncorrected");
 }
 

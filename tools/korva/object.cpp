@@ -45,6 +45,18 @@ static std::string_view trim_end(std::string_view text)
     return text.substr(0, last == std::string_view::npos ? 0 : last + 1);
 }
 
+std::string failure_text(krv_handle_t *hp, std::string_view context)
+{
+    unsigned int count = 0;
+    char **messages = korva_handle_get_errmsgs(hp, &count);
+    std::string text = fmt::format("{}: ", context);
+    if (count == 0)
+        text += describe_code(korva_handle_get_errno(hp));
+    for (unsigned int i = 0; i < count; ++i)
+        text += fmt::format("{}{}", i == 0 ? "" : "; ", trim_end(messages[i]));
+    return text;
+}
+
 static bool is_unit_version(const krv_elf_note_t *note)
 {
     return note->pass == std::string_view("unit-versions");
@@ -77,18 +89,6 @@ object::object(const std::string &path, bool raw) : m_path(path)
 bool object::is_linked() const
 {
     return m_info.type != ET_REL;
-}
-
-std::string object::failed(std::string_view context) const
-{
-    unsigned int count = 0;
-    char **messages = korva_handle_get_errmsgs(handle(), &count);
-    std::string text = fmt::format("{}: ", context);
-    if (count == 0)
-        text += describe_code(korva_handle_get_errno(handle()));
-    for (unsigned int i = 0; i < count; ++i)
-        text += fmt::format("{}{}", i == 0 ? "" : "; ", trim_end(messages[i]));
-    return text;
 }
 
 void object::diagnose(std::string_view text) const

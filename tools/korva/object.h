@@ -15,6 +15,9 @@
 namespace korva
 {
 
+/** "CONTEXT: first message; second message": the messages of a handle's last failure, or its code in words. */
+std::string failure_text(krv_handle_t *hp, std::string_view context);
+
 /** A compilation unit. */
 struct unit {
     krv_ctu_t *cu;
@@ -51,8 +54,8 @@ public:
     std::vector<unit> &units();
     bool is_complete() const { return m_complete; }
 
-    /** "CONTEXT: first message; second message": the messages of the library's last failure, or its code in words. */
-    std::string failed(std::string_view context) const;
+    /** failure_text of the file's handle. */
+    std::string failed(std::string_view context) const { return failure_text(handle(), context); }
 
     /** Prints a diagnostic that names the file. */
     void diagnose(std::string_view text) const;
