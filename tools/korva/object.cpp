@@ -86,6 +86,16 @@ object::object(const std::string &path, bool raw) : m_path(path)
     korva_elf_get_info(m_elf.get(), &m_info);
 }
 
+object::object(krv_elf_t *elf, const std::string &path) : m_path(path), m_elf(elf, closer{.borrowed = true})
+{
+    korva_elf_get_info(elf, &m_info);
+}
+
+bool object::has_debug_info() const
+{
+    return get_info_size(m_elf.get()) != 0;
+}
+
 bool object::is_linked() const
 {
     return m_info.type != ET_REL;

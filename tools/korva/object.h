@@ -38,6 +38,8 @@ class object
 public:
     /** Opens @p path; throws failure. */
     object(const std::string &path, bool raw);
+    /** Looks at a file that somebody else has opened and will close, later. */
+    object(krv_elf_t *elf, const std::string &path);
 
     const std::string &path() const { return m_path; }
     krv_elf_t *elf() const { return m_elf.get(); }
@@ -46,6 +48,7 @@ public:
     int address_digits() const { return m_info.target == KRV_ACTIVATION_I386 ? 8 : 16; }
     /** Whether a linker has placed its code: then no code lies at address 0. */
     bool is_linked() const;
+    bool has_debug_info() const;
 
     /**
      * The units in section order, read on first use; throws failure when none can be read. A unit table that ends
@@ -71,7 +74,12 @@ public:
 
 private:
     struct closer {
-        void operator()(krv_elf_t *elf) const { korva_elf_close(elf); }
+        bool borrowed; // false unless said
+        void operator()(krv_elf_t *elf) const
+        {
+            if (!borrowed)
+                korva_elf_close(elf);
+        }
     };
 
     void read_units();
