@@ -27,7 +27,8 @@ struct source {
             --count;
         if (offset > self->bytes.size() || count > self->bytes.size() - offset)
             return -1;
-        std::memcpy(buf, self->bytes.data() + offset, count);
+        if (count != 0)
+            std::memcpy(buf, self->bytes.data() + offset, count);
         return static_cast<int64_t>(count);
     }
 };
@@ -41,7 +42,8 @@ public:
     {
         uint64_t value = 0;
         width = width < left ? width : left;
-        std::memcpy(&value, at, width);
+        if (width != 0)
+            std::memcpy(&value, at, width);
         at += width;
         left -= width;
         return value;

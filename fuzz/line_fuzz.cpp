@@ -26,7 +26,8 @@ static int ask(krv_handle_t *hp, krv_ctu_t *cu, void *arg)
     krv_lnfe_t **files = nullptr;
     uint64_t nfiles = 0;
     krv_lnp_t *matrix = nullptr;
-    korva_get_fields(hp, KRV_STRUCT_LNPH, lnphp, 2, KRV_FIELD_LNPH_FILES, &files, KRV_FIELD_LNPH_FILES_ENTRIES, &nfiles);
+    korva_get_fields(hp, KRV_STRUCT_LNPH, lnphp, 2, KRV_FIELD_LNPH_FILES, &files, KRV_FIELD_LNPH_FILES_ENTRIES,
+                     &nfiles);
     for (uint64_t i = 0; i < nfiles; ++i) {
         char path[8];
         korva_lnfe_get_path(hp, files[i], path, sizeof(path), B_TRUE);
