@@ -327,11 +327,13 @@ int krv_lookup_scan_die(krv_handle_t *hp, krv_die_t *child, void *arg)
 // False when memory ran out, which says nothing about the unit.
 static bool scan_children(krv_handle_t *hp, krv_ctu_t *cu, krv_lcpc_t *list)
 {
-    if (krv_iter_children_in_die(hp, cu->dcu_compile_unit, krv_lookup_scan_die, list) == 0 &&
-        list->slpc_aranges_entries != 0)
+    const int result = krv_iter_children_in_die(hp, cu->dcu_compile_unit, krv_lookup_scan_die, list);
+    if (result == 0 && list->slpc_aranges_entries != 0)
         return true;
-    if (hp->sh_errno == KRV_ERR_NOMEM)
+    if (result == 1 || hp->sh_errno == KRV_ERR_NOMEM) { // 1: the list could not grow, but the walk read on since
+        hp->sh_errno = KRV_ERR_NOMEM;
         return false;
+    }
     list->slpc_aranges_entries = 0;
     return krv_lookup_insert_arange_entry(hp, 0, 0, list) == 0;
 }

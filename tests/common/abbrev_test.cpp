@@ -1,0 +1,132 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// Abbreviation tables.
+#include "krv_abbrev.h"
+#include "support/handle.h"
+#include "support/sections.h"
+
+#include <gtest/gtest.h>
+
+using namespace krv_test;
+
+// A table in one line, "1/11+ 3/8 25/8; 2/2e": code, tag, + for children, pairs; or the error state.
+static std::string dump(handle &h, krv_au_t *au)
+{
+    if (au == nullptr)
+        return h.error();
+    std::string table;
+    for (uint64_t i = 0; i < au->sau_abbrev_table_entries; ++i) {
+        const krv_abbrev_t *a = &au->sau_abbrev_table[i];
+        EXPECT_EQ(krv_get_abbrev(h, au, a->dwa_code), a);
+        table += text(i == 0 ? "%u/%x" : "; %u/%x", a->dwa_code, a->dwa_tag);
+        table += a->dwa_flags == KRV_ABBREV_FLAG_PARENT ? "+" : "";
+        for (uint32_t k = 0; k < a->dwa_nafpairs; ++k)
+            table += text(" %x/%x", a->dwa_afpairs[k].dwafp_attribute, a->dwa_afpairs[k].dwafp_form);
+    }
+    return table;
+}
+
+TEST(Abbrev, Tables)
+{
+    const bytes two = abbrevs("1 0x11+ name:string 0x2222:strp; 4294967295 subprogram+");
+    const std::string far = "INVALID: can't seek beyond end | can't seek to 100 in .debug_abbrev";
+    const std::string corrupt = "CORRUPT: DW_FORM_udata datum unterminated by end of section | ";
+    const std::string too_wide = "NOSPACE: DW_FORM_udata datum requires ";
+    const struct {
+        bytes section;
+        uint64_t offset;
+        std::string outcome;
+    } rows[] = {
+        {two, 0, "1/11+ 3/8 2222/e; 4294967295/2e+"},
+        {bytes::hex("00 01"), 0, ""},
+        {bytes::hex("aa") + two, 1, "1/11+ 3/8 2222/e; 4294967295/2e+"},
+        {bytes::hex("01 11 00 00 00"), 0, "1/11"}, // no null code
+        {bytes::hex("01 11 00"), 0, "1/11"},       // the pairs never begin
+        {bytes::hex("01 11 00 03 08"), 0, ""},     // the pairs never end
+        {bytes::hex("01 11 00 00 00 02 12 00 03 08"), 0, "1/11"},
+        {bytes::hex("01 11 00 03 00 25 08 00 00 00"), 0, "1/11 3/0 25/8"},           // form 0: kept
+        {bytes::hex("01 11 00 03 08 00 08 02 12 00 00 00 00"), 0, "1/11 3/8; 2/12"}, // attribute 0: ends the pairs
+        {bytes::hex("01 11 00 03 08 00 08"), 0, ""},                                 // and there the section, too
+        {bytes::hex("01 11 00 00 00 01 12 00 00 00 00"), 0, "EXISTS: error hashing abbreviation"},
+        {bytes::hex("80 80 80 80 10 11"), 0,
+         too_wide + "8 bytes;  storage offers 4 | failed to read code for abbreviation at offset 0"},
+        {bytes::hex("01 80 80 04 00"), 0,
+         too_wide + "4 bytes;  storage offers 2 | failed to read tag for abbreviation at offset 0"},
+        {bytes::hex("01 11 00 03 08 80 80 04 08"), 0,
+         too_wide + "4 bytes;  storage offers 2 | failed to read attribute 2 for abbreviation 1 at offset 0"},
+        {bytes::hex("01 11 00 03 08 25 80 02"), 0,
+         too_wide + "2 bytes;  storage offers 1 | failed to read form 2 for abbreviation 1 at offset 0"},
+        {bytes::hex("81"), 0, corrupt + "failed to read code for abbreviation at offset 0"},
+        {bytes::hex("01"), 0, corrupt + "failed to read tag for abbreviation at offset 0"},
+        {bytes::hex("01 11"), 0,
+         "CORRUPT: form DW_FORM_data1 requires 1 byte;  0 remaining | failed to read children flag for abbreviation at "
+         "offset 0"},
+        {bytes::hex("01 11 00 83"), 0, corrupt + "failed to read attribute 1 for abbreviation 1 at offset 0"},
+        {bytes::hex("01 11 00 03"), 0, corrupt + "failed to read form 1 for abbreviation 1 at offset 0"},
+        {two, 100, far},
+        {bytes(), 100, "INVALID: section is empty | can't seek to 100 in .debug_abbrev"},
+    };
+    for (const auto &row : rows) {
+        handle h;
+        h.attach(KRV_SEC_ABBREV, row.section);
+        krv_au_t *au = krv_get_au_by_offset(h, row.offset);
+        EXPECT_EQ(dump(h, au), row.outcome);
+        EXPECT_EQ(krv_get_au_by_offset(h, row.offset), au); // cached; a failure is not
+    }
+    for_each_prefix(two, [](const bytes &prefix) { // none reads beyond its end, or leaks
+        handle h;
+        krv_get_au_by_offset(h.attach(KRV_SEC_ABBREV, prefix), 0);
+    });
+}
+
+TEST(Abbrev, ManyOfEverything)
+{
+    std::string recipe, expected;
+    for (int i = 1; i <= 100; ++i) {
+        recipe += text("%d variable", i);
+        expected += text(i == 1 ? "%d/34" : "; %d/34", i);
+        for (int k = 0; k < i % 40; ++k) {
+            recipe += " type:ref4";
+            expected += " 49/13";
+        }
+        recipe += i == 100 ? "" : ";";
+    }
+    handle h;
+    EXPECT_EQ(dump(h, krv_get_au_by_offset(h.attach(KRV_SEC_ABBREV, abbrevs(recipe)), 0)), expected);
+}
+
+TEST(Abbrev, IllegalPairsAreReported)
+{
+    handle h;
+    h.watch();
+    h.attach(KRV_SEC_ABBREV, bytes::hex("07 11 00 25 08 03 00 00 08 00"));
+    EXPECT_EQ(dump(h, krv_get_au_by_offset(h, 0)), "7/11 25/8 3/0");
+    const std::string common = "for abbreviation 7 at offset 0 has illegal combination of ";
+    EXPECT_EQ(h.log, (std::vector<std::string>{"1 attribute/form pair 2 " + common + "DW_AT_name/0",
+                                               "1 attribute/form pair 3 " + common + "0/DW_FORM_string"}));
+}
+
+TEST(Abbrev, MissingCode)
+{
+    handle h;
+    h.attach(KRV_SEC_ABBREV, abbrevs("1 compile_unit"));
+    krv_au_t *au = krv_get_au_by_offset(h, 0);
+    for (const unsigned code : {0U, 2U, UINT_MAX}) {
+        EXPECT_EQ(krv_get_abbrev(h, au, code), nullptr);
+        EXPECT_EQ(korva_handle_get_errno(h), KRV_ERR_CORRUPT);
+    }
+}
+
+TEST(Abbrev, FailingReads)
+{
+    const bytes section = abbrevs("1 0x11+ name:string; 2 0x2e name:string");
+    handle scratch;
+    for_each_cursor(scratch, section, [](krv_fd_t *fdp, fault kind) {
+        handle h;
+        h.attach(KRV_SEC_ABBREV, *fdp);
+        const std::string outcome = dump(h, krv_get_au_by_offset(h, 0));
+        const std::string expected =
+            kind == fault::none ? "1/11+ 3/8; 2/2e 3/8" : "IO: read callback failed | failed to read ";
+        EXPECT_TRUE(kind == fault::short_ || outcome.rfind(expected, 0) == 0) << outcome;
+    });
+}

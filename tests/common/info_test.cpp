@@ -1,0 +1,330 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// Units, entries, attributes, and the tree.
+#include "krv_error.h"
+#include "krv_info.h"
+#include "krv_names.h"
+#include "support/handle.h"
+#include "support/sections.h"
+
+#include <gtest/gtest.h>
+
+using namespace krv_test;
+
+using die_owner = std::unique_ptr<krv_die_t, krv_die_deleter>;
+
+static constexpr uint64_t MAX = UINT64_MAX;
+
+TEST(Info, Headers)
+{
+    const std::string size = " too large for existing section size ",
+                      no_4 = "CORRUPT: form DW_FORM_sec_offset requires 4 bytes;  3 remaining | failed to read ";
+    const struct {
+        bytes section;
+        std::string outcome; // without the last message
+    } rows[] = {
+        {unit{.dies = bytes().u8(1)}.build(), "length 8 version 4 abbrev 0 address 8 header 11 size 12 flags 0"},
+        {unit{.version = 5, .abbrev_offset = 7, .address_size = 0}.build(),
+         "length 7 version 5 abbrev 7 address 0 header 11 size 11 flags 0"},
+        {unit{.dwarf64 = true, .abbrev_offset = 1UL << 40}.build(),
+         "length 11 version 4 abbrev 1099511627776 address 8 header 23 size 23 flags 1"},
+        {unit{.unit_length = 0xfffffff5}.build(), "CORRUPT: reserved value (0xfffffff5) in 4-byte unit_length"},
+        {unit{.unit_length = 0xfffffff0}.build(), "CORRUPT: reserved value (0xfffffff0) in 4-byte unit_length"},
+        {unit{.unit_length = 8}.build(), "CORRUPT: unit_length (8)" + size + "(11)"},
+        {unit{.unit_length = 0xffffffef}.build(), "CORRUPT: unit_length (4294967279)" + size + "(11)"},
+        {unit{.dwarf64 = true, .unit_length = 12}.build(), "CORRUPT: unit_length (12)" + size + "(23)"},
+        {unit{.dwarf64 = true, .unit_length = MAX}.build(),
+         "CORRUPT: unit_length (18446744073709551615)" + size + "(23)"},
+        {unit{.dwarf64 = true, .unit_length = MAX - 11}.build(),
+         "CORRUPT: unit_length (18446744073709551604)" + size + "(23)"},
+        {bytes(), "INVALID: section is empty"},
+        {bytes().fill(3), no_4 + "4-byte unit_length"},
+        {bytes().u32(MAX).fill(7),
+         "CORRUPT: form DW_FORM_sec_offset requires 8 bytes;  7 remaining | failed to read 8-byte unit_length"},
+        {bytes().u32(1).fill(1), "CORRUPT: form DW_FORM_data2 requires 2 bytes;  1 remaining | failed to read version"},
+        {bytes().u32(3).fill(5), no_4 + "debug_abbreviation_offset"},
+        {bytes().u32(2).fill(6),
+         "CORRUPT: form DW_FORM_data1 requires 1 byte;  0 remaining | failed to read address_size"},
+    };
+    for (const auto &row : rows) {
+        handle h;
+        krv_ctu_t cu = {};
+        const bool good = krv_info_hdr_read(h.attach(KRV_SEC_INFO, row.section), &cu, KRV_SEC_INFO, 0) == 0;
+        const std::string fields = text("length %lu version %u abbrev %lu address %u header %u size %zu flags %u",
+                                        cu.dcu_unit_length, cu.dcu_version, cu.dcu_debug_abbrev_offset,
+                                        cu.dcu_address_size, cu.dcu_header_size, cu.dcu_size, cu.dcu_flags);
+        EXPECT_EQ(good ? fields : h.error(),
+                  row.outcome + (good ? "" : " | failed to read CU header at offset 0 in .debug_info"));
+    }
+
+    handle h;
+    h.attach(KRV_SEC_TYPES, bytes(unit{}.build()).fill(11)).attach(KRV_SEC_INFO, unit{}.build());
+    krv_ctu_t cu = {};
+    EXPECT_EQ(krv_info_hdr_read(h, &cu, KRV_SEC_LINE, 0), -1);
+    EXPECT_EQ(h.error(), "INVALID: invalid section (4)");
+    EXPECT_EQ(krv_info_hdr_read(h, &cu, KRV_SEC_TYPES, 0), -1);
+    EXPECT_EQ(h.error(), no_4 + "type_offset | failed to read CU header at offset 0 in .debug_types");
+}
+
+// One unit of one entry with one attribute: the value, or the error state without its last message.
+static std::string read_value(uint64_t form, const bytes &datum, bool dwarf64, krv_activation_type_t target)
+{
+    handle h(target);
+    h.attach(KRV_SEC_ABBREV, abbrevs("1 variable const_value:" + std::to_string(form)));
+    h.attach(KRV_SEC_STR, bytes().cstr("abc").cstr("def"));
+    h.attach(KRV_SEC_INFO, unit{.dwarf64 = dwarf64, .dies = bytes().uleb(1).add(datum)}.build());
+    krv_ctu_t cu;
+    EXPECT_EQ(krv_info_hdr_read(h, &cu, KRV_SEC_INFO, 0), 0);
+    const die_owner die(krv_alloc_die_by_cu_offset(h, &cu, cu.dcu_header_size));
+    if (die == nullptr) {
+        const std::string error = h.error(),
+                          last = text(" | could not allocate DIE at +%u within CU at 0 within .debug_info",
+                                      cu.dcu_header_size);
+        EXPECT_EQ(error.rfind(" | "), error.rfind(last)) << error;
+        return error.substr(0, error.rfind(" | "));
+    }
+    EXPECT_EQ(die->dwdie_bufsize, 1 + datum.size());
+    krv_form_t got_form;
+    krv_value_t *value;
+    EXPECT_EQ(krv_get_die_attr(h, die.get(), DW_AT_const_value, &got_form, nullptr, &value), 0);
+    EXPECT_TRUE(got_form == form && value->sa_form == form);
+    const uint32_t form_class = krv_get_form_class(value->sa_actual);
+    if (form_class == KRV_CLASS_STRING)
+        return static_cast<char *>(value->sa_u.su_addr);
+    if (form_class != KRV_CLASS_BLOCK && form_class != KRV_CLASS_EXPRLOC)
+        return std::to_string(value->sa_u.su_signed);
+    const auto *block = static_cast<krv_fd_t *>(value->sa_u.su_addr);
+    EXPECT_TRUE(block->sfd_offset == 0 && block->sfd_remaining == block->sfd_size &&
+                (block->sfd_u.buf == nullptr) == (block->sfd_size == 0));
+    return block->sfd_size == 0 ? "empty block" : text("block of %lu from %u", block->sfd_size, block->sfd_u.buf[0]);
+}
+
+TEST(Info, Values)
+{
+    constexpr krv_activation_type_t I386 = KRV_ACTIVATION_I386;
+    const std::string not_read = " | failed to read DIE's datum 0 (DW_AT_const_value attribute encoded as ";
+    const std::string no_ref_addr = "INVALID: decoder passed invalid form 16 (DW_FORM_ref_addr)" + not_read;
+    const struct {
+        uint64_t form;
+        const char *datum;
+        std::string outcome;
+        bool dwarf64 = false;
+        krv_activation_type_t target = KRV_ACTIVATION_AMD64;
+    } rows[] = {
+        {DW_FORM_data1, "ff", "255"},
+        {DW_FORM_data8, "ff ff ff ff ff ff ff ff", "-1"},
+        {DW_FORM_sdata, "7f", "-1"},
+        {DW_FORM_addr, "ff ff ff ff", "4294967295", true, I386},
+        {DW_FORM_addr, "00 00 00 00 01 00 00 00", "4294967296"},
+        {DW_FORM_sec_offset, "02 00 00 00 00 00 00 00", "2", true},
+        {DW_FORM_strp, "05 00 00 00", "ef"},
+        {DW_FORM_strp, "04 00 00 00 00 00 00 00", "def", true},
+        {DW_FORM_string, "00", ""},
+        {DW_FORM_block1, "00", "empty block"},
+        {DW_FORM_block2, "02 00 09 08", "block of 2 from 9"},
+        {DW_FORM_exprloc, "01 9c", "block of 1 from 156"},
+        {DW_FORM_flag_present, "", "1"},
+        {DW_FORM_indirect, "0b 80", "128"},
+        {DW_FORM_indirect, "16 16 05 34 12", "4660"},
+        {DW_FORM_indirect, "08 68 69 20 74 68 65 72 65 2c 20 79 6f 75 00", "hi there, you"}, // more than a slot holds
+        {DW_FORM_indirect, "0e 04 00 00 00", "def"},
+        {DW_FORM_indirect, "0a 03 07 06 05", "block of 3 from 7"},
+        {DW_FORM_indirect, "18 00", "empty block"},
+        {DW_FORM_indirect, "19", "1"},
+        {DW_FORM_indirect, "10 00", no_ref_addr + "DW_FORM_indirect form)"},
+        {DW_FORM_ref_addr, "00 00 00 00", no_ref_addr + "DW_FORM_ref_addr form)"},
+        {0x1f, "", "INVALID: decoder passed invalid form 31 (unknown)" + not_read + "unknown form)"},
+        {DW_FORM_string, "61 62", "CORRUPT: unterminated string" + not_read + "DW_FORM_string form)"},
+        {DW_FORM_block4, "ff ff ff ff 00",
+         "CORRUPT: form DW_FORM_block4 requires 4294967295 bytes for block;  1 remain" + not_read +
+             "DW_FORM_block4 form)"},
+    };
+    for (const auto &row : rows)
+        EXPECT_EQ(read_value(row.form, bytes::hex(row.datum), row.dwarf64, row.target), row.outcome) << row.datum;
+}
+
+namespace
+{
+
+// A unit of entries by these abbreviations, its root first.
+struct tree {
+    handle h;
+    krv_ctu_t *cu = nullptr;
+    krv_die_t *root = nullptr;
+
+    explicit tree(const bytes &dies)
+    {
+        h.attach(KRV_SEC_ABBREV, abbrevs("1 compile_unit+ name:string; 2 subprogram+ name:string;"
+                                         "3 subprogram+ sibling:ref4 name:string; 4 variable name:string;"
+                                         "5 variable type:ref_udata import:ref_sig8 producer:data4;"
+                                         "6 lexical_block+; 7 lexical_block; 8 subprogram+ sibling:data4"));
+        h.attach(KRV_SEC_INFO, unit{.dies = dies}.build());
+        cu = korva_lookup_ctu_by_start_offset(h, KRV_SEC_INFO, 0);
+        if (cu != nullptr)
+            korva_get_cu_cudie(h, cu, &root);
+    }
+
+    // The names of the root's children, and how their walk ended.
+    std::string children()
+    {
+        std::string names;
+        const auto add = [](krv_handle_t *hp, krv_die_t *child, void *arg) {
+            char buf[16];
+            *static_cast<std::string *>(arg) += korva_get_die_at_name(hp, child, buf, sizeof(buf)) == 0 ? buf : "-";
+            return 0;
+        };
+        const int result = krv_iter_children_in_die(h, root, add, &names);
+        return names + " " + std::to_string(result) + " " + h.error();
+    }
+};
+
+bytes named(uint64_t code, const char *name)
+{
+    return bytes().uleb(code).cstr(name);
+}
+
+} // namespace
+
+TEST(Info, WalksOverChildren)
+{
+    const bytes root = named(1, "r"), end = bytes().u8(0), leaf = named(4, "d");
+    const bytes nested = named(2, "a") + named(2, "x") + bytes().u8(6).u8(7).u8(0) + end + named(4, "y") + end;
+    const auto link = [&](uint64_t target) {
+        return root + bytes().uleb(3).u32(target).cstr("a") + named(4, "x") + end + leaf + end;
+    }; // at 14, 21, 25, 28
+    const auto garbage = bytes().uleb(3).offset_of("next", 4).cstr("a").fill(5, 0x7f).label("next");
+    const std::string no_child = "CORRUPT: Couldn't obtain child for .debug_info DIE at 0/+";
+    const std::string at_17 = " | could not allocate DIE at +17 within CU at 0 within .debug_info";
+    const auto broken = [](uint64_t to) {
+        return text("a -1 CORRUPT: sibling at +%lu of DIE at +14 within CU at 0 does not lead forward", to);
+    };
+    const struct {
+        const char *what;
+        bytes dies;
+        std::string outcome;
+    } rows[] = {
+        {"no link anywhere", root + nested + leaf + end, "ad 0 NOTFOUND"},
+        {"a link", link(25), "ad 0 NOTFOUND"},
+        {"a link across garbage", root + garbage + leaf + end, "ad 0 NOTFOUND"},
+        {"the same, one level down", root + named(2, "b") + garbage + end + leaf + end, "bd 0 NOTFOUND"},
+        {"a link to its first child", link(21), "ax 0 NOTFOUND"},
+        {"a link to itself", link(14), broken(14)},
+        {"a link to the root", link(11), broken(11)},
+        {"a link to 0", link(0), broken(0)},
+        {"a link out of the unit", link(29), broken(29)},
+        {"a link far away", link(MAX), broken(4294967295)},
+        {"a link that is no reference", root + bytes().uleb(8).u32(30) + leaf + end + end,
+         "- -1 INVALID: attribute DW_AT_sibling is not a reference"},
+        {"no children", root + end, " 0 NOTFOUND: DIE has no children"},
+        {"a child that has none, against its flag", root + named(2, "a") + end + end, "a -1 " + no_child + "14"},
+        {"a grandchild that has none", root + named(2, "a") + named(2, "b") + end + end, "a -1 " + no_child + "17"},
+        {"an unknown code", root + leaf + bytes().u8(99),
+         "d -1 CORRUPT: abbreviation code 99 not found | failed to obtain abbreviation for code 99" + at_17},
+        {"a code beyond 32 bits", root + leaf + bytes().uleb((1UL << 32) + 4).cstr("d") + end,
+         "d -1 CORRUPT: abbreviation code 4 not found | failed to obtain abbreviation for code 4294967300" + at_17},
+        {"the section ends", root + leaf,
+         "d -1 CORRUPT: DW_FORM_udata datum unterminated by end of section | failed to read DIE's abbreviation code" +
+             at_17},
+    };
+    for (const auto &row : rows)
+        EXPECT_EQ(tree(row.dies).children(), row.outcome) << row.what;
+    // Depth is counted, not recursed into.
+    constexpr size_t million = 1000000;
+    EXPECT_EQ(tree(root + bytes().fill(million, 6).u8(7).fill(million, 0) + leaf + end).children(), "-d 0 NOTFOUND");
+
+    tree t(root + leaf + leaf + leaf + end);
+    int calls = 0;
+    const auto stop = [](krv_handle_t *, krv_die_t *, void *arg) { return ++*static_cast<int *>(arg) == 2 ? 7 : 0; };
+    EXPECT_EQ(krv_iter_children_in_die(t.h, t.root, stop, &calls), 7);
+    EXPECT_EQ(calls, 2);
+}
+
+TEST(Info, References)
+{
+    tree t(named(1, "r") + bytes().uleb(5).uleb(11).u64(1).u32(2) + bytes().u8(0));
+    const die_owner child(krv_alloc_die_child(t.h, t.root));
+    ASSERT_NE(child, nullptr);
+    const die_owner referred(krv_alloc_die_by_attribute(t.h, child.get(), DW_AT_type));
+    ASSERT_NE(referred, nullptr);
+    EXPECT_TRUE(child->dwdie_cu_offset == 14 && referred->dwdie_cu_offset == 11);
+    const std::pair<krv_attribute_t, const char *> rows[] = {
+        {DW_AT_import, "UNSUPPORTED: unsupported reference"},
+        {DW_AT_producer, "INVALID: attribute DW_AT_producer is not a reference"},
+        {DW_AT_location, "NOTFOUND"}};
+    for (const auto &[attr, outcome] : rows) {
+        krv_clear_error(t.h);
+        EXPECT_EQ(krv_alloc_die_by_attribute(t.h, child.get(), attr), nullptr);
+        EXPECT_EQ(t.h.error(), outcome);
+    }
+    EXPECT_EQ(krv_alloc_die_sibling(t.h, child.get()), nullptr); // the null entry
+    EXPECT_EQ(t.h.error(), "NOTFOUND");
+    EXPECT_EQ(krv_alloc_die_child(t.h, child.get()), nullptr);
+    EXPECT_EQ(t.h.error(), "NOTFOUND");
+    EXPECT_EQ(krv_alloc_die_by_cu_offset(t.h, t.cu, MAX), nullptr);
+    EXPECT_EQ(t.h.error(),
+              "INVALID: can't seek beyond end | could not allocate DIE at -1 within CU at 0 within .debug_info");
+
+    char buf[4] = {};
+    EXPECT_EQ(korva_get_die_at_producer(t.h, child.get(), buf, 4), -1);
+    EXPECT_EQ(t.h.error(), "INVALID");
+    EXPECT_EQ(korva_get_die_at_producer(t.h, t.root, buf, 4), -1);
+    EXPECT_EQ(t.h.error(), "NOTFOUND");
+    EXPECT_EQ(korva_get_die_at_name(t.h, nullptr, buf, 4), -1);
+    EXPECT_EQ(t.h.error(), "INVALID");
+    EXPECT_EQ(korva_get_die_at_name(t.h, t.root, nullptr, 4), -1);
+    EXPECT_EQ(korva_get_die_at_name(nullptr, t.root, buf, 4), -1);
+    EXPECT_EQ(korva_get_cu_cudie(t.h, t.cu, nullptr), -1);
+}
+
+TEST(Info, UnitNames)
+{
+    const std::string long_dir(2000, 'd');
+    const bytes first = unit{.dies = bytes().uleb(1).cstr("main.c").cstr(long_dir).cstr("zeph")}.build();
+    const bytes second = unit{.dies = bytes().uleb(2).u8(DW_FORM_string).cstr("x.c")}.build();
+    const bytes third = unit{.dies = bytes().uleb(3).u8(1)}.build();
+    handle h;
+    h.attach(KRV_SEC_ABBREV, abbrevs("1 compile_unit name:string comp_dir:string ZEPH_original_name:string;"
+                                     "2 compile_unit name:indirect; 3 compile_unit name:data1"));
+    h.attach(KRV_SEC_INFO, first + second + third);
+    krv_ctu_t *cu = korva_lookup_ctu_by_start_offset(h, KRV_SEC_INFO, 0);
+    krv_ctu_t *bare = korva_lookup_ctu_by_start_offset(h, KRV_SEC_INFO, first.size());
+    ASSERT_TRUE(cu != nullptr && bare != nullptr);
+    EXPECT_STREQ(cu->dcu_name, "main.c");
+    EXPECT_EQ(cu->dcu_comp_dir, std::string(1023, 'd'));
+    EXPECT_STREQ(bare->dcu_name, "x.c");
+    EXPECT_EQ(bare->dcu_comp_dir, nullptr);
+    for_each_room(7, [&](uint8_t *room, size_t size, bool fits) {
+        ASSERT_EQ(korva_get_die_at_name(h, cu->dcu_compile_unit, reinterpret_cast<char *>(room), size), 0);
+        EXPECT_STREQ(reinterpret_cast<char *>(room), fits ? "main.c" : "main.");
+    });
+    char buf[8];
+    EXPECT_EQ(korva_get_die_at_ZEPH_original_name(h, cu->dcu_compile_unit, buf, sizeof(buf)), 0);
+    EXPECT_STREQ(buf, "zeph");
+    EXPECT_EQ(h->sh_cu_table_entries, 2U); // the third has a name that is none, which ends the table
+    EXPECT_EQ(krv_cu_alloc(h, KRV_SEC_INFO, first.size() + second.size()), nullptr);
+    EXPECT_EQ(h.error(),
+              text("INVALID: failed to obtain CU at offset %zu in .debug_info", first.size() + second.size()));
+}
+
+// Wherever a read fails or comes up short, and wherever the section ends, there is a unit or a clean failure.
+TEST(Info, DamagedSections)
+{
+    const bytes abbrev_section = abbrevs("1 compile_unit+ name:string location:exprloc type:indirect");
+    const bytes section =
+        unit{.dies = bytes().uleb(1).cstr("main.c").block_uleb(bytes().u8(1)).u8(DW_FORM_string).cstr("x")}.build();
+    handle scratch;
+    for_each_cursor(scratch, section, [&](krv_fd_t *fdp, fault kind) {
+        handle h;
+        h.attach(KRV_SEC_ABBREV, abbrev_section).attach(KRV_SEC_INFO, *fdp);
+        const bool found = korva_lookup_ctu_by_start_offset(h, KRV_SEC_INFO, 0) != nullptr;
+        EXPECT_TRUE(found ? kind != fault::fails : kind != fault::none) << h.error();
+        EXPECT_TRUE(kind != fault::fails || korva_handle_get_errno(h) == KRV_ERR_IO) << h.error();
+    });
+    for_each_prefix(section, [&](const bytes &prefix) {
+        handle h;
+        h.attach(KRV_SEC_ABBREV, abbrev_section);
+        h.attach(KRV_SEC_INFO, prefix.size() < 4 ? prefix : bytes(prefix).set(0, prefix.size() - 4, 4));
+        EXPECT_EQ(korva_lookup_ctu_by_start_offset(h, KRV_SEC_INFO, 0), nullptr);
+        EXPECT_NE(korva_handle_get_errno(h), KRV_ERR_NONE);
+    });
+}

@@ -1,0 +1,601 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// Line numbers: headers, programs, source lookup, and access to fields.
+#include "krv_line.h"
+#include "krv_names.h"
+#include "support/handle.h"
+#include "support/sections.h"
+
+#include <gtest/gtest.h>
+#include <thread>
+
+using namespace krv_test;
+
+static constexpr uint64_t MAX = UINT64_MAX;
+
+namespace
+{
+
+// A handle with one unit, whose line-number program is at offset 0.
+struct lines {
+    handle h;
+    krv_ctu_t *cu;
+
+    explicit lines(const bytes &section, const char *comp_dir = nullptr,
+                   krv_activation_type_t target = KRV_ACTIVATION_AMD64)
+        : h(target)
+    {
+        const bytes root = comp_dir == nullptr ? bytes().uleb(1).u32(0) : bytes().uleb(2).u32(0).cstr(comp_dir);
+        h.attach(KRV_SEC_ABBREV,
+                 abbrevs("1 compile_unit stmt_list:data4; 2 compile_unit stmt_list:sec_offset comp_dir:string"));
+        h.attach(KRV_SEC_INFO, unit{.dies = root}.build());
+        h.attach(KRV_SEC_LINE, section);
+        cu = korva_lookup_ctu_by_start_offset(h, KRV_SEC_INFO, 0);
+    }
+    explicit lines(const char *recipe) : lines(line_unit{.program = program(recipe)}.build()) {}
+
+    krv_lnph_t *header() { return korva_line_get_cu_lnph(h, cu); }
+    krv_lnp_t *matrix()
+    {
+        krv_lnph_t *lnphp = header();
+        return lnphp == nullptr ? nullptr : krv_line_get_matrix(h, lnphp);
+    }
+};
+
+// "400.1 1:9:3 IBPE i2 d3 ^380": address, op_index, file, line, column, flags (G: end of a sequence), isa,
+// discriminator, canonical address; what is 0 or the same is left out.
+std::string to_text(const krv_lns_t &r, bool stored)
+{
+    std::string line = text("%lx", r.slns_address), flags;
+    for (int bit = 0; bit < 5; ++bit)
+        if ((r.slns_flags >> bit & 1) != 0)
+            flags += "IBGPE"[bit];
+    line += r.slns_op_index == 0 ? "" : text(".%u", r.slns_op_index);
+    line += text(" %u:%u", r.slns_file, r.slns_line);
+    line += r.slns_column == 0 ? "" : text(":%u", r.slns_column);
+    line += flags.empty() ? "" : " " + flags;
+    line += r.slns_isa == 0 ? "" : text(" i%u", r.slns_isa);
+    line += r.slns_discriminator == 0 ? "" : text(" d%u", r.slns_discriminator);
+    const uint64_t canonical = r.slns_u.slnsu_c_address;
+    return line + (!stored || canonical == r.slns_address ? "" : text(" ^%lx", canonical));
+}
+
+// The rows, and the sequences as "[400,410)"; or the error state.
+std::string to_text(const handle &h, const krv_lnp_t *lnpp)
+{
+    if (lnpp == nullptr)
+        return h.error();
+    std::string rows;
+    for (unsigned i = 0; i < lnpp->slnp_lnsp_entries; ++i)
+        rows += (i == 0 ? "" : "; ") + to_text(lnpp->slnp_lnsp[i], true);
+    for (unsigned i = 0; i < lnpp->slnp_lnbp_entries; ++i)
+        rows += text(" [%lx,%lx)", lnpp->slnp_lnbp[i].slnb_start_addr, lnpp->slnp_lnbp[i].slnb_end_addr);
+    return rows;
+}
+
+} // namespace
+
+// ---------------------------------------------------------------------------------------------------------------
+// Headers
+// ---------------------------------------------------------------------------------------------------------------
+
+TEST(Line, HeaderFields)
+{
+    line_unit u{.mil = 2, .mopi = 4, .opcode_base = 10, .dirs = {"src", "/usr"}, .program = program("copy")};
+    u.files = {{"a.c", 2, 300, 400}, {"b.c"}, {"c.c"}, {"d.c"}, {"e.c"}}; // capacity 1, 2, 4, 8
+    for (const bool dwarf64 : {false, true})
+        for (const uint16_t version : {2, 3, 4, 5}) {
+            u.dwarf64 = dwarf64;
+            u.version = version;
+            const bytes section = u.build();
+            lines t(section);
+            const krv_lnph_t *p = t.header();
+            ASSERT_NE(p, nullptr) << t.h.error();
+            EXPECT_EQ(p->sln_unit_length, section.size() - (dwarf64 ? 12 : 4));
+            EXPECT_TRUE(p->sln_flags == dwarf64 && p->sln_version == version && p->sln_mopi == (version == 4 ? 4 : 1));
+            EXPECT_TRUE(p->sln_mil == 2 && p->sln_default_is_stmt == 1 && p->sln_line_base == -5 &&
+                        p->sln_line_range == 14 && p->sln_opcode_base == 10);
+            EXPECT_TRUE(p->sln_sol[0] == 0 && p->sln_sol[1] == 1 && p->sln_sol[8] == 1 && p->sln_sol[9] == 0);
+            EXPECT_TRUE(p->sln_id_entries == 2 && p->sln_files_entries == 5 && p->sln_files_size == 8);
+            EXPECT_TRUE(p->sln_program_offset == section.size() - 1 && p->sln_program_size == 1);
+            EXPECT_EQ(t.header(), p);
+        }
+}
+
+TEST(Line, HeaderFailures)
+{
+    const std::string too_large = " too large for existing section size", long_name(1024, 'n'), fits(1023, 'n');
+    const std::string too_long = "NOSPACE: string decoder requires 1025 bytes;  storage offers 1024 | failed to read ";
+    const auto tables = [](const bytes &b) { return line_unit{.tables = b}; };
+    const bytes no_dirs = bytes().u8(0), zeros = bytes().fill(4);
+    const struct {
+        line_unit u;
+        std::string outcome; // without the last message
+    } rows[] = {
+        {{.unit_length = 0xfffffff0}, "CORRUPT: reserved value (0xfffffff0) in 4-byte unit_length"},
+        {{.unit_length = 33}, "CORRUPT: unit_length (0x21)" + too_large}, // one too many
+        {{.dwarf64 = true, .unit_length = MAX}, "CORRUPT: unit_length (0xffffffffffffffff)" + too_large},
+        {{.dwarf64 = true, .unit_length = MAX - 11}, "CORRUPT: unit_length (0xfffffffffffffff4)" + too_large},
+        {{.header_length = 33}, "CORRUPT: header_length (33) exceeds unit_length (32)"},
+        {{.opcode_base = 0},
+         "INVALID: cannot read 18446744073709551615 bytes; only 9 bytes remaining | failed to read "
+         "standard_opcode_length[]"},
+        {tables(bytes().cstr(long_name)), too_long + "include_directories entry"},
+        {tables(no_dirs + bytes().cstr(long_name)), too_long + "file_names path"},
+        {tables(no_dirs + bytes().cstr("a").uleb(1) + zeros), "CORRUPT: file_names index (1) is out of range"},
+        {tables(bytes().cstr("d").u8(0).cstr("a").uleb(MAX) + zeros),
+         "CORRUPT: file_names index (18446744073709551615) is out of range"},
+        // Sound, if odd: names that just fit; opcode_base 1; tables that end with the unit.
+        {tables(bytes().cstr(fits).u8(0).cstr(fits).uleb(1).uleb(0).uleb(0).u8(0)), "1 directories, 1 files, 0 bytes"},
+        {{.opcode_base = 1, .program = program("sp 7")}, "0 directories, 1 files, 1 bytes"},
+        {tables(bytes()), "0 directories, 0 files, 0 bytes"},
+        {tables(bytes().cstr("d").cstr("e")), "2 directories, 0 files, 0 bytes"},
+        {tables(no_dirs + bytes().cstr("a").u8(0).u8(0).u8(0)), "0 directories, 1 files, 0 bytes"},
+    };
+    for (const auto &row : rows) {
+        lines t(row.u.build());
+        const krv_lnph_t *p = t.header();
+        EXPECT_EQ(p == nullptr ? t.h.error()
+                               : text("%lu directories, %lu files, %lu bytes", p->sln_id_entries, p->sln_files_entries,
+                                      p->sln_program_size),
+                  row.outcome + (p == nullptr ? " | failed to read .debug_line header at offset 0" : ""));
+        EXPECT_EQ(t.header(), p); // a failure is not kept
+    }
+}
+
+// A unit that ends after each of its bytes: every field is missed in turn.
+TEST(Line, HeadersCutShort)
+{
+    const line_unit u{.dwarf64 = true, .version = 4, .header_length = 0, .dirs = {"d"}, .files = {{"a", 1, 2, 3}}};
+    std::string seen, last;
+    for_each_prefix(u.build(), [&](const bytes &prefix) {
+        lines t(prefix.size() < 12 ? prefix : bytes(prefix).set(4, prefix.size() - 12, 8));
+        if (prefix.size() == 0 || t.header() != nullptr)
+            return;
+        const std::string error = t.h.error(), start = " | failed to read ";
+        const size_t from = error.find(start) + start.size();
+        const std::string field = error.substr(from, error.find(" | ", from) - from);
+        seen += field == last ? "" : field + ", ";
+        last = field;
+    });
+    EXPECT_EQ(seen, "4-byte unit_length, 8-byte unit_length, version, header_length, minimum_instruction_length, "
+                    "maximum_operations_per_instruction, default_is_stmt, line_base, line_range, opcode_base, "
+                    "standard_opcode_length[], include_directories entry, file_names path, file_names index, "
+                    "file_names mtime, file_names size, ");
+}
+
+TEST(Line, UnitsWithoutLines)
+{
+    lines none{bytes()};
+    EXPECT_EQ(none.header(), nullptr);
+    EXPECT_EQ(none.h.error(), "INVALID: section is empty | couldn't seek to 0 in .debug_line | "
+                              "failed to read .debug_line header at offset 0");
+    handle h;
+    h.attach(KRV_SEC_ABBREV, abbrevs("1 compile_unit")).attach(KRV_SEC_INFO, unit{.dies = bytes().uleb(1)}.build());
+    krv_ctu_t *cu = korva_lookup_ctu_by_start_offset(h, KRV_SEC_INFO, 0);
+    EXPECT_EQ(korva_line_get_cu_lnph(h, cu), nullptr);
+    EXPECT_EQ(h.error(), "NOTFOUND");
+    EXPECT_EQ(korva_lookup_source_by_cu_and_addr(h, cu, 0, 10, 5, 0), nullptr);
+    EXPECT_EQ(h.error(), "NOTFOUND: couldn't find line number header for CU");
+    krv_ctu_t types = {};
+    types.dcu_section = KRV_SEC_TYPES;
+    EXPECT_EQ(korva_line_get_cu_lnph(h, &types), nullptr);
+    EXPECT_EQ(h.error(), "INVALID: only .debug_info can refer to a line number header");
+    EXPECT_EQ(korva_line_get_cu_lnph(h, nullptr), nullptr);
+    EXPECT_EQ(korva_line_get_cu_lnph(nullptr, cu), nullptr);
+}
+
+TEST(Line, Paths)
+{
+    const std::string d1000(1000, 'd'), f1000(1000, 'f');
+    const struct {
+        const char *comp_dir;
+        std::string dir;
+        uint64_t index;
+        std::string name, path;
+    } rows[] = {
+        {"/build", "src", 1, "a.s", "/build/src/a.s"},
+        {"/build/", "src/", 1, "a.s", "/build/src/a.s"},
+        {"/build", "/usr", 1, "a.s", "/usr/a.s"},
+        {"/build", "src", 1, "/abs/b.s", "/abs/b.s"},
+        {"/build", "src", 0, "a.s", "/build/a.s"},
+        {nullptr, "src", 1, "a.s", "src/a.s"},
+        {nullptr, "src", 0, "a.s", "a.s"},
+        {"", "src", 0, "a.s", "a.s"},
+        {"/build", d1000, 1, f1000, "/build/" + d1000 + "/" + f1000.substr(0, 15)},
+    };
+    for (const auto &row : rows) {
+        lines t(line_unit{.dirs = {row.dir}, .files = {{row.name, row.index}}}.build(), row.comp_dir);
+        krv_lnph_t *p = t.header();
+        ASSERT_NE(p, nullptr) << t.h.error();
+        for_each_room(row.path.size() + 1, [&](uint8_t *room, size_t size, bool fits) { // as strncpy does
+            auto *buf = reinterpret_cast<char *>(room);
+            EXPECT_EQ(korva_lnfe_get_path(t.h, p->sln_files[0], buf, size, B_TRUE), 0);
+            EXPECT_EQ(std::string(buf, strnlen(buf, size)), row.path);
+            EXPECT_TRUE(!fits || buf[size - 1] == '\0');
+        });
+        std::string name(row.name.size(), '?');
+        EXPECT_EQ(korva_lnfe_get_path(t.h, p->sln_files[0], name.data(), name.size(), 2), 0);
+        EXPECT_EQ(name, row.name);
+    }
+}
+
+// ---------------------------------------------------------------------------------------------------------------
+// Programs
+// ---------------------------------------------------------------------------------------------------------------
+
+TEST(Line, Matrices)
+{
+    const line_unit any, base10{.opcode_base = 10}, odd_stmt{.default_is_stmt = 2}, no_files{.files = {}};
+    const line_unit by_4{.version = 4, .mil = 4, .mopi = 4}, by_3{.version = 4, .mil = 2, .mopi = 3};
+    const std::string bad = " | error sorting matrix sequences";
+    const struct {
+        line_unit u;
+        const char *recipe;
+        std::string outcome;
+    } rows[] = {
+        {any, "", ""},
+        {any, "at 400 sp 75 pc 4 end", "404 1:2 I; 408 1:2 IG ^404 [404,408)"}, // +4, +1
+        {any, "at 400 const_pc copy", "411 1:1 I"},                             // open to the end: a row, no sequence
+        {base10, "at 0 sp 13 sp 255 copy", "0 1:4294967295 I; 11 1:1 I; 11 1:1 I"}, // line 1 - 2 + 2
+        {odd_stmt, "at 8 copy stmt copy", "8 1:1; 8 1:1 I"},
+        {any, "at 1 bb pe eb disc 7 isa 3 col 9 copy copy", "1 1:1:9 IBPE i3 d7; 1 1:1:9 I i3"},
+        {any, "at 1 bb pe eb disc 65535 sp 18 sp 18", "1 1:1 IBPE d65535; 1 1:1 I"},
+        {any, "at 400 line -2 copy line 5 copy", "400 1:4294967295 I; 400 1:4 I"},
+        {by_4, "at 400 pc 6 copy pc 7 copy sp 60 const_pc copy fixed 256 copy pc 1 at 900 copy",
+         "404.2 1:1 I; 40c.1 1:1 I ^404; 410 1:1 I ^404; 420.1 1:1 I ^404; 520 1:1 I ^404; 900 1:1 I ^404"},
+        {by_3, "at 0 pc 1 pc 18446744073709551615 copy", "aaaaaaaaaaaaaaaa.1 1:1 I"},
+        {any, "at 400 file 0 copy", "400 0:1 I"},
+        {no_files, "at 400 copy", "400 1:1 I"},
+        {any, "def gen.c 0 0 0 file 2 copy", "0 2:1 I"},
+        {any, "end at 400 copy pc 4 end", "0 1:1 IG; 400 1:1 I ^0; 404 1:1 IG ^0 [400,404)"},
+        {any, "at 500 copy pc 8 end at 400 copy pc 256 end at 300 line 1 copy pc 1 end",
+         "500 1:1 I ^400; 508 1:1 IG ^400; 400 1:1 I; 500 1:1 IG ^400; 300 1:2 I; 301 1:2 IG ^300 [300,301) [400,500) "
+         "[500,508)"},
+        {any, "at 400 copy pc 16 copy pc 1 end at 380 copy file 0 copy pc 1 end",
+         "400 1:1 I ^380; 410 1:1 I ^380; 411 1:1 IG ^380; 380 1:1 I; 380 0:1 I; 381 0:1 IG ^380 [380,381) [400,411)"},
+        {any, "at 500 copy end",
+         "CORRUPT: matrix contains inverted sequence between rows 0 and 1 (addresses 0x500 and 0x500)" + bad},
+        {any, "at 100 copy pc 1 end at 500 copy at 4ff end",
+         "CORRUPT: matrix contains inverted sequence between rows 2 and 3 (addresses 0x500 and 0x4ff)" + bad},
+        {any, "at 500 copy pc 8 end at 400 copy pc 257 end",
+         "CORRUPT: matrix contains overlapping sequences (0x400--0x501 and 0x500--0x508)" + bad},
+    };
+    for (const auto &row : rows) {
+        line_unit u = row.u;
+        u.program = program(row.recipe);
+        lines t(u.build());
+        krv_lnp_t *lnpp = t.matrix();
+        EXPECT_EQ(to_text(t.h, lnpp), row.outcome);
+        EXPECT_EQ(lnpp == nullptr ? nullptr : t.matrix(), lnpp);
+    }
+    lines i386(line_unit{.program = program("at fffffff0 copy", 4)}.build(), nullptr, KRV_ACTIVATION_I386);
+    EXPECT_EQ(to_text(i386.h, i386.matrix()), "fffffff0 1:1 I");
+}
+
+TEST(Line, ProgramFailures)
+{
+    const std::string unterminated = "CORRUPT: DW_FORM_udata datum unterminated by end of section";
+    const std::string wide_2 = "NOSPACE: DW_FORM_udata datum requires 4 bytes;  storage offers 2";
+    const std::string behind = " in .debug_line;  header begins at 0\n",
+                      def_long = "def " + std::string(1024, 'f') + " 0 0 0";
+    const line_unit any, base14{.opcode_base = 14}, range0{.line_range = 0}, mopi0{.version = 4, .mopi = 0};
+    const struct {
+        line_unit u;
+        std::string recipe, cause;
+        unsigned int number;
+        int at;                        // offset of the failure; the program begins at 36
+        krv_def_t names = KRV_DEF_LNS; // of the opcode
+    } rows[] = {
+        {any, "ext 128", "UNSUPPORTED: unsupported extended opcode 128 at offset 40" + behind, 128, 40},
+        {any, "ext 0", "UNSUPPORTED: unsupported extended opcode 0 at offset 39" + behind, 0, 39},
+        {base14, "byte 13", "UNSUPPORTED: unsupported standard opcode 13 at offset 38" + behind, 13, 38},
+        {any, "file 3", "CORRUPT: file 3 specified but only 1 are defined", 4, 38},
+        {any, "file 4294967295", "CORRUPT: file 4294967295 specified but only 1 are defined", 4, 42},
+        {any, "file 4294967296", "NOSPACE: DW_FORM_udata datum requires 8 bytes;  storage offers 4", 4, 37},
+        {any, "col 65536", wide_2, 5, 37},
+        {any, "isa 65536", wide_2, 12, 37},
+        {any, "disc 65536", wide_2, 4, 39, KRV_DEF_LNE},
+        {any, "def f 1 0 0", "CORRUPT: file_names index (1) is out of range", 3, 44, KRV_DEF_LNE},
+        {any, def_long, "NOSPACE: string decoder requires 1025 bytes;  storage offers 1024", 3, 40, KRV_DEF_LNE},
+        {any, "byte 2", unterminated, 2, 37},
+        {any, "byte 3", "CORRUPT: DW_FORM_sdata datum unterminated by end of section", 3, 37},
+        {any, "byte 9 byte 1", "CORRUPT: form DW_FORM_data2 requires 2 bytes;  1 remaining", 9, 37},
+        {any, "byte 0", unterminated, 0, 37},
+        {any, "byte 0 byte 9", unterminated, 0, 38},
+        {any, "ext 2", "CORRUPT: form DW_FORM_addr requires 8 bytes;  0 remaining", 2, 39, KRV_DEF_LNE},
+        {range0, "sp 77", "CORRUPT: line_range is zero", 77, 37},
+        {range0, "const_pc", "CORRUPT: line_range is zero", 8, 37},
+        {mopi0, "pc 1", "CORRUPT: maximum_operations_per_instruction is zero", 2, 39},
+    };
+    for (const auto &row : rows) {
+        line_unit u = row.u;
+        u.program = program(row.recipe);
+        lines t(u.build());
+        const std::string name = row.number == 77 ? "special" : krv_name_or_unknown(row.names, row.number);
+        const std::string outcome = row.cause + text(" | error processing opcode %u (%s) or its operand at offset %d%s",
+                                                     row.number, name.c_str(), row.at, behind.c_str());
+        EXPECT_EQ(to_text(t.h, t.matrix()), outcome);
+        EXPECT_EQ(korva_lookup_source_by_cu_and_addr(t.h, t.cu, 0, 10, 5, 0), nullptr);
+        EXPECT_EQ(t.h.error(), outcome + " | couldn't find line number program for CU");
+    }
+}
+
+namespace
+{
+
+// Every call of a program walk, "+offset opcode(values) registers" each, the offset counted from the first opcode.
+struct walk {
+    size_t stop_at = 0;
+    uint64_t first = 0;
+    size_t calls = 0;
+    std::string seen = {};
+
+    static int add(krv_handle_t *hp, unsigned long offset, unsigned char opcode, krv_value_t **values,
+                   unsigned int nvalues, krv_lns_t *state, void *arg)
+    {
+        auto *w = static_cast<walk *>(arg);
+        w->first = w->calls++ == 0 ? offset : w->first;
+        w->seen += text(w->calls == 1 ? "+%lu %u(" : "; +%lu %u(", offset - w->first, opcode);
+        for (unsigned i = 0; i < nvalues; ++i) {
+            const bool name = opcode == 0 && i == 1 && values[0]->sa_u.su_unsigned == DW_LNE_define_file;
+            w->seen += i == 0 ? "" : " ";
+            w->seen += name ? static_cast<char *>(values[i]->sa_u.su_addr) : std::to_string(values[i]->sa_u.su_signed);
+            EXPECT_EQ(values[i]->sa_form, 0);
+        }
+        w->seen += ") " + to_text(*state, false);
+        uint64_t canonical = 1; // neither of the two is known before the program ends
+        EXPECT_EQ(korva_lns_get_filep(hp, state), nullptr);
+        EXPECT_EQ(korva_lns_get_canonical_address(hp, state, &canonical), 0);
+        EXPECT_EQ(canonical, 0U);
+        return w->calls == w->stop_at ? 7 : 0;
+    }
+};
+
+} // namespace
+
+TEST(Line, Walk)
+{
+    lines t("at 400 pc 300 line -3 file 1 col 5 stmt bb const_pc fixed 16 pe eb isa 2 disc 6 sp 33 def gen.c 0 8 9 "
+            "copy pc 1 end");
+    walk all, three{.stop_at = 3};
+    EXPECT_EQ(korva_iter_line_entry(t.h, t.header(), walk::add, &all), 0);
+    EXPECT_EQ(all.seen, "+0 0(2 1024) 400 1:1 I; +11 2(300) 52c 1:1 I; +14 3(-3) 52c 1:4294967294 I; "
+                        "+16 4(1) 52c 1:4294967294 I; +18 5(5) 52c 1:4294967294:5 I; +20 6() 52c 1:4294967294:5; "
+                        "+21 7() 52c 1:4294967294:5 B; +22 8() 53d 1:4294967294:5 B; +23 9(16) 54d 1:4294967294:5 B; "
+                        "+26 10() 54d 1:4294967294:5 BP; +27 11() 54d 1:4294967294:5 BPE; "
+                        "+28 12(2) 54d 1:4294967294:5 BPE i2; +30 0(4 6) 54d 1:4294967294:5 BPE i2 d6; "
+                        "+34 33() 54e 1:4294967295:5 i2; +35 0(3 gen.c 0 8 9) 54e 1:4294967295:5 i2; "
+                        "+47 1() 54e 1:4294967295:5 i2; +48 2(1) 54f 1:4294967295:5 i2; +50 0(1) 0 1:1 I");
+    EXPECT_EQ(t.header()->sln_lnp, nullptr); // neither used nor filled
+    EXPECT_EQ(korva_iter_line_entry(t.h, t.header(), walk::add, &three), 7);
+    EXPECT_EQ(three.calls, 3U);
+    EXPECT_EQ(t.h.error(), "IO");
+    EXPECT_EQ(korva_iter_line_entry(t.h, nullptr, walk::add, &all), -1);
+    EXPECT_EQ(korva_handle_get_errno(t.h), KRV_ERR_INVALID);
+    EXPECT_EQ(korva_iter_line_entry(nullptr, t.header(), walk::add, &all), -1);
+}
+
+TEST(Line, FailingReads)
+{
+    const line_unit u{.dirs = {"d"}, .files = {{"a.c", 1}}, .program = program("at 400 copy pc 4 end")};
+    handle scratch;
+    for_each_cursor(scratch, u.build(), [](krv_fd_t *fdp, fault kind) {
+        lines t{bytes()};
+        t.h.attach(KRV_SEC_LINE, *fdp);
+        const std::string outcome = to_text(t.h, t.matrix());
+        EXPECT_TRUE(kind != fault::none || outcome == "400 1:1 I; 404 1:1 IG ^400 [400,404)") << outcome;
+        EXPECT_TRUE(kind != fault::fails || outcome.rfind("IO: read callback failed | ", 0) == 0) << outcome;
+    });
+}
+
+// ---------------------------------------------------------------------------------------------------------------
+// Lookup and fields
+// ---------------------------------------------------------------------------------------------------------------
+
+TEST(Line, Lookup)
+{
+    const char *dense = "at 100 copy pc 4 line 1 copy line 1 copy pc 12 line 1 copy pc 16 end", *no_row = "NOTFOUND";
+    const char *two = "at 100 copy pc 32 end at 200 line 1 copy pc 64 end";
+    const char *falling = "at 100 copy at 80 line 1 copy at 110 end",
+               *addr_120 = "INVALID: addr (0x120) does not lie in "
+                           "range described by start (0x100) and size (0x20)";
+    const struct {
+        const char *recipe;
+        uint64_t bias, start, size, addr;
+        const char *outcome; // the row, by its unbiased address; or the error state
+    } rows[] = {
+        {dense, 0, 0x100, 0x20, 0x100, "100 1:1 I"},
+        {dense, 0, 0x100, 0x20, 0x106, "104 1:3 I"}, // the last of two rows
+        {dense, 0, 0x100, 0x20, 0x11f, "110 1:4 I"},
+        {dense, 0, 0x120, 0x20, 0x120, no_row},
+        {dense, 0x10000, 0x10100, 0x20, 0x10106, "104 1:3 I"},
+        {dense, MAX - 0xff, 0, 0x20, 6, "104 1:3 I"}, // 6 - bias wraps to 0x106
+        {dense, 0, 0x100, 0x20, 0x120, addr_120},
+        {dense, 0, 0x121, 0x20, 0x120,
+         "INVALID: addr (0x120) does not lie in range described by start (0x121) and size (0x20)"},
+        {two, 0, 0x100, 0x100, 0x130, "100 1:1 I"}, // just up to the next sequence
+        {two, 0, 0x100, 0x101, 0x130, no_row},
+        {two, 0, 0x120, 0x120, 0x1f0, "200 1:2 I"}, // just behind the previous one
+        {two, 0, 0x11f, 0x121, 0x1f0, no_row},
+        {two, 0, 0x130, 0x10, 0x130, no_row},
+        {two, 0, 0x23f, 0x200, 0x300, "200 1:2 I"},
+        {two, 0, 0x240, 0x200, 0x300, no_row},
+        {two, 0, 0, 0x101, 0x10, "100 1:1 I"},
+        {two, 0, 0, 0x100, 0x10, no_row},
+        {"", 0, 0, 0x100, 0x10, no_row},
+        {falling, 0, 0x100, 0x40, 0x105, "80 1:2 I"},
+    };
+    for (const auto &row : rows) {
+        lines t(row.recipe);
+        if (row.bias != 0) // unset means 0
+            korva_handle_set_opt(t.h, KRV_OPT_BASE_ADDR, row.bias);
+        krv_lns_t *r = korva_lookup_source_by_cu_and_addr(t.h, t.cu, row.start, row.size, row.addr, 0xffff);
+        EXPECT_EQ(r == nullptr ? t.h.error() : to_text(*r, true), row.outcome) << std::hex << row.addr;
+        uint64_t canonical = 0;
+        EXPECT_EQ(korva_lns_get_canonical_address(t.h, r, &canonical), r == nullptr ? -1 : 0);
+        EXPECT_TRUE(r == nullptr || canonical == r->slns_u.slnsu_c_address + row.bias);
+    }
+    lines t("at 100 copy pc 8 end");
+    t.matrix()->slnp_lnbp[0].slnb_end_index = 0; // no program leads to such a sequence
+    EXPECT_EQ(korva_lookup_source_by_cu_and_addr(t.h, t.cu, 0x100, 8, 0x104, 0), nullptr);
+    EXPECT_EQ(t.h.error(), "CORRUPT: corrupt line number sequence in rows 0--0for address 0x104");
+    EXPECT_EQ(korva_lookup_source_by_cu_and_addr(t.h, nullptr, 0, 1, 0, 0), nullptr);
+    EXPECT_EQ(korva_handle_get_errno(t.h), KRV_ERR_INVALID);
+    EXPECT_EQ(korva_lookup_source_by_cu_and_addr(nullptr, t.cu, 0, 1, 0, 0), nullptr);
+}
+
+TEST(Line, Fields)
+{
+    line_unit u{.version = 4, .mopi = 2, .dirs = {"src"}, .files = {{"a.c", 1, 2, 3}}};
+    u.program = program("at 400 col 3 isa 4 disc 5 bb pe eb copy pc 4 line 2 copy pc 7 end");
+    lines t(u.build(), "/build");
+    korva_handle_set_opt(t.h, KRV_OPT_BASE_ADDR, 0x10000UL); // never applied here
+    krv_lnph_t *lnph = t.header();
+    uint64_t u64[5];
+    uint16_t version;
+    uint8_t u8[5], *sol;
+    int8_t base;
+    char **dirs, *path[2];
+    krv_lnfe_t **files;
+    krv_lnp_t *lnp;
+    ASSERT_EQ(korva_get_fields(t.h, KRV_STRUCT_LNPH, lnph, 15, KRV_FIELD_LNPH_UNIT_LENGTH, &u64[0],
+                               KRV_FIELD_LNPH_VERSION, &version, KRV_FIELD_LNPH_HEADER_LENGTH, &u64[1],
+                               KRV_FIELD_LNPH_MIL, &u8[0], KRV_FIELD_LNPH_MOPI, &u8[1], KRV_FIELD_LNPH_DEFAULT_IS_STMT,
+                               &u8[2], KRV_FIELD_LNPH_LINE_BASE, &base, KRV_FIELD_LNPH_LINE_RANGE, &u8[3],
+                               KRV_FIELD_LNPH_OPCODE_BASE, &u8[4], KRV_FIELD_LNPH_SOL, &sol, KRV_FIELD_LNPH_ID, &dirs,
+                               KRV_FIELD_LNPH_ID_ENTRIES, &u64[2], KRV_FIELD_LNPH_FILES, &files,
+                               KRV_FIELD_LNPH_FILES_ENTRIES, &u64[3], KRV_FIELD_LNPH_LNP, &lnp),
+              0);
+    EXPECT_EQ(text("%lu %lu %u %u %u %u %d %u %u %u %s %lu %lu", u64[0], u64[1], version, u8[0], u8[1], u8[2], base,
+                   u8[3], u8[4], sol[1], dirs[0], u64[2], u64[3]),
+              text("%lu %lu 4 1 2 1 -5 14 13 1 src 1 1", lnph->sln_unit_length, lnph->sln_header_length));
+    EXPECT_EQ(lnp, t.matrix());
+    ASSERT_EQ(korva_get_fields(t.h, KRV_STRUCT_LNFE, files[0], 5, KRV_FIELD_LNFE_ABSOLUTE_PATH, &path[0],
+                               KRV_FIELD_LNFE_PATH, &path[1], KRV_FIELD_LNFE_DIRIDX, &u64[0], KRV_FIELD_LNFE_MTIME,
+                               &u64[1], KRV_FIELD_LNFE_SIZE, &u64[2]),
+              0);
+    EXPECT_EQ(text("%s %s %lu %lu %lu", path[0], path[1], u64[0], u64[1], u64[2]), "/build/src/a.c a.c 1 2 3");
+
+    // A matrix gives columns, a row one element of each; the rows tell every flag from every other.
+    uint64_t address[3], canonical[3];
+    uint32_t op_index[3], file[3], line[3];
+    uint16_t column[3], isa[3], disc[3];
+    boolean_t flags[5][3];
+    unsigned int entries;
+    const auto get = [&](unsigned int type, void *record, unsigned int fields) {
+        return korva_get_fields(t.h, type, record, fields, KRV_FIELD_LNS_ADDRESS, address, KRV_FIELD_LNS_OP_INDEX,
+                                op_index, KRV_FIELD_LNS_FILE, file, KRV_FIELD_LNS_LINE, line, KRV_FIELD_LNS_COLUMN,
+                                column, KRV_FIELD_LNS_ISA, isa, KRV_FIELD_LNS_DISCRIMINATOR, disc, KRV_FIELD_LNS_IS,
+                                flags[0], KRV_FIELD_LNS_BB, flags[1], KRV_FIELD_LNS_ES, flags[2], KRV_FIELD_LNS_PE,
+                                flags[3], KRV_FIELD_LNS_EB, flags[4], KRV_FIELD_LNS_C_ADDRESS, canonical,
+                                KRV_FIELD_LNP_ENTRIES, &entries);
+    };
+    const auto shown = [&](size_t i) {
+        return text("%lx.%u %u:%u:%u i%u d%u %d%d%d%d%d ^%lx", address[i], op_index[i], file[i], line[i], column[i],
+                    isa[i], disc[i], flags[0][i], flags[1][i], flags[2][i], flags[3][i], flags[4][i], canonical[i]);
+    };
+    ASSERT_EQ(get(KRV_STRUCT_LNP, lnp, 14), 0);
+    EXPECT_EQ(entries, 3U);
+    EXPECT_EQ(shown(0), "400.0 1:1:3 i4 d5 11011 ^400");
+    EXPECT_EQ(shown(1), "402.0 1:3:3 i4 d0 10000 ^402");
+    EXPECT_EQ(shown(2), "405.1 1:3:3 i4 d0 10100 ^402");
+    ASSERT_EQ(get(KRV_STRUCT_LNS, &lnp->slnp_lnsp[2], 13), 0);
+    EXPECT_EQ(shown(0), "405.1 1:3:3 i4 d0 10100 ^402");
+}
+
+TEST(Line, FieldFailures)
+{
+    lines t("at 400 copy pc 4 end"), bad("ext 9"), fresh("at 400 copy pc 4 end");
+    krv_lnp_t *lnp = t.matrix(), *none = lnp;
+    krv_lns_t *row = &lnp->slnp_lnsp[0];
+    uint32_t first = 77, second = 77;
+    uint16_t version = 77;
+    EXPECT_EQ(korva_get_fields(t.h, KRV_STRUCT_LNS, row, 0), 0);
+    EXPECT_EQ(korva_get_fields(t.h, KRV_STRUCT_LNS, row, 3, KRV_FIELD_LNS_LINE, &first, KRV_FIELD_LNS_LINE, &second,
+                               KRV_FIELD_LNS_FILE, nullptr),
+              0);
+    EXPECT_TRUE(first == 77 && second == 1); // the later destination
+    EXPECT_EQ(korva_get_fields(t.h, KRV_STRUCT_LNS, row, 4, 0, &first, KRV_FIELD_LNS_LINE, &first,
+                               KRV_FIELD_LNP_ENTRIES, &first, 34, &first),
+              -1);
+    EXPECT_EQ(t.h.error(),
+              "INVALID: illegal field 0 specified | illegal field 32 specified | illegal field 34 specified");
+    EXPECT_EQ(
+        korva_get_fields(t.h, KRV_STRUCT_LNFE, t.header()->sln_files[0], 2, KRV_FIELD_LNFE_SIZE, &first, -1, &first),
+        -1);
+    EXPECT_EQ(t.h.error(), "INVALID: illegal field -1 specified");
+    EXPECT_EQ(korva_get_fields(t.h, KRV_STRUCT_LNP, lnp, 2, KRV_FIELD_LNP_ENTRIES, &first, KRV_FIELD_LNPH_MIL, &first),
+              -1);
+    EXPECT_EQ(korva_get_fields(t.h, 4, row, 1, KRV_FIELD_LNS_LINE, &first), -1);
+    EXPECT_EQ(t.h.error(), "INVALID: illegal struct 4 specified");
+    EXPECT_EQ(korva_get_fields(t.h, KRV_STRUCT_LNS, nullptr, 0), -1);
+    EXPECT_EQ(korva_handle_get_errno(t.h), KRV_ERR_INVALID);
+    EXPECT_EQ(korva_get_fields(nullptr, KRV_STRUCT_LNS, row, 0), -1);
+    EXPECT_EQ(korva_get_fields(bad.h, KRV_STRUCT_LNPH, bad.header(), 2, KRV_FIELD_LNPH_VERSION, &version,
+                               KRV_FIELD_LNPH_LNP, &none),
+              -1);
+    const std::string error = bad.h.error();
+    EXPECT_EQ(bad.matrix(), nullptr);
+    EXPECT_EQ(error, bad.h.error() + " | unable to generate line number matrix");
+    EXPECT_EQ(korva_get_fields(fresh.h, KRV_STRUCT_LNPH, fresh.header(), 2, 99, &first, KRV_FIELD_LNPH_LNP, &none), -1);
+    EXPECT_EQ(fresh.h.error(), "INVALID: illegal field 99 specified"); // although a matrix is built behind it
+    EXPECT_TRUE(first == 77 && none == lnp && version == 77);
+}
+
+// ---------------------------------------------------------------------------------------------------------------
+// Threads, each with a handle of its own
+// ---------------------------------------------------------------------------------------------------------------
+
+static void in_four_threads(lines &t, const std::function<void(handle &own, int i)> &fn)
+{
+    std::vector<std::thread> threads;
+    for (int i = 0; i < 4; ++i)
+        threads.emplace_back([&t, &fn, i] {
+            handle own;
+            fn(own.attach(KRV_SEC_LINE, t.h->sh_sec[KRV_SEC_LINE]), i);
+        });
+    for (std::thread &thread : threads)
+        thread.join();
+}
+
+TEST(Line, RacingFirstUse)
+{
+    lines t("at 400 copy pc 4 end");
+    krv_lnp_t *matrices[4] = {};
+    in_four_threads(t, [&](handle &own, int i) {
+        krv_lnph_t *lnph = korva_line_get_cu_lnph(own, t.cu);
+        matrices[i] = lnph == nullptr ? nullptr : krv_line_get_matrix(own, lnph);
+    });
+    for (const krv_lnp_t *matrix : matrices)
+        EXPECT_TRUE(matrix != nullptr && matrix == matrices[0]);
+}
+
+// Each walk defines the program's files once more; a table handed out before stays as it was.
+TEST(Line, FilesDefinedByPrograms)
+{
+    lines t(line_unit{.dirs = {"gen"}, .program = program("def b.c 1 0 0 def c.c 0 0 0")}.build(), "/build");
+    krv_lnph_t *lnph = t.header();
+    const auto get = [lnph](handle &h, krv_lnfe_t ***files) {
+        uint64_t count = 0;
+        EXPECT_EQ(korva_get_fields(h, KRV_STRUCT_LNPH, lnph, 2, KRV_FIELD_LNPH_FILES, files,
+                                   KRV_FIELD_LNPH_FILES_ENTRIES, &count),
+                  0);
+        return count;
+    };
+    krv_lnfe_t **files, **grown;
+    ASSERT_EQ(get(t.h, &files), 1U);
+    krv_lnfe_t *first = files[0];
+    in_four_threads(t, [&](handle &own, int) {
+        for (int n = 0; n < 50; ++n) {
+            krv_lnfe_t **now;
+            EXPECT_EQ(korva_iter_line_entry(own, lnph, nullptr, nullptr), 0);
+            const uint64_t count = get(own, &now);
+            EXPECT_NE(now[count - 1]->slnfe_path[0], '\0');
+        }
+    });
+    ASSERT_EQ(get(t.h, &grown), 401U);
+    EXPECT_TRUE(files[0] == first && grown[0] == first);
+    for (int i = 1; i < 401; ++i) // without the compilation directory
+        EXPECT_STREQ(grown[i]->slnfe_absolute_path, grown[i]->slnfe_diridx == 1 ? "gen/b.c" : "c.c");
+}

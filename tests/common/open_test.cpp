@@ -1,0 +1,173 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// Life of the handle: LIBKORVA_OPTIONS, options, attachment, reference count.
+#include "support/handle.h"
+
+#include <cstdlib>
+#include <gtest/gtest.h>
+#include <thread>
+#include <unistd.h>
+
+using namespace krv_test;
+
+// In a child process, since the help text is printed once a process: makes two handles, lets the first one fail, and
+// exits with the number of handles made.
+[[noreturn]] static void use_environment(const char *options)
+{
+    if (options == nullptr)
+        unsetenv("LIBKORVA_OPTIONS");
+    else
+        setenv("LIBKORVA_OPTIONS", options, 1);
+    krv_handle_t *first = korva_handle_alloc(KRV_ACTIVATION_AMD64);
+    krv_handle_t *second = korva_handle_alloc(KRV_ACTIVATION_I386);
+    uint8_t byte = 0;
+    korva_attach_section(first, KRV_SEC_INFO, 0, KRV_FD_TYPE_MEMORY, &byte);
+    _exit((first != nullptr) + (second != nullptr));
+}
+
+TEST(OpenDeathTest, Environment)
+{
+    const std::string help = "libkorva: Debugging tokens:\nlibkorva:\thelp:     this message\n"
+                             "libkorva:\tdebug:    send debug to stderr\nlibkorva:\tdisable:  disable libkorva\n";
+    const std::string debug = "libkorva:\nlibkorva: 1  section size is zero\n";
+    const struct {
+        const char *options;
+        int handles;
+        std::string standard_error;
+    } rows[] = {
+        {nullptr, 2, ""},
+        {"", 2, help},
+        {"help", 2, help},
+        {"verbose", 2, help},
+        {"debug", 2, debug},
+        {"debug=1", 2, help},
+        {"disable", 0, ""},
+        {"debug,help", 2, help + debug},
+        {"disable=no", 2, help},
+        {"debug,disable", 0, ""},
+        {"verbose,disable", 0, help},
+    };
+    for (const auto &row : rows)
+        EXPECT_EXIT(use_environment(row.options), testing::ExitedWithCode(row.handles), testing::Eq(row.standard_error))
+            << (row.options == nullptr ? "(unset)" : row.options);
+}
+
+TEST(Open, Targets)
+{
+    for (const int type : {-1, 0, 1, 4})
+        EXPECT_EQ(korva_handle_alloc(type), nullptr) << type;
+    for (const auto type : both_targets) {
+        handle h(type);
+        EXPECT_EQ(h->sh_target_size, type == KRV_ACTIVATION_I386 ? 4U : 8U);
+        for (const krv_fd_t &fd : h->sh_sec)
+            EXPECT_TRUE(fd.sfd_hp == h && fd.sfd_size == 0);
+        EXPECT_EQ(h.error(), "NONE");
+    }
+    korva_handle_free(nullptr);
+    korva_handle_hold(nullptr);
+    korva_handle_release(nullptr);
+}
+
+TEST(Open, Attach)
+{
+    handle h;
+    uint8_t buffer[4] = {1, 2, 3, 4}, last = 0;
+    krv_fd_cb_f *const no_function = nullptr;
+    // The last good attachment stays through every bad one, and answers once more afterwards.
+    ASSERT_EQ(korva_attach_section(h, KRV_SEC_LOC, 4, KRV_FD_TYPE_MEMORY, buffer), 0);
+    EXPECT_EQ(korva_attach_section(nullptr, KRV_SEC_LOC, 4, KRV_FD_TYPE_MEMORY, buffer), -1);
+    EXPECT_EQ(korva_attach_section(h, 14, 4, KRV_FD_TYPE_MEMORY, buffer), -1);
+    EXPECT_EQ(h.error(), "INVALID: section index 14 too large");
+    EXPECT_EQ(korva_attach_section(h, -1, 4, KRV_FD_TYPE_MEMORY, buffer), -1);
+    EXPECT_EQ(h.error(), "INVALID: section index -1 too large");
+    EXPECT_EQ(korva_attach_section(h, KRV_SEC_LOC, 0, KRV_FD_TYPE_MEMORY, buffer), -1);
+    EXPECT_EQ(h.error(), "INVALID: section size is zero");
+    EXPECT_EQ(korva_attach_section(h, KRV_SEC_LOC, 4, KRV_FD_TYPE_MAX, buffer), -1);
+    EXPECT_EQ(h.error(), "INVALID: invalid file descriptor type specified");
+    EXPECT_EQ(korva_attach_section(h, KRV_SEC_LOC, 4, KRV_FD_TYPE_CB, no_function, buffer), -1);
+    EXPECT_EQ(h.error(), "INVALID: NULL callback specified");
+    EXPECT_EQ(korva_fd_seek(&h->sh_sec[KRV_SEC_LOC], 3, KRV_FD_SEEK_SET), 0);
+    EXPECT_EQ(korva_fd_to_mem(&h->sh_sec[KRV_SEC_LOC], &last, 1), 0);
+    EXPECT_EQ(last, 4);
+    ASSERT_EQ(korva_attach_section(h, KRV_SEC_LOC, 2, KRV_FD_TYPE_MEMORY, buffer), 0); // again, from the beginning
+    EXPECT_TRUE(h->sh_sec[KRV_SEC_LOC].sfd_offset == 0 && h->sh_sec[KRV_SEC_LOC].sfd_remaining == 2);
+}
+
+TEST(Open, AddressSpace)
+{
+    handle h;
+    EXPECT_EQ(korva_attach_as(nullptr, reader::read, nullptr), -1);
+    EXPECT_EQ(korva_attach_as(h, nullptr, nullptr), -1);
+    EXPECT_EQ(h.error(), "INVALID: NULL callback specified");
+    reader memory{.contents = bytes::hex("2a"), .base = UINT64_MAX - 1};
+    ASSERT_EQ(korva_attach_as(h, reader::read, &memory), 0);
+    EXPECT_EQ(h->sh_as.sfd_size, UINT64_MAX);
+    uint8_t byte = 0;
+    EXPECT_EQ(korva_fd_seek(&h->sh_as, UINT64_MAX - 1, KRV_FD_SEEK_SET), 0);
+    EXPECT_EQ(korva_fd_to_mem(&h->sh_as, &byte, 1), 0);
+    EXPECT_EQ(byte, 0x2a);
+    EXPECT_EQ(h->sh_sec[KRV_SEC_AS].sfd_size, 0U); // the section slot of that name is another cursor
+}
+
+TEST(Open, Options)
+{
+    handle h;
+    EXPECT_EQ(korva_handle_set_opt(nullptr, KRV_OPT_BASE_ADDR, 1UL), -1);
+    for (const int opt : {-1, 8}) {
+        EXPECT_EQ(korva_handle_set_opt(h, opt, 1UL), -1);
+        EXPECT_EQ(h.error(), "INVALID");
+    }
+    for (krv_opt_idx_t opt = KRV_OPT_BASE_ADDR; opt < KRV_MAX_OPT; ++opt)
+        for (const uint64_t value : {UINT64_C(0xfedcba9876543210), UINT64_C(0)}) {
+            EXPECT_EQ(korva_handle_set_opt(h, opt, value), 0);
+            EXPECT_TRUE(h->sh_opts[opt].sopt_set == B_TRUE && h->sh_opts[opt].sopt_u.o_uint64 == value) << opt;
+        }
+    EXPECT_EQ(h.error(), "NONE");
+}
+
+TEST(Open, SectionNames)
+{
+    const std::pair<const char *, krv_secidx_t> sections[] = {
+        {"abbrev", 0},   {"aranges", 1},  {"frame", 2},     {"info", 3}, {"line", 4},  {"loc", 5},
+        {"pubnames", 6}, {"pubtypes", 7}, {"typenames", 7}, {"str", 8},  {"types", 9},
+    };
+    krv_secidx_t sec = 99;
+    boolean_t compressed = 99;
+    for (const char *bad : {".debug_ranges", ".debug_", ".debug_info2", ".debug", ".zdebug_eh_frame", "info", ""})
+        EXPECT_EQ(korva_lookup_section_index(bad, &sec, &compressed), -1) << bad;
+    EXPECT_EQ(korva_lookup_section_index(nullptr, &sec, &compressed), -1);
+    EXPECT_EQ(korva_lookup_section_index(".debug_info", nullptr, &compressed), -1);
+    EXPECT_EQ(korva_lookup_section_index(".debug_info", &sec, nullptr), -1);
+    EXPECT_TRUE(sec == 99 && compressed == 99);
+    const auto check = [&](const std::string &name, krv_secidx_t index, boolean_t flag) {
+        EXPECT_EQ(korva_lookup_section_index(name.c_str(), &sec, &compressed), 0);
+        EXPECT_TRUE(sec == index && compressed == flag) << name;
+    };
+    for (const auto &[name, index] : sections) {
+        check(std::string(".debug_") + name, index, B_FALSE);
+        check(std::string(".zdebug_") + name, index, B_TRUE);
+    }
+    check(".eh_frame_hdr", KRV_SEC_EH_FRAME_HDR, B_FALSE);
+    check(".eh_frame", KRV_SEC_EH_FRAME, B_FALSE);
+}
+
+// The thread and leak sanitizers watch this one.
+TEST(Open, ReferencesFromManyThreads)
+{
+    krv_handle_t *hp = korva_handle_alloc(KRV_ACTIVATION_AMD64);
+    std::vector<std::thread> holders;
+    for (int i = 0; i < 4; ++i) {
+        korva_handle_hold(hp);
+        holders.emplace_back([hp] {
+            for (int n = 0; n < 1000; ++n) {
+                korva_handle_hold(hp);
+                korva_handle_release(hp);
+            }
+            korva_handle_release(hp);
+        });
+    }
+    for (std::thread &holder : holders)
+        holder.join();
+    EXPECT_EQ(hp->sh_refcnt, 1U);
+    korva_handle_release(hp);
+}

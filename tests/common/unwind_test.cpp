@@ -1,0 +1,331 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// The caller's frame, walks over a stack, and arguments.
+#include "support/activation.h"
+
+#include <cstring>
+#include <gtest/gtest.h>
+
+using namespace krv_test;
+
+namespace
+{
+
+constexpr auto DWARF = KRV_ACTIVATION_REG_DWARF, LIBRARY = KRV_ACTIVATION_REG_LIBRARY;
+constexpr auto CURRENT = KRV_ACTIVATION_FRAME_CURRENT, CALLER = KRV_ACTIVATION_FRAME_CALLER;
+
+bytes block(const bytes &expression)
+{
+    return bytes().block_uleb(expression);
+}
+
+// CFA = stack pointer + 5 words, the return address in word 4 of the stack: 0x5505.
+function framed(krv_activation_type_t target, const bytes &more = {}, bool eh = false)
+{
+    const bool wide = target == KRV_ACTIVATION_AMD64;
+    function f{.target = target, .column = wide ? 16U : 8U, .eh = eh};
+    f.cie = op(DW_CFA_def_cfa).uleb(wide ? 7 : 4).uleb(5 * f.word()).add(op(DW_CFA_offset, f.column).uleb(1)).add(more);
+    return f;
+}
+
+} // namespace
+
+// Register 3 (%rbx, %ebx) of the caller by every kind of rule. W is a word; the CFA is 0x7000 + 5 W.
+TEST(Unwind, Rules)
+{
+    const bytes back_2w = op(DW_OP_lit16) + op(DW_OP_minus); // from the CFA: two words of AMD64, four of 32-bit x86
+    const struct {
+        const char *what;
+        bytes rule;
+        const char *amd64, *i386;       // register 3 of the caller
+        const char *amd64_no, *i386_no; // the same when the current stack pointer has no value
+    } rows[] = {
+        {"default", {}, "33", "absent", "33", "absent"},
+        {"undefined", op(DW_CFA_undefined).uleb(3), "absent", "absent", "absent", "absent"},
+        {"same", op(DW_CFA_same_value).uleb(3), "33", "33", "33", "33"},
+        {"offset", op(DW_CFA_offset, 3).uleb(2), "4404", "4404", "absent", "absent"},
+        {"above the CFA", op(DW_CFA_offset_extended_sf).uleb(3).sleb(-1), "7707", "7707", "absent", "absent"},
+        {"value offset", op(DW_CFA_val_offset).uleb(3).uleb(2), "7018", "700c", "absent", "absent"},
+        {"register", op(DW_CFA_register).uleb(3).uleb(0), "deadbeef00000010", "10", "deadbeef00000010", "10"},
+        {"absent register", op(DW_CFA_register).uleb(3).uleb(1), "absent", "absent", "absent", "absent"},
+        {"no such register", op(DW_CFA_register).uleb(3).uleb(46), "absent", "absent", "absent", "absent"},
+        {"register of another width", op(DW_CFA_register).uleb(3).uleb(40), "f1f1f1f1f1f1f1f1", "40",
+         "f1f1f1f1f1f1f1f1", "40"},
+        {"expression", op(DW_CFA_expression).uleb(3) + block(back_2w), "4404", "2202", "absent", "absent"},
+        {"value expression", op(DW_CFA_val_expression).uleb(3) + block(back_2w), "7018", "7004", "absent", "absent"},
+    };
+    for (const auto &row : rows)
+        for (const krv_activation_type_t target : both_targets)
+            for (const bool has_cfa : {true, false}) {
+                SCOPED_TRACE(text("%s, target %d, %s", row.what, target, has_cfa ? "with CFA" : "without CFA"));
+                stopped s(framed(target, row.rule));
+                const bool wide = target == KRV_ACTIVATION_AMD64;
+                if (!has_cfa) {
+                    ASSERT_EQ(korva_activation_reset(s.h, s.ap.get()), 0);
+                    s.load_pc(0x1000);
+                }
+                s.load(3, 0x33);
+                s.load(0, 0xdeadbeef00000010);
+                s.load(40, wide ? 0xf1f1f1f1f1f1f1f1 : 0x40); // %st7, %es
+                const std::string expected = has_cfa ? (wide ? row.amd64 : row.i386)
+                                             : wide  ? row.amd64_no
+                                                     : row.i386_no;
+                const std::string found = s.caller(3);
+                if (expected != "absent")
+                    EXPECT_EQ(found, expected);
+                else
+                    EXPECT_TRUE(found.ends_with("register not present (3)")) << found;
+                const std::string no = "NOTFOUND: register not present ";
+                EXPECT_EQ(s.caller_pc(), has_cfa ? "5505" : no + "(1)");
+                EXPECT_EQ(s.get(CURRENT, LIBRARY, KRV_REG_CFA), has_cfa ? (wide ? "7028" : "7014") : no + "(0)");
+                const unsigned int sp = wide ? 7 : 4;
+                EXPECT_EQ(s.caller(sp), has_cfa ? (wide ? "7028" : "7014") : no + text("(%u)", sp));
+                EXPECT_EQ(s.get(CALLER, LIBRARY, KRV_REG_CFA), no + "(0)");
+            }
+}
+
+// Registers wider and narrower than a word, and one without storage.
+TEST(Unwind, RulesFitTheWidthOfTheRegister)
+{
+    stopped s(framed(KRV_ACTIVATION_AMD64, op(DW_CFA_offset, 17).uleb(3) + op(DW_CFA_val_offset).uleb(18).uleb(1) +
+                                               op(DW_CFA_offset_extended).uleb(65).uleb(3) +
+                                               op(DW_CFA_offset, 62).uleb(9999)));
+    const auto wide = [&](unsigned int reg) {
+        uint64_t halves[2] = {1, 1};
+        EXPECT_EQ(korva_activation_get_reg(s.h, s.ap.get(), DWARF, CALLER, reg, halves, 16), 0);
+        return text("%lx %lx", halves[0], halves[1]);
+    };
+    EXPECT_EQ(wide(17), "3303 4404");
+    EXPECT_EQ(wide(18), "7020 0");
+    EXPECT_EQ(s.caller(65), "3303");
+    EXPECT_EQ(s.caller(62), "0"); // nothing is read for it
+    EXPECT_FALSE(s.memory.strayed);
+}
+
+TEST(Unwind, AddressesWrapAtTheWidthOfTheTarget)
+{
+    const bytes saved = op(DW_CFA_offset, 3).uleb(2);
+    stopped narrow(framed(KRV_ACTIVATION_I386, saved));
+    narrow.load(4, 0xfffffffc);
+    narrow.memory.base = 0; // CFA = 0x10
+    EXPECT_EQ(narrow.caller(4), "10");
+    EXPECT_EQ(narrow.caller(3), "3303");
+    function f = framed(KRV_ACTIVATION_I386);
+    f.cie = op(DW_CFA_def_cfa_sf).uleb(4).sleb(2).add(saved); // CFA = stack pointer - 8
+    stopped low(f);
+    low.load(4, 4);
+    low.memory.base = 0xfffffff4;
+    EXPECT_EQ(low.caller(4), "fffffffc");
+    EXPECT_EQ(low.caller(3), "1101");
+}
+
+TEST(Unwind, Cfa)
+{
+    const auto cfa = [](const bytes &instructions) {
+        stopped s({.cie = instructions, .column = 3}); // %rbx stays
+        s.load(3, 0x44);
+        const std::string rsp = s.caller(7);
+        return rsp == "NOTFOUND: register not present (7)" ? s.caller_pc() : rsp;
+    };
+    EXPECT_EQ(cfa({}), "44"); // none: the frame is there all the same
+    EXPECT_EQ(cfa(op(DW_CFA_def_cfa_sf).uleb(7).sleb(1)), "6ff8");
+    EXPECT_EQ(cfa(op(DW_CFA_def_cfa_expression) + block(op(DW_OP_breg7).sleb(16) + op(DW_OP_deref))), "3303");
+    EXPECT_EQ(cfa(op(DW_CFA_def_cfa).uleb(56).uleb(8)), "INVALID: DWARF register 56 is undefined");
+    EXPECT_EQ(cfa(op(DW_CFA_def_cfa_expression) + block({})),
+              "CORRUPT: form DW_FORM_data1 requires 1 byte;  0 remaining | error decoding first instruction | "
+              "couldn't execute CFA expression");
+    EXPECT_EQ(cfa(op(DW_CFA_def_cfa_expression) + block(op(DW_OP_nop))),
+              "INVALID: stack is empty | unable to retrieve CFA expression result");
+    EXPECT_EQ(cfa(op(DW_CFA_def_cfa_expression) + block(op(DW_OP_call_frame_cfa))),
+              "EVAL: instruction not valid for CFI expressions | error executing instruction 0x9c "
+              "(DW_OP_call_frame_cfa) at offset 15 | couldn't execute CFA expression");
+}
+
+// Every outcome is remembered until the current frame changes, and a failure told once.
+TEST(Unwind, Outcomes)
+{
+    const auto amd64 = [](const bytes &more) { return framed(KRV_ACTIVATION_AMD64, more); };
+    function bogus = amd64({}), undefined = amd64({}), empty = amd64({});
+    bogus.column = 200;
+    undefined.column = 56;
+    empty.start = empty.size = 0;
+    const struct {
+        function f;
+        std::function<void(stopped &)> spoil;
+        const char *expected;
+    } rows[] = {
+        {amd64({}), [](stopped &s) { s.h->sh_as = {}; }, "UNSUPPORTED: no as read callback found"},
+        {amd64({}), [](stopped &s) { korva_activation_reset(s.h, s.ap.get()); },
+         "NOTFOUND: register not present (1) | unable to get PC\n"},
+        {amd64({}), [](stopped &s) { s.load_pc(0x1100); }, "NOTFOUND: unable to get FDE for PC 0x1100"},
+        {empty, {}, "NOTFOUND: unable to get FDE for PC 0x0"}, // its end, 0 + 0 - 1, is no address at all
+        {bogus, {}, "CORRUPT: CIE provides bogus RAR (200)"},
+        {undefined, {}, "CORRUPT: CIE provides bogus RAR (56)"},
+        {amd64(op(DW_CFA_offset, 3).uleb(6)), {}, "IO: error in AS-read call back"},
+        {amd64({}),
+         [](stopped &s) {
+             s.memory.kind = fault::short_;
+             s.memory.fault_at = 1;
+         },
+         "IO: error in AS-read call back"},
+        {amd64(op(DW_CFA_expression).uleb(3) + block(op(DW_OP_lit0))), {}, "IO: error in AS-read call back"},
+        {amd64(op(DW_CFA_val_expression).uleb(3) + block(op(DW_OP_drop))),
+         {},
+         "INVALID: stack is empty | unable to retrieve expression result for register 3"},
+        {amd64(op(DW_CFA_val_expression).uleb(3) + block(op(DW_OP_drop) + op(DW_OP_drop))),
+         {},
+         "CORRUPT: stack underflow | error executing instruction 0x13 (DW_OP_drop) at offset 22 | couldn't execute "
+         "expression for register 3\n"},
+        {amd64(op(DW_CFA_val_expression).uleb(3) + block(op(DW_OP_nop))),
+         [](stopped &s) {
+             korva_handle_set_opt(s.h, KRV_OPT_EXPR_STACK_SIZE, 0UL);
+             korva_expr_free_stack(s.ap->sa_exprstack);
+             s.ap->sa_exprstack = korva_expr_alloc_stack(s.h);
+         },
+         "NOSPACE: stack overflow | couldn't push CFA"},
+        {amd64({}), [](stopped &s) { s.ap->sa_default[3].desc = KRV_CFA_RULE_MAX; },
+         "UNSUPPORTED: unsupported register rule (8)"},
+    };
+    for (const auto &row : rows) {
+        SCOPED_TRACE(row.expected);
+        stopped s(row.f);
+        s.load(3, 0x33);
+        if (row.spoil)
+            row.spoil(s);
+        EXPECT_EQ(s.caller(3), row.expected);
+        const unsigned int reads = s.memory.reads;
+        EXPECT_EQ(s.caller(3), "NONE");
+        EXPECT_EQ(korva_activation_unwind(s.h, s.ap.get()), -1);
+        krv_gregset_t set;
+        uint64_t mask = 0;
+        EXPECT_EQ(korva_activation_get_gregs(s.h, s.ap.get(), CALLER, &set, &mask), -1);
+        EXPECT_EQ(s.h.error(), "NONE");
+        EXPECT_EQ(s.memory.reads, reads);
+        s.load(0, 0); // a change: tried again
+        EXPECT_NE(s.caller(3), "NONE");
+    }
+    stopped good(amd64({}));
+    for (const unsigned int reads : {1U, 2U}) {
+        EXPECT_EQ(good.caller_pc(), "5505");
+        EXPECT_EQ(good.caller(7), "7028");
+        EXPECT_EQ(good.memory.reads, reads);
+        good.load(0, 0);
+    }
+    stopped s({});
+    s.ap->sa_default[68].desc = KRV_CFA_RULE_OFFSET;
+    EXPECT_EQ(s.caller(3), "UNSUPPORTED: unsupported CFA rule (2)");
+}
+
+// Three frames of one function that calls itself, saving the frame pointer: words 0 and 1 of each frame.
+TEST(Unwind, Walk)
+{
+    for (const krv_activation_type_t target : both_targets)
+        for (const bool eh : {false, true}) {
+            SCOPED_TRACE(text("target %d, %s", target, eh ? ".eh_frame" : ".debug_frame"));
+            const bool wide = target == KRV_ACTIVATION_AMD64;
+            const unsigned int sp = wide ? 7 : 4, fp = wide ? 6 : 5;
+            function f{.target = target, .column = wide ? 16U : 8U, .eh = eh};
+            const auto w = static_cast<unsigned int>(f.word());
+            f.cie = op(DW_CFA_def_cfa).uleb(sp).uleb(2 * w) + op(DW_CFA_offset, f.column).uleb(1) +
+                    op(DW_CFA_offset, fp).uleb(2);
+            stopped s(f);
+            const uint64_t words[] = {0x7111, 0x1020, 0x7222, 0x1030, 0x7333, 0x2000};
+            for (size_t i = 0; i < std::size(words); ++i)
+                s.memory.contents.set(i * w, words[i], w);
+            s.load(fp, 0x7000);
+            std::string walk;
+            do {
+                krv_gregset_t set;
+                uint64_t mask = 0;
+                ASSERT_EQ(korva_activation_get_gregs(s.h, s.ap.get(), CURRENT, &set, &mask), 0);
+                EXPECT_EQ(mask & 1U << KRV_HOST_RBP, 1U << KRV_HOST_RBP);
+                walk += s.get(CURRENT, LIBRARY, KRV_REG_PC) +
+                        text(" %lx %lx; ", set[KRV_HOST_RSP] - 0x7000, set[KRV_HOST_RBP]);
+            } while (korva_activation_unwind(s.h, s.ap.get()) == 0);
+            EXPECT_EQ(walk, text("1000 0 7000; 1020 %x 7111; 1030 %x 7222; 2000 %x 7333; ", 2 * w, 4 * w, 6 * w));
+            EXPECT_EQ(s.get(CURRENT, LIBRARY, KRV_REG_PC), "2000"); // the last frame stays
+            EXPECT_EQ(s.memory.strayed, false);
+        }
+}
+
+TEST(Unwind, Arguments)
+{
+    const auto arg = [](unsigned int n, const bytes &location) {
+        return op(DW_CFA_VESK_arg_loc).uleb(n) + block(location);
+    };
+    function f = framed(KRV_ACTIVATION_AMD64);
+    f.cie += op(DW_CFA_same_value).uleb(5) + arg(1, op(DW_OP_reg5)) + arg(3, op(DW_OP_breg7).sleb(8)) +
+             arg(4, op(DW_OP_fbreg).sleb(-16)) + arg(5, op(DW_OP_lit5) + op(DW_OP_stack_value)) +
+             arg(6, op(DW_OP_reg5) + op(DW_OP_piece).uleb(2) + op(DW_OP_piece).uleb(2)) +
+             arg(7, op(DW_OP_implicit_value) + block(bytes::hex("0a0b0c")));
+    const struct {
+        unsigned int n;
+        uint64_t size;
+        bool fp; // whether the frame pointer has a value
+        const char *expected, *error;
+    } rows[] = {
+        {1, 8, true, "8877665544332211 ffffffffffffffff ffffffffffffffff", "NONE"},
+        {1, 3, true, "332211 ffffff ffffff", "NONE"},
+        {3, 4, true, "00007707 ffffffff 00000000", "NONE"}, // the caller's %rsp is the CFA
+        {4, 8, true, "0000000000003303 ffffffffffffffff 0000000000000000", "NONE"},
+        {4, 8, false, "unchanged",
+         "IO: no DW_OP_fbreg substitution available | error executing instruction 0x91 (DW_OP_fbreg) at offset 32 | "
+         "error executing location description | failed to obtain argument 4"},
+        {5, 8, true, "0000000000000005 ffffffffffffffff 0000000000000000", "NONE"},
+        {5, 4, true, "00000005 ffffffff 00000000",
+         "NOSPACE: error executing instruction 0x9f (DW_OP_stack_value) at offset 38 | error executing location "
+         "description | failed to obtain argument 5"},
+        {6, 8, true, "????2211 0000ffff 0000ffff", "NONE"},
+        {7, 3, true, "0c0b0a ffffff 000000", "NONE"},
+        {2, 8, true, "unchanged",
+         "CORRUPT: form DW_FORM_data1 requires 1 byte;  0 remaining | error decoding first instruction | error "
+         "executing location description | failed to obtain argument 2"},
+        {0, 8, true, "unchanged", "INVALID: 7 arguments available: argument 0 requested | failed to obtain argument 0"},
+        {8, 8, true, "unchanged", "INVALID: 7 arguments available: argument 8 requested | failed to obtain argument 8"},
+    };
+    for (const auto &row : rows) {
+        SCOPED_TRACE(text("argument %u into %d bytes", row.n, static_cast<int>(row.size)));
+        stopped s(f);
+        s.load(5, 0x8877665544332211);
+        if (row.fp)
+            s.load(6, 0x7020);
+        unsigned int argc = 0;
+        EXPECT_EQ(korva_activation_get_argc(s.h, s.ap.get(), &argc), 0);
+        EXPECT_EQ(argc, 7U);
+        uint8_t out[3][9];
+        std::memset(out, '?', sizeof(out));
+        constexpr uint64_t unchanged = 99;
+        uint64_t count = unchanged;
+        const bool good = std::string(row.error) == "NONE";
+        EXPECT_EQ(korva_activation_get_argv(s.h, s.ap.get(), row.n, out[0], out[1], out[2], row.size, &count),
+                  good ? 0 : -1);
+        EXPECT_EQ(s.h.error(), row.error);
+        std::string found = "unchanged";
+        if (count != unchanged) {
+            found.clear();
+            for (const auto &part : out) {
+                for (uint64_t i = count; i-- > 0;)
+                    found += part[i] == '?' ? "??" : text("%02x", part[i]);
+                found += ' ';
+            }
+            found.pop_back();
+        }
+        EXPECT_EQ(found, row.expected);
+        for (const auto &part : out)
+            EXPECT_EQ(part[row.size], '?') << "wrote past the room";
+    }
+
+    stopped plain(framed(KRV_ACTIVATION_AMD64));
+    uint8_t byte = 0;
+    uint64_t count = 0;
+    EXPECT_EQ(korva_activation_get_argv(plain.h, plain.ap.get(), 1, &byte, &byte, &byte, 1, &count), -1);
+    EXPECT_EQ(plain.h.error(), "INVALID: 0 arguments available: argument 1 requested | failed to obtain argument 1");
+    plain.load_pc(0x500);
+    EXPECT_EQ(korva_activation_get_argv(plain.h, plain.ap.get(), 1, &byte, &byte, &byte, 1, &count), -1);
+    EXPECT_EQ(plain.h.error(), "NOTFOUND: unable to get FDE for PC 0x500 | unable to evaluate the activation's "
+                               "instructions | failed to obtain argument 1");
+    unsigned int argc = 0;
+    plain.load_pc(0x501);
+    EXPECT_EQ(korva_activation_get_argc(plain.h, plain.ap.get(), &argc), -1);
+    EXPECT_EQ(plain.h.error(), "NOTFOUND: unable to get FDE for PC 0x501");
+}

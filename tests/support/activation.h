@@ -1,0 +1,97 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// A thread that is stopped in a function which .debug_frame or .eh_frame describes, with a stack of sixteen words:
+//
+//     stopped s({.cie = op(DW_CFA_def_cfa).uleb(7).uleb(8)});
+//     EXPECT_EQ(s.caller(KRV_ACTIVATION_REG_DWARF, 7), "7008");
+#ifndef KRV_TEST_ACTIVATION_H
+#define KRV_TEST_ACTIVATION_H
+
+#include "krv_activation.h"
+#include "krv_dwarf.h"
+#include "support/handle.h"
+
+namespace krv_test
+{
+
+inline bytes op(uint64_t opcode, uint64_t packed = 0) // a call-frame instruction or an expression's operation
+{
+    return bytes().u8(opcode | packed);
+}
+
+// What one CIE and one FDE say.
+struct function {
+    krv_activation_type_t target = KRV_ACTIVATION_AMD64;
+    bytes cie = {}, fde = {}; // instructions
+    uint64_t start = 0x1000, size = 0x100;
+    uint64_t code_align = 1;
+    uint64_t column = 16;
+    bool eh = false; // .eh_frame, else .debug_frame
+
+    size_t word() const { return target == KRV_ACTIVATION_AMD64 ? 8 : 4; }
+
+    // The section: data alignment minus one word, records padded with DW_CFA_nop.
+    bytes build() const
+    {
+        const auto record = [&](bytes b) {
+            return bytes().block(4, b.fill((2 * word() - 4 - b.size() % word()) % word()));
+        };
+        bytes head, body;
+        head.u32(eh ? 0 : UINT32_MAX).u8(eh ? 1 : 3).cstr("").uleb(code_align).sleb(-static_cast<int64_t>(word()));
+        head.uleb(column).add(cie);
+        const bytes first = record(head);
+        const size_t width = eh ? 8 : word(); // .eh_frame without augmentation always has 8
+        body.u32(eh ? first.size() + 4 : 0).uint(start, width).uint(size, width).add(fde);
+        return first + record(body) + bytes().u32(0);
+    }
+};
+
+struct stopped {
+    static constexpr uint64_t stack = 0x7000, eh_frame = 0x9000;
+
+    handle h;
+    bytes section;
+    reader memory; // word n of the stack is 0x1101 * (n + 1)
+    krv_activation_owner ap;
+
+    explicit stopped(const function &f) : h(f.target), section(f.build()), memory{.contents = {}, .base = stack}
+    {
+        for (unsigned int n = 1; n <= 16; ++n)
+            memory.contents.uint(0x1101 * n, f.word());
+        if (f.eh) {
+            memory.contents.fill(eh_frame - stack - memory.contents.size()).add(section);
+            korva_handle_set_opt(h, KRV_OPT_EH_FRAME_ADDR, eh_frame);
+        } else {
+            h.attach(KRV_SEC_FRAME, section);
+        }
+        korva_attach_as(h, reader::read, &memory);
+        ap.reset(korva_activation_alloc(h));
+        load(f.target == KRV_ACTIVATION_AMD64 ? 7 : 4, stack);
+        load_pc(f.start);
+    }
+
+    void load(unsigned int dwarf, uint64_t value)
+    {
+        korva_activation_set_greg(h, ap.get(), KRV_ACTIVATION_REG_DWARF, dwarf, static_cast<krv_greg_t>(value));
+    }
+
+    void load_pc(uint64_t pc)
+    {
+        korva_activation_set_greg(h, ap.get(), KRV_ACTIVATION_REG_LIBRARY, KRV_REG_PC, static_cast<krv_greg_t>(pc));
+    }
+
+    // A register as hexadecimal digits, or the error.
+    std::string get(krv_frame_type_t frame, krv_reg_type_t type, unsigned int reg)
+    {
+        krv_greg_t value = 0;
+        if (korva_activation_get_greg(h, ap.get(), type, frame, reg, &value) != 0)
+            return h.error();
+        return text("%llx", static_cast<unsigned long long>(value));
+    }
+    std::string caller(unsigned int dwarf) { return get(KRV_ACTIVATION_FRAME_CALLER, KRV_ACTIVATION_REG_DWARF, dwarf); }
+    std::string caller_pc() { return get(KRV_ACTIVATION_FRAME_CALLER, KRV_ACTIVATION_REG_LIBRARY, KRV_REG_PC); }
+};
+
+} // namespace krv_test
+
+#endif
