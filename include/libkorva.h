@@ -145,11 +145,11 @@ enum {
     KRV_OPT_DEBUG_FUNC = 0,        /**< krv_debug_f *: called for every message as it is stored */
     KRV_OPT_DEBUG_FUNC_ARG = 1,    /**< void *: third argument of the debug function; NULL while unset */
     KRV_OPT_BASE_ADDR = 2,         /**< unsigned long: load bias of line-table addresses; 0 while unset */
-    KRV_OPT_EH_FRAME_HDR_ADDR = 3, /**< uint64_t: target address of .eh_frame_hdr; while unset its search table is not used */
+    KRV_OPT_EH_FRAME_HDR_ADDR = 3, /**< uint64_t: target address of .eh_frame_hdr; while unset it is not used */
     KRV_OPT_EH_FRAME_HDR_SIZE = 4, /**< uint64_t: stored, read by nothing */
     KRV_OPT_EH_FRAME_ADDR = 5,     /**< uint64_t: target address of .eh_frame; while unset it is not read */
     KRV_OPT_EH_FRAME_SIZE = 6,     /**< uint64_t: stored, read by nothing */
-    KRV_OPT_EXPR_STACK_SIZE = 7,   /**< unsigned long: entries of each expression stack allocated afterwards; 256 while unset */
+    KRV_OPT_EXPR_STACK_SIZE = 7,   /**< unsigned long: entries of stacks allocated afterwards; 256 while unset */
     KRV_MAX_OPT = 8
 };
 
@@ -169,21 +169,21 @@ enum {
 /** Class of constant for korva_print_define. */
 typedef int krv_def_t;
 enum {
-    KRV_DEF_AT = 0,        /**< attributes, DW_AT_* */
-    KRV_DEF_ATE = 1,       /**< base-type encodings, DW_ATE_* */
-    KRV_DEF_CC = 2,        /**< calling conventions, DW_CC_* */
-    KRV_DEF_CFA = 3,       /**< call-frame instructions, DW_CFA_*; primary opcodes with their operand bits cleared */
-    KRV_DEF_CHILDREN = 4,  /**< DW_CHILDREN_* */
-    KRV_DEF_EH = 5,        /**< pointer encodings, DW_EH_PE_*; no combined encodings */
-    KRV_DEF_FORM = 6,      /**< forms, DW_FORM_* */
-    KRV_DEF_INL = 7,       /**< inline codes, DW_INL_* */
-    KRV_DEF_LANG = 8,      /**< languages, DW_LANG_* */
-    KRV_DEF_LNE = 9,       /**< extended line opcodes, DW_LNE_* */
-    KRV_DEF_LNS = 10,      /**< standard line opcodes, DW_LNS_* */
-    KRV_DEF_OP = 11,       /**< expression opcodes, DW_OP_* */
-    KRV_DEF_ORD = 12,      /**< array orderings, DW_ORD_* */
-    KRV_DEF_TAG = 13,      /**< tags, DW_TAG_* */
-    KRV_DEF_VIS = 14,      /**< visibilities, DW_VIS_* */
+    KRV_DEF_AT = 0,       /**< attributes, DW_AT_* */
+    KRV_DEF_ATE = 1,      /**< base-type encodings, DW_ATE_* */
+    KRV_DEF_CC = 2,       /**< calling conventions, DW_CC_* */
+    KRV_DEF_CFA = 3,      /**< call-frame instructions, DW_CFA_*; primary opcodes with their operand bits cleared */
+    KRV_DEF_CHILDREN = 4, /**< DW_CHILDREN_* */
+    KRV_DEF_EH = 5,       /**< pointer encodings, DW_EH_PE_*; no combined encodings */
+    KRV_DEF_FORM = 6,     /**< forms, DW_FORM_* */
+    KRV_DEF_INL = 7,      /**< inline codes, DW_INL_* */
+    KRV_DEF_LANG = 8,     /**< languages, DW_LANG_* */
+    KRV_DEF_LNE = 9,      /**< extended line opcodes, DW_LNE_* */
+    KRV_DEF_LNS = 10,     /**< standard line opcodes, DW_LNS_* */
+    KRV_DEF_OP = 11,      /**< expression opcodes, DW_OP_* */
+    KRV_DEF_ORD = 12,     /**< array orderings, DW_ORD_* */
+    KRV_DEF_TAG = 13,     /**< tags, DW_TAG_* */
+    KRV_DEF_VIS = 14,     /**< visibilities, DW_VIS_* */
     KRV_DEF_MAX = 15
 };
 
@@ -211,31 +211,31 @@ enum {
     KRV_FIELD_LNPH_LINE_BASE = 6,       /**< int8_t */
     KRV_FIELD_LNPH_LINE_RANGE = 7,      /**< uint8_t */
     KRV_FIELD_LNPH_OPCODE_BASE = 8,     /**< uint8_t */
-    KRV_FIELD_LNPH_SOL = 9,             /**< uint8_t *: operand counts of standard opcodes 1 and upward, opcode_base - 1 of them */
-    KRV_FIELD_LNPH_ID = 10,             /**< char **: include directories; directory n of a file is element n - 1 */
-    KRV_FIELD_LNPH_ID_ENTRIES = 11,     /**< uint64_t: their number */
-    KRV_FIELD_LNPH_FILES = 12,          /**< krv_lnfe_t **: files; file register value n is element n - 1 */
-    KRV_FIELD_LNPH_FILES_ENTRIES = 13,  /**< uint64_t: their number */
-    KRV_FIELD_LNFE_ABSOLUTE_PATH = 14,  /**< char *: composed path */
-    KRV_FIELD_LNFE_PATH = 15,           /**< char *: the name as the program gives it */
-    KRV_FIELD_LNFE_DIRIDX = 16,         /**< uint64_t: 0 is the compilation directory, n is include directory n */
-    KRV_FIELD_LNFE_MTIME = 17,          /**< uint64_t: modification time as recorded */
-    KRV_FIELD_LNFE_SIZE = 18,           /**< uint64_t: length in bytes as recorded */
-    KRV_FIELD_LNS_ADDRESS = 19,         /**< uint64_t: without the bias of KRV_OPT_BASE_ADDR */
-    KRV_FIELD_LNS_OP_INDEX = 20,        /**< uint32_t */
-    KRV_FIELD_LNS_FILE = 21,            /**< uint32_t: counted from 1 */
-    KRV_FIELD_LNS_LINE = 22,            /**< uint32_t */
-    KRV_FIELD_LNS_COLUMN = 23,          /**< uint16_t */
-    KRV_FIELD_LNS_ISA = 24,             /**< uint16_t */
-    KRV_FIELD_LNS_DISCRIMINATOR = 25,   /**< uint16_t */
-    KRV_FIELD_LNS_IS = 26,              /**< boolean_t: is_stmt */
-    KRV_FIELD_LNS_BB = 27,              /**< boolean_t: basic_block */
-    KRV_FIELD_LNS_ES = 28,              /**< boolean_t: end_sequence */
-    KRV_FIELD_LNS_PE = 29,              /**< boolean_t: prologue_end */
-    KRV_FIELD_LNS_EB = 30,              /**< boolean_t: epilogue_begin */
-    KRV_FIELD_LNS_C_ADDRESS = 31,       /**< uint64_t: canonical address, without the bias */
-    KRV_FIELD_LNP_ENTRIES = 32,         /**< unsigned int: number of rows of a matrix */
-    KRV_FIELD_LNPH_LNP = 33             /**< krv_lnp_t *: the header's matrix, built when first asked for */
+    KRV_FIELD_LNPH_SOL = 9, /**< uint8_t *: operand counts of standard opcodes 1 and upward, opcode_base - 1 of them */
+    KRV_FIELD_LNPH_ID = 10, /**< char **: include directories; directory n of a file is element n - 1 */
+    KRV_FIELD_LNPH_ID_ENTRIES = 11,    /**< uint64_t: their number */
+    KRV_FIELD_LNPH_FILES = 12,         /**< krv_lnfe_t **: files; file register value n is element n - 1 */
+    KRV_FIELD_LNPH_FILES_ENTRIES = 13, /**< uint64_t: their number */
+    KRV_FIELD_LNFE_ABSOLUTE_PATH = 14, /**< char *: composed path */
+    KRV_FIELD_LNFE_PATH = 15,          /**< char *: the name as the program gives it */
+    KRV_FIELD_LNFE_DIRIDX = 16,        /**< uint64_t: 0 is the compilation directory, n is include directory n */
+    KRV_FIELD_LNFE_MTIME = 17,         /**< uint64_t: modification time as recorded */
+    KRV_FIELD_LNFE_SIZE = 18,          /**< uint64_t: length in bytes as recorded */
+    KRV_FIELD_LNS_ADDRESS = 19,        /**< uint64_t: without the bias of KRV_OPT_BASE_ADDR */
+    KRV_FIELD_LNS_OP_INDEX = 20,       /**< uint32_t */
+    KRV_FIELD_LNS_FILE = 21,           /**< uint32_t: counted from 1 */
+    KRV_FIELD_LNS_LINE = 22,           /**< uint32_t */
+    KRV_FIELD_LNS_COLUMN = 23,         /**< uint16_t */
+    KRV_FIELD_LNS_ISA = 24,            /**< uint16_t */
+    KRV_FIELD_LNS_DISCRIMINATOR = 25,  /**< uint16_t */
+    KRV_FIELD_LNS_IS = 26,             /**< boolean_t: is_stmt */
+    KRV_FIELD_LNS_BB = 27,             /**< boolean_t: basic_block */
+    KRV_FIELD_LNS_ES = 28,             /**< boolean_t: end_sequence */
+    KRV_FIELD_LNS_PE = 29,             /**< boolean_t: prologue_end */
+    KRV_FIELD_LNS_EB = 30,             /**< boolean_t: epilogue_begin */
+    KRV_FIELD_LNS_C_ADDRESS = 31,      /**< uint64_t: canonical address, without the bias */
+    KRV_FIELD_LNP_ENTRIES = 32,        /**< unsigned int: number of rows of a matrix */
+    KRV_FIELD_LNPH_LNP = 33            /**< krv_lnp_t *: the header's matrix, built when first asked for */
 };
 
 /**
@@ -479,8 +479,7 @@ KORVA_API int korva_fd_set(krv_fd_t *fdp, int byte, size_t count);
  * KRV_ERR_IO, KRV_ERR_INVALID (DW_FORM_ref_addr or an unknown form; both or neither of @p dst and @p sizep where
  * one is needed; an offset outside .debug_str), KRV_ERR_UNSUPPORTED (a block into a call-back cursor).
  */
-KORVA_API int korva_decode_form(krv_fd_t *fdp, krv_form_t form, uint32_t flags, void *dst, size_t size,
-                                size_t *sizep);
+KORVA_API int korva_decode_form(krv_fd_t *fdp, krv_form_t form, uint32_t flags, void *dst, size_t size, size_t *sizep);
 
 /**
  * Writes @p value in @p form at a memory cursor's position: fixed-size forms (the low bytes of @p value, unchecked)
@@ -526,8 +525,7 @@ KORVA_API krv_ctu_t *korva_lookup_ctu_by_start_offset(krv_handle_t *hp, krv_seci
  * B_FALSE answers "no" with KRV_ERR_NOTFOUND, "not known yet" (KRV_LOOKUP_F_FAST) with KRV_ERR_NONE, and a failure
  * with any other code.
  */
-KORVA_API boolean_t korva_cu_contains_addr(krv_handle_t *hp, krv_ctu_t *cup, uint64_t address,
-                                           krv_lookup_flag_t flags);
+KORVA_API boolean_t korva_cu_contains_addr(krv_handle_t *hp, krv_ctu_t *cup, uint64_t address, krv_lookup_flag_t flags);
 
 /** Stores the unit's first entry, which belongs to the unit. */
 KORVA_API int korva_get_cu_cudie(krv_handle_t *hp, krv_ctu_t *cup, krv_die_t **diep);
@@ -576,8 +574,8 @@ KORVA_API int korva_iter_line_entry(krv_handle_t *hp, krv_lnph_t *lnphp, krv_ite
  * Errors: KRV_ERR_NOTFOUND without a message (no row applies, or the unit has no line numbers), KRV_ERR_INVALID
  * (@p addr outside its range), KRV_ERR_CORRUPT, and those of korva_line_get_cu_lnph and korva_iter_line_entry.
  */
-KORVA_API krv_lns_t *korva_lookup_source_by_cu_and_addr(krv_handle_t *hp, krv_ctu_t *cup, uint64_t start,
-                                                        uint64_t size, uint64_t addr, unsigned int flags);
+KORVA_API krv_lns_t *korva_lookup_source_by_cu_and_addr(krv_handle_t *hp, krv_ctu_t *cup, uint64_t start, uint64_t size,
+                                                        uint64_t addr, unsigned int flags);
 
 /** Stores a row's line, counted from 1; 0 where the program knows none. */
 KORVA_API int korva_lns_get_line(krv_handle_t *hp, krv_lns_t *lnsp, uint32_t *linep);
@@ -698,9 +696,8 @@ KORVA_API int korva_expr_iter_instruction(krv_handle_t *hp, krv_fd_t *fdp, uint3
  * not evaluated; no address space), KRV_ERR_IO (target memory, or @p func), KRV_ERR_INVALID (arguments; a piece longer
  * than its register), and those of the decoder and of korva_activation_get_reg.
  */
-KORVA_API int korva_expr_execute_expression(krv_handle_t *hp, krv_exprstack_t *esp, krv_activation_t *ap,
-                                            krv_fd_t *fdp, uint32_t flags, krv_fd_t **outputs, krv_expr_cb_f *func,
-                                            void *arg);
+KORVA_API int korva_expr_execute_expression(krv_handle_t *hp, krv_exprstack_t *esp, krv_activation_t *ap, krv_fd_t *fdp,
+                                            uint32_t flags, krv_fd_t **outputs, krv_expr_cb_f *func, void *arg);
 
 /* ------------------------------------------------------------------------------------------------------------
  * Activations
