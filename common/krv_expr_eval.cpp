@@ -12,7 +12,7 @@
 #include "krv_fd.h"
 #include "krv_names.h"
 
-#include <cstring>
+#include <utility>
 
 namespace
 {
@@ -223,7 +223,7 @@ static int divide_by_zero(evaluator *ev)
 static int execute_binary(evaluator *ev, uint8_t opcode)
 {
     const uint64_t top = ev->pop();
-    if (top == 0 && (opcode == DW_OP_div || opcode == DW_OP_mod))
+    if (as_signed(ev, top) == 0 && (opcode == DW_OP_div || opcode == DW_OP_mod))
         return divide_by_zero(ev);
     const uint64_t second = ev->pop();
     switch (opcode) {
@@ -258,11 +258,13 @@ static int execute_binary(evaluator *ev, uint8_t opcode)
 // Memory and registers
 // ---------------------------------------------------------------------------------------------------------------
 
-// Reads target memory. 0 or -1.
+// Reads target memory; what would wrap around the end of the address space is not asked for. 0 or -1.
 static int read_memory(evaluator *ev, void *dst, uint64_t count, uint64_t address)
 {
     const krv_fd_t *as = &ev->hp->sh_as;
-    const int64_t delivered = as->sfd_u.cb.func(as->sfd_u.cb.arg, dst, count, address);
+    int64_t delivered = -1;
+    if (krv_extent_fits(as->sfd_size, address, 0, count))
+        delivered = as->sfd_u.cb.func(as->sfd_u.cb.arg, dst, count, address);
     if (delivered >= 0 && static_cast<uint64_t>(delivered) == count)
         return 0;
     return krv_fail(ev->hp, KRV_ERR_IO, "reading %ld bytes from VA 0x%llx returned %ld", static_cast<long>(count),
@@ -376,6 +378,8 @@ static int emit_register(evaluator *ev, uint32_t reg)
 static int emit_block(evaluator *ev)
 {
     auto *block = static_cast<krv_fd_t *>(ev->current->op.operand[0].sa_u.su_addr);
+    if (block == nullptr) // a call-back has made the opcode of another
+        return krv_fail_code(ev->hp, KRV_ERR_INVALID);
     const uint64_t count = ev->piece_follows() ? ev->piece_size() : block->sfd_size;
     if (korva_fd_cpy(ev->outputs[0], block, count) != 0)
         return -1;

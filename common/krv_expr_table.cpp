@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// The operations of DWARF 4, 7.7.1. Those with a reference or a type as operand are not evaluated and listed without
-// operands.
+// The operations of DWARF 4, 7.7.1. DW_OP_xderef_size, DW_OP_bit_piece and the calls, which are not evaluated, are
+// listed without their operands.
 #include "krv_expr.h"
 
 #include "krv_dwarf.h"
@@ -104,5 +104,4 @@ static_assert(
     "a row for every operation");
 static_assert(table[DW_OP_lit31].push == 1 && table[DW_OP_rot].pop == 3 && table[DW_OP_stack_value].pop == 1);
 
-extern const std::array<idata, KRV_NOPERATIONS> krv_expr_table;
 constexpr std::array<idata, KRV_NOPERATIONS> krv_expr_table = table;

@@ -344,7 +344,7 @@ static int find_ranges(krv_handle_t *hp, krv_ctu_t *cu, krv_lookup_flag_t flags)
 {
     krv_lcpc_t list = {};
     uint64_t low, high;
-    bool known;
+    bool known = false;
     switch (get_unit_bounds(hp, cu, &low, &high)) {
     case bounds::failed:
         return -1;

@@ -635,7 +635,8 @@ typedef int krv_iter_exprloc_f(krv_handle_t *hp, uint8_t opcode, krv_operand_t *
 
 /**
  * Call-back of korva_expr_execute_expression: one instruction, decoded but not yet validated or executed; it may
- * change opcode and operands in place. Non-zero fails the evaluation with KRV_ERR_IO.
+ * change opcode and operands in place; to make it DW_OP_implicit_value it supplies the cursor that operand points to.
+ * Non-zero fails the evaluation with KRV_ERR_IO.
  */
 typedef int krv_expr_cb_f(krv_handle_t *hp, krv_exprstack_t *esp, krv_activation_t *ap, uint32_t flags,
                           krv_fd_t **outputs, krv_operation_t *op, void *arg);

@@ -15,6 +15,12 @@ namespace
 {
 
 constexpr char ZDEBUG[] = ".zdebug_";
+constexpr char ZDEBUG_MAGIC[] = "ZLIB"; // followed by the inflated size, 8 bytes, most significant first
+constexpr size_t ZDEBUG_HEADER_SIZE = 12;
+
+// No deflated data inflates to more (zlib, technical details: 1032 to 1). A section that claims more is refused
+// before memory is taken for it.
+constexpr uint64_t MAX_INFLATION = 1032;
 
 // Closes a descriptor at the end of a scope: the mapping stays.
 struct descriptor {
@@ -74,6 +80,7 @@ elf_file::elf_file(const std::string &path) : file_path(path)
         if (handle == nullptr)
             fail(KRV_ELF_ERR_FORMAT, elf_errmsg(-1));
         check_machine();
+        check_section_headers();
         read_sections();
         read_segments();
         find_build_id();
@@ -93,7 +100,8 @@ elf_file::~elf_file()
 
 void elf_file::map()
 {
-    const descriptor file{open(file_path.c_str(), O_RDONLY | O_CLOEXEC)};
+    // Without waiting: a pipe is refused, not waited for.
+    const descriptor file{open(file_path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK)};
     struct stat st = {};
     if (file.fd < 0 || fstat(file.fd, &st) != 0)
         fail(KRV_ELF_ERR_SYSTEM, std::strerror(errno));
@@ -105,7 +113,7 @@ void elf_file::map()
         fail(KRV_ELF_ERR_FORMAT, "the file is empty");
     const auto size = static_cast<size_t>(st.st_size);
     // Writable, but private: libelf marks sections that it has inflated in their headers.
-    void *image = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_PRIVATE, file.fd, 0);
+    void *image = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_NORESERVE, file.fd, 0);
     if (image == MAP_FAILED)
         fail(KRV_ELF_ERR_SYSTEM, std::strerror(errno));
     mapping = {static_cast<const uint8_t *>(image), size};
@@ -132,6 +140,35 @@ krv_activation_type_t elf_file::target() const
     return gelf_getclass(handle) == ELFCLASS64 ? KRV_ACTIVATION_AMD64 : KRV_ACTIVATION_I386;
 }
 
+// libelf takes a file whose section headers are cut off for one without sections; its reader should know better.
+void elf_file::check_section_headers()
+{
+    if (header.e_shoff == 0)
+        return;
+    size_t count = 0; // also where it is too large for the file header, and stands in section 0
+    const size_t entry_size = gelf_fsize(handle, ELF_T_SHDR, 1, EV_CURRENT);
+    if (header.e_shentsize != entry_size)
+        fail(KRV_ELF_ERR_FORMAT, "section headers of " + std::to_string(header.e_shentsize) + " bytes");
+    if (header.e_shoff > mapping.size() || elf_getshdrnum(handle, &count) != 0 || count < header.e_shnum ||
+        count > (mapping.size() - header.e_shoff) / entry_size)
+        fail(KRV_ELF_ERR_FORMAT, "the section headers lie beyond the end of the file: it is cut off, or damaged");
+}
+
+// What a compressed section says it inflates to; 0 when it does not say.
+uint64_t elf_file::claimed_size(Elf_Scn *scn, const raw_section &section) const
+{
+    if ((section.flags & SHF_COMPRESSED) != 0) {
+        GElf_Chdr chdr;
+        return gelf_getchdr(scn, &chdr) == nullptr ? 0 : chdr.ch_size;
+    }
+    if (section.bytes.size() < ZDEBUG_HEADER_SIZE || std::memcmp(section.bytes.data(), ZDEBUG_MAGIC, 4) != 0)
+        return 0;
+    uint64_t size = 0;
+    for (const uint8_t byte : section.bytes.subspan(4, 8))
+        size = size << 8 | byte;
+    return size;
+}
+
 void elf_file::read_sections()
 {
     size_t names = 0;
@@ -147,6 +184,7 @@ void elf_file::read_sections()
         section.type = shdr.sh_type;
         section.flags = shdr.sh_flags;
         section.address = shdr.sh_addr;
+        section.size = shdr.sh_size;
         section.in_file = true;
         section.compressed = (shdr.sh_flags & SHF_COMPRESSED) != 0 || section.name.starts_with(ZDEBUG);
         if (shdr.sh_type != SHT_NOBITS && shdr.sh_size != 0) {
@@ -154,8 +192,15 @@ void elf_file::read_sections()
             section.bytes = extent(shdr.sh_offset, shdr.sh_size);
             section.in_file = !section.bytes.empty();
         }
-        section_list.push_back(section);
+        if (section.compressed && section.in_file)
+            section.size = claimed_size(scn, section);
+        section_list.push_back(std::move(section));
     }
+}
+
+const raw_section *elf_file::section(size_t number) const
+{
+    return number == 0 || number > section_list.size() ? nullptr : &section_list[number - 1];
 }
 
 void elf_file::read_segments()
@@ -181,19 +226,30 @@ void elf_file::find_build_id()
             build_id_bytes = find_build_id_note(extent(segment.p_offset, segment.p_filesz));
 }
 
+byte_span elf_file::inflate(const raw_section &section)
+{
+    if (section.size / MAX_INFLATION > section.file_size)
+        throw failure(KRV_ELF_ERR_FORMAT, "section " + section.name + " claims to inflate from " +
+                                              std::to_string(section.file_size) + " to " +
+                                              std::to_string(section.size) + " bytes");
+    Elf_Scn *scn = elf_getscn(handle, section.number);
+    const int result = (section.flags & SHF_COMPRESSED) != 0 ? elf_compress(scn, 0, 0) : elf_compress_gnu(scn, 0, 0);
+    const Elf_Data *data = result < 0 ? nullptr : elf_rawdata(scn, nullptr);
+    if (data == nullptr)
+        throw failure(KRV_ELF_ERR_FORMAT, "section " + section.name + " cannot be inflated: " + elf_errmsg(-1));
+    return {static_cast<const uint8_t *>(data->d_buf), data->d_size};
+}
+
 byte_span elf_file::contents(const raw_section &section)
 {
     if (!section.in_file)
-        fail(KRV_ELF_ERR_FORMAT, "section " + section.name + " extends beyond the end of the file");
+        throw failure(KRV_ELF_ERR_FORMAT, "section " + section.name + " extends beyond the end of the file");
     if (!section.compressed)
         return section.bytes;
-    Elf_Scn *scn = elf_getscn(handle, section.number);
-    // libelf refuses a size that no deflated data of this length can have before it allocates.
-    const int inflated = (section.flags & SHF_COMPRESSED) != 0 ? elf_compress(scn, 0, 0) : elf_compress_gnu(scn, 0, 0);
-    const Elf_Data *data = inflated < 0 ? nullptr : elf_rawdata(scn, nullptr);
-    if (data == nullptr)
-        fail(KRV_ELF_ERR_FORMAT, "section " + section.name + " cannot be inflated: " + elf_errmsg(-1));
-    return {static_cast<const uint8_t *>(data->d_buf), data->d_size};
+    const auto known = inflated.find(section.number);
+    if (known != inflated.end())
+        return known->second;
+    return inflated[section.number] = inflate(section);
 }
 
 } // namespace krv_elf_loader

@@ -9,6 +9,7 @@
 
 #include <cstdint>
 #include <gelf.h>
+#include <map>
 #include <span>
 #include <stdexcept>
 #include <string>
@@ -33,7 +34,8 @@ struct raw_section {
     uint32_t type;
     uint64_t flags;
     uint64_t address;
-    uint64_t file_size; // bytes in the file
+    uint64_t size;      // bytes in memory, or after inflation as the section claims it
+    uint64_t file_size; // bytes in the file: 0 for SHT_NOBITS
     byte_span bytes;    // as they stand in the file; empty for a section without contents, or beyond the file
     bool in_file;       // false when the header claims bytes that the file does not have
     bool compressed;    // SHF_COMPRESSED, or .zdebug_*
@@ -54,18 +56,23 @@ public:
     uint16_t machine() const { return header.e_machine; }
     uint16_t type() const { return header.e_type; }
     krv_activation_type_t target() const;
-    const std::vector<raw_section> &sections() const { return section_list; }
+    const std::vector<raw_section> &sections() const { return section_list; } // from number 1 on
+    const raw_section *section(size_t number) const;                          // NULL when there is none
     const std::vector<GElf_Phdr> &segments() const { return segment_list; }
     byte_span build_id() const { return build_id_bytes; }
     byte_span image() const { return mapping; }
 
-    // The contents of a section: its bytes, or what they inflate to (kept by the file). Throws failure.
+    // The contents of a section: its bytes, or what they inflate to, which is done once and kept. Throws failure; the
+    // text names the section only.
     byte_span contents(const raw_section &section);
 
 private:
     void map();
     void check_machine();
+    void check_section_headers();
     void read_sections();
+    uint64_t claimed_size(Elf_Scn *scn, const raw_section &section) const;
+    byte_span inflate(const raw_section &section);
     void read_segments();
     void find_build_id();
     [[noreturn]] void fail(int code, const std::string &what) const; // names the file
@@ -76,6 +83,7 @@ private:
     Elf *handle = nullptr;
     GElf_Ehdr header = {};
     std::vector<raw_section> section_list;
+    std::map<size_t, byte_span> inflated; // by section number
     std::vector<GElf_Phdr> segment_list;
     byte_span build_id_bytes;
 };

@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <iterator>
 #include <tuple>
 
 namespace krv_elf_loader
@@ -32,12 +33,15 @@ bool is_code(unsigned char info, bool executable)
     return type == STT_FUNC || type == STT_GNU_IFUNC || (type == STT_NOTYPE && executable);
 }
 
-const raw_section *find_section(const elf_file &file, size_t number)
+// Where a symbol ends. A sum that leaves the address space ends with it.
+uint64_t end_of(uint64_t address, uint64_t size)
 {
-    for (const raw_section &section : file.sections())
-        if (section.number == number)
-            return &section;
-    return nullptr;
+    return size > UINT64_MAX - address ? UINT64_MAX : address + size;
+}
+
+uint64_t end_of(const krv_elf_symbol_t &symbol)
+{
+    return end_of(symbol.address, symbol.size);
 }
 
 } // namespace
@@ -53,7 +57,7 @@ symbol_table::symbol_table(const elf_file &file)
                 continue;
             symtab = type == SHT_SYMTAB;
             sort(std::move(entries));
-            link_enclosing();
+            find_stretches();
             return;
         }
 }
@@ -61,31 +65,31 @@ symbol_table::symbol_table(const elf_file &file)
 std::vector<symbol_table::entry> symbol_table::read(const elf_file &file, const raw_section &section) const
 {
     std::vector<entry> entries;
-    Elf_Scn *scn = elf_getscn(file.elf(), section.number);
+    Elf *elf = file.elf();
+    Elf_Scn *scn = elf_getscn(elf, section.number);
     GElf_Shdr shdr;
     Elf_Data *data = elf_getdata(scn, nullptr);
     if (data == nullptr || gelf_getshdr(scn, &shdr) == nullptr)
         return entries;
-    const size_t count = data->d_size / gelf_fsize(file.elf(), ELF_T_SYM, 1, EV_CURRENT);
-    const raw_section *home = nullptr; // of the symbol before: they come in runs
+    // Section numbers too large for a symbol stand in a table of their own.
+    const int wide = elf_scnshndx(scn);
+    Elf_Data *wide_numbers = wide <= 0 ? nullptr : elf_getdata(elf_getscn(elf, static_cast<size_t>(wide)), nullptr);
+    const size_t count = data->d_size / gelf_fsize(elf, ELF_T_SYM, 1, EV_CURRENT);
     for (size_t i = 0; i < count; ++i) {
         GElf_Sym sym;
-        if (gelf_getsym(data, static_cast<int>(i), &sym) == nullptr)
+        Elf32_Word number = 0;
+        if (gelf_getsymshndx(data, wide_numbers, static_cast<int>(i), &sym, &number) == nullptr)
             break;
-        if (sym.st_shndx == SHN_UNDEF || sym.st_shndx >= SHN_LORESERVE)
-            continue;
-        if (home == nullptr || home->number != sym.st_shndx)
-            home = find_section(file, sym.st_shndx);
+        if (sym.st_shndx != SHN_XINDEX)
+            number = sym.st_shndx < SHN_LORESERVE ? sym.st_shndx : SHN_UNDEF;
+        const raw_section *home = file.section(number);
         if (home == nullptr || !is_code(sym.st_info, home->executable()))
             continue;
-        const char *name = elf_strptr(file.elf(), shdr.sh_link, sym.st_name);
+        const char *name = elf_strptr(elf, shdr.sh_link, sym.st_name);
         if (name == nullptr || *name == '\0')
             continue;
-        const uint64_t start = file.type() == ET_REL ? 0 : home->address;
-        const uint64_t end = home->file_size > UINT64_MAX - start ? UINT64_MAX : start + home->file_size;
-        const uint64_t most = UINT64_MAX - sym.st_value;
-        entries.push_back(
-            {{sym.st_value, std::min<uint64_t>(sym.st_size, most), name}, binding_rank(sym.st_info), end});
+        const uint64_t start = file.type() == ET_REL ? 0 : home->address; // relocatable symbols count from it
+        entries.push_back({{sym.st_value, sym.st_size, name}, binding_rank(sym.st_info), end_of(start, home->size)});
     }
     return entries;
 }
@@ -100,44 +104,47 @@ void symbol_table::sort(std::vector<entry> entries)
         entry &e = entries[i];
         if (i + 1 < entries.size() && entries[i + 1].symbol.address > e.symbol.address)
             next = entries[i + 1].symbol.address;
-        if (e.symbol.size != 0)
-            continue;
         const uint64_t end = std::min(next, e.section_end);
-        e.symbol.size = end > e.symbol.address ? end - e.symbol.address : 1;
+        if (e.symbol.size == 0 && end > e.symbol.address)
+            e.symbol.size = end - e.symbol.address;
     }
     symbols.reserve(entries.size());
     for (const entry &e : entries)
-        symbols.push_back(e.symbol);
+        if (e.symbol.size != 0) // what stands at the end of its section, as etext does, covers nothing
+            symbols.push_back(e.symbol);
 }
 
-void symbol_table::link_enclosing()
+// Symbols may nest and overlap. Laid flat once, they are searched like any sorted table.
+void symbol_table::find_stretches()
 {
-    enclosing.resize(symbols.size());
-    for (size_t i = 0; i < symbols.size(); ++i) {
-        size_t j = i == 0 ? NONE : i - 1;
-        while (j != NONE && end_of(j) <= end_of(i))
-            j = enclosing[j];
-        enclosing[i] = j;
+    std::vector<size_t> begun; // symbols, the innermost last
+    uint64_t at = 0;
+    const auto cover_until = [&](uint64_t limit) {
+        while (at < limit) {
+            while (!begun.empty() && end_of(symbols[begun.back()]) <= at)
+                begun.pop_back();
+            stretches.push_back({at, begun.empty() ? NONE : begun.back()});
+            at = begun.empty() ? limit : std::min(limit, end_of(symbols[begun.back()]));
+        }
+    };
+    for (size_t i = 0, behind = 0; i < symbols.size(); i = behind) {
+        while (behind < symbols.size() && symbols[behind].address == symbols[i].address)
+            ++behind;
+        cover_until(symbols[i].address);
+        for (size_t j = behind; j-- > i;) // the first of those at one address comes last, as the innermost
+            begun.push_back(j);
     }
+    cover_until(UINT64_MAX);
 }
 
 const krv_elf_symbol_t *symbol_table::find(uint64_t address) const
 {
-    const auto above =
-        std::upper_bound(symbols.begin(), symbols.end(), address,
-                         [](uint64_t wanted, const krv_elf_symbol_t &symbol) { return wanted < symbol.address; });
-    if (above == symbols.begin())
+    const auto above = std::upper_bound(stretches.begin(), stretches.end(), address,
+                                        [](uint64_t wanted, const stretch &s) { return wanted < s.start; });
+    if (above == stretches.begin())
         return nullptr;
-    // What lies between a symbol and the one that encloses it ends no later than it does.
-    size_t i = static_cast<size_t>(above - symbols.begin()) - 1;
-    while (i != NONE && end_of(i) <= address)
-        i = enclosing[i];
-    if (i == NONE)
-        return nullptr;
-    for (size_t j = i; j > 0 && symbols[j - 1].address == symbols[i].address; --j)
-        if (end_of(j - 1) > address)
-            i = j - 1;
-    return &symbols[i];
+    const size_t symbol = std::prev(above)->symbol;
+    return symbol == NONE ? nullptr : &symbols[symbol];
 }
 
 const krv_elf_symbol_t *symbol_table::find(const char *name) const

@@ -25,13 +25,17 @@ private:
         int rank;             // global before weak before local
         uint64_t section_end; // where a symbol without a size ends at the latest
     };
+    // A stretch of addresses, up to the start of the next one, and who covers it innermost.
+    struct stretch {
+        uint64_t start;
+        size_t symbol; // NONE when nobody does
+    };
     std::vector<entry> read(const elf_file &file, const raw_section &section) const;
     void sort(std::vector<entry> entries);
-    void link_enclosing();
-    uint64_t end_of(size_t i) const { return symbols[i].address + symbols[i].size; }
+    void find_stretches();
 
     std::vector<krv_elf_symbol_t> symbols; // ascending by address
-    std::vector<size_t> enclosing;         // nearest earlier symbol that ends later; NONE when there is none
+    std::vector<stretch> stretches;        // likewise: at most two for each symbol
     bool symtab = false;
 };
 

@@ -4,6 +4,8 @@
 #include "pass.h"
 
 #include <algorithm>
+#include <string_view>
+#include <unordered_map>
 
 namespace krv_elf_loader
 {
@@ -16,42 +18,76 @@ constexpr pass passes[] = {
     {"unit-versions", correct_unit_versions},
 };
 
+constexpr char ATTACH[] = "attach"; // in notes: what happens before the passes
+
 } // namespace
+
+std::vector<uint8_t> &view_section::writable()
+{
+    if (!copy)
+        copy.emplace(original.begin(), original.end());
+    return *copy;
+}
 
 view::view(elf_file &elf, bool raw_only) : source(elf)
 {
-    take_sections(elf);
+    take_sections();
+    if (elf.type() == ET_REL)
+        note_relocations();
     if (!raw_only)
         for (const pass &p : passes)
             p.run(*this, p.name);
-    std::stable_sort(note_list.begin(), note_list.end(),
-                     [](const note &a, const note &b) { return a.section < b.section; });
+    sort_notes();
 }
 
-void view::take_sections(elf_file &elf)
+void view::take_sections()
 {
-    for (const raw_section &raw : elf.sections()) {
+    for (const raw_section &raw : source.sections()) {
         krv_secidx_t index;
         boolean_t compressed;
-        if (korva_lookup_section_index(raw.name.c_str(), &index, &compressed) != 0 || raw.file_size == 0)
-            continue;
-        if (find(index) != nullptr) {
-            add_note("attach", raw.name, 0, true, "a second section " + raw.name + " is not read");
-            continue;
-        }
-        try {
-            const byte_span bytes = elf.contents(raw);
-            if (!bytes.empty())
-                section_list.push_back({index, raw.name, &raw, bytes, nullptr});
-        } catch (const failure &f) { // this section is lost, the others are not
-            add_note("attach", raw.name, 0, true, f.what());
-        }
+        if (raw.file_size != 0 && korva_lookup_section_index(raw.name.c_str(), &index, &compressed) == 0)
+            take(raw, index);
     }
-    if (elf.type() != ET_REL)
+}
+
+void view::take(const raw_section &raw, krv_secidx_t index)
+{
+    if (find(index) != nullptr) {
+        add_note({ATTACH, raw.name, 0, true, "a second section " + raw.name + " is not read"});
         return;
-    for (const raw_section &raw : elf.sections())
-        if (raw.name.starts_with(".rela.debug_") || raw.name.starts_with(".rel.debug_"))
-            add_note("attach", raw.name, 0, true, "relocations of " + raw.name + " are not applied");
+    }
+    try {
+        const byte_span bytes = source.contents(raw);
+        if (!bytes.empty())
+            section_list.push_back({index, raw.name, &raw, bytes, {}});
+    } catch (const failure &f) { // this section is lost, the others are not
+        add_note({ATTACH, raw.name, 0, true, f.what()});
+    }
+}
+
+void view::note_relocations()
+{
+    for (const raw_section &raw : source.sections())
+        for (const std::string_view prefix : {".rela", ".rel"}) {
+            if (!raw.name.starts_with(prefix) || !raw.name.substr(prefix.size()).starts_with(".debug_"))
+                continue;
+            const std::string target = raw.name.substr(prefix.size());
+            add_note({ATTACH, target, 0, true, "the relocations of " + target + " are not applied"});
+        }
+}
+
+// Into the order of the file's sections; those of one section stay in the order in which they were made.
+void view::sort_notes()
+{
+    std::unordered_map<std::string_view, size_t> numbers;
+    for (const raw_section &raw : source.sections())
+        numbers.emplace(raw.name, raw.number);
+    const auto number_of = [&numbers](const note &n) {
+        const auto found = numbers.find(n.section);
+        return found == numbers.end() ? 0 : found->second; // a section that the file does not have
+    };
+    std::stable_sort(note_list.begin(), note_list.end(),
+                     [&number_of](const note &a, const note &b) { return number_of(a) < number_of(b); });
 }
 
 view_section *view::find(krv_secidx_t index)
@@ -64,28 +100,8 @@ view_section *view::find(krv_secidx_t index)
 
 view_section *view::make(krv_secidx_t index, const char *name)
 {
-    section_list.push_back({index, name, nullptr, {}, std::make_unique<std::vector<uint8_t>>()});
+    section_list.push_back({index, name, nullptr, {}, {}});
     return &section_list.back();
-}
-
-std::vector<uint8_t> &view::writable(view_section *section)
-{
-    if (section->copy == nullptr) {
-        section->copy = std::make_unique<std::vector<uint8_t>>(section->bytes.begin(), section->bytes.end());
-        section->bytes = *section->copy;
-    }
-    return *section->copy;
-}
-
-void view::written(view_section *section)
-{
-    section->bytes = *section->copy;
-}
-
-void view::add_note(const char *pass_name, const std::string &section, uint64_t offset, bool refused,
-                    const std::string &text)
-{
-    note_list.push_back({pass_name, section, offset, refused, text});
 }
 
 } // namespace krv_elf_loader

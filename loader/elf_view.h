@@ -8,7 +8,8 @@
 
 #include "elf_file.h"
 
-#include <memory>
+#include <deque>
+#include <optional>
 
 namespace krv_elf_loader
 {
@@ -16,13 +17,16 @@ namespace krv_elf_loader
 struct view_section {
     krv_secidx_t index;
     std::string name;
-    const raw_section *raw; // NULL for a section that a pass has made
-    byte_span bytes;        // what the handle reads
-    std::unique_ptr<std::vector<uint8_t>> copy;
+    const raw_section *raw;                   // NULL for a section that a pass has made
+    byte_span original;                       // the file's own bytes, or the inflated ones
+    std::optional<std::vector<uint8_t>> copy; // what passes made of them
+
+    byte_span bytes() const { return copy ? byte_span(*copy) : original; } // what the handle reads
+    std::vector<uint8_t> &writable();                                      // copies on first use
 };
 
 struct note {
-    std::string pass;
+    const char *pass;
     std::string section;
     uint64_t offset;
     bool refused; // this part cannot be read; else it was corrected
@@ -35,22 +39,23 @@ public:
     // Takes every section that libkorva knows; corrects them unless `raw_only`.
     view(elf_file &elf, bool raw_only);
 
-    const elf_file &file() const { return source; }
-    const std::vector<view_section> &sections() const { return section_list; }
+    elf_file &file() const { return source; }
+    const std::deque<view_section> &sections() const { return section_list; }
     const std::vector<note> &notes() const { return note_list; }
 
-    // For passes.
+    // For passes. A section stays where it is when another one is made.
     view_section *find(krv_secidx_t index);                   // NULL when the file has none
     view_section *make(krv_secidx_t index, const char *name); // a new, empty section
-    std::vector<uint8_t> &writable(view_section *section);    // copies on first use
-    void written(view_section *section);                      // after the copy changed its size
-    void add_note(const char *pass, const std::string &section, uint64_t offset, bool refused, const std::string &text);
+    void add_note(note n) { note_list.push_back(std::move(n)); }
 
 private:
-    void take_sections(elf_file &elf);
+    void take_sections();
+    void take(const raw_section &raw, krv_secidx_t index);
+    void note_relocations();
+    void sort_notes();
 
-    const elf_file &source;
-    std::vector<view_section> section_list;
+    elf_file &source;
+    std::deque<view_section> section_list;
     std::vector<note> note_list;
 };
 

@@ -7,7 +7,10 @@
 #include "elf_symbols.h"
 #include "elf_view.h"
 
+#include <algorithm>
 #include <cstdio>
+#include <cstring>
+#include <memory>
 #include <new>
 
 using namespace krv_elf_loader;
@@ -30,8 +33,8 @@ struct krv_elf {
             throw failure(KRV_ELF_ERR_NOMEM,
                           path + ": no libkorva handle: out of memory, or disabled by LIBKORVA_OPTIONS");
         for (const view_section &section : shown.sections())
-            korva_attach_section(hp.get(), section.index, section.bytes.size(), KRV_FD_TYPE_MEMORY,
-                                 const_cast<uint8_t *>(section.bytes.data()));
+            korva_attach_section(hp.get(), section.index, section.bytes().size(), KRV_FD_TYPE_MEMORY,
+                                 const_cast<uint8_t *>(section.bytes().data()));
     }
 
     elf_file file;
@@ -40,26 +43,49 @@ struct krv_elf {
     std::unique_ptr<krv_handle_t, handle_deleter> hp; // last: it reads what stands before it
 };
 
+// One line of text, whatever is in the path that it names.
 static void tell(krv_elf_error_t *errorp, int code, const char *message)
 {
     if (errorp == nullptr)
         return;
     errorp->code = code;
     std::snprintf(errorp->message, sizeof(errorp->message), "%s", message);
+    std::replace(errorp->message, errorp->message + std::strlen(errorp->message), '\n', '?');
 }
 
-krv_elf_t *korva_elf_open(const char *path, unsigned int flags, krv_elf_error_t *errorp)
+// Runs the body of an exported function that may throw; tells what it threw, and returns `failed`.
+template <typename R, typename F>
+static R guarded(krv_elf_error_t *errorp, R failed, const F &body)
 {
     try {
-        return new krv_elf(path == nullptr ? "" : path, flags);
+        return body();
     } catch (const failure &f) {
         tell(errorp, f.code, f.what());
     } catch (const std::bad_alloc &) {
         tell(errorp, KRV_ELF_ERR_NOMEM, "out of memory");
     } catch (const std::exception &e) {
         tell(errorp, KRV_ELF_ERR_FORMAT, e.what());
+    } catch (...) {
+        tell(errorp, KRV_ELF_ERR_FORMAT, "unknown failure");
     }
+    return failed;
+}
+
+// The loaded segment that holds a byte of the file; failing that, one whose first page, which is mapped whole, does.
+static const GElf_Phdr *find_segment(const elf_file &file, uint64_t file_offset)
+{
+    constexpr uint64_t PAGE = 4096;
+    for (const uint64_t mask : {UINT64_MAX, ~(PAGE - 1)})
+        for (const GElf_Phdr &segment : file.segments())
+            if (segment.p_type == PT_LOAD && file_offset >= (segment.p_offset & mask) &&
+                (file_offset < segment.p_offset || file_offset - segment.p_offset < segment.p_filesz))
+                return &segment;
     return nullptr;
+}
+
+krv_elf_t *korva_elf_open(const char *path, unsigned int flags, krv_elf_error_t *errorp)
+{
+    return guarded<krv_elf_t *>(errorp, nullptr, [=] { return new krv_elf(path == nullptr ? "" : path, flags); });
 }
 
 void korva_elf_close(krv_elf_t *elf)
@@ -93,7 +119,7 @@ int korva_elf_iter_sections(krv_elf_t *elf, krv_elf_iter_section_f *func, void *
     for (const raw_section &raw : elf->file.sections()) {
         krv_elf_section_t section = {.name = raw.name.c_str(),
                                      .address = raw.address,
-                                     .size = raw.file_size,
+                                     .size = raw.size,
                                      .file_size = raw.file_size,
                                      .index = KRV_SEC_NONE,
                                      .compressed = raw.compressed ? 1 : 0,
@@ -102,9 +128,9 @@ int korva_elf_iter_sections(krv_elf_t *elf, krv_elf_iter_section_f *func, void *
         for (const view_section &attached : elf->shown.sections()) {
             if (attached.raw != &raw)
                 continue;
-            section.size = attached.bytes.size();
+            section.size = attached.bytes().size();
             section.index = attached.index;
-            section.copied = attached.copy != nullptr ? 1 : 0;
+            section.copied = attached.copy ? 1 : 0;
         }
         if (const int result = func(elf, &section, arg))
             return result;
@@ -115,7 +141,7 @@ int korva_elf_iter_sections(krv_elf_t *elf, krv_elf_iter_section_f *func, void *
 int korva_elf_iter_notes(krv_elf_t *elf, krv_elf_iter_note_f *func, void *arg)
 {
     for (const note &n : elf->shown.notes()) {
-        const krv_elf_note_t shown = {.pass = n.pass.c_str(),
+        const krv_elf_note_t shown = {.pass = n.pass,
                                       .section = n.section.c_str(),
                                       .offset = n.offset,
                                       .refused = n.refused ? 1 : 0,
@@ -146,19 +172,15 @@ const krv_elf_symbol_t *korva_elf_lookup_symbol_by_name(krv_elf_t *elf, const ch
 int korva_elf_load_bias(krv_elf_t *elf, uint64_t address, uint64_t file_offset, uint64_t *biasp,
                         krv_elf_error_t *errorp)
 {
-    constexpr uint64_t PAGE = 4096; // a mapping begins on the page of the segment's first byte
-    for (const GElf_Phdr &segment : elf->file.segments()) {
-        if (segment.p_type != PT_LOAD || segment.p_filesz == 0)
-            continue;
-        const uint64_t first = segment.p_offset & ~(PAGE - 1);
-        if (file_offset < first || file_offset - first >= segment.p_offset - first + segment.p_filesz)
-            continue;
-        *biasp = address - file_offset - (segment.p_vaddr - segment.p_offset); // modulo 2^64: any order is right
+    return guarded(errorp, -1, [=] {
+        const GElf_Phdr *segment = find_segment(elf->file, file_offset);
+        if (segment == nullptr) {
+            char text[64];
+            std::snprintf(text, sizeof(text), ": no loaded segment holds offset 0x%llx",
+                          static_cast<unsigned long long>(file_offset));
+            throw failure(KRV_ELF_ERR_NOTFOUND, elf->file.path() + text);
+        }
+        *biasp = address - file_offset - (segment->p_vaddr - segment->p_offset); // modulo 2^64: any order is right
         return 0;
-    }
-    char text[64];
-    std::snprintf(text, sizeof(text), ": no loaded segment holds offset 0x%llx",
-                  static_cast<unsigned long long>(file_offset));
-    tell(errorp, KRV_ELF_ERR_NOTFOUND, (elf->file.path() + text).c_str());
-    return -1;
+    });
 }

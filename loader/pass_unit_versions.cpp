@@ -36,61 +36,74 @@ uint64_t read_number(byte_span bytes, uint64_t offset, size_t width)
     return value;
 }
 
-// The unit at `offset`; nothing, with the reason, when its header is damaged.
-std::optional<unit> read_unit(byte_span info, uint64_t offset, std::string *reason)
-{
-    const uint64_t left = info.size() - offset;
-    unit u = {offset, 0, 4, 0};
-    *reason = "the section ends within its header";
-    if (left < 4)
-        return {};
-    uint64_t length = read_number(info, offset, 4);
-    if (length == 0xffffffff) {
-        if (left < 12)
-            return {};
-        u.offset_size = 8;
-        length = read_number(info, offset + 4, 8);
-    } else if (length >= 0xfffffff0) {
-        *reason = fmt::format("its length {:#x} is reserved", length);
-        return {};
-    }
-    if (length > left - u.length_size()) {
-        *reason = fmt::format("its length {:#x} exceeds the section", length);
-        return {};
-    }
-    if (length < 2)
-        return {};
-    u.size = length + u.length_size();
-    u.version = static_cast<uint16_t>(read_number(info, offset + u.length_size(), 2));
-    return u;
-}
-
 void write_number(std::vector<uint8_t> &bytes, uint64_t offset, uint64_t value, size_t width)
 {
     std::memcpy(bytes.data() + offset, &value, width);
 }
 
-// Where the abbreviation table of empty units stands: behind the file's own tables.
-uint64_t append_abbrevs(view &v)
+// Reads length and version of the unit at `offset`. False, with the reason, when they are damaged.
+bool read_unit(byte_span info, uint64_t offset, unit *u, std::string *reason)
 {
-    view_section *abbrev = v.find(KRV_SEC_ABBREV);
-    if (abbrev == nullptr)
-        abbrev = v.make(KRV_SEC_ABBREV, ".debug_abbrev");
-    std::vector<uint8_t> &bytes = v.writable(abbrev);
-    const uint64_t offset = bytes.size();
-    bytes.insert(bytes.end(), std::begin(EMPTY_UNIT_ABBREVS), std::end(EMPTY_UNIT_ABBREVS));
-    v.written(abbrev);
-    return offset;
+    const uint64_t left = info.size() - offset;
+    *u = {offset, 0, 4, 0};
+    *reason = "the section ends within its header";
+    if (left < 4)
+        return false;
+    uint64_t length = read_number(info, offset, 4);
+    if (length == 0xffffffff) {
+        if (left < 12)
+            return false;
+        u->offset_size = 8;
+        length = read_number(info, offset + 4, 8);
+    } else if (length >= 0xfffffff0) {
+        *reason = fmt::format("its length {:#x} is reserved", length);
+        return false;
+    }
+    if (length > left - u->length_size()) {
+        *reason = fmt::format("its length {:#x} exceeds the section", length);
+        return false;
+    }
+    if (length < 2) {
+        *reason = fmt::format("its length {:#x} has no room for a version", length);
+        return false;
+    }
+    u->size = length + u->length_size();
+    u->version = static_cast<uint16_t>(read_number(info, offset + u->length_size(), 2));
+    return true;
 }
 
-void present_empty(view &v, view_section *info, const unit &u, uint64_t abbrev_offset)
+// The abbreviation table of the empty units: behind the file's own tables, once it is needed.
+class empty_abbrevs
 {
-    std::vector<uint8_t> &bytes = v.writable(info);
-    uint64_t at = u.offset + u.length_size() + 2; // behind the version
-    write_number(bytes, at, abbrev_offset, u.offset_size);
+public:
+    explicit empty_abbrevs(view *v) : shown(v) {}
+
+    uint64_t offset()
+    {
+        if (place)
+            return *place;
+        view_section *abbrev = shown->find(KRV_SEC_ABBREV);
+        if (abbrev == nullptr)
+            abbrev = shown->make(KRV_SEC_ABBREV, ".debug_abbrev");
+        std::vector<uint8_t> &bytes = abbrev->writable();
+        place = bytes.size();
+        bytes.insert(bytes.end(), std::begin(EMPTY_UNIT_ABBREVS), std::end(EMPTY_UNIT_ABBREVS));
+        return *place;
+    }
+
+private:
+    view *shown;
+    std::optional<uint64_t> place;
+};
+
+// Writes the header of versions 2 to 4, and the entry, over the beginning of the unit.
+void present_empty(std::vector<uint8_t> &info, const unit &u, uint64_t abbrev_offset, krv_activation_type_t target)
+{
+    uint64_t at = u.offset + u.length_size() + 2; // length and version stay
+    write_number(info, at, abbrev_offset, u.offset_size);
     at += u.offset_size;
-    bytes[at++] = v.file().target() == KRV_ACTIVATION_AMD64 ? 8 : 4;
-    bytes[at] = EMPTY_UNIT_CODE;
+    info[at++] = target == KRV_ACTIVATION_AMD64 ? 8 : 4;
+    info[at] = EMPTY_UNIT_CODE;
 }
 
 } // namespace
@@ -100,31 +113,28 @@ void correct_unit_versions(view &v, const char *name)
     view_section *info = v.find(KRV_SEC_INFO);
     if (info == nullptr)
         return;
-    std::optional<uint64_t> abbrev_offset;
-    const uint64_t end = info->bytes.size();
-    for (uint64_t offset = 0; offset < end;) {
+    empty_abbrevs abbrevs(&v);
+    const uint64_t end = info->bytes().size();
+    unit u;
+    for (uint64_t offset = 0; offset < end; offset += u.size) {
         std::string reason;
-        const std::optional<unit> u = read_unit(info->bytes, offset, &reason);
-        if (!u) {
-            v.add_note(name, info->name, offset, true,
-                       fmt::format("unit at offset {:#x} of {} cannot be read, nor any behind it: {}", offset,
-                                   info->name, reason));
+        if (!read_unit(info->bytes(), offset, &u, &reason)) {
+            v.add_note({name, info->name, offset, true,
+                        fmt::format("unit at offset {:#x} of {} cannot be read, nor any behind it: {}", offset,
+                                    info->name, reason)});
             return;
         }
-        offset += u->size;
-        if (u->version >= 2 && u->version <= 4)
+        if (u.version >= 2 && u.version <= 4)
             continue;
-        v.add_note(name, info->name, u->offset, true,
-                   fmt::format("unit at offset {:#x} of {} is DWARF {}, and libkorva reads DWARF 2 to 4; compile with "
-                               "-gdwarf-4",
-                               u->offset, info->name, u->version));
-        if (u->size <= u->header_size())
-            continue; // no room for an entry: the core ends its unit table here
-        if (!abbrev_offset) {
-            abbrev_offset = append_abbrevs(v);
-            info = v.find(KRV_SEC_INFO); // a new section moves the others
-        }
-        present_empty(v, info, *u, *abbrev_offset);
+        std::string text = fmt::format("unit at offset {:#x} of {} is DWARF {}, and libkorva reads DWARF 2 to 4",
+                                       u.offset, info->name, u.version);
+        if (u.size > u.header_size())
+            present_empty(info->writable(), u, abbrevs.offset(), v.file().target());
+        else
+            text += "; it is too short to be shown as an empty unit, and may end the list of units";
+        if (u.version > 4)
+            text += "; compile with -gdwarf-4";
+        v.add_note({name, info->name, u.offset, true, std::move(text)});
     }
 }
 

@@ -46,8 +46,8 @@ enum {
 
 enum { KRV_REG_NO_HOST = -1 };
 
-// One register.
-struct krv_reg_def_t {
+// One register, in the order in which the psABI's tables read.
+struct krv_reg_def_t { // NOLINT(clang-analyzer-optin.performance.Padding)
     int srd_dwarf;
     const char *srd_name;
     krv_rtype_t srd_type;

@@ -77,6 +77,7 @@ TEST(Allocation, EveryOneFailsOnce)
     line_unit lines{.dirs = {"src", "gen"}, .files = {{"a.c", 1}, {"b.c", 2}}};
     lines.program = program("def c.c 1 0 0 at 500 copy pc 4 end at 400 copy pc 16 end");
     const std::string expected = "a.c /build/src/a.c; b.c /build/src/a.c; ";
+    std::string seen;
     for (unsigned n = 1;; ++n) {
         SCOPED_TRACE("allocation " + std::to_string(n));
         allocations = 0;
@@ -94,6 +95,7 @@ TEST(Allocation, EveryOneFailsOnce)
         const int code = korva_handle_get_errno(hp);
         const bool all_went_well = allocations < n;
         fail_at = 0;
+        seen += owner.error() + "\n";
         EXPECT_TRUE(answer == expected || code == KRV_ERR_NOMEM) << answer << ": " << owner.error();
         EXPECT_EQ(ask(hp), expected) << owner.error() << " after: " << answer;
         if (all_went_well) {
@@ -102,4 +104,10 @@ TEST(Allocation, EveryOneFailsOnce)
             break;
         }
     }
+    for (const char *message :
+         {"error hashing abbreviation", "NOMEM: unable to resize CU table", "NOMEM: unable to create CU lookup hash",
+          "NOMEM: error hashing offset", "NOMEM: couldn't add directory gen", "NOMEM: couldn't add file b.c",
+          "NOMEM: couldn't add dynamically-defined file c.c | error processing opcode 3 (DW_LNE_define_file)",
+          "NOMEM: couldn't create temporary table for canonical address calculation | error calculating canonical"})
+        EXPECT_NE(seen.find(message), std::string::npos) << message;
 }

@@ -81,6 +81,8 @@ TEST(Code, Decode)
         {DW_FORM_sdata, 0, "3f", 2, "3f 00"},
         {DW_FORM_sdata, 0, "80 7f", 1, "80"},
         {DW_FORM_sdata, 0, "c0 bb 78", 4, "c0 1d fe ff"},
+        {DW_FORM_sdata, 0, "80 80 80 80 80 80 80 40", 8, "00 00 00 00 00 00 80 ff"},
+        {DW_FORM_sdata, 0, "80 80 80 80 80 80 80 80 40", 8, "00 00 00 00 00 00 00 c0"},
         {DW_FORM_sdata, 0, min, 8, "00 00 00 00 00 00 00 80"},
         {DW_FORM_string, 0, "00", 1, "00"},
         {DW_FORM_string, 0, seventeen, 17, seventeen}, // the NUL opens a second chunk
@@ -155,6 +157,9 @@ TEST(Code, Decode)
     EXPECT_EQ(korva_fd_truncate(&fd, 0), 0);
     EXPECT_EQ(decode(h, &fd, DW_FORM_data1, 0, 1), "CORRUPT: form DW_FORM_data1 requires 1 byte;  0 remaining");
     EXPECT_EQ(decode(h, &fd, DW_FORM_sdata, 0, 1), "CORRUPT: DW_FORM_sdata" + no_end);
+    reader broken{.contents = bytes().cstr("abc"), .kind = fault::fails, .fault_at = 1};
+    fd = h.cursor(&broken);
+    EXPECT_EQ(decode(h, &fd, DW_FORM_string, 0, 8), "IO: read callback failed | unable to read from descriptor");
 }
 
 TEST(Code, StorageProtocol)

@@ -22,7 +22,8 @@ using hash_owner = std::unique_ptr<krv_hash_t, hash_deleter>;
 
 static void *value_of(uint64_t n)
 {
-    return reinterpret_cast<void *>(n + 0x1000);
+    static char values[0x10000];
+    return &values[n % sizeof(values)];
 }
 
 static void *insert(krv_handle_t *hp, const hash_owner &table, uint64_t key)
@@ -101,9 +102,9 @@ TEST(Hash, ReadersAndWriters)
     constexpr uint64_t keys = 500;
     handle owner;
     const hash_owner table(krv_hash_create(owner, 0, KRV_HASH_UINT64));
-    std::vector<std::thread> threads;
+    std::thread threads[4];
     for (int i = 0; i < 4; ++i)
-        threads.emplace_back([&table, i] {
+        threads[i] = std::thread([&table, i] {
             handle h; // an error state of its own
             for (uint64_t key = 0; key < keys; ++key) {
                 void *got = i % 2 == 0 ? insert(h, table, key) : lookup(h, table, key);

@@ -57,7 +57,7 @@ bytes aranges_set::build(size_t section_offset) const
     const size_t misfit = tuple_size == 0 ? 0 : (section_offset + header) % tuple_size;
     bytes rest;
     rest.u16(version).offset(dwarf64, info_offset).u8(address_size).u8(segment_size);
-    rest.fill(padding.value_or(misfit == 0 ? 0 : tuple_size - misfit));
+    rest.fill(padding.value_or(misfit == 0 ? 0 : tuple_size - header % tuple_size));
     for (const tuple &t : tuples)
         rest.uint(t.selector, segment_size).uint(t.address, address_size).uint(t.length, address_size);
     if (terminated)

@@ -53,7 +53,7 @@ class addr_run
 {
 public:
     addr_run(const addr_options &options, object *obj)
-        : m_options(options), m_object(obj), m_locator(obj), m_out(options.format)
+        : m_options(options), m_object(obj), m_locator(obj), m_out(options.format), m_all(obj->diagnose_notes())
     {
         if (!options.section.empty()) {
             m_section = obj->find_section(options.section);
@@ -80,7 +80,7 @@ private:
     locator m_locator;
     answers m_out;
     std::optional<extent> m_section;
-    bool m_all = true;
+    bool m_all; // every input has been answered
 };
 
 } // namespace
@@ -200,7 +200,6 @@ int addr_run::finish()
 static int run_addr(const addr_options &options)
 {
     object obj(options.file, options.raw);
-    obj.diagnose_notes();
     addr_run run(options, &obj);
     if (options.inputs.empty()) {
         for (std::string line; std::getline(std::cin, line);) {

@@ -13,6 +13,7 @@
     VERB(addr)                                                                                                         \
     VERB(units)                                                                                                        \
     VERB(lines)                                                                                                        \
+    VERB(stack)                                                                                                        \
     VERB(expr)
 
 namespace korva

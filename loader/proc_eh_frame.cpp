@@ -1,0 +1,278 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "proc_eh_frame.h"
+
+#include <algorithm>
+#include <cstring>
+#include <map>
+#include <optional>
+
+namespace krv_elf_loader
+{
+
+namespace
+{
+
+// Pointer encodings (Linux Standard Base, "DWARF Exception Header Encoding").
+enum : uint8_t {
+    PE_ABSPTR = 0x00,
+    PE_ULEB128 = 0x01,
+    PE_UDATA2 = 0x02,
+    PE_UDATA4 = 0x03,
+    PE_UDATA8 = 0x04,
+    PE_SLEB128 = 0x09,
+    PE_SDATA2 = 0x0a,
+    PE_SDATA4 = 0x0b,
+    PE_SDATA8 = 0x0c,
+    PE_FORMAT = 0x0f,
+    PE_PCREL = 0x10,
+    PE_DATAREL = 0x30,
+    PE_BASE = 0x70,
+    PE_INDIRECT = 0x80,
+    PE_OMIT = 0xff
+};
+
+constexpr size_t LONGEST_CIE = 1024; // those in use have less than 64 bytes
+constexpr size_t LONGEST_FDE_HEAD = 32;
+
+// Bytes at an address, with a position. A read past the end fails, and so do all after it.
+class cursor
+{
+public:
+    cursor(const uint8_t *data, size_t length, uint64_t start) : bytes(data), size(length), address(start) {}
+
+    bool good() const { return ok; }
+    size_t at() const { return position; }
+    uint64_t here() const { return address + position; }
+
+    uint8_t byte()
+    {
+        if (position >= size) {
+            ok = false;
+            return 0;
+        }
+        return bytes[position++];
+    }
+
+    uint64_t fixed(size_t width, bool extend)
+    {
+        uint64_t value = 0;
+        for (size_t i = 0; i < width; ++i)
+            value |= uint64_t{byte()} << (8 * i);
+        const unsigned unused = static_cast<unsigned>(64 - 8 * width);
+        return extend ? static_cast<uint64_t>(static_cast<int64_t>(value << unused) >> unused) : value;
+    }
+
+    uint64_t leb128(bool extend)
+    {
+        uint64_t value = 0;
+        for (unsigned shift = 0; shift < 70; shift += 7) {
+            const uint8_t b = byte();
+            if (shift < 64)
+                value |= uint64_t{b & 0x7fU} << shift;
+            if ((b & 0x80) != 0)
+                continue;
+            if (extend && (b & 0x40) != 0 && shift + 7 < 64)
+                value |= UINT64_MAX << (shift + 7);
+            return value;
+        }
+        ok = false;
+        return 0;
+    }
+
+    // A pointer as encoded, the base added, an indirection not followed. `data` is the base of PE_DATAREL.
+    uint64_t pointer(uint8_t encoding, size_t address_size, uint64_t data)
+    {
+        const uint64_t base = (encoding & PE_BASE) == PE_PCREL ? here() : (encoding & PE_BASE) == PE_DATAREL ? data : 0;
+        switch (encoding & PE_FORMAT) {
+        case PE_ABSPTR:
+            return base + fixed(address_size, false);
+        case PE_ULEB128:
+        case PE_SLEB128:
+            return base + leb128((encoding & PE_FORMAT) == PE_SLEB128);
+        case PE_UDATA2:
+        case PE_SDATA2:
+            return base + fixed(2, (encoding & PE_FORMAT) == PE_SDATA2);
+        case PE_UDATA4:
+        case PE_SDATA4:
+            return base + fixed(4, (encoding & PE_FORMAT) == PE_SDATA4);
+        case PE_UDATA8:
+        case PE_SDATA8:
+            return base + fixed(8, false);
+        default:
+            ok = false;
+            return 0;
+        }
+    }
+
+private:
+    const uint8_t *bytes;
+    size_t size;
+    uint64_t address;
+    size_t position = 0;
+    bool ok = true;
+};
+
+size_t address_size_of(krv_activation_type_t target)
+{
+    return target == KRV_ACTIVATION_AMD64 ? 8 : 4;
+}
+
+// What of a CIE matters here. Positions count from the record's length field.
+struct cie_record {
+    std::vector<uint8_t> bytes;
+    size_t augmentation = 0;         // position of the string
+    size_t factors = 0;              // position of the first number behind it
+    size_t personality_encoding = 0; // position; 0 without a personality
+    uint8_t fde_encoding = PE_ABSPTR;
+    size_t signal_letter = 0; // position of 'S'; 0 without
+};
+
+// Reads a CIE of augmentation "z...". Nothing for any other, or one that is not understood: the core judges it.
+std::optional<cie_record> parse_cie(memory &mem, krv_activation_type_t target, uint64_t address, size_t size)
+{
+    cie_record cie;
+    if (size > LONGEST_CIE)
+        return std::nullopt;
+    cie.bytes.resize(size);
+    if (!mem.read(address, cie.bytes.data(), size))
+        return std::nullopt;
+    cursor c(cie.bytes.data(), size, address);
+    c.fixed(8, false); // length, CIE id
+    if (c.byte() != 1) // version
+        return std::nullopt;
+    cie.augmentation = c.at();
+    std::string letters;
+    for (uint8_t letter = c.byte(); letter != 0 && c.good(); letter = c.byte())
+        letters += static_cast<char>(letter);
+    cie.factors = c.at();
+    c.leb128(false); // code alignment factor
+    c.leb128(true);  // data alignment factor
+    c.leb128(false); // return-address register
+    c.leb128(false); // augmentation length
+    if (!letters.starts_with('z'))
+        return std::nullopt;
+    for (size_t i = 1; i < letters.size() && c.good(); ++i) {
+        switch (letters[i]) {
+        case 'L':
+            c.byte();
+            break;
+        case 'P': {
+            cie.personality_encoding = c.at();
+            const uint8_t encoding = c.byte();
+            c.pointer(encoding, address_size_of(target), 0);
+            break;
+        }
+        case 'R':
+            cie.fde_encoding = c.byte();
+            break;
+        case 'S':
+            cie.signal_letter = cie.augmentation + i;
+            break;
+        default:
+            return std::nullopt;
+        }
+    }
+    return c.good() ? std::optional(std::move(cie)) : std::nullopt;
+}
+
+// The core reads the pointer where the personality's address is kept as if it were that address, and uses neither.
+void show_direct_personality(cie_record &cie)
+{
+    if (cie.personality_encoding != 0 && cie.bytes[cie.personality_encoding] != PE_OMIT)
+        cie.bytes[cie.personality_encoding] &= static_cast<uint8_t>(~PE_INDIRECT);
+}
+
+// Takes the letter 'S' out of the string. What it leaves is filled by the number behind the string: a LEB128 number may
+// have any number of bytes that add nothing to it.
+void hide_signal_letter(cie_record &cie)
+{
+    if (cie.signal_letter == 0)
+        return;
+    size_t last = cie.factors; // of the code alignment factor's bytes
+    while ((cie.bytes[last] & 0x80) != 0)
+        ++last;
+    std::memmove(&cie.bytes[cie.signal_letter], &cie.bytes[cie.signal_letter + 1], last - cie.signal_letter);
+    cie.bytes[last - 1] |= 0x80;
+    cie.bytes[last] = 0;
+}
+
+// In this order: both may move or change bytes, the first does not move any.
+void (*const corrections[])(cie_record &) = {show_direct_personality, hide_signal_letter};
+
+std::optional<address_range> parse_fde(memory &mem, krv_activation_type_t target, uint64_t address, size_t size,
+                                       uint8_t encoding, uint64_t eh_frame)
+{
+    uint8_t bytes[LONGEST_FDE_HEAD];
+    const size_t head = std::min(size, sizeof(bytes));
+    if (!mem.read(address, bytes, head))
+        return std::nullopt;
+    cursor c(bytes, head, address);
+    c.fixed(8, false); // length, CIE pointer
+    const uint64_t start = c.pointer(encoding, address_size_of(target), eh_frame);
+    const uint64_t count = c.pointer(encoding & PE_FORMAT, address_size_of(target), 0);
+    if (!c.good() || count > UINT64_MAX - start)
+        return std::nullopt;
+    return address_range{start, start + count};
+}
+
+} // namespace
+
+void eh_frame_view::scan(memory &mem, krv_activation_type_t target, uint64_t start, uint64_t end)
+{
+    constexpr uint64_t HEAD = 8;                 // length, and CIE id or pointer
+    std::map<uint64_t, uint8_t> signal_cies;     // address, encoding of the FDEs' addresses
+    for (uint64_t at = start; at < end && end - at >= HEAD;) {
+        uint32_t head[2];
+        if (!mem.get(at, &head) || head[0] < sizeof(head[1]) || head[0] > end - at - 4)
+            break;
+        const size_t size = size_t{head[0]} + 4;
+        const uint64_t cie_address = at + 4 - head[1];
+        if (head[1] != 0) {
+            ++fdes;
+            const auto cie = signal_cies.find(cie_address);
+            if (cie != signal_cies.end())
+                if (const auto range = parse_fde(mem, target, at, size, cie->second, start))
+                    signal_frames.push_back(*range);
+        } else if (auto cie = parse_cie(mem, target, at, size)) {
+            const std::vector<uint8_t> original = cie->bytes;
+            if (cie->signal_letter != 0)
+                signal_cies[at] = cie->fde_encoding;
+            for (const auto correction : corrections)
+                correction(*cie);
+            for (size_t i = 0; i < size; ++i)
+                if (cie->bytes[i] != original[i])
+                    bytes.push_back({at + i, cie->bytes[i]});
+        }
+        at += size;
+    }
+}
+
+void eh_frame_view::correct(uint64_t address, void *buf, size_t count) const
+{
+    auto next = std::lower_bound(bytes.begin(), bytes.end(), address,
+                                 [](const shown_byte &b, uint64_t a) { return b.address < a; });
+    for (; next != bytes.end() && next->address - address < count; ++next)
+        static_cast<uint8_t *>(buf)[next->address - address] = next->value;
+}
+
+bool eh_frame_view::signal_frame(uint64_t pc) const
+{
+    return std::any_of(signal_frames.begin(), signal_frames.end(),
+                       [pc](const address_range &r) { return pc >= r.start && pc < r.end; });
+}
+
+uint64_t read_eh_frame_address(memory &mem, krv_activation_type_t target, uint64_t header)
+{
+    uint8_t bytes[4 + 10]; // version, three encodings, the pointer
+    size_t size = sizeof(bytes);
+    while (size > 4 && !mem.read(header, bytes, size)) // it may lie at the very end
+        --size;
+    if (size == 4 || bytes[0] != 1 || bytes[1] == PE_OMIT)
+        return 0;
+    cursor c(bytes, size, header);
+    c.fixed(4, false);
+    const uint64_t address = c.pointer(bytes[1], address_size_of(target), header);
+    return c.good() && (bytes[1] & PE_INDIRECT) == 0 ? address : 0;
+}
+
+} // namespace krv_elf_loader

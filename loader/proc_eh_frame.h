@@ -1,0 +1,54 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// .eh_frame in memory, as the core can read it. The core refuses a CIE whose personality pointer is indirect, as in
+// every position-independent C++ program and in libc, and one of a signal trampoline. Neither matters for leaving a
+// frame, so both are hidden from it: single bytes are shown in place of those in memory. Every record stays where it
+// is and as long as it is, so that no pointer to one changes.
+#ifndef KRV_PROC_EH_FRAME_H
+#define KRV_PROC_EH_FRAME_H
+
+#include "proc_memory.h"
+
+#include "libkorva.h"
+
+#include <vector>
+
+namespace krv_elf_loader
+{
+
+struct shown_byte {
+    uint64_t address;
+    uint8_t value;
+};
+
+struct address_range {
+    uint64_t start;
+    uint64_t end; // exclusive
+};
+
+class eh_frame_view
+{
+public:
+    // Looks through the records from `start` on, to the terminator, or to `end`, or to what cannot be read.
+    void scan(memory &mem, krv_activation_type_t target, uint64_t start, uint64_t end);
+
+    // Puts the bytes to be shown over `count` bytes that were read at `address`.
+    void correct(uint64_t address, void *buf, size_t count) const;
+
+    // Whether `pc` is in the trampoline of a signal handler.
+    bool signal_frame(uint64_t pc) const;
+
+    bool empty() const { return fdes == 0; } // no FDE was found
+
+private:
+    std::vector<shown_byte> bytes; // ascending
+    std::vector<address_range> signal_frames;
+    uint64_t fdes = 0;
+};
+
+// The address of .eh_frame that .eh_frame_hdr at `header` gives; 0 when it gives none.
+uint64_t read_eh_frame_address(memory &mem, krv_activation_type_t target, uint64_t header);
+
+} // namespace krv_elf_loader
+
+#endif

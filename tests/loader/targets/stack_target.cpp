@@ -1,0 +1,147 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// A program whose stacks the tests walk. Its first argument says how it gets into the position to be seen; it says
+// "ready" on standard output just before, and stays there until it is killed.
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <pthread.h>
+#include <unistd.h>
+
+#define NOINLINE __attribute__((noinline))
+
+static volatile int sink; // written after calls, so that they are no tail calls
+static pthread_mutex_t mutex = PTHREAD_MUTEX_INITIALIZER;
+static pthread_cond_t never = PTHREAD_COND_INITIALIZER;
+static pthread_barrier_t all_there;
+static char signal_stack[65536];
+
+NOINLINE static void stay()
+{
+    std::puts("ready");
+    std::fflush(stdout);
+    for (;;)
+        pause();
+}
+
+NOINLINE static void recurse(int levels)
+{
+    volatile char padding[40];
+    padding[0] = static_cast<char>(levels);
+    if (levels == 0)
+        stay();
+    else
+        recurse(levels - 1);
+    sink = padding[0];
+}
+
+NOINLINE static void wait_in_condition()
+{
+    pthread_mutex_lock(&mutex);
+    for (;;)
+        pthread_cond_wait(&never, &mutex);
+}
+
+static void *enter_thread(void *arg)
+{
+    char name[16];
+    std::snprintf(name, sizeof(name), "waiter%d", static_cast<int>(reinterpret_cast<long>(arg)));
+    pthread_setname_np(pthread_self(), name);
+    pthread_barrier_wait(&all_there);
+    wait_in_condition();
+    return nullptr;
+}
+
+NOINLINE static void start_threads(int count)
+{
+    pthread_barrier_init(&all_there, nullptr, static_cast<unsigned>(count + 1));
+    for (long i = 0; i < count; ++i) {
+        pthread_t thread;
+        if (pthread_create(&thread, nullptr, enter_thread, reinterpret_cast<void *>(i)) != 0)
+            std::abort();
+    }
+    pthread_barrier_wait(&all_there);
+    stay();
+}
+
+static void handle(int, siginfo_t *, void *)
+{
+    stay();
+    sink = 1;
+}
+
+NOINLINE static void be_interrupted(int flags)
+{
+    struct sigaction action = {};
+    action.sa_sigaction = handle;
+    action.sa_flags = SA_SIGINFO | flags;
+    stack_t stack = {};
+    stack.ss_sp = signal_stack;
+    stack.ss_size = sizeof(signal_stack);
+    sigaltstack(&stack, nullptr);
+    sigaction(SIGSEGV, &action, nullptr);
+    *static_cast<volatile int *>(nullptr) = 1; // the interrupted instruction may be the first of its line
+}
+
+// Landing pads give the function a personality routine, which position-independent code names indirectly.
+struct cleaner {
+    ~cleaner() { sink = 2; }
+};
+
+NOINLINE static int compare(const void *, const void *)
+{
+    const cleaner at_end;
+    stay();
+    return 0;
+}
+
+NOINLINE static void sort_something()
+{
+    const cleaner at_end;
+    int numbers[] = {3, 1, 2};
+    std::qsort(numbers, 3, sizeof(numbers[0]), compare);
+}
+
+NOINLINE static void wait_for_child()
+{
+    if (vfork() == 0) {
+        static const char ready[] = "ready\n";
+        if (write(1, ready, sizeof(ready) - 1) < 0)
+            _exit(1);
+        for (;;)
+            pause();
+    }
+}
+
+NOINLINE static void crash(int levels)
+{
+    if (levels > 0)
+        crash(levels - 1);
+    else
+        std::abort();
+    sink = levels;
+}
+
+int main(int argc, char **argv)
+{
+    const char *mode = argc > 1 ? argv[1] : "";
+    const int number = argc > 2 ? std::atoi(argv[2]) : 0;
+    if (std::strcmp(mode, "pause") == 0)
+        stay();
+    else if (std::strcmp(mode, "recurse") == 0)
+        recurse(number);
+    else if (std::strcmp(mode, "threads") == 0)
+        start_threads(number);
+    else if (std::strcmp(mode, "signal") == 0)
+        be_interrupted(0);
+    else if (std::strcmp(mode, "altstack") == 0)
+        be_interrupted(SA_ONSTACK);
+    else if (std::strcmp(mode, "callback") == 0)
+        sort_something();
+    else if (std::strcmp(mode, "vfork") == 0)
+        wait_for_child();
+    else if (std::strcmp(mode, "crash") == 0)
+        crash(number);
+    return 1;
+}

@@ -1,0 +1,227 @@
+#!/usr/bin/env python3
+# SPDX-License-Identifier: Apache-2.0
+"""How the program behaves at a shell: exit statuses, diagnostics, forms of addresses, standard input, JSON.
+
+  cli_test.py --korva PROGRAM
+"""
+import argparse
+import json
+import os
+import re
+import shutil
+import struct
+import subprocess
+import tempfile
+
+from support import SOURCES, answer_of, build, fail, need, run
+
+VERBS = ('addr', 'units', 'lines')
+
+
+def first_line_of(function):
+    """The line of main.c that gcc gives to a function's first instruction: that of its opening brace."""
+    with open(os.path.join(SOURCES, 'main.c'), encoding='ascii') as file:
+        return next(number for number, line in enumerate(file, 1) if f' {function}(' in line and ';' not in line) + 1
+
+
+MAIN = first_line_of('main')
+WEIGH = first_line_of('weigh_twice')
+
+
+class Korva:
+    def __init__(self, path):
+        self.path = path
+
+    def run(self, *arguments, **options):
+        return run(self.path, *arguments, **options)
+
+    def expect(self, arguments, status, out=None, err='', **options):
+        """Runs it. out and err are patterns that must match all of the output; out None is any."""
+        result = self.run(*arguments, **options)
+        if result.status != status or not re.fullmatch(err, result.err, re.S) or (
+                out is not None and not re.fullmatch(out, result.out, re.S)):
+            fail(f'korva {" ".join(arguments)}\n  status {result.status}, expected {status}\n'
+                 f'  stdout: {result.out[:2000]}\n  stderr: {result.err[:2000]}\n  expected stdout {out}, stderr {err}')
+        return result.out
+
+
+def symbol(program, name):
+    return int(re.search(rf'^0*([0-9a-f]+) . {name}$', answer_of('nm', program), re.M).group(1), 16)
+
+
+def test_forms_of_addresses(korva, program, cxx):
+    start = symbol(program, 'main')
+    line = re.escape(f'0x{start:016x}  main  {SOURCES}/main.c:{MAIN}\n')
+    for text in (f'{start:x}', f'{start:#x}', f'0X{start:X}', f'{start:020x}', f' {start:x}\t', 'main', 'main+0',
+                 'main+0x0'):
+        korva.expect(['addr', '-e', program, text], 0, line)
+        korva.expect(['addr', '-e', program], 0, line, text=text)  # the last line needs no newline
+    for text, offset in (('main+10', 10), ('main+0x10', 16)):
+        korva.expect(['addr', '-e', program, text], 0, f'0x{start + offset:016x}  main  /.*/main.c:\\d+\n')
+    korva.expect(['addr', '-e', program, '-s', 'main'], 0, f'0x[0-9a-f]{{16}}  main  main.c:{MAIN}\n')
+    # A name that is a number too is the number; both that and nonsense are answered with status 1.
+    korva.expect(['addr', '-e', program, 'fa'], 1, r'0x00000000000000fa  \?\?  \?\?:0\n')
+    for text in ('fa+zz', 'nothing', '0x', '', '+', '-1', '12g', 'main+', 'main+-1', 'f' * 17):
+        korva.expect(['addr', '-e', program, 'main', text], 1, line + r'.*  \?\?  \?\?:0\n',
+                     'korva: .*: ".*" is neither an address nor a function\n')
+    korva.expect(['addr', '-e', cxx, '-C', '-s', 'shapes::detail::count_calls(int)'], 0,
+                 r'0x\w{16}  shapes::detail::count_calls\(int\)  circle.cpp:\d+\n')
+
+
+def test_gnu_layout(korva, program):
+    """Where nothing but layout is at stake, byte for byte, also for what addr2line does not understand."""
+    start = symbol(program, 'main')
+    texts = ['main', 'main+4', 'main+0x10', f'{start:x}', f'{start:#x} trailing words', ' \t main ', '12g', '0xzz', 'zzz',
+             '', 'nothing+4', '0', 'ffffffffffffffff', 'f' * 20, 'beef', '-5', 'main+zz', '_start', '*5']
+    for flags in ([], ['-a'], ['-f'], ['-a', '-f', '-p', '-s'], ['-p', '-f'], ['-a', '-p'], ['-C', '-f']):
+        ours = korva.run('addr', '--format=gnu', '-e', program, *flags, text='\n'.join(texts))
+        theirs = answer_of('addr2line', '-e', program, *flags, text='\n'.join(texts))
+        if ours.out != theirs:
+            fail(f'addr --format=gnu {flags}:\n{ours.out}but addr2line:\n{theirs}')
+
+
+def test_standard_input(korva, program):
+    with subprocess.Popen([korva.path, 'addr', '-s', '-e', program], stdin=subprocess.PIPE, stdout=subprocess.PIPE,
+                          text=True, bufsize=1) as talk:
+        for name, line in (('main', MAIN), ('weigh_twice', WEIGH), ('main', MAIN)):
+            talk.stdin.write(name + '\n')
+            if not talk.stdout.readline().endswith(f'  {name}  main.c:{line}\n'):  # waits: it must not be held back
+                fail(f'addr: {name} on standard input')
+        talk.stdin.close()
+        if talk.wait() != 0:
+            fail(f'addr: status {talk.returncode} at the end of standard input')
+    korva.expect(['addr', '-e', program, '--format=json'], 0, r'\[\]\n')
+
+
+def test_json(korva, program, folder):
+    records = {}
+    for arguments in (['addr', '-e', program, 'main', '_start', 'zzz'], ['units', program], ['lines', program],
+                      ['lines', '--program', program]):
+        whole = json.loads(korva.run(*arguments, '--format=json').out)
+        one_by_one = [json.loads(line) for line in korva.run(*arguments, '--format=jsonl').out.splitlines()]
+        if whole != one_by_one or not whole:
+            fail(f'{arguments}: json and jsonl differ')
+        records[' '.join(arguments[:2])] = whole
+    main, start, nothing = records['addr -e']
+    start_address = hex(symbol(program, '_start'))
+    for record, expected in (
+            (main, {'function': 'main', 'file': f'{SOURCES}/main.c', 'line': MAIN, 'discriminator': 0}),
+            (start, {'input': '_start', 'address': start_address, 'function': '_start', 'file': None, 'line': None,
+                     'column': None, 'discriminator': None}),
+            (nothing, {'input': 'zzz', 'address': None, 'function': None, 'file': None, 'line': None, 'column': None,
+                       'discriminator': None})):
+        if not expected.items() <= record.items():
+            fail(f'addr: {record}\nexpected {expected}')
+
+    # A name in Latin-1 is no UTF-8: JSON replaces the byte, text keeps it.
+    name = os.path.join(os.fsencode(folder), b'caf\xe9\n.c')
+    with open(name, 'wb') as file:
+        file.write(b'int main(void) { return 0; }\n')
+    strange = os.path.join(folder, 'strange')
+    answer_of('gcc', '-gdwarf-4', os.fsdecode(name), '-o', strange)
+    if not json.loads(korva.run('addr', '-e', strange, '--format=jsonl', 'main').out)['file'].endswith('caf\ufffd\n.c'):
+        fail('addr --format=jsonl: a name that is not UTF-8')
+    korva.expect(['addr', '-e', strange, 'main'], 0, '.*/caf\udce9\\\\x0a.c:1\n')
+
+
+def test_versions(korva, folder):
+    """A unit of DWARF 5 among units of DWARF 4: refused, once, and the others are answered."""
+    told = (r'korva: \S+: unit at offset 0x0 of .debug_info is DWARF 5: DWARF 2 to 4 is read; compile it with '
+            r'-gdwarf-4 [^\n]*\n')
+    for compiler in ('gcc', 'clang'):  # gcc tells the unit's ranges in .debug_aranges, clang does not
+        need(compiler)
+        mixed = os.path.join(folder, 'mixed')
+        for source, version in (('main.c', 5), ('table.c', 4)):
+            answer_of(compiler, f'-gdwarf-{version}', '-c', f'{SOURCES}/{source}', '-o', f'{mixed}.{source}.o')
+        answer_of(compiler, f'{mixed}.main.c.o', f'{mixed}.table.c.o', '-o', mixed)
+        korva.expect(['addr', '-s', '-e', mixed, 'main', 'table_sum', 'main+4', 'weigh_twice'], 1,
+                     r'\w+  main  \?\?:0\n\w+  table_sum  table.c:\d+\n\w+  main  \?\?:0\n\w+  weigh_twice  \?\?:0\n',
+                     told)
+        korva.expect(['addr', '-s', '-e', mixed, 'table_sum'], 0, r'\w+  table_sum  table.c:\d+\n')
+        korva.expect(['units', mixed], 1, r'0x0 +5 +\d+  -  -  -\n0x\w+ +4 +\d+  \S+/table.c  .*\n', told)
+        korva.expect(['lines', mixed], 1, r'unit 0x\w+:\n.*table.c  is_stmt.*', told)
+        offset = re.search(r'^(0x\w+) +4 ', korva.run('units', mixed).out, re.M).group(1)
+        korva.expect(['lines', '--unit', offset[2:], mixed], 0, f'unit {offset}:\n.*')
+
+
+def test_damaged_units(korva, program, folder):
+    """A second unit that claims more bytes than there are ends the unit table: told, and the first is answered."""
+    offset = int(re.search(r'^(0x\w+) .*table.c ', korva.run('units', program).out, re.M).group(1), 16)
+    start = int(re.search(r' \.debug_info +PROGBITS +\S+ (\S+) ', answer_of('readelf', '-SW', program)).group(1), 16)
+    damaged = os.path.join(folder, 'damaged')
+    shutil.copy(program, damaged)
+    with open(damaged, 'r+b') as file:
+        file.seek(start + offset)
+        file.write(struct.pack('<I', 0x7fffffff))
+    for flags in ([], ['--raw']):
+        told = (rf'(korva: [^\n]*\n)*korva: \S+: unit table ends early, at offset {offset:#x} of [^\n]*: unit_length '
+                rf'\(2147483647\) too large for existing section size \(\d+\); failed to read CU header at offset '
+                rf'{offset} in .debug_info; failed to obtain CU at offset {offset} in .debug_info\n')
+        korva.expect(['units', *flags, damaged], 1, r'0x0 [^\n]*/main.c [^\n]*\n', told)
+        korva.expect(['addr', '-s', *flags, '-e', damaged, 'main'], 1, rf'\w+  main  main.c:{MAIN}\n', told)
+
+
+def test_files(korva, program, folder):
+    """Status 2: nothing can be answered."""
+    empty, text, plain, stripped = (os.path.join(folder, name) for name in ('empty', 'text', 'plain', 'stripped'))
+    open(empty, 'w', encoding='ascii').close()
+    with open(text, 'w', encoding='ascii') as file:
+        file.write('no ELF file, but longer than the header of one' * 9)
+    build('gcc', [], ['main.c', 'table.c'], plain)
+    answer_of('strip', '-o', stripped, program)
+    for name in (os.path.join(folder, 'missing'), folder, empty, text):
+        for arguments in (['addr', '-e', name, '0'], ['units', name], ['lines', name]):
+            korva.expect(arguments, 2, '', f'korva: {re.escape(name)}: [^\n]+\n')
+    told = r'korva: \S+: no debugging information \(.debug_info\)\n'
+    for name in (plain, stripped):
+        korva.expect(['units', name], 2, '', told)
+        korva.expect(['lines', '--format=json', name], 2, '', told)
+    korva.expect(['addr', '-e', plain, 'main'], 2, r'\w+  main  \?\?:0\n', told)
+    korva.expect(['addr', '-e', stripped, '0'], 2, r'\w+  \?\?  \?\?:0\n', told)
+    korva.expect(['addr', '-e', program, '-j', '.nowhere', '0'], 2, '', 'korva: .*: no section .nowhere\n')
+    korva.expect(['lines', '--unit', '7', program], 2, '', 'korva: .*: no unit starts at offset 7 of .debug_info\n')
+
+
+def test_output(korva, program):
+    for verb in (['addr', '-e', program, 'main'], ['units', program], ['lines', program]):
+        with open('/dev/full', 'w', encoding='ascii') as full:
+            korva.expect(verb, 2, '', 'korva: standard output: No space left on device\n', stdout=full)
+        # A reader that has gone away, as in `korva lines FILE | head`, is no failure.
+        reading, writing = os.pipe()
+        os.close(reading)
+        korva.expect(verb, 0, '', '', stdout=writing)
+        os.close(writing)
+
+
+def test_usage(korva, program):
+    for arguments in ([], ['frobnicate'], ['units'], ['lines'], ['units', '--nope', program], ['units', program, program],
+                      ['units', '--format=gnu', program], ['addr', '--format=xml', '0'], ['lines', '--unit', 'x', program]):
+        korva.expect(arguments, 64, '', 'korva: .*\nTry `korva --help` or `korva VERB --help`.\n')
+    korva.expect(['--version'], 0, r'korva \d+\.\d+\.\d+\n')
+    for verb in VERBS:
+        korva.expect([verb, '--help'], 0, f'.*--format.*Examples:\n  korva {verb} .*')
+    korva.expect(['--help'], 0, '.*' + '.*'.join(VERBS) + '.*Exit status: 0 .*')
+
+
+def main():
+    parser = argparse.ArgumentParser()
+    parser.add_argument('--korva', required=True)
+    korva = Korva(parser.parse_args().korva)
+    need('addr2line', 'readelf', 'nm', 'strip')
+    with tempfile.TemporaryDirectory() as folder:
+        program, cxx = os.path.join(folder, 'program'), os.path.join(folder, 'cxx')
+        build('gcc', ['-gdwarf-4', '-O0'], ['main.c', 'table.c'], program)
+        build('g++', ['-gdwarf-4', '-O0'], ['main.cpp', 'square.cpp', 'circle.cpp'], cxx)
+        test_forms_of_addresses(korva, program, cxx)
+        test_gnu_layout(korva, program)
+        test_standard_input(korva, program)
+        test_json(korva, program, folder)
+        test_versions(korva, folder)
+        test_damaged_units(korva, program, folder)
+        test_files(korva, program, folder)
+        test_output(korva, program)
+        test_usage(korva, program)
+    print('passed')
+
+
+main()

@@ -1,0 +1,383 @@
+#!/usr/bin/env python3
+# SPDX-License-Identifier: Apache-2.0
+"""Holds the program against independent readers, on a program that a compiler has just built.
+
+  compare_test.py --list                         the configurations
+  compare_test.py --korva PROGRAM CONFIGURATION  builds it and compares
+        addr             with GNU addr2line, byte for byte, for every function and addresses within
+        units            with GNU readelf
+        lines            with llvm-dwarfdump, row by row; paths and canonical addresses are computed here
+        lines --program  with GNU readelf, opcode by opcode
+"""
+import argparse
+import collections
+import json
+import os
+import random
+import re
+import tempfile
+
+from support import answer_of, build, build_go, fail, need, run
+
+C = ['main.c', 'table.c']
+CXX = ['main.cpp', 'square.cpp', 'circle.cpp']
+
+# name: compiler, flags, sources, and what proves that the flags had their effect (a key of PROOFS)
+CONFIGURATIONS = {
+    **{f'{compiler}-c-dwarf{version}-{level}': (compiler, [f'-gdwarf-{version}', f'-{level}'], C, f'version{version}')
+       for compiler in ('gcc', 'clang') for version in (2, 3, 4) for level in ('O0', 'O2')},
+    **{f'{compiler}-cpp-dwarf{version}-{level}':
+       (compiler, [f'-gdwarf-{version}', f'-{level}'], CXX, f'version{version}')
+       for compiler in ('g++', 'clang++') for version, level in ((2, 'O2'), (3, 'O0'), (4, 'O0'), (4, 'O2'))},
+    **{f'{compiler}-{name}': (compiler, ['-gdwarf-4', *flags], C if language == 'c' else CXX, proof)
+       for compiler, language in (('gcc', 'c'), ('clang', 'c'), ('g++', 'cpp'), ('clang++', 'cpp'))
+       for name, flags, proof in (
+           ('m32-O0', ['-m32', '-O0'], '32-bit'),
+           ('m32-O2', ['-m32', '-O2'], '32-bit'),
+           ('dwarf64', ['-gdwarf64', '-O1'], 'dwarf64'),
+           ('gz-zlib', ['-gz=zlib', '-O1'], 'compressed'),
+           # clang 14 refuses -gz=zlib-gnu, its linker does not.
+           ('gz-gnu', ['-gz=zlib-gnu' if compiler[0] == 'g' else '-Wl,--compress-debug-sections=zlib-gnu', '-O1'],
+            'zdebug'),
+           ('shared', ['-shared', '-fPIC', '-O1'], 'version4'),
+           # Functions that nobody calls are dropped; circle.cpp has two, main.c and the others none or one.
+           ('gc', ['-ffunction-sections', '-Wl,--gc-sections', '-O0'],
+            'one unit refused' if language == 'cpp' else 'version4'))},
+    'gcc-static': ('gcc', ['-gdwarf-4', '-static', '-O2'], C, 'version4'),
+    'clang-static': ('clang', ['-gdwarf-4', '-static', '-O2'], C, 'version4'),
+    'go-compressed': ('go', [], None, 'zlib'),
+    'go-plain': ('go', ['-ldflags=-compressdwarf=false'], None, 'version4'),
+}
+PROOFS = {
+    '32-bit': lambda facts: 'ELF32' in facts['headers'],
+    'dwarf64': lambda facts: all(unit['dwarf64'] for unit in facts['units']),
+    'compressed': lambda facts: re.search(r'\.debug_line .* MSC|\.debug_line .* C ', facts['headers']),
+    'zdebug': lambda facts: '.zdebug_line' in facts['headers'],
+    'zlib': lambda facts: re.search(r'\.zdebug_line|\.debug_line .* C ', facts['headers']),
+    'one unit refused': lambda facts: len(facts['refused']) == 1,
+    **{f'version{n}': lambda facts, n=n: {unit['version'] for unit in facts['units']} == {n} for n in (2, 3, 4)},
+}
+
+Row = collections.namedtuple('Row', 'address line column path isa discriminator flags canonical')
+FLAGS = ('is_stmt', 'basic_block', 'end_sequence', 'prologue_end', 'epilogue_begin')
+
+
+def expect_equal(what, ours, theirs):
+    """Fails with the first difference of two lists."""
+    for number, (mine, other) in enumerate(zip(ours, theirs)):
+        if mine != other:
+            fail(f'{what}, answer {number}:\n  korva: {mine}\n  other: {other}')
+    if len(ours) != len(theirs):
+        fail(f'{what}: {len(ours)} answers, the other reader has {len(theirs)}')
+
+
+# --- units ----------------------------------------------------------------------------------------------------
+
+def read_units(program):
+    """The units as readelf shows them: what `korva units` says, and the offset of the line table."""
+    text = answer_of('readelf', '--debug-dump=info', '--dwarf-depth=1', program)
+    units = []
+    for part in re.split(r'^  Compilation Unit @ offset ', text, flags=re.M)[1:]:
+        length, bits = re.search(r'^   Length: +(\S+) \((\d+)-bit\)', part, re.M).groups()
+
+        def attribute(name, entry=part):
+            found = re.search(rf'{name} +: (?:\([^)]*offset: \S+\): )?(.*?)\t?$', entry, re.M)
+            return found.group(1) if found else None
+
+        units.append({'offset': hex(int(part.split(':')[0], 0)),
+                      'version': int(re.search(r'^   Version: +(\d+)', part, re.M).group(1)),
+                      'size': int(length, 0) + (12 if bits == '64' else 4),
+                      'dwarf64': bits == '64',
+                      **{name: attribute('DW_AT_' + name) for name in ('name', 'comp_dir', 'producer')},
+                      'stmt_list': int(attribute('DW_AT_stmt_list'), 0) if attribute('DW_AT_stmt_list') else None})
+    return units
+
+
+def compare_units(korva, program, units):
+    ours = run(korva, 'units', '--format=jsonl', program)
+    expect_equal('units', [json.loads(line) for line in ours.out.splitlines()],
+                 [{key: value for key, value in unit.items() if key != 'stmt_list'} for unit in units])
+    if ours.status != 0 or ours.err:
+        fail(f'units: status {ours.status}, {ours.err}')
+
+
+# --- lines ----------------------------------------------------------------------------------------------------
+
+def read_tables(program, units):
+    """The line tables as llvm-dwarfdump shows them: offset of a unit to (opcode_base, rows)."""
+    text = answer_of('llvm-dwarfdump', '--debug-line', program)
+    parts = re.split(r'^debug_line\[(0x[0-9a-f]+)\]\n', text, flags=re.M)
+    by_offset = {int(offset, 16): part for offset, part in zip(parts[1::2], parts[2::2])}
+    return {unit['offset']: read_table(by_offset[unit['stmt_list']], unit['comp_dir'] or '') for unit in units
+            if unit['stmt_list'] is not None}
+
+
+def read_table(text, comp_dir):
+    folders = [''] + re.findall(r'^include_directories\[ *\d+\] = "(.*)"$', text, re.M)
+    # os.path.join drops what stands before an absolute part, as DWARF 4, 6.2.4 wants it.
+    paths = [None] + [os.path.join(comp_dir, folders[int(folder)], name) for name, folder in
+                      re.findall(r'^ +name: "(.*)"\n +dir_index: (\d+)$', text, re.M)]
+    rows, lowest = [], {}
+    for line in re.findall(r'^0x[0-9a-f]{8,}.*$', text, re.M):
+        address, number, column, file, isa, discriminator, *flags = line.split()
+        rows.append([int(address, 16), int(number), int(column), int(file), int(isa), int(discriminator), set(flags)])
+        key = (int(file), int(number))
+        lowest[key] = min(lowest.get(key, rows[-1][0]), rows[-1][0])
+    base = int(re.search(r'opcode_base: (\d+)', text).group(1))
+    return base, [Row(address, number, column, paths[file] if 0 < file < len(paths) else None, isa, discriminator,
+                      flags, lowest[file, number])
+                  for address, number, column, file, isa, discriminator, flags in rows]
+
+
+def sequences(rows):
+    """(start, end) of every sequence, ascending."""
+    found, start = [], None
+    for row in rows:
+        start = row.address if start is None else start
+        if 'end_sequence' in row.flags:
+            found.append((start, row.address))
+            start = None
+    return sorted(found)
+
+
+def overlaps(rows):
+    """Whether sequences overlap: the library refuses such a unit, as one whose dropped functions all lie at 0."""
+    spans = sequences(rows)
+    return any(after[0] < before[1] for before, after in zip(spans, spans[1:]))
+
+
+def compare_lines(korva, program, tables, refused):
+    ours = run(korva, 'lines', '--format=jsonl', program)
+    by_unit = collections.defaultdict(list)
+    for line in ours.out.splitlines():
+        record = json.loads(line)
+        by_unit[record['unit']].append(
+            Row(int(record['address'], 16), record['line'] or 0, record['column'] or 0, record['file'], record['isa'],
+                record['discriminator'], {flag for flag in FLAGS if record[flag]},
+                int(record['canonical_address'], 16)))
+    for offset, (_, rows) in tables.items():
+        expect_equal(f'rows of unit {offset}', by_unit[offset], [] if offset in refused else rows)
+    expect_refusals('lines', ours, refused)
+    if not any(by_unit.values()):
+        fail('lines: no row has been compared')
+
+
+def expect_refusals(what, ours, refused):
+    """The diagnostics are those of the refused units, once each, and nothing else."""
+    told = re.findall(r'^korva: .*: line table of unit at offset (0x[0-9a-f]+): matrix contains overlapping sequences '
+                      r'\(.*\); .*$', ours.err, re.M)
+    if sorted(told) != sorted(refused) or len(told) != len(ours.err.splitlines()):
+        fail(f'{what}: units {sorted(refused)} have overlapping sequences, but the diagnostics are:\n{ours.err}')
+    if refused and ours.status != 1:
+        fail(f'{what}: status {ours.status} with a refused unit')
+
+
+# --- lines --program ------------------------------------------------------------------------------------------
+
+def sentence(record, before, opcode_base):
+    """readelf's sentence for an opcode. before: the registers before it."""
+    def number(value):
+        return hex(value) if value != 0 else '0'
+
+    registers, operands = record['registers'], record['operands']
+    after, earlier = int(registers['address'], 16), int(before['address'], 16)
+    line = registers['line'] or 0
+    return {
+        'special': lambda: f'Special opcode {record["opcode"] - opcode_base}: advance Address by {after - earlier} '
+                           f'to {number(after)} and Line by {line - (before["line"] or 0)} to {line}',
+        'DW_LNS_copy': lambda: 'Copy',
+        'DW_LNS_advance_pc': lambda: f'Advance PC by {operands[0]} to {number(after)}',
+        'DW_LNS_advance_line': lambda: f'Advance Line by {operands[0]} to {line}',
+        'DW_LNS_set_file': lambda: f'Set File Name to entry {operands[0]} in the File Name Table',
+        'DW_LNS_set_column': lambda: f'Set column to {operands[0]}',
+        'DW_LNS_negate_stmt': lambda: f'Set is_stmt to {registers["is_stmt"]:d}',
+        'DW_LNS_set_basic_block': lambda: 'Set basic block',
+        'DW_LNS_const_add_pc': lambda: f'Advance PC by constant {after - earlier} to {number(after)}',
+        'DW_LNS_fixed_advance_pc': lambda: f'Advance PC by fixed size amount {operands[0]} to {number(after)}',
+        'DW_LNS_set_prologue_end': lambda: 'Set prologue_end to true',
+        'DW_LNS_set_epilogue_begin': lambda: 'Set epilogue_begin to true',
+        'DW_LNS_set_isa': lambda: f'Set ISA to {operands[0]}',
+        'DW_LNE_end_sequence': lambda: 'Extended opcode 1: End of Sequence',
+        'DW_LNE_set_address': lambda: f'Extended opcode 2: set Address to {number(int(operands[0], 16))}',
+        'DW_LNE_set_discriminator': lambda: f'Extended opcode 4: set Discriminator to {operands[0]}',
+    }[record['name']]()
+
+
+def compare_programs(korva, program, tables, refused):
+    text = answer_of('readelf', '--debug-dump=rawline', '-W', program)
+    # "(view n)" counts rows at one address: readelf's own, not in the program.
+    theirs = {int(offset, 16): re.sub(r' \(view \d+\)$', '', what)
+              for offset, what in re.findall(r'^  \[(0x[0-9a-f]+)\]  (.*)$', text, re.M)}
+    ours = run(korva, 'lines', '--program', '--format=jsonl', program)
+    told, unit = {}, None
+    for record in map(json.loads, ours.out.splitlines()):
+        if record['unit'] != unit:
+            unit, before = record['unit'], {'address': '0x0', 'line': 1}
+        told[int(record['offset'], 16)] = sentence(record, before, tables[unit][0])
+        before = record['registers']
+    expect_equal('opcodes', sorted(told.items()), sorted(theirs.items()))
+    expect_refusals('lines --program', ours, refused)
+
+
+# --- addr -----------------------------------------------------------------------------------------------------
+
+def read_functions(program):
+    """(address, size, name) of every function in a section, as readelf shows the symbols."""
+    text = answer_of('readelf', '-sSW', program)
+    spans = [(int(start, 16), int(start, 16) + int(size, 16)) for start, size in
+             re.findall(r'^  \[ *\d+\] \S+ +(?:PROGBITS|NOBITS) +([0-9a-f]+) [0-9a-f]+ ([0-9a-f]+)', text, re.M)]
+    functions = {(int(value, 16), int(size, 0), name) for value, size, name in
+                 re.findall(r'^ +\d+: ([0-9a-f]+) +(\d+|0x[0-9a-f]+) I?FUNC +\S+ +\S+ +\d+ (\S+)$', text, re.M)}
+    # Go has symbols that mark the end of a section, behind its last byte.
+    return sorted(f for f in functions if any(low <= f[0] < high for low, high in spans))
+
+
+def sample_addresses(functions):
+    """Every address of a small program; of a larger one each function's first and last and some between. They jump
+    about, by a fixed seed."""
+    source = random.Random(len(functions))
+    found = {start for start, _, _ in functions}
+    small = sum(size for _, size, _ in functions) < 8000
+    for start, size, _ in functions:
+        inner = range(start, start + size) if small else [start + source.randrange(size) for _ in range(4) if size != 0]
+        found.update(inner)
+        found.add(start + max(size, 1) - 1)
+    addresses = sorted(found)
+    source.shuffle(addresses)
+    return addresses
+
+
+# Parts of a function that the compiler split off: their symbols have the function's name and one of these.
+SPLIT = re.compile(r'(\.cold|\.part\.\d+|\.constprop\.\d+|\.isra\.\d+)+$')
+
+
+class Names:
+    """Which function name is right where addr2line does not name the symbol that holds the code."""
+
+    def __init__(self, program, functions, addresses):
+        self.functions = functions
+        text = answer_of('addr2line', '-afi', '-e', program, text=''.join(f'{a:x}\n' for a in addresses))
+        # Lines of an answer: the address, then function and place of every inlined frame, the innermost first.
+        self.inlined = {int(answer.split('\n')[0], 16) for answer in re.split(r'^0x', text, flags=re.M)[1:]
+                        if len(answer.splitlines()) > 3}
+        self.split = {SPLIT.sub('', name) for _, _, name in functions if SPLIT.search(name)}
+        self.same = set()  # addresses whose names are the same
+
+    def holders(self, address):
+        """The symbols that hold the address."""
+        return {name for start, size, name in self.functions if start <= address < start + max(size, 1)}
+
+    def agree(self, address, ours, theirs):
+        """ours is right when it is the same name, and it may differ for three reasons only:
+        aliases, of which one is as good as another; code inlined from another function, whose name the entries know
+        and the symbols do not (addr2line even changes its answer when asked twice); functions that have split-off
+        parts, for which addr2line takes the entry's plain name once it has been asked for such a part."""
+        if ours == theirs:
+            self.same.add(address)
+            return True
+        holders = self.holders(address)
+        return ours in holders and (theirs in holders or address in self.inlined or SPLIT.sub('', ours) in self.split)
+
+
+def compare_addresses(korva, program, tables, refused):
+    functions = read_functions(program)
+    addresses = sample_addresses(functions)
+    names = Names(program, functions, addresses)
+    text = ''.join(f'{a:#x}\n' for a in addresses)
+    read = [span for offset in tables if offset not in refused for span in sequences(tables[offset][1])]
+    has_line = {a for a in addresses if any(start <= a < end for start, end in read)}
+
+    for flags in (['-a'], ['-f'], ['-f', '-C'], ['-afpsC']):
+        ours = run(korva, 'addr', '--format=gnu', '-e', program, *flags, text=text)
+        theirs = answer_of('addr2line', '-e', program, *flags, text=text)
+        per_answer = 1 if flags == ['-afpsC'] else 2
+        mine, others = ours.out.splitlines(), theirs.splitlines()
+        if not len(mine) == len(others) == per_answer * len(addresses):
+            fail(f'addr {flags}: {len(mine)} lines, addr2line has {len(others)}')
+        unknown = 0
+        for number, address in enumerate(addresses):
+            answer = mine[per_answer * number:per_answer * (number + 1)]
+            other = others[per_answer * number:per_answer * (number + 1)]
+            place = compare_answer(flags, names, address, answer, other, address in has_line)
+            unknown += place.endswith(':?')
+        if not unknown < len(addresses):
+            fail(f'addr {flags}: no address has a line')
+        if ours.status != (1 if unknown else 0):
+            fail(f'addr {flags}: status {ours.status} with {unknown} of {len(addresses)} addresses unknown')
+        expect_refusals(f'addr {flags}', ours, refused)
+    if len(names.same) < len(functions):
+        fail(f'only {len(names.same)} function names are those of addr2line')
+    compare_arguments(korva, program, addresses[:20])
+    print(f'{len(addresses)} addresses in {len(functions)} functions, {len(names.inlined)} of them in inlined code')
+
+
+def compare_answer(flags, names, address, answer, other, has_line):
+    """Compares the answer to one address; the lines of the answer are given. The place it names."""
+    if flags == ['-afpsC']:
+        pattern = re.compile(r'(0x[0-9a-f]+): (.*) at (.*)$')
+        ours, theirs = pattern.match(answer[0]), pattern.match(other[0])
+        if not ours or not theirs:
+            fail(f'addr {flags} {address:#x}:\n  korva: {answer}\n  addr2line: {other}')
+        answer, other = ours.groups(), theirs.groups()
+    *ours, place = answer
+    *theirs, expected = other
+    # Without a line addr2line still names a file for local symbols ("crtstuff.c:?"), from the symbol table. The lines of
+    # a refused unit are unknown.
+    if not has_line:
+        expected = '??:?'
+    same_place = place == expected
+    if flags == ['-a']:
+        same_name = True
+    elif address in names.same:  # -f came first: the same symbol has the same C++ name
+        same_name = ours[-1] == theirs[-1]
+    else:
+        same_name = 'C' in flags[-1] or names.agree(address, ours[-1], theirs[-1])
+    same_address = not flags[0].startswith('-a') or ours[0] == theirs[0]
+    if not (same_place and same_name and same_address):
+        fail(f'addr {flags} {address:#x}:\n  korva: {answer}\n  addr2line: {other}')
+    return place
+
+
+def compare_arguments(korva, program, addresses):
+    """Addresses as arguments, and as offsets into a section, are the same questions."""
+    text = answer_of('readelf', '-SW', program)
+    start, size = (int(n, 16) for n in re.search(r' \.text +PROGBITS +(\S+) \S+ (\S+)', text).groups())
+    inside = [a for a in addresses if start <= a < start + size]
+    as_addresses = run(korva, 'addr', '-e', program, '--format=gnu', '-f', *(f'{a:x}' for a in inside))
+    as_offsets = run(korva, 'addr', '-e', program, '--format=gnu', '-f', '-j', '.text',
+                     *(f'{a - start:#x}' for a in inside))
+    if not inside or as_addresses.out != as_offsets.out:
+        fail(f'addr -j .text:\n{as_offsets.out}but without -j:\n{as_addresses.out}')
+
+
+def main():
+    parser = argparse.ArgumentParser()
+    parser.add_argument('--list', action='store_true')
+    parser.add_argument('--korva')
+    parser.add_argument('configuration', nargs='?')
+    options = parser.parse_args()
+    if options.list:
+        print('\n'.join(CONFIGURATIONS))
+        return
+    compiler, flags, sources, proof = CONFIGURATIONS[options.configuration]
+    need('addr2line', 'readelf', 'llvm-dwarfdump')
+    with tempfile.TemporaryDirectory() as folder:
+        program = os.path.join(folder, 'program')
+        if compiler == 'go':
+            build_go(flags, program)
+        else:
+            build(compiler, flags, sources, program)
+        units = read_units(program)
+        tables = read_tables(program, units)
+        refused = {offset for offset, (_, rows) in tables.items() if overlaps(rows)}
+        facts = {'units': units, 'refused': refused, 'headers': answer_of('readelf', '-hSW', program)}
+        if not PROOFS[proof](facts):
+            fail(f'{compiler} {flags} did not give what is to be tested ({proof})')
+        compare_units(options.korva, program, units)
+        compare_lines(options.korva, program, tables, refused)
+        compare_programs(options.korva, program, tables, refused)
+        compare_addresses(options.korva, program, tables, refused)
+        print(f'{len(units)} units, {sum(len(rows) for _, rows in tables.values())} rows, {len(refused)} refused')
+
+
+main()
