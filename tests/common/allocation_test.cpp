@@ -105,8 +105,8 @@ TEST(Allocation, EveryOneFailsOnce)
         }
     }
     for (const char *message :
-         {"error hashing abbreviation", "NOMEM: unable to resize CU table", "NOMEM: unable to create CU lookup hash",
-          "NOMEM: error hashing offset", "NOMEM: couldn't add directory gen", "NOMEM: couldn't add file b.c",
+         {"error hashing abbreviation", "unable to resize CU table", "unable to create CU lookup hash",
+          "error hashing offset", "NOMEM: couldn't add directory gen", "NOMEM: couldn't add file b.c",
           "NOMEM: couldn't add dynamically-defined file c.c | error processing opcode 3 (DW_LNE_define_file)",
           "NOMEM: couldn't create temporary table for canonical address calculation | error calculating canonical"})
         EXPECT_NE(seen.find(message), std::string::npos) << message;

@@ -493,6 +493,24 @@ TEST(Line, Fields)
     EXPECT_EQ(shown(2), "405.1 1:3:3 i4 d0 10100 ^402");
     ASSERT_EQ(get(KRV_STRUCT_LNS, &lnp->slnp_lnsp[2], 13), 0);
     EXPECT_EQ(shown(0), "405.1 1:3:3 i4 d0 10100 ^402");
+
+    // The accessors tell the same, with the bias.
+    krv_handle_t *hp = t.h;
+    for (size_t i = 0; i < 3; ++i) {
+        krv_lns_t *r = &lnp->slnp_lnsp[i];
+        EXPECT_EQ(korva_lns_get_address(hp, r, &address[i]) + korva_lns_get_op_index(hp, r, &op_index[i]) +
+                      korva_lns_get_file(hp, r, &file[i]) + korva_lns_get_line(hp, r, &line[i]) +
+                      korva_lns_get_column(hp, r, &column[i]) + korva_lns_get_isa(hp, r, &isa[i]) +
+                      korva_lns_get_discriminator(hp, r, &disc[i]) + korva_lns_get_is(hp, r, &flags[0][i]) +
+                      korva_lns_get_bb(hp, r, &flags[1][i]) + korva_lns_get_es(hp, r, &flags[2][i]) +
+                      korva_lns_get_pe(hp, r, &flags[3][i]) + korva_lns_get_eb(hp, r, &flags[4][i]) +
+                      korva_lns_get_canonical_address(hp, r, &canonical[i]),
+                  0);
+    }
+    EXPECT_EQ(shown(0), "10400.0 1:1:3 i4 d5 11011 ^10400");
+    EXPECT_EQ(shown(2), "10405.1 1:3:3 i4 d0 10100 ^10402");
+    EXPECT_EQ(korva_lns_get_line(hp, nullptr, &line[0]) + korva_lns_get_line(nullptr, &lnp->slnp_lnsp[0], &line[0]),
+              -2);
 }
 
 TEST(Line, FieldFailures)
