@@ -21,13 +21,14 @@ struct cfa_desc {
 };
 
 // Instructions that carry an operand in the low six bits have their rows behind those of the plain opcodes.
-constexpr uint8_t CFA_PACKED = 0xc0;                    // set in them
-constexpr uint8_t CFA_LAST_PLAIN = DW_CFA_VESK_arg_loc; //
-constexpr uint8_t CFA_ROWS = CFA_LAST_PLAIN + 4;        //
+constexpr uint8_t CFA_PACKED = 0xc0;  // a bit of these is set in their opcodes
+constexpr uint8_t CFA_OPERAND = 0x3f; // the operand
+constexpr uint8_t CFA_LAST_PLAIN = DW_CFA_VESK_arg_loc;
+constexpr size_t CFA_ROWS = CFA_LAST_PLAIN + 4;
 
 constexpr size_t cfa_row(uint8_t opcode)
 {
-    return opcode <= CFA_LAST_PLAIN ? opcode : CFA_LAST_PLAIN + (opcode >> 6);
+    return opcode <= CFA_LAST_PLAIN ? opcode : size_t{CFA_LAST_PLAIN} + (opcode >> 6);
 }
 
 } // namespace
@@ -366,7 +367,7 @@ int krv_frame_read_opcode(krv_handle_t *hp, krv_fd_t *fdp, krv_operation_t *op, 
         krv_get_cfa_forms(hp, op->opcode, formsp) != 0)
         return -1;
     if ((op->opcode & CFA_PACKED) != 0) {
-        op->operand[0].sa_u.su_unsigned = op->opcode & ~unsigned{CFA_PACKED};
+        op->operand[0].sa_u.su_unsigned = op->opcode & CFA_OPERAND;
         op->opcode &= CFA_PACKED;
     }
     return 0;

@@ -117,10 +117,10 @@ KORVA_API int64_t korva_proc_read(void *proc, void *buf, size_t count, uint64_t 
 
 /** Flags of a module. */
 enum {
-    KRV_PROC_MODULE_F_MAIN = 0x1,     /**< the main executable */
-    KRV_PROC_MODULE_F_VDSO = 0x2,     /**< the kernel's own, which is in no file */
-    KRV_PROC_MODULE_F_DELETED = 0x4,  /**< its file has been removed or replaced since it was loaded */
-    KRV_PROC_MODULE_F_MISMATCH = 0x8  /**< core file: the file found has another build-id and is not used */
+    KRV_PROC_MODULE_F_MAIN = 0x1,    /**< the main executable */
+    KRV_PROC_MODULE_F_VDSO = 0x2,    /**< the kernel's own, which is in no file */
+    KRV_PROC_MODULE_F_DELETED = 0x4, /**< its file has been removed or replaced since it was loaded */
+    KRV_PROC_MODULE_F_MISMATCH = 0x8 /**< core file: the file found has another build-id and is not used */
 };
 
 /** An ELF object in the process's memory. */
@@ -153,8 +153,7 @@ KORVA_API const krv_proc_module_t *korva_proc_find_module(krv_proc_t *proc, uint
  *
  * Returns NULL on failure (those of korva_elf_open; KRV_ELF_ERR_NOTFOUND when the file is gone or is another one).
  */
-KORVA_API krv_elf_t *korva_proc_module_elf(krv_proc_t *proc, const krv_proc_module_t *module,
-                                           krv_elf_error_t *errorp);
+KORVA_API krv_elf_t *korva_proc_module_elf(krv_proc_t *proc, const krv_proc_module_t *module, krv_elf_error_t *errorp);
 
 /**
  * The handle that walks use for the module's frames: address space and addresses of .eh_frame_hdr and .eh_frame are
@@ -201,11 +200,11 @@ KORVA_API int korva_proc_get_regs(krv_proc_t *proc, int tid, krv_gregset_t *greg
 
 /** One frame of a stack. Valid during the call of the visitor. */
 typedef struct krv_proc_frame {
-    unsigned int index; /**< 0 for the topmost, the one that runs */
-    uint64_t pc;        /**< program counter; but for the topmost and interrupted frames a return address */
-    uint64_t lookup_pc; /**< an address inside the instruction that the frame is in: use it for functions and lines */
-    uint64_t cfa;       /**< canonical frame address; 0 when it could not be computed */
-    int is_signal_frame;             /**< 1: this is the trampoline of a signal handler, its caller was interrupted */
+    unsigned int index;  /**< 0 for the topmost, the one that runs */
+    uint64_t pc;         /**< program counter; but for the topmost and interrupted frames a return address */
+    uint64_t lookup_pc;  /**< an address inside the instruction that the frame is in: use it for functions and lines */
+    uint64_t cfa;        /**< canonical frame address; 0 when it could not be computed */
+    int is_signal_frame; /**< 1: this is the trampoline of a signal handler, its caller was interrupted */
     const krv_proc_module_t *module; /**< that covers lookup_pc, or NULL */
     krv_handle_t *handle;            /**< of the activation, or NULL with it */
     /**

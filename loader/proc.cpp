@@ -34,9 +34,8 @@ void krv_proc::refresh()
     from->refresh();
     std::vector<std::unique_ptr<loaded_module>> fresh = find_modules(*from);
     for (std::unique_ptr<loaded_module> &old : modules) {
-        const auto same = std::find_if(fresh.begin(), fresh.end(), [&](const std::unique_ptr<loaded_module> &m) {
-            return m->same_as(*old);
-        });
+        const auto same = std::find_if(fresh.begin(), fresh.end(),
+                                       [&](const std::unique_ptr<loaded_module> &m) { return m->same_as(*old); });
         if (same == fresh.end())
             retired.push_back(std::move(old));
         else

@@ -118,8 +118,8 @@ private:
     bool same_file(const mapping &where, const input_file &file);
 
     std::string core_path;
-    std::string exe_path;           // the caller's, or ""
-    std::string recorded_exe;       // the path for which it stands
+    std::string exe_path;     // the caller's, or ""
+    std::string recorded_exe; // the path for which it stands
     input_file core_file;
     uint64_t core_size = 0;
     elf_image image;
@@ -262,8 +262,7 @@ void core_file_source::take_status(const elf_note &note)
 void core_file_source::take_fxsave(const elf_note &note)
 {
     uint8_t bytes[FXSAVE_SIZE];
-    if (!thread_registers.empty() && note.size >= sizeof(bytes) &&
-        core_file.read(note.address, bytes, sizeof(bytes)))
+    if (!thread_registers.empty() && note.size >= sizeof(bytes) && core_file.read(note.address, bytes, sizeof(bytes)))
         load_fxsave(&thread_registers.back(), bytes);
 }
 
@@ -327,8 +326,8 @@ void core_file_source::add_executable_mappings()
         const uint64_t before = s.p_offset % PAGE; // a mapping begins on the page of the segment's first byte
         const uint64_t start = bias + s.p_vaddr - before;
         if (s.p_filesz < UINT64_MAX - start - before)
-            maps.push_back({start, start + before + s.p_filesz, s.p_offset - before, 0, (s.p_flags & PF_X) != 0, false,
-                            exe_path});
+            maps.push_back(
+                {start, start + before + s.p_filesz, s.p_offset - before, 0, (s.p_flags & PF_X) != 0, false, exe_path});
     }
     sort_mappings();
 }
@@ -367,8 +366,8 @@ bool core_file_source::same_file(const mapping &where, const input_file &file)
 {
     file_memory found(file);
     const auto has = read_elf_image(found, 0);
-    const auto first = std::find_if(maps.begin(), maps.end(),
-                                    [&](const mapping &m) { return m.offset == 0 && m.path == where.path; });
+    const auto first =
+        std::find_if(maps.begin(), maps.end(), [&](const mapping &m) { return m.offset == 0 && m.path == where.path; });
     if (first == maps.end())
         return true;
     const auto had = read_elf_image(*dumped, first->start);

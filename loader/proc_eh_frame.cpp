@@ -31,8 +31,22 @@ enum : uint8_t {
     PE_OMIT = 0xff
 };
 
-constexpr size_t LONGEST_CIE = 1024; // those in use have less than 64 bytes
-constexpr size_t LONGEST_FDE_HEAD = 32;
+// Call-frame instructions (DWARF 4, 7.23), by what follows them.
+enum : uint8_t {
+    CFA_SET_LOC = 0x01,
+    CFA_ADVANCE_LOC1 = 0x02,
+    CFA_ADVANCE_LOC2 = 0x03,
+    CFA_ADVANCE_LOC4 = 0x04,
+    CFA_DEF_CFA_EXPRESSION = 0x0f,
+    CFA_EXPRESSION = 0x10,
+    CFA_VAL_EXPRESSION = 0x16,
+    CFA_GNU_ARGS_SIZE = 0x2e,
+    CFA_OFFSET = 0x80,
+    CFA_PRIMARY = 0xc0
+};
+
+constexpr size_t LONGEST_CIE = 1024;      // those in use have less than 64 bytes
+constexpr size_t LONGEST_FDE = 64 * 1024; // a function of some thousand lines has a few hundred
 
 // Bytes at an address, with a position. A read past the end fails, and so do all after it.
 class cursor
@@ -41,6 +55,7 @@ public:
     cursor(const uint8_t *data, size_t length, uint64_t start) : bytes(data), size(length), address(start) {}
 
     bool good() const { return ok; }
+    bool at_end() const { return !ok || position == size; }
     size_t at() const { return position; }
     uint64_t here() const { return address + position; }
 
@@ -77,6 +92,12 @@ public:
         }
         ok = false;
         return 0;
+    }
+
+    void skip(uint64_t count)
+    {
+        ok = ok && count <= size - position;
+        position += ok ? static_cast<size_t>(count) : 0;
     }
 
     // A pointer as encoded, the base added, an indirection not followed. `data` is the base of PE_DATAREL.
@@ -125,6 +146,7 @@ struct cie_record {
     size_t personality_encoding = 0; // position; 0 without a personality
     uint8_t fde_encoding = PE_ABSPTR;
     size_t signal_letter = 0; // position of 'S'; 0 without
+    bool has_lsda = false;    // 'L'
 };
 
 // Reads a CIE of augmentation "z...". Nothing for any other, or one that is not understood: the core judges it.
@@ -154,6 +176,7 @@ std::optional<cie_record> parse_cie(memory &mem, krv_activation_type_t target, u
     for (size_t i = 1; i < letters.size() && c.good(); ++i) {
         switch (letters[i]) {
         case 'L':
+            cie.has_lsda = true;
             c.byte();
             break;
         case 'P': {
@@ -175,75 +198,158 @@ std::optional<cie_record> parse_cie(memory &mem, krv_activation_type_t target, u
     return c.good() ? std::optional(std::move(cie)) : std::nullopt;
 }
 
+// The corrections of a record say whether they changed it.
+
 // The core reads the pointer where the personality's address is kept as if it were that address, and uses neither.
-void show_direct_personality(cie_record &cie)
+bool show_direct_personality(cie_record &cie)
 {
-    if (cie.personality_encoding != 0 && cie.bytes[cie.personality_encoding] != PE_OMIT)
-        cie.bytes[cie.personality_encoding] &= static_cast<uint8_t>(~PE_INDIRECT);
+    if (cie.personality_encoding == 0 || cie.bytes[cie.personality_encoding] == PE_OMIT ||
+        (cie.bytes[cie.personality_encoding] & PE_INDIRECT) == 0)
+        return false;
+    cie.bytes[cie.personality_encoding] &= static_cast<uint8_t>(~PE_INDIRECT);
+    return true;
 }
 
 // Takes the letter 'S' out of the string. What it leaves is filled by the number behind the string: a LEB128 number may
 // have any number of bytes that add nothing to it.
-void hide_signal_letter(cie_record &cie)
+bool hide_signal_letter(cie_record &cie)
 {
     if (cie.signal_letter == 0)
-        return;
+        return false;
     size_t last = cie.factors; // of the code alignment factor's bytes
     while ((cie.bytes[last] & 0x80) != 0)
         ++last;
     std::memmove(&cie.bytes[cie.signal_letter], &cie.bytes[cie.signal_letter + 1], last - cie.signal_letter);
     cie.bytes[last - 1] |= 0x80;
     cie.bytes[last] = 0;
+    return true;
 }
 
-// In this order: both may move or change bytes, the first does not move any.
-void (*const corrections[])(cie_record &) = {show_direct_personality, hide_signal_letter};
+// What of a CIE its FDEs need.
+struct cie_facts {
+    uint8_t fde_encoding;
+    bool signal_frame;
+    bool has_lsda;
+};
 
-std::optional<address_range> parse_fde(memory &mem, krv_activation_type_t target, uint64_t address, size_t size,
-                                       uint8_t encoding, uint64_t eh_frame)
+struct fde_record {
+    std::vector<uint8_t> bytes;
+    uint64_t start; // of the addresses it covers
+    uint64_t count;
+    size_t instructions; // position
+};
+
+std::optional<fde_record> parse_fde(memory &mem, krv_activation_type_t target, uint64_t address, size_t size,
+                                    const cie_facts &cie, uint64_t eh_frame)
 {
-    uint8_t bytes[LONGEST_FDE_HEAD];
-    const size_t head = std::min(size, sizeof(bytes));
-    if (!mem.read(address, bytes, head))
+    fde_record fde;
+    if (size > LONGEST_FDE)
         return std::nullopt;
-    cursor c(bytes, head, address);
+    fde.bytes.resize(size);
+    if (!mem.read(address, fde.bytes.data(), size))
+        return std::nullopt;
+    cursor c(fde.bytes.data(), size, address);
     c.fixed(8, false); // length, CIE pointer
-    const uint64_t start = c.pointer(encoding, address_size_of(target), eh_frame);
-    const uint64_t count = c.pointer(encoding & PE_FORMAT, address_size_of(target), 0);
-    if (!c.good() || count > UINT64_MAX - start)
-        return std::nullopt;
-    return address_range{start, start + count};
+    fde.start = c.pointer(cie.fde_encoding, address_size_of(target), eh_frame);
+    fde.count = c.pointer(cie.fde_encoding & PE_FORMAT, address_size_of(target), 0);
+    c.skip(c.leb128(false)); // augmentation data
+    fde.instructions = c.at();
+    return c.good() ? std::optional(std::move(fde)) : std::nullopt;
+}
+
+// The operands of an instruction, CFA_GNU_ARGS_SIZE among them. False for one that is not known.
+bool skip_operands(cursor &c, uint8_t opcode, const cie_facts &cie, krv_activation_type_t target)
+{
+    // LEB128 operands of the instructions below 0x17, of which some have a block behind them.
+    constexpr uint8_t numbers[] = {0, 0, 0, 0, 0, 2, 1, 1, 1, 2, 0, 0, 2, 1, 1, 0, 1, 2, 2, 1, 2, 2, 1};
+    if ((opcode & CFA_PRIMARY) != 0) {
+        if ((opcode & CFA_PRIMARY) == CFA_OFFSET)
+            c.leb128(false);
+        return true;
+    }
+    switch (opcode) {
+    case CFA_SET_LOC:
+        c.pointer(cie.fde_encoding, address_size_of(target), 0);
+        return true;
+    case CFA_ADVANCE_LOC1:
+    case CFA_ADVANCE_LOC2:
+    case CFA_ADVANCE_LOC4:
+        c.skip(size_t{1} << (opcode - CFA_ADVANCE_LOC1));
+        return true;
+    case CFA_GNU_ARGS_SIZE:
+        c.leb128(false);
+        return true;
+    default:
+        break;
+    }
+    if (opcode >= sizeof(numbers))
+        return false;
+    for (unsigned i = 0; i < numbers[opcode]; ++i)
+        c.leb128(false);
+    if (opcode == CFA_DEF_CFA_EXPRESSION || opcode == CFA_EXPRESSION || opcode == CFA_VAL_EXPRESSION)
+        c.skip(c.leb128(false));
+    return true;
+}
+
+// Functions with landing pads have it after every change of the bytes they have pushed. It becomes DW_CFA_nop.
+bool hide_argument_sizes(fde_record &fde, const cie_facts &cie, krv_activation_type_t target)
+{
+    bool changed = false;
+    cursor c(fde.bytes.data(), fde.bytes.size(), 0);
+    for (c.skip(fde.instructions); !c.at_end();) {
+        const size_t start = c.at();
+        const uint8_t opcode = c.byte();
+        if (!skip_operands(c, opcode, cie, target) || !c.good())
+            break;
+        if (opcode != CFA_GNU_ARGS_SIZE)
+            continue;
+        std::memset(&fde.bytes[start], 0, c.at() - start);
+        changed = true;
+    }
+    return changed;
 }
 
 } // namespace
 
+void eh_frame_view::show(memory &mem, uint64_t address, const std::vector<uint8_t> &corrected)
+{
+    for (size_t i = 0; i < corrected.size(); ++i) {
+        uint8_t original = 0;
+        if (mem.get(address + i, &original) && original != corrected[i])
+            bytes.push_back({address + i, corrected[i]});
+    }
+}
+
 void eh_frame_view::scan(memory &mem, krv_activation_type_t target, uint64_t start, uint64_t end)
 {
-    constexpr uint64_t HEAD = 8;                 // length, and CIE id or pointer
-    std::map<uint64_t, uint8_t> signal_cies;     // address, encoding of the FDEs' addresses
-    for (uint64_t at = start; at < end && end - at >= HEAD;) {
+    constexpr uint64_t HEAD = 8;        // length, and CIE id or pointer
+    std::map<uint64_t, cie_facts> cies; // by address
+    size_t size = 0;
+    for (uint64_t at = start; at < end && end - at >= HEAD; at += size) {
         uint32_t head[2];
         if (!mem.get(at, &head) || head[0] < sizeof(head[1]) || head[0] > end - at - 4)
             break;
-        const size_t size = size_t{head[0]} + 4;
-        const uint64_t cie_address = at + 4 - head[1];
-        if (head[1] != 0) {
+        size = size_t{head[0]} + 4;
+        if (head[1] == 0) {
+            if (auto cie = parse_cie(mem, target, at, size)) {
+                cies[at] = {cie->fde_encoding, cie->signal_letter != 0, cie->has_lsda};
+                const bool changed = show_direct_personality(*cie);
+                if (hide_signal_letter(*cie) || changed)
+                    show(mem, at, cie->bytes);
+            }
+        } else {
             ++fdes;
-            const auto cie = signal_cies.find(cie_address);
-            if (cie != signal_cies.end())
-                if (const auto range = parse_fde(mem, target, at, size, cie->second, start))
-                    signal_frames.push_back(*range);
-        } else if (auto cie = parse_cie(mem, target, at, size)) {
-            const std::vector<uint8_t> original = cie->bytes;
-            if (cie->signal_letter != 0)
-                signal_cies[at] = cie->fde_encoding;
-            for (const auto correction : corrections)
-                correction(*cie);
-            for (size_t i = 0; i < size; ++i)
-                if (cie->bytes[i] != original[i])
-                    bytes.push_back({at + i, cie->bytes[i]});
+            const auto facts = cies.find(at + 4 - head[1]);
+            if (facts == cies.end() || (!facts->second.signal_frame && !facts->second.has_lsda))
+                continue;
+            auto fde = parse_fde(mem, target, at, size, facts->second, start);
+            if (!fde)
+                continue;
+            if (facts->second.signal_frame && fde->count <= UINT64_MAX - fde->start)
+                signal_frames.push_back({fde->start, fde->start + fde->count});
+            if (hide_argument_sizes(*fde, facts->second, target))
+                show(mem, at, fde->bytes);
         }
-        at += size;
     }
 }
 

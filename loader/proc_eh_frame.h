@@ -1,9 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // .eh_frame in memory, as the core can read it. The core refuses a CIE whose personality pointer is indirect, as in
-// every position-independent C++ program and in libc, and one of a signal trampoline. Neither matters for leaving a
-// frame, so both are hidden from it: single bytes are shown in place of those in memory. Every record stays where it
-// is and as long as it is, so that no pointer to one changes.
+// every position-independent C++ program and in libc, a CIE of a signal trampoline, and the instruction that tells a
+// landing pad how much to pop. None of them matters for leaving a frame, so they are hidden from it: single bytes are
+// shown in place of those in memory. Every record stays where it is and as long as it is, so that no pointer to one
+// changes.
 #ifndef KRV_PROC_EH_FRAME_H
 #define KRV_PROC_EH_FRAME_H
 
@@ -41,6 +42,8 @@ public:
     bool empty() const { return fdes == 0; } // no FDE was found
 
 private:
+    void show(memory &mem, uint64_t address, const std::vector<uint8_t> &corrected); // what differs from memory
+
     std::vector<shown_byte> bytes; // ascending
     std::vector<address_range> signal_frames;
     uint64_t fdes = 0;

@@ -30,11 +30,11 @@ bool is_vdso(const source &from, const mapping &m)
     return from.aux.vdso != 0 && m.start == from.aux.vdso;
 }
 
-// Reading some devices has effects.
+// Reading some devices has effects. A core file has no devices, and not always names.
 bool may_hold_module(const source &from, const mapping &m)
 {
-    if (m.path.empty())
-        return from.kind == KRV_PROC_CORE;
+    if (from.kind == KRV_PROC_CORE)
+        return true;
     return m.path.starts_with('/') && (!m.path.starts_with("/dev/") || m.path.starts_with("/dev/shm/"));
 }
 

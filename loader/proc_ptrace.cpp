@@ -177,8 +177,7 @@ void stopped_process::let_go()
 
 register_set stopped_process::registers(int tid, krv_activation_type_t *targetp) const
 {
-    const auto found =
-        std::find_if(tracees.begin(), tracees.end(), [tid](const tracee &t) { return t.tid == tid; });
+    const auto found = std::find_if(tracees.begin(), tracees.end(), [tid](const tracee &t) { return t.tid == tid; });
     if (found == tracees.end())
         throw failure(KRV_ELF_ERR_NOTFOUND, fmt::format("process {}: no thread {}", pid, tid));
     if (!found->stopped)

@@ -18,28 +18,28 @@ struct slot {
 };
 
 constexpr slot amd64_slots[] = {
-    {KRV_HOST_R15, 0},     {KRV_HOST_R14, 1}, {KRV_HOST_R13, 2},     {KRV_HOST_R12, 3},     {KRV_HOST_RBP, 4},
-    {KRV_HOST_RBX, 5},     {KRV_HOST_R11, 6}, {KRV_HOST_R10, 7},     {KRV_HOST_R9, 8},      {KRV_HOST_R8, 9},
-    {KRV_HOST_RAX, 10},    {KRV_HOST_RCX, 11}, {KRV_HOST_RDX, 12},   {KRV_HOST_RSI, 13},    {KRV_HOST_RDI, 14},
-    {KRV_HOST_RIP, 16},    {KRV_HOST_CS, 17}, {KRV_HOST_RFLAGS, 18}, {KRV_HOST_RSP, 19},    {KRV_HOST_SS, 20},
-    {KRV_HOST_FSBASE, 21}, {KRV_HOST_GSBASE, 22}, {KRV_HOST_DS, 23}, {KRV_HOST_ES, 24},     {KRV_HOST_FS, 25},
+    {KRV_HOST_R15, 0},     {KRV_HOST_R14, 1},     {KRV_HOST_R13, 2},     {KRV_HOST_R12, 3},  {KRV_HOST_RBP, 4},
+    {KRV_HOST_RBX, 5},     {KRV_HOST_R11, 6},     {KRV_HOST_R10, 7},     {KRV_HOST_R9, 8},   {KRV_HOST_R8, 9},
+    {KRV_HOST_RAX, 10},    {KRV_HOST_RCX, 11},    {KRV_HOST_RDX, 12},    {KRV_HOST_RSI, 13}, {KRV_HOST_RDI, 14},
+    {KRV_HOST_RIP, 16},    {KRV_HOST_CS, 17},     {KRV_HOST_RFLAGS, 18}, {KRV_HOST_RSP, 19}, {KRV_HOST_SS, 20},
+    {KRV_HOST_FSBASE, 21}, {KRV_HOST_GSBASE, 22}, {KRV_HOST_DS, 23},     {KRV_HOST_ES, 24},  {KRV_HOST_FS, 25},
     {KRV_HOST_GS, 26},
 };
 
 // Word 11 is the number of the system call.
 constexpr slot i386_slots[] = {
-    {KRV_HOST_RBX, 0}, {KRV_HOST_RCX, 1}, {KRV_HOST_RDX, 2},  {KRV_HOST_RSI, 3},  {KRV_HOST_RDI, 4},
-    {KRV_HOST_RBP, 5}, {KRV_HOST_RAX, 6}, {KRV_HOST_DS, 7},   {KRV_HOST_ES, 8},   {KRV_HOST_FS, 9},
-    {KRV_HOST_GS, 10}, {KRV_HOST_RIP, 12}, {KRV_HOST_CS, 13}, {KRV_HOST_RFLAGS, 14}, {KRV_HOST_RSP, 15},
-    {KRV_HOST_SS, 16},
+    {KRV_HOST_RBX, 0}, {KRV_HOST_RCX, 1},     {KRV_HOST_RDX, 2},  {KRV_HOST_RSI, 3},
+    {KRV_HOST_RDI, 4}, {KRV_HOST_RBP, 5},     {KRV_HOST_RAX, 6},  {KRV_HOST_DS, 7},
+    {KRV_HOST_ES, 8},  {KRV_HOST_FS, 9},      {KRV_HOST_GS, 10},  {KRV_HOST_RIP, 12},
+    {KRV_HOST_CS, 13}, {KRV_HOST_RFLAGS, 14}, {KRV_HOST_RSP, 15}, {KRV_HOST_SS, 16},
 };
 
 constexpr slot context_slots[] = {
-    {KRV_HOST_R8, REG_R8},         {KRV_HOST_R9, REG_R9},         {KRV_HOST_R10, REG_R10}, {KRV_HOST_R11, REG_R11},
-    {KRV_HOST_R12, REG_R12},       {KRV_HOST_R13, REG_R13},       {KRV_HOST_R14, REG_R14}, {KRV_HOST_R15, REG_R15},
-    {KRV_HOST_RDI, REG_RDI},       {KRV_HOST_RSI, REG_RSI},       {KRV_HOST_RBP, REG_RBP}, {KRV_HOST_RBX, REG_RBX},
-    {KRV_HOST_RDX, REG_RDX},       {KRV_HOST_RAX, REG_RAX},       {KRV_HOST_RCX, REG_RCX}, {KRV_HOST_RSP, REG_RSP},
-    {KRV_HOST_RIP, REG_RIP},       {KRV_HOST_RFLAGS, REG_EFL},    {KRV_HOST_ERR, REG_ERR}, {KRV_HOST_TRAPNO, REG_TRAPNO},
+    {KRV_HOST_R8, REG_R8},   {KRV_HOST_R9, REG_R9},      {KRV_HOST_R10, REG_R10}, {KRV_HOST_R11, REG_R11},
+    {KRV_HOST_R12, REG_R12}, {KRV_HOST_R13, REG_R13},    {KRV_HOST_R14, REG_R14}, {KRV_HOST_R15, REG_R15},
+    {KRV_HOST_RDI, REG_RDI}, {KRV_HOST_RSI, REG_RSI},    {KRV_HOST_RBP, REG_RBP}, {KRV_HOST_RBX, REG_RBX},
+    {KRV_HOST_RDX, REG_RDX}, {KRV_HOST_RAX, REG_RAX},    {KRV_HOST_RCX, REG_RCX}, {KRV_HOST_RSP, REG_RSP},
+    {KRV_HOST_RIP, REG_RIP}, {KRV_HOST_RFLAGS, REG_EFL}, {KRV_HOST_ERR, REG_ERR}, {KRV_HOST_TRAPNO, REG_TRAPNO},
 };
 
 static_assert(sizeof(user_regs_struct) == REGS_SIZE_AMD64 && offsetof(user_regs_struct, rip) == 16 * 8 &&

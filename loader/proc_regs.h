@@ -30,7 +30,7 @@ struct register_set {
 
 constexpr size_t REGS_SIZE_AMD64 = 27 * 8; // struct user_regs_struct: NT_PRSTATUS as ptrace gives it
 constexpr size_t REGS_SIZE_I386 = 17 * 4;  // that of a 32-bit program
-constexpr size_t FXSAVE_SIZE = 512;        // NT_FPREGSET of AMD64, NT_PRXFPREG of 32 bits, and the start of NT_X86_XSTATE
+constexpr size_t FXSAVE_SIZE = 512; // NT_FPREGSET of AMD64, NT_PRXFPREG of 32 bits, and the start of NT_X86_XSTATE
 
 // The instruction set whose general registers have this size; 0 for neither.
 krv_activation_type_t target_of_registers(size_t size);

@@ -46,8 +46,8 @@ class source
 public:
     virtual ~source() = default;
 
-    virtual memory &bytes() = 0;                       // kept in pages
-    virtual memory &changing_bytes() { return bytes(); } // as they are now, of a process that runs
+    virtual memory &bytes() = 0;                              // kept in pages
+    virtual memory &changing_bytes() { return bytes(); }      // as they are now, of a process that runs
     virtual const std::vector<mapping> &mappings() const = 0; // ascending by address
     virtual const std::vector<thread> &threads() const = 0;
     virtual register_set registers(int tid) = 0; // throws failure
@@ -68,9 +68,9 @@ public:
     auxiliary aux;
 };
 
-std::unique_ptr<source> attach_source(int pid);                                     // throws failure
+std::unique_ptr<source> attach_source(int pid);                                       // throws failure
 std::unique_ptr<source> core_source(const std::string &core, const std::string &exe); // throws failure
-std::unique_ptr<source> self_source();                                              // throws failure
+std::unique_ptr<source> self_source();                                                // throws failure
 
 // The auxiliary vector in `size` bytes at `bytes`, of words as wide as the target's.
 auxiliary parse_auxv(const uint8_t *bytes, size_t size, krv_activation_type_t target);

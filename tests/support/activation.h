@@ -42,7 +42,7 @@ struct function {
         const bytes first = record(head);
         const size_t width = eh ? 8 : word(); // .eh_frame without augmentation always has 8
         body.u32(eh ? first.size() + 4 : 0).uint(start, width).uint(size, width).add(fde);
-        return first + record(body) + bytes().u32(0);
+        return first + record(body) + bytes().fill(eh ? 4 : 0); // .eh_frame ends with a length of 0
     }
 };
 

@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <pthread.h>
+#include <sys/prctl.h>
 #include <unistd.h>
 
 #define NOINLINE __attribute__((noinline))
@@ -114,6 +115,36 @@ NOINLINE static void wait_for_child()
     }
 }
 
+// Says "x" for every signal.
+static void count_signal(int)
+{
+    if (write(1, "x", 1) != 1)
+        _exit(1);
+}
+
+NOINLINE static void count_signals()
+{
+    std::signal(SIGRTMIN, count_signal);
+    stay();
+}
+
+static void *end_at_once(void *)
+{
+    return nullptr;
+}
+
+NOINLINE static void keep_creating_threads()
+{
+    std::puts("ready");
+    std::fflush(stdout);
+    for (;;) {
+        pthread_t thread;
+        if (pthread_create(&thread, nullptr, end_at_once, nullptr) == 0)
+            pthread_detach(thread);
+        usleep(50);
+    }
+}
+
 NOINLINE static void crash(int levels)
 {
     if (levels > 0)
@@ -127,6 +158,7 @@ int main(int argc, char **argv)
 {
     const char *mode = argc > 1 ? argv[1] : "";
     const int number = argc > 2 ? std::atoi(argv[2]) : 0;
+    prctl(PR_SET_PTRACER, PR_SET_PTRACER_ANY); // the tests' oracles are not its parents
     if (std::strcmp(mode, "pause") == 0)
         stay();
     else if (std::strcmp(mode, "recurse") == 0)
@@ -141,6 +173,10 @@ int main(int argc, char **argv)
         sort_something();
     else if (std::strcmp(mode, "vfork") == 0)
         wait_for_child();
+    else if (std::strcmp(mode, "count") == 0)
+        count_signals();
+    else if (std::strcmp(mode, "create") == 0)
+        keep_creating_threads();
     else if (std::strcmp(mode, "crash") == 0)
         crash(number);
     return 1;

@@ -1,0 +1,233 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// Frame readers: which one serves a handle, the search for the FDE of an address, and instructions.
+#include "krv_eh_frame.h"
+#include "support/frame_builder.h"
+#include "support/handle.h"
+
+#include <algorithm>
+#include <cstdlib>
+#include <gtest/gtest.h>
+#include <numeric>
+#include <random>
+
+using namespace krv_test;
+
+static std::string lookup(krv_handle_t *hp, uint64_t address)
+{
+    const krv_fde_owner f(krv_get_fde_by_address(hp, address), {hp});
+    return f == nullptr ? error_line(hp) : text("0x%lx", f->sfde_target_address);
+}
+
+TEST(Frame, ReaderOfAHandle)
+{
+    handle h;
+    EXPECT_EQ(lookup(h, 0x1000), "NOTFOUND: .debug_frame not present | .eh_frame load address not set");
+    krv_reader_t *none = krv_get_reader(h);
+    EXPECT_EQ(krv_get_cie_by_offset(h, 0), nullptr);
+    EXPECT_EQ(korva_handle_get_errno(h), KRV_ERR_NOTFOUND);
+    EXPECT_EQ(krv_get_fde_by_offset(h, 0), nullptr);
+    EXPECT_EQ(korva_handle_get_errno(h), KRV_ERR_NOTFOUND);
+    uint64_t start, offset, next;
+    EXPECT_EQ(krv_get_fde_offset_by_address(h, 0, B_TRUE, &start, &offset, &next), -1);
+    EXPECT_EQ(korva_handle_get_errno(h), KRV_ERR_NOTFOUND);
+
+    // Chosen once; a new address space makes the next query choose again.
+    reader memory{.contents = eh_cie{}.build() + eh_fde{.address = 0x2000}.build(20).u32(0)};
+    korva_handle_set_opt(h, KRV_OPT_EH_FRAME_ADDR, uint64_t{0});
+    EXPECT_EQ(krv_get_reader(h), none);
+    EXPECT_TRUE(lookup(h, 0x2000).starts_with("NOTFOUND"));
+    korva_attach_as(h, reader::read, &memory);
+    EXPECT_EQ(lookup(h, 0x2000), "0x2000");
+    h.attach(KRV_SEC_FRAME, cie{}.build() + fde{}.build());
+    EXPECT_EQ(lookup(h, 0x2000), "0x2000");
+    krv_destroy_reader(h);
+    EXPECT_EQ(lookup(h, 0x2000), "NOTFOUND");
+    EXPECT_EQ(lookup(h, 0x1000), "0x1000");
+    krv_destroy_reader(h);
+    krv_destroy_reader(h);
+}
+
+// Any number of FDEs in any order, against a search that looks at each.
+TEST(Frame, LinearTable)
+{
+    for (unsigned count = 1; count <= 9; ++count) {
+        std::vector<uint64_t> order(count);
+        std::iota(order.begin(), order.end(), 1);
+        std::shuffle(order.begin(), order.end(), std::mt19937(count));
+        bytes section = cie{}.build();
+        for (const uint64_t place : order)
+            section += fde{.address = 0x100 * place, .range = 0x80}.build();
+        reader source{.contents = section};
+        handle h;
+        h.attach(KRV_SEC_FRAME, &source);
+        for (uint64_t address = 0; address < 0x100 * (count + 2); address += 0x20) {
+            const uint64_t expected = std::min(address / 0x100, uint64_t{count}) * 0x100;
+            uint64_t start = 0, offset = 0, next = 0;
+            const bool found = krv_get_fde_offset_by_address(h, address, B_FALSE, &start, &offset, &next) == 0;
+            ASSERT_EQ(found, expected != 0) << address;
+            EXPECT_EQ(start, expected);
+            EXPECT_TRUE(!found || next == start || next == start + 0x100) << next;
+            EXPECT_EQ(lookup(h, address).substr(0, 8),
+                      found && address < expected + 0x80 ? text("0x%lx", expected) : "NOTFOUND");
+        }
+        const unsigned reads = source.reads;
+        const krv_linear_t *lt = krv_get_reader(h)->sr_lt;
+        EXPECT_EQ(lookup(h, 0), "NOTFOUND"); // needs no read, and no other table
+        EXPECT_EQ(source.reads, reads);
+        EXPECT_EQ(krv_get_reader(h)->sr_lt, lt);
+        EXPECT_EQ(lt->sl_table_size, lt->sl_table_entries);
+    }
+}
+
+TEST(Frame, Extents)
+{
+    const std::string no_record = "CORRUPT: form DW_FORM_sec_offset requires 4 bytes;  0 remaining | "
+                                  "failed to read 4-byte unit_length | "
+                                  "failed to read FDE at offset 0x10 in .debug_frame";
+    const bytes gap = fde{}.build() + fde{.address = 0x1100, .range = 0x10}.build();
+    const bytes overlap = fde{.range = 0x101}.build() + fde{.address = 0x1100, .range = 0x10}.build();
+    const bytes last = fde{.address = UINT64_MAX - 0xf, .range = 0x10}.build();
+    const struct {
+        bytes fdes;
+        uint64_t address;
+        std::string outcome;
+    } rows[] = {
+        {gap, 0x1000, "0x1000"},
+        {gap, 0x10ff, "0x1000"},
+        {gap, 0x1100, "0x1100"},
+        {gap, 0x1110, "NOTFOUND"},
+        {gap, 0xfff, "NOTFOUND: "},
+        {overlap, 0x1100, "0x1100"}, // whoever asks of the last entry does not see the one before
+        {overlap, 0x10ff,
+         "CORRUPT: BST entry found for address 0x10ff is { address = 0x1000, offset = 0x10 } (next address is 0x1100) "
+         "but FDE covers range 0x1000..0x1100 | giving up"},
+        {last, UINT64_MAX, "0xfffffffffffffff0"},
+        {fde{.address = UINT64_MAX - 0xf, .range = 0x20}.build(), UINT64_MAX, "NOTFOUND"}, // beyond the last address
+        {fde{.range = 0}.build(), 0x1000, "NOTFOUND"},
+        {fde{.address = 0, .range = 0}.build(), 0x1000, "NOTFOUND"}, // not everything
+        {fde{.address = 0, .range = 0}.build(), 0, "NOTFOUND"},
+        {{}, 0x1000, no_record},
+    };
+    for (const auto &row : rows) {
+        handle h;
+        h.attach(KRV_SEC_FRAME, cie{}.build() + row.fdes);
+        lookup(h, 0); // the walk leaves messages
+        const std::string outcome = lookup(h, row.address);
+        EXPECT_EQ(outcome.substr(0, row.outcome.ends_with(": ") ? row.outcome.size() : outcome.size()), row.outcome);
+    }
+}
+
+// A reader whose records have any size at all.
+static uint64_t record_size;
+static unsigned cies_read;
+
+TEST(Frame, WalkEnds)
+{
+    static const krv_reader_ops_t ops = {
+        .sro_gcbo =
+            [](krv_handle_t *hp, krv_reader *, uint64_t) {
+                ++cies_read;
+                hp->sh_errno = KRV_ERR_NONE; // as every decoder does
+                auto *ciep = static_cast<krv_cie_t *>(calloc(1, sizeof(krv_cie_t)));
+                ciep->scie_section_length = record_size;
+                return ciep;
+            },
+        .sro_gfbo = [](krv_handle_t *, krv_reader *, uint64_t) -> krv_fde_t * { return nullptr; },
+        .sro_gfoba =
+            [](krv_handle_t *hp, krv_reader *, uint64_t, uint64_t *, uint64_t *, uint64_t *) {
+                hp->sh_errno = KRV_ERR_UNSUPPORTED;
+                return -1;
+            },
+        .sro_cie_free = [](krv_cie_t *ciep) { free(ciep); },
+        .sro_fde_free = [](krv_fde_t *) {},
+        .sro_destroy_reader = [](krv_reader *) {},
+    };
+    for (const uint64_t size : {uint64_t{0}, UINT64_MAX, uint64_t{1} << 63, UINT64_MAX / 3 + 1}) {
+        handle h;
+        krv_reader endless = {nullptr, &ops, nullptr};
+        h->sh_frame_reader = &endless;
+        record_size = size;
+        cies_read = 0;
+        EXPECT_EQ(lookup(h, 0x1000), "NOTFOUND");
+        EXPECT_LE(cies_read, 3U) << size;
+    }
+}
+
+// One instruction, as both readers decode it: "opcode first second" in hexadecimal, and how far the cursor went.
+TEST(Frame, Instructions)
+{
+    const std::string none = ";  0 remaining | ", unended = " datum unterminated by end of section | ";
+    const struct {
+        const char *stream;
+        std::string outcome;
+        uint64_t offset;
+    } rows[] = {
+        {"00 ff", "0 0 0", 1},
+        {"02 ff ff", "2 ff 0", 2},
+        {"03 34 12", "3 1234 0", 3},
+        {"04 78 56 34 92", "4 92345678 0", 5},
+        {"05 85 01 83 01", "5 85 83", 5},
+        {"06 80 01", "6 80 0", 3},
+        {"07 80 01", "7 80 0", 3},
+        {"08 80 01", "8 80 0", 3},
+        {"09 80 01 82 01", "9 80 82", 5},
+        {"0a ff", "a 0 0", 1},
+        {"0b ff", "b 0 0", 1},
+        {"0c 07 7f", "c 7 7f", 3},
+        {"0d 06 ff", "d 6 0", 2},
+        {"0e 7f ff", "e 7f 0", 2},
+        {"0f 01", "f 0 0", 1}, // the length of the block is not an operand
+        {"10 06 01", "10 6 0", 2},
+        {"11 06 7f", "11 6 ffffffffffffffff", 3},
+        {"12 06 7e", "12 6 fffffffffffffffe", 3},
+        {"13 7f ff", "13 ffffffffffffffff 0", 2},
+        {"14 06 7f", "14 6 7f", 3},
+        {"15 06 7f", "15 6 ffffffffffffffff", 3},
+        {"16 06 01", "16 6 0", 2},
+        {"17 ff", "17 0 0", 1},
+        {"2c ff", "2c 0 0", 1},
+        {"2d ff", "2d 0 0", 1},
+        {"2f ff", "2f 0 0", 1},
+        {"30 03 01", "30 3 0", 2},
+        {"40 ff", "40 0 0", 1},
+        {"7f ff", "40 3f 0", 1},
+        {"85 03", "80 5 3", 2},
+        {"bf 80 01", "80 3f 80", 3},
+        {"c5 03", "c0 5 0", 1},
+        {"31", "UNSUPPORTED: unknown instruction 0x31", 1},
+        {"3f", "UNSUPPORTED: unknown instruction 0x3f", 1},
+        {"", "CORRUPT: form DW_FORM_data1 requires 1 byte" + none + "unable to decode instruction", 0},
+        {"04 01 02 03", "CORRUPT: form DW_FORM_data4 requires 4 bytes;  3 remaining | failed to read operand 0", 1},
+        {"05", "CORRUPT: DW_FORM_udata" + unended + "failed to read operand 0", 1},
+        {"11 06", "CORRUPT: DW_FORM_sdata" + unended + "failed to read operand 1", 2},
+        {"85 80", "CORRUPT: DW_FORM_udata" + unended + "failed to read operand 1", 1},
+    };
+    for (const auto target : both_targets) {
+        handle h(target);
+        h.attach(KRV_SEC_FRAME, cie{}.build());
+        const krv_cie_owner debug(krv_get_cie_by_offset(h, 0), {h});
+        const krv_augmentation_ops_t eh_ops = {krv_eh_frame_aug_next_op};
+        const krv_augmentation_t eh = {&eh_ops};
+        krv_operation_t op;
+        for (const krv_augmentation_t *augp : {debug->scie_augmentation, &eh}) {
+            const auto next = [&](krv_fd_t *fdp) {
+                if (krv_frame_get_next_op(h, fdp, &op, augp, nullptr) != 0)
+                    return h.error();
+                return text("%x %lx %lx", op.opcode, op.operand[0].sa_u.su_unsigned, op.operand[1].sa_u.su_unsigned);
+            };
+            for (const auto &row : rows) {
+                krv_fd_t fd = h.cursor(bytes::hex(row.stream));
+                EXPECT_EQ(next(&fd), row.outcome) << row.stream;
+                EXPECT_EQ(fd.sfd_offset, row.offset) << row.stream;
+            }
+            for_each_cursor(h, bytes::hex("05 85 01 83 01"), [&](krv_fd_t *fdp, fault kind) {
+                const std::string outcome = next(fdp);
+                EXPECT_TRUE(kind == fault::none ? outcome == "5 85 83" : kind == fault::short_ || outcome[0] == 'I');
+            });
+        }
+        krv_fd_t fd = h.cursor(bytes::hex("01 f0 83 44 f5 86 87 88 89")); // the address is as wide as the target's
+        EXPECT_EQ(krv_frame_get_next_op(h, &fd, &op, debug->scie_augmentation, nullptr), 0);
+        EXPECT_EQ(op.operand[0].sa_u.su_unsigned, target == KRV_ACTIVATION_I386 ? 0xf54483f0 : 0x89888786f54483f0);
+    }
+}

@@ -1,0 +1,315 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// Walks of live processes, program counter by program counter as other tools have them, and of the test itself.
+#include "process.h"
+
+#include <csignal>
+#include <cstdlib>
+#include <dlfcn.h>
+#include <sys/ptrace.h>
+#include <unistd.h>
+#include <unwind.h>
+
+using namespace krv_test;
+
+namespace
+{
+
+struct stack_case {
+    const char *program;
+    const char *mode;
+    int number;
+    size_t threads;
+    size_t frames; // at least, of the main thread
+};
+
+void PrintTo(const stack_case &c, std::ostream *out)
+{
+    *out << c.program << "_" << c.mode;
+}
+
+class LiveWalk : public testing::TestWithParam<stack_case>
+{
+protected:
+    void SetUp() override
+    {
+        std::string why;
+        if (!may_trace(&why))
+            GTEST_SKIP() << why;
+    }
+};
+
+TEST_P(LiveWalk, IsWhatOtherToolsSay)
+{
+    const stack_case &c = GetParam();
+    const running_target target(c.program, c.mode, c.number);
+    ASSERT_TRUE(target.ready());
+    krv_elf_error_t error = {};
+    proc_ptr proc(korva_proc_attach(target.pid(), &error));
+    ASSERT_NE(proc, nullptr) << error.message;
+    const stacks ours = our_stacks(proc.get());
+    EXPECT_EQ(ours.size(), c.threads);
+    for (const auto &[tid, pcs] : ours) {
+        const walked w = walk_thread(proc.get(), tid);
+        EXPECT_EQ(w.end.reason, KRV_PROC_END_OUTERMOST) << w.end.message;
+        EXPECT_EQ(w.result, 0);
+        EXPECT_EQ(w.end.frames, pcs.size());
+        EXPECT_EQ(w.end.pc, pcs.back());
+    }
+    EXPECT_GE(ours.at(target.pid()).size(), c.frames);
+    proc.reset();
+    EXPECT_EQ(state_of(target.pid()), 'S');
+    EXPECT_EQ(status_of(target.pid(), "TracerPid"), "0");
+
+    const stacks theirs = eu_stacks("-p " + std::to_string(target.pid()));
+    if (theirs.empty())
+        GTEST_SKIP() << "eu-stack is missing, or could not read the process: nothing to compare with";
+    EXPECT_EQ(ours, theirs);
+}
+
+const stack_case stack_cases[] = {
+    {"target_o0", "pause", 0, 1, 6},           {"target_o0", "recurse", 1000, 1, 1005},
+    {"target_o0", "threads", 20, 21, 6},       {"target_o0", "callback", 0, 1, 9},
+    {"target_o2", "pause", 0, 1, 6},           {"target_o2", "recurse", 1000, 1, 1005},
+    {"target_o2", "threads", 20, 21, 6},       {"target_o2", "signal", 0, 1, 9},
+    {"target_o2", "altstack", 0, 1, 9},        {"target_o2", "callback", 0, 1, 9},
+    {"target_static", "threads", 20, 21, 6},   {"target_static", "signal", 0, 1, 9},
+    {"target_static", "callback", 0, 1, 9},    {"target_no_hdr", "callback", 0, 1, 9},
+    {"target_debug_frame", "threads", 3, 4, 6}, {"target_debug_frame", "signal", 0, 1, 9},
+};
+INSTANTIATE_TEST_SUITE_P(Stacks, LiveWalk, testing::ValuesIn(stack_cases));
+
+class LiveWalks : public LiveWalk
+{
+};
+
+TEST_F(LiveWalks, AreWhatGdbSays)
+{
+    const running_target threads("target_o2", "threads", 20);
+    const running_target signal("target_o2", "altstack");
+    for (const running_target *target : {&threads, &signal}) {
+        ASSERT_TRUE(target->ready());
+        krv_elf_error_t error = {};
+        proc_ptr proc(korva_proc_attach(target->pid(), &error));
+        ASSERT_NE(proc, nullptr) << error.message;
+        const stacks ours = our_stacks(proc.get());
+        proc.reset();
+        const stacks theirs = gdb_stacks(target->pid());
+        if (theirs.empty())
+            GTEST_SKIP() << "gdb is missing, or could not read the process: nothing to compare with";
+        EXPECT_EQ(ours, theirs);
+    }
+}
+
+// What holds of every frame of every walk.
+int check_frame(krv_proc_t *proc, const krv_proc_frame_t *frame, void *arg)
+{
+    auto *last = static_cast<krv_proc_frame_t *>(arg);
+    EXPECT_EQ(frame->lookup_pc, frame->index == 0 || frame->is_signal_frame || last->is_signal_frame ? frame->pc
+                                                                                                      : frame->pc - 1);
+    EXPECT_EQ(frame->module, korva_proc_find_module(proc, frame->lookup_pc));
+    EXPECT_NE(frame->handle, nullptr);
+    krv_greg_t cfa = 0, caller_sp = 0;
+    EXPECT_EQ(korva_activation_get_greg(frame->handle, frame->activation, KRV_ACTIVATION_REG_LIBRARY,
+                                        KRV_ACTIVATION_FRAME_CURRENT, KRV_REG_CFA, &cfa),
+              0);
+    EXPECT_EQ(static_cast<uint64_t>(cfa), frame->cfa);
+    EXPECT_EQ(korva_activation_get_greg(frame->handle, frame->activation, KRV_ACTIVATION_REG_DWARF,
+                                        KRV_ACTIVATION_FRAME_CALLER, 7, &caller_sp),
+              0);
+    if (!frame->is_signal_frame) {
+        EXPECT_EQ(caller_sp, cfa);
+    }
+    krv_greg_t value = 0;
+    const int has_xmm = korva_activation_get_greg(frame->handle, frame->activation, KRV_ACTIVATION_REG_DWARF,
+                                                  KRV_ACTIVATION_FRAME_CURRENT, 17, &value);
+    EXPECT_EQ(has_xmm == 0, frame->index == 0) << "floating-point registers are those of the topmost frame";
+    *last = *frame;
+    return 0;
+}
+
+TEST_F(LiveWalks, FramesAreSound)
+{
+    for (const char *mode : {"signal", "altstack", "callback"}) {
+        const running_target target("target_o2", mode);
+        ASSERT_TRUE(target.ready());
+        const proc_ptr proc(korva_proc_attach(target.pid(), nullptr));
+        ASSERT_NE(proc, nullptr);
+        krv_proc_frame_t last = {};
+        EXPECT_EQ(korva_proc_walk(proc.get(), target.pid(), 0, check_frame, &last, nullptr), 0);
+        size_t trampolines = 0;
+        for (const krv_proc_frame_t &frame : walk_thread(proc.get(), target.pid()).frames)
+            trampolines += frame.is_signal_frame ? 1U : 0U;
+        EXPECT_EQ(trampolines, mode == std::string("callback") ? 0U : 1U);
+    }
+}
+
+TEST_F(LiveWalks, EndForTheReasonTheyGive)
+{
+    const running_target target("target_o0", "recurse", 50);
+    ASSERT_TRUE(target.ready());
+    const proc_ptr proc(korva_proc_attach(target.pid(), nullptr));
+    ASSERT_NE(proc, nullptr);
+    const walked whole = walk_thread(proc.get(), target.pid());
+    const size_t all = whole.frames.size();
+
+    const walked limited = walk_thread(proc.get(), target.pid(), 10);
+    EXPECT_EQ(limited.end.reason, KRV_PROC_END_LIMIT);
+    EXPECT_EQ(limited.frames.size(), 10U);
+    EXPECT_EQ(limited.end.pc, whole.frames[9].pc);
+    EXPECT_EQ(walk_thread(proc.get(), target.pid(), static_cast<unsigned>(all)).end.reason, KRV_PROC_END_OUTERMOST);
+
+    krv_proc_end_t end = {};
+    EXPECT_EQ(korva_proc_walk(proc.get(), target.pid(), 0,
+                              [](krv_proc_t *, const krv_proc_frame_t *f, void *) { return f->index == 3 ? 77 : 0; },
+                              nullptr, &end),
+              77);
+    EXPECT_EQ(end.reason, KRV_PROC_END_STOPPED);
+    EXPECT_EQ(end.frames, 4U);
+
+    const walked nobody = walk_thread(proc.get(), 1);
+    EXPECT_EQ(nobody.result, -1);
+    EXPECT_EQ(nobody.end.reason, KRV_PROC_END_ERROR);
+    EXPECT_NE(std::string(nobody.end.message).find("no thread 1"), std::string::npos) << nobody.end.message;
+}
+
+TEST_F(LiveWalks, MayBeNested)
+{
+    const running_target target("target_o0", "pause");
+    ASSERT_TRUE(target.ready());
+    const proc_ptr proc(korva_proc_attach(target.pid(), nullptr));
+    ASSERT_NE(proc, nullptr);
+    struct context {
+        int tid;
+        std::vector<uint64_t> outer, inner;
+    } c = {target.pid(), {}, {}};
+    korva_proc_walk(
+        proc.get(), c.tid, 0,
+        [](krv_proc_t *p, const krv_proc_frame_t *frame, void *arg) {
+            auto *both = static_cast<context *>(arg);
+            both->outer.push_back(frame->pc);
+            both->inner = walk_thread(p, both->tid).pcs();
+            return 0;
+        },
+        &c, nullptr);
+    EXPECT_EQ(c.outer, c.inner);
+}
+
+// The test itself.
+
+_Unwind_Reason_Code keep_ip(_Unwind_Context *context, void *arg)
+{
+    if (const uint64_t ip = _Unwind_GetIP(context); ip != 0)
+        static_cast<std::vector<uint64_t> *>(arg)->push_back(ip);
+    return _URC_NO_REASON;
+}
+
+struct own_stacks {
+    krv_proc_t *proc;
+    walked ours;
+    std::vector<uint64_t> theirs;
+};
+
+[[gnu::noinline]] void capture(own_stacks *s)
+{
+    s->ours = walk_thread(s->proc, 0);
+    _Unwind_Backtrace(keep_ip, &s->theirs);
+}
+
+[[gnu::noinline]] int capture_below(int levels, own_stacks *s)
+{
+    volatile int left = levels;
+    if (levels == 0)
+        capture(s);
+    else
+        capture_below(levels - 1, s);
+    return left;
+}
+
+// From where both are the same: frames of the functions that captured them differ.
+std::vector<uint64_t> tail(const std::vector<uint64_t> &pcs, size_t count)
+{
+    return {pcs.end() - static_cast<ptrdiff_t>(std::min(count, pcs.size())), pcs.end()};
+}
+
+TEST(OwnWalk, IsThatOfTheUnwinder)
+{
+    const proc_ptr proc(korva_proc_self(nullptr));
+    ASSERT_NE(proc, nullptr);
+    own_stacks s = {proc.get(), {}, {}};
+    capture_below(20, &s);
+    EXPECT_EQ(s.ours.end.reason, KRV_PROC_END_OUTERMOST) << s.ours.end.message;
+    ASSERT_GT(s.theirs.size(), 25U);
+    EXPECT_EQ(tail(s.ours.pcs(), s.theirs.size() - 1), tail(s.theirs, s.theirs.size() - 1));
+
+    Dl_info first = {}, expected = {};
+    ASSERT_NE(dladdr(reinterpret_cast<void *>(s.ours.frames.at(0).pc), &first), 0);
+    ASSERT_NE(dladdr(reinterpret_cast<void *>(walk_thread), &expected), 0);
+    EXPECT_EQ(first.dli_fbase, expected.dli_fbase) << "the first frame is the caller's, not the library's";
+    EXPECT_EQ(s.ours.frames.size(), s.theirs.size() + 1) << "walk_thread, and then capture";
+}
+
+own_stacks *in_handler;
+
+void handle(int, siginfo_t *, void *context)
+{
+    korva_proc_walk_context(
+        in_handler->proc, context, 0,
+        [](krv_proc_t *, const krv_proc_frame_t *frame, void *arg) {
+            static_cast<walked *>(arg)->frames.push_back(*frame);
+            return 0;
+        },
+        &in_handler->ours, &in_handler->ours.end);
+    _Unwind_Backtrace(keep_ip, &in_handler->theirs);
+}
+
+TEST(OwnWalk, BeginsWhereASignalInterrupted)
+{
+    const proc_ptr proc(korva_proc_self(nullptr));
+    ASSERT_NE(proc, nullptr);
+    own_stacks s = {proc.get(), {}, {}};
+    in_handler = &s;
+    struct sigaction action = {}, before = {};
+    action.sa_sigaction = handle;
+    action.sa_flags = SA_SIGINFO;
+    sigaction(SIGUSR1, &action, &before);
+    raise(SIGUSR1);
+    sigaction(SIGUSR1, &before, nullptr);
+    EXPECT_EQ(s.ours.end.reason, KRV_PROC_END_OUTERMOST) << s.ours.end.message;
+    ASSERT_GT(s.ours.frames.size(), 3U);
+    EXPECT_EQ(s.ours.pcs(), tail(s.theirs, s.ours.frames.size()));
+}
+
+TEST(OwnWalk, SeesLibrariesLoadedSince)
+{
+    const proc_ptr proc(korva_proc_self(nullptr));
+    ASSERT_NE(proc, nullptr);
+    void *library = dlopen("libBrokenLocale.so.1", RTLD_NOW);
+    if (library == nullptr)
+        GTEST_SKIP() << "a small library to load is missing: " << dlerror();
+    Dl_info info = {};
+    ASSERT_NE(dladdr(dlsym(library, "__ctype_get_mb_cur_max"), &info), 0);
+    const auto base = reinterpret_cast<uint64_t>(info.dli_fbase);
+    EXPECT_EQ(korva_proc_find_module(proc.get(), base), nullptr);
+    const krv_proc_module_t *own = korva_proc_find_module(proc.get(), reinterpret_cast<uint64_t>(&handle));
+    ASSERT_EQ(korva_proc_refresh(proc.get(), nullptr), 0);
+    const krv_proc_module_t *fresh = korva_proc_find_module(proc.get(), base);
+    ASSERT_NE(fresh, nullptr);
+    EXPECT_STREQ(fresh->path, realpath(info.dli_fname, nullptr));
+    EXPECT_EQ(korva_proc_find_module(proc.get(), reinterpret_cast<uint64_t>(&handle)), own) << "records stay";
+    dlclose(library);
+    ASSERT_EQ(korva_proc_refresh(proc.get(), nullptr), 0);
+    EXPECT_EQ(korva_proc_find_module(proc.get(), base), nullptr);
+    EXPECT_NE(std::string(fresh->path).find("libBrokenLocale"), std::string::npos) << "also those of modules unloaded";
+}
+
+TEST(OwnWalk, HasNoRegistersOfOtherThreads)
+{
+    const proc_ptr proc(korva_proc_self(nullptr));
+    ASSERT_NE(proc, nullptr);
+    const walked w = walk_thread(proc.get(), 1);
+    EXPECT_EQ(w.result, -1);
+    EXPECT_NE(std::string(w.end.message).find("is running"), std::string::npos) << w.end.message;
+}
+
+} // namespace

@@ -1,0 +1,192 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "process.h"
+
+#include <array>
+#include <cerrno>
+#include <csignal>
+#include <cstdio>
+#include <cstring>
+#include <fcntl.h>
+#include <fstream>
+#include <poll.h>
+#include <sstream>
+#include <sys/prctl.h>
+#include <sys/ptrace.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+namespace krv_test
+{
+
+namespace
+{
+
+constexpr int SOME_SECONDS = 20'000; // milliseconds: the machine may be busy
+
+// Reads up to and including "ready\n".
+bool read_ready(int fd)
+{
+    std::string text;
+    char c = 0;
+    pollfd waiting = {fd, POLLIN, 0};
+    while (poll(&waiting, 1, SOME_SECONDS) == 1 && read(fd, &c, 1) == 1)
+        if ((text += c) == "ready\n")
+            return true;
+    return false;
+}
+
+void run_target(const std::string &program, const std::string &mode, const std::string &number, int out)
+{
+    prctl(PR_SET_PDEATHSIG, SIGKILL);
+    setpgid(0, 0);
+    dup2(out, STDOUT_FILENO);
+    execl(program.c_str(), program.c_str(), mode.c_str(), number.c_str(), nullptr);
+    _exit(127);
+}
+
+int keep_pc(krv_proc_t *, const krv_proc_frame_t *frame, void *arg)
+{
+    auto *w = static_cast<walked *>(arg);
+    w->frames.push_back(*frame);
+    w->frames.back().activation = nullptr;
+    w->frames.back().handle = nullptr;
+    return 0;
+}
+
+// "TID 12:" and "#0  0x00007f..." lines, of both tools.
+stacks parse_stacks(const std::string &text)
+{
+    stacks all;
+    std::istringstream lines(text);
+    int tid = 0;
+    for (std::string line; std::getline(lines, line);) {
+        unsigned index = 0;
+        unsigned long long pc = 0;
+        if (std::sscanf(line.c_str(), "TID %d", &tid) == 1)
+            all[tid];
+        else if (std::sscanf(line.c_str(), "#%u %llx", &index, &pc) == 2)
+            all[tid].push_back(pc);
+    }
+    return all;
+}
+
+} // namespace
+
+std::string target_path(const std::string &name)
+{
+    return std::string(KORVA_TARGETS) + "/" + name;
+}
+
+running_target::running_target(const std::string &program, const std::string &mode, int number)
+{
+    const std::string path = program.find('/') == std::string::npos ? target_path(program) : program;
+    const std::string count = std::to_string(number);
+    int ends[2];
+    if (pipe2(ends, O_CLOEXEC) != 0)
+        return;
+    process = fork();
+    if (process == 0)
+        run_target(path, mode, count, ends[1]);
+    close(ends[1]);
+    from = ends[0];
+    in_position = read_ready(from) && (mode == "create" || wait_for_state(mode == "vfork" ? 'D' : 'S'));
+}
+
+running_target::~running_target()
+{
+    close(from);
+    if (process > 0) {
+        kill(-process, SIGKILL);
+        waitpid(process, nullptr, 0);
+    }
+}
+
+bool running_target::wait_for_state(char state) const
+{
+    for (int waited = 0; waited < SOME_SECONDS; waited += 10) {
+        if (state_of(process) == state)
+            return true;
+        usleep(10'000);
+    }
+    return false;
+}
+
+std::string status_of(int id, const std::string &field)
+{
+    std::ifstream in("/proc/" + std::to_string(id) + "/status");
+    for (std::string line; std::getline(in, line);)
+        if (line.starts_with(field + ":"))
+            return line.substr(line.find_first_not_of(" \t", field.size() + 1));
+    return "";
+}
+
+char state_of(int id)
+{
+    const std::string state = status_of(id, "State");
+    return state.empty() ? '\0' : state[0];
+}
+
+bool may_trace(std::string *why)
+{
+    const int child = fork();
+    if (child == 0)
+        for (;;)
+            pause();
+    const bool seized = ptrace(PTRACE_SEIZE, child, nullptr, nullptr) == 0;
+    *why = std::string("this system does not let us trace a child: ") + std::strerror(errno);
+    kill(child, SIGKILL);
+    waitpid(child, nullptr, 0);
+    return seized;
+}
+
+std::string output_of(const std::string &command)
+{
+    std::string text;
+    FILE *pipe = popen((command + " 2>/dev/null").c_str(), "r");
+    std::array<char, 4096> piece;
+    for (size_t got = 0; pipe != nullptr && (got = fread(piece.data(), 1, piece.size(), pipe)) != 0;)
+        text.append(piece.data(), got);
+    return pipe != nullptr && pclose(pipe) == 0 ? text : "";
+}
+
+stacks eu_stacks(const std::string &arguments)
+{
+    return parse_stacks(output_of("eu-stack -n 0 " + arguments));
+}
+
+stacks gdb_stacks(int pid)
+{
+    return parse_stacks(output_of("gdb -nx -batch -iex 'set debuginfod enabled off' -iex 'set backtrace past-main on' "
+                                  "-iex 'set backtrace past-entry on' -p " +
+                                  std::to_string(pid) + " -x '" KORVA_TEST_SOURCES "/stacks.gdb.py'"));
+}
+
+walked walk_thread(krv_proc_t *proc, int tid, unsigned int max_frames)
+{
+    walked w;
+    w.result = korva_proc_walk(proc, tid, max_frames, keep_pc, &w, &w.end);
+    return w;
+}
+
+std::vector<uint64_t> walked::pcs() const
+{
+    std::vector<uint64_t> all;
+    for (const krv_proc_frame_t &frame : frames)
+        all.push_back(frame.pc);
+    return all;
+}
+
+stacks our_stacks(krv_proc_t *proc)
+{
+    stacks all;
+    korva_proc_iter_threads(
+        proc,
+        [](krv_proc_t *p, const krv_proc_thread_t *thread, void *arg) {
+            (*static_cast<stacks *>(arg))[thread->tid] = walk_thread(p, thread->tid).pcs();
+            return 0;
+        },
+        &all);
+    return all;
+}
+
+} // namespace krv_test
