@@ -31,6 +31,9 @@ public:
     // The module's file. Throws failure, every time the same.
     krv_elf_t *elf();
 
+    // Why elf() failed, when it was called and did; else "".
+    std::string file_problem() const { return file_failure ? file_failure->what() : ""; }
+
     // The handle that reads .eh_frame in memory. Throws failure.
     krv_handle_t *handle();
 

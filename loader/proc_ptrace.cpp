@@ -23,13 +23,20 @@ namespace krv_elf_loader
 namespace
 {
 
-constexpr int LOOKS_AT_SLEEPERS = 50; // in all, LOOK_INTERVAL apart: half a second
-constexpr long LOOK_INTERVAL = 10'000'000;
+constexpr long LOOK_INTERVAL = 5'000'000; // nanoseconds
+constexpr int LOOKS_AT_SLEEPERS = 100;    // in all: half a second
+constexpr int LOOKS_AT_THE_DYING = 400;   // two seconds; they need a few milliseconds
 constexpr int MOST_PASSES = 1000; // over the list of threads, until two of them bring nothing new
 
 struct directory_closer {
     void operator()(DIR *d) const { closedir(d); }
 };
+
+void rest()
+{
+    const timespec pause = {0, LOOK_INTERVAL};
+    nanosleep(&pause, nullptr);
+}
 
 [[noreturn]] void cannot_attach(int pid, int tid, int error)
 {
@@ -112,8 +119,7 @@ bool stopped_process::wait_while_uninterruptible(int tid)
     while (read_state(tid) == 'D') {
         if (patience-- <= 0)
             return false;
-        const timespec pause = {0, LOOK_INTERVAL};
-        nanosleep(&pause, nullptr);
+        rest();
     }
     return true;
 }
@@ -135,10 +141,12 @@ bool stopped_process::take(int tid)
     tracees.push_back({tid, false, 0}); // from here on let_go knows it
     if (ptrace(PTRACE_INTERRUPT, tid, nullptr, nullptr) == 0 && wait_for_stop(&tracees.back()))
         return true;
+    bury(tid);
     tracees.pop_back();
     return false;
 }
 
+// False when the thread has ended.
 bool stopped_process::wait_for_stop(tracee *t)
 {
     // Peeks first: the end of a process that is our child is for its owner in this program to collect.
@@ -147,31 +155,30 @@ bool stopped_process::wait_for_stop(tracee *t)
         if (errno != EINTR)
             return false;
     int status = 0;
-    if (info.si_code == CLD_TRAPPED || info.si_code == CLD_STOPPED) {
-        if (waitpid(t->tid, &status, __WALL | WNOHANG) != t->tid || !WIFSTOPPED(status))
-            return false;
-        // Not the stop that PTRACE_INTERRUPT asked for but a signal on its way: it is delivered when we let go.
-        t->signal = status >> 16 == 0 ? WSTOPSIG(status) : 0;
-        t->stopped = true;
-        return true;
-    }
-    bury(t->tid);
-    return false;
+    if ((info.si_code != CLD_TRAPPED && info.si_code != CLD_STOPPED) ||
+        waitpid(t->tid, &status, __WALL | WNOHANG) != t->tid || !WIFSTOPPED(status))
+        return false;
+    // Not the stop that PTRACE_INTERRUPT asked for but a signal on its way: it is delivered when we let go.
+    t->signal = status >> 16 == 0 ? WSTOPSIG(status) : 0;
+    t->stopped = true;
+    return true;
 }
 
-// Collects a thread that ended while it was traced, without which its process could not end.
+// Collects a thread that has ended, or is about to, while it is traced: without that its process could not end.
 void stopped_process::bury(int tid) const
 {
-    const bool our_child = tid == pid && read_status_number(pid, "PPid") == getpid();
-    if (!our_child)
-        waitpid(tid, nullptr, __WALL | WNOHANG);
+    if (tid == pid && read_status_number(pid, "PPid") == getpid())
+        return;
+    for (int look = 0; look < LOOKS_AT_THE_DYING && waitpid(tid, nullptr, __WALL | WNOHANG) == 0; ++look)
+        rest();
 }
 
 void stopped_process::let_go()
 {
-    for (const tracee &t : tracees)
-        if (t.stopped && ptrace(PTRACE_DETACH, t.tid, nullptr, reinterpret_cast<void *>(intptr_t{t.signal})) != 0)
-            bury(t.tid); // killed meanwhile
+    // The main thread last: its end is told when all others have been collected.
+    for (auto t = tracees.rbegin(); t != tracees.rend(); ++t)
+        if (t->stopped && ptrace(PTRACE_DETACH, t->tid, nullptr, reinterpret_cast<void *>(intptr_t{t->signal})) != 0)
+            bury(t->tid); // it was killed meanwhile
     tracees.clear();
 }
 

@@ -196,8 +196,11 @@ departure walk::leave(const place &at, const register_set &registers, krv_proc_f
     }
     departure out = leave_by(at.module->handle(), at.lookup_pc, registers, frame);
     krv_handle_t *debug_frame = out.kind == departure::no_fde ? at.module->debug_frame_handle() : nullptr;
-    if (debug_frame == nullptr)
+    if (debug_frame == nullptr) {
+        if (out.kind == departure::no_fde && !at.module->file_problem().empty())
+            out.message += " (" + at.module->file_problem() + ")";
         return out;
+    }
     return leave_by(debug_frame, at.lookup_pc - at.module->shown().bias, registers, frame);
 }
 

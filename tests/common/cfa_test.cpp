@@ -162,7 +162,7 @@ TEST(Cfa, RegistersAreChecked)
               "FDE NONE: register 67 out of range for DW_CFA_register @3");
 
     // The packed instructions reach as far as 63; 32-bit x86 ends at 49.
-    stopped narrow({.target = KRV_ACTIVATION_I386, .fde = op(DW_CFA_restore, 63), .column = 8});
+    stopped narrow({.target = KRV_ACTIVATION_I386, .rows = op(DW_CFA_restore, 63), .column = 8});
     EXPECT_EQ(narrow.caller(0), "NONE: register 63 out of range for DW_CFA_restore | error at offset 1 in instruction "
                                 "stream | failed to generate FDE's rules");
 }

@@ -24,7 +24,8 @@ function framed(krv_activation_type_t target, const bytes &more = {}, bool eh = 
 {
     const bool wide = target == KRV_ACTIVATION_AMD64;
     function f{.target = target, .column = wide ? 16U : 8U, .eh = eh};
-    f.cie = op(DW_CFA_def_cfa).uleb(wide ? 7 : 4).uleb(5 * f.word()).add(op(DW_CFA_offset, f.column).uleb(1)).add(more);
+    f.initial =
+        op(DW_CFA_def_cfa).uleb(wide ? 7 : 4).uleb(5 * f.word()).add(op(DW_CFA_offset, f.column).uleb(1)).add(more);
     return f;
 }
 
@@ -80,8 +81,12 @@ TEST(Unwind, Widths)
     // Registers wider and narrower than a word, and one without storage, for which nothing is read.
     stopped s(framed(KRV_ACTIVATION_AMD64, op(DW_CFA_offset, 17).uleb(3) + op(DW_CFA_val_offset).uleb(18).uleb(1) +
                                                op(DW_CFA_offset_extended).uleb(65).uleb(3) +
-                                               op(DW_CFA_offset, 62).uleb(9999)));
-    const std::pair<unsigned int, const char *> wide[] = {{17, "3303 4404"}, {18, "7020 0"}, {65, "3303 1"}};
+                                               op(DW_CFA_offset, 62).uleb(9999) +
+                                               op(DW_CFA_register).uleb(19).uleb(2)));
+    s.load(2, 5);
+    s.load(0, 7); // the next slot, not to be copied
+    const std::pair<unsigned int, const char *> wide[] = {
+        {17, "3303 4404"}, {18, "7020 0"}, {19, "5 0"}, {65, "3303 1"}};
     for (const auto &[reg, expected] : wide) {
         uint64_t halves[2] = {0, 1};
         EXPECT_EQ(korva_activation_get_reg(s.h, s.ap.get(), DWARF, CALLER, reg, halves, 16), 0);
@@ -96,7 +101,7 @@ TEST(Unwind, Widths)
     high.load(4, 0xfffffffc);
     high.memory.base = 0;
     EXPECT_EQ(high.caller(4) + " " + high.caller(3), "10 3303");
-    f.cie = op(DW_CFA_def_cfa_sf).uleb(4).sleb(2) + saved;
+    f.initial = op(DW_CFA_def_cfa_sf).uleb(4).sleb(2) + saved;
     stopped low(f);
     low.load(4, 4);
     low.memory.base = 0xfffffff4;
@@ -106,7 +111,7 @@ TEST(Unwind, Widths)
 TEST(Unwind, Cfa)
 {
     const auto cfa = [](const bytes &instructions) {
-        stopped s({.cie = instructions, .column = 3}); // %rbx stays
+        stopped s({.initial = instructions, .column = 3}); // %rbx stays
         s.load(3, 0x44);
         const std::string rsp = s.caller(7);
         return rsp == "NOTFOUND: register not present (7)" ? s.caller_pc() : rsp;
@@ -139,7 +144,7 @@ TEST(Unwind, Outcomes)
     const spoiler no_stack = [](stopped &s) {
         korva_handle_set_opt(s.h, KRV_OPT_EXPR_STACK_SIZE, 0UL);
         s.ap.reset(korva_activation_alloc(s.h));
-        s.load(7, stopped::stack);
+        s.load(7, stack_address);
         s.load_pc(0x1000);
     };
     const spoiler bad_rule = [](stopped &s) { s.ap->sa_default[3].desc = KRV_CFA_RULE_MAX; };
@@ -201,19 +206,22 @@ TEST(Unwind, Walk)
             const unsigned int sp = wide ? 7 : 4, fp = wide ? 6 : 5;
             function f{.target = target, .column = wide ? 16U : 8U, .eh = eh};
             const auto w = static_cast<unsigned int>(f.word());
-            f.cie = op(DW_CFA_def_cfa).uleb(sp).uleb(2 * w) + op(DW_CFA_offset, f.column).uleb(1) +
-                    op(DW_CFA_offset, fp).uleb(2);
+            f.initial = op(DW_CFA_def_cfa).uleb(sp).uleb(2 * w) + op(DW_CFA_offset, f.column).uleb(1) +
+                        op(DW_CFA_offset, fp).uleb(2);
             stopped s(f);
             const uint64_t words[] = {0x7111, 0x1020, 0x7222, 0x1030, 0x7333, 0x2000};
             for (size_t i = 0; i < std::size(words); ++i)
                 s.memory.contents.set(i * w, words[i], w);
             s.load(fp, 0x7000);
+            s.load(0, 0x99); // %rax, %eax: of the first frame only
             std::string walk;
             do {
                 krv_gregset_t set;
                 uint64_t mask = 0;
                 ASSERT_EQ(korva_activation_get_gregs(s.h, s.ap.get(), CURRENT, &set, &mask), 0);
-                EXPECT_EQ(mask & 1U << KRV_HOST_RBP, 1U << KRV_HOST_RBP);
+                EXPECT_EQ(mask >> KRV_HOST_RBP & 1, 1U);
+                EXPECT_EQ(mask >> KRV_HOST_RAX & 1, walk.empty() ? 1U : 0U);
+                EXPECT_EQ(set[KRV_HOST_RAX], walk.empty() ? 0x99 : 0);
                 walk += s.get(CURRENT, LIBRARY, KRV_REG_PC) +
                         text(" %lx %lx; ", set[KRV_HOST_RSP] - 0x7000, set[KRV_HOST_RBP]);
             } while (korva_activation_unwind(s.h, s.ap.get()) == 0);
@@ -229,10 +237,10 @@ TEST(Unwind, Arguments)
         return op(DW_CFA_VESK_arg_loc).uleb(n) + block(location);
     };
     function f = framed(KRV_ACTIVATION_AMD64);
-    f.cie += op(DW_CFA_same_value).uleb(5) + arg(1, op(DW_OP_reg5)) + arg(3, op(DW_OP_breg7).sleb(8)) +
-             arg(4, op(DW_OP_fbreg).sleb(-16)) + arg(5, op(DW_OP_lit5) + op(DW_OP_stack_value)) +
-             arg(6, op(DW_OP_reg5) + op(DW_OP_piece).uleb(2) + op(DW_OP_piece).uleb(2)) +
-             arg(7, op(DW_OP_implicit_value) + block(bytes::hex("0a0b0c")));
+    f.initial += op(DW_CFA_same_value).uleb(5) + arg(1, op(DW_OP_reg5)) + arg(3, op(DW_OP_breg7).sleb(8)) +
+                 arg(4, op(DW_OP_fbreg).sleb(-16)) + arg(5, op(DW_OP_lit5) + op(DW_OP_stack_value)) +
+                 arg(6, op(DW_OP_reg5) + op(DW_OP_piece).uleb(2) + op(DW_OP_piece).uleb(2)) +
+                 arg(7, op(DW_OP_implicit_value) + block(bytes::hex("0a0b0c")));
     const struct {
         unsigned int n;
         bool fp; // whether the frame pointer has a value
@@ -291,6 +299,7 @@ TEST(Unwind, Arguments)
     }
 
     stopped s(framed(KRV_ACTIVATION_AMD64));
+    s.ap->sa_args.sa_argc = 7; // left by another function
     uint8_t byte = 0;
     uint64_t count = 0;
     EXPECT_EQ(korva_activation_get_argv(s.h, s.ap.get(), 1, &byte, &byte, &byte, 1, &count), -1);

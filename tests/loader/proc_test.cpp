@@ -83,7 +83,7 @@ TEST_F(Process, StoppedOneStaysStopped)
     proc.reset();
     for (const auto &task : fs::directory_iterator("/proc/" + std::to_string(target.pid()) + "/task")) {
         const int tid = std::stoi(task.path().filename());
-        EXPECT_EQ(state_of(tid), 'T') << "and not traced";
+        EXPECT_TRUE(wait_for_state(tid, 'T')) << "and not traced";
         EXPECT_EQ(status_of(tid, "TracerPid"), "0");
     }
     kill(target.pid(), SIGCONT);
@@ -214,12 +214,9 @@ TEST_F(Process, RefusalsSayWhy)
         int pid, code;
         const char *text;
     } cases[] = {
-        {0, KRV_ELF_ERR_NOTFOUND, "no such process"},
-        {-1, KRV_ELF_ERR_NOTFOUND, "no such process"},
-        {0x7ffffff0, KRV_ELF_ERR_NOTFOUND, "no such process"},
-        {dead, KRV_ELF_ERR_NOTFOUND, "it has ended"},
-        {getpid(), KRV_ELF_ERR_SYSTEM, "the calling process"},
-        {target.pid(), KRV_ELF_ERR_SYSTEM, "traces it"},
+        {0, KRV_ELF_ERR_NOTFOUND, "no such process"},          {-1, KRV_ELF_ERR_NOTFOUND, "no such process"},
+        {0x7ffffff0, KRV_ELF_ERR_NOTFOUND, "no such process"}, {dead, KRV_ELF_ERR_NOTFOUND, "it has ended"},
+        {getpid(), KRV_ELF_ERR_SYSTEM, "the calling process"}, {target.pid(), KRV_ELF_ERR_SYSTEM, "traces it"},
     };
     for (const auto &c : cases) {
         krv_elf_error_t told = {};
@@ -338,10 +335,12 @@ TEST_F(Process, ModulesAreThoseMapped)
             elf,
             [](krv_elf_t *, const krv_elf_section_t *section, void *arg) {
                 const auto *module = static_cast<const krv_proc_module_t *>(arg);
-                if (section->name == std::string(".eh_frame"))
+                if (section->name == std::string(".eh_frame")) {
                     EXPECT_EQ(module->eh_frame, module->bias + section->address) << module->path;
-                if (section->name == std::string(".eh_frame_hdr"))
+                }
+                if (section->name == std::string(".eh_frame_hdr")) {
                     EXPECT_EQ(module->eh_frame_hdr, module->bias + section->address) << module->path;
+                }
                 return 0;
             },
             const_cast<krv_proc_module_t *>(m));
@@ -416,14 +415,14 @@ TEST(Registers, TakeTheirPlaces)
         unsigned host;
         unsigned long long value;
     } amd64[] = {
-        {KRV_HOST_RAX, from.rax},       {KRV_HOST_RBX, from.rbx},       {KRV_HOST_RCX, from.rcx},
-        {KRV_HOST_RDX, from.rdx},       {KRV_HOST_RSI, from.rsi},       {KRV_HOST_RDI, from.rdi},
-        {KRV_HOST_RBP, from.rbp},       {KRV_HOST_RSP, from.rsp},       {KRV_HOST_R8, from.r8},
-        {KRV_HOST_R9, from.r9},         {KRV_HOST_R10, from.r10},       {KRV_HOST_R11, from.r11},
-        {KRV_HOST_R12, from.r12},       {KRV_HOST_R13, from.r13},       {KRV_HOST_R14, from.r14},
-        {KRV_HOST_R15, from.r15},       {KRV_HOST_RIP, from.rip},       {KRV_HOST_RFLAGS, from.eflags},
-        {KRV_HOST_CS, from.cs},         {KRV_HOST_SS, from.ss},         {KRV_HOST_DS, from.ds},
-        {KRV_HOST_ES, from.es},         {KRV_HOST_FS, from.fs},         {KRV_HOST_GS, from.gs},
+        {KRV_HOST_RAX, from.rax},        {KRV_HOST_RBX, from.rbx},        {KRV_HOST_RCX, from.rcx},
+        {KRV_HOST_RDX, from.rdx},        {KRV_HOST_RSI, from.rsi},        {KRV_HOST_RDI, from.rdi},
+        {KRV_HOST_RBP, from.rbp},        {KRV_HOST_RSP, from.rsp},        {KRV_HOST_R8, from.r8},
+        {KRV_HOST_R9, from.r9},          {KRV_HOST_R10, from.r10},        {KRV_HOST_R11, from.r11},
+        {KRV_HOST_R12, from.r12},        {KRV_HOST_R13, from.r13},        {KRV_HOST_R14, from.r14},
+        {KRV_HOST_R15, from.r15},        {KRV_HOST_RIP, from.rip},        {KRV_HOST_RFLAGS, from.eflags},
+        {KRV_HOST_CS, from.cs},          {KRV_HOST_SS, from.ss},          {KRV_HOST_DS, from.ds},
+        {KRV_HOST_ES, from.es},          {KRV_HOST_FS, from.fs},          {KRV_HOST_GS, from.gs},
         {KRV_HOST_FSBASE, from.fs_base}, {KRV_HOST_GSBASE, from.gs_base},
     };
     for (const auto &row : amd64)

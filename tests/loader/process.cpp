@@ -101,10 +101,10 @@ running_target::~running_target()
     }
 }
 
-bool running_target::wait_for_state(char state) const
+bool wait_for_state(int tid, char state)
 {
     for (int waited = 0; waited < SOME_SECONDS; waited += 10) {
-        if (state_of(process) == state)
+        if (state_of(tid) == state)
             return true;
         usleep(10'000);
     }
@@ -146,7 +146,9 @@ std::string output_of(const std::string &command)
     std::array<char, 4096> piece;
     for (size_t got = 0; pipe != nullptr && (got = fread(piece.data(), 1, piece.size(), pipe)) != 0;)
         text.append(piece.data(), got);
-    return pipe != nullptr && pclose(pipe) == 0 ? text : "";
+    if (pipe != nullptr)
+        pclose(pipe); // some succeed with status 1
+    return text;
 }
 
 stacks eu_stacks(const std::string &arguments)
@@ -154,11 +156,11 @@ stacks eu_stacks(const std::string &arguments)
     return parse_stacks(output_of("eu-stack -n 0 " + arguments));
 }
 
-stacks gdb_stacks(int pid)
+stacks gdb_stacks(const std::string &arguments)
 {
     return parse_stacks(output_of("gdb -nx -batch -iex 'set debuginfod enabled off' -iex 'set backtrace past-main on' "
-                                  "-iex 'set backtrace past-entry on' -p " +
-                                  std::to_string(pid) + " -x '" KORVA_TEST_SOURCES "/stacks.gdb.py'"));
+                                  "-iex 'set backtrace past-entry on' -x '" KORVA_TEST_SOURCES "/stacks.gdb.py' " +
+                                  arguments));
 }
 
 walked walk_thread(krv_proc_t *proc, int tid, unsigned int max_frames)

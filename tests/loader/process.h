@@ -23,6 +23,9 @@ using proc_ptr = std::unique_ptr<krv_proc_t, proc_closer>;
 // The program counters of every thread, topmost first.
 using stacks = std::map<int, std::vector<uint64_t>>;
 
+// Waits until a thread is in a state; false after some seconds.
+bool wait_for_state(int tid, char state);
+
 // A program in its position (see targets/stack_target.cpp), killed at the end of the scope.
 class running_target
 {
@@ -35,7 +38,7 @@ public:
     int pid() const { return process; }
     int output() const { return from; } // behind "ready"
     bool ready() const { return in_position; }
-    bool wait_for_state(char state) const; // of its main thread; false after some seconds
+    bool wait_for_state(char state) const { return krv_test::wait_for_state(process, state); }
 
 private:
     int process = -1;
@@ -52,13 +55,13 @@ char state_of(int id);
 // Whether this system lets us trace a child. Says why when it does not.
 bool may_trace(std::string *why);
 
-// The output of a command; "" when it failed.
+// What a command writes on standard output, as far as it comes.
 std::string output_of(const std::string &command);
 
 // What eu-stack says, of "-p PID" or "--core FILE -e FILE"; empty when it is not there or fails.
 stacks eu_stacks(const std::string &arguments);
-// What gdb says of a process.
-stacks gdb_stacks(int pid);
+// What gdb says, of "-p PID" or "EXE CORE"; likewise.
+stacks gdb_stacks(const std::string &arguments);
 
 // What we say.
 stacks our_stacks(krv_proc_t *proc);

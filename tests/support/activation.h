@@ -2,13 +2,13 @@
 //
 // A thread that is stopped in a function which .debug_frame or .eh_frame describes, with a stack of sixteen words:
 //
-//     stopped s({.cie = op(DW_CFA_def_cfa).uleb(7).uleb(8)});
-//     EXPECT_EQ(s.caller(KRV_ACTIVATION_REG_DWARF, 7), "7008");
+//     stopped s({.initial = op(DW_CFA_def_cfa).uleb(7).uleb(8)});
+//     EXPECT_EQ(s.caller(7), "7008");
 #ifndef KRV_TEST_ACTIVATION_H
 #define KRV_TEST_ACTIVATION_H
 
 #include "krv_activation.h"
-#include "krv_dwarf.h"
+#include "support/frame_builder.h"
 #include "support/handle.h"
 
 namespace krv_test
@@ -19,54 +19,53 @@ inline bytes op(uint64_t opcode, uint64_t packed = 0) // a call-frame instructio
     return bytes().u8(opcode | packed);
 }
 
-// What one CIE and one FDE say.
+constexpr uint64_t stack_address = 0x7000, eh_frame_address = 0x9000;
+
+// A function, and what the call-frame information says of it.
 struct function {
     krv_activation_type_t target = KRV_ACTIVATION_AMD64;
-    bytes cie = {}, fde = {}; // instructions
+    bytes initial = {}, rows = {}; // instructions of the CIE and of the FDE
     uint64_t start = 0x1000, size = 0x100;
-    uint64_t code_align = 1;
     uint64_t column = 16;
     bool eh = false; // .eh_frame, else .debug_frame
 
     size_t word() const { return target == KRV_ACTIVATION_AMD64 ? 8 : 4; }
 
-    // The section: data alignment minus one word, records padded with DW_CFA_nop.
+    // The section. The data alignment factor is minus one word.
     bytes build() const
     {
-        const auto record = [&](bytes b) {
-            return bytes().block(4, b.fill((2 * word() - 4 - b.size() % word()) % word()));
-        };
-        bytes head, body;
-        head.u32(eh ? 0 : UINT32_MAX).u8(eh ? 1 : 3).cstr("").uleb(code_align).sleb(-static_cast<int64_t>(word()));
-        head.uleb(column).add(cie);
-        const bytes first = record(head);
-        const size_t width = eh ? 8 : word(); // .eh_frame without augmentation always has 8
-        body.u32(eh ? first.size() + 4 : 0).uint(start, width).uint(size, width).add(fde);
-        return first + record(body) + bytes().fill(eh ? 4 : 0); // .eh_frame ends with a length of 0
+        const size_t w = word();
+        const auto align = -static_cast<int64_t>(w);
+        if (eh) {
+            bytes b = eh_cie{.data_align = align, .column = column, .instructions = initial}.build();
+            const eh_fde f{.cie = eh_frame_address, .address = start, .range = size, .instructions = rows};
+            return b.add(f.build(eh_frame_address + b.size())).u32(0);
+        }
+        const bytes ra = bytes().uleb(column);
+        const fde f{.address = start, .range = size, .address_size = w, .instructions = rows, .word = w};
+        return cie{.data_align = align, .column = ra, .instructions = initial, .word = w}.build() + f.build();
     }
 };
 
 struct stopped {
-    static constexpr uint64_t stack = 0x7000, eh_frame = 0x9000;
-
     handle h;
     bytes section;
     reader memory; // word n of the stack is 0x1101 * (n + 1)
     krv_activation_owner ap;
 
-    explicit stopped(const function &f) : h(f.target), section(f.build()), memory{.contents = {}, .base = stack}
+    explicit stopped(const function &f) : h(f.target), section(f.build()), memory{.contents = {}, .base = stack_address}
     {
         for (unsigned int n = 1; n <= 16; ++n)
             memory.contents.uint(0x1101 * n, f.word());
         if (f.eh) {
-            memory.contents.fill(eh_frame - stack - memory.contents.size()).add(section);
-            korva_handle_set_opt(h, KRV_OPT_EH_FRAME_ADDR, eh_frame);
+            memory.contents.fill(eh_frame_address - stack_address - memory.contents.size()).add(section);
+            korva_handle_set_opt(h, KRV_OPT_EH_FRAME_ADDR, eh_frame_address);
         } else {
             h.attach(KRV_SEC_FRAME, section);
         }
         korva_attach_as(h, reader::read, &memory);
         ap.reset(korva_activation_alloc(h));
-        load(f.target == KRV_ACTIVATION_AMD64 ? 7 : 4, stack);
+        load(f.target == KRV_ACTIVATION_AMD64 ? 7 : 4, stack_address);
         load_pc(f.start);
     }
 
