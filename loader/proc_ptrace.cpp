@@ -26,7 +26,7 @@ namespace
 constexpr long LOOK_INTERVAL = 5'000'000; // nanoseconds
 constexpr int LOOKS_AT_SLEEPERS = 100;    // in all: half a second
 constexpr int LOOKS_AT_THE_DYING = 400;   // two seconds; they need a few milliseconds
-constexpr int MOST_PASSES = 1000; // over the list of threads, until two of them bring nothing new
+constexpr int MOST_PASSES = 1000;         // over the list of threads, until two of them bring nothing new
 
 struct directory_closer {
     void operator()(DIR *d) const { closedir(d); }
