@@ -48,7 +48,7 @@ bool live_memory::read(uint64_t address, void *buf, size_t count)
     if (count == 0)
         return true;
     iovec local = {buf, count};
-    iovec remote = {reinterpret_cast<void *>(address), count}; // the other process's address, never followed here
+    iovec remote = {reinterpret_cast<void *>(address), count}; // NOLINT(performance-no-int-to-ptr): never followed here
     if (process_vm_readv(pid, &local, 1, &remote, 1, 0) == static_cast<ssize_t>(count))
         return true;
     if (!mem.is_open())

@@ -183,7 +183,7 @@ krv_elf_t *loaded_module::open()
 krv_elf_t *loaded_module::elf()
 {
     if (file_failure)
-        throw *file_failure;
+        throw failure(*file_failure);
     if (file != nullptr)
         return file;
     try {

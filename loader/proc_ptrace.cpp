@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
 #include <ctime>
 #include <dirent.h>
@@ -51,10 +52,16 @@ void rest()
     throw failure(KRV_ELF_ERR_SYSTEM, why);
 }
 
+// ptrace takes numbers where its prototype has pointers.
+void *number(uintptr_t value)
+{
+    return reinterpret_cast<void *>(value); // NOLINT(performance-no-int-to-ptr)
+}
+
 bool read_regset(int tid, unsigned type, uint8_t *buf, size_t size, size_t *gotp)
 {
     iovec vector = {buf, size};
-    if (ptrace(PTRACE_GETREGSET, tid, reinterpret_cast<void *>(static_cast<uintptr_t>(type)), &vector) != 0)
+    if (ptrace(PTRACE_GETREGSET, tid, number(type), &vector) != 0)
         return false;
     *gotp = vector.iov_len;
     return true;
@@ -69,8 +76,8 @@ std::vector<int> list_threads(int pid)
     if (dir == nullptr)
         return tids;
     while (const dirent *entry = readdir(dir.get()))
-        if (const int tid = std::atoi(entry->d_name); tid > 0)
-            tids.push_back(tid);
+        if (const long tid = std::strtol(entry->d_name, nullptr, 10); tid > 0)
+            tids.push_back(static_cast<int>(tid));
     return tids;
 }
 
@@ -177,7 +184,7 @@ void stopped_process::let_go()
 {
     // The main thread last: its end is told when all others have been collected.
     for (auto t = tracees.rbegin(); t != tracees.rend(); ++t)
-        if (t->stopped && ptrace(PTRACE_DETACH, t->tid, nullptr, reinterpret_cast<void *>(intptr_t{t->signal})) != 0)
+        if (t->stopped && ptrace(PTRACE_DETACH, t->tid, nullptr, number(static_cast<uintptr_t>(t->signal))) != 0)
             bury(t->tid); // it was killed meanwhile
     tracees.clear();
 }

@@ -3,9 +3,8 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cinttypes>
-#include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <fmt/format.h>
 #include <string_view>
 #include <unistd.h>
@@ -27,17 +26,32 @@ std::string unescape(std::string path)
     return path;
 }
 
+// Takes a number and the character behind it off the front of a line.
+bool take_number(const char *&at, int base, char behind, uint64_t *valuep)
+{
+    char *end = nullptr;
+    *valuep = std::strtoull(at, &end, base);
+    if (end == at || *end != behind)
+        return false;
+    at = end + 1;
+    return true;
+}
+
 // A line of maps: "start-end perms offset major:minor inode   path".
 bool parse_mapping(const std::string &line, mapping *m)
 {
-    char permissions[5] = "";
-    int path_at = 0;
-    if (std::sscanf(line.c_str(), "%" SCNx64 "-%" SCNx64 " %4s %" SCNx64 " %*x:%*x %" SCNu64 " %n", &m->start, &m->end,
-                    permissions, &m->offset, &m->inode, &path_at) != 5 ||
-        m->start >= m->end)
+    constexpr size_t PERMISSIONS = 5; // "r-xp "
+    const char *at = line.c_str();
+    uint64_t major = 0, minor = 0;
+    if (!take_number(at, 16, '-', &m->start) || !take_number(at, 16, ' ', &m->end) || m->start >= m->end ||
+        std::strlen(at) < PERMISSIONS)
         return false;
-    m->executable = permissions[2] == 'x';
-    m->path = unescape(line.substr(static_cast<size_t>(path_at)));
+    m->executable = at[2] == 'x';
+    at += PERMISSIONS;
+    if (!take_number(at, 16, ' ', &m->offset) || !take_number(at, 16, ':', &major) ||
+        !take_number(at, 16, ' ', &minor) || !take_number(at, 10, ' ', &m->inode))
+        return false;
+    m->path = unescape(at + std::strspn(at, " "));
     m->deleted = m->path.ends_with(DELETED);
     if (m->deleted)
         m->path.resize(m->path.size() - DELETED.size());
@@ -63,7 +77,7 @@ int read_status_number(int id, const char *field)
     const std::string text = "\n" + read_text(fmt::format("/proc/{}/status", id));
     const std::string key = fmt::format("\n{}:", field);
     const size_t at = text.find(key);
-    return at == std::string::npos ? -1 : std::atoi(text.c_str() + at + key.size());
+    return at == std::string::npos ? -1 : static_cast<int>(std::strtol(text.c_str() + at + key.size(), nullptr, 10));
 }
 
 char read_state(int id)
