@@ -144,8 +144,8 @@ TEST(Frame, WalkEnds)
         .sro_destroy_reader = [](krv_reader *) {},
     };
     for (const uint64_t size : {uint64_t{0}, UINT64_MAX, uint64_t{1} << 63, UINT64_MAX / 3 + 1}) {
+        krv_reader endless = {nullptr, &ops, nullptr}; // outlives the handle, which lets go of it
         handle h;
-        krv_reader endless = {nullptr, &ops, nullptr};
         h->sh_frame_reader = &endless;
         record_size = size;
         cies_read = 0;
