@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <cstring>
 #include <fcntl.h>
+#include <filesystem>
 #include <fstream>
 #include <poll.h>
 #include <sstream>
@@ -42,6 +43,14 @@ void run_target(const std::string &program, const std::string &mode, const std::
     dup2(out, STDOUT_FILENO);
     execl(program.c_str(), program.c_str(), mode.c_str(), number.c_str(), nullptr);
     _exit(127);
+}
+
+bool threads_reach_state(int pid, char state)
+{
+    for (const auto &task : std::filesystem::directory_iterator("/proc/" + std::to_string(pid) + "/task"))
+        if (!wait_for_state(std::stoi(task.path().filename()), state))
+            return false;
+    return true;
 }
 
 int keep_pc(krv_proc_t *, const krv_proc_frame_t *frame, void *arg)
@@ -89,7 +98,7 @@ running_target::running_target(const std::string &program, const std::string &mo
         run_target(path, mode, count, ends[1]);
     close(ends[1]);
     from = ends[0];
-    in_position = read_ready(from) && (mode == "create" || wait_for_state(mode == "vfork" ? 'D' : 'S'));
+    in_position = read_ready(from) && (mode == "create" || threads_reach_state(process, mode == "vfork" ? 'D' : 'S'));
 }
 
 running_target::~running_target()

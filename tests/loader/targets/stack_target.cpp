@@ -16,7 +16,7 @@ static volatile int sink;       // written after calls, so that they are no tail
 static volatile bool on = true; // always; the compiler does not know, and sees no recursion without an end
 static pthread_mutex_t mutex = PTHREAD_MUTEX_INITIALIZER;
 static pthread_cond_t never = PTHREAD_COND_INITIALIZER;
-static pthread_barrier_t all_there;
+static int waiting; // threads in wait_in_condition, counted under the mutex
 static char signal_stack[65536];
 
 NOINLINE static void stay()
@@ -41,6 +41,7 @@ NOINLINE static void recurse(int levels)
 NOINLINE static void wait_in_condition()
 {
     pthread_mutex_lock(&mutex);
+    ++waiting;
     for (;;)
         pthread_cond_wait(&never, &mutex);
 }
@@ -50,20 +51,22 @@ static void *enter_thread(void *arg)
     char name[16];
     std::snprintf(name, sizeof(name), "waiter%d", static_cast<int>(reinterpret_cast<long>(arg)));
     pthread_setname_np(pthread_self(), name);
-    pthread_barrier_wait(&all_there);
     wait_in_condition();
     return nullptr;
 }
 
 NOINLINE static void start_threads(int count)
 {
-    pthread_barrier_init(&all_there, nullptr, static_cast<unsigned>(count + 1));
     for (long i = 0; i < count; ++i) {
         pthread_t thread;
         if (pthread_create(&thread, nullptr, enter_thread, reinterpret_cast<void *>(i)) != 0)
             std::abort();
     }
-    pthread_barrier_wait(&all_there);
+    for (int there = 0; there < count; usleep(1000)) {
+        pthread_mutex_lock(&mutex);
+        there = waiting;
+        pthread_mutex_unlock(&mutex);
+    }
     stay();
 }
 
