@@ -15,7 +15,7 @@ import tempfile
 
 from support import SOURCES, answer_of, build, fail, need, run
 
-VERBS = ('addr', 'units', 'lines')
+VERBS = ('addr', 'units', 'lines', 'stack', 'expr')
 
 
 def first_line_of(function):
@@ -193,6 +193,50 @@ def test_output(korva, program):
         os.close(writing)
 
 
+def test_expr(korva, folder):
+    """Listing, evaluation, and where either ends."""
+    unavailable = r"korva: the evaluation fails: .*\n"
+    for arguments, status, out, err in (
+            (['33', '34', '1c'], 0, r'0x0000  DW_OP_lit3\n0x0001  DW_OP_lit4\n0x0002  DW_OP_minus\nstack: 0xf{16}\n', ''),
+            (['--target', 'i386', '33341c'], 0, r'.*stack: 0xf{8}\n', ''),
+            (['7708', '--reg', '7=0x7ffe00'], 0, r'0x0000  DW_OP_breg7 8\nstack: 0x00000000007ffe08\n', ''),
+            (['06', '--push', '0x1000', '--memory', '0x1000=0102030405060708'], 0, r'.*stack: 0x0807060504030201\n', ''),
+            (['--push', '1', '--push', '2', '16'], 0, r'.*\nstack: 0x0{15}1\n *0x0{15}2\n', ''),
+            (['--location', '--size', '4', '55', '--reg', '5=0x11223344'], 0, r'.*44 33 22 11.*', ''),
+            (['--list', '2f0000'], 0, r'0x0000  DW_OP_skip 0\n', ''),
+            (['06'], 1, r'0x0000  DW_OP_deref\n', unavailable),
+            (['2ffdff'], 1, r'.*', r'korva: the evaluation fails: expression exceeds 1000000 instructions.*\n'),
+            (['0c0102'], 2, '.*', 'korva: .*'),
+            (['zz'], 64, '', 'korva: .*')):
+        korva.expect(['expr', *arguments], status, out, err)
+    with open(os.path.join(folder, 'bytes'), 'wb') as file:
+        file.write(b'\x08\x2a')
+    record = json.loads(korva.run('expr', '--format=json', f'@{folder}/bytes').out)
+    if '0x2a' not in json.dumps(record):
+        fail(f'expr --format=json: {record}')
+
+
+def test_stack(korva, folder):
+    """What is no walk; the walks themselves are held against other tools elsewhere."""
+    with subprocess.Popen(['sleep', '1000']) as process:
+        pid = str(process.pid)
+        try:
+            korva.expect(['stack', '-p', pid, '-n', '2'], 1,
+                         r'thread \d+ \(\S+\)\n(#\d [^\n]*\n){2}     end: [^\n]*\n', '')
+            korva.expect(['stack', '-p', pid, '--tid', '1'], 2, '', 'korva: no thread 1\n')
+        finally:
+            process.kill()
+    text = os.path.join(folder, 'text')
+    for arguments, status, err in (
+            (['-p', pid], 2, f'korva: .*{pid}.*\n'),
+            (['--core', text], 2, f'korva: {re.escape(text)}: .*\n'),
+            (['--core', korva.path], 2, f'korva: {re.escape(korva.path)}: .*core.*\n'),
+            ([], 64, 'korva: .*give either -p PID or --core CORE\n.*'),
+            (['-p', pid, '--core', text], 64, 'korva: .*\n'),
+            (['-p', '-3'], 64, 'korva: .*\n')):
+        korva.expect(['stack', *arguments], status, '', err)
+
+
 def test_usage(korva, program):
     for arguments in ([], ['frobnicate'], ['units'], ['lines'], ['units', '--nope', program], ['units', program, program],
                       ['units', '--format=gnu', program], ['addr', '--format=xml', '0'], ['lines', '--unit', 'x', program]):
@@ -220,6 +264,8 @@ def main():
         test_damaged_units(korva, program, folder)
         test_files(korva, program, folder)
         test_output(korva, program)
+        test_expr(korva, folder)
+        test_stack(korva, folder)
         test_usage(korva, program)
     print('passed')
 

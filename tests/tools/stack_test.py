@@ -1,0 +1,155 @@
+#!/usr/bin/env python3
+# SPDX-License-Identifier: Apache-2.0
+"""`korva stack` held against gdb and eu-stack: live processes and their core files, frame by frame.
+
+  stack_test.py --korva PROGRAM --targets FOLDER CASE
+  stack_test.py --list
+"""
+import argparse
+import json
+import os
+import re
+import shutil
+import subprocess
+import tempfile
+import time
+
+from support import answer_of, build, fail, need, run, skip
+
+GDB_SCRIPT = os.path.join(os.path.dirname(os.path.abspath(__file__)), '..', 'loader', 'stacks.gdb.py')
+GDB = ('gdb', '-nx', '-batch', '-iex', 'set debuginfod enabled off', '-iex', 'set backtrace past-main on',
+       '-iex', 'set backtrace past-entry on')
+
+
+def build_32(folder):
+    output = os.path.join(folder, 'wait32')
+    build('gcc', ['-m32', '-O2', '-fomit-frame-pointer', '-gdwarf-4'], ['wait.c'], output)
+    try:
+        with subprocess.Popen([output]) as process:
+            process.kill()
+    except OSError as error:
+        skip(f'this kernel runs no 32-bit programs: {error}')
+    return [output]
+
+
+# What runs, given the folder of the test's targets and a scratch folder; and the threads it has.
+CASES = {
+    'sleep': (lambda targets, scratch: ['sleep', '1000'], 1),
+    'bash': (lambda targets, scratch: ['bash', '-c', 'f() { read line; }; f; f'], 1),
+    'python3': (lambda targets, scratch: ['/usr/bin/python3', '-c', 'import time; time.sleep(1000)'], 1),
+    'threads': (lambda targets, scratch: [f'{targets}/target_o0', 'threads', '20'], 21),
+    'static': (lambda targets, scratch: [f'{targets}/target_static', 'threads', '3'], 4),
+    'omit-frame-pointer': (lambda targets, scratch: [f'{targets}/target_o2', 'callback'], 1),
+    'signal': (lambda targets, scratch: [f'{targets}/target_o2', 'altstack'], 1),
+    'm32': (lambda targets, scratch: build_32(scratch), 1),
+}
+
+
+def state_of(pid, tid):
+    with open(f'/proc/{pid}/task/{tid}/stat', encoding='utf-8', errors='replace') as file:
+        return file.read().rpartition(')')[2].split()[0]
+
+
+def wait_until_settled(process, threads):
+    """Until every thread sleeps, twice in a row: in its position, not on its way."""
+    settled = 0
+    for _ in range(2000):
+        if process.poll() is not None:
+            fail(f'the program ended with status {process.returncode}')
+        tids = os.listdir(f'/proc/{process.pid}/task')
+        asleep = len(tids) == threads and all(state_of(process.pid, tid) == 'S' for tid in tids)
+        settled = settled + 1 if asleep else 0
+        if settled == 20:
+            return
+        time.sleep(0.01)
+    fail('the program did not get into its position')
+
+
+def parse(text):
+    """[(pc, function)] of every thread, from the output of eu-stack, or of our script for gdb."""
+    stacks, frames = {}, None
+    for line in text.splitlines():
+        if found := re.match(r'TID (\d+):', line):
+            frames = stacks.setdefault(int(found.group(1)), [])
+        elif frames is not None and (found := re.match(r'#\d+ +0x([0-9a-f]+)(?: +(?:- \d+ +)?([^@\s]+))?', line)):
+            frames.append((int(found.group(1), 16), found.group(2)))
+    return stacks
+
+
+def same_place(module, one, other):
+    """Whether two symbols of a module, or of its separate symbols, have the same value."""
+    places = {}
+    for options in ([], ['-D']):
+        for line in run('nm', *options, module).out.splitlines():
+            fields = line.split()
+            if len(fields) == 3:
+                places.setdefault(fields[2].split('@')[0], set()).add(int(fields[0], 16))
+    return bool(places.get(one, set()) & places.get(other, set()))
+
+
+def compare(ours, theirs, tool):
+    if not theirs:
+        skip(f'{tool} could not read it: nothing to compare with')
+    for tid, thread in ours.items():
+        pcs = [int(frame['pc'], 16) for frame in thread['frames']]
+        expected = theirs.get(tid, [])
+        if pcs != [pc for pc, _ in expected]:
+            fail(f'thread {tid}, {tool}:\n  ours   {[hex(pc) for pc in pcs]}\n  theirs {[(hex(p), f) for p, f in expected]}')
+        for frame, (pc, function) in zip(thread['frames'], expected):
+            name = frame['function']
+            if name and function and name != function and not same_place(frame['module'], name, function):
+                fail(f'{pc:#x}: we say {name}, {tool} says {function}')
+    if set(ours) != set(theirs):
+        fail(f'threads: ours {sorted(ours)}, of {tool} {sorted(theirs)}')
+
+
+def stacks_of(korva, *arguments):
+    threads = json.loads(answer_of(korva, 'stack', '--format=json', *arguments))
+    for thread in threads:
+        if thread['end'] != 'outermost':
+            fail(f'thread {thread["tid"]} ended early: {thread["end"]}, {thread["message"]}')
+    return {thread['tid']: thread for thread in threads}
+
+
+def test_case(korva, targets, name):
+    need('gdb', 'eu-stack')
+    make, threads = CASES[name]
+    with tempfile.TemporaryDirectory() as scratch:
+        command = make(targets, scratch)
+        executable = shutil.which(command[0])
+        with subprocess.Popen(command, stdin=subprocess.PIPE, stdout=subprocess.DEVNULL) as process:
+            try:
+                wait_until_settled(process, threads)
+                pid = str(process.pid)
+                live = stacks_of(korva, '-p', pid)
+                if len(live) != threads:
+                    fail(f'{len(live)} threads, expected {threads}')
+                compare(live, parse(run(*GDB, '-x', GDB_SCRIPT, '-p', pid).out), 'gdb')
+                compare(live, parse(run('eu-stack', '-r', '-n', '0', '-p', pid).out), 'eu-stack')
+                answer_of(*GDB, '-ex', f'gcore {scratch}/core', '-p', pid)
+                of_core = stacks_of(korva, '--core', f'{scratch}/core', '-e', executable)
+                for tid, thread in of_core.items():
+                    if thread['frames'] != live[tid]['frames']:
+                        fail(f'thread {tid} of the core: {thread["frames"]}\nlive: {live[tid]["frames"]}')
+                compare(of_core, parse(run(*GDB, '-x', GDB_SCRIPT, executable, f'{scratch}/core').out), 'gdb')
+                if (after := state_of(pid, pid)) != 'S':
+                    fail(f'the process was left in state {after}')
+            finally:
+                process.kill()
+
+
+def main():
+    parser = argparse.ArgumentParser(description=__doc__)
+    parser.add_argument('--korva')
+    parser.add_argument('--targets')
+    parser.add_argument('--list', action='store_true')
+    parser.add_argument('case', nargs='?', choices=CASES)
+    arguments = parser.parse_args()
+    if arguments.list:
+        print('\n'.join(CASES))
+    else:
+        test_case(os.path.realpath(arguments.korva), arguments.targets, arguments.case)
+
+
+if __name__ == '__main__':
+    main()
