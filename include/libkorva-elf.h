@@ -46,7 +46,8 @@ enum {
 /** Flags of korva_elf_open. */
 enum {
     KRV_ELF_F_NONE = 0,
-    KRV_ELF_F_RAW = 1 /**< attach every section as it stands in the file (inflated where compressed), uncorrected */
+    /** attach every section as it stands in the file (inflated where compressed), uncorrected; look for no other file */
+    KRV_ELF_F_RAW = 1
 };
 
 /** A function symbol. */
@@ -69,7 +70,7 @@ typedef struct krv_elf_info {
 /** A section of the file, as korva_elf_iter_sections visits it. */
 typedef struct krv_elf_section {
     const char *name;
-    uint64_t address;   /**< 0 for sections that are not loaded */
+    uint64_t address;   /**< 0 for sections that are not loaded; of a relocatable file, where the loader placed it */
     uint64_t size;      /**< bytes, after inflation */
     uint64_t file_size; /**< bytes in the file */
     krv_secidx_t index; /**< under which the handle has it, or KRV_SEC_NONE */
@@ -98,13 +99,33 @@ typedef int krv_elf_iter_note_f(krv_elf_t *elf, const krv_elf_note_t *note, void
 
 /**
  * Opens an ELF file for 32-bit x86 or AMD64, maps it and attaches every section that libkorva knows to a new handle:
- * uncompressed ones without a copy, .zdebug_* and SHF_COMPRESSED ones inflated. @p flags is KRV_ELF_F_*. Units of
- * .debug_info whose DWARF version libkorva does not read are presented as empty units that keep their place, size and
- * version, and are noted.
+ * uncompressed ones without a copy, .zdebug_* and SHF_COMPRESSED ones inflated. @p flags is KRV_ELF_F_*.
+ *
+ * What compilers and linkers write and libkorva does not read is corrected in private copies when the handle, the
+ * sections or the notes are first asked for, and noted, pass by pass:
+ *
+ *  - "relocations": those of a relocatable file are applied; its sections get addresses one behind the other
+ *  - "unit-versions": units of other DWARF versions become empty units that keep their place, size and version
+ *  - "alternate-strings": strings in the alternate file of .gnu_debugaltlink (dwz -m) are taken from there
+ *  - "forms": attributes that lead into other units or files (DW_FORM_ref_addr, DW_FORM_GNU_*) become plain numbers
+ *  - "long-numbers": positive DW_FORM_sdata of ten bytes become blocks of their 8 bytes, the least significant first
+ *  - "line-sequences": lines of functions that the linker dropped are left out
+ *  - "ranges": address ranges that .debug_aranges does not tell are taken from the units
+ *
+ * A file without .debug_info gets its sections (and, when it has no .symtab, its symbols) from a separate debug file:
+ * by build-id under /usr/lib/debug/.build-id, else by .gnu_debuglink beside the file, in .debug, or under
+ * /usr/lib/debug. One whose build-id or CRC differs is refused with a note of the pass "debug-file".
  *
  * Returns NULL on failure. Close it with korva_elf_close.
  */
 KORVA_API krv_elf_t *korva_elf_open(const char *path, unsigned int flags, krv_elf_error_t *errorp);
+
+/**
+ * The same, looking for separate debug files also under each of the @p count folders of @p dirs, in their order, before
+ * /usr/lib/debug.
+ */
+KORVA_API krv_elf_t *korva_elf_open_with_debug_dirs(const char *path, unsigned int flags, const char *const *dirs,
+                                                    size_t count, krv_elf_error_t *errorp);
 
 /** Closes a file and frees its handle. NULL is ignored. */
 KORVA_API void korva_elf_close(krv_elf_t *elf);
@@ -115,10 +136,15 @@ KORVA_API krv_handle_t *korva_elf_get_handle(krv_elf_t *elf);
 /** The path that the file was opened with. */
 KORVA_API const char *korva_elf_get_path(krv_elf_t *elf);
 
+/** The path of the separate debug file that is read, or NULL. */
+KORVA_API const char *korva_elf_get_debug_path(krv_elf_t *elf);
+
 /** What the file is. */
 KORVA_API void korva_elf_get_info(krv_elf_t *elf, krv_elf_info_t *infop);
 
-/** Visits the file's sections in file order. Returns 0 or the visitor's non-zero result. */
+/**
+ * Visits the file's sections in file order, then those attached from a separate debug file, then those that the loader
+ * made itself (without bytes in a file). Returns 0 or the visitor's non-zero result. */
 KORVA_API int korva_elf_iter_sections(krv_elf_t *elf, krv_elf_iter_section_f *func, void *arg);
 
 /** Visits what the loader corrected or refused, in section order. Returns 0 or the visitor's non-zero result. */

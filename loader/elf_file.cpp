@@ -82,7 +82,10 @@ elf_file::elf_file(const std::string &path) : file_path(path)
         check_machine();
         check_section_headers();
         read_sections();
+        if (type() == ET_REL)
+            place_sections();
         read_segments();
+        find_code();
         find_build_id();
     } catch (...) {
         elf_end(handle);
@@ -183,7 +186,10 @@ void elf_file::read_sections()
         section.number = elf_ndxscn(scn);
         section.type = shdr.sh_type;
         section.flags = shdr.sh_flags;
+        section.link = shdr.sh_link;
+        section.info = shdr.sh_info;
         section.address = shdr.sh_addr;
+        section.alignment = shdr.sh_addralign;
         section.size = shdr.sh_size;
         section.in_file = true;
         section.compressed = (shdr.sh_flags & SHF_COMPRESSED) != 0 || section.name.starts_with(ZDEBUG);
@@ -201,6 +207,33 @@ void elf_file::read_sections()
 const raw_section *elf_file::section(size_t number) const
 {
     return number == 0 || number > section_list.size() ? nullptr : &section_list[number - 1];
+}
+
+// The loaded sections of a relocatable file, one behind the other as a linker might place them.
+void elf_file::place_sections()
+{
+    constexpr uint64_t MOST = uint64_t{1} << 46; // of a section and of an alignment: their sums do not wrap
+    uint64_t next = 0;
+    for (raw_section &section : section_list) {
+        if ((section.flags & SHF_ALLOC) == 0 || section.size > MOST || section.alignment > MOST || next > MOST)
+            continue;
+        const uint64_t alignment = std::max(section.alignment, uint64_t{1});
+        section.address = (next + alignment - 1) / alignment * alignment;
+        next = section.address + section.size;
+    }
+}
+
+void elf_file::find_code()
+{
+    for (const raw_section &section : section_list)
+        if (section.executable() && section.size <= UINT64_MAX - section.address)
+            code_ranges.add({section.address, section.address + section.size});
+    if (code_ranges.empty())
+        for (const GElf_Phdr &segment : segment_list)
+            if (segment.p_type == PT_LOAD && (segment.p_flags & PF_X) != 0 &&
+                segment.p_memsz <= UINT64_MAX - segment.p_vaddr)
+                code_ranges.add({segment.p_vaddr, segment.p_vaddr + segment.p_memsz});
+    code_ranges.finish();
 }
 
 void elf_file::read_segments()

@@ -5,6 +5,7 @@
 #ifndef KRV_ELF_FILE_H
 #define KRV_ELF_FILE_H
 
+#include "address_ranges.h"
 #include "libkorva-elf.h"
 
 #include <cstdint>
@@ -33,7 +34,10 @@ struct raw_section {
     size_t number; // in the section header table
     uint32_t type;
     uint64_t flags;
-    uint64_t address;
+    size_t link;        // numbers of sections that belong to it
+    size_t info;        //
+    uint64_t address;   // of a relocatable file: the one that it got here
+    uint64_t alignment; //
     uint64_t size;      // bytes in memory, or after inflation as the section claims it
     uint64_t file_size; // bytes in the file: 0 for SHT_NOBITS
     byte_span bytes;    // as they stand in the file; empty for a section without contents, or beyond the file
@@ -59,6 +63,7 @@ public:
     const std::vector<raw_section> &sections() const { return section_list; } // from number 1 on
     const raw_section *section(size_t number) const;                          // NULL when there is none
     const std::vector<GElf_Phdr> &segments() const { return segment_list; }
+    const address_ranges &code() const { return code_ranges; } // where executable sections lie; else segments
     byte_span build_id() const { return build_id_bytes; }
     byte_span image() const { return mapping; }
 
@@ -73,7 +78,9 @@ private:
     void read_sections();
     uint64_t claimed_size(Elf_Scn *scn, const raw_section &section) const;
     byte_span inflate(const raw_section &section);
+    void place_sections();
     void read_segments();
+    void find_code();
     void find_build_id();
     [[noreturn]] void fail(int code, const std::string &what) const; // names the file
     byte_span extent(uint64_t offset, uint64_t size) const;          // empty when it leaves the file
@@ -85,6 +92,7 @@ private:
     std::vector<raw_section> section_list;
     std::map<size_t, byte_span> inflated; // by section number
     std::vector<GElf_Phdr> segment_list;
+    address_ranges code_ranges;
     byte_span build_id_bytes;
 };
 

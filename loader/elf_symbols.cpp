@@ -88,8 +88,9 @@ std::vector<symbol_table::entry> symbol_table::read(const elf_file &file, const 
         const char *name = elf_strptr(elf, shdr.sh_link, sym.st_name);
         if (name == nullptr || *name == '\0')
             continue;
-        const uint64_t start = file.type() == ET_REL ? 0 : home->address; // relocatable symbols count from it
-        entries.push_back({{sym.st_value, sym.st_size, name}, binding_rank(sym.st_info), end_of(start, home->size)});
+        // Symbols of a relocatable file count from the start of their section.
+        const uint64_t address = sym.st_value + (file.type() == ET_REL ? home->address : 0);
+        entries.push_back({{address, sym.st_size, name}, binding_rank(sym.st_info), end_of(home->address, home->size)});
     }
     return entries;
 }

@@ -15,8 +15,28 @@ namespace
 
 // In the order in which they run. A new correction is a function in a file of its own and a row here.
 constexpr pass passes[] = {
-    {"unit-versions", correct_unit_versions},
+    {"relocations", apply_relocations},            // first: what the others read stands in relocated places
+    {"unit-versions", correct_unit_versions},      //
+    {"alternate-strings", take_alternate_strings}, // before "forms", which makes numbers of what is left
+    {"forms", correct_forms},                      //
+    {"long-numbers", correct_long_numbers},        //
+    {"line-sequences", drop_dead_sequences},       //
+    {"ranges", complete_ranges},                   // last: it reads entries that the others made readable
 };
+
+// What the core does not read itself.
+constexpr std::string_view EXTRA[] = {".debug_ranges"};
+
+// ".zdebug_x" is ".debug_x", compressed.
+std::string plain_name(std::string_view name)
+{
+    return name.starts_with(".zdebug_") ? "." + std::string(name.substr(2)) : std::string(name);
+}
+
+bool is_extra(std::string_view name)
+{
+    return std::find(std::begin(EXTRA), std::end(EXTRA), plain_name(name)) != std::end(EXTRA);
+}
 
 constexpr char ATTACH[] = "attach"; // in notes: what happens before the passes
 
@@ -29,10 +49,11 @@ std::vector<uint8_t> &view_section::writable()
     return *copy;
 }
 
-view::view(elf_file &elf, bool raw_only) : source(elf)
+view::view(elf_file &elf, const symbol_table &symbols, elf_file *alternate, bool raw_only)
+    : source(elf), function_table(symbols), alternate_file(alternate)
 {
     take_sections();
-    if (elf.type() == ET_REL)
+    if (raw_only && elf.type() == ET_REL)
         note_relocations();
     if (!raw_only)
         for (const pass &p : passes)
@@ -45,14 +66,18 @@ void view::take_sections()
     for (const raw_section &raw : source.sections()) {
         krv_secidx_t index;
         boolean_t compressed;
-        if (raw.file_size != 0 && korva_lookup_section_index(raw.name.c_str(), &index, &compressed) == 0)
+        if (raw.file_size == 0)
+            continue;
+        if (korva_lookup_section_index(raw.name.c_str(), &index, &compressed) == 0)
             take(raw, index);
+        else if (is_extra(raw.name))
+            take(raw, KRV_SEC_NONE);
     }
 }
 
 void view::take(const raw_section &raw, krv_secidx_t index)
 {
-    if (find(index) != nullptr) {
+    if (index == KRV_SEC_NONE ? find_extra(raw.name) != nullptr : find(index) != nullptr) {
         add_note({ATTACH, raw.name, 0, true, "a second section " + raw.name + " is not read"});
         return;
     }
@@ -93,9 +118,34 @@ void view::sort_notes()
 view_section *view::find(krv_secidx_t index)
 {
     for (view_section &section : section_list)
-        if (section.index == index)
+        if (section.index == index && index != KRV_SEC_NONE)
             return &section;
     return nullptr;
+}
+
+view_section *view::find_extra(std::string_view name)
+{
+    for (view_section &section : section_list)
+        if (section.index == KRV_SEC_NONE && plain_name(section.name) == name)
+            return &section;
+    return nullptr;
+}
+
+view_section *view::find_raw(size_t number)
+{
+    for (view_section &section : section_list)
+        if (section.raw != nullptr && section.raw->number == number)
+            return &section;
+    return nullptr;
+}
+
+byte_span view::alternate_strings()
+{
+    if (alternate_file != nullptr)
+        for (const raw_section &raw : alternate_file->sections())
+            if (plain_name(raw.name) == ".debug_str")
+                return alternate_file->contents(raw);
+    return {};
 }
 
 view_section *view::make(krv_secidx_t index, const char *name)

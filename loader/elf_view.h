@@ -7,6 +7,7 @@
 #define KRV_ELF_VIEW_H
 
 #include "elf_file.h"
+#include "elf_symbols.h"
 
 #include <deque>
 #include <optional>
@@ -15,7 +16,7 @@ namespace krv_elf_loader
 {
 
 struct view_section {
-    krv_secidx_t index;
+    krv_secidx_t index; // KRV_SEC_NONE: passes read it, and the handle does not
     std::string name;
     const raw_section *raw;                   // NULL for a section that a pass has made
     byte_span original;                       // the file's own bytes, or the inflated ones
@@ -36,15 +37,20 @@ struct note {
 class view
 {
 public:
-    // Takes every section that libkorva knows; corrects them unless `raw_only`.
-    view(elf_file &elf, bool raw_only);
+    // Takes every section that libkorva knows, and those that passes read; corrects them unless `raw_only`.
+    // `alternate` is the file that holds what several share, or NULL.
+    view(elf_file &elf, const symbol_table &symbols, elf_file *alternate, bool raw_only);
 
     elf_file &file() const { return source; }
+    const symbol_table &functions() const { return function_table; }
+    byte_span alternate_strings(); // .debug_str of the alternate file, empty without one
     const std::deque<view_section> &sections() const { return section_list; }
     const std::vector<note> &notes() const { return note_list; }
 
     // For passes. A section stays where it is when another one is made.
     view_section *find(krv_secidx_t index);                   // NULL when the file has none
+    view_section *find_extra(std::string_view name);          // one that passes read and the handle does not
+    view_section *find_raw(size_t number);                    // by its number in the file
     view_section *make(krv_secidx_t index, const char *name); // a new, empty section
     void add_note(note n) { note_list.push_back(std::move(n)); }
 
@@ -55,6 +61,8 @@ private:
     void sort_notes();
 
     elf_file &source;
+    const symbol_table &function_table;
+    elf_file *alternate_file;
     std::deque<view_section> section_list;
     std::vector<note> note_list;
 };

@@ -3,11 +3,10 @@
 // The header of a unit of DWARF 5 has another order of fields (DWARF 5, 7.5.1.1). What the core gets to see instead is
 // a header in the order of versions 2 to 4, with the unit's own length and version, and one entry without attributes;
 // the rest of the unit's bytes stays behind it, unread.
+#include "dwarf_units.h"
 #include "pass.h"
 
-#include <cstring>
 #include <fmt/format.h>
-#include <optional>
 
 namespace krv_elf_loader
 {
@@ -18,59 +17,6 @@ namespace
 // One entry without attributes: code 1, DW_TAG_compile_unit, no children; end of pairs; end of table.
 constexpr uint8_t EMPTY_UNIT_ABBREVS[] = {1, 0x11, 0, 0, 0, 0};
 constexpr uint8_t EMPTY_UNIT_CODE = 1;
-
-struct unit {
-    uint64_t offset;
-    uint64_t size; // length field included
-    size_t offset_size;
-    uint16_t version;
-
-    size_t length_size() const { return offset_size == 8 ? 12 : 4; }
-    size_t header_size() const { return length_size() + 2 + offset_size + 1; } // of versions 2 to 4
-};
-
-uint64_t read_number(byte_span bytes, uint64_t offset, size_t width)
-{
-    uint64_t value = 0;
-    std::memcpy(&value, bytes.data() + offset, width);
-    return value;
-}
-
-void write_number(std::vector<uint8_t> &bytes, uint64_t offset, uint64_t value, size_t width)
-{
-    std::memcpy(bytes.data() + offset, &value, width);
-}
-
-// Reads length and version of the unit at `offset`. False, with the reason, when they are damaged.
-bool read_unit(byte_span info, uint64_t offset, unit *u, std::string *reason)
-{
-    const uint64_t left = info.size() - offset;
-    *u = {offset, 0, 4, 0};
-    *reason = "the section ends within its header";
-    if (left < 4)
-        return false;
-    uint64_t length = read_number(info, offset, 4);
-    if (length == 0xffffffff) {
-        if (left < 12)
-            return false;
-        u->offset_size = 8;
-        length = read_number(info, offset + 4, 8);
-    } else if (length >= 0xfffffff0) {
-        *reason = fmt::format("its length {:#x} is reserved", length);
-        return false;
-    }
-    if (length > left - u->length_size()) {
-        *reason = fmt::format("its length {:#x} exceeds the section", length);
-        return false;
-    }
-    if (length < 2) {
-        *reason = fmt::format("its length {:#x} has no room for a version", length);
-        return false;
-    }
-    u->size = length + u->length_size();
-    u->version = static_cast<uint16_t>(read_number(info, offset + u->length_size(), 2));
-    return true;
-}
 
 // The abbreviation table of the empty units: behind the file's own tables, once it is needed.
 class empty_abbrevs
@@ -124,7 +70,7 @@ void correct_unit_versions(view &v, const char *name)
                                     info->name, reason)});
             return;
         }
-        if (u.version >= 2 && u.version <= 4)
+        if (u.readable())
             continue;
         std::string text = fmt::format("unit at offset {:#x} of {} is DWARF {}, and libkorva reads DWARF 2 to 4",
                                        u.offset, info->name, u.version);

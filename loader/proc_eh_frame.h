@@ -8,6 +8,7 @@
 #ifndef KRV_PROC_EH_FRAME_H
 #define KRV_PROC_EH_FRAME_H
 
+#include "address_ranges.h"
 #include "proc_memory.h"
 
 #include "libkorva.h"
@@ -20,11 +21,6 @@ namespace krv_elf_loader
 struct shown_byte {
     uint64_t address;
     uint8_t value;
-};
-
-struct address_range {
-    uint64_t start;
-    uint64_t end; // exclusive
 };
 
 class eh_frame_view

@@ -296,7 +296,8 @@ TEST_F(Loader, UnitsThatAreNotRead)
     using namespace krv_elf_loader;
     elf_file file((dir / "s.o").string());
     for (const bool raw : {true, false}) {
-        view v(file, raw);
+        const symbol_table symbols(file);
+        view v(file, symbols, nullptr, raw);
         const uint8_t *seen = v.find(KRV_SEC_INFO)->bytes().data(), *begin = file.image().data();
         EXPECT_EQ(seen >= begin && seen < begin + file.image().size(), raw);
     }

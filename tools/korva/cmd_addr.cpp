@@ -199,7 +199,7 @@ int addr_run::finish()
 
 static int run_addr(const addr_options &options)
 {
-    object obj(options.file, options.raw);
+    object obj(options.file, options.raw, options.debug_dirs);
     addr_run run(options, &obj);
     if (options.inputs.empty()) {
         for (std::string line; std::getline(std::cin, line);) {

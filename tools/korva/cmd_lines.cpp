@@ -270,7 +270,7 @@ bool table_printer::print(bool program)
 
 static int run_lines(const lines_options &options)
 {
-    object obj(options.file, options.raw);
+    object obj(options.file, options.raw, options.debug_dirs);
     bool all = obj.diagnose_notes();
     std::vector<unit> &units = obj.units();
     all = all && obj.is_complete();

@@ -45,7 +45,7 @@ static void print_unit(answers &out, const json_value &record)
 
 static int run_units(const common_options &options)
 {
-    object obj(options.file, options.raw);
+    object obj(options.file, options.raw, options.debug_dirs);
     bool all = obj.diagnose_notes();
     std::vector<unit> &units = obj.units();
     answers out(options.format);

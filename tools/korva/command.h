@@ -9,6 +9,7 @@
 #include <CLI/CLI.hpp>
 
 #include <string>
+#include <vector>
 
 namespace korva
 {
@@ -26,12 +27,13 @@ struct common_options {
     std::string file;
     output_format format = output_format::text;
     bool raw = false;
+    std::vector<std::string> debug_dirs;
 };
 
 /** Adds --format, with the names of @p formats. */
 void add_format_option(CLI::App *verb, common_options *options, const format_names &formats);
 
-/** Adds --format and --raw. */
+/** Adds --format, --raw and --debug-dir. */
 void add_common_options(CLI::App *verb, common_options *options, const format_names &formats);
 
 } // namespace korva

@@ -13,6 +13,7 @@
     VERB(addr)                                                                                                         \
     VERB(units)                                                                                                        \
     VERB(lines)                                                                                                        \
+    VERB(sections)                                                                                                     \
     VERB(stack)                                                                                                        \
     VERB(expr)
 
@@ -38,6 +39,9 @@ void add_common_options(CLI::App *verb, common_options *options, const format_na
 {
     add_format_option(verb, options, formats);
     verb->add_flag("--raw", options->raw, "Read every section as it stands in the file, uncorrected");
+    verb->add_option("--debug-dir", options->debug_dirs, "Look for separate debug files here too; may be repeated")
+        ->allow_extra_args(false)
+        ->type_name("DIR");
 }
 
 static int run(int argc, char **argv)

@@ -6,6 +6,7 @@
 
 #include <fmt/format.h>
 
+#include <algorithm>
 #include <elf.h>
 
 namespace korva
@@ -77,10 +78,14 @@ static uint64_t get_info_size(krv_elf_t *elf)
     return size;
 }
 
-object::object(const std::string &path, bool raw) : m_path(path)
+object::object(const std::string &path, bool raw, const std::vector<std::string> &debug_dirs) : m_path(path)
 {
     krv_elf_error_t error = {};
-    m_elf.reset(korva_elf_open(path.c_str(), raw ? KRV_ELF_F_RAW : KRV_ELF_F_NONE, &error));
+    std::vector<const char *> dirs;
+    for (const std::string &dir : debug_dirs)
+        dirs.push_back(dir.c_str());
+    m_elf.reset(korva_elf_open_with_debug_dirs(path.c_str(), raw ? KRV_ELF_F_RAW : KRV_ELF_F_NONE, dirs.data(),
+                                               dirs.size(), &error));
     if (m_elf == nullptr)
         throw failure(error.message); // names the file
     korva_elf_get_info(m_elf.get(), &m_info);
@@ -113,11 +118,18 @@ void object::refuse(unit &u, std::string_view text) const
     u.refused = true;
 }
 
-void object::refuse_version(unit &u) const
+void object::refuse_version(unit &u)
 {
-    refuse(u, fmt::format("unit at offset 0x{:x} of .debug_info is DWARF {}: DWARF 2 to 4 is read; compile it with "
-                          "-gdwarf-4 (Go: with GOEXPERIMENT=nodwarf5)",
-                          u.header.offset, u.header.version));
+    if (!m_version_refused) {
+        const auto others =
+            std::count_if(m_units.begin(), m_units.end(), [](const unit &other) { return !other.is_readable(); }) - 1;
+        diagnose(fmt::format("unit at offset 0x{:x} of .debug_info is DWARF {}: DWARF 2 to 4 is read; compile it with "
+                             "-gdwarf-4 (Go: with GOEXPERIMENT=nodwarf5){}",
+                             u.header.offset, u.header.version,
+                             others == 0 ? "" : fmt::format("; so are {} other units", others)));
+    }
+    m_version_refused = true;
+    u.refused = true;
 }
 
 bool object::diagnose_notes() const

@@ -37,7 +37,7 @@ class object
 {
 public:
     /** Opens @p path; throws failure. */
-    object(const std::string &path, bool raw);
+    object(const std::string &path, bool raw, const std::vector<std::string> &debug_dirs = {});
     /** Looks at a file that somebody else has opened and will close, later. */
     object(krv_elf_t *elf, const std::string &path);
 
@@ -64,8 +64,8 @@ public:
     void diagnose(std::string_view text) const;
     /** Tells why a unit is refused, once, and marks it. */
     void refuse(unit &u, std::string_view text) const;
-    /** The same for a unit that is not readable: which version it has and what to do. */
-    void refuse_version(unit &u) const;
+    /** The same for a unit that is not readable: which version it has and what to do. Told once for all such units. */
+    void refuse_version(unit &u);
     /** Tells what the loader could not present, apart from units of other versions. False when there was anything. */
     bool diagnose_notes() const;
 
@@ -89,6 +89,7 @@ private:
     krv_elf_info_t m_info = {};
     std::vector<unit> m_units;
     bool m_complete = true;
+    bool m_version_refused = false; // told
 };
 
 } // namespace korva
