@@ -141,6 +141,7 @@ size_t address_size_of(krv_activation_type_t target)
 // What of a CIE matters here. Positions count from the record's length field.
 struct cie_record {
     std::vector<uint8_t> bytes;
+    size_t version = 0;              // position
     size_t augmentation = 0;         // position of the string
     size_t factors = 0;              // position of the first number behind it
     size_t personality_encoding = 0; // position; 0 without a personality
@@ -160,19 +161,24 @@ std::optional<cie_record> parse_cie(memory &mem, krv_activation_type_t target, u
         return std::nullopt;
     cursor c(cie.bytes.data(), size, address);
     c.fixed(8, false); // length, CIE id
-    if (c.byte() != 1) // version
+    cie.version = c.at();
+    const uint8_t version = c.byte();
+    if (version != 1 && version != 3)
         return std::nullopt;
     cie.augmentation = c.at();
     std::string letters;
     for (uint8_t letter = c.byte(); letter != 0 && c.good(); letter = c.byte())
         letters += static_cast<char>(letter);
     cie.factors = c.at();
-    c.leb128(false); // code alignment factor
-    c.leb128(true);  // data alignment factor
-    c.leb128(false); // return-address register
-    c.leb128(false); // augmentation length
+    c.leb128(false);            // code alignment factor
+    c.leb128(true);             // data alignment factor
+    if ((c.byte() & 0x80) != 0) // return-address register: a byte, or in version 3 a LEB128 number, here of one byte
+        return std::nullopt;
+    if (letters.empty() && version == 3)
+        return c.good() ? std::optional(std::move(cie)) : std::nullopt;
     if (!letters.starts_with('z'))
         return std::nullopt;
+    c.leb128(false); // augmentation length
     for (size_t i = 1; i < letters.size() && c.good(); ++i) {
         switch (letters[i]) {
         case 'L':
@@ -208,6 +214,14 @@ bool show_direct_personality(cie_record &cie)
         return false;
     cie.bytes[cie.personality_encoding] &= static_cast<uint8_t>(~PE_INDIRECT);
     return true;
+}
+
+// Version 3 differs from version 1 in the return-address register's encoding alone.
+bool show_version_one(cie_record &cie)
+{
+    const bool other = cie.bytes[cie.version] != 1;
+    cie.bytes[cie.version] = 1;
+    return other;
 }
 
 // Takes the letter 'S' out of the string. What it leaves is filled by the number behind the string: a LEB128 number may
@@ -333,8 +347,8 @@ void eh_frame_view::scan(memory &mem, krv_activation_type_t target, uint64_t sta
         if (head[1] == 0) {
             if (auto cie = parse_cie(mem, target, at, size)) {
                 cies[at] = {cie->fde_encoding, cie->signal_letter != 0, cie->has_lsda};
-                const bool changed = show_direct_personality(*cie);
-                if (hide_signal_letter(*cie) || changed)
+                const bool changed = show_version_one(*cie) | show_direct_personality(*cie) | hide_signal_letter(*cie);
+                if (changed)
                     show(mem, at, cie->bytes);
             }
         } else {

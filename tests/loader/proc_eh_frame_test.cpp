@@ -59,16 +59,25 @@ struct view_case {
     bytes fde = {};      // augmentation data, then instructions
     bool refused = true; // by the core as it stands
     bool signal = false;
+    uint8_t version = 1;
 };
 
 // CIE: CFA is %rsp + 8, the return address below it. FDE: addresses are absolute, 8 bytes.
 bytes build(const view_case &c)
 {
     bytes cie, fde;
-    cie.u32(0).u8(1).cstr(c.letters).uleb(c.code_align).sleb(-8).uleb(16).uleb(c.data.size()).add(c.data);
+    cie.u32(0).u8(c.version).cstr(c.letters).uleb(c.code_align).sleb(-8).uleb(16);
+    if (*c.letters != '\0')
+        cie.uleb(c.data.size()).add(c.data);
     cie.add(op(DW_CFA_def_cfa).uleb(7).uleb(8)).add(op(DW_CFA_offset, 16).uleb(1)).align(4);
     const bytes first = bytes().block(4, cie);
-    fde.u32(first.size() + 4).u64(CODE).u64(CODE_SIZE).add(c.fde.size() != 0 ? c.fde : bytes().uleb(0)).align(4);
+    fde.u32(first.size() + 4)
+        .u64(CODE)
+        .u64(CODE_SIZE)
+        .add(c.fde.size() != 0    ? c.fde
+             : *c.letters != '\0' ? bytes().uleb(0)
+                                  : bytes())
+        .align(4);
     return first + bytes().block(4, fde) + bytes().u32(0);
 }
 
@@ -110,6 +119,8 @@ TEST(EhFrameView, ShowsWhatTheCoreReads)
         {.letters = "zRS", .data = absolute, .signal = true},
         {.letters = "zSR", .data = absolute, .code_align = 300, .signal = true},
         {.letters = "zS", .data = {}, .signal = true},
+        {.letters = "zR", .data = absolute, .version = 3},
+        {.letters = "", .data = {}, .version = 3},
         {.letters = "zPLRS", .data = indirect + lsda + absolute, .signal = true},
     };
     for (const view_case &c : cases) {

@@ -15,7 +15,7 @@ import tempfile
 
 from support import SOURCES, answer_of, build, fail, need, run
 
-VERBS = ('addr', 'units', 'lines', 'stack', 'expr')
+VERBS = ('addr', 'units', 'lines', 'sections', 'stack', 'expr')
 
 
 def first_line_of(function):
@@ -193,6 +193,21 @@ def test_output(korva, program):
         os.close(writing)
 
 
+def test_sections(korva, program, folder):
+    """What is read, and what was corrected; --raw corrects nothing."""
+    object_file = os.path.join(folder, 'table.o')
+    answer_of('gcc', '-gdwarf-4', '-c', f'{SOURCES}/table.c', '-o', object_file)
+    lines = r'(\.\w+ +\d+  as it is\n)*'
+    korva.expect(['sections', program], 0, lines)
+    korva.expect(['sections', object_file], 0,
+                 rf'{lines}\.debug_info +\d+  corrected\n    relocations: \d+ relocations are applied\n.*')
+    korva.expect(['sections', '--raw', object_file], 1,
+                 r'.*\.debug_info +\d+  as it is\n    attach: not read: the relocations of .debug_info are not applied\n.*')
+    records = json.loads(korva.run('sections', '--format=json', object_file).out)
+    if not any(note['pass'] == 'relocations' and not note['refused'] for r in records for note in r['notes']):
+        fail(f'sections --format=json: {records}')
+
+
 def test_expr(korva, folder):
     """Listing, evaluation, and where either ends."""
     unavailable = r"korva: the evaluation fails: .*\n"
@@ -222,7 +237,7 @@ def test_stack(korva, folder):
         pid = str(process.pid)
         try:
             korva.expect(['stack', '-p', pid, '-n', '2'], 1,
-                         r'thread \d+ \(\S+\)\n(#\d [^\n]*\n){2}     end: [^\n]*\n', '')
+                         r'thread \d+ \(\S+\)\n(#\d [^\n]*\n){2}     end: [^\n]*\n', r'(korva: [^\n]*\n)*')
             korva.expect(['stack', '-p', pid, '--tid', '1'], 2, '', 'korva: no thread 1\n')
         finally:
             process.kill()
@@ -264,6 +279,7 @@ def main():
         test_damaged_units(korva, program, folder)
         test_files(korva, program, folder)
         test_output(korva, program)
+        test_sections(korva, program, folder)
         test_expr(korva, folder)
         test_stack(korva, folder)
         test_usage(korva, program)

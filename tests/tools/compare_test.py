@@ -297,6 +297,10 @@ def sample_addresses(functions):
 SPLIT = re.compile(r'(\.cold|\.part\.\d+|\.constprop\.\d+|\.isra\.\d+)+$')
 
 
+# Names that are demangled as those of C++, or not at all.
+RUST = re.compile(r'^_R|::h[0-9a-f]{16}$')
+
+
 class Names:
     """Which function name is right where addr2line does not name the symbol that holds the code."""
 
@@ -373,7 +377,7 @@ def compare_answer(flags, names, address, answer, other, has_line):
     if not has_line:
         expected = '??:?'
     same_place = place == expected
-    if flags == ['-a']:
+    if flags == ['-a'] or ('C' in flags[-1] and RUST.search(ours[-1])):
         same_name = True
     elif address in names.same:  # -f came first: the same symbol has the same C++ name
         same_name = ours[-1] == theirs[-1]

@@ -45,6 +45,15 @@ CASES = {
 }
 
 
+# Where a debugger stops a program: what runs, and the debugger's commands until it stands there.
+STOPS = {
+    'plt': (lambda targets: [f'{targets}/target_o2', 'callback'],
+            ['starti', "tbreak 'qsort@plt'", 'continue'], 'sort_something'),
+    'vdso': (lambda targets: ['date'], ['starti', 'tbreak __vdso_clock_gettime', 'continue'], 'clock_gettime'),
+    'abort': (lambda targets: [f'{targets}/target_o2', 'crash', '5'], ['run'], 'abort'),
+}
+
+
 def state_of(pid, tid):
     with open(f'/proc/{pid}/task/{tid}/stat', encoding='utf-8', errors='replace') as file:
         return file.read().rpartition(')')[2].split()[0]
@@ -138,15 +147,33 @@ def test_case(korva, targets, name):
                 process.kill()
 
 
+def test_stop(korva, targets, name):
+    """The core of a program that a debugger has stopped, in code that no compiler wrote."""
+    need('gdb', 'eu-stack')
+    make, commands, function = STOPS[name]
+    with tempfile.TemporaryDirectory() as scratch:
+        command = make(targets)
+        core, executable = f'{scratch}/core', shutil.which(command[0])
+        answer_of(*GDB, *(part for text in commands for part in ('-ex', text)), '-ex', f'gcore {core}', '-ex', 'kill',
+                  '--args', executable, *command[1:])
+        ours = stacks_of(korva, '--core', core, '-e', executable)
+        names = [frame['function'] or '' for thread in ours.values() for frame in thread['frames'][:4]]
+        if not any(function in found for found in names):
+            fail(f'it did not stop there: {names}')
+        compare(ours, parse(run(*GDB, '-x', GDB_SCRIPT, executable, core).out), 'gdb')
+
+
 def main():
     parser = argparse.ArgumentParser(description=__doc__)
     parser.add_argument('--korva')
     parser.add_argument('--targets')
     parser.add_argument('--list', action='store_true')
-    parser.add_argument('case', nargs='?', choices=CASES)
+    parser.add_argument('case', nargs='?', choices=[*CASES, *STOPS])
     arguments = parser.parse_args()
     if arguments.list:
-        print('\n'.join(CASES))
+        print('\n'.join([*CASES, *STOPS]))
+    elif arguments.case in STOPS:
+        test_stop(os.path.realpath(arguments.korva), arguments.targets, arguments.case)
     else:
         test_case(os.path.realpath(arguments.korva), arguments.targets, arguments.case)
 
