@@ -1,0 +1,21 @@
+# SPDX-License-Identifier: Apache-2.0
+# bash completion of korva: verbs and options as the program's own --help lists them, and files.
+
+_korva()
+{
+    local word=${COMP_WORDS[COMP_CWORD]} before=${COMP_WORDS[COMP_CWORD - 1]} words
+    COMPREPLY=()
+    if [ "$COMP_CWORD" -eq 1 ]; then
+        words="--help --version $("$1" --help 2>/dev/null | sed -n '/^Subcommands:/,$s/^  \([a-z][a-z]*\) .*/\1/p')"
+    elif [ "$before" = --format ]; then
+        words=$("$1" "${COMP_WORDS[1]}" --help 2>/dev/null | sed -n 's/.*--format.*{\([a-z,]*\)}.*/\1/p' | tr , ' ')
+    elif [[ $word == -* ]]; then
+        words=$("$1" "${COMP_WORDS[1]}" --help 2>/dev/null | grep -o '^  -[^ ]*' | tr ', ' '\n')
+    fi
+    if [ -n "${words-}" ]; then
+        mapfile -t COMPREPLY < <(compgen -W "$words" -- "$word")
+    else
+        mapfile -t COMPREPLY < <(compgen -f -- "$word")
+    fi
+}
+complete -o filenames -F _korva korva
