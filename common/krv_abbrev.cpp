@@ -62,26 +62,13 @@ static void illegal_pair(table_builder *t, uint32_t number, const krv_abbrev_t *
              form == 0 ? "0" : krv_name_or_unknown(KRV_DEF_FORM, form));
 }
 
-// Reads one pair: `next` when more may follow, `done` or `cut` when it ended the list.
-static outcome read_pair(table_builder *t, krv_abbrev_t *abbrev)
+// Appends a pair that was read: `next` when more may follow, `done` or `cut` when it ended the list.
+static outcome take_pair(table_builder *t, krv_abbrev_t *abbrev, krv_attribute_t attribute, krv_form_t form)
 {
-    const uint32_t number = abbrev->dwa_nafpairs + 1;
-    krv_attribute_t attribute = 0;
-    krv_form_t form = 0;
-    if (korva_decode_form(t->fdp, DW_FORM_udata, 0, &attribute, sizeof(attribute), nullptr) != 0) {
-        krv_note(t->hp, "failed to read attribute %lu for abbreviation %u at offset %lu",
-                 static_cast<unsigned long>(number), abbrev->dwa_code, t->shown_offset());
-        return outcome::failed;
-    }
-    if (korva_decode_form(t->fdp, DW_FORM_udata, 0, &form, sizeof(form), nullptr) != 0) {
-        krv_note(t->hp, "failed to read form %d for abbreviation %d at offset %lu", static_cast<int>(number),
-                 static_cast<int>(abbrev->dwa_code), t->shown_offset());
-        return outcome::failed;
-    }
     if (attribute == 0 && form == 0)
         return outcome::done;
     if (attribute == 0 || form == 0)
-        illegal_pair(t, number, abbrev, attribute, form);
+        illegal_pair(t, abbrev->dwa_nafpairs + 1, abbrev, attribute, form);
     if (!append_pair(t, attribute, form))
         return outcome::failed;
     if (attribute == 0)
@@ -90,22 +77,49 @@ static outcome read_pair(table_builder *t, krv_abbrev_t *abbrev)
     return outcome::next;
 }
 
+// Reads one pair.
+static outcome read_pair(table_builder *t, krv_abbrev_t *abbrev)
+{
+    const uint32_t number = abbrev->dwa_nafpairs + 1;
+    krv_attribute_t attribute = 0;
+    krv_form_t form = 0;
+    const krv_view_t view = krv_fd_view(t->fdp);
+    if (view.size >= 2 && ((view.bytes[0] | view.bytes[1]) & 0x80) == 0) { // nearly all are two short numbers
+        attribute = view.bytes[0];
+        form = view.bytes[1];
+        krv_fd_advance(t->fdp, 2);
+        krv_clear_error(t->hp);
+        return take_pair(t, abbrev, attribute, form);
+    }
+    if (krv_decode(t->fdp, DW_FORM_udata, 0, &attribute) != 0) {
+        krv_note(t->hp, "failed to read attribute %lu for abbreviation %u at offset %lu",
+                 static_cast<unsigned long>(number), abbrev->dwa_code, t->shown_offset());
+        return outcome::failed;
+    }
+    if (krv_decode(t->fdp, DW_FORM_udata, 0, &form) != 0) {
+        krv_note(t->hp, "failed to read form %d for abbreviation %d at offset %lu", static_cast<int>(number),
+                 static_cast<int>(abbrev->dwa_code), t->shown_offset());
+        return outcome::failed;
+    }
+    return take_pair(t, abbrev, attribute, form);
+}
+
 // Reads one abbreviation: `done` at the null code. One whose pair list the section's end cuts off is dropped.
 static outcome read_abbrev(table_builder *t)
 {
     krv_abbrev_t abbrev = {};
-    if (korva_decode_form(t->fdp, DW_FORM_udata, 0, &abbrev.dwa_code, sizeof(abbrev.dwa_code), nullptr) != 0) {
+    if (krv_decode(t->fdp, DW_FORM_udata, 0, &abbrev.dwa_code) != 0) {
         krv_note(t->hp, "failed to read code for abbreviation at offset %lu", t->shown_offset());
         return outcome::failed;
     }
     if (abbrev.dwa_code == 0)
         return outcome::done;
     uint8_t children = 0;
-    if (korva_decode_form(t->fdp, DW_FORM_udata, 0, &abbrev.dwa_tag, sizeof(abbrev.dwa_tag), nullptr) != 0) {
+    if (krv_decode(t->fdp, DW_FORM_udata, 0, &abbrev.dwa_tag) != 0) {
         krv_note(t->hp, "failed to read tag for abbreviation at offset %lu", t->shown_offset());
         return outcome::failed;
     }
-    if (korva_decode_form(t->fdp, DW_FORM_data1, 0, &children, sizeof(children), nullptr) != 0) {
+    if (krv_decode(t->fdp, DW_FORM_data1, 0, &children) != 0) {
         krv_note(t->hp, "failed to read children flag for abbreviation at offset %lu", t->shown_offset());
         return outcome::failed;
     }
@@ -125,8 +139,24 @@ static outcome read_abbrev(table_builder *t)
     return outcome::next;
 }
 
+// Compilers number abbreviations from 1 on. Then the code is the way into the table, and the hash stays empty.
+static krv_abbrev_t *at_its_code(krv_abbrev_t *abbrevs, uint64_t count, uint64_t code)
+{
+    return code - 1 < count && abbrevs[code - 1].dwa_code == code ? &abbrevs[code - 1] : nullptr;
+}
+
+static bool numbered_in_order(const table_builder *t)
+{
+    uint64_t i = 0;
+    while (i < t->nabbrevs && t->abbrevs[i].dwa_code == i + 1)
+        ++i;
+    return i == t->nabbrevs;
+}
+
 static krv_hash_t *hash_abbrevs(table_builder *t)
 {
+    if (numbered_in_order(t))
+        return krv_hash_create(t->hp, 0, KRV_HASH_UINT64);
     // The count is a hint only; no table has more abbreviations than a code has values.
     krv_hash_t *hash = krv_hash_create(t->hp, static_cast<unsigned int>(t->nabbrevs), KRV_HASH_UINT64);
     if (hash == nullptr)
@@ -217,6 +247,8 @@ krv_abbrev_t *krv_get_abbrev(krv_handle_t *hp, krv_au_t *au, unsigned int code)
     KRV_ASSERT(hp != NULL);
     KRV_ASSERT(au != NULL);
     KRV_ASSERT(au->sau_hash != NULL);
+    if (krv_abbrev_t *abbrev = at_its_code(au->sau_abbrev_table, au->sau_abbrev_table_entries, code))
+        return abbrev;
     const krv_hash_key_t key = {.dwhk_u = code};
     void *abbrev = krv_hash_lookup(hp, au->sau_hash, &key);
     if (abbrev == nullptr)

@@ -17,7 +17,7 @@ namespace
 struct evaluation {
     krv_handle_t *hp;
     krv_activation_t *ap;
-    krv_fd_t fd;     // reads instructions and expressions
+    krv_fd_t fd;     // reads expressions
     uint64_t column; // return-address register
     bool has_cfa;    // false when a register that it depends on has no value
     uint64_t cfa;
@@ -41,36 +41,37 @@ static int place_cursor(krv_fd_t *fdp, uint64_t offset, uint64_t size)
     return korva_fd_seek(fdp, offset, KRV_FD_SEEK_SET) == 0 && korva_fd_truncate(fdp, size) == 0 ? 0 : -1;
 }
 
-static int generate_cie_rules(evaluation *ev, const krv_cie_t *cie)
+static int generate_cie_rules(krv_handle_t *hp, krv_activation_t *ap, const krv_cie_t *cie)
 {
-    krv_activation_t *ap = ev->ap;
+    krv_fd_t fd = cie->scie_fd;
     ap->sa_args = {};
     std::memcpy(ap->sa_initial, ap->sa_default, ap->sa_n_registers * sizeof(krv_cfarule_t));
-    if (place_cursor(&ev->fd, cie->scie_cfi_offset, cie->scie_cfi_size) != 0)
+    if (place_cursor(&fd, cie->scie_cfi_offset, cie->scie_cfi_size) != 0)
         return -1;
-    return krv_generate_ruleset(ev->hp, &ev->fd, cie->scie_code_alignment_factor,
+    return krv_generate_ruleset(hp, &fd, cie->scie_code_alignment_factor,
                                 static_cast<uint64_t>(cie->scie_data_alignment_factor), 0, 0, 0, ap->sa_n_registers,
                                 nullptr, ap->sa_initial, &ap->sa_args, cie->scie_augmentation,
                                 cie->scie_augmentation_data);
 }
 
-static int generate_fde_rules(evaluation *ev, const krv_fde_t *fde, uint64_t pc)
+static int generate_fde_rules(krv_handle_t *hp, krv_activation_t *ap, const krv_fde_t *fde, uint64_t pc)
 {
-    krv_activation_t *ap = ev->ap;
     const krv_cie_t *cie = fde->sfde_cie;
+    krv_fd_t fd = cie->scie_fd;
     std::memcpy(ap->sa_current, ap->sa_initial, ap->sa_n_registers * sizeof(krv_cfarule_t));
-    if (place_cursor(&ev->fd, fde->sfde_cfi_offset, fde->sfde_cfi_size) != 0)
+    if (place_cursor(&fd, fde->sfde_cfi_offset, fde->sfde_cfi_size) != 0)
         return -1;
-    return krv_generate_ruleset(ev->hp, &ev->fd, cie->scie_code_alignment_factor,
+    return krv_generate_ruleset(hp, &fd, cie->scie_code_alignment_factor,
                                 static_cast<uint64_t>(cie->scie_data_alignment_factor), pc, fde->sfde_target_address,
                                 fde->sfde_address_range, ap->sa_n_registers, ap->sa_initial, ap->sa_current, nullptr,
                                 cie->scie_augmentation, cie->scie_augmentation_data);
 }
 
-// Fills sa_current, sa_args and sa_cie_fd for the program counter.
-static int generate_rules(evaluation *ev, uint64_t pc)
+int krv_generate_rules(krv_handle_t *hp, krv_activation_t *ap, uint64_t pc, uint64_t *columnp)
 {
-    krv_handle_t *hp = ev->hp;
+    KRV_ASSERT(hp != NULL);
+    KRV_ASSERT(ap != NULL);
+    KRV_ASSERT(columnp != NULL);
     const krv_fde_owner fde(krv_get_fde_by_address(hp, pc), {hp});
     if (fde == nullptr)
         return krv_note(hp, "unable to get FDE for PC 0x%lx", static_cast<unsigned long>(pc));
@@ -79,12 +80,11 @@ static int generate_rules(evaluation *ev, uint64_t pc)
         return krv_fail(hp, KRV_ERR_NOTFOUND, "unable to get FDE for PC 0x%lx", static_cast<unsigned long>(pc));
 
     const krv_cie_t *cie = fde->sfde_cie;
-    ev->ap->sa_cie_fd = cie->scie_fd;
-    ev->fd = cie->scie_fd;
-    ev->column = cie->scie_return_address_register;
-    if (generate_cie_rules(ev, cie) != 0)
+    ap->sa_cie_fd = cie->scie_fd;
+    *columnp = cie->scie_return_address_register;
+    if (generate_cie_rules(hp, ap, cie) != 0)
         return krv_note(hp, "failed to generate CIE's rules");
-    if (generate_fde_rules(ev, fde.get(), pc) != 0)
+    if (generate_fde_rules(hp, ap, fde.get(), pc) != 0)
         return krv_note(hp, "failed to generate FDE's rules");
     return 0;
 }
@@ -255,7 +255,10 @@ static int evaluate(krv_handle_t *hp, krv_activation_t *ap)
     evaluation ev = {};
     ev.hp = hp;
     ev.ap = ap;
-    if (generate_rules(&ev, static_cast<uint64_t>(pc)) != 0 || compute_cfa(&ev) != 0 || apply_rules(&ev) != 0)
+    if (krv_generate_rules(hp, ap, static_cast<uint64_t>(pc), &ev.column) != 0)
+        return -1;
+    ev.fd = ap->sa_cie_fd;
+    if (compute_cfa(&ev) != 0 || apply_rules(&ev) != 0)
         return -1;
     return return_to_caller(&ev);
 }
