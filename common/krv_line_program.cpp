@@ -172,26 +172,54 @@ static int check_sequences(krv_handle_t *hp, krv_lnp_t *lnpp)
     return 0;
 }
 
+// The rows by file and line, in open addressing: a slot holds the number of the row with the lowest address, plus one.
+namespace
+{
+
+struct place_table {
+    uint32_t *slots;
+    uint64_t mask; // their number, a power of two above that of the rows, less one
+};
+
+} // namespace
+
+// The slot of a row's file and line, taken by the row itself when they are new.
+static uint64_t find_place(const place_table *t, const krv_lns_t *rows, unsigned int number)
+{
+    const krv_lns_t *row = &rows[number];
+    const uint64_t key = uint64_t{row->slns_file} << 32 | row->slns_line;
+    uint64_t slot = (key * 0x9e3779b97f4a7c15U >> 32) & t->mask; // Fibonacci hashing
+    for (; t->slots[slot] != 0; slot = (slot + 1) & t->mask) {
+        const krv_lns_t *other = &rows[t->slots[slot] - 1];
+        if (other->slns_line == row->slns_line && other->slns_file == row->slns_file)
+            return slot;
+    }
+    t->slots[slot] = number + 1;
+    return slot;
+}
+
 // Gives every row the lowest address of its file and line. 0 or -1.
 static int find_canonical_addresses(krv_handle_t *hp, krv_lnp_t *lnpp)
 {
     const unsigned int nrows = lnpp->slnp_lnsp_entries;
+    krv_lns_t *rows = lnpp->slnp_lnsp;
     if (nrows == 0)
         return 0;
-    const krv_owner<krv_lns_t> sorted(static_cast<krv_lns_t *>(krv_zalloc(hp, size_t{nrows} * sizeof(krv_lns_t))));
-    if (sorted == nullptr)
+    uint64_t size = 16;
+    while (size < uint64_t{nrows} + nrows / 2)
+        size *= 2;
+    const krv_owner<uint32_t> slots(static_cast<uint32_t *>(krv_zalloc(hp, size * sizeof(uint32_t))));
+    if (slots == nullptr)
         return krv_note(hp, "couldn't create temporary table for canonical address calculation");
-    std::memcpy(sorted.get(), lnpp->slnp_lnsp, size_t{nrows} * sizeof(krv_lns_t));
-    for (unsigned int i = 0; i < nrows; ++i)
-        sorted.get()[i].slns_u.slnsu_index = i;
-    std::qsort(sorted.get(), nrows, sizeof(krv_lns_t), krv_canonical_compare);
-    const krv_lns_t *first = nullptr; // of the current file and line
+    const place_table t = {slots.get(), size - 1};
     for (unsigned int i = 0; i < nrows; ++i) {
-        const krv_lns_t *row = &sorted.get()[i];
-        if (first == nullptr || row->slns_file != first->slns_file || row->slns_line != first->slns_line)
-            first = row;
-        lnpp->slnp_lnsp[row->slns_u.slnsu_index].slns_u.slnsu_c_address = first->slns_address;
+        const uint64_t slot = find_place(&t, rows, i);
+        if (rows[i].slns_address < rows[t.slots[slot] - 1].slns_address)
+            t.slots[slot] = i + 1;
+        rows[i].slns_u.slnsu_index = slot;
     }
+    for (unsigned int i = 0; i < nrows; ++i)
+        rows[i].slns_u.slnsu_c_address = rows[t.slots[rows[i].slns_u.slnsu_index] - 1].slns_address;
     return 0;
 }
 
@@ -204,7 +232,7 @@ template <typename T>
 static bool read_operand(line_machine *m, krv_form_t form, uint64_t *operandp)
 {
     T operand = 0;
-    if (korva_decode_form(&m->fd, form, m->lnphp->sln_flags, &operand, sizeof(operand), nullptr) != 0)
+    if (krv_decode(&m->fd, form, m->lnphp->sln_flags, &operand) != 0)
         return false;
     *operandp = static_cast<uint64_t>(operand);
     return true;
@@ -271,7 +299,7 @@ static bool decode_op(line_machine *m, line_op *op)
 {
     *op = {};
     op->offset = m->fd.sfd_offset;
-    if (korva_decode_form(&m->fd, DW_FORM_data1, m->lnphp->sln_flags, &op->opcode, sizeof(op->opcode), nullptr) != 0)
+    if (krv_decode(&m->fd, DW_FORM_data1, m->lnphp->sln_flags, &op->opcode) != 0)
         return false;
     op->number = op->opcode;
     if (op->opcode == 0) {
@@ -307,6 +335,10 @@ static bool advance_operation(line_machine *m, uint64_t n)
         return false;
     }
     krv_lns_t *regs = m->regs();
+    if (mopi == 1) { // op_index stays 0
+        regs->slns_address += m->lnphp->sln_mil * n;
+        return true;
+    }
     const uint64_t rest = regs->slns_op_index + n % mopi;
     regs->slns_address += m->lnphp->sln_mil * (n / mopi + rest / mopi);
     regs->slns_op_index = static_cast<unsigned int>(rest % mopi);
