@@ -6,6 +6,7 @@
 
 #include "krv_cfa.h"
 #include "krv_error.h"
+#include "krv_fd.h"
 #include "krv_frame.h"
 
 #include <cstring>
@@ -38,29 +39,33 @@ static bool is_present(const krv_register_t *rp)
 
 static int place_cursor(krv_fd_t *fdp, uint64_t offset, uint64_t size)
 {
-    return korva_fd_seek(fdp, offset, KRV_FD_SEEK_SET) == 0 && korva_fd_truncate(fdp, size) == 0 ? 0 : -1;
+    return krv_fd_seek(fdp, offset) == 0 && korva_fd_truncate(fdp, size) == 0 ? 0 : -1;
 }
 
 static int generate_cie_rules(krv_handle_t *hp, krv_activation_t *ap, const krv_cie_t *cie)
 {
-    krv_fd_t fd = cie->scie_fd;
-    ap->sa_args = {};
+    krv_window_t window;
+    krv_fd_t fd = krv_fd_windowed(&cie->scie_fd, &window);
+    if (ap->sa_args.sa_argc != 0) // all is zero otherwise
+        ap->sa_args = {};
     std::memcpy(ap->sa_initial, ap->sa_default, ap->sa_n_registers * sizeof(krv_cfarule_t));
     if (place_cursor(&fd, cie->scie_cfi_offset, cie->scie_cfi_size) != 0)
         return -1;
-    return krv_generate_ruleset(hp, &fd, cie->scie_code_alignment_factor,
-                                static_cast<uint64_t>(cie->scie_data_alignment_factor), 0, 0, 0, ap->sa_n_registers,
-                                nullptr, ap->sa_initial, &ap->sa_args, cie->scie_augmentation,
-                                cie->scie_augmentation_data);
+    krv_fd_read_ahead(&fd, cie->scie_cfi_size);
+    return krv_generate_ruleset(
+        hp, &fd, cie->scie_code_alignment_factor, static_cast<uint64_t>(cie->scie_data_alignment_factor), 0, 0, 0,
+        ap->sa_n_registers, nullptr, ap->sa_initial, &ap->sa_args, cie->scie_augmentation, cie->scie_augmentation_data);
 }
 
 static int generate_fde_rules(krv_handle_t *hp, krv_activation_t *ap, const krv_fde_t *fde, uint64_t pc)
 {
     const krv_cie_t *cie = fde->sfde_cie;
-    krv_fd_t fd = cie->scie_fd;
+    krv_window_t window;
+    krv_fd_t fd = krv_fd_windowed(&cie->scie_fd, &window);
     std::memcpy(ap->sa_current, ap->sa_initial, ap->sa_n_registers * sizeof(krv_cfarule_t));
     if (place_cursor(&fd, fde->sfde_cfi_offset, fde->sfde_cfi_size) != 0)
         return -1;
+    krv_fd_read_ahead(&fd, fde->sfde_cfi_size);
     return krv_generate_ruleset(hp, &fd, cie->scie_code_alignment_factor,
                                 static_cast<uint64_t>(cie->scie_data_alignment_factor), pc, fde->sfde_target_address,
                                 fde->sfde_address_range, ap->sa_n_registers, ap->sa_initial, ap->sa_current, nullptr,
@@ -227,8 +232,10 @@ static int apply_rules(evaluation *ev)
     for (unsigned int slot = 0; slot < ev->ap->sa_n_registers; ++slot)
         caller->srs_metadata[slot].sr_flags &= ~KRV_REG_FLAG_PRESENT;
     caller->srs_data = {}; // values of an earlier frame must not show through
+    const krv_cfarule_t *rules = ev->ap->sa_current;
     for (unsigned int reg = 0; reg < krv_dwarf_slots(ev->ap); ++reg)
-        if ((caller->srs_metadata[reg].sr_flags & KRV_REG_FLAG_VALID) != 0 && apply_rule(ev, reg) != 0)
+        if (rules[reg].desc != KRV_CFA_RULE_UNDEFINED &&
+            (caller->srs_metadata[reg].sr_flags & KRV_REG_FLAG_VALID) != 0 && apply_rule(ev, reg) != 0)
             return -1;
     return 0;
 }
