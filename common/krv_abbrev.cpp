@@ -8,7 +8,7 @@
 #include "krv_mem.h"
 #include "krv_names.h"
 
-constexpr uint64_t FIRST_CAPACITY = 16;
+constexpr uint64_t FIRST_CAPACITY = 64;
 
 namespace
 {
@@ -62,35 +62,32 @@ static void illegal_pair(table_builder *t, uint32_t number, const krv_abbrev_t *
              form == 0 ? "0" : krv_name_or_unknown(KRV_DEF_FORM, form));
 }
 
-// Appends a pair that was read: `next` when more may follow, `done` or `cut` when it ended the list.
-static outcome take_pair(table_builder *t, krv_abbrev_t *abbrev, krv_attribute_t attribute, krv_form_t form)
+// Reads the pairs at the cursor that are two short numbers, as nearly all are, up to the first that is not or that ends
+// the list.
+static bool read_short_pairs(table_builder *t, krv_abbrev_t *abbrev)
 {
-    if (attribute == 0 && form == 0)
-        return outcome::done;
-    if (attribute == 0 || form == 0)
-        illegal_pair(t, abbrev->dwa_nafpairs + 1, abbrev, attribute, form);
-    if (!append_pair(t, attribute, form))
-        return outcome::failed;
-    if (attribute == 0)
-        return outcome::cut; // kept in the pair array, but no pair of the abbreviation
-    ++abbrev->dwa_nafpairs;
-    return outcome::next;
+    const krv_view_t view = krv_fd_view(t->fdp);
+    uint64_t done = 0;
+    for (; view.size - done >= 2; done += 2) {
+        const uint8_t attribute = view.bytes[done], form = view.bytes[done + 1];
+        if (((attribute | form) & 0x80) != 0 || attribute == 0 || form == 0)
+            break;
+        if (!append_pair(t, attribute, form))
+            return false;
+    }
+    if (done != 0)
+        krv_clear_error(t->hp);
+    abbrev->dwa_nafpairs += static_cast<uint32_t>(done / 2);
+    krv_fd_advance(t->fdp, done);
+    return true;
 }
 
-// Reads one pair.
+// Reads one pair: `next` when more may follow, `done` or `cut` when it ended the list.
 static outcome read_pair(table_builder *t, krv_abbrev_t *abbrev)
 {
     const uint32_t number = abbrev->dwa_nafpairs + 1;
     krv_attribute_t attribute = 0;
     krv_form_t form = 0;
-    const krv_view_t view = krv_fd_view(t->fdp);
-    if (view.size >= 2 && ((view.bytes[0] | view.bytes[1]) & 0x80) == 0) { // nearly all are two short numbers
-        attribute = view.bytes[0];
-        form = view.bytes[1];
-        krv_fd_advance(t->fdp, 2);
-        krv_clear_error(t->hp);
-        return take_pair(t, abbrev, attribute, form);
-    }
     if (krv_decode(t->fdp, DW_FORM_udata, 0, &attribute) != 0) {
         krv_note(t->hp, "failed to read attribute %lu for abbreviation %u at offset %lu",
                  static_cast<unsigned long>(number), abbrev->dwa_code, t->shown_offset());
@@ -101,7 +98,16 @@ static outcome read_pair(table_builder *t, krv_abbrev_t *abbrev)
                  static_cast<int>(abbrev->dwa_code), t->shown_offset());
         return outcome::failed;
     }
-    return take_pair(t, abbrev, attribute, form);
+    if (attribute == 0 && form == 0)
+        return outcome::done;
+    if (attribute == 0 || form == 0)
+        illegal_pair(t, number, abbrev, attribute, form);
+    if (!append_pair(t, attribute, form))
+        return outcome::failed;
+    if (attribute == 0)
+        return outcome::cut; // kept in the pair array, but no pair of the abbreviation
+    ++abbrev->dwa_nafpairs;
+    return outcome::next;
 }
 
 // Reads one abbreviation: `done` at the null code. One whose pair list the section's end cuts off is dropped.
@@ -127,8 +133,11 @@ static outcome read_abbrev(table_builder *t)
     abbrev.dwa_afpair_start = t->npairs;
 
     outcome pairs = t->fdp->sfd_remaining == 0 ? outcome::done : outcome::next; // done: a list that never began
-    while (pairs == outcome::next)
+    while (pairs == outcome::next) {
+        if (!read_short_pairs(t, &abbrev))
+            return outcome::failed;
         pairs = t->fdp->sfd_remaining == 0 ? outcome::cut : read_pair(t, &abbrev);
+    }
     if (pairs == outcome::failed)
         return outcome::failed;
     if (pairs == outcome::cut && t->fdp->sfd_remaining == 0)
