@@ -353,14 +353,19 @@ static bool has_line_range(line_machine *m)
     return false;
 }
 
-// Appends the registers as a row and clears what holds for one row only.
-static bool emit_row(line_machine *m)
+// Clears what holds for one row only.
+static void end_row(krv_lns_t *regs)
 {
-    krv_lns_t *regs = m->regs();
-    if (krv_line_push_entry(m->hp, m->lnphp, m->lnpp, regs) != 0)
-        return false;
     regs->slns_discriminator = 0;
     regs->slns_flags &= ~uint32_t{KRV_LNS_FLAG_BB | KRV_LNS_FLAG_PE | KRV_LNS_FLAG_EB};
+}
+
+// Appends the registers as a row.
+static bool emit_row(line_machine *m)
+{
+    if (krv_line_push_entry(m->hp, m->lnphp, m->lnpp, m->regs()) != 0)
+        return false;
+    end_row(m->regs());
     return true;
 }
 
@@ -514,10 +519,62 @@ static int op_failed(line_machine *m, const line_op *op)
                     static_cast<long long>(m->lnphp->sln_offset));
 }
 
+// Executes the opcodes that make up most of a program, as long as one follows the other: special opcodes and the
+// standard ones with at most one byte of operand. Only when nobody watches, within a sequence, while the row table has
+// room, and with one operation an instruction: nothing can fail then. What it stops at is for decode_op and apply_op.
+static void execute_short(line_machine *m)
+{
+    const krv_lnph_t *lnphp = m->lnphp;
+    krv_lnp_t *lnpp = m->lnpp;
+    krv_lns_t *regs = m->regs();
+    if (lnphp->sln_mopi != 1 || lnphp->sln_line_range == 0 || lnphp->sln_opcode_base < DW_LNS_const_add_pc ||
+        (lnpp->slnp_flags & KRV_LNP_FLAG_IN_SEQUENCE) == 0)
+        return;
+    krv_lnfe_t *file = find_file(m->lnphp, regs->slns_file);
+    const krv_view_t view = krv_fd_view(&m->fd);
+    uint64_t done = 0;
+    while (view.size - done >= 2) {
+        const unsigned int opcode = view.bytes[done], operand = view.bytes[done + 1];
+        if (opcode >= lnphp->sln_opcode_base || opcode == DW_LNS_copy) {
+            if (lnpp->slnp_lnsp_entries == lnpp->slnp_lnsp_size)
+                break;
+            if (opcode != DW_LNS_copy) {
+                const unsigned int adjusted = opcode - lnphp->sln_opcode_base;
+                advance_operation(m, adjusted / lnphp->sln_line_range);
+                regs->slns_line += static_cast<unsigned int>(lnphp->sln_line_base) + adjusted % lnphp->sln_line_range;
+            }
+            krv_lns_t *row = &lnpp->slnp_lnsp[lnpp->slnp_lnsp_entries++];
+            *row = *regs;
+            row->slns_filep = file;
+            end_row(regs);
+            ++done;
+        } else if (opcode == DW_LNS_negate_stmt) {
+            regs->slns_flags ^= KRV_LNS_FLAG_IS;
+            ++done;
+        } else if (operand > 0x7f) {
+            break;
+        } else if (opcode == DW_LNS_advance_pc) {
+            advance_operation(m, operand);
+            done += 2;
+        } else if (opcode == DW_LNS_advance_line) {
+            regs->slns_line += (operand ^ 0x40U) - 0x40U; // a signed number of seven bits
+            done += 2;
+        } else if (opcode == DW_LNS_set_column) {
+            regs->slns_column = static_cast<unsigned short>(operand);
+            done += 2;
+        } else {
+            break;
+        }
+    }
+    krv_fd_advance(&m->fd, done);
+}
+
 static int execute(line_machine *m, krv_iter_lne_f *func, void *arg)
 {
     while (m->fd.sfd_remaining > 0) {
         line_op op;
+        if (func == nullptr)
+            execute_short(m);
         if (!decode_op(m, &op) || !apply_op(m, &op))
             return op_failed(m, &op);
         if (func == nullptr)
@@ -570,5 +627,10 @@ krv_lnp_t *krv_line_get_matrix(krv_handle_t *hp, krv_lnph_t *lnphp)
     krv_lnp_t *fresh = nullptr;
     if (krv_line_build_program(hp, lnphp, &fresh, nullptr, nullptr) != 0)
         return nullptr;
+    // The matrix is kept: what its tables do not use is given back.
+    if (!krv_table_trim(hp, &fresh->slnp_lnsp, &fresh->slnp_lnsp_size, fresh->slnp_lnsp_entries)) {
+        krv_line_free_program(fresh);
+        return nullptr;
+    }
     return krv_publish(&lnphp->sln_lnp, fresh, krv_line_free_program);
 }
