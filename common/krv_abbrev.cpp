@@ -8,7 +8,7 @@
 #include "krv_mem.h"
 #include "krv_names.h"
 
-constexpr uint64_t FIRST_CAPACITY = 16;
+constexpr uint64_t FIRST_CAPACITY = 64;
 
 namespace
 {
@@ -62,18 +62,38 @@ static void illegal_pair(table_builder *t, uint32_t number, const krv_abbrev_t *
              form == 0 ? "0" : krv_name_or_unknown(KRV_DEF_FORM, form));
 }
 
+// Reads the pairs at the cursor that are two short numbers, as nearly all are, up to the first that is not or that ends
+// the list.
+static bool read_short_pairs(table_builder *t, krv_abbrev_t *abbrev)
+{
+    const krv_view_t view = krv_fd_view(t->fdp);
+    uint64_t done = 0;
+    for (; view.size - done >= 2; done += 2) {
+        const uint8_t attribute = view.bytes[done], form = view.bytes[done + 1];
+        if (((attribute | form) & 0x80) != 0 || attribute == 0 || form == 0)
+            break;
+        if (!append_pair(t, attribute, form))
+            return false;
+    }
+    if (done != 0)
+        krv_clear_error(t->hp);
+    abbrev->dwa_nafpairs += static_cast<uint32_t>(done / 2);
+    krv_fd_advance(t->fdp, done);
+    return true;
+}
+
 // Reads one pair: `next` when more may follow, `done` or `cut` when it ended the list.
 static outcome read_pair(table_builder *t, krv_abbrev_t *abbrev)
 {
     const uint32_t number = abbrev->dwa_nafpairs + 1;
     krv_attribute_t attribute = 0;
     krv_form_t form = 0;
-    if (korva_decode_form(t->fdp, DW_FORM_udata, 0, &attribute, sizeof(attribute), nullptr) != 0) {
+    if (krv_decode(t->fdp, DW_FORM_udata, 0, &attribute) != 0) {
         krv_note(t->hp, "failed to read attribute %lu for abbreviation %u at offset %lu",
                  static_cast<unsigned long>(number), abbrev->dwa_code, t->shown_offset());
         return outcome::failed;
     }
-    if (korva_decode_form(t->fdp, DW_FORM_udata, 0, &form, sizeof(form), nullptr) != 0) {
+    if (krv_decode(t->fdp, DW_FORM_udata, 0, &form) != 0) {
         krv_note(t->hp, "failed to read form %d for abbreviation %d at offset %lu", static_cast<int>(number),
                  static_cast<int>(abbrev->dwa_code), t->shown_offset());
         return outcome::failed;
@@ -94,18 +114,18 @@ static outcome read_pair(table_builder *t, krv_abbrev_t *abbrev)
 static outcome read_abbrev(table_builder *t)
 {
     krv_abbrev_t abbrev = {};
-    if (korva_decode_form(t->fdp, DW_FORM_udata, 0, &abbrev.dwa_code, sizeof(abbrev.dwa_code), nullptr) != 0) {
+    if (krv_decode(t->fdp, DW_FORM_udata, 0, &abbrev.dwa_code) != 0) {
         krv_note(t->hp, "failed to read code for abbreviation at offset %lu", t->shown_offset());
         return outcome::failed;
     }
     if (abbrev.dwa_code == 0)
         return outcome::done;
     uint8_t children = 0;
-    if (korva_decode_form(t->fdp, DW_FORM_udata, 0, &abbrev.dwa_tag, sizeof(abbrev.dwa_tag), nullptr) != 0) {
+    if (krv_decode(t->fdp, DW_FORM_udata, 0, &abbrev.dwa_tag) != 0) {
         krv_note(t->hp, "failed to read tag for abbreviation at offset %lu", t->shown_offset());
         return outcome::failed;
     }
-    if (korva_decode_form(t->fdp, DW_FORM_data1, 0, &children, sizeof(children), nullptr) != 0) {
+    if (krv_decode(t->fdp, DW_FORM_data1, 0, &children) != 0) {
         krv_note(t->hp, "failed to read children flag for abbreviation at offset %lu", t->shown_offset());
         return outcome::failed;
     }
@@ -113,8 +133,11 @@ static outcome read_abbrev(table_builder *t)
     abbrev.dwa_afpair_start = t->npairs;
 
     outcome pairs = t->fdp->sfd_remaining == 0 ? outcome::done : outcome::next; // done: a list that never began
-    while (pairs == outcome::next)
+    while (pairs == outcome::next) {
+        if (!read_short_pairs(t, &abbrev))
+            return outcome::failed;
         pairs = t->fdp->sfd_remaining == 0 ? outcome::cut : read_pair(t, &abbrev);
+    }
     if (pairs == outcome::failed)
         return outcome::failed;
     if (pairs == outcome::cut && t->fdp->sfd_remaining == 0)
@@ -125,8 +148,24 @@ static outcome read_abbrev(table_builder *t)
     return outcome::next;
 }
 
+// Compilers number abbreviations from 1 on. Then the code is the way into the table, and the hash stays empty.
+static krv_abbrev_t *at_its_code(krv_abbrev_t *abbrevs, uint64_t count, uint64_t code)
+{
+    return code - 1 < count && abbrevs[code - 1].dwa_code == code ? &abbrevs[code - 1] : nullptr;
+}
+
+static bool numbered_in_order(const table_builder *t)
+{
+    uint64_t i = 0;
+    while (i < t->nabbrevs && t->abbrevs[i].dwa_code == i + 1)
+        ++i;
+    return i == t->nabbrevs;
+}
+
 static krv_hash_t *hash_abbrevs(table_builder *t)
 {
+    if (numbered_in_order(t))
+        return krv_hash_create(t->hp, 0, KRV_HASH_UINT64);
     // The count is a hint only; no table has more abbreviations than a code has values.
     krv_hash_t *hash = krv_hash_create(t->hp, static_cast<unsigned int>(t->nabbrevs), KRV_HASH_UINT64);
     if (hash == nullptr)
@@ -217,6 +256,8 @@ krv_abbrev_t *krv_get_abbrev(krv_handle_t *hp, krv_au_t *au, unsigned int code)
     KRV_ASSERT(hp != NULL);
     KRV_ASSERT(au != NULL);
     KRV_ASSERT(au->sau_hash != NULL);
+    if (krv_abbrev_t *abbrev = at_its_code(au->sau_abbrev_table, au->sau_abbrev_table_entries, code))
+        return abbrev;
     const krv_hash_key_t key = {.dwhk_u = code};
     void *abbrev = krv_hash_lookup(hp, au->sau_hash, &key);
     if (abbrev == nullptr)

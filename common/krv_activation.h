@@ -91,6 +91,10 @@ int krv_activation_get_reg_size(krv_handle_t *hp, krv_activation_t *ap, krv_reg_
 // Gives a valid slot a value and marks it present: `size` bytes of the value are there, those above them are zero.
 void krv_register_store(krv_register_t *rp, const void *bytes, size_t size);
 
+// Fills the rules at a program counter: sa_initial, sa_current, sa_args and sa_cie_fd; *columnp is the return-address
+// register. -1 with code and messages.
+int krv_generate_rules(krv_handle_t *hp, krv_activation_t *ap, uint64_t pc, uint64_t *columnp);
+
 // Computes the caller's frame unless its outcome is known. -1 with code and messages, of a remembered failure without.
 int krv_evaluate_activation(krv_handle_t *hp, krv_activation_t *ap);
 

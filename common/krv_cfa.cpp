@@ -30,7 +30,7 @@ public:
 
     bool push(krv_handle_t *hp, const krv_cfarule_t *rules) // false: KRV_ERR_NOMEM
     {
-        auto *fresh = static_cast<state *>(krv_zalloc(hp, sizeof(state) + bytes));
+        auto *fresh = static_cast<state *>(krv_alloc(hp, sizeof(state) + bytes));
         if (fresh == nullptr)
             return false;
         std::memcpy(fresh + 1, rules, bytes); // the rules follow the record
@@ -316,7 +316,7 @@ int krv_generate_ruleset(krv_handle_t *hp, krv_fd_t *fdp, uint64_t code_align, u
     };
     const uint64_t start = fdp->sfd_offset;
     while (fdp->sfd_remaining > 0) {
-        krv_operation_t op = {};
+        krv_operation_t op; // cleared by its decoder
         row result = row::bad;
         if (krv_frame_get_next_op(hp, fdp, &op, augp, aug_arg) == 0 && registers_in_range(&run, &op))
             result = execute(&run, &op);

@@ -67,6 +67,33 @@ constexpr size_t STRING_CHUNK = 16;
 
 } // namespace
 
+constexpr unsigned int LEB128_FAST_BYTES = 9; // 63 bits: nothing can be lost
+
+unsigned int krv_scan_uleb128(krv_view_t view, uint64_t *valuep)
+{
+    const uint64_t end = view.size < LEB128_FAST_BYTES ? view.size : LEB128_FAST_BYTES;
+    uint64_t value = 0;
+    for (unsigned int i = 0; i < end; ++i) {
+        value |= uint64_t{view.bytes[i] & 0x7fU} << (7 * i);
+        if ((view.bytes[i] & 0x80) == 0) {
+            *valuep = value;
+            return i + 1;
+        }
+    }
+    return 0;
+}
+
+unsigned int krv_scan_sleb128(krv_view_t view, int64_t *valuep)
+{
+    uint64_t value = 0;
+    const unsigned int count = krv_scan_uleb128(view, &value);
+    if (count != 0) {
+        const unsigned int unused = 64 - 7 * count;
+        *valuep = static_cast<int64_t>(value << unused) >> unused;
+    }
+    return count;
+}
+
 static const form_row *form_lookup(krv_form_t form)
 {
     static constexpr form_row refused{};
@@ -264,6 +291,44 @@ static int decode_strp(krv_fd_t *fdp, uint32_t flags, void *dst, size_t size, si
     if (dst != nullptr)
         *fdp = fd;
     return 0;
+}
+
+// Up to its NUL, which must be in view.
+static krv_datum_t string_in_view(krv_view_t view)
+{
+    const void *nul = view.size == 0 ? nullptr : std::memchr(view.bytes, 0, view.size);
+    if (nul == nullptr)
+        return {};
+    const auto size = static_cast<uint64_t>(static_cast<const uint8_t *>(nul) - view.bytes) + 1;
+    return {view.bytes, size, size};
+}
+
+krv_datum_t krv_string_in_memory(const krv_fd_t *fdp, krv_form_t form, uint32_t flags)
+{
+    if (form == DW_FORM_string)
+        return string_in_view(krv_fd_view(fdp));
+    krv_fd_t fd = *fdp;
+    krv_fd_t str = fd.sfd_hp->sh_sec[KRV_SEC_STR];
+    uint64_t offset;
+    if (form != DW_FORM_strp || krv_fd_is_cb(&str) || !krv_decode_in_memory(&fd, DW_FORM_sec_offset, flags, &offset) ||
+        offset > str.sfd_size)
+        return {};
+    krv_datum_t datum = string_in_view({str.sfd_u.buf + offset, str.sfd_size - offset});
+    datum.encoded = fd.sfd_offset - fdp->sfd_offset;
+    return datum;
+}
+
+krv_datum_t krv_block_in_memory(const krv_fd_t *fdp, krv_form_t form)
+{
+    krv_fd_t fd = *fdp;
+    uint64_t length;
+    if (form_lookup(form)->fam != family::block ||
+        !krv_decode_in_memory(&fd, form_lookup(form)->length_form, 0, &length))
+        return {};
+    const krv_view_t view = krv_fd_view(&fd);
+    if (length > view.size)
+        return {};
+    return {view.bytes, length, fd.sfd_offset - fdp->sfd_offset + length};
 }
 
 int krv_decode_indirect(krv_fd_t *fdp, krv_form_t *formp)

@@ -1,12 +1,19 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // Decoding and encoding of attribute forms. Readers go through korva_decode_form as clients do (it clears the error
-// state, which is what makes messages speak of the failing step); krv_read_field puts one field into one line.
+// state, which is what makes messages speak of the failing step), but for numbers whose bytes are in memory: these are
+// decoded here, with the same outcome. krv_read_field puts one field into one line.
 #ifndef KRV_CODE_H
 #define KRV_CODE_H
 
+#include "krv_dwarf.h"
 #include "krv_error.h"
+#include "krv_fd.h"
 #include "krv_types.h"
+
+#include <cstring>
+#include <limits>
+#include <type_traits>
 
 void *korva_value_addr(krv_value_t *value); // not exported
 
@@ -14,12 +21,112 @@ void *korva_value_addr(krv_value_t *value); // not exported
 // "unable to decode DW_FORM_indirect" and leaves the cursor where it was. Clears the error state.
 int krv_decode_indirect(krv_fd_t *fdp, krv_form_t *formp);
 
+// The bytes of a LEB128 number of at most 63 bits, and the number; 0 when it is longer or cut off.
+unsigned int krv_scan_uleb128(krv_view_t view, uint64_t *valuep);
+unsigned int krv_scan_sleb128(krv_view_t view, int64_t *valuep);
+
+// The common case of a decode: a number whose bytes are in memory and whose storage fits. False: not that case, and
+// nothing has changed.
+template <typename T>
+inline bool krv_decode_in_memory(krv_fd_t *fdp, krv_form_t form, uint32_t flags, T *field)
+{
+    const krv_view_t view = krv_fd_view(fdp);
+    size_t width;
+    switch (form) {
+    case DW_FORM_udata:
+    case DW_FORM_ref_udata: {
+        uint64_t value;
+        if (view.size != 0 && view.bytes[0] < 0x80) {
+            value = view.bytes[0];
+            width = 1;
+        } else {
+            width = krv_scan_uleb128(view, &value);
+        }
+        if (width == 0 || value > std::numeric_limits<std::make_unsigned_t<T>>::max())
+            return false;
+        *field = static_cast<T>(value);
+        krv_fd_advance(fdp, width);
+        return true;
+    }
+    case DW_FORM_sdata: {
+        int64_t value;
+        width = sizeof(T) == sizeof(value) ? krv_scan_sleb128(view, &value) : 0;
+        if (width == 0)
+            return false;
+        *field = static_cast<T>(value);
+        krv_fd_advance(fdp, width);
+        return true;
+    }
+    case DW_FORM_data1:
+    case DW_FORM_flag:
+    case DW_FORM_ref1:
+        width = 1;
+        break;
+    case DW_FORM_data2:
+    case DW_FORM_ref2:
+        width = 2;
+        break;
+    case DW_FORM_data4:
+    case DW_FORM_ref4:
+        width = 4;
+        break;
+    case DW_FORM_data8:
+    case DW_FORM_ref8:
+    case DW_FORM_ref_sig8:
+        width = 8;
+        break;
+    case DW_FORM_addr:
+        width = fdp->sfd_hp->sh_target_size == 4 ? 4 : 8;
+        break;
+    case DW_FORM_sec_offset:
+        width = (flags & KRV_FORM_F_DWARF64) != 0 ? 8 : 4;
+        break;
+    default:
+        return false;
+    }
+    if (width > view.size || width > sizeof(T))
+        return false;
+    uint64_t value = 0;
+    std::memcpy(&value, view.bytes, width);
+    if ((flags & KRV_FORM_F_SIGNED) != 0) {
+        const unsigned int unused = 64 - 8 * static_cast<unsigned int>(width);
+        value = static_cast<uint64_t>(static_cast<int64_t>(value << unused) >> unused);
+    }
+    *field = static_cast<T>(value);
+    krv_fd_advance(fdp, width);
+    return true;
+}
+
+// As korva_decode_form, of a number into a field as wide as the field is.
+template <typename T>
+inline int krv_decode(krv_fd_t *fdp, krv_form_t form, uint32_t flags, T *field)
+{
+    if (!krv_decode_in_memory(fdp, form, flags, field))
+        return korva_decode_form(fdp, form, flags, field, sizeof(T), nullptr);
+    krv_clear_error(fdp->sfd_hp);
+    return 0;
+}
+
+// A string or block whose bytes are in memory: where they are, how many (the NUL included), and the bytes of the whole
+// datum. NULL bytes: not that case. The cursor stays.
+struct krv_datum_t {
+    const uint8_t *bytes;
+    uint64_t size;
+    uint64_t encoded;
+};
+krv_datum_t krv_string_in_memory(const krv_fd_t *fdp, krv_form_t form, uint32_t flags);
+krv_datum_t krv_block_in_memory(const krv_fd_t *fdp, krv_form_t form);
+
 // Reads one field of `form` into *field, as wide as the field; else pushes `message` behind the decoder's own.
 template <typename T>
 bool krv_read_field(krv_fd_t *fdp, krv_form_t form, uint32_t flags, T *field, const char *message)
 {
-    if (korva_decode_form(fdp, form, flags, field, sizeof(T), nullptr) == 0)
+    if constexpr (std::is_integral_v<T>) {
+        if (krv_decode(fdp, form, flags, field) == 0)
+            return true;
+    } else if (korva_decode_form(fdp, form, flags, field, sizeof(T), nullptr) == 0) {
         return true;
+    }
     krv_note(fdp->sfd_hp, "%s", message);
     return false;
 }

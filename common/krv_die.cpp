@@ -21,55 +21,79 @@ static uint32_t form_flags(const krv_ctu_t *cu)
 // Values
 // ---------------------------------------------------------------------------------------------------------------
 
-static void free_block(krv_fd_t *block)
+// Whether a form's datum does not fit into a value and is copied out of the section.
+static bool is_block(krv_form_t form)
 {
-    krv_free(block->sfd_u.buf);
-    krv_fd_free(block);
+    switch (form) {
+    case DW_FORM_block1:
+    case DW_FORM_block2:
+    case DW_FORM_block4:
+    case DW_FORM_block:
+    case DW_FORM_exprloc:
+        return true;
+    default:
+        return false;
+    }
+}
+
+static bool is_string(krv_form_t form)
+{
+    return form == DW_FORM_strp || form == DW_FORM_string;
+}
+
+// A cursor with its bytes behind it: one allocation.
+static krv_fd_t *alloc_block(krv_handle_t *hp, uint64_t length)
+{
+    if (length > SIZE_MAX - sizeof(krv_fd_t)) {
+        hp->sh_errno = KRV_ERR_NOMEM;
+        return nullptr;
+    }
+    auto *block = static_cast<krv_fd_t *>(krv_zalloc(hp, sizeof(krv_fd_t) + length));
+    if (block != nullptr)
+        krv_fd_attach_mem(hp, block, length, length == 0 ? nullptr : reinterpret_cast<uint8_t *>(block + 1));
+    return block;
 }
 
 static bool read_block(krv_fd_t *fdp, uint32_t flags, krv_value_t *value)
 {
     krv_handle_t *hp = fdp->sfd_hp;
-    size_t length = 0;
-    if (korva_decode_form(fdp, value->sa_actual, flags, nullptr, 0, &length) != 0)
+    const krv_datum_t datum = krv_block_in_memory(fdp, value->sa_actual);
+    size_t length = datum.size;
+    if (datum.bytes == nullptr && korva_decode_form(fdp, value->sa_actual, flags, nullptr, 0, &length) != 0)
         return false;
-    krv_owner<uint8_t> buf;
-    if (length != 0) {
-        buf.reset(static_cast<uint8_t *>(krv_zalloc(hp, length)));
-        if (buf == nullptr)
-            return false;
-    }
-    krv_owner<krv_fd_t> block(krv_fd_alloc(hp));
+    krv_owner<krv_fd_t> block(alloc_block(hp, length));
     if (block == nullptr)
         return false;
-    krv_fd_attach_mem(hp, block.get(), length, buf.get());
-    if (korva_decode_form(fdp, value->sa_actual, flags, block.get(), length, nullptr) != 0)
+    if (datum.bytes != nullptr) {
+        krv_clear_error(hp);
+        std::memcpy(block.get() + 1, datum.bytes, length);
+        krv_fd_advance(fdp, datum.encoded);
+    } else if (korva_decode_form(fdp, value->sa_actual, flags, block.get(), length, nullptr) != 0) {
         return false;
-    static_cast<void>(buf.release()); // now the block's
+    }
     value->sa_u.su_addr = block.release();
     return true;
 }
 
 static bool read_string(krv_fd_t *fdp, uint32_t flags, krv_value_t *value)
 {
-    size_t size = 0;
-    if (korva_decode_form(fdp, value->sa_actual, flags, nullptr, 0, &size) != 0)
+    krv_handle_t *hp = fdp->sfd_hp;
+    const krv_datum_t datum = krv_string_in_memory(fdp, value->sa_actual, flags);
+    size_t size = datum.size;
+    if (datum.bytes == nullptr && korva_decode_form(fdp, value->sa_actual, flags, nullptr, 0, &size) != 0)
         return false;
-    krv_owner<char> copy(static_cast<char *>(krv_zalloc(fdp->sfd_hp, size)));
-    if (copy == nullptr || korva_decode_form(fdp, value->sa_actual, flags, copy.get(), size, nullptr) != 0)
+    krv_owner<char> copy(static_cast<char *>(krv_alloc(hp, size)));
+    if (copy == nullptr)
         return false;
+    if (datum.bytes != nullptr) {
+        krv_clear_error(hp);
+        std::memcpy(copy.get(), datum.bytes, size);
+        krv_fd_advance(fdp, datum.encoded);
+    } else if (korva_decode_form(fdp, value->sa_actual, flags, copy.get(), size, nullptr) != 0) {
+        return false;
+    }
     value->sa_u.su_addr = copy.release();
     return true;
-}
-
-static bool is_block(krv_form_t form)
-{
-    return (krv_get_form_class(form) & (KRV_CLASS_BLOCK | KRV_CLASS_EXPRLOC)) != 0;
-}
-
-static bool is_string(krv_form_t form)
-{
-    return (krv_get_form_class(form) & KRV_CLASS_STRING) != 0;
 }
 
 // Reads one value, stored by the form that the data really have: DW_FORM_indirect may lead to a string or a block.
@@ -85,16 +109,12 @@ static bool read_value(krv_fd_t *fdp, uint32_t flags, krv_form_t form, krv_value
     if (is_string(actual))
         return read_string(fdp, flags, value);
     value->sa_u.su_unsigned = actual == DW_FORM_flag_present ? 1 : 0;
-    return korva_decode_form(fdp, actual, flags, &value->sa_u, sizeof(value->sa_u), nullptr) == 0;
+    return krv_decode(fdp, actual, flags, &value->sa_u.su_unsigned) == 0;
 }
 
 static void free_value(krv_value_t *value)
 {
-    if (value->sa_u.su_addr == nullptr)
-        return;
-    if (is_block(value->sa_actual))
-        free_block(static_cast<krv_fd_t *>(value->sa_u.su_addr));
-    else if (is_string(value->sa_actual))
+    if (is_string(value->sa_actual) || is_block(value->sa_actual))
         krv_free(value->sa_u.su_addr);
 }
 
@@ -184,7 +204,7 @@ krv_die_t *krv_alloc_die_by_cu_offset(krv_handle_t *hp, krv_ctu_t *cu, krv_offse
     const uint64_t section_offset = krv_add_offset(cu->dcu_offset, offset);
     krv_die_t *die = nullptr;
     uint64_t code = 0;
-    if (korva_fd_seek(fdp, section_offset, KRV_FD_SEEK_SET) == 0 &&
+    if (krv_fd_seek(fdp, section_offset) == 0 &&
         krv_read_field(fdp, DW_FORM_udata, form_flags(cu), &code, "failed to read DIE's abbreviation code")) {
         if (code == 0) {
             hp->sh_errno = KRV_ERR_NOTFOUND;

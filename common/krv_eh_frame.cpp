@@ -8,6 +8,7 @@
 #include "krv_code.h"
 #include "krv_dwarf.h"
 #include "krv_error.h"
+#include "krv_fd.h"
 #include "krv_mem.h"
 
 namespace
@@ -44,7 +45,7 @@ static constexpr eh_format eh_formats[EH_FORMAT + 1] = {
 };
 static_assert(eh_formats[DW_EH_PE_udata8].form == DW_FORM_data8 && eh_formats[DW_EH_PE_sleb128].form == DW_FORM_sdata);
 
-static int apply_base(krv_handle_t *hp, uint8_t encoding, uint64_t pc_base, uint64_t data_base, uint64_t *valuep)
+static inline int apply_base(krv_handle_t *hp, uint8_t encoding, uint64_t pc_base, uint64_t data_base, uint64_t *valuep)
 {
     switch (encoding & EH_APPLICATION) {
     case DW_EH_PE_absptr:
@@ -125,17 +126,20 @@ static krv_fd_t address_space(krv_handle_t *hp)
     return fd;
 }
 
-// Places the cursor behind a record's length field and limits it to the record.
+// Places the cursor behind a record's length field, limits it to the record, and reads the record ahead.
 static bool enter_record(krv_fd_t *fdp, uint64_t address, uint64_t *lengthp, uint64_t *full_sizep)
 {
-    if (korva_fd_seek(fdp, address, KRV_FD_SEEK_SET) != 0) {
+    if (krv_fd_seek(fdp, address) != 0) {
         krv_note(fdp->sfd_hp, "unable to seek to offset 0x%lx", static_cast<unsigned long>(address));
         return false;
     }
     if (!krv_read_field(fdp, DW_FORM_data4, 0, lengthp, "failed to read Length"))
         return false;
     *full_sizep = *lengthp + EH_LENGTH_SIZE;
-    return korva_fd_truncate(fdp, *lengthp) == 0;
+    if (korva_fd_truncate(fdp, *lengthp) != 0)
+        return false;
+    krv_fd_read_ahead(fdp, *lengthp);
+    return true;
 }
 
 // For the fields that a CIE may have once.
@@ -201,8 +205,9 @@ static bool read_cie_augmentation(krv_handle_t *hp, krv_fd_t *fdp, uint64_t eh_f
 
 static bool read_cie(krv_handle_t *hp, krv_cie_t *ciep, uint64_t eh_frame, uint64_t address)
 {
-    krv_fd_t fd = address_space(hp);
-    ciep->scie_fd = fd;
+    ciep->scie_fd = address_space(hp);
+    krv_window_t window;
+    krv_fd_t fd = krv_fd_windowed(&ciep->scie_fd, &window);
     if (!enter_record(&fd, address, &ciep->scie_length, &ciep->scie_section_length) ||
         !krv_read_field(&fd, DW_FORM_data4, 0, &ciep->scie_id, "failed to read CIE id"))
         return false;
@@ -274,7 +279,9 @@ static bool read_fde_augmentation(krv_handle_t *hp, krv_fd_t *fdp, uint64_t eh_f
 
 static bool read_fde(krv_handle_t *hp, krv_fde_t *fdep, uint64_t eh_frame, uint64_t offset)
 {
-    krv_fd_t fd = address_space(hp);
+    const krv_fd_t as = address_space(hp);
+    krv_window_t window;
+    krv_fd_t fd = krv_fd_windowed(&as, &window);
     if (!enter_record(&fd, eh_frame + offset, &fdep->sfde_length, &fdep->sfde_section_length) ||
         !krv_read_field(&fd, DW_FORM_data4, 0, &fdep->sfde_pointer, "failed to read CIE pointer"))
         return false;

@@ -7,6 +7,9 @@
 #include "krv_code.h"
 #include "krv_dwarf.h"
 #include "krv_error.h"
+#include "krv_fd.h"
+
+#include <cstring>
 
 // Bytes of a field of the table; 0 for a format that a table cannot have.
 static uint8_t field_width(uint8_t encoding)
@@ -66,42 +69,110 @@ static bool parse_header(krv_handle_t *hp, krv_eh_frame_reader_data *data, krv_f
     return true;
 }
 
-// Field 0 (initial_location) or 1 (fde_address) of an entry. Its address is formed modulo 2^64.
-static bool read_field(const krv_eh_frame_reader_data *data, krv_fd_t *fdp, int32_t entry, unsigned int field,
-                       uint64_t *datump, const char *message)
+// A field of the table that the window holds: the same number that read_pointer gives. False: not held, or an encoding
+// that read_pointer refuses.
+static bool held_field(const krv_eh_frame_reader_data *data, const krv_window_t *window, uint64_t address,
+                       uint64_t *datump)
 {
-    const uint64_t index = 2 * static_cast<uint64_t>(entry) + field;
-    if (korva_fd_seek(fdp, data->sefh_table_offset + index * data->sefh_width, KRV_FD_SEEK_SET) == 0)
-        return read_pointer(data, fdp, data->sefh_te, datump, message);
-    krv_note(fdp->sfd_hp, "%s", message);
-    return false;
+    const uint64_t skip = address - window->sw_offset;
+    const unsigned int width = data->sefh_width;
+    if (skip >= window->sw_size || width > window->sw_size - skip)
+        return false;
+    uint64_t base = 0;
+    switch (data->sefh_te & 0xf0) {
+    case DW_EH_PE_absptr:
+        break;
+    case DW_EH_PE_pcrel:
+        base = address;
+        break;
+    case DW_EH_PE_datarel:
+        base = data->sefh_eh_frame_hdr;
+        break;
+    default:
+        return false;
+    }
+    const bool is_signed = (data->sefh_te & 0x08) != 0;
+    const uint8_t *bytes = window->sw_bytes + skip;
+    uint64_t value = 0;
+    std::memcpy(&value, bytes, width);
+    if (is_signed) {
+        const unsigned int unused = 64 - 8 * width;
+        value = static_cast<uint64_t>(static_cast<int64_t>(value << unused) >> unused);
+    }
+    *datump = base + value;
+    return true;
 }
 
 namespace
 {
+
+// The table while it is searched, through a cursor that reads ahead.
+struct table_search {
+    const krv_eh_frame_reader_data *data;
+    krv_window_t window;
+    krv_fd_t fd;
+
+    // Formed modulo 2^64.
+    uint64_t field_address(int32_t entry, unsigned int field) const
+    {
+        return data->sefh_table_offset + (2 * static_cast<uint64_t>(entry) + field) * data->sefh_width;
+    }
+
+    // A call for two entries, and near the end one for all that are left.
+    void read_ahead(int32_t lo, int32_t mid, int32_t hi)
+    {
+        const uint64_t entry_size = uint64_t{2} * data->sefh_width;
+        const uint64_t left = static_cast<uint64_t>(int64_t{hi} - lo + 1) * entry_size;
+        const uint64_t first = field_address(lo, 0);
+        if (first - window.sw_offset < window.sw_size && left <= window.sw_size - (first - window.sw_offset))
+            return;
+        const bool all = left <= sizeof(window.sw_bytes);
+        fd.sfd_offset = all ? first : field_address(mid, 0);
+        fd.sfd_remaining = fd.sfd_size - fd.sfd_offset;
+        krv_fd_read_ahead(&fd, all ? left : entry_size + (mid == hi ? 0 : data->sefh_width));
+    }
+
+    // Field 0 (initial_location) or 1 (fde_address) of an entry.
+    bool read_field(int32_t entry, unsigned int field, uint64_t *datump, const char *message)
+    {
+        const uint64_t address = field_address(entry, field);
+        if (held_field(data, &window, address, datump)) {
+            krv_clear_error(fd.sfd_hp);
+            return true;
+        }
+        if (korva_fd_seek(&fd, address, KRV_FD_SEEK_SET) == 0)
+            return read_pointer(data, &fd, data->sefh_te, datump, message);
+        krv_note(fd.sfd_hp, "%s", message);
+        return false;
+    }
+};
 
 enum class found { yes, no, failed };
 
 } // namespace
 
 // The indices have 32 bits, and so has what counts of fde_count: a count whose low half is negative finds nothing.
-static found search_table(const krv_eh_frame_reader_data *data, krv_fd_t *fdp, uint64_t address, uint64_t *startp,
+static found search_table(const krv_eh_frame_reader_data *data, const krv_fd_t *fdp, uint64_t address, uint64_t *startp,
                           uint64_t *fde_addressp, uint64_t *nextp)
 {
+    table_search table;
+    table.data = data;
+    table.fd = krv_fd_windowed(fdp, &table.window);
     int32_t lo = 0, hi = static_cast<int32_t>(data->sefh_fde_count - 1);
     while (lo <= hi) {
         const int32_t mid = lo + (hi - lo) / 2;
-        if (!read_field(data, fdp, mid, 0, startp, "failed to read VA"))
+        table.read_ahead(lo, mid, hi);
+        if (!table.read_field(mid, 0, startp, "failed to read VA"))
             return found::failed;
         if (address < *startp) {
             hi = mid - 1;
             continue;
         }
         *nextp = *startp;
-        if (mid != hi && !read_field(data, fdp, mid + 1, 0, nextp, "failed to read VA"))
+        if (mid != hi && !table.read_field(mid + 1, 0, nextp, "failed to read VA"))
             return found::failed;
         if (mid == hi || address < *nextp)
-            return read_field(data, fdp, mid, 1, fde_addressp, "failed to read location") ? found::yes : found::failed;
+            return table.read_field(mid, 1, fde_addressp, "failed to read location") ? found::yes : found::failed;
         lo = mid + 1;
     }
     return found::no;

@@ -11,12 +11,6 @@ void krv_assert_fail(const char *cond, const char *file, int line, const char *f
     std::abort();
 }
 
-void krv_clear_error(krv_handle_t *hp)
-{
-    hp->sh_nerrors = 0;
-    hp->sh_errno = KRV_ERR_NONE;
-}
-
 [[gnu::format(printf, 2, 0)]] static void push(krv_handle_t *hp, const char *format, va_list ap)
 {
     const uint32_t slot = hp->sh_nerrors;

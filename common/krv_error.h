@@ -7,7 +7,11 @@
 #include "krv_types.h"
 
 // Empties code and messages; the texts in the slots stay until overwritten.
-void krv_clear_error(krv_handle_t *hp);
+inline void krv_clear_error(krv_handle_t *hp)
+{
+    hp->sh_nerrors = 0;
+    hp->sh_errno = KRV_ERR_NONE;
+}
 
 // Appends one message, cut to 255 characters; a 17th is dropped. Never touches the code.
 [[gnu::format(printf, 2, 3)]] void krv_push_error(krv_handle_t *hp, const char *format, ...);

@@ -96,6 +96,46 @@ static int64_t peek(const krv_fd_t *fdp, void *dst, size_t count)
     return static_cast<int64_t>(count);
 }
 
+int64_t krv_window_read(void *arg, void *buf, size_t count, uint64_t offset)
+{
+    const auto *window = static_cast<const krv_window_t *>(arg);
+    const uint64_t skip = offset - window->sw_offset;
+    if (skip > window->sw_size || count > window->sw_size - skip)
+        return window->sw_func(window->sw_arg, buf, count, offset);
+    std::memcpy(buf, window->sw_bytes + skip, count);
+    return static_cast<int64_t>(count);
+}
+
+krv_fd_t krv_fd_windowed(const krv_fd_t *fdp, krv_window_t *window)
+{
+    krv_fd_t fd = *fdp;
+    window->sw_offset = 0;
+    window->sw_size = 0;
+    if (!krv_fd_is_cb(fdp))
+        return fd;
+    window->sw_func = fdp->sfd_u.cb.func;
+    window->sw_arg = fdp->sfd_u.cb.arg;
+    fd.sfd_u.cb.func = krv_window_read;
+    fd.sfd_u.cb.arg = window;
+    return fd;
+}
+
+void krv_fd_read_ahead(krv_fd_t *fdp, uint64_t size)
+{
+    if (!krv_fd_is_cb(fdp) || fdp->sfd_u.cb.func != krv_window_read)
+        return;
+    auto *window = static_cast<krv_window_t *>(fdp->sfd_u.cb.arg);
+    const uint64_t room = sizeof(window->sw_bytes);
+    const uint64_t wanted = size < fdp->sfd_remaining ? size : fdp->sfd_remaining;
+    const size_t count = static_cast<size_t>(wanted < room ? wanted : room);
+    window->sw_size = 0;
+    if (count == 0 ||
+        window->sw_func(window->sw_arg, window->sw_bytes, count, fdp->sfd_offset) != static_cast<int64_t>(count))
+        return;
+    window->sw_offset = fdp->sfd_offset;
+    window->sw_size = count;
+}
+
 krv_fd_t *korva_fd_alloc(krv_handle_t *hp)
 {
     if (hp == nullptr)

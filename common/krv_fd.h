@@ -6,6 +6,7 @@
 #ifndef KRV_FD_H
 #define KRV_FD_H
 
+#include "krv_error.h"
 #include "krv_types.h"
 
 #include <cstdarg>
@@ -30,6 +31,57 @@ inline void krv_fd_advance(krv_fd_t *fdp, uint64_t count)
 {
     fdp->sfd_offset += count;
     fdp->sfd_remaining -= count;
+}
+
+// As korva_fd_seek with KRV_FD_SEEK_SET.
+inline int krv_fd_seek(krv_fd_t *fdp, uint64_t offset)
+{
+    if (fdp->sfd_size == 0 || offset > fdp->sfd_size)
+        return korva_fd_seek(fdp, offset, KRV_FD_SEEK_SET);
+    krv_clear_error(fdp->sfd_hp);
+    fdp->sfd_offset = offset;
+    fdp->sfd_remaining = fdp->sfd_size - offset;
+    return 0;
+}
+
+// Reads ahead over a call-back cursor, so that a record is one call and not one a field. What the window does not hold
+// is read through the call-back behind it, as if there were no window: a read-ahead that fails costs a call and changes
+// nothing else.
+struct krv_window_t {
+    krv_fd_cb_f *sw_func; // the call-back behind it
+    void *sw_arg;
+    uint64_t sw_offset; // of the first byte that is held
+    uint64_t sw_size;   // bytes held
+    uint8_t sw_bytes[256];
+};
+krv_fd_cb_f krv_window_read; // its argument is the window
+
+// A copy of a call-back cursor that reads through a window, which must outlive it. The window holds nothing yet. A
+// memory cursor is only copied.
+krv_fd_t krv_fd_windowed(const krv_fd_t *fdp, krv_window_t *window);
+
+// Fills the window with the bytes at the position of such a cursor: `size` of them, or as many as remain and fit.
+void krv_fd_read_ahead(krv_fd_t *fdp, uint64_t size);
+
+// The bytes at the position that are in memory already: of a memory cursor all that remain, of a windowed one those
+// that its window holds, of any other none.
+struct krv_view_t {
+    const uint8_t *bytes;
+    uint64_t size;
+};
+
+inline krv_view_t krv_fd_view(const krv_fd_t *fdp)
+{
+    if (!krv_fd_is_cb(fdp))
+        return {fdp->sfd_u.buf + fdp->sfd_offset, fdp->sfd_remaining};
+    if (fdp->sfd_u.cb.func != krv_window_read)
+        return {nullptr, 0};
+    const auto *window = static_cast<const krv_window_t *>(fdp->sfd_u.cb.arg);
+    const uint64_t skip = fdp->sfd_offset - window->sw_offset;
+    if (skip >= window->sw_size)
+        return {nullptr, 0};
+    const uint64_t held = window->sw_size - skip;
+    return {window->sw_bytes + skip, held < fdp->sfd_remaining ? held : fdp->sfd_remaining};
 }
 
 // An offset that a sum from the data would put past the end of any section, instead of wrapping around.

@@ -64,7 +64,7 @@ struct krv_lns {
     unsigned short slns_discriminator;
     krv_lnfe_t *slns_filep; // rows: the file, or NULL when the table has none of that number
     union {
-        uint64_t slnsu_index;     // rows of the temporary table of the canonical pass
+        uint64_t slnsu_index;     // during the canonical pass: the slot of the row's file and line
         uint64_t slnsu_c_address; // rows of a matrix
     } slns_u;
 };

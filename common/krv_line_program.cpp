@@ -172,26 +172,54 @@ static int check_sequences(krv_handle_t *hp, krv_lnp_t *lnpp)
     return 0;
 }
 
+// The rows by file and line, in open addressing: a slot holds the number of the row with the lowest address, plus one.
+namespace
+{
+
+struct place_table {
+    uint32_t *slots;
+    uint64_t mask; // their number, a power of two above that of the rows, less one
+};
+
+} // namespace
+
+// The slot of a row's file and line, taken by the row itself when they are new.
+static uint64_t find_place(const place_table *t, const krv_lns_t *rows, unsigned int number)
+{
+    const krv_lns_t *row = &rows[number];
+    const uint64_t key = uint64_t{row->slns_file} << 32 | row->slns_line;
+    uint64_t slot = (key * 0x9e3779b97f4a7c15U >> 32) & t->mask; // Fibonacci hashing
+    for (; t->slots[slot] != 0; slot = (slot + 1) & t->mask) {
+        const krv_lns_t *other = &rows[t->slots[slot] - 1];
+        if (other->slns_line == row->slns_line && other->slns_file == row->slns_file)
+            return slot;
+    }
+    t->slots[slot] = number + 1;
+    return slot;
+}
+
 // Gives every row the lowest address of its file and line. 0 or -1.
 static int find_canonical_addresses(krv_handle_t *hp, krv_lnp_t *lnpp)
 {
     const unsigned int nrows = lnpp->slnp_lnsp_entries;
+    krv_lns_t *rows = lnpp->slnp_lnsp;
     if (nrows == 0)
         return 0;
-    const krv_owner<krv_lns_t> sorted(static_cast<krv_lns_t *>(krv_zalloc(hp, size_t{nrows} * sizeof(krv_lns_t))));
-    if (sorted == nullptr)
+    uint64_t size = 16;
+    while (size < uint64_t{nrows} + nrows / 2)
+        size *= 2;
+    const krv_owner<uint32_t> slots(static_cast<uint32_t *>(krv_zalloc(hp, size * sizeof(uint32_t))));
+    if (slots == nullptr)
         return krv_note(hp, "couldn't create temporary table for canonical address calculation");
-    std::memcpy(sorted.get(), lnpp->slnp_lnsp, size_t{nrows} * sizeof(krv_lns_t));
-    for (unsigned int i = 0; i < nrows; ++i)
-        sorted.get()[i].slns_u.slnsu_index = i;
-    std::qsort(sorted.get(), nrows, sizeof(krv_lns_t), krv_canonical_compare);
-    const krv_lns_t *first = nullptr; // of the current file and line
+    const place_table t = {slots.get(), size - 1};
     for (unsigned int i = 0; i < nrows; ++i) {
-        const krv_lns_t *row = &sorted.get()[i];
-        if (first == nullptr || row->slns_file != first->slns_file || row->slns_line != first->slns_line)
-            first = row;
-        lnpp->slnp_lnsp[row->slns_u.slnsu_index].slns_u.slnsu_c_address = first->slns_address;
+        const uint64_t slot = find_place(&t, rows, i);
+        if (rows[i].slns_address < rows[t.slots[slot] - 1].slns_address)
+            t.slots[slot] = i + 1;
+        rows[i].slns_u.slnsu_index = slot;
     }
+    for (unsigned int i = 0; i < nrows; ++i)
+        rows[i].slns_u.slnsu_c_address = rows[t.slots[rows[i].slns_u.slnsu_index] - 1].slns_address;
     return 0;
 }
 
@@ -204,7 +232,7 @@ template <typename T>
 static bool read_operand(line_machine *m, krv_form_t form, uint64_t *operandp)
 {
     T operand = 0;
-    if (korva_decode_form(&m->fd, form, m->lnphp->sln_flags, &operand, sizeof(operand), nullptr) != 0)
+    if (krv_decode(&m->fd, form, m->lnphp->sln_flags, &operand) != 0)
         return false;
     *operandp = static_cast<uint64_t>(operand);
     return true;
@@ -271,7 +299,7 @@ static bool decode_op(line_machine *m, line_op *op)
 {
     *op = {};
     op->offset = m->fd.sfd_offset;
-    if (korva_decode_form(&m->fd, DW_FORM_data1, m->lnphp->sln_flags, &op->opcode, sizeof(op->opcode), nullptr) != 0)
+    if (krv_decode(&m->fd, DW_FORM_data1, m->lnphp->sln_flags, &op->opcode) != 0)
         return false;
     op->number = op->opcode;
     if (op->opcode == 0) {
@@ -307,6 +335,10 @@ static bool advance_operation(line_machine *m, uint64_t n)
         return false;
     }
     krv_lns_t *regs = m->regs();
+    if (mopi == 1) { // op_index stays 0
+        regs->slns_address += m->lnphp->sln_mil * n;
+        return true;
+    }
     const uint64_t rest = regs->slns_op_index + n % mopi;
     regs->slns_address += m->lnphp->sln_mil * (n / mopi + rest / mopi);
     regs->slns_op_index = static_cast<unsigned int>(rest % mopi);
@@ -321,14 +353,19 @@ static bool has_line_range(line_machine *m)
     return false;
 }
 
-// Appends the registers as a row and clears what holds for one row only.
-static bool emit_row(line_machine *m)
+// Clears what holds for one row only.
+static void end_row(krv_lns_t *regs)
 {
-    krv_lns_t *regs = m->regs();
-    if (krv_line_push_entry(m->hp, m->lnphp, m->lnpp, regs) != 0)
-        return false;
     regs->slns_discriminator = 0;
     regs->slns_flags &= ~uint32_t{KRV_LNS_FLAG_BB | KRV_LNS_FLAG_PE | KRV_LNS_FLAG_EB};
+}
+
+// Appends the registers as a row.
+static bool emit_row(line_machine *m)
+{
+    if (krv_line_push_entry(m->hp, m->lnphp, m->lnpp, m->regs()) != 0)
+        return false;
+    end_row(m->regs());
     return true;
 }
 
@@ -482,10 +519,62 @@ static int op_failed(line_machine *m, const line_op *op)
                     static_cast<long long>(m->lnphp->sln_offset));
 }
 
+// Executes the opcodes that make up most of a program, as long as one follows the other: special opcodes and the
+// standard ones with at most one byte of operand. Only when nobody watches, within a sequence, while the row table has
+// room, and with one operation an instruction: nothing can fail then. What it stops at is for decode_op and apply_op.
+static void execute_short(line_machine *m)
+{
+    const krv_lnph_t *lnphp = m->lnphp;
+    krv_lnp_t *lnpp = m->lnpp;
+    krv_lns_t *regs = m->regs();
+    if (lnphp->sln_mopi != 1 || lnphp->sln_line_range == 0 || lnphp->sln_opcode_base < DW_LNS_const_add_pc ||
+        (lnpp->slnp_flags & KRV_LNP_FLAG_IN_SEQUENCE) == 0)
+        return;
+    krv_lnfe_t *file = find_file(m->lnphp, regs->slns_file);
+    const krv_view_t view = krv_fd_view(&m->fd);
+    uint64_t done = 0;
+    while (view.size - done >= 2) {
+        const unsigned int opcode = view.bytes[done], operand = view.bytes[done + 1];
+        if (opcode >= lnphp->sln_opcode_base || opcode == DW_LNS_copy) {
+            if (lnpp->slnp_lnsp_entries == lnpp->slnp_lnsp_size)
+                break;
+            if (opcode != DW_LNS_copy) {
+                const unsigned int adjusted = opcode - lnphp->sln_opcode_base;
+                advance_operation(m, adjusted / lnphp->sln_line_range);
+                regs->slns_line += static_cast<unsigned int>(lnphp->sln_line_base) + adjusted % lnphp->sln_line_range;
+            }
+            krv_lns_t *row = &lnpp->slnp_lnsp[lnpp->slnp_lnsp_entries++];
+            *row = *regs;
+            row->slns_filep = file;
+            end_row(regs);
+            ++done;
+        } else if (opcode == DW_LNS_negate_stmt) {
+            regs->slns_flags ^= KRV_LNS_FLAG_IS;
+            ++done;
+        } else if (operand > 0x7f) {
+            break;
+        } else if (opcode == DW_LNS_advance_pc) {
+            advance_operation(m, operand);
+            done += 2;
+        } else if (opcode == DW_LNS_advance_line) {
+            regs->slns_line += (operand ^ 0x40U) - 0x40U; // a signed number of seven bits
+            done += 2;
+        } else if (opcode == DW_LNS_set_column) {
+            regs->slns_column = static_cast<unsigned short>(operand);
+            done += 2;
+        } else {
+            break;
+        }
+    }
+    krv_fd_advance(&m->fd, done);
+}
+
 static int execute(line_machine *m, krv_iter_lne_f *func, void *arg)
 {
     while (m->fd.sfd_remaining > 0) {
         line_op op;
+        if (func == nullptr)
+            execute_short(m);
         if (!decode_op(m, &op) || !apply_op(m, &op))
             return op_failed(m, &op);
         if (func == nullptr)
@@ -538,5 +627,10 @@ krv_lnp_t *krv_line_get_matrix(krv_handle_t *hp, krv_lnph_t *lnphp)
     krv_lnp_t *fresh = nullptr;
     if (krv_line_build_program(hp, lnphp, &fresh, nullptr, nullptr) != 0)
         return nullptr;
+    // The matrix is kept: what its tables do not use is given back.
+    if (!krv_table_trim(hp, &fresh->slnp_lnsp, &fresh->slnp_lnsp_size, fresh->slnp_lnsp_entries)) {
+        krv_line_free_program(fresh);
+        return nullptr;
+    }
     return krv_publish(&lnphp->sln_lnp, fresh, krv_line_free_program);
 }

@@ -345,7 +345,8 @@ static int find_ranges(krv_handle_t *hp, krv_ctu_t *cu, krv_lookup_flag_t flags)
     krv_lcpc_t list = {};
     uint64_t low, high;
     bool known = false;
-    switch (get_unit_bounds(hp, cu, &low, &high)) {
+    const bounds found = get_unit_bounds(hp, cu, &low, &high);
+    switch (found) {
     case bounds::failed:
         return -1;
     case bounds::found:
@@ -358,10 +359,33 @@ static int find_ranges(krv_handle_t *hp, krv_ctu_t *cu, krv_lookup_flag_t flags)
         known = scan_children(hp, cu, &list);
         break;
     }
-    if (known && publish_ranges(hp, cu, &list))
+    if (known && publish_ranges(hp, cu, &list)) {
+        if (found == bounds::none)
+            __atomic_fetch_add(&hp->sh_scanned_units, 1, __ATOMIC_RELEASE);
         return 0;
+    }
     free_list(&list);
     return -1;
+}
+
+int krv_lookup_prepare_ranges(krv_handle_t *hp)
+{
+    KRV_ASSERT(hp != NULL);
+    if (hp->sh_sec[KRV_SEC_INFO].sfd_size == 0)
+        return krv_fail(hp, KRV_ERR_NOTFOUND, "handle has no .debug_info");
+    return krv_lookup_build_cu_caches(hp) == 0 && apply_aranges(hp) == 0 ? 0 : -1;
+}
+
+int krv_lookup_get_ranges(krv_handle_t *hp, krv_ctu_t *cu, krv_lookup_flag_t flags, uint64_t **pairsp)
+{
+    KRV_ASSERT(hp != NULL);
+    KRV_ASSERT(cu != NULL);
+    KRV_ASSERT(pairsp != NULL);
+    *pairsp = krv_load(&cu->dcu_aranges);
+    if (*pairsp == nullptr && find_ranges(hp, cu, flags) != 0)
+        return -1;
+    *pairsp = krv_load(&cu->dcu_aranges);
+    return 0;
 }
 
 boolean_t korva_cu_contains_addr(krv_handle_t *hp, krv_ctu_t *cup, uint64_t address, krv_lookup_flag_t flags)
@@ -373,20 +397,11 @@ boolean_t korva_cu_contains_addr(krv_handle_t *hp, krv_ctu_t *cup, uint64_t addr
         return B_FALSE;
     }
     krv_clear_error(hp);
-    if (hp->sh_sec[KRV_SEC_INFO].sfd_size == 0) {
-        krv_fail(hp, KRV_ERR_NOTFOUND, "handle has no .debug_info");
+    uint64_t *pairs = nullptr;
+    if (krv_lookup_prepare_ranges(hp) != 0 || krv_lookup_get_ranges(hp, cup, flags, &pairs) != 0)
         return B_FALSE;
-    }
-    if (krv_lookup_build_cu_caches(hp) != 0 || apply_aranges(hp) != 0)
+    if (pairs == nullptr) // only a scan could tell
         return B_FALSE;
-    uint64_t *pairs = krv_load(&cup->dcu_aranges);
-    if (pairs == nullptr) {
-        if (find_ranges(hp, cup, flags) != 0)
-            return B_FALSE;
-        pairs = krv_load(&cup->dcu_aranges);
-        if (pairs == nullptr) // only a scan could tell
-            return B_FALSE;
-    }
     const uint64_t count = krv_ranges_count(pairs);
     for (uint64_t i = 0; i < count; ++i)
         if (pairs[2 * i] <= address && address < pairs[2 * i + 1])

@@ -24,6 +24,13 @@ void krv_lookup_destroy_cu_caches(krv_handle_t *hp);
 // Appends one pair. 0, or 1 with KRV_ERR_NOMEM.
 int krv_lookup_insert_arange_entry(krv_handle_t *hp, uint64_t start, uint64_t end, krv_lcpc_t *list);
 
+// Makes the units and what .debug_aranges says of them known. 0, or -1, also when there is no .debug_info.
+int krv_lookup_prepare_ranges(krv_handle_t *hp);
+
+// The pairs of a unit, found on first use; NULL with 0 when only a scan could tell and flags forbid it. -1 with
+// KRV_ERR_NOMEM. Comes after krv_lookup_prepare_ranges.
+int krv_lookup_get_ranges(krv_handle_t *hp, krv_ctu_t *cu, krv_lookup_flag_t flags, uint64_t **pairsp);
+
 // Visitors: a set of .debug_aranges, one of its tuples (arg: krv_lcpc_t *), a child of a unit entry (likewise).
 krv_iter_arh_f krv_lookup_cu_populate_aranges;
 krv_iter_are_f krv_lookup_cu_arange_entry_cb;

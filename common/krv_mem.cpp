@@ -3,9 +3,25 @@
 
 #include <cstdlib>
 
+// Up to this size an allocation is one of many: the C library's malloc takes it from what the thread freed last, which
+// its calloc does not.
+constexpr size_t SMALL = 1024;
+
+void *krv_alloc(krv_handle_t *hp, size_t size)
+{
+    void *p = std::malloc(size == 0 ? 1 : size);
+    if (p == nullptr)
+        hp->sh_errno = KRV_ERR_NOMEM;
+    return p;
+}
+
 void *krv_zalloc(krv_handle_t *hp, size_t size)
 {
-    void *p = std::calloc(1, size == 0 ? 1 : size);
+    if (size <= SMALL) {
+        void *p = krv_alloc(hp, size);
+        return p == nullptr ? nullptr : std::memset(p, 0, size);
+    }
+    void *p = std::calloc(1, size);
     if (p == nullptr)
         hp->sh_errno = KRV_ERR_NOMEM;
     return p;
@@ -29,7 +45,7 @@ void krv_free(void *p)
 char *krv_strdup(krv_handle_t *hp, const char *s)
 {
     const size_t size = std::strlen(s) + 1;
-    auto *copy = static_cast<char *>(krv_zalloc(hp, size));
+    auto *copy = static_cast<char *>(krv_alloc(hp, size));
     if (copy != nullptr)
         std::memcpy(copy, s, size);
     return copy;

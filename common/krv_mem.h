@@ -10,6 +10,7 @@
 #include <limits>
 #include <memory>
 
+void *krv_alloc(krv_handle_t *hp, size_t size);            // not zeroed; NULL with KRV_ERR_NOMEM
 void *krv_zalloc(krv_handle_t *hp, size_t size);           // zeroed; NULL with KRV_ERR_NOMEM
 void *krv_realloc(krv_handle_t *hp, void *p, size_t size); // NULL with KRV_ERR_NOMEM, p still valid; NULL for (NULL, 0)
 void krv_free(void *p);

@@ -4,6 +4,7 @@
 #include "krv_dwarf.h"
 #include "krv_error.h"
 
+#include <array>
 #include <climits>
 #include <cstdlib>
 #include <iterator>
@@ -124,12 +125,17 @@ const char *krv_name_or_unknown(unsigned int index, uint64_t key)
     return name == nullptr ? "unknown" : name;
 }
 
+// By form: every value of every entry asks.
+static constexpr auto class_of_form = [] {
+    std::array<uint32_t, 256> masks{};
+    for (const form_class_t &row : _dw_form_classes)
+        masks[row.form] = row.mask;
+    return masks;
+}();
+
 uint32_t krv_get_form_class(krv_form_t form)
 {
-    const unsigned int key = form;
-    const void *row =
-        std::bsearch(&key, _dw_form_classes, std::size(_dw_form_classes), sizeof(form_class_t), krv_compare_uint);
-    return row == nullptr ? 0 : static_cast<const form_class_t *>(row)->mask;
+    return class_of_form[form];
 }
 
 char *korva_print_define(krv_handle_t *hp, krv_def_t index, unsigned int key)

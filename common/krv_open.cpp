@@ -4,6 +4,7 @@
 #include "krv_open.h"
 
 #include "krv_abbrev.h"
+#include "krv_addr_index.h"
 #include "krv_error.h"
 #include "krv_fd.h"
 #include "krv_frame.h"
@@ -149,6 +150,7 @@ void korva_handle_free(krv_handle_t *hp)
     if (hp == nullptr)
         return;
     krv_destroy_reader(hp);
+    krv_addr_index_destroy(hp);
     krv_lookup_destroy_cu_caches(hp);
     krv_abbrev_destroy_caches(hp);
     krv_rwlock_destroy(&hp->sh_rwlock);

@@ -8,6 +8,7 @@
 
 #include "krv_synch.h"
 
+struct krv_addr_index;
 struct krv_hash;
 struct krv_reader;
 
@@ -49,6 +50,9 @@ struct krv_handle {
     krv_opt_t sh_opts[KRV_MAX_OPT];  //
     void *sh_frame_reader;           // krv_reader *, built on first use, published by compare-and-swap
     krv_hash *sh_auphash;            // abbreviation tables by .debug_abbrev offset, likewise
+    krv_addr_index *sh_addr_known;   // units by address, of those whose ranges need no scan, likewise
+    krv_addr_index *sh_addr_all;     // units by address, all of them, likewise
+    uint32_t sh_scanned_units;       // units whose ranges a scan has found
 };
 
 // Preconditions, checked in every build: prints condition, file, line and function, and aborts. The text is visible

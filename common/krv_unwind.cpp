@@ -6,6 +6,7 @@
 
 #include "krv_cfa.h"
 #include "krv_error.h"
+#include "krv_fd.h"
 #include "krv_frame.h"
 
 #include <cstring>
@@ -17,7 +18,7 @@ namespace
 struct evaluation {
     krv_handle_t *hp;
     krv_activation_t *ap;
-    krv_fd_t fd;     // reads instructions and expressions
+    krv_fd_t fd;     // reads expressions
     uint64_t column; // return-address register
     bool has_cfa;    // false when a register that it depends on has no value
     uint64_t cfa;
@@ -38,39 +39,44 @@ static bool is_present(const krv_register_t *rp)
 
 static int place_cursor(krv_fd_t *fdp, uint64_t offset, uint64_t size)
 {
-    return korva_fd_seek(fdp, offset, KRV_FD_SEEK_SET) == 0 && korva_fd_truncate(fdp, size) == 0 ? 0 : -1;
+    return krv_fd_seek(fdp, offset) == 0 && korva_fd_truncate(fdp, size) == 0 ? 0 : -1;
 }
 
-static int generate_cie_rules(evaluation *ev, const krv_cie_t *cie)
+static int generate_cie_rules(krv_handle_t *hp, krv_activation_t *ap, const krv_cie_t *cie)
 {
-    krv_activation_t *ap = ev->ap;
-    ap->sa_args = {};
+    krv_window_t window;
+    krv_fd_t fd = krv_fd_windowed(&cie->scie_fd, &window);
+    if (ap->sa_args.sa_argc != 0) // all is zero otherwise
+        ap->sa_args = {};
     std::memcpy(ap->sa_initial, ap->sa_default, ap->sa_n_registers * sizeof(krv_cfarule_t));
-    if (place_cursor(&ev->fd, cie->scie_cfi_offset, cie->scie_cfi_size) != 0)
+    if (place_cursor(&fd, cie->scie_cfi_offset, cie->scie_cfi_size) != 0)
         return -1;
-    return krv_generate_ruleset(ev->hp, &ev->fd, cie->scie_code_alignment_factor,
-                                static_cast<uint64_t>(cie->scie_data_alignment_factor), 0, 0, 0, ap->sa_n_registers,
-                                nullptr, ap->sa_initial, &ap->sa_args, cie->scie_augmentation,
-                                cie->scie_augmentation_data);
+    krv_fd_read_ahead(&fd, cie->scie_cfi_size);
+    return krv_generate_ruleset(
+        hp, &fd, cie->scie_code_alignment_factor, static_cast<uint64_t>(cie->scie_data_alignment_factor), 0, 0, 0,
+        ap->sa_n_registers, nullptr, ap->sa_initial, &ap->sa_args, cie->scie_augmentation, cie->scie_augmentation_data);
 }
 
-static int generate_fde_rules(evaluation *ev, const krv_fde_t *fde, uint64_t pc)
+static int generate_fde_rules(krv_handle_t *hp, krv_activation_t *ap, const krv_fde_t *fde, uint64_t pc)
 {
-    krv_activation_t *ap = ev->ap;
     const krv_cie_t *cie = fde->sfde_cie;
+    krv_window_t window;
+    krv_fd_t fd = krv_fd_windowed(&cie->scie_fd, &window);
     std::memcpy(ap->sa_current, ap->sa_initial, ap->sa_n_registers * sizeof(krv_cfarule_t));
-    if (place_cursor(&ev->fd, fde->sfde_cfi_offset, fde->sfde_cfi_size) != 0)
+    if (place_cursor(&fd, fde->sfde_cfi_offset, fde->sfde_cfi_size) != 0)
         return -1;
-    return krv_generate_ruleset(ev->hp, &ev->fd, cie->scie_code_alignment_factor,
+    krv_fd_read_ahead(&fd, fde->sfde_cfi_size);
+    return krv_generate_ruleset(hp, &fd, cie->scie_code_alignment_factor,
                                 static_cast<uint64_t>(cie->scie_data_alignment_factor), pc, fde->sfde_target_address,
                                 fde->sfde_address_range, ap->sa_n_registers, ap->sa_initial, ap->sa_current, nullptr,
                                 cie->scie_augmentation, cie->scie_augmentation_data);
 }
 
-// Fills sa_current, sa_args and sa_cie_fd for the program counter.
-static int generate_rules(evaluation *ev, uint64_t pc)
+int krv_generate_rules(krv_handle_t *hp, krv_activation_t *ap, uint64_t pc, uint64_t *columnp)
 {
-    krv_handle_t *hp = ev->hp;
+    KRV_ASSERT(hp != NULL);
+    KRV_ASSERT(ap != NULL);
+    KRV_ASSERT(columnp != NULL);
     const krv_fde_owner fde(krv_get_fde_by_address(hp, pc), {hp});
     if (fde == nullptr)
         return krv_note(hp, "unable to get FDE for PC 0x%lx", static_cast<unsigned long>(pc));
@@ -79,12 +85,11 @@ static int generate_rules(evaluation *ev, uint64_t pc)
         return krv_fail(hp, KRV_ERR_NOTFOUND, "unable to get FDE for PC 0x%lx", static_cast<unsigned long>(pc));
 
     const krv_cie_t *cie = fde->sfde_cie;
-    ev->ap->sa_cie_fd = cie->scie_fd;
-    ev->fd = cie->scie_fd;
-    ev->column = cie->scie_return_address_register;
-    if (generate_cie_rules(ev, cie) != 0)
+    ap->sa_cie_fd = cie->scie_fd;
+    *columnp = cie->scie_return_address_register;
+    if (generate_cie_rules(hp, ap, cie) != 0)
         return krv_note(hp, "failed to generate CIE's rules");
-    if (generate_fde_rules(ev, fde.get(), pc) != 0)
+    if (generate_fde_rules(hp, ap, fde.get(), pc) != 0)
         return krv_note(hp, "failed to generate FDE's rules");
     return 0;
 }
@@ -227,8 +232,10 @@ static int apply_rules(evaluation *ev)
     for (unsigned int slot = 0; slot < ev->ap->sa_n_registers; ++slot)
         caller->srs_metadata[slot].sr_flags &= ~KRV_REG_FLAG_PRESENT;
     caller->srs_data = {}; // values of an earlier frame must not show through
+    const krv_cfarule_t *rules = ev->ap->sa_current;
     for (unsigned int reg = 0; reg < krv_dwarf_slots(ev->ap); ++reg)
-        if ((caller->srs_metadata[reg].sr_flags & KRV_REG_FLAG_VALID) != 0 && apply_rule(ev, reg) != 0)
+        if (rules[reg].desc != KRV_CFA_RULE_UNDEFINED &&
+            (caller->srs_metadata[reg].sr_flags & KRV_REG_FLAG_VALID) != 0 && apply_rule(ev, reg) != 0)
             return -1;
     return 0;
 }
@@ -255,7 +262,10 @@ static int evaluate(krv_handle_t *hp, krv_activation_t *ap)
     evaluation ev = {};
     ev.hp = hp;
     ev.ap = ap;
-    if (generate_rules(&ev, static_cast<uint64_t>(pc)) != 0 || compute_cfa(&ev) != 0 || apply_rules(&ev) != 0)
+    if (krv_generate_rules(hp, ap, static_cast<uint64_t>(pc), &ev.column) != 0)
+        return -1;
+    ev.fd = ap->sa_cie_fd;
+    if (compute_cfa(&ev) != 0 || apply_rules(&ev) != 0)
         return -1;
     return return_to_caller(&ev);
 }

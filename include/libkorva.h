@@ -159,7 +159,7 @@ enum {
     KRV_FORM_F_SIGNED = 0x2   /**< extend a fixed-size datum into wider storage by its sign, not by zeros */
 };
 
-/** Flags of korva_cu_contains_addr. */
+/** Flags of korva_cu_contains_addr and korva_lookup_ctu_by_addr. */
 typedef unsigned int krv_lookup_flag_t;
 enum {
     KRV_LOOKUP_F_NONE = 0,
@@ -936,6 +936,16 @@ typedef struct krv_cu_header {
  * size of .debug_info.
  */
 KORVA_API int korva_cu_get_header(krv_handle_t *hp, krv_ctu_t *cup, krv_cu_header_t *headerp);
+
+/**
+ * The unit that covers @p address: the first in section order for which korva_cu_contains_addr with the same @p flags
+ * is B_TRUE. The first call makes an index of the units' ranges (without KRV_LOOKUP_F_FAST it looks into the entries
+ * of every unit that needs it); later calls take time logarithmic in the number of ranges.
+ *
+ * Errors: KRV_ERR_NOTFOUND (no unit covers it, or no .debug_info); KRV_ERR_NONE when no unit is known to cover it but
+ * KRV_LOOKUP_F_FAST left some unit's ranges unknown; otherwise as korva_cu_contains_addr.
+ */
+KORVA_API krv_ctu_t *korva_lookup_ctu_by_addr(krv_handle_t *hp, uint64_t address, krv_lookup_flag_t flags);
 
 #ifdef __cplusplus
 }

@@ -188,6 +188,111 @@ TEST(Lookup, AddressesOfAUnit)
     }
 }
 
+// The offset of the unit that covers an address, asking every unit; -1: none.
+static int64_t ask_every_unit(krv_handle_t *hp, uint64_t address, krv_lookup_flag_t flags)
+{
+    struct query {
+        uint64_t address;
+        krv_lookup_flag_t flags;
+        int64_t found;
+    } q{address, flags, -1};
+    const auto visit = [](krv_handle_t *handle, krv_ctu_t *cu, void *arg) {
+        auto *query_of = static_cast<query *>(arg);
+        if (korva_cu_contains_addr(handle, cu, query_of->address, query_of->flags) != B_TRUE)
+            return 0;
+        query_of->found = static_cast<int64_t>(cu->dcu_offset);
+        return 1;
+    };
+    korva_iter_cu(hp, KRV_SEC_INFO, visit, &q);
+    return q.found;
+}
+
+static int64_t ask_index(krv_handle_t *hp, uint64_t address, krv_lookup_flag_t flags)
+{
+    const krv_ctu_t *cu = korva_lookup_ctu_by_addr(hp, address, flags);
+    return cu == nullptr ? -1 : static_cast<int64_t>(cu->dcu_offset);
+}
+
+TEST(Lookup, UnitOfAnAddress)
+{
+    const bytes bare = bytes().uleb(1), low = entry(2, 0x1000, 0x2000), wide = entry(2, 0x800, 0x3000);
+    const bytes sub = bare + entry(5, 0x1800, 0x2800), inverted = entry(2, 0x2000, 0x1000);
+    const bytes to_the_end = entry(2, 0x2f00, MAX), broken = bare + entry(7, 0x400, 1, 1);
+    const bytes several = bare + entry(5, 0x100, 0x200) + entry(5, 0x180, 0x900) + entry(6, 0x3000, 8, 1);
+    const aranges_set three{.tuples = {{0x1100, 0x100}, {0, 0x10}, {0x1180, 0x1000}}};
+    const aranges_set wraps{.tuples = {{MAX - 15, 0x20}, {0x1500, 1}}};
+    const struct {
+        std::vector<bytes> units;
+        bytes aranges;
+    } rows[] = {
+        {{low}, {}},
+        {{low, wide}, {}},
+        {{wide, low}, {}},
+        {{low, low, wide, to_the_end}, {}},
+        {{inverted, wide, bare}, {}},
+        {{sub, low, several}, {}}, // of which FAST knows one
+        {{several, sub, broken, to_the_end}, {}},
+        {{bare, wide, sub}, three.build()},
+        {{bare, wide}, three.build() + wraps.build(80)},
+        {{sub, low}, aranges_set{.info_offset = 7}.build()},
+        {{low, wide}, aranges_set{.unit_length = 0xfffffff1}.build()},
+        {{bare}, {}},
+        {{}, {}},
+    };
+    for (const auto &row : rows) {
+        bytes info;
+        for (const bytes &dies : row.units)
+            info += simple_unit(dies);
+        const auto make = [&](handle &h) {
+            h.attach(KRV_SEC_ABBREV, abbrev_section).attach(KRV_SEC_ARANGES, row.aranges).attach(KRV_SEC_INFO, info);
+        };
+        handle asked, indexed, mixed;
+        for (handle *h : {&asked, &indexed, &mixed})
+            make(*h);
+        const std::vector<uint64_t> bounds = {0,      0x10,   0x100,  0x180,  0x200,    0x800,  0x900,  0x1000,
+                                              0x1100, 0x1180, 0x1200, 0x1500, 0x1501,   0x1800, 0x2000, 0x2180,
+                                              0x2800, 0x2f00, 0x3000, 0x3008, MAX - 15, MAX};
+        // FAST before anything is scanned, then after everything is; in between one unit after the other.
+        for (const krv_lookup_flag_t flags : {KRV_LOOKUP_F_FAST, KRV_LOOKUP_F_NONE, KRV_LOOKUP_F_FAST}) {
+            for (const uint64_t bound : bounds) {
+                for (const uint64_t address : {bound - 1, bound, bound + 1}) {
+                    const int64_t expected = ask_every_unit(asked, address, flags);
+                    EXPECT_TRUE(flags == KRV_LOOKUP_F_FAST || ask_index(indexed, address, flags) == expected)
+                        << std::hex << address;
+                    EXPECT_EQ(ask_every_unit(mixed, address, flags), expected);
+                    EXPECT_EQ(ask_index(mixed, address, KRV_LOOKUP_F_FAST),
+                              ask_every_unit(mixed, address, KRV_LOOKUP_F_FAST))
+                        << std::hex << address;
+                }
+            }
+        }
+    }
+}
+
+TEST(Lookup, UnitOfAnAddressSaysWhyNot)
+{
+    handle h, unknown, damaged;
+    EXPECT_EQ(korva_lookup_ctu_by_addr(nullptr, 0, 0), nullptr);
+    EXPECT_EQ(korva_lookup_ctu_by_addr(h, 0, 0), nullptr);
+    EXPECT_EQ(h.error(), "NOTFOUND: handle has no .debug_info");
+    h.attach(KRV_SEC_ABBREV, abbrev_section).attach(KRV_SEC_INFO, simple_unit(entry(2, 0x1000, 0x2000)));
+    EXPECT_NE(korva_lookup_ctu_by_addr(h, 0x1000, KRV_LOOKUP_F_FAST), nullptr);
+    EXPECT_EQ(korva_lookup_ctu_by_addr(h, 0x2000, KRV_LOOKUP_F_FAST), nullptr);
+    EXPECT_EQ(h.error(), "NOTFOUND");
+
+    const bytes scanned = simple_unit(bytes().uleb(1) + entry(5, 0x400, 0x480));
+    unknown.attach(KRV_SEC_ABBREV, abbrev_section).attach(KRV_SEC_INFO, scanned);
+    EXPECT_EQ(korva_lookup_ctu_by_addr(unknown, 0x400, KRV_LOOKUP_F_FAST), nullptr);
+    EXPECT_EQ(unknown.error(), "NONE");
+    EXPECT_NE(korva_lookup_ctu_by_addr(unknown, 0x400, 0), nullptr);
+    EXPECT_NE(korva_lookup_ctu_by_addr(unknown, 0x400, KRV_LOOKUP_F_FAST), nullptr);
+
+    damaged.attach(KRV_SEC_ABBREV, abbrev_section).attach(KRV_SEC_INFO, scanned);
+    damaged.attach(KRV_SEC_ARANGES, aranges_set{.unit_length = 0xfffffff1}.build());
+    EXPECT_EQ(korva_lookup_ctu_by_addr(damaged, 0x400, 0), nullptr);
+    EXPECT_EQ(damaged.error(), "CORRUPT: reserved value (0xfffffff1) in 4-byte unit_length");
+}
+
 TEST(Lookup, EverythingIsReadOnce)
 {
     handle h;

@@ -43,15 +43,21 @@ location locator::find(uint64_t address)
     return found;
 }
 
+// Tells once that the last question about ranges failed, if it did.
+void locator::note_ranges_failed()
+{
+    const int code = korva_handle_get_errno(m_object->handle());
+    if (code == KRV_ERR_NONE || code == KRV_ERR_NOTFOUND || m_ranges_failed)
+        return;
+    m_ranges_failed = true;
+    m_object->diagnose(m_object->failed("cannot tell which units cover an address"));
+}
+
 bool locator::covers(unit &u, uint64_t address, krv_lookup_flag_t flags)
 {
     if (korva_cu_contains_addr(m_object->handle(), u.cu, address, flags) == B_TRUE)
         return true;
-    const int code = korva_handle_get_errno(m_object->handle());
-    if (code != KRV_ERR_NONE && code != KRV_ERR_NOTFOUND && !m_ranges_failed) {
-        m_ranges_failed = true;
-        m_object->diagnose(m_object->failed("cannot tell which units cover an address"));
-    }
+    note_ranges_failed();
     return false;
 }
 
@@ -81,25 +87,33 @@ locator::outcome locator::ask(unit &u, const extent &range, uint64_t address, so
     if (file != nullptr && korva_get_fields(hp, KRV_STRUCT_LNFE, file, 1, KRV_FIELD_LNFE_ABSOLUTE_PATH, &path) != 0)
         return refuse();
     source->path = path == nullptr ? "" : path;
-    m_last = &u;
     return outcome::found;
+}
+
+unit &locator::unit_of(krv_ctu_t *cu)
+{
+    krv_cu_header_t header = {};
+    korva_cu_get_header(m_object->handle(), cu, &header);
+    return *std::lower_bound(m_units->begin(), m_units->end(), header.offset,
+                             [](const unit &u, uint64_t offset) { return u.header.offset < offset; });
 }
 
 locator::outcome locator::ask_covering(const extent &range, uint64_t address, source_line *source)
 {
-    if (m_last != nullptr && covers(*m_last, address, KRV_LOOKUP_F_NONE)) {
-        const outcome result = ask(*m_last, range, address, source);
+    for (const krv_lookup_flag_t flags : {KRV_LOOKUP_F_FAST, KRV_LOOKUP_F_NONE}) {
+        krv_ctu_t *cu = korva_lookup_ctu_by_addr(m_object->handle(), address, flags);
+        if (cu == nullptr) {
+            note_ranges_failed();
+            continue;
+        }
+        // The first that covers it knows its line, but for units that overlap.
+        unit &first = unit_of(cu);
+        outcome result = ask(first, range, address, source);
+        for (unit *u = &first + 1; result == outcome::absent && u != m_units->data() + m_units->size(); ++u)
+            if (covers(*u, address, flags))
+                result = ask(*u, range, address, source);
         if (result != outcome::absent)
             return result;
-    }
-    for (const krv_lookup_flag_t flags : {KRV_LOOKUP_F_FAST, KRV_LOOKUP_F_NONE}) {
-        for (unit &u : *m_units) {
-            if (!covers(u, address, flags))
-                continue;
-            const outcome result = ask(u, range, address, source);
-            if (result != outcome::absent)
-                return result;
-        }
     }
     return outcome::absent;
 }

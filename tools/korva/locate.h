@@ -29,8 +29,8 @@ struct location {
 
 /**
  * Finds addresses in the units of a file: in those whose known ranges cover it, then in those whose entries do, then in
- * those whose line tables do. The unit that answered last is asked first, so that sorted addresses are found at once.
- * A refused unit that covers an address, or may, is diagnosed, once.
+ * those whose line tables do; of several the first that knows a line answers. A refused unit that covers an address, or
+ * may, is diagnosed, once.
  */
 class locator
 {
@@ -48,6 +48,8 @@ private:
         unit *owner;
     };
 
+    void note_ranges_failed();
+    unit &unit_of(krv_ctu_t *cu);
     bool covers(unit &u, uint64_t address, krv_lookup_flag_t flags);
     outcome ask(unit &u, const extent &range, uint64_t address, source_line *source);
     outcome ask_covering(const extent &range, uint64_t address, source_line *source);
@@ -57,7 +59,6 @@ private:
 
     object *m_object;
     std::vector<unit> *m_units = nullptr;
-    unit *m_last = nullptr;         // the unit that answered last
     std::vector<unit *> m_unranged; // units whose ranges only a look at their entries can tell
     bool m_ranges_failed = false;
     bool m_indexed = false;

@@ -1,0 +1,108 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// What all contestants share: arguments, clock, checksums, and the line that they print.
+//
+//     NAME JOB FILE [ADDRESSES]
+//
+//     U  open FILE; name and compilation directory of every unit                       items: units
+//     E  every entry of every unit, every value decoded (strings to their end)         items: entries
+//     L  every unit's line table, every row read                                       items: rows
+//     A  the addresses to file and line, twice: a cold pass and a warm one             items: addresses
+//     F  frame description and unwind row at the addresses                             items: addresses
+//     S  walk of the own stack inside the library FILE, memory read by a call-back     items: frames
+//
+// The clock runs from before FILE is opened to after the last answer. Exit status 3: the job is not offered. Contestants
+// whose answers are the same print the same `check`. ADDRESSES is made by addresses.cpp.
+#ifndef KRV_BENCH_CONTEST_H
+#define KRV_BENCH_CONTEST_H
+
+#include <cstdint>
+#include <cstring>
+
+namespace contest
+{
+
+// An address and the function that holds it.
+struct query {
+    uint64_t address, start, size;
+};
+
+struct run {
+    char job;
+    const char *file;
+    const query *queries;
+    uint64_t nqueries;
+    uint64_t items, check;
+    uint64_t ns;                         // 0: the whole call counts
+    uint64_t ns_first, ns_cold, ns_warm; // job A
+    uint64_t reads;                      // job S: calls of the memory call-back
+};
+
+// Nanoseconds of a clock that only goes forward.
+uint64_t now();
+
+// How often job S walks: BENCH_WALKS, or 2000.
+int walks();
+
+// Supplied by each contestant: runs the job; false when it is not offered.
+[[gnu::noinline]] bool play(run *r);
+
+// Length and last bytes of a text: cheap, and touches all of it.
+inline uint64_t text_check(const char *s)
+{
+    if (s == nullptr)
+        return 0;
+    const size_t n = std::strlen(s);
+    uint64_t tail = 0;
+    std::memcpy(&tail, s + (n > 8 ? n - 8 : 0), n > 8 ? 8 : n);
+    return n * 0x9e3779b97f4a7c15U + tail;
+}
+
+inline uint64_t unit_check(const char *name, const char *directory)
+{
+    return text_check(name) + 3 * text_check(directory);
+}
+
+// Line and base name of a path.
+inline uint64_t place_check(const char *path, uint64_t line)
+{
+    if (path == nullptr)
+        return 0;
+    const char *slash = std::strrchr(path, '/');
+    return text_check(slash != nullptr ? slash + 1 : path) * 31 + line;
+}
+
+// An unwind row: register and offset of the CFA, and where the registers that a function may save are saved.
+inline uint64_t cfa_check(uint64_t reg, int64_t offset)
+{
+    return (reg + 1) * 0x10000001U + static_cast<uint64_t>(offset);
+}
+inline uint64_t saved_check(unsigned reg, int64_t offset)
+{
+    return (uint64_t{reg} + 7) * static_cast<uint64_t>(offset * 1000003);
+}
+constexpr unsigned char saved_registers[] = {3, 6, 12, 13, 14, 15, 16}; // DWARF numbers of AMD64
+
+// Runs job A: `place` answers one address by its place_check.
+template <typename Place>
+void find_places(run *r, uint64_t started, Place place)
+{
+    for (int pass = 0; pass < 2; ++pass) {
+        const uint64_t pass_started = now();
+        r->check = 0;
+        for (uint64_t i = 0; i < r->nqueries; ++i) {
+            r->check += place(r->queries[i]);
+            if (pass == 0 && i == 0)
+                r->ns_first = now() - started;
+        }
+        if (pass == 0)
+            r->ns_cold = now() - started;
+        else
+            r->ns_warm = now() - pass_started;
+    }
+    r->items = r->nqueries;
+}
+
+} // namespace contest
+
+#endif

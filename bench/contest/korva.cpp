@@ -1,0 +1,168 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// libkorva as its clients have it, through the shared library: U, L, A and S.
+#include "chain.h"
+#include "contest.h"
+#include "korva_file.h"
+
+#include <link.h>
+#include <vector>
+
+using namespace contest;
+
+static bool list_units(run *r, krv_handle_t *hp)
+{
+    const auto visit = [](krv_handle_t *handle, krv_ctu_t *cu, void *arg) {
+        auto *to = static_cast<run *>(arg);
+        krv_die_t *die;
+        char name[4096], directory[4096];
+        korva_get_cu_cudie(handle, cu, &die);
+        const bool has_name = korva_get_die_at_name(handle, die, name, sizeof(name)) == 0;
+        const bool has_directory = korva_get_die_at_comp_dir(handle, die, directory, sizeof(directory)) == 0;
+        to->check += unit_check(has_name ? name : nullptr, has_directory ? directory : nullptr);
+        ++to->items;
+        return 0;
+    };
+    return korva_iter_cu(hp, KRV_SEC_INFO, visit, r) == 0;
+}
+
+static bool read_lines(run *r, krv_handle_t *hp)
+{
+    struct rows {
+        run *to;
+        std::vector<uint64_t> addresses;
+        std::vector<uint32_t> lines;
+    } all{r, {}, {}};
+    const auto visit = [](krv_handle_t *handle, krv_ctu_t *cu, void *arg) {
+        auto *of = static_cast<rows *>(arg);
+        krv_lnph_t *header = korva_line_get_cu_lnph(handle, cu);
+        krv_lnp_t *matrix;
+        unsigned count;
+        if (header == nullptr ||
+            korva_get_fields(handle, KRV_STRUCT_LNPH, header, 1, KRV_FIELD_LNPH_LNP, &matrix) != 0 ||
+            korva_get_fields(handle, KRV_STRUCT_LNP, matrix, 1, KRV_FIELD_LNP_ENTRIES, &count) != 0)
+            return 0;
+        if (of->addresses.size() < count) {
+            of->addresses.resize(count);
+            of->lines.resize(count);
+        }
+        korva_get_fields(handle, KRV_STRUCT_LNP, matrix, 2, KRV_FIELD_LNS_ADDRESS, of->addresses.data(),
+                         KRV_FIELD_LNS_LINE, of->lines.data());
+        for (unsigned i = 0; i < count; ++i)
+            of->to->check += of->addresses[i] ^ of->lines[i];
+        of->to->items += count;
+        return 0;
+    };
+    return korva_iter_cu(hp, KRV_SEC_INFO, visit, &all) == 0;
+}
+
+static uint64_t place(krv_handle_t *hp, const query &q)
+{
+    krv_ctu_t *cu = korva_lookup_ctu_by_addr(hp, q.address, KRV_LOOKUP_F_NONE);
+    krv_lns_t *row =
+        cu == nullptr ? nullptr : korva_lookup_source_by_cu_and_addr(hp, cu, q.start, q.size, q.address, 0);
+    if (row == nullptr)
+        return 0;
+    uint32_t line;
+    char *path = nullptr;
+    korva_lns_get_line(hp, row, &line);
+    krv_lnfe_t *file = korva_lns_get_filep(hp, row);
+    if (file != nullptr)
+        korva_get_fields(hp, KRV_STRUCT_LNFE, file, 1, KRV_FIELD_LNFE_PATH, &path);
+    return place_check(path, line);
+}
+
+// ---------------------------------------------------------------------------------------------------------------
+// The walk
+// ---------------------------------------------------------------------------------------------------------------
+
+// The module that holds an address, as it is loaded.
+struct module {
+    uint64_t pc, low, high, eh_frame_hdr, eh_frame;
+};
+
+static int find_module(dl_phdr_info *info, size_t, void *arg)
+{
+    auto *m = static_cast<module *>(arg);
+    uint64_t low = UINT64_MAX, high = 0, hdr = 0;
+    for (int i = 0; i < info->dlpi_phnum; ++i) {
+        const Elf64_Phdr *p = &info->dlpi_phdr[i];
+        const uint64_t start = info->dlpi_addr + p->p_vaddr;
+        if (p->p_type == PT_GNU_EH_FRAME)
+            hdr = start;
+        if (p->p_type != PT_LOAD)
+            continue;
+        low = start < low ? start : low;
+        high = start + p->p_memsz > high ? start + p->p_memsz : high;
+    }
+    if (m->pc < low || m->pc >= high)
+        return 0;
+    int32_t distance; // eh_frame_ptr, relative to itself
+    std::memcpy(&distance, reinterpret_cast<const void *>(hdr + 4), sizeof(distance));
+    *m = {m->pc, low & ~uint64_t{4095}, high, hdr, hdr + 4 + static_cast<uint64_t>(int64_t{distance})};
+    return 1;
+}
+
+static uint64_t reads;
+
+static int64_t read_memory(void *, void *buf, size_t count, uint64_t address)
+{
+    ++reads;
+    std::memcpy(buf, reinterpret_cast<const void *>(address), count);
+    return static_cast<int64_t>(count);
+}
+
+static void walk(run *r, krv_handle_t *hp, krv_activation_t *ap, const module &m, const uint64_t registers[17])
+{
+    korva_activation_reset(hp, ap);
+    for (const unsigned reg : {3U, 6U, 7U, 12U, 13U, 14U, 15U, 16U})
+        korva_activation_set_greg(hp, ap, KRV_ACTIVATION_REG_DWARF, reg, static_cast<krv_greg_t>(registers[reg]));
+    korva_activation_set_greg(hp, ap, KRV_ACTIVATION_REG_LIBRARY, KRV_REG_PC, static_cast<krv_greg_t>(registers[16]));
+    do {
+        krv_greg_t pc = 0;
+        korva_activation_get_greg(hp, ap, KRV_ACTIVATION_REG_LIBRARY, KRV_ACTIVATION_FRAME_CURRENT, KRV_REG_PC, &pc);
+        const auto address = static_cast<uint64_t>(pc);
+        if (address < m.low || address >= m.high)
+            return;
+        ++r->items;
+        r->check += address - m.low;
+    } while (korva_activation_unwind(hp, ap) == 0);
+}
+
+static void at_leaf(const uint64_t registers[17], void *arg)
+{
+    auto *r = static_cast<run *>(arg);
+    module m = {};
+    m.pc = registers[16];
+    dl_iterate_phdr(find_module, &m);
+    krv_handle_t *hp = korva_handle_alloc(KRV_ACTIVATION_AMD64);
+    korva_attach_as(hp, read_memory, nullptr);
+    korva_handle_set_opt(hp, KRV_OPT_EH_FRAME_ADDR, m.eh_frame);
+    korva_handle_set_opt(hp, KRV_OPT_EH_FRAME_HDR_ADDR, m.eh_frame_hdr);
+    krv_activation_t *ap = korva_activation_alloc(hp);
+    const uint64_t started = now();
+    for (int i = walks(); i > 0; --i)
+        walk(r, hp, ap, m, registers);
+    r->ns = now() - started;
+    r->reads = reads;
+    korva_activation_free(ap);
+    korva_handle_free(hp);
+}
+
+bool contest::play(run *r)
+{
+    if (r->job == 'S') {
+        chain_run(at_leaf, r);
+        return true;
+    }
+    if (std::strchr("ULA", r->job) == nullptr)
+        return false;
+    const uint64_t started = now();
+    const korva_file file(r->file);
+    if (r->job == 'U')
+        return list_units(r, file.hp);
+    if (r->job == 'L')
+        return read_lines(r, file.hp);
+    find_places(r, started, [&](const query &q) { return place(file.hp, q); });
+    return true;
+}

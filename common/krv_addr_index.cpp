@@ -1,0 +1,206 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// Ranges of different units may overlap, and then the first unit in section order is the answer. So the bounds of all
+// ranges are sorted, and the ranges are painted onto the pieces between them in section order: a piece keeps its first
+// colour.
+#include "krv_addr_index.h"
+
+#include "krv_error.h"
+#include "krv_lookup.h"
+#include "krv_mem.h"
+
+#include <algorithm>
+
+namespace
+{
+
+// One range of a unit that covers at least one address.
+struct range {
+    uint64_t start, end;
+    uint32_t unit;
+};
+
+struct index_deleter {
+    void operator()(krv_addr_index *index) const
+    {
+        krv_free(index->sai_bounds);
+        krv_free(index->sai_units);
+        krv_free(index->sai_unknown);
+        krv_free(index);
+    }
+};
+using index_owner = std::unique_ptr<krv_addr_index, index_deleter>;
+
+// The ranges of all units in section order.
+struct range_table {
+    range *ranges = nullptr;
+    size_t size = 0, entries = 0;
+
+    range_table() = default;
+    ~range_table() { krv_free(ranges); }
+    range_table(const range_table &) = delete;
+    range_table &operator=(const range_table &) = delete;
+};
+
+} // namespace
+
+static bool append_range(krv_handle_t *hp, range_table *t, const range &r)
+{
+    if (r.start >= r.end)
+        return true;
+    if (!krv_table_grow(hp, &t->ranges, &t->size, t->entries, size_t{16}))
+        return false;
+    t->ranges[t->entries++] = r;
+    return true;
+}
+
+// Asks every unit for its ranges. False: KRV_ERR_NOMEM.
+static bool collect_ranges(krv_handle_t *hp, krv_lookup_flag_t flags, range_table *t, krv_addr_index *index)
+{
+    uint32_t unknown_size = 0;
+    for (uint32_t unit = 0; unit < hp->sh_cu_table_entries; ++unit) {
+        uint64_t *pairs = nullptr;
+        if (krv_lookup_get_ranges(hp, hp->sh_cu_table[unit], flags, &pairs) != 0)
+            return false;
+        if (pairs == nullptr) {
+            if (!krv_table_grow(hp, &index->sai_unknown, &unknown_size, index->sai_unknown_units, 16U))
+                return false;
+            index->sai_unknown[index->sai_unknown_units++] = unit;
+            continue;
+        }
+        const uint64_t count = krv_ranges_count(pairs);
+        for (uint64_t i = 0; i < count; ++i)
+            if (!append_range(hp, t, {pairs[2 * i], pairs[2 * i + 1], unit}))
+                return false;
+    }
+    return true;
+}
+
+template <typename T>
+static T *alloc_array(krv_handle_t *hp, size_t count)
+{
+    return static_cast<T *>(krv_zalloc(hp, count * sizeof(T)));
+}
+
+static bool sort_bounds(krv_handle_t *hp, const range_table *t, krv_addr_index *index)
+{
+    index->sai_bounds = alloc_array<uint64_t>(hp, 2 * t->entries);
+    if (index->sai_bounds == nullptr)
+        return false;
+    uint64_t *end = index->sai_bounds;
+    for (size_t i = 0; i < t->entries; ++i) {
+        *end++ = t->ranges[i].start;
+        *end++ = t->ranges[i].end;
+    }
+    std::sort(index->sai_bounds, end);
+    index->sai_pieces = static_cast<size_t>(std::unique(index->sai_bounds, end) - index->sai_bounds);
+    return true;
+}
+
+// The first piece at or behind `piece` that is not painted. next[] leads over painted ones, ever farther.
+static size_t first_bare(size_t *next, size_t piece)
+{
+    size_t bare = piece;
+    while (next[bare] != bare)
+        bare = next[bare];
+    while (next[piece] != bare) { // what was walked over once is not walked over again
+        const size_t behind = next[piece];
+        next[piece] = bare;
+        piece = behind;
+    }
+    return bare;
+}
+
+static bool paint(krv_handle_t *hp, const range_table *t, krv_addr_index *index)
+{
+    const size_t pieces = index->sai_pieces;
+    index->sai_units = alloc_array<uint32_t>(hp, pieces);
+    const krv_owner<size_t> next(alloc_array<size_t>(hp, pieces + 1));
+    if (index->sai_units == nullptr || next == nullptr)
+        return false;
+    std::fill_n(index->sai_units, pieces, KRV_NO_UNIT);
+    for (size_t i = 0; i <= pieces; ++i)
+        next.get()[i] = i;
+    const uint64_t *begin = index->sai_bounds, *end = begin + pieces;
+    for (size_t i = 0; i < t->entries; ++i) {
+        const range *r = &t->ranges[i];
+        const auto last = static_cast<size_t>(std::lower_bound(begin, end, r->end) - begin);
+        auto piece = static_cast<size_t>(std::lower_bound(begin, end, r->start) - begin);
+        while ((piece = first_bare(next.get(), piece)) < last) {
+            index->sai_units[piece] = r->unit;
+            next.get()[piece] = piece + 1;
+        }
+    }
+    return true;
+}
+
+static krv_addr_index *build_index(krv_handle_t *hp, krv_lookup_flag_t flags)
+{
+    index_owner index(krv_new<krv_addr_index>(hp));
+    range_table t;
+    if (index == nullptr || !collect_ranges(hp, flags, &t, index.get()) || !sort_bounds(hp, &t, index.get()) ||
+        !paint(hp, &t, index.get()))
+        return nullptr;
+    krv_clear_error(hp); // of scans that found nothing
+    return index.release();
+}
+
+// The index for the flags; one of all units serves both. NULL on failure.
+static const krv_addr_index *get_index(krv_handle_t *hp, krv_lookup_flag_t flags)
+{
+    if (const krv_addr_index *all = krv_load(&hp->sh_addr_all))
+        return all;
+    const bool fast = (flags & KRV_LOOKUP_F_FAST) != 0;
+    krv_addr_index **slot = fast ? &hp->sh_addr_known : &hp->sh_addr_all;
+    if (const krv_addr_index *known = krv_load(slot))
+        return known;
+    krv_addr_index *fresh = krv_lookup_prepare_ranges(hp) == 0 ? build_index(hp, flags) : nullptr;
+    return fresh == nullptr ? nullptr : krv_publish(slot, fresh, index_deleter());
+}
+
+static uint32_t search(const krv_addr_index *index, uint64_t address)
+{
+    const uint64_t *begin = index->sai_bounds, *end = begin + index->sai_pieces;
+    const uint64_t *behind = std::upper_bound(begin, end, address);
+    return behind == begin ? KRV_NO_UNIT : index->sai_units[behind - begin - 1];
+}
+
+// A unit that was unknown to the index and before `unit`, whose ranges a scan has found since and cover the address;
+// else `unit`.
+static uint32_t search_scanned(const krv_handle_t *hp, const krv_addr_index *index, uint64_t address, uint32_t unit)
+{
+    for (uint32_t i = 0; i < index->sai_unknown_units && index->sai_unknown[i] < unit; ++i) {
+        uint64_t *pairs = krv_load(&hp->sh_cu_table[index->sai_unknown[i]]->dcu_aranges);
+        for (uint64_t k = 0; pairs != nullptr && k < krv_ranges_count(pairs); ++k)
+            if (pairs[2 * k] <= address && address < pairs[2 * k + 1])
+                return index->sai_unknown[i];
+    }
+    return unit;
+}
+
+void krv_addr_index_destroy(krv_handle_t *hp)
+{
+    KRV_ASSERT(hp != NULL);
+    for (krv_addr_index **slot : {&hp->sh_addr_known, &hp->sh_addr_all}) {
+        if (*slot != nullptr)
+            index_deleter()(*slot);
+        *slot = nullptr;
+    }
+}
+
+krv_ctu_t *korva_lookup_ctu_by_addr(krv_handle_t *hp, uint64_t address, krv_lookup_flag_t flags)
+{
+    if (hp == nullptr)
+        return nullptr;
+    krv_clear_error(hp);
+    const krv_addr_index *index = get_index(hp, flags);
+    if (index == nullptr)
+        return nullptr;
+    uint32_t unit = search(index, address);
+    if (index->sai_unknown_units != 0 && __atomic_load_n(&hp->sh_scanned_units, __ATOMIC_ACQUIRE) != 0)
+        unit = search_scanned(hp, index, address, unit);
+    if (unit != KRV_NO_UNIT)
+        return hp->sh_cu_table[unit];
+    hp->sh_errno = index->sai_unknown_units != 0 ? KRV_ERR_NONE : KRV_ERR_NOTFOUND;
+    return nullptr;
+}
