@@ -347,7 +347,9 @@ void eh_frame_view::scan(memory &mem, krv_activation_type_t target, uint64_t sta
         if (head[1] == 0) {
             if (auto cie = parse_cie(mem, target, at, size)) {
                 cies[at] = {cie->fde_encoding, cie->signal_letter != 0, cie->has_lsda};
-                const bool changed = show_version_one(*cie) | show_direct_personality(*cie) | hide_signal_letter(*cie);
+                bool changed = show_version_one(*cie);
+                changed = show_direct_personality(*cie) || changed;
+                changed = hide_signal_letter(*cie) || changed;
                 if (changed)
                     show(mem, at, cie->bytes);
             }
