@@ -5,6 +5,12 @@ _korva()
 {
     local word=${COMP_WORDS[COMP_CWORD]} before=${COMP_WORDS[COMP_CWORD - 1]} words
     COMPREPLY=()
+    # --format=x comes as three words.
+    if [ "$word" = = ]; then
+        word=
+    elif [ "$before" = = ]; then
+        before=${COMP_WORDS[COMP_CWORD - 2]}
+    fi
     if [ "$COMP_CWORD" -eq 1 ]; then
         words="--help --version $("$1" --help 2>/dev/null | sed -n '/^Subcommands:/,$s/^  \([a-z][a-z]*\) .*/\1/p')"
     elif [ "$before" = --format ]; then
