@@ -102,9 +102,10 @@ krv_reader_t *krv_get_reader(krv_handle_t *hp)
     if (void *known = krv_load(&hp->sh_frame_reader))
         return static_cast<krv_reader_t *>(known);
     krv_reader_t *fresh = nullptr;
+    hp->sh_errno = KRV_ERR_NONE;
     for (auto *create : creators) {
         fresh = create(hp);
-        if (fresh != nullptr)
+        if (fresh != nullptr || hp->sh_errno == KRV_ERR_NOMEM) // a reader that declines for want of memory would suit
             break;
     }
     if (fresh == nullptr)

@@ -19,7 +19,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     const uint64_t registers = in.number(8);
     const auto flags = static_cast<uint32_t>(in.number(1) & 0x17); // every flag but the caller's frame
     const size_t room = in.number(1);
-    krv_fuzz::source memory{in.part(), in.short_read(), 0};
+    krv_fuzz::source memory{in.part(), in.mode, 0};
     std::vector<uint8_t> bytes = in.rest();
     if (bytes.empty())
         return 0;

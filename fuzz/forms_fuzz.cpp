@@ -11,7 +11,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     const auto flags = static_cast<uint32_t>(in.number(1));
     const size_t room = in.number(1);
     h.attach(KRV_SEC_STR, in.part());
-    krv_fuzz::source datum{in.rest(), in.short_read(), 0};
+    krv_fuzz::source datum{in.rest(), in.mode, 0};
     if (datum.bytes.empty())
         return 0;
     krv_fd_t fd = {};

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// How the bytes of one fuzzing input become sections: the first byte chooses target and reading, then each section is
-// a 2-byte length and that many bytes; the last one takes the rest. Seeds are made the same way.
+// How the bytes of one fuzzing input become sections: the first two bytes choose target and reading, then each
+// section is a 2-byte length and that many bytes; the last one takes the rest. seeds.cpp writes the same.
 #ifndef KRV_FUZZ_INPUT_H
 #define KRV_FUZZ_INPUT_H
 
@@ -14,16 +14,27 @@
 namespace krv_fuzz
 {
 
+// What the first two bytes say.
+enum : unsigned {
+    MODE_I386 = 1,     // the target; else AMD64
+    MODE_CALLBACK = 2, // sections are read through a call-back; else from memory
+    MODE_FAILS = 4,    // the faulty read fails; else it comes up short
+    MODE_FAULT = 8     // times n: the n-th read of each section is faulty; 0: none
+};
+
 // A read call-back over a section, with a fault that the input chooses.
 struct source {
     std::vector<uint8_t> bytes;
-    unsigned short_read = 0; // the n-th read comes up short; 0: none
+    unsigned mode = 0;
     unsigned reads = 0;
 
     static int64_t read(void *arg, void *buf, size_t count, uint64_t offset)
     {
         auto *self = static_cast<source *>(arg);
-        if (++self->reads == self->short_read && count != 0)
+        const bool faulty = ++self->reads == self->mode / MODE_FAULT;
+        if (faulty && (self->mode & MODE_FAILS) != 0)
+            return -1;
+        if (faulty && count != 0)
             --count;
         if (offset > self->bytes.size() || count > self->bytes.size() - offset)
             return -1;
@@ -36,7 +47,7 @@ struct source {
 class input
 {
 public:
-    input(const uint8_t *data, size_t size) : at(data), left(size) { mode = number(1); }
+    input(const uint8_t *data, size_t size) : at(data), left(size) { mode = static_cast<unsigned>(number(2)); }
 
     uint64_t number(size_t width) // little-endian; short at the end of the input
     {
@@ -57,9 +68,13 @@ public:
 
     std::vector<uint8_t> rest() { return take(left); }
 
-    krv_activation_type_t target() const { return (mode & 1) != 0 ? KRV_ACTIVATION_I386 : KRV_ACTIVATION_AMD64; }
-    bool through_callback() const { return (mode & 2) != 0; }
-    unsigned short_read() const { return static_cast<unsigned>(mode >> 2); }
+    krv_activation_type_t target() const
+    {
+        return (mode & MODE_I386) != 0 ? KRV_ACTIVATION_I386 : KRV_ACTIVATION_AMD64;
+    }
+    bool through_callback() const { return (mode & MODE_CALLBACK) != 0; }
+
+    unsigned mode = 0;
 
 private:
     std::vector<uint8_t> take(size_t length)
@@ -72,7 +87,6 @@ private:
 
     const uint8_t *at;
     size_t left;
-    uint64_t mode = 0;
 };
 
 // A handle whose sections are the input's, each exactly as large as its bytes.
@@ -80,7 +94,7 @@ class handle
 {
 public:
     explicit handle(const input &in)
-        : hp(korva_handle_alloc(in.target())), callback(in.through_callback()), short_read(in.short_read())
+        : hp(korva_handle_alloc(in.target())), callback(in.through_callback()), mode(in.mode)
     {
         sections.reserve(KRV_MAX_SEC);
     }
@@ -92,7 +106,7 @@ public:
     {
         if (bytes.empty())
             return;
-        sections.push_back({std::move(bytes), short_read, 0});
+        sections.push_back({std::move(bytes), mode, 0});
         source *s = &sections.back();
         if (callback)
             korva_attach_section(hp, sec, s->bytes.size(), KRV_FD_TYPE_CB, source::read, s);
@@ -105,7 +119,7 @@ public:
 private:
     krv_handle_t *hp;
     bool callback;
-    unsigned short_read;
+    unsigned mode;
     std::vector<source> sections;
 };
 

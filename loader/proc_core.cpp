@@ -168,7 +168,7 @@ void core_file_source::open_core()
         fail(KRV_ELF_ERR_FORMAT, "not a regular file");
     core_size = static_cast<uint64_t>(st.st_size);
     file_memory file(core_file);
-    auto headers = read_elf_image(file, 0);
+    auto headers = read_elf_image(file, 0, true);
     if (!headers)
         fail(KRV_ELF_ERR_FORMAT, "not an ELF file of 32-bit x86 or AMD64");
     if (headers->type != ET_CORE)

@@ -10,7 +10,8 @@ namespace
 {
 
 constexpr uint64_t PAGE = 4096;
-constexpr unsigned MOST_SEGMENTS = 0x20000; // a core file has one for every mapping, at most 65530 by default
+constexpr uint64_t MOST_SEGMENTS = 0x20000;     // a core file has one for every mapping, at most 65530 by default
+constexpr uint64_t MOST_LOADED_BYTES = 0x10000; // of program headers: the system loads no object with more
 
 struct elf32 {
     using ehdr = Elf32_Ehdr;
@@ -49,7 +50,7 @@ void measure(elf_image &image)
 }
 
 template <typename format>
-std::optional<elf_image> read_headers(memory &mem, uint64_t address)
+std::optional<elf_image> read_headers(memory &mem, uint64_t address, bool core)
 {
     typename format::ehdr header;
     if (!mem.get(address, &header) || header.e_phentsize != sizeof(typename format::phdr))
@@ -64,7 +65,8 @@ std::optional<elf_image> read_headers(memory &mem, uint64_t address)
     image.entry = header.e_entry;
     image.phoff = header.e_phoff;
     const uint64_t count = count_segments<format>(mem, address, header);
-    for (uint64_t i = 0; i < count && i < MOST_SEGMENTS; ++i) {
+    const uint64_t most = core ? MOST_SEGMENTS : MOST_LOADED_BYTES / sizeof(typename format::phdr);
+    for (uint64_t i = 0; i < count && i < most; ++i) {
         typename format::phdr p;
         if (!mem.get(address + header.e_phoff + i * sizeof(p), &p))
             break;
@@ -85,15 +87,15 @@ const Elf64_Phdr *elf_image::find(uint32_t wanted) const
     return nullptr;
 }
 
-std::optional<elf_image> read_elf_image(memory &mem, uint64_t address)
+std::optional<elf_image> read_elf_image(memory &mem, uint64_t address, bool core)
 {
     unsigned char ident[EI_NIDENT];
     if (!mem.get(address, &ident) || std::memcmp(ident, ELFMAG, SELFMAG) != 0 || ident[EI_DATA] != ELFDATA2LSB)
         return std::nullopt;
     if (ident[EI_CLASS] == ELFCLASS32)
-        return read_headers<elf32>(mem, address);
+        return read_headers<elf32>(mem, address, core);
     if (ident[EI_CLASS] == ELFCLASS64)
-        return read_headers<elf64>(mem, address);
+        return read_headers<elf64>(mem, address, core);
     return std::nullopt;
 }
 

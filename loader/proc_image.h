@@ -31,8 +31,10 @@ struct elf_image {
     const Elf64_Phdr *find(uint32_t type) const; // the first segment of a type, or NULL
 };
 
-// Reads the headers that begin at `address`. Nothing when there is no ELF header for one of our machines.
-std::optional<elf_image> read_elf_image(memory &mem, uint64_t address);
+// Reads the headers that begin at `address`. Nothing when there is no ELF header for one of our machines. Of an object
+// that is loaded no more segments are taken than the system would load, so that a core file whose mappings are all such
+// headers is read in reasonable time; a core file itself has as many as its process had mappings.
+std::optional<elf_image> read_elf_image(memory &mem, uint64_t address, bool core = false);
 
 // A note of a PT_NOTE segment.
 struct elf_note {

@@ -12,7 +12,8 @@
 namespace krv_elf_loader
 {
 
-input_file::input_file(const std::string &path) : descriptor(open(path.c_str(), O_RDONLY | O_CLOEXEC)) {}
+// Not blocking: who waits for the writer of a FIFO waits for ever.
+input_file::input_file(const std::string &path) : descriptor(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK)) {}
 
 input_file::~input_file()
 {

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // Core files: of the system, of gdb, and a 32-bit one made here, whole, cut short and damaged.
+#include "proc_image.h"
 #include "process.h"
 #include "support/bytes.h"
 
@@ -11,6 +12,7 @@
 #include <fstream>
 #include <random>
 #include <sys/resource.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -73,6 +75,12 @@ protected:
             return false;
         fs::rename(dir / made, dir / name);
         return true;
+    }
+
+    fs::path fifo()
+    {
+        EXPECT_EQ(mkfifo((dir / "fifo").c_str(), 0600), 0);
+        return dir / "fifo";
     }
 
     std::string read(const fs::path &path)
@@ -205,6 +213,7 @@ TEST_F(CoreFile, ThatIsNone)
         {write("empty", "", 0), KRV_ELF_ERR_FORMAT, "not an ELF file"},
         {write("text", "once upon a time", 16), KRV_ELF_ERR_FORMAT, "not an ELF file"},
         {target_path("target_o2"), KRV_ELF_ERR_FORMAT, "not a core file"},
+        {fifo(), KRV_ELF_ERR_FORMAT, "not a regular file"}, // without waiting for its writer
     };
     for (const auto &c : cases) {
         EXPECT_EQ(open(c.path), nullptr);
@@ -371,6 +380,30 @@ TEST_F(CoreFile32, Damaged)
         }
     }
     EXPECT_GT(opened, 100);
+}
+
+// Any number of mappings of a core file may begin with such a header.
+TEST(ElfImage, OfALoadedObjectHasFewSegments)
+{
+    struct zeros : krv_elf_loader::memory {
+        Elf64_Ehdr header = {};
+        unsigned reads = 0;
+        bool read(uint64_t address, void *buf, size_t count) override
+        {
+            ++reads;
+            std::memset(buf, 0, count);
+            if (address == 0)
+                std::memcpy(buf, &header, std::min(count, sizeof(header)));
+            return true;
+        }
+    } mem;
+    std::memcpy(mem.header.e_ident, ELFMAG "\2\1", 6);
+    mem.header.e_machine = EM_X86_64;
+    mem.header.e_phentsize = sizeof(Elf64_Phdr);
+    mem.header.e_phnum = 0xfffe;
+    EXPECT_EQ(krv_elf_loader::read_elf_image(mem, 0)->segments.size(), 0x10000 / sizeof(Elf64_Phdr));
+    EXPECT_LT(mem.reads, 2000U);
+    EXPECT_EQ(krv_elf_loader::read_elf_image(mem, 0, true)->segments.size(), 0xfffeU);
 }
 
 } // namespace
