@@ -123,7 +123,7 @@ static bool registers_in_range(const cfi_run *run, const krv_operation_t *op)
         krv_note(run->hp, "register %lu out of range for DW_CFA_register", static_cast<unsigned long>(second));
         return false;
     }
-    if (names_register(op->opcode) && first >= end) {
+    if (first >= end && names_register(op->opcode)) {
         const char *name = krv_print_define(KRV_DEF_CFA, op->opcode);
         krv_note(run->hp, "register %lu out of range for %s", static_cast<unsigned long>(first),
                  name == nullptr ? "(unknown)" : name);

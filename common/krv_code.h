@@ -117,6 +117,18 @@ struct krv_datum_t {
 krv_datum_t krv_string_in_memory(const krv_fd_t *fdp, krv_form_t form, uint32_t flags);
 krv_datum_t krv_block_in_memory(const krv_fd_t *fdp, krv_form_t form);
 
+// As korva_decode_form, of a string into an array of characters.
+inline int krv_decode_text(krv_fd_t *fdp, krv_form_t form, uint32_t flags, void *text, size_t size)
+{
+    const krv_datum_t datum = krv_string_in_memory(fdp, form, flags);
+    if (datum.bytes == nullptr || datum.size > size)
+        return korva_decode_form(fdp, form, flags, text, size, nullptr);
+    std::memcpy(text, datum.bytes, datum.size);
+    krv_fd_advance(fdp, datum.encoded);
+    krv_clear_error(fdp->sfd_hp);
+    return 0;
+}
+
 // Reads one field of `form` into *field, as wide as the field; else pushes `message` behind the decoder's own.
 template <typename T>
 bool krv_read_field(krv_fd_t *fdp, krv_form_t form, uint32_t flags, T *field, const char *message)
@@ -124,7 +136,7 @@ bool krv_read_field(krv_fd_t *fdp, krv_form_t form, uint32_t flags, T *field, co
     if constexpr (std::is_integral_v<T>) {
         if (krv_decode(fdp, form, flags, field) == 0)
             return true;
-    } else if (korva_decode_form(fdp, form, flags, field, sizeof(T), nullptr) == 0) {
+    } else if (krv_decode_text(fdp, form, flags, field, sizeof(T)) == 0) {
         return true;
     }
     krv_note(fdp->sfd_hp, "%s", message);

@@ -23,6 +23,16 @@ struct eh_format {
     uint32_t flags;
 };
 
+// The records of this reader, each with the room for its augmentation data.
+struct eh_cie {
+    krv_cie_t cie;
+    krv_amd64_cie_augmentation augmentation;
+};
+struct eh_fde {
+    krv_fde_t fde;
+    krv_amd64_fde_augmentation augmentation;
+};
+
 } // namespace
 
 static constexpr eh_format eh_formats[EH_FORMAT + 1] = {
@@ -181,9 +191,7 @@ static bool read_cie_augmentation(krv_handle_t *hp, krv_fd_t *fdp, uint64_t eh_f
     const char *letters = ciep->scie_augmentation_string;
     if (letters[0] == '\0')
         return true; // KRV_AUG_NONE
-    auto *augp = krv_new<krv_amd64_cie_augmentation>(hp);
-    if (augp == nullptr)
-        return false;
+    auto *augp = &reinterpret_cast<eh_cie *>(ciep)->augmentation;
     ciep->scie_augmentation_data = augp;
     ciep->scie_augmentation_type = KRV_AUG_AMD64;
     if (letters[0] != 'z') {
@@ -239,7 +247,8 @@ static krv_cie_t *krv_eh_frame_gcbo(krv_handle_t *hp, krv_reader_t *reader, uint
     KRV_ASSERT(hp != NULL);
     KRV_ASSERT(reader != NULL);
     const uint64_t eh_frame = reader_data(reader)->sefh_eh_frame;
-    krv_cie_owner ciep(krv_new<krv_cie_t>(hp), {hp});
+    auto *record = krv_new<eh_cie>(hp);
+    krv_cie_owner ciep(record == nullptr ? nullptr : &record->cie, {hp});
     if (ciep != nullptr && read_cie(hp, ciep.get(), eh_frame, eh_frame + offset))
         return ciep.release();
     krv_note(hp, "failed to read CIE at address 0x%lx in .eh_frame", static_cast<unsigned long>(eh_frame + offset));
@@ -269,9 +278,7 @@ static bool read_fde_augmentation(krv_handle_t *hp, krv_fd_t *fdp, uint64_t eh_f
                  static_cast<unsigned long>(size), static_cast<unsigned long>(fdp->sfd_remaining));
         return false;
     }
-    auto *augp = krv_new<krv_amd64_fde_augmentation>(hp);
-    if (augp == nullptr)
-        return false;
+    auto *augp = &reinterpret_cast<eh_fde *>(fdep)->augmentation;
     fdep->sfde_augmentation_data = augp;
     return size == 0 || read_pointer(fdp, static_cast<uint8_t>(cie_augp->scie_le), eh_frame, &augp->safa_ldsa,
                                      "failed to read LDSA");
@@ -320,7 +327,8 @@ static krv_fde_t *krv_eh_frame_gfbo(krv_handle_t *hp, krv_reader_t *reader, uint
     KRV_ASSERT(hp != NULL);
     KRV_ASSERT(reader != NULL);
     const uint64_t eh_frame = reader_data(reader)->sefh_eh_frame;
-    krv_fde_owner fdep(krv_new<krv_fde_t>(hp), {hp});
+    auto *record = krv_new<eh_fde>(hp);
+    krv_fde_owner fdep(record == nullptr ? nullptr : &record->fde, {hp});
     if (fdep != nullptr && read_fde(hp, fdep.get(), eh_frame, offset))
         return fdep.release();
     krv_note(hp, "failed to read FDE at address 0x%lx in .eh_frame", static_cast<unsigned long>(eh_frame + offset));
@@ -330,14 +338,12 @@ static krv_fde_t *krv_eh_frame_gfbo(krv_handle_t *hp, krv_reader_t *reader, uint
 static void krv_eh_frame_cie_free(krv_cie_t *ciep)
 {
     KRV_ASSERT(ciep->scie_augmentation_type == (ciep->scie_augmentation_data != NULL ? KRV_AUG_AMD64 : KRV_AUG_NONE));
-    krv_free(ciep->scie_augmentation_data);
-    krv_free(ciep);
+    krv_free(ciep); // with its augmentation data
 }
 
 static void krv_eh_frame_fde_free(krv_fde_t *fdep)
 {
-    krv_free(fdep->sfde_augmentation_data);
-    krv_free(fdep);
+    krv_free(fdep); // likewise
 }
 
 static void krv_eh_frame_destroy_reader(krv_reader_t *reader)

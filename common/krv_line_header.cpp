@@ -243,7 +243,7 @@ static bool read_fixed_fields(krv_handle_t *hp, krv_lnph_t *lnphp, krv_fd_t *fdp
 
 static bool read_string(krv_fd_t *fdp, uint32_t flags, char (&buf)[KRV_STRING_BUFSZ], const char *message)
 {
-    if (korva_decode_form(fdp, DW_FORM_string, flags, buf, sizeof(buf), nullptr) == 0)
+    if (krv_decode_text(fdp, DW_FORM_string, flags, buf, sizeof(buf)) == 0)
         return true;
     krv_note(fdp->sfd_hp, "%s", message);
     return false;

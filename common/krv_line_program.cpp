@@ -519,8 +519,8 @@ static int op_failed(line_machine *m, const line_op *op)
                     static_cast<long long>(m->lnphp->sln_offset));
 }
 
-// Executes the opcodes that make up most of a program, as long as one follows the other: special opcodes and the
-// standard ones with at most one byte of operand. Only when nobody watches, within a sequence, while the row table has
+// Executes the opcodes that make up most of a program, as long as one follows the other: special opcodes, the commonest
+// standard ones with at most one byte of operand, and short discriminators. Only when nobody watches, within a sequence, while the row table has
 // room, and with one operation an instruction: nothing can fail then. What it stops at is for decode_op and apply_op.
 static void execute_short(line_machine *m)
 {
@@ -531,13 +531,16 @@ static void execute_short(line_machine *m)
         (lnpp->slnp_flags & KRV_LNP_FLAG_IN_SEQUENCE) == 0)
         return;
     krv_lnfe_t *file = find_file(m->lnphp, regs->slns_file);
+    uint64_t nfiles;
+    krv_lnph_files(m->lnphp, &nfiles);
     const krv_view_t view = krv_fd_view(&m->fd);
     uint64_t done = 0;
-    while (view.size - done >= 2) {
-        const unsigned int opcode = view.bytes[done], operand = view.bytes[done + 1];
-        if (opcode >= lnphp->sln_opcode_base || opcode == DW_LNS_copy) {
-            if (lnpp->slnp_lnsp_entries == lnpp->slnp_lnsp_size)
-                break;
+    for (bool known = true; known && view.size - done >= 4;) {
+        const uint8_t *at = view.bytes + done;
+        const unsigned int opcode = at[0], operand = at[1];
+        const bool emits = opcode >= lnphp->sln_opcode_base || opcode == DW_LNS_copy;
+        const bool has_operand = opcode >= DW_LNS_advance_pc && opcode <= DW_LNS_set_column;
+        if (emits && lnpp->slnp_lnsp_entries < lnpp->slnp_lnsp_size) {
             if (opcode != DW_LNS_copy) {
                 const unsigned int adjusted = opcode - lnphp->sln_opcode_base;
                 advance_operation(m, adjusted / lnphp->sln_line_range);
@@ -547,23 +550,31 @@ static void execute_short(line_machine *m)
             *row = *regs;
             row->slns_filep = file;
             end_row(regs);
-            ++done;
+            done += 1;
+        } else if (emits || (has_operand && operand > 0x7f)) {
+            known = false;
+        } else if (has_operand) {
+            if (opcode == DW_LNS_advance_pc) {
+                advance_operation(m, operand);
+            } else if (opcode == DW_LNS_advance_line) {
+                regs->slns_line += (operand ^ 0x40U) - 0x40U; // a signed number of seven bits
+            } else if (opcode == DW_LNS_set_column) {
+                regs->slns_column = static_cast<unsigned short>(operand);
+            } else if (operand <= nfiles) { // DW_LNS_set_file
+                regs->slns_file = operand;
+                file = find_file(m->lnphp, operand);
+            } else {
+                break; // reported there
+            }
+            done += 2;
         } else if (opcode == DW_LNS_negate_stmt) {
             regs->slns_flags ^= KRV_LNS_FLAG_IS;
-            ++done;
-        } else if (operand > 0x7f) {
-            break;
-        } else if (opcode == DW_LNS_advance_pc) {
-            advance_operation(m, operand);
-            done += 2;
-        } else if (opcode == DW_LNS_advance_line) {
-            regs->slns_line += (operand ^ 0x40U) - 0x40U; // a signed number of seven bits
-            done += 2;
-        } else if (opcode == DW_LNS_set_column) {
-            regs->slns_column = static_cast<unsigned short>(operand);
-            done += 2;
+            done += 1;
+        } else if (opcode == 0 && operand == 2 && at[2] == DW_LNE_set_discriminator && at[3] <= 0x7f) {
+            regs->slns_discriminator = at[3];
+            done += 4;
         } else {
-            break;
+            known = false;
         }
     }
     krv_fd_advance(&m->fd, done);

@@ -47,6 +47,18 @@ int walks();
 // Supplied by each contestant: runs the job; false when it is not offered.
 [[gnu::noinline]] bool play(run *r);
 
+// Loads the library `file`, calls down a chain of its functions, and runs `leaf` in the innermost one with the registers
+// there by DWARF number: 3, 6, 7, 12 to 15, and in 16 the program counter. False: there is no such library.
+typedef void chain_leaf(const uint64_t registers[17], void *arg);
+bool run_chain(const char *file, chain_leaf *leaf, void *arg);
+
+// The loaded module that holds an address.
+struct module {
+    uint64_t low, high; // from the start of a page
+    uint64_t eh_frame_hdr;
+};
+module module_of(uint64_t address);
+
 // Length and last bytes of a text: cheap, and touches all of it.
 inline uint64_t text_check(const char *s)
 {

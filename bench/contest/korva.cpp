@@ -1,11 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // libkorva as its clients have it, through the shared library: U, L, A and S.
-#include "chain.h"
 #include "contest.h"
 #include "korva_file.h"
 
-#include <link.h>
 #include <vector>
 
 using namespace contest;
@@ -76,33 +74,6 @@ static uint64_t place(krv_handle_t *hp, const query &q)
 // The walk
 // ---------------------------------------------------------------------------------------------------------------
 
-// The module that holds an address, as it is loaded.
-struct module {
-    uint64_t pc, low, high, eh_frame_hdr, eh_frame;
-};
-
-static int find_module(dl_phdr_info *info, size_t, void *arg)
-{
-    auto *m = static_cast<module *>(arg);
-    uint64_t low = UINT64_MAX, high = 0, hdr = 0;
-    for (int i = 0; i < info->dlpi_phnum; ++i) {
-        const Elf64_Phdr *p = &info->dlpi_phdr[i];
-        const uint64_t start = info->dlpi_addr + p->p_vaddr;
-        if (p->p_type == PT_GNU_EH_FRAME)
-            hdr = start;
-        if (p->p_type != PT_LOAD)
-            continue;
-        low = start < low ? start : low;
-        high = start + p->p_memsz > high ? start + p->p_memsz : high;
-    }
-    if (m->pc < low || m->pc >= high)
-        return 0;
-    int32_t distance; // eh_frame_ptr, relative to itself
-    std::memcpy(&distance, reinterpret_cast<const void *>(hdr + 4), sizeof(distance));
-    *m = {m->pc, low & ~uint64_t{4095}, high, hdr, hdr + 4 + static_cast<uint64_t>(int64_t{distance})};
-    return 1;
-}
-
 static uint64_t reads;
 
 static int64_t read_memory(void *, void *buf, size_t count, uint64_t address)
@@ -132,12 +103,13 @@ static void walk(run *r, krv_handle_t *hp, krv_activation_t *ap, const module &m
 static void at_leaf(const uint64_t registers[17], void *arg)
 {
     auto *r = static_cast<run *>(arg);
-    module m = {};
-    m.pc = registers[16];
-    dl_iterate_phdr(find_module, &m);
+    const module m = module_of(registers[16]);
+    int32_t distance; // eh_frame_ptr, relative to itself
+    std::memcpy(&distance, reinterpret_cast<const void *>(m.eh_frame_hdr + 4), sizeof(distance));
+    const uint64_t eh_frame = m.eh_frame_hdr + 4 + static_cast<uint64_t>(int64_t{distance});
     krv_handle_t *hp = korva_handle_alloc(KRV_ACTIVATION_AMD64);
     korva_attach_as(hp, read_memory, nullptr);
-    korva_handle_set_opt(hp, KRV_OPT_EH_FRAME_ADDR, m.eh_frame);
+    korva_handle_set_opt(hp, KRV_OPT_EH_FRAME_ADDR, eh_frame);
     korva_handle_set_opt(hp, KRV_OPT_EH_FRAME_HDR_ADDR, m.eh_frame_hdr);
     krv_activation_t *ap = korva_activation_alloc(hp);
     const uint64_t started = now();
@@ -151,10 +123,8 @@ static void at_leaf(const uint64_t registers[17], void *arg)
 
 bool contest::play(run *r)
 {
-    if (r->job == 'S') {
-        chain_run(at_leaf, r);
-        return true;
-    }
+    if (r->job == 'S')
+        return run_chain(r->file, at_leaf, r);
     if (std::strchr("ULA", r->job) == nullptr)
         return false;
     const uint64_t started = now();

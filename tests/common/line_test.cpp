@@ -596,3 +596,61 @@ TEST(Line, FilesDefinedByPrograms)
     for (int i = 1; i < 401; ++i) // without the compilation directory
         EXPECT_STREQ(grown[i]->slnfe_absolute_path, grown[i]->slnfe_diridx == 1 ? "gen/b.c" : "c.c");
 }
+
+// A program that nobody watches is executed in longer strides: with the same rows, or the same failure.
+TEST(Line, WatchedOrNot)
+{
+    uint64_t seed = 1;
+    const auto next = [&seed](uint64_t limit) {
+        seed = seed * 6364136223846793005U + 1442695040888963407U;
+        return (seed >> 33) % limit;
+    };
+    const char *const words[] = {"copy",   "pc 5",    "pc 200", "line -3",    "line 63",  "line -64", "line 64",
+                                 "col 9",  "col 300", "stmt",   "const_pc",   "disc 3",   "disc 200", "file 2",
+                                 "file 1", "bb",      "pe",     "eb",         "fixed 16", "isa 1",    "sp 13",
+                                 "sp 200", "sp 255",  "sp 77",  "end at 900", "sp 40",    "sp 90",    "end at 40 copy"};
+    const auto nothing = [](krv_handle_t *, unsigned long, unsigned char, krv_value_t **, unsigned int, krv_lns_t *,
+                            void *) { return 0; };
+    unsigned failures = 0;
+    for (unsigned n = 0; n < 3000; ++n) {
+        std::string recipe = "at 400 copy ";
+        for (uint64_t i = next(40); i > 0; --i)
+            recipe += std::string(words[next(std::size(words))]) + " ";
+        if (next(10) == 0)
+            recipe += next(2) == 0 ? "file 3 " : "byte " + std::to_string(next(256)) + " ";
+        line_unit lines{.files = {{"a.c"}, {"b.c"}}, .program = program(recipe + "pc 1 end")};
+        lines.version = n % 3 == 0 ? 4 : 3;
+        lines.mopi = n % 5 == 0 ? 4 : 1;
+        lines.opcode_base = n % 7 == 0 ? 7 : 13;
+        lines.line_range = n % 11 == 0 ? 0 : 14;
+        handle h;
+        h.attach(KRV_SEC_LINE, lines.build());
+        krv_lnph_t *header = krv_lnph_alloc(h, nullptr, 0);
+        ASSERT_NE(header, nullptr);
+        krv_lnp_t *watched = nullptr, *alone = nullptr;
+        krv_line_build_program(h, header, &watched, nothing, nullptr);
+        const std::string error = h.error();
+        krv_line_build_program(h, header, &alone, nullptr, nullptr);
+        EXPECT_EQ(h.error(), error) << recipe;
+        ASSERT_EQ(watched == nullptr, alone == nullptr) << recipe;
+        if (watched == nullptr) {
+            ++failures;
+        } else {
+            ASSERT_EQ(watched->slnp_lnsp_entries, alone->slnp_lnsp_entries) << recipe;
+            for (unsigned i = 0; i < watched->slnp_lnsp_entries; ++i) {
+                const krv_lns_t &a = watched->slnp_lnsp[i], &b = alone->slnp_lnsp[i];
+                ASSERT_EQ(text("%lx %u %u %u %u %u %u %u %p %lx", a.slns_address, a.slns_op_index, a.slns_file,
+                               a.slns_line, a.slns_column, a.slns_flags, a.slns_isa, a.slns_discriminator,
+                               static_cast<void *>(a.slns_filep), a.slns_u.slnsu_c_address),
+                          text("%lx %u %u %u %u %u %u %u %p %lx", b.slns_address, b.slns_op_index, b.slns_file,
+                               b.slns_line, b.slns_column, b.slns_flags, b.slns_isa, b.slns_discriminator,
+                               static_cast<void *>(b.slns_filep), b.slns_u.slnsu_c_address))
+                    << recipe << i;
+            }
+            krv_line_free_program(watched);
+            krv_line_free_program(alone);
+        }
+        krv_lnph_free(header);
+    }
+    EXPECT_TRUE(failures > 300 && failures < 2700) << failures;
+}

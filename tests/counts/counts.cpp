@@ -1,0 +1,194 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// Jobs of doubling size on data that the builders make, so that no compiler's output changes their work. counts_test.py
+// runs this under callgrind, which writes the instructions of each measured part to a file of its own.
+#include "krv_activation.h"
+#include "krv_info.h"
+#include "krv_line.h"
+#include "support/frame_builder.h"
+#include "support/handle.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <valgrind/callgrind.h>
+
+using namespace krv_test;
+
+constexpr unsigned LOOKUPS = 500;
+
+// Names what was counted between measure_begin and here: job, size, and the items that it handled.
+static void measure_begin()
+{
+    CALLGRIND_ZERO_STATS;
+}
+static void measure_end(const char *job, unsigned size, unsigned items)
+{
+    const std::string name = text("%s %u %u", job, size, items);
+    CALLGRIND_DUMP_STATS_AT(name.c_str());
+}
+
+static void check(bool holds, const char *what)
+{
+    if (holds)
+        return;
+    std::fprintf(stderr, "counts: %s\n", what);
+    std::exit(1);
+}
+
+static uint64_t next_number(uint64_t *seed)
+{
+    *seed = *seed * 6364136223846793005U + 1442695040888963407U;
+    return *seed >> 33;
+}
+
+// Units with an abbreviation table each, as small C units have them, covering 16 addresses from 0x1000 + 16 * n on; then
+// the unit of an address.
+static void units(unsigned count)
+{
+    const bytes table = abbrevs("1 compile_unit+ producer:string name:string comp_dir:string low_pc:addr high_pc:data4;"
+                                "2 subprogram+ name:string decl_file:data1 decl_line:data2 type:ref4; 3 base_type "
+                                "byte_size:data1 encoding:data1 name:string; 4 variable name:string type:ref4");
+    bytes abbrev_section, info;
+    for (unsigned i = 0; i < count; ++i) {
+        bytes die = bytes().uleb(1).cstr("a compiler").cstr(text("source-%u.c", i)).cstr("/build/project");
+        die.u64(0x1000 + 16 * i).u32(16).u8(0);
+        info += unit{.abbrev_offset = abbrev_section.size(), .dies = die}.build();
+        abbrev_section += table;
+    }
+    handle h;
+    h.attach(KRV_SEC_ABBREV, abbrev_section).attach(KRV_SEC_INFO, info);
+    const auto visit = [](krv_handle_t *, krv_ctu_t *, void *) { return 0; };
+    measure_begin();
+    check(korva_iter_cu(h, KRV_SEC_INFO, visit, nullptr) == 0, "units");
+    measure_end("units", count, count);
+
+    measure_begin();
+    check(korva_lookup_ctu_by_addr(h, 0x1000, 0) != nullptr, "index");
+    measure_end("index", count, count);
+    measure_begin();
+    for (uint64_t i = 0, seed = 1; i < LOOKUPS; ++i)
+        check(korva_lookup_ctu_by_addr(h, 0x1000 + next_number(&seed) % (16 * count), 0) != nullptr, "address");
+    measure_end("lookup", count, LOOKUPS);
+}
+
+// Lexical blocks, each inside the one before, below a subprogram without a sibling link: a scan has to pass them.
+static void nesting(unsigned depth)
+{
+    bytes dies = bytes().uleb(1).uleb(2);
+    for (unsigned i = 0; i < depth; ++i)
+        dies.uleb(3).u64(0x1000 + i).cstr("variable").u32(0);
+    dies.fill(depth + 2);
+    handle h;
+    h.attach(KRV_SEC_ABBREV,
+             abbrevs("1 compile_unit+; 2 subprogram+; 3 lexical_block+ low_pc:addr name:string type:ref4"));
+    h.attach(KRV_SEC_INFO, unit{.dies = dies}.build());
+    krv_ctu_t *cu = korva_lookup_ctu_by_start_offset(h, KRV_SEC_INFO, 0);
+    measure_begin();
+    check(korva_cu_contains_addr(h, cu, 0x1000, 0) == B_FALSE, "nesting");
+    measure_end("entries", depth, depth);
+}
+
+static void rows(unsigned count)
+{
+    std::string recipe = "at 400 copy ";
+    for (unsigned i = 0; i < count / 4; ++i)
+        recipe += i % 8 == 0 ? "line -30 sp 75 col 7 sp 102 stmt sp 44 disc 2 pc 3 copy "
+                             : "line 9 sp 75 col 3 sp 102 stmt sp 44 pc 200 copy ";
+    handle h;
+    h.attach(KRV_SEC_LINE, line_unit{.program = program(recipe + "pc 4 end")}.build());
+    krv_lnph_t *header = krv_lnph_alloc(h, nullptr, 0);
+    measure_begin();
+    check(krv_line_get_matrix(h, header) != nullptr, "rows");
+    measure_end("rows", count, count);
+    krv_lnph_free(header);
+}
+
+// ---------------------------------------------------------------------------------------------------------------
+// Frames
+// ---------------------------------------------------------------------------------------------------------------
+
+namespace
+{
+
+// Functions of 16 bytes from 0x1000 on, which keep 16 bytes of stack; and a stack that returns into them for ever.
+struct process {
+    static constexpr uint64_t EH = 0x1000000, HDR = 0x2000000, STACK = 0x7000000;
+    bytes eh_frame = eh_cie{.instructions = bytes::hex("0c 07 08 90 01")}.build();
+    bytes hdr, stack;
+
+    process(unsigned functions, unsigned frames)
+    {
+        eh_hdr table;
+        for (uint64_t i = 0; i < functions; ++i) {
+            const eh_fde fde{
+                .cie = EH, .address = 0x1000 + 16 * i, .range = 16, .instructions = bytes::hex("41 0e 10 86 02")};
+            table.entries.emplace_back(fde.address, EH + eh_frame.size());
+            eh_frame += fde.build(EH + eh_frame.size());
+        }
+        hdr = table.build(HDR, EH);
+        for (uint64_t i = 0, seed = 1; i <= frames; ++i)
+            stack.u64(0).u64(0x1000 + 16 * (next_number(&seed) % functions) + 8);
+    }
+
+    static int64_t read(void *arg, void *buf, size_t count, uint64_t address)
+    {
+        const auto *self = static_cast<const process *>(arg);
+        const bytes &part = address < HDR ? self->eh_frame : address < STACK ? self->hdr : self->stack;
+        const uint64_t skip = address - (address < HDR ? EH : address < STACK ? HDR : STACK);
+        if (skip > part.size() || count > part.size() - skip)
+            return -1;
+        std::memcpy(buf, part.data() + skip, count);
+        return static_cast<int64_t>(count);
+    }
+
+    void attach(krv_handle_t *hp)
+    {
+        korva_attach_as(hp, read, this);
+        korva_handle_set_opt(hp, KRV_OPT_EH_FRAME_ADDR, EH);
+        korva_handle_set_opt(hp, KRV_OPT_EH_FRAME_HDR_ADDR, HDR);
+    }
+};
+
+} // namespace
+
+static void functions(unsigned count)
+{
+    process p(count, 0);
+    handle h;
+    p.attach(h);
+    const krv_activation_owner ap(korva_activation_alloc(h));
+    uint64_t column, seed = 1;
+    check(krv_generate_rules(h, ap.get(), 0x1000, &column) == 0, "first rules");
+    measure_begin();
+    for (unsigned i = 0; i < LOOKUPS; ++i)
+        check(krv_generate_rules(h, ap.get(), 0x1000 + next_number(&seed) % (16 * count), &column) == 0, "rules");
+    measure_end("rules", count, LOOKUPS);
+}
+
+static void frames(unsigned count)
+{
+    process p(1000, count);
+    handle h;
+    p.attach(h);
+    const krv_activation_owner ap(korva_activation_alloc(h));
+    korva_activation_set_greg(h, ap.get(), KRV_ACTIVATION_REG_DWARF, 6, 0);
+    korva_activation_set_greg(h, ap.get(), KRV_ACTIVATION_REG_DWARF, 7, static_cast<krv_greg_t>(process::STACK));
+    korva_activation_set_greg(h, ap.get(), KRV_ACTIVATION_REG_LIBRARY, KRV_REG_PC, 0x1008);
+    measure_begin();
+    for (unsigned i = 0; i < count; ++i)
+        check(korva_activation_unwind(h, ap.get()) == 0, "frame");
+    measure_end("frames", count, count);
+}
+
+int main()
+{
+    for (unsigned times = 1; times <= 8; times *= 2) {
+        units(100 * times);
+        nesting(500 * times);
+        rows(1000 * times);
+        functions(200 * times);
+        frames(50 * times);
+    }
+    return 0;
+}
