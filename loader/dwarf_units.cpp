@@ -3,6 +3,7 @@
 
 #include "dwarf_constants.h"
 
+#include <algorithm>
 #include <fmt/format.h>
 
 namespace krv_elf_loader
@@ -88,9 +89,12 @@ const abbreviation *abbreviation_table::find(uint64_t code) const
 
 const abbreviation_table &abbreviation_tables::at(uint64_t offset)
 {
-    const auto found = known.find(offset);
-    return found != known.end() ? found->second
-                                : known.emplace(offset, abbreviation_table(section, offset)).first->second;
+    const auto [found, fresh] = known.try_emplace(offset);
+    if (fresh && offset < section.size()) {
+        found->second = abbreviation_table(section.first(offset + std::min(left, section.size() - offset)), offset);
+        left -= std::min(left, found->second.end() - offset);
+    }
+    return found->second;
 }
 
 std::optional<size_t> fixed_width(const unit &u, uint64_t form)

@@ -71,15 +71,19 @@ private:
     uint64_t behind = 0;
 };
 
-// The tables of a section by offset, each read once.
+// The tables of a section by offset, each read once. Tables of a sound section do not overlap; where they do, by far more
+// bytes than the section has, those that are asked for last are empty.
 class abbreviation_tables
 {
 public:
-    explicit abbreviation_tables(byte_span all) : section(all) {}
+    explicit abbreviation_tables(byte_span all) : section(all), left(MOST_READINGS * all.size()) {}
     const abbreviation_table &at(uint64_t offset);
 
 private:
+    static constexpr uint64_t MOST_READINGS = 4; // of a byte, on the average
+
     byte_span section;
+    uint64_t left; // bytes that may still be read
     std::map<uint64_t, abbreviation_table> known;
 };
 
@@ -89,6 +93,12 @@ std::optional<size_t> fixed_width(const unit &u, uint64_t form);
 // Moves the cursor behind a value. False for a form that is not known, or at the end of the bytes.
 bool skip_value(cursor *c, const unit &u, uint64_t form);
 
+// Attributes of a unit's entries, at most: values without bytes (DW_FORM_flag_present) are few among the others.
+constexpr uint64_t most_attributes(const unit &u)
+{
+    return 64 * u.size;
+}
+
 // Walks the entries of a unit in the order in which they stand. The visitor gets each entry's offset, its
 // abbreviation, and a cursor on its first value, which it may move at will; false ends the walk. Returns false when
 // the entries could not be read to the unit's end.
@@ -96,6 +106,7 @@ template <typename F>
 bool walk_entries(byte_span info, const unit &u, const abbreviation_table &table, const F &visit)
 {
     cursor c(info.first(u.end()), u.entries());
+    uint64_t left = most_attributes(u);
     while (c.more()) {
         const uint64_t entry = c.at();
         const uint64_t code = c.uleb();
@@ -104,8 +115,9 @@ bool walk_entries(byte_span info, const unit &u, const abbreviation_table &table
         if (code == 0)
             continue;
         const abbreviation *abbrev = table.find(code);
-        if (abbrev == nullptr)
+        if (abbrev == nullptr || abbrev->attributes.size() > left)
             return false;
+        left -= abbrev->attributes.size();
         if (!visit(entry, *abbrev, c))
             return true;
         for (const attribute_spec &spec : abbrev->attributes)

@@ -56,16 +56,23 @@ void take_alternate_strings(view &v, const char *name)
     abbreviation_tables tables(abbrev->bytes());
     view_section *own = v.find(KRV_SEC_STR);
     const uint64_t base = own == nullptr ? 0 : own->bytes().size();
-    size_t taken = 0, refused = 0;
+    if (base + strings.size() > UINT32_MAX)
+        return v.add_note({name, info->name, 0, true, "strings of the alternate file are too large to be added"});
+    size_t taken = 0;
     std::map<uint64_t, size_t> forms; // where to write DW_FORM_strp, in how many bytes
+    std::map<uint64_t, bool> has;     // by offset of the table
     for (const unit &u : read_units(info->bytes())) {
         const abbreviation_table &table = tables.at(u.abbrev_offset);
-        if (!has_alternate_strings(table))
-            continue;
-        if (u.offset_size == 4 && base + strings.size() > UINT32_MAX) {
-            ++refused;
-            continue;
+        const auto [known, fresh] = has.try_emplace(u.abbrev_offset, false);
+        if (fresh && has_alternate_strings(table)) {
+            known->second = true;
+            for (const abbreviation &a : table.all())
+                for (const attribute_spec &spec : a.attributes)
+                    if (spec.form == DW_FORM_GNU_strp_alt)
+                        forms[spec.form_at] = spec.form_width;
         }
+        if (!known->second)
+            continue;
         for (const uint64_t at : find_values(info->bytes(), u, table)) {
             cursor c(info->bytes(), at);
             // What leads nowhere leads to the NUL that ends the strings.
@@ -73,15 +80,7 @@ void take_alternate_strings(view &v, const char *name)
             write_number(info->writable(), at, base + offset, u.offset_size);
             ++taken;
         }
-        for (const abbreviation &a : table.all())
-            for (const attribute_spec &spec : a.attributes)
-                if (spec.form == DW_FORM_GNU_strp_alt)
-                    forms[spec.form_at] = spec.form_width;
     }
-    if (refused != 0)
-        v.add_note(
-            {name, info->name, 0, true,
-             fmt::format("strings of the alternate file of {} units cannot be shown: they are too large", refused)});
     if (taken == 0)
         return;
     if (own == nullptr)

@@ -9,6 +9,8 @@
 #include "pass.h"
 
 #include <fmt/format.h>
+#include <set>
+#include <tuple>
 
 namespace krv_elf_loader
 {
@@ -83,8 +85,10 @@ void correct_forms(view &v, const char *name)
     const std::vector<uint8_t> before = changed == nullptr ? std::vector<uint8_t>() : *changed;
     abbreviation_tables tables(changed == nullptr ? abbrev->original : byte_span(before));
     std::map<uint64_t, table_change> changes;
+    std::set<std::tuple<uint64_t, size_t, size_t, bool>> seen; // what the widths of a table's forms depend on
     for (const unit &u : read_units(info->bytes()))
-        change_table(&v, name, u, tables.at(u.abbrev_offset), &changes[u.abbrev_offset]);
+        if (seen.emplace(u.abbrev_offset, u.offset_size, u.address_size, u.version == 2).second)
+            change_table(&v, name, u, tables.at(u.abbrev_offset), &changes[u.abbrev_offset]);
     for (const auto &[offset, change] : changes)
         for (const auto &[form, count] : change.counts)
             v.add_note(

@@ -17,7 +17,8 @@ namespace krv_elf_loader
 namespace
 {
 
-constexpr size_t LONG = 10; // bytes of the number; so many has a block of LONG - 1
+constexpr uint64_t LEAST_ROOM = 65536; // for copies of tables
+constexpr size_t LONG = 10;            // bytes of the number; so many has a block of LONG - 1
 
 // Whether the bytes are a number that the core refuses: positive, of ten bytes.
 bool is_long(byte_span bytes)
@@ -142,11 +143,11 @@ private:
 };
 
 // Gives the entries of a unit that hold such numbers their own abbreviations.
-void correct_unit(view &v, const char *name, const unit &u, const abbreviation_table &table,
+void correct_unit(view &v, const char *name, const unit &u, byte_span abbrevs_before, const abbreviation_table &table,
                   const std::vector<long_number> &found)
 {
     view_section *info = v.find(KRV_SEC_INFO), *abbrev = v.find(KRV_SEC_ABBREV);
-    own_table own(abbrev->bytes(), table);
+    own_table own(abbrevs_before, table);
     size_t corrected = 0;
     for (size_t i = 0, next = 0; i < found.size(); i = next) {
         std::set<size_t> blocks;
@@ -191,13 +192,32 @@ void correct_long_numbers(view &v, const char *name)
     view_section *info = v.find(KRV_SEC_INFO), *abbrev = v.find(KRV_SEC_ABBREV);
     if (info == nullptr || abbrev == nullptr)
         return;
-    for (const unit &u : read_units(info->bytes())) {
-        if (!may_hold_long(info->bytes().subspan(u.entries(), u.end() - u.entries())))
-            continue;
-        const abbreviation_table table(abbrev->bytes(), u.abbrev_offset);
+    std::vector<unit> units = read_units(info->bytes());
+    std::erase_if(units, [&](const unit &u) {
+        return !may_hold_long(info->bytes().subspan(u.entries(), u.end() - u.entries()));
+    });
+    if (units.empty())
+        return;
+    // Tables are copied from here: the section itself grows.
+    const std::vector<uint8_t> before(abbrev->bytes().begin(), abbrev->bytes().end());
+    abbreviation_tables tables{byte_span(before)};
+    uint64_t left = info->bytes().size() + before.size() + LEAST_ROOM; // bytes that copies of tables may still take
+    for (const unit &u : units) {
+        const abbreviation_table &table = tables.at(u.abbrev_offset);
         const std::vector<long_number> found = find_long_numbers(info->bytes(), u, table);
-        if (!found.empty())
-            correct_unit(v, name, u, table, found);
+        const uint64_t size = table.end() - table.begin();
+        if (found.empty())
+            continue;
+        if (size > left) {
+            v.add_note(
+                {name, info->name, u.offset, true,
+                 fmt::format("entries with numbers of {} bytes cannot be read in the unit at offset {:#x}, nor in "
+                             "any behind it: copies of abbreviation tables take too much room",
+                             LONG, u.offset)});
+            return;
+        }
+        left -= size;
+        correct_unit(v, name, u, byte_span(before), table, found);
     }
 }
 

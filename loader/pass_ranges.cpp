@@ -75,6 +75,7 @@ public:
     {
         if (const view_section *section = v->find_extra(".debug_ranges"))
             debug_ranges = section->bytes();
+        pairs_left = debug_ranges.size();
         std::string reason;
         unit u;
         for (uint64_t at = 0; at < info.size() && read_unit(info, at, &u, &reason); at += u.size)
@@ -204,7 +205,7 @@ private:
     {
         const uint64_t highest = u.address_size == 8 ? UINT64_MAX : UINT32_MAX;
         cursor c(debug_ranges, offset);
-        while (c.more()) {
+        for (; c.more() && pairs_left != 0; --pairs_left) {
             const uint64_t start = c.number(u.address_size);
             const uint64_t end = c.number(u.address_size);
             if (!c.ok() || (start == 0 && end == 0))
@@ -266,6 +267,7 @@ private:
     std::vector<unit> units;
     std::set<uint64_t> offsets; // of all units
     byte_span debug_ranges;
+    uint64_t pairs_left; // that may still be read: lists are shared by few, and a pair has 8 or 16 bytes
     given_sets given;
     size_t dead_found = 0;
 };
