@@ -88,11 +88,11 @@ static void attach_units(krv_handle_t *hp, readers *sources)
 {
     const bytes abbrev_section = abbrevs(
         "1 compile_unit+ name:string comp_dir:string stmt_list:sec_offset location:exprloc low_pc:addr high_pc:addr;"
-        "2 compile_unit+ name:string comp_dir:string stmt_list:sec_offset; 3 subprogram low_pc:addr high_pc:addr");
+        "2 compile_unit+ name:string comp_dir:string stmt_list:sec_offset; 4 subprogram low_pc:addr high_pc:addr");
     // Two units: one with bounds of its own, one that is scanned for them.
     const bytes dir = bytes().cstr("/build").u32(0), end = bytes().u8(0);
     const bytes first = bytes().uleb(1).cstr("a.c").add(dir).u8(1).u8(1).u64(0x400).u64(0x410).add(end);
-    const bytes second = bytes().uleb(2).cstr("b.c").add(dir).uleb(3).u64(0x900).u64(0x910).add(end);
+    const bytes second = bytes().uleb(2).cstr("b.c").add(dir).uleb(4).u64(0x900).u64(0x910).add(end);
     line_unit lines{.dirs = {"src", "gen"}, .files = {{"a.c", 1}, {"b.c", 2}}};
     lines.program = program("def c.c 1 0 0 at 500 copy pc 4 end at 400 copy pc 16 end");
     attach(hp, sources, KRV_SEC_ABBREV, abbrev_section);
