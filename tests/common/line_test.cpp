@@ -540,6 +540,18 @@ TEST(Line, FieldFailures)
     EXPECT_TRUE(kept == 77 && none == lnp);
 }
 
+TEST(Line, FactsOfAFile)
+{
+    lines t(line_unit{.dirs = {"gen"}, .files = {{"a.c", 1, 7, 9}}}.build());
+    krv_lnfe_t *file = t.header()->sln_files[0];
+    uint64_t mtime = 0, size = 0;
+    EXPECT_EQ(korva_lnfe_get_mtime(t.h, file, &mtime) + korva_lnfe_get_size(t.h, file, &size), 0);
+    EXPECT_TRUE(mtime == 7 && size == 9) << mtime << " " << size;
+    EXPECT_EQ(korva_lnfe_get_mtime(nullptr, file, &mtime) + korva_lnfe_get_size(nullptr, file, &size), -2);
+    EXPECT_EQ(korva_lnfe_get_mtime(t.h, nullptr, &mtime) + korva_lnfe_get_size(t.h, file, nullptr), -2);
+    EXPECT_EQ(t.h.error(), "INVALID");
+}
+
 // ---------------------------------------------------------------------------------------------------------------
 // Threads, each with a handle of its own
 // ---------------------------------------------------------------------------------------------------------------
