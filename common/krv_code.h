@@ -35,7 +35,7 @@ inline bool krv_decode_in_memory(krv_fd_t *fdp, krv_form_t form, uint32_t flags,
     switch (form) {
     case DW_FORM_udata:
     case DW_FORM_ref_udata: {
-        uint64_t value;
+        uint64_t value = 0;
         if (view.size != 0 && view.bytes[0] < 0x80) {
             value = view.bytes[0];
             width = 1;
@@ -49,7 +49,7 @@ inline bool krv_decode_in_memory(krv_fd_t *fdp, krv_form_t form, uint32_t flags,
         return true;
     }
     case DW_FORM_sdata: {
-        int64_t value;
+        int64_t value = 0;
         width = sizeof(T) == sizeof(value) ? krv_scan_sleb128(view, &value) : 0;
         if (width == 0)
             return false;
