@@ -62,24 +62,27 @@ static void illegal_pair(table_builder *t, uint32_t number, const krv_abbrev_t *
              form == 0 ? "0" : krv_name_or_unknown(KRV_DEF_FORM, form));
 }
 
-// Reads the pairs at the cursor that are two short numbers, as nearly all are, up to the first that is not or that ends
-// the list.
-static bool read_short_pairs(table_builder *t, krv_abbrev_t *abbrev)
+// Reads the pairs at the cursor that are two short numbers, as nearly all are: `done` behind the end of the list, `next`
+// at a pair that read_pair has to see.
+static outcome read_short_pairs(table_builder *t, krv_abbrev_t *abbrev)
 {
     const krv_view_t view = krv_fd_view(t->fdp);
-    uint64_t done = 0;
-    for (; view.size - done >= 2; done += 2) {
-        const uint8_t attribute = view.bytes[done], form = view.bytes[done + 1];
-        if (((attribute | form) & 0x80) != 0 || attribute == 0 || form == 0)
+    uint64_t used = 0;
+    bool ended = false;
+    while (!ended && view.size - used >= 2) {
+        const uint8_t attribute = view.bytes[used], form = view.bytes[used + 1];
+        ended = attribute == 0 && form == 0;
+        if (!ended && (((attribute | form) & 0x80) != 0 || attribute == 0 || form == 0))
             break;
-        if (!append_pair(t, attribute, form))
-            return false;
+        if (!ended && !append_pair(t, attribute, form))
+            return outcome::failed;
+        abbrev->dwa_nafpairs += ended ? 0 : 1;
+        used += 2;
     }
-    if (done != 0)
+    if (used != 0)
         krv_clear_error(t->hp);
-    abbrev->dwa_nafpairs += static_cast<uint32_t>(done / 2);
-    krv_fd_advance(t->fdp, done);
-    return true;
+    krv_fd_advance(t->fdp, used);
+    return ended ? outcome::done : outcome::next;
 }
 
 // Reads one pair: `next` when more may follow, `done` or `cut` when it ended the list.
@@ -134,9 +137,9 @@ static outcome read_abbrev(table_builder *t)
 
     outcome pairs = t->fdp->sfd_remaining == 0 ? outcome::done : outcome::next; // done: a list that never began
     while (pairs == outcome::next) {
-        if (!read_short_pairs(t, &abbrev))
-            return outcome::failed;
-        pairs = t->fdp->sfd_remaining == 0 ? outcome::cut : read_pair(t, &abbrev);
+        pairs = read_short_pairs(t, &abbrev);
+        if (pairs == outcome::next)
+            pairs = t->fdp->sfd_remaining == 0 ? outcome::cut : read_pair(t, &abbrev);
     }
     if (pairs == outcome::failed)
         return outcome::failed;

@@ -535,12 +535,14 @@ static void execute_short(line_machine *m)
     krv_lnph_files(m->lnphp, &nfiles);
     const krv_view_t view = krv_fd_view(&m->fd);
     uint64_t done = 0;
-    for (bool known = true; known && view.size - done >= 4;) {
+    while (view.size - done > 4) { // one opcode at least is left
         const uint8_t *at = view.bytes + done;
         const unsigned int opcode = at[0], operand = at[1];
         const bool emits = opcode >= lnphp->sln_opcode_base || opcode == DW_LNS_copy;
         const bool has_operand = opcode >= DW_LNS_advance_pc && opcode <= DW_LNS_set_column;
-        if (emits && lnpp->slnp_lnsp_entries < lnpp->slnp_lnsp_size) {
+        if (emits ? lnpp->slnp_lnsp_entries == lnpp->slnp_lnsp_size : has_operand && operand > 0x7f)
+            break;
+        if (emits) {
             if (opcode != DW_LNS_copy) {
                 const unsigned int adjusted = opcode - lnphp->sln_opcode_base;
                 advance_operation(m, adjusted / lnphp->sln_line_range);
@@ -551,8 +553,6 @@ static void execute_short(line_machine *m)
             row->slns_filep = file;
             end_row(regs);
             done += 1;
-        } else if (emits || (has_operand && operand > 0x7f)) {
-            known = false;
         } else if (has_operand) {
             if (opcode == DW_LNS_advance_pc) {
                 advance_operation(m, operand);
@@ -574,7 +574,7 @@ static void execute_short(line_machine *m)
             regs->slns_discriminator = at[3];
             done += 4;
         } else {
-            known = false;
+            break;
         }
     }
     krv_fd_advance(&m->fd, done);
