@@ -74,7 +74,7 @@ TEST(Hpp, VisitorsStopAndGoOn)
     EXPECT_FALSE(*elf.handle().each_unit([&](korva::unit) { return ++seen < 1; }));
     EXPECT_EQ(seen, 1);
     EXPECT_TRUE(*elf.handle().each_unit([&](korva::unit) { ++seen; }));
-    EXPECT_EQ(seen, 2); // the target has one unit with debugging information
+    EXPECT_GE(seen, 2); // the target has a unit; a sanitizer may add its own
 
     const auto self = korva::process::self();
     const auto end = self->walk(0, [](const krv_proc_frame_t &) { return false; });

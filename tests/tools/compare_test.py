@@ -26,14 +26,13 @@ CXX = ['main.cpp', 'square.cpp', 'circle.cpp']
 # name: compiler, flags, sources, and what proves that the flags had their effect (a key of PROOFS)
 CONFIGURATIONS = {
     **{f'{compiler}-c-dwarf{version}-{level}': (compiler, [f'-gdwarf-{version}', f'-{level}'], C, f'version{version}')
-       for compiler in ('gcc', 'clang') for version in (2, 3, 4) for level in ('O0', 'O2')},
+       for compiler in ('gcc', 'clang') for version, level in ((2, 'O2'), (3, 'O0'), (4, 'O0'), (4, 'O2'))},
     **{f'{compiler}-cpp-dwarf{version}-{level}':
        (compiler, [f'-gdwarf-{version}', f'-{level}'], CXX, f'version{version}')
        for compiler in ('g++', 'clang++') for version, level in ((2, 'O2'), (3, 'O0'), (4, 'O0'), (4, 'O2'))},
     **{f'{compiler}-{name}': (compiler, ['-gdwarf-4', *flags], C if language == 'c' else CXX, proof)
        for compiler, language in (('gcc', 'c'), ('clang', 'c'), ('g++', 'cpp'), ('clang++', 'cpp'))
        for name, flags, proof in (
-           ('m32-O0', ['-m32', '-O0'], '32-bit'),
            ('m32-O2', ['-m32', '-O2'], '32-bit'),
            ('dwarf64', ['-gdwarf64', '-O1'], 'dwarf64'),
            ('gz-zlib', ['-gz=zlib', '-O1'], 'compressed'),
