@@ -81,9 +81,9 @@ static uint64_t get_info_size(krv_elf_t *elf)
 object::object(const std::string &path, bool raw, const std::vector<std::string> &debug_dirs) : m_path(path)
 {
     krv_elf_error_t error = {};
-    std::vector<const char *> dirs;
-    for (const std::string &dir : debug_dirs)
-        dirs.push_back(dir.c_str());
+    std::vector<const char *> dirs(debug_dirs.size());
+    std::transform(debug_dirs.begin(), debug_dirs.end(), dirs.begin(),
+                   [](const std::string &dir) { return dir.c_str(); });
     m_elf.reset(korva_elf_open_with_debug_dirs(path.c_str(), raw ? KRV_ELF_F_RAW : KRV_ELF_F_NONE, dirs.data(),
                                                dirs.size(), &error));
     if (m_elf == nullptr)
