@@ -21,24 +21,14 @@ static uint32_t form_flags(const krv_ctu_t *cu)
 // Values
 // ---------------------------------------------------------------------------------------------------------------
 
-// Whether a form's datum does not fit into a value and is copied out of the section.
 static bool is_block(krv_form_t form)
 {
-    switch (form) {
-    case DW_FORM_block1:
-    case DW_FORM_block2:
-    case DW_FORM_block4:
-    case DW_FORM_block:
-    case DW_FORM_exprloc:
-        return true;
-    default:
-        return false;
-    }
+    return (krv_get_form_class(form) & (KRV_CLASS_BLOCK | KRV_CLASS_EXPRLOC)) != 0;
 }
 
 static bool is_string(krv_form_t form)
 {
-    return form == DW_FORM_strp || form == DW_FORM_string;
+    return (krv_get_form_class(form) & KRV_CLASS_STRING) != 0;
 }
 
 // A cursor with its bytes behind it: one allocation.

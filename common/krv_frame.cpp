@@ -102,10 +102,9 @@ krv_reader_t *krv_get_reader(krv_handle_t *hp)
     if (void *known = krv_load(&hp->sh_frame_reader))
         return static_cast<krv_reader_t *>(known);
     krv_reader_t *fresh = nullptr;
-    hp->sh_errno = KRV_ERR_NONE;
     for (auto *create : creators) {
         fresh = create(hp);
-        if (fresh != nullptr || hp->sh_errno == KRV_ERR_NOMEM) // a reader that declines for want of memory would suit
+        if (fresh != nullptr)
             break;
     }
     if (fresh == nullptr)
@@ -420,16 +419,11 @@ int krv_frame_read_opcode(krv_handle_t *hp, krv_fd_t *fdp, krv_operation_t *op, 
     return 0;
 }
 
-// Most operands are ULEB128 numbers of one byte.
 int krv_frame_read_operands(krv_handle_t *hp, krv_fd_t *fdp, krv_operation_t *op, const krv_form_t formsp[2])
 {
     for (int i = 0; i < 2; ++i) {
         uint64_t *valuep = &op->operand[i].sa_u.su_unsigned;
-        if (formsp[i] == 0)
-            continue;
-        const int result = formsp[i] == DW_FORM_udata ? krv_decode(fdp, DW_FORM_udata, 0, valuep)
-                                                      : krv_decode(fdp, formsp[i], 0, valuep);
-        if (result != 0)
+        if (formsp[i] != 0 && krv_decode(fdp, formsp[i], 0, valuep) != 0)
             return krv_note(hp, "failed to read operand %d", i);
     }
     return 0;

@@ -11,7 +11,9 @@
 #include "krv_mem.h"
 #include "krv_names.h"
 
+#include <algorithm>
 #include <cstdlib>
+#include <numeric>
 
 namespace
 {
@@ -178,13 +180,18 @@ namespace
 
 struct place_table {
     uint32_t *slots;
-    uint64_t mask; // their number, a power of two above that of the rows, less one
+    uint64_t mask;   // their number, a power of two above that of the rows, less one
+    uint64_t probes; // of taken slots, that may still be made
 };
+
+constexpr uint64_t PROBES_A_ROW =
+    16; // on the average less than one; more are made for lines that were chosen to collide
+constexpr uint64_t NO_PLACE = UINT64_MAX;
 
 } // namespace
 
-// The slot of a row's file and line, taken by the row itself when they are new.
-static uint64_t find_place(const place_table *t, const krv_lns_t *rows, unsigned int number)
+// The slot of a row's file and line, taken by the row itself when they are new. NO_PLACE when it takes too long.
+static uint64_t find_place(place_table *t, const krv_lns_t *rows, unsigned int number)
 {
     const krv_lns_t *row = &rows[number];
     const uint64_t key = uint64_t{row->slns_file} << 32 | row->slns_line;
@@ -193,9 +200,41 @@ static uint64_t find_place(const place_table *t, const krv_lns_t *rows, unsigned
         const krv_lns_t *other = &rows[t->slots[slot] - 1];
         if (other->slns_line == row->slns_line && other->slns_file == row->slns_file)
             return slot;
+        if (t->probes-- == 0)
+            return NO_PLACE;
     }
     t->slots[slot] = number + 1;
     return slot;
+}
+
+static bool hash_canonical_addresses(place_table t, krv_lns_t *rows, unsigned int nrows)
+{
+    for (unsigned int i = 0; i < nrows; ++i) {
+        const uint64_t slot = find_place(&t, rows, i);
+        if (slot == NO_PLACE)
+            return false;
+        if (rows[i].slns_address < rows[t.slots[slot] - 1].slns_address)
+            t.slots[slot] = i + 1;
+        rows[i].slns_u.slnsu_index = slot;
+    }
+    for (unsigned int i = 0; i < nrows; ++i)
+        rows[i].slns_u.slnsu_c_address = rows[t.slots[rows[i].slns_u.slnsu_index] - 1].slns_address;
+    return true;
+}
+
+// The same for any lines. `numbers` has room for one a row.
+static void sort_canonical_addresses(uint32_t *numbers, krv_lns_t *rows, unsigned int nrows)
+{
+    std::iota(numbers, numbers + nrows, 0U);
+    std::sort(numbers, numbers + nrows,
+              [rows](uint32_t a, uint32_t b) { return krv_canonical_compare(&rows[a], &rows[b]) < 0; });
+    const krv_lns_t *first = nullptr; // of the current file and line
+    for (const uint32_t *number = numbers; number != numbers + nrows; ++number) {
+        krv_lns_t *row = &rows[*number];
+        if (first == nullptr || row->slns_file != first->slns_file || row->slns_line != first->slns_line)
+            first = row;
+        row->slns_u.slnsu_c_address = first->slns_address;
+    }
 }
 
 // Gives every row the lowest address of its file and line. 0 or -1.
@@ -211,15 +250,8 @@ static int find_canonical_addresses(krv_handle_t *hp, krv_lnp_t *lnpp)
     const krv_owner<uint32_t> slots(static_cast<uint32_t *>(krv_zalloc(hp, size * sizeof(uint32_t))));
     if (slots == nullptr)
         return krv_note(hp, "couldn't create temporary table for canonical address calculation");
-    const place_table t = {slots.get(), size - 1};
-    for (unsigned int i = 0; i < nrows; ++i) {
-        const uint64_t slot = find_place(&t, rows, i);
-        if (rows[i].slns_address < rows[t.slots[slot] - 1].slns_address)
-            t.slots[slot] = i + 1;
-        rows[i].slns_u.slnsu_index = slot;
-    }
-    for (unsigned int i = 0; i < nrows; ++i)
-        rows[i].slns_u.slnsu_c_address = rows[t.slots[rows[i].slns_u.slnsu_index] - 1].slns_address;
+    if (!hash_canonical_addresses({slots.get(), size - 1, nrows * PROBES_A_ROW}, rows, nrows))
+        sort_canonical_addresses(slots.get(), rows, nrows);
     return 0;
 }
 
@@ -520,8 +552,9 @@ static int op_failed(line_machine *m, const line_op *op)
 }
 
 // Executes the opcodes that make up most of a program, as long as one follows the other: special opcodes, the commonest
-// standard ones with at most one byte of operand, and short discriminators. Only when nobody watches, within a sequence, while the row table has
-// room, and with one operation an instruction: nothing can fail then. What it stops at is for decode_op and apply_op.
+// standard ones with at most one byte of operand, and short discriminators. Only when nobody watches, within a sequence,
+// while the row table has room, and with one operation an instruction: nothing can fail then. What it stops at is for
+// decode_op and apply_op.
 static void execute_short(line_machine *m)
 {
     const krv_lnph_t *lnphp = m->lnphp;

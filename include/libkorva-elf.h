@@ -54,7 +54,7 @@ enum {
 typedef struct krv_elf_symbol {
     uint64_t address;
     uint64_t size;    /**< never 0: a symbol without a size reaches to the next one or to the end of its section */
-    const char *name; /**< as in the file: not demangled; not empty */
+    const char *name; /**< as in the file: not demangled, with its version if it has one; not empty */
 } krv_elf_symbol_t;
 
 /** What an opened file is. */
@@ -159,7 +159,7 @@ KORVA_API const krv_elf_symbol_t *korva_elf_get_symbols(krv_elf_t *elf, size_t *
 /** The function symbol that covers @p address; of several the first of the innermost. NULL when none does. */
 KORVA_API const krv_elf_symbol_t *korva_elf_lookup_symbol(krv_elf_t *elf, uint64_t address);
 
-/** The first function symbol of that name, or NULL. */
+/** The first function symbol of that name; else the first of that name with a version, as in name@@V_1; or NULL. */
 KORVA_API const krv_elf_symbol_t *korva_elf_lookup_symbol_by_name(krv_elf_t *elf, const char *name);
 
 /**

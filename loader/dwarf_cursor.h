@@ -79,6 +79,9 @@ public:
         return text;
     }
 
+protected:
+    void fail() { good = false; }
+
 private:
     // Returns the bits read.
     unsigned int read_leb(uint64_t *value)

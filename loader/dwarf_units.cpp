@@ -62,12 +62,12 @@ abbreviation_table::abbreviation_table(byte_span section, uint64_t offset) : fir
         abbrev.tag = c.uleb();
         abbrev.has_children = c.byte() != 0;
         for (;;) {
-            attribute_spec spec = {c.uleb(), 0, c.at(), 0};
-            spec.form = c.uleb();
-            spec.form_width = c.at() - spec.form_at;
-            if (!c.ok() || (spec.name == 0 && spec.form == 0))
+            attribute_form pair = {c.uleb(), 0, c.at(), 0};
+            pair.form = c.uleb();
+            pair.form_width = c.at() - pair.form_at;
+            if (!c.ok() || (pair.name == 0 && pair.form == 0))
                 break;
-            abbrev.attributes.push_back(spec);
+            abbrev.attributes.push_back(pair);
         }
         if (!c.ok())
             break;

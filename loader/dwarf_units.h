@@ -36,7 +36,7 @@ bool read_unit(byte_span info, uint64_t offset, unit *u, std::string *reason);
 // whose header is damaged.
 std::vector<unit> read_units(byte_span info);
 
-struct attribute_spec {
+struct attribute_form {
     uint64_t name;
     uint64_t form;
     uint64_t form_at; // where the form stands in .debug_abbrev
@@ -49,7 +49,7 @@ struct abbreviation {
     uint64_t code;
     uint64_t tag;
     bool has_children;
-    std::vector<attribute_spec> attributes;
+    std::vector<attribute_form> attributes;
 };
 
 // One abbreviation table. What the section's end cuts off is not there.
@@ -120,8 +120,8 @@ bool walk_entries(byte_span info, const unit &u, const abbreviation_table &table
         left -= abbrev->attributes.size();
         if (!visit(entry, *abbrev, c))
             return true;
-        for (const attribute_spec &spec : abbrev->attributes)
-            if (!skip_value(&c, u, spec.form))
+        for (const attribute_form &pair : abbrev->attributes)
+            if (!skip_value(&c, u, pair.form))
                 return false;
     }
     return c.ok();

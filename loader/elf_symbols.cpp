@@ -150,10 +150,17 @@ const krv_elf_symbol_t *symbol_table::find(uint64_t address) const
 
 const krv_elf_symbol_t *symbol_table::find(const char *name) const
 {
-    for (const krv_elf_symbol_t &symbol : symbols)
-        if (std::strcmp(symbol.name, name) == 0)
+    const size_t length = std::strlen(name);
+    const krv_elf_symbol_t *versioned = nullptr;
+    for (const krv_elf_symbol_t &symbol : symbols) {
+        if (std::strncmp(symbol.name, name, length) != 0)
+            continue;
+        if (symbol.name[length] == '\0')
             return &symbol;
-    return nullptr;
+        if (symbol.name[length] == '@' && length != 0 && versioned == nullptr)
+            versioned = &symbol;
+    }
+    return versioned;
 }
 
 } // namespace krv_elf_loader

@@ -20,8 +20,8 @@ constexpr char MISSING[] = "(in the alternate debug file)";
 bool has_alternate_strings(const abbreviation_table &table)
 {
     for (const abbreviation &a : table.all())
-        for (const attribute_spec &spec : a.attributes)
-            if (spec.form == DW_FORM_GNU_strp_alt)
+        for (const attribute_form &pair : a.attributes)
+            if (pair.form == DW_FORM_GNU_strp_alt)
                 return true;
     return false;
 }
@@ -31,10 +31,10 @@ std::vector<uint64_t> find_values(byte_span info, const unit &u, const abbreviat
 {
     std::vector<uint64_t> found;
     walk_entries(info, u, table, [&](uint64_t, const abbreviation &abbrev, cursor c) {
-        for (const attribute_spec &spec : abbrev.attributes) {
-            if (spec.form == DW_FORM_GNU_strp_alt)
+        for (const attribute_form &pair : abbrev.attributes) {
+            if (pair.form == DW_FORM_GNU_strp_alt)
                 found.push_back(c.at());
-            if (!skip_value(&c, u, spec.form))
+            if (!skip_value(&c, u, pair.form))
                 break;
         }
         return true;
@@ -67,9 +67,9 @@ void take_alternate_strings(view &v, const char *name)
         if (fresh && has_alternate_strings(table)) {
             known->second = true;
             for (const abbreviation &a : table.all())
-                for (const attribute_spec &spec : a.attributes)
-                    if (spec.form == DW_FORM_GNU_strp_alt)
-                        forms[spec.form_at] = spec.form_width;
+                for (const attribute_form &pair : a.attributes)
+                    if (pair.form == DW_FORM_GNU_strp_alt)
+                        forms[pair.form_at] = pair.form_width;
         }
         if (!known->second)
             continue;

@@ -54,17 +54,17 @@ void change_table(view *v, const char *name, const unit &u, const abbreviation_t
 {
     view_section *abbrev = v->find(KRV_SEC_ABBREV);
     for (const abbreviation &a : table.all())
-        for (const attribute_spec &spec : a.attributes) {
-            const char *form_name = name_of(spec.form);
+        for (const attribute_form &pair : a.attributes) {
+            const char *form_name = name_of(pair.form);
             if (form_name == nullptr)
                 continue;
-            const uint64_t plain = plain_form(u, spec.form);
-            const auto [known, fresh] = change->plain.try_emplace(spec.form_at, plain);
+            const uint64_t plain = plain_form(u, pair.form);
+            const auto [known, fresh] = change->plain.try_emplace(pair.form_at, plain);
             if (fresh) {
-                write_padded_uleb(abbrev->writable().data() + spec.form_at, plain, spec.form_width);
-                ++change->counts[spec.form];
+                write_padded_uleb(abbrev->writable().data() + pair.form_at, plain, pair.form_width);
+                ++change->counts[pair.form];
             } else if (known->second != plain) {
-                v->add_note({name, abbrev->name, spec.form_at, true,
+                v->add_note({name, abbrev->name, pair.form_at, true,
                              fmt::format("units that share the abbreviation table at offset {:#x} give {} different "
                                          "sizes: those of the unit at offset {:#x} of .debug_info are misread",
                                          table.begin(), form_name, u.offset)});

@@ -103,8 +103,8 @@ public:
         const size_t shift = bytes.size() - c.at();
         bytes.insert(bytes.end(), old.begin() + static_cast<ptrdiff_t>(c.at()), old.end());
         for (const size_t number : blocks) {
-            const attribute_spec &spec = a->attributes[number];
-            write_padded_uleb(bytes.data() + shift + (spec.form_at - a->at), DW_FORM_block1, spec.form_width);
+            const attribute_form &pair = a->attributes[number];
+            write_padded_uleb(bytes.data() + shift + (pair.form_at - a->at), DW_FORM_block1, pair.form_width);
         }
         codes[key] = *fresh;
         used.insert(*fresh);

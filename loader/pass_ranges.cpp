@@ -46,21 +46,21 @@ struct code_attributes {
 code_attributes read_code_attributes(cursor c, const unit &u, const abbreviation &abbrev)
 {
     code_attributes found;
-    for (const attribute_spec &spec : abbrev.attributes) {
-        const bool wanted = spec.name == DW_AT_low_pc || spec.name == DW_AT_high_pc || spec.name == DW_AT_ranges;
+    for (const attribute_form &pair : abbrev.attributes) {
+        const bool wanted = pair.name == DW_AT_low_pc || pair.name == DW_AT_high_pc || pair.name == DW_AT_ranges;
         if (wanted) {
             cursor value = c;
-            const std::optional<size_t> width = fixed_width(u, spec.form);
+            const std::optional<size_t> width = fixed_width(u, pair.form);
             const uint64_t number = width && *width <= 8 ? value.number(*width) : value.uleb();
-            const bool is_number = width || spec.form == DW_FORM_udata || spec.form == DW_FORM_sdata;
-            if (value.ok() && is_number && spec.name == DW_AT_high_pc) {
+            const bool is_number = width || pair.form == DW_FORM_udata || pair.form == DW_FORM_sdata;
+            if (value.ok() && is_number && pair.name == DW_AT_high_pc) {
                 found.high = number;
-                found.high_is_length = spec.form != DW_FORM_addr;
+                found.high_is_length = pair.form != DW_FORM_addr;
             } else if (value.ok() && is_number) {
-                (spec.name == DW_AT_low_pc ? found.low : found.ranges) = number;
+                (pair.name == DW_AT_low_pc ? found.low : found.ranges) = number;
             }
         }
-        if (!skip_value(&c, u, spec.form))
+        if (!skip_value(&c, u, pair.form))
             break;
     }
     return found;

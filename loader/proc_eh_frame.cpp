@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "proc_eh_frame.h"
 
+#include "dwarf_cursor.h"
+
 #include <algorithm>
 #include <cstring>
 #include <map>
@@ -48,89 +50,43 @@ enum : uint8_t {
 constexpr size_t LONGEST_CIE = 1024;      // those in use have less than 64 bytes
 constexpr size_t LONGEST_FDE = 64 * 1024; // a function of some thousand lines has a few hundred
 
-// Bytes at an address, with a position. A read past the end fails, and so do all after it.
-class cursor
+// A walk over bytes that stand at an address, for pointers that count from where they are.
+class record_cursor : public cursor
 {
 public:
-    cursor(const uint8_t *data, size_t length, uint64_t start) : bytes(data), size(length), address(start) {}
-
-    bool good() const { return ok; }
-    bool at_end() const { return !ok || position == size; }
-    size_t at() const { return position; }
-    uint64_t here() const { return address + position; }
-
-    uint8_t byte()
-    {
-        if (position >= size) {
-            ok = false;
-            return 0;
-        }
-        return bytes[position++];
-    }
-
-    uint64_t fixed(size_t width, bool extend)
-    {
-        uint64_t value = 0;
-        for (size_t i = 0; i < width; ++i)
-            value |= uint64_t{byte()} << (8 * i);
-        const unsigned unused = static_cast<unsigned>(64 - 8 * width);
-        return extend ? static_cast<uint64_t>(static_cast<int64_t>(value << unused) >> unused) : value;
-    }
-
-    uint64_t leb128(bool extend)
-    {
-        uint64_t value = 0;
-        for (unsigned shift = 0; shift < 70; shift += 7) {
-            const uint8_t b = byte();
-            if (shift < 64)
-                value |= uint64_t{b & 0x7fU} << shift;
-            if ((b & 0x80) != 0)
-                continue;
-            if (extend && (b & 0x40) != 0 && shift + 7 < 64)
-                value |= UINT64_MAX << (shift + 7);
-            return value;
-        }
-        ok = false;
-        return 0;
-    }
-
-    void skip(uint64_t count)
-    {
-        ok = ok && count <= size - position;
-        position += ok ? static_cast<size_t>(count) : 0;
-    }
+    record_cursor(byte_span record, uint64_t at_address) : cursor(record), address(at_address) {}
 
     // A pointer as encoded, the base added, an indirection not followed. `data` is the base of PE_DATAREL.
     uint64_t pointer(uint8_t encoding, size_t address_size, uint64_t data)
     {
-        const uint64_t base = (encoding & PE_BASE) == PE_PCREL ? here() : (encoding & PE_BASE) == PE_DATAREL ? data : 0;
+        const uint64_t here = address + at();
+        const uint64_t base = (encoding & PE_BASE) == PE_PCREL ? here : (encoding & PE_BASE) == PE_DATAREL ? data : 0;
         switch (encoding & PE_FORMAT) {
         case PE_ABSPTR:
-            return base + fixed(address_size, false);
+            return base + number(address_size);
         case PE_ULEB128:
+            return base + uleb();
         case PE_SLEB128:
-            return base + leb128((encoding & PE_FORMAT) == PE_SLEB128);
+            return base + static_cast<uint64_t>(sleb());
         case PE_UDATA2:
+            return base + number(2);
         case PE_SDATA2:
-            return base + fixed(2, (encoding & PE_FORMAT) == PE_SDATA2);
+            return base + static_cast<uint64_t>(int64_t{static_cast<int16_t>(number(2))});
         case PE_UDATA4:
+            return base + number(4);
         case PE_SDATA4:
-            return base + fixed(4, (encoding & PE_FORMAT) == PE_SDATA4);
+            return base + static_cast<uint64_t>(int64_t{static_cast<int32_t>(number(4))});
         case PE_UDATA8:
         case PE_SDATA8:
-            return base + fixed(8, false);
+            return base + number(8);
         default:
-            ok = false;
+            fail();
             return 0;
         }
     }
 
 private:
-    const uint8_t *bytes;
-    size_t size;
     uint64_t address;
-    size_t position = 0;
-    bool ok = true;
 };
 
 size_t address_size_of(krv_activation_type_t target)
@@ -159,27 +115,27 @@ std::optional<cie_record> parse_cie(memory &mem, krv_activation_type_t target, u
     cie.bytes.resize(size);
     if (!mem.read(address, cie.bytes.data(), size))
         return std::nullopt;
-    cursor c(cie.bytes.data(), size, address);
-    c.fixed(8, false); // length, CIE id
+    record_cursor c(cie.bytes, address);
+    c.skip(8); // length, CIE id
     cie.version = c.at();
     const uint8_t version = c.byte();
     if (version != 1 && version != 3)
         return std::nullopt;
     cie.augmentation = c.at();
     std::string letters;
-    for (uint8_t letter = c.byte(); letter != 0 && c.good(); letter = c.byte())
+    for (uint8_t letter = c.byte(); letter != 0 && c.ok(); letter = c.byte())
         letters += static_cast<char>(letter);
     cie.factors = c.at();
-    c.leb128(false);            // code alignment factor
-    c.leb128(true);             // data alignment factor
+    c.uleb();                   // code alignment factor
+    c.sleb();                   // data alignment factor
     if ((c.byte() & 0x80) != 0) // return-address register: a byte, or in version 3 a LEB128 number, here of one byte
         return std::nullopt;
     if (letters.empty() && version == 3)
-        return c.good() ? std::optional(std::move(cie)) : std::nullopt;
+        return c.ok() ? std::optional(std::move(cie)) : std::nullopt;
     if (!letters.starts_with('z'))
         return std::nullopt;
-    c.leb128(false); // augmentation length
-    for (size_t i = 1; i < letters.size() && c.good(); ++i) {
+    c.uleb(); // augmentation length
+    for (size_t i = 1; i < letters.size() && c.ok(); ++i) {
         switch (letters[i]) {
         case 'L':
             cie.has_lsda = true;
@@ -201,7 +157,7 @@ std::optional<cie_record> parse_cie(memory &mem, krv_activation_type_t target, u
             return std::nullopt;
         }
     }
-    return c.good() ? std::optional(std::move(cie)) : std::nullopt;
+    return c.ok() ? std::optional(std::move(cie)) : std::nullopt;
 }
 
 // The corrections of a record say whether they changed it.
@@ -262,23 +218,23 @@ std::optional<fde_record> parse_fde(memory &mem, krv_activation_type_t target, u
     fde.bytes.resize(size);
     if (!mem.read(address, fde.bytes.data(), size))
         return std::nullopt;
-    cursor c(fde.bytes.data(), size, address);
-    c.fixed(8, false); // length, CIE pointer
+    record_cursor c(fde.bytes, address);
+    c.skip(8); // length, CIE pointer
     fde.start = c.pointer(cie.fde_encoding, address_size_of(target), eh_frame);
     fde.count = c.pointer(cie.fde_encoding & PE_FORMAT, address_size_of(target), 0);
-    c.skip(c.leb128(false)); // augmentation data
+    c.skip(c.uleb()); // augmentation data
     fde.instructions = c.at();
-    return c.good() ? std::optional(std::move(fde)) : std::nullopt;
+    return c.ok() ? std::optional(std::move(fde)) : std::nullopt;
 }
 
 // The operands of an instruction, CFA_GNU_ARGS_SIZE among them. False for one that is not known.
-bool skip_operands(cursor &c, uint8_t opcode, const cie_facts &cie, krv_activation_type_t target)
+bool skip_operands(record_cursor &c, uint8_t opcode, const cie_facts &cie, krv_activation_type_t target)
 {
     // LEB128 operands of the instructions below 0x17, of which some have a block behind them.
     constexpr uint8_t numbers[] = {0, 0, 0, 0, 0, 2, 1, 1, 1, 2, 0, 0, 2, 1, 1, 0, 1, 2, 2, 1, 2, 2, 1};
     if ((opcode & CFA_PRIMARY) != 0) {
         if ((opcode & CFA_PRIMARY) == CFA_OFFSET)
-            c.leb128(false);
+            c.uleb();
         return true;
     }
     switch (opcode) {
@@ -291,7 +247,7 @@ bool skip_operands(cursor &c, uint8_t opcode, const cie_facts &cie, krv_activati
         c.skip(size_t{1} << (opcode - CFA_ADVANCE_LOC1));
         return true;
     case CFA_GNU_ARGS_SIZE:
-        c.leb128(false);
+        c.uleb();
         return true;
     default:
         break;
@@ -299,9 +255,9 @@ bool skip_operands(cursor &c, uint8_t opcode, const cie_facts &cie, krv_activati
     if (opcode >= sizeof(numbers))
         return false;
     for (unsigned i = 0; i < numbers[opcode]; ++i)
-        c.leb128(false);
+        c.uleb();
     if (opcode == CFA_DEF_CFA_EXPRESSION || opcode == CFA_EXPRESSION || opcode == CFA_VAL_EXPRESSION)
-        c.skip(c.leb128(false));
+        c.skip(c.uleb());
     return true;
 }
 
@@ -309,11 +265,11 @@ bool skip_operands(cursor &c, uint8_t opcode, const cie_facts &cie, krv_activati
 bool hide_argument_sizes(fde_record &fde, const cie_facts &cie, krv_activation_type_t target)
 {
     bool changed = false;
-    cursor c(fde.bytes.data(), fde.bytes.size(), 0);
-    for (c.skip(fde.instructions); !c.at_end();) {
+    record_cursor c(fde.bytes, 0);
+    for (c.skip(fde.instructions); c.more();) {
         const size_t start = c.at();
         const uint8_t opcode = c.byte();
-        if (!skip_operands(c, opcode, cie, target) || !c.good())
+        if (!skip_operands(c, opcode, cie, target) || !c.ok())
             break;
         if (opcode != CFA_GNU_ARGS_SIZE)
             continue;
@@ -391,10 +347,10 @@ uint64_t read_eh_frame_address(memory &mem, krv_activation_type_t target, uint64
         --size;
     if (size == 4 || bytes[0] != 1 || bytes[1] == PE_OMIT)
         return 0;
-    cursor c(bytes, size, header);
-    c.fixed(4, false);
+    record_cursor c({bytes, size}, header);
+    c.skip(4);
     const uint64_t address = c.pointer(bytes[1], address_size_of(target), header);
-    return c.good() && (bytes[1] & PE_INDIRECT) == 0 ? address : 0;
+    return c.ok() && (bytes[1] & PE_INDIRECT) == 0 ? address : 0;
 }
 
 } // namespace krv_elf_loader

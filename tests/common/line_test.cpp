@@ -6,7 +6,10 @@
 #include "support/handle.h"
 #include "support/sections.h"
 
+#include <algorithm>
 #include <gtest/gtest.h>
+#include <map>
+#include <span>
 #include <thread>
 
 using namespace krv_test;
@@ -665,4 +668,29 @@ TEST(Line, WatchedOrNot)
         krv_lnph_free(header);
     }
     EXPECT_TRUE(failures > 300 && failures < 2700) << failures;
+}
+
+// Lines that were chosen to share a hash slot, as a hostile program would: sorted instead, with the same outcome.
+TEST(Line, CanonicalAddressesOfCollidingLines)
+{
+    constexpr unsigned ROWS = 3000;
+    std::string recipe = "at 400000";
+    int64_t line = 1;
+    for (uint64_t next = 2, found = 0; found < ROWS / 2; ++next)
+        if ((((uint64_t{1} << 32 | next) * 0x9e3779b97f4a7c15U >> 32) & 0x1fff) < 2) {
+            recipe += text(" line %lld copy pc 4", static_cast<long long>(static_cast<int64_t>(next) - line));
+            line = static_cast<int64_t>(next);
+            ++found;
+        }
+    lines t(line_unit{.program = program(recipe + " pc 4 end at 300000 line 9 copy pc 4 end")}.build());
+    const krv_lnp_t *lnpp = t.matrix();
+    ASSERT_NE(lnpp, nullptr) << t.h.error();
+    std::map<unsigned, uint64_t> lowest;
+    for (const krv_lns_t &r : std::span(lnpp->slnp_lnsp, lnpp->slnp_lnsp_entries)) {
+        uint64_t &low = lowest.try_emplace(r.slns_line, r.slns_address).first->second;
+        low = std::min(low, r.slns_address);
+    }
+    EXPECT_GT(lowest.size(), ROWS / 2);
+    for (const krv_lns_t &r : std::span(lnpp->slnp_lnsp, lnpp->slnp_lnsp_entries))
+        EXPECT_EQ(r.slns_u.slnsu_c_address, lowest.at(r.slns_line));
 }

@@ -252,6 +252,15 @@ TEST_F(Loader, SymbolTable)
     EXPECT_EQ(info.has_symtab, 0);
     EXPECT_NE(korva_elf_lookup_symbol_by_name(elf.get(), "outer"), nullptr);
     EXPECT_EQ(units(elf.get()), "");
+
+    // Debug files of libraries have their symbols with versions.
+    ASSERT_TRUE(compile("a.c -o versioned"));
+    ASSERT_EQ(std::system(("objcopy --redefine-sym outer=outer@@V_1 " + (dir / "versioned").string()).c_str()), 0);
+    elf = open("versioned");
+    const krv_elf_symbol_t *outer = korva_elf_lookup_symbol_by_name(elf.get(), "outer");
+    ASSERT_NE(outer, nullptr);
+    EXPECT_STREQ(outer->name, "outer@@V_1");
+    EXPECT_EQ(korva_elf_lookup_symbol_by_name(elf.get(), "oute"), nullptr);
 }
 
 TEST_F(Loader, WhatIsNoReadableFile)

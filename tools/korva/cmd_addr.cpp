@@ -112,7 +112,11 @@ answer addr_run::find(const question &q)
     location found = m_locator.find(*q.address);
     if (found.function != nullptr) {
         a.has_function = true;
-        a.function = m_options.demangle ? demangle(found.function->name) : found.function->name;
+        const char *symbol = found.function->name;
+        if (m_options.format != output_format::gnu)
+            a.function = function_name(symbol, m_options.demangle);
+        else // whole, as GNU addr2line shows it
+            a.function = m_options.demangle ? demangle(symbol) : symbol;
     }
     if (found.source) {
         a.has_row = true;

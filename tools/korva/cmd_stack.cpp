@@ -7,7 +7,6 @@
 
 #include <libkorva-proc.h>
 
-#include <cstring>
 #include <memory>
 #include <optional>
 #include <unordered_map>
@@ -197,8 +196,7 @@ frame stack_run::describe(const krv_proc_frame_t &raw)
     if (opened.lines != nullptr)
         f.source = opened.lines->find(address).source;
     if (symbol != nullptr) {
-        const std::string name(symbol->name, std::strcspn(symbol->name, "@")); // without a version, as in f@@V_1
-        f.function = m_options.demangle ? demangle(name.c_str()) : name;
+        f.function = function_name(symbol->name, m_options.demangle);
         f.offset = raw.pc - raw.module->bias - symbol->address;
     }
     return f;

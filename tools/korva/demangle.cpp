@@ -2,6 +2,7 @@
 #include "demangle.h"
 
 #include <cstdlib>
+#include <cstring>
 #include <cxxabi.h>
 #include <memory>
 #include <string_view>
@@ -19,6 +20,12 @@ std::string demangle(const char *name)
     const std::unique_ptr<char, decltype(&std::free)> plain(abi::__cxa_demangle(name, nullptr, nullptr, &status),
                                                             &std::free);
     return plain == nullptr ? name : plain.get();
+}
+
+std::string function_name(const char *symbol, bool demangled)
+{
+    const std::string name(symbol, std::strcspn(symbol, "@"));
+    return demangled ? demangle(name.c_str()) : name;
 }
 
 } // namespace korva
