@@ -62,29 +62,6 @@ static void illegal_pair(table_builder *t, uint32_t number, const krv_abbrev_t *
              form == 0 ? "0" : krv_name_or_unknown(KRV_DEF_FORM, form));
 }
 
-// Reads the pairs at the cursor that are two short numbers, as nearly all are: `done` behind the end of the list, `next`
-// at a pair that read_pair has to see.
-static outcome read_short_pairs(table_builder *t, krv_abbrev_t *abbrev)
-{
-    const krv_view_t view = krv_fd_view(t->fdp);
-    uint64_t used = 0;
-    bool ended = false;
-    while (!ended && view.size - used >= 2) {
-        const uint8_t attribute = view.bytes[used], form = view.bytes[used + 1];
-        ended = attribute == 0 && form == 0;
-        if (!ended && (((attribute | form) & 0x80) != 0 || attribute == 0 || form == 0))
-            break;
-        if (!ended && !append_pair(t, attribute, form))
-            return outcome::failed;
-        abbrev->dwa_nafpairs += ended ? 0 : 1;
-        used += 2;
-    }
-    if (used != 0)
-        krv_clear_error(t->hp);
-    krv_fd_advance(t->fdp, used);
-    return ended ? outcome::done : outcome::next;
-}
-
 // Reads one pair: `next` when more may follow, `done` or `cut` when it ended the list.
 static outcome read_pair(table_builder *t, krv_abbrev_t *abbrev)
 {
@@ -136,11 +113,8 @@ static outcome read_abbrev(table_builder *t)
     abbrev.dwa_afpair_start = t->npairs;
 
     outcome pairs = t->fdp->sfd_remaining == 0 ? outcome::done : outcome::next; // done: a list that never began
-    while (pairs == outcome::next) {
-        pairs = read_short_pairs(t, &abbrev);
-        if (pairs == outcome::next)
-            pairs = t->fdp->sfd_remaining == 0 ? outcome::cut : read_pair(t, &abbrev);
-    }
+    while (pairs == outcome::next)
+        pairs = t->fdp->sfd_remaining == 0 ? outcome::cut : read_pair(t, &abbrev);
     if (pairs == outcome::failed)
         return outcome::failed;
     if (pairs == outcome::cut && t->fdp->sfd_remaining == 0)
@@ -149,6 +123,96 @@ static outcome read_abbrev(table_builder *t)
         return outcome::failed;
     t->abbrevs[t->nabbrevs++] = abbrev;
     return outcome::next;
+}
+
+namespace
+{
+
+// Numbers of a table in memory.
+struct number_scanner {
+    const uint8_t *at, *end;
+
+    bool read(uint64_t most, uint64_t *value)
+    {
+        if (at != end && *at < 0x80) {
+            *value = *at++;
+            return *value <= most;
+        }
+        const unsigned int width = krv_scan_uleb128({at, static_cast<uint64_t>(end - at)}, value);
+        at += width;
+        return width != 0 && *value <= most;
+    }
+};
+
+} // namespace
+
+static bool is_short(uint8_t number)
+{
+    return number != 0 && number < 0x80;
+}
+
+// The pairs of one abbreviation, to their (0, 0). False: irregular or cut off, or no memory.
+static bool scan_pairs(table_builder *t, number_scanner *scanner)
+{
+    for (;;) {
+        if (!krv_table_grow(t->hp, &t->pairs, &t->pairs_size, t->npairs, FIRST_CAPACITY))
+            return false;
+        krv_afpair_t *to = t->pairs + t->npairs, *const full = t->pairs + t->pairs_size;
+        // Two short numbers, neither of them 0, in nearly all cases.
+        const uint8_t *at = scanner->at;
+        for (; to != full && scanner->end - at >= 2 && is_short(at[0]) && is_short(at[1]); at += 2)
+            *to++ = {at[0], at[1]};
+        scanner->at = at;
+        uint64_t attribute = 1, form = 1;
+        if (to != full) {
+            if (!scanner->read(UINT16_MAX, &attribute) || !scanner->read(UINT8_MAX, &form) ||
+                (attribute == 0) != (form == 0))
+                return false;
+            if (attribute != 0)
+                *to++ = {static_cast<krv_attribute_t>(attribute), static_cast<krv_form_t>(form)};
+        }
+        t->npairs = static_cast<uint64_t>(to - t->pairs);
+        if (attribute == 0)
+            return true;
+    }
+}
+
+// Reads the abbreviations that are in memory and regular, as nearly all are: `done` at the null code, `next` where
+// read_abbrev has to see what comes.
+static outcome scan_abbrevs(table_builder *t)
+{
+    const krv_view_t view = krv_fd_view(t->fdp);
+    number_scanner scanner = {view.bytes, view.bytes + view.size};
+    const uint8_t *behind = view.bytes; // the last one that was read whole
+    outcome result = outcome::next;
+    while (result == outcome::next) {
+        const uint64_t start = t->npairs;
+        uint64_t code = 0, tag = 0;
+        if (!scanner.read(UINT32_MAX, &code))
+            break;
+        if (code != 0) {
+            if (!scanner.read(UINT16_MAX, &tag) || scanner.at == scanner.end)
+                break;
+            const krv_abbrev_flag_t flags = *scanner.at++ != 0 ? KRV_ABBREV_FLAG_PARENT : KRV_ABBREV_FLAG_NONE;
+            if (!scan_pairs(t, &scanner) ||
+                !krv_table_grow(t->hp, &t->abbrevs, &t->abbrevs_size, t->nabbrevs, FIRST_CAPACITY)) {
+                t->npairs = start;
+                break;
+            }
+            t->abbrevs[t->nabbrevs++] = {static_cast<uint32_t>(code),
+                                         static_cast<krv_tag_t>(tag),
+                                         flags,
+                                         static_cast<uint32_t>(t->npairs - start),
+                                         nullptr,
+                                         start};
+        }
+        behind = scanner.at;
+        result = code == 0 ? outcome::done : outcome::next;
+    }
+    if (behind != view.bytes)
+        krv_clear_error(t->hp);
+    krv_fd_advance(t->fdp, static_cast<uint64_t>(behind - view.bytes));
+    return result;
 }
 
 // Compilers number abbreviations from 1 on. Then the code is the way into the table, and the hash stays empty.
@@ -165,10 +229,24 @@ static bool numbered_in_order(const table_builder *t)
     return i == t->nabbrevs;
 }
 
+// The hash of all tables that need none. Nothing is ever inserted.
+static krv_hash_t *no_codes()
+{
+    static krv_hash_elem_t *bucket;
+    static krv_hash_t hash = {&bucket, 1, 0, {}, krv_hash_hash_uint64, krv_hash_cmp_uint64};
+    return &hash;
+}
+
+static void destroy_codes(krv_hash_t *hash)
+{
+    if (hash != no_codes())
+        krv_hash_destroy(hash);
+}
+
 static krv_hash_t *hash_abbrevs(table_builder *t)
 {
     if (numbered_in_order(t))
-        return krv_hash_create(t->hp, 0, KRV_HASH_UINT64);
+        return no_codes();
     // The count is a hint only; no table has more abbreviations than a code has values.
     krv_hash_t *hash = krv_hash_create(t->hp, static_cast<unsigned int>(t->nabbrevs), KRV_HASH_UINT64);
     if (hash == nullptr)
@@ -194,7 +272,9 @@ krv_au_t *krv_abbrev_unit_alloc(krv_handle_t *hp, uint64_t offset)
         return nullptr;
     }
     while (t.fdp->sfd_remaining > 0) {
-        const outcome abbrev = read_abbrev(&t);
+        outcome abbrev = scan_abbrevs(&t);
+        if (abbrev == outcome::next && t.fdp->sfd_remaining > 0)
+            abbrev = read_abbrev(&t);
         if (abbrev == outcome::failed)
             return nullptr;
         if (abbrev == outcome::done)
@@ -211,7 +291,7 @@ krv_au_t *krv_abbrev_unit_alloc(krv_handle_t *hp, uint64_t offset)
             t.abbrevs[i].dwa_afpairs = t.pairs + t.abbrevs[i].dwa_afpair_start;
     auto *au = krv_new<krv_au_t>(hp);
     if (au == nullptr) {
-        krv_hash_destroy(hash);
+        destroy_codes(hash);
         return nullptr;
     }
     *au = {t.abbrevs, t.nabbrevs, t.pairs, t.npairs, hash, offset};
@@ -222,7 +302,7 @@ krv_au_t *krv_abbrev_unit_alloc(krv_handle_t *hp, uint64_t offset)
 
 void krv_abbrev_unit_free(krv_au_t *au)
 {
-    krv_hash_destroy(au->sau_hash);
+    destroy_codes(au->sau_hash);
     krv_free(au->sau_abbrev_table);
     krv_free(au->sau_afpair_table);
     krv_free(au);

@@ -318,7 +318,9 @@ int krv_generate_ruleset(krv_handle_t *hp, krv_fd_t *fdp, uint64_t code_align, u
     while (fdp->sfd_remaining > 0) {
         krv_operation_t op; // cleared by its decoder
         row result = row::bad;
-        if (krv_frame_get_next_op(hp, fdp, &op, augp, aug_arg) == 0 && registers_in_range(&run, &op))
+        const bool decoded =
+            krv_frame_decode_short(fdp, &op) || krv_frame_get_next_op(hp, fdp, &op, augp, aug_arg) == 0;
+        if (decoded && registers_in_range(&run, &op))
             result = execute(&run, &op);
         if (result == row::reached)
             break;

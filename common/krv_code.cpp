@@ -307,14 +307,17 @@ krv_datum_t krv_string_in_memory(const krv_fd_t *fdp, krv_form_t form, uint32_t 
 {
     if (form == DW_FORM_string)
         return string_in_view(krv_fd_view(fdp));
-    krv_fd_t fd = *fdp;
-    krv_fd_t str = fd.sfd_hp->sh_sec[KRV_SEC_STR];
-    uint64_t offset;
-    if (form != DW_FORM_strp || krv_fd_is_cb(&str) || !krv_decode_in_memory(&fd, DW_FORM_sec_offset, flags, &offset) ||
-        offset > str.sfd_size)
+    const krv_fd_t &str = fdp->sfd_hp->sh_sec[KRV_SEC_STR];
+    const krv_view_t view = krv_fd_view(fdp);
+    const size_t width = (flags & KRV_FORM_F_DWARF64) != 0 ? 8 : 4;
+    if (form != DW_FORM_strp || krv_fd_is_cb(&str) || view.size < width)
+        return {};
+    uint64_t offset = 0;
+    std::memcpy(&offset, view.bytes, width);
+    if (offset > str.sfd_size)
         return {};
     krv_datum_t datum = string_in_view({str.sfd_u.buf + offset, str.sfd_size - offset});
-    datum.encoded = fd.sfd_offset - fdp->sfd_offset;
+    datum.encoded = width;
     return datum;
 }
 

@@ -102,6 +102,7 @@ static bool read_value(krv_fd_t *fdp, uint32_t flags, krv_form_t form, krv_value
     return krv_decode(fdp, actual, flags, &value->sa_u.su_unsigned) == 0;
 }
 
+// Frees a value that was read by itself.
 static void free_value(krv_value_t *value)
 {
     if (is_string(value->sa_actual) || is_block(value->sa_actual))
@@ -116,7 +117,7 @@ void krv_free_die(krv_die_t *die)
 {
     if (die == nullptr)
         return;
-    for (uint32_t i = 0; i < die->dwdie_abbrev_cache->dwa_nafpairs; ++i)
+    for (uint32_t i = 0; !die->dwdie_whole && i < die->dwdie_abbrev_cache->dwa_nafpairs; ++i)
         free_value(&die->dwdie_attrs[i]);
     krv_free(die);
 }
@@ -159,6 +160,89 @@ static bool read_values(krv_fd_t *fdp, uint32_t flags, krv_die_t *die)
     return true;
 }
 
+// The strings and blocks of an entry, found in memory and not copied yet.
+struct found_data {
+    static constexpr uint32_t MOST = 64;
+    krv_value_t values[MOST]; // one a pair; su_addr of a string or block is set when it is copied
+    struct {
+        const uint8_t *bytes;
+        uint64_t size;
+        uint32_t index; // of its value
+        bool is_block;
+    } data[MOST];
+    uint32_t ndata = 0;
+    uint64_t room = 0; // for all of them
+};
+
+// What a string or block takes behind the record: a block has its cursor in front, and all are aligned for one.
+static uint64_t datum_room(uint64_t size, bool block)
+{
+    const uint64_t room = krv_add_offset(size, (block ? sizeof(krv_fd_t) : 0) + alignof(krv_fd_t) - 1);
+    return room & ~uint64_t{alignof(krv_fd_t) - 1};
+}
+
+// Finds one value in memory and steps over it.
+static bool find_value(krv_fd_t *fdp, uint32_t flags, krv_form_t form, uint32_t index, found_data *found)
+{
+    krv_value_t *value = &found->values[index];
+    value->sa_form = value->sa_actual = form;
+    if (krv_decode_in_memory(fdp, form, flags, &value->sa_u.su_unsigned))
+        return true;
+    if (form == DW_FORM_flag_present) {
+        value->sa_u.su_unsigned = 1;
+        return true;
+    }
+    krv_datum_t datum = krv_string_in_memory(fdp, form, flags);
+    const bool block = datum.bytes == nullptr;
+    if (block)
+        datum = krv_block_in_memory(fdp, form);
+    if (datum.bytes == nullptr)
+        return false;
+    krv_fd_advance(fdp, datum.encoded);
+    found->data[found->ndata++] = {datum.bytes, datum.size, index, block};
+    found->room = krv_add_offset(found->room, datum_room(datum.size, block));
+    return true;
+}
+
+static void copy_data(krv_handle_t *hp, found_data *found, uint8_t *to)
+{
+    for (uint32_t i = 0; i < found->ndata; ++i) {
+        const auto &datum = found->data[i];
+        found->values[datum.index].sa_u.su_addr = to;
+        if (datum.is_block)
+            krv_fd_attach_mem(hp, reinterpret_cast<krv_fd_t *>(to), datum.size,
+                              datum.size == 0 ? nullptr : to + sizeof(krv_fd_t));
+        std::memcpy(to + (datum.is_block ? sizeof(krv_fd_t) : 0), datum.bytes, datum.size);
+        to += datum_room(datum.size, datum.is_block);
+    }
+}
+
+// The common case: all values are in memory, and the record takes one allocation. NULL: not that case, or no memory for
+// it; nothing has changed.
+static krv_die_t *read_whole(krv_handle_t *hp, krv_fd_t *fdp, uint32_t flags, krv_abbrev_t *abbrev)
+{
+    const uint32_t count = abbrev->dwa_nafpairs;
+    if (count > found_data::MOST)
+        return nullptr;
+    found_data found;
+    krv_fd_t fd = *fdp;
+    for (uint32_t i = 0; i < count; ++i)
+        if (!find_value(&fd, flags, abbrev->dwa_afpairs[i].dwafp_form, i, &found))
+            return nullptr;
+    const size_t values_size = (count == 0 ? 1 : count) * sizeof(krv_value_t);
+    const uint64_t size = krv_add_offset(found.room, offsetof(krv_die_t, dwdie_attrs) + values_size);
+    auto *die = size > PTRDIFF_MAX ? nullptr : static_cast<krv_die_t *>(krv_alloc(hp, size));
+    if (die == nullptr)
+        return nullptr;
+    die->dwdie_abbrev_cache = abbrev;
+    die->dwdie_whole = true;
+    copy_data(hp, &found, reinterpret_cast<uint8_t *>(die->dwdie_attrs) + values_size);
+    std::memcpy(die->dwdie_attrs, found.values, count * sizeof(krv_value_t));
+    *fdp = fd;
+    krv_clear_error(hp);
+    return die;
+}
+
 static krv_abbrev_t *find_abbrev(krv_handle_t *hp, krv_au_t *au, uint64_t code)
 {
     krv_abbrev_t *abbrev = nullptr;
@@ -177,6 +261,8 @@ static krv_die_t *read_die(krv_handle_t *hp, krv_fd_t *fdp, krv_ctu_t *cu, krv_a
     krv_abbrev_t *abbrev = find_abbrev(hp, au, code);
     if (abbrev == nullptr)
         return nullptr;
+    if (krv_die_t *whole = read_whole(hp, fdp, form_flags(cu), abbrev))
+        return whole;
     die_owner die(alloc_record(hp, abbrev));
     return die != nullptr && read_values(fdp, form_flags(cu), die.get()) ? die.release() : nullptr;
 }

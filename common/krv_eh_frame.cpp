@@ -143,6 +143,7 @@ static bool enter_record(krv_fd_t *fdp, uint64_t address, uint64_t *lengthp, uin
         krv_note(fdp->sfd_hp, "unable to seek to offset 0x%lx", static_cast<unsigned long>(address));
         return false;
     }
+    krv_fd_read_ahead(fdp, EH_LENGTH_SIZE);
     if (!krv_read_field(fdp, DW_FORM_data4, 0, lengthp, "failed to read Length"))
         return false;
     *full_sizep = *lengthp + EH_LENGTH_SIZE;
@@ -214,8 +215,7 @@ static bool read_cie_augmentation(krv_handle_t *hp, krv_fd_t *fdp, uint64_t eh_f
 static bool read_cie(krv_handle_t *hp, krv_cie_t *ciep, uint64_t eh_frame, uint64_t address)
 {
     ciep->scie_fd = address_space(hp);
-    krv_window_t window;
-    krv_fd_t fd = krv_fd_windowed(&ciep->scie_fd, &window);
+    krv_fd_t fd = krv_fd_windowed(&ciep->scie_fd, &ciep->scie_window);
     if (!enter_record(&fd, address, &ciep->scie_length, &ciep->scie_section_length) ||
         !krv_read_field(&fd, DW_FORM_data4, 0, &ciep->scie_id, "failed to read CIE id"))
         return false;
@@ -287,8 +287,7 @@ static bool read_fde_augmentation(krv_handle_t *hp, krv_fd_t *fdp, uint64_t eh_f
 static bool read_fde(krv_handle_t *hp, krv_fde_t *fdep, uint64_t eh_frame, uint64_t offset)
 {
     const krv_fd_t as = address_space(hp);
-    krv_window_t window;
-    krv_fd_t fd = krv_fd_windowed(&as, &window);
+    krv_fd_t fd = krv_fd_windowed(&as, &fdep->sfde_window);
     if (!enter_record(&fd, eh_frame + offset, &fdep->sfde_length, &fdep->sfde_section_length) ||
         !krv_read_field(&fd, DW_FORM_data4, 0, &fdep->sfde_pointer, "failed to read CIE pointer"))
         return false;

@@ -69,48 +69,26 @@ static bool parse_header(krv_handle_t *hp, krv_eh_frame_reader_data *data, krv_f
     return true;
 }
 
-// A field of the table that the window holds: the same number that read_pointer gives. False: not held, or an encoding
-// that read_pointer refuses.
-static bool held_field(const krv_eh_frame_reader_data *data, const krv_window_t *window, uint64_t address,
-                       uint64_t *datump)
+// A field in memory, widened to 64 bits.
+template <typename T>
+static uint64_t load(const uint8_t *bytes)
 {
-    const uint64_t skip = address - window->sw_offset;
-    const unsigned int width = data->sefh_width;
-    if (skip >= window->sw_size || width > window->sw_size - skip)
-        return false;
-    uint64_t base = 0;
-    switch (data->sefh_te & 0xf0) {
-    case DW_EH_PE_absptr:
-        break;
-    case DW_EH_PE_pcrel:
-        base = address;
-        break;
-    case DW_EH_PE_datarel:
-        base = data->sefh_eh_frame_hdr;
-        break;
-    default:
-        return false;
-    }
-    const bool is_signed = (data->sefh_te & 0x08) != 0;
-    const uint8_t *bytes = window->sw_bytes + skip;
-    uint64_t value = 0;
-    std::memcpy(&value, bytes, width);
-    if (is_signed) {
-        const unsigned int unused = 64 - 8 * width;
-        value = static_cast<uint64_t>(static_cast<int64_t>(value << unused) >> unused);
-    }
-    *datump = base + value;
-    return true;
+    T value;
+    std::memcpy(&value, bytes, sizeof(value));
+    return static_cast<uint64_t>(value);
 }
 
 namespace
 {
 
-// The table while it is searched, through a cursor that reads ahead.
+// The table while it is searched.
 struct table_search {
     const krv_eh_frame_reader_data *data;
-    krv_window_t window;
     krv_fd_t fd;
+    uint64_t held_address = 0; // what was read ahead
+    uint64_t held_size = 0;
+    bool held_to_end = false; // all entries that are still searched
+    uint8_t held[2048];
 
     // Formed modulo 2^64.
     uint64_t field_address(int32_t entry, unsigned int field) const
@@ -118,25 +96,67 @@ struct table_search {
         return data->sefh_table_offset + (2 * static_cast<uint64_t>(entry) + field) * data->sefh_width;
     }
 
-    // A call for two entries, and near the end one for all that are left.
+    // A call for two entries, and near the end one for all that are left. A failure is left to read_field to report.
     void read_ahead(int32_t lo, int32_t mid, int32_t hi)
     {
+        if (held_to_end)
+            return;
         const uint64_t entry_size = uint64_t{2} * data->sefh_width;
         const uint64_t left = static_cast<uint64_t>(int64_t{hi} - lo + 1) * entry_size;
-        const uint64_t first = field_address(lo, 0);
-        if (first - window.sw_offset < window.sw_size && left <= window.sw_size - (first - window.sw_offset))
+        const bool all = left <= sizeof(held);
+        const uint64_t address = field_address(all ? lo : mid, 0);
+        const uint64_t size = all ? left : entry_size + (mid == hi ? 0 : data->sefh_width);
+        held_size = 0;
+        if (!krv_fd_is_cb(&fd) || !krv_extent_fits(fd.sfd_size, address, 0, size) ||
+            fd.sfd_u.cb.func(fd.sfd_u.cb.arg, held, size, address) != static_cast<int64_t>(size))
             return;
-        const bool all = left <= sizeof(window.sw_bytes);
-        fd.sfd_offset = all ? first : field_address(mid, 0);
-        fd.sfd_remaining = fd.sfd_size - fd.sfd_offset;
-        krv_fd_read_ahead(&fd, all ? left : entry_size + (mid == hi ? 0 : data->sefh_width));
+        held_address = address;
+        held_size = size;
+        held_to_end = all;
+    }
+
+    // A field that was read ahead: the same number that read_pointer gives. False: not held, or an encoding that
+    // read_pointer refuses.
+    bool held_field(uint64_t address, uint64_t *datump) const
+    {
+        const uint64_t skip = address - held_address;
+        if (skip >= held_size || data->sefh_width > held_size - skip)
+            return false;
+        const uint8_t *bytes = held + skip;
+        const bool is_signed = (data->sefh_te & 0x08) != 0;
+        uint64_t value;
+        switch (data->sefh_width) {
+        case 2:
+            value = is_signed ? load<int16_t>(bytes) : load<uint16_t>(bytes);
+            break;
+        case 4:
+            value = is_signed ? load<int32_t>(bytes) : load<uint32_t>(bytes);
+            break;
+        default:
+            value = load<uint64_t>(bytes);
+            break;
+        }
+        switch (data->sefh_te & 0xf0) {
+        case DW_EH_PE_absptr:
+            break;
+        case DW_EH_PE_pcrel:
+            value += address;
+            break;
+        case DW_EH_PE_datarel:
+            value += data->sefh_eh_frame_hdr;
+            break;
+        default:
+            return false;
+        }
+        *datump = value;
+        return true;
     }
 
     // Field 0 (initial_location) or 1 (fde_address) of an entry.
     bool read_field(int32_t entry, unsigned int field, uint64_t *datump, const char *message)
     {
         const uint64_t address = field_address(entry, field);
-        if (held_field(data, &window, address, datump)) {
+        if (held_field(address, datump)) {
             krv_clear_error(fd.sfd_hp);
             return true;
         }
@@ -157,7 +177,7 @@ static found search_table(const krv_eh_frame_reader_data *data, const krv_fd_t *
 {
     table_search table;
     table.data = data;
-    table.fd = krv_fd_windowed(fdp, &table.window);
+    table.fd = *fdp;
     int32_t lo = 0, hi = static_cast<int32_t>(data->sefh_fde_count - 1);
     while (lo <= hi) {
         const int32_t mid = lo + (hi - lo) / 2;

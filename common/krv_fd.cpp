@@ -109,8 +109,6 @@ int64_t krv_window_read(void *arg, void *buf, size_t count, uint64_t offset)
 krv_fd_t krv_fd_windowed(const krv_fd_t *fdp, krv_window_t *window)
 {
     krv_fd_t fd = *fdp;
-    window->sw_offset = 0;
-    window->sw_size = 0;
     if (!krv_fd_is_cb(fdp))
         return fd;
     window->sw_func = fdp->sfd_u.cb.func;
@@ -128,9 +126,11 @@ void krv_fd_read_ahead(krv_fd_t *fdp, uint64_t size)
     const uint64_t room = sizeof(window->sw_bytes);
     const uint64_t wanted = size < fdp->sfd_remaining ? size : fdp->sfd_remaining;
     const size_t count = static_cast<size_t>(wanted < room ? wanted : room);
+    const uint64_t skip = fdp->sfd_offset - window->sw_offset;
+    if (skip <= window->sw_size && count <= window->sw_size - skip)
+        return;
     window->sw_size = 0;
-    if (count == 0 ||
-        window->sw_func(window->sw_arg, window->sw_bytes, count, fdp->sfd_offset) != static_cast<int64_t>(count))
+    if (window->sw_func(window->sw_arg, window->sw_bytes, count, fdp->sfd_offset) != static_cast<int64_t>(count))
         return;
     window->sw_offset = fdp->sfd_offset;
     window->sw_size = count;

@@ -50,17 +50,18 @@ inline int krv_fd_seek(krv_fd_t *fdp, uint64_t offset)
 struct krv_window_t {
     krv_fd_cb_f *sw_func; // the call-back behind it
     void *sw_arg;
-    uint64_t sw_offset; // of the first byte that is held
-    uint64_t sw_size;   // bytes held
+    uint64_t sw_offset = 0; // of the first byte that is held
+    uint64_t sw_size = 0;   // bytes held
     uint8_t sw_bytes[256];
 };
 krv_fd_cb_f krv_window_read; // its argument is the window
 
-// A copy of a call-back cursor that reads through a window, which must outlive it. The window holds nothing yet. A
-// memory cursor is only copied.
+// A copy of a call-back cursor that reads through a window, which must outlive it. What the window holds already must
+// have come through the same call-back. A memory cursor is only copied.
 krv_fd_t krv_fd_windowed(const krv_fd_t *fdp, krv_window_t *window);
 
-// Fills the window with the bytes at the position of such a cursor: `size` of them, or as many as remain and fit.
+// Sees to it that the window holds the bytes at the position of such a cursor: `size` of them, or as many as remain and
+// fit.
 void krv_fd_read_ahead(krv_fd_t *fdp, uint64_t size);
 
 // The bytes at the position that are in memory already: of a memory cursor all that remain, of a windowed one those

@@ -21,8 +21,6 @@ struct cfa_desc {
 };
 
 // Instructions that carry an operand in the low six bits have their rows behind those of the plain opcodes.
-constexpr uint8_t CFA_PACKED = 0xc0;  // a bit of these is set in their opcodes
-constexpr uint8_t CFA_OPERAND = 0x3f; // the operand
 constexpr uint8_t CFA_LAST_PLAIN = DW_CFA_VESK_arg_loc;
 constexpr size_t CFA_ROWS = CFA_LAST_PLAIN + 4;
 
@@ -338,46 +336,23 @@ krv_fde_t *krv_get_fde_by_address(krv_handle_t *hp, uint64_t address)
     return nullptr;
 }
 
-// How many operand bytes follow an opcode whose operands are ULEB128 numbers, when each is one byte; OTHER for an
-// opcode with other operands, or none of the table.
-static constexpr uint8_t OTHER = 0xff;
+// How many operand bytes follow an opcode, when its operands are ULEB128 numbers of one byte each.
 static consteval std::array<uint8_t, 256> make_short_operands()
 {
     std::array<uint8_t, 256> t{};
     for (size_t opcode = 0; opcode < t.size(); ++opcode) {
-        if (opcode > CFA_LAST_PLAIN && (opcode & CFA_PACKED) == 0) {
-            t[opcode] = OTHER;
+        if (opcode > CFA_LAST_PLAIN && (opcode & KRV_CFA_PACKED) == 0) {
+            t[opcode] = KRV_CFA_OTHER;
             continue;
         }
         for (const krv_form_t form : opdesc[cfa_row(static_cast<uint8_t>(opcode))].form)
             if (form != 0)
-                t[opcode] = form == DW_FORM_udata && t[opcode] != OTHER ? static_cast<uint8_t>(t[opcode] + 1) : OTHER;
+                t[opcode] = form == DW_FORM_udata && t[opcode] != KRV_CFA_OTHER ? static_cast<uint8_t>(t[opcode] + 1)
+                                                                                : KRV_CFA_OTHER;
     }
     return t;
 }
-static constexpr auto short_operands = make_short_operands();
-
-// Nearly every instruction is so short that it can be decoded at a glance. False: not this one.
-static bool decode_short(krv_fd_t *fdp, krv_operation_t *op)
-{
-    const krv_view_t view = krv_fd_view(fdp);
-    if (view.size == 0)
-        return false;
-    const uint8_t opcode = view.bytes[0];
-    const unsigned int count = short_operands[opcode];
-    if (count == OTHER || count >= view.size)
-        return false;
-    const uint64_t first = count > 0 ? view.bytes[1] : 0, second = count > 1 ? view.bytes[2] : 0;
-    if (first > 0x7f || second > 0x7f)
-        return false;
-    const bool packed = (opcode & CFA_PACKED) != 0;
-    op->opcode = packed ? opcode & CFA_PACKED : opcode;
-    op->operand[0].sa_u.su_unsigned = packed ? opcode & CFA_OPERAND : first;
-    op->operand[1].sa_u.su_unsigned = packed ? first : second;
-    krv_clear_error(fdp->sfd_hp);
-    krv_fd_advance(fdp, 1 + count);
-    return true;
-}
+constexpr std::array<uint8_t, 256> krv_cfa_short_operands = make_short_operands();
 
 int krv_frame_get_next_op(krv_handle_t *hp, krv_fd_t *fdp, krv_operation_t *op, const krv_augmentation_t *augp,
                           void *arg)
@@ -386,12 +361,12 @@ int krv_frame_get_next_op(krv_handle_t *hp, krv_fd_t *fdp, krv_operation_t *op, 
     KRV_ASSERT(fdp != NULL);
     KRV_ASSERT(op != NULL);
     KRV_ASSERT(augp != NULL);
-    return decode_short(fdp, op) ? 0 : augp->sa_ops->sao_gno(hp, fdp, op, arg);
+    return krv_frame_decode_short(fdp, op) ? 0 : augp->sa_ops->sao_gno(hp, fdp, op, arg);
 }
 
 static int get_cfa_forms(krv_handle_t *hp, uint8_t opcode, krv_form_t formsp[2])
 {
-    if (opcode > CFA_LAST_PLAIN && (opcode & CFA_PACKED) == 0)
+    if (opcode > CFA_LAST_PLAIN && (opcode & KRV_CFA_PACKED) == 0)
         return krv_fail(hp, KRV_ERR_UNSUPPORTED, "unknown instruction 0x%hhx", opcode);
     const cfa_desc *desc = &opdesc[cfa_row(opcode)];
     formsp[0] = desc->form[0];
@@ -412,9 +387,9 @@ int krv_frame_read_opcode(krv_handle_t *hp, krv_fd_t *fdp, krv_operation_t *op, 
     if (!krv_read_field(fdp, DW_FORM_data1, 0, &op->opcode, "unable to decode instruction") ||
         get_cfa_forms(hp, op->opcode, formsp) != 0)
         return -1;
-    if ((op->opcode & CFA_PACKED) != 0) {
-        op->operand[0].sa_u.su_unsigned = op->opcode & CFA_OPERAND;
-        op->opcode &= CFA_PACKED;
+    if ((op->opcode & KRV_CFA_PACKED) != 0) {
+        op->operand[0].sa_u.su_unsigned = op->opcode & KRV_CFA_OPERAND;
+        op->opcode &= KRV_CFA_PACKED;
     }
     return 0;
 }

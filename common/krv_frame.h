@@ -6,8 +6,11 @@
 #ifndef KRV_FRAME_H
 #define KRV_FRAME_H
 
+#include "krv_error.h"
+#include "krv_fd.h"
 #include "krv_types.h"
 
+#include <array>
 #include <memory>
 
 // Decodes one call-frame instruction; arg is the augmentation data of its CIE.
@@ -46,6 +49,7 @@ struct krv_cie_t {
     krv_augtype_t scie_augmentation_type;                 //
     void *scie_augmentation_data;                         // the reader's own, or NULL
     const krv_augmentation_t *scie_augmentation;          // decodes instructions, those of its FDEs too
+    krv_window_t scie_window; // over scie_fd: the record's bytes, as many as were read ahead
 };
 
 // A frame description entry. Free with krv_fde_free.
@@ -60,6 +64,7 @@ struct krv_fde_t {
     krv_cie_t *sfde_cie;            // owned
     void *sfde_augmentation_data;   // the reader's own, or NULL
     uint64_t sfde_section_length;   // bytes to the next record
+    krv_window_t sfde_window;       // as its CIE's
 };
 
 // One FDE in the linear address table.
@@ -140,6 +145,34 @@ int krv_fde_compar(const void *a, const void *b);
 // are 0. -1 with code and messages; the cursor then stands where decoding stopped.
 int krv_frame_get_next_op(krv_handle_t *hp, krv_fd_t *fdp, krv_operation_t *op, const krv_augmentation_t *augp,
                           void *arg);
+
+// Nearly every instruction is so short that it can be decoded at a glance, with the outcome of krv_frame_get_next_op.
+// False: not this one, and nothing has changed.
+constexpr uint8_t KRV_CFA_PACKED = 0xc0;                      // a bit of these is set in opcodes that carry an operand
+constexpr uint8_t KRV_CFA_OPERAND = 0x3f;                     // the operand
+constexpr uint8_t KRV_CFA_OTHER = 0xff;                       // in the table: other operands, or no opcode
+extern const std::array<uint8_t, 256> krv_cfa_short_operands; // operand bytes by opcode
+
+inline bool krv_frame_decode_short(krv_fd_t *fdp, krv_operation_t *op)
+{
+    const krv_view_t view = krv_fd_view(fdp);
+    if (view.size == 0)
+        return false;
+    const uint8_t opcode = view.bytes[0];
+    const unsigned int count = krv_cfa_short_operands[opcode];
+    if (count == KRV_CFA_OTHER || count >= view.size)
+        return false;
+    const uint64_t first = count > 0 ? view.bytes[1] : 0, second = count > 1 ? view.bytes[2] : 0;
+    if (first > 0x7f || second > 0x7f)
+        return false;
+    const bool packed = (opcode & KRV_CFA_PACKED) != 0;
+    op->opcode = packed ? opcode & KRV_CFA_PACKED : opcode;
+    op->operand[0].sa_u.su_unsigned = packed ? opcode & KRV_CFA_OPERAND : first;
+    op->operand[1].sa_u.su_unsigned = packed ? first : second;
+    krv_clear_error(fdp->sfd_hp);
+    krv_fd_advance(fdp, 1 + count);
+    return true;
+}
 
 // The forms of an instruction's two operands, 0 for none. -1 with KRV_ERR_UNSUPPORTED and a message for an opcode that
 // is not in the table.

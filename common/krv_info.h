@@ -40,6 +40,7 @@ struct krv_die {
     krv_offset_t dwdie_cu_offset;      // from the unit's first byte
     krv_offset_t dwdie_section_offset; // from the section's
     krv_abbrev_t *dwdie_abbrev_cache;
+    bool dwdie_whole;           // strings and blocks stand behind the values, in the record's own allocation
     size_t dwdie_bufsize;       // encoded size: code and values, not the children
     krv_value_t dwdie_attrs[1]; // one a pair of the abbreviation
 };

@@ -15,6 +15,8 @@
 #include <cstdlib>
 #include <numeric>
 
+constexpr unsigned int FIRST_ROWS = 32; // capacity of a table's rows, which doubles
+
 namespace
 {
 
@@ -114,7 +116,7 @@ int krv_line_push_entry(krv_handle_t *hp, krv_lnph_t *lnphp, krv_lnp_t *lnpp, kr
     KRV_ASSERT(lnphp != NULL);
     KRV_ASSERT(lnpp != NULL);
     KRV_ASSERT(rp != NULL);
-    if (!krv_table_grow(hp, &lnpp->slnp_lnsp, &lnpp->slnp_lnsp_size, lnpp->slnp_lnsp_entries, 1U))
+    if (!krv_table_grow(hp, &lnpp->slnp_lnsp, &lnpp->slnp_lnsp_size, lnpp->slnp_lnsp_entries, FIRST_ROWS))
         return -1;
     krv_lns_t *row = &lnpp->slnp_lnsp[lnpp->slnp_lnsp_entries];
     *row = *rp;
@@ -552,7 +554,7 @@ static int op_failed(line_machine *m, const line_op *op)
 }
 
 // Executes the opcodes that make up most of a program, as long as one follows the other: special opcodes, the commonest
-// standard ones with at most one byte of operand, and short discriminators. Only when nobody watches, within a sequence,
+// standard ones with at most two bytes of operand, and short discriminators. Only when nobody watches, within a sequence,
 // while the row table has room, and with one operation an instruction: nothing can fail then. What it stops at is for
 // decode_op and apply_op.
 static void execute_short(line_machine *m)
@@ -570,11 +572,13 @@ static void execute_short(line_machine *m)
     uint64_t done = 0;
     while (view.size - done > 4) { // one opcode at least is left
         const uint8_t *at = view.bytes + done;
-        const unsigned int opcode = at[0], operand = at[1];
+        const unsigned int opcode = at[0];
         const bool emits = opcode >= lnphp->sln_opcode_base || opcode == DW_LNS_copy;
         const bool has_operand = opcode >= DW_LNS_advance_pc && opcode <= DW_LNS_set_column;
-        if (emits ? lnpp->slnp_lnsp_entries == lnpp->slnp_lnsp_size : has_operand && operand > 0x7f)
+        const bool is_long = at[1] > 0x7f; // two bytes of operand
+        if (emits ? lnpp->slnp_lnsp_entries == lnpp->slnp_lnsp_size : has_operand && is_long && at[2] > 0x7f)
             break;
+        const unsigned int operand = is_long ? (at[1] & 0x7fU) | unsigned{at[2]} << 7 : at[1];
         if (emits) {
             if (opcode != DW_LNS_copy) {
                 const unsigned int adjusted = opcode - lnphp->sln_opcode_base;
@@ -590,7 +594,8 @@ static void execute_short(line_machine *m)
             if (opcode == DW_LNS_advance_pc) {
                 advance_operation(m, operand);
             } else if (opcode == DW_LNS_advance_line) {
-                regs->slns_line += (operand ^ 0x40U) - 0x40U; // a signed number of seven bits
+                const unsigned int sign = is_long ? 0x2000 : 0x40;
+                regs->slns_line += (operand ^ sign) - sign;
             } else if (opcode == DW_LNS_set_column) {
                 regs->slns_column = static_cast<unsigned short>(operand);
             } else if (operand <= nfiles) { // DW_LNS_set_file
@@ -599,11 +604,17 @@ static void execute_short(line_machine *m)
             } else {
                 break; // reported there
             }
-            done += 2;
+            done += is_long ? 3 : 2;
         } else if (opcode == DW_LNS_negate_stmt) {
             regs->slns_flags ^= KRV_LNS_FLAG_IS;
             done += 1;
-        } else if (opcode == 0 && operand == 2 && at[2] == DW_LNE_set_discriminator && at[3] <= 0x7f) {
+        } else if (opcode == DW_LNS_set_prologue_end) {
+            regs->slns_flags |= KRV_LNS_FLAG_PE;
+            done += 1;
+        } else if (opcode == DW_LNS_const_add_pc) {
+            advance_operation(m, (255U - lnphp->sln_opcode_base) / lnphp->sln_line_range);
+            done += 1;
+        } else if (opcode == 0 && at[1] == 2 && at[2] == DW_LNE_set_discriminator && at[3] <= 0x7f) {
             regs->slns_discriminator = at[3];
             done += 4;
         } else {

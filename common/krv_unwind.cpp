@@ -42,10 +42,9 @@ static int place_cursor(krv_fd_t *fdp, uint64_t offset, uint64_t size)
     return krv_fd_seek(fdp, offset) == 0 && korva_fd_truncate(fdp, size) == 0 ? 0 : -1;
 }
 
-static int generate_cie_rules(krv_handle_t *hp, krv_activation_t *ap, const krv_cie_t *cie)
+static int generate_cie_rules(krv_handle_t *hp, krv_activation_t *ap, krv_cie_t *cie)
 {
-    krv_window_t window;
-    krv_fd_t fd = krv_fd_windowed(&cie->scie_fd, &window);
+    krv_fd_t fd = krv_fd_windowed(&cie->scie_fd, &cie->scie_window);
     if (ap->sa_args.sa_argc != 0) // all is zero otherwise
         ap->sa_args = {};
     std::memcpy(ap->sa_initial, ap->sa_default, ap->sa_n_registers * sizeof(krv_cfarule_t));
@@ -57,11 +56,10 @@ static int generate_cie_rules(krv_handle_t *hp, krv_activation_t *ap, const krv_
         ap->sa_n_registers, nullptr, ap->sa_initial, &ap->sa_args, cie->scie_augmentation, cie->scie_augmentation_data);
 }
 
-static int generate_fde_rules(krv_handle_t *hp, krv_activation_t *ap, const krv_fde_t *fde, uint64_t pc)
+static int generate_fde_rules(krv_handle_t *hp, krv_activation_t *ap, krv_fde_t *fde, uint64_t pc)
 {
     const krv_cie_t *cie = fde->sfde_cie;
-    krv_window_t window;
-    krv_fd_t fd = krv_fd_windowed(&cie->scie_fd, &window);
+    krv_fd_t fd = krv_fd_windowed(&cie->scie_fd, &fde->sfde_window);
     std::memcpy(ap->sa_current, ap->sa_initial, ap->sa_n_registers * sizeof(krv_cfarule_t));
     if (place_cursor(&fd, fde->sfde_cfi_offset, fde->sfde_cfi_size) != 0)
         return -1;
@@ -84,7 +82,7 @@ int krv_generate_rules(krv_handle_t *hp, krv_activation_t *ap, uint64_t pc, uint
     if (pc < fde->sfde_target_address || pc - fde->sfde_target_address >= fde->sfde_address_range)
         return krv_fail(hp, KRV_ERR_NOTFOUND, "unable to get FDE for PC 0x%lx", static_cast<unsigned long>(pc));
 
-    const krv_cie_t *cie = fde->sfde_cie;
+    krv_cie_t *cie = fde->sfde_cie;
     ap->sa_cie_fd = cie->scie_fd;
     *columnp = cie->scie_return_address_register;
     if (generate_cie_rules(hp, ap, cie) != 0)
@@ -229,14 +227,18 @@ static int apply_rule(evaluation *ev, unsigned int reg)
 static int apply_rules(evaluation *ev)
 {
     krv_regset_t *caller = ev->ap->sa_caller_registers;
-    for (unsigned int slot = 0; slot < ev->ap->sa_n_registers; ++slot)
-        caller->srs_metadata[slot].sr_flags &= ~KRV_REG_FLAG_PRESENT;
+    krv_register_t *slots = caller->srs_metadata;
+    const unsigned int count = ev->ap->sa_n_registers, end = krv_dwarf_slots(ev->ap);
+    for (unsigned int slot = 0; slot < count; ++slot)
+        slots[slot].sr_flags &= ~KRV_REG_FLAG_PRESENT;
     caller->srs_data = {}; // values of an earlier frame must not show through
     const krv_cfarule_t *rules = ev->ap->sa_current;
-    for (unsigned int reg = 0; reg < krv_dwarf_slots(ev->ap); ++reg)
-        if (rules[reg].desc != KRV_CFA_RULE_UNDEFINED &&
-            (caller->srs_metadata[reg].sr_flags & KRV_REG_FLAG_VALID) != 0 && apply_rule(ev, reg) != 0)
+    for (unsigned int reg = 0; reg < end; ++reg) {
+        if (rules[reg].desc == KRV_CFA_RULE_UNDEFINED)
+            continue;
+        if ((slots[reg].sr_flags & KRV_REG_FLAG_VALID) != 0 && apply_rule(ev, reg) != 0)
             return -1;
+    }
     return 0;
 }
 
