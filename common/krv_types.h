@@ -15,6 +15,7 @@ struct krv_reader;
 constexpr unsigned KRV_MAX_ERRORS = 16;      // message slots of a handle
 constexpr unsigned KRV_MAX_ERROR_SIZE = 256; // bytes of each, the terminating NUL included
 constexpr unsigned KRV_STRING_BUFSZ = 1024;  // longest name or path the readers take, the terminating NUL included
+constexpr uint64_t KRV_KEPT_SLACK = 1 << 20; // of what an input may have kept beyond its own size
 constexpr uint32_t KRV_INIT_ARANGES = 0x1;   // sh_init_flags: .debug_aranges has been applied to the units
 
 // A compilation-unit, address-range or line-number length: 0xffffffff announces the 64-bit format, the other values
@@ -53,7 +54,8 @@ struct krv_handle {
     krv_addr_index *sh_addr_known;    // units by address, of those whose ranges need no scan, likewise
     krv_addr_index *sh_addr_all;      // units by address, all of them, likewise
     uint32_t sh_scanned_units;        // units whose ranges a scan has found
-    krv_rwlock_t sh_error_lock;       // texts of the messages while they are stored; the last lock to be taken
+    krv_relaxed<uint64_t> sh_abbrev_bytes; // of .debug_abbrev in the tables of sh_auphash
+    krv_rwlock_t sh_error_lock;            // texts of the messages while they are stored; the last lock to be taken
 };
 
 // Preconditions, checked in every build: prints condition, file, line and function, and aborts. The text is visible
