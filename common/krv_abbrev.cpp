@@ -316,6 +316,22 @@ static krv_hash_t *get_auphash(krv_handle_t *hp)
     return fresh == nullptr ? nullptr : krv_publish(&hp->sh_auphash, fresh, krv_hash_destroy);
 }
 
+// Tables of a sound section do not overlap. Of one where every unit names another tail of the same table, as many are
+// kept as would fill it some times over. The section's cursor stands behind the table.
+static bool may_keep(krv_handle_t *hp, krv_offset_t offset)
+{
+    constexpr uint64_t MOST_READINGS = 4; // of a byte, on the average
+    const krv_fd_t *fdp = &hp->sh_sec[KRV_SEC_ABBREV];
+    const uint64_t kept = hp->sh_abbrev_bytes + (fdp->sfd_offset - offset);
+    if (kept / MOST_READINGS > fdp->sfd_size + KRV_KEPT_SLACK) {
+        krv_fail(hp, KRV_ERR_CORRUPT, "abbreviation table at offset %lu overlaps too many others",
+                 static_cast<unsigned long>(offset));
+        return false;
+    }
+    hp->sh_abbrev_bytes = kept;
+    return true;
+}
+
 krv_au_t *krv_get_au_by_offset(krv_handle_t *hp, krv_offset_t offset)
 {
     KRV_ASSERT(hp != NULL);
@@ -328,6 +344,10 @@ krv_au_t *krv_get_au_by_offset(krv_handle_t *hp, krv_offset_t offset)
     krv_au_t *fresh = krv_abbrev_unit_alloc(hp, offset);
     if (fresh == nullptr)
         return nullptr;
+    if (!may_keep(hp, offset)) {
+        krv_abbrev_unit_free(fresh);
+        return nullptr;
+    }
     auto *stored = static_cast<krv_au_t *>(krv_hash_insert(hp, hash, &key, fresh));
     if (stored != fresh)
         krv_abbrev_unit_free(fresh);

@@ -39,7 +39,7 @@ static bool read_pointer(const krv_eh_frame_reader_data *data, krv_fd_t *fdp, ui
     return false;
 }
 
-// Each field is stored once and with the value that any other thread reads too; the status, last, says they are valid.
+// Fills what only the header tells.
 static bool parse_header(krv_handle_t *hp, krv_eh_frame_reader_data *data, krv_fd_t *fdp)
 {
     const krv_opt_t *hdr = &hp->sh_opts[KRV_OPT_EH_FRAME_HDR_ADDR];
@@ -65,6 +65,27 @@ static bool parse_header(krv_handle_t *hp, krv_eh_frame_reader_data *data, krv_f
         krv_note(hp, "unsupported table entry encoding");
         return false;
     }
+    return true;
+}
+
+// The first thread's header stays; any other thread has read the same.
+static bool load_header(krv_handle_t *hp, krv_eh_frame_reader_data *data, krv_fd_t *fdp)
+{
+    krv_eh_frame_reader_data fresh = {};
+    if (!parse_header(hp, &fresh, fdp))
+        return false;
+    const krv_write_guard guard(&hp->sh_rwlock);
+    if (krv_load(&data->sefh_status) != KRV_EFH_UNINITIALISED)
+        return true;
+    data->sefh_eh_frame_hdr = fresh.sefh_eh_frame_hdr;
+    data->sefh_version = fresh.sefh_version;
+    data->sefh_fpe = fresh.sefh_fpe;
+    data->sefh_fdece = fresh.sefh_fdece;
+    data->sefh_te = fresh.sefh_te;
+    data->sefh_fp = fresh.sefh_fp;
+    data->sefh_fde_count = fresh.sefh_fde_count;
+    data->sefh_table_offset = fresh.sefh_table_offset;
+    data->sefh_width = fresh.sefh_width;
     krv_store(&data->sefh_status, krv_eh_status_t{KRV_EFH_INITIALISED});
     return true;
 }
@@ -218,7 +239,7 @@ int krv_eh_frame_gfoba(krv_handle_t *hp, krv_reader_t *reader, uint64_t address,
         return krv_fail_code(hp, KRV_ERR_UNSUPPORTED);
     krv_fd_t fd = hp->sh_as;
     fd.sfd_hp = hp; // which it has not while no address space is attached
-    if (status == KRV_EFH_UNINITIALISED && !parse_header(hp, data, &fd))
+    if (status == KRV_EFH_UNINITIALISED && !load_header(hp, data, &fd))
         return abandon_table(hp, data);
     uint64_t start = 0, fde_address = 0, next = 0;
     switch (search_table(data, &fd, address, &start, &fde_address, &next)) {

@@ -4,6 +4,7 @@
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 
 void krv_assert_fail(const char *cond, const char *file, int line, const char *func)
 {
@@ -13,18 +14,26 @@ void krv_assert_fail(const char *cond, const char *file, int line, const char *f
 
 [[gnu::format(printf, 2, 0)]] static void push(krv_handle_t *hp, const char *format, va_list ap)
 {
-    const uint32_t slot = hp->sh_nerrors;
+    char message[KRV_MAX_ERROR_SIZE];
+    uint32_t slot = hp->sh_nerrors;
     if (slot >= KRV_MAX_ERRORS)
         return;
-    std::vsnprintf(hp->sh_errors[slot], KRV_MAX_ERROR_SIZE, format, ap);
-    hp->sh_nerrors = slot + 1;
+    std::vsnprintf(message, sizeof(message), format, ap);
+    {
+        const krv_write_guard guard(&hp->sh_error_lock);
+        slot = hp->sh_nerrors;
+        if (slot >= KRV_MAX_ERRORS)
+            return;
+        std::strcpy(hp->sh_errors[slot], message);
+        hp->sh_nerrors = slot + 1;
+    }
 
     const krv_opt_t *func = &hp->sh_opts[KRV_OPT_DEBUG_FUNC];
     if (func->sopt_set != B_TRUE || func->sopt_u.o_addr == nullptr)
         return;
     const krv_opt_t *arg = &hp->sh_opts[KRV_OPT_DEBUG_FUNC_ARG];
     auto *debug = reinterpret_cast<krv_debug_f *>(func->sopt_u.o_addr);
-    debug(slot + 1, hp->sh_errors[slot], arg->sopt_set == B_TRUE ? arg->sopt_u.o_addr : nullptr);
+    debug(slot + 1, message, arg->sopt_set == B_TRUE ? arg->sopt_u.o_addr : nullptr);
 }
 
 void krv_push_error(krv_handle_t *hp, const char *format, ...)

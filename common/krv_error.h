@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// The handle's error state: a code and a short stack of messages, cause first.
+// The handle's error state: a code and a short stack of messages, cause first. Threads that share a handle mix their
+// codes and messages, but each of these is whole.
 #ifndef KRV_ERROR_H
 #define KRV_ERROR_H
 

@@ -20,6 +20,7 @@ struct table_builder {
     krv_ctu_t **units = nullptr;
     uint32_t size = 0, entries = 0;
     krv_hash_t *hash = nullptr;
+    uint64_t attributes = 0; // of the units' first entries, which are kept
 
     explicit table_builder(krv_handle_t *handle) : hp(handle) {}
     ~table_builder()
@@ -42,6 +43,13 @@ static bool read_units(table_builder *t)
 {
     uint64_t offset = 0;
     while (krv_ctu_t *cu = krv_cu_alloc(t->hp, KRV_SEC_INFO, offset)) {
+        t->attributes += cu->dcu_compile_unit->dwdie_abbrev_cache->dwa_nafpairs;
+        if (t->attributes > t->hp->sh_sec[KRV_SEC_INFO].sfd_size + KRV_KEPT_SLACK) {
+            krv_cu_free(cu); // attributes without bytes (DW_FORM_flag_present) by the million
+            krv_fail(t->hp, KRV_ERR_CORRUPT, "too many attributes in the units up to offset %lu",
+                     static_cast<unsigned long>(offset));
+            break;
+        }
         if (!krv_table_grow(t->hp, &t->units, &t->size, t->entries, 1U)) {
             krv_cu_free(cu);
             krv_note(t->hp, "unable to resize CU table");

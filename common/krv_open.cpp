@@ -141,6 +141,7 @@ krv_handle_t *korva_handle_alloc(krv_activation_type_t type)
     }
     hp->sh_target = type;
     krv_rwlock_init(&hp->sh_rwlock);
+    krv_rwlock_init(&hp->sh_error_lock);
     hp->sh_refcnt = 1;
     return hp;
 }
@@ -153,6 +154,7 @@ void korva_handle_free(krv_handle_t *hp)
     krv_addr_index_destroy(hp);
     krv_lookup_destroy_cu_caches(hp);
     krv_abbrev_destroy_caches(hp);
+    krv_rwlock_destroy(&hp->sh_error_lock);
     krv_rwlock_destroy(&hp->sh_rwlock);
     free_handle_memory(hp);
 }

@@ -45,6 +45,22 @@ private:
     krv_rwlock_t *lockp;
 };
 
+// A number that threads may load and store at any time without tearing it. A plain move; nothing is ordered by it.
+template <typename T>
+class krv_relaxed
+{
+public:
+    krv_relaxed &operator=(T fresh)
+    {
+        __atomic_store_n(&value, fresh, __ATOMIC_RELAXED);
+        return *this;
+    }
+    operator T() const { return __atomic_load_n(&value, __ATOMIC_RELAXED); }
+
+private:
+    T value;
+};
+
 template <typename T>
 T krv_load(T *slot)
 {

@@ -15,6 +15,7 @@ struct krv_reader;
 constexpr unsigned KRV_MAX_ERRORS = 16;      // message slots of a handle
 constexpr unsigned KRV_MAX_ERROR_SIZE = 256; // bytes of each, the terminating NUL included
 constexpr unsigned KRV_STRING_BUFSZ = 1024;  // longest name or path the readers take, the terminating NUL included
+constexpr uint64_t KRV_KEPT_SLACK = 1 << 20; // of what an input may have kept beyond its own size
 constexpr uint32_t KRV_INIT_ARANGES = 0x1;   // sh_init_flags: .debug_aranges has been applied to the units
 
 // A compilation-unit, address-range or line-number length: 0xffffffff announces the 64-bit format, the other values
@@ -35,24 +36,26 @@ struct krv_opt_t {
 
 struct krv_handle {
     krv_refcnt_t sh_refcnt;
-    krv_rwlock_t sh_rwlock;          // unit table and .debug_aranges; always taken before a hash table's lock
-    krv_ctu_t **sh_cu_table;         // every unit of .debug_info in section order; published last
-    uint32_t sh_cu_table_entries;    //
-    krv_hash *sh_cu_offset_hash;     // the same units by start offset
-    uint32_t sh_init_flags;          // KRV_INIT_*
-    krv_activation_type_t sh_target; //
-    uint32_t sh_target_size;         // bytes of a target address
-    char *sh_errors[KRV_MAX_ERRORS]; //
-    uint32_t sh_nerrors;             // messages stored since the last clear
-    krv_fd_t sh_sec[KRV_MAX_SEC];    // one cursor a section; size 0 when not attached
-    krv_fd_t sh_as;                  // the target's memory; offsets are target addresses
-    int32_t sh_errno;                // KRV_ERR_*
-    krv_opt_t sh_opts[KRV_MAX_OPT];  //
-    void *sh_frame_reader;           // krv_reader *, built on first use, published by compare-and-swap
-    krv_hash *sh_auphash;            // abbreviation tables by .debug_abbrev offset, likewise
-    krv_addr_index *sh_addr_known;   // units by address, of those whose ranges need no scan, likewise
-    krv_addr_index *sh_addr_all;     // units by address, all of them, likewise
-    uint32_t sh_scanned_units;       // units whose ranges a scan has found
+    krv_rwlock_t sh_rwlock;           // unit table, .debug_aranges, .eh_frame_hdr; taken before a hash table's lock
+    krv_ctu_t **sh_cu_table;          // every unit of .debug_info in section order; published last
+    uint32_t sh_cu_table_entries;     //
+    krv_hash *sh_cu_offset_hash;      // the same units by start offset
+    uint32_t sh_init_flags;           // KRV_INIT_*
+    krv_activation_type_t sh_target;  //
+    uint32_t sh_target_size;          // bytes of a target address
+    char *sh_errors[KRV_MAX_ERRORS];  //
+    krv_relaxed<uint32_t> sh_nerrors; // messages stored since the last clear
+    krv_fd_t sh_sec[KRV_MAX_SEC];     // one cursor a section; size 0 when not attached
+    krv_fd_t sh_as;                   // the target's memory; offsets are target addresses
+    krv_relaxed<int32_t> sh_errno;    // KRV_ERR_*
+    krv_opt_t sh_opts[KRV_MAX_OPT];   //
+    void *sh_frame_reader;            // krv_reader *, built on first use, published by compare-and-swap
+    krv_hash *sh_auphash;             // abbreviation tables by .debug_abbrev offset, likewise
+    krv_addr_index *sh_addr_known;    // units by address, of those whose ranges need no scan, likewise
+    krv_addr_index *sh_addr_all;      // units by address, all of them, likewise
+    uint32_t sh_scanned_units;        // units whose ranges a scan has found
+    krv_relaxed<uint64_t> sh_abbrev_bytes; // of .debug_abbrev in the tables of sh_auphash
+    krv_rwlock_t sh_error_lock;            // texts of the messages while they are stored; the last lock to be taken
 };
 
 // Preconditions, checked in every build: prints condition, file, line and function, and aborts. The text is visible

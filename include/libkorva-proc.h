@@ -140,7 +140,7 @@ typedef struct krv_proc_module {
 /** Visitor of korva_proc_iter_modules. */
 typedef int krv_proc_module_f(krv_proc_t *proc, const krv_proc_module_t *module, void *arg);
 
-/** Visits the modules, ascending by address. Returns 0 or the visitor's non-zero result. */
+/** Visits the modules, ascending by address. Returns 0, the visitor's non-zero result, or -1 when memory ran out. */
 KORVA_API int korva_proc_iter_modules(krv_proc_t *proc, krv_proc_module_f *func, void *arg);
 
 /** The module that covers @p address, or NULL. */

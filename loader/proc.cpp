@@ -100,8 +100,13 @@ int korva_proc_iter_modules(krv_proc_t *proc, krv_proc_module_f *func, void *arg
 {
     // By index over a copy of the records' addresses: the visitor may refresh.
     std::vector<const krv_proc_module_t *> records;
-    for (const std::unique_ptr<loaded_module> &m : proc->modules)
-        records.push_back(&m->shown());
+    const bool listed = guarded<bool>(nullptr, false, [&] {
+        for (const std::unique_ptr<loaded_module> &m : proc->modules)
+            records.push_back(&m->shown());
+        return true;
+    });
+    if (!listed)
+        return -1;
     for (const krv_proc_module_t *record : records)
         if (const int result = func(proc, record, arg))
             return result;

@@ -388,15 +388,14 @@ core_file_source::mapped_file &core_file_source::file_of(const mapping &where)
     const auto known = files.find(where.path);
     if (known != files.end())
         return known->second;
-    mapped_file &entry = files[where.path];
+    mapped_file entry;
     entry.path = where.path == recorded_exe && !exe_path.empty() ? exe_path : where.path;
     struct stat st = {};
-    if (entry.path.empty() || stat(entry.path.c_str(), &st) != 0 || !S_ISREG(st.st_mode))
-        return entry; // devices are not opened, let alone read
-    entry.file = input_file(entry.path);
+    if (!entry.path.empty() && stat(entry.path.c_str(), &st) == 0 && S_ISREG(st.st_mode)) // devices are not opened
+        entry.file = input_file(entry.path);
     if (entry.file.is_open())
         entry.state = same_file(where, entry.file) ? usable : other;
-    return entry;
+    return files.emplace(where.path, std::move(entry)).first->second;
 }
 
 std::string core_file_source::locate(const mapping &where)

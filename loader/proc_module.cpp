@@ -189,7 +189,8 @@ krv_elf_t *loaded_module::elf()
     try {
         file = open();
     } catch (const failure &f) {
-        file_failure.emplace(f);
+        if (f.code != KRV_ELF_ERR_NOMEM) // which says nothing about the file
+            file_failure.emplace(f);
         throw;
     }
     return file;
@@ -203,30 +204,41 @@ uint64_t loaded_module::find_eh_frame()
     try {
         const wanted_section section = find_section(elf(), ".eh_frame");
         return section.address == 0 ? 0 : record.bias + section.address;
-    } catch (const failure &) {
+    } catch (const failure &f) {
+        if (f.code == KRV_ELF_ERR_NOMEM)
+            throw;
         return 0;
     }
 }
 
-void loaded_module::prepare()
+// That of the segment; failing that, of the module.
+uint64_t loaded_module::end_of_eh_frame(uint64_t start) const
 {
-    if (unwind_handle != nullptr)
-        return;
-    unwind_handle = new_handle(record.target);
-    korva_attach_as(unwind_handle, read, this);
-    const uint64_t start = find_eh_frame();
-    if (start == 0)
-        return;
     uint64_t end = record.end;
     for (const Elf64_Phdr &segment : image.segments)
         if (segment.p_type == PT_LOAD && start - record.bias - segment.p_vaddr < segment.p_memsz)
             end = record.bias + segment.p_vaddr + segment.p_memsz;
-    view.scan(process.bytes(), record.target, start, end);
-    if (view.empty()) // the core, too, would find nothing, but say that the section is damaged
+    return end;
+}
+
+// Kept when all of it is there: a later query tries again.
+void loaded_module::prepare()
+{
+    if (unwind_handle != nullptr)
         return;
-    if (record.eh_frame_hdr != 0)
-        korva_handle_set_opt(unwind_handle, KRV_OPT_EH_FRAME_HDR_ADDR, record.eh_frame_hdr);
-    korva_handle_set_opt(unwind_handle, KRV_OPT_EH_FRAME_ADDR, start);
+    std::unique_ptr<krv_handle_t, decltype(&korva_handle_free)> fresh(new_handle(record.target), korva_handle_free);
+    korva_attach_as(fresh.get(), read, this);
+    const uint64_t start = find_eh_frame();
+    eh_frame_view corrected;
+    if (start != 0)
+        corrected.scan(process.bytes(), record.target, start, end_of_eh_frame(start));
+    if (!corrected.empty()) { // else the core, too, would find nothing, but say that the section is damaged
+        if (record.eh_frame_hdr != 0)
+            korva_handle_set_opt(fresh.get(), KRV_OPT_EH_FRAME_HDR_ADDR, record.eh_frame_hdr);
+        korva_handle_set_opt(fresh.get(), KRV_OPT_EH_FRAME_ADDR, start);
+    }
+    view = std::move(corrected);
+    unwind_handle = fresh.release();
 }
 
 krv_handle_t *loaded_module::handle()
@@ -239,15 +251,17 @@ krv_handle_t *loaded_module::debug_frame_handle()
 {
     if (debug_frame_known)
         return debug_handle;
-    debug_frame_known = true;
     try {
         if (find_section(elf(), ".debug_frame").found || find_section(elf(), ".zdebug_frame").found) {
             debug_handle = korva_elf_get_handle(elf());
             korva_attach_as(debug_handle, read, this);
         }
-    } catch (const failure &) {
+    } catch (const failure &f) {
+        if (f.code == KRV_ELF_ERR_NOMEM)
+            throw;
         // No file, no .debug_frame. Who wants to know why asks for the file.
     }
+    debug_frame_known = true;
     return debug_handle;
 }
 

@@ -3,6 +3,7 @@
 // Memory that runs out, and reads that fail. The n-th allocation of a whole session fails, for every n; likewise the
 // n-th read fails, then comes up short. What failed says so, nothing leaks (the address sanitizer watches), and when all
 // is well again the same handle answers as if nothing had happened.
+#include "krv_fd.h"
 #include "krv_frame.h"
 #include "krv_info.h"
 #include "krv_line.h"
@@ -145,23 +146,34 @@ static function framed(bool eh)
     return {.initial = initial, .rows = rows, .eh = eh};
 }
 
-static bytes words(const function &f, const bytes &section)
+static bytes words()
 {
     bytes memory;
     for (unsigned n = 0; n < 16; ++n)
         memory.u64(0x1010 + n);
-    return f.eh ? memory.fill(eh_frame_address - stack_address - memory.size()).add(section) : memory;
+    return memory;
 }
 
-template <bool EH>
-static void attach_frames(krv_handle_t *hp, readers *sources)
+static void attach_debug_frame(krv_handle_t *hp, readers *sources)
 {
-    const function f = framed(EH);
-    if (EH)
-        korva_handle_set_opt(hp, KRV_OPT_EH_FRAME_ADDR, eh_frame_address);
-    else
-        attach(hp, sources, KRV_SEC_FRAME, f.build());
-    korva_attach_as(hp, read_counted, keep(sources, words(f, f.build()), stack_address));
+    attach(hp, sources, KRV_SEC_FRAME, framed(false).build());
+    korva_attach_as(hp, read_counted, keep(sources, words(), stack_address));
+}
+
+template <bool HDR>
+static void attach_eh_frame(krv_handle_t *hp, readers *sources)
+{
+    const bytes section = framed(true).build();
+    bytes memory = words();
+    memory.fill(eh_frame_address - stack_address - memory.size()).add(section);
+    korva_handle_set_opt(hp, KRV_OPT_EH_FRAME_ADDR, eh_frame_address);
+    if (HDR) {
+        const uint64_t at = stack_address + memory.size(), fde_address = eh_frame_address + 4 + section.data()[0];
+        korva_handle_set_opt(hp, KRV_OPT_EH_FRAME_HDR_ADDR, at);
+        const eh_hdr hdr{.entries = {{0x800, 0}, {0x1000, fde_address}, {0x1800, 0}}};
+        memory += hdr.build(at, eh_frame_address);
+    }
+    korva_attach_as(hp, read_counted, keep(sources, memory, stack_address));
 }
 
 static std::string ask_frames(krv_handle_t *hp)
@@ -200,10 +212,59 @@ static std::string ask_frames(krv_handle_t *hp)
     return answer;
 }
 
+// Expressions on their own
+
+static constexpr uint64_t VALUE_SIZE = 13;
+
+static void attach_expressions(krv_handle_t *hp, readers *sources)
+{
+    const bytes value = op(DW_OP_addr).u64(stack_address) + op(DW_OP_deref) + op(DW_OP_breg5).sleb(8) + op(DW_OP_plus);
+    const bytes place = op(DW_OP_reg5) + op(DW_OP_piece).uleb(1) + op(DW_OP_addr).u64(stack_address + 8);
+    ASSERT_EQ(value.size(), VALUE_SIZE);
+    attach(hp, sources, KRV_SEC_LOC, value + place);
+    korva_attach_as(hp, read_counted, keep(sources, words(), stack_address));
+}
+
+static std::string ask_expressions(krv_handle_t *hp)
+{
+    const krv_activation_owner ap(korva_activation_alloc(hp));
+    if (ap == nullptr || korva_activation_set_greg(hp, ap.get(), KRV_ACTIVATION_REG_DWARF, 5, 0x55) != 0)
+        return "activation";
+    const std::unique_ptr<krv_exprstack_t, decltype(&korva_expr_free_stack)> stack(korva_expr_alloc_stack(hp),
+                                                                                   korva_expr_free_stack);
+    if (stack == nullptr)
+        return "stack";
+    krv_fd_t fd = hp->sh_sec[KRV_SEC_LOC];
+    int count = 0;
+    const auto counted = [](krv_handle_t *, uint8_t, krv_operand_t *, unsigned int, void *arg) {
+        return ++*static_cast<int *>(arg), 0;
+    };
+    if (korva_expr_iter_instruction(hp, &fd, 0, counted, &count) != 0)
+        return "walk";
+    uint64_t value = 0;
+    fd = hp->sh_sec[KRV_SEC_LOC];
+    if (korva_fd_truncate(&fd, VALUE_SIZE) != 0 ||
+        korva_expr_execute_expression(hp, stack.get(), ap.get(), &fd, 0, nullptr, nullptr, nullptr) != 0 ||
+        korva_expr_stack_pop(hp, stack.get(), &value) != 0)
+        return "value";
+    uint8_t object[3] = {};
+    krv_fd_t room;
+    krv_fd_attach_mem(hp, &room, sizeof(object), object);
+    krv_fd_t *const outputs[3] = {&room, nullptr, nullptr};
+    fd = hp->sh_sec[KRV_SEC_LOC];
+    if (korva_fd_seek(&fd, VALUE_SIZE, KRV_FD_SEEK_SET) != 0 ||
+        korva_expr_execute_expression(hp, stack.get(), ap.get(), &fd, KRV_EXPR_F_LOCATION,
+                                      const_cast<krv_fd_t **>(outputs), nullptr, nullptr) != 0)
+        return "place";
+    return text("%d %llx %02x%02x%02x", count, static_cast<unsigned long long>(value), object[0], object[1], object[2]);
+}
+
 static const scenario scenarios[] = {
     {"units", attach_units, ask_units, "a.c /build/src/a.c; b.c /build/src/a.c; ", 60},
-    {".debug_frame", attach_frames<false>, ask_frames, "7008 55; 7010 0; ", 15},
-    {".eh_frame", attach_frames<true>, ask_frames, "7008 0; 7010 0; ", 15},
+    {".debug_frame", attach_debug_frame, ask_frames, "7008 55; 7010 0; ", 15},
+    {".eh_frame", attach_eh_frame<false>, ask_frames, "7008 0; 7010 0; ", 15},
+    {".eh_frame_hdr", attach_eh_frame<true>, ask_frames, "7008 0; 7010 0; ", 15},
+    {"expressions", attach_expressions, ask_expressions, "7 106d 551110", 5},
 };
 
 // A handle that cannot have the reader that suits it takes the one that knows no frames, for good: until its address

@@ -1,11 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// The hash table: growth, chains, duplicates, and readers beside writers.
+// The hash table: growth, chains, duplicates.
 #include "krv_hash.h"
 #include "support/handle.h"
 
 #include <gtest/gtest.h>
-#include <thread>
 
 using namespace krv_test;
 
@@ -94,24 +93,4 @@ TEST(Hash, StringKeys)
     EXPECT_EQ(krv_hash_lookup(h, table.get(), &same), value_of(rows[1].second));
     EXPECT_TRUE(krv_hash_cmp_string(&null, &null) && !krv_hash_cmp_string(&null, &same) &&
                 !krv_hash_cmp_string(&same, &null));
-}
-
-// All writers offer the same keys: each key keeps one value, which every thread gets; readers never see another.
-TEST(Hash, ReadersAndWriters)
-{
-    constexpr uint64_t keys = 500;
-    handle owner;
-    const hash_owner table(krv_hash_create(owner, 0, KRV_HASH_UINT64));
-    std::thread threads[4];
-    for (int i = 0; i < 4; ++i)
-        threads[i] = std::thread([&table, i] {
-            handle h; // an error state of its own
-            for (uint64_t key = 0; key < keys; ++key) {
-                void *got = i % 2 == 0 ? insert(h, table, key) : lookup(h, table, key);
-                EXPECT_TRUE(got == value_of(key) || (i % 2 == 1 && got == nullptr));
-            }
-        });
-    for (std::thread &thread : threads)
-        thread.join();
-    EXPECT_TRUE(table->dwhsh_occupancy == keys && table->dwhsh_nbuckets == 1024);
 }

@@ -2,10 +2,12 @@
 //
 // What the worst input of each kind may cost: calls of the read call-back and bytes allocated, in proportion to its size.
 #include "krv_expr.h"
+#include "krv_frame.h"
 #include "krv_info.h"
 #include "krv_line.h"
 #include "support/activation.h"
 
+#include <cstring>
 #include <gtest/gtest.h>
 
 using namespace krv_test;
@@ -110,6 +112,31 @@ TEST(Limits, Entries)
     }
 }
 
+// What is kept does not grow with the product of two sections: every unit names another tail of one table, or has a
+// first entry of attributes without bytes.
+TEST(Limits, UnitsThatShareTables)
+{
+    for (const bool tails : {true, false}) {
+        SCOPED_TRACE(tails ? "tails of one table" : "attributes without bytes");
+        constexpr uint64_t UNITS = 20000, PAIRS = 4000;
+        measured m;
+        bytes table, info;
+        for (uint64_t i = 0; i < UNITS && tails; ++i)
+            table.uleb(i + 1, 3).u8(0x11).u16(0).u8(0);
+        if (!tails)
+            table.u8(1).u8(0x11).u8(0);
+        for (uint64_t i = 0; i < PAIRS && !tails; ++i)
+            table.u8(0x3f).u8(0x19);
+        for (uint64_t i = 0; i < UNITS; ++i)
+            info += unit{.abbrev_offset = tails ? 7 * i : 0, .dies = bytes().uleb(tails ? i + 1 : 1)}.build();
+        m.attach(KRV_SEC_ABBREV, table.fill(3)).attach(KRV_SEC_INFO, info);
+        allocated = 0;
+        korva_lookup_ctu_by_start_offset(m.h, KRV_SEC_INFO, 0);
+        EXPECT_LE(allocated, size_t{256} << 20);
+        EXPECT_GT(m.h->sh_cu_table_entries, 20U); // what fits is kept
+    }
+}
+
 TEST(Limits, Lines)
 {
     measured m;
@@ -138,6 +165,42 @@ TEST(Limits, ExpressionsEnd)
         EXPECT_LE(code.reads, 3 * KRV_EXPR_MAX_STEPS);
         EXPECT_LE(allocated, 1000U);
         korva_expr_free_stack(stack);
+    }
+}
+
+// The search table of .eh_frame_hdr costs a logarithm of what it claims to have, and the memory behind it is all there.
+TEST(Limits, ClaimsOfSearchTables)
+{
+    struct endless {
+        bytes header;
+        unsigned reads = 0;
+    };
+    for (const auto &[encoding, count] : {std::pair{DW_EH_PE_udata4, UINT64_C(0x7fffffff)},
+                                          {DW_EH_PE_udata4, UINT64_C(0xffffffff)},
+                                          {DW_EH_PE_udata8, UINT64_C(0x80000000)},
+                                          {DW_EH_PE_udata8, UINT64_MAX / 2},
+                                          {DW_EH_PE_udata8, UINT64_MAX}}) {
+        SCOPED_TRACE(text("%llx", static_cast<unsigned long long>(count)));
+        eh_hdr hdr{.count = count};
+        hdr.count_encoding = static_cast<uint8_t>(encoding);
+        endless memory{hdr.build(stack_address, eh_frame_address)};
+        const auto read = [](void *arg, void *buf, size_t size, uint64_t offset) {
+            auto *from = static_cast<endless *>(arg);
+            const uint64_t at = offset - stack_address;
+            ++from->reads;
+            std::memset(buf, 0, size);
+            if (at < from->header.size())
+                std::memcpy(buf, from->header.data() + at, std::min<uint64_t>(size, from->header.size() - at));
+            return static_cast<int64_t>(size);
+        };
+        handle h;
+        korva_handle_set_opt(h, KRV_OPT_EH_FRAME_ADDR, eh_frame_address);
+        korva_handle_set_opt(h, KRV_OPT_EH_FRAME_HDR_ADDR, stack_address);
+        korva_attach_as(h, +read, &memory);
+        allocated = 0;
+        EXPECT_EQ(krv_get_fde_by_address(h, 0x1000), nullptr);
+        EXPECT_TRUE(memory.reads > 5 && memory.reads <= 200) << memory.reads;
+        EXPECT_LE(allocated, 5000U);
     }
 }
 

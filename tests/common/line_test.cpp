@@ -10,7 +10,6 @@
 #include <gtest/gtest.h>
 #include <map>
 #include <span>
-#include <thread>
 
 using namespace krv_test;
 
@@ -553,63 +552,6 @@ TEST(Line, FactsOfAFile)
     EXPECT_EQ(korva_lnfe_get_mtime(nullptr, file, &mtime) + korva_lnfe_get_size(nullptr, file, &size), -2);
     EXPECT_EQ(korva_lnfe_get_mtime(t.h, nullptr, &mtime) + korva_lnfe_get_size(t.h, file, nullptr), -2);
     EXPECT_EQ(t.h.error(), "INVALID");
-}
-
-// ---------------------------------------------------------------------------------------------------------------
-// Threads, each with a handle of its own
-// ---------------------------------------------------------------------------------------------------------------
-
-static void in_four_threads(lines &t, const std::function<void(handle &own, int i)> &fn)
-{
-    std::thread threads[4];
-    for (int i = 0; i < 4; ++i)
-        threads[i] = std::thread([&t, &fn, i] {
-            handle own;
-            fn(own.attach(KRV_SEC_LINE, t.h->sh_sec[KRV_SEC_LINE]), i);
-        });
-    for (std::thread &thread : threads)
-        thread.join();
-}
-
-TEST(Line, RacingFirstUse)
-{
-    lines t("at 400 copy pc 4 end");
-    krv_lnp_t *matrices[4] = {};
-    in_four_threads(t, [&](handle &own, int i) {
-        krv_lnph_t *lnph = korva_line_get_cu_lnph(own, t.cu);
-        matrices[i] = lnph == nullptr ? nullptr : krv_line_get_matrix(own, lnph);
-    });
-    for (const krv_lnp_t *matrix : matrices)
-        EXPECT_TRUE(matrix != nullptr && matrix == matrices[0]);
-}
-
-// Each walk defines the program's files once more; a table handed out before stays as it was.
-TEST(Line, FilesDefinedByPrograms)
-{
-    lines t(line_unit{.dirs = {"gen"}, .program = program("def b.c 1 0 0 def c.c 0 0 0")}.build(), "/build");
-    krv_lnph_t *lnph = t.header();
-    const auto get = [lnph](handle &h, krv_lnfe_t ***files) {
-        uint64_t count = 0;
-        EXPECT_EQ(korva_get_fields(h, KRV_STRUCT_LNPH, lnph, 2, KRV_FIELD_LNPH_FILES, files,
-                                   KRV_FIELD_LNPH_FILES_ENTRIES, &count),
-                  0);
-        return count;
-    };
-    krv_lnfe_t **files, **grown;
-    ASSERT_EQ(get(t.h, &files), 1U);
-    krv_lnfe_t *first = files[0];
-    in_four_threads(t, [&](handle &own, int) {
-        for (int n = 0; n < 50; ++n) {
-            krv_lnfe_t **now;
-            EXPECT_EQ(korva_iter_line_entry(own, lnph, nullptr, nullptr), 0);
-            const uint64_t count = get(own, &now);
-            EXPECT_NE(now[count - 1]->slnfe_path[0], '\0');
-        }
-    });
-    ASSERT_EQ(get(t.h, &grown), 401U);
-    EXPECT_TRUE(files[0] == first && grown[0] == first);
-    for (int i = 1; i < 401; ++i) // without the compilation directory
-        EXPECT_STREQ(grown[i]->slnfe_absolute_path, grown[i]->slnfe_diridx == 1 ? "gen/b.c" : "c.c");
 }
 
 // A program that nobody watches is executed in longer strides: with the same rows, or the same failure.

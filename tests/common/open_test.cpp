@@ -5,7 +5,6 @@
 
 #include <cstdlib>
 #include <gtest/gtest.h>
-#include <thread>
 #include <unistd.h>
 
 using namespace krv_test;
@@ -149,25 +148,4 @@ TEST(Open, SectionNames)
     }
     check(".eh_frame_hdr", KRV_SEC_EH_FRAME_HDR, B_FALSE);
     check(".eh_frame", KRV_SEC_EH_FRAME, B_FALSE);
-}
-
-// The thread and leak sanitizers watch this one.
-TEST(Open, ReferencesFromManyThreads)
-{
-    krv_handle_t *hp = korva_handle_alloc(KRV_ACTIVATION_AMD64);
-    std::vector<std::thread> holders;
-    for (int i = 0; i < 4; ++i) {
-        korva_handle_hold(hp);
-        holders.emplace_back([hp] {
-            for (int n = 0; n < 1000; ++n) {
-                korva_handle_hold(hp);
-                korva_handle_release(hp);
-            }
-            korva_handle_release(hp);
-        });
-    }
-    for (std::thread &holder : holders)
-        holder.join();
-    EXPECT_EQ(hp->sh_refcnt, 1U);
-    korva_handle_release(hp);
 }

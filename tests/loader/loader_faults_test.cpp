@@ -1,0 +1,272 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// Memory that runs out, and system calls that fail, in the loader: the n-th of a whole session, for every n. The session
+// answers, or says what happened; nothing leaks (the address sanitizer watches); and when all is well again the same
+// object answers in full, or a new one does where it could not be opened.
+#include "core32.h"
+#include "loader_fixture.h"
+
+#include <cerrno>
+#include <cstdarg>
+#include <cstring>
+#include <fcntl.h>
+#include <new>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+using namespace krv_test;
+
+static bool armed; // while the loader runs
+static unsigned allocations, fail_allocation, calls, fail_call;
+
+static bool lacks_memory()
+{
+    return armed && ++allocations == fail_allocation;
+}
+
+static bool call_fails()
+{
+    if (!armed || ++calls != fail_call)
+        return false;
+    errno = EIO;
+    return true;
+}
+
+// The linker leads the libraries' calls here (--wrap). libelf's own memory is not among them.
+extern "C" {
+void *__real_malloc(size_t size);
+void *__real_calloc(size_t count, size_t size);
+void *__real_realloc(void *p, size_t size);
+int __real_open(const char *path, int flags, ...);
+int __real_fstat(int fd, struct stat *st);
+void *__real_mmap(void *at, size_t size, int protection, int flags, int fd, off_t offset);
+ssize_t __real_pread(int fd, void *buf, size_t count, off_t offset);
+void *__wrap_malloc(size_t size);
+void *__wrap_calloc(size_t count, size_t size);
+void *__wrap_realloc(void *p, size_t size);
+int __wrap_open(const char *path, int flags, ...);
+int __wrap_fstat(int fd, struct stat *st);
+void *__wrap_mmap(void *at, size_t size, int protection, int flags, int fd, off_t offset);
+ssize_t __wrap_pread(int fd, void *buf, size_t count, off_t offset);
+
+void *__wrap_malloc(size_t size)
+{
+    return lacks_memory() ? nullptr : __real_malloc(size);
+}
+void *__wrap_calloc(size_t count, size_t size)
+{
+    return lacks_memory() ? nullptr : __real_calloc(count, size);
+}
+void *__wrap_realloc(void *p, size_t size)
+{
+    return lacks_memory() ? nullptr : __real_realloc(p, size);
+}
+int __wrap_open(const char *path, int flags, ...)
+{
+    return call_fails() ? -1 : __real_open(path, flags);
+}
+int __wrap_fstat(int fd, struct stat *st)
+{
+    return call_fails() ? -1 : __real_fstat(fd, st);
+}
+void *__wrap_mmap(void *at, size_t size, int protection, int flags, int fd, off_t offset)
+{
+    return call_fails() ? MAP_FAILED : __real_mmap(at, size, protection, flags, fd, offset);
+}
+ssize_t __wrap_pread(int fd, void *buf, size_t count, off_t offset)
+{
+    return call_fails() ? -1 : __real_pread(fd, buf, count, offset);
+}
+}
+
+void *operator new(size_t size)
+{
+    void *p = lacks_memory() ? nullptr : __real_malloc(size != 0 ? size : 1);
+    if (p == nullptr)
+        throw std::bad_alloc();
+    return p;
+}
+void operator delete(void *p) noexcept
+{
+    std::free(p);
+}
+void operator delete(void *p, size_t) noexcept
+{
+    std::free(p);
+}
+
+namespace
+{
+
+// What a session says: in memory of its own, so that only the loader's can run out.
+struct answer {
+    char text[4096] = "";
+    size_t used = 0;
+    bool told = false; // of the failure
+
+    [[gnu::format(printf, 2, 3)]] void add(const char *format, ...)
+    {
+        va_list ap;
+        va_start(ap, format);
+        const int count = std::vsnprintf(text + used, sizeof(text) - used, format, ap);
+        va_end(ap);
+        used = std::min(sizeof(text) - 1, used + static_cast<size_t>(count));
+    }
+};
+
+// Files of an ELF session
+
+int add_unit(krv_handle_t *hp, krv_ctu_t *cu, void *arg)
+{
+    auto *a = static_cast<answer *>(arg);
+    krv_cu_header_t header = {};
+    korva_cu_get_header(hp, cu, &header);
+    a->add("%llu ", static_cast<unsigned long long>(header.size));
+    for (const uint64_t address : {0x401000, 0x401020}) {
+        const krv_lns_t *row = korva_cu_contains_addr(hp, cu, address, KRV_LOOKUP_F_NONE) == 0
+                                   ? nullptr
+                                   : korva_lookup_source_by_cu_and_addr(hp, cu, address, 1, address, 0);
+        a->told = a->told || korva_handle_get_errno(hp) == KRV_ERR_NOMEM;
+        a->add(row == nullptr ? "- " : "row ");
+    }
+    return 0;
+}
+
+int add_note(krv_elf_t *, const krv_elf_note_t *note, void *arg)
+{
+    auto *a = static_cast<answer *>(arg);
+    a->add("%s: %s; ", note->pass, note->text);
+    a->told = a->told || std::strstr(note->text, "out of memory") != nullptr ||
+              std::strstr(note->text, std::strerror(EIO)) != nullptr;
+    return 0;
+}
+
+void ask_elf(krv_elf_t *elf, answer *a)
+{
+    size_t symbols = 0;
+    korva_elf_get_symbols(elf, &symbols);
+    a->add("%zu symbols; ", symbols);
+    krv_handle_t *hp = korva_elf_get_handle(elf);
+    if (korva_iter_cu(hp, KRV_SEC_INFO, add_unit, a) != 0)
+        a->told = a->told || korva_handle_get_errno(hp) == KRV_ERR_NOMEM;
+    korva_elf_iter_notes(elf, add_note, a);
+}
+
+// A core file
+
+int add_frame(krv_proc_t *, const krv_proc_frame_t *frame, void *arg)
+{
+    static_cast<answer *>(arg)->add("%llx ", static_cast<unsigned long long>(frame->pc));
+    return 0;
+}
+
+int add_module(krv_proc_t *proc, const krv_proc_module_t *module, void *arg)
+{
+    auto *a = static_cast<answer *>(arg);
+    krv_elf_error_t error = {};
+    const krv_elf_t *elf = korva_proc_module_elf(proc, module, &error);
+    a->told = a->told || elf == nullptr;
+    a->add("%llx %s; ", static_cast<unsigned long long>(module->start), error.message);
+    return 0;
+}
+
+// Walks over a handle without the memory for its frame reader: the core then takes the one that knows no frames, and
+// keeps it.
+unsigned frameless;
+
+void ask_core(krv_proc_t *proc, answer *a)
+{
+    krv_proc_end_t end = {};
+    korva_proc_walk(proc, 4711, 0, add_frame, a, &end);
+    frameless += end.reason == KRV_PROC_END_NO_FDE && fail_call == 0;
+    a->told = end.reason == KRV_PROC_END_ERROR || end.reason == KRV_PROC_END_NO_FDE;
+    a->add("%d; ", end.reason);
+    a->told = korva_proc_iter_modules(proc, add_module, a) == -1 || a->told;
+}
+
+class LoaderFaults : public Loader
+{
+protected:
+    // Counts what a session needs, then lets each one fail. A system call that fails may also be taken for a file that
+    // is not there, or for memory that was not dumped: then the answer is a shorter one.
+    template <typename Close, typename Open, typename Ask>
+    void each_fails(const char *what, Open open_one, Ask ask, Close close, unsigned least)
+    {
+        for (const bool memory : {true, false}) {
+            unsigned *const at = memory ? &fail_allocation : &fail_call;
+            const unsigned *const count = memory ? &allocations : &calls;
+            std::string expected;
+            for (unsigned n = 0; n == 0 || *at != 0; ++n) {
+                SCOPED_TRACE(text("%s, %s %u", what, memory ? "allocation" : "call", n));
+                krv_elf_error_t told = {};
+                answer a, again;
+                allocations = calls = 0;
+                *at = n;
+                armed = true;
+                auto *object = open_one(&told);
+                if (object != nullptr)
+                    ask(object, &a);
+                armed = false;
+                const bool met = n != 0 && *count >= n;
+                *at = met ? n : 0;
+                if (n == 0) {
+                    expected = a.text;
+                    *at = 1;
+                    std::printf("%s: %u %s\n", what, *count, memory ? "allocations" : "calls");
+                    EXPECT_GT(*count, memory ? least : 2U);
+                }
+                if (object == nullptr) {
+                    EXPECT_TRUE(met && told.code == (memory ? KRV_ELF_ERR_NOMEM : told.code) && told.message[0] != '\0')
+                        << told.code << " " << told.message;
+                    object = open_one(&told);
+                    ASSERT_NE(object, nullptr);
+                } else {
+                    EXPECT_TRUE(a.text == expected || (met && (a.told || !memory))) << a.text << "\nnot: " << expected;
+                }
+                ask(object, &again);
+                EXPECT_TRUE(again.text == expected || !memory || again.told) << again.text << "\nnot: " << expected;
+                close(object);
+            }
+        }
+    }
+};
+
+} // namespace
+
+// One file for every correction: relocated, of an old and of a new version, with what the core refuses, with rows of
+// code that is not there, and found through a link.
+TEST_F(LoaderFaults, EverySessionOfAFile)
+{
+    const bytes max = bytes().fill(9, 0xff).u8(0);
+    const bytes abbrev = abbrevs("1 compile_unit import:0x10 const_value:sdata name:string stmt_list:sec_offset");
+    const bytes info = unit{.dies = bytes().u8(1).u32(7).add(max).cstr("a.c").u32(0)}.build() +
+                       bytes().unit_length(false, 20).u16(5).u8(1).u8(8).fill(16, 0xff);
+    const bytes line =
+        line_unit{.program = program("at 0 copy pc 8 end at 401000 line 9 copy pc 32 end at 401020 copy pc 32 end")}
+            .build();
+    std::ofstream(dir / "s.s") << ".text\n.globl _start\n.type _start,@function\n_start: .skip 64,0x90\n"
+                                  ".size _start,64\n"
+                               << section(".debug_abbrev", abbrev) << section(".debug_info", info)
+                               << section(".debug_line", line);
+    ASSERT_TRUE(compile("-nostdlib -static -no-pie -gz -Wl,--build-id=none -Wl,-Ttext=0x401000 s.s -o s && "
+                        "objcopy --only-keep-debug s d && objcopy --compress-debug-sections d && strip -o bare s && "
+                        "objcopy --add-gnu-debuglink=d bare linked"));
+    ASSERT_TRUE(compile("-gdwarf-4 -c a.c -o a.o"));
+    for (const auto &[name, least] : {std::pair{"linked", 60U}, {"a.o", 60U}})
+        each_fails(
+            name, [&, file = (dir / name).string()](krv_elf_error_t *e) { return korva_elf_open(file.c_str(), 0, e); },
+            ask_elf, korva_elf_close, least);
+}
+
+TEST_F(LoaderFaults, EverySessionOfACore)
+{
+    const bytes core = core32().build();
+    write("core", {core.data(), core.data() + core.size()});
+    const std::string path = dir / "core";
+    frameless = 0;
+    each_fails(
+        "core", [&](krv_elf_error_t *e) { return korva_proc_open_core(path.c_str(), nullptr, e); }, ask_core,
+        korva_proc_close, 60U);
+    EXPECT_LE(frameless, 2U * 2U); // the reader and its data; asked twice
+}
