@@ -80,12 +80,15 @@ public:
     result(T value) : state_(std::in_place_index<0>, std::move(value)) {}
     result(korva::error why) : state_(std::in_place_index<1>, std::move(why)) {}
 
+    /** Whether there is a value. */
     explicit operator bool() const { return state_.index() == 0; }
     T &operator*() { return *std::get_if<0>(&state_); }
     const T &operator*() const { return *std::get_if<0>(&state_); }
     T *operator->() { return std::get_if<0>(&state_); }
     const T *operator->() const { return std::get_if<0>(&state_); }
+    /** Why there is none. */
     const korva::error &error() const { return *std::get_if<1>(&state_); }
+    /** The value, moved out, or @p other. */
     T value_or(T other) && { return *this ? std::move(**this) : std::move(other); }
 
 private:
@@ -186,8 +189,10 @@ class unit
 {
 public:
     unit(krv_handle_t *hp, krv_ctu_t *cup) : hp_(hp), cup_(cup) {}
+    /** For the C functions; still owned by whoever owns it now. */
     krv_ctu_t *get() const { return cup_; }
 
+    /** What the unit's header says. */
     result<krv_cu_header_t> header() const
     {
         krv_cu_header_t header = {};
@@ -198,7 +203,9 @@ public:
 
     /** DW_AT_name of the unit's entry; KRV_ERR_NOTFOUND when it has none. */
     result<std::string> name() const { return text(korva_get_die_at_name); }
+    /** DW_AT_comp_dir, as name(). */
     result<std::string> comp_dir() const { return text(korva_get_die_at_comp_dir); }
+    /** DW_AT_producer, as name(). */
     result<std::string> producer() const { return text(korva_get_die_at_producer); }
 
     /** Whether an address range of the unit covers @p address. "Not known yet" (KRV_LOOKUP_F_FAST) counts as no. */
@@ -296,6 +303,7 @@ class handle_view
 {
 public:
     explicit handle_view(krv_handle_t *hp) : hp_(hp) {}
+    /** For the C functions; still owned by whoever owns it now. */
     krv_handle_t *get() const { return hp_; }
 
     /** Attaches a section; the bytes must outlive the handle. */
@@ -324,6 +332,7 @@ public:
     template <typename F>
     result<void> attach_memory(const F &&) = delete; // it would not outlive the call
 
+    /** What is added to the file's addresses: where it is loaded, KRV_OPT_BASE_ADDR. */
     result<void> set_base_address(std::uint64_t bias)
     {
         return detail::status(hp_, korva_handle_set_opt(hp_, KRV_OPT_BASE_ADDR, static_cast<unsigned long>(bias)));
@@ -356,7 +365,11 @@ public:
     /** The unit that covers @p address, or KRV_ERR_NOTFOUND. A unit whose ranges cannot be read is passed over. */
     result<unit> unit_of(std::uint64_t address) const
     {
-        for (unit u : units()) {
+        if (krv_ctu_t *found = korva_lookup_ctu_by_addr(hp_, address, KRV_LOOKUP_F_NONE))
+            return unit(hp_, found);
+        if (korva_handle_get_errno(hp_) == KRV_ERR_NOTFOUND)
+            return error{layer::library, KRV_ERR_NOTFOUND, {"no unit covers the address"}};
+        for (unit u : units()) { // the index needs the ranges of all units, which some do not give
             const result<bool> yes = u.contains(address);
             if (yes && *yes)
                 return u;
@@ -394,6 +407,7 @@ private:
 class activation
 {
 public:
+    /** A frame without registers. */
     static result<activation> make(handle_view handle)
     {
         krv_activation_t *ap = korva_activation_alloc(handle.get());
@@ -401,6 +415,7 @@ public:
             return last_error(handle.get());
         return activation(handle.get(), ap);
     }
+    /** For the C functions; still owned by whoever owns it now. */
     krv_activation_t *get() const { return owner_.get(); }
 
     /** A register of the current frame; KRV_ERR_NOTFOUND when its value is not known. */
@@ -412,6 +427,7 @@ public:
             return last_error(hp_);
         return static_cast<std::uint64_t>(value);
     }
+    /** Sets a register of the current frame. */
     result<void> set_reg(krv_reg_type_t type, unsigned int number, std::uint64_t value)
     {
         return detail::status(hp_, korva_activation_set_greg(hp_, get(), type, number, static_cast<krv_greg_t>(value)));
@@ -429,6 +445,7 @@ private:
 class stack
 {
 public:
+    /** An empty stack. */
     static result<stack> make(handle_view handle)
     {
         krv_exprstack_t *esp = korva_expr_alloc_stack(handle.get());
@@ -436,9 +453,12 @@ public:
             return last_error(handle.get());
         return stack(handle.get(), esp);
     }
+    /** For the C functions; still owned by whoever owns it now. */
     krv_exprstack_t *get() const { return owner_.get(); }
 
+    /** Puts a value on top. */
     result<void> push(std::uint64_t value) { return detail::status(hp_, korva_expr_stack_push(hp_, get(), value)); }
+    /** Takes the topmost value. */
     result<std::uint64_t> pop()
     {
         std::uint64_t value = 0;
@@ -510,9 +530,12 @@ class elf_view
 {
 public:
     explicit elf_view(krv_elf_t *elf) : elf_(elf) {}
+    /** For the C functions; still owned by whoever owns it now. */
     krv_elf_t *get() const { return elf_; }
 
+    /** The handle that answers for the file; the file owns it. */
     handle_view handle() const { return handle_view(korva_elf_get_handle(elf_)); }
+    /** Machine, type, target and build-id of the file. */
     krv_elf_info_t info() const
     {
         krv_elf_info_t info = {};
@@ -551,6 +574,7 @@ private:
 class elf : public elf_view
 {
 public:
+    /** Opens a file; flags: KRV_ELF_F_*. */
     static result<elf> open(const char *path, unsigned int flags = KRV_ELF_F_NONE)
     {
         krv_elf_error_t why;
@@ -569,23 +593,28 @@ private:
 class process
 {
 public:
+    /** Stops a live process, until this object goes. */
     static result<process> attach(int pid)
     {
         krv_elf_error_t why;
         return made(korva_proc_attach(pid, &why), why);
     }
+    /** Opens a core file; @p exe is where the main executable is found instead of its recorded path. */
     static result<process> open_core(const char *core, const char *exe = nullptr)
     {
         krv_elf_error_t why;
         return made(korva_proc_open_core(core, exe, &why), why);
     }
+    /** The calling process. */
     static result<process> self()
     {
         krv_elf_error_t why;
         return made(korva_proc_self(&why), why);
     }
+    /** For the C functions; still owned by whoever owns it now. */
     krv_proc_t *get() const { return owner_.get(); }
 
+    /** The threads; of a core file in its order, the failing one first. */
     std::vector<krv_proc_thread_t> threads() const
     {
         std::vector<krv_proc_thread_t> all;
