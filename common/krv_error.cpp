@@ -14,7 +14,7 @@ void krv_assert_fail(const char *cond, const char *file, int line, const char *f
 
 [[gnu::format(printf, 2, 0)]] static void push(krv_handle_t *hp, const char *format, va_list ap)
 {
-    char message[KRV_MAX_ERROR_SIZE];
+    char message[KRV_MAX_ERROR_SIZE] = "";
     uint32_t slot = hp->sh_nerrors;
     if (slot >= KRV_MAX_ERRORS)
         return;
@@ -24,7 +24,7 @@ void krv_assert_fail(const char *cond, const char *file, int line, const char *f
         slot = hp->sh_nerrors;
         if (slot >= KRV_MAX_ERRORS)
             return;
-        std::strcpy(hp->sh_errors[slot], message);
+        std::memcpy(hp->sh_errors[slot], message, std::strlen(message) + 1);
         hp->sh_nerrors = slot + 1;
     }
 
