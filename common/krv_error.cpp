@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "krv_error.h"
 
+#include <algorithm>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
@@ -18,13 +19,15 @@ void krv_assert_fail(const char *cond, const char *file, int line, const char *f
     uint32_t slot = hp->sh_nerrors;
     if (slot >= KRV_MAX_ERRORS)
         return;
-    std::vsnprintf(message, sizeof(message), format, ap);
+    const int length = std::vsnprintf(message, sizeof(message), format, ap);
+    const size_t kept = length < 0 ? 0 : std::min(static_cast<size_t>(length), sizeof(message) - 1);
+    message[kept] = '\0';
     {
         const krv_write_guard guard(&hp->sh_error_lock);
         slot = hp->sh_nerrors;
         if (slot >= KRV_MAX_ERRORS)
             return;
-        std::strcpy(hp->sh_errors[slot], message);
+        std::memcpy(hp->sh_errors[slot], message, kept + 1);
         hp->sh_nerrors = slot + 1;
     }
 

@@ -19,7 +19,7 @@ constexpr char ZDEBUG_MAGIC[] = "ZLIB"; // followed by the inflated size, 8 byte
 constexpr size_t ZDEBUG_HEADER_SIZE = 12;
 
 // No deflated data inflates to more (zlib, technical details: 1032 to 1). A section that claims more is refused
-// before memory is taken for it.
+// before memory is taken for it; so are sections that share their bytes and together claim more than the file can hold.
 constexpr uint64_t MAX_INFLATION = 1032;
 
 // Closes a descriptor at the end of a scope: the mapping stays.
@@ -58,6 +58,19 @@ byte_span find_build_id_note(byte_span bytes)
 }
 
 } // namespace
+
+string_table::string_table(byte_span all)
+{
+    size_t size = all.size();
+    while (size != 0 && all[size - 1] != 0)
+        --size;
+    bytes = all.first(size);
+}
+
+const char *string_table::at(uint64_t offset) const
+{
+    return offset < bytes.size() ? reinterpret_cast<const char *>(bytes.data() + offset) : nullptr;
+}
 
 void elf_file::fail(int code, const std::string &what) const
 {
@@ -172,17 +185,27 @@ uint64_t elf_file::claimed_size(Elf_Scn *scn, const raw_section &section) const
     return size;
 }
 
+string_table elf_file::section_names() const
+{
+    size_t number = 0;
+    GElf_Shdr shdr;
+    if (elf_getshdrstrndx(handle, &number) != 0 || gelf_getshdr(elf_getscn(handle, number), &shdr) == nullptr ||
+        shdr.sh_type != SHT_STRTAB)
+        return {};
+    return string_table(extent(shdr.sh_offset, shdr.sh_size));
+}
+
 void elf_file::read_sections()
 {
-    size_t names = 0;
-    const bool named = elf_getshdrstrndx(handle, &names) == 0;
+    constexpr size_t LONGEST_NAME = 255;
+    const string_table names = section_names();
     for (Elf_Scn *scn = elf_nextscn(handle, nullptr); scn != nullptr; scn = elf_nextscn(handle, scn)) {
         GElf_Shdr shdr;
         if (gelf_getshdr(scn, &shdr) == nullptr)
             fail(KRV_ELF_ERR_FORMAT, std::string("section header: ") + elf_errmsg(-1));
-        const char *name = named ? elf_strptr(handle, names, shdr.sh_name) : nullptr;
+        const char *name = names.at(shdr.sh_name);
         raw_section section = {};
-        section.name = name == nullptr ? "" : name;
+        section.name = name == nullptr ? "" : std::string(name, strnlen(name, LONGEST_NAME));
         section.number = elf_ndxscn(scn);
         section.type = shdr.sh_type;
         section.flags = shdr.sh_flags;
@@ -251,17 +274,25 @@ void elf_file::read_segments()
 
 void elf_file::find_build_id()
 {
+    uint64_t left = 2 * mapping.size(); // sections and segments tell of the same notes, and neither overlap each other
+    const auto search = [&](byte_span notes) {
+        if (!build_id_bytes.empty() || notes.size() > left)
+            return;
+        left -= notes.size();
+        build_id_bytes = find_build_id_note(notes);
+    };
     for (const raw_section &section : section_list)
-        if (section.type == SHT_NOTE && build_id_bytes.empty())
-            build_id_bytes = find_build_id_note(section.bytes);
+        if (section.type == SHT_NOTE)
+            search(section.bytes);
     for (const GElf_Phdr &segment : segment_list)
-        if (segment.p_type == PT_NOTE && build_id_bytes.empty())
-            build_id_bytes = find_build_id_note(extent(segment.p_offset, segment.p_filesz));
+        if (segment.p_type == PT_NOTE)
+            search(extent(segment.p_offset, segment.p_filesz));
 }
 
 byte_span elf_file::inflate(const raw_section &section)
 {
-    if (section.size / MAX_INFLATION > section.file_size)
+    if (section.size / MAX_INFLATION > section.file_size ||
+        (inflated_size + section.size) / MAX_INFLATION > mapping.size())
         throw failure(KRV_ELF_ERR_FORMAT, "section " + section.name + " claims to inflate from " +
                                               std::to_string(section.file_size) + " to " +
                                               std::to_string(section.size) + " bytes");
@@ -270,6 +301,7 @@ byte_span elf_file::inflate(const raw_section &section)
     const Elf_Data *data = result < 0 ? nullptr : elf_rawdata(scn, nullptr);
     if (data == nullptr)
         throw failure(KRV_ELF_ERR_FORMAT, "section " + section.name + " cannot be inflated: " + elf_errmsg(-1));
+    inflated_size += data->d_size;
     return {static_cast<const uint8_t *>(data->d_buf), data->d_size};
 }
 

@@ -29,9 +29,21 @@ public:
     const int code; // KRV_ELF_ERR_*
 };
 
+// Strings by their offset. Whether they end within the table is known once for all of them.
+class string_table
+{
+public:
+    string_table() = default;
+    explicit string_table(byte_span all);
+    const char *at(uint64_t offset) const; // NULL when the table has none there
+
+private:
+    byte_span bytes; // the last one is a NUL
+};
+
 struct raw_section {
-    std::string name;
-    size_t number; // in the section header table
+    std::string name; // cut to 255 characters: no section that matters has more
+    size_t number;    // in the section header table
     uint32_t type;
     uint64_t flags;
     size_t link;        // numbers of sections that belong to it
@@ -76,6 +88,7 @@ private:
     void check_machine();
     void check_section_headers();
     void read_sections();
+    string_table section_names() const;
     uint64_t claimed_size(Elf_Scn *scn, const raw_section &section) const;
     byte_span inflate(const raw_section &section);
     void place_sections();
@@ -91,6 +104,7 @@ private:
     GElf_Ehdr header = {};
     std::vector<raw_section> section_list;
     std::map<size_t, byte_span> inflated; // by section number
+    uint64_t inflated_size = 0;           // of all of them
     std::vector<GElf_Phdr> segment_list;
     address_ranges code_ranges;
     byte_span build_id_bytes;

@@ -74,6 +74,8 @@ std::vector<symbol_table::entry> symbol_table::read(const elf_file &file, const 
     // Section numbers too large for a symbol stand in a table of their own.
     const int wide = elf_scnshndx(scn);
     Elf_Data *wide_numbers = wide <= 0 ? nullptr : elf_getdata(elf_getscn(elf, static_cast<size_t>(wide)), nullptr);
+    const raw_section *strings = file.section(shdr.sh_link);
+    const string_table names(strings != nullptr && strings->type == SHT_STRTAB ? strings->bytes : byte_span());
     const size_t count = data->d_size / gelf_fsize(elf, ELF_T_SYM, 1, EV_CURRENT);
     for (size_t i = 0; i < count; ++i) {
         GElf_Sym sym;
@@ -85,7 +87,7 @@ std::vector<symbol_table::entry> symbol_table::read(const elf_file &file, const 
         const raw_section *home = file.section(number);
         if (home == nullptr || !is_code(sym.st_info, home->executable()))
             continue;
-        const char *name = elf_strptr(elf, shdr.sh_link, sym.st_name);
+        const char *name = names.at(sym.st_name);
         if (name == nullptr || *name == '\0')
             continue;
         // Symbols of a relocatable file count from the start of their section.

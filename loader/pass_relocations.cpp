@@ -185,12 +185,14 @@ void apply_relocations(view &v, const char *name)
 {
     if (v.file().type() != ET_REL)
         return;
+    uint64_t left = v.file().image().size(); // tables do not overlap
     for (const raw_section &raw : v.file().sections()) {
         if (raw.type != SHT_RELA && raw.type != SHT_REL)
             continue;
         view_section *target = v.find_raw(raw.info);
-        if (target == nullptr)
+        if (target == nullptr || raw.file_size > left)
             continue;
+        left -= raw.file_size;
         const result done = relocations(v.file(), raw, target).apply();
         if (done.applied != 0)
             v.add_note({name, target->name, 0, false, fmt::format("{} relocations are applied", done.applied)});

@@ -87,6 +87,10 @@ void *operator new(size_t size)
         throw std::bad_alloc();
     return p;
 }
+void *operator new(size_t size, const std::nothrow_t &) noexcept
+{
+    return lacks_memory() ? nullptr : __real_malloc(size != 0 ? size : 1);
+}
 void operator delete(void *p) noexcept
 {
     std::free(p);
