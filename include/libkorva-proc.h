@@ -51,6 +51,7 @@ enum {
     KRV_PROC_SELF = 3  /**< the calling process, which runs on meanwhile */
 };
 
+/** Facts about a process, as korva_proc_get_info stores them. */
 typedef struct krv_proc_info {
     int kind;                     /**< KRV_PROC_LIVE, _CORE or _SELF */
     int pid;                      /**< process id; of a core file as recorded there, 0 when it is not */
@@ -228,6 +229,7 @@ enum {
     KRV_PROC_END_ERROR = 6        /**< something failed */
 };
 
+/** How a walk ended, as korva_proc_walk stores it. */
 typedef struct krv_proc_end {
     int reason;          /**< KRV_PROC_END_* */
     int code;            /**< KRV_PROC_END_NO_FDE and _ERROR: the library's code, KRV_ERR_*, or KRV_ERR_NONE */

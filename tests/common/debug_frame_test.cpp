@@ -54,12 +54,9 @@ TEST(DebugFrame, Cies)
         {cie{.version = 4, .address_size = 9}.build(), "v4 9/0 code 1 data -8 r16, 1 at 15 of 12/16"},
         {cie{.dwarf64 = true, .code_align = 200}.build(), "v3 0/0 code 200 data -8 r16, 6 at 26 of 20/32"},
         {cie{.version = 1, .column = bytes::hex("90")}.build(), "v1 0/0 code 1 data -8 r144, 3 at 13 of 12/16"},
-        {cie{.column = bytes::hex("90 01")}.build(), "v3 0/0 code 1 data -8 r144, 2 at 14 of 12/16"},
 
         {cie{.length = 0xfffffff0}.build(), "CORRUPT: reserved value (0xfffffff0) in 4-byte length"},
-        {cie{.length = 0xfffffffe}.build(), "CORRUPT: reserved value (0xfffffffe) in 4-byte length"},
         {cie{.length = 13}.build(), "CORRUPT: Total CIE length (17) is not a multiple of target size (8)"},
-        {cie{.length = 16}.build(), "CORRUPT: Total CIE length (20) is not a multiple of target size (8)"},
         {cie{.length = 10}.build(), "CORRUPT: Total CIE length (14) is not a multiple of target size (4)", I386},
         {cie{.length = 20}.build(), "INVALID: cannot truncate section to 20 bytes;  only 12 remain"},
         {cie{.dwarf64 = true, .length = UINT64_MAX - 11}.build(), // 0 with the length field, modulo 2^64
@@ -69,7 +66,6 @@ TEST(DebugFrame, Cies)
         {cie{.dwarf64 = true, .id = 0xffffffff}.build(), "CORRUPT: illegal CIE_id (0xffffffff)"},
         {cie{.dwarf64 = true, .version = 1}.build(), "CORRUPT: 64-bit length in version 1 CIE"},
         {cie{.version = 2}.build(), "UNSUPPORTED: unsupported CIE version (2)"},
-        {cie{.version = 255}.build(), "UNSUPPORTED: unsupported CIE version (255)"},
         {cie{.augmentation = "fifteen letters"}.build(), "UNSUPPORTED: augmentation found in CIE"},
         {cie{.augmentation = "sixteen letters."}.build(),
          "NOSPACE: string decoder requires 17 bytes;  storage offers 16 | failed to read augmentation"},
@@ -101,17 +97,14 @@ TEST(DebugFrame, Fdes)
         krv_activation_type_t target = AMD64;
     } rows[] = {
         {{}, fde{}.build(), "0x1000+0x100 cie 0 v3, 0 at 40 of 20/24"},
-        {{}, fde{.instructions = bytes::hex("41")}.build(), "0x1000+0x100 cie 0 v3, 8 at 40 of 28/32"},
         {{.word = 4},
          fde{.address = UINT32_MAX, .range = 1, .address_size = 4, .word = 4}.build(),
          "0xffffffff+0x1 cie 0 v3, 0 at 32 of 12/16",
          I386},
-        {{.version = 1}, fde{}.build(), "0x1000+0x100 cie 0 v1, 0 at 40 of 20/24"},
         {{.version = 4, .address_size = 4}, fde{.address_size = 4}.build(), "0x1000+0x100 cie 0 v4, 0 at 32 of 12/16"},
         {{.version = 4}, fde{.word = 4}.build(), "0x1000+0x100 cie 0 v4, 0 at 40 of 20/24", I386},
         {{}, fde{.dwarf64 = true}.build(), "0x1000+0x100 cie 0 v3, 4 at 52 of 28/40"},
 
-        {{}, fde{.length = 0xfffffff5}.build(), "CORRUPT: reserved value (0xfffffff5) in 4-byte length"},
         {{}, fde{.length = 16}.build(), "CORRUPT: Total FDE length (20) is not a multiple of target size (8)"},
         {{}, fde{.length = 28}.build(), "INVALID: cannot truncate section to 28 bytes;  only 20 remain"},
         {{},

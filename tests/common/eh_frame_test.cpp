@@ -127,14 +127,12 @@ TEST(EhFrame, Cies)
          head + "3 at 0x9019, P1 1234 R1 3b L1 1b"},
         {{.augmentation = "zRP", .data = bytes::hex("1b 1b 10 00 00 00")}, head + "1 at 0x9017, P1 9023 R1 1b L0 0"},
         {{.augmentation = "zP", .data = bytes::hex("3b f0 ff ff ff")}, head + "3 at 0x9015, P1 8ff0 R0 0 L0 0"},
-        {{.data_length = 0}, head + "3 at 0x9011, P0 0 R1 1b L0 0"}, // the letters say what is read
-        {{.data_length = 4}, head + "3 at 0x9011, P0 0 R1 1b L0 0"},
+        {{.data_length = 4}, head + "3 at 0x9011, P0 0 R1 1b L0 0"},              // the letters say what is read
         {{.length = UINT32_MAX}, head + "4294967282 at 0x9011, P0 0 R1 1b L0 0"}, // no 64-bit format
 
         {{.length = 0}, "CORRUPT: form DW_FORM_data4 requires 4 bytes;  0 remaining | failed to read CIE id"},
         {{.id = 5}, "CORRUPT: illegal CIE id (0x5)"},
         {{.version = 3}, "CORRUPT: illegal Version (3)"},
-        {{.version = 255}, "CORRUPT: illegal Version (-1)"},
         {{.length = 7}, "CORRUPT: unterminated string | failed to read augmentation"},
         {{.augmentation = "zRRRRRRRRRRRRRRR"},
          "NOSPACE: string decoder requires 17 bytes;  storage offers 16 | failed to read augmentation"},
@@ -142,13 +140,11 @@ TEST(EhFrame, Cies)
         {{.data_length = 5}, "CORRUPT: illegal augmentation length"},
         {{.augmentation = "zS"}, "CORRUPT: illegal operation in augmentation string"},
         {{.augmentation = "zRR"}, "CORRUPT: duplicate code encoding"},
-        {{.augmentation = "zLL"}, "CORRUPT: duplicate personality specifier"},
         {{.augmentation = "zPP", .data = bytes::hex("02 00 00")}, "CORRUPT: duplicate personality specifier"},
         {{.length = 12, .data_length = 0},
          "CORRUPT: form DW_FORM_data1 requires 1 byte;  0 remaining | failed to read code encoding"},
         {{.augmentation = "zP", .data = bytes::hex("9b 00 00 00 00")},
          "UNSUPPORTED: unsupported target address encoding 0x9b | unable to decode EH datum" + routine},
-        {{.augmentation = "zP", .data = bytes::hex("ff")}, "INVALID: illegal EH form (0xf)" + routine},
     };
     for (const auto &row : rows)
         for (const auto target : both_targets)
@@ -175,7 +171,6 @@ TEST(EhFrame, Fdes)
         {{.data = bytes::hex("3b")}, {}, "0xfe4+0x100, 3 at 0x9025, lsda 0x0"}, // told from 0x901c, read from 0x9000
         {{}, {.range = UINT64_MAX}, "0x1000+0xffffffffffffffff, 3 at 0x9025, lsda 0x0"},
         {lsda, {.data = bytes().u32(0x10)}, "0x1000+0x100, 3 at 0x9029, lsda 0x9035"},
-        {lsda, {}, "0x1000+0x100, 3 at 0x9025, lsda 0x0"},
         {{}, {.data = bytes().u64(0x77)}, "0x1000+0x100, 3 at 0x902d, lsda 0x77", {AMD64}}, // no L: absptr
 
         {{}, {.cie_pointer = 0}, "CORRUPT: illegal CIE pointer (0)"},
@@ -193,7 +188,6 @@ TEST(EhFrame, Fdes)
         {{},
          {.data_length = 4},
          "CORRUPT: length of remaining augmentation section (4) exceeds length of remaining FDE (3)"},
-        {{.data = bytes::hex("2b")}, {}, "UNSUPPORTED: unsupported target address encoding 0x2b" + unreadable},
         {{.data = bytes::hex("9b")}, {}, "UNSUPPORTED: unsupported target address encoding 0x9b" + unreadable},
         {{.data = bytes::hex("ff")}, {}, "INVALID: illegal EH form (0xf) | failed to read target address"},
         {{.augmentation = "zLR", .data = bytes::hex("ff 1b")},
@@ -259,14 +253,12 @@ TEST(EhFrame, SetLoc)
         const char *operand, *outcome;
     } rows[] = {
         {-1, "34 12 00 00 00 00 00 80", "1:8000000000001234"},
-        {0x00, "34 12 00 00 00 00 00 80", "1:8000000000001234"},
         {0x1b, "fe ff ff ff", "1:ffffffffffffffff"}, // relative to itself, at offset 1
         {0x3b, "fe ff ff ff", "1:8ffe"},
         {0x03, "fe ff ff ff", "1:fffffffe"},
         {0x03, "fe ff ff",
          "CORRUPT: form DW_FORM_data4 requires 4 bytes;  3 remaining | korva_decode_form() failed | "
          "unable to decode EH datum | failed to read operand"},
-        {0xff, "", "INVALID: illegal EH form (0xf) | failed to read operand"},
         {0x23, "00 00 00 00",
          "UNSUPPORTED: unsupported target address encoding 0x23 | unable to decode EH datum | failed to read operand"},
     };

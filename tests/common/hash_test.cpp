@@ -37,19 +37,6 @@ static void *lookup(krv_handle_t *hp, const hash_owner &table, uint64_t key)
     return krv_hash_lookup(hp, table.get(), &k);
 }
 
-TEST(Hash, BucketsOfAHint)
-{
-    handle h;
-    for (const auto &[hint, buckets] : {std::pair{0U, 16U}, {16U, 16U}, {17U, 32U}, {1000U, 1024U}, {1024U, 1024U}}) {
-        const hash_owner table(krv_hash_create(h, hint, KRV_HASH_UINT64));
-        EXPECT_EQ(table->dwhsh_nbuckets, buckets);
-        EXPECT_EQ(krv_hash_resize(h, table.get(), 40), 0); // grows, never shrinks
-        EXPECT_EQ(table->dwhsh_nbuckets, std::max(buckets, 64U));
-    }
-    EXPECT_EQ(krv_hash_create(h, 0, 2), nullptr);
-    EXPECT_EQ(h.error(), "INVALID: invalid hash type");
-}
-
 TEST(Hash, InsertLookupIterate)
 {
     static unsigned calls;

@@ -30,8 +30,6 @@ TEST_F(Loader, StorageOfSections)
         bool compressed;
     } rows[] = {
         {"", KRV_ACTIVATION_AMD64, false},
-        {"-no-pie", KRV_ACTIVATION_AMD64, false},
-        {"-static", KRV_ACTIVATION_AMD64, false},
         {"-gz=zlib", KRV_ACTIVATION_AMD64, true},
         {"-gz=zlib-gnu", KRV_ACTIVATION_AMD64, true},
         {"-m32", KRV_ACTIVATION_I386, false},
@@ -76,27 +74,6 @@ TEST_F(Loader, RelocatableFiles)
         EXPECT_EQ(line_of(elf.get(), inner->address), 2u);
         elf = open("a.o", KRV_ELF_F_RAW);
         EXPECT_EQ(notes(elf.get()).find("the relocations of .debug_info are not applied\n"), 0u) << notes(elf.get());
-    }
-}
-
-// Units of DWARF 5 keep their place and version, are noted, and cost the others nothing.
-TEST_F(Loader, OtherVersions)
-{
-    ASSERT_TRUE(compile("-gdwarf-5 -c a.c") && compile("-gdwarf-4 -c b.c"));
-    for (const char *order : {"a.o b.o", "b.o a.o"}) {
-        SCOPED_TRACE(order);
-        ASSERT_TRUE(compile(std::string(order) + " -o mixed"));
-        elf_ptr elf = open("mixed");
-        ASSERT_NE(elf, nullptr) << error.message;
-        const std::string seen = units(elf.get());
-        EXPECT_NE(seen.find("v5+"), std::string::npos);
-        EXPECT_NE(seen.find("b.c "), std::string::npos);
-        EXPECT_EQ(seen.find("a.c "), std::string::npos);
-        EXPECT_EQ(line_of(elf.get(), korva_elf_lookup_symbol_by_name(elf.get(), "b")->address), 1u);
-        EXPECT_EQ(line_of(elf.get(), korva_elf_lookup_symbol_by_name(elf.get(), "outer")->address), 0u);
-        elf = open("mixed", KRV_ELF_F_RAW);
-        EXPECT_EQ(units(elf.get()).find("b.c ") != std::string::npos, order[0] == 'b');
-        EXPECT_EQ(attached(elf.get()).find('+'), std::string::npos);
     }
 }
 

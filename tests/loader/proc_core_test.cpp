@@ -142,24 +142,6 @@ TEST_F(CoreFile, OfACrash)
     }
 }
 
-TEST_F(CoreFile, OfGdb)
-{
-    for (const char *program : {"target_o2", "target_static", "target_debug_frame"}) {
-        const running_target target(program, "threads", 5);
-        ASSERT_TRUE(target.ready());
-        if (!gcore(target.pid(), "g"))
-            GTEST_SKIP() << "gcore is missing, or could not read the process";
-        const proc_ptr proc = open(dir / "g", target_path(program));
-        ASSERT_NE(proc, nullptr) << error.message;
-        const stacks ours = our_stacks(proc.get());
-        EXPECT_EQ(ours.size(), 6U);
-        const proc_ptr live(korva_proc_attach(target.pid(), &error));
-        if (live == nullptr)
-            GTEST_SKIP() << error.message;
-        EXPECT_EQ(ours, our_stacks(live.get()));
-    }
-}
-
 TEST_F(CoreFile, TakesNothingFromAnotherFile)
 {
     const running_target target("target_o2", "pause");

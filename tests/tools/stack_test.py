@@ -41,6 +41,7 @@ CASES = {
     'static': (lambda targets, scratch: [f'{targets}/target_static', 'threads', '3'], 4),
     'omit-frame-pointer': (lambda targets, scratch: [f'{targets}/target_o2', 'callback'], 1),
     'signal': (lambda targets, scratch: [f'{targets}/target_o2', 'altstack'], 1),
+    'debug-frame': (lambda targets, scratch: [f'{targets}/target_debug_frame', 'threads', '5'], 6),
     'm32': (lambda targets, scratch: build_32(scratch), 1),
 }
 
