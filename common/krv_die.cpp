@@ -238,7 +238,7 @@ static krv_die_t *read_whole(krv_handle_t *hp, krv_fd_t *fdp, uint32_t flags, kr
     die->dwdie_whole = true;
     copy_data(hp, &found, reinterpret_cast<uint8_t *>(die->dwdie_attrs) + values_size);
     std::memcpy(die->dwdie_attrs, found.values, count * sizeof(krv_value_t));
-    *fdp = fd;
+    krv_fd_advance(fdp, fd.sfd_offset - fdp->sfd_offset); // position only: others may be asking for the size
     krv_clear_error(hp);
     return die;
 }
