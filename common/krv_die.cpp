@@ -160,6 +160,9 @@ static bool read_values(krv_fd_t *fdp, uint32_t flags, krv_die_t *die)
     return true;
 }
 
+namespace
+{
+
 // The strings and blocks of an entry, found in memory and not copied yet.
 struct found_data {
     static constexpr uint32_t MOST = 64;
@@ -173,6 +176,8 @@ struct found_data {
     uint32_t ndata = 0;
     uint64_t room = 0; // for all of them
 };
+
+} // namespace
 
 // What a string or block takes behind the record: a block has its cursor in front, and all are aligned for one.
 static uint64_t datum_room(uint64_t size, bool block)

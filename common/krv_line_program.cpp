@@ -186,8 +186,8 @@ struct place_table {
     uint64_t probes; // of taken slots, that may still be made
 };
 
-constexpr uint64_t PROBES_A_ROW =
-    16; // on the average less than one; more are made for lines that were chosen to collide
+// On the average less than one; more are made for lines that were chosen to collide.
+constexpr uint64_t PROBES_A_ROW = 16;
 constexpr uint64_t NO_PLACE = UINT64_MAX;
 
 } // namespace

@@ -6,37 +6,12 @@
 #include "krv_info.h"
 #include "krv_line.h"
 #include "support/activation.h"
+#include "support/counted_allocations.h"
 
 #include <cstring>
 #include <gtest/gtest.h>
 
 using namespace krv_test;
-
-static size_t allocated; // since it was set to 0; the linker leads the library's allocations here (--wrap)
-extern "C" {
-void *__real_malloc(size_t size);
-void *__real_calloc(size_t count, size_t size);
-void *__real_realloc(void *p, size_t size);
-void *__wrap_malloc(size_t size);
-void *__wrap_calloc(size_t count, size_t size);
-void *__wrap_realloc(void *p, size_t size);
-
-void *__wrap_malloc(size_t size)
-{
-    allocated += size;
-    return __real_malloc(size);
-}
-void *__wrap_calloc(size_t count, size_t size)
-{
-    allocated += count * size;
-    return __real_calloc(count, size);
-}
-void *__wrap_realloc(void *p, size_t size)
-{
-    allocated += size;
-    return __real_realloc(p, size);
-}
-}
 
 namespace
 {

@@ -4,6 +4,7 @@
 // bytes here, so that work or memory that counts them for each section anew has the square of the file's size: some of
 // these files would then take minutes.
 #include "loader_fixture.h"
+#include "support/counted_allocations.h"
 
 #include <cstring>
 #include <elf.h>
@@ -11,33 +12,6 @@
 #include <zlib.h>
 
 using namespace krv_test;
-
-static size_t allocated; // since it was set to 0; libelf's own memory is not among it
-
-extern "C" {
-void *__real_malloc(size_t size);
-void *__real_calloc(size_t count, size_t size);
-void *__real_realloc(void *p, size_t size);
-void *__wrap_malloc(size_t size);
-void *__wrap_calloc(size_t count, size_t size);
-void *__wrap_realloc(void *p, size_t size);
-
-void *__wrap_malloc(size_t size)
-{
-    allocated += size;
-    return __real_malloc(size);
-}
-void *__wrap_calloc(size_t count, size_t size)
-{
-    allocated += count * size;
-    return __real_calloc(count, size);
-}
-void *__wrap_realloc(void *p, size_t size)
-{
-    allocated += size;
-    return __real_realloc(p, size);
-}
-}
 
 void *operator new(size_t size)
 {
