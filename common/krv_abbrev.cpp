@@ -8,33 +8,56 @@
 #include "krv_mem.h"
 #include "krv_names.h"
 
-constexpr uint64_t FIRST_CAPACITY = 64;
-
 namespace
 {
 
-// A table while it is read; frees what nobody took over.
+// An array that grows. The first elements lie within it, which is all that most tables need while they are read.
+template <typename T, uint32_t FIRST>
+struct growing_array {
+    T *at = first;
+    uint64_t size = 0, room = FIRST;
+    T first[FIRST];
+
+    growing_array() {} // `first` stays as it is
+    ~growing_array()
+    {
+        if (at != first)
+            krv_free(at);
+    }
+    growing_array(const growing_array &) = delete;
+    growing_array &operator=(const growing_array &) = delete;
+
+    T *end() { return at + size; } // of what is used
+
+    // Makes room for so many more, at most FIRST. False: KRV_ERR_NOMEM.
+    bool reserve(krv_handle_t *hp, uint64_t more)
+    {
+        if (more <= room - size)
+            return true;
+        T *old = at == first ? nullptr : at;
+        uint64_t wanted = room;
+        if (!krv_table_grow(hp, &old, &wanted, wanted, wanted))
+            return false;
+        if (at == first)
+            std::memcpy(old, first, size * sizeof(T));
+        at = old;
+        room = wanted;
+        return true;
+    }
+};
+
+// A table while it is read.
 struct table_builder {
     krv_handle_t *hp;
     krv_fd_t *fdp; // the handle's .debug_abbrev cursor, used in place
     uint64_t offset;
-    krv_abbrev_t *abbrevs = nullptr;
-    uint64_t abbrevs_size = 0, nabbrevs = 0;
-    krv_afpair_t *pairs = nullptr;
-    uint64_t pairs_size = 0, npairs = 0;
+    growing_array<krv_abbrev_t, 64> abbrevs;
+    growing_array<krv_afpair_t, 512> pairs;
 
     table_builder(krv_handle_t *handle, uint64_t where)
         : hp(handle), fdp(&handle->sh_sec[KRV_SEC_ABBREV]), offset(where)
     {
     }
-    ~table_builder()
-    {
-        krv_free(abbrevs);
-        krv_free(pairs);
-    }
-    table_builder(const table_builder &) = delete;
-    table_builder &operator=(const table_builder &) = delete;
-
     unsigned long shown_offset() const { return static_cast<unsigned long>(offset); }
 };
 
@@ -45,9 +68,10 @@ enum class outcome { next, done, cut, failed };
 
 static bool append_pair(table_builder *t, krv_attribute_t attribute, krv_form_t form)
 {
-    if (!krv_table_grow(t->hp, &t->pairs, &t->pairs_size, t->npairs, FIRST_CAPACITY))
+    if (!t->pairs.reserve(t->hp, 1))
         return false;
-    t->pairs[t->npairs++] = {attribute, form};
+    *t->pairs.end() = {attribute, form};
+    ++t->pairs.size;
     return true;
 }
 
@@ -110,7 +134,7 @@ static outcome read_abbrev(table_builder *t)
         return outcome::failed;
     }
     abbrev.dwa_flags = children != 0 ? KRV_ABBREV_FLAG_PARENT : KRV_ABBREV_FLAG_NONE;
-    abbrev.dwa_afpair_start = t->npairs;
+    abbrev.dwa_afpair_start = t->pairs.size;
 
     outcome pairs = t->fdp->sfd_remaining == 0 ? outcome::done : outcome::next; // done: a list that never began
     while (pairs == outcome::next)
@@ -119,61 +143,81 @@ static outcome read_abbrev(table_builder *t)
         return outcome::failed;
     if (pairs == outcome::cut && t->fdp->sfd_remaining == 0)
         return outcome::done;
-    if (!krv_table_grow(t->hp, &t->abbrevs, &t->abbrevs_size, t->nabbrevs, FIRST_CAPACITY))
+    if (!t->abbrevs.reserve(t->hp, 1))
         return outcome::failed;
-    t->abbrevs[t->nabbrevs++] = abbrev;
+    *t->abbrevs.end() = abbrev;
+    ++t->abbrevs.size;
     return outcome::next;
 }
 
-namespace
+// Steps over a number in memory. False: too large, too long, or cut off.
+static inline bool scan_number(const uint8_t **at, const uint8_t *end, uint64_t most, uint64_t *value)
 {
-
-// Numbers of a table in memory.
-struct number_scanner {
-    const uint8_t *at, *end;
-
-    bool read(uint64_t most, uint64_t *value)
-    {
-        if (at != end && *at < 0x80) {
-            *value = *at++;
-            return *value <= most;
-        }
-        const unsigned int width = krv_scan_uleb128({at, static_cast<uint64_t>(end - at)}, value);
-        at += width;
-        return width != 0 && *value <= most;
+    const uint8_t *bytes = *at;
+    if (bytes != end && bytes[0] < 0x80) {
+        *value = bytes[0];
+        *at = bytes + 1;
+    } else if (end - bytes >= 2 && bytes[1] < 0x80) {
+        *value = (bytes[0] & 0x7fU) | uint64_t{bytes[1]} << 7;
+        *at = bytes + 2;
+    } else {
+        const unsigned int width = krv_scan_uleb128({bytes, static_cast<uint64_t>(end - bytes)}, value);
+        *at = bytes + width;
+        if (width == 0)
+            return false;
     }
-};
-
-} // namespace
-
-static bool is_short(uint8_t number)
-{
-    return number != 0 && number < 0x80;
+    return *value <= most;
 }
 
-// The pairs of one abbreviation, to their (0, 0). False: irregular or cut off, or no memory.
-static bool scan_pairs(table_builder *t, number_scanner *scanner)
+// Copies four pairs of one-byte numbers. The bits that are not 0 begin in the first pair that is no such one, or has
+// a 0.
+static inline uint64_t copy_short_pairs(const uint8_t *from, krv_afpair_t *to)
+{
+    typedef uint8_t numbers_t __attribute__((vector_size(8)));
+    typedef uint16_t fields_t __attribute__((vector_size(16)));
+    static_assert(sizeof(krv_afpair_t) == 4 && offsetof(krv_afpair_t, dwafp_form) == 2);
+    numbers_t numbers;
+    std::memcpy(&numbers, from, sizeof(numbers));
+    const fields_t fields = __builtin_convertvector(numbers, fields_t); // a form and the byte behind it, as one field
+    std::memcpy(to, &fields, sizeof(fields));
+    constexpr uint64_t ONES = 0x0101010101010101, HIGH_BITS = 0x8080808080808080;
+    uint64_t word;
+    std::memcpy(&word, from, sizeof(word));
+    return (word | (word - ONES)) & HIGH_BITS; // behind the first that is found a carry may make others
+}
+
+// The pairs of one abbreviation, to their (0, 0). NULL: irregular or cut off, or no memory.
+static inline const uint8_t *scan_pairs(table_builder *t, const uint8_t *at, const uint8_t *end)
 {
     for (;;) {
-        if (!krv_table_grow(t->hp, &t->pairs, &t->pairs_size, t->npairs, FIRST_CAPACITY))
-            return false;
-        krv_afpair_t *to = t->pairs + t->npairs, *const full = t->pairs + t->pairs_size;
-        // Two short numbers, neither of them 0, in nearly all cases.
-        const uint8_t *at = scanner->at;
-        for (; to != full && scanner->end - at >= 2 && is_short(at[0]) && is_short(at[1]); at += 2)
-            *to++ = {at[0], at[1]};
-        scanner->at = at;
-        uint64_t attribute = 1, form = 1;
-        if (to != full) {
-            if (!scanner->read(UINT16_MAX, &attribute) || !scanner->read(UINT8_MAX, &form) ||
-                (attribute == 0) != (form == 0))
-                return false;
-            if (attribute != 0)
-                *to++ = {static_cast<krv_attribute_t>(attribute), static_cast<krv_form_t>(form)};
+        krv_afpair_t *to = t->pairs.end();
+        const krv_afpair_t *const last = t->pairs.at + t->pairs.room - 4; // where four find room
+        for (; to <= last; to += 4, at += 8) {
+            if (end - at < 8)
+                break;
+            const uint64_t others = copy_short_pairs(at, to);
+            if (others == 0)
+                continue;
+            const uint32_t count = static_cast<uint32_t>(__builtin_ctzll(others)) / 16;
+            to += count;
+            at += 2 * count;
+            if (at[0] == 0 && at[1] == 0) {
+                t->pairs.size = static_cast<uint64_t>(to - t->pairs.at);
+                return at + 2;
+            }
+            break;
         }
-        t->npairs = static_cast<uint64_t>(to - t->pairs);
+        t->pairs.size = static_cast<uint64_t>(to - t->pairs.at);
+        if (!t->pairs.reserve(t->hp, 4))
+            return nullptr;
+        uint64_t attribute, form;
+        if (!scan_number(&at, end, UINT16_MAX, &attribute) || !scan_number(&at, end, UINT8_MAX, &form) ||
+            (attribute == 0) != (form == 0))
+            return nullptr;
         if (attribute == 0)
-            return true;
+            return at;
+        *t->pairs.end() = {static_cast<krv_attribute_t>(attribute), static_cast<krv_form_t>(form)};
+        ++t->pairs.size;
     }
 }
 
@@ -182,32 +226,34 @@ static bool scan_pairs(table_builder *t, number_scanner *scanner)
 static outcome scan_abbrevs(table_builder *t)
 {
     const krv_view_t view = krv_fd_view(t->fdp);
-    number_scanner scanner = {view.bytes, view.bytes + view.size};
-    const uint8_t *behind = view.bytes; // the last one that was read whole
+    const uint8_t *at = view.bytes, *const end = view.bytes + view.size;
+    const uint8_t *behind = at; // the last one that was read whole
     outcome result = outcome::next;
     while (result == outcome::next) {
-        const uint64_t start = t->npairs;
-        uint64_t code = 0, tag = 0;
-        if (!scanner.read(UINT32_MAX, &code))
+        uint64_t code, tag;
+        if (!scan_number(&at, end, UINT32_MAX, &code))
             break;
-        if (code != 0) {
-            if (!scanner.read(UINT16_MAX, &tag) || scanner.at == scanner.end)
+        if (code == 0) {
+            result = outcome::done;
+        } else {
+            if (!scan_number(&at, end, UINT16_MAX, &tag) || at == end || !t->abbrevs.reserve(t->hp, 1))
                 break;
-            const krv_abbrev_flag_t flags = *scanner.at++ != 0 ? KRV_ABBREV_FLAG_PARENT : KRV_ABBREV_FLAG_NONE;
-            if (!scan_pairs(t, &scanner) ||
-                !krv_table_grow(t->hp, &t->abbrevs, &t->abbrevs_size, t->nabbrevs, FIRST_CAPACITY)) {
-                t->npairs = start;
+            const krv_abbrev_flag_t flags = *at++ != 0 ? KRV_ABBREV_FLAG_PARENT : KRV_ABBREV_FLAG_NONE;
+            const uint64_t start = t->pairs.size;
+            at = scan_pairs(t, at, end);
+            if (at == nullptr) {
+                t->pairs.size = start;
                 break;
             }
-            t->abbrevs[t->nabbrevs++] = {static_cast<uint32_t>(code),
-                                         static_cast<krv_tag_t>(tag),
-                                         flags,
-                                         static_cast<uint32_t>(t->npairs - start),
-                                         nullptr,
-                                         start};
+            *t->abbrevs.end() = {static_cast<uint32_t>(code),
+                                 static_cast<krv_tag_t>(tag),
+                                 flags,
+                                 static_cast<uint32_t>(t->pairs.size - start),
+                                 nullptr,
+                                 start};
+            ++t->abbrevs.size;
         }
-        behind = scanner.at;
-        result = code == 0 ? outcome::done : outcome::next;
+        behind = at;
     }
     if (behind != view.bytes)
         krv_clear_error(t->hp);
@@ -221,46 +267,58 @@ static krv_abbrev_t *at_its_code(krv_abbrev_t *abbrevs, uint64_t count, uint64_t
     return code - 1 < count && abbrevs[code - 1].dwa_code == code ? &abbrevs[code - 1] : nullptr;
 }
 
-static bool numbered_in_order(const table_builder *t)
-{
-    uint64_t i = 0;
-    while (i < t->nabbrevs && t->abbrevs[i].dwa_code == i + 1)
-        ++i;
-    return i == t->nabbrevs;
-}
-
 // The hash of all tables that need none. Nothing is ever inserted.
 static krv_hash_t *no_codes()
 {
     static krv_hash_elem_t *bucket;
-    static krv_hash_t hash = {&bucket, 1, 0, {}, krv_hash_hash_uint64, krv_hash_cmp_uint64};
+    static krv_hash_t hash = {&bucket, 1, 0, {}, krv_hash_hash_uint64, krv_hash_cmp_uint64, nullptr, nullptr, 0};
     return &hash;
 }
 
-static void destroy_codes(krv_hash_t *hash)
+static krv_hash_t *hash_abbrevs(krv_handle_t *hp, const krv_au_t *au)
 {
-    if (hash != no_codes())
-        krv_hash_destroy(hash);
-}
-
-static krv_hash_t *hash_abbrevs(table_builder *t)
-{
-    if (numbered_in_order(t))
-        return no_codes();
     // The count is a hint only; no table has more abbreviations than a code has values.
-    krv_hash_t *hash = krv_hash_create(t->hp, static_cast<unsigned int>(t->nabbrevs), KRV_HASH_UINT64);
+    const auto count = static_cast<unsigned int>(au->sau_abbrev_table_entries);
+    krv_hash_t *hash = krv_hash_create(hp, count, KRV_HASH_UINT64);
     if (hash == nullptr)
         return nullptr;
-    for (uint64_t i = 0; i < t->nabbrevs; ++i) {
-        krv_abbrev_t *abbrev = &t->abbrevs[i];
+    for (uint64_t i = 0; i < au->sau_abbrev_table_entries; ++i) {
+        krv_abbrev_t *abbrev = &au->sau_abbrev_table[i];
         const krv_hash_key_t key = {.dwhk_u = abbrev->dwa_code};
-        if (krv_hash_insert(t->hp, hash, &key, abbrev) != abbrev) {
-            krv_note(t->hp, "error hashing abbreviation");
+        if (krv_hash_insert(hp, hash, &key, abbrev) != abbrev) {
+            krv_note(hp, "error hashing abbreviation");
             krv_hash_destroy(hash);
             return nullptr;
         }
     }
     return hash;
+}
+
+// The table in one allocation: its record, the abbreviations, the pairs. The sizes are of arrays that are in memory.
+static krv_au_t *make_unit(table_builder *t)
+{
+    const uint64_t abbrevs_size = t->abbrevs.size * sizeof(krv_abbrev_t);
+    const uint64_t pairs_size = t->pairs.size * sizeof(krv_afpair_t);
+    krv_owner<krv_au_t> au(static_cast<krv_au_t *>(krv_alloc(t->hp, sizeof(krv_au_t) + abbrevs_size + pairs_size)));
+    if (au == nullptr)
+        return nullptr;
+    auto *abbrevs = reinterpret_cast<krv_abbrev_t *>(au.get() + 1);
+    auto *pairs = reinterpret_cast<krv_afpair_t *>(abbrevs + t->abbrevs.size);
+    std::memcpy(pairs, t->pairs.at, pairs_size);
+    bool in_order = true;
+    for (uint64_t i = 0; i < t->abbrevs.size; ++i) {
+        abbrevs[i] = t->abbrevs.at[i];
+        abbrevs[i].dwa_afpairs = t->pairs.size == 0 ? nullptr : pairs + abbrevs[i].dwa_afpair_start;
+        in_order = in_order && abbrevs[i].dwa_code == i + 1;
+    }
+    *au = {t->abbrevs.size == 0 ? nullptr : abbrevs,
+           t->abbrevs.size,
+           t->pairs.size == 0 ? nullptr : pairs,
+           t->pairs.size,
+           nullptr,
+           t->offset};
+    au->sau_hash = in_order ? no_codes() : hash_abbrevs(t->hp, au.get());
+    return au->sau_hash == nullptr ? nullptr : au.release();
 }
 
 krv_au_t *krv_abbrev_unit_alloc(krv_handle_t *hp, uint64_t offset)
@@ -280,31 +338,13 @@ krv_au_t *krv_abbrev_unit_alloc(krv_handle_t *hp, uint64_t offset)
         if (abbrev == outcome::done)
             break;
     }
-    if (!krv_table_trim(hp, &t.abbrevs, &t.abbrevs_size, t.nabbrevs) ||
-        !krv_table_trim(hp, &t.pairs, &t.pairs_size, t.npairs))
-        return nullptr;
-    krv_hash_t *hash = hash_abbrevs(&t);
-    if (hash == nullptr)
-        return nullptr;
-    for (uint64_t i = 0; i < t.nabbrevs; ++i)
-        if (t.npairs != 0)
-            t.abbrevs[i].dwa_afpairs = t.pairs + t.abbrevs[i].dwa_afpair_start;
-    auto *au = krv_new<krv_au_t>(hp);
-    if (au == nullptr) {
-        destroy_codes(hash);
-        return nullptr;
-    }
-    *au = {t.abbrevs, t.nabbrevs, t.pairs, t.npairs, hash, offset};
-    t.abbrevs = nullptr;
-    t.pairs = nullptr;
-    return au;
+    return make_unit(&t);
 }
 
 void krv_abbrev_unit_free(krv_au_t *au)
 {
-    destroy_codes(au->sau_hash);
-    krv_free(au->sau_abbrev_table);
-    krv_free(au->sau_afpair_table);
+    if (au->sau_hash != no_codes())
+        krv_hash_destroy(au->sau_hash);
     krv_free(au);
 }
 

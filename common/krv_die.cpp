@@ -348,17 +348,28 @@ int krv_get_die_tag(krv_handle_t *hp, krv_die_t *die, krv_tag_t *tagp)
     return 0;
 }
 
-int krv_get_die_string_attr(krv_handle_t *hp, krv_die_t *die, krv_attribute_t attr, char *buf, size_t size)
+const char *krv_find_die_string(krv_handle_t *hp, krv_die_t *die, krv_attribute_t attr, size_t size, size_t *lengthp)
 {
-    KRV_ASSERT(buf != NULL);
     int mask = 0;
     krv_value_t *value = nullptr;
     if (krv_get_die_attr(hp, die, attr, nullptr, &mask, &value) != 0)
-        return -1;
-    if ((static_cast<uint32_t>(mask) & KRV_CLASS_STRING) == 0 || size == 0)
-        return krv_fail_code(hp, KRV_ERR_INVALID);
+        return nullptr;
+    if ((static_cast<uint32_t>(mask) & KRV_CLASS_STRING) == 0 || size == 0) {
+        hp->sh_errno = KRV_ERR_INVALID;
+        return nullptr;
+    }
     const auto *text = static_cast<const char *>(value->sa_u.su_addr);
-    const size_t length = strnlen(text, size - 1);
+    *lengthp = strnlen(text, size - 1);
+    return text;
+}
+
+int krv_get_die_string_attr(krv_handle_t *hp, krv_die_t *die, krv_attribute_t attr, char *buf, size_t size)
+{
+    KRV_ASSERT(buf != NULL);
+    size_t length = 0;
+    const char *text = krv_find_die_string(hp, die, attr, size, &length);
+    if (text == nullptr)
+        return -1;
     std::memcpy(buf, text, length);
     buf[length] = '\0';
     return 0;

@@ -77,16 +77,31 @@ krv_hash_t *krv_hash_create(krv_handle_t *hp, unsigned int size, krv_hash_type_t
 
 void krv_hash_destroy(krv_hash_t *table)
 {
-    for (uint32_t i = 0; i < table->dwhsh_nbuckets; ++i) {
-        krv_hash_elem_t *next;
-        for (krv_hash_elem_t *e = table->dwhsh_buckets[i]; e != nullptr; e = next) {
-            next = e->dwhe_next;
-            krv_free(e);
-        }
+    krv_hash_chunk_t *next;
+    for (krv_hash_chunk_t *chunk = table->dwhsh_chunks; chunk != nullptr; chunk = next) {
+        next = chunk->dwhc_next;
+        krv_free(chunk);
     }
     krv_free(table->dwhsh_buckets);
     krv_rwlock_destroy(&table->dwhsh_rwlock);
     krv_free(table);
+}
+
+// Makes sure of one unused entry; as many come at a time as the buckets are due. Caller holds the write lock.
+static bool reserve_elem(krv_handle_t *hp, krv_hash_t *table)
+{
+    if (table->dwhsh_nunused != 0)
+        return true;
+    const uint32_t count = table->dwhsh_nbuckets / 2;
+    auto *chunk =
+        static_cast<krv_hash_chunk_t *>(krv_alloc(hp, sizeof(krv_hash_chunk_t) + count * sizeof(krv_hash_elem_t)));
+    if (chunk == nullptr)
+        return false;
+    chunk->dwhc_next = table->dwhsh_chunks;
+    table->dwhsh_chunks = chunk;
+    table->dwhsh_unused = chunk->dwhc_elems;
+    table->dwhsh_nunused = count;
+    return true;
 }
 
 // Caller holds the lock. NULL when the key is absent.
@@ -142,20 +157,20 @@ void *krv_hash_lookup(krv_handle_t *hp, krv_hash_t *table, const krv_hash_key_t 
 
 void *krv_hash_insert(krv_handle_t *hp, krv_hash_t *table, const krv_hash_key_t *key, void *value)
 {
-    krv_owner<krv_hash_elem_t> fresh(krv_new<krv_hash_elem_t>(hp));
-    if (fresh == nullptr)
-        return nullptr;
     const krv_write_guard guard(&table->dwhsh_rwlock);
     const uint32_t nbuckets = table->dwhsh_nbuckets;
+    if (!reserve_elem(hp, table))
+        return nullptr;
     if (table->dwhsh_occupancy > nbuckets / 2 && nbuckets <= UINT32_MAX / 2 && grow(hp, table, nbuckets * 2) != 0)
         return nullptr;
     if (const krv_hash_elem_t *e = find(table, key)) {
         hp->sh_errno = KRV_ERR_EXISTS;
         return e->dwhe_value;
     }
-    fresh->dwhe_key = *key;
-    fresh->dwhe_value = value;
-    push_front(table, fresh.release());
+    krv_hash_elem_t *fresh = table->dwhsh_unused++;
+    --table->dwhsh_nunused;
+    *fresh = {*key, value, nullptr};
+    push_front(table, fresh);
     ++table->dwhsh_occupancy;
     return value;
 }

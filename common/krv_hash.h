@@ -24,6 +24,12 @@ typedef uint32_t krv_hash_hash_f(const krv_hash_t *table, const krv_hash_key_t *
 typedef uint32_t krv_hash_cmp_f(const krv_hash_key_t *a, const krv_hash_key_t *b);    // non-zero when equal
 typedef int krv_hash_iter_f(void *value);                                             // non-zero stops
 
+// Entries are never given back one by one, so they are allocated many at a time.
+struct krv_hash_chunk_t {
+    krv_hash_chunk_t *dwhc_next;
+    krv_hash_elem_t dwhc_elems[];
+};
+
 struct krv_hash {
     krv_hash_elem_t **dwhsh_buckets;
     uint32_t dwhsh_nbuckets; // a power of two, at least 16
@@ -31,6 +37,9 @@ struct krv_hash {
     krv_rwlock_t dwhsh_rwlock;
     krv_hash_hash_f *dwhsh_hash;
     krv_hash_cmp_f *dwhsh_cmp;
+    krv_hash_chunk_t *dwhsh_chunks; // what holds the entries
+    krv_hash_elem_t *dwhsh_unused;  // so many in the latest of them that are free
+    uint32_t dwhsh_nunused;
 };
 
 typedef int krv_hash_type_t;

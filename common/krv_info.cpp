@@ -77,12 +77,11 @@ int krv_info_hdr_read(krv_handle_t *hp, krv_ctu_t *cu, krv_secidx_t sec, uint64_
     return 0;
 }
 
-// Frees a unit, complete or not.
-static void discard_cu(krv_ctu_t *cu)
+void krv_cu_free(krv_ctu_t *cu)
 {
+    KRV_ASSERT(cu != NULL);
+    KRV_ASSERT(cu->dcu_compile_unit != NULL);
     krv_free_die(cu->dcu_compile_unit);
-    krv_free(cu->dcu_comp_dir);
-    krv_free(cu->dcu_name);
     if (cu->dcu_aranges != nullptr)
         krv_free(krv_ranges_list(cu->dcu_aranges));
     if (cu->dcu_lnphp != nullptr)
@@ -90,30 +89,48 @@ static void discard_cu(krv_ctu_t *cu)
     krv_free(cu);
 }
 
-void krv_cu_free(krv_ctu_t *cu)
+namespace
 {
-    KRV_ASSERT(cu != NULL);
-    KRV_ASSERT(cu->dcu_compile_unit != NULL);
-    discard_cu(cu);
+
+// A string attribute of a unit's first entry, as long as it will be kept. NULL: absent.
+struct unit_name {
+    const char *text = nullptr;
+    size_t length = 0;
+};
+
+} // namespace
+
+static bool find_name(krv_handle_t *hp, krv_die_t *die, krv_attribute_t attr, unit_name *name)
+{
+    name->text = krv_find_die_string(hp, die, attr, KRV_STRING_BUFSZ, &name->length);
+    return name->text != nullptr || hp->sh_errno == KRV_ERR_NOTFOUND;
 }
 
-// Keeps a copy of a string attribute of the unit's first entry; an absent one is no failure.
-static bool copy_name(krv_handle_t *hp, krv_die_t *die, krv_attribute_t attr, char **copyp)
+// Puts a copy where there is room for it. Returns what is behind.
+static char *copy_name(const unit_name *name, char *to, char **copyp)
 {
-    char buf[KRV_STRING_BUFSZ];
-    if (krv_get_die_string_attr(hp, die, attr, buf, sizeof(buf)) != 0)
-        return hp->sh_errno == KRV_ERR_NOTFOUND;
-    *copyp = krv_strdup(hp, buf);
-    return *copyp != nullptr;
+    if (name->text == nullptr)
+        return to;
+    std::memcpy(to, name->text, name->length);
+    to[name->length] = '\0';
+    *copyp = to;
+    return to + name->length + 1;
 }
 
-static bool fill_cu(krv_handle_t *hp, krv_ctu_t *cu, krv_secidx_t sec, uint64_t offset)
+// The unit in an allocation of its own, with its two names, or NULL. Takes over the entry when it succeeds.
+static krv_ctu_t *keep_unit(krv_handle_t *hp, const krv_ctu_t *cu)
 {
-    if (krv_info_hdr_read(hp, cu, sec, offset) != 0)
-        return false;
-    cu->dcu_compile_unit = krv_alloc_die_by_cu_offset(hp, cu, cu->dcu_header_size);
-    return cu->dcu_compile_unit != nullptr && copy_name(hp, cu->dcu_compile_unit, DW_AT_comp_dir, &cu->dcu_comp_dir) &&
-           copy_name(hp, cu->dcu_compile_unit, DW_AT_name, &cu->dcu_name);
+    unit_name comp_dir, name;
+    if (!find_name(hp, cu->dcu_compile_unit, DW_AT_comp_dir, &comp_dir) ||
+        !find_name(hp, cu->dcu_compile_unit, DW_AT_name, &name))
+        return nullptr;
+    auto *kept = static_cast<krv_ctu_t *>(krv_alloc(hp, sizeof(*cu) + comp_dir.length + 1 + name.length + 1));
+    if (kept == nullptr)
+        return nullptr;
+    *kept = *cu;
+    copy_name(&name, copy_name(&comp_dir, reinterpret_cast<char *>(kept + 1), &kept->dcu_comp_dir), &kept->dcu_name);
+    kept->dcu_compile_unit->dwdie_parent_cu = kept;
+    return kept;
 }
 
 // The one section that units are read from. -1: refused with its message.
@@ -131,13 +148,20 @@ krv_ctu_t *krv_cu_alloc(krv_handle_t *hp, krv_secidx_t sec, uint64_t offset)
     KRV_ASSERT(hp != NULL);
     if (check_section(hp, sec) != 0)
         return nullptr;
-    auto *cu = krv_new<krv_ctu_t>(hp);
-    if (cu != nullptr && fill_cu(hp, cu, sec, offset))
-        return cu;
-    krv_note(hp, "failed to obtain CU at offset %lld in %s", static_cast<long long>(offset), section_name(sec));
-    if (cu != nullptr)
-        discard_cu(cu);
-    return nullptr;
+    krv_ctu_t cu;
+    std::unique_ptr<krv_die_t, krv_die_deleter> die;
+    krv_ctu_t *kept = nullptr;
+    if (krv_info_hdr_read(hp, &cu, sec, offset) == 0) {
+        cu.dcu_compile_unit = krv_alloc_die_by_cu_offset(hp, &cu, cu.dcu_header_size);
+        die.reset(cu.dcu_compile_unit);
+        kept = die == nullptr ? nullptr : keep_unit(hp, &cu);
+    }
+    if (kept == nullptr) {
+        krv_note(hp, "failed to obtain CU at offset %lld in %s", static_cast<long long>(offset), section_name(sec));
+        return nullptr;
+    }
+    static_cast<void>(die.release()); // the unit's now
+    return kept;
 }
 
 int korva_iter_cu(krv_handle_t *hp, krv_secidx_t sec, krv_iter_cu_f *fn, void *arg)

@@ -28,8 +28,8 @@ struct krv_ctu {
     uint64_t *dcu_aranges;       // owned: (start, end) pairs; NULL while unknown; see krv_ranges_count
     size_t dcu_aranges_size;     // number of pairs
     krv_die_t *dcu_compile_unit; // owned: the first entry
-    char *dcu_comp_dir;          // owned; NULL when the entry has none
-    char *dcu_name;              // owned; NULL when the entry has none
+    char *dcu_comp_dir;          // behind the record, in its allocation; NULL when the entry has none
+    char *dcu_name;              // likewise
     uint32_t dcu_flags;          // KRV_CU_FLAG_*
 };
 
@@ -67,7 +67,9 @@ int krv_get_die_attr(krv_handle_t *hp, krv_die_t *die, krv_attribute_t attr, krv
                      krv_value_t **valuep);
 int krv_get_die_tag(krv_handle_t *hp, krv_die_t *die, krv_tag_t *tagp);
 
-// Copies a string attribute, cut to size - 1 characters. KRV_ERR_NOTFOUND, or KRV_ERR_INVALID when it is no string.
+// A string attribute and its length, cut to size - 1 characters; it is the entry's. NULL with KRV_ERR_NOTFOUND, or with
+// KRV_ERR_INVALID when it is no string. The second function copies it.
+const char *krv_find_die_string(krv_handle_t *hp, krv_die_t *die, krv_attribute_t attr, size_t size, size_t *lengthp);
 int krv_get_die_string_attr(krv_handle_t *hp, krv_die_t *die, krv_attribute_t attr, char *buf, size_t size);
 
 // Navigation: a new entry, or NULL, with KRV_ERR_NOTFOUND where there is none.
