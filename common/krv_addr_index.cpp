@@ -10,6 +10,7 @@
 #include "krv_mem.h"
 
 #include <algorithm>
+#include <numeric>
 
 namespace
 {
@@ -18,6 +19,12 @@ namespace
 struct range {
     uint64_t start, end;
     uint32_t unit;
+};
+
+// One of the two bounds of a range, numbered in the order of the ranges: starts are even.
+struct bound {
+    uint64_t address;
+    size_t number;
 };
 
 struct index_deleter {
@@ -79,21 +86,45 @@ static bool collect_ranges(krv_handle_t *hp, krv_lookup_flag_t flags, range_tabl
 template <typename T>
 static T *alloc_array(krv_handle_t *hp, size_t count)
 {
-    return static_cast<T *>(krv_zalloc(hp, count * sizeof(T)));
+    return static_cast<T *>(krv_alloc(hp, count * sizeof(T)));
 }
 
-static bool sort_bounds(krv_handle_t *hp, const range_table *t, krv_addr_index *index)
+// Sorts by address, digit after digit from the lowest: addresses of a program differ in few bytes, and comparisons of
+// them could not be predicted. `spare` is as long. Returns the one of both that is sorted.
+static bound *sort_bounds(bound *bounds, bound *spare, size_t count)
 {
-    index->sai_bounds = alloc_array<uint64_t>(hp, 2 * t->entries);
-    if (index->sai_bounds == nullptr)
-        return false;
-    uint64_t *end = index->sai_bounds;
-    for (size_t i = 0; i < t->entries; ++i) {
-        *end++ = t->ranges[i].start;
-        *end++ = t->ranges[i].end;
+    for (unsigned int shift = 0; shift < 64; shift += 8) {
+        size_t begin[257] = {}; // of the bounds with a digit; those of one less are counted first
+        for (size_t i = 0; i < count; ++i)
+            ++begin[(bounds[i].address >> shift & 0xff) + 1];
+        if (begin[(bounds[0].address >> shift & 0xff) + 1] == count)
+            continue;
+        std::partial_sum(begin, begin + 257, begin);
+        for (size_t i = 0; i < count; ++i)
+            spare[begin[bounds[i].address >> shift & 0xff]++] = bounds[i];
+        std::swap(bounds, spare);
     }
-    std::sort(index->sai_bounds, end);
-    index->sai_pieces = static_cast<size_t>(std::unique(index->sai_bounds, end) - index->sai_bounds);
+    return bounds;
+}
+
+// Finds the pieces, and for the bounds of each range where they are among them: of range i in pieces[2 * i] and the next.
+static bool find_pieces(krv_handle_t *hp, const range_table *t, krv_addr_index *index, size_t *pieces)
+{
+    const size_t count = 2 * t->entries;
+    index->sai_bounds = alloc_array<uint64_t>(hp, count);
+    const krv_owner<bound> room(alloc_array<bound>(hp, 2 * count));
+    if (index->sai_bounds == nullptr || room == nullptr)
+        return false;
+    for (size_t i = 0; i < t->entries; ++i) {
+        room.get()[2 * i] = {t->ranges[i].start, 2 * i};
+        room.get()[2 * i + 1] = {t->ranges[i].end, 2 * i + 1};
+    }
+    const bound *sorted = count == 0 ? nullptr : sort_bounds(room.get(), room.get() + count, count);
+    for (size_t i = 0; i < count; ++i) {
+        if (i == 0 || sorted[i].address != sorted[i - 1].address)
+            index->sai_bounds[index->sai_pieces++] = sorted[i].address;
+        pieces[sorted[i].number] = index->sai_pieces - 1;
+    }
     return true;
 }
 
@@ -111,23 +142,19 @@ static size_t first_bare(size_t *next, size_t piece)
     return bare;
 }
 
-static bool paint(krv_handle_t *hp, const range_table *t, krv_addr_index *index)
+static bool paint(krv_handle_t *hp, const range_table *t, krv_addr_index *index, const size_t *pieces)
 {
-    const size_t pieces = index->sai_pieces;
-    index->sai_units = alloc_array<uint32_t>(hp, pieces);
-    const krv_owner<size_t> next(alloc_array<size_t>(hp, pieces + 1));
+    const size_t count = index->sai_pieces;
+    index->sai_units = alloc_array<uint32_t>(hp, count);
+    const krv_owner<size_t> next(alloc_array<size_t>(hp, count + 1));
     if (index->sai_units == nullptr || next == nullptr)
         return false;
-    std::fill_n(index->sai_units, pieces, KRV_NO_UNIT);
-    for (size_t i = 0; i <= pieces; ++i)
-        next.get()[i] = i;
-    const uint64_t *begin = index->sai_bounds, *end = begin + pieces;
+    std::fill_n(index->sai_units, count, KRV_NO_UNIT);
+    std::iota(next.get(), next.get() + count + 1, size_t{0});
     for (size_t i = 0; i < t->entries; ++i) {
-        const range *r = &t->ranges[i];
-        const auto last = static_cast<size_t>(std::lower_bound(begin, end, r->end) - begin);
-        auto piece = static_cast<size_t>(std::lower_bound(begin, end, r->start) - begin);
-        while ((piece = first_bare(next.get(), piece)) < last) {
-            index->sai_units[piece] = r->unit;
+        size_t piece = pieces[2 * i];
+        while ((piece = first_bare(next.get(), piece)) < pieces[2 * i + 1]) {
+            index->sai_units[piece] = t->ranges[i].unit;
             next.get()[piece] = piece + 1;
         }
     }
@@ -138,8 +165,11 @@ static krv_addr_index *build_index(krv_handle_t *hp, krv_lookup_flag_t flags)
 {
     index_owner index(krv_new<krv_addr_index>(hp));
     range_table t;
-    if (index == nullptr || !collect_ranges(hp, flags, &t, index.get()) || !sort_bounds(hp, &t, index.get()) ||
-        !paint(hp, &t, index.get()))
+    if (index == nullptr || !collect_ranges(hp, flags, &t, index.get()))
+        return nullptr;
+    const krv_owner<size_t> pieces(alloc_array<size_t>(hp, 2 * t.entries));
+    if (pieces == nullptr || !find_pieces(hp, &t, index.get(), pieces.get()) ||
+        !paint(hp, &t, index.get(), pieces.get()))
         return nullptr;
     krv_clear_error(hp); // of scans that found nothing
     return index.release();

@@ -88,12 +88,24 @@ constexpr bool is_row_field(unsigned field)
     return (field_table[field].records & LNS) != 0;
 }
 
-// Where each field goes, NULL where it is not wanted, and the matrix of a header that was asked for it.
+// Where each field that is wanted goes, and the matrix of a header that was asked for it.
 struct destinations {
-    void *of[NFIELDS] = {};
+    void *of[NFIELDS];
+    uint64_t wanted = 0; // bit n for field n
     krv_lnph_t *header = nullptr;
     krv_lnp_t *matrix = nullptr;
+
+    destinations() {} // `of` is filled where it is wanted
+    void *find(unsigned field) const { return (wanted >> field & 1) != 0 ? of[field] : nullptr; }
 };
+
+// The fields of a set of them, ascending.
+template <typename Visit>
+void for_each_field(uint64_t fields, Visit visit)
+{
+    for (; fields != 0; fields &= fields - 1)
+        visit(static_cast<unsigned>(__builtin_ctzll(fields)));
+}
 
 } // namespace
 
@@ -110,6 +122,8 @@ static int scan_fields(krv_handle_t *hp, unsigned record, unsigned int nfields, 
             continue;
         }
         dst->of[field] = where;
+        const uint64_t bit = uint64_t{1} << field;
+        dst->wanted = where == nullptr ? dst->wanted & ~bit : dst->wanted | bit;
         if (field != KRV_FIELD_LNPH_LNP || result != 0) // building it would wipe what was reported before
             continue;
         dst->matrix = krv_line_get_matrix(hp, dst->header);
@@ -123,8 +137,6 @@ static int scan_fields(krv_handle_t *hp, unsigned record, unsigned int nfields, 
 static void write_field(const destinations *dst, unsigned field, const void *record, size_t i)
 {
     const field_row *row = &field_table[field];
-    if (dst->of[field] == nullptr)
-        return;
     const auto *from = static_cast<const uint8_t *>(record) + row->offset;
     if (row->flag == 0) {
         std::memcpy(static_cast<uint8_t *>(dst->of[field]) + i * row->size, from, row->size);
@@ -135,11 +147,30 @@ static void write_field(const destinations *dst, unsigned field, const void *rec
     static_cast<boolean_t *>(dst->of[field])[i] = (flags & row->flag) != 0 ? B_TRUE : B_FALSE;
 }
 
-static void write_record(const destinations *dst, unsigned record, const void *structp, size_t i)
+// As write_field, for every row: plain fields by their width.
+template <typename T>
+static void copy_column(const krv_lnp_t *matrix, size_t offset, void *to)
 {
-    for (unsigned field = 0; field < NFIELDS; ++field)
-        if ((field_table[field].records & record) != 0)
-            write_field(dst, field, structp, i);
+    for (unsigned int i = 0; i < matrix->slnp_lnsp_entries; ++i)
+        std::memcpy(static_cast<T *>(to) + i, reinterpret_cast<const uint8_t *>(&matrix->slnp_lnsp[i]) + offset,
+                    sizeof(T));
+}
+
+static void write_column(const destinations *dst, unsigned field, const krv_lnp_t *matrix)
+{
+    const field_row *row = &field_table[field];
+    if (row->size == sizeof(uint64_t))
+        copy_column<uint64_t>(matrix, row->offset, dst->of[field]);
+    else if (row->size == sizeof(uint32_t))
+        copy_column<uint32_t>(matrix, row->offset, dst->of[field]);
+    else
+        for (unsigned int i = 0; i < matrix->slnp_lnsp_entries; ++i)
+            write_field(dst, field, &matrix->slnp_lnsp[i], i);
+}
+
+static void write_record(const destinations *dst, const void *structp)
+{
+    for_each_field(dst->wanted, [&](unsigned field) { write_field(dst, field, structp, 0); });
 }
 
 int krv_get_fields_lnfe(krv_handle_t *hp, krv_lnfe_t *structp, unsigned int nfields, va_list ap)
@@ -149,7 +180,7 @@ int krv_get_fields_lnfe(krv_handle_t *hp, krv_lnfe_t *structp, unsigned int nfie
     destinations dst;
     if (scan_fields(hp, LNFE, nfields, ap, &dst) != 0)
         return -1;
-    write_record(&dst, LNFE, structp, 0);
+    write_record(&dst, structp);
     return 0;
 }
 
@@ -164,14 +195,14 @@ int krv_get_fields_lnph(krv_handle_t *hp, krv_lnph_t *structp, unsigned int nfie
     uint64_t nfiles;
     krv_lnfe_t **files = krv_lnph_files(structp, &nfiles);
     const auto take = [&dst](unsigned field, const void *value, size_t size) {
-        if (dst.of[field] != nullptr)
-            std::memcpy(dst.of[field], value, size);
-        dst.of[field] = nullptr;
+        if (void *where = dst.find(field))
+            std::memcpy(where, value, size);
+        dst.wanted &= ~(uint64_t{1} << field);
     };
     take(KRV_FIELD_LNPH_FILES, &files, sizeof(files));
     take(KRV_FIELD_LNPH_FILES_ENTRIES, &nfiles, sizeof(nfiles));
     take(KRV_FIELD_LNPH_LNP, &dst.matrix, sizeof(dst.matrix));
-    write_record(&dst, LNPH, structp, 0);
+    write_record(&dst, structp);
     return 0;
 }
 
@@ -182,7 +213,7 @@ int krv_get_fields_lns(krv_handle_t *hp, krv_lns_t *structp, unsigned int nfield
     destinations dst;
     if (scan_fields(hp, LNS, nfields, ap, &dst) != 0)
         return -1;
-    write_record(&dst, LNS, structp, 0);
+    write_record(&dst, structp);
     return 0;
 }
 
@@ -193,11 +224,12 @@ int krv_get_fields_lnp(krv_handle_t *hp, krv_lnp_t *structp, unsigned int nfield
     destinations dst;
     if (scan_fields(hp, LNP, nfields, ap, &dst) != 0)
         return -1;
-    for (unsigned field = 0; field < NFIELDS; ++field)
-        if (is_row_field(field) && dst.of[field] != nullptr)
-            for (unsigned int i = 0; i < structp->slnp_lnsp_entries; ++i)
-                write_field(&dst, field, &structp->slnp_lnsp[i], i);
-    write_field(&dst, KRV_FIELD_LNP_ENTRIES, structp, 0);
+    for_each_field(dst.wanted, [&](unsigned field) {
+        if (is_row_field(field))
+            write_column(&dst, field, structp);
+        else // KRV_FIELD_LNP_ENTRIES
+            write_field(&dst, field, structp, 0);
+    });
     return 0;
 }
 

@@ -10,8 +10,8 @@
 
 // One file of a header's table. Allocated by itself, so that it stays where it is while the table grows.
 struct krv_lnfe {
-    char *slnfe_absolute_path; // owned: composed of compilation directory, include directory and name
-    char *slnfe_path;          // owned: the name as written
+    char *slnfe_absolute_path; // composed of compilation directory, include directory and name
+    char *slnfe_path;          // the name as written; both stand behind the record, in its allocation
     uint64_t slnfe_diridx;     // 0: compilation directory; n: sln_id[n - 1]; never above sln_id_entries
     uint64_t slnfe_mtime;      // as recorded
     uint64_t slnfe_size;       // as recorded
@@ -89,10 +89,11 @@ struct krv_lnp {
     krv_lns_t *slnp_lnsp;   // owned: rows
     unsigned int slnp_lnsp_size;
     unsigned int slnp_lnsp_entries;
-    krv_lnb_t *slnp_lnbp; // owned: closed sequences
+    krv_lnb_t *slnp_lnbp; // owned, unless it is slnp_first_lnb: closed sequences
     unsigned int slnp_lnbp_size;
     unsigned int slnp_lnbp_entries;
-    uint32_t slnp_flags; // KRV_LNP_FLAG_*
+    uint32_t slnp_flags;      // KRV_LNP_FLAG_*
+    krv_lnb_t slnp_first_lnb; // most matrices have one sequence
 };
 
 // Reads the header at `offset` of .debug_line. cup gives the compilation directory and may be NULL. NULL on failure.

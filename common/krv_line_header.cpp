@@ -19,9 +19,10 @@ using lnph_owner = std::unique_ptr<krv_lnph_t, lnph_deleter>;
 
 // A path under composition: always terminated, silently cut to fit.
 struct path_buffer {
-    char text[KRV_STRING_BUFSZ] = "";
-    size_t length = 0;
+    char text[KRV_STRING_BUFSZ];
+    size_t length;
 
+    path_buffer() { clear(); }
     void clear()
     {
         length = 0;
@@ -58,13 +59,6 @@ static file_array *array_of(krv_lnfe_t **files)
                : reinterpret_cast<file_array *>(reinterpret_cast<uint8_t *>(files) - offsetof(file_array, files));
 }
 
-static void free_file(krv_lnfe_t *file)
-{
-    krv_free(file->slnfe_absolute_path);
-    krv_free(file->slnfe_path);
-    krv_free(file);
-}
-
 void krv_lnph_free(krv_lnph_t *lnphp)
 {
     KRV_ASSERT(lnphp != NULL);
@@ -74,7 +68,7 @@ void krv_lnph_free(krv_lnph_t *lnphp)
         krv_free(lnphp->sln_id[i]);
     krv_free(lnphp->sln_id);
     for (uint64_t i = 0; i < lnphp->sln_files_entries; ++i)
-        free_file(lnphp->sln_files[i]);
+        krv_free(lnphp->sln_files[i]);
     file_array *older;
     for (file_array *array = array_of(lnphp->sln_files); array != nullptr; array = older) {
         older = array->older;
@@ -140,19 +134,18 @@ static bool grow_files(krv_handle_t *hp, krv_lnph_t *lnphp)
 }
 
 static krv_lnfe_t *make_file(krv_handle_t *hp, const krv_lnph_t *lnphp, const krv_ctu_t *cup, const char *name,
-                             uint64_t diridx)
+                             uint64_t diridx, uint64_t mtime, uint64_t size)
 {
     path_buffer path;
     compose_path(&path, lnphp, cup, name, diridx);
-    auto *file = krv_new<krv_lnfe_t>(hp);
+    const size_t name_size = std::strlen(name) + 1;
+    auto *file = static_cast<krv_lnfe_t *>(krv_alloc(hp, sizeof(krv_lnfe_t) + path.length + 1 + name_size));
     if (file == nullptr)
         return nullptr;
-    file->slnfe_absolute_path = krv_strdup(hp, path.text);
-    file->slnfe_path = file->slnfe_absolute_path == nullptr ? nullptr : krv_strdup(hp, name);
-    if (file->slnfe_path == nullptr) {
-        free_file(file);
-        return nullptr;
-    }
+    auto *paths = reinterpret_cast<char *>(file + 1);
+    *file = {paths, paths + path.length + 1, diridx, mtime, size};
+    std::memcpy(file->slnfe_absolute_path, path.text, path.length + 1);
+    std::memcpy(file->slnfe_path, name, name_size);
     return file;
 }
 
@@ -163,15 +156,12 @@ int krv_lnph_add_file(krv_handle_t *hp, krv_lnph_t *lnphp, krv_ctu_t *cup, char 
     KRV_ASSERT(lnphp != NULL);
     KRV_ASSERT(pathp != NULL);
     KRV_ASSERT(diridx <= lnphp->sln_id_entries);
-    krv_lnfe_t *file = make_file(hp, lnphp, cup, pathp, diridx);
+    krv_lnfe_t *file = make_file(hp, lnphp, cup, pathp, diridx, mtime, size);
     if (file == nullptr)
         return -1;
-    file->slnfe_diridx = diridx;
-    file->slnfe_mtime = mtime;
-    file->slnfe_size = size;
     const krv_write_guard guard(&lnphp->sln_files_lock);
     if (!grow_files(hp, lnphp)) {
-        free_file(file);
+        krv_free(file);
         return -1;
     }
     lnphp->sln_files[lnphp->sln_files_entries] = file;

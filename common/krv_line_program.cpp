@@ -15,7 +15,9 @@
 #include <cstdlib>
 #include <numeric>
 
-constexpr unsigned int FIRST_ROWS = 32; // capacity of a table's rows, which doubles
+// Capacity of a table's rows, which doubles: a row takes four bytes of program or more, as compilers write them.
+constexpr unsigned int FIRST_ROWS = 4, MOST_FIRST_ROWS = 4096;
+constexpr uint64_t BYTES_A_ROW = 4;
 
 namespace
 {
@@ -67,7 +69,8 @@ void krv_line_free_program(krv_lnp_t *lnpp)
 {
     KRV_ASSERT(lnpp != NULL);
     krv_free(lnpp->slnp_lnsp);
-    krv_free(lnpp->slnp_lnbp);
+    if (lnpp->slnp_lnbp != &lnpp->slnp_first_lnb)
+        krv_free(lnpp->slnp_lnbp);
     krv_free(lnpp);
 }
 
@@ -88,9 +91,29 @@ static krv_lnfe_t *find_file(krv_lnph_t *lnphp, unsigned int number)
     return number == 0 || number > count ? nullptr : files[number - 1];
 }
 
+static bool grow_sequences(krv_handle_t *hp, krv_lnp_t *lnpp)
+{
+    if (lnpp->slnp_lnbp_size == 0) {
+        lnpp->slnp_lnbp = &lnpp->slnp_first_lnb;
+        lnpp->slnp_lnbp_size = 1;
+        return true;
+    }
+    if (lnpp->slnp_lnbp != &lnpp->slnp_first_lnb)
+        return krv_table_grow(hp, &lnpp->slnp_lnbp, &lnpp->slnp_lnbp_size, lnpp->slnp_lnbp_entries, 2U);
+    if (lnpp->slnp_lnbp_entries == 0)
+        return true;
+    krv_lnb_t *two = static_cast<krv_lnb_t *>(krv_alloc(hp, 2 * sizeof(krv_lnb_t)));
+    if (two == nullptr)
+        return false;
+    two[0] = lnpp->slnp_first_lnb;
+    lnpp->slnp_lnbp = two;
+    lnpp->slnp_lnbp_size = 2;
+    return true;
+}
+
 static bool open_sequence(krv_handle_t *hp, krv_lnp_t *lnpp, uint64_t address)
 {
-    if (!krv_table_grow(hp, &lnpp->slnp_lnbp, &lnpp->slnp_lnbp_size, lnpp->slnp_lnbp_entries, 1U))
+    if (!grow_sequences(hp, lnpp))
         return false;
     krv_lnb_t *next = &lnpp->slnp_lnbp[lnpp->slnp_lnbp_entries];
     next->slnb_start_index = lnpp->slnp_lnsp_entries;
@@ -188,6 +211,7 @@ struct place_table {
 
 // On the average less than one; more are made for lines that were chosen to collide.
 constexpr uint64_t PROBES_A_ROW = 16;
+constexpr uint64_t FEW_SLOTS = 256; // need no allocation
 constexpr uint64_t NO_PLACE = UINT64_MAX;
 
 } // namespace
@@ -249,11 +273,18 @@ static int find_canonical_addresses(krv_handle_t *hp, krv_lnp_t *lnpp)
     uint64_t size = 16;
     while (size < uint64_t{nrows} + nrows / 2)
         size *= 2;
-    const krv_owner<uint32_t> slots(static_cast<uint32_t *>(krv_zalloc(hp, size * sizeof(uint32_t))));
-    if (slots == nullptr)
-        return krv_note(hp, "couldn't create temporary table for canonical address calculation");
-    if (!hash_canonical_addresses({slots.get(), size - 1, nrows * PROBES_A_ROW}, rows, nrows))
-        sort_canonical_addresses(slots.get(), rows, nrows);
+    uint32_t few[FEW_SLOTS], *slots = few;
+    krv_owner<uint32_t> many;
+    if (size <= FEW_SLOTS) {
+        std::memset(few, 0, size * sizeof(uint32_t));
+    } else {
+        many.reset(static_cast<uint32_t *>(krv_zalloc(hp, size * sizeof(uint32_t))));
+        slots = many.get();
+        if (slots == nullptr)
+            return krv_note(hp, "couldn't create temporary table for canonical address calculation");
+    }
+    if (!hash_canonical_addresses({slots, size - 1, nrows * PROBES_A_ROW}, rows, nrows))
+        sort_canonical_addresses(slots, rows, nrows);
     return 0;
 }
 
@@ -387,19 +418,16 @@ static bool has_line_range(line_machine *m)
     return false;
 }
 
-// Clears what holds for one row only.
-static void end_row(krv_lns_t *regs)
-{
-    regs->slns_discriminator = 0;
-    regs->slns_flags &= ~uint32_t{KRV_LNS_FLAG_BB | KRV_LNS_FLAG_PE | KRV_LNS_FLAG_EB};
-}
+// What holds beyond one row. The discriminator does not.
+constexpr uint32_t LASTING_FLAGS = ~uint32_t{KRV_LNS_FLAG_BB | KRV_LNS_FLAG_PE | KRV_LNS_FLAG_EB};
 
 // Appends the registers as a row.
 static bool emit_row(line_machine *m)
 {
     if (krv_line_push_entry(m->hp, m->lnphp, m->lnpp, m->regs()) != 0)
         return false;
-    end_row(m->regs());
+    m->regs()->slns_discriminator = 0;
+    m->regs()->slns_flags &= LASTING_FLAGS;
     return true;
 }
 
@@ -556,76 +584,98 @@ static int op_failed(line_machine *m, const line_op *op)
 // Executes the opcodes that make up most of a program, as long as one follows the other: special opcodes, the commonest
 // standard ones with at most two bytes of operand, and short discriminators. Only when nobody watches, within a sequence,
 // while the row table has room, and with one operation an instruction: nothing can fail then. What it stops at is for
-// decode_op and apply_op.
+// decode_op and apply_op. The registers that change are kept in locals: stored to memory one by one, they could not be
+// loaded as parts of a row without a stall.
 static void execute_short(line_machine *m)
 {
     const krv_lnph_t *lnphp = m->lnphp;
     krv_lnp_t *lnpp = m->lnpp;
     krv_lns_t *regs = m->regs();
-    if (lnphp->sln_mopi != 1 || lnphp->sln_line_range == 0 || lnphp->sln_opcode_base < DW_LNS_const_add_pc ||
-        (lnpp->slnp_flags & KRV_LNP_FLAG_IN_SEQUENCE) == 0)
-        return;
-    krv_lnfe_t *file = find_file(m->lnphp, regs->slns_file);
-    uint64_t nfiles;
-    krv_lnph_files(m->lnphp, &nfiles);
     const krv_view_t view = krv_fd_view(&m->fd);
-    uint64_t done = 0;
-    while (view.size - done > 4) { // one opcode at least is left
-        const uint8_t *at = view.bytes + done;
+    constexpr uint64_t LONGEST = 4;
+    if (lnphp->sln_mopi != 1 || lnphp->sln_line_range == 0 || (lnpp->slnp_flags & KRV_LNP_FLAG_IN_SEQUENCE) == 0 ||
+        view.size <= LONGEST)
+        return;
+    const unsigned int base = lnphp->sln_opcode_base, range = lnphp->sln_line_range;
+    const unsigned int per_range = 0x10000 / range + 1; // exact for the quotients of numbers up to 255
+    const uint64_t mil = lnphp->sln_mil;
+    const auto line_base = static_cast<unsigned int>(lnphp->sln_line_base);
+    uint64_t nfiles, address = regs->slns_address;
+    krv_lnph_files(m->lnphp, &nfiles);
+    unsigned int line = regs->slns_line, file = regs->slns_file;
+    unsigned short column = regs->slns_column, discriminator = regs->slns_discriminator;
+    uint32_t flags = regs->slns_flags;
+    krv_lnfe_t *filep = find_file(m->lnphp, file);
+    krv_lns_t *row = lnpp->slnp_lnsp + lnpp->slnp_lnsp_entries, *const full = lnpp->slnp_lnsp + lnpp->slnp_lnsp_size;
+    const uint8_t *at = view.bytes, *const last = view.bytes + view.size - LONGEST; // one opcode at least is left
+    while (at < last) {
         const unsigned int opcode = at[0];
-        const bool emits = opcode >= lnphp->sln_opcode_base || opcode == DW_LNS_copy;
-        const bool has_operand = opcode >= DW_LNS_advance_pc && opcode <= DW_LNS_set_column;
-        const bool is_long = at[1] > 0x7f; // two bytes of operand
-        if (emits ? lnpp->slnp_lnsp_entries == lnpp->slnp_lnsp_size : has_operand && is_long && at[2] > 0x7f)
-            break;
-        const unsigned int operand = is_long ? (at[1] & 0x7fU) | unsigned{at[2]} << 7 : at[1];
-        if (emits) {
+        if (opcode >= base || opcode == DW_LNS_copy) {
+            if (row == full)
+                break;
             if (opcode != DW_LNS_copy) {
-                const unsigned int adjusted = opcode - lnphp->sln_opcode_base;
-                advance_operation(m, adjusted / lnphp->sln_line_range);
-                regs->slns_line += static_cast<unsigned int>(lnphp->sln_line_base) + adjusted % lnphp->sln_line_range;
+                const unsigned int adjusted = opcode - base, advance = adjusted * per_range >> 16;
+                address += mil * advance;
+                line += line_base + (adjusted - advance * range);
             }
-            krv_lns_t *row = &lnpp->slnp_lnsp[lnpp->slnp_lnsp_entries++];
-            *row = *regs;
-            row->slns_filep = file;
-            end_row(regs);
-            done += 1;
-        } else if (has_operand) {
+            *row++ = {address, regs->slns_op_index, file,          line,  column,
+                      flags,   regs->slns_isa,      discriminator, filep, {0}};
+            discriminator = 0;
+            flags &= LASTING_FLAGS;
+            at += 1;
+        } else if (opcode >= DW_LNS_advance_pc && opcode <= DW_LNS_set_column) {
+            const bool is_long = at[1] > 0x7f; // two bytes of operand
+            if (is_long && at[2] > 0x7f)
+                break;
+            const unsigned int operand = is_long ? (at[1] & 0x7fU) | unsigned{at[2]} << 7 : at[1];
             if (opcode == DW_LNS_advance_pc) {
-                advance_operation(m, operand);
+                address += mil * operand;
             } else if (opcode == DW_LNS_advance_line) {
                 const unsigned int sign = is_long ? 0x2000 : 0x40;
-                regs->slns_line += (operand ^ sign) - sign;
+                line += (operand ^ sign) - sign;
             } else if (opcode == DW_LNS_set_column) {
-                regs->slns_column = static_cast<unsigned short>(operand);
+                column = static_cast<unsigned short>(operand);
             } else if (operand <= nfiles) { // DW_LNS_set_file
-                regs->slns_file = operand;
-                file = find_file(m->lnphp, operand);
+                file = operand;
+                filep = find_file(m->lnphp, operand);
             } else {
                 break; // reported there
             }
-            done += is_long ? 3 : 2;
+            at += is_long ? 3 : 2;
         } else if (opcode == DW_LNS_negate_stmt) {
-            regs->slns_flags ^= KRV_LNS_FLAG_IS;
-            done += 1;
+            flags ^= KRV_LNS_FLAG_IS;
+            at += 1;
         } else if (opcode == DW_LNS_set_prologue_end) {
-            regs->slns_flags |= KRV_LNS_FLAG_PE;
-            done += 1;
+            flags |= KRV_LNS_FLAG_PE;
+            at += 1;
         } else if (opcode == DW_LNS_const_add_pc) {
-            advance_operation(m, (255U - lnphp->sln_opcode_base) / lnphp->sln_line_range);
-            done += 1;
+            address += mil * ((255U - base) * per_range >> 16);
+            at += 1;
         } else if (opcode == 0 && at[1] == 2 && at[2] == DW_LNE_set_discriminator && at[3] <= 0x7f) {
-            regs->slns_discriminator = at[3];
-            done += 4;
+            discriminator = at[3];
+            at += 4;
         } else {
             break;
         }
     }
-    krv_fd_advance(&m->fd, done);
+    *regs = {address,       regs->slns_op_index, file, line, column, flags, regs->slns_isa,
+             discriminator, regs->slns_filep,    {0}};
+    lnpp->slnp_lnsp_entries = static_cast<unsigned int>(row - lnpp->slnp_lnsp);
+    krv_fd_advance(&m->fd, static_cast<uint64_t>(at - view.bytes));
+}
+
+static bool reserve_rows(line_machine *m)
+{
+    krv_lnp_t *lnpp = m->lnpp;
+    const uint64_t expected = m->lnphp->sln_program_size / BYTES_A_ROW + FIRST_ROWS;
+    const unsigned int first = expected < MOST_FIRST_ROWS ? static_cast<unsigned int>(expected) : MOST_FIRST_ROWS;
+    return krv_table_grow(m->hp, &lnpp->slnp_lnsp, &lnpp->slnp_lnsp_size, lnpp->slnp_lnsp_entries, first);
 }
 
 static int execute(line_machine *m, krv_iter_lne_f *func, void *arg)
 {
+    if (!reserve_rows(m))
+        return -1;
     while (m->fd.sfd_remaining > 0) {
         line_op op;
         if (func == nullptr)
@@ -659,13 +709,15 @@ int krv_line_build_program(krv_handle_t *hp, krv_lnph_t *lnphp, krv_lnp_t **lnpp
     if (korva_fd_seek(&fd, lnphp->sln_program_offset, KRV_FD_SEEK_SET) != 0 ||
         korva_fd_truncate(&fd, lnphp->sln_program_size) != 0)
         return -1; // the section was replaced by a shorter one
-    line_machine m = {};
+    line_machine m;
     m.hp = hp;
     m.lnphp = lnphp;
     m.lnpp = matrix.get();
     m.fd = fd;
-    for (unsigned int i = 0; i < NVALUES; ++i)
+    for (unsigned int i = 0; i < NVALUES; ++i) {
+        m.values[i] = {};
         m.valueps[i] = &m.values[i];
+    }
     krv_lns_init(lnphp, m.regs());
     const int result = execute(&m, func, arg);
     if (result == 0)

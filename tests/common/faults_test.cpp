@@ -96,7 +96,10 @@ static void attach_units(krv_handle_t *hp, readers *sources)
     const bytes first = bytes().uleb(1).cstr("a.c").add(dir).u8(1).u8(1).u64(0x400).u64(0x410).add(end);
     const bytes second = bytes().uleb(2).cstr("b.c").add(dir).uleb(4).u64(0x900).u64(0x910).add(end);
     line_unit lines{.dirs = {"src", "gen"}, .files = {{"a.c", 1}, {"b.c", 2}}};
-    lines.program = program("def c.c 1 0 0 at 500 copy pc 4 end at 400 copy pc 16 end");
+    std::string rows; // too many for the table of places to be small
+    for (int i = 0; i < 171; ++i)
+        rows += "copy ";
+    lines.program = program("def c.c 1 0 0 at 500 " + rows + "pc 4 end at 400 copy pc 16 end");
     attach(hp, sources, KRV_SEC_ABBREV, abbrev_section);
     attach(hp, sources, KRV_SEC_LINE, lines.build());
     attach(hp, sources, KRV_SEC_INFO, unit{.dies = first}.build() + unit{.dies = second}.build());
