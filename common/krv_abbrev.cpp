@@ -261,13 +261,7 @@ static outcome scan_abbrevs(table_builder *t)
     return result;
 }
 
-// Compilers number abbreviations from 1 on. Then the code is the way into the table, and the hash stays empty.
-static krv_abbrev_t *at_its_code(krv_abbrev_t *abbrevs, uint64_t count, uint64_t code)
-{
-    return code - 1 < count && abbrevs[code - 1].dwa_code == code ? &abbrevs[code - 1] : nullptr;
-}
-
-// The hash of all tables that need none. Nothing is ever inserted.
+// The hash of all tables whose codes are the way into them. Nothing is ever inserted.
 static krv_hash_t *no_codes()
 {
     static krv_hash_elem_t *bucket;
@@ -399,7 +393,7 @@ krv_abbrev_t *krv_get_abbrev(krv_handle_t *hp, krv_au_t *au, unsigned int code)
     KRV_ASSERT(hp != NULL);
     KRV_ASSERT(au != NULL);
     KRV_ASSERT(au->sau_hash != NULL);
-    if (krv_abbrev_t *abbrev = at_its_code(au->sau_abbrev_table, au->sau_abbrev_table_entries, code))
+    if (krv_abbrev_t *abbrev = krv_abbrev_at_its_code(au, code))
         return abbrev;
     const krv_hash_key_t key = {.dwhk_u = code};
     void *abbrev = krv_hash_lookup(hp, au->sau_hash, &key);

@@ -39,6 +39,13 @@ struct krv_au_t {
 // The table at `offset`, parsed and cached on first use; it lives until the handle is freed. NULL on failure.
 krv_au_t *krv_get_au_by_offset(krv_handle_t *hp, krv_offset_t offset);
 
+// Compilers number abbreviations from 1 on. Then the code is the way into the table. NULL: it is not.
+inline krv_abbrev_t *krv_abbrev_at_its_code(const krv_au_t *au, uint64_t code)
+{
+    krv_abbrev_t *abbrevs = au->sau_abbrev_table;
+    return code - 1 < au->sau_abbrev_table_entries && abbrevs[code - 1].dwa_code == code ? &abbrevs[code - 1] : nullptr;
+}
+
 // The abbreviation with `code`; NULL with KRV_ERR_CORRUPT when the table lacks it.
 krv_abbrev_t *krv_get_abbrev(krv_handle_t *hp, krv_au_t *au, unsigned int code);
 

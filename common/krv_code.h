@@ -11,6 +11,7 @@
 #include "krv_fd.h"
 #include "krv_types.h"
 
+#include <array>
 #include <cstring>
 #include <limits>
 #include <type_traits>
@@ -25,6 +26,28 @@ int krv_decode_indirect(krv_fd_t *fdp, krv_form_t *formp);
 unsigned int krv_scan_uleb128(krv_view_t view, uint64_t *valuep);
 unsigned int krv_scan_sleb128(krv_view_t view, int64_t *valuep);
 
+// Bytes of the numbers of each form that always have as many; 0 of the other forms.
+constexpr uint8_t KRV_WIDTH_OF_OFFSET = 0xfe, KRV_WIDTH_OF_ADDRESS = 0xff; // as many as the format or the target has
+constexpr auto krv_number_widths = [] {
+    std::array<uint8_t, DW_FORM_ref_sig8 + 1> widths{};
+    widths[DW_FORM_data1] = widths[DW_FORM_flag] = widths[DW_FORM_ref1] = 1;
+    widths[DW_FORM_data2] = widths[DW_FORM_ref2] = 2;
+    widths[DW_FORM_data4] = widths[DW_FORM_ref4] = 4;
+    widths[DW_FORM_data8] = widths[DW_FORM_ref8] = widths[DW_FORM_ref_sig8] = 8;
+    widths[DW_FORM_addr] = KRV_WIDTH_OF_ADDRESS;
+    widths[DW_FORM_sec_offset] = KRV_WIDTH_OF_OFFSET;
+    return widths;
+}();
+
+inline size_t krv_number_width(const krv_handle_t *hp, krv_form_t form, uint32_t flags)
+{
+    const size_t width = form < krv_number_widths.size() ? krv_number_widths[form] : 0;
+    if (width <= sizeof(uint64_t))
+        return width;
+    const bool is_long = width == KRV_WIDTH_OF_ADDRESS ? hp->sh_target_size != 4 : (flags & KRV_FORM_F_DWARF64) != 0;
+    return is_long ? 8 : 4;
+}
+
 // The common case of a decode: a number whose bytes are in memory and whose storage fits. False: not that case, and
 // nothing has changed.
 template <typename T>
@@ -32,9 +55,7 @@ inline bool krv_decode_in_memory(krv_fd_t *fdp, krv_form_t form, uint32_t flags,
 {
     const krv_view_t view = krv_fd_view(fdp);
     size_t width;
-    switch (form) {
-    case DW_FORM_udata:
-    case DW_FORM_ref_udata: {
+    if (form == DW_FORM_udata || form == DW_FORM_ref_udata) {
         uint64_t value = 0;
         if (view.size != 0 && view.bytes[0] < 0x80) {
             value = view.bytes[0];
@@ -48,7 +69,7 @@ inline bool krv_decode_in_memory(krv_fd_t *fdp, krv_form_t form, uint32_t flags,
         krv_fd_advance(fdp, width);
         return true;
     }
-    case DW_FORM_sdata: {
+    if (form == DW_FORM_sdata) {
         int64_t value = 0;
         width = sizeof(T) == sizeof(value) ? krv_scan_sleb128(view, &value) : 0;
         if (width == 0)
@@ -57,34 +78,8 @@ inline bool krv_decode_in_memory(krv_fd_t *fdp, krv_form_t form, uint32_t flags,
         krv_fd_advance(fdp, width);
         return true;
     }
-    case DW_FORM_data1:
-    case DW_FORM_flag:
-    case DW_FORM_ref1:
-        width = 1;
-        break;
-    case DW_FORM_data2:
-    case DW_FORM_ref2:
-        width = 2;
-        break;
-    case DW_FORM_data4:
-    case DW_FORM_ref4:
-        width = 4;
-        break;
-    case DW_FORM_data8:
-    case DW_FORM_ref8:
-    case DW_FORM_ref_sig8:
-        width = 8;
-        break;
-    case DW_FORM_addr:
-        width = fdp->sfd_hp->sh_target_size == 4 ? 4 : 8;
-        break;
-    case DW_FORM_sec_offset:
-        width = (flags & KRV_FORM_F_DWARF64) != 0 ? 8 : 4;
-        break;
-    default:
-        return false;
-    }
-    if (width > view.size || width > sizeof(T))
+    width = krv_number_width(fdp->sfd_hp, form, flags);
+    if (width == 0 || width > view.size || width > sizeof(T))
         return false;
     uint64_t value = 0;
     std::memcpy(&value, view.bytes, width);

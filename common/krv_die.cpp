@@ -174,7 +174,8 @@ struct found_data {
         bool is_block;
     } data[MOST];
     uint32_t ndata = 0;
-    uint64_t room = 0; // for all of them
+    uint64_t room = 0;    // for all of them
+    uint64_t encoded = 0; // bytes of the values in the section
 };
 
 } // namespace
@@ -209,6 +210,34 @@ static bool find_value(krv_fd_t *fdp, uint32_t flags, krv_form_t form, uint32_t 
     return true;
 }
 
+// Finds all values of an entry that the cursor stands before. Numbers of a fixed width, as most are, differ in nothing
+// but that width.
+static bool find_values(const krv_fd_t *fdp, uint32_t flags, const krv_abbrev_t *abbrev, found_data *found)
+{
+    const krv_view_t view = krv_fd_view(fdp);
+    uint64_t done = 0;
+    for (uint32_t i = 0; i < abbrev->dwa_nafpairs; ++i) {
+        const krv_form_t form = abbrev->dwa_afpairs[i].dwafp_form;
+        const size_t width = krv_number_width(fdp->sfd_hp, form, flags);
+        if (width != 0 && view.size >= sizeof(uint64_t) && done <= view.size - sizeof(uint64_t)) {
+            krv_value_t *value = &found->values[i];
+            uint64_t word;
+            std::memcpy(&word, view.bytes + done, sizeof(word));
+            value->sa_u.su_unsigned = word & UINT64_MAX >> (64 - 8 * width);
+            value->sa_form = value->sa_actual = form;
+            done += width;
+            continue;
+        }
+        krv_fd_t fd = *fdp;
+        krv_fd_advance(&fd, done);
+        if (!find_value(&fd, flags, form, i, found))
+            return false;
+        done = fd.sfd_offset - fdp->sfd_offset;
+    }
+    found->encoded = done;
+    return true;
+}
+
 static void copy_data(krv_handle_t *hp, found_data *found, uint8_t *to)
 {
     for (uint32_t i = 0; i < found->ndata; ++i) {
@@ -230,10 +259,8 @@ static krv_die_t *read_whole(krv_handle_t *hp, krv_fd_t *fdp, uint32_t flags, kr
     if (count > found_data::MOST)
         return nullptr;
     found_data found;
-    krv_fd_t fd = *fdp;
-    for (uint32_t i = 0; i < count; ++i)
-        if (!find_value(&fd, flags, abbrev->dwa_afpairs[i].dwafp_form, i, &found))
-            return nullptr;
+    if (!find_values(fdp, flags, abbrev, &found))
+        return nullptr;
     const size_t values_size = (count == 0 ? 1 : count) * sizeof(krv_value_t);
     const uint64_t size = krv_add_offset(found.room, offsetof(krv_die_t, dwdie_attrs) + values_size);
     auto *die = size > PTRDIFF_MAX ? nullptr : static_cast<krv_die_t *>(krv_alloc(hp, size));
@@ -243,14 +270,16 @@ static krv_die_t *read_whole(krv_handle_t *hp, krv_fd_t *fdp, uint32_t flags, kr
     die->dwdie_whole = true;
     copy_data(hp, &found, reinterpret_cast<uint8_t *>(die->dwdie_attrs) + values_size);
     std::memcpy(die->dwdie_attrs, found.values, count * sizeof(krv_value_t));
-    krv_fd_advance(fdp, fd.sfd_offset - fdp->sfd_offset); // position only: others may be asking for the size
+    krv_fd_advance(fdp, found.encoded); // position only: others may be asking for the size
     krv_clear_error(hp);
     return die;
 }
 
 static krv_abbrev_t *find_abbrev(krv_handle_t *hp, krv_au_t *au, uint64_t code)
 {
-    krv_abbrev_t *abbrev = nullptr;
+    krv_abbrev_t *abbrev = krv_abbrev_at_its_code(au, code);
+    if (abbrev != nullptr)
+        return abbrev;
     if (code <= UINT32_MAX)
         abbrev = krv_get_abbrev(hp, au, static_cast<unsigned int>(code));
     else // no abbreviation has such a code; shown in the 32 bits that the message has room for
