@@ -8,6 +8,7 @@
 #include "krv_error.h"
 #include "krv_lookup.h"
 #include "krv_mem.h"
+#include "krv_search.h"
 
 #include <algorithm>
 #include <numeric>
@@ -190,9 +191,9 @@ static const krv_addr_index *get_index(krv_handle_t *hp, krv_lookup_flag_t flags
 
 static uint32_t search(const krv_addr_index *index, uint64_t address)
 {
-    const uint64_t *begin = index->sai_bounds, *end = begin + index->sai_pieces;
-    const uint64_t *behind = std::upper_bound(begin, end, address);
-    return behind == begin ? KRV_NO_UNIT : index->sai_units[behind - begin - 1];
+    const auto bound = [](uint64_t start) { return start; };
+    const size_t begun = krv_count_not_above(index->sai_bounds, index->sai_pieces, address, bound);
+    return begun == 0 ? KRV_NO_UNIT : index->sai_units[begun - 1];
 }
 
 // A unit that was unknown to the index and before `unit`, whose ranges a scan has found since and cover the address;

@@ -6,6 +6,7 @@
 
 #include "krv_error.h"
 #include "krv_mem.h"
+#include "krv_search.h"
 
 #include <cstring>
 
@@ -22,21 +23,22 @@ static uint64_t bias(const krv_handle_t *hp)
 // The index of the last sequence that starts at or below the address, or -1.
 static int64_t last_starting_at_or_below(const krv_lnp_t *lnpp, uint64_t address)
 {
-    int64_t lo = 0, hi = int64_t{lnpp->slnp_lnbp_entries} - 1;
-    while (lo <= hi) {
-        const int64_t mid = (lo + hi) / 2;
-        if (lnpp->slnp_lnbp[mid].slnb_start_addr <= address)
-            lo = mid + 1;
-        else
-            hi = mid - 1;
-    }
-    return hi;
+    const auto start = [](const krv_lnb_t &seq) { return seq.slnb_start_addr; };
+    return static_cast<int64_t>(krv_count_not_above(lnpp->slnp_lnbp, lnpp->slnp_lnbp_entries, address, start)) - 1;
 }
 
 // The row at or below the address whose successor lies above it; the last of several at one address. NULL when the
 // sequence's rows are out of order.
 static krv_lns_t *find_row(const krv_lnp_t *lnpp, const krv_lnb_t *seq, uint64_t address)
 {
+    if ((lnpp->slnp_flags & KRV_LNP_FLAG_DESCENDING) == 0) {
+        krv_lns_t *first = &lnpp->slnp_lnsp[seq->slnb_start_index]; // which is not above the address
+        const auto key = [](const krv_lns_t &row) { return row.slns_address; };
+        const size_t count = seq->slnb_end_index - seq->slnb_start_index;
+        const uint64_t span = seq->slnb_end_addr - seq->slnb_start_addr, skip = address - seq->slnb_start_addr;
+        const size_t guess = span <= UINT32_MAX ? skip * count / span : count / 2; // rows lie evenly, more or less
+        return first + krv_count_not_above_near(first, count, guess, address, key) - 1;
+    }
     int64_t lo = seq->slnb_start_index, hi = int64_t{seq->slnb_end_index} - 1;
     while (lo <= hi) {
         const int64_t mid = (lo + hi) / 2;

@@ -80,6 +80,7 @@ struct krv_lnb_t {
 enum krv_lnp_flag_t : uint32_t {
     KRV_LNP_FLAG_IN_SEQUENCE = 1, // a sequence is open
     KRV_LNP_FLAG_UNSORTED = 2,    // some sequence starts below the one before it
+    KRV_LNP_FLAG_DESCENDING = 4,  // some row lies below the one before it in its sequence
 };
 
 // A matrix. Finished: sequences ascend by start address, are not inverted and do not overlap; the rows of each are

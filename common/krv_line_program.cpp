@@ -145,6 +145,8 @@ int krv_line_push_entry(krv_handle_t *hp, krv_lnph_t *lnphp, krv_lnp_t *lnpp, kr
     *row = *rp;
     row->slns_filep = find_file(lnphp, rp->slns_file);
     const bool in_sequence = (lnpp->slnp_flags & KRV_LNP_FLAG_IN_SEQUENCE) != 0;
+    if (in_sequence && rp->slns_address < row[-1].slns_address)
+        lnpp->slnp_flags |= KRV_LNP_FLAG_DESCENDING;
     if ((rp->slns_flags & KRV_LNS_FLAG_ES) != 0) {
         if (in_sequence)
             close_sequence(lnpp, rp->slns_address);
@@ -605,6 +607,7 @@ static void execute_short(line_machine *m)
     unsigned int line = regs->slns_line, file = regs->slns_file;
     unsigned short column = regs->slns_column, discriminator = regs->slns_discriminator;
     uint32_t flags = regs->slns_flags;
+    bool descends = false;
     krv_lnfe_t *filep = find_file(m->lnphp, file);
     krv_lns_t *row = lnpp->slnp_lnsp + lnpp->slnp_lnsp_entries, *const full = lnpp->slnp_lnsp + lnpp->slnp_lnsp_size;
     const uint8_t *at = view.bytes, *const last = view.bytes + view.size - LONGEST; // one opcode at least is left
@@ -613,6 +616,7 @@ static void execute_short(line_machine *m)
         if (opcode >= base || opcode == DW_LNS_copy) {
             if (row == full)
                 break;
+            const uint64_t before = row[-1].slns_address; // of the same sequence
             if (opcode != DW_LNS_copy) {
                 const unsigned int adjusted = opcode - base, advance = adjusted * per_range >> 16;
                 address += mil * advance;
@@ -620,6 +624,7 @@ static void execute_short(line_machine *m)
             }
             *row++ = {address, regs->slns_op_index, file,          line,  column,
                       flags,   regs->slns_isa,      discriminator, filep, {0}};
+            descends |= address < before;
             discriminator = 0;
             flags &= LASTING_FLAGS;
             at += 1;
@@ -660,6 +665,8 @@ static void execute_short(line_machine *m)
     }
     *regs = {address,       regs->slns_op_index, file, line, column, flags, regs->slns_isa,
              discriminator, regs->slns_filep,    {0}};
+    if (descends)
+        lnpp->slnp_flags |= KRV_LNP_FLAG_DESCENDING;
     lnpp->slnp_lnsp_entries = static_cast<unsigned int>(row - lnpp->slnp_lnsp);
     krv_fd_advance(&m->fd, static_cast<uint64_t>(at - view.bytes));
 }
