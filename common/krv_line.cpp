@@ -31,7 +31,7 @@ static int64_t last_starting_at_or_below(const krv_lnp_t *lnpp, uint64_t address
 // sequence's rows are out of order.
 static krv_lns_t *find_row(const krv_lnp_t *lnpp, const krv_lnb_t *seq, uint64_t address)
 {
-    if ((lnpp->slnp_flags & KRV_LNP_FLAG_DESCENDING) == 0) {
+    if ((lnpp->slnp_flags & KRV_LNP_FLAG_DESCENDING) == 0 && seq->slnb_start_index < seq->slnb_end_index) {
         krv_lns_t *first = &lnpp->slnp_lnsp[seq->slnb_start_index]; // which is not above the address
         const auto key = [](const krv_lns_t &row) { return row.slns_address; };
         const size_t count = seq->slnb_end_index - seq->slnb_start_index;
