@@ -8,6 +8,8 @@
 #include "krv_mem.h"
 #include "krv_names.h"
 
+#include <iterator>
+
 namespace
 {
 
@@ -186,38 +188,66 @@ static inline uint64_t copy_short_pairs(const uint8_t *from, krv_afpair_t *to)
     return (word | (word - ONES)) & HIGH_BITS; // behind the first that is found a carry may make others
 }
 
-// The pairs of one abbreviation, to their (0, 0). NULL: irregular or cut off, or no memory.
-static inline const uint8_t *scan_pairs(table_builder *t, const uint8_t *at, const uint8_t *end)
+// Where scan_pairs puts what it reads: room for AT_ONCE more, NULL if there is none, of which so many are then kept.
+namespace
+{
+
+constexpr uint32_t AT_ONCE = 4;
+
+struct table_pairs {
+    table_builder *t;
+
+    krv_afpair_t *room() { return t->pairs.reserve(t->hp, AT_ONCE) ? t->pairs.end() : nullptr; }
+    void keep(uint32_t count) { t->pairs.size += count; }
+};
+
+struct single_pairs {
+    krv_single_abbrev_t *single;
+
+    krv_afpair_t *room()
+    {
+        const uint32_t size = single->ssa_abbrev.dwa_nafpairs;
+        return std::size(single->ssa_pairs) - size < AT_ONCE ? nullptr : single->ssa_pairs + size;
+    }
+    void keep(uint32_t count) { single->ssa_abbrev.dwa_nafpairs += count; }
+};
+
+struct no_pairs {
+    krv_afpair_t scratch[AT_ONCE];
+
+    krv_afpair_t *room() { return scratch; }
+    void keep(uint32_t) {}
+};
+
+} // namespace
+
+// The pairs of one abbreviation, to their (0, 0). NULL: irregular or cut off, or no room.
+template <typename Pairs>
+static inline const uint8_t *scan_pairs(Pairs pairs, const uint8_t *at, const uint8_t *end)
 {
     for (;;) {
-        krv_afpair_t *to = t->pairs.end();
-        const krv_afpair_t *const last = t->pairs.at + t->pairs.room - 4; // where four find room
-        for (; to <= last; to += 4, at += 8) {
-            if (end - at < 8)
-                break;
-            const uint64_t others = copy_short_pairs(at, to);
-            if (others == 0)
-                continue;
-            const uint32_t count = static_cast<uint32_t>(__builtin_ctzll(others)) / 16;
-            to += count;
-            at += 2 * count;
-            if (at[0] == 0 && at[1] == 0) {
-                t->pairs.size = static_cast<uint64_t>(to - t->pairs.at);
-                return at + 2;
-            }
-            break;
-        }
-        t->pairs.size = static_cast<uint64_t>(to - t->pairs.at);
-        if (!t->pairs.reserve(t->hp, 4))
+        krv_afpair_t *to = pairs.room();
+        if (to == nullptr)
             return nullptr;
+        if (end - at >= 2 * ptrdiff_t{AT_ONCE}) {
+            const uint64_t others = copy_short_pairs(at, to);
+            const uint32_t count = others == 0 ? AT_ONCE : static_cast<uint32_t>(__builtin_ctzll(others)) / 16;
+            pairs.keep(count);
+            at += 2 * count;
+            to += count;
+            if (count == AT_ONCE)
+                continue;
+            if (at[0] == 0 && at[1] == 0)
+                return at + 2;
+        }
         uint64_t attribute, form;
         if (!scan_number(&at, end, UINT16_MAX, &attribute) || !scan_number(&at, end, UINT8_MAX, &form) ||
             (attribute == 0) != (form == 0))
             return nullptr;
         if (attribute == 0)
             return at;
-        *t->pairs.end() = {static_cast<krv_attribute_t>(attribute), static_cast<krv_form_t>(form)};
-        ++t->pairs.size;
+        *to = {static_cast<krv_attribute_t>(attribute), static_cast<krv_form_t>(form)};
+        pairs.keep(1);
     }
 }
 
@@ -240,7 +270,7 @@ static outcome scan_abbrevs(table_builder *t)
                 break;
             const krv_abbrev_flag_t flags = *at++ != 0 ? KRV_ABBREV_FLAG_PARENT : KRV_ABBREV_FLAG_NONE;
             const uint64_t start = t->pairs.size;
-            at = scan_pairs(t, at, end);
+            at = scan_pairs(table_pairs{t}, at, end);
             if (at == nullptr) {
                 t->pairs.size = start;
                 break;
@@ -348,6 +378,44 @@ static krv_hash_t *get_auphash(krv_handle_t *hp)
         return hash;
     krv_hash_t *fresh = krv_hash_create(hp, 0, KRV_HASH_UINT64);
     return fresh == nullptr ? nullptr : krv_publish(&hp->sh_auphash, fresh, krv_hash_destroy);
+}
+
+bool krv_abbrev_check_table(krv_handle_t *hp, krv_offset_t offset, uint64_t code, krv_single_abbrev_t *single)
+{
+    const krv_fd_t *fdp = &hp->sh_sec[KRV_SEC_ABBREV];
+    if (krv_fd_is_cb(fdp) || offset >= fdp->sfd_size)
+        return false;
+    // Units stand in the order of their tables, or share one; so no byte is read again and again.
+    const bool again = hp->sh_abbrev_checked_end != 0 && offset == hp->sh_abbrev_checked;
+    if (again ? code != 1 : offset < hp->sh_abbrev_checked_end)
+        return false;
+    const uint8_t *at = fdp->sfd_u.buf + offset, *const end = fdp->sfd_u.buf + fdp->sfd_size;
+    bool found = false;
+    for (uint64_t expected = 1; !(again && found); ++expected) {
+        uint64_t number = 0, tag;
+        if (at != end && !scan_number(&at, end, UINT32_MAX, &number))
+            return false;
+        if (number == 0)
+            break;
+        if (number != expected || !scan_number(&at, end, UINT16_MAX, &tag) || at == end)
+            return false;
+        const krv_abbrev_flag_t flags = *at++ != 0 ? KRV_ABBREV_FLAG_PARENT : KRV_ABBREV_FLAG_NONE;
+        if (number == code) {
+            single->ssa_abbrev = {
+                static_cast<uint32_t>(code), static_cast<krv_tag_t>(tag), flags, 0, single->ssa_pairs, 0};
+            found = true;
+            at = scan_pairs(single_pairs{single}, at, end);
+        } else {
+            at = scan_pairs(no_pairs(), at, end);
+        }
+        if (at == nullptr)
+            return false;
+    }
+    if (found && !again) {
+        hp->sh_abbrev_checked = offset;
+        hp->sh_abbrev_checked_end = static_cast<uint64_t>(at - fdp->sfd_u.buf);
+    }
+    return found;
 }
 
 // Tables of a sound section do not overlap. Of one where every unit names another tail of the same table, as many are

@@ -36,6 +36,18 @@ struct krv_au_t {
     krv_offset_t sau_offset; // in .debug_abbrev
 };
 
+// One abbreviation by itself, with its pairs.
+struct krv_single_abbrev_t {
+    krv_abbrev_t ssa_abbrev;
+    krv_afpair_t ssa_pairs[64];
+};
+
+// While units are read, only their first entries need an abbreviation, but a damaged table has to fail them. Reads the
+// whole table at `offset` and keeps the one abbreviation with `code`. False, with nothing changed but *single, where only
+// krv_get_au_by_offset can tell: the table is not in memory, irregular, lacks the code, or does not follow the one that
+// was checked last. The caller holds the handle's write lock.
+bool krv_abbrev_check_table(krv_handle_t *hp, krv_offset_t offset, uint64_t code, krv_single_abbrev_t *single);
+
 // The table at `offset`, parsed and cached on first use; it lives until the handle is freed. NULL on failure.
 krv_au_t *krv_get_au_by_offset(krv_handle_t *hp, krv_offset_t offset);
 

@@ -290,25 +290,17 @@ static krv_abbrev_t *find_abbrev(krv_handle_t *hp, krv_au_t *au, uint64_t code)
 }
 
 // Reads the entry whose code the cursor stands behind. NULL: messages pushed.
-static krv_die_t *read_die(krv_handle_t *hp, krv_fd_t *fdp, krv_ctu_t *cu, krv_au_t *au, uint64_t code)
+static krv_die_t *read_die(krv_handle_t *hp, krv_fd_t *fdp, krv_ctu_t *cu, krv_abbrev_t *abbrev)
 {
-    krv_abbrev_t *abbrev = find_abbrev(hp, au, code);
-    if (abbrev == nullptr)
-        return nullptr;
     if (krv_die_t *whole = read_whole(hp, fdp, form_flags(cu), abbrev))
         return whole;
     die_owner die(alloc_record(hp, abbrev));
     return die != nullptr && read_values(fdp, form_flags(cu), die.get()) ? die.release() : nullptr;
 }
 
-krv_die_t *krv_alloc_die_by_cu_offset(krv_handle_t *hp, krv_ctu_t *cu, krv_offset_t offset)
+[[gnu::always_inline]] static inline krv_die_t *alloc_die(krv_handle_t *hp, krv_ctu_t *cu, krv_offset_t offset,
+                                                          krv_single_abbrev_t *single)
 {
-    if (hp == nullptr)
-        return nullptr;
-    if (cu == nullptr) {
-        hp->sh_errno = KRV_ERR_INVALID;
-        return nullptr;
-    }
     krv_clear_error(hp);
     krv_fd_t *fdp = &hp->sh_sec[cu->dcu_section];
     const uint64_t section_offset = krv_add_offset(cu->dcu_offset, offset);
@@ -320,10 +312,16 @@ krv_die_t *krv_alloc_die_by_cu_offset(krv_handle_t *hp, krv_ctu_t *cu, krv_offse
             hp->sh_errno = KRV_ERR_NOTFOUND;
             return nullptr;
         }
-        krv_au_t *au = get_abbrev_unit(hp, cu);
-        if (au == nullptr)
-            return nullptr;
-        die = read_die(hp, fdp, cu, au, code);
+        krv_abbrev_t *abbrev;
+        if (single != nullptr && krv_abbrev_check_table(hp, cu->dcu_debug_abbrev_offset, code, single)) {
+            abbrev = &single->ssa_abbrev;
+        } else {
+            krv_au_t *au = get_abbrev_unit(hp, cu);
+            if (au == nullptr)
+                return nullptr;
+            abbrev = find_abbrev(hp, au, code);
+        }
+        die = abbrev == nullptr ? nullptr : read_die(hp, fdp, cu, abbrev);
     }
     if (die == nullptr) {
         krv_note(hp, "could not allocate DIE at %+lld within CU at %lld within %s", static_cast<long long>(offset),
@@ -337,6 +335,22 @@ krv_die_t *krv_alloc_die_by_cu_offset(krv_handle_t *hp, krv_ctu_t *cu, krv_offse
     die->dwdie_section_offset = section_offset;
     die->dwdie_bufsize = fdp->sfd_offset - section_offset;
     return die;
+}
+
+krv_die_t *krv_alloc_die_by_cu_offset(krv_handle_t *hp, krv_ctu_t *cu, krv_offset_t offset)
+{
+    if (hp == nullptr)
+        return nullptr;
+    if (cu == nullptr) {
+        hp->sh_errno = KRV_ERR_INVALID;
+        return nullptr;
+    }
+    return alloc_die(hp, cu, offset, nullptr);
+}
+
+krv_die_t *krv_alloc_first_die(krv_handle_t *hp, krv_ctu_t *cu, krv_single_abbrev_t *single)
+{
+    return alloc_die(hp, cu, cu->dcu_header_size, single);
 }
 
 // The class of a value's form. Behind DW_FORM_indirect, which has none, strings and blocks are what they are.

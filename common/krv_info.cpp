@@ -117,19 +117,36 @@ static char *copy_name(const unit_name *name, char *to, char **copyp)
     return to + name->length + 1;
 }
 
-// The unit in an allocation of its own, with its two names, or NULL. Takes over the entry when it succeeds.
-static krv_ctu_t *keep_unit(krv_handle_t *hp, const krv_ctu_t *cu)
+// A copy of an abbreviation that stands by itself. `to` has room for it and its pairs.
+static krv_abbrev_t *copy_abbrev(const krv_abbrev_t *abbrev, krv_abbrev_t *to)
 {
+    *to = *abbrev;
+    to->dwa_afpairs = reinterpret_cast<krv_afpair_t *>(to + 1);
+    std::memcpy(to->dwa_afpairs, abbrev->dwa_afpairs, abbrev->dwa_nafpairs * sizeof(krv_afpair_t));
+    return to;
+}
+
+// The unit in an allocation of its own, with its two names and, when it is *single, the abbreviation of its first
+// entry; or NULL. Takes over the entry when it succeeds.
+static krv_ctu_t *keep_unit(krv_handle_t *hp, const krv_ctu_t *cu, const krv_single_abbrev_t *single)
+{
+    krv_die_t *die = cu->dcu_compile_unit;
     unit_name comp_dir, name;
-    if (!find_name(hp, cu->dcu_compile_unit, DW_AT_comp_dir, &comp_dir) ||
-        !find_name(hp, cu->dcu_compile_unit, DW_AT_name, &name))
+    if (!find_name(hp, die, DW_AT_comp_dir, &comp_dir) || !find_name(hp, die, DW_AT_name, &name))
         return nullptr;
-    auto *kept = static_cast<krv_ctu_t *>(krv_alloc(hp, sizeof(*cu) + comp_dir.length + 1 + name.length + 1));
+    const bool by_itself = die->dwdie_abbrev_cache == &single->ssa_abbrev;
+    const size_t abbrev_size =
+        by_itself ? sizeof(krv_abbrev_t) + single->ssa_abbrev.dwa_nafpairs * sizeof(krv_afpair_t) : 0;
+    const size_t size = sizeof(*cu) + abbrev_size + comp_dir.length + 1 + name.length + 1;
+    auto *kept = static_cast<krv_ctu_t *>(krv_alloc(hp, size));
     if (kept == nullptr)
         return nullptr;
     *kept = *cu;
-    copy_name(&name, copy_name(&comp_dir, reinterpret_cast<char *>(kept + 1), &kept->dcu_comp_dir), &kept->dcu_name);
-    kept->dcu_compile_unit->dwdie_parent_cu = kept;
+    if (by_itself)
+        die->dwdie_abbrev_cache = copy_abbrev(&single->ssa_abbrev, reinterpret_cast<krv_abbrev_t *>(kept + 1));
+    char *names = reinterpret_cast<char *>(kept + 1) + abbrev_size;
+    copy_name(&name, copy_name(&comp_dir, names, &kept->dcu_comp_dir), &kept->dcu_name);
+    die->dwdie_parent_cu = kept;
     return kept;
 }
 
@@ -149,12 +166,13 @@ krv_ctu_t *krv_cu_alloc(krv_handle_t *hp, krv_secidx_t sec, uint64_t offset)
     if (check_section(hp, sec) != 0)
         return nullptr;
     krv_ctu_t cu;
+    krv_single_abbrev_t single; // outlives the entry where it fails
     std::unique_ptr<krv_die_t, krv_die_deleter> die;
     krv_ctu_t *kept = nullptr;
     if (krv_info_hdr_read(hp, &cu, sec, offset) == 0) {
-        cu.dcu_compile_unit = krv_alloc_die_by_cu_offset(hp, &cu, cu.dcu_header_size);
+        cu.dcu_compile_unit = krv_alloc_first_die(hp, &cu, &single);
         die.reset(cu.dcu_compile_unit);
-        kept = die == nullptr ? nullptr : keep_unit(hp, &cu);
+        kept = die == nullptr ? nullptr : keep_unit(hp, &cu, &single);
     }
     if (kept == nullptr) {
         krv_note(hp, "failed to obtain CU at offset %lld in %s", static_cast<long long>(offset), section_name(sec));

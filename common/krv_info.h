@@ -22,7 +22,7 @@ struct krv_ctu {
     int dcu_section;             // KRV_SEC_INFO
     uint64_t dcu_offset;         // of the unit's first byte in the section
     uint8_t dcu_header_size;     // bytes from there to the first entry
-    krv_au_t *dcu_abbrev_unit;   // owned by the handle
+    krv_au_t *dcu_abbrev_unit;   // owned by the handle; NULL until an entry needs it
     krv_lnph_t *dcu_lnphp;       // owned
     size_t dcu_size;             // whole unit, length field included
     uint64_t *dcu_aranges;       // owned: (start, end) pairs; NULL while unknown; see krv_ranges_count
@@ -56,6 +56,9 @@ void krv_cu_free(krv_ctu_t *cu);
 // entry; the section cursor then stands behind it. Clears the error state. Free with krv_free_die.
 krv_die_t *krv_alloc_die_by_cu_offset(krv_handle_t *hp, krv_ctu_t *cu, krv_offset_t offset);
 void krv_free_die(krv_die_t *die); // NULL is ignored
+
+// A new unit's first entry, likewise. Its abbreviation may be *single, which is to live as long as the entry.
+krv_die_t *krv_alloc_first_die(krv_handle_t *hp, krv_ctu_t *cu, krv_single_abbrev_t *single);
 
 struct krv_die_deleter {
     void operator()(krv_die_t *die) const { krv_free_die(die); }

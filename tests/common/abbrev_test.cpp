@@ -10,6 +10,15 @@
 using namespace krv_test;
 
 // A table in one line, "1/11+ 3/8 25/8; 2/2e": code, tag, + for children, pairs; or the error state.
+static std::string dump(const krv_abbrev_t *a)
+{
+    std::string one = text("%u/%x", a->dwa_code, a->dwa_tag);
+    one += a->dwa_flags == KRV_ABBREV_FLAG_PARENT ? "+" : "";
+    for (uint32_t k = 0; k < a->dwa_nafpairs; ++k)
+        one += text(" %x/%x", a->dwa_afpairs[k].dwafp_attribute, a->dwa_afpairs[k].dwafp_form);
+    return one;
+}
+
 static std::string dump(handle &h, krv_au_t *au)
 {
     if (au == nullptr)
@@ -20,10 +29,7 @@ static std::string dump(handle &h, krv_au_t *au)
     for (uint64_t i = 0; i < au->sau_abbrev_table_entries; ++i) {
         const krv_abbrev_t *a = &au->sau_abbrev_table[i];
         EXPECT_EQ(krv_get_abbrev(h, au, a->dwa_code), a);
-        table += text(i == 0 ? "%u/%x" : "; %u/%x", a->dwa_code, a->dwa_tag);
-        table += a->dwa_flags == KRV_ABBREV_FLAG_PARENT ? "+" : "";
-        for (uint32_t k = 0; k < a->dwa_nafpairs; ++k)
-            table += text(" %x/%x", a->dwa_afpairs[k].dwafp_attribute, a->dwa_afpairs[k].dwafp_form);
+        table += (i == 0 ? "" : "; ") + dump(a);
     }
     return table;
 }
@@ -74,6 +80,9 @@ TEST(Abbrev, Tables)
         krv_au_t *au = krv_get_au_by_offset(h, row.offset);
         EXPECT_EQ(dump(h, au), row.outcome);
         EXPECT_EQ(krv_get_au_by_offset(h, row.offset), au); // cached; a failure is not
+        krv_single_abbrev_t single;
+        const bool checked = krv_abbrev_check_table(h, row.offset, 1, &single);
+        EXPECT_TRUE(!checked || dump(h, au).starts_with(dump(&single.ssa_abbrev))) << row.outcome;
     }
     for_each_prefix(two, [](const bytes &prefix) { // none reads beyond its end, or leaks
         handle h;
@@ -90,6 +99,44 @@ TEST(Abbrev, ManyOfEverything)
     }
     handle h;
     EXPECT_EQ(dump(h, krv_get_au_by_offset(h.attach(KRV_SEC_ABBREV, abbrevs(recipe)), 0)), expected);
+}
+
+// Which tables units are read without, one after the other.
+TEST(Abbrev, CheckedTables)
+{
+    const std::string many = [] {
+        std::string pairs;
+        for (int i = 0; i < 65; ++i)
+            pairs += " type:ref4";
+        return pairs;
+    }();
+    const bytes first = abbrevs("1 0x11+ name:string 0x2222:strp; 2 0x2e low_pc:addr; 3 variable" + many);
+    const bytes disordered = abbrevs("2 0x11; 1 0x2e"), damaged = bytes::hex("01 11 00 03 08 00 00 02 80");
+    const uint64_t second = first.size(), third = second + first.size(), fourth = third + disordered.size();
+    const struct {
+        uint64_t offset, code;
+        const char *outcome; // NULL: the table has to be read
+    } rows[] = {
+        {0, 2, "2/2e 11/1"},
+        {0, 1, "1/11+ 3/8 2222/e"}, // again
+        {0, 2, nullptr},            // again, but not the first
+        {second, 4, nullptr},       // lacks the code
+        {second, 3, nullptr},       // too many pairs
+        {second, 1, "1/11+ 3/8 2222/e"},
+        {0, 1, nullptr}, // behind the last
+        {second + 1, 1, nullptr},
+        {third, 1, nullptr},
+        {fourth, 1, nullptr},
+        {fourth + damaged.size(), 1, nullptr},
+    };
+    const bytes section = first + first + disordered + damaged;
+    handle h;
+    h.attach(KRV_SEC_ABBREV, section);
+    for (const auto &row : rows) {
+        krv_single_abbrev_t single;
+        const bool taken = krv_abbrev_check_table(h, row.offset, row.code, &single);
+        EXPECT_EQ(taken ? dump(&single.ssa_abbrev) : "", row.outcome == nullptr ? "" : row.outcome) << row.offset;
+    }
 }
 
 TEST(Abbrev, IllegalPairsAreReported)
