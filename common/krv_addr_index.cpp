@@ -94,12 +94,15 @@ static T *alloc_array(krv_handle_t *hp, size_t count)
 // them could not be predicted. `spare` is as long. Returns the one of both that is sorted.
 static bound *sort_bounds(bound *bounds, bound *spare, size_t count)
 {
+    uint64_t varying = 0; // bits in which any two differ
+    for (size_t i = 1; i < count; ++i)
+        varying |= bounds[i].address ^ bounds[0].address;
     for (unsigned int shift = 0; shift < 64; shift += 8) {
+        if ((varying >> shift & 0xff) == 0)
+            continue;
         size_t begin[257] = {}; // of the bounds with a digit; those of one less are counted first
         for (size_t i = 0; i < count; ++i)
             ++begin[(bounds[i].address >> shift & 0xff) + 1];
-        if (begin[(bounds[0].address >> shift & 0xff) + 1] == count)
-            continue;
         std::partial_sum(begin, begin + 257, begin);
         for (size_t i = 0; i < count; ++i)
             spare[begin[bounds[i].address >> shift & 0xff]++] = bounds[i];
