@@ -171,51 +171,56 @@ static inline bool scan_number(const uint8_t **at, const uint8_t *end, uint64_t 
     return *value <= most;
 }
 
-// Copies four pairs of one-byte numbers. The bits that are not 0 begin in the first pair that is no such one, or has
-// a 0.
-static inline uint64_t copy_short_pairs(const uint8_t *from, krv_afpair_t *to)
+constexpr uint32_t AT_ONCE = 4; // pairs of one-byte numbers, neither of them 0, as most are
+
+// The bits that are not 0 begin in the first of so many pairs that is no such one.
+static inline uint64_t find_other_pair(const uint8_t *from)
 {
-    typedef uint8_t numbers_t __attribute__((vector_size(8)));
-    typedef uint16_t fields_t __attribute__((vector_size(16)));
+    constexpr uint64_t ONES = 0x0101010101010101, HIGH_BITS = 0x8080808080808080;
+    uint64_t bytes;
+    static_assert(sizeof(bytes) == 2 * AT_ONCE);
+    std::memcpy(&bytes, from, sizeof(bytes));
+    return (bytes | (bytes - ONES)) & HIGH_BITS; // behind the first that is found a carry may make others
+}
+
+static inline void copy_short_pairs(const uint8_t *from, krv_afpair_t *to)
+{
+    typedef uint8_t numbers_t __attribute__((vector_size(2 * AT_ONCE)));
+    typedef uint16_t fields_t __attribute__((vector_size(4 * AT_ONCE)));
     static_assert(sizeof(krv_afpair_t) == 4 && offsetof(krv_afpair_t, dwafp_form) == 2);
     numbers_t numbers;
     std::memcpy(&numbers, from, sizeof(numbers));
     const fields_t fields = __builtin_convertvector(numbers, fields_t); // a form and the byte behind it, as one field
     std::memcpy(to, &fields, sizeof(fields));
-    constexpr uint64_t ONES = 0x0101010101010101, HIGH_BITS = 0x8080808080808080;
-    uint64_t word;
-    std::memcpy(&word, from, sizeof(word));
-    return (word | (word - ONES)) & HIGH_BITS; // behind the first that is found a carry may make others
 }
 
-// Where scan_pairs puts what it reads: room for AT_ONCE more, NULL if there is none, of which so many are then kept.
+// Where scan_pairs puts what it reads: reserve makes room for AT_ONCE more, of which so many are then kept.
 namespace
 {
-
-constexpr uint32_t AT_ONCE = 4;
 
 struct table_pairs {
     table_builder *t;
 
-    krv_afpair_t *room() { return t->pairs.reserve(t->hp, AT_ONCE) ? t->pairs.end() : nullptr; }
+    bool reserve() { return t->pairs.reserve(t->hp, AT_ONCE); }
+    void copy(const uint8_t *from) { copy_short_pairs(from, t->pairs.end()); }
+    void put(krv_afpair_t pair) { *t->pairs.end() = pair; }
     void keep(uint32_t count) { t->pairs.size += count; }
 };
 
 struct single_pairs {
     krv_single_abbrev_t *single;
 
-    krv_afpair_t *room()
-    {
-        const uint32_t size = single->ssa_abbrev.dwa_nafpairs;
-        return std::size(single->ssa_pairs) - size < AT_ONCE ? nullptr : single->ssa_pairs + size;
-    }
+    krv_afpair_t *end() { return single->ssa_pairs + single->ssa_abbrev.dwa_nafpairs; }
+    bool reserve() { return std::end(single->ssa_pairs) - end() >= ptrdiff_t{AT_ONCE}; }
+    void copy(const uint8_t *from) { copy_short_pairs(from, end()); }
+    void put(krv_afpair_t pair) { *end() = pair; }
     void keep(uint32_t count) { single->ssa_abbrev.dwa_nafpairs += count; }
 };
 
 struct no_pairs {
-    krv_afpair_t scratch[AT_ONCE];
-
-    krv_afpair_t *room() { return scratch; }
+    bool reserve() { return true; }
+    void copy(const uint8_t *) {}
+    void put(krv_afpair_t) {}
     void keep(uint32_t) {}
 };
 
@@ -226,15 +231,14 @@ template <typename Pairs>
 static inline const uint8_t *scan_pairs(Pairs pairs, const uint8_t *at, const uint8_t *end)
 {
     for (;;) {
-        krv_afpair_t *to = pairs.room();
-        if (to == nullptr)
+        if (!pairs.reserve())
             return nullptr;
         if (end - at >= 2 * ptrdiff_t{AT_ONCE}) {
-            const uint64_t others = copy_short_pairs(at, to);
-            const uint32_t count = others == 0 ? AT_ONCE : static_cast<uint32_t>(__builtin_ctzll(others)) / 16;
+            const uint64_t other = find_other_pair(at);
+            const uint32_t count = other == 0 ? AT_ONCE : static_cast<uint32_t>(__builtin_ctzll(other)) / 16;
+            pairs.copy(at);
             pairs.keep(count);
             at += 2 * count;
-            to += count;
             if (count == AT_ONCE)
                 continue;
             if (at[0] == 0 && at[1] == 0)
@@ -246,7 +250,7 @@ static inline const uint8_t *scan_pairs(Pairs pairs, const uint8_t *at, const ui
             return nullptr;
         if (attribute == 0)
             return at;
-        *to = {static_cast<krv_attribute_t>(attribute), static_cast<krv_form_t>(form)};
+        pairs.put({static_cast<krv_attribute_t>(attribute), static_cast<krv_form_t>(form)});
         pairs.keep(1);
     }
 }
