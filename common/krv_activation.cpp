@@ -199,8 +199,15 @@ krv_activation_t *korva_activation_alloc(krv_handle_t *hp)
     for (krv_fd_t *&fdp : ap->sa_arg_fd)
         if ((fdp = krv_fd_alloc(hp)) == nullptr)
             return nullptr;
-    for (unsigned int i = 0; i < mach->smd_n_defs; ++i)
-        ap->sa_default[mach->smd_defs[i].srd_dwarf] = mach->smd_defs[i].srd_rule;
+    for (unsigned int i = 0; i < mach->smd_n_defs; ++i) {
+        const krv_reg_def_t *row = &mach->smd_defs[i];
+        ap->sa_default[row->srd_dwarf] = row->srd_rule;
+        if (row->srd_rule.desc != KRV_CFA_RULE_UNDEFINED)
+            ap->sa_ruled.add(static_cast<uint64_t>(row->srd_dwarf));
+    }
+    for (unsigned int slot = 0; slot < ap->sa_n_registers; ++slot) // nothing has been copied yet
+        ap->sa_initial_changed.add(slot);
+    ap->sa_current_changed = ap->sa_initial_changed;
     return ap.release();
 }
 

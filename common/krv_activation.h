@@ -10,7 +10,33 @@
 #include "krv_activation_isa.h"
 #include "krv_types.h"
 
+#include <bit>
 #include <memory>
+
+constexpr unsigned KRV_MAX_SLOTS = 128; // more than any target has
+
+// A set of slots.
+struct krv_slots_t {
+    uint64_t words[KRV_MAX_SLOTS / 64];
+
+    void add(uint64_t slot) { words[slot / 64] |= uint64_t{1} << (slot % 64); }
+    void add(const krv_slots_t &more)
+    {
+        for (unsigned i = 0; i < KRV_MAX_SLOTS / 64; ++i)
+            words[i] |= more.words[i];
+    }
+
+    // Visits them in ascending order until a visit returns false; whether none did.
+    template <typename Visit>
+    bool for_each(Visit visit) const
+    {
+        for (unsigned i = 0; i < KRV_MAX_SLOTS / 64; ++i)
+            for (uint64_t left = words[i]; left != 0; left &= left - 1)
+                if (!visit(64 * i + static_cast<unsigned>(std::countr_zero(left))))
+                    return false;
+        return true;
+    }
+};
 
 enum : unsigned {
     KRV_REG_FLAG_VALID = 1,   // the slot exists on this target
@@ -57,6 +83,9 @@ struct krv_activation {
     krv_cfarule_t *sa_default; // rules by slot: those of the target's table,
     krv_cfarule_t *sa_initial; // after the CIE's instructions,
     krv_cfarule_t *sa_current; // and at the program counter; the slot of KRV_REG_CFA holds the CFA's rule
+    krv_slots_t sa_ruled;           // slots whose default rule gives a value
+    krv_slots_t sa_initial_changed; // where sa_initial may differ from sa_default,
+    krv_slots_t sa_current_changed; // and where sa_current may
     krv_activation_args_t sa_args;
     krv_fd_t sa_cie_fd; // the cursor through which the expressions of rules and arguments are read
     krv_evaluation_t sa_state;

@@ -71,10 +71,9 @@ static inline int apply_base(krv_handle_t *hp, uint8_t encoding, uint64_t pc_bas
     }
 }
 
-int krv_decode_eh_form(krv_fd_t *fdp, uint8_t encoding, uint64_t pc_base, uint64_t data_base, uint64_t *datump)
+static inline int decode_pointer(krv_fd_t *fdp, uint8_t encoding, uint64_t pc_base, uint64_t data_base,
+                                 uint64_t *datump)
 {
-    KRV_ASSERT(fdp != NULL);
-    KRV_ASSERT(datump != NULL);
     krv_handle_t *hp = fdp->sfd_hp;
     const uint8_t low = encoding & EH_FORMAT;
     const eh_format *format = &eh_formats[low];
@@ -88,10 +87,19 @@ int krv_decode_eh_form(krv_fd_t *fdp, uint8_t encoding, uint64_t pc_base, uint64
     return 0;
 }
 
-// A pointer relative to its own address or to .eh_frame, else `message` behind the decoder's own.
-static bool read_pointer(krv_fd_t *fdp, uint8_t encoding, uint64_t eh_frame, uint64_t *datump, const char *message)
+int krv_decode_eh_form(krv_fd_t *fdp, uint8_t encoding, uint64_t pc_base, uint64_t data_base, uint64_t *datump)
 {
-    if (krv_decode_eh_form(fdp, encoding, fdp->sfd_offset, eh_frame, datump) == 0)
+    KRV_ASSERT(fdp != NULL);
+    KRV_ASSERT(datump != NULL);
+    return decode_pointer(fdp, encoding, pc_base, data_base, datump);
+}
+
+// A pointer relative to its own address or to .eh_frame, else `message` behind the decoder's own. `origin` is the
+// address of the cursor's offset 0.
+static bool read_pointer(krv_fd_t *fdp, uint64_t origin, uint8_t encoding, uint64_t eh_frame, uint64_t *datump,
+                         const char *message)
+{
+    if (decode_pointer(fdp, encoding, origin + fdp->sfd_offset, eh_frame, datump) == 0)
         return true;
     krv_note(fdp->sfd_hp, "%s", message);
     return false;
@@ -104,7 +112,7 @@ static int read_set_loc(krv_handle_t *hp, krv_fd_t *fdp, krv_operation_t *op, co
         return krv_fail(hp, KRV_ERR_INVALID, ".eh_frame address unknown");
     const uint8_t encoding = augp == nullptr || augp->scie_re == 0 ? uint8_t{DW_EH_PE_udata8} : augp->scie_re;
     uint64_t *locp = &op->operand[0].sa_u.su_unsigned;
-    return read_pointer(fdp, encoding, eh_frame->sopt_u.o_uint64, locp, "failed to read operand") ? 0 : -1;
+    return read_pointer(fdp, 0, encoding, eh_frame->sopt_u.o_uint64, locp, "failed to read operand") ? 0 : -1;
 }
 
 int krv_eh_frame_aug_next_op(krv_handle_t *hp, krv_fd_t *fdp, krv_operation_t *op, void *arg)
@@ -136,20 +144,38 @@ static krv_fd_t address_space(krv_handle_t *hp)
     return fd;
 }
 
-// Places the cursor behind a record's length field, limits it to the record, and reads the record ahead.
-static bool enter_record(krv_fd_t *fdp, uint64_t address, uint64_t *lengthp, uint64_t *full_sizep)
+namespace
 {
-    if (krv_fd_seek(fdp, address) != 0) {
-        krv_note(fdp->sfd_hp, "unable to seek to offset 0x%lx", static_cast<unsigned long>(address));
+
+// A record while it is read.
+struct record {
+    krv_fd_t fd;         // behind its length field, limited to it; over the window's bytes if that holds all of them
+    uint64_t origin;     // address of offset 0
+    uint64_t eh_frame;   // address of .eh_frame
+    uint64_t length;     // bytes after the length field
+    uint64_t full_size;  // with the length field
+
+    uint64_t address() const { return origin + fd.sfd_offset; }
+};
+
+} // namespace
+
+// Enters the record at an address, and reads it ahead.
+static bool enter_record(record *r, const krv_fd_t *as, krv_window_t *window, uint64_t address)
+{
+    r->fd = krv_fd_windowed(as, window);
+    if (krv_fd_seek(&r->fd, address) != 0) {
+        krv_note(r->fd.sfd_hp, "unable to seek to offset 0x%lx", static_cast<unsigned long>(address));
         return false;
     }
-    krv_fd_read_ahead(fdp, EH_LENGTH_SIZE);
-    if (!krv_read_field(fdp, DW_FORM_data4, 0, lengthp, "failed to read Length"))
+    krv_fd_read_ahead(&r->fd, EH_LENGTH_SIZE);
+    if (!krv_read_field(&r->fd, DW_FORM_data4, 0, &r->length, "failed to read Length"))
         return false;
-    *full_sizep = *lengthp + EH_LENGTH_SIZE;
-    if (korva_fd_truncate(fdp, *lengthp) != 0)
+    r->full_size = r->length + EH_LENGTH_SIZE;
+    if (korva_fd_truncate(&r->fd, r->length) != 0)
         return false;
-    krv_fd_read_ahead(fdp, *lengthp);
+    krv_fd_read_ahead(&r->fd, r->length);
+    r->origin = krv_fd_enter_memory(&r->fd);
     return true;
 }
 
@@ -165,21 +191,21 @@ static bool first_time(krv_handle_t *hp, boolean_t *seenp, const char *message)
 }
 
 // The datum of one letter of the augmentation string.
-static bool read_letter(krv_handle_t *hp, char letter, krv_fd_t *fdp, uint64_t eh_frame,
-                        krv_amd64_cie_augmentation *augp)
+static bool read_letter(krv_handle_t *hp, char letter, record *r, krv_amd64_cie_augmentation *augp)
 {
     uint8_t encoding = 0;
     switch (letter) {
     case 'L':
         return first_time(hp, &augp->scie_L, "duplicate personality specifier") &&
-               krv_read_field(fdp, DW_FORM_data1, 0, &augp->scie_le, "failed to read LDSA encoding");
+               krv_read_field(&r->fd, DW_FORM_data1, 0, &augp->scie_le, "failed to read LDSA encoding");
     case 'P':
         return first_time(hp, &augp->scie_P, "duplicate personality specifier") &&
-               krv_read_field(fdp, DW_FORM_data1, 0, &encoding, "failed to read personality encoding") &&
-               read_pointer(fdp, encoding, eh_frame, &augp->scie_pr, "failed to read personality routine");
+               krv_read_field(&r->fd, DW_FORM_data1, 0, &encoding, "failed to read personality encoding") &&
+               read_pointer(&r->fd, r->origin, encoding, r->eh_frame, &augp->scie_pr,
+                            "failed to read personality routine");
     case 'R':
         return first_time(hp, &augp->scie_R, "duplicate code encoding") &&
-               krv_read_field(fdp, DW_FORM_data1, 0, &augp->scie_re, "failed to read code encoding");
+               krv_read_field(&r->fd, DW_FORM_data1, 0, &augp->scie_re, "failed to read code encoding");
     default:
         krv_fail(hp, KRV_ERR_CORRUPT, "illegal operation in augmentation string");
         return false;
@@ -187,7 +213,7 @@ static bool read_letter(krv_handle_t *hp, char letter, krv_fd_t *fdp, uint64_t e
 }
 
 // The size of the augmentation data is only checked: what the letters say is read, and instructions begin behind it.
-static bool read_cie_augmentation(krv_handle_t *hp, krv_fd_t *fdp, uint64_t eh_frame, krv_cie_t *ciep)
+static bool read_cie_augmentation(krv_handle_t *hp, record *r, krv_cie_t *ciep)
 {
     const char *letters = ciep->scie_augmentation_string;
     if (letters[0] == '\0')
@@ -200,44 +226,47 @@ static bool read_cie_augmentation(krv_handle_t *hp, krv_fd_t *fdp, uint64_t eh_f
         return false;
     }
     uint64_t size = 0;
-    if (!krv_read_field(fdp, DW_FORM_udata, 0, &size, "failed to read augmentation section size"))
+    if (!krv_read_field(&r->fd, DW_FORM_udata, 0, &size, "failed to read augmentation section size"))
         return false;
-    if (size > fdp->sfd_remaining) {
+    if (size > r->fd.sfd_remaining) {
         krv_fail(hp, KRV_ERR_CORRUPT, "illegal augmentation length");
         return false;
     }
     for (const char *letter = letters + 1; *letter != '\0'; ++letter)
-        if (!read_letter(hp, *letter, fdp, eh_frame, augp))
+        if (!read_letter(hp, *letter, r, augp))
             return false;
     return true;
 }
 
-static bool read_cie(krv_handle_t *hp, krv_cie_t *ciep, uint64_t eh_frame, uint64_t address)
+// Flat, as is read_fde: with the forms known, a field is a few instructions.
+[[gnu::flatten]] static bool read_cie(krv_handle_t *hp, krv_cie_t *ciep, uint64_t eh_frame, uint64_t address)
 {
+    record r = {.fd = {}, .origin = 0, .eh_frame = eh_frame, .length = 0, .full_size = 0};
     ciep->scie_fd = address_space(hp);
-    krv_fd_t fd = krv_fd_windowed(&ciep->scie_fd, &ciep->scie_window);
-    if (!enter_record(&fd, address, &ciep->scie_length, &ciep->scie_section_length) ||
-        !krv_read_field(&fd, DW_FORM_data4, 0, &ciep->scie_id, "failed to read CIE id"))
+    const bool entered = enter_record(&r, &ciep->scie_fd, &ciep->scie_window, address);
+    ciep->scie_length = r.length;
+    ciep->scie_section_length = r.full_size;
+    if (!entered || !krv_read_field(&r.fd, DW_FORM_data4, 0, &ciep->scie_id, "failed to read CIE id"))
         return false;
     if (ciep->scie_id != 0) {
         krv_fail(hp, KRV_ERR_CORRUPT, "illegal CIE id (0x%lx)", static_cast<unsigned long>(ciep->scie_id));
         return false;
     }
-    if (!krv_read_field(&fd, DW_FORM_data1, 0, &ciep->scie_version, "failed to read Version"))
+    if (!krv_read_field(&r.fd, DW_FORM_data1, 0, &ciep->scie_version, "failed to read Version"))
         return false;
     if (ciep->scie_version != 1) {
         krv_fail(hp, KRV_ERR_CORRUPT, "illegal Version (%hhd)", static_cast<signed char>(ciep->scie_version));
         return false;
     }
-    if (!krv_read_field(&fd, DW_FORM_string, 0, &ciep->scie_augmentation_string, "failed to read augmentation") ||
-        !krv_read_field(&fd, DW_FORM_udata, 0, &ciep->scie_code_alignment_factor, "failed to read Code Align Factor") ||
-        !krv_read_field(&fd, DW_FORM_sdata, 0, &ciep->scie_data_alignment_factor, "failed to read Data Align Factor") ||
-        !krv_read_field(&fd, DW_FORM_udata, 0, &ciep->scie_return_address_register, "failed to read Ret Address Reg") ||
-        !read_cie_augmentation(hp, &fd, eh_frame, ciep))
+    if (!krv_read_field(&r.fd, DW_FORM_string, 0, &ciep->scie_augmentation_string, "failed to read augmentation") ||
+        !krv_read_field(&r.fd, DW_FORM_udata, 0, &ciep->scie_code_alignment_factor, "failed to read Code Align Factor") ||
+        !krv_read_field(&r.fd, DW_FORM_sdata, 0, &ciep->scie_data_alignment_factor, "failed to read Data Align Factor") ||
+        !krv_read_field(&r.fd, DW_FORM_udata, 0, &ciep->scie_return_address_register, "failed to read Ret Address Reg") ||
+        !read_cie_augmentation(hp, &r, ciep))
         return false;
     ciep->scie_augmentation = &krv_eh_frame_augmentation;
-    ciep->scie_cfi_offset = fd.sfd_offset;
-    ciep->scie_cfi_size = fd.sfd_remaining;
+    ciep->scie_cfi_offset = r.address();
+    ciep->scie_cfi_size = r.fd.sfd_remaining;
     ciep->scie_sec = KRV_SEC_EH_FRAME;
     return true;
 }
@@ -256,40 +285,43 @@ static krv_cie_t *krv_eh_frame_gcbo(krv_handle_t *hp, krv_reader_t *reader, uint
 }
 
 // pc_begin and pc_range. The range has the format of the address, and no base.
-static bool read_extent(krv_fd_t *fdp, uint8_t encoding, uint64_t eh_frame, krv_fde_t *fdep)
+static bool read_extent(record *r, uint8_t encoding, krv_fde_t *fdep)
 {
-    if (!read_pointer(fdp, encoding, eh_frame, &fdep->sfde_target_address, "failed to read target address"))
+    if (!read_pointer(&r->fd, r->origin, encoding, r->eh_frame, &fdep->sfde_target_address,
+                      "failed to read target address"))
         return false;
-    if (krv_decode_eh_form(fdp, encoding & EH_FORMAT, 0, 0, &fdep->sfde_address_range) == 0)
+    if (decode_pointer(&r->fd, encoding & EH_FORMAT, 0, 0, &fdep->sfde_address_range) == 0)
         return true;
-    krv_note(fdp->sfd_hp, "failed to read address range");
+    krv_note(r->fd.sfd_hp, "failed to read address range");
     return false;
 }
 
-static bool read_fde_augmentation(krv_handle_t *hp, krv_fd_t *fdp, uint64_t eh_frame,
-                                  const krv_amd64_cie_augmentation *cie_augp, krv_fde_t *fdep)
+static bool read_fde_augmentation(krv_handle_t *hp, record *r, const krv_amd64_cie_augmentation *cie_augp,
+                                  krv_fde_t *fdep)
 {
     uint64_t size = 0;
-    if (!krv_read_field(fdp, DW_FORM_udata, 0, &size, "failed to read augmentation section size"))
+    if (!krv_read_field(&r->fd, DW_FORM_udata, 0, &size, "failed to read augmentation section size"))
         return false;
-    if (size > fdp->sfd_remaining) {
+    if (size > r->fd.sfd_remaining) {
         krv_fail(hp, KRV_ERR_CORRUPT,
                  "length of remaining augmentation section (%lu) exceeds length of remaining FDE (%lu)",
-                 static_cast<unsigned long>(size), static_cast<unsigned long>(fdp->sfd_remaining));
+                 static_cast<unsigned long>(size), static_cast<unsigned long>(r->fd.sfd_remaining));
         return false;
     }
     auto *augp = &reinterpret_cast<eh_fde *>(fdep)->augmentation;
     fdep->sfde_augmentation_data = augp;
-    return size == 0 || read_pointer(fdp, static_cast<uint8_t>(cie_augp->scie_le), eh_frame, &augp->safa_ldsa,
-                                     "failed to read LDSA");
+    return size == 0 || read_pointer(&r->fd, r->origin, static_cast<uint8_t>(cie_augp->scie_le), r->eh_frame,
+                                     &augp->safa_ldsa, "failed to read LDSA");
 }
 
-static bool read_fde(krv_handle_t *hp, krv_fde_t *fdep, uint64_t eh_frame, uint64_t offset)
+[[gnu::flatten]] static bool read_fde(krv_handle_t *hp, krv_fde_t *fdep, uint64_t eh_frame, uint64_t offset)
 {
+    record r = {.fd = {}, .origin = 0, .eh_frame = eh_frame, .length = 0, .full_size = 0};
     const krv_fd_t as = address_space(hp);
-    krv_fd_t fd = krv_fd_windowed(&as, &fdep->sfde_window);
-    if (!enter_record(&fd, eh_frame + offset, &fdep->sfde_length, &fdep->sfde_section_length) ||
-        !krv_read_field(&fd, DW_FORM_data4, 0, &fdep->sfde_pointer, "failed to read CIE pointer"))
+    const bool entered = enter_record(&r, &as, &fdep->sfde_window, eh_frame + offset);
+    fdep->sfde_length = r.length;
+    fdep->sfde_section_length = r.full_size;
+    if (!entered || !krv_read_field(&r.fd, DW_FORM_data4, 0, &fdep->sfde_pointer, "failed to read CIE pointer"))
         return false;
     if (fdep->sfde_pointer == 0) {
         krv_fail(hp, KRV_ERR_CORRUPT, "illegal CIE pointer (0)");
@@ -302,13 +334,12 @@ static bool read_fde(krv_handle_t *hp, krv_fde_t *fdep, uint64_t eh_frame, uint6
     }
     switch (fdep->sfde_cie->scie_augmentation_type) {
     case KRV_AUG_NONE:
-        if (!read_extent(&fd, DW_EH_PE_udata8, eh_frame, fdep))
+        if (!read_extent(&r, DW_EH_PE_udata8, fdep))
             return false;
         break;
     case KRV_AUG_AMD64: {
         const auto *cie_augp = static_cast<krv_amd64_cie_augmentation *>(fdep->sfde_cie->scie_augmentation_data);
-        if (!read_extent(&fd, cie_augp->scie_re, eh_frame, fdep) ||
-            !read_fde_augmentation(hp, &fd, eh_frame, cie_augp, fdep))
+        if (!read_extent(&r, cie_augp->scie_re, fdep) || !read_fde_augmentation(hp, &r, cie_augp, fdep))
             return false;
         break;
     }
@@ -316,8 +347,8 @@ static bool read_fde(krv_handle_t *hp, krv_fde_t *fdep, uint64_t eh_frame, uint6
         krv_fail(hp, KRV_ERR_INVALID, "parent CIE has unknown augmentation type");
         return false;
     }
-    fdep->sfde_cfi_offset = fd.sfd_offset;
-    fdep->sfde_cfi_size = fd.sfd_remaining;
+    fdep->sfde_cfi_offset = r.address();
+    fdep->sfde_cfi_size = r.fd.sfd_remaining;
     return true;
 }
 

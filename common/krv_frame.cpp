@@ -336,23 +336,38 @@ krv_fde_t *krv_get_fde_by_address(krv_handle_t *hp, uint64_t address)
     return nullptr;
 }
 
-// How many operand bytes follow an opcode, when its operands are ULEB128 numbers of one byte each.
-static consteval std::array<uint8_t, 256> make_short_operands()
+static consteval uint8_t shape_of(uint8_t opcode)
+{
+    switch (opcode) {
+    case DW_CFA_def_cfa_expression: // an expression follows, which has to be read from the cursor
+    case DW_CFA_expression:
+    case DW_CFA_val_expression:
+    case DW_CFA_VESK_arg_loc:
+        return KRV_CFA_OTHER;
+    default:
+        break;
+    }
+    if (opcode > CFA_LAST_PLAIN && (opcode & KRV_CFA_PACKED) == 0)
+        return KRV_CFA_OTHER;
+    const krv_form_t first = opdesc[cfa_row(opcode)].form[0], second = opdesc[cfa_row(opcode)].form[1];
+    if (second == 0)
+        return first == 0                ? KRV_CFA_PLAIN
+               : first == DW_FORM_udata ? KRV_CFA_ULEB
+               : first == DW_FORM_data1 ? KRV_CFA_BYTE
+                                        : KRV_CFA_OTHER;
+    if (second != DW_FORM_udata || (first != 0 && first != DW_FORM_udata))
+        return KRV_CFA_OTHER;
+    return first == 0 ? KRV_CFA_ULEB : KRV_CFA_ULEBS;
+}
+
+static consteval std::array<uint8_t, 256> make_shapes()
 {
     std::array<uint8_t, 256> t{};
-    for (size_t opcode = 0; opcode < t.size(); ++opcode) {
-        if (opcode > CFA_LAST_PLAIN && (opcode & KRV_CFA_PACKED) == 0) {
-            t[opcode] = KRV_CFA_OTHER;
-            continue;
-        }
-        for (const krv_form_t form : opdesc[cfa_row(static_cast<uint8_t>(opcode))].form)
-            if (form != 0)
-                t[opcode] = form == DW_FORM_udata && t[opcode] != KRV_CFA_OTHER ? static_cast<uint8_t>(t[opcode] + 1)
-                                                                                : KRV_CFA_OTHER;
-    }
+    for (size_t opcode = 0; opcode < t.size(); ++opcode)
+        t[opcode] = shape_of(static_cast<uint8_t>(opcode));
     return t;
 }
-constexpr std::array<uint8_t, 256> krv_cfa_short_operands = make_short_operands();
+constexpr std::array<uint8_t, 256> krv_cfa_shapes = make_shapes();
 
 int krv_frame_get_next_op(krv_handle_t *hp, krv_fd_t *fdp, krv_operation_t *op, const krv_augmentation_t *augp,
                           void *arg)
@@ -361,7 +376,7 @@ int krv_frame_get_next_op(krv_handle_t *hp, krv_fd_t *fdp, krv_operation_t *op, 
     KRV_ASSERT(fdp != NULL);
     KRV_ASSERT(op != NULL);
     KRV_ASSERT(augp != NULL);
-    return krv_frame_decode_short(fdp, op) ? 0 : augp->sa_ops->sao_gno(hp, fdp, op, arg);
+    return augp->sa_ops->sao_gno(hp, fdp, op, arg);
 }
 
 static int get_cfa_forms(krv_handle_t *hp, uint8_t opcode, krv_form_t formsp[2])

@@ -146,33 +146,17 @@ int krv_fde_compar(const void *a, const void *b);
 int krv_frame_get_next_op(krv_handle_t *hp, krv_fd_t *fdp, krv_operation_t *op, const krv_augmentation_t *augp,
                           void *arg);
 
-// Nearly every instruction is so short that it can be decoded at a glance, with the outcome of krv_frame_get_next_op.
-// False: not this one, and nothing has changed.
-constexpr uint8_t KRV_CFA_PACKED = 0xc0;                      // a bit of these is set in opcodes that carry an operand
-constexpr uint8_t KRV_CFA_OPERAND = 0x3f;                     // the operand
-constexpr uint8_t KRV_CFA_OTHER = 0xff;                       // in the table: other operands, or no opcode
-extern const std::array<uint8_t, 256> krv_cfa_short_operands; // operand bytes by opcode
-
-inline bool krv_frame_decode_short(krv_fd_t *fdp, krv_operation_t *op)
-{
-    const krv_view_t view = krv_fd_view(fdp);
-    if (view.size == 0)
-        return false;
-    const uint8_t opcode = view.bytes[0];
-    const unsigned int count = krv_cfa_short_operands[opcode];
-    if (count == KRV_CFA_OTHER || count >= view.size)
-        return false;
-    const uint64_t first = count > 0 ? view.bytes[1] : 0, second = count > 1 ? view.bytes[2] : 0;
-    if (first > 0x7f || second > 0x7f)
-        return false;
-    const bool packed = (opcode & KRV_CFA_PACKED) != 0;
-    op->opcode = packed ? opcode & KRV_CFA_PACKED : opcode;
-    op->operand[0].sa_u.su_unsigned = packed ? opcode & KRV_CFA_OPERAND : first;
-    op->operand[1].sa_u.su_unsigned = packed ? first : second;
-    krv_clear_error(fdp->sfd_hp);
-    krv_fd_advance(fdp, 1 + count);
-    return true;
-}
+// How an instruction is encoded, by its first byte, so that who has its bytes in memory can decode it at a glance.
+enum : uint8_t {
+    KRV_CFA_PLAIN, // no operands, but for one in the byte itself
+    KRV_CFA_ULEB,  // one ULEB128 number
+    KRV_CFA_ULEBS, // two of them
+    KRV_CFA_BYTE,  // one byte
+    KRV_CFA_OTHER  // not to be decoded at a glance
+};
+extern const std::array<uint8_t, 256> krv_cfa_shapes;
+constexpr uint8_t KRV_CFA_PACKED = 0xc0;  // a bit of these is set in opcodes that carry an operand
+constexpr uint8_t KRV_CFA_OPERAND = 0x3f; // the operand
 
 // The forms of an instruction's two operands, 0 for none. -1 with KRV_ERR_UNSUPPORTED and a message for an opcode that
 // is not in the table.

@@ -42,32 +42,49 @@ static int place_cursor(krv_fd_t *fdp, uint64_t offset, uint64_t size)
     return krv_fd_seek(fdp, offset) == 0 && korva_fd_truncate(fdp, size) == 0 ? 0 : -1;
 }
 
+// Makes equal what may differ in `slots`.
+static void copy_rules(krv_cfarule_t *to, const krv_cfarule_t *from, const krv_slots_t &slots)
+{
+    slots.for_each([to, from](unsigned int slot) {
+        to[slot] = from[slot];
+        return true;
+    });
+}
+
 static int generate_cie_rules(krv_handle_t *hp, krv_activation_t *ap, krv_cie_t *cie)
 {
     krv_fd_t fd = krv_fd_windowed(&cie->scie_fd, &cie->scie_window);
     if (ap->sa_args.sa_argc != 0) // all is zero otherwise
         ap->sa_args = {};
-    std::memcpy(ap->sa_initial, ap->sa_default, ap->sa_n_registers * sizeof(krv_cfarule_t));
+    copy_rules(ap->sa_initial, ap->sa_default, ap->sa_initial_changed);
+    ap->sa_initial_changed = {};
     if (place_cursor(&fd, cie->scie_cfi_offset, cie->scie_cfi_size) != 0)
         return -1;
     krv_fd_read_ahead(&fd, cie->scie_cfi_size);
     return krv_generate_ruleset(
         hp, &fd, cie->scie_code_alignment_factor, static_cast<uint64_t>(cie->scie_data_alignment_factor), 0, 0, 0,
-        ap->sa_n_registers, nullptr, ap->sa_initial, &ap->sa_args, cie->scie_augmentation, cie->scie_augmentation_data);
+        ap->sa_n_registers, nullptr, ap->sa_initial, &ap->sa_args, cie->scie_augmentation, cie->scie_augmentation_data,
+        &ap->sa_initial_changed);
 }
 
 static int generate_fde_rules(krv_handle_t *hp, krv_activation_t *ap, krv_fde_t *fde, uint64_t pc)
 {
     const krv_cie_t *cie = fde->sfde_cie;
     krv_fd_t fd = krv_fd_windowed(&cie->scie_fd, &fde->sfde_window);
-    std::memcpy(ap->sa_current, ap->sa_initial, ap->sa_n_registers * sizeof(krv_cfarule_t));
+    ap->sa_current_changed.add(ap->sa_initial_changed);
+    copy_rules(ap->sa_current, ap->sa_initial, ap->sa_current_changed);
+    ap->sa_current_changed = ap->sa_initial_changed;
     if (place_cursor(&fd, fde->sfde_cfi_offset, fde->sfde_cfi_size) != 0)
         return -1;
     krv_fd_read_ahead(&fd, fde->sfde_cfi_size);
-    return krv_generate_ruleset(hp, &fd, cie->scie_code_alignment_factor,
-                                static_cast<uint64_t>(cie->scie_data_alignment_factor), pc, fde->sfde_target_address,
-                                fde->sfde_address_range, ap->sa_n_registers, ap->sa_initial, ap->sa_current, nullptr,
-                                cie->scie_augmentation, cie->scie_augmentation_data);
+    krv_slots_t changed = {};
+    const int result =
+        krv_generate_ruleset(hp, &fd, cie->scie_code_alignment_factor,
+                             static_cast<uint64_t>(cie->scie_data_alignment_factor), pc, fde->sfde_target_address,
+                             fde->sfde_address_range, ap->sa_n_registers, ap->sa_initial, ap->sa_current, nullptr,
+                             cie->scie_augmentation, cie->scie_augmentation_data, &changed);
+    ap->sa_current_changed.add(changed);
+    return result;
 }
 
 int krv_generate_rules(krv_handle_t *hp, krv_activation_t *ap, uint64_t pc, uint64_t *columnp)
@@ -232,14 +249,12 @@ static int apply_rules(evaluation *ev)
     for (unsigned int slot = 0; slot < count; ++slot)
         slots[slot].sr_flags &= ~KRV_REG_FLAG_PRESENT;
     caller->srs_data = {}; // values of an earlier frame must not show through
-    const krv_cfarule_t *rules = ev->ap->sa_current;
-    for (unsigned int reg = 0; reg < end; ++reg) {
-        if (rules[reg].desc == KRV_CFA_RULE_UNDEFINED)
-            continue;
-        if ((slots[reg].sr_flags & KRV_REG_FLAG_VALID) != 0 && apply_rule(ev, reg) != 0)
-            return -1;
-    }
-    return 0;
+    krv_slots_t ruled = ev->ap->sa_ruled; // the rules of others leave them without a value
+    ruled.add(ev->ap->sa_current_changed);
+    const bool done = ruled.for_each([ev, slots, end](unsigned int reg) {
+        return reg >= end || (slots[reg].sr_flags & KRV_REG_FLAG_VALID) == 0 || apply_rule(ev, reg) == 0;
+    });
+    return done ? 0 : -1;
 }
 
 // The return-address column becomes the caller's program counter.
