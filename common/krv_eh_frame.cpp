@@ -11,6 +11,8 @@
 #include "krv_fd.h"
 #include "krv_mem.h"
 
+#include <cstring>
+
 namespace
 {
 
@@ -23,17 +25,23 @@ struct eh_format {
     uint32_t flags;
 };
 
-// The records of this reader, each with the room for its augmentation data.
+// A CIE of this reader, with the room for its augmentation data.
 struct eh_cie {
     krv_cie_t cie;
     krv_amd64_cie_augmentation augmentation;
-};
-struct eh_fde {
-    krv_fde_t fde;
-    krv_amd64_fde_augmentation augmentation;
+    bool embedded; // in the record of an FDE, with which it is freed
 };
 
 } // namespace
+
+// An FDE of this reader, with the room for its augmentation data and its CIE.
+struct krv_eh_fde {
+    krv_fde_t fde;
+    krv_amd64_fde_augmentation augmentation;
+    krv_handle_t *hp;
+    krv_reader_t *reader; // that has read it
+    eh_cie parent;        // of another query, if that was the last to fill it
+};
 
 static constexpr eh_format eh_formats[EH_FORMAT + 1] = {
     {DW_FORM_addr, 0},                  // DW_EH_PE_absptr
@@ -131,9 +139,9 @@ int krv_eh_frame_aug_next_op(krv_handle_t *hp, krv_fd_t *fdp, krv_operation_t *o
 static const krv_augmentation_ops_t krv_eh_frame_aug_ops = {.sao_gno = krv_eh_frame_aug_next_op};
 static const krv_augmentation_t krv_eh_frame_augmentation = {.sa_ops = &krv_eh_frame_aug_ops};
 
-static const krv_eh_frame_reader_data *reader_data(const krv_reader_t *reader)
+static krv_eh_frame_reader_data *reader_data(const krv_reader_t *reader)
 {
-    return static_cast<const krv_eh_frame_reader_data *>(reader->sr_data);
+    return static_cast<krv_eh_frame_reader_data *>(reader->sr_data);
 }
 
 // A cursor over the target's memory, which reports errors even when no address space is attached.
@@ -172,7 +180,7 @@ static bool enter_record(record *r, const krv_fd_t *as, krv_window_t *window, ui
     if (!krv_read_field(&r->fd, DW_FORM_data4, 0, &r->length, "failed to read Length"))
         return false;
     r->full_size = r->length + EH_LENGTH_SIZE;
-    if (korva_fd_truncate(&r->fd, r->length) != 0)
+    if (krv_fd_truncate(&r->fd, r->length) != 0)
         return false;
     krv_fd_read_ahead(&r->fd, r->length);
     r->origin = krv_fd_enter_memory(&r->fd);
@@ -238,10 +246,17 @@ static bool read_cie_augmentation(krv_handle_t *hp, record *r, krv_cie_t *ciep)
     return true;
 }
 
+// Numbers the decodings of CIEs.
+static uint64_t next_decoding()
+{
+    static uint64_t last = 0;
+    return __atomic_add_fetch(&last, 1, __ATOMIC_RELAXED);
+}
+
 // Flat, as is read_fde: with the forms known, a field is a few instructions.
 [[gnu::flatten]] static bool read_cie(krv_handle_t *hp, krv_cie_t *ciep, uint64_t eh_frame, uint64_t address)
 {
-    record r = {.fd = {}, .origin = 0, .eh_frame = eh_frame, .length = 0, .full_size = 0};
+    struct record r = {.fd = {}, .origin = 0, .eh_frame = eh_frame, .length = 0, .full_size = 0};
     ciep->scie_fd = address_space(hp);
     const bool entered = enter_record(&r, &ciep->scie_fd, &ciep->scie_window, address);
     ciep->scie_length = r.length;
@@ -268,7 +283,15 @@ static bool read_cie_augmentation(krv_handle_t *hp, record *r, krv_cie_t *ciep)
     ciep->scie_cfi_offset = r.address();
     ciep->scie_cfi_size = r.fd.sfd_remaining;
     ciep->scie_sec = KRV_SEC_EH_FRAME;
+    if (r.origin != 0)
+        ciep->scie_decoding = next_decoding();
     return true;
+}
+
+static bool cie_failed(krv_handle_t *hp, uint64_t address)
+{
+    krv_note(hp, "failed to read CIE at address 0x%lx in .eh_frame", static_cast<unsigned long>(address));
+    return false;
 }
 
 static krv_cie_t *krv_eh_frame_gcbo(krv_handle_t *hp, krv_reader_t *reader, uint64_t offset)
@@ -276,12 +299,43 @@ static krv_cie_t *krv_eh_frame_gcbo(krv_handle_t *hp, krv_reader_t *reader, uint
     KRV_ASSERT(hp != NULL);
     KRV_ASSERT(reader != NULL);
     const uint64_t eh_frame = reader_data(reader)->sefh_eh_frame;
-    auto *record = krv_new<eh_cie>(hp);
-    krv_cie_owner ciep(record == nullptr ? nullptr : &record->cie, {hp});
-    if (ciep != nullptr && read_cie(hp, ciep.get(), eh_frame, eh_frame + offset))
-        return ciep.release();
-    krv_note(hp, "failed to read CIE at address 0x%lx in .eh_frame", static_cast<unsigned long>(eh_frame + offset));
+    krv_owner<eh_cie> record(krv_new<eh_cie>(hp));
+    if (record != nullptr && read_cie(hp, &record->cie, eh_frame, eh_frame + offset))
+        return &record.release()->cie;
+    cie_failed(hp, eh_frame + offset);
     return nullptr;
+}
+
+// Reads a record afresh; whether it is byte for byte the one that `known` was decoded from.
+static bool is_unchanged(const krv_cie_t *known, const krv_fd_t *as, uint64_t address)
+{
+    const krv_window_t *window = &known->scie_window; // all but the length field
+    if (known->scie_decoding == 0 || window->sw_offset - EH_LENGTH_SIZE != address)
+        return false;
+    uint8_t fresh[EH_LENGTH_SIZE + sizeof(window->sw_bytes)];
+    const size_t size = EH_LENGTH_SIZE + static_cast<size_t>(window->sw_size);
+    if (as->sfd_u.cb.func(as->sfd_u.cb.arg, fresh, size, address) != static_cast<int64_t>(size))
+        return false;
+    uint32_t length;
+    std::memcpy(&length, fresh, sizeof(length));
+    return length == known->scie_length &&
+           std::memcmp(fresh + EH_LENGTH_SIZE, window->sw_bytes, static_cast<size_t>(window->sw_size)) == 0;
+}
+
+// Most CIEs are those of the query before, which spares their decoding.
+[[gnu::noinline]] static bool read_parent(krv_handle_t *hp, krv_eh_fde *record, const krv_fd_t *as, uint64_t eh_frame, uint64_t address)
+{
+    if (!is_unchanged(&record->parent.cie, as, address)) {
+        record->parent = {};
+        record->parent.embedded = true;
+        if (!read_cie(hp, &record->parent.cie, eh_frame, address)) {
+            cie_failed(hp, address);
+            krv_note(hp, "couldn't get parent CIE");
+            return false;
+        }
+    }
+    record->fde.sfde_cie = &record->parent.cie;
+    return true;
 }
 
 // pc_begin and pc_range. The range has the format of the address, and no base.
@@ -308,15 +362,16 @@ static bool read_fde_augmentation(krv_handle_t *hp, record *r, const krv_amd64_c
                  static_cast<unsigned long>(size), static_cast<unsigned long>(r->fd.sfd_remaining));
         return false;
     }
-    auto *augp = &reinterpret_cast<eh_fde *>(fdep)->augmentation;
+    auto *augp = &reinterpret_cast<krv_eh_fde *>(fdep)->augmentation;
     fdep->sfde_augmentation_data = augp;
     return size == 0 || read_pointer(&r->fd, r->origin, static_cast<uint8_t>(cie_augp->scie_le), r->eh_frame,
                                      &augp->safa_ldsa, "failed to read LDSA");
 }
 
-[[gnu::flatten]] static bool read_fde(krv_handle_t *hp, krv_fde_t *fdep, uint64_t eh_frame, uint64_t offset)
+[[gnu::flatten]] static bool read_fde(krv_handle_t *hp, krv_eh_fde *record, uint64_t eh_frame, uint64_t offset)
 {
-    record r = {.fd = {}, .origin = 0, .eh_frame = eh_frame, .length = 0, .full_size = 0};
+    krv_fde_t *fdep = &record->fde;
+    struct record r = {.fd = {}, .origin = 0, .eh_frame = eh_frame, .length = 0, .full_size = 0};
     const krv_fd_t as = address_space(hp);
     const bool entered = enter_record(&r, &as, &fdep->sfde_window, eh_frame + offset);
     fdep->sfde_length = r.length;
@@ -327,11 +382,8 @@ static bool read_fde_augmentation(krv_handle_t *hp, record *r, const krv_amd64_c
         krv_fail(hp, KRV_ERR_CORRUPT, "illegal CIE pointer (0)");
         return false;
     }
-    fdep->sfde_cie = krv_get_cie_by_offset(hp, offset + EH_LENGTH_SIZE - fdep->sfde_pointer);
-    if (fdep->sfde_cie == nullptr) {
-        krv_note(hp, "couldn't get parent CIE");
+    if (!read_parent(hp, record, &as, eh_frame, eh_frame + offset + EH_LENGTH_SIZE - fdep->sfde_pointer))
         return false;
-    }
     switch (fdep->sfde_cie->scie_augmentation_type) {
     case KRV_AUG_NONE:
         if (!read_extent(&r, DW_EH_PE_udata8, fdep))
@@ -352,14 +404,33 @@ static bool read_fde_augmentation(krv_handle_t *hp, record *r, const krv_amd64_c
     return true;
 }
 
+// A record to be filled: the spare one or a new one.
+static krv_eh_fde *take_record(krv_handle_t *hp, krv_reader_t *reader)
+{
+    krv_eh_fde *record = krv_take(&reader_data(reader)->sefh_spare);
+    if (record != nullptr) {
+        record->fde.sfde_cie = nullptr;
+        record->fde.sfde_augmentation_data = nullptr;
+        record->fde.sfde_window.sw_size = 0;
+        record->augmentation = {};
+        return record;
+    }
+    record = krv_new<krv_eh_fde>(hp);
+    if (record != nullptr) {
+        record->hp = hp;
+        record->reader = reader;
+    }
+    return record;
+}
+
 static krv_fde_t *krv_eh_frame_gfbo(krv_handle_t *hp, krv_reader_t *reader, uint64_t offset)
 {
     KRV_ASSERT(hp != NULL);
     KRV_ASSERT(reader != NULL);
     const uint64_t eh_frame = reader_data(reader)->sefh_eh_frame;
-    auto *record = krv_new<eh_fde>(hp);
+    krv_eh_fde *record = take_record(hp, reader);
     krv_fde_owner fdep(record == nullptr ? nullptr : &record->fde, {hp});
-    if (fdep != nullptr && read_fde(hp, fdep.get(), eh_frame, offset))
+    if (fdep != nullptr && read_fde(hp, record, eh_frame, offset))
         return fdep.release();
     krv_note(hp, "failed to read FDE at address 0x%lx in .eh_frame", static_cast<unsigned long>(eh_frame + offset));
     return nullptr;
@@ -368,16 +439,23 @@ static krv_fde_t *krv_eh_frame_gfbo(krv_handle_t *hp, krv_reader_t *reader, uint
 static void krv_eh_frame_cie_free(krv_cie_t *ciep)
 {
     KRV_ASSERT(ciep->scie_augmentation_type == (ciep->scie_augmentation_data != NULL ? KRV_AUG_AMD64 : KRV_AUG_NONE));
-    krv_free(ciep); // with its augmentation data
+    if (!reinterpret_cast<eh_cie *>(ciep)->embedded)
+        krv_free(ciep); // with its augmentation data
 }
 
+// The record becomes the spare one, unless there is one, or it has outlived its reader.
 static void krv_eh_frame_fde_free(krv_fde_t *fdep)
 {
-    krv_free(fdep); // likewise
+    auto *record = reinterpret_cast<krv_eh_fde *>(fdep);
+    if (krv_load(&record->hp->sh_frame_reader) != record->reader)
+        krv_free(record);
+    else
+        krv_publish(&reader_data(record->reader)->sefh_spare, record, krv_free);
 }
 
 static void krv_eh_frame_destroy_reader(krv_reader_t *reader)
 {
+    krv_free(reader_data(reader)->sefh_spare);
     krv_free(reader->sr_data);
     krv_free(reader);
 }

@@ -23,6 +23,7 @@ struct krv_eh_frame_reader_data {
     uint64_t sefh_fde_count;     // entries of the table
     uint64_t sefh_table_offset;  // target address of the first
     uint8_t sefh_width;          // bytes of one field: 2, 4 or 8
+    struct krv_eh_fde *sefh_spare; // a record that is free for the next query, or NULL; taken and put back atomically
 };
 
 // scie_augmentation_data of a CIE with an augmentation string.

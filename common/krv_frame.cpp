@@ -89,16 +89,13 @@ struct index_entry {
 
 } // namespace
 
-krv_reader_t *krv_get_reader(krv_handle_t *hp)
+krv_reader_t *krv_create_reader(krv_handle_t *hp)
 {
     static krv_reader_t *(*const creators[])(krv_handle_t *) = {
         krv_debug_frame_create_reader,
         krv_eh_frame_create_reader,
         krv_no_frame_create_reader,
     };
-    KRV_ASSERT(hp != NULL);
-    if (void *known = krv_load(&hp->sh_frame_reader))
-        return static_cast<krv_reader_t *>(known);
     krv_reader_t *fresh = nullptr;
     for (auto *create : creators) {
         fresh = create(hp);

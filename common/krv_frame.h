@@ -49,6 +49,7 @@ struct krv_cie_t {
     krv_augtype_t scie_augmentation_type;                 //
     void *scie_augmentation_data;                         // the reader's own, or NULL
     const krv_augmentation_t *scie_augmentation;          // decodes instructions, those of its FDEs too
+    uint64_t scie_decoding;   // equal numbers: decoded from equal bytes, all of them in the window; 0: nothing is known
     krv_window_t scie_window; // over scie_fd: the record's bytes, as many as were read ahead
 };
 
@@ -106,7 +107,13 @@ krv_reader_t *krv_eh_frame_create_reader(krv_handle_t *hp);
 krv_reader_t *krv_no_frame_create_reader(krv_handle_t *hp);
 
 // The handle's reader, created on first use; it stays the handle's. NULL when there is no memory for any.
-krv_reader_t *krv_get_reader(krv_handle_t *hp);
+krv_reader_t *krv_create_reader(krv_handle_t *hp);
+inline krv_reader_t *krv_get_reader(krv_handle_t *hp)
+{
+    KRV_ASSERT(hp != NULL);
+    auto *known = static_cast<krv_reader_t *>(krv_load(&hp->sh_frame_reader));
+    return known != nullptr ? known : krv_create_reader(hp);
+}
 // Discards the handle's reader, if any, so that the next query chooses again. No other call may use the handle.
 void krv_destroy_reader(krv_handle_t *hp);
 

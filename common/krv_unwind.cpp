@@ -39,7 +39,7 @@ static bool is_present(const krv_register_t *rp)
 
 static int place_cursor(krv_fd_t *fdp, uint64_t offset, uint64_t size)
 {
-    return krv_fd_seek(fdp, offset) == 0 && korva_fd_truncate(fdp, size) == 0 ? 0 : -1;
+    return krv_fd_seek(fdp, offset) == 0 && krv_fd_truncate(fdp, size) == 0 ? 0 : -1;
 }
 
 // Makes equal what may differ in `slots`.
@@ -53,6 +53,9 @@ static void copy_rules(krv_cfarule_t *to, const krv_cfarule_t *from, const krv_s
 
 static int generate_cie_rules(krv_handle_t *hp, krv_activation_t *ap, krv_cie_t *cie)
 {
+    if (cie->scie_decoding != 0 && cie->scie_decoding == ap->sa_initial_of)
+        return 0; // the same instructions as the last time
+    ap->sa_initial_of = 0;
     krv_fd_t fd = krv_fd_windowed(&cie->scie_fd, &cie->scie_window);
     if (ap->sa_args.sa_argc != 0) // all is zero otherwise
         ap->sa_args = {};
@@ -61,10 +64,13 @@ static int generate_cie_rules(krv_handle_t *hp, krv_activation_t *ap, krv_cie_t 
     if (place_cursor(&fd, cie->scie_cfi_offset, cie->scie_cfi_size) != 0)
         return -1;
     krv_fd_read_ahead(&fd, cie->scie_cfi_size);
-    return krv_generate_ruleset(
+    const int result = krv_generate_ruleset(
         hp, &fd, cie->scie_code_alignment_factor, static_cast<uint64_t>(cie->scie_data_alignment_factor), 0, 0, 0,
         ap->sa_n_registers, nullptr, ap->sa_initial, &ap->sa_args, cie->scie_augmentation, cie->scie_augmentation_data,
         &ap->sa_initial_changed);
+    if (result == 0)
+        ap->sa_initial_of = cie->scie_decoding;
+    return result;
 }
 
 static int generate_fde_rules(krv_handle_t *hp, krv_activation_t *ap, krv_fde_t *fde, uint64_t pc)
