@@ -212,7 +212,7 @@ static bool read_expression(cfi_run *run, uint64_t *offsetp, uint64_t *sizep)
 }
 
 // Registers must have rules; the slots of the library registers cannot be named.
-static inline row execute(cfi_run *run, uint8_t opcode, uint64_t first, uint64_t second)
+[[gnu::always_inline]] static inline row execute(cfi_run *run, uint8_t opcode, uint64_t first, uint64_t second)
 {
     const uint64_t end = run->nslots - KRV_REG_MAX;
     if (opcode == DW_CFA_register && second >= end)
@@ -331,44 +331,43 @@ static inline operation scan_operation(const uint8_t **atp, const uint8_t *end)
     return op;
 }
 
-[[gnu::noinline]] static operation read_operation(cfi_run *run)
+// Executes instructions where they are, as long as they can be decoded there; the cursor follows.
+static row run_in_memory(cfi_run *run)
+{
+    const krv_view_t view = krv_fd_view(run->fdp);
+    const uint8_t *const end = view.bytes + view.size, *at = view.bytes;
+    row result = row::next;
+    while (at != end) {
+        const uint8_t *next = at;
+        const operation op = scan_operation(&next, end);
+        if (!op.done)
+            break;
+        at = next;
+        result = execute(run, op.opcode, op.first, op.second);
+        if (result != row::next)
+            break;
+    }
+    krv_fd_advance(run->fdp, static_cast<uint64_t>(at - view.bytes));
+    return result;
+}
+
+// Executes one instruction, whatever it is.
+[[gnu::noinline]] static row run_one(cfi_run *run)
 {
     krv_operation_t op;
     if (krv_frame_get_next_op(run->hp, run->fdp, &op, run->augp, run->aug_arg) != 0)
-        return {};
-    return {true, op.opcode, op.operand[0].sa_u.su_unsigned, op.operand[1].sa_u.su_unsigned};
+        return row::bad;
+    return execute(run, op.opcode, op.operand[0].sa_u.su_unsigned, op.operand[1].sa_u.su_unsigned);
 }
 
-// Instructions are decoded where they are, as far as their bytes are in memory, and the cursor follows when it is
-// needed: at the end, and before an instruction that has to be read from it.
 static row run_instructions(cfi_run *run)
 {
     row result = row::next;
     while (result == row::next && run->fdp->sfd_remaining > 0) {
-        const krv_view_t view = krv_fd_view(run->fdp);
-        const uint8_t *const end = view.bytes + view.size, *at = view.bytes;
         krv_clear_error(run->hp); // as decoding does
-        bool scanned = true;
-        while (scanned && result == row::next) {
-            const uint8_t *next = at;
-            operation op = {};
-            if (at != end)
-                op = scan_operation(&next, end);
-            if (op.done) {
-                at = next;
-            } else {
-                scanned = false;
-                krv_fd_advance(run->fdp, static_cast<uint64_t>(at - view.bytes));
-                if (run->fdp->sfd_remaining == 0)
-                    break;
-                op = read_operation(run);
-                if (!op.done)
-                    return row::bad;
-            }
-            result = execute(run, op.opcode, op.first, op.second);
-        }
-        if (scanned)
-            krv_fd_advance(run->fdp, static_cast<uint64_t>(at - view.bytes));
+        result = run_in_memory(run);
+        if (result == row::next && run->fdp->sfd_remaining > 0)
+            result = run_one(run);
     }
     return result;
 }
