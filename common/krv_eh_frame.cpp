@@ -144,46 +144,59 @@ static krv_eh_frame_reader_data *reader_data(const krv_reader_t *reader)
     return static_cast<krv_eh_frame_reader_data *>(reader->sr_data);
 }
 
-// A cursor over the target's memory, which reports errors even when no address space is attached.
-static krv_fd_t address_space(krv_handle_t *hp)
-{
-    krv_fd_t fd = hp->sh_as;
-    fd.sfd_hp = hp;
-    return fd;
-}
-
 namespace
 {
 
 // A record while it is read.
 struct record {
-    krv_fd_t fd;         // behind its length field, limited to it; over the window's bytes if that holds all of them
-    uint64_t origin;     // address of offset 0
-    uint64_t eh_frame;   // address of .eh_frame
-    uint64_t length;     // bytes after the length field
-    uint64_t full_size;  // with the length field
+    krv_fd_t fd;       // behind its length field, limited to it; over the window's bytes if that holds them all
+    uint64_t origin;   // address of offset 0
+    uint64_t eh_frame; // address of .eh_frame
+    uint64_t length;   // bytes after the length field
 
     uint64_t address() const { return origin + fd.sfd_offset; }
 };
 
 } // namespace
 
-// Enters the record at an address, and reads it ahead.
-static bool enter_record(record *r, const krv_fd_t *as, krv_window_t *window, uint64_t address)
+// Reads a record in two calls, when the window has room for it. False: it has not, or something is amiss.
+static bool hold_record(record *r, krv_handle_t *hp, krv_window_t *window, uint64_t address)
 {
-    r->fd = krv_fd_windowed(as, window);
+    const krv_fd_t *as = &hp->sh_as;
+    const krv_fd_cb_f *func = as->sfd_u.cb.func;
+    void *arg = as->sfd_u.cb.arg;
+    uint32_t length;
+    if (!krv_fd_is_cb(as) || !krv_extent_fits(as->sfd_size, address, 0, EH_LENGTH_SIZE) ||
+        func(arg, &length, sizeof(length), address) != static_cast<int64_t>(sizeof(length)) || length == 0 ||
+        length > sizeof(window->sw_bytes) || !krv_extent_fits(as->sfd_size, address, EH_LENGTH_SIZE, length) ||
+        func(arg, window->sw_bytes, length, address + EH_LENGTH_SIZE) != int64_t{length})
+        return false;
+    krv_clear_error(hp);
+    window->sw_offset = address + EH_LENGTH_SIZE;
+    window->sw_size = length;
+    krv_fd_attach_mem(hp, &r->fd, length, window->sw_bytes);
+    r->origin = window->sw_offset;
+    r->length = length;
+    return true;
+}
+
+// Enters the record at an address.
+static bool enter_record(record *r, krv_handle_t *hp, krv_window_t *window, uint64_t eh_frame, uint64_t address)
+{
+    r->eh_frame = eh_frame;
+    if (hold_record(r, hp, window, address))
+        return true;
+    const krv_fd_t as = krv_eh_address_space(hp);
+    r->origin = r->length = 0;
+    r->fd = krv_fd_windowed(&as, window);
     if (krv_fd_seek(&r->fd, address) != 0) {
-        krv_note(r->fd.sfd_hp, "unable to seek to offset 0x%lx", static_cast<unsigned long>(address));
+        krv_note(hp, "unable to seek to offset 0x%lx", static_cast<unsigned long>(address));
         return false;
     }
-    krv_fd_read_ahead(&r->fd, EH_LENGTH_SIZE);
-    if (!krv_read_field(&r->fd, DW_FORM_data4, 0, &r->length, "failed to read Length"))
-        return false;
-    r->full_size = r->length + EH_LENGTH_SIZE;
-    if (krv_fd_truncate(&r->fd, r->length) != 0)
+    if (!krv_read_field(&r->fd, DW_FORM_data4, 0, &r->length, "failed to read Length") ||
+        krv_fd_truncate(&r->fd, r->length) != 0)
         return false;
     krv_fd_read_ahead(&r->fd, r->length);
-    r->origin = krv_fd_enter_memory(&r->fd);
     return true;
 }
 
@@ -256,11 +269,11 @@ static uint64_t next_decoding()
 // Flat, as is read_fde: with the forms known, a field is a few instructions.
 [[gnu::flatten]] static bool read_cie(krv_handle_t *hp, krv_cie_t *ciep, uint64_t eh_frame, uint64_t address)
 {
-    struct record r = {.fd = {}, .origin = 0, .eh_frame = eh_frame, .length = 0, .full_size = 0};
-    ciep->scie_fd = address_space(hp);
-    const bool entered = enter_record(&r, &ciep->scie_fd, &ciep->scie_window, address);
+    struct record r;
+    ciep->scie_fd = krv_eh_address_space(hp);
+    const bool entered = enter_record(&r, hp, &ciep->scie_window, eh_frame, address);
     ciep->scie_length = r.length;
-    ciep->scie_section_length = r.full_size;
+    ciep->scie_section_length = r.length + EH_LENGTH_SIZE;
     if (!entered || !krv_read_field(&r.fd, DW_FORM_data4, 0, &ciep->scie_id, "failed to read CIE id"))
         return false;
     if (ciep->scie_id != 0) {
@@ -323,9 +336,9 @@ static bool is_unchanged(const krv_cie_t *known, const krv_fd_t *as, uint64_t ad
 }
 
 // Most CIEs are those of the query before, which spares their decoding.
-[[gnu::noinline]] static bool read_parent(krv_handle_t *hp, krv_eh_fde *record, const krv_fd_t *as, uint64_t eh_frame, uint64_t address)
+[[gnu::noinline]] static bool read_parent(krv_handle_t *hp, krv_eh_fde *record, uint64_t eh_frame, uint64_t address)
 {
-    if (!is_unchanged(&record->parent.cie, as, address)) {
+    if (!is_unchanged(&record->parent.cie, &hp->sh_as, address)) {
         record->parent = {};
         record->parent.embedded = true;
         if (!read_cie(hp, &record->parent.cie, eh_frame, address)) {
@@ -371,18 +384,17 @@ static bool read_fde_augmentation(krv_handle_t *hp, record *r, const krv_amd64_c
 [[gnu::flatten]] static bool read_fde(krv_handle_t *hp, krv_eh_fde *record, uint64_t eh_frame, uint64_t offset)
 {
     krv_fde_t *fdep = &record->fde;
-    struct record r = {.fd = {}, .origin = 0, .eh_frame = eh_frame, .length = 0, .full_size = 0};
-    const krv_fd_t as = address_space(hp);
-    const bool entered = enter_record(&r, &as, &fdep->sfde_window, eh_frame + offset);
+    struct record r;
+    const bool entered = enter_record(&r, hp, &fdep->sfde_window, eh_frame, eh_frame + offset);
     fdep->sfde_length = r.length;
-    fdep->sfde_section_length = r.full_size;
+    fdep->sfde_section_length = r.length + EH_LENGTH_SIZE;
     if (!entered || !krv_read_field(&r.fd, DW_FORM_data4, 0, &fdep->sfde_pointer, "failed to read CIE pointer"))
         return false;
     if (fdep->sfde_pointer == 0) {
         krv_fail(hp, KRV_ERR_CORRUPT, "illegal CIE pointer (0)");
         return false;
     }
-    if (!read_parent(hp, record, &as, eh_frame, eh_frame + offset + EH_LENGTH_SIZE - fdep->sfde_pointer))
+    if (!read_parent(hp, record, eh_frame, eh_frame + offset + EH_LENGTH_SIZE - fdep->sfde_pointer))
         return false;
     switch (fdep->sfde_cie->scie_augmentation_type) {
     case KRV_AUG_NONE:

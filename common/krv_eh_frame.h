@@ -46,6 +46,14 @@ struct krv_amd64_fde_augmentation {
 // form decoder.
 int krv_decode_eh_form(krv_fd_t *fdp, uint8_t encoding, uint64_t pc_base, uint64_t data_base, uint64_t *datump);
 
+// A cursor over the target's memory, which reports errors even when no address space is attached.
+inline krv_fd_t krv_eh_address_space(krv_handle_t *hp)
+{
+    krv_fd_t fd = hp->sh_as;
+    fd.sfd_hp = hp;
+    return fd;
+}
+
 // Decodes one call-frame instruction; arg is the krv_amd64_cie_augmentation of its CIE, or NULL.
 krv_get_next_op_f krv_eh_frame_aug_next_op;
 

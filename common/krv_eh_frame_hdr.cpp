@@ -69,10 +69,11 @@ static bool parse_header(krv_handle_t *hp, krv_eh_frame_reader_data *data, krv_f
 }
 
 // The first thread's header stays; any other thread has read the same.
-static bool load_header(krv_handle_t *hp, krv_eh_frame_reader_data *data, krv_fd_t *fdp)
+static bool load_header(krv_handle_t *hp, krv_eh_frame_reader_data *data)
 {
     krv_eh_frame_reader_data fresh = {};
-    if (!parse_header(hp, &fresh, fdp))
+    krv_fd_t fd = krv_eh_address_space(hp);
+    if (!parse_header(hp, &fresh, &fd))
         return false;
     const krv_write_guard guard(&hp->sh_rwlock);
     if (krv_load(&data->sefh_status) != KRV_EFH_UNINITIALISED)
@@ -108,8 +109,8 @@ enum class found { yes, no, failed };
 
 // The table while it is searched.
 struct table_search {
+    krv_handle_t *hp;
     const krv_eh_frame_reader_data *data;
-    krv_fd_t fd;
     uint64_t address; // that is looked for
     range among;
     entry at;
@@ -120,12 +121,13 @@ struct table_search {
         return data->sefh_table_offset + (2 * static_cast<uint64_t>(number) + field) * data->sefh_width;
     }
 
-    // Field 0 (initial_location) or 1 (fde_address) of an entry, through the cursor.
-    bool operator()(int32_t number, unsigned int field, uint64_t *datump, const char *message)
+    // Field 0 (initial_location) or 1 (fde_address) of an entry, through a cursor.
+    bool operator()(int32_t number, unsigned int field, uint64_t *datump, const char *message) const
     {
+        krv_fd_t fd = krv_eh_address_space(hp);
         if (korva_fd_seek(&fd, field_address(number, field), KRV_FD_SEEK_SET) == 0)
             return read_pointer(data, &fd, data->sefh_te, datump, message);
-        krv_note(fd.sfd_hp, "%s", message);
+        krv_note(hp, "%s", message);
         return false;
     }
 };
@@ -196,10 +198,11 @@ static found advance(table_search *s)
     const uint8_t application = data->sefh_te & 0xf0;
     const bool refused =
         application != DW_EH_PE_absptr && application != DW_EH_PE_pcrel && application != DW_EH_PE_datarel;
-    if (refused || !krv_fd_is_cb(&s->fd) || !krv_extent_fits(s->fd.sfd_size, address, 0, size) ||
-        s->fd.sfd_u.cb.func(s->fd.sfd_u.cb.arg, bytes, size, address) != static_cast<int64_t>(size))
+    const krv_fd_t *as = &s->hp->sh_as;
+    if (refused || !krv_fd_is_cb(as) || !krv_extent_fits(as->sfd_size, address, 0, size) ||
+        as->sfd_u.cb.func(as->sfd_u.cb.arg, bytes, size, address) != static_cast<int64_t>(size))
         return search_step(s, *s);
-    krv_clear_error(s->fd.sfd_hp);
+    krv_clear_error(s->hp);
     const uint64_t base = application == DW_EH_PE_pcrel    ? address
                           : application == DW_EH_PE_absptr ? 0
                                                            : data->sefh_eh_frame_hdr;
@@ -218,17 +221,12 @@ static found advance(table_search *s)
 }
 
 // The indices have 32 bits, and so has what counts of fde_count: a count whose low half is negative finds nothing.
-static found search_table(const krv_eh_frame_reader_data *data, const krv_fd_t *fdp, uint64_t address, entry *result)
+static found search_table(table_search *s)
 {
-    table_search s = {.data = data,
-                      .fd = *fdp,
-                      .address = address,
-                      .among = {0, static_cast<int32_t>(data->sefh_fde_count - 1)},
-                      .at = {}};
+    s->among = {0, static_cast<int32_t>(s->data->sefh_fde_count - 1)};
     found outcome = found::no;
-    while (outcome == found::no && s.among.first <= s.among.last)
-        outcome = advance(&s);
-    *result = s.at;
+    while (outcome == found::no && s->among.first <= s->among.last)
+        outcome = advance(s);
     return outcome;
 }
 
@@ -250,16 +248,17 @@ int krv_eh_frame_gfoba(krv_handle_t *hp, krv_reader_t *reader, uint64_t address,
     const krv_eh_status_t status = krv_load(&data->sefh_status);
     if (status == KRV_EFH_UNSUPPORTED)
         return krv_fail_code(hp, KRV_ERR_UNSUPPORTED);
-    krv_fd_t fd = hp->sh_as;
-    fd.sfd_hp = hp; // which it has not while no address space is attached
-    if (status == KRV_EFH_UNINITIALISED && !load_header(hp, data, &fd))
+    if (status == KRV_EFH_UNINITIALISED && !load_header(hp, data))
         return abandon_table(hp, data);
-    entry at;
-    switch (search_table(data, &fd, address, &at)) {
+    table_search s;
+    s.hp = hp;
+    s.data = data;
+    s.address = address;
+    switch (search_table(&s)) {
     case found::yes:
-        *taddrp = at.start;
-        *toffp = at.fde_address - data->sefh_eh_frame;
-        *naddrp = at.next;
+        *taddrp = s.at.start;
+        *toffp = s.at.fde_address - data->sefh_eh_frame;
+        *naddrp = s.at.next;
         return 0;
     case found::no:
         return krv_fail_code(hp, KRV_ERR_NOTFOUND);

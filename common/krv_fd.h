@@ -105,22 +105,6 @@ inline krv_view_t krv_fd_view(const krv_fd_t *fdp)
     return {window->sw_bytes + skip, held < fdp->sfd_remaining ? held : fdp->sfd_remaining};
 }
 
-// Makes a cursor all of whose remaining bytes are in memory already one over these bytes, whose offsets count from its
-// position: what is read through it costs least. Returns what its offsets lack to those of before; else 0, and nothing has
-// changed.
-inline uint64_t krv_fd_enter_memory(krv_fd_t *fdp)
-{
-    const krv_view_t view = krv_fd_view(fdp);
-    const uint64_t position = fdp->sfd_offset;
-    if (view.size == 0 || view.size != fdp->sfd_remaining)
-        return 0;
-    fdp->sfd_size = view.size;
-    fdp->sfd_offset = 0;
-    fdp->sfd_flags = KRV_FD_TYPE_MEMORY;
-    fdp->sfd_u.buf = const_cast<uint8_t *>(view.bytes); // which nobody writes through a cursor that is read
-    return position;
-}
-
 // An offset that a sum from the data would put past the end of any section, instead of wrapping around.
 inline uint64_t krv_add_offset(uint64_t a, uint64_t b)
 {
