@@ -289,46 +289,54 @@ namespace
 {
 
 struct operation {
-    bool done; // false: not decoded
     uint8_t opcode;
     uint64_t first, second;
 };
 
 } // namespace
 
-// Takes an operand that is a ULEB128 number of at most two bytes. False: another, and *atp may have moved.
-static inline bool scan_operand(const uint8_t **atp, const uint8_t *end, uint64_t *valuep)
+// Decodes an operand that is a ULEB128 number of at most two bytes. What follows it; NULL: another.
+static inline const uint8_t *scan_operand(const uint8_t *at, const uint8_t *end, uint64_t *valuep)
 {
-    if (*atp == end)
-        return false;
-    uint64_t value = *(*atp)++;
-    if (value > 0x7f) {
-        if (*atp == end || **atp > 0x7f)
-            return false;
-        value = (value & 0x7f) | uint64_t{*(*atp)++} << 7;
-    }
-    *valuep = value;
-    return true;
+    if (at == end)
+        return nullptr;
+    *valuep = *at++;
+    if (*valuep < 0x80)
+        return at;
+    if (at == end || *at > 0x7f)
+        return nullptr;
+    *valuep = (*valuep & 0x7f) | uint64_t{*at} << 7;
+    return at + 1;
 }
 
 // Decodes an instruction whose bytes are in memory, which are some at least, with the outcome of krv_frame_get_next_op.
-// Not done: not this one.
-static inline operation scan_operation(const uint8_t **atp, const uint8_t *end)
+// What follows it; NULL: not this one.
+static inline const uint8_t *scan_operation(const uint8_t *at, const uint8_t *end, operation *op)
 {
-    const uint8_t byte = *(*atp)++;
+    const uint8_t byte = *at++;
     const uint8_t shape = krv_cfa_shapes[byte];
+    op->second = 0;
     if ((byte & KRV_CFA_PACKED) != 0) {
-        operation op = {true, static_cast<uint8_t>(byte & KRV_CFA_PACKED), uint64_t{byte} & KRV_CFA_OPERAND, 0};
-        if (shape != KRV_CFA_PLAIN)
-            op.done = scan_operand(atp, end, &op.second);
-        return op;
+        op->opcode = byte & KRV_CFA_PACKED;
+        op->first = byte & KRV_CFA_OPERAND;
+        return shape == KRV_CFA_PLAIN ? at : scan_operand(at, end, &op->second);
     }
-    operation op = {shape != KRV_CFA_OTHER, byte, 0, 0};
-    if (shape == KRV_CFA_ULEB || shape == KRV_CFA_ULEBS)
-        op.done = scan_operand(atp, end, &op.first) && (shape == KRV_CFA_ULEB || scan_operand(atp, end, &op.second));
-    else if (shape == KRV_CFA_BYTE && (op.done = *atp != end))
-        op.first = *(*atp)++;
-    return op;
+    op->opcode = byte;
+    op->first = 0;
+    switch (shape) {
+    case KRV_CFA_PLAIN:
+        return at;
+    case KRV_CFA_ULEB:
+        return scan_operand(at, end, &op->first);
+    case KRV_CFA_ULEBS:
+        at = scan_operand(at, end, &op->first);
+        return at == nullptr ? nullptr : scan_operand(at, end, &op->second);
+    case KRV_CFA_BYTE:
+        op->first = at == end ? 0 : *at;
+        return at == end ? nullptr : at + 1;
+    default:
+        return nullptr;
+    }
 }
 
 // Executes instructions where they are, as long as they can be decoded there; the cursor follows.
@@ -338,9 +346,9 @@ static row run_in_memory(cfi_run *run)
     const uint8_t *const end = view.bytes + view.size, *at = view.bytes;
     row result = row::next;
     while (at != end) {
-        const uint8_t *next = at;
-        const operation op = scan_operation(&next, end);
-        if (!op.done)
+        operation op;
+        const uint8_t *next = scan_operation(at, end, &op);
+        if (next == nullptr)
             break;
         at = next;
         result = execute(run, op.opcode, op.first, op.second);

@@ -79,6 +79,37 @@ static inline int apply_base(krv_handle_t *hp, uint8_t encoding, uint64_t pc_bas
     }
 }
 
+// A number of fixed width whose bytes are in memory. False: not that case, and nothing has changed.
+template <typename T>
+static inline bool load_number(krv_fd_t *fdp, uint64_t *valuep)
+{
+    const krv_view_t view = krv_fd_view(fdp);
+    T value;
+    if (view.size < sizeof(value))
+        return false;
+    std::memcpy(&value, view.bytes, sizeof(value));
+    *valuep = static_cast<uint64_t>(value);
+    krv_fd_advance(fdp, sizeof(value));
+    krv_clear_error(fdp->sfd_hp);
+    return true;
+}
+
+// Of the formats that compilers and linkers choose.
+static inline bool load_pointer(krv_fd_t *fdp, uint8_t format, uint64_t *valuep)
+{
+    switch (format) {
+    case DW_EH_PE_sdata4:
+        return load_number<int32_t>(fdp, valuep);
+    case DW_EH_PE_udata4:
+        return load_number<uint32_t>(fdp, valuep);
+    case DW_EH_PE_sdata8:
+    case DW_EH_PE_udata8:
+        return load_number<uint64_t>(fdp, valuep);
+    default:
+        return false;
+    }
+}
+
 static inline int decode_pointer(krv_fd_t *fdp, uint8_t encoding, uint64_t pc_base, uint64_t data_base,
                                  uint64_t *datump)
 {
@@ -88,8 +119,9 @@ static inline int decode_pointer(krv_fd_t *fdp, uint8_t encoding, uint64_t pc_ba
     if (format->form == 0)
         return krv_fail(hp, KRV_ERR_INVALID, "illegal EH form (0x%hhx)", low);
     uint64_t value = 0;
-    if (!krv_read_field(fdp, format->form, format->flags, &value, "korva_decode_form() failed") ||
-        apply_base(hp, encoding, pc_base, data_base, &value) != 0)
+    const bool read = load_pointer(fdp, low, &value) ||
+                      krv_read_field(fdp, format->form, format->flags, &value, "korva_decode_form() failed");
+    if (!read || apply_base(hp, encoding, pc_base, data_base, &value) != 0)
         return krv_note(hp, "unable to decode EH datum");
     *datump = value;
     return 0;

@@ -159,7 +159,7 @@ void krv_fde_free(krv_handle_t *hp, krv_fde_t *fdep)
     krv_reader_t *reader = krv_get_reader(hp);
     KRV_ASSERT(reader != NULL);
     if (fdep->sfde_cie != nullptr) // an FDE whose reading failed may not have come that far
-        krv_cie_free(hp, fdep->sfde_cie);
+        reader->sr_ops->sro_cie_free(fdep->sfde_cie);
     reader->sr_ops->sro_fde_free(fdep);
 }
 
@@ -246,11 +246,8 @@ static int search_linear_table(krv_handle_t *hp, const krv_linear_t *lt, uint64_
     return krv_fail_code(hp, KRV_ERR_NOTFOUND);
 }
 
-static int find_entry(krv_handle_t *hp, uint64_t address, bool force, index_entry *entry)
+static inline int find_entry(krv_handle_t *hp, krv_reader_t *reader, uint64_t address, bool force, index_entry *entry)
 {
-    krv_reader_t *reader = need_reader(hp);
-    if (reader == nullptr)
-        return -1;
     const krv_linear_t *lt = krv_load(&reader->sr_lt);
     if (lt == nullptr && !force) {
         if (reader->sr_ops->sro_gfoba(hp, reader, address, &entry->start, &entry->offset, &entry->next) == 0)
@@ -270,8 +267,9 @@ int krv_get_fde_offset_by_address(krv_handle_t *hp, uint64_t address, boolean_t 
     KRV_ASSERT(taddrp != NULL);
     KRV_ASSERT(toffp != NULL);
     KRV_ASSERT(naddrp != NULL);
+    krv_reader_t *reader = need_reader(hp);
     index_entry entry = {};
-    if (find_entry(hp, address, force != B_FALSE, &entry) != 0)
+    if (reader == nullptr || find_entry(hp, reader, address, force != B_FALSE, &entry) != 0)
         return -1;
     *taddrp = entry.start;
     *toffp = entry.offset;
@@ -312,11 +310,14 @@ static void note_inconsistency(krv_handle_t *hp, uint64_t address, const index_e
 krv_fde_t *krv_get_fde_by_address(krv_handle_t *hp, uint64_t address)
 {
     KRV_ASSERT(hp != NULL);
+    krv_reader_t *reader = need_reader(hp);
+    if (reader == nullptr)
+        return nullptr;
     for (const bool forced : {false, true}) {
         index_entry entry = {};
-        if (find_entry(hp, address, forced, &entry) != 0)
+        if (find_entry(hp, reader, address, forced, &entry) != 0)
             return nullptr;
-        krv_fde_owner fdep(krv_get_fde_by_offset(hp, entry.offset), {hp});
+        krv_fde_owner fdep(reader->sr_ops->sro_gfbo(hp, reader, entry.offset), {hp});
         if (fdep == nullptr)
             return nullptr;
         if (is_consistent(&entry, fdep.get())) {
