@@ -11,6 +11,7 @@
 #include "krv_types.h"
 
 #include <bit>
+#include <cstring>
 #include <memory>
 
 constexpr unsigned KRV_MAX_SLOTS = 128; // more than any target has
@@ -56,6 +57,8 @@ struct krv_register_t {
 struct krv_regset_t {
     krv_register_t *srs_metadata; // one a slot
     krv_registers_t srs_data;
+    krv_slots_t srs_written; // slots that may hold anything but zeros: those that are present among them,
+    bool srs_loaded;         // or any, since whole register sets were loaded
 };
 
 // Whether the outcome of computing the caller's frame is known; any change to the current frame makes it UNTRIED.
@@ -119,7 +122,31 @@ int krv_activation_get_reg_size(krv_handle_t *hp, krv_activation_t *ap, krv_reg_
                                 size_t *sizep);
 
 // Gives a valid slot a value and marks it present: `size` bytes of the value are there, those above them are zero.
-void krv_register_store(krv_register_t *rp, const void *bytes, size_t size);
+inline void krv_register_store(krv_regset_t *set, unsigned int slot, const void *bytes, size_t size)
+{
+    krv_register_t *rp = &set->srs_metadata[slot];
+    if (size == sizeof(uint64_t) && rp->sr_size == sizeof(uint64_t)) { // nearly always
+        std::memcpy(rp->sr_contents, bytes, sizeof(uint64_t));
+    } else {
+        const size_t given = size < rp->sr_size ? size : rp->sr_size;
+        std::memcpy(rp->sr_contents, bytes, given);
+        std::memset(static_cast<uint8_t *>(rp->sr_contents) + given, 0, rp->sr_size - given);
+    }
+    rp->sr_flags |= KRV_REG_FLAG_PRESENT;
+    set->srs_written.add(slot);
+}
+
+// The value of a register of 8 bytes. False: it has none, or is of another kind.
+inline bool krv_register_load(const krv_register_t *rp, uint64_t *valuep)
+{
+    if (rp->sr_size != sizeof(*valuep) || (rp->sr_flags & KRV_REG_FLAG_PRESENT) == 0)
+        return false;
+    std::memcpy(valuep, rp->sr_contents, sizeof(*valuep));
+    return true;
+}
+
+// Forgets all values, and leaves zeros.
+void krv_regset_clear(const krv_activation_t *ap, krv_regset_t *set);
 
 // Fills the rules at a program counter: sa_initial, sa_current, sa_args and sa_cie_fd; *columnp is the return-address
 // register. -1 with code and messages.
