@@ -97,6 +97,11 @@ namespace
 // The entries that may still be the one: none when first > last.
 struct range {
     int32_t first, last;
+
+    int32_t middle() const // of one that is not empty
+    {
+        return first + static_cast<int32_t>((static_cast<uint32_t>(last) - static_cast<uint32_t>(first)) / 2);
+    }
 };
 
 struct entry {
@@ -156,7 +161,7 @@ struct held_fields {
 template <typename Read>
 static inline found search_step(table_search *s, Read &read)
 {
-    const int32_t mid = s->among.first + (s->among.last - s->among.first) / 2;
+    const int32_t mid = s->among.middle();
     if (!read(mid, 0, &s->at.start, "failed to read VA"))
         return found::failed;
     if (s->address < s->at.start) {
@@ -185,14 +190,14 @@ static found search_held(table_search *s, bool all, held_fields<T> fields)
 
 // One step, for which a call reads the entry in the middle and the location behind it; or all that are left, when they are
 // few. Where reading ahead fails, the step is made through the cursor, which reports the field.
-static found advance(table_search *s)
+[[gnu::always_inline]] static inline found advance(table_search *s)
 {
     const krv_eh_frame_reader_data *data = s->data;
     uint8_t bytes[2048];
     const uint64_t width = data->sefh_width;
     const uint64_t left = static_cast<uint64_t>(int64_t{s->among.last} - s->among.first + 1) * 2 * width;
     const bool all = left <= sizeof(bytes);
-    const int32_t mid = s->among.first + (s->among.last - s->among.first) / 2;
+    const int32_t mid = s->among.middle();
     const int32_t first = all ? s->among.first : mid;
     const uint64_t address = s->field_address(first, 0), size = all ? left : 3 * width;
     const uint8_t application = data->sefh_te & 0xf0;
