@@ -83,9 +83,9 @@ struct krv_activation {
     krv_regset_t *sa_current_registers;
     krv_regset_t *sa_caller_registers;
     unsigned int sa_n_registers;
-    krv_cfarule_t *sa_default; // rules by slot: those of the target's table,
-    krv_cfarule_t *sa_initial; // after the CIE's instructions,
-    krv_cfarule_t *sa_current; // and at the program counter; the slot of KRV_REG_CFA holds the CFA's rule
+    krv_cfarule_t *sa_default;      // rules by slot: those of the target's table,
+    krv_cfarule_t *sa_initial;      // after the CIE's instructions,
+    krv_cfarule_t *sa_current;      // and at the program counter; the slot of KRV_REG_CFA holds the CFA's rule
     krv_slots_t sa_ruled;           // slots whose default rule gives a value
     uint64_t sa_initial_of;         // scie_decoding of the CIE whose rules sa_initial and sa_args hold, or 0
     krv_slots_t sa_initial_changed; // where sa_initial may differ from sa_default,

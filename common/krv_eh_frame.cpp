@@ -180,7 +180,7 @@ namespace
 {
 
 // A record while it is read.
-struct record {
+struct record_reader {
     krv_fd_t fd;       // behind its length field, limited to it; over the window's bytes if that holds them all
     uint64_t origin;   // address of offset 0
     uint64_t eh_frame; // address of .eh_frame
@@ -192,7 +192,7 @@ struct record {
 } // namespace
 
 // Reads a record in two calls, when the window has room for it. False: it has not, or something is amiss.
-static bool hold_record(record *r, krv_handle_t *hp, krv_window_t *window, uint64_t address)
+static bool hold_record(record_reader *r, krv_handle_t *hp, krv_window_t *window, uint64_t address)
 {
     const krv_fd_t *as = &hp->sh_as;
     const krv_fd_cb_f *func = as->sfd_u.cb.func;
@@ -213,7 +213,7 @@ static bool hold_record(record *r, krv_handle_t *hp, krv_window_t *window, uint6
 }
 
 // Enters the record at an address.
-static bool enter_record(record *r, krv_handle_t *hp, krv_window_t *window, uint64_t eh_frame, uint64_t address)
+static bool enter_record(record_reader *r, krv_handle_t *hp, krv_window_t *window, uint64_t eh_frame, uint64_t address)
 {
     r->eh_frame = eh_frame;
     if (hold_record(r, hp, window, address))
@@ -244,7 +244,7 @@ static bool first_time(krv_handle_t *hp, boolean_t *seenp, const char *message)
 }
 
 // The datum of one letter of the augmentation string.
-static bool read_letter(krv_handle_t *hp, char letter, record *r, krv_amd64_cie_augmentation *augp)
+static bool read_letter(krv_handle_t *hp, char letter, record_reader *r, krv_amd64_cie_augmentation *augp)
 {
     uint8_t encoding = 0;
     switch (letter) {
@@ -266,7 +266,7 @@ static bool read_letter(krv_handle_t *hp, char letter, record *r, krv_amd64_cie_
 }
 
 // The size of the augmentation data is only checked: what the letters say is read, and instructions begin behind it.
-static bool read_cie_augmentation(krv_handle_t *hp, record *r, krv_cie_t *ciep)
+static bool read_cie_augmentation(krv_handle_t *hp, record_reader *r, krv_cie_t *ciep)
 {
     const char *letters = ciep->scie_augmentation_string;
     if (letters[0] == '\0')
@@ -301,7 +301,7 @@ static uint64_t next_decoding()
 // Flat, as is read_fde: with the forms known, a field is a few instructions.
 [[gnu::flatten]] static bool read_cie(krv_handle_t *hp, krv_cie_t *ciep, uint64_t eh_frame, uint64_t address)
 {
-    struct record r;
+    record_reader r;
     ciep->scie_fd = krv_eh_address_space(hp);
     const bool entered = enter_record(&r, hp, &ciep->scie_window, eh_frame, address);
     ciep->scie_length = r.length;
@@ -319,9 +319,12 @@ static uint64_t next_decoding()
         return false;
     }
     if (!krv_read_field(&r.fd, DW_FORM_string, 0, &ciep->scie_augmentation_string, "failed to read augmentation") ||
-        !krv_read_field(&r.fd, DW_FORM_udata, 0, &ciep->scie_code_alignment_factor, "failed to read Code Align Factor") ||
-        !krv_read_field(&r.fd, DW_FORM_sdata, 0, &ciep->scie_data_alignment_factor, "failed to read Data Align Factor") ||
-        !krv_read_field(&r.fd, DW_FORM_udata, 0, &ciep->scie_return_address_register, "failed to read Ret Address Reg") ||
+        !krv_read_field(&r.fd, DW_FORM_udata, 0, &ciep->scie_code_alignment_factor,
+                        "failed to read Code Align Factor") ||
+        !krv_read_field(&r.fd, DW_FORM_sdata, 0, &ciep->scie_data_alignment_factor,
+                        "failed to read Data Align Factor") ||
+        !krv_read_field(&r.fd, DW_FORM_udata, 0, &ciep->scie_return_address_register,
+                        "failed to read Ret Address Reg") ||
         !read_cie_augmentation(hp, &r, ciep))
         return false;
     ciep->scie_augmentation = &krv_eh_frame_augmentation;
@@ -384,7 +387,7 @@ static bool is_unchanged(const krv_cie_t *known, const krv_fd_t *as, uint64_t ad
 }
 
 // pc_begin and pc_range. The range has the format of the address, and no base.
-static bool read_extent(record *r, uint8_t encoding, krv_fde_t *fdep)
+static bool read_extent(record_reader *r, uint8_t encoding, krv_fde_t *fdep)
 {
     if (!read_pointer(&r->fd, r->origin, encoding, r->eh_frame, &fdep->sfde_target_address,
                       "failed to read target address"))
@@ -395,7 +398,7 @@ static bool read_extent(record *r, uint8_t encoding, krv_fde_t *fdep)
     return false;
 }
 
-static bool read_fde_augmentation(krv_handle_t *hp, record *r, const krv_amd64_cie_augmentation *cie_augp,
+static bool read_fde_augmentation(krv_handle_t *hp, record_reader *r, const krv_amd64_cie_augmentation *cie_augp,
                                   krv_fde_t *fdep)
 {
     uint64_t size = 0;
@@ -416,7 +419,7 @@ static bool read_fde_augmentation(krv_handle_t *hp, record *r, const krv_amd64_c
 [[gnu::flatten]] static bool read_fde(krv_handle_t *hp, krv_eh_fde *record, uint64_t eh_frame, uint64_t offset)
 {
     krv_fde_t *fdep = &record->fde;
-    struct record r;
+    record_reader r;
     const bool entered = enter_record(&r, hp, &fdep->sfde_window, eh_frame, eh_frame + offset);
     fdep->sfde_length = r.length;
     fdep->sfde_section_length = r.length + EH_LENGTH_SIZE;

@@ -349,7 +349,7 @@ static consteval uint8_t shape_of(uint8_t opcode)
         return KRV_CFA_OTHER;
     const krv_form_t first = opdesc[cfa_row(opcode)].form[0], second = opdesc[cfa_row(opcode)].form[1];
     if (second == 0)
-        return first == 0                ? KRV_CFA_PLAIN
+        return first == 0               ? KRV_CFA_PLAIN
                : first == DW_FORM_udata ? KRV_CFA_ULEB
                : first == DW_FORM_data1 ? KRV_CFA_BYTE
                                         : KRV_CFA_OTHER;

@@ -79,11 +79,10 @@ static int generate_fde_rules(krv_handle_t *hp, krv_activation_t *ap, krv_fde_t 
         return -1;
     krv_fd_read_ahead(&fd, fde->sfde_cfi_size);
     krv_slots_t changed = {};
-    const int result =
-        krv_generate_ruleset(hp, &fd, cie->scie_code_alignment_factor,
-                             static_cast<uint64_t>(cie->scie_data_alignment_factor), pc, fde->sfde_target_address,
-                             fde->sfde_address_range, ap->sa_n_registers, ap->sa_initial, ap->sa_current, nullptr,
-                             cie->scie_augmentation, cie->scie_augmentation_data, &changed);
+    const int result = krv_generate_ruleset(
+        hp, &fd, cie->scie_code_alignment_factor, static_cast<uint64_t>(cie->scie_data_alignment_factor), pc,
+        fde->sfde_target_address, fde->sfde_address_range, ap->sa_n_registers, ap->sa_initial, ap->sa_current, nullptr,
+        cie->scie_augmentation, cie->scie_augmentation_data, &changed);
     ap->sa_current_changed.add(changed);
     return result;
 }
@@ -264,7 +263,7 @@ static int apply_rules(evaluation *ev)
     const krv_register_t *slots = ev->ap->sa_caller_registers->srs_metadata;
     const unsigned int end = krv_dwarf_slots(ev->ap);
     krv_regset_clear(ev->ap, ev->ap->sa_caller_registers); // values of an earlier frame must not show through
-    krv_slots_t ruled = ev->ap->sa_ruled; // the rules of others leave them without a value
+    krv_slots_t ruled = ev->ap->sa_ruled;                  // the rules of others leave them without a value
     ruled.add(ev->ap->sa_current_changed);
     const bool done = ruled.for_each([ev, slots, end](unsigned int reg) {
         return reg >= end || (slots[reg].sr_flags & KRV_REG_FLAG_VALID) == 0 || apply_rule(ev, reg) == 0;
