@@ -195,7 +195,7 @@ struct record_reader {
 static bool hold_record(record_reader *r, krv_handle_t *hp, krv_window_t *window, uint64_t address)
 {
     const krv_fd_t *as = &hp->sh_as;
-    const krv_fd_cb_f *func = as->sfd_u.cb.func;
+    krv_fd_cb_f *func = as->sfd_u.cb.func;
     void *arg = as->sfd_u.cb.arg;
     uint32_t length;
     if (!krv_fd_is_cb(as) || !krv_extent_fits(as->sfd_size, address, 0, EH_LENGTH_SIZE) ||
