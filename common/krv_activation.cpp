@@ -190,6 +190,7 @@ krv_activation_t *korva_activation_alloc(krv_handle_t *hp)
     const krv_mach_def_t *mach = krv_activation_isa_alloc(hp);
     ap->sa_mach_def = mach;
     ap->sa_n_registers = count_slots(mach);
+    KRV_ASSERT(ap->sa_n_registers <= KRV_MAX_SLOTS);
     for (krv_regset_t **setp : {&ap->sa_current_registers, &ap->sa_caller_registers})
         if ((*setp = alloc_regset(hp, ap.get())) == nullptr)
             return nullptr;

@@ -40,7 +40,7 @@ struct krv_eh_fde {
     krv_amd64_fde_augmentation augmentation;
     krv_handle_t *hp;
     krv_reader_t *reader; // that has read it
-    eh_cie parent;        // of another query, if that was the last to fill it
+    eh_cie parent;        // stays when the record becomes the spare one
 };
 
 static constexpr eh_format eh_formats[EH_FORMAT + 1] = {
@@ -354,7 +354,8 @@ static krv_cie_t *krv_eh_frame_gcbo(krv_handle_t *hp, krv_reader_t *reader, uint
     return nullptr;
 }
 
-// Reads a record afresh; whether it is byte for byte the one that `known` was decoded from.
+// Reads a record afresh, in one call, since its length is expected to be the same; whether it is byte for byte the one
+// that `known` was decoded from.
 static bool is_unchanged(const krv_cie_t *known, const krv_fd_t *as, uint64_t address)
 {
     const krv_window_t *window = &known->scie_window; // all but the length field
