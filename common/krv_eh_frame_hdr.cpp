@@ -188,32 +188,12 @@ static found search_held(table_search *s, bool all, held_fields<T> fields)
     return result;
 }
 
-// One step, for which a call reads the entry in the middle and the location behind it; or all that are left, when they are
-// few. Where reading ahead fails, the step is made through the cursor, which reports the field.
-[[gnu::always_inline]] static inline found advance(table_search *s)
+// The numbers of a table by width and sign.
+static inline found search_numbers(table_search *s, bool all, const uint8_t *bytes, int32_t first, uint64_t base,
+                                   uint64_t relative)
 {
-    const krv_eh_frame_reader_data *data = s->data;
-    uint8_t bytes[2048];
-    const uint64_t width = data->sefh_width;
-    const uint64_t left = static_cast<uint64_t>(int64_t{s->among.last} - s->among.first + 1) * 2 * width;
-    const bool all = left <= sizeof(bytes);
-    const int32_t mid = s->among.middle();
-    const int32_t first = all ? s->among.first : mid;
-    const uint64_t address = s->field_address(first, 0), size = all ? left : 3 * width;
-    const uint8_t application = data->sefh_te & 0xf0;
-    const bool refused =
-        application != DW_EH_PE_absptr && application != DW_EH_PE_pcrel && application != DW_EH_PE_datarel;
-    const krv_fd_t *as = &s->hp->sh_as;
-    if (refused || !krv_fd_is_cb(as) || !krv_extent_fits(as->sfd_size, address, 0, size) ||
-        as->sfd_u.cb.func(as->sfd_u.cb.arg, bytes, size, address) != static_cast<int64_t>(size))
-        return search_step(s, *s);
-    krv_clear_error(s->hp);
-    const uint64_t base = application == DW_EH_PE_pcrel    ? address
-                          : application == DW_EH_PE_absptr ? 0
-                                                           : data->sefh_eh_frame_hdr;
-    const uint64_t relative = application == DW_EH_PE_pcrel ? UINT64_MAX : 0;
-    const bool is_signed = (data->sefh_te & 0x08) != 0;
-    switch (width) {
+    const bool is_signed = (s->data->sefh_te & 0x08) != 0;
+    switch (s->data->sefh_width) {
     case 2:
         return is_signed ? search_held<int16_t>(s, all, {bytes, first, base, relative})
                          : search_held<uint16_t>(s, all, {bytes, first, base, relative});
@@ -225,13 +205,35 @@ static found search_held(table_search *s, bool all, held_fields<T> fields)
     }
 }
 
+// A step takes a call, which reads the entry in the middle and the location behind it; the last call reads all entries
+// that are left, when they are few. Where that fails, the step is made through a cursor, which reports the field.
 // The indices have 32 bits, and so has what counts of fde_count: a count whose low half is negative finds nothing.
 static found search_table(table_search *s)
 {
+    const krv_fd_t *as = &s->hp->sh_as;
+    const uint64_t width = s->data->sefh_width, hdr = s->data->sefh_eh_frame_hdr;
+    const uint8_t application = s->data->sefh_te & 0xf0;
+    const bool known = krv_fd_is_cb(as) && (application == DW_EH_PE_absptr || application == DW_EH_PE_pcrel ||
+                                            application == DW_EH_PE_datarel);
+    uint8_t bytes[2048];
     s->among = {0, static_cast<int32_t>(s->data->sefh_fde_count - 1)};
     found outcome = found::no;
-    while (outcome == found::no && s->among.first <= s->among.last)
-        outcome = advance(s);
+    while (outcome == found::no && s->among.first <= s->among.last) {
+        const uint64_t left = static_cast<uint64_t>(int64_t{s->among.last} - s->among.first + 1) * 2 * width;
+        const bool all = left <= sizeof(bytes);
+        const int32_t first = all ? s->among.first : s->among.middle();
+        const uint64_t address = s->field_address(first, 0), size = all ? left : 3 * width;
+        if (!known || !krv_extent_fits(as->sfd_size, address, 0, size) ||
+            as->sfd_u.cb.func(as->sfd_u.cb.arg, bytes, size, address) != static_cast<int64_t>(size)) {
+            outcome = search_step(s, *s);
+            continue;
+        }
+        krv_clear_error(s->hp);
+        if (application == DW_EH_PE_pcrel)
+            outcome = search_numbers(s, all, bytes, first, address, UINT64_MAX);
+        else
+            outcome = search_numbers(s, all, bytes, first, application == DW_EH_PE_datarel ? hdr : 0, 0);
+    }
     return outcome;
 }
 
