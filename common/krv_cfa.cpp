@@ -145,7 +145,7 @@ static row new_row(cfi_run *run, uint64_t location)
     return row::next;
 }
 
-static inline row set_rule(cfi_run *run, uint64_t slot, krv_cfarule_t rule)
+static inline row set_rule(cfi_run *run, uint64_t slot, const krv_cfarule_t &rule)
 {
     if (!run->log.keep(run->hp, slot, run->currentp))
         return row::bad;
