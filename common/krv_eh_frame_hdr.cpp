@@ -211,10 +211,12 @@ static inline found search_numbers(table_search *s, bool all, const uint8_t *byt
 static found search_table(table_search *s)
 {
     const krv_fd_t *as = &s->hp->sh_as;
-    const uint64_t width = s->data->sefh_width, hdr = s->data->sefh_eh_frame_hdr;
+    const uint64_t width = s->data->sefh_width;
     const uint8_t application = s->data->sefh_te & 0xf0;
     const bool known = krv_fd_is_cb(as) && (application == DW_EH_PE_absptr || application == DW_EH_PE_pcrel ||
                                             application == DW_EH_PE_datarel);
+    const uint64_t base = application == DW_EH_PE_datarel ? s->data->sefh_eh_frame_hdr : 0;
+    const uint64_t relative = application == DW_EH_PE_pcrel ? UINT64_MAX : 0;
     uint8_t bytes[2048];
     s->among = {0, static_cast<int32_t>(s->data->sefh_fde_count - 1)};
     found outcome = found::no;
@@ -229,10 +231,7 @@ static found search_table(table_search *s)
             continue;
         }
         krv_clear_error(s->hp);
-        if (application == DW_EH_PE_pcrel)
-            outcome = search_numbers(s, all, bytes, first, address, UINT64_MAX);
-        else
-            outcome = search_numbers(s, all, bytes, first, application == DW_EH_PE_datarel ? hdr : 0, 0);
+        outcome = search_numbers(s, all, bytes, first, base + (address & relative), relative);
     }
     return outcome;
 }
