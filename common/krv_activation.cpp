@@ -122,23 +122,14 @@ int krv_get_reg_index(krv_handle_t *hp, krv_activation_t *ap, krv_reg_type_t typ
     }
 }
 
-// The description of a register in the current set; NULL on failure, as krv_get_reg_index reports it.
-static krv_register_t *current_register(krv_handle_t *hp, krv_activation_t *ap, krv_reg_type_t type, unsigned int reg)
-{
-    unsigned int slot = 0;
-    if (krv_get_reg_index(hp, ap, type, static_cast<int>(reg), &slot) != 0)
-        return nullptr;
-    return &ap->sa_current_registers->srs_metadata[slot];
-}
-
 int krv_activation_get_reg_size(krv_handle_t *hp, krv_activation_t *ap, krv_reg_type_t type, unsigned int reg,
                                 size_t *sizep)
 {
     KRV_ASSERT(sizep != NULL);
-    const krv_register_t *rp = current_register(hp, ap, type, reg);
-    if (rp == nullptr)
+    unsigned int slot = 0;
+    if (krv_get_reg_index(hp, ap, type, static_cast<int>(reg), &slot) != 0)
         return -1;
-    *sizep = rp->sr_size;
+    *sizep = ap->sa_current_registers->srs_metadata[slot].sr_size;
     return 0;
 }
 
@@ -156,23 +147,34 @@ static krv_regset_t *frame_registers(krv_handle_t *hp, krv_activation_t *ap, krv
     }
 }
 
-void krv_register_store(krv_register_t *rp, const void *bytes, size_t size)
+void krv_regset_clear(const krv_activation_t *ap, krv_regset_t *set)
 {
-    const size_t given = size < rp->sr_size ? size : rp->sr_size;
-    auto *contents = static_cast<uint8_t *>(rp->sr_contents);
-    std::memcpy(contents, bytes, given);
-    std::memset(contents + given, 0, rp->sr_size - given);
-    rp->sr_flags |= KRV_REG_FLAG_PRESENT;
+    if (set->srs_loaded) {
+        for (unsigned int slot = 0; slot < ap->sa_n_registers; ++slot)
+            set->srs_written.add(slot);
+        set->srs_data = {};
+    }
+    set->srs_written.for_each([set](unsigned int slot) {
+        krv_register_t *rp = &set->srs_metadata[slot];
+        rp->sr_flags &= ~KRV_REG_FLAG_PRESENT;
+        if (rp->sr_size == sizeof(uint64_t)) // nearly always
+            std::memset(rp->sr_contents, 0, sizeof(uint64_t));
+        else if (rp->sr_size != 0)
+            std::memset(rp->sr_contents, 0, rp->sr_size);
+        return true;
+    });
+    set->srs_written = {};
+    set->srs_loaded = false;
 }
 
 // Writes a register of the current set: `size` bytes of its value are given, those above are zero.
 static int write_register(krv_handle_t *hp, krv_activation_t *ap, krv_reg_type_t type, unsigned int reg,
                           const void *bytes, size_t size)
 {
-    krv_register_t *rp = current_register(hp, ap, type, reg);
-    if (rp == nullptr)
+    unsigned int slot = 0;
+    if (krv_get_reg_index(hp, ap, type, static_cast<int>(reg), &slot) != 0)
         return -1;
-    krv_register_store(rp, bytes, size);
+    krv_register_store(ap->sa_current_registers, slot, bytes, size);
     ap->sa_state = KRV_EVALUATION_UNTRIED;
     return 0;
 }
@@ -188,6 +190,7 @@ krv_activation_t *korva_activation_alloc(krv_handle_t *hp)
     const krv_mach_def_t *mach = krv_activation_isa_alloc(hp);
     ap->sa_mach_def = mach;
     ap->sa_n_registers = count_slots(mach);
+    KRV_ASSERT(ap->sa_n_registers <= KRV_MAX_SLOTS);
     for (krv_regset_t **setp : {&ap->sa_current_registers, &ap->sa_caller_registers})
         if ((*setp = alloc_regset(hp, ap.get())) == nullptr)
             return nullptr;
@@ -199,8 +202,15 @@ krv_activation_t *korva_activation_alloc(krv_handle_t *hp)
     for (krv_fd_t *&fdp : ap->sa_arg_fd)
         if ((fdp = krv_fd_alloc(hp)) == nullptr)
             return nullptr;
-    for (unsigned int i = 0; i < mach->smd_n_defs; ++i)
-        ap->sa_default[mach->smd_defs[i].srd_dwarf] = mach->smd_defs[i].srd_rule;
+    for (unsigned int i = 0; i < mach->smd_n_defs; ++i) {
+        const krv_reg_def_t *row = &mach->smd_defs[i];
+        ap->sa_default[row->srd_dwarf] = row->srd_rule;
+        if (row->srd_rule.desc != KRV_CFA_RULE_UNDEFINED)
+            ap->sa_ruled.add(static_cast<uint64_t>(row->srd_dwarf));
+    }
+    for (unsigned int slot = 0; slot < ap->sa_n_registers; ++slot) // nothing has been copied yet
+        ap->sa_initial_changed.add(slot);
+    ap->sa_current_changed = ap->sa_initial_changed;
     return ap.release();
 }
 
@@ -296,6 +306,7 @@ int korva_activation_set_regs(krv_handle_t *hp, krv_activation_t *ap, const krv_
     if (ap == nullptr)
         return krv_fail_code(hp, KRV_ERR_INVALID);
     krv_regset_t *set = ap->sa_current_registers;
+    set->srs_loaded = true;
     if (gregs != nullptr)
         std::memcpy(set->srs_data.g, gregs, sizeof(set->srs_data.g));
     if (fpregs != nullptr)

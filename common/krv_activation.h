@@ -10,7 +10,34 @@
 #include "krv_activation_isa.h"
 #include "krv_types.h"
 
+#include <bit>
+#include <cstring>
 #include <memory>
+
+constexpr unsigned KRV_MAX_SLOTS = 128; // more than any target has
+
+// A set of slots.
+struct krv_slots_t {
+    uint64_t words[KRV_MAX_SLOTS / 64];
+
+    void add(uint64_t slot) { words[slot / 64] |= uint64_t{1} << (slot % 64); }
+    void add(const krv_slots_t &more)
+    {
+        for (unsigned i = 0; i < KRV_MAX_SLOTS / 64; ++i)
+            words[i] |= more.words[i];
+    }
+
+    // Visits them in ascending order until a visit returns false; whether none did.
+    template <typename Visit>
+    bool for_each(Visit visit) const
+    {
+        for (unsigned i = 0; i < KRV_MAX_SLOTS / 64; ++i)
+            for (uint64_t left = words[i]; left != 0; left &= left - 1)
+                if (!visit(64 * i + static_cast<unsigned>(std::countr_zero(left))))
+                    return false;
+        return true;
+    }
+};
 
 enum : unsigned {
     KRV_REG_FLAG_VALID = 1,   // the slot exists on this target
@@ -30,6 +57,8 @@ struct krv_register_t {
 struct krv_regset_t {
     krv_register_t *srs_metadata; // one a slot
     krv_registers_t srs_data;
+    krv_slots_t srs_written; // slots that may hold anything but zeros: those that are present among them,
+    bool srs_loaded;         // or any, since whole register sets were loaded
 };
 
 // Whether the outcome of computing the caller's frame is known; any change to the current frame makes it UNTRIED.
@@ -54,9 +83,13 @@ struct krv_activation {
     krv_regset_t *sa_current_registers;
     krv_regset_t *sa_caller_registers;
     unsigned int sa_n_registers;
-    krv_cfarule_t *sa_default; // rules by slot: those of the target's table,
-    krv_cfarule_t *sa_initial; // after the CIE's instructions,
-    krv_cfarule_t *sa_current; // and at the program counter; the slot of KRV_REG_CFA holds the CFA's rule
+    krv_cfarule_t *sa_default;      // rules by slot: those of the target's table,
+    krv_cfarule_t *sa_initial;      // after the CIE's instructions,
+    krv_cfarule_t *sa_current;      // and at the program counter; the slot of KRV_REG_CFA holds the CFA's rule
+    krv_slots_t sa_ruled;           // slots whose default rule gives a value
+    uint64_t sa_initial_of;         // scie_decoding of the CIE whose rules sa_initial and sa_args hold, or 0
+    krv_slots_t sa_initial_changed; // where sa_initial may differ from sa_default,
+    krv_slots_t sa_current_changed; // and where sa_current may
     krv_activation_args_t sa_args;
     krv_fd_t sa_cie_fd; // the cursor through which the expressions of rules and arguments are read
     krv_evaluation_t sa_state;
@@ -89,7 +122,31 @@ int krv_activation_get_reg_size(krv_handle_t *hp, krv_activation_t *ap, krv_reg_
                                 size_t *sizep);
 
 // Gives a valid slot a value and marks it present: `size` bytes of the value are there, those above them are zero.
-void krv_register_store(krv_register_t *rp, const void *bytes, size_t size);
+inline void krv_register_store(krv_regset_t *set, unsigned int slot, const void *bytes, size_t size)
+{
+    krv_register_t *rp = &set->srs_metadata[slot];
+    if (size == sizeof(uint64_t) && rp->sr_size == sizeof(uint64_t)) { // nearly always
+        std::memcpy(rp->sr_contents, bytes, sizeof(uint64_t));
+    } else {
+        const size_t given = size < rp->sr_size ? size : rp->sr_size;
+        std::memcpy(rp->sr_contents, bytes, given);
+        std::memset(static_cast<uint8_t *>(rp->sr_contents) + given, 0, rp->sr_size - given);
+    }
+    rp->sr_flags |= KRV_REG_FLAG_PRESENT;
+    set->srs_written.add(slot);
+}
+
+// The value of a register of 8 bytes. False: it has none, or is of another kind.
+inline bool krv_register_load(const krv_register_t *rp, uint64_t *valuep)
+{
+    if (rp->sr_size != sizeof(*valuep) || (rp->sr_flags & KRV_REG_FLAG_PRESENT) == 0)
+        return false;
+    std::memcpy(valuep, rp->sr_contents, sizeof(*valuep));
+    return true;
+}
+
+// Forgets all values, and leaves zeros.
+void krv_regset_clear(const krv_activation_t *ap, krv_regset_t *set);
 
 // Fills the rules at a program counter: sa_initial, sa_current, sa_args and sa_cie_fd; *columnp is the return-address
 // register. -1 with code and messages.

@@ -10,58 +10,60 @@
 #include "krv_mem.h"
 #include "krv_names.h"
 
-#include <cstring>
-
 namespace
 {
 
-// Rule arrays of DW_CFA_remember_state, the latest on top. Frees what is left at the end.
-class state_stack
+// What every change of a rule since DW_CFA_remember_state has replaced, so that a state is restored by undoing them: far
+// less than the rules of all slots.
+class change_log
 {
 public:
-    explicit state_stack(size_t nslots) : bytes(nslots * sizeof(krv_cfarule_t)) {}
-    ~state_stack()
-    {
-        while (top != nullptr)
-            drop();
-    }
-    state_stack(const state_stack &) = delete;
-    state_stack &operator=(const state_stack &) = delete;
+    change_log() = default;
+    ~change_log() { krv_free(entries); }
+    change_log(const change_log &) = delete;
+    change_log &operator=(const change_log &) = delete;
 
-    bool push(krv_handle_t *hp, const krv_cfarule_t *rules) // false: KRV_ERR_NOMEM
+    bool remember(krv_handle_t *hp) // false: KRV_ERR_NOMEM
     {
-        auto *fresh = static_cast<state *>(krv_alloc(hp, sizeof(state) + bytes));
-        if (fresh == nullptr)
+        if (!push(hp, STATE, {}))
             return false;
-        std::memcpy(fresh + 1, rules, bytes); // the rules follow the record
-        fresh->below = top;
-        top = fresh;
+        ++states;
         return true;
     }
 
-    bool pop(krv_cfarule_t *rules) // false: empty
+    // Before the rule of a slot changes. False: KRV_ERR_NOMEM.
+    bool keep(krv_handle_t *hp, uint64_t slot, const krv_cfarule_t *rules)
     {
-        if (top == nullptr)
+        return states == 0 || push(hp, slot, rules[slot]);
+    }
+
+    bool restore(krv_cfarule_t *rules) // false: no state
+    {
+        if (states == 0)
             return false;
-        std::memcpy(rules, top + 1, bytes);
-        drop();
+        --states;
+        while (entries[--count].slot != STATE)
+            rules[entries[count].slot] = entries[count].rule;
         return true;
     }
 
 private:
-    struct state {
-        state *below;
+    struct entry {
+        uint64_t slot; // or STATE, where a state was remembered
+        krv_cfarule_t rule;
     };
+    static constexpr uint64_t STATE = UINT64_MAX;
 
-    void drop()
+    [[gnu::noinline]] bool push(krv_handle_t *hp, uint64_t slot, const krv_cfarule_t &rule)
     {
-        state *gone = top;
-        top = gone->below;
-        krv_free(gone);
+        if (!krv_table_grow(hp, &entries, &capacity, count, uint64_t{16}))
+            return false;
+        entries[count++] = {slot, rule};
+        return true;
     }
 
-    size_t bytes;
-    state *top = nullptr;
+    entry *entries = nullptr;
+    uint64_t count = 0, capacity = 0, states = 0;
 };
 
 struct cfi_run {
@@ -75,9 +77,13 @@ struct cfi_run {
     const krv_cfarule_t *initialp; // NULL in a CIE
     krv_cfarule_t *currentp;
     krv_activation_args_t *argsp; // NULL in an FDE
-    state_stack states;
+    const krv_augmentation_t *augp;
+    void *aug_arg;
+    krv_slots_t changed;
+    change_log log;
 
-    krv_cfarule_t *cfa() const { return &currentp[nslots - 1 - KRV_REG_CFA]; }
+    uint64_t cfa_slot() const { return nslots - 1 - KRV_REG_CFA; }
+    const krv_cfarule_t *cfa() const { return &currentp[cfa_slot()]; }
 };
 
 enum class row {
@@ -113,26 +119,15 @@ static bool names_register(uint8_t opcode)
     }
 }
 
-// Whether the registers of an instruction have rules. The slots of the library registers cannot be named.
-static bool registers_in_range(const cfi_run *run, const krv_operation_t *op)
+[[gnu::noinline, gnu::cold]] static row out_of_range(cfi_run *run, uint8_t opcode, uint64_t reg)
 {
-    const uint64_t end = run->nslots - KRV_REG_MAX;
-    const uint64_t first = op->operand[0].sa_u.su_unsigned;
-    const uint64_t second = op->operand[1].sa_u.su_unsigned;
-    if (op->opcode == DW_CFA_register && second >= end) {
-        krv_note(run->hp, "register %lu out of range for DW_CFA_register", static_cast<unsigned long>(second));
-        return false;
-    }
-    if (first >= end && names_register(op->opcode)) {
-        const char *name = krv_print_define(KRV_DEF_CFA, op->opcode);
-        krv_note(run->hp, "register %lu out of range for %s", static_cast<unsigned long>(first),
-                 name == nullptr ? "(unknown)" : name);
-        return false;
-    }
-    return true;
+    const char *name = krv_print_define(KRV_DEF_CFA, opcode);
+    krv_note(run->hp, "register %lu out of range for %s", static_cast<unsigned long>(reg),
+             name == nullptr ? "(unknown)" : name);
+    return row::bad;
 }
 
-static row bad(cfi_run *run, int code, const char *message)
+[[gnu::noinline, gnu::cold]] static row bad(cfi_run *run, int code, const char *message)
 {
     krv_fail(run->hp, code, "%s", message);
     return row::bad;
@@ -150,30 +145,30 @@ static row new_row(cfi_run *run, uint64_t location)
     return row::next;
 }
 
-static row set_rule(cfi_run *run, uint64_t reg, krv_ruledesc_t desc, uint64_t arg)
+static inline row set_rule(cfi_run *run, uint64_t slot, const krv_cfarule_t &rule)
 {
-    run->currentp[reg] = {desc, arg, 0, 0};
-    return row::next;
-}
-
-static row restore_rule(cfi_run *run, uint64_t reg)
-{
-    if (run->initialp == nullptr) {
-        krv_note(run->hp, "illegal instruction for CIE");
+    if (!run->log.keep(run->hp, slot, run->currentp))
         return row::bad;
-    }
-    run->currentp[reg] = run->initialp[reg];
+    run->currentp[slot] = rule;
+    run->changed.add(slot);
     return row::next;
 }
 
-static row set_cfa(cfi_run *run, uint64_t reg, uint64_t offset)
+static inline row restore_rule(cfi_run *run, uint64_t reg)
 {
-    *run->cfa() = {KRV_CFA_RULE_REG_OFFSET, reg << 32 | (offset & UINT32_MAX), 0, 0};
-    return row::next;
+    if (run->initialp != nullptr)
+        return set_rule(run, reg, run->initialp[reg]);
+    krv_note(run->hp, "illegal instruction for CIE");
+    return row::bad;
+}
+
+static inline row set_cfa(cfi_run *run, uint64_t reg, uint64_t offset)
+{
+    return set_rule(run, run->cfa_slot(), {KRV_CFA_RULE_REG_OFFSET, reg << 32 | (offset & UINT32_MAX), 0, 0});
 }
 
 // For the instructions that keep the CFA's register or its offset.
-static bool cfa_has_parts(cfi_run *run)
+static bool cfa_has_parts(const cfi_run *run)
 {
     if (run->cfa()->desc == KRV_CFA_RULE_REG_OFFSET)
         return true;
@@ -192,17 +187,16 @@ static bool read_expression(cfi_run *run, uint64_t *offsetp, uint64_t *sizep)
     return korva_fd_seek(run->fdp, size, KRV_FD_SEEK_CUR) == 0;
 }
 
-static row set_expression(cfi_run *run, krv_cfarule_t *rule, krv_ruledesc_t desc)
+[[gnu::noinline]] static row set_expression(cfi_run *run, uint64_t slot, krv_ruledesc_t desc)
 {
     uint64_t offset = 0, size = 0;
     if (!read_expression(run, &offset, &size))
         return row::bad;
-    *rule = {desc, 0, offset, size};
-    return row::next;
+    return set_rule(run, slot, {desc, 0, offset, size});
 }
 
 // Numbers beyond the table are no error.
-static row set_argument(cfi_run *run, uint64_t number)
+[[gnu::noinline]] static row set_argument(cfi_run *run, uint64_t number)
 {
     if (run->argsp == nullptr)
         return bad(run, KRV_ERR_CORRUPT, "illegal instruction for FDE");
@@ -217,12 +211,15 @@ static row set_argument(cfi_run *run, uint64_t number)
     return row::next;
 }
 
-// Register numbers have been checked.
-static row execute(cfi_run *run, const krv_operation_t *op)
+// Registers must have rules; the slots of the library registers cannot be named.
+[[gnu::always_inline]] static inline row execute(cfi_run *run, uint8_t opcode, uint64_t first, uint64_t second)
 {
-    const uint64_t first = op->operand[0].sa_u.su_unsigned;
-    const uint64_t second = op->operand[1].sa_u.su_unsigned;
-    switch (op->opcode) {
+    const uint64_t end = run->nslots - KRV_REG_MAX;
+    if (opcode == DW_CFA_register && second >= end)
+        return out_of_range(run, opcode, second);
+    if (first >= end && names_register(opcode))
+        return out_of_range(run, opcode, first);
+    switch (opcode) {
     case DW_CFA_nop:
         return row::next;
 
@@ -247,35 +244,35 @@ static row execute(cfi_run *run, const krv_operation_t *op)
     case DW_CFA_def_cfa_offset_sf:
         return cfa_has_parts(run) ? set_cfa(run, run->cfa()->arg >> 32, first * run->data_align) : row::bad;
     case DW_CFA_def_cfa_expression:
-        return set_expression(run, run->cfa(), KRV_CFA_RULE_EXPRESSION);
+        return set_expression(run, run->cfa_slot(), KRV_CFA_RULE_EXPRESSION);
 
     // 6.4.2.3 registers
     case DW_CFA_undefined:
-        return set_rule(run, first, KRV_CFA_RULE_UNDEFINED, 0);
+        return set_rule(run, first, {KRV_CFA_RULE_UNDEFINED, 0, 0, 0});
     case DW_CFA_same_value:
-        return set_rule(run, first, KRV_CFA_RULE_SAME_VALUE, 0);
+        return set_rule(run, first, {KRV_CFA_RULE_SAME_VALUE, 0, 0, 0});
     case DW_CFA_offset:
     case DW_CFA_offset_extended:
     case DW_CFA_offset_extended_sf:
-        return set_rule(run, first, KRV_CFA_RULE_OFFSET, second * run->data_align);
+        return set_rule(run, first, {KRV_CFA_RULE_OFFSET, second * run->data_align, 0, 0});
     case DW_CFA_val_offset:
     case DW_CFA_val_offset_sf:
-        return set_rule(run, first, KRV_CFA_RULE_VAL_OFFSET, second * run->data_align);
+        return set_rule(run, first, {KRV_CFA_RULE_VAL_OFFSET, second * run->data_align, 0, 0});
     case DW_CFA_register:
-        return set_rule(run, first, KRV_CFA_RULE_REGISTER, second);
+        return set_rule(run, first, {KRV_CFA_RULE_REGISTER, second, 0, 0});
     case DW_CFA_expression:
-        return set_expression(run, &run->currentp[first], KRV_CFA_RULE_EXPRESSION);
+        return set_expression(run, first, KRV_CFA_RULE_EXPRESSION);
     case DW_CFA_val_expression:
-        return set_expression(run, &run->currentp[first], KRV_CFA_RULE_VAL_EXPRESSION);
+        return set_expression(run, first, KRV_CFA_RULE_VAL_EXPRESSION);
     case DW_CFA_restore:
     case DW_CFA_restore_extended:
         return restore_rule(run, first);
 
     // 6.4.2.4 row states
     case DW_CFA_remember_state:
-        return run->states.push(run->hp, run->currentp) ? row::next : row::bad;
+        return run->log.remember(run->hp) ? row::next : row::bad;
     case DW_CFA_restore_state:
-        if (run->states.pop(run->currentp))
+        if (run->log.restore(run->currentp))
             return row::next;
         return bad(run, KRV_ERR_CORRUPT, "DW_CFA_restore_state has no state to restore");
 
@@ -283,19 +280,115 @@ static row execute(cfi_run *run, const krv_operation_t *op)
         return set_argument(run, first);
 
     default:
-        krv_fail(run->hp, KRV_ERR_UNSUPPORTED, "unknown instruction 0x%hhx", op->opcode);
+        krv_fail(run->hp, KRV_ERR_UNSUPPORTED, "unknown instruction 0x%hhx", opcode);
         return row::bad;
     }
+}
+
+namespace
+{
+
+struct operation {
+    uint8_t opcode;
+    uint64_t first, second;
+};
+
+} // namespace
+
+// Decodes an operand that is a ULEB128 number of at most two bytes. What follows it; NULL: another.
+static inline const uint8_t *scan_operand(const uint8_t *at, const uint8_t *end, uint64_t *valuep)
+{
+    if (at == end)
+        return nullptr;
+    *valuep = *at++;
+    if (*valuep < 0x80)
+        return at;
+    if (at == end || *at > 0x7f)
+        return nullptr;
+    *valuep = (*valuep & 0x7f) | uint64_t{*at} << 7;
+    return at + 1;
+}
+
+// Decodes an instruction whose bytes are in memory, which are some at least, with the outcome of krv_frame_get_next_op.
+// What follows it; NULL: not this one.
+static inline const uint8_t *scan_operation(const uint8_t *at, const uint8_t *end, operation *op)
+{
+    const uint8_t byte = *at++;
+    const uint8_t shape = krv_cfa_shapes[byte];
+    op->second = 0;
+    if ((byte & KRV_CFA_PACKED) != 0) {
+        op->opcode = byte & KRV_CFA_PACKED;
+        op->first = byte & KRV_CFA_OPERAND;
+        return shape == KRV_CFA_PLAIN ? at : scan_operand(at, end, &op->second);
+    }
+    op->opcode = byte;
+    op->first = 0;
+    switch (shape) {
+    case KRV_CFA_PLAIN:
+        return at;
+    case KRV_CFA_ULEB:
+        return scan_operand(at, end, &op->first);
+    case KRV_CFA_ULEBS:
+        at = scan_operand(at, end, &op->first);
+        return at == nullptr ? nullptr : scan_operand(at, end, &op->second);
+    case KRV_CFA_BYTE:
+        op->first = at == end ? 0 : *at;
+        return at == end ? nullptr : at + 1;
+    default:
+        return nullptr;
+    }
+}
+
+// Executes instructions where they are, as long as they can be decoded there; the cursor follows.
+static row run_in_memory(cfi_run *run)
+{
+    const krv_view_t view = krv_fd_view(run->fdp);
+    const uint8_t *const end = view.bytes + view.size, *at = view.bytes;
+    row result = row::next;
+    while (at != end) {
+        operation op;
+        const uint8_t *next = scan_operation(at, end, &op);
+        if (next == nullptr)
+            break;
+        at = next;
+        result = execute(run, op.opcode, op.first, op.second);
+        if (result != row::next)
+            break;
+    }
+    krv_fd_advance(run->fdp, static_cast<uint64_t>(at - view.bytes));
+    return result;
+}
+
+// Executes one instruction, whatever it is.
+[[gnu::noinline]] static row run_one(cfi_run *run)
+{
+    krv_operation_t op;
+    if (krv_frame_get_next_op(run->hp, run->fdp, &op, run->augp, run->aug_arg) != 0)
+        return row::bad;
+    return execute(run, op.opcode, op.operand[0].sa_u.su_unsigned, op.operand[1].sa_u.su_unsigned);
+}
+
+static row run_instructions(cfi_run *run)
+{
+    row result = row::next;
+    while (result == row::next && run->fdp->sfd_remaining > 0) {
+        krv_clear_error(run->hp); // as decoding does
+        result = run_in_memory(run);
+        if (result == row::next && run->fdp->sfd_remaining > 0)
+            result = run_one(run);
+    }
+    return result;
 }
 
 int krv_generate_ruleset(krv_handle_t *hp, krv_fd_t *fdp, uint64_t code_align, uint64_t data_align, uint64_t pc,
                          uint64_t slocation, uint64_t arange, uint64_t nslots, const krv_cfarule_t *initialp,
                          krv_cfarule_t *currentp, krv_activation_args_t *argsp, const krv_augmentation_t *augp,
-                         void *aug_arg)
+                         void *aug_arg, krv_slots_t *changedp)
 {
     KRV_ASSERT(hp != NULL);
     KRV_ASSERT(fdp != NULL);
     KRV_ASSERT(nslots > KRV_REG_MAX);
+    KRV_ASSERT(nslots <= KRV_MAX_SLOTS);
     KRV_ASSERT(currentp != NULL);
     KRV_ASSERT((initialp == NULL) != (argsp == NULL));
     KRV_ASSERT(initialp == NULL || (pc >= slocation && pc - slocation < arange));
@@ -312,21 +405,17 @@ int krv_generate_ruleset(krv_handle_t *hp, krv_fd_t *fdp, uint64_t code_align, u
         .initialp = initialp,
         .currentp = currentp,
         .argsp = argsp,
-        .states = state_stack(nslots),
+        .augp = augp,
+        .aug_arg = aug_arg,
+        .changed = {},
+        .log = {},
     };
     const uint64_t start = fdp->sfd_offset;
-    while (fdp->sfd_remaining > 0) {
-        krv_operation_t op; // cleared by its decoder
-        row result = row::bad;
-        const bool decoded =
-            krv_frame_decode_short(fdp, &op) || krv_frame_get_next_op(hp, fdp, &op, augp, aug_arg) == 0;
-        if (decoded && registers_in_range(&run, &op))
-            result = execute(&run, &op);
-        if (result == row::reached)
-            break;
-        if (result == row::bad)
-            return krv_note(hp, "error at offset %lld in instruction stream",
-                            static_cast<long long>(fdp->sfd_offset - start));
-    }
+    const row result = run_instructions(&run);
+    if (changedp != nullptr)
+        *changedp = run.changed;
+    if (result == row::bad)
+        return krv_note(hp, "error at offset %lld in instruction stream",
+                        static_cast<long long>(fdp->sfd_offset - start));
     return 0;
 }

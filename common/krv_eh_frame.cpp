@@ -11,6 +11,8 @@
 #include "krv_fd.h"
 #include "krv_mem.h"
 
+#include <cstring>
+
 namespace
 {
 
@@ -23,17 +25,23 @@ struct eh_format {
     uint32_t flags;
 };
 
-// The records of this reader, each with the room for its augmentation data.
+// A CIE of this reader, with the room for its augmentation data.
 struct eh_cie {
     krv_cie_t cie;
     krv_amd64_cie_augmentation augmentation;
-};
-struct eh_fde {
-    krv_fde_t fde;
-    krv_amd64_fde_augmentation augmentation;
+    bool embedded; // in the record of an FDE, with which it is freed
 };
 
 } // namespace
+
+// An FDE of this reader, with the room for its augmentation data and its CIE.
+struct krv_eh_fde {
+    krv_fde_t fde;
+    krv_amd64_fde_augmentation augmentation;
+    krv_handle_t *hp;
+    krv_reader_t *reader; // that has read it
+    eh_cie parent;        // stays when the record becomes the spare one
+};
 
 static constexpr eh_format eh_formats[EH_FORMAT + 1] = {
     {DW_FORM_addr, 0},                  // DW_EH_PE_absptr
@@ -71,27 +79,67 @@ static inline int apply_base(krv_handle_t *hp, uint8_t encoding, uint64_t pc_bas
     }
 }
 
-int krv_decode_eh_form(krv_fd_t *fdp, uint8_t encoding, uint64_t pc_base, uint64_t data_base, uint64_t *datump)
+// A number of fixed width whose bytes are in memory. False: not that case, and nothing has changed.
+template <typename T>
+static inline bool load_number(krv_fd_t *fdp, uint64_t *valuep)
 {
-    KRV_ASSERT(fdp != NULL);
-    KRV_ASSERT(datump != NULL);
+    const krv_view_t view = krv_fd_view(fdp);
+    T value;
+    if (view.size < sizeof(value))
+        return false;
+    std::memcpy(&value, view.bytes, sizeof(value));
+    *valuep = static_cast<uint64_t>(value);
+    krv_fd_advance(fdp, sizeof(value));
+    krv_clear_error(fdp->sfd_hp);
+    return true;
+}
+
+// Of the formats that compilers and linkers choose.
+static inline bool load_pointer(krv_fd_t *fdp, uint8_t format, uint64_t *valuep)
+{
+    switch (format) {
+    case DW_EH_PE_sdata4:
+        return load_number<int32_t>(fdp, valuep);
+    case DW_EH_PE_udata4:
+        return load_number<uint32_t>(fdp, valuep);
+    case DW_EH_PE_sdata8:
+    case DW_EH_PE_udata8:
+        return load_number<uint64_t>(fdp, valuep);
+    default:
+        return false;
+    }
+}
+
+static inline int decode_pointer(krv_fd_t *fdp, uint8_t encoding, uint64_t pc_base, uint64_t data_base,
+                                 uint64_t *datump)
+{
     krv_handle_t *hp = fdp->sfd_hp;
     const uint8_t low = encoding & EH_FORMAT;
     const eh_format *format = &eh_formats[low];
     if (format->form == 0)
         return krv_fail(hp, KRV_ERR_INVALID, "illegal EH form (0x%hhx)", low);
     uint64_t value = 0;
-    if (!krv_read_field(fdp, format->form, format->flags, &value, "korva_decode_form() failed") ||
-        apply_base(hp, encoding, pc_base, data_base, &value) != 0)
+    const bool read = load_pointer(fdp, low, &value) ||
+                      krv_read_field(fdp, format->form, format->flags, &value, "korva_decode_form() failed");
+    if (!read || apply_base(hp, encoding, pc_base, data_base, &value) != 0)
         return krv_note(hp, "unable to decode EH datum");
     *datump = value;
     return 0;
 }
 
-// A pointer relative to its own address or to .eh_frame, else `message` behind the decoder's own.
-static bool read_pointer(krv_fd_t *fdp, uint8_t encoding, uint64_t eh_frame, uint64_t *datump, const char *message)
+int krv_decode_eh_form(krv_fd_t *fdp, uint8_t encoding, uint64_t pc_base, uint64_t data_base, uint64_t *datump)
 {
-    if (krv_decode_eh_form(fdp, encoding, fdp->sfd_offset, eh_frame, datump) == 0)
+    KRV_ASSERT(fdp != NULL);
+    KRV_ASSERT(datump != NULL);
+    return decode_pointer(fdp, encoding, pc_base, data_base, datump);
+}
+
+// A pointer relative to its own address or to .eh_frame, else `message` behind the decoder's own. `origin` is the
+// address of the cursor's offset 0.
+static bool read_pointer(krv_fd_t *fdp, uint64_t origin, uint8_t encoding, uint64_t eh_frame, uint64_t *datump,
+                         const char *message)
+{
+    if (decode_pointer(fdp, encoding, origin + fdp->sfd_offset, eh_frame, datump) == 0)
         return true;
     krv_note(fdp->sfd_hp, "%s", message);
     return false;
@@ -104,7 +152,7 @@ static int read_set_loc(krv_handle_t *hp, krv_fd_t *fdp, krv_operation_t *op, co
         return krv_fail(hp, KRV_ERR_INVALID, ".eh_frame address unknown");
     const uint8_t encoding = augp == nullptr || augp->scie_re == 0 ? uint8_t{DW_EH_PE_udata8} : augp->scie_re;
     uint64_t *locp = &op->operand[0].sa_u.su_unsigned;
-    return read_pointer(fdp, encoding, eh_frame->sopt_u.o_uint64, locp, "failed to read operand") ? 0 : -1;
+    return read_pointer(fdp, 0, encoding, eh_frame->sopt_u.o_uint64, locp, "failed to read operand") ? 0 : -1;
 }
 
 int krv_eh_frame_aug_next_op(krv_handle_t *hp, krv_fd_t *fdp, krv_operation_t *op, void *arg)
@@ -123,33 +171,64 @@ int krv_eh_frame_aug_next_op(krv_handle_t *hp, krv_fd_t *fdp, krv_operation_t *o
 static const krv_augmentation_ops_t krv_eh_frame_aug_ops = {.sao_gno = krv_eh_frame_aug_next_op};
 static const krv_augmentation_t krv_eh_frame_augmentation = {.sa_ops = &krv_eh_frame_aug_ops};
 
-static const krv_eh_frame_reader_data *reader_data(const krv_reader_t *reader)
+static krv_eh_frame_reader_data *reader_data(const krv_reader_t *reader)
 {
-    return static_cast<const krv_eh_frame_reader_data *>(reader->sr_data);
+    return static_cast<krv_eh_frame_reader_data *>(reader->sr_data);
 }
 
-// A cursor over the target's memory, which reports errors even when no address space is attached.
-static krv_fd_t address_space(krv_handle_t *hp)
+namespace
 {
-    krv_fd_t fd = hp->sh_as;
-    fd.sfd_hp = hp;
-    return fd;
+
+// A record while it is read.
+struct record_reader {
+    krv_fd_t fd;       // behind its length field, limited to it; over the window's bytes if that holds them all
+    uint64_t origin;   // address of offset 0
+    uint64_t eh_frame; // address of .eh_frame
+    uint64_t length;   // bytes after the length field
+
+    uint64_t address() const { return origin + fd.sfd_offset; }
+};
+
+} // namespace
+
+// Reads a record in two calls, when the window has room for it. False: it has not, or something is amiss.
+static bool hold_record(record_reader *r, krv_handle_t *hp, krv_window_t *window, uint64_t address)
+{
+    const krv_fd_t *as = &hp->sh_as;
+    krv_fd_cb_f *func = as->sfd_u.cb.func;
+    void *arg = as->sfd_u.cb.arg;
+    uint32_t length;
+    if (!krv_fd_is_cb(as) || !krv_extent_fits(as->sfd_size, address, 0, EH_LENGTH_SIZE) ||
+        func(arg, &length, sizeof(length), address) != static_cast<int64_t>(sizeof(length)) || length == 0 ||
+        length > sizeof(window->sw_bytes) || !krv_extent_fits(as->sfd_size, address, EH_LENGTH_SIZE, length) ||
+        func(arg, window->sw_bytes, length, address + EH_LENGTH_SIZE) != int64_t{length})
+        return false;
+    krv_clear_error(hp);
+    window->sw_offset = address + EH_LENGTH_SIZE;
+    window->sw_size = length;
+    krv_fd_attach_mem(hp, &r->fd, length, window->sw_bytes);
+    r->origin = window->sw_offset;
+    r->length = length;
+    return true;
 }
 
-// Places the cursor behind a record's length field, limits it to the record, and reads the record ahead.
-static bool enter_record(krv_fd_t *fdp, uint64_t address, uint64_t *lengthp, uint64_t *full_sizep)
+// Enters the record at an address.
+static bool enter_record(record_reader *r, krv_handle_t *hp, krv_window_t *window, uint64_t eh_frame, uint64_t address)
 {
-    if (krv_fd_seek(fdp, address) != 0) {
-        krv_note(fdp->sfd_hp, "unable to seek to offset 0x%lx", static_cast<unsigned long>(address));
+    r->eh_frame = eh_frame;
+    if (hold_record(r, hp, window, address))
+        return true;
+    const krv_fd_t as = krv_eh_address_space(hp);
+    r->origin = r->length = 0;
+    r->fd = krv_fd_windowed(&as, window);
+    if (krv_fd_seek(&r->fd, address) != 0) {
+        krv_note(hp, "unable to seek to offset 0x%lx", static_cast<unsigned long>(address));
         return false;
     }
-    krv_fd_read_ahead(fdp, EH_LENGTH_SIZE);
-    if (!krv_read_field(fdp, DW_FORM_data4, 0, lengthp, "failed to read Length"))
+    if (!krv_read_field(&r->fd, DW_FORM_data4, 0, &r->length, "failed to read Length") ||
+        krv_fd_truncate(&r->fd, r->length) != 0)
         return false;
-    *full_sizep = *lengthp + EH_LENGTH_SIZE;
-    if (korva_fd_truncate(fdp, *lengthp) != 0)
-        return false;
-    krv_fd_read_ahead(fdp, *lengthp);
+    krv_fd_read_ahead(&r->fd, r->length);
     return true;
 }
 
@@ -165,21 +244,21 @@ static bool first_time(krv_handle_t *hp, boolean_t *seenp, const char *message)
 }
 
 // The datum of one letter of the augmentation string.
-static bool read_letter(krv_handle_t *hp, char letter, krv_fd_t *fdp, uint64_t eh_frame,
-                        krv_amd64_cie_augmentation *augp)
+static bool read_letter(krv_handle_t *hp, char letter, record_reader *r, krv_amd64_cie_augmentation *augp)
 {
     uint8_t encoding = 0;
     switch (letter) {
     case 'L':
         return first_time(hp, &augp->scie_L, "duplicate personality specifier") &&
-               krv_read_field(fdp, DW_FORM_data1, 0, &augp->scie_le, "failed to read LDSA encoding");
+               krv_read_field(&r->fd, DW_FORM_data1, 0, &augp->scie_le, "failed to read LDSA encoding");
     case 'P':
         return first_time(hp, &augp->scie_P, "duplicate personality specifier") &&
-               krv_read_field(fdp, DW_FORM_data1, 0, &encoding, "failed to read personality encoding") &&
-               read_pointer(fdp, encoding, eh_frame, &augp->scie_pr, "failed to read personality routine");
+               krv_read_field(&r->fd, DW_FORM_data1, 0, &encoding, "failed to read personality encoding") &&
+               read_pointer(&r->fd, r->origin, encoding, r->eh_frame, &augp->scie_pr,
+                            "failed to read personality routine");
     case 'R':
         return first_time(hp, &augp->scie_R, "duplicate code encoding") &&
-               krv_read_field(fdp, DW_FORM_data1, 0, &augp->scie_re, "failed to read code encoding");
+               krv_read_field(&r->fd, DW_FORM_data1, 0, &augp->scie_re, "failed to read code encoding");
     default:
         krv_fail(hp, KRV_ERR_CORRUPT, "illegal operation in augmentation string");
         return false;
@@ -187,7 +266,7 @@ static bool read_letter(krv_handle_t *hp, char letter, krv_fd_t *fdp, uint64_t e
 }
 
 // The size of the augmentation data is only checked: what the letters say is read, and instructions begin behind it.
-static bool read_cie_augmentation(krv_handle_t *hp, krv_fd_t *fdp, uint64_t eh_frame, krv_cie_t *ciep)
+static bool read_cie_augmentation(krv_handle_t *hp, record_reader *r, krv_cie_t *ciep)
 {
     const char *letters = ciep->scie_augmentation_string;
     if (letters[0] == '\0')
@@ -200,46 +279,67 @@ static bool read_cie_augmentation(krv_handle_t *hp, krv_fd_t *fdp, uint64_t eh_f
         return false;
     }
     uint64_t size = 0;
-    if (!krv_read_field(fdp, DW_FORM_udata, 0, &size, "failed to read augmentation section size"))
+    if (!krv_read_field(&r->fd, DW_FORM_udata, 0, &size, "failed to read augmentation section size"))
         return false;
-    if (size > fdp->sfd_remaining) {
+    if (size > r->fd.sfd_remaining) {
         krv_fail(hp, KRV_ERR_CORRUPT, "illegal augmentation length");
         return false;
     }
     for (const char *letter = letters + 1; *letter != '\0'; ++letter)
-        if (!read_letter(hp, *letter, fdp, eh_frame, augp))
+        if (!read_letter(hp, *letter, r, augp))
             return false;
     return true;
 }
 
-static bool read_cie(krv_handle_t *hp, krv_cie_t *ciep, uint64_t eh_frame, uint64_t address)
+// Numbers the decodings of CIEs.
+static uint64_t next_decoding()
 {
-    ciep->scie_fd = address_space(hp);
-    krv_fd_t fd = krv_fd_windowed(&ciep->scie_fd, &ciep->scie_window);
-    if (!enter_record(&fd, address, &ciep->scie_length, &ciep->scie_section_length) ||
-        !krv_read_field(&fd, DW_FORM_data4, 0, &ciep->scie_id, "failed to read CIE id"))
+    static uint64_t last = 0;
+    return __atomic_add_fetch(&last, 1, __ATOMIC_RELAXED);
+}
+
+// Flat, as is read_fde: with the forms known, a field is a few instructions.
+[[gnu::flatten]] static bool read_cie(krv_handle_t *hp, krv_cie_t *ciep, uint64_t eh_frame, uint64_t address)
+{
+    record_reader r;
+    ciep->scie_fd = krv_eh_address_space(hp);
+    const bool entered = enter_record(&r, hp, &ciep->scie_window, eh_frame, address);
+    ciep->scie_length = r.length;
+    ciep->scie_section_length = r.length + EH_LENGTH_SIZE;
+    if (!entered || !krv_read_field(&r.fd, DW_FORM_data4, 0, &ciep->scie_id, "failed to read CIE id"))
         return false;
     if (ciep->scie_id != 0) {
         krv_fail(hp, KRV_ERR_CORRUPT, "illegal CIE id (0x%lx)", static_cast<unsigned long>(ciep->scie_id));
         return false;
     }
-    if (!krv_read_field(&fd, DW_FORM_data1, 0, &ciep->scie_version, "failed to read Version"))
+    if (!krv_read_field(&r.fd, DW_FORM_data1, 0, &ciep->scie_version, "failed to read Version"))
         return false;
     if (ciep->scie_version != 1) {
         krv_fail(hp, KRV_ERR_CORRUPT, "illegal Version (%hhd)", static_cast<signed char>(ciep->scie_version));
         return false;
     }
-    if (!krv_read_field(&fd, DW_FORM_string, 0, &ciep->scie_augmentation_string, "failed to read augmentation") ||
-        !krv_read_field(&fd, DW_FORM_udata, 0, &ciep->scie_code_alignment_factor, "failed to read Code Align Factor") ||
-        !krv_read_field(&fd, DW_FORM_sdata, 0, &ciep->scie_data_alignment_factor, "failed to read Data Align Factor") ||
-        !krv_read_field(&fd, DW_FORM_udata, 0, &ciep->scie_return_address_register, "failed to read Ret Address Reg") ||
-        !read_cie_augmentation(hp, &fd, eh_frame, ciep))
+    if (!krv_read_field(&r.fd, DW_FORM_string, 0, &ciep->scie_augmentation_string, "failed to read augmentation") ||
+        !krv_read_field(&r.fd, DW_FORM_udata, 0, &ciep->scie_code_alignment_factor,
+                        "failed to read Code Align Factor") ||
+        !krv_read_field(&r.fd, DW_FORM_sdata, 0, &ciep->scie_data_alignment_factor,
+                        "failed to read Data Align Factor") ||
+        !krv_read_field(&r.fd, DW_FORM_udata, 0, &ciep->scie_return_address_register,
+                        "failed to read Ret Address Reg") ||
+        !read_cie_augmentation(hp, &r, ciep))
         return false;
     ciep->scie_augmentation = &krv_eh_frame_augmentation;
-    ciep->scie_cfi_offset = fd.sfd_offset;
-    ciep->scie_cfi_size = fd.sfd_remaining;
+    ciep->scie_cfi_offset = r.address();
+    ciep->scie_cfi_size = r.fd.sfd_remaining;
     ciep->scie_sec = KRV_SEC_EH_FRAME;
+    if (r.origin != 0)
+        ciep->scie_decoding = next_decoding();
     return true;
+}
+
+static bool cie_failed(krv_handle_t *hp, uint64_t address)
+{
+    krv_note(hp, "failed to read CIE at address 0x%lx in .eh_frame", static_cast<unsigned long>(address));
+    return false;
 }
 
 static krv_cie_t *krv_eh_frame_gcbo(krv_handle_t *hp, krv_reader_t *reader, uint64_t offset)
@@ -247,68 +347,99 @@ static krv_cie_t *krv_eh_frame_gcbo(krv_handle_t *hp, krv_reader_t *reader, uint
     KRV_ASSERT(hp != NULL);
     KRV_ASSERT(reader != NULL);
     const uint64_t eh_frame = reader_data(reader)->sefh_eh_frame;
-    auto *record = krv_new<eh_cie>(hp);
-    krv_cie_owner ciep(record == nullptr ? nullptr : &record->cie, {hp});
-    if (ciep != nullptr && read_cie(hp, ciep.get(), eh_frame, eh_frame + offset))
-        return ciep.release();
-    krv_note(hp, "failed to read CIE at address 0x%lx in .eh_frame", static_cast<unsigned long>(eh_frame + offset));
+    krv_owner<eh_cie> record(krv_new<eh_cie>(hp));
+    if (record != nullptr && read_cie(hp, &record->cie, eh_frame, eh_frame + offset))
+        return &record.release()->cie;
+    cie_failed(hp, eh_frame + offset);
     return nullptr;
 }
 
-// pc_begin and pc_range. The range has the format of the address, and no base.
-static bool read_extent(krv_fd_t *fdp, uint8_t encoding, uint64_t eh_frame, krv_fde_t *fdep)
+// Reads a record afresh, in one call, since its length is expected to be the same; whether it is byte for byte the one
+// that `known` was decoded from.
+static bool is_unchanged(const krv_cie_t *known, const krv_fd_t *as, uint64_t address)
 {
-    if (!read_pointer(fdp, encoding, eh_frame, &fdep->sfde_target_address, "failed to read target address"))
+    const krv_window_t *window = &known->scie_window; // all but the length field
+    if (known->scie_decoding == 0 || window->sw_offset - EH_LENGTH_SIZE != address)
         return false;
-    if (krv_decode_eh_form(fdp, encoding & EH_FORMAT, 0, 0, &fdep->sfde_address_range) == 0)
+    uint8_t fresh[EH_LENGTH_SIZE + sizeof(window->sw_bytes)];
+    const size_t size = EH_LENGTH_SIZE + static_cast<size_t>(window->sw_size);
+    if (as->sfd_u.cb.func(as->sfd_u.cb.arg, fresh, size, address) != static_cast<int64_t>(size))
+        return false;
+    uint32_t length;
+    std::memcpy(&length, fresh, sizeof(length));
+    return length == known->scie_length &&
+           std::memcmp(fresh + EH_LENGTH_SIZE, window->sw_bytes, static_cast<size_t>(window->sw_size)) == 0;
+}
+
+// Most CIEs are those of the query before, which spares their decoding.
+[[gnu::noinline]] static bool read_parent(krv_handle_t *hp, krv_eh_fde *record, uint64_t eh_frame, uint64_t address)
+{
+    if (!is_unchanged(&record->parent.cie, &hp->sh_as, address)) {
+        record->parent = {};
+        record->parent.embedded = true;
+        if (!read_cie(hp, &record->parent.cie, eh_frame, address)) {
+            cie_failed(hp, address);
+            krv_note(hp, "couldn't get parent CIE");
+            return false;
+        }
+    }
+    record->fde.sfde_cie = &record->parent.cie;
+    return true;
+}
+
+// pc_begin and pc_range. The range has the format of the address, and no base.
+static bool read_extent(record_reader *r, uint8_t encoding, krv_fde_t *fdep)
+{
+    if (!read_pointer(&r->fd, r->origin, encoding, r->eh_frame, &fdep->sfde_target_address,
+                      "failed to read target address"))
+        return false;
+    if (decode_pointer(&r->fd, encoding & EH_FORMAT, 0, 0, &fdep->sfde_address_range) == 0)
         return true;
-    krv_note(fdp->sfd_hp, "failed to read address range");
+    krv_note(r->fd.sfd_hp, "failed to read address range");
     return false;
 }
 
-static bool read_fde_augmentation(krv_handle_t *hp, krv_fd_t *fdp, uint64_t eh_frame,
-                                  const krv_amd64_cie_augmentation *cie_augp, krv_fde_t *fdep)
+static bool read_fde_augmentation(krv_handle_t *hp, record_reader *r, const krv_amd64_cie_augmentation *cie_augp,
+                                  krv_fde_t *fdep)
 {
     uint64_t size = 0;
-    if (!krv_read_field(fdp, DW_FORM_udata, 0, &size, "failed to read augmentation section size"))
+    if (!krv_read_field(&r->fd, DW_FORM_udata, 0, &size, "failed to read augmentation section size"))
         return false;
-    if (size > fdp->sfd_remaining) {
+    if (size > r->fd.sfd_remaining) {
         krv_fail(hp, KRV_ERR_CORRUPT,
                  "length of remaining augmentation section (%lu) exceeds length of remaining FDE (%lu)",
-                 static_cast<unsigned long>(size), static_cast<unsigned long>(fdp->sfd_remaining));
+                 static_cast<unsigned long>(size), static_cast<unsigned long>(r->fd.sfd_remaining));
         return false;
     }
-    auto *augp = &reinterpret_cast<eh_fde *>(fdep)->augmentation;
+    auto *augp = &reinterpret_cast<krv_eh_fde *>(fdep)->augmentation;
     fdep->sfde_augmentation_data = augp;
-    return size == 0 || read_pointer(fdp, static_cast<uint8_t>(cie_augp->scie_le), eh_frame, &augp->safa_ldsa,
-                                     "failed to read LDSA");
+    return size == 0 || read_pointer(&r->fd, r->origin, static_cast<uint8_t>(cie_augp->scie_le), r->eh_frame,
+                                     &augp->safa_ldsa, "failed to read LDSA");
 }
 
-static bool read_fde(krv_handle_t *hp, krv_fde_t *fdep, uint64_t eh_frame, uint64_t offset)
+[[gnu::flatten]] static bool read_fde(krv_handle_t *hp, krv_eh_fde *record, uint64_t eh_frame, uint64_t offset)
 {
-    const krv_fd_t as = address_space(hp);
-    krv_fd_t fd = krv_fd_windowed(&as, &fdep->sfde_window);
-    if (!enter_record(&fd, eh_frame + offset, &fdep->sfde_length, &fdep->sfde_section_length) ||
-        !krv_read_field(&fd, DW_FORM_data4, 0, &fdep->sfde_pointer, "failed to read CIE pointer"))
+    krv_fde_t *fdep = &record->fde;
+    record_reader r;
+    const bool entered = enter_record(&r, hp, &fdep->sfde_window, eh_frame, eh_frame + offset);
+    fdep->sfde_length = r.length;
+    fdep->sfde_section_length = r.length + EH_LENGTH_SIZE;
+    if (!entered || !krv_read_field(&r.fd, DW_FORM_data4, 0, &fdep->sfde_pointer, "failed to read CIE pointer"))
         return false;
     if (fdep->sfde_pointer == 0) {
         krv_fail(hp, KRV_ERR_CORRUPT, "illegal CIE pointer (0)");
         return false;
     }
-    fdep->sfde_cie = krv_get_cie_by_offset(hp, offset + EH_LENGTH_SIZE - fdep->sfde_pointer);
-    if (fdep->sfde_cie == nullptr) {
-        krv_note(hp, "couldn't get parent CIE");
+    if (!read_parent(hp, record, eh_frame, eh_frame + offset + EH_LENGTH_SIZE - fdep->sfde_pointer))
         return false;
-    }
     switch (fdep->sfde_cie->scie_augmentation_type) {
     case KRV_AUG_NONE:
-        if (!read_extent(&fd, DW_EH_PE_udata8, eh_frame, fdep))
+        if (!read_extent(&r, DW_EH_PE_udata8, fdep))
             return false;
         break;
     case KRV_AUG_AMD64: {
         const auto *cie_augp = static_cast<krv_amd64_cie_augmentation *>(fdep->sfde_cie->scie_augmentation_data);
-        if (!read_extent(&fd, cie_augp->scie_re, eh_frame, fdep) ||
-            !read_fde_augmentation(hp, &fd, eh_frame, cie_augp, fdep))
+        if (!read_extent(&r, cie_augp->scie_re, fdep) || !read_fde_augmentation(hp, &r, cie_augp, fdep))
             return false;
         break;
     }
@@ -316,9 +447,28 @@ static bool read_fde(krv_handle_t *hp, krv_fde_t *fdep, uint64_t eh_frame, uint6
         krv_fail(hp, KRV_ERR_INVALID, "parent CIE has unknown augmentation type");
         return false;
     }
-    fdep->sfde_cfi_offset = fd.sfd_offset;
-    fdep->sfde_cfi_size = fd.sfd_remaining;
+    fdep->sfde_cfi_offset = r.address();
+    fdep->sfde_cfi_size = r.fd.sfd_remaining;
     return true;
+}
+
+// A record to be filled: the spare one or a new one.
+static krv_eh_fde *take_record(krv_handle_t *hp, krv_reader_t *reader)
+{
+    krv_eh_fde *record = krv_take(&reader_data(reader)->sefh_spare);
+    if (record != nullptr) {
+        record->fde.sfde_cie = nullptr;
+        record->fde.sfde_augmentation_data = nullptr;
+        record->fde.sfde_window.sw_size = 0;
+        record->augmentation = {};
+        return record;
+    }
+    record = krv_new<krv_eh_fde>(hp);
+    if (record != nullptr) {
+        record->hp = hp;
+        record->reader = reader;
+    }
+    return record;
 }
 
 static krv_fde_t *krv_eh_frame_gfbo(krv_handle_t *hp, krv_reader_t *reader, uint64_t offset)
@@ -326,9 +476,9 @@ static krv_fde_t *krv_eh_frame_gfbo(krv_handle_t *hp, krv_reader_t *reader, uint
     KRV_ASSERT(hp != NULL);
     KRV_ASSERT(reader != NULL);
     const uint64_t eh_frame = reader_data(reader)->sefh_eh_frame;
-    auto *record = krv_new<eh_fde>(hp);
+    krv_eh_fde *record = take_record(hp, reader);
     krv_fde_owner fdep(record == nullptr ? nullptr : &record->fde, {hp});
-    if (fdep != nullptr && read_fde(hp, fdep.get(), eh_frame, offset))
+    if (fdep != nullptr && read_fde(hp, record, eh_frame, offset))
         return fdep.release();
     krv_note(hp, "failed to read FDE at address 0x%lx in .eh_frame", static_cast<unsigned long>(eh_frame + offset));
     return nullptr;
@@ -337,16 +487,23 @@ static krv_fde_t *krv_eh_frame_gfbo(krv_handle_t *hp, krv_reader_t *reader, uint
 static void krv_eh_frame_cie_free(krv_cie_t *ciep)
 {
     KRV_ASSERT(ciep->scie_augmentation_type == (ciep->scie_augmentation_data != NULL ? KRV_AUG_AMD64 : KRV_AUG_NONE));
-    krv_free(ciep); // with its augmentation data
+    if (!reinterpret_cast<eh_cie *>(ciep)->embedded)
+        krv_free(ciep); // with its augmentation data
 }
 
+// The record becomes the spare one, unless there is one, or it has outlived its reader.
 static void krv_eh_frame_fde_free(krv_fde_t *fdep)
 {
-    krv_free(fdep); // likewise
+    auto *record = reinterpret_cast<krv_eh_fde *>(fdep);
+    if (krv_load(&record->hp->sh_frame_reader) != record->reader)
+        krv_free(record);
+    else
+        krv_publish(&reader_data(record->reader)->sefh_spare, record, krv_free);
 }
 
 static void krv_eh_frame_destroy_reader(krv_reader_t *reader)
 {
+    krv_free(reader_data(reader)->sefh_spare);
     krv_free(reader->sr_data);
     krv_free(reader);
 }

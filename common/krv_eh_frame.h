@@ -12,17 +12,18 @@ enum { KRV_EFH_UNINITIALISED = 0, KRV_EFH_UNSUPPORTED = 1, KRV_EFH_INITIALISED =
 
 // The reader's sr_data.
 struct krv_eh_frame_reader_data {
-    uint64_t sefh_eh_frame_hdr;  // where .eh_frame_hdr is loaded
-    uint64_t sefh_eh_frame;      // where .eh_frame is loaded
-    krv_eh_status_t sefh_status; // published after what follows, which only the header tells
-    uint8_t sefh_version;        // not checked
-    uint8_t sefh_fpe;            // encoding of eh_frame_ptr
-    uint8_t sefh_fdece;          // encoding of fde_count
-    uint8_t sefh_te;             // encoding of the table's fields
-    uint64_t sefh_fp;            // eh_frame_ptr, for nothing
-    uint64_t sefh_fde_count;     // entries of the table
-    uint64_t sefh_table_offset;  // target address of the first
-    uint8_t sefh_width;          // bytes of one field: 2, 4 or 8
+    uint64_t sefh_eh_frame_hdr;    // where .eh_frame_hdr is loaded
+    uint64_t sefh_eh_frame;        // where .eh_frame is loaded
+    krv_eh_status_t sefh_status;   // published after what follows, which only the header tells
+    uint8_t sefh_version;          // not checked
+    uint8_t sefh_fpe;              // encoding of eh_frame_ptr
+    uint8_t sefh_fdece;            // encoding of fde_count
+    uint8_t sefh_te;               // encoding of the table's fields
+    uint64_t sefh_fp;              // eh_frame_ptr, for nothing
+    uint64_t sefh_fde_count;       // entries of the table
+    uint64_t sefh_table_offset;    // target address of the first
+    uint8_t sefh_width;            // bytes of one field: 2, 4 or 8
+    struct krv_eh_fde *sefh_spare; // a record that is free for the next query, or NULL; taken and put back atomically
 };
 
 // scie_augmentation_data of a CIE with an augmentation string.
@@ -44,6 +45,14 @@ struct krv_amd64_fde_augmentation {
 // such format, DW_EH_PE_omit included), KRV_ERR_UNSUPPORTED (any other base, and indirect pointers), or the code of the
 // form decoder.
 int krv_decode_eh_form(krv_fd_t *fdp, uint8_t encoding, uint64_t pc_base, uint64_t data_base, uint64_t *datump);
+
+// A cursor over the target's memory, which reports errors even when no address space is attached.
+inline krv_fd_t krv_eh_address_space(krv_handle_t *hp)
+{
+    krv_fd_t fd = hp->sh_as;
+    fd.sfd_hp = hp;
+    return fd;
+}
 
 // Decodes one call-frame instruction; arg is the krv_amd64_cie_augmentation of its CIE, or NULL.
 krv_get_next_op_f krv_eh_frame_aug_next_op;

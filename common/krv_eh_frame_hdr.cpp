@@ -69,10 +69,11 @@ static bool parse_header(krv_handle_t *hp, krv_eh_frame_reader_data *data, krv_f
 }
 
 // The first thread's header stays; any other thread has read the same.
-static bool load_header(krv_handle_t *hp, krv_eh_frame_reader_data *data, krv_fd_t *fdp)
+static bool load_header(krv_handle_t *hp, krv_eh_frame_reader_data *data)
 {
     krv_eh_frame_reader_data fresh = {};
-    if (!parse_header(hp, &fresh, fdp))
+    krv_fd_t fd = krv_eh_address_space(hp);
+    if (!parse_header(hp, &fresh, &fd))
         return false;
     const krv_write_guard guard(&hp->sh_rwlock);
     if (krv_load(&data->sefh_status) != KRV_EFH_UNINITIALISED)
@@ -90,133 +91,149 @@ static bool load_header(krv_handle_t *hp, krv_eh_frame_reader_data *data, krv_fd
     return true;
 }
 
-// A field in memory, widened to 64 bits.
-template <typename T>
-static uint64_t load(const uint8_t *bytes)
-{
-    T value;
-    std::memcpy(&value, bytes, sizeof(value));
-    return static_cast<uint64_t>(value);
-}
-
 namespace
 {
 
-// The table while it is searched.
-struct table_search {
-    const krv_eh_frame_reader_data *data;
-    krv_fd_t fd;
-    uint64_t held_address = 0; // what was read ahead
-    uint64_t held_size = 0;
-    bool held_to_end = false; // all entries that are still searched
-    uint8_t held[2048];
+// The entries that may still be the one: none when first > last.
+struct range {
+    int32_t first, last;
 
-    // Formed modulo 2^64.
-    uint64_t field_address(int32_t entry, unsigned int field) const
+    int32_t middle() const // of one that is not empty
     {
-        return data->sefh_table_offset + (2 * static_cast<uint64_t>(entry) + field) * data->sefh_width;
+        return first + static_cast<int32_t>((static_cast<uint32_t>(last) - static_cast<uint32_t>(first)) / 2);
     }
+};
 
-    // A call for two entries, and near the end one for all that are left. A failure is left to read_field to report.
-    void read_ahead(int32_t lo, int32_t mid, int32_t hi)
-    {
-        if (held_to_end)
-            return;
-        const uint64_t entry_size = uint64_t{2} * data->sefh_width;
-        const uint64_t left = static_cast<uint64_t>(int64_t{hi} - lo + 1) * entry_size;
-        const bool all = left <= sizeof(held);
-        const uint64_t address = field_address(all ? lo : mid, 0);
-        const uint64_t size = all ? left : entry_size + (mid == hi ? 0 : data->sefh_width);
-        held_size = 0;
-        if (!krv_fd_is_cb(&fd) || !krv_extent_fits(fd.sfd_size, address, 0, size) ||
-            fd.sfd_u.cb.func(fd.sfd_u.cb.arg, held, size, address) != static_cast<int64_t>(size))
-            return;
-        held_address = address;
-        held_size = size;
-        held_to_end = all;
-    }
-
-    // A field that was read ahead: the same number that read_pointer gives. False: not held, or an encoding that
-    // read_pointer refuses.
-    bool held_field(uint64_t address, uint64_t *datump) const
-    {
-        const uint64_t skip = address - held_address;
-        if (skip >= held_size || data->sefh_width > held_size - skip)
-            return false;
-        const uint8_t *bytes = held + skip;
-        const bool is_signed = (data->sefh_te & 0x08) != 0;
-        uint64_t value;
-        switch (data->sefh_width) {
-        case 2:
-            value = is_signed ? load<int16_t>(bytes) : load<uint16_t>(bytes);
-            break;
-        case 4:
-            value = is_signed ? load<int32_t>(bytes) : load<uint32_t>(bytes);
-            break;
-        default:
-            value = load<uint64_t>(bytes);
-            break;
-        }
-        switch (data->sefh_te & 0xf0) {
-        case DW_EH_PE_absptr:
-            break;
-        case DW_EH_PE_pcrel:
-            value += address;
-            break;
-        case DW_EH_PE_datarel:
-            value += data->sefh_eh_frame_hdr;
-            break;
-        default:
-            return false;
-        }
-        *datump = value;
-        return true;
-    }
-
-    // Field 0 (initial_location) or 1 (fde_address) of an entry.
-    bool read_field(int32_t entry, unsigned int field, uint64_t *datump, const char *message)
-    {
-        const uint64_t address = field_address(entry, field);
-        if (held_field(address, datump)) {
-            krv_clear_error(fd.sfd_hp);
-            return true;
-        }
-        if (korva_fd_seek(&fd, address, KRV_FD_SEEK_SET) == 0)
-            return read_pointer(data, &fd, data->sefh_te, datump, message);
-        krv_note(fd.sfd_hp, "%s", message);
-        return false;
-    }
+struct entry {
+    uint64_t start;       // initial_location
+    uint64_t fde_address; //
+    uint64_t next;        // the initial_location behind it, or start when that was not looked at
 };
 
 enum class found { yes, no, failed };
 
+// The table while it is searched.
+struct table_search {
+    krv_handle_t *hp;
+    const krv_eh_frame_reader_data *data;
+    uint64_t address; // that is looked for
+    range among;
+    entry at;
+
+    // Formed modulo 2^64.
+    uint64_t field_address(int32_t number, unsigned int field) const
+    {
+        return data->sefh_table_offset + (2 * static_cast<uint64_t>(number) + field) * data->sefh_width;
+    }
+
+    // Field 0 (initial_location) or 1 (fde_address) of an entry, through a cursor.
+    bool operator()(int32_t number, unsigned int field, uint64_t *datump, const char *message) const
+    {
+        krv_fd_t fd = krv_eh_address_space(hp);
+        if (korva_fd_seek(&fd, field_address(number, field), KRV_FD_SEEK_SET) == 0)
+            return read_pointer(data, &fd, data->sefh_te, datump, message);
+        krv_note(hp, "%s", message);
+        return false;
+    }
+};
+
+// Fields that were read ahead, of entries from `first` on: the same numbers that read_pointer gives.
+template <typename T>
+struct held_fields {
+    const uint8_t *bytes;
+    int32_t first;
+    uint64_t base;     // of the first field
+    uint64_t relative; // all ones when each field has its own base, else 0
+
+    bool operator()(int32_t number, unsigned int field, uint64_t *datump, const char *) const
+    {
+        const uint64_t skip = (2 * static_cast<uint64_t>(number - first) + field) * sizeof(T);
+        T value;
+        std::memcpy(&value, bytes + skip, sizeof(value));
+        *datump = static_cast<uint64_t>(value) + base + (skip & relative);
+        return true;
+    }
+};
+
 } // namespace
 
-// The indices have 32 bits, and so has what counts of fde_count: a count whose low half is negative finds nothing.
-static found search_table(const krv_eh_frame_reader_data *data, const krv_fd_t *fdp, uint64_t address, uint64_t *startp,
-                          uint64_t *fde_addressp, uint64_t *nextp)
+// Looks at the entry in the middle. found::no: not yet.
+template <typename Read>
+static inline found search_step(table_search *s, Read &read)
 {
-    table_search table;
-    table.data = data;
-    table.fd = *fdp;
-    int32_t lo = 0, hi = static_cast<int32_t>(data->sefh_fde_count - 1);
-    while (lo <= hi) {
-        const int32_t mid = lo + (hi - lo) / 2;
-        table.read_ahead(lo, mid, hi);
-        if (!table.read_field(mid, 0, startp, "failed to read VA"))
-            return found::failed;
-        if (address < *startp) {
-            hi = mid - 1;
+    const int32_t mid = s->among.middle();
+    if (!read(mid, 0, &s->at.start, "failed to read VA"))
+        return found::failed;
+    if (s->address < s->at.start) {
+        s->among.last = mid - 1;
+        return found::no;
+    }
+    s->at.next = s->at.start;
+    if (mid != s->among.last && !read(mid + 1, 0, &s->at.next, "failed to read VA"))
+        return found::failed;
+    if (mid != s->among.last && s->address >= s->at.next) {
+        s->among.first = mid + 1;
+        return found::no;
+    }
+    return read(mid, 1, &s->at.fde_address, "failed to read location") ? found::yes : found::failed;
+}
+
+template <typename T>
+static found search_held(table_search *s, bool all, held_fields<T> fields)
+{
+    found result;
+    do
+        result = search_step(s, fields);
+    while (all && result == found::no && s->among.first <= s->among.last);
+    return result;
+}
+
+// The numbers of a table by width and sign.
+static inline found search_numbers(table_search *s, bool all, const uint8_t *bytes, int32_t first, uint64_t base,
+                                   uint64_t relative)
+{
+    const bool is_signed = (s->data->sefh_te & 0x08) != 0;
+    switch (s->data->sefh_width) {
+    case 2:
+        return is_signed ? search_held<int16_t>(s, all, {bytes, first, base, relative})
+                         : search_held<uint16_t>(s, all, {bytes, first, base, relative});
+    case 4:
+        return is_signed ? search_held<int32_t>(s, all, {bytes, first, base, relative})
+                         : search_held<uint32_t>(s, all, {bytes, first, base, relative});
+    default:
+        return search_held<uint64_t>(s, all, {bytes, first, base, relative});
+    }
+}
+
+// A step takes a call, which reads the entry in the middle and the location behind it; the last call reads all entries
+// that are left, when they are few. Where that fails, the step is made through a cursor, which reports the field.
+// The indices have 32 bits, and so has what counts of fde_count: a count whose low half is negative finds nothing.
+static found search_table(table_search *s)
+{
+    const krv_fd_t *as = &s->hp->sh_as;
+    const uint64_t width = s->data->sefh_width;
+    const uint8_t application = s->data->sefh_te & 0xf0;
+    const bool known = krv_fd_is_cb(as) && (application == DW_EH_PE_absptr || application == DW_EH_PE_pcrel ||
+                                            application == DW_EH_PE_datarel);
+    const uint64_t base = application == DW_EH_PE_datarel ? s->data->sefh_eh_frame_hdr : 0;
+    const uint64_t relative = application == DW_EH_PE_pcrel ? UINT64_MAX : 0;
+    uint8_t bytes[2048];
+    s->among = {0, static_cast<int32_t>(s->data->sefh_fde_count - 1)};
+    found outcome = found::no;
+    while (outcome == found::no && s->among.first <= s->among.last) {
+        const uint64_t left = static_cast<uint64_t>(int64_t{s->among.last} - s->among.first + 1) * 2 * width;
+        const bool all = left <= sizeof(bytes);
+        const int32_t first = all ? s->among.first : s->among.middle();
+        const uint64_t address = s->field_address(first, 0), size = all ? left : 3 * width;
+        if (!known || !krv_extent_fits(as->sfd_size, address, 0, size) ||
+            as->sfd_u.cb.func(as->sfd_u.cb.arg, bytes, size, address) != static_cast<int64_t>(size)) {
+            outcome = search_step(s, *s);
             continue;
         }
-        *nextp = *startp;
-        if (mid != hi && !table.read_field(mid + 1, 0, nextp, "failed to read VA"))
-            return found::failed;
-        if (mid == hi || address < *nextp)
-            return table.read_field(mid, 1, fde_addressp, "failed to read location") ? found::yes : found::failed;
-        lo = mid + 1;
+        krv_clear_error(s->hp);
+        outcome = search_numbers(s, all, bytes, first, base + (address & relative), relative);
     }
-    return found::no;
+    return outcome;
 }
 
 static int abandon_table(krv_handle_t *hp, krv_eh_frame_reader_data *data)
@@ -237,16 +254,17 @@ int krv_eh_frame_gfoba(krv_handle_t *hp, krv_reader_t *reader, uint64_t address,
     const krv_eh_status_t status = krv_load(&data->sefh_status);
     if (status == KRV_EFH_UNSUPPORTED)
         return krv_fail_code(hp, KRV_ERR_UNSUPPORTED);
-    krv_fd_t fd = hp->sh_as;
-    fd.sfd_hp = hp; // which it has not while no address space is attached
-    if (status == KRV_EFH_UNINITIALISED && !load_header(hp, data, &fd))
+    if (status == KRV_EFH_UNINITIALISED && !load_header(hp, data))
         return abandon_table(hp, data);
-    uint64_t start = 0, fde_address = 0, next = 0;
-    switch (search_table(data, &fd, address, &start, &fde_address, &next)) {
+    table_search s;
+    s.hp = hp;
+    s.data = data;
+    s.address = address;
+    switch (search_table(&s)) {
     case found::yes:
-        *taddrp = start;
-        *toffp = fde_address - data->sefh_eh_frame;
-        *naddrp = next;
+        *taddrp = s.at.start;
+        *toffp = s.at.fde_address - data->sefh_eh_frame;
+        *naddrp = s.at.next;
         return 0;
     case found::no:
         return krv_fail_code(hp, KRV_ERR_NOTFOUND);

@@ -106,18 +106,6 @@ int64_t krv_window_read(void *arg, void *buf, size_t count, uint64_t offset)
     return static_cast<int64_t>(count);
 }
 
-krv_fd_t krv_fd_windowed(const krv_fd_t *fdp, krv_window_t *window)
-{
-    krv_fd_t fd = *fdp;
-    if (!krv_fd_is_cb(fdp))
-        return fd;
-    window->sw_func = fdp->sfd_u.cb.func;
-    window->sw_arg = fdp->sfd_u.cb.arg;
-    fd.sfd_u.cb.func = krv_window_read;
-    fd.sfd_u.cb.arg = window;
-    return fd;
-}
-
 void krv_fd_read_ahead(krv_fd_t *fdp, uint64_t size)
 {
     if (!krv_fd_is_cb(fdp) || fdp->sfd_u.cb.func != krv_window_read)

@@ -44,6 +44,16 @@ inline int krv_fd_seek(krv_fd_t *fdp, uint64_t offset)
     return 0;
 }
 
+// As korva_fd_truncate.
+inline int krv_fd_truncate(krv_fd_t *fdp, uint64_t length)
+{
+    if (length > fdp->sfd_size - fdp->sfd_offset)
+        return korva_fd_truncate(fdp, length);
+    krv_clear_error(fdp->sfd_hp);
+    fdp->sfd_remaining = length;
+    return 0;
+}
+
 // Reads ahead over a call-back cursor, so that a record is one call and not one a field. What the window does not hold
 // is read through the call-back behind it, as if there were no window: a read-ahead that fails costs a call and changes
 // nothing else.
@@ -58,7 +68,17 @@ krv_fd_cb_f krv_window_read; // its argument is the window
 
 // A copy of a call-back cursor that reads through a window, which must outlive it. What the window holds already must
 // have come through the same call-back. A memory cursor is only copied.
-krv_fd_t krv_fd_windowed(const krv_fd_t *fdp, krv_window_t *window);
+inline krv_fd_t krv_fd_windowed(const krv_fd_t *fdp, krv_window_t *window)
+{
+    krv_fd_t fd = *fdp;
+    if (krv_fd_is_cb(fdp)) {
+        window->sw_func = fdp->sfd_u.cb.func;
+        window->sw_arg = fdp->sfd_u.cb.arg;
+        fd.sfd_u.cb.func = krv_window_read;
+        fd.sfd_u.cb.arg = window;
+    }
+    return fd;
+}
 
 // Sees to it that the window holds the bytes at the position of such a cursor: `size` of them, or as many as remain and
 // fit.

@@ -89,16 +89,13 @@ struct index_entry {
 
 } // namespace
 
-krv_reader_t *krv_get_reader(krv_handle_t *hp)
+krv_reader_t *krv_create_reader(krv_handle_t *hp)
 {
     static krv_reader_t *(*const creators[])(krv_handle_t *) = {
         krv_debug_frame_create_reader,
         krv_eh_frame_create_reader,
         krv_no_frame_create_reader,
     };
-    KRV_ASSERT(hp != NULL);
-    if (void *known = krv_load(&hp->sh_frame_reader))
-        return static_cast<krv_reader_t *>(known);
     krv_reader_t *fresh = nullptr;
     for (auto *create : creators) {
         fresh = create(hp);
@@ -162,7 +159,7 @@ void krv_fde_free(krv_handle_t *hp, krv_fde_t *fdep)
     krv_reader_t *reader = krv_get_reader(hp);
     KRV_ASSERT(reader != NULL);
     if (fdep->sfde_cie != nullptr) // an FDE whose reading failed may not have come that far
-        krv_cie_free(hp, fdep->sfde_cie);
+        reader->sr_ops->sro_cie_free(fdep->sfde_cie);
     reader->sr_ops->sro_fde_free(fdep);
 }
 
@@ -249,11 +246,8 @@ static int search_linear_table(krv_handle_t *hp, const krv_linear_t *lt, uint64_
     return krv_fail_code(hp, KRV_ERR_NOTFOUND);
 }
 
-static int find_entry(krv_handle_t *hp, uint64_t address, bool force, index_entry *entry)
+static inline int find_entry(krv_handle_t *hp, krv_reader_t *reader, uint64_t address, bool force, index_entry *entry)
 {
-    krv_reader_t *reader = need_reader(hp);
-    if (reader == nullptr)
-        return -1;
     const krv_linear_t *lt = krv_load(&reader->sr_lt);
     if (lt == nullptr && !force) {
         if (reader->sr_ops->sro_gfoba(hp, reader, address, &entry->start, &entry->offset, &entry->next) == 0)
@@ -273,8 +267,9 @@ int krv_get_fde_offset_by_address(krv_handle_t *hp, uint64_t address, boolean_t 
     KRV_ASSERT(taddrp != NULL);
     KRV_ASSERT(toffp != NULL);
     KRV_ASSERT(naddrp != NULL);
+    krv_reader_t *reader = need_reader(hp);
     index_entry entry = {};
-    if (find_entry(hp, address, force != B_FALSE, &entry) != 0)
+    if (reader == nullptr || find_entry(hp, reader, address, force != B_FALSE, &entry) != 0)
         return -1;
     *taddrp = entry.start;
     *toffp = entry.offset;
@@ -315,11 +310,14 @@ static void note_inconsistency(krv_handle_t *hp, uint64_t address, const index_e
 krv_fde_t *krv_get_fde_by_address(krv_handle_t *hp, uint64_t address)
 {
     KRV_ASSERT(hp != NULL);
+    krv_reader_t *reader = need_reader(hp);
+    if (reader == nullptr)
+        return nullptr;
     for (const bool forced : {false, true}) {
         index_entry entry = {};
-        if (find_entry(hp, address, forced, &entry) != 0)
+        if (find_entry(hp, reader, address, forced, &entry) != 0)
             return nullptr;
-        krv_fde_owner fdep(krv_get_fde_by_offset(hp, entry.offset), {hp});
+        krv_fde_owner fdep(reader->sr_ops->sro_gfbo(hp, reader, entry.offset), {hp});
         if (fdep == nullptr)
             return nullptr;
         if (is_consistent(&entry, fdep.get())) {
@@ -336,23 +334,38 @@ krv_fde_t *krv_get_fde_by_address(krv_handle_t *hp, uint64_t address)
     return nullptr;
 }
 
-// How many operand bytes follow an opcode, when its operands are ULEB128 numbers of one byte each.
-static consteval std::array<uint8_t, 256> make_short_operands()
+static consteval uint8_t shape_of(uint8_t opcode)
+{
+    switch (opcode) {
+    case DW_CFA_def_cfa_expression: // an expression follows, which has to be read from the cursor
+    case DW_CFA_expression:
+    case DW_CFA_val_expression:
+    case DW_CFA_VESK_arg_loc:
+        return KRV_CFA_OTHER;
+    default:
+        break;
+    }
+    if (opcode > CFA_LAST_PLAIN && (opcode & KRV_CFA_PACKED) == 0)
+        return KRV_CFA_OTHER;
+    const krv_form_t first = opdesc[cfa_row(opcode)].form[0], second = opdesc[cfa_row(opcode)].form[1];
+    if (second == 0)
+        return first == 0               ? KRV_CFA_PLAIN
+               : first == DW_FORM_udata ? KRV_CFA_ULEB
+               : first == DW_FORM_data1 ? KRV_CFA_BYTE
+                                        : KRV_CFA_OTHER;
+    if (second != DW_FORM_udata || (first != 0 && first != DW_FORM_udata))
+        return KRV_CFA_OTHER;
+    return first == 0 ? KRV_CFA_ULEB : KRV_CFA_ULEBS;
+}
+
+static consteval std::array<uint8_t, 256> make_shapes()
 {
     std::array<uint8_t, 256> t{};
-    for (size_t opcode = 0; opcode < t.size(); ++opcode) {
-        if (opcode > CFA_LAST_PLAIN && (opcode & KRV_CFA_PACKED) == 0) {
-            t[opcode] = KRV_CFA_OTHER;
-            continue;
-        }
-        for (const krv_form_t form : opdesc[cfa_row(static_cast<uint8_t>(opcode))].form)
-            if (form != 0)
-                t[opcode] = form == DW_FORM_udata && t[opcode] != KRV_CFA_OTHER ? static_cast<uint8_t>(t[opcode] + 1)
-                                                                                : KRV_CFA_OTHER;
-    }
+    for (size_t opcode = 0; opcode < t.size(); ++opcode)
+        t[opcode] = shape_of(static_cast<uint8_t>(opcode));
     return t;
 }
-constexpr std::array<uint8_t, 256> krv_cfa_short_operands = make_short_operands();
+constexpr std::array<uint8_t, 256> krv_cfa_shapes = make_shapes();
 
 int krv_frame_get_next_op(krv_handle_t *hp, krv_fd_t *fdp, krv_operation_t *op, const krv_augmentation_t *augp,
                           void *arg)
@@ -361,7 +374,7 @@ int krv_frame_get_next_op(krv_handle_t *hp, krv_fd_t *fdp, krv_operation_t *op, 
     KRV_ASSERT(fdp != NULL);
     KRV_ASSERT(op != NULL);
     KRV_ASSERT(augp != NULL);
-    return krv_frame_decode_short(fdp, op) ? 0 : augp->sa_ops->sao_gno(hp, fdp, op, arg);
+    return augp->sa_ops->sao_gno(hp, fdp, op, arg);
 }
 
 static int get_cfa_forms(krv_handle_t *hp, uint8_t opcode, krv_form_t formsp[2])

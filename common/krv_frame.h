@@ -49,6 +49,7 @@ struct krv_cie_t {
     krv_augtype_t scie_augmentation_type;                 //
     void *scie_augmentation_data;                         // the reader's own, or NULL
     const krv_augmentation_t *scie_augmentation;          // decodes instructions, those of its FDEs too
+    uint64_t scie_decoding;   // equal numbers: decoded from equal bytes, all of them in the window; 0: nothing is known
     krv_window_t scie_window; // over scie_fd: the record's bytes, as many as were read ahead
 };
 
@@ -106,7 +107,13 @@ krv_reader_t *krv_eh_frame_create_reader(krv_handle_t *hp);
 krv_reader_t *krv_no_frame_create_reader(krv_handle_t *hp);
 
 // The handle's reader, created on first use; it stays the handle's. NULL when there is no memory for any.
-krv_reader_t *krv_get_reader(krv_handle_t *hp);
+krv_reader_t *krv_create_reader(krv_handle_t *hp);
+inline krv_reader_t *krv_get_reader(krv_handle_t *hp)
+{
+    KRV_ASSERT(hp != NULL);
+    auto *known = static_cast<krv_reader_t *>(krv_load(&hp->sh_frame_reader));
+    return known != nullptr ? known : krv_create_reader(hp);
+}
 // Discards the handle's reader, if any, so that the next query chooses again. No other call may use the handle.
 void krv_destroy_reader(krv_handle_t *hp);
 
@@ -146,33 +153,17 @@ int krv_fde_compar(const void *a, const void *b);
 int krv_frame_get_next_op(krv_handle_t *hp, krv_fd_t *fdp, krv_operation_t *op, const krv_augmentation_t *augp,
                           void *arg);
 
-// Nearly every instruction is so short that it can be decoded at a glance, with the outcome of krv_frame_get_next_op.
-// False: not this one, and nothing has changed.
-constexpr uint8_t KRV_CFA_PACKED = 0xc0;                      // a bit of these is set in opcodes that carry an operand
-constexpr uint8_t KRV_CFA_OPERAND = 0x3f;                     // the operand
-constexpr uint8_t KRV_CFA_OTHER = 0xff;                       // in the table: other operands, or no opcode
-extern const std::array<uint8_t, 256> krv_cfa_short_operands; // operand bytes by opcode
-
-inline bool krv_frame_decode_short(krv_fd_t *fdp, krv_operation_t *op)
-{
-    const krv_view_t view = krv_fd_view(fdp);
-    if (view.size == 0)
-        return false;
-    const uint8_t opcode = view.bytes[0];
-    const unsigned int count = krv_cfa_short_operands[opcode];
-    if (count == KRV_CFA_OTHER || count >= view.size)
-        return false;
-    const uint64_t first = count > 0 ? view.bytes[1] : 0, second = count > 1 ? view.bytes[2] : 0;
-    if (first > 0x7f || second > 0x7f)
-        return false;
-    const bool packed = (opcode & KRV_CFA_PACKED) != 0;
-    op->opcode = packed ? opcode & KRV_CFA_PACKED : opcode;
-    op->operand[0].sa_u.su_unsigned = packed ? opcode & KRV_CFA_OPERAND : first;
-    op->operand[1].sa_u.su_unsigned = packed ? first : second;
-    krv_clear_error(fdp->sfd_hp);
-    krv_fd_advance(fdp, 1 + count);
-    return true;
-}
+// How an instruction is encoded, by its first byte, so that who has its bytes in memory can decode it at a glance.
+enum : uint8_t {
+    KRV_CFA_PLAIN, // no operands, but for one in the byte itself
+    KRV_CFA_ULEB,  // one ULEB128 number
+    KRV_CFA_ULEBS, // two of them
+    KRV_CFA_BYTE,  // one byte
+    KRV_CFA_OTHER  // not to be decoded at a glance
+};
+extern const std::array<uint8_t, 256> krv_cfa_shapes;
+constexpr uint8_t KRV_CFA_PACKED = 0xc0;  // a bit of these is set in opcodes that carry an operand
+constexpr uint8_t KRV_CFA_OPERAND = 0x3f; // the operand
 
 // The forms of an instruction's two operands, 0 for none. -1 with KRV_ERR_UNSUPPORTED and a message for an opcode that
 // is not in the table.

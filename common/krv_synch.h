@@ -86,6 +86,13 @@ void krv_store(T *slot, T value)
     __atomic_store_n(slot, value, __ATOMIC_RELEASE);
 }
 
+// Takes what a slot holds, which is then empty.
+template <typename T>
+T *krv_take(T **slot)
+{
+    return __atomic_exchange_n(slot, nullptr, __ATOMIC_ACQUIRE);
+}
+
 // Publishes an object that is built once and kept: the first thread's object stays, a later thread's is discarded.
 // Returns the object that is published.
 template <typename T, typename Discard>

@@ -32,42 +32,59 @@ static uint64_t target_address(const krv_handle_t *hp, uint64_t value)
     return hp->sh_target_size == 4 ? value & UINT32_MAX : value;
 }
 
-static bool is_present(const krv_register_t *rp)
-{
-    return (rp->sr_flags & KRV_REG_FLAG_PRESENT) != 0;
-}
-
 static int place_cursor(krv_fd_t *fdp, uint64_t offset, uint64_t size)
 {
-    return krv_fd_seek(fdp, offset) == 0 && korva_fd_truncate(fdp, size) == 0 ? 0 : -1;
+    return krv_fd_seek(fdp, offset) == 0 && krv_fd_truncate(fdp, size) == 0 ? 0 : -1;
+}
+
+// Makes equal what may differ in `slots`.
+static void copy_rules(krv_cfarule_t *to, const krv_cfarule_t *from, const krv_slots_t &slots)
+{
+    slots.for_each([to, from](unsigned int slot) {
+        to[slot] = from[slot];
+        return true;
+    });
 }
 
 static int generate_cie_rules(krv_handle_t *hp, krv_activation_t *ap, krv_cie_t *cie)
 {
+    if (cie->scie_decoding != 0 && cie->scie_decoding == ap->sa_initial_of)
+        return 0; // the same instructions as the last time
+    ap->sa_initial_of = 0;
     krv_fd_t fd = krv_fd_windowed(&cie->scie_fd, &cie->scie_window);
     if (ap->sa_args.sa_argc != 0) // all is zero otherwise
         ap->sa_args = {};
-    std::memcpy(ap->sa_initial, ap->sa_default, ap->sa_n_registers * sizeof(krv_cfarule_t));
+    copy_rules(ap->sa_initial, ap->sa_default, ap->sa_initial_changed);
+    ap->sa_initial_changed = {};
     if (place_cursor(&fd, cie->scie_cfi_offset, cie->scie_cfi_size) != 0)
         return -1;
     krv_fd_read_ahead(&fd, cie->scie_cfi_size);
-    return krv_generate_ruleset(
+    const int result = krv_generate_ruleset(
         hp, &fd, cie->scie_code_alignment_factor, static_cast<uint64_t>(cie->scie_data_alignment_factor), 0, 0, 0,
-        ap->sa_n_registers, nullptr, ap->sa_initial, &ap->sa_args, cie->scie_augmentation, cie->scie_augmentation_data);
+        ap->sa_n_registers, nullptr, ap->sa_initial, &ap->sa_args, cie->scie_augmentation, cie->scie_augmentation_data,
+        &ap->sa_initial_changed);
+    if (result == 0)
+        ap->sa_initial_of = cie->scie_decoding;
+    return result;
 }
 
 static int generate_fde_rules(krv_handle_t *hp, krv_activation_t *ap, krv_fde_t *fde, uint64_t pc)
 {
     const krv_cie_t *cie = fde->sfde_cie;
     krv_fd_t fd = krv_fd_windowed(&cie->scie_fd, &fde->sfde_window);
-    std::memcpy(ap->sa_current, ap->sa_initial, ap->sa_n_registers * sizeof(krv_cfarule_t));
+    ap->sa_current_changed.add(ap->sa_initial_changed);
+    copy_rules(ap->sa_current, ap->sa_initial, ap->sa_current_changed);
+    ap->sa_current_changed = ap->sa_initial_changed;
     if (place_cursor(&fd, fde->sfde_cfi_offset, fde->sfde_cfi_size) != 0)
         return -1;
     krv_fd_read_ahead(&fd, fde->sfde_cfi_size);
-    return krv_generate_ruleset(hp, &fd, cie->scie_code_alignment_factor,
-                                static_cast<uint64_t>(cie->scie_data_alignment_factor), pc, fde->sfde_target_address,
-                                fde->sfde_address_range, ap->sa_n_registers, ap->sa_initial, ap->sa_current, nullptr,
-                                cie->scie_augmentation, cie->scie_augmentation_data);
+    krv_slots_t changed = {};
+    const int result = krv_generate_ruleset(
+        hp, &fd, cie->scie_code_alignment_factor, static_cast<uint64_t>(cie->scie_data_alignment_factor), pc,
+        fde->sfde_target_address, fde->sfde_address_range, ap->sa_n_registers, ap->sa_initial, ap->sa_current, nullptr,
+        cie->scie_augmentation, cie->scie_augmentation_data, &changed);
+    ap->sa_current_changed.add(changed);
+    return result;
 }
 
 int krv_generate_rules(krv_handle_t *hp, krv_activation_t *ap, uint64_t pc, uint64_t *columnp)
@@ -136,6 +153,18 @@ static int compute_register_expression(evaluation *ev, const krv_cfarule_t *rule
     return 0;
 }
 
+// A register of the current frame, whose slot exists. Fails as korva_activation_get_greg does.
+static int read_register(evaluation *ev, krv_reg_type_t type, unsigned int reg, unsigned int slot, uint64_t *valuep)
+{
+    if (krv_register_load(&ev->ap->sa_current_registers->srs_metadata[slot], valuep))
+        return 0;
+    krv_greg_t value = 0;
+    if (korva_activation_get_greg(ev->hp, ev->ap, type, KRV_ACTIVATION_FRAME_CURRENT, reg, &value) != 0)
+        return -1;
+    *valuep = static_cast<uint64_t>(value);
+    return 0;
+}
+
 // Stores the CFA in the current frame, unless it depends on a register without a value.
 static int compute_cfa(evaluation *ev)
 {
@@ -150,10 +179,10 @@ static int compute_cfa(evaluation *ev)
     case KRV_CFA_RULE_REG_OFFSET: {
         const auto reg = static_cast<unsigned int>(rule->arg >> 32);
         const auto offset = static_cast<int32_t>(rule->arg & UINT32_MAX);
-        krv_greg_t base = 0;
-        if (korva_activation_get_greg(hp, ap, KRV_ACTIVATION_REG_DWARF, KRV_ACTIVATION_FRAME_CURRENT, reg, &base) != 0)
+        uint64_t base = 0;
+        if (read_register(ev, KRV_ACTIVATION_REG_DWARF, reg, reg, &base) != 0)
             return hp->sh_errno == KRV_ERR_NOTFOUND ? 0 : -1;
-        ev->cfa = static_cast<uint64_t>(base) + static_cast<uint64_t>(int64_t{offset});
+        ev->cfa = base + static_cast<uint64_t>(int64_t{offset});
         break;
     }
     case KRV_CFA_RULE_EXPRESSION:
@@ -165,13 +194,17 @@ static int compute_cfa(evaluation *ev)
     }
     ev->cfa = target_address(hp, ev->cfa);
     ev->has_cfa = true;
-    return korva_activation_set_greg(hp, ap, KRV_ACTIVATION_REG_LIBRARY, KRV_REG_CFA, static_cast<krv_greg_t>(ev->cfa));
+    krv_register_store(ap->sa_current_registers, slot, &ev->cfa, sizeof(ev->cfa));
+    return 0;
 }
 
-// Gives a register the bytes that the target has at an address.
-static int load_register(evaluation *ev, krv_register_t *to, uint64_t address)
+// Gives a register of the caller the bytes that the target has at an address.
+static int load_register(evaluation *ev, unsigned int reg, uint64_t address)
 {
     const krv_fd_t *as = &ev->hp->sh_as;
+    krv_regset_t *caller = ev->ap->sa_caller_registers;
+    krv_register_t *to = &caller->srs_metadata[reg];
+    caller->srs_written.add(reg); // also by a read that fails half-way
     const int64_t count = to->sr_size == 0 ? 0
                                            : as->sfd_u.cb.func(as->sfd_u.cb.arg, to->sr_contents, to->sr_size,
                                                                target_address(ev->hp, address));
@@ -181,10 +214,11 @@ static int load_register(evaluation *ev, krv_register_t *to, uint64_t address)
     return 0;
 }
 
-static void copy_register(krv_register_t *to, const krv_register_t *from)
+// Gives a register of the caller the value of one of either frame, if that has one.
+static void copy_register(krv_regset_t *caller, unsigned int reg, const krv_register_t *from)
 {
-    if (is_present(from))
-        krv_register_store(to, from->sr_contents, from->sr_size);
+    if ((from->sr_flags & KRV_REG_FLAG_PRESENT) != 0)
+        krv_register_store(caller, reg, from->sr_contents, from->sr_size);
 }
 
 // Rules that need the CFA leave a register without a value when there is none.
@@ -192,22 +226,22 @@ static int apply_rule(evaluation *ev, unsigned int reg)
 {
     const krv_cfarule_t *rule = &ev->ap->sa_current[reg];
     const krv_register_t *current = ev->ap->sa_current_registers->srs_metadata;
-    krv_register_t *to = &ev->ap->sa_caller_registers->srs_metadata[reg];
+    krv_regset_t *caller = ev->ap->sa_caller_registers;
     uint64_t value = ev->cfa + rule->arg;
     switch (rule->desc) {
     case KRV_CFA_RULE_UNDEFINED:
         return 0;
     case KRV_CFA_RULE_SAME_VALUE:
-        copy_register(to, &current[reg]);
+        copy_register(caller, reg, &current[reg]);
         return 0;
     case KRV_CFA_RULE_REGISTER: // in range: checked when the rule was made
-        copy_register(to, &current[rule->arg]);
+        copy_register(caller, reg, &current[rule->arg]);
         return 0;
     case KRV_CFA_RULE_OFFSET:
-        return ev->has_cfa ? load_register(ev, to, value) : 0;
+        return ev->has_cfa ? load_register(ev, reg, value) : 0;
     case KRV_CFA_RULE_VAL_OFFSET:
         if (ev->has_cfa)
-            krv_register_store(to, &value, sizeof(value));
+            krv_register_store(caller, reg, &value, sizeof(value));
         return 0;
     case KRV_CFA_RULE_EXPRESSION:
     case KRV_CFA_RULE_VAL_EXPRESSION:
@@ -216,8 +250,8 @@ static int apply_rule(evaluation *ev, unsigned int reg)
         if (compute_register_expression(ev, rule, reg, &value) != 0)
             return -1;
         if (rule->desc == KRV_CFA_RULE_EXPRESSION)
-            return load_register(ev, to, value);
-        krv_register_store(to, &value, sizeof(value));
+            return load_register(ev, reg, value);
+        krv_register_store(caller, reg, &value, sizeof(value));
         return 0;
     default:
         return krv_fail(ev->hp, KRV_ERR_UNSUPPORTED, "unsupported register rule (%d)", rule->desc);
@@ -226,30 +260,26 @@ static int apply_rule(evaluation *ev, unsigned int reg)
 
 static int apply_rules(evaluation *ev)
 {
-    krv_regset_t *caller = ev->ap->sa_caller_registers;
-    krv_register_t *slots = caller->srs_metadata;
-    const unsigned int count = ev->ap->sa_n_registers, end = krv_dwarf_slots(ev->ap);
-    for (unsigned int slot = 0; slot < count; ++slot)
-        slots[slot].sr_flags &= ~KRV_REG_FLAG_PRESENT;
-    caller->srs_data = {}; // values of an earlier frame must not show through
-    const krv_cfarule_t *rules = ev->ap->sa_current;
-    for (unsigned int reg = 0; reg < end; ++reg) {
-        if (rules[reg].desc == KRV_CFA_RULE_UNDEFINED)
-            continue;
-        if ((slots[reg].sr_flags & KRV_REG_FLAG_VALID) != 0 && apply_rule(ev, reg) != 0)
-            return -1;
-    }
-    return 0;
+    const krv_register_t *slots = ev->ap->sa_caller_registers->srs_metadata;
+    const unsigned int end = krv_dwarf_slots(ev->ap);
+    krv_regset_clear(ev->ap, ev->ap->sa_caller_registers); // values of an earlier frame must not show through
+    krv_slots_t ruled = ev->ap->sa_ruled;                  // the rules of others leave them without a value
+    ruled.add(ev->ap->sa_current_changed);
+    const bool done = ruled.for_each([ev, slots, end](unsigned int reg) {
+        return reg >= end || (slots[reg].sr_flags & KRV_REG_FLAG_VALID) == 0 || apply_rule(ev, reg) == 0;
+    });
+    return done ? 0 : -1;
 }
 
 // The return-address column becomes the caller's program counter.
 static int return_to_caller(evaluation *ev)
 {
-    krv_register_t *caller = ev->ap->sa_caller_registers->srs_metadata;
-    if (ev->column >= krv_dwarf_slots(ev->ap) || (caller[ev->column].sr_flags & KRV_REG_FLAG_VALID) == 0)
+    krv_regset_t *caller = ev->ap->sa_caller_registers;
+    const krv_register_t *slots = caller->srs_metadata;
+    if (ev->column >= krv_dwarf_slots(ev->ap) || (slots[ev->column].sr_flags & KRV_REG_FLAG_VALID) == 0)
         return krv_fail(ev->hp, KRV_ERR_CORRUPT, "CIE provides bogus RAR (%lu)",
                         static_cast<unsigned long>(ev->column));
-    copy_register(&caller[krv_library_slot(ev->ap, KRV_REG_PC)], &caller[ev->column]);
+    copy_register(caller, krv_library_slot(ev->ap, KRV_REG_PC), &slots[ev->column]);
     return 0;
 }
 
@@ -257,14 +287,15 @@ static int evaluate(krv_handle_t *hp, krv_activation_t *ap)
 {
     if (hp->sh_as.sfd_size == 0)
         return krv_fail(hp, KRV_ERR_UNSUPPORTED, "no as read callback found");
-    krv_greg_t pc = 0;
-    if (korva_activation_get_greg(hp, ap, KRV_ACTIVATION_REG_LIBRARY, KRV_ACTIVATION_FRAME_CURRENT, KRV_REG_PC, &pc) !=
-        0)
-        return krv_note(hp, "unable to get PC\n");
-    evaluation ev = {};
+    evaluation ev;
     ev.hp = hp;
     ev.ap = ap;
-    if (krv_generate_rules(hp, ap, static_cast<uint64_t>(pc), &ev.column) != 0)
+    ev.has_cfa = false;
+    ev.cfa = 0;
+    uint64_t pc = 0;
+    if (read_register(&ev, KRV_ACTIVATION_REG_LIBRARY, KRV_REG_PC, krv_library_slot(ap, KRV_REG_PC), &pc) != 0)
+        return krv_note(hp, "unable to get PC\n");
+    if (krv_generate_rules(hp, ap, pc, &ev.column) != 0)
         return -1;
     ev.fd = ap->sa_cie_fd;
     if (compute_cfa(&ev) != 0 || apply_rules(&ev) != 0)

@@ -26,7 +26,7 @@ struct machine {
         return krv_generate_ruleset(s.h, &fd, code_align, static_cast<uint64_t>(-8), is_fde ? pc : 0,
                                     is_fde ? 0x1000 : 0, is_fde ? 0x100 : 0, ap->sa_n_registers,
                                     is_fde ? ap->sa_initial : nullptr, is_fde ? ap->sa_current : ap->sa_initial,
-                                    is_fde ? nullptr : &ap->sa_args, cie->scie_augmentation, nullptr);
+                                    is_fde ? nullptr : &ap->sa_args, cie->scie_augmentation, nullptr, nullptr);
     }
 
     // The rules that differ from the default ones, or the error, in which "@n" stands for the message that tells the

@@ -3,6 +3,7 @@
 // The caller's frame, walks over a stack, and arguments.
 #include "support/activation.h"
 
+#include <algorithm>
 #include <cstring>
 #include <gtest/gtest.h>
 
@@ -212,8 +213,10 @@ TEST(Unwind, Walk)
             const uint64_t words[] = {0x7111, 0x1020, 0x7222, 0x1030, 0x7333, 0x2000};
             for (size_t i = 0; i < std::size(words); ++i)
                 s.memory.contents.set(i * w, words[i], w);
-            s.load(fp, 0x7000);
-            s.load(0, 0x99); // %rax, %eax: of the first frame only
+            krv_gregset_t first; // %rax, %eax and the trap number, of which no rule speaks, are of this frame only
+            std::fill(std::begin(first), std::end(first), 0x99);
+            first[KRV_HOST_RSP] = first[KRV_HOST_RBP] = 0x7000;
+            korva_activation_set_regs(s.h, s.ap.get(), first, UINT64_MAX, nullptr);
             std::string walk;
             do {
                 krv_gregset_t set;
@@ -222,6 +225,7 @@ TEST(Unwind, Walk)
                 EXPECT_EQ(mask >> KRV_HOST_RBP & 1, 1U);
                 EXPECT_EQ(mask >> KRV_HOST_RAX & 1, walk.empty() ? 1U : 0U);
                 EXPECT_EQ(set[KRV_HOST_RAX], walk.empty() ? 0x99 : 0);
+                EXPECT_EQ(set[KRV_HOST_TRAPNO], set[KRV_HOST_RAX]);
                 walk += s.get(CURRENT, LIBRARY, KRV_REG_PC) +
                         text(" %lx %lx; ", set[KRV_HOST_RSP] - 0x7000, set[KRV_HOST_RBP]);
             } while (korva_activation_unwind(s.h, s.ap.get()) == 0);
@@ -229,6 +233,27 @@ TEST(Unwind, Walk)
             EXPECT_EQ(s.get(CURRENT, LIBRARY, KRV_REG_PC), "2000"); // the last frame stays
             EXPECT_EQ(s.memory.strayed, false);
         }
+}
+
+// A CIE is taken for that of the query before only if its bytes, read again, are the same.
+TEST(Unwind, RecordsAreReadAfresh)
+{
+    stopped s(framed(KRV_ACTIVATION_AMD64, {}, true));
+    const size_t cie = eh_frame_address - stack_address, version = cie + 8, cfa_offset = cie + 19;
+    const std::string damaged = "CORRUPT: illegal Version (3) | failed to read CIE at address 0x9000 in .eh_frame";
+    const struct {
+        size_t at;
+        uint64_t byte;
+        std::string expected; // the caller's stack pointer, or the beginning of the error
+    } rows[] = {{cfa_offset, 40, "7028"}, {cfa_offset, 40, "7028"},   {cfa_offset, 16, "7010"}, {version, 3, damaged},
+                {version, 1, "7010"},     {cie, 0xff, "UNSUPPORTED"}, {cie, 20, "7010"},        {cie, 0, "CORRUPT"}};
+    for (const auto &row : rows) {
+        SCOPED_TRACE(&row - rows);
+        s.memory.contents.set(row.at, row.byte, 1);
+        s.load(0, 0); // a change: evaluated again
+        const std::string found = s.caller(7);
+        EXPECT_TRUE(found.starts_with(row.expected)) << found;
+    }
 }
 
 TEST(Unwind, Arguments)
