@@ -8,6 +8,7 @@
 #include "krv_info.h"
 #include "krv_line.h"
 #include "support/activation.h"
+#include "support/allocations.h"
 
 #include <gtest/gtest.h>
 #include <utility>
@@ -16,33 +17,9 @@ using namespace krv_test;
 
 static unsigned allocations, fail_at; // fail_at 0: never
 
-// The linker leads the library's allocations here (--wrap).
-extern "C" {
-void *__real_malloc(size_t size);
-void *__real_calloc(size_t count, size_t size);
-void *__real_realloc(void *p, size_t size);
-char *__real_strdup(const char *s);
-void *__wrap_malloc(size_t size);
-void *__wrap_calloc(size_t count, size_t size);
-void *__wrap_realloc(void *p, size_t size);
-char *__wrap_strdup(const char *s);
-
-void *__wrap_malloc(size_t size)
+static bool granted(size_t)
 {
-    return ++allocations == fail_at ? nullptr : __real_malloc(size);
-}
-void *__wrap_calloc(size_t count, size_t size)
-{
-    return ++allocations == fail_at ? nullptr : __real_calloc(count, size);
-}
-void *__wrap_realloc(void *p, size_t size)
-{
-    return ++allocations == fail_at ? nullptr : __real_realloc(p, size);
-}
-char *__wrap_strdup(const char *s)
-{
-    return ++allocations == fail_at ? nullptr : __real_strdup(s);
-}
+    return ++allocations != fail_at;
 }
 
 static unsigned reads, fail_read_at; // likewise
