@@ -95,6 +95,8 @@ static std::string ask_units(krv_handle_t *hp)
         offset += cu->dcu_size;
         if (!korva_cu_contains_addr(hp, cu, address, 0))
             return "ranges";
+        if (korva_lookup_ctu_by_addr(hp, address, 0) != cu)
+            return "index";
         krv_lnph_t *lnph = korva_line_get_cu_lnph(hp, cu);
         if (lnph == nullptr)
             return "header";
@@ -270,7 +272,7 @@ static std::string fail_each(unsigned *at, const unsigned *count, bool (*says)(h
             *at = n;
             krv_handle_t *hp = korva_handle_alloc(KRV_ACTIVATION_AMD64);
             if (hp == nullptr) {
-                EXPECT_LE(n, 17U); // the handle and its sixteen messages
+                EXPECT_LE(n, 18U); // the options, the handle and its sixteen messages
                 continue;
             }
             readers sources;
@@ -295,9 +297,11 @@ static std::string fail_each(unsigned *at, const unsigned *count, bool (*says)(h
 
 TEST(Faults, EveryAllocationFailsOnce)
 {
+    setenv("LIBKORVA_OPTIONS", "debug", 1); // until its messages are watched
     const std::string seen = fail_each(
         &fail_at, &allocations, [](handle &h) { return h->sh_errno == KRV_ERR_NOMEM; },
         [](const std::string &answer, handle &, const scenario &s) { return answer == s.expected; });
+    unsetenv("LIBKORVA_OPTIONS");
     for (const char *message :
          {"error hashing abbreviation", "unable to resize CU table", "unable to create CU lookup hash",
           "error hashing offset", "NOMEM: couldn't add directory gen", "NOMEM: couldn't add file b.c",

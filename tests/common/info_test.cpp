@@ -265,8 +265,6 @@ TEST(Info, References)
     EXPECT_EQ(t.h.error(), "INVALID");
     EXPECT_EQ(korva_get_die_at_producer(t.h, t.root, buf, 4), -1);
     EXPECT_EQ(t.h.error(), "NOTFOUND");
-    EXPECT_EQ(korva_get_die_at_name(t.h, nullptr, buf, 4) + korva_get_die_at_name(t.h, t.root, nullptr, 4), -2);
-    EXPECT_EQ(korva_get_die_at_name(nullptr, t.root, buf, 4) + korva_get_cu_cudie(t.h, t.cu, nullptr), -2);
 }
 
 TEST(Info, UnitNames)

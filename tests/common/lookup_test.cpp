@@ -269,7 +269,6 @@ TEST(Lookup, UnitOfAnAddress)
 TEST(Lookup, UnitOfAnAddressSaysWhyNot)
 {
     handle h, unknown, damaged;
-    EXPECT_EQ(korva_lookup_ctu_by_addr(nullptr, 0, 0), nullptr);
     EXPECT_EQ(korva_lookup_ctu_by_addr(h, 0, 0), nullptr);
     EXPECT_EQ(h.error(), "NOTFOUND: handle has no .debug_info");
     h.attach(KRV_SEC_ABBREV, abbrev_section).attach(KRV_SEC_INFO, simple_unit(entry(2, 0x1000, 0x2000)));
@@ -325,8 +324,6 @@ TEST(Lookup, UnitTable)
     krv_ctu_t none = {};
     EXPECT_FALSE(korva_cu_contains_addr(h, &none, 0, 0));
     EXPECT_EQ(h.error(), "NOTFOUND: handle has no .debug_info");
-    EXPECT_FALSE(korva_cu_contains_addr(h, nullptr, 0, 0));
-    EXPECT_EQ(korva_handle_get_errno(h), KRV_ERR_INVALID);
 
     h.attach(KRV_SEC_ABBREV, abbrev_section);
     h.attach(KRV_SEC_INFO, first + second + first + bytes().u32(0xfffffff2).fill(20)); // the last header is damaged
@@ -361,6 +358,4 @@ TEST(Lookup, UnitTable)
         EXPECT_EQ(korva_lookup_ctu_by_start_offset(h, row.sec, 0), nullptr);
         EXPECT_EQ(h.error(), row.error);
     }
-    EXPECT_EQ(korva_iter_cu(h, KRV_SEC_INFO, nullptr, nullptr), -1);
-    EXPECT_EQ(korva_handle_get_errno(h), KRV_ERR_INVALID);
 }
