@@ -3,8 +3,10 @@
 // Memory that runs out, and reads that fail. The n-th allocation of a whole session fails, for every n; likewise the
 // n-th read fails, then comes up short. What failed says so, nothing leaks (the address sanitizer watches), and when all
 // is well again the same handle answers as if nothing had happened.
+#include "krv_error.h"
 #include "krv_fd.h"
 #include "krv_frame.h"
+#include "krv_hash.h"
 #include "krv_info.h"
 #include "krv_line.h"
 #include "support/activation.h"
@@ -308,6 +310,28 @@ TEST(Faults, EveryAllocationFailsOnce)
           "NOMEM: couldn't add dynamically-defined file c.c | error processing opcode 3 (DW_LNE_define_file)",
           "NOMEM: couldn't create temporary table for canonical address calculation | error calculating canonical"})
         EXPECT_NE(seen.find(message), std::string::npos) << message;
+}
+
+TEST(Faults, HashTableThatCannotGrow)
+{
+    handle h;
+    const std::unique_ptr<krv_hash_t, decltype(&krv_hash_destroy)> table(krv_hash_create(h, 0, KRV_HASH_UINT64),
+                                                                         krv_hash_destroy);
+    const auto insert = [&](uint64_t n) {
+        const krv_hash_key_t key = {.dwhk_u = n};
+        return krv_hash_insert(h, table.get(), &key, table.get()) != nullptr;
+    };
+    for (uint64_t n = 0; n < 20; ++n) {
+        allocations = 0;
+        fail_at = 2; // the first is for the element
+        const bool fitted = insert(n);
+        fail_at = 0;
+        EXPECT_EQ(fitted, allocations == 1);
+        EXPECT_EQ(h.error(), fitted ? "NONE" : "NOMEM");
+        EXPECT_EQ(insert(n), true) << n; // is there, or is put there now
+        krv_clear_error(h);
+    }
+    EXPECT_GT(table->dwhsh_nbuckets, 16U);
 }
 
 // What a failed read says may be overlaid by what its absence means: an entry without children, a record of no kind.

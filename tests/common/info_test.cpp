@@ -114,6 +114,8 @@ TEST(Info, Values)
         {DW_FORM_addr, "00 00 00 00 01 00 00 00", "4294967296"},
         {DW_FORM_strp, "05 00 00 00", "ef"},
         {DW_FORM_strp, "04 00 00 00 00 00 00 00", "def", true},
+        {DW_FORM_strp, "09 00 00 00",
+         "INVALID: can't seek beyond end | cannot seek to offset 9 in .debug_str" + not_read + "DW_FORM_strp form)"},
         {DW_FORM_string, "00", ""},
         {DW_FORM_block1, "00", "empty block"},
         {DW_FORM_block2, "02 00 09 08", "block of 2 from 9"},

@@ -61,6 +61,7 @@ TEST(Aranges, Sets)
         {plain.build(), "set 0: 1000+20"},
         {aranges_set{.address_size = 4, .tuples = {{0xfffff000, 0x1000}}}.build(), "set 0: fffff000+1000"},
         {wide.build(), "set 0: 1+2 ffffffffffffffff+ffffffffffffffff"},
+        {aranges_set{.segment_size = 1, .tuples = {{0x10, 1, 7}}}.build(), "set 0: 10+1@7"},
         {aranges_set{.segment_size = 2, .tuples = {{0x10, 0, 7}, {0, 0x10, 0}}}.build(), "set 0: 10+0@7 0+10"},
         {narrow.build() + plain.build(20), "set 0: 5+6; set 20: 1000+20"},  // the second set without padding
         {odd.build() + plain.build(24), "set 0: 5+6 7+8; set 24: 1000+20"}, // and with the header's own
