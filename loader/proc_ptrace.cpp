@@ -138,7 +138,8 @@ bool stopped_process::take(int tid)
         tracees.push_back({tid, false, 0});
         return true;
     }
-    tracees.push_back({tid, false, 0}); // first: memory that runs out must not leave a thread seized that let_go forgets
+    tracees.push_back(
+        {tid, false, 0}); // first: memory that runs out must not leave a thread seized that let_go forgets
     if (ptrace(PTRACE_SEIZE, tid, nullptr, nullptr) != 0) {
         const int error = errno;
         tracees.pop_back();

@@ -210,6 +210,8 @@ TEST(Info, WalksOverChildren)
         {"a link far away", link(MAX), broken(4294967295)},
         {"a link that is no reference", root + bytes().uleb(8).u32(30) + leaf + end + end,
          "- -1 INVALID: attribute DW_AT_sibling is not a reference"},
+        {"the same, one level down", root + named(2, "b") + bytes().uleb(8).u32(30) + leaf + end + end + end,
+         "b -1 INVALID: attribute DW_AT_sibling is not a reference"},
         {"no children", root + end, " 0 NOTFOUND: DIE has no children"},
         {"a child that has none, against its flag", root + named(2, "a") + end + end, "a -1 " + no_child + "14"},
         {"a grandchild that has none", root + named(2, "a") + named(2, "b") + end + end, "a -1 " + no_child + "17"},

@@ -577,15 +577,17 @@ TEST(Line, CanonicalAddressesOfCollidingLines)
             line = static_cast<int64_t>(next);
             ++found;
         }
-    lines t(line_unit{.program = program(recipe + " pc 4 end at 300000 line 9 copy pc 4 end")}.build());
+    recipe +=
+        text(" pc 4 end at 300000 file 2 line %lld copy pc 4 end", static_cast<long long>(line - 1)); // the same line
+    lines t(line_unit{.files = {{"a.c"}, {"b.c"}}, .program = program(recipe)}.build());
     const krv_lnp_t *lnpp = t.matrix();
     ASSERT_NE(lnpp, nullptr) << t.h.error();
-    std::map<unsigned, uint64_t> lowest;
+    std::map<std::pair<unsigned, unsigned>, uint64_t> lowest;
     for (const krv_lns_t &r : std::span(lnpp->slnp_lnsp, lnpp->slnp_lnsp_entries)) {
-        uint64_t &low = lowest.try_emplace(r.slns_line, r.slns_address).first->second;
+        uint64_t &low = lowest.try_emplace({r.slns_file, r.slns_line}, r.slns_address).first->second;
         low = std::min(low, r.slns_address);
     }
     EXPECT_GT(lowest.size(), ROWS / 2);
     for (const krv_lns_t &r : std::span(lnpp->slnp_lnsp, lnpp->slnp_lnsp_entries))
-        EXPECT_EQ(r.slns_u.slnsu_c_address, lowest.at(r.slns_line));
+        EXPECT_EQ(r.slns_u.slnsu_c_address, lowest.at({r.slns_file, r.slns_line}));
 }
