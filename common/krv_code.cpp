@@ -207,9 +207,6 @@ static int decode_leb128(krv_fd_t *fdp, krv_form_t form, void *dst, size_t size,
 static int decode_string(krv_fd_t *fdp, void *dst, size_t size, size_t *sizep)
 {
     krv_handle_t *hp = fdp->sfd_hp;
-    if (dst != nullptr && sizep != nullptr)
-        return krv_fail_code(hp, KRV_ERR_INVALID);
-
     krv_fd_t scan = *fdp;
     size_t need = 0; // with the NUL
     for (bool found = false; !found;) {
@@ -240,8 +237,6 @@ static int decode_string(krv_fd_t *fdp, void *dst, size_t size, size_t *sizep)
 static int decode_block(krv_fd_t *fdp, krv_form_t form, uint32_t flags, void *dst, size_t size, size_t *sizep)
 {
     krv_handle_t *hp = fdp->sfd_hp;
-    if (dst != nullptr && sizep != nullptr)
-        return krv_fail_code(hp, KRV_ERR_INVALID);
 
     krv_fd_t fd = *fdp;
     uint64_t length = 0;

@@ -45,6 +45,14 @@ private:
     krv_rwlock_t *lockp;
 };
 
+#if defined(__SANITIZE_THREAD__) // gcc's name for it
+#define KRV_SANITIZE_THREAD
+#elif defined(__has_feature)
+#if __has_feature(thread_sanitizer)
+#define KRV_SANITIZE_THREAD
+#endif
+#endif
+
 // A number that threads may load and store at any time without tearing it. A plain move; nothing is ordered by it. That
 // is what a volatile access is on AMD64, while g++ 12 also forgets what it knows of other memory at an atomic one: 7 % of
 // an unwind. The thread sanitizer has to see atomic ones.
@@ -54,7 +62,7 @@ class krv_relaxed
 public:
     krv_relaxed &operator=(T fresh)
     {
-#ifdef __SANITIZE_THREAD__
+#ifdef KRV_SANITIZE_THREAD
         __atomic_store_n(&value, fresh, __ATOMIC_RELAXED);
 #else
         value = fresh;
@@ -63,7 +71,7 @@ public:
     }
     operator T() const
     {
-#ifdef __SANITIZE_THREAD__
+#ifdef KRV_SANITIZE_THREAD
         return __atomic_load_n(&value, __ATOMIC_RELAXED);
 #else
         return value;

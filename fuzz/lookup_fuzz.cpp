@@ -21,7 +21,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     h.attach(KRV_SEC_ARANGES, in.part());
     h.attach(KRV_SEC_ABBREV, in.part());
     h.attach(KRV_SEC_INFO, in.rest());
+    korva_lookup_ctu_by_addr(h, addresses[3], KRV_LOOKUP_F_FAST);
     korva_iter_cu(h, KRV_SEC_INFO, ask, addresses);
+    for (const uint64_t address : addresses)
+        korva_lookup_ctu_by_addr(h, address, KRV_LOOKUP_F_NONE);
     korva_lookup_ctu_by_start_offset(h, KRV_SEC_INFO, addresses[3]);
     return 0;
 }

@@ -138,14 +138,16 @@ bool stopped_process::take(int tid)
         tracees.push_back({tid, false, 0});
         return true;
     }
+    tracees.push_back(
+        {tid, false, 0}); // first: memory that runs out must not leave a thread seized that let_go forgets
     if (ptrace(PTRACE_SEIZE, tid, nullptr, nullptr) != 0) {
         const int error = errno;
+        tracees.pop_back();
         const char state = read_state(tid);
         if (state == 0 || state == 'Z' || state == 'X')
             return false;
         cannot_attach(pid, tid, error);
     }
-    tracees.push_back({tid, false, 0}); // from here on let_go knows it
     if (ptrace(PTRACE_INTERRUPT, tid, nullptr, nullptr) == 0 && wait_for_stop(&tracees.back()))
         return true;
     bury(tid);

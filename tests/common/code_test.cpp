@@ -177,6 +177,7 @@ TEST(Code, StorageProtocol)
     EXPECT_TRUE(room[0] == 0x5a && fd.sfd_offset == 0);
     EXPECT_EQ(korva_decode_form(nullptr, DW_FORM_data1, 0, room, 8, nullptr), -1);
     EXPECT_EQ(korva_decode_form(&zero, DW_FORM_data1, 0, room, 8, nullptr), -1);
+    EXPECT_EQ(korva_encode_form(nullptr, DW_FORM_data1, 0, 1) + korva_encode_form(&zero, DW_FORM_data1, 0, 1), -2);
 }
 
 TEST(Code, Encode)
@@ -232,5 +233,6 @@ TEST(CodeDeathTest, Values)
     krv_value_t value = {};
     value.sa_u.su_signed = -2;
     EXPECT_TRUE(korva_value_unsigned(&value) == UINT64_MAX - 1 && korva_value_signed(&value) == -2);
+    EXPECT_EQ(korva_value_addr(&value), value.sa_u.su_addr);
     EXPECT_DEATH(korva_value_unsigned(nullptr), "korva_value_unsigned: assertion failed: value != NULL");
 }

@@ -3,11 +3,14 @@
 // Memory that runs out, and reads that fail. The n-th allocation of a whole session fails, for every n; likewise the
 // n-th read fails, then comes up short. What failed says so, nothing leaks (the address sanitizer watches), and when all
 // is well again the same handle answers as if nothing had happened.
+#include "krv_error.h"
 #include "krv_fd.h"
 #include "krv_frame.h"
+#include "krv_hash.h"
 #include "krv_info.h"
 #include "krv_line.h"
 #include "support/activation.h"
+#include "support/allocations.h"
 
 #include <gtest/gtest.h>
 #include <utility>
@@ -16,33 +19,9 @@ using namespace krv_test;
 
 static unsigned allocations, fail_at; // fail_at 0: never
 
-// The linker leads the library's allocations here (--wrap).
-extern "C" {
-void *__real_malloc(size_t size);
-void *__real_calloc(size_t count, size_t size);
-void *__real_realloc(void *p, size_t size);
-char *__real_strdup(const char *s);
-void *__wrap_malloc(size_t size);
-void *__wrap_calloc(size_t count, size_t size);
-void *__wrap_realloc(void *p, size_t size);
-char *__wrap_strdup(const char *s);
-
-void *__wrap_malloc(size_t size)
+static bool granted(size_t)
 {
-    return ++allocations == fail_at ? nullptr : __real_malloc(size);
-}
-void *__wrap_calloc(size_t count, size_t size)
-{
-    return ++allocations == fail_at ? nullptr : __real_calloc(count, size);
-}
-void *__wrap_realloc(void *p, size_t size)
-{
-    return ++allocations == fail_at ? nullptr : __real_realloc(p, size);
-}
-char *__wrap_strdup(const char *s)
-{
-    return ++allocations == fail_at ? nullptr : __real_strdup(s);
-}
+    return ++allocations != fail_at;
 }
 
 static unsigned reads, fail_read_at; // likewise
@@ -121,6 +100,8 @@ static std::string ask_units(krv_handle_t *hp)
         offset += cu->dcu_size;
         if (!korva_cu_contains_addr(hp, cu, address, 0))
             return "ranges";
+        if (korva_lookup_ctu_by_addr(hp, address, 0) != cu)
+            return "index";
         krv_lnph_t *lnph = korva_line_get_cu_lnph(hp, cu);
         if (lnph == nullptr)
             return "header";
@@ -296,7 +277,7 @@ static std::string fail_each(unsigned *at, const unsigned *count, bool (*says)(h
             *at = n;
             krv_handle_t *hp = korva_handle_alloc(KRV_ACTIVATION_AMD64);
             if (hp == nullptr) {
-                EXPECT_LE(n, 17U); // the handle and its sixteen messages
+                EXPECT_LE(n, 18U); // the options, the handle and its sixteen messages
                 continue;
             }
             readers sources;
@@ -321,15 +302,39 @@ static std::string fail_each(unsigned *at, const unsigned *count, bool (*says)(h
 
 TEST(Faults, EveryAllocationFailsOnce)
 {
+    setenv("LIBKORVA_OPTIONS", "debug", 1); // until its messages are watched
     const std::string seen = fail_each(
         &fail_at, &allocations, [](handle &h) { return h->sh_errno == KRV_ERR_NOMEM; },
         [](const std::string &answer, handle &, const scenario &s) { return answer == s.expected; });
+    unsetenv("LIBKORVA_OPTIONS");
     for (const char *message :
          {"error hashing abbreviation", "unable to resize CU table", "unable to create CU lookup hash",
           "error hashing offset", "NOMEM: couldn't add directory gen", "NOMEM: couldn't add file b.c",
           "NOMEM: couldn't add dynamically-defined file c.c | error processing opcode 3 (DW_LNE_define_file)",
           "NOMEM: couldn't create temporary table for canonical address calculation | error calculating canonical"})
         EXPECT_NE(seen.find(message), std::string::npos) << message;
+}
+
+TEST(Faults, HashTableThatCannotGrow)
+{
+    handle h;
+    const std::unique_ptr<krv_hash_t, decltype(&krv_hash_destroy)> table(krv_hash_create(h, 0, KRV_HASH_UINT64),
+                                                                         krv_hash_destroy);
+    const auto insert = [&](uint64_t n) {
+        const krv_hash_key_t key = {.dwhk_u = n};
+        return krv_hash_insert(h, table.get(), &key, table.get()) != nullptr;
+    };
+    for (uint64_t n = 0; n < 20; ++n) {
+        allocations = 0;
+        fail_at = 1;
+        const bool fitted = insert(n);
+        fail_at = 0;
+        // Entries come half as many at a time as there are buckets; buckets double when more than half of them are taken.
+        EXPECT_EQ(fitted, n != 0 && n != 8 && n != 16 && n != 9 && n != 17) << n;
+        EXPECT_EQ(h.error(), fitted ? "NONE" : "NOMEM");
+        EXPECT_TRUE(fitted || insert(n)) << n;
+        krv_clear_error(h);
+    }
 }
 
 // What a failed read says may be overlaid by what its absence means: an entry without children, a record of no kind.

@@ -215,5 +215,7 @@ TEST(Frame, Instructions)
         krv_fd_t fd = h.cursor(bytes::hex("01 f0 83 44 f5 86 87 88 89")); // the address is as wide as the target's
         EXPECT_EQ(krv_frame_get_next_op(h, &fd, &op, debug->scie_augmentation, nullptr), 0);
         EXPECT_EQ(op.operand[0].sa_u.su_unsigned, target == KRV_ACTIVATION_I386 ? 0xf54483f0 : 0x89888786f54483f0);
+        krv_form_t forms[2] = {};
+        EXPECT_TRUE(krv_get_cfa_forms(h, 0x85, forms) == 0 && forms[1] == DW_FORM_udata); // DW_CFA_offset
     }
 }

@@ -62,6 +62,10 @@ TEST(Hash, InsertLookupIterate)
     EXPECT_EQ(calls, 2U);
     EXPECT_EQ(krv_hash_iter(table.get(), [](void *) { return ++calls == 0 ? 1 : 0; }), 0);
     EXPECT_EQ(calls, 12U);
+    EXPECT_EQ(krv_hash_resize(h, table.get(), 16) + krv_hash_resize(h, table.get(), 256), 0); // it never shrinks
+    EXPECT_TRUE(table->dwhsh_nbuckets == 256 && lookup(h, table, 144) == value_of(144));
+    EXPECT_EQ(krv_hash_create(h, 0, 2), nullptr);
+    EXPECT_EQ(h.error(), "INVALID: invalid hash type");
 }
 
 TEST(Hash, StringKeys)

@@ -114,6 +114,8 @@ TEST(Info, Values)
         {DW_FORM_addr, "00 00 00 00 01 00 00 00", "4294967296"},
         {DW_FORM_strp, "05 00 00 00", "ef"},
         {DW_FORM_strp, "04 00 00 00 00 00 00 00", "def", true},
+        {DW_FORM_strp, "09 00 00 00",
+         "INVALID: can't seek beyond end | cannot seek to offset 9 in .debug_str" + not_read + "DW_FORM_strp form)"},
         {DW_FORM_string, "00", ""},
         {DW_FORM_block1, "00", "empty block"},
         {DW_FORM_block2, "02 00 09 08", "block of 2 from 9"},
@@ -208,6 +210,8 @@ TEST(Info, WalksOverChildren)
         {"a link far away", link(MAX), broken(4294967295)},
         {"a link that is no reference", root + bytes().uleb(8).u32(30) + leaf + end + end,
          "- -1 INVALID: attribute DW_AT_sibling is not a reference"},
+        {"the same, one level down", root + named(2, "b") + bytes().uleb(8).u32(30) + leaf + end + end + end,
+         "b -1 INVALID: attribute DW_AT_sibling is not a reference"},
         {"no children", root + end, " 0 NOTFOUND: DIE has no children"},
         {"a child that has none, against its flag", root + named(2, "a") + end + end, "a -1 " + no_child + "14"},
         {"a grandchild that has none", root + named(2, "a") + named(2, "b") + end + end, "a -1 " + no_child + "17"},
@@ -224,9 +228,6 @@ TEST(Info, WalksOverChildren)
     };
     for (const auto &row : rows)
         EXPECT_EQ(tree(row.dies).children(), row.outcome) << row.what;
-    // Depth is counted, not recursed into.
-    constexpr size_t million = 1000000;
-    EXPECT_EQ(tree(root + bytes().fill(million, 6).u8(7).fill(million, 0) + leaf + end).children(), "-d 0 NOTFOUND");
 
     tree t(root + leaf + leaf + leaf + end);
     int calls = 0;
@@ -265,8 +266,6 @@ TEST(Info, References)
     EXPECT_EQ(t.h.error(), "INVALID");
     EXPECT_EQ(korva_get_die_at_producer(t.h, t.root, buf, 4), -1);
     EXPECT_EQ(t.h.error(), "NOTFOUND");
-    EXPECT_EQ(korva_get_die_at_name(t.h, nullptr, buf, 4) + korva_get_die_at_name(t.h, t.root, nullptr, 4), -2);
-    EXPECT_EQ(korva_get_die_at_name(nullptr, t.root, buf, 4) + korva_get_cu_cudie(t.h, t.cu, nullptr), -2);
 }
 
 TEST(Info, UnitNames)

@@ -360,9 +360,6 @@ TEST(Line, Walk)
     EXPECT_EQ(korva_iter_line_entry(t.h, t.header(), walk::add, &three), 7);
     EXPECT_EQ(three.calls, 3U);
     EXPECT_EQ(t.h.error(), "IO");
-    EXPECT_EQ(korva_iter_line_entry(t.h, nullptr, walk::add, &all), -1);
-    EXPECT_EQ(korva_handle_get_errno(t.h), KRV_ERR_INVALID);
-    EXPECT_EQ(korva_iter_line_entry(nullptr, t.header(), walk::add, &all), -1);
 }
 
 // ---------------------------------------------------------------------------------------------------------------
@@ -488,8 +485,6 @@ TEST(Line, Fields)
     }
     EXPECT_EQ(shown(0), "10400.0 1:1:3 i4 d5 11011 ^10400");
     EXPECT_EQ(shown(2), "10405.1 1:3:3 i4 d0 10100 ^10402");
-    EXPECT_EQ(korva_lns_get_line(hp, nullptr, &line[0]) + korva_lns_get_line(nullptr, &lnp->slnp_lnsp[0], &line[0]),
-              -2);
 }
 
 TEST(Line, FieldFailures)
@@ -508,8 +503,6 @@ TEST(Line, FieldFailures)
     EXPECT_EQ(korva_get_fields(t.h, KRV_STRUCT_LNP, lnp, 2, ENTRIES, &kept, -1, &kept), -1);
     EXPECT_EQ(korva_get_fields(t.h, 4, row, 1, LINE, &kept), -1);
     EXPECT_EQ(t.h.error(), "INVALID: illegal struct 4 specified");
-    EXPECT_EQ(korva_get_fields(t.h, KRV_STRUCT_LNS, nullptr, 0), -1);
-    EXPECT_EQ(korva_get_fields(nullptr, KRV_STRUCT_LNS, row, 0), -1);
     EXPECT_EQ(korva_get_fields(bad.h, KRV_STRUCT_LNPH, bad.header(), 2, KRV_FIELD_LNPH_MIL, &kept, LNP, &none), -1);
     const std::string error = bad.h.error();
     EXPECT_EQ(bad.matrix(), nullptr);
@@ -543,7 +536,7 @@ TEST(Line, WatchedOrNot)
     const auto nothing = [](krv_handle_t *, unsigned long, unsigned char, krv_value_t **, unsigned int, krv_lns_t *,
                             void *) { return 0; };
     unsigned failures = 0;
-    for (unsigned n = 0; n < 3000; ++n) {
+    for (unsigned n = 0; n < 1000; ++n) {
         std::string recipe = "at 400 copy ";
         for (uint64_t i = next(40); i > 0; --i)
             recipe += std::string(words[next(std::size(words))]) + " ";
@@ -569,7 +562,7 @@ TEST(Line, WatchedOrNot)
                 krv_line_free_program(made);
         krv_lnph_free(header);
     }
-    EXPECT_TRUE(failures > 300 && failures < 2700) << failures;
+    EXPECT_TRUE(failures > 100 && failures < 900) << failures;
 }
 
 // Lines that were chosen to share a hash slot, as a hostile program would: sorted instead, with the same outcome.
@@ -584,15 +577,17 @@ TEST(Line, CanonicalAddressesOfCollidingLines)
             line = static_cast<int64_t>(next);
             ++found;
         }
-    lines t(line_unit{.program = program(recipe + " pc 4 end at 300000 line 9 copy pc 4 end")}.build());
+    recipe +=
+        text(" pc 4 end at 300000 file 2 line %lld copy pc 4 end", static_cast<long long>(line - 1)); // the same line
+    lines t(line_unit{.files = {{"a.c"}, {"b.c"}}, .program = program(recipe)}.build());
     const krv_lnp_t *lnpp = t.matrix();
     ASSERT_NE(lnpp, nullptr) << t.h.error();
-    std::map<unsigned, uint64_t> lowest;
+    std::map<std::pair<unsigned, unsigned>, uint64_t> lowest;
     for (const krv_lns_t &r : std::span(lnpp->slnp_lnsp, lnpp->slnp_lnsp_entries)) {
-        uint64_t &low = lowest.try_emplace(r.slns_line, r.slns_address).first->second;
+        uint64_t &low = lowest.try_emplace({r.slns_file, r.slns_line}, r.slns_address).first->second;
         low = std::min(low, r.slns_address);
     }
     EXPECT_GT(lowest.size(), ROWS / 2);
     for (const krv_lns_t &r : std::span(lnpp->slnp_lnsp, lnpp->slnp_lnsp_entries))
-        EXPECT_EQ(r.slns_u.slnsu_c_address, lowest.at(r.slns_line));
+        EXPECT_EQ(r.slns_u.slnsu_c_address, lowest.at({r.slns_file, r.slns_line}));
 }

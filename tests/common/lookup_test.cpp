@@ -61,6 +61,7 @@ TEST(Aranges, Sets)
         {plain.build(), "set 0: 1000+20"},
         {aranges_set{.address_size = 4, .tuples = {{0xfffff000, 0x1000}}}.build(), "set 0: fffff000+1000"},
         {wide.build(), "set 0: 1+2 ffffffffffffffff+ffffffffffffffff"},
+        {aranges_set{.segment_size = 1, .tuples = {{0x10, 1, 7}}}.build(), "set 0: 10+1@7"},
         {aranges_set{.segment_size = 2, .tuples = {{0x10, 0, 7}, {0, 0x10, 0}}}.build(), "set 0: 10+0@7 0+10"},
         {narrow.build() + plain.build(20), "set 0: 5+6; set 20: 1000+20"},  // the second set without padding
         {odd.build() + plain.build(24), "set 0: 5+6 7+8; set 24: 1000+20"}, // and with the header's own
@@ -269,7 +270,6 @@ TEST(Lookup, UnitOfAnAddress)
 TEST(Lookup, UnitOfAnAddressSaysWhyNot)
 {
     handle h, unknown, damaged;
-    EXPECT_EQ(korva_lookup_ctu_by_addr(nullptr, 0, 0), nullptr);
     EXPECT_EQ(korva_lookup_ctu_by_addr(h, 0, 0), nullptr);
     EXPECT_EQ(h.error(), "NOTFOUND: handle has no .debug_info");
     h.attach(KRV_SEC_ABBREV, abbrev_section).attach(KRV_SEC_INFO, simple_unit(entry(2, 0x1000, 0x2000)));
@@ -325,8 +325,6 @@ TEST(Lookup, UnitTable)
     krv_ctu_t none = {};
     EXPECT_FALSE(korva_cu_contains_addr(h, &none, 0, 0));
     EXPECT_EQ(h.error(), "NOTFOUND: handle has no .debug_info");
-    EXPECT_FALSE(korva_cu_contains_addr(h, nullptr, 0, 0));
-    EXPECT_EQ(korva_handle_get_errno(h), KRV_ERR_INVALID);
 
     h.attach(KRV_SEC_ABBREV, abbrev_section);
     h.attach(KRV_SEC_INFO, first + second + first + bytes().u32(0xfffffff2).fill(20)); // the last header is damaged
@@ -361,6 +359,4 @@ TEST(Lookup, UnitTable)
         EXPECT_EQ(korva_lookup_ctu_by_start_offset(h, row.sec, 0), nullptr);
         EXPECT_EQ(h.error(), row.error);
     }
-    EXPECT_EQ(korva_iter_cu(h, KRV_SEC_INFO, nullptr, nullptr), -1);
-    EXPECT_EQ(korva_handle_get_errno(h), KRV_ERR_INVALID);
 }

@@ -38,5 +38,4 @@ TEST(Names, Print)
         EXPECT_EQ(korva_print_define(h, index, 1), nullptr);
         EXPECT_EQ(h.error(), text("INVALID: index (%d) out of range", index));
     }
-    EXPECT_EQ(korva_print_define(nullptr, KRV_DEF_AT, 3), nullptr);
 }

@@ -1,11 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // Life of the handle: LIBKORVA_OPTIONS, options, attachment, reference count.
+#include "krv_line.h"
 #include "support/handle.h"
 
 #include <cstdlib>
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 using namespace krv_test;
 
@@ -21,7 +21,10 @@ using namespace krv_test;
     krv_handle_t *second = korva_handle_alloc(KRV_ACTIVATION_I386);
     uint8_t byte = 0;
     korva_attach_section(first, KRV_SEC_INFO, 0, KRV_FD_TYPE_MEMORY, &byte);
-    _exit((first != nullptr) + (second != nullptr));
+    const int made = (first != nullptr) + (second != nullptr);
+    korva_handle_free(first);
+    korva_handle_free(second);
+    std::exit(made); // not _exit, which would lose the counters of scripts/coverage
 }
 
 TEST(OpenDeathTest, Environment)
@@ -62,9 +65,88 @@ TEST(Open, Targets)
             EXPECT_TRUE(fd.sfd_hp == h && fd.sfd_size == 0);
         EXPECT_EQ(h.error(), "NONE");
     }
+}
+
+// Every function that takes a handle, without one, and then with nothing else.
+TEST(Open, NullArguments)
+{
+    static const auto failed = [](auto result) {
+        if constexpr (std::is_pointer_v<decltype(result)>)
+            return result == nullptr;
+        else
+            return result == -1;
+    };
+#define ROW(call)                                                                                                      \
+    {                                                                                                                  \
+#call, [](krv_handle_t * hp) { return failed(call); }                                                          \
+    }
+    const struct {
+        const char *call;
+        bool (*fails)(krv_handle_t *hp);
+    } rows[] = {
+        ROW(korva_attach_as(hp, nullptr, nullptr)),
+        ROW(korva_fd_attach(hp, nullptr, 1, KRV_FD_TYPE_MEMORY, nullptr)),
+        ROW(korva_iter_cu(hp, KRV_SEC_INFO, nullptr, nullptr)),
+        ROW(korva_cu_contains_addr(hp, nullptr, 0, 0) == B_FALSE ? -1 : 0),
+        ROW(korva_cu_get_header(hp, nullptr, nullptr)),
+        ROW(korva_get_cu_cudie(hp, nullptr, nullptr)),
+        ROW(korva_get_die_at_producer(hp, nullptr, nullptr, 1)),
+        ROW(korva_get_die_at_comp_dir(hp, nullptr, nullptr, 1)),
+        ROW(korva_get_die_at_name(hp, nullptr, nullptr, 1)),
+        ROW(korva_get_die_at_ZEPH_original_name(hp, nullptr, nullptr, 1)),
+        ROW(korva_line_get_cu_lnph(hp, nullptr)),
+        ROW(korva_iter_line_entry(hp, nullptr, nullptr, nullptr)),
+        ROW(korva_lookup_source_by_cu_and_addr(hp, nullptr, 0, 1, 0, 0)),
+        ROW(korva_get_fields(hp, KRV_STRUCT_LNS, nullptr, 0)),
+        ROW(korva_lns_get_address(hp, nullptr, nullptr)),
+        ROW(korva_lns_get_op_index(hp, nullptr, nullptr)),
+        ROW(korva_lns_get_file(hp, nullptr, nullptr)),
+        ROW(korva_lns_get_line(hp, nullptr, nullptr)),
+        ROW(korva_lns_get_column(hp, nullptr, nullptr)),
+        ROW(korva_lns_get_isa(hp, nullptr, nullptr)),
+        ROW(korva_lns_get_discriminator(hp, nullptr, nullptr)),
+        ROW(korva_lns_get_is(hp, nullptr, nullptr)),
+        ROW(korva_lns_get_canonical_address(hp, nullptr, nullptr)),
+        ROW(korva_lns_get_filep(hp, nullptr)),
+        ROW(korva_lnfe_get_path(hp, nullptr, nullptr, 1, B_TRUE)),
+        ROW(korva_lnfe_get_mtime(hp, nullptr, nullptr)),
+        ROW(korva_lnfe_get_size(hp, nullptr, nullptr)),
+        ROW(korva_expr_get_stack_depth(hp, nullptr, nullptr)),
+        ROW(korva_expr_stack_push(hp, nullptr, 1)),
+        ROW(korva_expr_stack_pop(hp, nullptr, nullptr)),
+        ROW(korva_expr_stack_peek(hp, nullptr, 0, nullptr)),
+        ROW(korva_expr_reset_stack(hp, nullptr)),
+        ROW(korva_expr_iter_instruction(hp, nullptr, 0, nullptr, nullptr)),
+        ROW(korva_expr_execute_expression(hp, nullptr, nullptr, nullptr, 0, nullptr, nullptr, nullptr)),
+        ROW(korva_activation_reset(hp, nullptr)),
+        ROW(korva_activation_get_reg(hp, nullptr, 0, 0, 0, nullptr, 8)),
+        ROW(korva_activation_get_greg(hp, nullptr, 0, 0, 0, nullptr)),
+        ROW(korva_activation_set_reg(hp, nullptr, 0, 0, nullptr)),
+        ROW(korva_activation_set_greg(hp, nullptr, 0, 0, 0)),
+        ROW(korva_activation_set_regs(hp, nullptr, nullptr, 0, nullptr)),
+        ROW(korva_activation_get_gregs(hp, nullptr, 0, nullptr, nullptr)),
+        ROW(korva_activation_unwind(hp, nullptr)),
+        ROW(korva_activation_get_argc(hp, nullptr, nullptr)),
+        ROW(korva_activation_get_argv(hp, nullptr, 0, nullptr, nullptr, nullptr, 0, nullptr)),
+    };
+    handle h;
+    for (const auto &row : rows) {
+        EXPECT_TRUE(row.fails(nullptr)) << row.call;
+        EXPECT_TRUE(row.fails(h)) << row.call;
+        EXPECT_EQ(korva_handle_get_errno(h), KRV_ERR_INVALID) << row.call;
+    }
+    EXPECT_TRUE(failed(korva_fd_alloc(nullptr)) && failed(korva_expr_alloc_stack(nullptr)) &&
+                failed(korva_activation_alloc(nullptr)) && failed(korva_print_define(nullptr, KRV_DEF_AT, 3)) &&
+                failed(korva_lookup_ctu_by_start_offset(nullptr, KRV_SEC_INFO, 0)) &&
+                failed(korva_lookup_ctu_by_addr(nullptr, 0, 0)) &&
+                failed(korva_attach_section(nullptr, KRV_SEC_INFO, 1, KRV_FD_TYPE_MEMORY, nullptr)) &&
+                failed(korva_handle_set_opt(nullptr, KRV_OPT_BASE_ADDR, 1UL)));
     korva_handle_free(nullptr);
     korva_handle_hold(nullptr);
     korva_handle_release(nullptr);
+    korva_activation_free(nullptr);
+    korva_expr_free_stack(nullptr);
+    korva_fd_free(nullptr);
 }
 
 TEST(Open, Attach)
@@ -74,7 +156,6 @@ TEST(Open, Attach)
     krv_fd_cb_f *const no_function = nullptr;
     // The last good attachment stays through every bad one, and answers once more afterwards.
     ASSERT_EQ(korva_attach_section(h, KRV_SEC_LOC, 4, KRV_FD_TYPE_MEMORY, buffer), 0);
-    EXPECT_EQ(korva_attach_section(nullptr, KRV_SEC_LOC, 4, KRV_FD_TYPE_MEMORY, buffer), -1);
     EXPECT_EQ(korva_attach_section(h, 14, 4, KRV_FD_TYPE_MEMORY, buffer), -1);
     EXPECT_EQ(h.error(), "INVALID: section index 14 too large");
     EXPECT_EQ(korva_attach_section(h, -1, 4, KRV_FD_TYPE_MEMORY, buffer), -1);
@@ -95,7 +176,6 @@ TEST(Open, Attach)
 TEST(Open, AddressSpace)
 {
     handle h;
-    EXPECT_EQ(korva_attach_as(nullptr, reader::read, nullptr), -1);
     EXPECT_EQ(korva_attach_as(h, nullptr, nullptr), -1);
     EXPECT_EQ(h.error(), "INVALID: NULL callback specified");
     reader memory{.contents = bytes::hex("2a"), .base = UINT64_MAX - 1};
@@ -111,7 +191,6 @@ TEST(Open, AddressSpace)
 TEST(Open, Options)
 {
     handle h;
-    EXPECT_EQ(korva_handle_set_opt(nullptr, KRV_OPT_BASE_ADDR, 1UL), -1);
     for (const int opt : {-1, 8}) {
         EXPECT_EQ(korva_handle_set_opt(h, opt, 1UL), -1);
         EXPECT_EQ(h.error(), "INVALID");

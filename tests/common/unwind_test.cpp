@@ -333,4 +333,6 @@ TEST(Unwind, Arguments)
     EXPECT_EQ(korva_activation_get_argv(s.h, s.ap.get(), 1, &byte, &byte, &byte, 1, &count), -1);
     EXPECT_EQ(s.h.error(), "NOTFOUND: unable to get FDE for PC 0x500 | unable to evaluate the activation's "
                            "instructions | failed to obtain argument 1");
+    unsigned int argc = 7;
+    EXPECT_TRUE(korva_activation_get_argc(s.h, s.ap.get(), &argc) == -1 && argc == 7);
 }

@@ -5,25 +5,24 @@
 // object answers in full, or a new one does where it could not be opened.
 #include "core32.h"
 #include "loader_fixture.h"
+#define KRV_TEST_NEW
+#include "support/allocations.h"
 
 #include <cerrno>
 #include <cstdarg>
 #include <cstring>
+#include <dirent.h>
 #include <fcntl.h>
-#include <new>
 #include <sys/mman.h>
+#include <sys/ptrace.h>
 #include <sys/stat.h>
+#include <sys/uio.h>
 #include <unistd.h>
 
 using namespace krv_test;
 
 static bool armed; // while the loader runs
 static unsigned allocations, fail_allocation, calls, fail_call;
-
-static bool lacks_memory()
-{
-    return armed && ++allocations == fail_allocation;
-}
 
 static bool call_fails()
 {
@@ -33,35 +32,32 @@ static bool call_fails()
     return true;
 }
 
-// The linker leads the libraries' calls here (--wrap). libelf's own memory is not among them.
+static bool granted(size_t)
+{
+    return !armed || ++allocations != fail_allocation;
+}
+
+// The linker leads the libraries' calls here (--wrap), as it does those for memory. libelf's own memory is not among them.
 extern "C" {
-void *__real_malloc(size_t size);
-void *__real_calloc(size_t count, size_t size);
-void *__real_realloc(void *p, size_t size);
 int __real_open(const char *path, int flags, ...);
 int __real_fstat(int fd, struct stat *st);
 void *__real_mmap(void *at, size_t size, int protection, int flags, int fd, off_t offset);
 ssize_t __real_pread(int fd, void *buf, size_t count, off_t offset);
-void *__wrap_malloc(size_t size);
-void *__wrap_calloc(size_t count, size_t size);
-void *__wrap_realloc(void *p, size_t size);
+ssize_t __real_read(int fd, void *buf, size_t count);
+DIR *__real_opendir(const char *path);
+ssize_t __real_process_vm_readv(pid_t pid, const iovec *local, unsigned long locals, const iovec *remote,
+                                unsigned long remotes, unsigned long flags);
+long __real_ptrace(int request, pid_t tid, void *address, void *data);
 int __wrap_open(const char *path, int flags, ...);
 int __wrap_fstat(int fd, struct stat *st);
 void *__wrap_mmap(void *at, size_t size, int protection, int flags, int fd, off_t offset);
 ssize_t __wrap_pread(int fd, void *buf, size_t count, off_t offset);
+ssize_t __wrap_read(int fd, void *buf, size_t count);
+DIR *__wrap_opendir(const char *path);
+ssize_t __wrap_process_vm_readv(pid_t pid, const iovec *local, unsigned long locals, const iovec *remote,
+                                unsigned long remotes, unsigned long flags);
+long __wrap_ptrace(int request, pid_t tid, void *address, void *data);
 
-void *__wrap_malloc(size_t size)
-{
-    return lacks_memory() ? nullptr : __real_malloc(size);
-}
-void *__wrap_calloc(size_t count, size_t size)
-{
-    return lacks_memory() ? nullptr : __real_calloc(count, size);
-}
-void *__wrap_realloc(void *p, size_t size)
-{
-    return lacks_memory() ? nullptr : __real_realloc(p, size);
-}
 int __wrap_open(const char *path, int flags, ...)
 {
     return call_fails() ? -1 : __real_open(path, flags);
@@ -78,26 +74,25 @@ ssize_t __wrap_pread(int fd, void *buf, size_t count, off_t offset)
 {
     return call_fails() ? -1 : __real_pread(fd, buf, count, offset);
 }
-}
-
-void *operator new(size_t size)
+ssize_t __wrap_read(int fd, void *buf, size_t count)
 {
-    void *p = lacks_memory() ? nullptr : __real_malloc(size != 0 ? size : 1);
-    if (p == nullptr)
-        throw std::bad_alloc();
-    return p;
+    return call_fails() ? -1 : __real_read(fd, buf, count);
 }
-void *operator new(size_t size, const std::nothrow_t &) noexcept
+DIR *__wrap_opendir(const char *path)
 {
-    return lacks_memory() ? nullptr : __real_malloc(size != 0 ? size : 1);
+    return call_fails() ? nullptr : __real_opendir(path);
 }
-void operator delete(void *p) noexcept
+ssize_t __wrap_process_vm_readv(pid_t pid, const iovec *local, unsigned long locals, const iovec *remote,
+                                unsigned long remotes, unsigned long flags)
 {
-    std::free(p);
+    return call_fails() ? -1 : __real_process_vm_readv(pid, local, locals, remote, remotes, flags);
 }
-void operator delete(void *p, size_t) noexcept
+// Of the requests those that can fail while the thread lives. The others fail when it has been killed: proc_test does.
+long __wrap_ptrace(int request, pid_t tid, void *address, void *data)
 {
-    std::free(p);
+    const bool may_fail = request == PTRACE_SEIZE || request == PTRACE_GETREGSET;
+    return may_fail && call_fails() ? -1 : __real_ptrace(request, tid, address, data);
+}
 }
 
 namespace
@@ -107,6 +102,7 @@ namespace
 struct answer {
     char text[4096] = "";
     size_t used = 0;
+    size_t pcs = 0;    // of it: a stack
     bool told = false; // of the failure
 
     [[gnu::format(printf, 2, 3)]] void add(const char *format, ...)
@@ -157,7 +153,7 @@ void ask_elf(krv_elf_t *elf, answer *a)
     korva_elf_iter_notes(elf, add_note, a);
 }
 
-// A core file
+// A core file, or a process
 
 int add_frame(krv_proc_t *, const krv_proc_frame_t *frame, void *arg)
 {
@@ -179,10 +175,13 @@ int add_module(krv_proc_t *proc, const krv_proc_module_t *module, void *arg)
 // keeps it.
 unsigned frameless;
 
-void ask_core(krv_proc_t *proc, answer *a)
+void ask_process(krv_proc_t *proc, answer *a)
 {
     krv_proc_end_t end = {};
-    korva_proc_walk(proc, 4711, 0, add_frame, a, &end);
+    krv_proc_info_t info = {};
+    korva_proc_get_info(proc, &info);
+    korva_proc_walk(proc, info.pid, 0, add_frame, a, &end);
+    a->pcs = a->used;
     frameless += end.reason == KRV_PROC_END_NO_FDE && fail_call == 0;
     a->told = end.reason == KRV_PROC_END_ERROR || end.reason == KRV_PROC_END_NO_FDE;
     a->add("%d; ", end.reason);
@@ -201,6 +200,7 @@ protected:
             unsigned *const at = memory ? &fail_allocation : &fail_call;
             const unsigned *const count = memory ? &allocations : &calls;
             std::string expected;
+            size_t pcs = 0; // of it: a stack
             for (unsigned n = 0; n == 0 || *at != 0; ++n) {
                 SCOPED_TRACE(text("%s, %s %u", what, memory ? "allocation" : "call", n));
                 krv_elf_error_t told = {};
@@ -216,6 +216,7 @@ protected:
                 *at = met ? n : 0;
                 if (n == 0) {
                     expected = a.text;
+                    pcs = a.pcs;
                     *at = 1;
                     std::printf("%s: %u %s\n", what, *count, memory ? "allocations" : "calls");
                     EXPECT_GT(*count, memory ? least : 2U);
@@ -227,6 +228,8 @@ protected:
                     ASSERT_NE(object, nullptr);
                 } else {
                     EXPECT_TRUE(a.text == expected || (met && (a.told || !memory))) << a.text << "\nnot: " << expected;
+                    EXPECT_TRUE(a.pcs <= pcs && expected.starts_with(std::string(a.text, a.pcs)))
+                        << a.text; // no wrong frame
                 }
                 ask(object, &again);
                 EXPECT_TRUE(again.text == expected || !memory || again.told) << again.text << "\nnot: " << expected;
@@ -270,7 +273,22 @@ TEST_F(LoaderFaults, EverySessionOfACore)
     const std::string path = dir / "core";
     frameless = 0;
     each_fails(
-        "core", [&](krv_elf_error_t *e) { return korva_proc_open_core(path.c_str(), nullptr, e); }, ask_core,
+        "core", [&](krv_elf_error_t *e) { return korva_proc_open_core(path.c_str(), nullptr, e); }, ask_process,
         korva_proc_close, 60U);
     EXPECT_LE(frameless, 2U * 2U); // the reader and its data; asked twice
+}
+
+// One that is held still at each opening, and let go.
+TEST_F(LoaderFaults, EverySessionOfAProcess)
+{
+    std::string why;
+    if (!may_trace(&why))
+        GTEST_SKIP() << why;
+    const running_target target("bare", "");
+    ASSERT_TRUE(target.ready());
+    each_fails(
+        "process", [&](krv_elf_error_t *e) { return korva_proc_attach(target.pid(), e); }, ask_process,
+        korva_proc_close, 60U);
+    EXPECT_TRUE(target.wait_for_state('S'));
+    EXPECT_EQ(status_of(target.pid(), "TracerPid"), "0");
 }

@@ -97,12 +97,14 @@ def same_place(module, one, other):
     return bool(places.get(one, set()) & places.get(other, set()))
 
 
-def compare(ours, theirs, tool):
+def compare(ours, theirs, tool, ends_early=False):
     if not theirs:
         skip(f'{tool} could not read it: nothing to compare with')
     for tid, thread in ours.items():
         pcs = [int(frame['pc'], 16) for frame in thread['frames']]
         expected = theirs.get(tid, [])
+        if ends_early and expected:
+            pcs = pcs[:len(expected)]
         if pcs != [pc for pc, _ in expected]:
             fail(f'thread {tid}, {tool}:\n  ours   {[hex(pc) for pc in pcs]}\n  theirs {[(hex(p), f) for p, f in expected]}')
         for frame, (pc, function) in zip(thread['frames'], expected):
@@ -135,7 +137,8 @@ def test_case(korva, targets, name):
                 if len(live) != threads:
                     fail(f'{len(live)} threads, expected {threads}')
                 compare(live, parse(run(*GDB, '-x', GDB_SCRIPT, '-p', pid).out), 'gdb')
-                compare(live, parse(run('eu-stack', '-r', '-n', '0', '-p', pid).out), 'eu-stack')
+                # eu-stack does not get out of a 32-bit main, which realigns its stack.
+                compare(live, parse(run('eu-stack', '-r', '-n', '0', '-p', pid).out), 'eu-stack', name == 'm32')
                 answer_of(*GDB, '-ex', f'gcore {scratch}/core', '-p', pid)
                 of_core = stacks_of(korva, '--core', f'{scratch}/core', '-e', executable)
                 for tid, thread in of_core.items():
