@@ -184,15 +184,20 @@ fn places(b: &mut Bench, d: gimli::Dwarf<R>, t0: Instant) {
     b.items = b.queries.len() as u64;
 }
 
-fn frames(b: &mut Bench, obj: &object::File<'static>) {
-    let eh = gimli::EhFrame::from(section(obj, ".eh_frame"));
-    let hdr = gimli::EhFrameHdr::from(section(obj, ".eh_frame_hdr"));
-    let addr = |n: &str| obj.section_by_name(n).map_or(0, |s| s.address());
-    let bases = BaseAddresses::default()
+/// Of an object that is loaded at an address.
+fn bases(obj: &object::File<'static>, loaded: u64) -> BaseAddresses {
+    let addr = |n: &str| obj.section_by_name(n).map_or(0, |s| s.address() + loaded);
+    BaseAddresses::default()
         .set_eh_frame(addr(".eh_frame"))
         .set_eh_frame_hdr(addr(".eh_frame_hdr"))
         .set_text(addr(".text"))
-        .set_got(addr(".got"));
+        .set_got(addr(".got"))
+}
+
+fn frames(b: &mut Bench, obj: &object::File<'static>) {
+    let eh = gimli::EhFrame::from(section(obj, ".eh_frame"));
+    let hdr = gimli::EhFrameHdr::from(section(obj, ".eh_frame_hdr"));
+    let bases = bases(obj, 0);
     let parsed = hdr.parse(&bases, 8).unwrap();
     let table = parsed.table().unwrap();
     let mut ctx = Box::new(UnwindContext::new());
@@ -268,12 +273,7 @@ extern "C" fn at_leaf(regs: *const u64, arg: *mut c_void) {
     let obj = object::File::parse(map_file(&b.file)).unwrap();
     let eh = gimli::EhFrame::from(section(&obj, ".eh_frame"));
     let hdr = gimli::EhFrameHdr::from(section(&obj, ".eh_frame_hdr"));
-    let addr = |n: &str| obj.section_by_name(n).map_or(0, |s| s.address() + m.base);
-    let bases = BaseAddresses::default()
-        .set_eh_frame(addr(".eh_frame"))
-        .set_eh_frame_hdr(addr(".eh_frame_hdr"))
-        .set_text(addr(".text"))
-        .set_got(addr(".got"));
+    let bases = bases(&obj, m.base);
     let parsed = hdr.parse(&bases, 8).unwrap();
     let table = parsed.table().unwrap();
     let mut ctx = Box::new(UnwindContext::new());
