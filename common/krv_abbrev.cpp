@@ -13,14 +13,16 @@
 namespace
 {
 
-// An array that grows. The first elements lie within it, which is all that most tables need while they are read.
+// An array that grows. The first elements lie within it, uninitialised, which is all that most tables need while they are
+// read.
 template <typename T, uint32_t FIRST>
 struct growing_array {
     T *at = first;
     uint64_t size = 0, room = FIRST;
     T first[FIRST];
 
-    growing_array() {} // `first` stays as it is
+    // cppcheck-suppress uninitMemberVar
+    growing_array() {}
     ~growing_array()
     {
         if (at != first)

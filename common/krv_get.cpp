@@ -90,12 +90,11 @@ constexpr bool is_row_field(unsigned field)
 
 // Where each field that is wanted goes, and the matrix of a header that was asked for it.
 struct destinations {
-    void *of[NFIELDS];
+    void *of[NFIELDS];   // uninitialised where nothing is wanted
     uint64_t wanted = 0; // bit n for field n
     krv_lnph_t *header = nullptr;
     krv_lnp_t *matrix = nullptr;
 
-    destinations() {} // `of` is filled where it is wanted
     void *find(unsigned field) const { return (wanted >> field & 1) != 0 ? of[field] : nullptr; }
 };
 

@@ -18,6 +18,7 @@
 #include <sys/stat.h>
 #include <sys/uio.h>
 #include <unistd.h>
+#include <utility>
 
 using namespace krv_test;
 
@@ -286,9 +287,13 @@ TEST_F(LoaderFaults, EverySessionOfAProcess)
         GTEST_SKIP() << why;
     const running_target target("bare", "");
     ASSERT_TRUE(target.ready());
-    each_fails(
-        "process", [&](krv_elf_error_t *e) { return korva_proc_attach(target.pid(), e); }, ask_process,
-        korva_proc_close, 60U);
+    const auto attach = [&](krv_elf_error_t *e) {
+        const bool was_armed = std::exchange(armed, false);
+        EXPECT_TRUE(target.wait_for_state('S')); // let go, it has its call to repeat before it sleeps again
+        armed = was_armed;
+        return korva_proc_attach(target.pid(), e);
+    };
+    each_fails("process", attach, ask_process, korva_proc_close, 60U);
     EXPECT_TRUE(target.wait_for_state('S'));
     EXPECT_EQ(status_of(target.pid(), "TracerPid"), "0");
 }

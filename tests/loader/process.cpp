@@ -112,10 +112,10 @@ running_target::~running_target()
 
 bool wait_for_state(int tid, char state)
 {
-    for (int waited = 0; waited < SOME_SECONDS; waited += 10) {
+    for (int waited = 0; waited < SOME_SECONDS; ++waited) {
         if (state_of(tid) == state)
             return true;
-        usleep(10'000);
+        usleep(1'000);
     }
     return false;
 }
