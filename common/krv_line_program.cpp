@@ -601,7 +601,6 @@ static void execute_short(line_machine *m)
     const unsigned int base = lnphp->sln_opcode_base, range = lnphp->sln_line_range;
     const unsigned int per_range = 0x10000 / range + 1; // exact for the quotients of numbers up to 255
     const uint64_t mil = lnphp->sln_mil;
-    const auto line_base = static_cast<unsigned int>(lnphp->sln_line_base);
     uint64_t nfiles, address = regs->slns_address;
     krv_lnph_files(m->lnphp, &nfiles);
     unsigned int line = regs->slns_line, file = regs->slns_file;
@@ -620,7 +619,7 @@ static void execute_short(line_machine *m)
             if (opcode != DW_LNS_copy) {
                 const unsigned int adjusted = opcode - base, advance = adjusted * per_range >> 16;
                 address += mil * advance;
-                line += line_base + (adjusted - advance * range);
+                line += static_cast<unsigned int>(lnphp->sln_line_base) + (adjusted - advance * range);
             }
             *row++ = {address, regs->slns_op_index, file,          line,  column,
                       flags,   regs->slns_isa,      discriminator, filep, {0}};
