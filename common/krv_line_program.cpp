@@ -100,8 +100,6 @@ static bool grow_sequences(krv_handle_t *hp, krv_lnp_t *lnpp)
     }
     if (lnpp->slnp_lnbp != &lnpp->slnp_first_lnb)
         return krv_table_grow(hp, &lnpp->slnp_lnbp, &lnpp->slnp_lnbp_size, lnpp->slnp_lnbp_entries, 2U);
-    if (lnpp->slnp_lnbp_entries == 0)
-        return true;
     krv_lnb_t *two = static_cast<krv_lnb_t *>(krv_alloc(hp, 2 * sizeof(krv_lnb_t)));
     if (two == nullptr)
         return false;

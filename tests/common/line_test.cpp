@@ -283,6 +283,7 @@ TEST(Line, ProgramFailures)
         {any, "ext 128", "UNSUPPORTED: unsupported extended opcode 128 at offset 40" + behind, 128, 40},
         {base14, "byte 13", "UNSUPPORTED: unsupported standard opcode 13 at offset 38" + behind, 13, 38},
         {any, "file 3", "CORRUPT: file 3 specified but only 1 are defined", 4, 38},
+        {any, "at 100 copy file 3 copy copy copy", "CORRUPT: file 3 specified but only 1 are defined", 4, 50},
         {any, "file 4294967296", "NOSPACE: DW_FORM_udata datum requires 8 bytes;  storage offers 4", 4, 37},
         {any, "col 65536", wide_2, 5, 37},
         {any, "disc 65536", wide_2, 4, 39, KRV_DEF_LNE},
@@ -395,6 +396,7 @@ TEST(Line, Lookup)
         {two, 0, 0, 0x101, 0x10, "100 1:1 I"},
         {two, 0, 0, 0x100, 0x10, no_row},
         {falling, 0, 0x100, 0x40, 0x105, "80 1:2 I"},
+        {"at 100 copy at 180 line 1 copy at 104 line 1 copy at 120 end", 0, 0x100, 0x20, 0x105, "100 1:1 I"},
     };
     for (const auto &row : rows) {
         lines t(row.recipe);
