@@ -396,6 +396,7 @@ TEST(Line, Lookup)
         {two, 0, 0, 0x101, 0x10, "100 1:1 I"},
         {two, 0, 0, 0x100, 0x10, no_row},
         {falling, 0, 0x100, 0x40, 0x105, "80 1:2 I"},
+        {"at 100 copy pc 240 copy pc 4 copy pc 4 copy pc 4 copy pc 4 end", 0, 0x100, 0x100, 0x180, "100 1:1 I"},
         {"at 100 copy at 180 line 1 copy at 104 line 1 copy at 120 end", 0, 0x100, 0x20, 0x105, "100 1:1 I"},
     };
     for (const auto &row : rows) {
