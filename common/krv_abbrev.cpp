@@ -228,13 +228,14 @@ struct no_pairs {
 
 } // namespace
 
-// The pairs of one abbreviation, to their (0, 0). NULL: irregular or cut off, or no room.
+// Steps over the pairs of one abbreviation and their (0, 0). False: irregular or cut off, or no room.
 template <typename Pairs>
-static inline const uint8_t *scan_pairs(Pairs pairs, const uint8_t *at, const uint8_t *end)
+static inline bool scan_pairs(Pairs pairs, const uint8_t **where, const uint8_t *end)
 {
+    const uint8_t *&at = *where;
     for (;;) {
         if (!pairs.reserve())
-            return nullptr;
+            return false;
         if (end - at >= 2 * ptrdiff_t{AT_ONCE}) {
             const uint64_t other = find_other_pair(at);
             const uint32_t count = other == 0 ? AT_ONCE : static_cast<uint32_t>(__builtin_ctzll(other)) / 16;
@@ -243,15 +244,17 @@ static inline const uint8_t *scan_pairs(Pairs pairs, const uint8_t *at, const ui
             at += 2 * count;
             if (count == AT_ONCE)
                 continue;
-            if (at[0] == 0 && at[1] == 0)
-                return at + 2;
+            if (at[0] == 0 && at[1] == 0) {
+                at += 2;
+                return true;
+            }
         }
         uint64_t attribute, form;
         if (!scan_number(&at, end, UINT16_MAX, &attribute) || !scan_number(&at, end, UINT8_MAX, &form) ||
             (attribute == 0) != (form == 0))
-            return nullptr;
+            return false;
         if (attribute == 0)
-            return at;
+            return true;
         pairs.put({static_cast<krv_attribute_t>(attribute), static_cast<krv_form_t>(form)});
         pairs.keep(1);
     }
@@ -276,8 +279,7 @@ static outcome scan_abbrevs(table_builder *t)
                 break;
             const krv_abbrev_flag_t flags = *at++ != 0 ? KRV_ABBREV_FLAG_PARENT : KRV_ABBREV_FLAG_NONE;
             const uint64_t start = t->pairs.size;
-            at = scan_pairs(table_pairs{t}, at, end);
-            if (at == nullptr) {
+            if (!scan_pairs(table_pairs{t}, &at, end)) {
                 t->pairs.size = start;
                 break;
             }
@@ -386,18 +388,13 @@ static krv_hash_t *get_auphash(krv_handle_t *hp)
     return fresh == nullptr ? nullptr : krv_publish(&hp->sh_auphash, fresh, krv_hash_destroy);
 }
 
-bool krv_abbrev_check_table(krv_handle_t *hp, krv_offset_t offset, uint64_t code, krv_single_abbrev_t *single)
+// Checks a table, or, when `first_only`, reads its first abbreviation. *where stops behind it, or where it fails.
+static bool check_abbrevs(const uint8_t **where, const uint8_t *end, uint64_t code, bool first_only,
+                          krv_single_abbrev_t *single)
 {
-    const krv_fd_t *fdp = &hp->sh_sec[KRV_SEC_ABBREV];
-    if (krv_fd_is_cb(fdp) || offset >= fdp->sfd_size)
-        return false;
-    // Units stand in the order of their tables, or share one; so no byte is read again and again.
-    const bool again = hp->sh_abbrev_checked_end != 0 && offset == hp->sh_abbrev_checked;
-    if (again ? code != 1 : offset < hp->sh_abbrev_checked_end)
-        return false;
-    const uint8_t *at = fdp->sfd_u.buf + offset, *const end = fdp->sfd_u.buf + fdp->sfd_size;
+    const uint8_t *&at = *where;
     bool found = false;
-    for (uint64_t expected = 1; !(again && found); ++expected) {
+    for (uint64_t expected = 1; !(first_only && found); ++expected) {
         uint64_t number = 0, tag;
         if (at != end && !scan_number(&at, end, UINT32_MAX, &number))
             return false;
@@ -410,15 +407,30 @@ bool krv_abbrev_check_table(krv_handle_t *hp, krv_offset_t offset, uint64_t code
             single->ssa_abbrev = {
                 static_cast<uint32_t>(code), static_cast<krv_tag_t>(tag), flags, 0, single->ssa_pairs, 0};
             found = true;
-            at = scan_pairs(single_pairs{single}, at, end);
-        } else {
-            at = scan_pairs(no_pairs(), at, end);
         }
-        if (at == nullptr)
+        const bool read =
+            number == code ? scan_pairs(single_pairs{single}, &at, end) : scan_pairs(no_pairs(), &at, end);
+        if (!read)
             return false;
     }
-    if (found && !again) {
-        hp->sh_abbrev_checked = offset;
+    return found;
+}
+
+bool krv_abbrev_check_table(krv_handle_t *hp, krv_offset_t offset, uint64_t code, krv_single_abbrev_t *single)
+{
+    constexpr krv_offset_t NONE = UINT64_MAX;
+    const krv_fd_t *fdp = &hp->sh_sec[KRV_SEC_ABBREV];
+    if (krv_fd_is_cb(fdp) || offset >= fdp->sfd_size)
+        return false;
+    // Units stand in the order of their tables, or share one. No byte is checked again: neither of a sound table, whose
+    // first abbreviation alone is read for further units, nor of one that failed, of which tails may be named.
+    const bool again = hp->sh_abbrev_checked_end != 0 && offset == hp->sh_abbrev_checked;
+    if (again ? code != 1 : offset < hp->sh_abbrev_checked_end)
+        return false;
+    const uint8_t *at = fdp->sfd_u.buf + offset;
+    const bool found = check_abbrevs(&at, fdp->sfd_u.buf + fdp->sfd_size, code, again, single);
+    if (!again) {
+        hp->sh_abbrev_checked = found ? offset : NONE;
         hp->sh_abbrev_checked_end = static_cast<uint64_t>(at - fdp->sfd_u.buf);
     }
     return found;

@@ -55,8 +55,8 @@ struct krv_handle {
     krv_addr_index *sh_addr_all;      // units by address, all of them, likewise
     uint32_t sh_scanned_units;        // units whose ranges a scan has found
     krv_relaxed<uint64_t> sh_abbrev_bytes; // of .debug_abbrev in the tables of sh_auphash
-    krv_offset_t sh_abbrev_checked;        // where the table begins that krv_abbrev_check_table read last
-    krv_offset_t sh_abbrev_checked_end;    // and ends; 0: none yet
+    krv_offset_t sh_abbrev_checked;        // where the table begins that krv_abbrev_check_table has found sound last
+    krv_offset_t sh_abbrev_checked_end;    // what it has read lies before this; 0: nothing yet
     krv_rwlock_t sh_error_lock;            // texts of the messages while they are stored; the last lock to be taken
 };
 

@@ -112,7 +112,8 @@ TEST(Abbrev, CheckedTables)
     }();
     const bytes first = abbrevs("1 0x11+ name:string 0x2222:strp; 2 0x2e low_pc:addr; 3 variable" + many);
     const bytes disordered = abbrevs("2 0x11; 1 0x2e"), damaged = bytes::hex("01 11 00 03 08 00 00 02 80");
-    const uint64_t second = first.size(), third = second + first.size(), fourth = third + disordered.size();
+    const uint64_t second = first.size(), third = 2 * second, fourth = 3 * second, fifth = 4 * second,
+                   sixth = fifth + disordered.size();
     const struct {
         uint64_t offset, code;
         const char *outcome; // NULL: the table has to be read
@@ -120,22 +121,24 @@ TEST(Abbrev, CheckedTables)
         {0, 2, "2/2e 11/1"},
         {0, 1, "1/11+ 3/8 2222/e"}, // again
         {0, 2, nullptr},            // again, but not the first
-        {second, 4, nullptr},       // lacks the code
-        {second, 3, nullptr},       // too many pairs
         {second, 1, "1/11+ 3/8 2222/e"},
         {0, 1, nullptr}, // behind the last
         {second + 1, 1, nullptr},
-        {third, 1, nullptr},
-        {fourth, 1, nullptr},
-        {fourth + damaged.size(), 1, nullptr},
+        {third, 4, nullptr},  // lacks the code
+        {third, 1, nullptr},  // one that failed is not looked at again
+        {fourth, 3, nullptr}, // too many pairs
+        {fifth, 1, nullptr},
+        {sixth, 1, nullptr},
+        {sixth + damaged.size(), 1, nullptr},
     };
-    const bytes section = first + first + disordered + damaged;
+    const bytes section = first + first + first + first + disordered + damaged;
     handle h;
     h.attach(KRV_SEC_ABBREV, section);
     for (const auto &row : rows) {
         krv_single_abbrev_t single;
         const bool taken = krv_abbrev_check_table(h, row.offset, row.code, &single);
         EXPECT_EQ(taken ? dump(&single.ssa_abbrev) : "", row.outcome == nullptr ? "" : row.outcome) << row.offset;
+        EXPECT_TRUE(h->sh_abbrev_checked_end > row.offset || row.offset == section.size()) << row.offset;
     }
 }
 

@@ -548,7 +548,7 @@ TEST(Line, WatchedOrNot)
         line_unit lines{.files = {{"a.c"}, {"b.c"}}, .program = program(recipe + (n % 4 == 0 ? "" : "pc 1 end"))};
         lines.version = n % 3 == 0 ? 4 : 3;
         lines.mopi = n % 5 == 0 ? 4 : 1;
-        lines.opcode_base = n % 7 == 0 ? 7 : 13;
+        lines.opcode_base = n % 7 == 0 ? static_cast<uint8_t>(1 + n / 7 % 14) : 13;
         lines.line_range = n % 11 == 0 ? 0 : 14;
         handle h;
         h.attach(KRV_SEC_LINE, lines.build());
