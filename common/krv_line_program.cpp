@@ -614,7 +614,7 @@ static void execute_short(line_machine *m)
             if (row == full)
                 break;
             const uint64_t before = row[-1].slns_address; // of the same sequence
-            if (opcode >= base) { // 1 is no copy where there are no standard opcodes
+            if (opcode >= base) {                         // 1 is no copy where there are no standard opcodes
                 const unsigned int adjusted = opcode - base, advance = adjusted * per_range >> 16;
                 address += mil * advance;
                 line += static_cast<unsigned int>(lnphp->sln_line_base) + (adjusted - advance * range);
