@@ -103,8 +103,8 @@ fn entries(b: &mut Bench, d: &gimli::Dwarf<R>) {
         while !raw.is_empty() {
             let Some(a) = raw.read_abbreviation().unwrap() else { continue };
             b.items += 1;
-            for &spec in a.attributes() {
-                let v = raw.read_attribute(spec).unwrap().raw_value();
+            for &declared in a.attributes() {
+                let v = raw.read_attribute(declared).unwrap().raw_value();
                 let w = match v {
                     AttributeValue::Addr(x) => x,
                     AttributeValue::Block(x) => x.len() as u64,
