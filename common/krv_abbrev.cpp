@@ -157,19 +157,14 @@ static outcome read_abbrev(table_builder *t)
 // Steps over a number in memory. False: too large, too long, or cut off.
 static inline bool scan_number(const uint8_t **at, const uint8_t *end, uint64_t most, uint64_t *value)
 {
-    const uint8_t *bytes = *at;
-    if (bytes != end && bytes[0] < 0x80) {
-        *value = bytes[0];
-        *at = bytes + 1;
-    } else if (end - bytes >= 2 && bytes[1] < 0x80) {
-        *value = (bytes[0] & 0x7fU) | uint64_t{bytes[1]} << 7;
-        *at = bytes + 2;
-    } else {
-        const unsigned int width = krv_scan_uleb128({bytes, static_cast<uint64_t>(end - bytes)}, value);
-        *at = bytes + width;
+    const uint8_t *next = krv_scan_short_uleb128(*at, end, value);
+    if (next == nullptr) {
+        const unsigned int width = krv_scan_uleb128({*at, static_cast<uint64_t>(end - *at)}, value);
         if (width == 0)
             return false;
+        next = *at + width;
     }
+    *at = next;
     return *value <= most;
 }
 

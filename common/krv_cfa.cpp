@@ -295,20 +295,6 @@ struct operation {
 
 } // namespace
 
-// Decodes an operand that is a ULEB128 number of at most two bytes. What follows it; NULL: another.
-static inline const uint8_t *scan_operand(const uint8_t *at, const uint8_t *end, uint64_t *valuep)
-{
-    if (at == end)
-        return nullptr;
-    *valuep = *at++;
-    if (*valuep < 0x80)
-        return at;
-    if (at == end || *at > 0x7f)
-        return nullptr;
-    *valuep = (*valuep & 0x7f) | uint64_t{*at} << 7;
-    return at + 1;
-}
-
 // Decodes an instruction whose bytes are in memory, which are some at least, with the outcome of krv_frame_get_next_op.
 // What follows it; NULL: not this one.
 static inline const uint8_t *scan_operation(const uint8_t *at, const uint8_t *end, operation *op)
@@ -319,7 +305,7 @@ static inline const uint8_t *scan_operation(const uint8_t *at, const uint8_t *en
     if ((byte & KRV_CFA_PACKED) != 0) {
         op->opcode = byte & KRV_CFA_PACKED;
         op->first = byte & KRV_CFA_OPERAND;
-        return shape == KRV_CFA_PLAIN ? at : scan_operand(at, end, &op->second);
+        return shape == KRV_CFA_PLAIN ? at : krv_scan_short_uleb128(at, end, &op->second);
     }
     op->opcode = byte;
     op->first = 0;
@@ -327,10 +313,10 @@ static inline const uint8_t *scan_operation(const uint8_t *at, const uint8_t *en
     case KRV_CFA_PLAIN:
         return at;
     case KRV_CFA_ULEB:
-        return scan_operand(at, end, &op->first);
+        return krv_scan_short_uleb128(at, end, &op->first);
     case KRV_CFA_ULEBS:
-        at = scan_operand(at, end, &op->first);
-        return at == nullptr ? nullptr : scan_operand(at, end, &op->second);
+        at = krv_scan_short_uleb128(at, end, &op->first);
+        return at == nullptr ? nullptr : krv_scan_short_uleb128(at, end, &op->second);
     case KRV_CFA_BYTE:
         op->first = at == end ? 0 : *at;
         return at == end ? nullptr : at + 1;

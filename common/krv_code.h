@@ -26,6 +26,20 @@ int krv_decode_indirect(krv_fd_t *fdp, krv_form_t *formp);
 unsigned int krv_scan_uleb128(krv_view_t view, uint64_t *valuep);
 unsigned int krv_scan_sleb128(krv_view_t view, int64_t *valuep);
 
+// Steps over a ULEB128 number of at most two bytes, as most are. What follows it; NULL: another.
+inline const uint8_t *krv_scan_short_uleb128(const uint8_t *at, const uint8_t *end, uint64_t *valuep)
+{
+    if (at == end)
+        return nullptr;
+    *valuep = *at++;
+    if (*valuep < 0x80)
+        return at;
+    if (at == end || *at > 0x7f)
+        return nullptr;
+    *valuep = (*valuep & 0x7f) | uint64_t{*at} << 7;
+    return at + 1;
+}
+
 // Bytes of the numbers of each form that always have as many; 0 of the other forms.
 constexpr uint8_t KRV_WIDTH_OF_OFFSET = 0xfe, KRV_WIDTH_OF_ADDRESS = 0xff; // as many as the format or the target has
 constexpr auto krv_number_widths = [] {

@@ -15,6 +15,7 @@ namespace
 enum record_bit : unsigned { LNFE = 1, LNPH = 2, LNS = 4, LNP = 8 };
 
 constexpr unsigned NFIELDS = 34;
+static_assert(NFIELDS <= 64); // a set of them is a word
 
 struct field_row {
     unsigned records; // which records have the field

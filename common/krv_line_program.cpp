@@ -131,13 +131,20 @@ static void close_sequence(krv_lnp_t *lnpp, uint64_t address)
     lnpp->slnp_flags &= ~uint32_t{KRV_LNP_FLAG_IN_SEQUENCE};
 }
 
+// Of the row table: as many as its program is expected to make.
+static unsigned int first_rows(const krv_lnph_t *lnphp)
+{
+    const uint64_t expected = lnphp->sln_program_size / BYTES_A_ROW + FIRST_ROWS;
+    return expected < MOST_FIRST_ROWS ? static_cast<unsigned int>(expected) : MOST_FIRST_ROWS;
+}
+
 int krv_line_push_entry(krv_handle_t *hp, krv_lnph_t *lnphp, krv_lnp_t *lnpp, krv_lns_t *rp)
 {
     KRV_ASSERT(hp != NULL);
     KRV_ASSERT(lnphp != NULL);
     KRV_ASSERT(lnpp != NULL);
     KRV_ASSERT(rp != NULL);
-    if (!krv_table_grow(hp, &lnpp->slnp_lnsp, &lnpp->slnp_lnsp_size, lnpp->slnp_lnsp_entries, FIRST_ROWS))
+    if (!krv_table_grow(hp, &lnpp->slnp_lnsp, &lnpp->slnp_lnsp_size, lnpp->slnp_lnsp_entries, first_rows(lnphp)))
         return -1;
     krv_lns_t *row = &lnpp->slnp_lnsp[lnpp->slnp_lnsp_entries];
     *row = *rp;
@@ -668,18 +675,8 @@ static void execute_short(line_machine *m)
     krv_fd_advance(&m->fd, static_cast<uint64_t>(at - view.bytes));
 }
 
-static bool reserve_rows(line_machine *m)
-{
-    krv_lnp_t *lnpp = m->lnpp;
-    const uint64_t expected = m->lnphp->sln_program_size / BYTES_A_ROW + FIRST_ROWS;
-    const unsigned int first = expected < MOST_FIRST_ROWS ? static_cast<unsigned int>(expected) : MOST_FIRST_ROWS;
-    return krv_table_grow(m->hp, &lnpp->slnp_lnsp, &lnpp->slnp_lnsp_size, lnpp->slnp_lnsp_entries, first);
-}
-
 static int execute(line_machine *m, krv_iter_lne_f *func, void *arg)
 {
-    if (!reserve_rows(m))
-        return -1;
     while (m->fd.sfd_remaining > 0) {
         line_op op;
         if (func == nullptr)
