@@ -3,8 +3,8 @@
 // Memory that runs out, and system calls that fail, in the loader: the n-th of a whole session, for every n. The session
 // answers, or says what happened; nothing leaks (the address sanitizer watches); and when all is well again the same
 // object answers in full, or a new one does where it could not be opened.
-#include "core32.h"
-#include "loader_fixture.h"
+#include "loader/loader_fixture.h"
+#include "loader/process/core32.h"
 #define KRV_TEST_NEW
 #include "support/allocations.h"
 

@@ -16,7 +16,7 @@ import time
 
 from support import answer_of, build, fail, need, run, skip
 
-GDB_SCRIPT = os.path.join(os.path.dirname(os.path.abspath(__file__)), '..', 'loader', 'stacks.gdb.py')
+GDB_SCRIPT = os.path.join(os.path.dirname(os.path.abspath(__file__)), '..', 'loader', 'process', 'stacks.gdb.py')
 GDB = ('gdb', '-nx', '-batch', '-iex', 'set debuginfod enabled off', '-iex', 'set backtrace past-main on',
        '-iex', 'set backtrace past-entry on')
 

@@ -1,0 +1,165 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "elf/debug_file.h"
+
+#include <algorithm>
+#include <cstring>
+#include <filesystem>
+#include <fmt/format.h>
+#include <optional>
+#include <zlib.h>
+
+namespace krv_elf_loader
+{
+
+namespace
+{
+
+namespace fs = std::filesystem;
+
+std::string hex(byte_span bytes)
+{
+    std::string text;
+    for (const uint8_t byte : bytes)
+        text += fmt::format("{:02x}", byte);
+    return text;
+}
+
+// FOLDER/.build-id/ab/cdef.debug
+fs::path build_id_path(const std::string &folder, byte_span id)
+{
+    return fs::path(folder) / ".build-id" / hex(id.first(1)) / (hex(id.subspan(1)) + ".debug");
+}
+
+// The file's own folder, with links resolved: that is what the paths under /usr/lib/debug mirror.
+fs::path folder_of(const elf_file &of)
+{
+    std::error_code ignored;
+    const fs::path real = fs::canonical(of.path(), ignored);
+    return (real.empty() ? fs::path(of.path()) : real).parent_path();
+}
+
+// The contents of the first section of that name; empty when there is none.
+byte_span contents_of(elf_file &file, const char *name)
+{
+    for (const raw_section &section : file.sections())
+        if (section.name == name && section.in_file)
+            return file.contents(section);
+    return {};
+}
+
+// Text up to its NUL, and what follows it. Nothing when there is no NUL or no text.
+struct link {
+    std::string name;
+    byte_span rest;
+};
+
+std::optional<link> read_link(byte_span bytes)
+{
+    const auto end = std::find(bytes.begin(), bytes.end(), uint8_t{0});
+    const auto length = static_cast<size_t>(end - bytes.begin());
+    if (end == bytes.end() || length == 0)
+        return std::nullopt;
+    return link{std::string(bytes.begin(), end), bytes.subspan(length + 1)};
+}
+
+uint32_t crc_of(byte_span bytes)
+{
+    return static_cast<uint32_t>(crc32_z(0, bytes.data(), bytes.size()));
+}
+
+bool same_bytes(byte_span a, byte_span b)
+{
+    return std::equal(a.begin(), a.end(), b.begin(), b.end());
+}
+
+// Tries candidates until one is taken.
+class search
+{
+public:
+    explicit search(const elf_file &of) : own(of) {}
+
+    // `reason` says why a file is not the one wanted, and is empty for the right one.
+    template <typename F>
+    void candidate(const fs::path &path, const F &reason)
+    {
+        std::error_code ignored;
+        if (found.file != nullptr || !fs::is_regular_file(path, ignored) || fs::equivalent(path, own.path(), ignored))
+            return;
+        try {
+            auto file = std::make_unique<elf_file>(path.string());
+            const std::string why = file->machine() != own.machine() ? "it is of another machine" : reason(*file);
+            if (why.empty())
+                found.file = std::move(file);
+            else
+                found.refused.push_back(fmt::format("debug file {} is refused: {}", path.string(), why));
+        } catch (const failure &f) {
+            found.refused.push_back(fmt::format("debug file {} is refused: {}", path.string(), f.what()));
+        }
+    }
+
+    debug_file result() { return std::move(found); }
+
+private:
+    const elf_file &own;
+    debug_file found;
+};
+
+auto has_build_id(byte_span id)
+{
+    return [id](const elf_file &file) {
+        return same_bytes(file.build_id(), id)
+                   ? std::string()
+                   : fmt::format("its build-id is {}, not {}",
+                                 file.build_id().empty() ? "missing" : hex(file.build_id()), hex(id));
+    };
+}
+
+} // namespace
+
+debug_file find_debug_file(elf_file &of, const std::vector<std::string> &folders)
+{
+    search s(of);
+    const byte_span id = of.build_id();
+    if (id.size() > 1)
+        for (const std::string &folder : folders)
+            s.candidate(build_id_path(folder, id), has_build_id(id));
+
+    constexpr size_t CRC_SIZE = 4, ALIGNMENT = 4;
+    const byte_span bytes = contents_of(of, ".gnu_debuglink");
+    const std::optional<link> named = read_link(bytes);
+    const size_t crc_at = !named ? 0 : (named->name.size() + 1 + ALIGNMENT - 1) / ALIGNMENT * ALIGNMENT;
+    if (!named || named->name.find('/') != std::string::npos || bytes.size() < crc_at + CRC_SIZE)
+        return s.result();
+    uint32_t crc = 0;
+    std::memcpy(&crc, bytes.data() + crc_at, CRC_SIZE);
+    const auto has_crc = [crc](const elf_file &file) {
+        const uint32_t actual = crc_of(file.image());
+        return actual == crc ? std::string() : fmt::format("its CRC is {:#010x}, not {:#010x}", actual, crc);
+    };
+    const fs::path home = folder_of(of);
+    s.candidate(home / named->name, has_crc);
+    s.candidate(home / ".debug" / named->name, has_crc);
+    for (const std::string &folder : folders)
+        s.candidate(fs::path(folder) / home.relative_path() / named->name, has_crc);
+    return s.result();
+}
+
+bool has_alternate_file(elf_file &of)
+{
+    return read_link(contents_of(of, ".gnu_debugaltlink")).has_value();
+}
+
+debug_file find_alternate_file(elf_file &of, const std::vector<std::string> &folders)
+{
+    search s(of);
+    const std::optional<link> named = read_link(contents_of(of, ".gnu_debugaltlink"));
+    if (!named || named->rest.size() < 2)
+        return s.result();
+    const auto right = has_build_id(named->rest);
+    s.candidate(folder_of(of) / named->name, right); // an absolute name stays as it is
+    for (const std::string &folder : folders)
+        s.candidate(build_id_path(folder, named->rest), right);
+    return s.result();
+}
+
+} // namespace krv_elf_loader

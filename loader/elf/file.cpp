@@ -1,0 +1,320 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "elf/file.h"
+
+#include <cerrno>
+#include <cstring>
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace krv_elf_loader
+{
+
+namespace
+{
+
+constexpr char ZDEBUG[] = ".zdebug_";
+constexpr char ZDEBUG_MAGIC[] = "ZLIB"; // followed by the inflated size, 8 bytes, most significant first
+constexpr size_t ZDEBUG_HEADER_SIZE = 12;
+
+// No deflated data inflates to more (zlib, technical details: 1032 to 1). A section that claims more is refused
+// before memory is taken for it; so are sections that share their bytes and together claim more than the file can hold.
+constexpr uint64_t MAX_INFLATION = 1032;
+
+// Closes a descriptor at the end of a scope: the mapping stays.
+struct descriptor {
+    int fd;
+    ~descriptor()
+    {
+        if (fd >= 0)
+            close(fd);
+    }
+};
+
+uint64_t align4(uint64_t n)
+{
+    return (n + 3) & ~uint64_t{3};
+}
+
+// The description of the build-id note among the notes in `bytes`, or nothing.
+byte_span find_build_id_note(byte_span bytes)
+{
+    while (bytes.size() >= sizeof(Elf32_Nhdr)) {
+        Elf32_Nhdr note;
+        std::memcpy(&note, bytes.data(), sizeof(note));
+        const uint64_t name_at = sizeof(note);
+        const uint64_t desc_at = name_at + align4(note.n_namesz);
+        const uint64_t end = desc_at + align4(note.n_descsz);
+        if (desc_at > bytes.size() || note.n_descsz > bytes.size() - desc_at)
+            break;
+        if (note.n_type == NT_GNU_BUILD_ID && note.n_namesz == 4 && std::memcmp(bytes.data() + name_at, "GNU", 4) == 0)
+            return bytes.subspan(desc_at, note.n_descsz);
+        if (end >= bytes.size())
+            break;
+        bytes = bytes.subspan(end);
+    }
+    return {};
+}
+
+} // namespace
+
+string_table::string_table(byte_span all)
+{
+    size_t size = all.size();
+    while (size != 0 && all[size - 1] != 0)
+        --size;
+    bytes = all.first(size);
+}
+
+const char *string_table::at(uint64_t offset) const
+{
+    return offset < bytes.size() ? reinterpret_cast<const char *>(bytes.data() + offset) : nullptr;
+}
+
+void elf_file::fail(int code, const std::string &what) const
+{
+    throw failure(code, file_path + ": " + what);
+}
+
+byte_span elf_file::extent(uint64_t offset, uint64_t size) const
+{
+    if (offset > mapping.size() || size > mapping.size() - offset)
+        return {};
+    return mapping.subspan(offset, size);
+}
+
+elf_file::elf_file(const std::string &path) : file_path(path)
+{
+    try {
+        map();
+        elf_version(EV_CURRENT);
+        handle = elf_memory(reinterpret_cast<char *>(const_cast<uint8_t *>(mapping.data())), mapping.size());
+        if (handle == nullptr)
+            fail(KRV_ELF_ERR_FORMAT, elf_errmsg(-1));
+        check_machine();
+        check_section_headers();
+        read_sections();
+        if (type() == ET_REL)
+            place_sections();
+        read_segments();
+        find_code();
+        find_build_id();
+    } catch (...) {
+        elf_end(handle);
+        if (!mapping.empty())
+            munmap(const_cast<uint8_t *>(mapping.data()), mapping.size());
+        throw;
+    }
+}
+
+elf_file::~elf_file()
+{
+    elf_end(handle);
+    munmap(const_cast<uint8_t *>(mapping.data()), mapping.size());
+}
+
+void elf_file::map()
+{
+    // Without waiting: a pipe is refused, not waited for.
+    const descriptor file{open(file_path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK)};
+    struct stat st = {};
+    if (file.fd < 0 || fstat(file.fd, &st) != 0)
+        fail(KRV_ELF_ERR_SYSTEM, std::strerror(errno));
+    if (S_ISDIR(st.st_mode))
+        fail(KRV_ELF_ERR_SYSTEM, std::strerror(EISDIR));
+    if (!S_ISREG(st.st_mode))
+        fail(KRV_ELF_ERR_FORMAT, "not a regular file");
+    if (st.st_size == 0)
+        fail(KRV_ELF_ERR_FORMAT, "the file is empty");
+    const auto size = static_cast<size_t>(st.st_size);
+    // Writable, but private: libelf marks sections that it has inflated in their headers.
+    void *image = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_NORESERVE, file.fd, 0);
+    if (image == MAP_FAILED)
+        fail(KRV_ELF_ERR_SYSTEM, std::strerror(errno));
+    mapping = {static_cast<const uint8_t *>(image), size};
+}
+
+void elf_file::check_machine()
+{
+    if (elf_kind(handle) != ELF_K_ELF)
+        fail(KRV_ELF_ERR_FORMAT, elf_kind(handle) == ELF_K_AR ? "an archive, not an ELF file" : "not an ELF file");
+    if (gelf_getehdr(handle, &header) == nullptr)
+        fail(KRV_ELF_ERR_FORMAT, elf_errmsg(-1));
+    if (header.e_ident[EI_DATA] != ELFDATA2LSB)
+        fail(KRV_ELF_ERR_UNSUPPORTED, "big-endian files are not read");
+    const bool known =
+        (header.e_machine == EM_386 && gelf_getclass(handle) == ELFCLASS32) || header.e_machine == EM_X86_64;
+    if (!known)
+        fail(KRV_ELF_ERR_UNSUPPORTED, "machine " + std::to_string(header.e_machine) + " in a " +
+                                          (gelf_getclass(handle) == ELFCLASS64 ? "64" : "32") +
+                                          "-bit file; 32-bit x86 and AMD64 are read");
+}
+
+krv_activation_type_t elf_file::target() const
+{
+    return gelf_getclass(handle) == ELFCLASS64 ? KRV_ACTIVATION_AMD64 : KRV_ACTIVATION_I386;
+}
+
+// libelf takes a file whose section headers are cut off for one without sections; its reader should know better.
+void elf_file::check_section_headers()
+{
+    if (header.e_shoff == 0)
+        return;
+    size_t count = 0; // also where it is too large for the file header, and stands in section 0
+    const size_t entry_size = gelf_fsize(handle, ELF_T_SHDR, 1, EV_CURRENT);
+    if (header.e_shentsize != entry_size)
+        fail(KRV_ELF_ERR_FORMAT, "section headers of " + std::to_string(header.e_shentsize) + " bytes");
+    if (header.e_shoff > mapping.size() || elf_getshdrnum(handle, &count) != 0 || count < header.e_shnum ||
+        count > (mapping.size() - header.e_shoff) / entry_size)
+        fail(KRV_ELF_ERR_FORMAT, "the section headers lie beyond the end of the file: it is cut off, or damaged");
+}
+
+// What a compressed section says it inflates to; 0 when it does not say.
+uint64_t elf_file::claimed_size(Elf_Scn *scn, const raw_section &section) const
+{
+    if ((section.flags & SHF_COMPRESSED) != 0) {
+        GElf_Chdr chdr;
+        return gelf_getchdr(scn, &chdr) == nullptr ? 0 : chdr.ch_size;
+    }
+    if (section.bytes.size() < ZDEBUG_HEADER_SIZE || std::memcmp(section.bytes.data(), ZDEBUG_MAGIC, 4) != 0)
+        return 0;
+    uint64_t size = 0;
+    for (const uint8_t byte : section.bytes.subspan(4, 8))
+        size = size << 8 | byte;
+    return size;
+}
+
+string_table elf_file::section_names() const
+{
+    size_t number = 0;
+    GElf_Shdr shdr;
+    if (elf_getshdrstrndx(handle, &number) != 0 || gelf_getshdr(elf_getscn(handle, number), &shdr) == nullptr ||
+        shdr.sh_type != SHT_STRTAB)
+        return {};
+    return string_table(extent(shdr.sh_offset, shdr.sh_size));
+}
+
+void elf_file::read_sections()
+{
+    constexpr size_t LONGEST_NAME = 255;
+    const string_table names = section_names();
+    for (Elf_Scn *scn = elf_nextscn(handle, nullptr); scn != nullptr; scn = elf_nextscn(handle, scn)) {
+        GElf_Shdr shdr;
+        if (gelf_getshdr(scn, &shdr) == nullptr)
+            fail(KRV_ELF_ERR_FORMAT, std::string("section header: ") + elf_errmsg(-1));
+        const char *name = names.at(shdr.sh_name);
+        raw_section section = {};
+        section.name = name == nullptr ? "" : std::string(name, strnlen(name, LONGEST_NAME));
+        section.number = elf_ndxscn(scn);
+        section.type = shdr.sh_type;
+        section.flags = shdr.sh_flags;
+        section.link = shdr.sh_link;
+        section.info = shdr.sh_info;
+        section.address = shdr.sh_addr;
+        section.alignment = shdr.sh_addralign;
+        section.size = shdr.sh_size;
+        section.in_file = true;
+        section.compressed = (shdr.sh_flags & SHF_COMPRESSED) != 0 || section.name.starts_with(ZDEBUG);
+        if (shdr.sh_type != SHT_NOBITS && shdr.sh_size != 0) {
+            section.file_size = shdr.sh_size;
+            section.bytes = extent(shdr.sh_offset, shdr.sh_size);
+            section.in_file = !section.bytes.empty();
+        }
+        if (section.compressed && section.in_file)
+            section.size = claimed_size(scn, section);
+        section_list.push_back(std::move(section));
+    }
+}
+
+const raw_section *elf_file::section(size_t number) const
+{
+    return number == 0 || number > section_list.size() ? nullptr : &section_list[number - 1];
+}
+
+// The loaded sections of a relocatable file, one behind the other as a linker might place them.
+void elf_file::place_sections()
+{
+    constexpr uint64_t MOST = uint64_t{1} << 46; // of a section and of an alignment: their sums do not wrap
+    uint64_t next = 0;
+    for (raw_section &section : section_list) {
+        if ((section.flags & SHF_ALLOC) == 0 || section.size > MOST || section.alignment > MOST || next > MOST)
+            continue;
+        const uint64_t alignment = std::max(section.alignment, uint64_t{1});
+        section.address = (next + alignment - 1) / alignment * alignment;
+        next = section.address + section.size;
+    }
+}
+
+void elf_file::find_code()
+{
+    for (const raw_section &section : section_list)
+        if (section.executable() && section.size <= UINT64_MAX - section.address)
+            code_ranges.add({section.address, section.address + section.size});
+    if (code_ranges.empty())
+        for (const GElf_Phdr &segment : segment_list)
+            if (segment.p_type == PT_LOAD && (segment.p_flags & PF_X) != 0 &&
+                segment.p_memsz <= UINT64_MAX - segment.p_vaddr)
+                code_ranges.add({segment.p_vaddr, segment.p_vaddr + segment.p_memsz});
+    code_ranges.finish();
+}
+
+void elf_file::read_segments()
+{
+    size_t count = 0;
+    if (elf_getphdrnum(handle, &count) != 0)
+        return;
+    for (size_t i = 0; i < count; ++i) {
+        GElf_Phdr phdr;
+        if (gelf_getphdr(handle, static_cast<int>(i), &phdr) == nullptr)
+            break;
+        segment_list.push_back(phdr);
+    }
+}
+
+void elf_file::find_build_id()
+{
+    uint64_t left = 2 * mapping.size(); // sections and segments tell of the same notes, and neither overlap each other
+    const auto search = [&](byte_span notes) {
+        if (!build_id_bytes.empty() || notes.size() > left)
+            return;
+        left -= notes.size();
+        build_id_bytes = find_build_id_note(notes);
+    };
+    for (const raw_section &section : section_list)
+        if (section.type == SHT_NOTE)
+            search(section.bytes);
+    for (const GElf_Phdr &segment : segment_list)
+        if (segment.p_type == PT_NOTE)
+            search(extent(segment.p_offset, segment.p_filesz));
+}
+
+byte_span elf_file::inflate(const raw_section &section)
+{
+    if (section.size / MAX_INFLATION > section.file_size ||
+        (inflated_size + section.size) / MAX_INFLATION > mapping.size())
+        throw failure(KRV_ELF_ERR_FORMAT, "section " + section.name + " claims to inflate from " +
+                                              std::to_string(section.file_size) + " to " +
+                                              std::to_string(section.size) + " bytes");
+    Elf_Scn *scn = elf_getscn(handle, section.number);
+    const int result = (section.flags & SHF_COMPRESSED) != 0 ? elf_compress(scn, 0, 0) : elf_compress_gnu(scn, 0, 0);
+    const Elf_Data *data = result < 0 ? nullptr : elf_rawdata(scn, nullptr);
+    if (data == nullptr)
+        throw failure(KRV_ELF_ERR_FORMAT, "section " + section.name + " cannot be inflated: " + elf_errmsg(-1));
+    inflated_size += data->d_size;
+    return {static_cast<const uint8_t *>(data->d_buf), data->d_size};
+}
+
+byte_span elf_file::contents(const raw_section &section)
+{
+    if (!section.in_file)
+        throw failure(KRV_ELF_ERR_FORMAT, "section " + section.name + " extends beyond the end of the file");
+    if (!section.compressed)
+        return section.bytes;
+    const auto known = inflated.find(section.number);
+    if (known != inflated.end())
+        return known->second;
+    return inflated[section.number] = inflate(section);
+}
+
+} // namespace krv_elf_loader

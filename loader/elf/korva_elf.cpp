@@ -1,0 +1,287 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// The exported functions: raw file, then view, then handle. No exception leaves them.
+#include "libkorva-elf.h"
+
+#include "elf/debug_file.h"
+#include "elf/file.h"
+#include "elf/symbols.h"
+#include "elf/view.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <cstring>
+#include <memory>
+#include <new>
+#include <optional>
+
+using namespace krv_elf_loader;
+
+namespace
+{
+
+constexpr char SYSTEM_DEBUG_FOLDER[] = "/usr/lib/debug";
+
+struct handle_deleter {
+    void operator()(krv_handle_t *hp) const { korva_handle_free(hp); }
+};
+
+} // namespace
+
+// What is opened, then what the handle sees of it. The view is made when it is first asked for: who wants symbols only
+// does not wait for corrections.
+struct krv_elf {
+    krv_elf(const std::string &path, unsigned int open_flags, std::vector<std::string> debug_folders)
+        : flags(open_flags), folders(std::move(debug_folders)), file(path), hp(korva_handle_alloc(file.target()))
+    {
+        if (hp == nullptr)
+            throw failure(KRV_ELF_ERR_NOMEM,
+                          path + ": no libkorva handle: out of memory, or disabled by LIBKORVA_OPTIONS");
+        if (!raw() && !has_debug_info(file))
+            debug = find_debug_file(file, folders);
+        if (debug.file != nullptr && !symbols().from_symtab())
+            debug_symbols.emplace(*debug.file);
+    }
+
+    bool raw() const { return (flags & KRV_ELF_F_RAW) != 0; }
+    elf_file &source() { return debug.file != nullptr ? *debug.file : file; }
+    const symbol_table &symbols() const { return debug_symbols ? *debug_symbols : own_symbols; }
+
+    // Makes the view, once, and attaches its sections. Without memory for corrections the file is shown as it stands.
+    view &shown()
+    {
+        if (made)
+            return *made;
+        try {
+            make_view(raw());
+        } catch (const std::bad_alloc &) {
+            make_view(true);
+            made->add_note({"attach", "", 0, true, "out of memory: nothing is corrected"});
+        }
+        for (const view_section &section : made->sections())
+            if (section.index != KRV_SEC_NONE)
+                korva_attach_section(hp.get(), section.index, section.bytes().size(), KRV_FD_TYPE_MEMORY,
+                                     const_cast<uint8_t *>(section.bytes().data()));
+        return *made;
+    }
+
+    unsigned int flags;
+    std::vector<std::string> folders;
+    elf_file file;
+    symbol_table own_symbols{file};
+    debug_file debug;
+    std::optional<symbol_table> debug_symbols;
+    debug_file alternate;
+    std::optional<view> made;
+    std::unique_ptr<krv_handle_t, handle_deleter> hp; // last: it reads what stands before it
+
+private:
+    static bool has_debug_info(const elf_file &f)
+    {
+        return std::any_of(f.sections().begin(), f.sections().end(), [](const raw_section &section) {
+            return section.file_size != 0 && (section.name == ".debug_info" || section.name == ".zdebug_info");
+        });
+    }
+
+    void make_view(bool raw_only)
+    {
+        made.reset();
+        if (!raw_only && alternate.file == nullptr && has_alternate_file(source()))
+            alternate = find_alternate_file(source(), folders);
+        made.emplace(source(), symbols(), alternate.file.get(), raw_only);
+        for (const debug_file *searched : {&debug, &alternate})
+            if (searched->file == nullptr)
+                for (const std::string &reason : searched->refused)
+                    made->add_note({"debug-file", "", 0, true, reason});
+    }
+};
+
+// One line of text, whatever is in the path that it names.
+static void tell(krv_elf_error_t *errorp, int code, const char *message)
+{
+    if (errorp == nullptr)
+        return;
+    errorp->code = code;
+    std::snprintf(errorp->message, sizeof(errorp->message), "%s", message);
+    std::replace(errorp->message, errorp->message + std::strlen(errorp->message), '\n', '?');
+}
+
+// Runs the body of an exported function that may throw; tells what it threw, and returns `failed`.
+template <typename R, typename F>
+static R guarded(krv_elf_error_t *errorp, R failed, const F &body)
+{
+    try {
+        return body();
+    } catch (const failure &f) {
+        tell(errorp, f.code, f.what());
+    } catch (const std::bad_alloc &) {
+        tell(errorp, KRV_ELF_ERR_NOMEM, "out of memory");
+    } catch (const std::exception &e) {
+        tell(errorp, KRV_ELF_ERR_FORMAT, e.what());
+    } catch (...) {
+        tell(errorp, KRV_ELF_ERR_FORMAT, "unknown failure");
+    }
+    return failed;
+}
+
+// NULL when memory ran out.
+static view *made_view(krv_elf_t *elf)
+{
+    try {
+        return &elf->shown();
+    } catch (const std::exception &) {
+        return nullptr;
+    }
+}
+
+// The loaded segment that holds a byte of the file; failing that, one whose first page, which is mapped whole, does.
+static const GElf_Phdr *find_segment(const elf_file &file, uint64_t file_offset)
+{
+    constexpr uint64_t PAGE = 4096;
+    for (const uint64_t mask : {UINT64_MAX, ~(PAGE - 1)})
+        for (const GElf_Phdr &segment : file.segments())
+            if (segment.p_type == PT_LOAD && file_offset >= (segment.p_offset & mask) &&
+                (file_offset < segment.p_offset || file_offset - segment.p_offset < segment.p_filesz))
+                return &segment;
+    return nullptr;
+}
+
+krv_elf_t *korva_elf_open(const char *path, unsigned int flags, krv_elf_error_t *errorp)
+{
+    return korva_elf_open_with_debug_dirs(path, flags, nullptr, 0, errorp);
+}
+
+krv_elf_t *korva_elf_open_with_debug_dirs(const char *path, unsigned int flags, const char *const *dirs, size_t count,
+                                          krv_elf_error_t *errorp)
+{
+    return guarded<krv_elf_t *>(errorp, nullptr, [=] {
+        std::vector<std::string> folders(dirs, dirs + count);
+        folders.emplace_back(SYSTEM_DEBUG_FOLDER);
+        return new krv_elf(path == nullptr ? "" : path, flags, std::move(folders));
+    });
+}
+
+void korva_elf_close(krv_elf_t *elf)
+{
+    delete elf;
+}
+
+krv_handle_t *korva_elf_get_handle(krv_elf_t *elf)
+{
+    made_view(elf); // without memory the handle stays without sections
+    return elf->hp.get();
+}
+
+const char *korva_elf_get_debug_path(krv_elf_t *elf)
+{
+    return elf->debug.file == nullptr ? nullptr : elf->debug.file->path().c_str();
+}
+
+const char *korva_elf_get_path(krv_elf_t *elf)
+{
+    return elf->file.path().c_str();
+}
+
+void korva_elf_get_info(krv_elf_t *elf, krv_elf_info_t *infop)
+{
+    const byte_span build_id = elf->file.build_id();
+    *infop = {.machine = elf->file.machine(),
+              .type = elf->file.type(),
+              .target = elf->file.target(),
+              .build_id = build_id.empty() ? nullptr : build_id.data(),
+              .build_id_size = build_id.size(),
+              .has_symtab = elf->symbols().from_symtab() ? 1 : 0};
+}
+
+static krv_elf_section_t describe(const raw_section &raw, const view_section *attached)
+{
+    return {.name = raw.name.c_str(),
+            .address = raw.address,
+            .size = attached == nullptr ? raw.size : attached->bytes().size(),
+            .file_size = raw.file_size,
+            .index = attached == nullptr ? KRV_SEC_NONE : attached->index,
+            .compressed = raw.compressed ? 1 : 0,
+            .copied = attached != nullptr && attached->copy ? 1 : 0,
+            .executable = raw.executable() ? 1 : 0};
+}
+
+int korva_elf_iter_sections(krv_elf_t *elf, krv_elf_iter_section_f *func, void *arg)
+{
+    view *shown = made_view(elf);
+    if (shown == nullptr)
+        return 0;
+    const elf_file *separate = elf->debug.file.get();
+    // Of a file with separate debugging information, then what stands in that; at last what the loader made itself.
+    for (const elf_file *file : {static_cast<const elf_file *>(&elf->file), separate})
+        for (size_t number = 1; file != nullptr && file->section(number) != nullptr; ++number) {
+            const raw_section &raw = *file->section(number);
+            const view_section *attached = &elf->source() == file ? shown->find_raw(raw.number) : nullptr;
+            if (file == separate && attached == nullptr)
+                continue;
+            const krv_elf_section_t section = describe(raw, attached);
+            if (const int result = func(elf, &section, arg))
+                return result;
+        }
+    for (const view_section &made : shown->sections()) {
+        if (made.raw != nullptr)
+            continue;
+        krv_elf_section_t section = {};
+        section.name = made.name.c_str();
+        section.size = made.bytes().size();
+        section.index = made.index;
+        section.copied = 1;
+        if (const int result = func(elf, &section, arg))
+            return result;
+    }
+    return 0;
+}
+
+int korva_elf_iter_notes(krv_elf_t *elf, krv_elf_iter_note_f *func, void *arg)
+{
+    const view *shown_view = made_view(elf);
+    if (shown_view == nullptr)
+        return 0;
+    for (const note &n : shown_view->notes()) {
+        const krv_elf_note_t shown = {.pass = n.pass,
+                                      .section = n.section.c_str(),
+                                      .offset = n.offset,
+                                      .refused = n.refused ? 1 : 0,
+                                      .text = n.text.c_str()};
+        if (const int result = func(elf, &shown, arg))
+            return result;
+    }
+    return 0;
+}
+
+const krv_elf_symbol_t *korva_elf_get_symbols(krv_elf_t *elf, size_t *countp)
+{
+    const std::vector<krv_elf_symbol_t> &all = elf->symbols().all();
+    *countp = all.size();
+    return all.empty() ? nullptr : all.data();
+}
+
+const krv_elf_symbol_t *korva_elf_lookup_symbol(krv_elf_t *elf, uint64_t address)
+{
+    return elf->symbols().find(address);
+}
+
+const krv_elf_symbol_t *korva_elf_lookup_symbol_by_name(krv_elf_t *elf, const char *name)
+{
+    return elf->symbols().find(name);
+}
+
+int korva_elf_load_bias(krv_elf_t *elf, uint64_t address, uint64_t file_offset, uint64_t *biasp,
+                        krv_elf_error_t *errorp)
+{
+    return guarded(errorp, -1, [=] {
+        const GElf_Phdr *segment = find_segment(elf->file, file_offset);
+        if (segment == nullptr) {
+            char text[64];
+            std::snprintf(text, sizeof(text), ": no loaded segment holds offset 0x%llx",
+                          static_cast<unsigned long long>(file_offset));
+            throw failure(KRV_ELF_ERR_NOTFOUND, elf->file.path() + text);
+        }
+        *biasp = address - file_offset - (segment->p_vaddr - segment->p_offset); // modulo 2^64: any order is right
+        return 0;
+    });
+}

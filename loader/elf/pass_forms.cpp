@@ -1,0 +1,102 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// Link-time optimisation and dwz write references across units (DW_FORM_ref_addr) and into an alternate file
+// (DW_FORM_GNU_*); the core decodes neither, and one such attribute makes the whole entry unreadable. In a private
+// copy of the abbreviation table the attribute gets a plain form of the same width, in as many bytes as its form had:
+// nothing moves, and the rest of the entry is read. Strings of an alternate file are handed in by pass_alternate.
+#include "elf/dwarf_constants.h"
+#include "elf/dwarf_units.h"
+#include "elf/pass.h"
+
+#include <fmt/format.h>
+#include <set>
+#include <tuple>
+
+namespace krv_elf_loader
+{
+
+namespace
+{
+
+const char *name_of(uint64_t form)
+{
+    switch (form) {
+    case DW_FORM_ref_addr:
+        return "DW_FORM_ref_addr";
+    case DW_FORM_GNU_ref_alt:
+        return "DW_FORM_GNU_ref_alt";
+    case DW_FORM_GNU_strp_alt:
+        return "DW_FORM_GNU_strp_alt";
+    case DW_FORM_GNU_addr_index:
+        return "DW_FORM_GNU_addr_index";
+    case DW_FORM_GNU_str_index:
+        return "DW_FORM_GNU_str_index";
+    default:
+        return nullptr;
+    }
+}
+
+// The form that the core reads in its place: a number that says where it leads.
+uint64_t plain_form(const unit &u, uint64_t form)
+{
+    if (form == DW_FORM_GNU_addr_index || form == DW_FORM_GNU_str_index)
+        return DW_FORM_udata;
+    return fixed_width(u, form) == 8U ? DW_FORM_data8 : DW_FORM_data4;
+}
+
+// What was done in one abbreviation table.
+struct table_change {
+    std::map<uint64_t, uint64_t> plain; // by offset of the form
+    std::map<uint64_t, size_t> counts;  // by form
+};
+
+void change_table(view *v, const char *name, const unit &u, const abbreviation_table &table, table_change *change)
+{
+    view_section *abbrev = v->find(KRV_SEC_ABBREV);
+    for (const abbreviation &a : table.all())
+        for (const attribute_form &pair : a.attributes) {
+            const char *form_name = name_of(pair.form);
+            if (form_name == nullptr)
+                continue;
+            const uint64_t plain = plain_form(u, pair.form);
+            const auto [known, fresh] = change->plain.try_emplace(pair.form_at, plain);
+            if (fresh) {
+                write_padded_uleb(abbrev->writable().data() + pair.form_at, plain, pair.form_width);
+                ++change->counts[pair.form];
+            } else if (known->second != plain) {
+                v->add_note({name, abbrev->name, pair.form_at, true,
+                             fmt::format("units that share the abbreviation table at offset {:#x} give {} different "
+                                         "sizes: those of the unit at offset {:#x} of .debug_info are misread",
+                                         table.begin(), form_name, u.offset)});
+            }
+        }
+}
+
+} // namespace
+
+void correct_forms(view &v, const char *name)
+{
+    const view_section *info = v.find(KRV_SEC_INFO);
+    const view_section *abbrev = v.find(KRV_SEC_ABBREV);
+    if (info == nullptr || abbrev == nullptr)
+        return;
+    // The tables are read before anything is changed.
+    const std::vector<uint8_t> *changed = abbrev->copy ? &*abbrev->copy : nullptr;
+    const std::vector<uint8_t> before = changed == nullptr ? std::vector<uint8_t>() : *changed;
+    abbreviation_tables tables(changed == nullptr ? abbrev->original : byte_span(before));
+    std::map<uint64_t, table_change> changes;
+    std::set<std::tuple<uint64_t, size_t, size_t, bool>> seen; // what the widths of a table's forms depend on
+    for (const unit &u : read_units(info->bytes()))
+        if (seen.emplace(u.abbrev_offset, u.offset_size, u.address_size, u.version == 2).second)
+            change_table(&v, name, u, tables.at(u.abbrev_offset), &changes[u.abbrev_offset]);
+    for (const auto &[offset, change] : changes)
+        for (const auto &[form, count] : change.counts)
+            v.add_note(
+                {name, abbrev->name, offset, false,
+                 fmt::format("{} attribute{} of the abbreviation table at offset {:#x} lead{} elsewhere ({}) and "
+                             "{} shown as a plain number",
+                             count, count == 1 ? "" : "s", offset, count == 1 ? "s" : "", name_of(form),
+                             count == 1 ? "is" : "are each")});
+}
+
+} // namespace krv_elf_loader

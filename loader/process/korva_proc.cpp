@@ -1,0 +1,154 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// The exported functions about processes, but for the walks. No exception leaves them.
+#include "process/proc.h"
+
+#include "process/error.h"
+
+#include <algorithm>
+#include <fmt/format.h>
+
+using namespace krv_elf_loader;
+
+krv_proc::krv_proc(std::unique_ptr<source> facts) : from(std::move(facts)), modules(find_modules(*from)) {}
+
+loaded_module *krv_proc::find(uint64_t address)
+{
+    const auto next =
+        std::upper_bound(modules.begin(), modules.end(), address,
+                         [](uint64_t a, const std::unique_ptr<loaded_module> &m) { return a < m->shown().start; });
+    return next != modules.begin() && (*std::prev(next))->covers(address) ? std::prev(next)->get() : nullptr;
+}
+
+loaded_module &krv_proc::module_of(const krv_proc_module_t *record)
+{
+    for (const auto *list : {&modules, &retired})
+        for (const std::unique_ptr<loaded_module> &m : *list)
+            if (&m->shown() == record)
+                return *m;
+    throw failure(KRV_ELF_ERR_NOTFOUND, "not a module of this process");
+}
+
+void krv_proc::refresh()
+{
+    from->refresh();
+    std::vector<std::unique_ptr<loaded_module>> fresh = find_modules(*from);
+    for (std::unique_ptr<loaded_module> &old : modules) {
+        const auto same = std::find_if(fresh.begin(), fresh.end(),
+                                       [&](const std::unique_ptr<loaded_module> &m) { return m->same_as(*old); });
+        if (same == fresh.end())
+            retired.push_back(std::move(old));
+        else
+            std::swap(*same, old);
+    }
+    modules = std::move(fresh);
+}
+
+krv_proc_t *korva_proc_attach(int pid, krv_elf_error_t *errorp)
+{
+    return guarded<krv_proc_t *>(errorp, nullptr, [&] { return new krv_proc(attach_source(pid)); });
+}
+
+krv_proc_t *korva_proc_open_core(const char *core, const char *exe, krv_elf_error_t *errorp)
+{
+    return guarded<krv_proc_t *>(errorp, nullptr, [&] {
+        return new krv_proc(core_source(core == nullptr ? "" : core, exe == nullptr ? "" : exe));
+    });
+}
+
+krv_proc_t *korva_proc_self(krv_elf_error_t *errorp)
+{
+    return guarded<krv_proc_t *>(errorp, nullptr, [&] { return new krv_proc(self_source()); });
+}
+
+void korva_proc_close(krv_proc_t *proc)
+{
+    delete proc;
+}
+
+int korva_proc_refresh(krv_proc_t *proc, krv_elf_error_t *errorp)
+{
+    return guarded<int>(errorp, -1, [&] {
+        if (proc->from->kind == KRV_PROC_SELF)
+            proc->refresh();
+        return 0;
+    });
+}
+
+void korva_proc_get_info(krv_proc_t *proc, krv_proc_info_t *infop)
+{
+    const char *exe = nullptr;
+    for (const std::unique_ptr<loaded_module> &m : proc->modules)
+        if ((m->shown().flags & KRV_PROC_MODULE_F_MAIN) != 0 && m->shown().path[0] != '\0')
+            exe = m->shown().path;
+    *infop = {.kind = proc->from->kind,
+              .pid = proc->from->pid,
+              .signal = proc->from->signal,
+              .target = proc->from->target,
+              .exe = exe};
+}
+
+int64_t korva_proc_read(void *proc, void *buf, size_t count, uint64_t address)
+{
+    return guarded<int64_t>(nullptr, -1, [&] {
+        source &from = *static_cast<krv_proc_t *>(proc)->from;
+        return from.changing_bytes().read(address, buf, count) ? static_cast<int64_t>(count) : -1;
+    });
+}
+
+int korva_proc_iter_modules(krv_proc_t *proc, krv_proc_module_f *func, void *arg)
+{
+    // By index over a copy of the records' addresses: the visitor may refresh.
+    std::vector<const krv_proc_module_t *> records;
+    const bool listed = guarded<bool>(nullptr, false, [&] {
+        for (const std::unique_ptr<loaded_module> &m : proc->modules)
+            records.push_back(&m->shown());
+        return true;
+    });
+    if (!listed)
+        return -1;
+    for (const krv_proc_module_t *record : records)
+        if (const int result = func(proc, record, arg))
+            return result;
+    return 0;
+}
+
+const krv_proc_module_t *korva_proc_find_module(krv_proc_t *proc, uint64_t address)
+{
+    const loaded_module *m = proc->find(address);
+    return m == nullptr ? nullptr : &m->shown();
+}
+
+krv_elf_t *korva_proc_module_elf(krv_proc_t *proc, const krv_proc_module_t *module, krv_elf_error_t *errorp)
+{
+    return guarded<krv_elf_t *>(errorp, nullptr, [&] { return proc->module_of(module).elf(); });
+}
+
+krv_handle_t *korva_proc_module_handle(krv_proc_t *proc, const krv_proc_module_t *module, krv_elf_error_t *errorp)
+{
+    return guarded<krv_handle_t *>(errorp, nullptr, [&] { return proc->module_of(module).handle(); });
+}
+
+int korva_proc_iter_threads(krv_proc_t *proc, krv_proc_thread_f *func, void *arg)
+{
+    for (const thread &t : proc->from->threads()) {
+        const krv_proc_thread_t shown = {.tid = t.tid, .name = t.name.c_str(), .target = t.target};
+        if (const int result = func(proc, &shown, arg))
+            return result;
+    }
+    return 0;
+}
+
+int korva_proc_get_regs(krv_proc_t *proc, int tid, krv_gregset_t *gregsp, uint64_t *maskp, krv_fpregset_t *fpregsp,
+                        krv_elf_error_t *errorp)
+{
+    return guarded<int>(errorp, -1, [&] {
+        const register_set set = proc->from->registers(tid);
+        std::copy(std::begin(set.gregs), std::end(set.gregs), *gregsp);
+        *maskp = set.mask;
+        if (!set.has_fpregs || fpregsp == nullptr)
+            return 0;
+        *fpregsp = set.fpregs;
+        return 1;
+    });
+}

@@ -1,0 +1,204 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// Processes of this machine: one that is held still, and the calling one, which runs on.
+#include "process/source.h"
+
+#include "elf/file.h"
+#include "process/image.h"
+#include "process/ptrace.h"
+#include "process/status.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <fmt/format.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace krv_elf_loader
+{
+
+namespace
+{
+
+template <typename word>
+auxiliary parse_words(const uint8_t *bytes, size_t size)
+{
+    auxiliary aux;
+    word pair[2];
+    for (; size >= sizeof(pair); bytes += sizeof(pair), size -= sizeof(pair)) {
+        std::memcpy(pair, bytes, sizeof(pair));
+        switch (pair[0]) {
+        case AT_NULL:
+            return aux;
+        case AT_PHDR:
+            aux.program_headers = pair[1];
+            break;
+        case AT_ENTRY:
+            aux.entry = pair[1];
+            break;
+        case AT_SYSINFO_EHDR:
+            aux.vdso = pair[1];
+            break;
+        default:
+            break;
+        }
+    }
+    return aux;
+}
+
+bool is_file(const std::string &path, uint64_t inode)
+{
+    struct stat st = {};
+    return stat(path.c_str(), &st) == 0 && st.st_ino == inode;
+}
+
+// What a live process and the calling one have in common.
+class running_source : public source
+{
+public:
+    running_source(int kind_of_process, int process) : raw(process), cache(raw)
+    {
+        kind = kind_of_process;
+        pid = process;
+    }
+
+    memory &bytes() override { return cache; }
+    const std::vector<mapping> &mappings() const override { return maps; }
+    const std::vector<thread> &threads() const override { return thread_list; }
+    std::string locate(const mapping &where) override;
+
+protected:
+    void read_program();
+
+    live_memory raw;
+    page_cache cache;
+    std::vector<mapping> maps;
+    std::vector<thread> thread_list;
+};
+
+// Target, maps and auxiliary vector.
+void running_source::read_program()
+{
+    const input_file exe(fmt::format("/proc/{}/exe", pid));
+    file_memory file(exe);
+    const auto image = exe.is_open() ? read_elf_image(file, 0) : std::nullopt;
+    if (!image)
+        throw failure(KRV_ELF_ERR_UNSUPPORTED,
+                      fmt::format("process {}: {}", pid,
+                                  exe.is_open() ? "not a 32-bit x86 or AMD64 program"
+                                                : std::string("cannot open its executable: ") + std::strerror(errno)));
+    if (image->x32)
+        throw failure(KRV_ELF_ERR_UNSUPPORTED, fmt::format("process {}: x32 programs are not read", pid));
+    target = image->target;
+    maps = read_maps(pid);
+    const std::string words = read_text(fmt::format("/proc/{}/auxv", pid));
+    aux = parse_auxv(reinterpret_cast<const uint8_t *>(words.data()), words.size(), target);
+}
+
+// The path itself when it still leads to the file; in a process of another root, by that root; else, as for a file
+// that was deleted, by the link that the system keeps, which is for the privileged.
+std::string running_source::locate(const mapping &where)
+{
+    const std::string candidates[] = {
+        where.path,
+        fmt::format("/proc/{}/root{}", pid, where.path),
+        fmt::format("/proc/{}/map_files/{:x}-{:x}", pid, where.start, where.end),
+    };
+    for (const std::string &path : candidates)
+        if (is_file(path, where.inode))
+            return path;
+    throw failure(KRV_ELF_ERR_NOTFOUND,
+                  where.path + ": the file that process " + std::to_string(pid) + " has mapped is no longer there");
+}
+
+class live_source : public running_source
+{
+public:
+    explicit live_source(int process) : running_source(KRV_PROC_LIVE, process), stopped(process)
+    {
+        read_program();
+        for (const stopped_process::tracee &t : stopped.threads()) {
+            krv_activation_type_t runs = 0;
+            if (t.stopped)
+                stopped.registers(t.tid, &runs);
+            thread_list.push_back({t.tid, read_name(pid, t.tid), runs});
+        }
+    }
+
+    register_set registers(int tid) override
+    {
+        krv_activation_type_t runs = 0;
+        return stopped.registers(tid, &runs);
+    }
+
+private:
+    stopped_process stopped;
+};
+
+class own_source : public running_source
+{
+public:
+    own_source() : running_source(KRV_PROC_SELF, getpid())
+    {
+        read_program();
+        list();
+    }
+
+    register_set registers(int tid) override
+    {
+        throw failure(KRV_ELF_ERR_NOTFOUND,
+                      fmt::format("thread {} of the calling process is running: it has no registers to read", tid));
+    }
+
+    memory &changing_bytes() override { return raw; }
+    void forget_bytes() override { cache.forget(); }
+
+    void refresh() override
+    {
+        forget_bytes();
+        maps = read_maps(pid);
+        list();
+    }
+
+private:
+    void list()
+    {
+        thread_list.clear();
+        for (const int tid : list_threads(pid))
+            thread_list.push_back({tid, read_name(pid, tid), target});
+    }
+};
+
+} // namespace
+
+auxiliary parse_auxv(const uint8_t *bytes, size_t size, krv_activation_type_t target)
+{
+    return target == KRV_ACTIVATION_AMD64 ? parse_words<uint64_t>(bytes, size) : parse_words<uint32_t>(bytes, size);
+}
+
+const mapping *find_mapping(const std::vector<mapping> &mappings, uint64_t address)
+{
+    const auto next = std::upper_bound(mappings.begin(), mappings.end(), address,
+                                       [](uint64_t a, const mapping &m) { return a < m.start; });
+    return next != mappings.begin() && address < std::prev(next)->end ? &*std::prev(next) : nullptr;
+}
+
+std::unique_ptr<source> attach_source(int pid)
+{
+    if (pid <= 0)
+        throw failure(KRV_ELF_ERR_NOTFOUND, fmt::format("process {}: no such process", pid));
+    const int process = read_status_number(pid, "Tgid"); // of a thread, its process
+    if (process < 0)
+        throw failure(KRV_ELF_ERR_NOTFOUND, fmt::format("process {}: no such process", pid));
+    if (process == getpid())
+        throw failure(KRV_ELF_ERR_SYSTEM, fmt::format("process {}: the calling process cannot stop itself", pid));
+    return std::make_unique<live_source>(process);
+}
+
+std::unique_ptr<source> self_source()
+{
+    return std::make_unique<own_source>();
+}
+
+} // namespace krv_elf_loader

@@ -1,0 +1,296 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "process/module.h"
+
+#include "process/error.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <fmt/format.h>
+#include <sys/mman.h>
+#include <unistd.h>
+
+namespace krv_elf_loader
+{
+
+namespace
+{
+
+constexpr uint64_t PAGE = 4096;
+constexpr uint64_t LARGEST_VDSO = 1 << 20;
+constexpr char VDSO[] = "[vdso]";
+
+uint64_t page_of(uint64_t n)
+{
+    return n & ~(PAGE - 1);
+}
+
+bool is_vdso(const source &from, const mapping &m)
+{
+    return from.aux.vdso != 0 && m.start == from.aux.vdso;
+}
+
+// Reading some devices has effects. A core file has no devices, and not always names.
+bool may_hold_module(const source &from, const mapping &m)
+{
+    if (from.kind == KRV_PROC_CORE)
+        return true;
+    return m.path.starts_with('/') && (!m.path.starts_with("/dev/") || m.path.starts_with("/dev/shm/"));
+}
+
+// What is added to the addresses of an object whose first byte is mapped at `start`.
+std::optional<uint64_t> bias_of(const elf_image &image, uint64_t start)
+{
+    for (const Elf64_Phdr &segment : image.segments)
+        if (segment.p_type == PT_LOAD && page_of(segment.p_offset) == 0)
+            return start - page_of(segment.p_vaddr);
+    return std::nullopt;
+}
+
+// Whether the object's code is mapped where its headers say. That of a file which is only read, as a debugger's, is not.
+bool code_is_mapped(const source &from, const mapping &first, const elf_image &image, uint64_t bias)
+{
+    for (const Elf64_Phdr &segment : image.segments) {
+        if (segment.p_type != PT_LOAD || (segment.p_flags & PF_X) == 0)
+            continue;
+        const uint64_t address = bias + segment.p_vaddr;
+        const mapping *m = find_mapping(from.mappings(), address);
+        if (m == nullptr || !m->executable)
+            continue;
+        if (m->path.empty()) // not recorded, or a copy of it in pages of another size
+            return true;
+        if (m->path == first.path && m->offset + (address - m->start) == segment.p_offset)
+            return true;
+    }
+    return false;
+}
+
+krv_handle_t *new_handle(krv_activation_type_t target)
+{
+    krv_handle_t *hp = korva_handle_alloc(target);
+    if (hp == nullptr)
+        throw failure(KRV_ELF_ERR_NOMEM, "no libkorva handle: out of memory, or disabled by LIBKORVA_OPTIONS");
+    return hp;
+}
+
+struct wanted_section {
+    const char *name;
+    uint64_t address;
+    bool found;
+};
+
+int match_section(krv_elf_t *, const krv_elf_section_t *section, void *arg)
+{
+    auto *wanted = static_cast<wanted_section *>(arg);
+    if (std::strcmp(section->name, wanted->name) != 0)
+        return 0;
+    wanted->address = section->address;
+    wanted->found = true;
+    return 1;
+}
+
+wanted_section find_section(krv_elf_t *elf, const char *name)
+{
+    wanted_section wanted = {name, 0, false};
+    korva_elf_iter_sections(elf, match_section, &wanted);
+    return wanted;
+}
+
+} // namespace
+
+loaded_module::loaded_module(source &from, const mapping &at, elf_image headers, uint64_t load_bias)
+    : process(from), where(at), image(std::move(headers)), path(at.path)
+{
+    const bool vdso = is_vdso(from, at);
+    if (vdso)
+        path = VDSO;
+    record.start = load_bias + image.start;
+    record.end = load_bias + image.end;
+    record.bias = load_bias;
+    record.target = image.target;
+    build_id = read_build_id(from.bytes(), image, load_bias);
+    if (const Elf64_Phdr *header = image.find(PT_GNU_EH_FRAME); header != nullptr) {
+        record.eh_frame_hdr = load_bias + header->p_vaddr;
+        record.eh_frame = read_eh_frame_address(from.bytes(), image.target, record.eh_frame_hdr);
+    }
+    if (covers(from.aux.program_headers) || covers(from.aux.entry))
+        record.flags |= KRV_PROC_MODULE_F_MAIN;
+    if (vdso)
+        record.flags |= KRV_PROC_MODULE_F_VDSO;
+    if (at.deleted)
+        record.flags |= KRV_PROC_MODULE_F_DELETED;
+    if (!vdso && !path.empty() && from.mismatched(at))
+        record.flags |= KRV_PROC_MODULE_F_MISMATCH;
+    record.path = path.c_str();
+    record.build_id = build_id.empty() ? nullptr : build_id.data();
+    record.build_id_size = build_id.size();
+}
+
+loaded_module::~loaded_module()
+{
+    korva_handle_free(unwind_handle);
+    korva_elf_close(file);
+}
+
+bool loaded_module::same_as(const loaded_module &other) const
+{
+    return record.start == other.record.start && record.end == other.record.end && path == other.path &&
+           build_id == other.build_id;
+}
+
+int64_t loaded_module::read(void *arg, void *buf, size_t count, uint64_t address)
+{
+    auto *m = static_cast<loaded_module *>(arg);
+    return guarded<int64_t>(nullptr, -1, [&]() -> int64_t {
+        if (!m->process.bytes().read(address, buf, count))
+            return -1;
+        m->view.correct(address, buf, count);
+        return static_cast<int64_t>(count);
+    });
+}
+
+krv_elf_t *loaded_module::open_vdso()
+{
+    std::vector<uint8_t> bytes(std::min(where.end - where.start, LARGEST_VDSO));
+    if (!process.bytes().read(where.start, bytes.data(), bytes.size()))
+        throw failure(KRV_ELF_ERR_NOTFOUND, "[vdso]: its memory cannot be read");
+    const int fd = memfd_create("vdso", MFD_CLOEXEC);
+    if (fd < 0)
+        throw failure(KRV_ELF_ERR_SYSTEM, std::string("[vdso]: ") + std::strerror(errno));
+    krv_elf_error_t error = {};
+    krv_elf_t *elf = nullptr;
+    if (write(fd, bytes.data(), bytes.size()) == static_cast<ssize_t>(bytes.size()))
+        elf = korva_elf_open(fmt::format("/proc/self/fd/{}", fd).c_str(), KRV_ELF_F_NONE, &error);
+    close(fd);
+    if (elf == nullptr)
+        throw failure(error.code != 0 ? error.code : KRV_ELF_ERR_SYSTEM, std::string("[vdso]: ") + error.message);
+    return elf;
+}
+
+krv_elf_t *loaded_module::open()
+{
+    if ((record.flags & KRV_PROC_MODULE_F_VDSO) != 0)
+        return open_vdso();
+    if (path.empty())
+        throw failure(KRV_ELF_ERR_NOTFOUND, fmt::format("module at {:#x}: of no known file", record.start));
+    krv_elf_error_t error = {};
+    krv_elf_t *elf = korva_elf_open(process.locate(where).c_str(), KRV_ELF_F_NONE, &error);
+    if (elf == nullptr)
+        throw failure(error.code, error.message);
+    return elf;
+}
+
+krv_elf_t *loaded_module::elf()
+{
+    if (file_failure)
+        throw failure(*file_failure);
+    if (file != nullptr)
+        return file;
+    try {
+        file = open();
+    } catch (const failure &f) {
+        if (f.code != KRV_ELF_ERR_NOMEM) // which says nothing about the file
+            file_failure.emplace(f);
+        throw;
+    }
+    return file;
+}
+
+// Without .eh_frame_hdr only the section headers know, and they are in the file alone.
+uint64_t loaded_module::find_eh_frame()
+{
+    if (record.eh_frame != 0)
+        return record.eh_frame;
+    try {
+        const wanted_section section = find_section(elf(), ".eh_frame");
+        return section.address == 0 ? 0 : record.bias + section.address;
+    } catch (const failure &f) {
+        if (f.code == KRV_ELF_ERR_NOMEM)
+            throw;
+        return 0;
+    }
+}
+
+// That of the segment; failing that, of the module.
+uint64_t loaded_module::end_of_eh_frame(uint64_t start) const
+{
+    uint64_t end = record.end;
+    for (const Elf64_Phdr &segment : image.segments)
+        if (segment.p_type == PT_LOAD && start - record.bias - segment.p_vaddr < segment.p_memsz)
+            end = record.bias + segment.p_vaddr + segment.p_memsz;
+    return end;
+}
+
+// Kept when all of it is there: a later query tries again.
+void loaded_module::prepare()
+{
+    if (unwind_handle != nullptr)
+        return;
+    std::unique_ptr<krv_handle_t, decltype(&korva_handle_free)> fresh(new_handle(record.target), korva_handle_free);
+    korva_attach_as(fresh.get(), read, this);
+    const uint64_t start = find_eh_frame();
+    eh_frame_view corrected;
+    if (start != 0)
+        corrected.scan(process.bytes(), record.target, start, end_of_eh_frame(start));
+    if (!corrected.empty()) { // else the core, too, would find nothing, but say that the section is damaged
+        if (record.eh_frame_hdr != 0)
+            korva_handle_set_opt(fresh.get(), KRV_OPT_EH_FRAME_HDR_ADDR, record.eh_frame_hdr);
+        korva_handle_set_opt(fresh.get(), KRV_OPT_EH_FRAME_ADDR, start);
+    }
+    view = std::move(corrected);
+    unwind_handle = fresh.release();
+}
+
+krv_handle_t *loaded_module::handle()
+{
+    prepare();
+    return unwind_handle;
+}
+
+krv_handle_t *loaded_module::debug_frame_handle()
+{
+    if (debug_frame_known)
+        return debug_handle;
+    try {
+        if (find_section(elf(), ".debug_frame").found || find_section(elf(), ".zdebug_frame").found) {
+            debug_handle = korva_elf_get_handle(elf());
+            korva_attach_as(debug_handle, read, this);
+        }
+    } catch (const failure &f) {
+        if (f.code == KRV_ELF_ERR_NOMEM)
+            throw;
+        // No file, no .debug_frame. Who wants to know why asks for the file.
+    }
+    debug_frame_known = true;
+    return debug_handle;
+}
+
+bool loaded_module::signal_frame(uint64_t pc)
+{
+    prepare();
+    return view.signal_frame(pc);
+}
+
+std::vector<std::unique_ptr<loaded_module>> find_modules(source &from)
+{
+    std::vector<std::unique_ptr<loaded_module>> found;
+    uint64_t covered = 0; // up to here by the module before
+    for (const mapping &m : from.mappings()) {
+        const bool vdso = is_vdso(from, m);
+        if (m.start < covered || m.offset != 0 || (!vdso && !may_hold_module(from, m)))
+            continue;
+        auto image = read_elf_image(from.bytes(), m.start);
+        if (!image || image->x32 || (image->type != ET_EXEC && image->type != ET_DYN))
+            continue;
+        const auto bias = bias_of(*image, m.start);
+        if (!bias || *bias + image->end <= m.start || *bias + image->start > m.start)
+            continue;
+        if (!vdso && !code_is_mapped(from, m, *image, *bias))
+            continue;
+        covered = *bias + image->end;
+        found.push_back(std::make_unique<loaded_module>(from, m, std::move(*image), *bias));
+    }
+    return found;
+}
+
+} // namespace krv_elf_loader

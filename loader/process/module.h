@@ -1,0 +1,74 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// ELF objects in the memory of a process: found by their headers among the mappings, and for each what it takes to
+// leave its frames.
+#ifndef KRV_PROC_MODULE_H
+#define KRV_PROC_MODULE_H
+
+#include "elf/file.h"
+#include "process/eh_frame.h"
+#include "process/image.h"
+#include "process/source.h"
+
+#include <memory>
+#include <optional>
+
+namespace krv_elf_loader
+{
+
+class loaded_module
+{
+public:
+    loaded_module(source &from, const mapping &at, elf_image headers, uint64_t load_bias);
+    ~loaded_module();
+    loaded_module(const loaded_module &) = delete;
+    loaded_module &operator=(const loaded_module &) = delete;
+
+    const krv_proc_module_t &shown() const { return record; }
+    bool same_as(const loaded_module &other) const;
+    bool covers(uint64_t address) const { return address >= record.start && address < record.end; }
+
+    // The module's file. Throws failure, every time the same.
+    krv_elf_t *elf();
+
+    // Why elf() failed, when it was called and did; else "".
+    std::string file_problem() const { return file_failure ? file_failure->what() : ""; }
+
+    // The handle that reads .eh_frame in memory. Throws failure.
+    krv_handle_t *handle();
+
+    // The handle that reads the file's .debug_frame, which knows addresses without bias. NULL when there is none.
+    krv_handle_t *debug_frame_handle();
+
+    // Whether `pc` is in the trampoline of a signal handler.
+    bool signal_frame(uint64_t pc);
+
+private:
+    static int64_t read(void *arg, void *buf, size_t count, uint64_t address); // memory as the handle sees it
+    krv_elf_t *open();
+    krv_elf_t *open_vdso();
+    uint64_t find_eh_frame();
+    uint64_t end_of_eh_frame(uint64_t start) const;
+    void prepare();
+
+    source &process;
+    mapping where; // the first of its mappings
+    elf_image image;
+    std::string path;
+    std::vector<uint8_t> build_id;
+    krv_proc_module_t record = {};
+
+    eh_frame_view view;
+    krv_handle_t *unwind_handle = nullptr;
+    krv_elf_t *file = nullptr;
+    std::optional<failure> file_failure;
+    bool debug_frame_known = false;
+    krv_handle_t *debug_handle = nullptr; // that of `file`
+};
+
+// The modules of a process, ascending by address.
+std::vector<std::unique_ptr<loaded_module>> find_modules(source &from);
+
+} // namespace krv_elf_loader
+
+#endif

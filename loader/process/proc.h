@@ -1,0 +1,29 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// A process under inspection: a source of facts, and the modules found in its memory.
+#ifndef KRV_PROC_H
+#define KRV_PROC_H
+
+#include "libkorva-proc.h"
+
+#include "process/module.h"
+#include "process/source.h"
+
+struct krv_proc {
+    explicit krv_proc(std::unique_ptr<krv_elf_loader::source> from);
+
+    // The module that covers an address, or NULL.
+    krv_elf_loader::loaded_module *find(uint64_t address);
+
+    // The module of a record that was handed out, also one that is no longer loaded. Throws failure for any other.
+    krv_elf_loader::loaded_module &module_of(const krv_proc_module_t *record);
+
+    // Looks at modules and threads again. Records handed out stay.
+    void refresh();
+
+    std::unique_ptr<krv_elf_loader::source> from;
+    std::vector<std::unique_ptr<krv_elf_loader::loaded_module>> modules; // ascending by address
+    std::vector<std::unique_ptr<krv_elf_loader::loaded_module>> retired; // no longer loaded
+};
+
+#endif

@@ -1,0 +1,83 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// Where the facts about a process come from: the system, for a live process and for the calling one, or a core file.
+// A source knows memory, mappings and threads; it knows nothing of ELF objects in that memory, let alone of frames.
+#ifndef KRV_PROC_SOURCE_H
+#define KRV_PROC_SOURCE_H
+
+#include "process/memory.h"
+#include "process/registers.h"
+
+#include "libkorva-proc.h"
+
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace krv_elf_loader
+{
+
+// A range of the process's addresses.
+struct mapping {
+    uint64_t start;
+    uint64_t end;
+    uint64_t offset; // in the file
+    uint64_t inode;  // of the file, 0 when not known
+    bool executable;
+    bool deleted;
+    std::string path; // as the process knows it; "" when no file is mapped, or which one is not known
+};
+
+// What the system told the program at its start. 0: it did not.
+struct auxiliary {
+    uint64_t program_headers = 0; // AT_PHDR, those of the main executable in memory
+    uint64_t entry = 0;           // AT_ENTRY
+    uint64_t vdso = 0;            // AT_SYSINFO_EHDR
+};
+
+struct thread {
+    int tid;
+    std::string name;
+    krv_activation_type_t target; // 0: could not be stopped
+};
+
+class source
+{
+public:
+    virtual ~source() = default;
+
+    virtual memory &bytes() = 0;                              // kept in pages
+    virtual memory &changing_bytes() { return bytes(); }      // as they are now, of a process that runs
+    virtual const std::vector<mapping> &mappings() const = 0; // ascending by address
+    virtual const std::vector<thread> &threads() const = 0;
+    virtual register_set registers(int tid) = 0; // throws failure
+
+    // A path under which the file mapped at `where` can be opened. Throws failure.
+    virtual std::string locate(const mapping &where) = 0;
+    // Whether the file that locate would have given is another one than was mapped.
+    virtual bool mismatched(const mapping &) { return false; }
+
+    // Of a process that runs: what was kept of memory is no longer so; mappings and threads may be others.
+    virtual void forget_bytes() {}
+    virtual void refresh() {}
+
+    int kind = 0; // KRV_PROC_*
+    int pid = 0;
+    int signal = 0;
+    krv_activation_type_t target = 0; // of the main executable
+    auxiliary aux;
+};
+
+std::unique_ptr<source> attach_source(int pid);                                       // throws failure
+std::unique_ptr<source> core_source(const std::string &core, const std::string &exe); // throws failure
+std::unique_ptr<source> self_source();                                                // throws failure
+
+// The auxiliary vector in `size` bytes at `bytes`, of words as wide as the target's.
+auxiliary parse_auxv(const uint8_t *bytes, size_t size, krv_activation_type_t target);
+
+// The mapping that covers an address, or NULL.
+const mapping *find_mapping(const std::vector<mapping> &mappings, uint64_t address);
+
+} // namespace krv_elf_loader
+
+#endif

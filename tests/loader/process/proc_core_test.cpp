@@ -1,0 +1,326 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// Core files: of the system, of gdb, and a 32-bit one made here, whole, cut short and damaged.
+#include "core32.h"
+#include "process/image.h"
+
+#include <csignal>
+#include <cstring>
+#include <elf.h>
+#include <filesystem>
+#include <fstream>
+#include <random>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+using namespace krv_test;
+
+namespace
+{
+
+namespace fs = std::filesystem;
+
+class CoreFile : public testing::Test
+{
+protected:
+    void SetUp() override
+    {
+        std::string name = fs::temp_directory_path() / "korva-core-XXXXXX";
+        ASSERT_NE(mkdtemp(name.data()), nullptr);
+        dir = name;
+    }
+    void TearDown() override { fs::remove_all(dir); }
+
+    proc_ptr open(const fs::path &core, const std::string &exe = "")
+    {
+        error = {};
+        return proc_ptr(korva_proc_open_core(core.c_str(), exe.empty() ? nullptr : exe.c_str(), &error));
+    }
+
+    // Has the system write a core file of a crash. False, with the reason, where it does not.
+    bool crash(const char *filter, std::string *why)
+    {
+        std::ifstream pattern("/proc/sys/kernel/core_pattern");
+        std::getline(pattern, *why);
+        if (why->empty() || why->find_first_of("|/%") != std::string::npos) {
+            *why = "core_pattern is \"" + *why + "\": core files go elsewhere";
+            return false;
+        }
+        const int child = fork();
+        if (child == 0) {
+            const rlimit all = {RLIM_INFINITY, RLIM_INFINITY};
+            if (chdir(dir.c_str()) == 0 && setrlimit(RLIMIT_CORE, &all) == 0) {
+                std::ofstream("/proc/self/coredump_filter") << filter;
+                execl(target_path("target_o2").c_str(), "target_o2", "crash", "40", nullptr);
+            }
+            _exit(1);
+        }
+        int status = 0;
+        waitpid(child, &status, 0);
+        for (const auto &file : fs::directory_iterator(dir))
+            if (file.path().filename().string().starts_with("core"))
+                fs::rename(file.path(), dir / "crash");
+        *why = "no core file was written";
+        return WIFSIGNALED(status) && WCOREDUMP(status) && fs::exists(dir / "crash");
+    }
+
+    bool gcore(int pid, const char *name)
+    {
+        const std::string made = name + std::string(".") + std::to_string(pid);
+        output_of("cd " + dir.string() + " && gcore -o " + name + " " + std::to_string(pid));
+        if (!fs::exists(dir / made))
+            return false;
+        fs::rename(dir / made, dir / name);
+        return true;
+    }
+
+    fs::path fifo()
+    {
+        EXPECT_EQ(mkfifo((dir / "fifo").c_str(), 0600), 0);
+        return dir / "fifo";
+    }
+
+    std::string read(const fs::path &path)
+    {
+        std::ifstream in(path, std::ios::binary);
+        return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
+    }
+
+    fs::path write(const char *name, const void *data, size_t size)
+    {
+        std::ofstream(dir / name, std::ios::binary)
+            .write(static_cast<const char *>(data), static_cast<std::streamsize>(size));
+        return dir / name;
+    }
+
+    // Everything that there is to ask. Whatever it says, it must say it.
+    void ask(krv_proc_t *proc)
+    {
+        our_stacks(proc);
+        korva_proc_iter_modules(
+            proc,
+            [](krv_proc_t *p, const krv_proc_module_t *module, void *) {
+                krv_elf_error_t told = {};
+                if (korva_proc_module_elf(p, module, &told) == nullptr) {
+                    EXPECT_NE(told.message[0], '\0');
+                }
+                return 0;
+            },
+            nullptr);
+    }
+
+    fs::path dir;
+    krv_elf_error_t error = {};
+};
+
+TEST_F(CoreFile, OfACrash)
+{
+    // Without the pages of files, code comes from the files; with all of them, from the core file.
+    for (const char *filter : {"0x33", "0x21", "0x7f"}) {
+        std::string why;
+        if (!crash(filter, &why))
+            GTEST_SKIP() << why;
+        const proc_ptr proc = open(dir / "crash");
+        ASSERT_NE(proc, nullptr) << error.message;
+        krv_proc_info_t info;
+        korva_proc_get_info(proc.get(), &info);
+        EXPECT_EQ(info.kind, KRV_PROC_CORE);
+        EXPECT_EQ(info.signal, SIGABRT);
+        EXPECT_EQ(info.exe, target_path("target_o2"));
+        const stacks ours = our_stacks(proc.get());
+        ASSERT_EQ(ours.size(), 1U);
+        EXPECT_GT(ours.begin()->second.size(), 45U);
+        EXPECT_EQ(ours.begin()->first, info.pid);
+        if (filter == std::string("0x21")) // without a page that names them, the other tool finds no files
+            continue;
+        const stacks theirs = eu_stacks("--core " + (dir / "crash").string());
+        if (theirs.empty())
+            GTEST_SKIP() << "eu-stack is missing, or could not read the core file: nothing to compare with";
+        EXPECT_EQ(ours, theirs);
+    }
+}
+
+TEST_F(CoreFile, TakesNothingFromAnotherFile)
+{
+    const running_target target("target_o2", "pause");
+    ASSERT_TRUE(target.ready());
+    if (!gcore(target.pid(), "g"))
+        GTEST_SKIP() << "gcore is missing, or could not read the process";
+    const proc_ptr proc = open(dir / "g", target_path("target_o0"));
+    ASSERT_NE(proc, nullptr) << error.message;
+    const walked w = walk_thread(proc.get(), target.pid());
+    EXPECT_EQ(w.end.reason, KRV_PROC_END_NO_FDE);
+    EXPECT_NE(std::string(w.end.message).find("build-id"), std::string::npos) << w.end.message;
+    ASSERT_FALSE(w.frames.empty());
+    const krv_proc_module_t *module = w.frames.back().module;
+    ASSERT_NE(module, nullptr);
+    EXPECT_NE(module->flags & KRV_PROC_MODULE_F_MISMATCH, 0U);
+    EXPECT_EQ(korva_proc_module_elf(proc.get(), module, &error), nullptr);
+    EXPECT_EQ(error.code, KRV_ELF_ERR_NOTFOUND);
+    EXPECT_NE(std::string(error.message).find("build-id"), std::string::npos) << error.message;
+}
+
+TEST_F(CoreFile, CutShort)
+{
+    std::string why;
+    if (!crash("0x33", &why))
+        GTEST_SKIP() << why;
+    const std::string whole = read(dir / "crash");
+    int opened = 0;
+    for (size_t size = 0; size < whole.size(); size += size < 16384 ? 487 : whole.size() / 23) {
+        const proc_ptr proc = open(write("short", whole.data(), size));
+        if (proc == nullptr) {
+            EXPECT_EQ(error.code, KRV_ELF_ERR_FORMAT) << error.message;
+            EXPECT_NE(std::string(error.message).find("short: "), std::string::npos) << error.message;
+            continue;
+        }
+        ++opened;
+        ask(proc.get());
+    }
+    EXPECT_GT(opened, 10);
+}
+
+TEST_F(CoreFile, ThatIsNone)
+{
+    const struct {
+        std::string path;
+        int code;
+        const char *text;
+    } cases[] = {
+        {dir / "absent", KRV_ELF_ERR_SYSTEM, "No such file"},
+        {dir, KRV_ELF_ERR_FORMAT, "not a regular file"},
+        {write("empty", "", 0), KRV_ELF_ERR_FORMAT, "not an ELF file"},
+        {write("text", "once upon a time", 16), KRV_ELF_ERR_FORMAT, "not an ELF file"},
+        {target_path("target_o2"), KRV_ELF_ERR_FORMAT, "not a core file"},
+        {fifo(), KRV_ELF_ERR_FORMAT, "not a regular file"}, // without waiting for its writer
+    };
+    for (const auto &c : cases) {
+        EXPECT_EQ(open(c.path), nullptr);
+        EXPECT_EQ(error.code, c.code) << error.message;
+        EXPECT_NE(std::string(error.message).find(c.text), std::string::npos) << error.message;
+    }
+    EXPECT_EQ(korva_proc_open_core(nullptr, nullptr, nullptr), nullptr);
+}
+
+class CoreFile32 : public CoreFile
+{
+protected:
+    walked walk(const core32 &core, const std::string &exe = "")
+    {
+        const bytes b = core.build();
+        const proc_ptr proc = open(write("core32", b.data(), b.size()), exe);
+        EXPECT_NE(proc, nullptr) << error.message;
+        return proc == nullptr ? walked{} : walk_thread(proc.get(), 4711);
+    }
+};
+
+TEST_F(CoreFile32, IsWalkedOnA64BitSystem)
+{
+    const core32 core;
+    const walked w = walk(core);
+    EXPECT_EQ(w.end.reason, KRV_PROC_END_OUTERMOST) << w.end.message;
+    const std::vector<uint64_t> expected = {core.symbol("in_deepest"), core.symbol("in_leaf"), core.symbol("in_middle"),
+                                            core.symbol("in_start")};
+    EXPECT_EQ(w.pcs(), expected);
+    ASSERT_EQ(w.frames.size(), 4U);
+    EXPECT_EQ(w.frames[2].cfa, core32::sp + 52);
+    const stacks theirs = gdb_stacks(target_path("frames32") + " " + (dir / "core32").string());
+    if (theirs.empty())
+        GTEST_SKIP() << "gdb is missing, or could not read the core file: nothing to compare with";
+    EXPECT_EQ(w.pcs(), theirs.at(4711));
+}
+
+TEST_F(CoreFile32, FindsTheExecutableWhereItIsTold)
+{
+    core32 core;
+    core.program = "/nowhere/frames32";
+    EXPECT_EQ(walk(core).frames.size(), 1U);
+    EXPECT_EQ(walk(core, target_path("frames32")).frames.size(), 4U);
+}
+
+TEST_F(CoreFile32, WalksEndForTheReasonTheyGive)
+{
+    core32 lost;
+    lost.pc = 0x1234;
+    const walked nowhere = walk(lost);
+    EXPECT_EQ(nowhere.end.reason, KRV_PROC_END_NO_FDE);
+    EXPECT_NE(std::string(nowhere.end.message).find("no module"), std::string::npos) << nowhere.end.message;
+
+    core32 zero;
+    zero.stack_bytes.set(0x100, 0, 4);
+    EXPECT_EQ(walk(zero).end.reason, KRV_PROC_END_OUTERMOST);
+
+    core32 cycle; // middle is called by itself, with its own frame
+    cycle.stack_bytes.set(0x100 + 44, cycle.ebp, 4).set(0x100 + 48, cycle.symbol("in_middle"), 4);
+    const walked round = walk(cycle);
+    EXPECT_EQ(round.end.reason, KRV_PROC_END_NO_PROGRESS) << round.end.message;
+    EXPECT_LT(round.frames.size(), 10U);
+
+    core32 cut;
+    cut.stack_bytes = cut.stack_bytes.first(0x100 + 10);
+    const walked torn = walk(cut);
+    EXPECT_EQ(torn.end.reason, KRV_PROC_END_ERROR);
+    EXPECT_EQ(torn.end.code, KRV_ERR_IO) << torn.end.message;
+    EXPECT_EQ(torn.frames.size(), 2U);
+}
+
+TEST_F(CoreFile32, WithAbsurdSizes)
+{
+    for (const uint32_t claimed : {0xffffffffU, 0x7fffffffU, 1U, 8U, 21U}) {
+        core32 core;
+        core.note_size = claimed;
+        const bytes b = core.build();
+        const proc_ptr proc = open(write("absurd", b.data(), b.size()));
+        ASSERT_NE(proc, nullptr) << error.message;
+        ask(proc.get());
+        EXPECT_EQ(walk_thread(proc.get(), 4711).frames.size(), 1U) << claimed;
+    }
+}
+
+TEST_F(CoreFile32, Damaged)
+{
+    const bytes whole = core32().build();
+    std::mt19937 random(3);
+    int opened = 0;
+    for (int round = 0; round < 600; ++round) {
+        std::vector<uint8_t> damaged(whole.data(), whole.data() + whole.size());
+        const size_t headers = std::min<size_t>(whole.size(), 600); // the stack comes behind them
+        for (unsigned i = 0; i < 1 + random() % 4; ++i)
+            damaged[random() % headers] = static_cast<uint8_t>(i % 2 == 0 ? 0xff << random() % 8 : random());
+        const proc_ptr proc = open(write("damaged", damaged.data(), damaged.size()));
+        EXPECT_EQ(proc == nullptr, error.message[0] != '\0');
+        if (proc != nullptr) {
+            ++opened;
+            ask(proc.get());
+        }
+    }
+    EXPECT_GT(opened, 100);
+}
+
+// Any number of mappings of a core file may begin with such a header.
+TEST(ElfImage, OfALoadedObjectHasFewSegments)
+{
+    struct zeros : krv_elf_loader::memory {
+        Elf64_Ehdr header = {};
+        unsigned reads = 0;
+        bool read(uint64_t address, void *buf, size_t count) override
+        {
+            ++reads;
+            std::memset(buf, 0, count);
+            if (address == 0)
+                std::memcpy(buf, &header, std::min(count, sizeof(header)));
+            return true;
+        }
+    } mem;
+    std::memcpy(mem.header.e_ident, ELFMAG "\2\1", 6);
+    mem.header.e_machine = EM_X86_64;
+    mem.header.e_phentsize = sizeof(Elf64_Phdr);
+    mem.header.e_phnum = 0xfffe;
+    EXPECT_EQ(krv_elf_loader::read_elf_image(mem, 0)->segments.size(), 0x10000 / sizeof(Elf64_Phdr));
+    EXPECT_LT(mem.reads, 2000U);
+    EXPECT_EQ(krv_elf_loader::read_elf_image(mem, 0, true)->segments.size(), 0xfffeU);
+}
+
+} // namespace

@@ -1,0 +1,412 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// Live processes: that they are left as they were found, and what is told of their memory, modules and threads.
+#include "process.h"
+
+#include "process/memory.h"
+#include "process/ptrace.h"
+#include "process/registers.h"
+#include "process/status.h"
+
+#include <csignal>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <random>
+#include <set>
+#include <sys/user.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+using namespace krv_test;
+using namespace krv_elf_loader;
+
+namespace
+{
+
+namespace fs = std::filesystem;
+
+class Process : public testing::Test
+{
+protected:
+    void SetUp() override
+    {
+        std::string why;
+        if (!may_trace(&why))
+            GTEST_SKIP() << why;
+    }
+
+    proc_ptr attach(int pid)
+    {
+        proc_ptr proc(korva_proc_attach(pid, &error));
+        EXPECT_NE(proc, nullptr) << error.message;
+        return proc;
+    }
+
+    krv_elf_error_t error = {};
+};
+
+// What an iterator of a process visits.
+template <typename T, typename Iterate>
+std::vector<T> all_of(krv_proc_t *proc, Iterate iterate)
+{
+    std::vector<T> all;
+    iterate(
+        proc,
+        [](krv_proc_t *, auto *visited, void *arg) {
+            if constexpr (std::is_pointer_v<T>)
+                static_cast<std::vector<T> *>(arg)->push_back(visited);
+            else
+                static_cast<std::vector<T> *>(arg)->push_back(*visited);
+            return 0;
+        },
+        &all);
+    return all;
+}
+
+TEST_F(Process, StoppedOneStaysStopped)
+{
+    const running_target target("target_o2", "threads", 3);
+    ASSERT_TRUE(target.ready());
+    kill(target.pid(), SIGSTOP);
+    ASSERT_TRUE(target.wait_for_state('T'));
+    proc_ptr proc = attach(target.pid());
+    EXPECT_EQ(walk_thread(proc.get(), target.pid()).end.reason, KRV_PROC_END_OUTERMOST);
+    proc.reset();
+    for (const auto &task : fs::directory_iterator("/proc/" + std::to_string(target.pid()) + "/task")) {
+        const int tid = std::stoi(task.path().filename());
+        EXPECT_TRUE(wait_for_state(tid, 'T')) << "and not traced";
+        EXPECT_EQ(status_of(tid, "TracerPid"), "0");
+    }
+    kill(target.pid(), SIGCONT);
+    EXPECT_TRUE(target.wait_for_state('S'));
+}
+
+TEST_F(Process, ThreadsCreatedMeanwhileAreStopped)
+{
+    const running_target target("target_o2", "create");
+    ASSERT_TRUE(target.ready());
+    for (int i = 0; i < 20; ++i) {
+        const proc_ptr proc = attach(target.pid());
+        std::set<int> told;
+        for (const auto &thread : all_of<krv_proc_thread_t>(proc.get(), korva_proc_iter_threads))
+            told.insert(thread.tid);
+        for (const int tid : list_threads(target.pid())) {
+            EXPECT_EQ(told.count(tid), 1U);
+            EXPECT_EQ(state_of(tid), 't');
+        }
+    }
+    EXPECT_EQ(status_of(target.pid(), "TracerPid"), "0");
+}
+
+TEST_F(Process, LosesNoSignal)
+{
+    const running_target target("target_o2", "count");
+    ASSERT_TRUE(target.ready());
+    constexpr int MANY = 500;
+    for (int i = 0; i < MANY; ++i) {
+        ASSERT_EQ(sigqueue(target.pid(), SIGRTMIN, {}), 0);
+        if (i % 5 == 0)
+            attach(target.pid());
+        else if (i % 7 == 0)
+            usleep(100);
+    }
+    std::string seen;
+    char piece[MANY];
+    while (seen.size() < MANY) {
+        const ssize_t got = read(target.output(), piece, sizeof(piece));
+        ASSERT_GT(got, 0);
+        seen.append(piece, static_cast<size_t>(got));
+    }
+    EXPECT_EQ(seen, std::string(MANY, 'x'));
+}
+
+TEST_F(Process, KilledMeanwhileIsStillItsParentsToCollect)
+{
+    const running_target target("target_o2", "threads", 3);
+    ASSERT_TRUE(target.ready());
+    proc_ptr proc = attach(target.pid());
+    kill(target.pid(), SIGKILL);
+    ASSERT_TRUE(target.wait_for_state('Z'));
+    EXPECT_EQ(walk_thread(proc.get(), target.pid()).end.reason, KRV_PROC_END_ERROR);
+    proc.reset();
+    int status = 0;
+    ASSERT_EQ(waitpid(target.pid(), &status, 0), target.pid());
+    EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL);
+}
+
+// Whatever ends us in the middle of a walk, the process runs on.
+TEST_F(Process, RunsOnWhenWeDie)
+{
+    for (const int signal : {SIGINT, SIGTERM, SIGKILL}) {
+        const running_target target("target_o2", "threads", 5);
+        ASSERT_TRUE(target.ready());
+        const int tracer = fork();
+        if (tracer == 0) {
+            krv_proc_t *proc = korva_proc_attach(target.pid(), nullptr);
+            if (proc != nullptr)
+                korva_proc_walk(
+                    proc, target.pid(), 0,
+                    [](krv_proc_t *, const krv_proc_frame_t *, void *) -> int {
+                        for (;;)
+                            pause();
+                    },
+                    nullptr, nullptr);
+            _exit(1);
+        }
+        EXPECT_TRUE(target.wait_for_state('t'));
+        kill(tracer, signal);
+        int status = 0;
+        waitpid(tracer, &status, 0);
+        EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == signal);
+        EXPECT_TRUE(target.wait_for_state('S'));
+        for (const int tid : list_threads(target.pid()))
+            EXPECT_EQ(status_of(tid, "TracerPid"), "0");
+    }
+}
+
+TEST_F(Process, InUninterruptibleSleepIsListedAndLeftAlone)
+{
+    const running_target target("target_o2", "vfork");
+    ASSERT_TRUE(target.ready());
+    const proc_ptr proc = attach(target.pid());
+    const auto threads = all_of<krv_proc_thread_t>(proc.get(), korva_proc_iter_threads);
+    ASSERT_EQ(threads.size(), 1U);
+    EXPECT_EQ(threads[0].target, 0);
+    EXPECT_EQ(status_of(target.pid(), "TracerPid"), "0");
+    const walked w = walk_thread(proc.get(), target.pid());
+    EXPECT_EQ(w.end.reason, KRV_PROC_END_ERROR);
+    EXPECT_NE(std::string(w.end.message).find("uninterruptible"), std::string::npos) << w.end.message;
+}
+
+TEST_F(Process, RefusalsSayWhy)
+{
+    const running_target target("target_o2", "pause");
+    ASSERT_TRUE(target.ready());
+    const proc_ptr first = attach(target.pid());
+    const int dead = fork();
+    if (dead == 0)
+        _exit(0);
+    for (int i = 0; i < 1000 && state_of(dead) != 'Z'; ++i)
+        usleep(10'000);
+    const struct {
+        int pid, code;
+        const char *text;
+    } cases[] = {
+        {0, KRV_ELF_ERR_NOTFOUND, "no such process"},          {-1, KRV_ELF_ERR_NOTFOUND, "no such process"},
+        {0x7ffffff0, KRV_ELF_ERR_NOTFOUND, "no such process"}, {dead, KRV_ELF_ERR_NOTFOUND, "it has ended"},
+        {getpid(), KRV_ELF_ERR_SYSTEM, "the calling process"}, {target.pid(), KRV_ELF_ERR_SYSTEM, "traces it"},
+    };
+    for (const auto &c : cases) {
+        krv_elf_error_t told = {};
+        EXPECT_EQ(korva_proc_attach(c.pid, &told), nullptr);
+        EXPECT_EQ(told.code, c.code) << told.message;
+        EXPECT_NE(std::string(told.message).find(c.text), std::string::npos) << told.message;
+        EXPECT_EQ(korva_proc_attach(c.pid, nullptr), nullptr);
+    }
+    waitpid(dead, nullptr, 0);
+}
+
+TEST_F(Process, MemoryIsWhatDirectReadsGive)
+{
+    const running_target target("target_o2", "recurse", 100);
+    ASSERT_TRUE(target.ready());
+    const proc_ptr proc = attach(target.pid());
+    const input_file mem("/proc/" + std::to_string(target.pid()) + "/mem");
+    ASSERT_TRUE(mem.is_open());
+    const std::vector<mapping> maps = read_maps(target.pid());
+    std::mt19937_64 random(1);
+    int good = 0;
+    for (int i = 0; i < 3000; ++i) {
+        const mapping &m = maps[random() % maps.size()];
+        const uint64_t address = m.start - 64 + random() % (m.end - m.start + 128); // over both ends, too
+        const size_t count = 1 + random() % (i % 10 == 0 ? 20000 : 40);
+        std::vector<uint8_t> ours(count, 0xaa), direct(count, 0xbb);
+        const bool readable = mem.read(address, direct.data(), count);
+        const int64_t got = korva_proc_read(proc.get(), ours.data(), count, address);
+        ASSERT_EQ(got, readable ? static_cast<int64_t>(count) : -1) << std::hex << address << "+" << count;
+        if (readable) {
+            ASSERT_EQ(ours, direct) << std::hex << address << "+" << count;
+        }
+        good += readable ? 1 : 0;
+    }
+    EXPECT_GT(good, 1000);
+    EXPECT_EQ(korva_proc_read(proc.get(), &good, sizeof(good), UINT64_MAX - 1), -1);
+    EXPECT_EQ(korva_proc_read(proc.get(), &good, 0, 0), 0);
+}
+
+// Memory with a hole and an odd end, which counts how often it is asked.
+struct holed_memory : memory {
+    std::vector<uint8_t> bytes = std::vector<uint8_t>(3 * 4096 + 100);
+    int reads = 0;
+    bool read(uint64_t address, void *buf, size_t count) override
+    {
+        ++reads;
+        const uint64_t base = 0x10000, hole = base + 4096, hole_end = hole + 4096;
+        if (address < base || address - base > bytes.size() || count > bytes.size() - (address - base) ||
+            (address < hole_end && address + count > hole))
+            return false;
+        std::memcpy(buf, &bytes[address - base], count);
+        return true;
+    }
+};
+
+TEST(PageCache, IsTheMemoryBelow)
+{
+    holed_memory below;
+    std::mt19937 random(2);
+    for (uint8_t &b : below.bytes)
+        b = static_cast<uint8_t>(random());
+    page_cache cache(below);
+    for (int i = 0; i < 5000; ++i) {
+        const uint64_t address = 0xff00 + random() % 0x3300;
+        const size_t count = random() % 200;
+        std::vector<uint8_t> ours(count), direct(count);
+        const bool readable = count == 0 || below.read(address, direct.data(), count);
+        ASSERT_EQ(cache.read(address, ours.data(), count), readable) << std::hex << address << "+" << count;
+        if (readable) {
+            ASSERT_EQ(ours, direct);
+        }
+    }
+    uint8_t byte = 0;
+    ASSERT_TRUE(cache.read(0x10010, &byte, 1));
+    below.reads = 0;
+    below.bytes[0x10] = static_cast<uint8_t>(byte + 1);
+    uint8_t again = 0;
+    EXPECT_TRUE(cache.read(0x10010, &again, 1));
+    EXPECT_EQ(again, byte);
+    EXPECT_EQ(below.reads, 0);
+    cache.forget();
+    EXPECT_TRUE(cache.read(0x10010, &again, 1));
+    EXPECT_EQ(again, below.bytes[0x10]);
+}
+
+TEST_F(Process, ModulesAreThoseMapped)
+{
+    const running_target target("target_o2", "pause");
+    ASSERT_TRUE(target.ready());
+    const proc_ptr proc = attach(target.pid());
+    std::set<std::string> mapped, told;
+    for (const mapping &m : read_maps(target.pid()))
+        if (m.executable && m.path != "[vsyscall]")
+            mapped.insert(m.path);
+    uint64_t last = 0;
+    for (const krv_proc_module_t *m : all_of<const krv_proc_module_t *>(proc.get(), korva_proc_iter_modules)) {
+        told.insert(m->path);
+        EXPECT_GE(m->start, last);
+        last = m->end;
+        EXPECT_EQ(korva_proc_find_module(proc.get(), m->start), m);
+        EXPECT_EQ(korva_proc_find_module(proc.get(), m->end - 1), m);
+        EXPECT_NE(korva_proc_find_module(proc.get(), m->end), m);
+        EXPECT_EQ((m->flags & KRV_PROC_MODULE_F_MAIN) != 0, m->path == target_path("target_o2"));
+        EXPECT_EQ((m->flags & KRV_PROC_MODULE_F_VDSO) != 0, m->path == std::string("[vdso]"));
+
+        krv_elf_t *elf = korva_proc_module_elf(proc.get(), m, &error);
+        ASSERT_NE(elf, nullptr) << error.message;
+        krv_elf_info_t info;
+        korva_elf_get_info(elf, &info);
+        ASSERT_EQ(info.build_id_size, m->build_id_size);
+        EXPECT_EQ(std::memcmp(info.build_id, m->build_id, m->build_id_size), 0);
+        uint64_t bias = 0;
+        EXPECT_EQ(korva_elf_load_bias(elf, m->start, 0, &bias, nullptr), 0);
+        EXPECT_EQ(bias, m->bias);
+        korva_elf_iter_sections(
+            elf,
+            [](krv_elf_t *, const krv_elf_section_t *section, void *arg) {
+                const auto *module = static_cast<const krv_proc_module_t *>(arg);
+                if (section->name == std::string(".eh_frame")) {
+                    EXPECT_EQ(module->eh_frame, module->bias + section->address) << module->path;
+                }
+                if (section->name == std::string(".eh_frame_hdr")) {
+                    EXPECT_EQ(module->eh_frame_hdr, module->bias + section->address) << module->path;
+                }
+                return 0;
+            },
+            const_cast<krv_proc_module_t *>(m));
+    }
+    EXPECT_EQ(told, mapped);
+    krv_proc_info_t info;
+    korva_proc_get_info(proc.get(), &info);
+    EXPECT_EQ(info.kind, KRV_PROC_LIVE);
+    EXPECT_EQ(info.pid, target.pid());
+    EXPECT_EQ(info.target, KRV_ACTIVATION_AMD64);
+    EXPECT_EQ(info.exe, target_path("target_o2"));
+}
+
+TEST_F(Process, DeletedFileIsStillTheOneMapped)
+{
+    const fs::path copy = fs::temp_directory_path() / ("korva-deleted-" + std::to_string(getpid()));
+    fs::copy_file(target_path("target_o2"), copy);
+    const running_target target(copy, "pause");
+    ASSERT_TRUE(target.ready());
+    fs::remove(copy);
+    std::ofstream(copy) << "another file";
+    const proc_ptr proc = attach(target.pid());
+    const krv_proc_module_t *main = nullptr;
+    for (const krv_proc_module_t *m : all_of<const krv_proc_module_t *>(proc.get(), korva_proc_iter_modules))
+        if ((m->flags & KRV_PROC_MODULE_F_MAIN) != 0)
+            main = m;
+    ASSERT_NE(main, nullptr);
+    EXPECT_EQ(main->path, copy);
+    EXPECT_NE(main->flags & KRV_PROC_MODULE_F_DELETED, 0U);
+    krv_elf_t *elf = korva_proc_module_elf(proc.get(), main, &error);
+    if (elf != nullptr)
+        EXPECT_NE(korva_elf_lookup_symbol_by_name(elf, "main"), nullptr);
+    else // without the privilege for the system's own link to it
+        EXPECT_NE(std::string(error.message).find("no longer there"), std::string::npos) << error.message;
+    EXPECT_EQ(walk_thread(proc.get(), target.pid()).end.reason, KRV_PROC_END_OUTERMOST);
+    fs::remove(copy);
+}
+
+TEST_F(Process, ThreadsAndRegisters)
+{
+    const running_target target("target_o2", "threads", 4);
+    ASSERT_TRUE(target.ready());
+    const proc_ptr proc = attach(target.pid());
+    std::set<std::string> names;
+    for (const auto &thread : all_of<krv_proc_thread_t>(proc.get(), korva_proc_iter_threads)) {
+        names.insert(thread.name);
+        EXPECT_EQ(thread.target, KRV_ACTIVATION_AMD64);
+        krv_gregset_t gregs;
+        krv_fpregset_t fpregs;
+        uint64_t mask = 0;
+        ASSERT_EQ(korva_proc_get_regs(proc.get(), thread.tid, &gregs, &mask, &fpregs, &error), 1) << error.message;
+        EXPECT_EQ(static_cast<uint64_t>(gregs[KRV_HOST_RIP]), walk_thread(proc.get(), thread.tid).frames.at(0).pc);
+        EXPECT_EQ(fpregs.mxcsr, 0x1f80U) << "as the system sets it at the start";
+        EXPECT_EQ(korva_proc_get_regs(proc.get(), thread.tid, &gregs, &mask, nullptr, nullptr), 0);
+    }
+    EXPECT_EQ(names, (std::set<std::string>{"target_o2", "waiter0", "waiter1", "waiter2", "waiter3"}));
+    krv_gregset_t gregs;
+    uint64_t mask = 0;
+    EXPECT_EQ(korva_proc_get_regs(proc.get(), 1, &gregs, &mask, nullptr, &error), -1);
+    EXPECT_EQ(error.code, KRV_ELF_ERR_NOTFOUND);
+}
+
+TEST(Registers, TakeTheirPlaces)
+{
+    user_regs_struct from = {};
+    auto *words = reinterpret_cast<unsigned long long *>(&from);
+    for (size_t i = 0; i < sizeof(from) / sizeof(*words); ++i)
+        words[i] = 0x1000 + i;
+    register_set set;
+    load_registers(&set, KRV_ACTIVATION_AMD64, reinterpret_cast<const uint8_t *>(&from));
+    const struct {
+        unsigned host;
+        unsigned long long value;
+    } amd64[] = {
+        {KRV_HOST_RAX, from.rax},        {KRV_HOST_RBX, from.rbx},        {KRV_HOST_RCX, from.rcx},
+        {KRV_HOST_RDX, from.rdx},        {KRV_HOST_RSI, from.rsi},        {KRV_HOST_RDI, from.rdi},
+        {KRV_HOST_RBP, from.rbp},        {KRV_HOST_RSP, from.rsp},        {KRV_HOST_R8, from.r8},
+        {KRV_HOST_R9, from.r9},          {KRV_HOST_R10, from.r10},        {KRV_HOST_R11, from.r11},
+        {KRV_HOST_R12, from.r12},        {KRV_HOST_R13, from.r13},        {KRV_HOST_R14, from.r14},
+        {KRV_HOST_R15, from.r15},        {KRV_HOST_RIP, from.rip},        {KRV_HOST_RFLAGS, from.eflags},
+        {KRV_HOST_CS, from.cs},          {KRV_HOST_SS, from.ss},          {KRV_HOST_DS, from.ds},
+        {KRV_HOST_ES, from.es},          {KRV_HOST_FS, from.fs},          {KRV_HOST_GS, from.gs},
+        {KRV_HOST_FSBASE, from.fs_base}, {KRV_HOST_GSBASE, from.gs_base},
+    };
+    for (const auto &row : amd64)
+        EXPECT_EQ(set.gregs[row.host], static_cast<krv_greg_t>(row.value)) << row.host;
+    EXPECT_EQ(static_cast<size_t>(__builtin_popcountll(set.mask)), std::size(amd64));
+}
+
+} // namespace
