@@ -3,6 +3,7 @@
 // Life of activations, and access to their registers in three numberings.
 #include "krv_activation.h"
 
+#include "krv_activation_isa.h"
 #include "krv_error.h"
 #include "krv_fd.h"
 #include "krv_mem.h"

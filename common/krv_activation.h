@@ -7,37 +7,10 @@
 #ifndef KRV_ACTIVATION_H
 #define KRV_ACTIVATION_H
 
-#include "krv_activation_isa.h"
-#include "krv_types.h"
+#include "krv_machine.h"
 
-#include <bit>
 #include <cstring>
 #include <memory>
-
-constexpr unsigned KRV_MAX_SLOTS = 128; // more than any target has
-
-// A set of slots.
-struct krv_slots_t {
-    uint64_t words[KRV_MAX_SLOTS / 64];
-
-    void add(uint64_t slot) { words[slot / 64] |= uint64_t{1} << (slot % 64); }
-    void add(const krv_slots_t &more)
-    {
-        for (unsigned i = 0; i < KRV_MAX_SLOTS / 64; ++i)
-            words[i] |= more.words[i];
-    }
-
-    // Visits them in ascending order until a visit returns false; whether none did.
-    template <typename Visit>
-    bool for_each(Visit visit) const
-    {
-        for (unsigned i = 0; i < KRV_MAX_SLOTS / 64; ++i)
-            for (uint64_t left = words[i]; left != 0; left &= left - 1)
-                if (!visit(64 * i + static_cast<unsigned>(std::countr_zero(left))))
-                    return false;
-        return true;
-    }
-};
 
 enum : unsigned {
     KRV_REG_FLAG_VALID = 1,   // the slot exists on this target
@@ -64,19 +37,6 @@ struct krv_regset_t {
 // Whether the outcome of computing the caller's frame is known; any change to the current frame makes it UNTRIED.
 typedef int krv_evaluation_t;
 enum { KRV_EVALUATION_UNTRIED = 0, KRV_EVALUATION_FAILED = 1, KRV_EVALUATION_SUCCEEDED = 2 };
-
-constexpr unsigned KRV_MAX_ARGS = 128;
-
-// Where the location of one argument lies in the CIE's instructions; size 0 when it was never described.
-struct krv_activation_arg_t {
-    uint64_t offset;
-    uint64_t size;
-};
-
-struct krv_activation_args_t {
-    unsigned int sa_argc;                       // highest argument number described
-    krv_activation_arg_t sa_argv[KRV_MAX_ARGS]; // argument n is element n - 1
-};
 
 struct krv_activation {
     const krv_mach_def_t *sa_mach_def;

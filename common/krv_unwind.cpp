@@ -46,6 +46,19 @@ static void copy_rules(krv_cfarule_t *to, const krv_cfarule_t *from, const krv_s
     });
 }
 
+// What the instructions of a CIE and of its FDEs have in common.
+static krv_ruleset_t rules_of(const krv_activation_t *ap, const krv_cie_t *cie, krv_cfarule_t *currentp)
+{
+    krv_ruleset_t rules = {};
+    rules.code_align = cie->scie_code_alignment_factor;
+    rules.data_align = static_cast<uint64_t>(cie->scie_data_alignment_factor);
+    rules.augp = cie->scie_augmentation;
+    rules.aug_arg = cie->scie_augmentation_data;
+    rules.nslots = ap->sa_n_registers;
+    rules.currentp = currentp;
+    return rules;
+}
+
 static int generate_cie_rules(krv_handle_t *hp, krv_activation_t *ap, krv_cie_t *cie)
 {
     if (cie->scie_decoding != 0 && cie->scie_decoding == ap->sa_initial_of)
@@ -59,10 +72,10 @@ static int generate_cie_rules(krv_handle_t *hp, krv_activation_t *ap, krv_cie_t 
     if (place_cursor(&fd, cie->scie_cfi_offset, cie->scie_cfi_size) != 0)
         return -1;
     krv_fd_read_ahead(&fd, cie->scie_cfi_size);
-    const int result = krv_generate_ruleset(
-        hp, &fd, cie->scie_code_alignment_factor, static_cast<uint64_t>(cie->scie_data_alignment_factor), 0, 0, 0,
-        ap->sa_n_registers, nullptr, ap->sa_initial, &ap->sa_args, cie->scie_augmentation, cie->scie_augmentation_data,
-        &ap->sa_initial_changed);
+    krv_ruleset_t rules = rules_of(ap, cie, ap->sa_initial);
+    rules.argsp = &ap->sa_args;
+    const int result = krv_generate_ruleset(hp, &fd, &rules);
+    ap->sa_initial_changed = rules.changed;
     if (result == 0)
         ap->sa_initial_of = cie->scie_decoding;
     return result;
@@ -78,12 +91,13 @@ static int generate_fde_rules(krv_handle_t *hp, krv_activation_t *ap, krv_fde_t 
     if (place_cursor(&fd, fde->sfde_cfi_offset, fde->sfde_cfi_size) != 0)
         return -1;
     krv_fd_read_ahead(&fd, fde->sfde_cfi_size);
-    krv_slots_t changed = {};
-    const int result = krv_generate_ruleset(
-        hp, &fd, cie->scie_code_alignment_factor, static_cast<uint64_t>(cie->scie_data_alignment_factor), pc,
-        fde->sfde_target_address, fde->sfde_address_range, ap->sa_n_registers, ap->sa_initial, ap->sa_current, nullptr,
-        cie->scie_augmentation, cie->scie_augmentation_data, &changed);
-    ap->sa_current_changed.add(changed);
+    krv_ruleset_t rules = rules_of(ap, cie, ap->sa_current);
+    rules.initialp = ap->sa_initial;
+    rules.pc = pc;
+    rules.slocation = fde->sfde_target_address;
+    rules.arange = fde->sfde_address_range;
+    const int result = krv_generate_ruleset(hp, &fd, &rules);
+    ap->sa_current_changed.add(rules.changed);
     return result;
 }
 

@@ -2,6 +2,7 @@
 //
 // Call-frame instructions into rules: two streams in, a line of rules or of errors out.
 #include "krv_cfa.h"
+#include "krv_frame_reader.h"
 #include "support/activation.h"
 
 #include <cstring>
@@ -23,10 +24,19 @@ struct machine {
         krv_fd_t fd = s.h.cursor(stream);
         std::memcpy(is_fde ? ap->sa_current : ap->sa_initial, is_fde ? ap->sa_initial : ap->sa_default,
                     ap->sa_n_registers * sizeof(krv_cfarule_t));
-        return krv_generate_ruleset(s.h, &fd, code_align, static_cast<uint64_t>(-8), is_fde ? pc : 0,
-                                    is_fde ? 0x1000 : 0, is_fde ? 0x100 : 0, ap->sa_n_registers,
-                                    is_fde ? ap->sa_initial : nullptr, is_fde ? ap->sa_current : ap->sa_initial,
-                                    is_fde ? nullptr : &ap->sa_args, cie->scie_augmentation, nullptr, nullptr);
+        krv_ruleset_t rules = {.code_align = code_align,
+                               .data_align = static_cast<uint64_t>(-8),
+                               .augp = cie->scie_augmentation,
+                               .aug_arg = nullptr,
+                               .nslots = ap->sa_n_registers,
+                               .currentp = is_fde ? ap->sa_current : ap->sa_initial,
+                               .argsp = is_fde ? nullptr : &ap->sa_args,
+                               .initialp = is_fde ? ap->sa_initial : nullptr,
+                               .pc = is_fde ? pc : 0,
+                               .slocation = is_fde ? uint64_t{0x1000} : 0,
+                               .arange = is_fde ? uint64_t{0x100} : 0,
+                               .changed = {}};
+        return krv_generate_ruleset(s.h, &fd, &rules);
     }
 
     // The rules that differ from the default ones, or the error, in which "@n" stands for the message that tells the

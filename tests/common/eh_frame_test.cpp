@@ -2,6 +2,7 @@
 //
 // .eh_frame in the target's memory: pointer encodings, records, and the search table of .eh_frame_hdr.
 #include "krv_eh_frame.h"
+#include "krv_frame.h"
 #include "support/frame_builder.h"
 #include "support/handle.h"
 

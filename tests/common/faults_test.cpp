@@ -9,6 +9,7 @@
 #include "krv_hash.h"
 #include "krv_info.h"
 #include "krv_line.h"
+#include "krv_no_frame.h"
 #include "support/activation.h"
 #include "support/allocations.h"
 
@@ -255,7 +256,7 @@ static const scenario scenarios[] = {
 // space is attached again.
 static bool fell_back(krv_handle_t *hp)
 {
-    auto *reader = static_cast<krv_reader_t *>(hp->sh_frame_reader);
+    const krv_reader_t *reader = hp->sh_frame_reader;
     krv_reader_t *none = krv_no_frame_create_reader(hp);
     const bool same = reader != nullptr && reader->sr_ops == none->sr_ops;
     none->sr_ops->sro_destroy_reader(none);
