@@ -95,7 +95,7 @@ static inline bool load_number(krv_fd_t *fdp, uint64_t *valuep)
     return true;
 }
 
-// Of the formats that compilers and linkers choose.
+// Of the formats that compilers and linkers choose; the twin of the reads in decode_pointer.
 static inline bool load_pointer(krv_fd_t *fdp, uint8_t format, uint64_t *valuep)
 {
     switch (format) {
@@ -192,7 +192,8 @@ struct record_reader {
 
 } // namespace
 
-// Reads a record in two calls, when the window has room for it. False: it has not, or something is amiss.
+// Reads a record in two calls, when the window has room for it: the twin of reading field by field, to which false
+// leads. False: it has not, or something is amiss.
 static bool hold_record(record_reader *r, krv_handle_t *hp, krv_window_t *window, uint64_t address)
 {
     const krv_fd_t *as = &hp->sh_as;

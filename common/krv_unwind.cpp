@@ -2,15 +2,13 @@
 //
 // From the current frame to its caller: the rules at the program counter, the CFA, every register by its rule, and the
 // return address. Expressions are read through a copy of the CIE's cursor, memory through the address space.
-#include "krv_activation.h"
+#include "krv_unwind.h"
 
 #include "krv_cfa.h"
 #include "krv_error.h"
+#include "krv_expr_eval.h"
 #include "krv_fd.h"
 #include "krv_frame.h"
-
-#include <cstring>
-#include <utility>
 
 namespace
 {
@@ -140,9 +138,14 @@ static int prepare_expression(evaluation *ev, const krv_cfarule_t *rule, bool pu
 
 static int execute_expression(evaluation *ev)
 {
-    krv_fd_t *outputs[3] = {};
-    return korva_expr_execute_expression(ev->hp, ev->ap->sa_exprstack, ev->ap, &ev->fd, KRV_EXPR_F_CFI, outputs,
-                                         nullptr, nullptr);
+    const krv_expr_context_t context = {.stack = ev->ap->sa_exprstack,
+                                        .ap = ev->ap,
+                                        .frame = krv_current_registers,
+                                        .flags = KRV_EXPR_F_CFI,
+                                        .outputs = nullptr,
+                                        .func = nullptr,
+                                        .arg = nullptr};
+    return krv_expr_execute(ev->hp, &ev->fd, &context);
 }
 
 static int compute_cfa_expression(evaluation *ev, const krv_cfarule_t *rule)
@@ -172,11 +175,8 @@ static int read_register(evaluation *ev, krv_reg_type_t type, unsigned int reg, 
 {
     if (krv_register_load(&ev->ap->sa_current_registers->srs_metadata[slot], valuep))
         return 0;
-    krv_greg_t value = 0;
-    if (korva_activation_get_greg(ev->hp, ev->ap, type, KRV_ACTIVATION_FRAME_CURRENT, reg, &value) != 0)
-        return -1;
-    *valuep = static_cast<uint64_t>(value);
-    return 0;
+    *valuep = 0;
+    return krv_activation_read(ev->hp, ev->ap, krv_current_registers, type, reg, valuep, sizeof(*valuep));
 }
 
 // Stores the CFA in the current frame, unless it depends on a register without a value.
@@ -328,16 +328,7 @@ int krv_evaluate_activation(krv_handle_t *hp, krv_activation_t *ap)
     return ap->sa_state == KRV_EVALUATION_SUCCEEDED ? 0 : -1;
 }
 
-int korva_activation_unwind(krv_handle_t *hp, krv_activation_t *ap)
+krv_regset_t *krv_caller_registers(krv_handle_t *hp, krv_activation_t *ap)
 {
-    if (hp == nullptr)
-        return -1;
-    krv_clear_error(hp);
-    if (ap == nullptr)
-        return krv_fail_code(hp, KRV_ERR_INVALID);
-    if (krv_evaluate_activation(hp, ap) != 0)
-        return -1;
-    std::swap(ap->sa_current_registers, ap->sa_caller_registers);
-    ap->sa_state = KRV_EVALUATION_UNTRIED;
-    return 0;
+    return krv_evaluate_activation(hp, ap) == 0 ? ap->sa_caller_registers : nullptr;
 }

@@ -220,3 +220,32 @@ TEST(Frame, Instructions)
         EXPECT_TRUE(krv_get_cfa_forms(h, 0x85, forms) == 0 && forms[1] == DW_FORM_udata); // DW_CFA_offset
     }
 }
+
+// The glance at bytes in memory and the decoder that every cursor has, over the same random bytes.
+TEST(Frame, InstructionsAtAGlance)
+{
+    std::mt19937 random(1);
+    bytes stream;
+    while (stream.size() < 50000) // opcodes and long numbers are as likely as any
+        stream.u8(random() % 4 == 0 ? random() % 0x40 : random() % 0x100);
+    handle h;
+    h.attach(KRV_SEC_FRAME, cie{}.build());
+    const krv_cie_owner owner(krv_get_cie_by_offset(h, 0), {h});
+    const uint8_t *end = stream.data() + stream.size();
+    krv_fd_t fd = h.cursor(stream);
+    unsigned glances = 0;
+    for (uint64_t at = 0; at < stream.size(); ++at) {
+        krv_cfa_op_t quick;
+        const uint8_t *behind = krv_cfa_scan(stream.data() + at, end, &quick);
+        if (behind == nullptr)
+            continue;
+        ++glances;
+        krv_operation_t op;
+        krv_fd_seek(&fd, at);
+        ASSERT_EQ(krv_frame_get_next_op(h, &fd, &op, owner->scie_augmentation, nullptr), 0) << at;
+        ASSERT_EQ(text("%x %lx %lx, to %ld", quick.opcode, quick.first, quick.second, behind - stream.data()),
+                  text("%x %lx %lx, to %lu", op.opcode, op.operand[0].sa_u.su_unsigned, op.operand[1].sa_u.su_unsigned,
+                       fd.sfd_offset));
+    }
+    EXPECT_GT(glances, stream.size() / 2);
+}
