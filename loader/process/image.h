@@ -16,6 +16,12 @@
 namespace krv_elf_loader
 {
 
+// The first byte of the page that an address or offset is in.
+constexpr uint64_t page_of(uint64_t n)
+{
+    return n & ~uint64_t{4095};
+}
+
 struct elf_image {
     krv_activation_type_t target; // KRV_ACTIVATION_I386 or KRV_ACTIVATION_AMD64
     bool x32;                     // AMD64 code with 4-byte addresses
