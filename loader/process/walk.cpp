@@ -5,7 +5,7 @@
 // computes for the caller are the registers of the next frame.
 #include "process/proc.h"
 
-#include "process/error.h"
+#include "failure.h"
 
 #include <fmt/format.h>
 #include <map>
