@@ -25,7 +25,7 @@ def blocks(text, language):
 def check_errors():
     """docs/errors.md has the codes of the headers, each with its number, and no other."""
     listed = re.findall(r"^\| `(KRV_\w+)` \| (\d+) \|", read("docs/errors.md"), re.M)
-    headers = read("include/libkorva.h") + read("include/libkorva-elf.h")
+    headers = read("include/libkorva/handle.h") + read("include/libkorva-elf.h")
     declared = re.findall(r"^    (KRV_(?:ELF_)?ERR_\w+) = (\d+)", headers, re.M)
     if sorted(listed) != sorted(declared) or not declared:
         faults.append(f"docs/errors.md differs from the headers: {sorted(set(listed) ^ set(declared))}")
@@ -57,7 +57,7 @@ def check_modules():
 
 def check_names():
     """Functions, files and links that the documents name exist."""
-    headers = "".join(path.read_text() for path in (ROOT / "include").iterdir())
+    headers = "".join(path.read_text() for path in (ROOT / "include").rglob("*.h*"))
     for path in [*ROOT.glob("*.md"), *(ROOT / "docs").glob("*.md")]:
         text = path.read_text()
         for name in set(re.findall(r"`(korva_\w+|KRV_[A-Z_0-9]+)`", text)):
