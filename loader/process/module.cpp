@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "process/module.h"
 
-#include "process/error.h"
+#include "page.h"
 
 #include <algorithm>
 #include <cerrno>

@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "process/module_list.h"
 
+#include "page.h"
+
 #include <algorithm>
 #include <string_view>
 #include <unordered_map>
