@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "process/unwinder.h"
 
-#include "elf/file.h"
+#include "failure.h"
 
 namespace krv_elf_loader
 {
