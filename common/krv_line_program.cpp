@@ -204,6 +204,7 @@ struct careful {
     {
         for (unsigned int i = 0; i < NVALUES; ++i)
             valueps[i] = &values[i];
+        path[0] = '\0';
     }
 
     // Reads one operand as wide as a register, and shows it; the register's width is the limit. False: the decoder's
