@@ -3,12 +3,11 @@
 // Processes of this machine: one that is held still, and the calling one, which runs on.
 #include "process/source.h"
 
-#include "elf/file.h"
+#include "failure.h"
 #include "process/image.h"
 #include "process/ptrace.h"
 #include "process/status.h"
 
-#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <fmt/format.h>
@@ -21,32 +20,6 @@ namespace krv_elf_loader
 namespace
 {
 
-template <typename word>
-auxiliary parse_words(const uint8_t *bytes, size_t size)
-{
-    auxiliary aux;
-    word pair[2];
-    for (; size >= sizeof(pair); bytes += sizeof(pair), size -= sizeof(pair)) {
-        std::memcpy(pair, bytes, sizeof(pair));
-        switch (pair[0]) {
-        case AT_NULL:
-            return aux;
-        case AT_PHDR:
-            aux.program_headers = pair[1];
-            break;
-        case AT_ENTRY:
-            aux.entry = pair[1];
-            break;
-        case AT_SYSINFO_EHDR:
-            aux.vdso = pair[1];
-            break;
-        default:
-            break;
-        }
-    }
-    return aux;
-}
-
 bool is_file(const std::string &path, uint64_t inode)
 {
     struct stat st = {};
@@ -57,7 +30,8 @@ bool is_file(const std::string &path, uint64_t inode)
 class running_source : public source
 {
 public:
-    running_source(int kind_of_process, int process) : raw(process), cache(raw)
+    // `tid`: a thread that lives. Through the main thread of a process, once it has ended, the system shows nothing of it.
+    running_source(int kind_of_process, int process, int tid) : raw(tid), cache(raw), living(tid)
     {
         kind = kind_of_process;
         pid = process;
@@ -75,12 +49,13 @@ protected:
     page_cache cache;
     std::vector<mapping> maps;
     std::vector<thread> thread_list;
+    int living;
 };
 
 // Target, maps and auxiliary vector.
 void running_source::read_program()
 {
-    const input_file exe(fmt::format("/proc/{}/exe", pid));
+    const input_file exe(fmt::format("/proc/{}/exe", living));
     file_memory file(exe);
     const auto image = exe.is_open() ? read_elf_image(file, 0) : std::nullopt;
     if (!image)
@@ -91,8 +66,8 @@ void running_source::read_program()
     if (image->x32)
         throw failure(KRV_ELF_ERR_UNSUPPORTED, fmt::format("process {}: x32 programs are not read", pid));
     target = image->target;
-    maps = read_maps(pid);
-    const std::string words = read_text(fmt::format("/proc/{}/auxv", pid));
+    maps = read_maps(living);
+    const std::string words = read_text(fmt::format("/proc/{}/auxv", living));
     aux = parse_auxv(reinterpret_cast<const uint8_t *>(words.data()), words.size(), target);
 }
 
@@ -102,8 +77,8 @@ std::string running_source::locate(const mapping &where)
 {
     const std::string candidates[] = {
         where.path,
-        fmt::format("/proc/{}/root{}", pid, where.path),
-        fmt::format("/proc/{}/map_files/{:x}-{:x}", pid, where.start, where.end),
+        fmt::format("/proc/{}/root{}", living, where.path),
+        fmt::format("/proc/{}/map_files/{:x}-{:x}", living, where.start, where.end),
     };
     for (const std::string &path : candidates)
         if (is_file(path, where.inode))
@@ -115,13 +90,14 @@ std::string running_source::locate(const mapping &where)
 class live_source : public running_source
 {
 public:
-    explicit live_source(int process) : running_source(KRV_PROC_LIVE, process), stopped(process)
+    live_source(int process, std::unique_ptr<stopped_process> held)
+        : running_source(KRV_PROC_LIVE, process, held->threads().front().tid), stopped(std::move(held))
     {
         read_program();
-        for (const stopped_process::tracee &t : stopped.threads()) {
+        for (const stopped_process::tracee &t : stopped->threads()) {
             krv_activation_type_t runs = 0;
             if (t.stopped)
-                stopped.registers(t.tid, &runs);
+                stopped->registers(t.tid, &runs);
             thread_list.push_back({t.tid, read_name(pid, t.tid), runs});
         }
     }
@@ -129,17 +105,17 @@ public:
     register_set registers(int tid) override
     {
         krv_activation_type_t runs = 0;
-        return stopped.registers(tid, &runs);
+        return stopped->registers(tid, &runs);
     }
 
 private:
-    stopped_process stopped;
+    std::unique_ptr<stopped_process> stopped;
 };
 
 class own_source : public running_source
 {
 public:
-    own_source() : running_source(KRV_PROC_SELF, getpid())
+    own_source() : running_source(KRV_PROC_SELF, getpid(), getpid())
     {
         read_program();
         list();
@@ -157,7 +133,7 @@ public:
     void refresh() override
     {
         forget_bytes();
-        maps = read_maps(pid);
+        maps = read_maps(living);
         list();
     }
 
@@ -172,18 +148,6 @@ private:
 
 } // namespace
 
-auxiliary parse_auxv(const uint8_t *bytes, size_t size, krv_activation_type_t target)
-{
-    return target == KRV_ACTIVATION_AMD64 ? parse_words<uint64_t>(bytes, size) : parse_words<uint32_t>(bytes, size);
-}
-
-const mapping *find_mapping(const std::vector<mapping> &mappings, uint64_t address)
-{
-    const auto next = std::upper_bound(mappings.begin(), mappings.end(), address,
-                                       [](uint64_t a, const mapping &m) { return a < m.start; });
-    return next != mappings.begin() && address < std::prev(next)->end ? &*std::prev(next) : nullptr;
-}
-
 std::unique_ptr<source> attach_source(int pid)
 {
     if (pid <= 0)
@@ -193,7 +157,7 @@ std::unique_ptr<source> attach_source(int pid)
         throw failure(KRV_ELF_ERR_NOTFOUND, fmt::format("process {}: no such process", pid));
     if (process == getpid())
         throw failure(KRV_ELF_ERR_SYSTEM, fmt::format("process {}: the calling process cannot stop itself", pid));
-    return std::make_unique<live_source>(process);
+    return std::make_unique<live_source>(process, std::make_unique<stopped_process>(process));
 }
 
 std::unique_ptr<source> self_source()
