@@ -304,7 +304,7 @@ template <typename T>
 static bool read_operand(line_machine *m, krv_form_t form, uint64_t *operandp)
 {
     T operand = 0;
-    if (krv_decode(&m->fd, form, m->lnphp->sln_flags, &operand) != 0)
+    if (krv_decode(&m->fd, form, &operand) != 0)
         return false;
     *operandp = static_cast<uint64_t>(operand);
     return true;
@@ -356,7 +356,7 @@ static bool decode_extended(line_machine *m, line_op *op)
     case DW_LNE_set_address:
         return read_operand<uint64_t>(m, DW_FORM_addr, &op->operand);
     case DW_LNE_define_file:
-        return korva_decode_form(&m->fd, DW_FORM_string, m->lnphp->sln_flags, m->path, sizeof(m->path), nullptr) == 0 &&
+        return krv_decode_form(&m->fd, DW_FORM_string, {}, false, m->path, sizeof(m->path), nullptr) == 0 &&
                read_operand<uint64_t>(m, DW_FORM_udata, &op->operand) &&
                read_operand<uint64_t>(m, DW_FORM_udata, &op->mtime) &&
                read_operand<uint64_t>(m, DW_FORM_udata, &op->size);
@@ -371,7 +371,7 @@ static bool decode_op(line_machine *m, line_op *op)
 {
     *op = {};
     op->offset = m->fd.sfd_offset;
-    if (krv_decode(&m->fd, DW_FORM_data1, m->lnphp->sln_flags, &op->opcode) != 0)
+    if (krv_decode(&m->fd, DW_FORM_data1, &op->opcode) != 0)
         return false;
     op->number = op->opcode;
     if (op->opcode == 0) {
