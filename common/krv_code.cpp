@@ -43,7 +43,7 @@ static const char *form_name(krv_form_t form)
     return krv_name_or_unknown(KRV_DEF_FORM, form);
 }
 
-static int decode_number(krv_fd_t *fdp, krv_form_t form, krv_encoding_t encoding, bool is_signed, void *dst,
+static int decode_number(krv_fd_t *fdp, krv_form_t form, const krv_encoding_t &encoding, bool is_signed, void *dst,
                          size_t size, size_t *sizep)
 {
     krv_handle_t *hp = fdp->sfd_hp;
@@ -184,7 +184,8 @@ static krv_form_t block_length_form(krv_form_t form)
     return width == 0 ? krv_form_t{DW_FORM_udata} : krv_data_form(width);
 }
 
-static int decode_block(krv_fd_t *fdp, krv_form_t form, krv_encoding_t encoding, void *dst, size_t size, size_t *sizep)
+static int decode_block(krv_fd_t *fdp, krv_form_t form, const krv_encoding_t &encoding, void *dst, size_t size,
+                        size_t *sizep)
 {
     krv_handle_t *hp = fdp->sfd_hp;
 
@@ -221,7 +222,7 @@ static int decode_block(krv_fd_t *fdp, krv_form_t form, krv_encoding_t encoding,
     return 0;
 }
 
-static int decode_strp(krv_fd_t *fdp, krv_encoding_t encoding, void *dst, size_t size, size_t *sizep)
+static int decode_strp(krv_fd_t *fdp, const krv_encoding_t &encoding, void *dst, size_t size, size_t *sizep)
 {
     krv_handle_t *hp = fdp->sfd_hp;
     krv_fd_t fd = *fdp;
@@ -248,7 +249,7 @@ static krv_datum_t string_in_view(krv_view_t view)
     return {view.bytes, size, size};
 }
 
-krv_datum_t krv_string_in_memory(const krv_fd_t *fdp, krv_form_t form, krv_encoding_t encoding)
+krv_datum_t krv_string_in_memory(const krv_fd_t *fdp, krv_form_t form, const krv_encoding_t &encoding)
 {
     if (form == DW_FORM_string)
         return string_in_view(krv_fd_view(fdp));
@@ -292,7 +293,7 @@ int krv_decode_indirect(krv_fd_t *fdp, krv_form_t *formp)
     return 0;
 }
 
-static int decode_indirect(krv_fd_t *fdp, krv_encoding_t encoding, bool is_signed, void *dst, size_t size,
+static int decode_indirect(krv_fd_t *fdp, const krv_encoding_t &encoding, bool is_signed, void *dst, size_t size,
                            size_t *sizep)
 {
     krv_fd_t fd = *fdp;
@@ -304,8 +305,8 @@ static int decode_indirect(krv_fd_t *fdp, krv_encoding_t encoding, bool is_signe
     return 0;
 }
 
-int krv_decode_form(krv_fd_t *fdp, krv_form_t form, krv_encoding_t encoding, bool is_signed, void *dst, size_t size,
-                    size_t *sizep)
+int krv_decode_form(krv_fd_t *fdp, krv_form_t form, const krv_encoding_t &encoding, bool is_signed, void *dst,
+                    size_t size, size_t *sizep)
 {
     krv_handle_t *hp = fdp->sfd_hp;
     krv_clear_error(hp);

@@ -50,8 +50,8 @@ inline krv_encoding_t krv_encoding(const krv_handle_t *hp, uint32_t flags = 0)
 }
 
 // As korva_decode_form, in an encoding and not by flags. `is_signed`: extend a number of fixed width by its sign.
-int krv_decode_form(krv_fd_t *fdp, krv_form_t form, krv_encoding_t encoding, bool is_signed, void *dst, size_t size,
-                    size_t *sizep);
+int krv_decode_form(krv_fd_t *fdp, krv_form_t form, const krv_encoding_t &encoding, bool is_signed, void *dst,
+                    size_t size, size_t *sizep);
 
 // Widths of the numbers of each form that always have the same; 0 of the other forms.
 constexpr auto krv_number_widths = [] {
@@ -61,7 +61,7 @@ constexpr auto krv_number_widths = [] {
     return widths;
 }();
 
-inline size_t krv_number_width(krv_form_t form, krv_encoding_t encoding)
+inline size_t krv_number_width(krv_form_t form, const krv_encoding_t &encoding)
 {
     const size_t width = form < krv_number_widths.size() ? krv_number_widths[form] : 0;
     if (width <= sizeof(uint64_t))
@@ -73,7 +73,7 @@ inline size_t krv_number_width(krv_form_t form, krv_encoding_t encoding)
 // The common case of a decode: a number whose bytes are in memory and whose storage fits. False: not that case, and
 // nothing has changed. Its twin is krv_decode_form.
 template <typename T>
-inline bool krv_decode_in_memory(krv_fd_t *fdp, krv_form_t form, krv_encoding_t encoding, T *field)
+inline bool krv_decode_in_memory(krv_fd_t *fdp, krv_form_t form, const krv_encoding_t &encoding, T *field)
 {
     const krv_view_t view = krv_fd_view(fdp);
     size_t width;
@@ -116,7 +116,7 @@ inline bool krv_decode_in_memory(krv_fd_t *fdp, krv_form_t form, krv_encoding_t 
 
 // As krv_decode_form, of a number into a field as wide as the field is, extended by its sign where the field has one.
 template <typename T>
-inline int krv_decode(krv_fd_t *fdp, krv_form_t form, krv_encoding_t encoding, T *field)
+inline int krv_decode(krv_fd_t *fdp, krv_form_t form, const krv_encoding_t &encoding, T *field)
 {
     if (!krv_decode_in_memory(fdp, form, encoding, field))
         return krv_decode_form(fdp, form, encoding, std::is_signed_v<T>, field, sizeof(T), nullptr);
@@ -131,11 +131,11 @@ struct krv_datum_t {
     uint64_t size;
     uint64_t encoded;
 };
-krv_datum_t krv_string_in_memory(const krv_fd_t *fdp, krv_form_t form, krv_encoding_t encoding);
+krv_datum_t krv_string_in_memory(const krv_fd_t *fdp, krv_form_t form, const krv_encoding_t &encoding);
 krv_datum_t krv_block_in_memory(const krv_fd_t *fdp, krv_form_t form);
 
 // As krv_decode_form, of a string into an array of characters.
-inline int krv_decode_text(krv_fd_t *fdp, krv_form_t form, krv_encoding_t encoding, void *text, size_t size)
+inline int krv_decode_text(krv_fd_t *fdp, krv_form_t form, const krv_encoding_t &encoding, void *text, size_t size)
 {
     const krv_datum_t datum = krv_string_in_memory(fdp, form, encoding);
     if (datum.bytes == nullptr || datum.size > size)
@@ -148,7 +148,7 @@ inline int krv_decode_text(krv_fd_t *fdp, krv_form_t form, krv_encoding_t encodi
 
 // Reads one field of `form` into *field, as wide as the field; else pushes `message` behind the decoder's own.
 template <typename T>
-bool krv_read_field(krv_fd_t *fdp, krv_form_t form, krv_encoding_t encoding, T *field, const char *message)
+bool krv_read_field(krv_fd_t *fdp, krv_form_t form, const krv_encoding_t &encoding, T *field, const char *message)
 {
     if constexpr (std::is_integral_v<T>) {
         if (krv_decode(fdp, form, encoding, field) == 0)

@@ -39,7 +39,7 @@ static krv_fd_t *alloc_block(krv_handle_t *hp, uint64_t length)
     return block;
 }
 
-static bool read_block(krv_fd_t *fdp, krv_encoding_t encoding, krv_value_t *value)
+static bool read_block(krv_fd_t *fdp, const krv_encoding_t &encoding, krv_value_t *value)
 {
     krv_handle_t *hp = fdp->sfd_hp;
     const krv_datum_t datum = krv_block_in_memory(fdp, value->sa_actual);
@@ -60,7 +60,7 @@ static bool read_block(krv_fd_t *fdp, krv_encoding_t encoding, krv_value_t *valu
     return true;
 }
 
-static bool read_string(krv_fd_t *fdp, krv_encoding_t encoding, krv_value_t *value)
+static bool read_string(krv_fd_t *fdp, const krv_encoding_t &encoding, krv_value_t *value)
 {
     krv_handle_t *hp = fdp->sfd_hp;
     const krv_datum_t datum = krv_string_in_memory(fdp, value->sa_actual, encoding);
@@ -82,7 +82,7 @@ static bool read_string(krv_fd_t *fdp, krv_encoding_t encoding, krv_value_t *val
 }
 
 // Reads one value, stored by the form that the data really have: DW_FORM_indirect may lead to a string or a block.
-static bool read_value(krv_fd_t *fdp, krv_encoding_t encoding, krv_form_t form, krv_value_t *value)
+static bool read_value(krv_fd_t *fdp, const krv_encoding_t &encoding, krv_form_t form, krv_value_t *value)
 {
     krv_form_t actual = form;
     if (form == DW_FORM_indirect && krv_decode_indirect(fdp, &actual) != 0)
@@ -137,7 +137,7 @@ static krv_die_t *alloc_record(krv_handle_t *hp, krv_abbrev_t *abbrev)
     return die;
 }
 
-static bool read_values(krv_fd_t *fdp, krv_encoding_t encoding, krv_die_t *die)
+static bool read_values(krv_fd_t *fdp, const krv_encoding_t &encoding, krv_die_t *die)
 {
     const krv_abbrev_t *abbrev = die->dwdie_abbrev_cache;
     for (uint32_t i = 0; i < abbrev->dwa_nafpairs; ++i) {
@@ -183,7 +183,8 @@ static uint64_t datum_room(uint64_t size, bool block)
 }
 
 // Finds one value in memory and steps over it.
-static bool find_value(krv_fd_t *fdp, krv_encoding_t encoding, krv_form_t form, uint32_t index, found_data *found)
+static bool find_value(krv_fd_t *fdp, const krv_encoding_t &encoding, krv_form_t form, uint32_t index,
+                       found_data *found)
 {
     krv_value_t *value = &found->values[index];
     value->sa_form = value->sa_actual = form;
@@ -207,7 +208,8 @@ static bool find_value(krv_fd_t *fdp, krv_encoding_t encoding, krv_form_t form, 
 
 // Finds all values of an entry that the cursor stands before. Numbers of a fixed width, as most are, differ in nothing
 // but that width.
-static bool find_values(const krv_fd_t *fdp, krv_encoding_t encoding, const krv_abbrev_t *abbrev, found_data *found)
+static bool find_values(const krv_fd_t *fdp, const krv_encoding_t &encoding, const krv_abbrev_t *abbrev,
+                        found_data *found)
 {
     const krv_view_t view = krv_fd_view(fdp);
     uint64_t done = 0;
@@ -248,7 +250,7 @@ static void copy_data(krv_handle_t *hp, found_data *found, uint8_t *to)
 
 // The common case: all values are in memory, and the record takes one allocation. NULL: not that case, or no memory for
 // it; nothing has changed.
-static krv_die_t *read_whole(krv_handle_t *hp, krv_fd_t *fdp, krv_encoding_t encoding, krv_abbrev_t *abbrev)
+static krv_die_t *read_whole(krv_handle_t *hp, krv_fd_t *fdp, const krv_encoding_t &encoding, krv_abbrev_t *abbrev)
 {
     const uint32_t count = abbrev->dwa_nafpairs;
     if (count > found_data::MOST)

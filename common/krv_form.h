@@ -126,7 +126,7 @@ constexpr krv_form_row_t krv_form_row(uint64_t form)
 }
 
 // Bytes of a row's width.
-constexpr size_t krv_form_width(krv_form_row_t row, krv_encoding_t encoding)
+constexpr size_t krv_form_width(krv_form_row_t row, const krv_encoding_t &encoding)
 {
     switch (row.width) {
     case KRV_WIDTH_OFFSET:
