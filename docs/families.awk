@@ -14,7 +14,7 @@ function group_end() { return open ? "/** @} */ " : "" }
 
 { gsub(/%/, "\\%") } # register names; a bare % means something to Doxygen
 
-BEGIN { prefix = ARGV[1] ~ /proc/ ? "korva_proc_" : ARGV[1] ~ /elf/ ? "korva_elf_" : "korva_" }
+BEGIN { prefix = ARGV[1] ~ /libkorva-proc\.h$/ ? "korva_proc_" : ARGV[1] ~ /libkorva-elf\.h$/ ? "korva_elf_" : "korva_" }
 
 /^\/\* -----+$/ { banner = 1; next_is_title = 1; printf "%s/**\n", group_end(); next }
 banner && next_is_title {

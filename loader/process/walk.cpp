@@ -1,14 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// From frame to frame. Every module has a handle of its own, and an activation belongs to one handle, so the registers
-// of a frame are loaded into an activation of the handle that knows the frame's function, whichever it is; what that
-// computes for the caller are the registers of the next frame.
-#include "process/proc.h"
-
-#include "process/error.h"
+// Which frames of a stack are visited, and why a walk ends. How each is left, the unwinder knows.
+#include "failure.h"
+#include "process/unwinder.h"
 
 #include <fmt/format.h>
-#include <map>
 #include <ucontext.h>
 #include <unistd.h>
 
@@ -18,13 +14,6 @@ namespace
 {
 
 constexpr unsigned DEFAULT_MAX_FRAMES = 4096;
-
-// The i386 psABI preserves these across calls, but the library has no rule for a register that no instruction names.
-constexpr unsigned i386_preserved[] = {KRV_HOST_RBX, KRV_HOST_RBP, KRV_HOST_RSI, KRV_HOST_RDI};
-
-struct activation_deleter {
-    void operator()(krv_activation_t *ap) const { korva_activation_free(ap); }
-};
 
 // Finds a repetition in a sequence in constant space (Brent): no two frames of a stack have both the same frame address
 // and the same program counter.
@@ -51,58 +40,36 @@ private:
     unsigned steps = 0, until = 1;
 };
 
-// What the library says of its last failure: one line, cause first.
-std::string messages_of(krv_handle_t *hp)
-{
-    unsigned int count = 0;
-    char **messages = korva_handle_get_errmsgs(hp, &count);
-    std::string text;
-    for (unsigned int i = 0; i < count; ++i) {
-        text += i == 0 ? "" : ": ";
-        for (const char *c = messages[i]; *c != '\0'; ++c)
-            text += *c == '\n' ? "" : std::string(1, *c);
-    }
-    return text;
-}
-
-// How a frame is left.
-struct departure {
-    enum { to_caller, outermost, no_fde, failed } kind = failed;
-    int code = KRV_ERR_NONE;
-    std::string message;
-    register_set caller; // of to_caller
+struct visitor {
+    krv_proc_frame_f *func;
+    void *arg;
 };
 
 class walk
 {
 public:
-    walk(krv_proc_t *process, krv_activation_type_t instruction_set, krv_proc_end_t &told)
-        : proc(process), target(instruction_set), end(told)
+    // Leaves out the first `skip` frames and visits at most `most`.
+    walk(krv_proc_t *process, krv_activation_type_t target, visitor visits, unsigned skip, unsigned most,
+         krv_proc_end_t &told)
+        : proc(process), frames(process, target), visit(visits), left_out(skip), limit(most), end(told)
     {
     }
 
-    // Visits frames from `registers` on, leaving out the first `skip`. Returns the visitor's result, or 0.
-    int run(register_set registers, unsigned skip, unsigned most, krv_proc_frame_f *func, void *arg);
+    // From the frame that `registers` are of. Returns what korva_proc_walk does.
+    int run(register_set registers);
 
 private:
-    struct place {
-        uint64_t lookup_pc;
-        bool signal_frame;
-        loaded_module *module; // NULL: none covers lookup_pc
-    };
-
-    loaded_module *find_module(uint64_t pc);
-    place locate(uint64_t pc, bool exact);
-    departure leave(const place &at, const register_set &registers, krv_proc_frame_t *frame);
-    departure leave_by(krv_handle_t *hp, uint64_t pc, const register_set &registers, krv_proc_frame_t *frame);
-    krv_activation_t *load(krv_handle_t *hp, uint64_t pc, const register_set &registers);
+    bool show(const krv_proc_frame_t &frame); // false when the walk ends with it
     void finish(int reason, int code, const std::string &message);
 
     krv_proc_t *proc;
-    krv_activation_type_t target;
+    unwinder frames;
+    visitor visit;
+    unsigned left_out;
+    unsigned limit;
     krv_proc_end_t &end;
-    bool looked_again = false;
-    std::map<krv_handle_t *, std::unique_ptr<krv_activation_t, activation_deleter>> activations;
+    int result = 0;
+    repetition stack;
 };
 
 void walk::finish(int reason, int code, const std::string &message)
@@ -110,136 +77,61 @@ void walk::finish(int reason, int code, const std::string &message)
     end.reason = reason;
     end.code = code;
     std::snprintf(end.message, sizeof(end.message), "%s", message.c_str());
+    if (reason == KRV_PROC_END_ERROR)
+        result = -1;
 }
 
-// A process that runs may have loaded a library since its modules were listed.
-loaded_module *walk::find_module(uint64_t pc)
+bool walk::show(const krv_proc_frame_t &frame)
 {
-    loaded_module *found = proc->find(pc);
-    if (found != nullptr || looked_again || proc->from->kind != KRV_PROC_SELF)
-        return found;
-    looked_again = true;
-    proc->refresh();
-    return proc->find(pc);
-}
-
-// `exact`: pc is where the frame was stopped, not where it will go on after a call.
-walk::place walk::locate(uint64_t pc, bool exact)
-{
-    loaded_module *here = find_module(pc);
-    if (here != nullptr && here->signal_frame(pc))
-        return {pc, true, here};
-    if (exact)
-        return {pc, false, here};
-    return {pc - 1, false, here != nullptr && here->covers(pc - 1) ? here : find_module(pc - 1)};
-}
-
-krv_activation_t *walk::load(krv_handle_t *hp, uint64_t pc, const register_set &registers)
-{
-    auto &slot = activations[hp];
-    if (slot == nullptr)
-        slot.reset(korva_activation_alloc(hp));
-    krv_activation_t *ap = slot.get();
-    if (ap == nullptr || korva_activation_reset(hp, ap) != 0 ||
-        korva_activation_set_regs(hp, ap, registers.gregs, registers.mask,
-                                  registers.has_fpregs ? &registers.fpregs : nullptr) != 0 ||
-        korva_activation_set_greg(hp, ap, KRV_ACTIVATION_REG_LIBRARY, KRV_REG_PC, static_cast<krv_greg_t>(pc)) != 0)
-        throw std::bad_alloc();
-    return ap;
-}
-
-departure walk::leave_by(krv_handle_t *hp, uint64_t pc, const register_set &registers, krv_proc_frame_t *frame)
-{
-    krv_activation_t *ap = load(hp, pc, registers);
-    frame->handle = hp;
-    frame->activation = ap;
-    departure out;
-    if (korva_activation_get_gregs(hp, ap, KRV_ACTIVATION_FRAME_CALLER, &out.caller.gregs, &out.caller.mask) != 0) {
-        out.code = korva_handle_get_errno(hp);
-        out.kind = out.code == KRV_ERR_NOTFOUND ? departure::no_fde : departure::failed;
-        out.message = messages_of(hp);
-        return out;
+    if (stack.repeats(frame.pc, frame.cfa)) {
+        finish(KRV_PROC_END_NO_PROGRESS, KRV_ERR_NONE,
+               fmt::format("{:#x}: the stack leads back to this frame", frame.pc));
+        return false;
     }
-    krv_greg_t cfa = 0, caller_pc = 0;
-    const bool has_cfa = korva_activation_get_greg(hp, ap, KRV_ACTIVATION_REG_LIBRARY, KRV_ACTIVATION_FRAME_CURRENT,
-                                                   KRV_REG_CFA, &cfa) == 0;
-    frame->cfa = static_cast<uint64_t>(cfa);
-    const bool has_pc = korva_activation_get_greg(hp, ap, KRV_ACTIVATION_REG_LIBRARY, KRV_ACTIVATION_FRAME_CALLER,
-                                                  KRV_REG_PC, &caller_pc) == 0;
-    if (!has_pc && !has_cfa) {
-        out.message = "the frame address depends on a register whose value is not known";
-        return out;
+    if (left_out != 0) {
+        --left_out;
+        return true;
     }
-    if (!has_pc || caller_pc == 0) {
-        out.kind = departure::outermost;
-        out.message = has_pc ? "the return address is 0" : "the return address is undefined";
-        return out;
+    if (end.frames == limit) {
+        finish(KRV_PROC_END_LIMIT, KRV_ERR_NONE, fmt::format("more than {} frames", limit));
+        return false;
     }
-    out.kind = departure::to_caller;
-    out.caller.set(KRV_HOST_RIP, static_cast<uint64_t>(caller_pc));
-    if (target == KRV_ACTIVATION_I386)
-        for (const unsigned reg : i386_preserved)
-            if (!out.caller.has(reg) && registers.has(reg))
-                out.caller.set(reg, static_cast<uint64_t>(registers.gregs[reg]));
-    return out;
+    ++end.frames;
+    end.pc = frame.pc;
+    result = visit.func(proc, &frame, visit.arg);
+    if (result != 0)
+        finish(KRV_PROC_END_STOPPED, KRV_ERR_NONE, fmt::format("{:#x}: the visitor stopped the walk", frame.pc));
+    return result == 0;
 }
 
-// .eh_frame in memory; the file's .debug_frame where that has nothing for the function.
-departure walk::leave(const place &at, const register_set &registers, krv_proc_frame_t *frame)
+int reason_of(const departure &out)
 {
-    if (at.module == nullptr || at.module->shown().target != target) {
-        departure out;
-        out.kind = departure::no_fde;
-        out.code = KRV_ERR_NOTFOUND;
-        out.message = at.module == nullptr ? "no module covers it" : "it is code of another instruction set";
-        return out;
+    switch (out.kind) {
+    case departure::outermost:
+        return KRV_PROC_END_OUTERMOST;
+    case departure::no_fde:
+        return KRV_PROC_END_NO_FDE;
+    default:
+        return KRV_PROC_END_ERROR;
     }
-    departure out = leave_by(at.module->handle(), at.lookup_pc, registers, frame);
-    krv_handle_t *debug_frame = out.kind == departure::no_fde ? at.module->debug_frame_handle() : nullptr;
-    if (debug_frame == nullptr) {
-        if (out.kind == departure::no_fde && !at.module->file_problem().empty())
-            out.message += " (" + at.module->file_problem() + ")";
-        return out;
-    }
-    return leave_by(debug_frame, at.lookup_pc - at.module->shown().bias, registers, frame);
 }
 
-int walk::run(register_set registers, unsigned skip, unsigned most, krv_proc_frame_f *func, void *arg)
+int walk::run(register_set registers)
 {
-    repetition stack;
     for (bool exact = true;;) {
-        const place at = locate(registers.pc(), exact);
+        const place at = frames.locate(registers.pc(), exact);
         krv_proc_frame_t frame = {};
         frame.index = end.frames;
         frame.pc = registers.pc();
         frame.lookup_pc = at.lookup_pc;
         frame.is_signal_frame = at.signal_frame ? 1 : 0;
         frame.module = at.module == nullptr ? nullptr : &at.module->shown();
-        departure out = leave(at, registers, &frame);
-        const std::string here = fmt::format("{:#x}: ", frame.pc);
-        if (stack.repeats(frame.pc, frame.cfa)) {
-            finish(KRV_PROC_END_NO_PROGRESS, KRV_ERR_NONE, here + "the stack leads back to this frame");
-            return 0;
-        }
-        if (skip != 0) {
-            --skip;
-        } else if (end.frames == most) {
-            finish(KRV_PROC_END_LIMIT, KRV_ERR_NONE, fmt::format("more than {} frames", most));
-            return 0;
-        } else {
-            ++end.frames;
-            end.pc = frame.pc;
-            if (const int result = func(proc, &frame, arg)) {
-                finish(KRV_PROC_END_STOPPED, KRV_ERR_NONE, here + "the visitor stopped the walk");
-                return result;
-            }
-        }
+        const departure out = frames.leave(at, registers, &frame);
+        if (!show(frame))
+            return result;
         if (out.kind != departure::to_caller) {
-            const int reason = out.kind == departure::outermost ? KRV_PROC_END_OUTERMOST
-                               : out.kind == departure::no_fde  ? KRV_PROC_END_NO_FDE
-                                                                : KRV_PROC_END_ERROR;
-            finish(reason, out.code, here + out.message);
-            return reason == KRV_PROC_END_ERROR ? -1 : 0;
+            finish(reason_of(out), out.code, fmt::format("{:#x}: {}", frame.pc, out.message));
+            return result;
         }
         registers = out.caller;
         exact = at.signal_frame;
@@ -248,16 +140,15 @@ int walk::run(register_set registers, unsigned skip, unsigned most, krv_proc_fra
 
 // Runs a walk whose registers `start` delivers. A failure before its first frame, or in between, is told in the end.
 template <typename F>
-int walk_from(krv_proc_t *proc, unsigned skip, unsigned most, krv_proc_frame_f *func, void *arg, krv_proc_end_t *endp,
-              F start)
+int walk_from(krv_proc_t *proc, unsigned skip, unsigned most, visitor visits, krv_proc_end_t *endp, F start)
 {
     krv_elf_error_t error = {};
     krv_proc_end_t end = {};
     const int result = guarded<int>(&error, -1, [&] {
         const std::pair<register_set, krv_activation_type_t> begin = start();
         proc->from->forget_bytes();
-        walk w(proc, begin.second, end);
-        return w.run(begin.first, skip, most == 0 ? DEFAULT_MAX_FRAMES : most, func, arg);
+        walk w(proc, begin.second, visits, skip, most == 0 ? DEFAULT_MAX_FRAMES : most, end);
+        return w.run(begin.first);
     });
     if (end.reason == 0) {
         end.reason = KRV_PROC_END_ERROR;
@@ -269,10 +160,10 @@ int walk_from(krv_proc_t *proc, unsigned skip, unsigned most, krv_proc_frame_f *
     return result;
 }
 
-int walk_own_context(krv_proc_t *proc, const void *ucontext, unsigned skip, unsigned most, krv_proc_frame_f *func,
-                     void *arg, krv_proc_end_t *endp)
+int walk_own_context(krv_proc_t *proc, const void *ucontext, unsigned skip, unsigned most, visitor visits,
+                     krv_proc_end_t *endp)
 {
-    return walk_from(proc, skip, most, func, arg, endp, [&] {
+    return walk_from(proc, skip, most, visits, endp, [&] {
         if (proc->from->kind != KRV_PROC_SELF)
             throw failure(KRV_ELF_ERR_UNSUPPORTED, "a context describes a thread of the calling process only");
         return std::pair(registers_of_context(ucontext), proc->from->target);
@@ -284,7 +175,7 @@ int walk_own_context(krv_proc_t *proc, const void *ucontext, unsigned skip, unsi
 int korva_proc_walk_context(krv_proc_t *proc, const void *ucontext, unsigned int max_frames, krv_proc_frame_f *func,
                             void *arg, krv_proc_end_t *endp)
 {
-    return walk_own_context(proc, ucontext, 0, max_frames, func, arg, endp);
+    return walk_own_context(proc, ucontext, 0, max_frames, {func, arg}, endp);
 }
 
 int korva_proc_walk(krv_proc_t *proc, int tid, unsigned int max_frames, krv_proc_frame_f *func, void *arg,
@@ -294,9 +185,9 @@ int korva_proc_walk(krv_proc_t *proc, int tid, unsigned int max_frames, krv_proc
         // Captured here, in a frame that lives as long as the walk; it is the one that is left out.
         ucontext_t context;
         getcontext(&context);
-        return walk_own_context(proc, &context, 1, max_frames, func, arg, endp);
+        return walk_own_context(proc, &context, 1, max_frames, {func, arg}, endp);
     }
-    return walk_from(proc, 0, max_frames, func, arg, endp, [&] {
+    return walk_from(proc, 0, max_frames, {func, arg}, endp, [&] {
         krv_activation_type_t target = 0;
         for (const thread &t : proc->from->threads())
             if (t.tid == tid)

@@ -12,7 +12,7 @@
 #include <iostream>
 #include <memory>
 
-namespace korva
+namespace korva::program
 {
 
 namespace
@@ -252,4 +252,4 @@ void add_addr(CLI::App &app, int *status)
     verb->callback([options, status] { *status = run_addr(*options); });
 }
 
-} // namespace korva
+} // namespace korva::program

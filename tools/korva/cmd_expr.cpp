@@ -11,7 +11,7 @@
 #include <memory>
 #include <optional>
 
-namespace korva
+namespace korva::program
 {
 
 namespace
@@ -370,4 +370,4 @@ void add_expr(CLI::App &app, int *status)
     verb->callback([options, status] { *status = run_expr(*options); });
 }
 
-} // namespace korva
+} // namespace korva::program

@@ -11,7 +11,7 @@
 #include <memory>
 #include <vector>
 
-namespace korva
+namespace korva::program
 {
 
 namespace
@@ -317,4 +317,4 @@ void add_lines(CLI::App &app, int *status)
     verb->callback([options, status] { *status = run_lines(*options); });
 }
 
-} // namespace korva
+} // namespace korva::program

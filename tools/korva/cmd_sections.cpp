@@ -6,7 +6,7 @@
 
 #include <memory>
 
-namespace korva
+namespace korva::program
 {
 
 namespace
@@ -137,4 +137,4 @@ void add_sections(CLI::App &app, int *status)
     verb->callback([options, status] { *status = run_sections(*options); });
 }
 
-} // namespace korva
+} // namespace korva::program

@@ -11,7 +11,7 @@
 #include <optional>
 #include <unordered_map>
 
-namespace korva
+namespace korva::program
 {
 
 namespace
@@ -325,4 +325,4 @@ void add_stack(CLI::App &app, int *status)
     verb->callback([options, status] { *status = run_stack(*options); });
 }
 
-} // namespace korva
+} // namespace korva::program

@@ -7,7 +7,7 @@
 #include <cstring>
 #include <memory>
 
-namespace korva
+namespace korva::program
 {
 
 namespace
@@ -90,4 +90,4 @@ void add_units(CLI::App &app, int *status)
     verb->callback([options, status] { *status = run_units(*options); });
 }
 
-} // namespace korva
+} // namespace korva::program

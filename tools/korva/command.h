@@ -11,7 +11,7 @@
 #include <string>
 #include <vector>
 
-namespace korva
+namespace korva::program
 {
 
 /** Exit statuses of every verb. */
@@ -36,4 +36,4 @@ void add_format_option(CLI::App *verb, common_options *options, const format_nam
 /** Adds --format, --raw and --debug-dir. */
 void add_common_options(CLI::App *verb, common_options *options, const format_names &formats);
 
-} // namespace korva
+} // namespace korva::program

@@ -7,7 +7,7 @@
 #include <memory>
 #include <string_view>
 
-namespace korva
+namespace korva::program
 {
 
 std::string demangle(const char *name)
@@ -28,4 +28,4 @@ std::string function_name(const char *symbol, bool demangled)
     return demangled ? demangle(name.c_str()) : name;
 }
 
-} // namespace korva
+} // namespace korva::program

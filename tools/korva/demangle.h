@@ -3,7 +3,7 @@
 
 #include <string>
 
-namespace korva
+namespace korva::program
 {
 
 /** The C++ name behind a symbol's, or the name itself when it is no mangled one. */
@@ -12,4 +12,4 @@ std::string demangle(const char *name);
 /** How a function is shown: its symbol's name without a version, as in f@@V_1; demangled when that is wanted. */
 std::string function_name(const char *symbol, bool demangled);
 
-} // namespace korva
+} // namespace korva::program

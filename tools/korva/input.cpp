@@ -7,7 +7,7 @@
 #include <cstdlib>
 #include <string>
 
-namespace korva
+namespace korva::program
 {
 
 static constexpr std::string_view BLANKS = " \t\n\v\f\r";
@@ -97,4 +97,4 @@ std::optional<input_address> parse_address(const object &obj, std::string_view t
     return {};
 }
 
-} // namespace korva
+} // namespace korva::program

@@ -9,7 +9,7 @@
 #include <optional>
 #include <string_view>
 
-namespace korva
+namespace korva::program
 {
 
 /** A hexadecimal number with or without 0x, and nothing else. */
@@ -28,4 +28,4 @@ struct input_address {
  */
 std::optional<input_address> parse_address(const object &obj, std::string_view text, bool lenient);
 
-} // namespace korva
+} // namespace korva::program

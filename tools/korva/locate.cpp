@@ -8,7 +8,7 @@
 
 #include <algorithm>
 
-namespace korva
+namespace korva::program
 {
 
 locator::locator(object *obj) : m_object(obj)
@@ -180,4 +180,4 @@ locator::outcome locator::ask_sequences(const extent &range, uint64_t address, s
     return ask(*next->owner, range, address, source);
 }
 
-} // namespace korva
+} // namespace korva::program

@@ -10,7 +10,7 @@
 #include <string>
 #include <vector>
 
-namespace korva
+namespace korva::program
 {
 
 /** A source line, as a row of a line table gives it. */
@@ -65,4 +65,4 @@ private:
     std::vector<sequence> m_sequences; // of the unranged units, ascending
 };
 
-} // namespace korva
+} // namespace korva::program

@@ -17,7 +17,7 @@
     VERB(stack)                                                                                                        \
     VERB(expr)
 
-namespace korva
+namespace korva::program
 {
 
 #define DECLARE(name) void add_##name(CLI::App &app, int *status);
@@ -67,11 +67,11 @@ static int run(int argc, char **argv)
     return status;
 }
 
-} // namespace korva
+} // namespace korva::program
 
 int main(int argc, char **argv)
 {
-    using namespace korva;
+    using namespace korva::program;
     std::signal(SIGPIPE, SIG_IGN); // a closed standard output is noticed as a failed write
     try {
         return run(argc, argv);

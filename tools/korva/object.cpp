@@ -9,7 +9,7 @@
 #include <algorithm>
 #include <elf.h>
 
-namespace korva
+namespace korva::program
 {
 
 // The library gives a code without a message where the code says it all.
@@ -108,7 +108,7 @@ bool object::is_linked() const
 
 void object::diagnose(std::string_view text) const
 {
-    korva::diagnose(fmt::format("{}: {}", m_path, text));
+    program::diagnose(fmt::format("{}: {}", m_path, text));
 }
 
 void object::refuse(unit &u, std::string_view text) const
@@ -209,4 +209,4 @@ std::vector<unit> &object::units()
     return m_units;
 }
 
-} // namespace korva
+} // namespace korva::program

@@ -12,7 +12,7 @@
 #include <string_view>
 #include <vector>
 
-namespace korva
+namespace korva::program
 {
 
 /** "CONTEXT: first message; second message": the messages of a handle's last failure, or its code in words. */
@@ -92,4 +92,4 @@ private:
     bool m_version_refused = false; // told
 };
 
-} // namespace korva
+} // namespace korva::program

@@ -7,7 +7,7 @@
 #include <cstdio>
 #include <cstring>
 
-namespace korva
+namespace korva::program
 {
 
 void diagnose(std::string_view text)
@@ -77,4 +77,4 @@ void answers::finish()
         throw failure("standard output: write error");
 }
 
-} // namespace korva
+} // namespace korva::program

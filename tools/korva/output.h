@@ -13,7 +13,7 @@
 #include <string>
 #include <string_view>
 
-namespace korva
+namespace korva::program
 {
 
 using json_value = nlohmann::ordered_json;
@@ -90,4 +90,4 @@ inline json_value hex(uint64_t number)
     return fmt::format("0x{:x}", number);
 }
 
-} // namespace korva
+} // namespace korva::program

@@ -8,7 +8,7 @@
 #include <unistd.h>
 #include <utility>
 
-namespace korva
+namespace korva::program
 {
 
 // Whether a line stands on the terminal. Guarded by s_terminal, as is every write of progress to it.
@@ -56,4 +56,4 @@ void progress::watch()
     }
 }
 
-} // namespace korva
+} // namespace korva::program

@@ -11,7 +11,7 @@
 #include <string>
 #include <thread>
 
-namespace korva
+namespace korva::program
 {
 
 class progress
@@ -46,4 +46,4 @@ private:
     std::thread m_watcher;
 };
 
-} // namespace korva
+} // namespace korva::program

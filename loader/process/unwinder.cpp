@@ -1,0 +1,122 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "process/unwinder.h"
+
+#include "elf/file.h"
+
+namespace krv_elf_loader
+{
+
+namespace
+{
+
+// The i386 psABI preserves these across calls, but the library has no rule for a register that no instruction names.
+constexpr unsigned i386_preserved[] = {KRV_HOST_RBX, KRV_HOST_RBP, KRV_HOST_RSI, KRV_HOST_RDI};
+
+// What the library says of its last failure: one line, cause first.
+std::string messages_of(krv_handle_t *hp)
+{
+    unsigned int count = 0;
+    char **messages = korva_handle_get_errmsgs(hp, &count);
+    std::string text;
+    for (unsigned int i = 0; i < count; ++i) {
+        text += i == 0 ? "" : ": ";
+        for (const char *c = messages[i]; *c != '\0'; ++c)
+            text += *c == '\n' ? "" : std::string(1, *c);
+    }
+    return text;
+}
+
+} // namespace
+
+// A process that runs may have loaded a library since its modules were listed.
+loaded_module *unwinder::find_module(uint64_t pc)
+{
+    loaded_module *found = proc->find(pc);
+    if (found != nullptr || looked_again || proc->from->kind != KRV_PROC_SELF)
+        return found;
+    looked_again = true;
+    proc->refresh();
+    return proc->find(pc);
+}
+
+place unwinder::locate(uint64_t pc, bool exact)
+{
+    loaded_module *here = find_module(pc);
+    if (here != nullptr && here->signal_frame(pc))
+        return {pc, true, here};
+    if (exact)
+        return {pc, false, here};
+    return {pc - 1, false, here != nullptr && here->covers(pc - 1) ? here : find_module(pc - 1)};
+}
+
+krv_activation_t *unwinder::load(krv_handle_t *hp, uint64_t pc, const register_set &registers)
+{
+    auto &slot = activations[hp];
+    if (slot == nullptr)
+        slot.reset(korva_activation_alloc(hp));
+    krv_activation_t *ap = slot.get();
+    if (ap == nullptr || korva_activation_reset(hp, ap) != 0 ||
+        korva_activation_set_regs(hp, ap, registers.gregs, registers.mask,
+                                  registers.has_fpregs ? &registers.fpregs : nullptr) != 0 ||
+        korva_activation_set_greg(hp, ap, KRV_ACTIVATION_REG_LIBRARY, KRV_REG_PC, static_cast<krv_greg_t>(pc)) != 0)
+        throw std::bad_alloc();
+    return ap;
+}
+
+departure unwinder::leave_by(krv_handle_t *hp, uint64_t pc, const register_set &registers, krv_proc_frame_t *frame)
+{
+    krv_activation_t *ap = load(hp, pc, registers);
+    frame->handle = hp;
+    frame->activation = ap;
+    departure out;
+    if (korva_activation_get_gregs(hp, ap, KRV_ACTIVATION_FRAME_CALLER, &out.caller.gregs, &out.caller.mask) != 0) {
+        out.code = korva_handle_get_errno(hp);
+        out.kind = out.code == KRV_ERR_NOTFOUND ? departure::no_fde : departure::failed;
+        out.message = messages_of(hp);
+        return out;
+    }
+    krv_greg_t cfa = 0, caller_pc = 0;
+    const bool has_cfa = korva_activation_get_greg(hp, ap, KRV_ACTIVATION_REG_LIBRARY, KRV_ACTIVATION_FRAME_CURRENT,
+                                                   KRV_REG_CFA, &cfa) == 0;
+    frame->cfa = static_cast<uint64_t>(cfa);
+    const bool has_pc = korva_activation_get_greg(hp, ap, KRV_ACTIVATION_REG_LIBRARY, KRV_ACTIVATION_FRAME_CALLER,
+                                                  KRV_REG_PC, &caller_pc) == 0;
+    if (!has_pc && !has_cfa) {
+        out.message = "the frame address depends on a register whose value is not known";
+        return out;
+    }
+    if (!has_pc || caller_pc == 0) {
+        out.kind = departure::outermost;
+        out.message = has_pc ? "the return address is 0" : "the return address is undefined";
+        return out;
+    }
+    out.kind = departure::to_caller;
+    out.caller.set(KRV_HOST_RIP, static_cast<uint64_t>(caller_pc));
+    if (target == KRV_ACTIVATION_I386)
+        for (const unsigned reg : i386_preserved)
+            if (!out.caller.has(reg) && registers.has(reg))
+                out.caller.set(reg, static_cast<uint64_t>(registers.gregs[reg]));
+    return out;
+}
+
+// .eh_frame in memory; the file's .debug_frame where that has nothing for the function.
+departure unwinder::leave(const place &at, const register_set &registers, krv_proc_frame_t *frame)
+{
+    if (at.module == nullptr || at.module->shown().target != target) {
+        departure out;
+        out.kind = departure::no_fde;
+        out.code = KRV_ERR_NOTFOUND;
+        out.message = at.module == nullptr ? "no module covers it" : "it is code of another instruction set";
+        return out;
+    }
+    departure out = leave_by(at.module->handle(), at.lookup_pc, registers, frame);
+    krv_handle_t *debug_frame = out.kind == departure::no_fde ? at.module->debug_frame_handle() : nullptr;
+    if (debug_frame == nullptr) {
+        if (out.kind == departure::no_fde && !at.module->file_problem().empty())
+            out.message += " (" + at.module->file_problem() + ")";
+        return out;
+    }
+    return leave_by(debug_frame, at.lookup_pc - at.module->shown().bias, registers, frame);
+}
+
+} // namespace krv_elf_loader

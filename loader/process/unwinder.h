@@ -1,0 +1,62 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// From a frame to its caller. Every module has a handle of its own, and an activation belongs to one handle, so the
+// registers of a frame are loaded into an activation of the handle that knows the frame's function, whichever it is;
+// what that computes for the caller are the registers of the next frame.
+#ifndef KRV_PROC_UNWINDER_H
+#define KRV_PROC_UNWINDER_H
+
+#include "process/proc.h"
+#include "process/registers.h"
+
+#include <map>
+#include <memory>
+#include <string>
+
+namespace krv_elf_loader
+{
+
+// Where a frame is.
+struct place {
+    uint64_t lookup_pc;
+    bool signal_frame;
+    loaded_module *module; // NULL: none covers lookup_pc
+};
+
+// How a frame is left.
+struct departure {
+    enum { to_caller, outermost, no_fde, failed } kind = failed;
+    int code = KRV_ERR_NONE;
+    std::string message;
+    register_set caller; // of to_caller
+};
+
+class unwinder
+{
+public:
+    unwinder(krv_proc_t *process, krv_activation_type_t instruction_set) : proc(process), target(instruction_set) {}
+
+    // `exact`: pc is where the frame was stopped, not where it will go on after a call.
+    place locate(uint64_t pc, bool exact);
+
+    // Fills the frame's activation, its handle and the frame address. Throws failure and std::bad_alloc.
+    departure leave(const place &at, const register_set &registers, krv_proc_frame_t *frame);
+
+private:
+    struct activation_deleter {
+        void operator()(krv_activation_t *ap) const { korva_activation_free(ap); }
+    };
+
+    loaded_module *find_module(uint64_t pc);
+    departure leave_by(krv_handle_t *hp, uint64_t pc, const register_set &registers, krv_proc_frame_t *frame);
+    krv_activation_t *load(krv_handle_t *hp, uint64_t pc, const register_set &registers);
+
+    krv_proc_t *proc;
+    krv_activation_type_t target;
+    bool looked_again = false;
+    std::map<krv_handle_t *, std::unique_ptr<krv_activation_t, activation_deleter>> activations;
+};
+
+} // namespace krv_elf_loader
+
+#endif
