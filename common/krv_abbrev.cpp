@@ -170,14 +170,14 @@ static inline bool scan_number(const uint8_t **at, const uint8_t *end, uint64_t 
 
 constexpr uint32_t AT_ONCE = 4; // pairs of one-byte numbers, neither of them 0, as most are
 
-// The bits that are not 0 begin in the first of so many pairs that is no such one.
+// The lowest bit set lies in the first pair that is not such a pair; 0: all of them are.
 static inline uint64_t find_other_pair(const uint8_t *from)
 {
     constexpr uint64_t ONES = 0x0101010101010101, HIGH_BITS = 0x8080808080808080;
     uint64_t bytes;
     static_assert(sizeof(bytes) == 2 * AT_ONCE);
     std::memcpy(&bytes, from, sizeof(bytes));
-    return (bytes | (bytes - ONES)) & HIGH_BITS; // behind the first that is found a carry may make others
+    return (bytes | (bytes - ONES)) & HIGH_BITS; // a borrow may set bits above the lowest
 }
 
 static inline void copy_short_pairs(const uint8_t *from, krv_afpair_t *to)
@@ -261,7 +261,7 @@ static outcome scan_abbrevs(table_builder *t)
 {
     const krv_view_t view = krv_fd_view(t->fdp);
     const uint8_t *at = view.bytes, *const end = view.bytes + view.size;
-    const uint8_t *behind = at; // the last one that was read whole
+    const uint8_t *behind = at; // the last abbreviation that was read whole
     outcome result = outcome::next;
     while (result == outcome::next) {
         uint64_t code, tag;

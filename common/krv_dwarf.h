@@ -520,4 +520,17 @@ enum : unsigned { KRV_DW_TAG(KRV_ENUMERATOR) };
 enum : unsigned { KRV_DW_VIS(KRV_ENUMERATOR) };
 #undef KRV_ENUMERATOR
 
+// Without printable names: extensions that the core does not read but the loader meets, and the parts of an encoding.
+enum : unsigned {
+    DW_FORM_GNU_addr_index = 0x1f01,
+    DW_FORM_GNU_str_index = 0x1f02,
+    DW_FORM_GNU_ref_alt = 0x1f20,
+    DW_FORM_GNU_strp_alt = 0x1f21,
+    DW_CFA_GNU_args_size = 0x2e,
+    DW_CFA_primary = 0xc0,   // mask: the opcodes with an operand in their own byte
+    DW_EH_PE_format = 0x0f,  // mask: how a pointer is read
+    DW_EH_PE_base = 0x70,    // mask: what it counts from
+    DW_EH_PE_indirect = 0x80 // it is where the pointer stands
+};
+
 #endif

@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // The reader of .eh_frame (LSB Core, "DWARF Extensions") as a program has it loaded: everything is read through copies
-// of the address-space cursor, whose offsets are target addresses. Sums that form an address are modulo 2^64; what is
-// there is for the read call-back to say.
+// of the address-space cursor, whose offsets are target addresses. Sums that form an address wrap at 2^64: whether there
+// is anything at that address, the read call-back says.
 #include "krv_eh_frame.h"
 
 #include "krv_code.h"
@@ -49,16 +49,16 @@ static constexpr eh_format eh_formats[EH_FORMAT + 1] = {
     {DW_FORM_data2, 0},                 // DW_EH_PE_udata2
     {DW_FORM_data4, 0},                 // DW_EH_PE_udata4
     {DW_FORM_data8, 0},                 // DW_EH_PE_udata8
-    {0, 0},                             //
-    {0, 0},                             //
-    {0, 0},                             //
-    {0, 0},                             //
+    {0, 0},                             // 0x05
+    {0, 0},                             // 0x06
+    {0, 0},                             // 0x07
+    {0, 0},                             // 0x08
     {DW_FORM_sdata, 0},                 // DW_EH_PE_sleb128
     {DW_FORM_data2, KRV_FORM_F_SIGNED}, // DW_EH_PE_sdata2
     {DW_FORM_data4, KRV_FORM_F_SIGNED}, // DW_EH_PE_sdata4
     {DW_FORM_data8, KRV_FORM_F_SIGNED}, // DW_EH_PE_sdata8
-    {0, 0},                             //
-    {0, 0},                             //
+    {0, 0},                             // 0x0d
+    {0, 0},                             // 0x0e
     {0, 0},                             // that of DW_EH_PE_omit
 };
 static_assert(eh_formats[DW_EH_PE_udata8].form == DW_FORM_data8 && eh_formats[DW_EH_PE_sleb128].form == DW_FORM_sdata);

@@ -106,7 +106,7 @@ struct range {
 
 struct entry {
     uint64_t start;       // initial_location
-    uint64_t fde_address; //
+    uint64_t fde_address; // of its record in .eh_frame
     uint64_t next;        // the initial_location behind it, or start when that was not looked at
 };
 

@@ -3,7 +3,7 @@
 // The exported functions about processes, but for the walks. No exception leaves them.
 #include "process/proc.h"
 
-#include "process/error.h"
+#include "failure.h"
 
 #include <algorithm>
 #include <fmt/format.h>

@@ -3,7 +3,7 @@
 // Processes of this machine: one that is held still, and the calling one, which runs on.
 #include "process/source.h"
 
-#include "elf/file.h"
+#include "failure.h"
 #include "process/image.h"
 #include "process/ptrace.h"
 #include "process/status.h"

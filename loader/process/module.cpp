@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "process/module.h"
 
-#include "process/error.h"
+#include "page.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -16,14 +16,8 @@ namespace krv_elf_loader
 namespace
 {
 
-constexpr uint64_t PAGE = 4096;
 constexpr uint64_t LARGEST_VDSO = 1 << 20;
 constexpr char VDSO[] = "[vdso]";
-
-uint64_t page_of(uint64_t n)
-{
-    return n & ~(PAGE - 1);
-}
 
 bool is_vdso(const source &from, const mapping &m)
 {

@@ -5,7 +5,7 @@
 #ifndef KRV_PROC_MODULE_H
 #define KRV_PROC_MODULE_H
 
-#include "elf/file.h"
+#include "failure.h"
 #include "process/eh_frame.h"
 #include "process/image.h"
 #include "process/source.h"

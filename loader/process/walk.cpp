@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // Which frames of a stack are visited, and why a walk ends. How each is left, the unwinder knows.
-#include "process/error.h"
+#include "failure.h"
 #include "process/unwinder.h"
 
 #include <fmt/format.h>
