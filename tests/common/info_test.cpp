@@ -297,26 +297,3 @@ TEST(Info, UnitNames)
     EXPECT_EQ(h.error(),
               text("INVALID: failed to obtain CU at offset %zu in .debug_info", first.size() + second.size()));
 }
-
-// Wherever a read fails or comes up short, and wherever the section ends, there is a unit or a clean failure.
-TEST(Info, DamagedSections)
-{
-    const bytes abbrev_section = abbrevs("1 compile_unit+ name:string location:exprloc type:indirect");
-    const bytes section =
-        unit{.dies = bytes().uleb(1).cstr("main.c").block_uleb(bytes().u8(1)).u8(DW_FORM_string).cstr("x")}.build();
-    handle scratch;
-    for_each_cursor(scratch, section, [&](krv_fd_t *fdp, fault kind) {
-        handle h;
-        h.attach(KRV_SEC_ABBREV, abbrev_section).attach(KRV_SEC_INFO, *fdp);
-        const bool found = korva_lookup_ctu_by_start_offset(h, KRV_SEC_INFO, 0) != nullptr;
-        EXPECT_TRUE(found ? kind != fault::fails : kind != fault::none) << h.error();
-        EXPECT_TRUE(kind != fault::fails || korva_handle_get_errno(h) == KRV_ERR_IO) << h.error();
-    });
-    for_each_prefix(section, [&](const bytes &prefix) {
-        handle h;
-        h.attach(KRV_SEC_ABBREV, abbrev_section);
-        h.attach(KRV_SEC_INFO, prefix.size() < 4 ? prefix : bytes(prefix).set(0, prefix.size() - 4, 4));
-        EXPECT_EQ(korva_lookup_ctu_by_start_offset(h, KRV_SEC_INFO, 0), nullptr);
-        EXPECT_NE(korva_handle_get_errno(h), KRV_ERR_NONE);
-    });
-}
