@@ -175,6 +175,13 @@ krv_lnfe_t **krv_lnph_files(krv_lnph_t *lnphp, uint64_t *countp)
     return krv_load(&lnphp->sln_files);
 }
 
+krv_lnfe_t *krv_lnph_file(krv_lnph_t *lnphp, uint64_t number)
+{
+    uint64_t count;
+    krv_lnfe_t **files = krv_lnph_files(lnphp, &count);
+    return number == 0 || number > count ? nullptr : files[number - 1];
+}
+
 static bool read_unit_length(krv_handle_t *hp, krv_lnph_t *lnphp, krv_fd_t *fdp, uint64_t offset)
 {
     uint64_t length_size = 4;
