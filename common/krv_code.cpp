@@ -184,8 +184,8 @@ static krv_form_t block_length_form(krv_form_t form)
     return width == 0 ? krv_form_t{DW_FORM_udata} : krv_data_form(width);
 }
 
-static int decode_block(krv_fd_t *fdp, krv_form_t form, const krv_encoding_t &encoding, void *dst, size_t size,
-                        size_t *sizep)
+static int decode_block(krv_fd_t *fdp, krv_form_t form, const krv_encoding_t &encoding, bool is_signed, void *dst,
+                        size_t size, size_t *sizep)
 {
     krv_handle_t *hp = fdp->sfd_hp;
 
@@ -194,7 +194,7 @@ static int decode_block(krv_fd_t *fdp, krv_form_t form, const krv_encoding_t &en
     const krv_form_t length_form = block_length_form(form);
     const int result = length_form == DW_FORM_udata
                            ? decode_leb128(&fd, length_form, &length, sizeof(length), nullptr)
-                           : decode_number(&fd, length_form, encoding, false, &length, sizeof(length), nullptr);
+                           : decode_number(&fd, length_form, encoding, is_signed, &length, sizeof(length), nullptr);
     if (result != 0)
         return krv_note(hp, "Failed to read block size for %s", form_name(form));
     if (length > fd.sfd_remaining)
@@ -222,12 +222,13 @@ static int decode_block(krv_fd_t *fdp, krv_form_t form, const krv_encoding_t &en
     return 0;
 }
 
-static int decode_strp(krv_fd_t *fdp, const krv_encoding_t &encoding, void *dst, size_t size, size_t *sizep)
+static int decode_strp(krv_fd_t *fdp, const krv_encoding_t &encoding, bool is_signed, void *dst, size_t size,
+                       size_t *sizep)
 {
     krv_handle_t *hp = fdp->sfd_hp;
     krv_fd_t fd = *fdp;
     uint64_t offset = 0;
-    if (decode_number(&fd, DW_FORM_sec_offset, encoding, false, &offset, sizeof(offset), nullptr) != 0)
+    if (decode_number(&fd, DW_FORM_sec_offset, encoding, is_signed, &offset, sizeof(offset), nullptr) != 0)
         return krv_note(hp, "unable to decode DW_FORM_strp");
     krv_fd_t str = hp->sh_sec[KRV_SEC_STR];
     if (korva_fd_seek(&str, offset, KRV_FD_SEEK_SET) != 0)
@@ -321,9 +322,9 @@ int krv_decode_form(krv_fd_t *fdp, krv_form_t form, const krv_encoding_t &encodi
     case krv_family_t::string:
         return decode_string(fdp, dst, size, sizep);
     case krv_family_t::strp:
-        return decode_strp(fdp, encoding, dst, size, sizep);
+        return decode_strp(fdp, encoding, is_signed, dst, size, sizep);
     case krv_family_t::block:
-        return decode_block(fdp, form, encoding, dst, size, sizep);
+        return decode_block(fdp, form, encoding, is_signed, dst, size, sizep);
     case krv_family_t::indirect:
         return decode_indirect(fdp, encoding, is_signed, dst, size, sizep);
     case krv_family_t::present:

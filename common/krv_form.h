@@ -39,8 +39,8 @@ enum : uint32_t {
 enum class krv_family_t : uint8_t {
     unknown,  // not at all
     number,   // `width` bytes
-    uleb128,  //
-    sleb128,  //
+    uleb128,  // an unsigned LEB128 number
+    sleb128,  // a signed one
     string,   // the bytes up to a NUL
     strp,     // `width` bytes, the offset of such a string in .debug_str
     block,    // a length of `width` bytes, 0 for a ULEB128 number, and as many bytes
