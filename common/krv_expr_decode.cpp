@@ -11,18 +11,21 @@ static int decode_operand(krv_handle_t *hp, krv_fd_t *fdp, krv_form_t form, uint
                           unsigned int i)
 {
     krv_value_t *value = &insn->op.operand[i];
+    const krv_encoding_t encoding = krv_encoding(fdp->sfd_hp, flags);
+    if ((flags & KRV_FORM_F_SIGNED) != 0)
+        return krv_decode(fdp, form, encoding, &value->sa_u.su_signed);
     if (form != DW_FORM_block)
-        return krv_decode(fdp, form, flags, &value->sa_u.su_unsigned);
+        return krv_decode(fdp, form, encoding, &value->sa_u.su_unsigned);
     krv_fd_attach_mem(hp, &insn->block[i], KRV_EXPR_BLOCK_SIZE, insn->storage[i]);
     value->sa_u.su_addr = &insn->block[i];
-    return korva_decode_form(fdp, form, flags, &insn->block[i], KRV_EXPR_BLOCK_SIZE, nullptr);
+    return krv_decode_form(fdp, form, encoding, false, &insn->block[i], KRV_EXPR_BLOCK_SIZE, nullptr);
 }
 
 krv_expr_decoded krv_expr_decode(krv_handle_t *hp, krv_fd_t *fdp, uint32_t form_flags, krv_expr_insn_t *insn)
 {
     insn->op = {};
     insn->noperands = 0;
-    if (krv_decode(fdp, DW_FORM_data1, form_flags, &insn->op.opcode) != 0)
+    if (fdp->sfd_hp == nullptr || krv_decode(fdp, DW_FORM_data1, &insn->op.opcode) != 0)
         return krv_expr_decoded::no_opcode;
     if (insn->op.opcode >= KRV_NOPERATIONS)
         return krv_expr_decoded::no_row;

@@ -27,9 +27,16 @@ enum class step {
     finished // the evaluation is over
 };
 
-struct evaluator : krv_expr_context_t {
+struct evaluator {
     krv_handle_t *hp;
     krv_fd_t *fdp;
+    krv_exprstack_t *stack; // what the context gives
+    krv_activation_t *ap;
+    krv_frame_registers_f *frame;
+    uint32_t flags;
+    krv_fd_t **outputs;
+    krv_expr_cb_f *func;
+    void *arg;
 
     uint64_t start;       // cursor offset of the expression
     uint64_t at;          // of the current instruction
@@ -590,9 +597,15 @@ int krv_expr_execute(krv_handle_t *hp, krv_fd_t *fdp, const krv_expr_context_t *
         return krv_fail(hp, KRV_ERR_UNSUPPORTED, "no as read callback found");
 
     evaluator ev; // its block storage needs no initial value
-    static_cast<krv_expr_context_t &>(ev) = *context;
     ev.hp = hp;
     ev.fdp = fdp;
+    ev.stack = context->stack;
+    ev.ap = context->ap;
+    ev.frame = context->frame;
+    ev.flags = context->flags;
+    ev.outputs = context->outputs;
+    ev.func = context->func;
+    ev.arg = context->arg;
     ev.start = fdp->sfd_offset;
     ev.at = ev.start;
     ev.next_offset = ev.start;
