@@ -96,12 +96,12 @@ static outcome read_pair(table_builder *t, krv_abbrev_t *abbrev)
     const uint32_t number = abbrev->dwa_nafpairs + 1;
     krv_attribute_t attribute = 0;
     krv_form_t form = 0;
-    if (krv_decode(t->fdp, DW_FORM_udata, 0, &attribute) != 0) {
+    if (krv_decode(t->fdp, DW_FORM_udata, &attribute) != 0) {
         krv_note(t->hp, "failed to read attribute %lu for abbreviation %u at offset %lu",
                  static_cast<unsigned long>(number), abbrev->dwa_code, t->shown_offset());
         return outcome::failed;
     }
-    if (krv_decode(t->fdp, DW_FORM_udata, 0, &form) != 0) {
+    if (krv_decode(t->fdp, DW_FORM_udata, &form) != 0) {
         krv_note(t->hp, "failed to read form %d for abbreviation %d at offset %lu", static_cast<int>(number),
                  static_cast<int>(abbrev->dwa_code), t->shown_offset());
         return outcome::failed;
@@ -122,18 +122,18 @@ static outcome read_pair(table_builder *t, krv_abbrev_t *abbrev)
 static outcome read_abbrev(table_builder *t)
 {
     krv_abbrev_t abbrev = {};
-    if (krv_decode(t->fdp, DW_FORM_udata, 0, &abbrev.dwa_code) != 0) {
+    if (krv_decode(t->fdp, DW_FORM_udata, &abbrev.dwa_code) != 0) {
         krv_note(t->hp, "failed to read code for abbreviation at offset %lu", t->shown_offset());
         return outcome::failed;
     }
     if (abbrev.dwa_code == 0)
         return outcome::done;
     uint8_t children = 0;
-    if (krv_decode(t->fdp, DW_FORM_udata, 0, &abbrev.dwa_tag) != 0) {
+    if (krv_decode(t->fdp, DW_FORM_udata, &abbrev.dwa_tag) != 0) {
         krv_note(t->hp, "failed to read tag for abbreviation at offset %lu", t->shown_offset());
         return outcome::failed;
     }
-    if (krv_decode(t->fdp, DW_FORM_data1, 0, &children) != 0) {
+    if (krv_decode(t->fdp, DW_FORM_data1, &children) != 0) {
         krv_note(t->hp, "failed to read children flag for abbreviation at offset %lu", t->shown_offset());
         return outcome::failed;
     }
@@ -170,14 +170,14 @@ static inline bool scan_number(const uint8_t **at, const uint8_t *end, uint64_t 
 
 constexpr uint32_t AT_ONCE = 4; // pairs of one-byte numbers, neither of them 0, as most are
 
-// The bits that are not 0 begin in the first of so many pairs that is no such one.
+// The lowest bit set lies in the first pair that is not such a pair; 0: all of them are.
 static inline uint64_t find_other_pair(const uint8_t *from)
 {
     constexpr uint64_t ONES = 0x0101010101010101, HIGH_BITS = 0x8080808080808080;
     uint64_t bytes;
     static_assert(sizeof(bytes) == 2 * AT_ONCE);
     std::memcpy(&bytes, from, sizeof(bytes));
-    return (bytes | (bytes - ONES)) & HIGH_BITS; // behind the first that is found a carry may make others
+    return (bytes | (bytes - ONES)) & HIGH_BITS; // a borrow may set bits above the lowest
 }
 
 static inline void copy_short_pairs(const uint8_t *from, krv_afpair_t *to)
@@ -261,7 +261,7 @@ static outcome scan_abbrevs(table_builder *t)
 {
     const krv_view_t view = krv_fd_view(t->fdp);
     const uint8_t *at = view.bytes, *const end = view.bytes + view.size;
-    const uint8_t *behind = at; // the last one that was read whole
+    const uint8_t *behind = at; // the last abbreviation that was read whole
     outcome result = outcome::next;
     while (result == outcome::next) {
         uint64_t code, tag;

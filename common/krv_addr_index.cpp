@@ -100,7 +100,7 @@ static bound *sort_bounds(bound *bounds, bound *spare, size_t count)
     for (unsigned int shift = 0; shift < 64; shift += 8) {
         if ((varying >> shift & 0xff) == 0)
             continue;
-        size_t begin[257] = {}; // of the bounds with a digit; those of one less are counted first
+        size_t begin[257] = {}; // where the bounds with each digit go, once the counts are summed
         for (size_t i = 0; i < count; ++i)
             ++begin[(bounds[i].address >> shift & 0xff) + 1];
         std::partial_sum(begin, begin + 257, begin);
@@ -111,7 +111,7 @@ static bound *sort_bounds(bound *bounds, bound *spare, size_t count)
     return bounds;
 }
 
-// Finds the pieces, and for the bounds of each range where they are among them: of range i in pieces[2 * i] and the next.
+// Finds the pieces. Range i covers those from pieces[2 * i] to before pieces[2 * i + 1].
 static bool find_pieces(krv_handle_t *hp, const range_table *t, krv_addr_index *index, size_t *pieces)
 {
     const size_t count = 2 * t->entries;

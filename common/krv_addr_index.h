@@ -11,9 +11,9 @@
 struct krv_addr_index {
     uint64_t *sai_bounds;       // owned: where pieces begin
     uint32_t *sai_units;        // owned: of each piece the unit, as an index of the unit table, or KRV_NO_UNIT
-    size_t sai_pieces;          //
+    size_t sai_pieces;          // their number
     uint32_t *sai_unknown;      // owned: units whose ranges were not known, ascending
-    uint32_t sai_unknown_units; //
+    uint32_t sai_unknown_units; // their number
 };
 
 constexpr uint32_t KRV_NO_UNIT = UINT32_MAX;

@@ -37,9 +37,9 @@ struct krv_hash {
     krv_rwlock_t dwhsh_rwlock;
     krv_hash_hash_f *dwhsh_hash;
     krv_hash_cmp_f *dwhsh_cmp;
-    krv_hash_chunk_t *dwhsh_chunks; // what holds the entries
-    krv_hash_elem_t *dwhsh_unused;  // so many in the latest of them that are free
-    uint32_t dwhsh_nunused;
+    krv_hash_chunk_t *dwhsh_chunks; // storage of the entries, the latest first
+    krv_hash_elem_t *dwhsh_unused;  // free entries of the latest chunk,
+    uint32_t dwhsh_nunused;         // and their number
 };
 
 typedef int krv_hash_type_t;

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Line numbers: the header of a unit's line-number program (krv_line_header.cpp), its execution into a matrix
-// (krv_line_program.cpp), and the client's view of both (krv_line.cpp).
+// Line numbers: the header of a unit's line-number program (krv_line_header.cpp), its execution (krv_line_program.cpp)
+// into a matrix (krv_line_matrix.cpp), and the client's view of it all (krv_line.cpp).
 #ifndef KRV_LINE_H
 #define KRV_LINE_H
 
@@ -33,7 +33,7 @@ struct krv_lnph {
     char **sln_id;    // owned: include directories, owned strings
     uint64_t sln_id_size;
     uint64_t sln_id_entries;
-    krv_lnfe_t **sln_files; // owned: files, owned entries; file register n is element n - 1
+    krv_lnfe_t **sln_files; // owned: files, owned entries; see krv_lnph_file
     uint64_t sln_files_size;
     uint64_t sln_files_entries;
     uint64_t sln_offset;         // of the header in .debug_line
@@ -111,6 +111,9 @@ int krv_lnph_add_file(krv_handle_t *hp, krv_lnph_t *lnphp, krv_ctu_t *cup, char 
 // The file table as any thread may read it: the array, with at least *countp elements.
 krv_lnfe_t **krv_lnph_files(krv_lnph_t *lnphp, uint64_t *countp);
 
+// The file that a file register's value names: they are numbered from 1. NULL where the table has none of that number.
+krv_lnfe_t *krv_lnph_file(krv_lnph_t *lnphp, uint64_t number);
+
 // Executes the program, calling func (may be NULL) after every opcode. 0 with the new matrix in *lnppp; -1 or func's
 // non-zero result (code KRV_ERR_IO) with *lnppp untouched.
 int krv_line_build_program(krv_handle_t *hp, krv_lnph_t *lnphp, krv_lnp_t **lnppp, krv_iter_lne_f *func, void *arg);
@@ -121,7 +124,12 @@ krv_lnp_t *krv_line_get_matrix(krv_handle_t *hp, krv_lnph_t *lnphp);
 krv_lnp_t *krv_line_alloc_program(krv_handle_t *hp);
 void krv_line_free_program(krv_lnp_t *lnpp);
 void krv_lns_init(krv_lnph_t *lnphp, krv_lns_t *lnsp);
+
+// Appends a row. 0, or -1 with KRV_ERR_NOMEM.
 int krv_line_push_entry(krv_handle_t *hp, krv_lnph_t *lnphp, krv_lnp_t *lnpp, krv_lns_t *rp);
+
+// When all rows are there: checks and sorts the sequences, and gives each row its canonical address. 0 or -1.
+int krv_line_finish_program(krv_handle_t *hp, krv_lnp_t *lnpp);
 
 int krv_subrange_compare(const void *a, const void *b);  // krv_lnb_t by start address
 int krv_canonical_compare(const void *a, const void *b); // krv_lns_t by file, line, address

@@ -346,8 +346,8 @@ static bool scan_children(krv_handle_t *hp, krv_ctu_t *cu, krv_lcpc_t *list)
     return krv_lookup_insert_arange_entry(hp, 0, 0, list) == 0;
 }
 
-// A unit that .debug_aranges names not: covered by its own bounds, else by its children, unless flags forbid the scan.
-// 0 leaves dcu_aranges as known as it can be.
+// The ranges of a unit that .debug_aranges does not name: its own bounds, else those of its children, unless the flags
+// forbid that scan: then 0 leaves dcu_aranges NULL.
 static int find_ranges(krv_handle_t *hp, krv_ctu_t *cu, krv_lookup_flag_t flags)
 {
     krv_lcpc_t list = {};

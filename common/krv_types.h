@@ -18,11 +18,6 @@ constexpr unsigned KRV_STRING_BUFSZ = 1024;  // longest name or path the readers
 constexpr uint64_t KRV_KEPT_SLACK = 1 << 20; // of what an input may have kept beyond its own size
 constexpr uint32_t KRV_INIT_ARANGES = 0x1;   // sh_init_flags: .debug_aranges has been applied to the units
 
-// A compilation-unit, address-range or line-number length: 0xffffffff announces the 64-bit format, the other values
-// from 0xfffffff0 upward are reserved (DWARF 4, 7.4).
-constexpr uint64_t KRV_LENGTH_DWARF64 = 0xffffffff;
-constexpr uint64_t KRV_LENGTH_RESERVED = 0xfffffff0;
-
 struct krv_opt_t {
     boolean_t sopt_set; // B_TRUE once set; never reset
     union {
@@ -38,17 +33,17 @@ struct krv_handle {
     krv_refcnt_t sh_refcnt;
     krv_rwlock_t sh_rwlock;           // unit table, .debug_aranges, .eh_frame_hdr; taken before a hash table's lock
     krv_ctu_t **sh_cu_table;          // every unit of .debug_info in section order; published last
-    uint32_t sh_cu_table_entries;     //
+    uint32_t sh_cu_table_entries;     // their number
     krv_hash *sh_cu_offset_hash;      // the same units by start offset
     uint32_t sh_init_flags;           // KRV_INIT_*
-    krv_activation_type_t sh_target;  //
+    krv_activation_type_t sh_target;  // the machine whose code and registers are read
     uint32_t sh_target_size;          // bytes of a target address
-    char *sh_errors[KRV_MAX_ERRORS];  //
+    char *sh_errors[KRV_MAX_ERRORS];  // texts of the messages, cause first
     krv_relaxed<uint32_t> sh_nerrors; // messages stored since the last clear
     krv_fd_t sh_sec[KRV_MAX_SEC];     // one cursor a section; size 0 when not attached
     krv_fd_t sh_as;                   // the target's memory; offsets are target addresses
     krv_relaxed<int32_t> sh_errno;    // KRV_ERR_*
-    krv_opt_t sh_opts[KRV_MAX_OPT];   //
+    krv_opt_t sh_opts[KRV_MAX_OPT];   // by KRV_OPT_*
     void *sh_frame_reader;            // krv_reader *, built on first use, published by compare-and-swap
     krv_hash *sh_auphash;             // abbreviation tables by .debug_abbrev offset, likewise
     krv_addr_index *sh_addr_known;    // units by address, of those whose ranges need no scan, likewise

@@ -24,9 +24,10 @@
  *  2. Errors. A failure leaves a code (korva_handle_get_errno) and up to 16 messages (korva_handle_get_errmsgs) in
  *     the handle. Messages stand from the cause outwards: the failing step first, then each caller's summary. A
  *     NULL handle gives the failure value and records nothing anywhere. With a valid handle any other NULL argument
- *     sets KRV_ERR_INVALID without a message. Every function that takes a handle, or a cursor that leads to one,
- *     first clears the handle's error state, so code and messages always speak of the last call. A successful call
- *     may leave messages of steps that it recovered from; only a failure value means failure.
+ *     sets KRV_ERR_INVALID without a message; the messages of the call before may then still stand. Every other call
+ *     with a handle, or with a cursor that leads to one, first clears the handle's error state, so that code and
+ *     messages speak of the last call. A successful call may leave messages of steps that it recovered from; only a
+ *     failure value means failure.
  *  3. Ownership. Buffers, call-back arguments and cursors that a client hands over stay the client's and must
  *     outlive their use. Records handed out (units, entries, line headers, rows, files, matrices) belong to the
  *     handle and live until it is freed; never free them. What a client allocates against a handle (cursors,

@@ -40,8 +40,8 @@ typedef struct krv_value {
  *      - blocks and DW_FORM_exprloc: @p dst is a krv_fd_t *, a memory cursor whose buffer has room for @p size bytes;
  *        it is re-pointed at exactly the block, position 0, and the block is copied into its buffer;
  *      - DW_FORM_flag_present: nothing is read or stored;
- *      - DW_FORM_indirect: as the form found in the data, so @p dst must suit whatever that may be. Clients that
- *        cannot know use the library's own entries, which store each value by the form found.
+ *      - DW_FORM_indirect: as the form found in the data, so @p dst must suit whatever that may be. A client that
+ *        cannot know decodes the form's code first, as DW_FORM_udata, and then the datum behind it by that form.
  *  - Size query: @p dst NULL, @p sizep given; for strings, DW_FORM_strp and blocks. Stores the bytes that decoding
  *    would need; the cursor does not move.
  *

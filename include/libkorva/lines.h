@@ -59,8 +59,9 @@ KORVA_API int korva_iter_line_entry(krv_handle_t *hp, krv_lnph_t *lnphp, krv_ite
  * contains it. Addresses carry the bias of KRV_OPT_BASE_ADDR. An address in a gap between sequences gets the last row
  * before or the first row behind the gap when the caller's range allows only one of them. @p flags has no effect.
  *
- * Errors: KRV_ERR_NOTFOUND without a message (no row applies, or the unit has no line numbers), KRV_ERR_INVALID
- * (@p addr outside its range), KRV_ERR_CORRUPT, and those of korva_line_get_cu_lnph and korva_iter_line_entry.
+ * Errors: KRV_ERR_NOTFOUND without a message (no row applies) or with one (the unit has no line numbers),
+ * KRV_ERR_INVALID (@p addr outside its range), KRV_ERR_CORRUPT, and those of korva_line_get_cu_lnph and
+ * korva_iter_line_entry.
  */
 KORVA_API krv_lns_t *korva_lookup_source_by_cu_and_addr(krv_handle_t *hp, krv_ctu_t *cup, uint64_t start, uint64_t size,
                                                         uint64_t addr, unsigned int flags);
@@ -75,9 +76,10 @@ KORVA_API int korva_lns_get_canonical_address(krv_handle_t *hp, krv_lns_t *lnsp,
 KORVA_API krv_lnfe_t *korva_lns_get_filep(krv_handle_t *hp, krv_lns_t *lnsp);
 
 /**
- * Copies a file's path as strncpy does: at most @p len bytes, padded with zeros, and without a terminating NUL when
- * the path has @p len bytes or more. @p absolute B_TRUE gives the path composed of compilation directory, include
- * directory and name (at most 1023 characters); any other value gives the name as written.
+ * Copies a file's path as strncpy does. A path shorter than @p len bytes is followed by zeros up to @p len. A path of
+ * @p len bytes or more fills the buffer, which then has NO terminating NUL; that is no error. 1024 bytes hold any path;
+ * for a smaller buffer pass a @p len one below its size and set its last byte to 0. @p absolute B_TRUE gives the path
+ * composed of compilation directory, include directory and name; any other value gives the name as written.
  */
 KORVA_API int korva_lnfe_get_path(krv_handle_t *hp, krv_lnfe_t *lnfep, char *buf, size_t len, boolean_t absolute);
 

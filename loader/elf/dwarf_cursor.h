@@ -5,10 +5,11 @@
 #ifndef KRV_ELF_DWARF_CURSOR_H
 #define KRV_ELF_DWARF_CURSOR_H
 
-#include "elf/file.h"
+#include "bytes.h"
 
 #include <cstring>
 #include <string_view>
+#include <vector>
 
 namespace krv_elf_loader
 {

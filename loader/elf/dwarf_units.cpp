@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "elf/dwarf_units.h"
 
-#include "elf/dwarf_constants.h"
+#include "krv_dwarf.h"
 
 #include <algorithm>
 #include <fmt/format.h>

@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "elf/file.h"
 
+#include "notes.h"
+
 #include <cerrno>
 #include <cstring>
 #include <fcntl.h>
@@ -32,29 +34,29 @@ struct descriptor {
     }
 };
 
-uint64_t align4(uint64_t n)
-{
-    return (n + 3) & ~uint64_t{3};
-}
+// A part of a file, as notes are read from it.
+struct extent_reader {
+    byte_span bytes;
+    bool read(uint64_t at, void *buf, size_t count) const
+    {
+        if (at > bytes.size() || count > bytes.size() - at)
+            return false;
+        std::memcpy(buf, bytes.data() + at, count);
+        return true;
+    }
+};
 
 // The description of the build-id note among the notes in `bytes`, or nothing.
 byte_span find_build_id_note(byte_span bytes)
 {
-    while (bytes.size() >= sizeof(Elf32_Nhdr)) {
-        Elf32_Nhdr note;
-        std::memcpy(&note, bytes.data(), sizeof(note));
-        const uint64_t name_at = sizeof(note);
-        const uint64_t desc_at = name_at + align4(note.n_namesz);
-        const uint64_t end = desc_at + align4(note.n_descsz);
-        if (desc_at > bytes.size() || note.n_descsz > bytes.size() - desc_at)
-            break;
-        if (note.n_type == NT_GNU_BUILD_ID && note.n_namesz == 4 && std::memcmp(bytes.data() + name_at, "GNU", 4) == 0)
-            return bytes.subspan(desc_at, note.n_descsz);
-        if (end >= bytes.size())
-            break;
-        bytes = bytes.subspan(end);
-    }
-    return {};
+    byte_span id;
+    extent_reader reader{bytes};
+    each_note(reader, 0, bytes.size(), [&](const elf_note &note) {
+        if (note.type == NT_GNU_BUILD_ID && note.name == ELF_NOTE_GNU)
+            id = bytes.subspan(note.address, note.size);
+        return id.empty();
+    });
+    return id;
 }
 
 } // namespace

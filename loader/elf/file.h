@@ -6,28 +6,17 @@
 #define KRV_ELF_FILE_H
 
 #include "address_ranges.h"
-#include "libkorva-elf.h"
+#include "bytes.h"
+#include "failure.h"
 
 #include <cstdint>
 #include <gelf.h>
 #include <map>
-#include <span>
-#include <stdexcept>
 #include <string>
 #include <vector>
 
 namespace krv_elf_loader
 {
-
-using byte_span = std::span<const uint8_t>;
-
-// A failure on its way to a krv_elf_error_t.
-class failure : public std::runtime_error
-{
-public:
-    failure(int error_code, const std::string &text) : std::runtime_error(text), code(error_code) {}
-    const int code; // KRV_ELF_ERR_*
-};
 
 // Strings by their offset. Whether they end within the table is known once for all of them.
 class string_table
@@ -46,10 +35,10 @@ struct raw_section {
     size_t number;    // in the section header table
     uint32_t type;
     uint64_t flags;
-    size_t link;        // numbers of sections that belong to it
-    size_t info;        //
+    size_t link;        // number of a section that belongs to it, as of a symbol table its strings
+    size_t info;        // of relocations: number of the section that they are for
     uint64_t address;   // of a relocatable file: the one that it got here
-    uint64_t alignment; //
+    uint64_t alignment; // 0 and 1: any address will do
     uint64_t size;      // bytes in memory, or after inflation as the section claims it
     uint64_t file_size; // bytes in the file: 0 for SHT_NOBITS
     byte_span bytes;    // as they stand in the file; empty for a section without contents, or beyond the file

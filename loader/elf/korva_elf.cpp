@@ -7,6 +7,8 @@
 #include "elf/file.h"
 #include "elf/symbols.h"
 #include "elf/view.h"
+#include "failure.h"
+#include "page.h"
 
 #include <algorithm>
 #include <cstdio>
@@ -96,34 +98,6 @@ private:
     }
 };
 
-// One line of text, whatever is in the path that it names.
-static void tell(krv_elf_error_t *errorp, int code, const char *message)
-{
-    if (errorp == nullptr)
-        return;
-    errorp->code = code;
-    std::snprintf(errorp->message, sizeof(errorp->message), "%s", message);
-    std::replace(errorp->message, errorp->message + std::strlen(errorp->message), '\n', '?');
-}
-
-// Runs the body of an exported function that may throw; tells what it threw, and returns `failed`.
-template <typename R, typename F>
-static R guarded(krv_elf_error_t *errorp, R failed, const F &body)
-{
-    try {
-        return body();
-    } catch (const failure &f) {
-        tell(errorp, f.code, f.what());
-    } catch (const std::bad_alloc &) {
-        tell(errorp, KRV_ELF_ERR_NOMEM, "out of memory");
-    } catch (const std::exception &e) {
-        tell(errorp, KRV_ELF_ERR_FORMAT, e.what());
-    } catch (...) {
-        tell(errorp, KRV_ELF_ERR_FORMAT, "unknown failure");
-    }
-    return failed;
-}
-
 // NULL when memory ran out.
 static view *made_view(krv_elf_t *elf)
 {
@@ -137,10 +111,10 @@ static view *made_view(krv_elf_t *elf)
 // The loaded segment that holds a byte of the file; failing that, one whose first page, which is mapped whole, does.
 static const GElf_Phdr *find_segment(const elf_file &file, uint64_t file_offset)
 {
-    constexpr uint64_t PAGE = 4096;
-    for (const uint64_t mask : {UINT64_MAX, ~(PAGE - 1)})
+    for (const bool whole_page : {false, true})
         for (const GElf_Phdr &segment : file.segments())
-            if (segment.p_type == PT_LOAD && file_offset >= (segment.p_offset & mask) &&
+            if (segment.p_type == PT_LOAD &&
+                file_offset >= (whole_page ? page_of(segment.p_offset) : segment.p_offset) &&
                 (file_offset < segment.p_offset || file_offset - segment.p_offset < segment.p_filesz))
                 return &segment;
     return nullptr;

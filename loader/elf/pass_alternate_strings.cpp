@@ -3,9 +3,9 @@
 // dwz -m moves strings that several files share into an alternate file (DW_FORM_GNU_strp_alt). Its .debug_str is put
 // behind the file's own, and every such attribute becomes a DW_FORM_strp there. Without that file they all become one
 // string that says so: the names of a unit are among them, and the core reads no unit whose name is no string.
-#include "elf/dwarf_constants.h"
 #include "elf/dwarf_units.h"
 #include "elf/pass.h"
+#include "krv_dwarf.h"
 
 #include <fmt/format.h>
 

@@ -3,10 +3,10 @@
 // Link-time optimisation and dwz write references across units (DW_FORM_ref_addr) and into an alternate file
 // (DW_FORM_GNU_*); the core decodes neither, and one such attribute makes the whole entry unreadable. In a private
 // copy of the abbreviation table the attribute gets a plain form of the same width, in as many bytes as its form had:
-// nothing moves, and the rest of the entry is read. Strings of an alternate file are handed in by pass_alternate.
-#include "elf/dwarf_constants.h"
+// nothing moves, and the rest of the entry is read. Strings of an alternate file have been taken from there before.
 #include "elf/dwarf_units.h"
 #include "elf/pass.h"
+#include "krv_dwarf.h"
 
 #include <fmt/format.h>
 #include <set>

@@ -4,9 +4,9 @@
 // 0, 1 or -1 or wherever its relocation came to lie; they overlap each other and live code, and the core refuses the
 // whole unit for it. Such a sequence is overwritten by opcodes that change nothing. What it says of the file table
 // stays, so that file numbers are those of the compiler.
-#include "elf/dwarf_constants.h"
 #include "elf/dwarf_cursor.h"
 #include "elf/pass.h"
+#include "krv_dwarf.h"
 
 #include <fmt/format.h>
 

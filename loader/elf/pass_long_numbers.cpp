@@ -4,9 +4,9 @@
 // entry and what stands behind it become unreadable. No ten bytes of LEB128 say the same to the core, but a block of
 // nine bytes takes as many: the entry gets an abbreviation of its own in which that attribute is one. The table of its
 // unit is copied behind the others for that; its codes keep their number of bytes.
-#include "elf/dwarf_constants.h"
 #include "elf/dwarf_units.h"
 #include "elf/pass.h"
+#include "krv_dwarf.h"
 
 #include <fmt/format.h>
 #include <set>

@@ -4,9 +4,9 @@
 // and Rust write no such sets for units whose code lies in several ranges. They are made here: from DW_AT_ranges, else
 // from the unit's functions. A set that names no unit, at which the core would stop, and ranges of functions that the
 // linker dropped, are left out.
-#include "elf/dwarf_constants.h"
 #include "elf/dwarf_units.h"
 #include "elf/pass.h"
+#include "krv_dwarf.h"
 
 #include <fmt/format.h>
 #include <set>

@@ -16,11 +16,11 @@ namespace
 // In the order in which they run. A new correction is a function in a file of its own and a row here.
 constexpr pass passes[] = {
     {"relocations", apply_relocations},            // first: what the others read stands in relocated places
-    {"unit-versions", correct_unit_versions},      //
+    {"unit-versions", correct_unit_versions},      // before every walk over units
     {"alternate-strings", take_alternate_strings}, // before "forms", which makes numbers of what is left
-    {"forms", correct_forms},                      //
-    {"long-numbers", correct_long_numbers},        //
-    {"line-sequences", drop_dead_sequences},       //
+    {"forms", correct_forms},                      // before entries are walked for what they hold
+    {"long-numbers", correct_long_numbers},        // it makes abbreviations of its own, of corrected ones
+    {"line-sequences", drop_dead_sequences},       // of .debug_line alone
     {"ranges", complete_ranges},                   // last: it reads entries that the others made readable
 };
 

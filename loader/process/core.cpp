@@ -4,7 +4,9 @@
 // of threads and mappings. Every size and offset is the core file's claim and is compared with what the file has.
 #include "process/source.h"
 
-#include "elf/file.h"
+#include "failure.h"
+#include "notes.h"
+#include "page.h"
 #include "process/image.h"
 
 #include <algorithm>
@@ -26,10 +28,10 @@ struct note_layout {
     size_t status_signal;  // short pr_cursig
     size_t status_pid;     // int pr_pid
     size_t status_regs;    // pr_reg
-    size_t regs_size;      //
+    size_t regs_size;      // bytes
     size_t info_pid;       // int pr_pid
     size_t info_name;      // char pr_fname[16]
-    size_t info_name_size; //
+    size_t info_name_size; // bytes
 };
 
 constexpr note_layout layout_amd64 = {8, 12, 32, 112, REGS_SIZE_AMD64, 24, 40, 16};
@@ -194,7 +196,10 @@ void core_file_source::read_notes()
             continue;
         const uint64_t size = std::min({segment.p_filesz, core_size - segment.p_offset, left});
         left -= size;
-        each_note(file, segment.p_offset, size, [this](const elf_note &note) { take_note(note); });
+        each_note(file, segment.p_offset, size, [this](const elf_note &note) {
+            take_note(note);
+            return true;
+        });
     }
     sort_mappings();
 }
@@ -319,7 +324,6 @@ void core_file_source::add_executable_mappings()
     if (!headers || headers->target != target || aux.entry == 0)
         return;
     const uint64_t bias = aux.entry - headers->entry;
-    constexpr uint64_t PAGE = 4096;
     for (const Elf64_Phdr &s : headers->segments) {
         if (s.p_type != PT_LOAD || s.p_filesz == 0)
             continue;

@@ -2,6 +2,7 @@
 #include "process/eh_frame.h"
 
 #include "elf/dwarf_cursor.h"
+#include "krv_dwarf.h"
 
 #include <algorithm>
 #include <cstring>
@@ -14,39 +15,6 @@ namespace krv_elf_loader
 namespace
 {
 
-// Pointer encodings (Linux Standard Base, "DWARF Exception Header Encoding").
-enum : uint8_t {
-    PE_ABSPTR = 0x00,
-    PE_ULEB128 = 0x01,
-    PE_UDATA2 = 0x02,
-    PE_UDATA4 = 0x03,
-    PE_UDATA8 = 0x04,
-    PE_SLEB128 = 0x09,
-    PE_SDATA2 = 0x0a,
-    PE_SDATA4 = 0x0b,
-    PE_SDATA8 = 0x0c,
-    PE_FORMAT = 0x0f,
-    PE_PCREL = 0x10,
-    PE_DATAREL = 0x30,
-    PE_BASE = 0x70,
-    PE_INDIRECT = 0x80,
-    PE_OMIT = 0xff
-};
-
-// Call-frame instructions (DWARF 4, 7.23), by what follows them.
-enum : uint8_t {
-    CFA_SET_LOC = 0x01,
-    CFA_ADVANCE_LOC1 = 0x02,
-    CFA_ADVANCE_LOC2 = 0x03,
-    CFA_ADVANCE_LOC4 = 0x04,
-    CFA_DEF_CFA_EXPRESSION = 0x0f,
-    CFA_EXPRESSION = 0x10,
-    CFA_VAL_EXPRESSION = 0x16,
-    CFA_GNU_ARGS_SIZE = 0x2e,
-    CFA_OFFSET = 0x80,
-    CFA_PRIMARY = 0xc0
-};
-
 constexpr size_t LONGEST_CIE = 1024;      // those in use have less than 64 bytes
 constexpr size_t LONGEST_FDE = 64 * 1024; // a function of some thousand lines has a few hundred
 
@@ -56,28 +24,30 @@ class record_cursor : public cursor
 public:
     record_cursor(byte_span record, uint64_t at_address) : cursor(record), address(at_address) {}
 
-    // A pointer as encoded, the base added, an indirection not followed. `data` is the base of PE_DATAREL.
+    // A pointer as encoded, the base added, an indirection not followed. `data` is the base of DW_EH_PE_datarel.
     uint64_t pointer(uint8_t encoding, size_t address_size, uint64_t data)
     {
         const uint64_t here = address + at();
-        const uint64_t base = (encoding & PE_BASE) == PE_PCREL ? here : (encoding & PE_BASE) == PE_DATAREL ? data : 0;
-        switch (encoding & PE_FORMAT) {
-        case PE_ABSPTR:
+        const uint64_t base = (encoding & DW_EH_PE_base) == DW_EH_PE_pcrel     ? here
+                              : (encoding & DW_EH_PE_base) == DW_EH_PE_datarel ? data
+                                                                               : 0;
+        switch (encoding & DW_EH_PE_format) {
+        case DW_EH_PE_absptr:
             return base + number(address_size);
-        case PE_ULEB128:
+        case DW_EH_PE_uleb128:
             return base + uleb();
-        case PE_SLEB128:
+        case DW_EH_PE_sleb128:
             return base + static_cast<uint64_t>(sleb());
-        case PE_UDATA2:
+        case DW_EH_PE_udata2:
             return base + number(2);
-        case PE_SDATA2:
+        case DW_EH_PE_sdata2:
             return base + static_cast<uint64_t>(int64_t{static_cast<int16_t>(number(2))});
-        case PE_UDATA4:
+        case DW_EH_PE_udata4:
             return base + number(4);
-        case PE_SDATA4:
+        case DW_EH_PE_sdata4:
             return base + static_cast<uint64_t>(int64_t{static_cast<int32_t>(number(4))});
-        case PE_UDATA8:
-        case PE_SDATA8:
+        case DW_EH_PE_udata8:
+        case DW_EH_PE_sdata8:
             return base + number(8);
         default:
             fail();
@@ -101,7 +71,7 @@ struct cie_record {
     size_t augmentation = 0;         // position of the string
     size_t factors = 0;              // position of the first number behind it
     size_t personality_encoding = 0; // position; 0 without a personality
-    uint8_t fde_encoding = PE_ABSPTR;
+    uint8_t fde_encoding = DW_EH_PE_absptr;
     size_t signal_letter = 0; // position of 'S'; 0 without
     bool has_lsda = false;    // 'L'
 };
@@ -165,10 +135,10 @@ std::optional<cie_record> parse_cie(memory &mem, krv_activation_type_t target, u
 // The core reads the pointer where the personality's address is kept as if it were that address, and uses neither.
 bool show_direct_personality(cie_record &cie)
 {
-    if (cie.personality_encoding == 0 || cie.bytes[cie.personality_encoding] == PE_OMIT ||
-        (cie.bytes[cie.personality_encoding] & PE_INDIRECT) == 0)
+    if (cie.personality_encoding == 0 || cie.bytes[cie.personality_encoding] == DW_EH_PE_omit ||
+        (cie.bytes[cie.personality_encoding] & DW_EH_PE_indirect) == 0)
         return false;
-    cie.bytes[cie.personality_encoding] &= static_cast<uint8_t>(~PE_INDIRECT);
+    cie.bytes[cie.personality_encoding] &= static_cast<uint8_t>(~DW_EH_PE_indirect);
     return true;
 }
 
@@ -221,32 +191,32 @@ std::optional<fde_record> parse_fde(memory &mem, krv_activation_type_t target, u
     record_cursor c(fde.bytes, address);
     c.skip(8); // length, CIE pointer
     fde.start = c.pointer(cie.fde_encoding, address_size_of(target), eh_frame);
-    fde.count = c.pointer(cie.fde_encoding & PE_FORMAT, address_size_of(target), 0);
+    fde.count = c.pointer(cie.fde_encoding & DW_EH_PE_format, address_size_of(target), 0);
     c.skip(c.uleb()); // augmentation data
     fde.instructions = c.at();
     return c.ok() ? std::optional(std::move(fde)) : std::nullopt;
 }
 
-// The operands of an instruction, CFA_GNU_ARGS_SIZE among them. False for one that is not known.
+// The operands of an instruction, DW_CFA_GNU_args_size among them. False for one that is not known.
 bool skip_operands(record_cursor &c, uint8_t opcode, const cie_facts &cie, krv_activation_type_t target)
 {
     // LEB128 operands of the instructions below 0x17, of which some have a block behind them.
     constexpr uint8_t numbers[] = {0, 0, 0, 0, 0, 2, 1, 1, 1, 2, 0, 0, 2, 1, 1, 0, 1, 2, 2, 1, 2, 2, 1};
-    if ((opcode & CFA_PRIMARY) != 0) {
-        if ((opcode & CFA_PRIMARY) == CFA_OFFSET)
+    if ((opcode & DW_CFA_primary) != 0) {
+        if ((opcode & DW_CFA_primary) == DW_CFA_offset)
             c.uleb();
         return true;
     }
     switch (opcode) {
-    case CFA_SET_LOC:
+    case DW_CFA_set_loc:
         c.pointer(cie.fde_encoding, address_size_of(target), 0);
         return true;
-    case CFA_ADVANCE_LOC1:
-    case CFA_ADVANCE_LOC2:
-    case CFA_ADVANCE_LOC4:
-        c.skip(size_t{1} << (opcode - CFA_ADVANCE_LOC1));
+    case DW_CFA_advance_loc1:
+    case DW_CFA_advance_loc2:
+    case DW_CFA_advance_loc4:
+        c.skip(size_t{1} << (opcode - DW_CFA_advance_loc1));
         return true;
-    case CFA_GNU_ARGS_SIZE:
+    case DW_CFA_GNU_args_size:
         c.uleb();
         return true;
     default:
@@ -256,7 +226,7 @@ bool skip_operands(record_cursor &c, uint8_t opcode, const cie_facts &cie, krv_a
         return false;
     for (unsigned i = 0; i < numbers[opcode]; ++i)
         c.uleb();
-    if (opcode == CFA_DEF_CFA_EXPRESSION || opcode == CFA_EXPRESSION || opcode == CFA_VAL_EXPRESSION)
+    if (opcode == DW_CFA_def_cfa_expression || opcode == DW_CFA_expression || opcode == DW_CFA_val_expression)
         c.skip(c.uleb());
     return true;
 }
@@ -271,7 +241,7 @@ bool hide_argument_sizes(fde_record &fde, const cie_facts &cie, krv_activation_t
         const uint8_t opcode = c.byte();
         if (!skip_operands(c, opcode, cie, target) || !c.ok())
             break;
-        if (opcode != CFA_GNU_ARGS_SIZE)
+        if (opcode != DW_CFA_GNU_args_size)
             continue;
         std::memset(&fde.bytes[start], 0, c.at() - start);
         changed = true;
@@ -345,12 +315,12 @@ uint64_t read_eh_frame_address(memory &mem, krv_activation_type_t target, uint64
     size_t size = sizeof(bytes);
     while (size > 4 && !mem.read(header, bytes, size)) // it may lie at the very end
         --size;
-    if (size == 4 || bytes[0] != 1 || bytes[1] == PE_OMIT)
+    if (size == 4 || bytes[0] != 1 || bytes[1] == DW_EH_PE_omit)
         return 0;
     record_cursor c({bytes, size}, header);
     c.skip(4);
     const uint64_t address = c.pointer(bytes[1], address_size_of(target), header);
-    return c.ok() && (bytes[1] & PE_INDIRECT) == 0 ? address : 0;
+    return c.ok() && (bytes[1] & DW_EH_PE_indirect) == 0 ? address : 0;
 }
 
 } // namespace krv_elf_loader

@@ -1,6 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "process/image.h"
 
+#include "notes.h"
+#include "page.h"
+
 #include <cstring>
 
 namespace krv_elf_loader
@@ -9,7 +12,6 @@ namespace krv_elf_loader
 namespace
 {
 
-constexpr uint64_t PAGE = 4096;
 constexpr uint64_t MOST_SEGMENTS = 0x20000;     // a core file has one for every mapping, at most 65530 by default
 constexpr uint64_t MOST_LOADED_BYTES = 0x10000; // of program headers: the system loads no object with more
 
@@ -41,8 +43,8 @@ void measure(elf_image &image)
     for (const Elf64_Phdr &segment : image.segments) {
         if (segment.p_type != PT_LOAD || segment.p_memsz == 0 || segment.p_memsz > UINT64_MAX - segment.p_vaddr - PAGE)
             continue;
-        const uint64_t start = segment.p_vaddr & ~(PAGE - 1);
-        const uint64_t end = (segment.p_vaddr + segment.p_memsz + PAGE - 1) & ~(PAGE - 1);
+        const uint64_t start = page_of(segment.p_vaddr);
+        const uint64_t end = page_of(segment.p_vaddr + segment.p_memsz + PAGE - 1);
         image.start = any && image.start < start ? image.start : start;
         image.end = any && image.end > end ? image.end : end;
         any = true;
@@ -108,11 +110,12 @@ std::vector<uint8_t> read_build_id(memory &mem, const elf_image &image, std::opt
             continue;
         const uint64_t address = bias ? *bias + segment.p_vaddr : segment.p_offset;
         each_note(mem, address, segment.p_filesz, [&](const elf_note &note) {
-            if (note.type != NT_GNU_BUILD_ID || note.name != ELF_NOTE_GNU || note.size > LONGEST || !id.empty())
-                return;
+            if (note.type != NT_GNU_BUILD_ID || note.name != ELF_NOTE_GNU || note.size > LONGEST)
+                return true;
             id.resize(note.size);
             if (!mem.read(note.address, id.data(), id.size()))
                 id.clear();
+            return id.empty();
         });
     }
     return id;

@@ -36,53 +36,9 @@ struct elf_image {
 // headers is read in reasonable time; a core file itself has as many as its process had mappings.
 std::optional<elf_image> read_elf_image(memory &mem, uint64_t address, bool core = false);
 
-// A note of a PT_NOTE segment.
-struct elf_note {
-    uint32_t type;
-    std::string name; // without the terminating NUL
-    uint64_t address; // of its contents
-    uint64_t size;
-};
-
-// Calls func(const elf_note &) for the notes in [address, address + size) up to the first that is damaged. Returns
-// false when that happened.
-template <typename F>
-bool each_note(memory &mem, uint64_t address, uint64_t size, F func);
-
 // The build-id note of an image at `address` of `mem`: loaded there (`bias` is then added to virtual addresses), or, in
 // a file, at the offsets of the segments. Empty when there is none.
 std::vector<uint8_t> read_build_id(memory &mem, const elf_image &image, std::optional<uint64_t> bias);
-
-// ------------------------------------------------------------------------------------------------------------
-
-template <typename F>
-bool each_note(memory &mem, uint64_t address, uint64_t size, F func)
-{
-    constexpr uint64_t LONGEST_NAME = 32; // "CORE", "LINUX", "GNU", and others that nobody asks for
-    uint64_t left = size;
-    while (left >= sizeof(Elf64_Nhdr)) {
-        Elf64_Nhdr header; // the same for 32 bits
-        if (!mem.get(address, &header))
-            return false;
-        left -= sizeof(header);
-        address += sizeof(header);
-        const uint64_t name_size = (uint64_t{header.n_namesz} + 3) & ~uint64_t{3};
-        if (name_size > left || header.n_descsz > left - name_size)
-            return false;
-        elf_note note = {header.n_type, {}, address + name_size, header.n_descsz};
-        if (header.n_namesz > 1 && header.n_namesz <= LONGEST_NAME) {
-            note.name.resize(header.n_namesz - 1);
-            if (!mem.read(address, note.name.data(), note.name.size()))
-                return false;
-        }
-        func(static_cast<const elf_note &>(note));
-        const uint64_t padded = (uint64_t{header.n_descsz} + 3) & ~uint64_t{3};
-        const uint64_t step = name_size + (padded < left - name_size ? padded : left - name_size);
-        left -= step;
-        address += step;
-    }
-    return true;
-}
 
 } // namespace krv_elf_loader
 

@@ -5,6 +5,8 @@
 #ifndef KRV_PROC_MEMORY_H
 #define KRV_PROC_MEMORY_H
 
+#include "page.h"
+
 #include <array>
 #include <cstddef>
 #include <cstdint>
@@ -82,7 +84,6 @@ public:
     void forget();
 
 private:
-    static constexpr size_t PAGE = 4096;
     static constexpr size_t MOST_PAGES = 4096; // 16 megabytes; then it starts afresh
     using page = std::array<uint8_t, PAGE>;
 

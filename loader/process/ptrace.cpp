@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "process/ptrace.h"
 
-#include "elf/file.h"
+#include "failure.h"
 #include "process/status.h"
 
 #include <algorithm>
