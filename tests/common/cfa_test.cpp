@@ -7,6 +7,7 @@
 
 #include <cstring>
 #include <gtest/gtest.h>
+#include <random>
 
 using namespace krv_test;
 
@@ -137,6 +138,15 @@ TEST(Cfa, Instructions)
         {{},
          op(DW_CFA_def_cfa_expression),
          "FDE CORRUPT: DW_FORM_udata datum unterminated by end of section | failed to read expression length @1"},
+        {{},
+         op(DW_CFA_advance_loc4).u8(1),
+         "FDE CORRUPT: form DW_FORM_data4 requires 4 bytes;  1 remaining | failed to read operand 0 @1"},
+        {{},
+         op(DW_CFA_offset_extended_sf).uleb(6),
+         "FDE CORRUPT: DW_FORM_sdata datum unterminated by end of section | failed to read operand 1 @2"},
+        {{},
+         op(DW_CFA_offset, 5).u8(0x80),
+         "FDE CORRUPT: DW_FORM_udata datum unterminated by end of section | failed to read operand 1 @1"},
         {{}, op(DW_CFA_expression).uleb(3).uleb(2).u8(0), "FDE INVALID: can't seek beyond remainder @3"},
         {op(DW_CFA_VESK_arg_loc).uleb(1).uleb(UINT64_MAX), {}, "CIE INVALID: can't seek beyond remainder @12"},
     };
@@ -175,4 +185,31 @@ TEST(Cfa, RegistersAreChecked)
     stopped narrow({.target = KRV_ACTIVATION_I386, .rows = op(DW_CFA_restore, 63), .column = 8});
     EXPECT_EQ(narrow.caller(0), "NONE: register 63 out of range for DW_CFA_restore | error at offset 1 in instruction "
                                 "stream | failed to generate FDE's rules");
+}
+
+// The glance at bytes in memory and the decoder that every cursor has, over the same random bytes.
+TEST(Cfa, InstructionsAtAGlance)
+{
+    std::mt19937 random(1);
+    bytes stream;
+    while (stream.size() < 50000) // opcodes and long numbers are as likely as any
+        stream.u8(random() % 4 == 0 ? random() % 0x40 : random() % 0x100);
+    machine m;
+    const uint8_t *end = stream.data() + stream.size();
+    krv_fd_t fd = m.s.h.cursor(stream);
+    unsigned glances = 0;
+    for (uint64_t at = 0; at < stream.size(); ++at) {
+        krv_cfa_op_t quick;
+        const uint8_t *behind = krv_cfa_scan(stream.data() + at, end, &quick);
+        if (behind == nullptr)
+            continue;
+        ++glances;
+        krv_operation_t op;
+        krv_fd_seek(&fd, at);
+        ASSERT_EQ(krv_frame_get_next_op(m.s.h, &fd, &op, m.cie->scie_augmentation, nullptr), 0) << at;
+        ASSERT_EQ(text("%x %lx %lx, to %ld", quick.opcode, quick.first, quick.second, behind - stream.data()),
+                  text("%x %lx %lx, to %lu", op.opcode, op.operand[0].sa_u.su_unsigned, op.operand[1].sa_u.su_unsigned,
+                       fd.sfd_offset));
+    }
+    EXPECT_GT(glances, stream.size() / 2);
 }
