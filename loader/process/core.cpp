@@ -14,7 +14,10 @@
 #include <cstring>
 #include <fmt/format.h>
 #include <map>
+#include <set>
+#include <string_view>
 #include <sys/stat.h>
+#include <unordered_map>
 
 namespace krv_elf_loader
 {
@@ -82,6 +85,50 @@ size_t dumped_memory::read_some(uint64_t address, void *buf, size_t count)
     return source.read(e.offset + at, buf, piece) ? piece : 0;
 }
 
+// How many bytes may be read for modules. A process has each byte of its files mapped once, or a few times; a core file
+// can claim any number of modules over the same bytes.
+class allowance
+{
+public:
+    void grant(uint64_t there)
+    {
+        constexpr uint64_t TIMES = 4;
+        left = there < (UINT64_MAX - left) / TIMES ? left + TIMES * there : UINT64_MAX;
+    }
+
+    bool take(uint64_t bytes)
+    {
+        left = bytes > left ? 0 : left - bytes;
+        return left != 0;
+    }
+
+private:
+    uint64_t left = 0;
+};
+
+class metered_memory : public memory
+{
+public:
+    metered_memory(memory &source, allowance &limit, const std::string &core)
+        : below(source), allowed(limit), core_path(core)
+    {
+    }
+
+    bool read(uint64_t address, void *buf, size_t count) override
+    {
+        if (!allowed.take(count))
+            throw failure(KRV_ELF_ERR_FORMAT, core_path +
+                                                  ": its modules claim more than it and the files that it names "
+                                                  "hold, so that no more is read of them");
+        return below.read(address, buf, count);
+    }
+
+private:
+    memory &below;
+    allowance &allowed;
+    const std::string &core_path;
+};
+
 class core_file_source : public source, private memory
 {
 public:
@@ -89,7 +136,7 @@ public:
 
     memory &bytes() override { return cache; }
     const std::vector<mapping> &mappings() const override { return maps; }
-    const std::vector<thread> &threads() const override { return thread_list; }
+    memory &module_bytes() override { return metered; }
     register_set registers(int tid) override;
     std::string locate(const mapping &where) override;
     bool mismatched(const mapping &where) override { return file_of(where).state == other; }
@@ -129,30 +176,36 @@ private:
     note_layout layout = layout_amd64;
     std::unique_ptr<dumped_memory> dumped;
     page_cache cache;
+    allowance allowed;
+    metered_memory metered;
     std::vector<mapping> maps;
-    bool files_recorded = false; // there is an NT_FILE note
-    std::vector<thread> thread_list;
-    std::vector<register_set> thread_registers; // of the same index
+    std::unordered_map<std::string_view, size_t> first_of; // of the mappings of a path's first page, by path
+    bool files_recorded = false;                           // there is an NT_FILE note
+    std::vector<register_set> thread_registers;            // by index of the thread
     std::string process_name;
-    std::map<std::string, mapped_file> files; // by recorded path
+    std::map<std::string, mapped_file> files;  // by recorded path
+    std::set<std::pair<dev_t, ino_t>> granted; // the same, each once
 };
 
 core_file_source::core_file_source(const std::string &core, const std::string &exe)
-    : core_path(core), exe_path(exe), cache(*this)
+    : core_path(core), exe_path(exe), cache(*this), metered(cache, allowed, core_path)
 {
     kind = KRV_PROC_CORE;
     open_core();
     dumped = std::make_unique<dumped_memory>(core_file, core_size, loads);
     read_notes();
-    if (thread_list.empty())
+    allowed.grant(core_size);
+    if (threads.all().empty())
         fail(KRV_ELF_ERR_FORMAT, "no thread is recorded in it, or it was cut short before the first");
-    for (thread &t : thread_list)
-        t.name = process_name;
+    threads.name(process_name);
     files_recorded = !maps.empty();
     if (!files_recorded && !exe_path.empty())
         add_executable_mappings();
     add_unnamed_mappings();
     find_executable();
+    for (size_t i = 0; i < maps.size(); ++i)
+        if (maps[i].offset == 0)
+            first_of.emplace(maps[i].path, i);
 }
 
 void core_file_source::fail(int code, const std::string &text) const
@@ -253,14 +306,14 @@ void core_file_source::take_status(const elf_note &note)
         return;
     thread t = {0, {}, target};
     std::memcpy(&t.tid, bytes + layout.status_pid, sizeof(t.tid));
-    if (thread_list.empty()) {
+    if (threads.all().empty()) {
         int16_t cursig;
         std::memcpy(&cursig, bytes + layout.status_signal, sizeof(cursig));
         signal = cursig;
     }
     register_set set;
     load_registers(&set, target, bytes + layout.status_regs);
-    thread_list.push_back(std::move(t));
+    threads.add(std::move(t));
     thread_registers.push_back(set);
 }
 
@@ -358,23 +411,24 @@ void core_file_source::find_executable()
 
 register_set core_file_source::registers(int tid)
 {
-    for (size_t i = 0; i < thread_list.size(); ++i)
-        if (thread_list[i].tid == tid)
-            return thread_registers[i];
-    fail(KRV_ELF_ERR_NOTFOUND, fmt::format("no thread {}", tid));
+    const thread *t = threads.find(tid);
+    if (t == nullptr)
+        fail(KRV_ELF_ERR_NOTFOUND, fmt::format("no thread {}", tid));
+    return thread_registers[static_cast<size_t>(t - threads.all().data())];
 }
 
 // Whether a file can be the one that was mapped: its program headers, and its build-id where both have one, are those
 // that were dumped. Where the first page was not dumped there is nothing to compare.
 bool core_file_source::same_file(const mapping &where, const input_file &file)
 {
-    file_memory found(file);
-    const auto has = read_elf_image(found, 0);
-    const auto first =
-        std::find_if(maps.begin(), maps.end(), [&](const mapping &m) { return m.offset == 0 && m.path == where.path; });
-    if (first == maps.end())
+    const auto at = first_of.find(where.path);
+    if (at == first_of.end())
         return true;
-    const auto had = read_elf_image(*dumped, first->start);
+    const mapping &first = maps[at->second];
+    file_memory bytes(file);
+    metered_memory found(bytes, allowed, core_path), dump(*dumped, allowed, core_path);
+    const auto has = read_elf_image(found, 0);
+    const auto had = read_elf_image(dump, first.start);
     if (!had)
         return true;
     if (!has || has->target != had->target || has->segments.size() < had->segments.size())
@@ -383,7 +437,7 @@ bool core_file_source::same_file(const mapping &where, const input_file &file)
         if (std::memcmp(&has->segments[i], &had->segments[i], sizeof(Elf64_Phdr)) != 0)
             return false;
     const std::vector<uint8_t> id = read_build_id(found, *has, std::nullopt);
-    const std::vector<uint8_t> old_id = read_build_id(*dumped, *had, first->start - had->start);
+    const std::vector<uint8_t> old_id = read_build_id(dump, *had, first.start - had->start);
     return id.empty() || old_id.empty() || id == old_id;
 }
 
@@ -397,6 +451,8 @@ core_file_source::mapped_file &core_file_source::file_of(const mapping &where)
     struct stat st = {};
     if (!entry.path.empty() && stat(entry.path.c_str(), &st) == 0 && S_ISREG(st.st_mode)) // devices are not opened
         entry.file = input_file(entry.path);
+    if (entry.file.is_open() && granted.emplace(st.st_dev, st.st_ino).second)
+        allowed.grant(static_cast<uint64_t>(st.st_size));
     if (entry.file.is_open())
         entry.state = same_file(where, entry.file) ? usable : other;
     return files.emplace(where.path, std::move(entry)).first->second;

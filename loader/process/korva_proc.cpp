@@ -118,7 +118,7 @@ krv_handle_t *korva_proc_module_handle(krv_proc_t *proc, const krv_proc_module_t
 
 int korva_proc_iter_threads(krv_proc_t *proc, krv_proc_thread_f *func, void *arg)
 {
-    for (const thread &t : proc->from->threads()) {
+    for (const thread &t : proc->from->threads.all()) {
         const krv_proc_thread_t shown = {.tid = t.tid, .name = t.name.c_str(), .target = t.target};
         if (const int result = func(proc, &shown, arg))
             return result;

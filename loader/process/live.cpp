@@ -39,7 +39,6 @@ public:
 
     memory &bytes() override { return cache; }
     const std::vector<mapping> &mappings() const override { return maps; }
-    const std::vector<thread> &threads() const override { return thread_list; }
     std::string locate(const mapping &where) override;
 
 protected:
@@ -48,7 +47,6 @@ protected:
     live_memory raw;
     page_cache cache;
     std::vector<mapping> maps;
-    std::vector<thread> thread_list;
     int living;
 };
 
@@ -98,7 +96,7 @@ public:
             krv_activation_type_t runs = 0;
             if (t.stopped)
                 stopped->registers(t.tid, &runs);
-            thread_list.push_back({t.tid, read_name(pid, t.tid), runs});
+            threads.add({t.tid, read_name(pid, t.tid), runs});
         }
     }
 
@@ -140,9 +138,9 @@ public:
 private:
     void list()
     {
-        thread_list.clear();
+        threads = {};
         for (const int tid : list_threads(pid))
-            thread_list.push_back({tid, read_name(pid, tid), target});
+            threads.add({tid, read_name(pid, tid), target});
     }
 };
 

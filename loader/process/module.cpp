@@ -67,10 +67,10 @@ loaded_module::loaded_module(source &from, const mapping &at, elf_image headers,
     record.end = load_bias + image.end;
     record.bias = load_bias;
     record.target = image.target;
-    build_id = read_build_id(from.bytes(), image, load_bias);
+    build_id = read_build_id(from.module_bytes(), image, load_bias);
     if (const Elf64_Phdr *header = image.find(PT_GNU_EH_FRAME); header != nullptr) {
         record.eh_frame_hdr = load_bias + header->p_vaddr;
-        record.eh_frame = read_eh_frame_address(from.bytes(), image.target, record.eh_frame_hdr);
+        record.eh_frame = read_eh_frame_address(from.module_bytes(), image.target, record.eh_frame_hdr);
     }
     if (vdso)
         record.flags |= KRV_PROC_MODULE_F_VDSO;
@@ -200,8 +200,13 @@ void loaded_module::prepare()
     korva_attach_as(fresh.get(), read, this);
     const uint64_t start = find_eh_frame();
     eh_frame_view corrected;
-    if (start != 0)
-        corrected.scan(process.bytes(), record.target, start, end_of_eh_frame(start));
+    try {
+        if (start != 0)
+            corrected.scan(process.module_bytes(), record.target, start, end_of_eh_frame(start));
+    } catch (const failure &f) {
+        scan_failure = f.what();
+        corrected = {};
+    }
     if (!corrected.empty()) { // else the core, too, would find nothing, but say that the section is damaged
         if (record.eh_frame_hdr != 0)
             korva_handle_set_opt(fresh.get(), KRV_OPT_EH_FRAME_HDR_ADDR, record.eh_frame_hdr);

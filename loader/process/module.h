@@ -32,8 +32,8 @@ public:
     // The module's file. Throws failure, every time the same.
     krv_elf_t *elf();
 
-    // Why elf() failed, when it was called and did; else "".
-    std::string file_problem() const { return file_failure ? file_failure->what() : ""; }
+    // Why .eh_frame is not read, or else why elf() failed when it was called and did; "" for neither.
+    std::string problem() const { return scan_failure.empty() && file_failure ? file_failure->what() : scan_failure; }
 
     // The handle that reads .eh_frame in memory. Throws failure.
     krv_handle_t *handle();
@@ -60,6 +60,7 @@ private:
     krv_proc_module_t record = {};
 
     eh_frame_view view;
+    std::string scan_failure;
     krv_handle_t *unwind_handle = nullptr;
     krv_elf_t *file = nullptr;
     std::optional<failure> file_failure;

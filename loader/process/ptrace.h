@@ -7,6 +7,7 @@
 
 #include "process/registers.h"
 
+#include <unordered_map>
 #include <vector>
 
 namespace krv_elf_loader
@@ -35,7 +36,6 @@ public:
 
 private:
     void stop_all();
-    bool knows(int tid) const;
     bool take(int tid);
     bool wait_for_stop(tracee *t);
     bool wait_while_uninterruptible(int tid);
@@ -45,6 +45,7 @@ private:
     int pid;
     int patience; // how often to look again at threads in uninterruptible sleep
     std::vector<tracee> tracees;
+    std::unordered_map<int, size_t> known; // their places, by tid
 };
 
 } // namespace krv_elf_loader

@@ -12,6 +12,7 @@
 
 #include <memory>
 #include <string>
+#include <unordered_map>
 #include <vector>
 
 namespace krv_elf_loader
@@ -41,6 +42,32 @@ struct thread {
     krv_activation_type_t target; // 0: could not be stopped
 };
 
+// The threads of a process in the order of its source. Of several with one id the first is found.
+class thread_list
+{
+public:
+    void add(thread t)
+    {
+        index.emplace(t.tid, list.size());
+        list.push_back(std::move(t));
+    }
+    const thread *find(int tid) const // NULL: there is none
+    {
+        const auto found = index.find(tid);
+        return found == index.end() ? nullptr : &list[found->second];
+    }
+    const std::vector<thread> &all() const { return list; }
+    void name(const std::string &process)
+    {
+        for (thread &t : list)
+            t.name = process;
+    }
+
+private:
+    std::vector<thread> list;
+    std::unordered_map<int, size_t> index;
+};
+
 class source
 {
 public:
@@ -49,8 +76,11 @@ public:
     virtual memory &bytes() = 0;                              // kept in pages
     virtual memory &changing_bytes() { return bytes(); }      // as they are now, of a process that runs
     virtual const std::vector<mapping> &mappings() const = 0; // ascending by address
-    virtual const std::vector<thread> &threads() const = 0;
-    virtual register_set registers(int tid) = 0; // throws failure
+    virtual register_set registers(int tid) = 0;              // throws failure
+
+    // The bytes that are read for a module: its headers, its notes, all of its call-frame information. Reading throws
+    // failure where a core file would have the same bytes read over and over.
+    virtual memory &module_bytes() { return bytes(); }
 
     // A path under which the file mapped at `where` can be opened. Throws failure.
     virtual std::string locate(const mapping &where) = 0;
@@ -66,6 +96,7 @@ public:
     int signal = 0;
     krv_activation_type_t target = 0; // of the main executable
     auxiliary aux;
+    thread_list threads;
 };
 
 std::unique_ptr<source> attach_source(int pid);                                       // throws failure

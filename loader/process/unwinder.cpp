@@ -134,13 +134,15 @@ departure unwinder::leave(const place &at, const register_set &registers, krv_pr
         out.kind = departure::no_fde;
         out.code = KRV_ERR_NOTFOUND;
         out.message = at.module == nullptr ? "no module covers it" : "it is code of another instruction set";
+        if (at.module == nullptr && !proc->modules.problem().empty())
+            out.message += " (" + proc->modules.problem() + ")";
         return out;
     }
     departure out = leave_by(at.module->handle(), at.lookup_pc, registers, frame);
     krv_handle_t *debug_frame = out.kind == departure::no_fde ? at.module->debug_frame_handle() : nullptr;
     if (debug_frame == nullptr) {
-        if (out.kind == departure::no_fde && !at.module->file_problem().empty())
-            out.message += " (" + at.module->file_problem() + ")";
+        if (out.kind == departure::no_fde && !at.module->problem().empty())
+            out.message += " (" + at.module->problem() + ")";
         return out;
     }
     return leave_by(debug_frame, at.lookup_pc - at.module->shown().bias, registers, frame);
