@@ -8,6 +8,7 @@
 #include "notes.h"
 #include "page.h"
 #include "process/image.h"
+#include "process/status.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -140,6 +141,7 @@ public:
     register_set registers(int tid) override;
     std::string locate(const mapping &where) override;
     bool mismatched(const mapping &where) override { return file_of(where).state == other; }
+    std::string why_unreadable(uint64_t address) override;
 
 private:
     enum mapped_state { usable, missing, other };
@@ -231,6 +233,12 @@ void core_file_source::open_core()
     if (headers->x32)
         fail(KRV_ELF_ERR_UNSUPPORTED, "core files of x32 programs are not read");
     image = std::move(*headers);
+    uint64_t whole = 0;
+    for (const Elf64_Phdr &s : image.segments)
+        if (s.p_filesz <= UINT64_MAX - s.p_offset)
+            whole = std::max(whole, s.p_offset + s.p_filesz);
+    if (whole > core_size)
+        note(fmt::format("{}: cut short: it has {} of {} bytes", core_path, core_size, whole));
     target = image.target;
     layout = target == KRV_ACTIVATION_AMD64 ? layout_amd64 : layout_i386;
     for (const Elf64_Phdr &s : image.segments)
@@ -348,8 +356,10 @@ void core_file_source::take_files(const elf_note &note)
             return;
         at += length + 1;
         const uint64_t start = word(2 + i * 3), end = word(3 + i * 3);
+        std::string name(path, length);
+        const bool deleted = take_deleted(&name);
         if (start < end)
-            maps.push_back({start, end, word(4 + i * 3) * page_size, 0, may_execute(start), false, path});
+            maps.push_back({start, end, word(4 + i * 3) * page_size, 0, may_execute(start), deleted, std::move(name)});
     }
 }
 
@@ -479,6 +489,25 @@ size_t core_file_source::read_mapped(uint64_t address, void *buf, size_t count)
     const auto piece = static_cast<size_t>(std::min<uint64_t>(count, m->end - address));
     const bool read = entry.state == usable && entry.file.read(m->offset + (address - m->start), buf, piece);
     return read ? piece : 0;
+}
+
+std::string core_file_source::why_unreadable(uint64_t address)
+{
+    const auto next = std::upper_bound(loads.begin(), loads.end(), address,
+                                       [](uint64_t a, const Elf64_Phdr &s) { return a < s.p_vaddr; });
+    if (next != loads.begin() && address - std::prev(next)->p_vaddr < std::prev(next)->p_filesz)
+        return ", since the core file was cut short";
+    const mapping *m = find_mapping(maps, address);
+    if (m == nullptr || m->path.empty())
+        return ", since the core file does not have it";
+    switch (file_of(*m).state) {
+    case missing:
+        return fmt::format(", since {} is not found, or not readable", m->path);
+    case other:
+        return fmt::format(", since {} is another file than was mapped", m->path);
+    default:
+        return "";
+    }
 }
 
 bool core_file_source::read(uint64_t address, void *buf, size_t count)

@@ -112,8 +112,10 @@ int64_t loaded_module::read(void *arg, void *buf, size_t count, uint64_t address
 {
     auto *m = static_cast<loaded_module *>(arg);
     return guarded<int64_t>(nullptr, -1, [&]() -> int64_t {
-        if (!m->process.bytes().read(address, buf, count))
+        if (!m->process.bytes().read(address, buf, count)) {
+            m->process.unreadable = address;
             return -1;
+        }
         m->view.correct(address, buf, count);
         return static_cast<int64_t>(count);
     });
@@ -144,7 +146,11 @@ krv_elf_t *loaded_module::open()
     if (path.empty())
         throw failure(KRV_ELF_ERR_NOTFOUND, fmt::format("module at {:#x}: of no known file", record.start));
     krv_elf_error_t error = {};
-    krv_elf_t *elf = korva_elf_open(process.locate(where).c_str(), KRV_ELF_F_NONE, &error);
+    std::vector<const char *> dirs;
+    for (const std::string &dir : process.debug_dirs)
+        dirs.push_back(dir.c_str());
+    krv_elf_t *elf = korva_elf_open_with_debug_dirs(process.locate(where).c_str(), process.file_flags, dirs.data(),
+                                                    dirs.size(), &error);
     if (elf == nullptr)
         throw failure(error.code, error.message);
     return elf;
@@ -205,6 +211,7 @@ void loaded_module::prepare()
             corrected.scan(process.module_bytes(), record.target, start, end_of_eh_frame(start));
     } catch (const failure &f) {
         scan_failure = f.what();
+        process.note(scan_failure);
         corrected = {};
     }
     if (!corrected.empty()) { // else the core, too, would find nothing, but say that the section is damaged
@@ -238,6 +245,27 @@ krv_handle_t *loaded_module::debug_frame_handle()
     }
     debug_frame_known = true;
     return debug_handle;
+}
+
+void loaded_module::open_before_release()
+{
+    if (unwind_handle == nullptr || ((record.flags & KRV_PROC_MODULE_F_VDSO) == 0 && process.outlived(where)))
+        return;
+    try {
+        elf();
+    } catch (const failure &) {
+        // Who wants to know why asks for the file.
+    }
+}
+
+std::optional<uint64_t> loaded_module::file_offset(uint64_t address) const
+{
+    if ((record.flags & KRV_PROC_MODULE_F_VDSO) != 0)
+        return std::nullopt;
+    for (const Elf64_Phdr &segment : image.segments)
+        if (segment.p_type == PT_LOAD && address - record.bias - segment.p_vaddr < segment.p_filesz)
+            return segment.p_offset + (address - record.bias - segment.p_vaddr);
+    return std::nullopt;
 }
 
 bool loaded_module::signal_frame(uint64_t pc)

@@ -41,6 +41,12 @@ public:
     // The handle that reads the file's .debug_frame, which knows addresses without bias. NULL when there is none.
     krv_handle_t *debug_frame_handle();
 
+    // Opens the file of a module that a walk has been in, if only the process leads to it.
+    void open_before_release();
+
+    // Where the byte at an address is in the file; nothing where it is not.
+    std::optional<uint64_t> file_offset(uint64_t address) const;
+
     // Whether `pc` is in the trampoline of a signal handler.
     bool signal_frame(uint64_t pc);
 

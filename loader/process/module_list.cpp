@@ -115,6 +115,7 @@ void module_list::list(source &from)
             fresh = of_known ? nullptr : module_at(from, m);
         } catch (const failure &f) { // those listed are good
             incomplete = f.what();
+            from.note(incomplete);
             break;
         }
         if (!of_known && fresh == nullptr && is_anonymous(m))

@@ -116,9 +116,9 @@ void stopped_process::stop_all()
 }
 
 // False when a thread stays in uninterruptible sleep: it would not stop, nor could it be let go again.
-bool stopped_process::wait_while_uninterruptible(int tid)
+bool stopped_process::wait_while_uninterruptible(int tid, char *statep)
 {
-    while (read_state(tid) == 'D') {
+    while ((*statep = read_state(tid)) == 'D') {
         if (patience-- <= 0)
             return false;
         rest();
@@ -129,16 +129,17 @@ bool stopped_process::wait_while_uninterruptible(int tid)
 // Stops one thread. False when it has ended.
 bool stopped_process::take(int tid)
 {
-    if (!wait_while_uninterruptible(tid)) {
-        tracees.push_back({tid, false, 0});
+    char state = 0;
+    if (!wait_while_uninterruptible(tid, &state)) {
+        tracees.push_back({tid, false, state, 0});
         return true;
     }
     tracees.push_back(
-        {tid, false, 0}); // first: memory that runs out must not leave a thread seized that let_go forgets
+        {tid, false, state, 0}); // first: memory that runs out must not leave a thread seized that let_go forgets
     if (ptrace(PTRACE_SEIZE, tid, nullptr, nullptr) != 0) {
         const int error = errno;
         tracees.pop_back();
-        const char state = read_state(tid);
+        state = read_state(tid);
         if (state == 0 || state == 'Z' || state == 'X')
             return false;
         cannot_attach(pid, tid, error);

@@ -27,6 +27,7 @@ public:
     struct tracee {
         int tid;
         bool stopped; // false: in uninterruptible sleep, not ours
+        char state;   // its letter before
         int signal;   // that was about to be delivered when it stopped; 0 for none
     };
     const std::vector<tracee> &threads() const { return tracees; }
@@ -38,7 +39,7 @@ private:
     void stop_all();
     bool take(int tid);
     bool wait_for_stop(tracee *t);
-    bool wait_while_uninterruptible(int tid);
+    bool wait_while_uninterruptible(int tid, char *statep);
     void let_go();
     void bury(int tid) const;
 

@@ -10,7 +10,9 @@
 
 #include "libkorva-proc.h"
 
+#include <deque>
 #include <memory>
+#include <optional>
 #include <string>
 #include <unordered_map>
 #include <vector>
@@ -40,6 +42,7 @@ struct thread {
     int tid;
     std::string name;
     krv_activation_type_t target; // 0: could not be stopped
+    char state = 0;               // its letter in /proc, before it was stopped; 0 when not known
 };
 
 // The threads of a process in the order of its source. Of several with one id the first is found.
@@ -84,12 +87,26 @@ public:
 
     // A path under which the file mapped at `where` can be opened. Throws failure.
     virtual std::string locate(const mapping &where) = 0;
+    // Whether it can be as long as the file is there, whatever becomes of the process.
+    virtual bool outlived(const mapping &) { return true; }
     // Whether the file that locate would have given is another one than was mapped.
     virtual bool mismatched(const mapping &) { return false; }
+
+    // Why memory that should be there is not, as the end of a sentence about it; "" when that is not known.
+    virtual std::string why_unreadable(uint64_t) { return ""; }
+
+    // Lets a process that is held run on.
+    virtual void release() {}
 
     // Of a process that runs: what was kept of memory is no longer so; mappings and threads may be others.
     virtual void forget_bytes() {}
     virtual void refresh() {}
+
+    void note(const std::string &text)
+    {
+        if (notes.empty() || notes.back() != text)
+            notes.push_back(text);
+    }
 
     int kind = 0; // KRV_PROC_*
     int pid = 0;
@@ -97,6 +114,12 @@ public:
     krv_activation_type_t target = 0; // of the main executable
     auxiliary aux;
     thread_list threads;
+    std::deque<std::string> notes;      // what is missing or odd on the whole, a line each; they stay where they are
+    std::optional<uint64_t> unreadable; // where the last read of memory for a module's handle failed
+
+    // How the files of modules are opened.
+    unsigned file_flags = KRV_ELF_F_NONE;
+    std::vector<std::string> debug_dirs;
 };
 
 std::unique_ptr<source> attach_source(int pid);                                       // throws failure

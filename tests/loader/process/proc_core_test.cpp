@@ -3,6 +3,7 @@
 // Core files: of the system, of gdb, and a 32-bit one made here, whole, cut short, and with absurd sizes.
 #include "core32.h"
 #include "crowd_core.h"
+#include "support/handle.h"
 
 #include <csignal>
 #include <cstring>
@@ -268,12 +269,30 @@ TEST_F(CoreFile32, WalksEndForTheReasonTheyGive)
     EXPECT_EQ(round.end.reason, KRV_PROC_END_NO_PROGRESS) << round.end.message;
     EXPECT_LT(round.frames.size(), 10U);
 
-    core32 cut;
-    cut.stack_bytes = cut.stack_bytes.first(0x100 + 10);
-    const walked torn = walk(cut);
+    core32 partly;
+    partly.stack_bytes = partly.stack_bytes.first(0x100 + 10);
+    const walked torn = walk(partly);
     EXPECT_EQ(torn.end.reason, KRV_PROC_END_ERROR);
-    EXPECT_EQ(torn.end.code, KRV_ERR_IO) << torn.end.message;
+    EXPECT_EQ(torn.end.code, KRV_ERR_IO);
     EXPECT_EQ(torn.frames.size(), 2U);
+    const std::string missing =
+        text("0x%x: memory at 0x%x cannot be read, since the core file ", core32().symbol("in_leaf"), core32::sp + 16);
+    EXPECT_EQ(torn.end.message, missing + "does not have it");
+
+    const bytes whole = core32().build();
+    const proc_ptr cut = open(write("cut", whole.data(), whole.size() - 106));
+    ASSERT_NE(cut, nullptr) << error.message;
+    EXPECT_EQ(walk_thread(cut.get(), 4711).end.message, missing + "was cut short");
+    std::string note;
+    korva_proc_iter_notes(
+        cut.get(),
+        [](krv_proc_t *, const char *text, void *arg) {
+            *static_cast<std::string *>(arg) += text;
+            return 0;
+        },
+        &note);
+    EXPECT_EQ(note,
+              text("%s: cut short: it has %zu of %zu bytes", (dir / "cut").c_str(), whole.size() - 106, whole.size()));
 }
 
 TEST_F(CoreFile32, WithAbsurdSizes)
