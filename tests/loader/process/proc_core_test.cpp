@@ -100,16 +100,10 @@ protected:
     void ask(krv_proc_t *proc)
     {
         our_stacks(proc);
-        korva_proc_iter_modules(
-            proc,
-            [](krv_proc_t *p, const krv_proc_module_t *module, void *) {
-                krv_elf_error_t told = {};
-                if (korva_proc_module_elf(p, module, &told) == nullptr) {
-                    EXPECT_NE(told.message[0], '\0');
-                }
-                return 0;
-            },
-            nullptr);
+        each(korva_proc_iter_modules, proc, [&](const krv_proc_module_t *module) {
+            krv_elf_error_t told = {};
+            EXPECT_NE(korva_proc_module_elf(proc, module, &told) == nullptr, told.message[0] == '\0');
+        });
     }
 
     fs::path dir;
@@ -146,7 +140,6 @@ TEST_F(CoreFile, OfACrash)
 TEST_F(CoreFile, TakesNothingFromAnotherFile)
 {
     const running_target target("target_o2", "pause");
-    ASSERT_TRUE(target.ready());
     if (!gcore(target.pid(), "g"))
         GTEST_SKIP() << "gcore is missing, or could not read the process";
     const proc_ptr proc = open(dir / "g", target_path("target_o0"));
