@@ -85,15 +85,19 @@ TEST(Unwind, Widths)
                                                op(DW_CFA_offset, 62).uleb(9999) +
                                                op(DW_CFA_register).uleb(19).uleb(2)));
     s.load(2, 5);
-    s.load(0, 7); // the next slot, not to be copied
+    s.load(0, 7); // lies behind it, and is what a wider register then holds in its upper half
     const std::pair<unsigned int, const char *> wide[] = {
-        {17, "3303 4404"}, {18, "7020 0"}, {19, "5 0"}, {65, "3303 1"}};
+        {17, "3303 4404"}, {18, "7020 0"}, {19, "5 7"}, {65, "3303 1"}};
     for (const auto &[reg, expected] : wide) {
         uint64_t halves[2] = {0, 1};
         EXPECT_EQ(korva_activation_get_reg(s.h, s.ap.get(), DWARF, CALLER, reg, halves, 16), 0);
         EXPECT_EQ(text("%lx %lx", halves[0], halves[1]), expected);
     }
     EXPECT_EQ(s.caller(62), "0");
+    stopped narrow({.initial = op(DW_CFA_def_cfa).uleb(7).uleb(40) + op(DW_CFA_offset_extended).uleb(65).uleb(3) +
+                               op(DW_CFA_offset_extended).uleb(66).uleb(1),
+                    .column = 65}); // %fcw, before %fsw
+    EXPECT_EQ(narrow.caller_pc(), "55053303");
 
     // Addresses of 32-bit x86 wrap at 4 bytes: CFA = 0xfffffffc + 0x14, and 4 - 8.
     const bytes saved = op(DW_CFA_offset, 3).uleb(2);
