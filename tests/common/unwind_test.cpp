@@ -259,6 +259,27 @@ TEST(Unwind, RecordsAreReadAfresh)
     }
 }
 
+// A read that fails once fails the frame: the next read does not make up for it, however much one call reads.
+TEST(Unwind, OneReadFails)
+{
+    for (const fault kind : {fault::fails, fault::short_})
+        for (const size_t padding : {0, 300}) // instructions that are read with their record, and by themselves
+            for (unsigned n = 1, met = 1; met != 0; ++n) {
+                SCOPED_TRACE(text("padding %zu, read %u", padding, n));
+                function f = framed(KRV_ACTIVATION_AMD64, bytes().fill(padding), true);
+                f.rows.fill(padding);
+                stopped s(f);
+                EXPECT_EQ(s.caller(7), "7028"); // the table of all FDEs is there
+                s.load(0, 0);
+                s.memory.kind = kind;
+                s.memory.fault_at = s.memory.reads + n;
+                const std::string found = s.caller(7);
+                met = s.memory.reads >= s.memory.fault_at;
+                EXPECT_EQ(found.substr(0, 4), met != 0 ? "IO: " : "7028") << found;
+                EXPECT_TRUE(met != 0 || n > (padding == 0 ? 4 : 8));
+            }
+}
+
 TEST(Unwind, Arguments)
 {
     const auto arg = [](unsigned int n, const bytes &location) {
