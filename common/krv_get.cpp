@@ -109,27 +109,39 @@ void for_each_field(uint64_t fields, Visit visit)
 
 } // namespace
 
-// Scans all pairs, so that every bad field is reported. 0, or -1 when any field does not belong to the record.
+// Scans all pairs, so that every bad field is reported. 0, or -1 when any field does not belong to the record, or when a
+// matrix that was asked for cannot be built; building one clears what was reported before.
 static int scan_fields(krv_handle_t *hp, unsigned record, unsigned int nfields, va_list ap, destinations *dst)
 {
-    int result = 0;
+    int result = 0, code = KRV_ERR_NONE;
+    int illegal[KRV_MAX_ERRORS];
+    unsigned int nillegal = 0;
     for (unsigned int i = 0; i < nfields; ++i) {
         const int field = va_arg(ap, int);
         void *where = va_arg(ap, void *);
         if (field < 0 || field >= static_cast<int>(NFIELDS) ||
             (field_table[static_cast<unsigned>(field)].records & record) == 0) {
-            result = krv_fail(hp, KRV_ERR_INVALID, "illegal field %d specified", field);
+            code = KRV_ERR_INVALID;
+            result = krv_fail(hp, code, "illegal field %d specified", field);
+            if (nillegal < KRV_MAX_ERRORS)
+                illegal[nillegal++] = field;
             continue;
         }
         dst->of[field] = where;
         const uint64_t bit = uint64_t{1} << field;
         dst->wanted = where == nullptr ? dst->wanted & ~bit : dst->wanted | bit;
-        if (field != KRV_FIELD_LNPH_LNP || result != 0) // building it would wipe what was reported before
+        if (field != KRV_FIELD_LNPH_LNP)
             continue;
+        krv_clear_error(hp);
         dst->matrix = krv_line_get_matrix(hp, dst->header);
-        if (dst->matrix == nullptr)
+        if (dst->matrix == nullptr) {
+            code = hp->sh_errno;
             result = krv_note(hp, "unable to generate line number matrix");
+        }
+        for (unsigned int k = nillegal; k > 0; --k)
+            krv_restore_error(hp, "illegal field %d specified", illegal[k - 1]);
     }
+    hp->sh_errno = code;
     return result;
 }
 

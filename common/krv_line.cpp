@@ -128,11 +128,11 @@ int korva_iter_line_entry(krv_handle_t *hp, krv_lnph_t *lnphp, krv_iter_lne_f *f
 // ---------------------------------------------------------------------------------------------------------------
 
 // The contract of every row accessor: 0 when the row may be read, with the error state cleared.
-static int enter_row(krv_handle_t *hp, const krv_lns_t *lnsp)
+static int enter_row(krv_handle_t *hp, const krv_lns_t *lnsp, const void *resultp)
 {
     if (hp == nullptr)
         return -1;
-    if (lnsp == nullptr)
+    if (lnsp == nullptr || resultp == nullptr)
         return krv_fail_code(hp, KRV_ERR_INVALID);
     krv_clear_error(hp);
     return 0;
@@ -140,7 +140,7 @@ static int enter_row(krv_handle_t *hp, const krv_lns_t *lnsp)
 
 static int get_flag(krv_handle_t *hp, const krv_lns_t *lnsp, uint32_t flag, boolean_t *resultp)
 {
-    if (enter_row(hp, lnsp) != 0)
+    if (enter_row(hp, lnsp, resultp) != 0)
         return -1;
     *resultp = (lnsp->slns_flags & flag) != 0 ? B_TRUE : B_FALSE;
     return 0;
@@ -148,7 +148,7 @@ static int get_flag(krv_handle_t *hp, const krv_lns_t *lnsp, uint32_t flag, bool
 
 int korva_lns_get_address(krv_handle_t *hp, krv_lns_t *lnsp, uint64_t *addrp)
 {
-    if (enter_row(hp, lnsp) != 0)
+    if (enter_row(hp, lnsp, addrp) != 0)
         return -1;
     *addrp = lnsp->slns_address + bias(hp);
     return 0;
@@ -156,7 +156,7 @@ int korva_lns_get_address(krv_handle_t *hp, krv_lns_t *lnsp, uint64_t *addrp)
 
 int korva_lns_get_canonical_address(krv_handle_t *hp, krv_lns_t *lnsp, uint64_t *addrp)
 {
-    if (enter_row(hp, lnsp) != 0)
+    if (enter_row(hp, lnsp, addrp) != 0)
         return -1;
     *addrp = lnsp->slns_u.slnsu_c_address + bias(hp);
     return 0;
@@ -164,7 +164,7 @@ int korva_lns_get_canonical_address(krv_handle_t *hp, krv_lns_t *lnsp, uint64_t 
 
 int korva_lns_get_op_index(krv_handle_t *hp, krv_lns_t *lnsp, uint32_t *op_indexp)
 {
-    if (enter_row(hp, lnsp) != 0)
+    if (enter_row(hp, lnsp, op_indexp) != 0)
         return -1;
     *op_indexp = lnsp->slns_op_index;
     return 0;
@@ -172,7 +172,7 @@ int korva_lns_get_op_index(krv_handle_t *hp, krv_lns_t *lnsp, uint32_t *op_index
 
 int korva_lns_get_file(krv_handle_t *hp, krv_lns_t *lnsp, uint32_t *filep)
 {
-    if (enter_row(hp, lnsp) != 0)
+    if (enter_row(hp, lnsp, filep) != 0)
         return -1;
     *filep = lnsp->slns_file;
     return 0;
@@ -180,7 +180,7 @@ int korva_lns_get_file(krv_handle_t *hp, krv_lns_t *lnsp, uint32_t *filep)
 
 int korva_lns_get_line(krv_handle_t *hp, krv_lns_t *lnsp, uint32_t *linep)
 {
-    if (enter_row(hp, lnsp) != 0)
+    if (enter_row(hp, lnsp, linep) != 0)
         return -1;
     *linep = lnsp->slns_line;
     return 0;
@@ -188,7 +188,7 @@ int korva_lns_get_line(krv_handle_t *hp, krv_lns_t *lnsp, uint32_t *linep)
 
 int korva_lns_get_column(krv_handle_t *hp, krv_lns_t *lnsp, uint16_t *columnp)
 {
-    if (enter_row(hp, lnsp) != 0)
+    if (enter_row(hp, lnsp, columnp) != 0)
         return -1;
     *columnp = lnsp->slns_column;
     return 0;
@@ -221,7 +221,7 @@ int korva_lns_get_eb(krv_handle_t *hp, krv_lns_t *lnsp, boolean_t *ebp)
 
 int korva_lns_get_isa(krv_handle_t *hp, krv_lns_t *lnsp, uint16_t *isap)
 {
-    if (enter_row(hp, lnsp) != 0)
+    if (enter_row(hp, lnsp, isap) != 0)
         return -1;
     *isap = lnsp->slns_isa;
     return 0;
@@ -229,7 +229,7 @@ int korva_lns_get_isa(krv_handle_t *hp, krv_lns_t *lnsp, uint16_t *isap)
 
 int korva_lns_get_discriminator(krv_handle_t *hp, krv_lns_t *lnsp, uint16_t *discriminatorp)
 {
-    if (enter_row(hp, lnsp) != 0)
+    if (enter_row(hp, lnsp, discriminatorp) != 0)
         return -1;
     *discriminatorp = lnsp->slns_discriminator;
     return 0;
@@ -237,7 +237,7 @@ int korva_lns_get_discriminator(krv_handle_t *hp, krv_lns_t *lnsp, uint16_t *dis
 
 krv_lnfe_t *korva_lns_get_filep(krv_handle_t *hp, krv_lns_t *lnsp)
 {
-    return enter_row(hp, lnsp) != 0 ? nullptr : lnsp->slns_filep;
+    return enter_row(hp, lnsp, lnsp) != 0 ? nullptr : lnsp->slns_filep;
 }
 
 // ---------------------------------------------------------------------------------------------------------------

@@ -492,7 +492,7 @@ TEST(Line, Fields)
 
 TEST(Line, FieldFailures)
 {
-    lines t("at 400 copy pc 4 end"), bad("ext 9"), fresh("at 400 copy pc 4 end");
+    lines t("at 400 copy pc 4 end"), bad("def b.c 0 0 0 ext 9"), fresh("at 400 copy pc 4 end");
     krv_lnp_t *lnp = t.matrix(), *none = lnp;
     krv_lns_t *row = &lnp->slnp_lnsp[0];
     uint32_t kept = 77, set = 77;
@@ -506,13 +506,31 @@ TEST(Line, FieldFailures)
     EXPECT_EQ(korva_get_fields(t.h, KRV_STRUCT_LNP, lnp, 2, ENTRIES, &kept, -1, &kept), -1);
     EXPECT_EQ(korva_get_fields(t.h, 4, row, 1, LINE, &kept), -1);
     EXPECT_EQ(t.h.error(), "INVALID: illegal struct 4 specified");
-    EXPECT_EQ(korva_get_fields(bad.h, KRV_STRUCT_LNPH, bad.header(), 2, KRV_FIELD_LNPH_MIL, &kept, LNP, &none), -1);
-    const std::string error = bad.h.error();
     EXPECT_EQ(bad.matrix(), nullptr);
-    EXPECT_EQ(error, bad.h.error() + " | unable to generate line number matrix");
-    EXPECT_EQ(korva_get_fields(fresh.h, KRV_STRUCT_LNPH, fresh.header(), 2, 99, &kept, LNP, &none), -1);
-    EXPECT_EQ(fresh.h.error(), "INVALID: illegal field 99 specified"); // although a matrix is built behind it
+    const std::string error = bad.h.error() + " | unable to generate line number matrix";
+    const std::string behind = error.substr(error.find(": ") + 2);
+    const struct {
+        lines &of;
+        int first, second, third;
+        std::string outcome;
+    } rows[] = {
+        {bad, KRV_FIELD_LNPH_MIL, KRV_FIELD_LNPH_MOPI, LNP, error},
+        {bad, LNP, LNP, KRV_FIELD_LNPH_MIL, error},
+        {bad, 99, LNP, 98, "INVALID: illegal field 99 specified | " + behind + " | illegal field 98 specified"},
+        {bad, 99, 98, LNP, "UNSUPPORTED: illegal field 99 specified | illegal field 98 specified | " + behind},
+        {fresh, 99, LNP, LNP, "INVALID: illegal field 99 specified"}, // and a matrix is built behind it
+    };
+    for (const auto &r : rows) {
+        EXPECT_EQ(korva_get_fields(r.of.h, KRV_STRUCT_LNPH, r.of.header(), 3, r.first, &kept, r.second, &none, r.third,
+                                   &kept),
+                  -1);
+        EXPECT_EQ(r.of.h.error(), r.outcome);
+    }
+    EXPECT_NE(fresh.header()->sln_lnp, nullptr);
+    EXPECT_EQ(bad.header()->sln_files_entries, 1U + 6); // by as many executions
     EXPECT_TRUE(kept == 77 && none == lnp);
+    EXPECT_EQ(korva_lns_get_line(t.h, row, nullptr) + korva_lns_get_es(t.h, row, nullptr), -2);
+    EXPECT_EQ(korva_handle_get_errno(t.h), KRV_ERR_INVALID);
 }
 
 TEST(Line, FactsOfAFile)
