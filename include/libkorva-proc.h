@@ -61,7 +61,8 @@ typedef struct krv_proc_info {
 } krv_proc_info_t;
 
 /**
- * Stops every thread of process @p pid, those included that are created meanwhile, and attaches to it. Nothing in
+ * Stops every thread of process @p pid, those included that are created meanwhile, and attaches to it; a main thread
+ * that has ended before the others is not among them. Nothing in
  * the process is changed: no signal is sent, and system calls that it sleeps in go on afterwards, as far as the
  * system restarts them (see signal(7) on "Interruption of system calls by stop signals"). A thread in
  * uninterruptible sleep (state D, such as a parent waiting in vfork) cannot be stopped: it is listed, and has no
@@ -127,8 +128,8 @@ enum {
 /** An ELF object in the process's memory. */
 typedef struct krv_proc_module {
     const char *path;             /**< as the process knows it; "[vdso]"; "" when a core file names no file for it */
-    uint64_t start;               /**< it covers the addresses from here */
-    uint64_t end;                 /**< up to here, exclusive, as its program headers say */
+    uint64_t start;               /**< it covers the addresses from here, but for what is mapped of other files there */
+    uint64_t end;                 /**< up to here, exclusive: as far as its program headers say, and no file after it */
     uint64_t bias;                /**< address in memory minus address in the file */
     uint64_t eh_frame_hdr;        /**< where .eh_frame_hdr is in memory; 0 when there is none */
     uint64_t eh_frame;            /**< where .eh_frame is in memory, as .eh_frame_hdr says; 0 when it does not */
@@ -244,6 +245,10 @@ typedef struct krv_proc_end {
  * A frame's call-frame information is looked up one byte before its return address, since a call may be the last
  * instruction of its function; that of the topmost frame, of a frame that a signal interrupted, and of a signal
  * trampoline at its own program counter. Floating-point registers are known in the topmost frame only.
+ *
+ * The topmost frame, or one that a signal interrupted, may be in no module: a call through a null pointer is the
+ * commonest case. Its caller is then the address at the top of the stack, where that is in the code of a module, and
+ * the end's message says that this was assumed.
  *
  * For KRV_PROC_SELF @p tid is 0 or the calling thread; the first frame is then the caller of this function.
  *

@@ -10,37 +10,24 @@
 
 using namespace krv_elf_loader;
 
-krv_proc::krv_proc(std::unique_ptr<source> facts) : from(std::move(facts)), modules(find_modules(*from)) {}
-
-loaded_module *krv_proc::find(uint64_t address)
-{
-    const auto next =
-        std::upper_bound(modules.begin(), modules.end(), address,
-                         [](uint64_t a, const std::unique_ptr<loaded_module> &m) { return a < m->shown().start; });
-    return next != modules.begin() && (*std::prev(next))->covers(address) ? std::prev(next)->get() : nullptr;
-}
+krv_proc::krv_proc(std::unique_ptr<source> facts) : from(std::move(facts)), modules(*from) {}
 
 loaded_module &krv_proc::module_of(const krv_proc_module_t *record)
 {
-    for (const auto *list : {&modules, &retired})
-        for (const std::unique_ptr<loaded_module> &m : *list)
-            if (&m->shown() == record)
-                return *m;
+    if (loaded_module *m = modules.find(record->start); m != nullptr && &m->shown() == record)
+        return *m;
+    for (const std::unique_ptr<loaded_module> &m : retired)
+        if (&m->shown() == record)
+            return *m;
     throw failure(KRV_ELF_ERR_NOTFOUND, "not a module of this process");
 }
 
 void krv_proc::refresh()
 {
     from->refresh();
-    std::vector<std::unique_ptr<loaded_module>> fresh = find_modules(*from);
-    for (std::unique_ptr<loaded_module> &old : modules) {
-        const auto same = std::find_if(fresh.begin(), fresh.end(),
-                                       [&](const std::unique_ptr<loaded_module> &m) { return m->same_as(*old); });
-        if (same == fresh.end())
-            retired.push_back(std::move(old));
-        else
-            std::swap(*same, old);
-    }
+    module_list fresh(*from);
+    for (std::unique_ptr<loaded_module> &gone : fresh.keep(std::move(modules)))
+        retired.push_back(std::move(gone));
     modules = std::move(fresh);
 }
 
@@ -78,7 +65,7 @@ int korva_proc_refresh(krv_proc_t *proc, krv_elf_error_t *errorp)
 void korva_proc_get_info(krv_proc_t *proc, krv_proc_info_t *infop)
 {
     const char *exe = nullptr;
-    for (const std::unique_ptr<loaded_module> &m : proc->modules)
+    for (const std::unique_ptr<loaded_module> &m : proc->modules.all())
         if ((m->shown().flags & KRV_PROC_MODULE_F_MAIN) != 0 && m->shown().path[0] != '\0')
             exe = m->shown().path;
     *infop = {.kind = proc->from->kind,
@@ -101,7 +88,7 @@ int korva_proc_iter_modules(krv_proc_t *proc, krv_proc_module_f *func, void *arg
     // By index over a copy of the records' addresses: the visitor may refresh.
     std::vector<const krv_proc_module_t *> records;
     const bool listed = guarded<bool>(nullptr, false, [&] {
-        for (const std::unique_ptr<loaded_module> &m : proc->modules)
+        for (const std::unique_ptr<loaded_module> &m : proc->modules.all())
             records.push_back(&m->shown());
         return true;
     });
@@ -115,7 +102,7 @@ int korva_proc_iter_modules(krv_proc_t *proc, krv_proc_module_f *func, void *arg
 
 const krv_proc_module_t *korva_proc_find_module(krv_proc_t *proc, uint64_t address)
 {
-    const loaded_module *m = proc->find(address);
+    const loaded_module *m = proc->modules.find(address);
     return m == nullptr ? nullptr : &m->shown();
 }
 

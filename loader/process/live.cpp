@@ -30,7 +30,8 @@ bool is_file(const std::string &path, uint64_t inode)
 class running_source : public source
 {
 public:
-    running_source(int kind_of_process, int process) : raw(process), cache(raw)
+    // `tid`: a thread that lives. Through the main thread of a process, once it has ended, the system shows nothing of it.
+    running_source(int kind_of_process, int process, int tid) : raw(tid), cache(raw), living(tid)
     {
         kind = kind_of_process;
         pid = process;
@@ -48,12 +49,13 @@ protected:
     page_cache cache;
     std::vector<mapping> maps;
     std::vector<thread> thread_list;
+    int living;
 };
 
 // Target, maps and auxiliary vector.
 void running_source::read_program()
 {
-    const input_file exe(fmt::format("/proc/{}/exe", pid));
+    const input_file exe(fmt::format("/proc/{}/exe", living));
     file_memory file(exe);
     const auto image = exe.is_open() ? read_elf_image(file, 0) : std::nullopt;
     if (!image)
@@ -64,8 +66,8 @@ void running_source::read_program()
     if (image->x32)
         throw failure(KRV_ELF_ERR_UNSUPPORTED, fmt::format("process {}: x32 programs are not read", pid));
     target = image->target;
-    maps = read_maps(pid);
-    const std::string words = read_text(fmt::format("/proc/{}/auxv", pid));
+    maps = read_maps(living);
+    const std::string words = read_text(fmt::format("/proc/{}/auxv", living));
     aux = parse_auxv(reinterpret_cast<const uint8_t *>(words.data()), words.size(), target);
 }
 
@@ -75,8 +77,8 @@ std::string running_source::locate(const mapping &where)
 {
     const std::string candidates[] = {
         where.path,
-        fmt::format("/proc/{}/root{}", pid, where.path),
-        fmt::format("/proc/{}/map_files/{:x}-{:x}", pid, where.start, where.end),
+        fmt::format("/proc/{}/root{}", living, where.path),
+        fmt::format("/proc/{}/map_files/{:x}-{:x}", living, where.start, where.end),
     };
     for (const std::string &path : candidates)
         if (is_file(path, where.inode))
@@ -88,13 +90,14 @@ std::string running_source::locate(const mapping &where)
 class live_source : public running_source
 {
 public:
-    explicit live_source(int process) : running_source(KRV_PROC_LIVE, process), stopped(process)
+    live_source(int process, std::unique_ptr<stopped_process> held)
+        : running_source(KRV_PROC_LIVE, process, held->threads().front().tid), stopped(std::move(held))
     {
         read_program();
-        for (const stopped_process::tracee &t : stopped.threads()) {
+        for (const stopped_process::tracee &t : stopped->threads()) {
             krv_activation_type_t runs = 0;
             if (t.stopped)
-                stopped.registers(t.tid, &runs);
+                stopped->registers(t.tid, &runs);
             thread_list.push_back({t.tid, read_name(pid, t.tid), runs});
         }
     }
@@ -102,17 +105,17 @@ public:
     register_set registers(int tid) override
     {
         krv_activation_type_t runs = 0;
-        return stopped.registers(tid, &runs);
+        return stopped->registers(tid, &runs);
     }
 
 private:
-    stopped_process stopped;
+    std::unique_ptr<stopped_process> stopped;
 };
 
 class own_source : public running_source
 {
 public:
-    own_source() : running_source(KRV_PROC_SELF, getpid())
+    own_source() : running_source(KRV_PROC_SELF, getpid(), getpid())
     {
         read_program();
         list();
@@ -130,7 +133,7 @@ public:
     void refresh() override
     {
         forget_bytes();
-        maps = read_maps(pid);
+        maps = read_maps(living);
         list();
     }
 
@@ -154,7 +157,7 @@ std::unique_ptr<source> attach_source(int pid)
         throw failure(KRV_ELF_ERR_NOTFOUND, fmt::format("process {}: no such process", pid));
     if (process == getpid())
         throw failure(KRV_ELF_ERR_SYSTEM, fmt::format("process {}: the calling process cannot stop itself", pid));
-    return std::make_unique<live_source>(process);
+    return std::make_unique<live_source>(process, std::make_unique<stopped_process>(process));
 }
 
 std::unique_ptr<source> self_source()

@@ -19,46 +19,6 @@ namespace
 constexpr uint64_t LARGEST_VDSO = 1 << 20;
 constexpr char VDSO[] = "[vdso]";
 
-bool is_vdso(const source &from, const mapping &m)
-{
-    return from.aux.vdso != 0 && m.start == from.aux.vdso;
-}
-
-// Reading some devices has effects. A core file has no devices, and not always names.
-bool may_hold_module(const source &from, const mapping &m)
-{
-    if (from.kind == KRV_PROC_CORE)
-        return true;
-    return m.path.starts_with('/') && (!m.path.starts_with("/dev/") || m.path.starts_with("/dev/shm/"));
-}
-
-// What is added to the addresses of an object whose first byte is mapped at `start`.
-std::optional<uint64_t> bias_of(const elf_image &image, uint64_t start)
-{
-    for (const Elf64_Phdr &segment : image.segments)
-        if (segment.p_type == PT_LOAD && page_of(segment.p_offset) == 0)
-            return start - page_of(segment.p_vaddr);
-    return std::nullopt;
-}
-
-// Whether the object's code is mapped where its headers say. That of a file which is only read, as a debugger's, is not.
-bool code_is_mapped(const source &from, const mapping &first, const elf_image &image, uint64_t bias)
-{
-    for (const Elf64_Phdr &segment : image.segments) {
-        if (segment.p_type != PT_LOAD || (segment.p_flags & PF_X) == 0)
-            continue;
-        const uint64_t address = bias + segment.p_vaddr;
-        const mapping *m = find_mapping(from.mappings(), address);
-        if (m == nullptr || !m->executable)
-            continue;
-        if (m->path.empty()) // not recorded, or a copy of it in pages of another size
-            return true;
-        if (m->path == first.path && m->offset + (address - m->start) == segment.p_offset)
-            return true;
-    }
-    return false;
-}
-
 krv_handle_t *new_handle(krv_activation_type_t target)
 {
     krv_handle_t *hp = korva_handle_alloc(target);
@@ -92,13 +52,18 @@ wanted_section find_section(krv_elf_t *elf, const char *name)
 
 } // namespace
 
+bool is_vdso(const source &from, const mapping &m)
+{
+    return from.aux.vdso != 0 && m.start == from.aux.vdso;
+}
+
 loaded_module::loaded_module(source &from, const mapping &at, elf_image headers, uint64_t load_bias)
     : process(from), where(at), image(std::move(headers)), path(at.path)
 {
     const bool vdso = is_vdso(from, at);
     if (vdso)
         path = VDSO;
-    record.start = load_bias + image.start;
+    record.start = at.start;
     record.end = load_bias + image.end;
     record.bias = load_bias;
     record.target = image.target;
@@ -107,8 +72,6 @@ loaded_module::loaded_module(source &from, const mapping &at, elf_image headers,
         record.eh_frame_hdr = load_bias + header->p_vaddr;
         record.eh_frame = read_eh_frame_address(from.bytes(), image.target, record.eh_frame_hdr);
     }
-    if (covers(from.aux.program_headers) || covers(from.aux.entry))
-        record.flags |= KRV_PROC_MODULE_F_MAIN;
     if (vdso)
         record.flags |= KRV_PROC_MODULE_F_VDSO;
     if (at.deleted)
@@ -118,6 +81,19 @@ loaded_module::loaded_module(source &from, const mapping &at, elf_image headers,
     record.path = path.c_str();
     record.build_id = build_id.empty() ? nullptr : build_id.data();
     record.build_id_size = build_id.size();
+}
+
+// The file's page at `offset` of a mapping is where the headers want it.
+bool loaded_module::has(const mapping &m) const
+{
+    if (m.start == where.start)
+        return true;
+    if (m.path != where.path || m.inode != where.inode || m.deleted != where.deleted)
+        return false;
+    return std::any_of(image.segments.begin(), image.segments.end(), [&](const Elf64_Phdr &segment) {
+        return segment.p_type == PT_LOAD &&
+               m.start - m.offset == record.bias + page_of(segment.p_vaddr) - page_of(segment.p_offset);
+    });
 }
 
 loaded_module::~loaded_module()
@@ -263,28 +239,6 @@ bool loaded_module::signal_frame(uint64_t pc)
 {
     prepare();
     return view.signal_frame(pc);
-}
-
-std::vector<std::unique_ptr<loaded_module>> find_modules(source &from)
-{
-    std::vector<std::unique_ptr<loaded_module>> found;
-    uint64_t covered = 0; // up to here by the module before
-    for (const mapping &m : from.mappings()) {
-        const bool vdso = is_vdso(from, m);
-        if (m.start < covered || m.offset != 0 || (!vdso && !may_hold_module(from, m)))
-            continue;
-        auto image = read_elf_image(from.bytes(), m.start);
-        if (!image || image->x32 || (image->type != ET_EXEC && image->type != ET_DYN))
-            continue;
-        const auto bias = bias_of(*image, m.start);
-        if (!bias || *bias + image->end <= m.start || *bias + image->start > m.start)
-            continue;
-        if (!vdso && !code_is_mapped(from, m, *image, *bias))
-            continue;
-        covered = *bias + image->end;
-        found.push_back(std::make_unique<loaded_module>(from, m, std::move(*image), *bias));
-    }
-    return found;
 }
 
 } // namespace krv_elf_loader

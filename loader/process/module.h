@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// ELF objects in the memory of a process: found by their headers among the mappings, and for each what it takes to
-// leave its frames.
+// An ELF object in the memory of a process, and what it takes to leave its frames.
 #ifndef KRV_PROC_MODULE_H
 #define KRV_PROC_MODULE_H
 
@@ -26,7 +25,9 @@ public:
 
     const krv_proc_module_t &shown() const { return record; }
     bool same_as(const loaded_module &other) const;
-    bool covers(uint64_t address) const { return address >= record.start && address < record.end; }
+    bool has(const mapping &m) const; // whether a mapping that has a name is of this object
+    void end_at(uint64_t address) { record.end = address; }
+    void make_main() { record.flags |= KRV_PROC_MODULE_F_MAIN; }
 
     // The module's file. Throws failure, every time the same.
     krv_elf_t *elf();
@@ -66,8 +67,8 @@ private:
     krv_handle_t *debug_handle = nullptr; // that of `file`
 };
 
-// The modules of a process, ascending by address.
-std::vector<std::unique_ptr<loaded_module>> find_modules(source &from);
+// Whether a mapping is the kernel's own object, which is in no file.
+bool is_vdso(const source &from, const mapping &m);
 
 } // namespace krv_elf_loader
 

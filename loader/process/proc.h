@@ -6,14 +6,11 @@
 
 #include "libkorva-proc.h"
 
-#include "process/module.h"
+#include "process/module_list.h"
 #include "process/source.h"
 
 struct krv_proc {
     explicit krv_proc(std::unique_ptr<krv_elf_loader::source> from);
-
-    // The module that covers an address, or NULL.
-    krv_elf_loader::loaded_module *find(uint64_t address);
 
     // The module of a record that was handed out, also one that is no longer loaded. Throws failure for any other.
     krv_elf_loader::loaded_module &module_of(const krv_proc_module_t *record);
@@ -22,7 +19,7 @@ struct krv_proc {
     void refresh();
 
     std::unique_ptr<krv_elf_loader::source> from;
-    std::vector<std::unique_ptr<krv_elf_loader::loaded_module>> modules; // ascending by address
+    krv_elf_loader::module_list modules;
     std::vector<std::unique_ptr<krv_elf_loader::loaded_module>> retired; // no longer loaded
 };
 

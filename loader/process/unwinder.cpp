@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "process/unwinder.h"
 
-#include "elf/file.h"
+#include "failure.h"
 
 namespace krv_elf_loader
 {
@@ -31,22 +31,22 @@ std::string messages_of(krv_handle_t *hp)
 // A process that runs may have loaded a library since its modules were listed.
 loaded_module *unwinder::find_module(uint64_t pc)
 {
-    loaded_module *found = proc->find(pc);
+    loaded_module *found = proc->modules.find(pc);
     if (found != nullptr || looked_again || proc->from->kind != KRV_PROC_SELF)
         return found;
     looked_again = true;
     proc->refresh();
-    return proc->find(pc);
+    return proc->modules.find(pc);
 }
 
 place unwinder::locate(uint64_t pc, bool exact)
 {
     loaded_module *here = find_module(pc);
     if (here != nullptr && here->signal_frame(pc))
-        return {pc, true, here};
+        return {pc, exact, true, here};
     if (exact)
-        return {pc, false, here};
-    return {pc - 1, false, here != nullptr && here->covers(pc - 1) ? here : find_module(pc - 1)};
+        return {pc, true, false, here};
+    return {pc - 1, false, false, find_module(pc - 1)};
 }
 
 krv_activation_t *unwinder::load(krv_handle_t *hp, uint64_t pc, const register_set &registers)
@@ -99,11 +99,38 @@ departure unwinder::leave_by(krv_handle_t *hp, uint64_t pc, const register_set &
     return out;
 }
 
+// A call through a pointer that leads to no code, as a null pointer, has pushed its return address and changed nothing
+// else. False when what is at the top of the stack is the address of no module's code.
+bool unwinder::assume_call(const register_set &registers, departure *out)
+{
+    if (!registers.has(KRV_HOST_RSP))
+        return false;
+    const auto sp = static_cast<uint64_t>(registers.gregs[KRV_HOST_RSP]);
+    const size_t word = target == KRV_ACTIVATION_AMD64 ? 8 : 4;
+    uint64_t pc = 0;
+    if (!proc->from->bytes().read(sp, &pc, word) || pc == 0 || find_module(pc - 1) == nullptr)
+        return false;
+    const mapping *code = find_mapping(proc->from->mappings(), pc - 1);
+    if (code == nullptr || !code->executable)
+        return false;
+    out->kind = departure::to_caller;
+    out->assumed = true;
+    out->caller = registers;
+    out->caller.has_fpregs = false;
+    out->caller.set(KRV_HOST_RIP, pc);
+    out->caller.set(KRV_HOST_RSP, sp + word);
+    return true;
+}
+
 // .eh_frame in memory; the file's .debug_frame where that has nothing for the function.
 departure unwinder::leave(const place &at, const register_set &registers, krv_proc_frame_t *frame)
 {
     if (at.module == nullptr || at.module->shown().target != target) {
         departure out;
+        if (at.module == nullptr && at.exact && assume_call(registers, &out)) {
+            frame->cfa = static_cast<uint64_t>(out.caller.gregs[KRV_HOST_RSP]);
+            return out;
+        }
         out.kind = departure::no_fde;
         out.code = KRV_ERR_NOTFOUND;
         out.message = at.module == nullptr ? "no module covers it" : "it is code of another instruction set";

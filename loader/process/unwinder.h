@@ -19,6 +19,7 @@ namespace krv_elf_loader
 // Where a frame is.
 struct place {
     uint64_t lookup_pc;
+    bool exact; // it was stopped there; else it is before the address where it will go on after a call
     bool signal_frame;
     loaded_module *module; // NULL: none covers lookup_pc
 };
@@ -28,7 +29,8 @@ struct departure {
     enum { to_caller, outermost, no_fde, failed } kind = failed;
     int code = KRV_ERR_NONE;
     std::string message;
-    register_set caller; // of to_caller
+    register_set caller;  // of to_caller
+    bool assumed = false; // to_caller: nothing says so
 };
 
 class unwinder
@@ -36,7 +38,6 @@ class unwinder
 public:
     unwinder(krv_proc_t *process, krv_activation_type_t instruction_set) : proc(process), target(instruction_set) {}
 
-    // `exact`: pc is where the frame was stopped, not where it will go on after a call.
     place locate(uint64_t pc, bool exact);
 
     // Fills the frame's activation, its handle and the frame address. Throws failure and std::bad_alloc.
@@ -49,6 +50,7 @@ private:
 
     loaded_module *find_module(uint64_t pc);
     departure leave_by(krv_handle_t *hp, uint64_t pc, const register_set &registers, krv_proc_frame_t *frame);
+    bool assume_call(const register_set &registers, departure *out);
     krv_activation_t *load(krv_handle_t *hp, uint64_t pc, const register_set &registers);
 
     krv_proc_t *proc;

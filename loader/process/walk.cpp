@@ -70,13 +70,14 @@ private:
     krv_proc_end_t &end;
     int result = 0;
     repetition stack;
+    std::string assumption; // on which the frames stand; else ""
 };
 
 void walk::finish(int reason, int code, const std::string &message)
 {
     end.reason = reason;
     end.code = code;
-    std::snprintf(end.message, sizeof(end.message), "%s", message.c_str());
+    std::snprintf(end.message, sizeof(end.message), "%s%s", message.c_str(), assumption.c_str());
     if (reason == KRV_PROC_END_ERROR)
         result = -1;
 }
@@ -133,6 +134,10 @@ int walk::run(register_set registers)
             finish(reason_of(out), out.code, fmt::format("{:#x}: {}", frame.pc, out.message));
             return result;
         }
+        if (out.assumed)
+            assumption = fmt::format("; assumed: {:#x}, which no module covers, was called from the address at the top "
+                                     "of the stack",
+                                     frame.pc);
         registers = out.caller;
         exact = at.signal_frame;
     }

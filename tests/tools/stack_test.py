@@ -51,6 +51,7 @@ STOPS = {
     'plt': (lambda targets: [f'{targets}/target_o2', 'callback'],
             ['starti', "tbreak 'qsort@plt'", 'continue'], 'sort_something'),
     'vdso': (lambda targets: ['date'], ['starti', 'tbreak __vdso_clock_gettime', 'continue'], 'clock_gettime'),
+    'null': (lambda targets: [f'{targets}/target_o2', 'null'], ['run'], 'call_nothing'),
     'abort': (lambda targets: [f'{targets}/target_o2', 'crash', '5'], ['run'], 'abort'),
 }
 

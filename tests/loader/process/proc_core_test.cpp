@@ -242,8 +242,18 @@ TEST_F(CoreFile32, FindsTheExecutableWhereItIsTold)
 
 TEST_F(CoreFile32, WalksEndForTheReasonTheyGive)
 {
+    core32 called;
+    called.pc = 0;
+    const walked from_top = walk(called);
+    EXPECT_EQ(from_top.end.reason, KRV_PROC_END_OUTERMOST);
+    EXPECT_EQ(from_top.pcs(), (std::vector<uint64_t>{0, called.symbol("in_leaf"), called.symbol("in_middle"),
+                                                     called.symbol("in_start")}));
+    EXPECT_NE(std::string(from_top.end.message).find("; assumed: 0x0, which"), std::string::npos)
+        << from_top.end.message;
+
     core32 lost;
     lost.pc = 0x1234;
+    lost.stack_bytes.set(0x100, core32::stack, 4);
     const walked nowhere = walk(lost);
     EXPECT_EQ(nowhere.end.reason, KRV_PROC_END_NO_FDE);
     EXPECT_NE(std::string(nowhere.end.message).find("no module"), std::string::npos) << nowhere.end.message;

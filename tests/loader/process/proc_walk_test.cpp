@@ -117,17 +117,19 @@ int check_frame(krv_proc_t *proc, const krv_proc_frame_t *frame, void *arg)
 
 TEST_F(LiveWalks, FramesAreSound)
 {
-    for (const char *mode : {"signal", "altstack", "callback"}) {
-        const running_target target("target_o2", mode);
-        ASSERT_TRUE(target.ready());
+    for (const char *mode : {"signal", "altstack", "callback", "stray"}) {
+        const running_target target(mode == std::string("stray") ? "target_static" : "target_o2", mode);
+        ASSERT_TRUE(target.ready()) << mode;
         const proc_ptr proc(korva_proc_attach(target.pid(), nullptr));
         ASSERT_NE(proc, nullptr);
         krv_proc_frame_t last = {};
-        EXPECT_EQ(korva_proc_walk(proc.get(), target.pid(), 0, check_frame, &last, nullptr), 0);
+        krv_proc_end_t end = {};
+        EXPECT_EQ(korva_proc_walk(proc.get(), target.pid(), 0, check_frame, &last, &end), 0);
+        EXPECT_EQ(end.reason, KRV_PROC_END_OUTERMOST) << mode << ": " << end.message;
         size_t trampolines = 0;
         for (const krv_proc_frame_t &frame : walk_thread(proc.get(), target.pid()).frames)
             trampolines += frame.is_signal_frame ? 1U : 0U;
-        EXPECT_EQ(trampolines, mode == std::string("callback") ? 0U : 1U);
+        EXPECT_EQ(trampolines, mode == std::string("signal") || mode == std::string("altstack") ? 1U : 0U);
     }
 }
 
@@ -159,6 +161,19 @@ TEST_F(LiveWalks, EndForTheReasonTheyGive)
     EXPECT_EQ(nobody.result, -1);
     EXPECT_EQ(nobody.end.reason, KRV_PROC_END_ERROR);
     EXPECT_NE(std::string(nobody.end.message).find("no thread 1"), std::string::npos) << nobody.end.message;
+}
+
+TEST_F(LiveWalks, OutliveTheMainThread)
+{
+    const running_target target("target_o2", "ended");
+    ASSERT_TRUE(target.ready() && target.wait_for_state('Z'));
+    krv_elf_error_t error = {};
+    const proc_ptr proc(korva_proc_attach(target.pid(), &error));
+    ASSERT_NE(proc, nullptr) << error.message;
+    const stacks ours = our_stacks(proc.get());
+    ASSERT_EQ(ours.size(), 1U);
+    EXPECT_NE(ours.begin()->first, target.pid());
+    EXPECT_EQ(walk_thread(proc.get(), ours.begin()->first).end.reason, KRV_PROC_END_OUTERMOST);
 }
 
 TEST_F(LiveWalks, MayBeNested)

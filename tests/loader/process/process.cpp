@@ -45,10 +45,11 @@ void run_target(const std::string &program, const std::string &mode, const std::
     _exit(127);
 }
 
+// But for a main thread that has ended.
 bool threads_reach_state(int pid, char state)
 {
     for (const auto &task : std::filesystem::directory_iterator("/proc/" + std::to_string(pid) + "/task"))
-        if (!wait_for_state(std::stoi(task.path().filename()), state))
+        if (const int tid = std::stoi(task.path().filename()); state_of(tid) != 'Z' && !wait_for_state(tid, state))
             return false;
     return true;
 }

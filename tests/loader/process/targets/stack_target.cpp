@@ -3,10 +3,13 @@
 // A program whose stacks the tests walk. Its first argument says how it gets into the position to be seen; it says
 // "ready" on standard output just before, and stays there until it is killed.
 #include <csignal>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <fcntl.h>
 #include <pthread.h>
+#include <sys/mman.h>
 #include <sys/prctl.h>
 #include <unistd.h>
 
@@ -158,6 +161,41 @@ NOINLINE static void crash(int levels)
     sink = levels;
 }
 
+// Maps the program once more, as profilers do, but right below where it runs: by its headers it would reach into that.
+extern "C" const char __ehdr_start[] __attribute__((visibility("hidden")));
+
+NOINLINE static void map_again()
+{
+    const size_t size = 0x10000;
+    const int fd = open("/proc/self/exe", O_RDONLY | O_CLOEXEC);
+    void *below = reinterpret_cast<void *>(reinterpret_cast<uintptr_t>(__ehdr_start) - size);
+    if (mmap(below, size, PROT_READ | PROT_EXEC, MAP_PRIVATE | MAP_FIXED_NOREPLACE, fd, 0) == below)
+        stay();
+}
+
+// The commonest crash there is.
+NOINLINE static void call_nothing(void (*function)())
+{
+    function();
+    sink = 3;
+}
+
+// Waits for the end of the main thread.
+static void *outlive(void *main_thread)
+{
+    pthread_join(*static_cast<pthread_t *>(main_thread), nullptr);
+    stay();
+    return nullptr;
+}
+
+NOINLINE static void end_main_thread()
+{
+    static pthread_t self = pthread_self();
+    pthread_t thread;
+    if (pthread_create(&thread, nullptr, outlive, &self) == 0)
+        pthread_exit(nullptr);
+}
+
 int main(int argc, char **argv)
 {
     const char *mode = argc > 1 ? argv[1] : "";
@@ -183,5 +221,11 @@ int main(int argc, char **argv)
         keep_creating_threads();
     else if (std::strcmp(mode, "crash") == 0)
         crash(number);
+    else if (std::strcmp(mode, "stray") == 0)
+        map_again();
+    else if (std::strcmp(mode, "ended") == 0)
+        end_main_thread();
+    else if (std::strcmp(mode, "null") == 0)
+        call_nothing(reinterpret_cast<void (*)()>(number));
     return 1;
 }
