@@ -56,7 +56,7 @@ consteval std::array<field_row, NFIELDS> make_field_table()
     t[KRV_FIELD_LNPH_FILES] = KRV_COMPUTED(LNPH);         // may grow meanwhile: krv_lnph_files
     t[KRV_FIELD_LNPH_FILES_ENTRIES] = KRV_COMPUTED(LNPH); // likewise
     t[KRV_FIELD_LNPH_LNP] = KRV_COMPUTED(LNPH);           // built on demand
-    t[KRV_FIELD_LNFE_ABSOLUTE_PATH] = KRV_MEMBER(LNFE, krv_lnfe_t, slnfe_absolute_path);
+    t[KRV_FIELD_LNFE_ABSOLUTE_PATH] = KRV_COMPUTED(LNFE); // composed on demand
     t[KRV_FIELD_LNFE_PATH] = KRV_MEMBER(LNFE, krv_lnfe_t, slnfe_path);
     t[KRV_FIELD_LNFE_DIRIDX] = KRV_MEMBER(LNFE, krv_lnfe_t, slnfe_diridx);
     t[KRV_FIELD_LNFE_MTIME] = KRV_MEMBER(LNFE, krv_lnfe_t, slnfe_mtime);
@@ -97,6 +97,14 @@ struct destinations {
     krv_lnp_t *matrix = nullptr;
 
     void *find(unsigned field) const { return (wanted >> field & 1) != 0 ? of[field] : nullptr; }
+
+    // Writes a computed field, if it is wanted, which it is no longer then.
+    void take(unsigned field, const void *value, size_t size)
+    {
+        if (void *where = find(field))
+            std::memcpy(where, value, size);
+        wanted &= ~(uint64_t{1} << field);
+    }
 };
 
 // The fields of a set of them, ascending.
@@ -192,6 +200,12 @@ int krv_get_fields_lnfe(krv_handle_t *hp, krv_lnfe_t *structp, unsigned int nfie
     destinations dst;
     if (scan_fields(hp, LNFE, nfields, ap, &dst) != 0)
         return -1;
+    if (dst.find(KRV_FIELD_LNFE_ABSOLUTE_PATH) != nullptr) {
+        char *path = krv_lnfe_absolute_path(hp, structp);
+        if (path == nullptr)
+            return -1;
+        dst.take(KRV_FIELD_LNFE_ABSOLUTE_PATH, &path, sizeof(path));
+    }
     write_record(&dst, structp);
     return 0;
 }
@@ -206,14 +220,9 @@ int krv_get_fields_lnph(krv_handle_t *hp, krv_lnph_t *structp, unsigned int nfie
         return -1;
     uint64_t nfiles;
     krv_lnfe_t **files = krv_lnph_files(structp, &nfiles);
-    const auto take = [&dst](unsigned field, const void *value, size_t size) {
-        if (void *where = dst.find(field))
-            std::memcpy(where, value, size);
-        dst.wanted &= ~(uint64_t{1} << field);
-    };
-    take(KRV_FIELD_LNPH_FILES, &files, sizeof(files));
-    take(KRV_FIELD_LNPH_FILES_ENTRIES, &nfiles, sizeof(nfiles));
-    take(KRV_FIELD_LNPH_LNP, &dst.matrix, sizeof(dst.matrix));
+    dst.take(KRV_FIELD_LNPH_FILES, &files, sizeof(files));
+    dst.take(KRV_FIELD_LNPH_FILES_ENTRIES, &nfiles, sizeof(nfiles));
+    dst.take(KRV_FIELD_LNPH_LNP, &dst.matrix, sizeof(dst.matrix));
     write_record(&dst, structp);
     return 0;
 }

@@ -4,6 +4,7 @@
 // files. Rows hold addresses of the unit's own address space; KRV_OPT_BASE_ADDR is applied here and nowhere else.
 #include "krv_line.h"
 
+#include "krv_dwarf.h"
 #include "krv_error.h"
 #include "krv_mem.h"
 #include "krv_search.h"
@@ -64,6 +65,28 @@ static krv_lns_t *find_gap_row(const krv_lnp_t *lnpp, int64_t prev, uint64_t sta
     if (reaches_before == reaches_after)
         return nullptr;
     return &lnpp->slnp_lnsp[reaches_before ? before->slnb_end_index - 1 : after->slnb_start_index];
+}
+
+krv_lnph_t *korva_line_get_cu_lnph(krv_handle_t *hp, krv_ctu_t *cup)
+{
+    if (hp == nullptr)
+        return nullptr;
+    if (cup == nullptr) {
+        hp->sh_errno = KRV_ERR_INVALID;
+        return nullptr;
+    }
+    krv_clear_error(hp);
+    if (cup->dcu_section != KRV_SEC_INFO) {
+        krv_fail(hp, KRV_ERR_INVALID, "only .debug_info can refer to a line number header");
+        return nullptr;
+    }
+    if (krv_lnph_t *lnphp = krv_load(&cup->dcu_lnphp))
+        return lnphp;
+    krv_value_t *value;
+    if (krv_get_die_attr(hp, cup->dcu_compile_unit, DW_AT_stmt_list, nullptr, nullptr, &value) != 0)
+        return nullptr;
+    krv_lnph_t *fresh = krv_line_share_header(hp, cup, value->sa_u.su_unsigned);
+    return fresh == nullptr ? nullptr : krv_publish(&cup->dcu_lnphp, fresh, krv_lnph_free);
 }
 
 krv_lns_t *korva_lookup_source_by_cu_and_addr(krv_handle_t *hp, krv_ctu_t *cup, uint64_t start, uint64_t size,
@@ -258,7 +281,12 @@ int korva_lnfe_get_path(krv_handle_t *hp, krv_lnfe_t *lnfep, char *buf, size_t l
 {
     if (enter_file(hp, lnfep, buf) != 0)
         return -1;
-    const char *path = absolute == B_TRUE ? lnfep->slnfe_absolute_path : lnfep->slnfe_path;
+    char composed[KRV_STRING_BUFSZ];
+    const char *path = lnfep->slnfe_path;
+    if (absolute == B_TRUE) {
+        krv_lnfe_compose_path(lnfep, composed);
+        path = composed;
+    }
     const size_t count = strnlen(path, len);
     std::memcpy(buf, path, count);
     std::memset(buf + count, 0, len - count);

@@ -283,6 +283,7 @@ bool careful::define_file()
         krv_note(hp, "couldn't add dynamically-defined file %s", path);
         return false;
     }
+    lnpp->slnp_flags |= KRV_LNP_FLAG_DEFINES;
     return true;
 }
 
@@ -443,6 +444,7 @@ int krv_line_build_program(krv_handle_t *hp, krv_lnph_t *lnphp, krv_lnp_t **lnpp
         return -1; // the section was replaced by a shorter one
     careful m(hp, lnphp, matrix.get(), fd);
     krv_lns_init(lnphp, &m.regs);
+    matrix->slnp_attachment = hp->sh_line_attachment;
     const int result = execute(&m, func, arg);
     if (result == 0)
         *lnppp = matrix.release();
