@@ -51,14 +51,14 @@ struct krv_lnph {
     krv_line_common *sln_common; // held: whose tables this header borrows, or NULL
     const char *sln_comp_dir;    // the unit's compilation directory, or NULL
     uint64_t sln_bytes;          // of memory in its tables while it is read
-    uint32_t sln_attachment;     // of .debug_line: the sh_line_attachment that it was read from
 };
 
 // What units of one program and one compilation directory have in common. Counted: by their headers and the handle.
 struct krv_line_common {
     krv_refcnt_t slc_refcnt;
+    krv_fd_t slc_section;   // .debug_line as it was attached when the header was read
     krv_lnph_t *slc_header; // owned: as it was read; never executed
-    krv_lnp_t *slc_matrix;  // owned: of a program that defines no files; NULL until a unit has built it
+    krv_lnp_t *slc_matrix; // owned: of that section, where the program defines no files; NULL until a unit has built it
 };
 
 enum krv_lns_flag_t : uint32_t {
@@ -113,7 +113,6 @@ struct krv_lnp {
     unsigned int slnp_lnbp_entries;
     uint32_t slnp_flags;      // KRV_LNP_FLAG_*
     krv_lnb_t slnp_first_lnb; // most matrices have one sequence
-    uint32_t slnp_attachment; // of .debug_line: the sh_line_attachment that the program was read from
 };
 
 // Reads the header at `offset` of .debug_line. cup gives the compilation directory, which is to live as long, and may be

@@ -179,7 +179,6 @@ krv_lnph_t *krv_lnph_alloc(krv_handle_t *hp, krv_ctu_t *cup, uint64_t offset)
         return nullptr;
     krv_rwlock_init(&lnphp->sln_files_lock);
     lnphp->sln_comp_dir = cup == nullptr ? nullptr : cup->dcu_comp_dir;
-    lnphp->sln_attachment = hp->sh_line_attachment;
     krv_fd_t fd = hp->sh_sec[KRV_SEC_LINE];
     if (!read_header(hp, lnphp.get(), cup, &fd, offset)) {
         krv_note(hp, "failed to read .debug_line header at offset %lld", static_cast<long long>(offset));

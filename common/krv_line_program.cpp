@@ -444,7 +444,6 @@ int krv_line_build_program(krv_handle_t *hp, krv_lnph_t *lnphp, krv_lnp_t **lnpp
         return -1; // the section was replaced by a shorter one
     careful m(hp, lnphp, matrix.get(), fd);
     krv_lns_init(lnphp, &m.regs);
-    matrix->slnp_attachment = hp->sh_line_attachment;
     const int result = execute(&m, func, arg);
     if (result == 0)
         *lnppp = matrix.release();

@@ -4,6 +4,7 @@
 // memory to grow with the product of both. It is read once for each compilation directory, which is part of its files'
 // paths, and executed once, unless its program defines files: they are added to the table of the unit that asked.
 #include "krv_error.h"
+#include "krv_fd.h"
 #include "krv_hash.h"
 #include "krv_line.h"
 #include "krv_mem.h"
@@ -41,6 +42,12 @@ bool krv_line_may_keep(krv_handle_t *hp, uint64_t bytes)
     return true;
 }
 
+// Whether reading again would give the same. A section that is attached anew is read by whoever has not asked before.
+static bool is_current(const krv_handle_t *hp, const krv_line_common *common)
+{
+    return krv_fd_same_source(&common->slc_section, &hp->sh_sec[KRV_SEC_LINE]);
+}
+
 // ---------------------------------------------------------------------------------------------------------------
 // Headers
 // ---------------------------------------------------------------------------------------------------------------
@@ -50,11 +57,11 @@ static const char *text_of(const char *comp_dir)
     return comp_dir == nullptr ? "" : comp_dir;
 }
 
-// Of what units have in common. Two that differ may have the same; they then share nothing.
-static krv_hash_key_t key_of(uint64_t offset, const char *comp_dir, uint32_t attachment)
+// Of what units have in common. Two that differ may have the same; the later one then shares nothing.
+static krv_hash_key_t key_of(uint64_t offset, const char *comp_dir)
 {
     constexpr uint64_t PRIME = 0x100000001b3; // FNV-1a
-    uint64_t key = (0xcbf29ce484222325 ^ attachment) * PRIME;
+    uint64_t key = 0xcbf29ce484222325;
     for (const char *s = text_of(comp_dir); *s != '\0'; ++s)
         key = (key ^ static_cast<uint8_t>(*s)) * PRIME;
     key = (key ^ offset) * 0x9e3779b97f4a7c15;
@@ -87,6 +94,7 @@ static krv_line_common *add_common(krv_handle_t *hp, krv_hash_t *headers, const 
     if (fresh == nullptr)
         return nullptr;
     fresh->slc_refcnt = 1;
+    fresh->slc_section = hp->sh_sec[KRV_SEC_LINE];
     fresh->slc_header = read_header(hp, cup, offset);
     if (fresh->slc_header == nullptr)
         return nullptr;
@@ -116,14 +124,14 @@ krv_lnph_t *krv_line_share_header(krv_handle_t *hp, krv_ctu_t *cup, uint64_t off
     krv_hash_t *headers = get_headers(hp);
     if (headers == nullptr)
         return nullptr;
-    const krv_hash_key_t key = key_of(offset, cup->dcu_comp_dir, hp->sh_line_attachment);
+    const krv_hash_key_t key = key_of(offset, cup->dcu_comp_dir);
     auto *common = static_cast<krv_line_common *>(krv_hash_lookup(hp, headers, &key));
     if (common == nullptr)
         common = add_common(hp, headers, &key, cup, offset);
     if (common == nullptr)
         return nullptr;
     const krv_lnph_t *header = common->slc_header;
-    const bool is_same = header->sln_offset == offset && header->sln_attachment == hp->sh_line_attachment &&
+    const bool is_same = header->sln_offset == offset && is_current(hp, common) &&
                          std::strcmp(text_of(header->sln_comp_dir), text_of(cup->dcu_comp_dir)) == 0;
     return is_same ? borrow(hp, common) : read_header(hp, cup, offset);
 }
@@ -144,39 +152,18 @@ void krv_line_destroy_caches(krv_handle_t *hp)
 // Matrices
 // ---------------------------------------------------------------------------------------------------------------
 
-// What executing the program would give now, since the section is the one that the matrix was read from. NULL: unknown.
-static krv_lnp_t *find_matrix(const krv_handle_t *hp, const krv_lnph_t *lnphp)
-{
-    if (lnphp->sln_common == nullptr)
-        return nullptr;
-    krv_lnp_t *matrix = krv_load(&lnphp->sln_common->slc_matrix);
-    return matrix != nullptr && matrix->slnp_attachment == hp->sh_line_attachment ? matrix : nullptr;
-}
-
-static bool is_common(const krv_lnph_t *lnphp, const krv_lnp_t *matrix)
-{
-    return lnphp->sln_common != nullptr && krv_load(&lnphp->sln_common->slc_matrix) == matrix;
-}
-
-// Executes the program. The matrix may be offered to all who share the program, and is theirs then. NULL on failure.
+// Executes the program. NULL on failure.
 static krv_lnp_t *build_matrix(krv_handle_t *hp, krv_lnph_t *lnphp)
 {
     krv_lnp_t *fresh = nullptr;
     if (krv_line_build_program(hp, lnphp, &fresh, nullptr, nullptr) != 0)
         return nullptr;
     // The matrix is kept: what its tables do not use is given back.
-    if (!krv_table_trim(hp, &fresh->slnp_lnsp, &fresh->slnp_lnsp_size, fresh->slnp_lnsp_entries) ||
-        !krv_line_may_keep(hp, krv_line_program_bytes(fresh))) {
-        krv_line_free_program(fresh);
-        return nullptr;
-    }
-    krv_lnp_t *seen = nullptr;
-    if (lnphp->sln_common == nullptr || (fresh->slnp_flags & KRV_LNP_FLAG_DEFINES) != 0 ||
-        krv_publish(&lnphp->sln_common->slc_matrix, fresh, [](krv_lnp_t *) {}) == fresh ||
-        (seen = find_matrix(hp, lnphp)) == nullptr)
+    if (krv_table_trim(hp, &fresh->slnp_lnsp, &fresh->slnp_lnsp_size, fresh->slnp_lnsp_entries) &&
+        krv_line_may_keep(hp, krv_line_program_bytes(fresh)))
         return fresh;
     krv_line_free_program(fresh);
-    return seen;
+    return nullptr;
 }
 
 krv_lnp_t *krv_line_get_matrix(krv_handle_t *hp, krv_lnph_t *lnphp)
@@ -185,13 +172,21 @@ krv_lnp_t *krv_line_get_matrix(krv_handle_t *hp, krv_lnph_t *lnphp)
     KRV_ASSERT(lnphp != NULL);
     if (krv_lnp_t *lnpp = krv_load(&lnphp->sln_lnp))
         return lnpp;
-    krv_lnp_t *lnpp = find_matrix(hp, lnphp);
-    if (lnpp == nullptr)
+    krv_line_common *common = lnphp->sln_common;
+    if (common != nullptr && !is_current(hp, common))
+        common = nullptr;
+    krv_lnp_t *lnpp = common == nullptr ? nullptr : krv_load(&common->slc_matrix);
+    if (lnpp == nullptr) {
         lnpp = build_matrix(hp, lnphp);
-    if (lnpp == nullptr)
-        return nullptr;
-    return krv_publish(&lnphp->sln_lnp, lnpp, [lnphp](krv_lnp_t *late) {
-        if (!is_common(lnphp, late))
+        if (lnpp == nullptr)
+            return nullptr;
+        if ((lnpp->slnp_flags & KRV_LNP_FLAG_DEFINES) != 0)
+            common = nullptr;
+        if (common != nullptr)
+            lnpp = krv_publish(&common->slc_matrix, lnpp, krv_line_free_program);
+    }
+    return krv_publish(&lnphp->sln_lnp, lnpp, [common](krv_lnp_t *late) {
+        if (common == nullptr)
             krv_line_free_program(late);
     });
 }

@@ -200,8 +200,6 @@ int korva_attach_section(krv_handle_t *hp, krv_secidx_t sec, uint64_t size, krv_
     va_start(ap, type);
     const int result = krv_fd_attach(hp, &hp->sh_sec[sec], size, type, ap);
     va_end(ap);
-    if (result == 0 && sec == KRV_SEC_LINE)
-        ++hp->sh_line_attachment;
     return result;
 }
 

@@ -59,7 +59,6 @@ struct krv_handle {
     krv_offset_t sh_abbrev_checked_end;    // what it has read lies before this; 0: nothing yet
     krv_hash *sh_line_headers;             // what units share of .debug_line, built on first use
     krv_relaxed<uint64_t> sh_line_bytes;   // of memory in line headers, files and matrices
-    uint32_t sh_line_attachment;           // counts how often .debug_line was attached
     krv_rwlock_t sh_error_lock;            // texts of the messages while they are stored; the last lock to be taken
 };
 
