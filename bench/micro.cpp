@@ -23,7 +23,7 @@ static void leb128(benchmark::State &state)
     for (auto _ : state) {
         uint64_t value;
         krv_fd_t copy = fd;
-        benchmark::DoNotOptimize(krv_decode(&copy, DW_FORM_udata, 0, &value));
+        benchmark::DoNotOptimize(krv_decode(&copy, DW_FORM_udata, &value));
     }
 }
 BENCHMARK(leb128)->Arg(1)->Arg(2)->Arg(5)->Arg(9)->Arg(10)->ArgName("bytes");

@@ -96,12 +96,12 @@ static outcome read_pair(table_builder *t, krv_abbrev_t *abbrev)
     const uint32_t number = abbrev->dwa_nafpairs + 1;
     krv_attribute_t attribute = 0;
     krv_form_t form = 0;
-    if (krv_decode(t->fdp, DW_FORM_udata, 0, &attribute) != 0) {
+    if (krv_decode(t->fdp, DW_FORM_udata, &attribute) != 0) {
         krv_note(t->hp, "failed to read attribute %lu for abbreviation %u at offset %lu",
                  static_cast<unsigned long>(number), abbrev->dwa_code, t->shown_offset());
         return outcome::failed;
     }
-    if (krv_decode(t->fdp, DW_FORM_udata, 0, &form) != 0) {
+    if (krv_decode(t->fdp, DW_FORM_udata, &form) != 0) {
         krv_note(t->hp, "failed to read form %d for abbreviation %d at offset %lu", static_cast<int>(number),
                  static_cast<int>(abbrev->dwa_code), t->shown_offset());
         return outcome::failed;
@@ -122,18 +122,18 @@ static outcome read_pair(table_builder *t, krv_abbrev_t *abbrev)
 static outcome read_abbrev(table_builder *t)
 {
     krv_abbrev_t abbrev = {};
-    if (krv_decode(t->fdp, DW_FORM_udata, 0, &abbrev.dwa_code) != 0) {
+    if (krv_decode(t->fdp, DW_FORM_udata, &abbrev.dwa_code) != 0) {
         krv_note(t->hp, "failed to read code for abbreviation at offset %lu", t->shown_offset());
         return outcome::failed;
     }
     if (abbrev.dwa_code == 0)
         return outcome::done;
     uint8_t children = 0;
-    if (krv_decode(t->fdp, DW_FORM_udata, 0, &abbrev.dwa_tag) != 0) {
+    if (krv_decode(t->fdp, DW_FORM_udata, &abbrev.dwa_tag) != 0) {
         krv_note(t->hp, "failed to read tag for abbreviation at offset %lu", t->shown_offset());
         return outcome::failed;
     }
-    if (krv_decode(t->fdp, DW_FORM_data1, 0, &children) != 0) {
+    if (krv_decode(t->fdp, DW_FORM_data1, &children) != 0) {
         krv_note(t->hp, "failed to read children flag for abbreviation at offset %lu", t->shown_offset());
         return outcome::failed;
     }

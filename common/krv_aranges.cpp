@@ -29,23 +29,16 @@ static uint64_t header_size(const krv_arh_t *arhp)
 
 static bool read_unit_length(krv_handle_t *hp, krv_arh_t *arhp, krv_fd_t *fdp, uint64_t offset)
 {
-    uint64_t *lengthp = &arhp->sarh_unit_length;
-    if (!krv_read_field(fdp, DW_FORM_sec_offset, 0, lengthp, "failed to read 4-byte unit_length"))
+    krv_unit_length_t ul;
+    if (!krv_read_unit_length(fdp, KRV_UNIT_LENGTH_TEXTS, &ul))
         return false;
-    if (*lengthp == KRV_LENGTH_DWARF64) {
-        arhp->sarh_flags = KRV_FORM_F_DWARF64;
-        if (!krv_read_field(fdp, DW_FORM_sec_offset, KRV_FORM_F_DWARF64, lengthp, "failed to read 8-byte unit_length"))
-            return false;
-    } else if (*lengthp >= KRV_LENGTH_RESERVED) {
-        krv_fail(hp, KRV_ERR_CORRUPT, "reserved value (0x%x) in 4-byte unit_length",
-                 static_cast<unsigned int>(*lengthp));
-        return false;
-    }
-    if (!krv_extent_fits(fdp->sfd_size, offset, 0, *lengthp)) { // the length field itself is not counted
+    if (!krv_extent_fits(fdp->sfd_size, offset, 0, ul.length)) { // the length field itself is not counted
         krv_fail(hp, KRV_ERR_CORRUPT, "unit_length (0x%llx) too large for existing section size",
-                 static_cast<unsigned long long>(*lengthp));
+                 static_cast<unsigned long long>(ul.length));
         return false;
     }
+    arhp->sarh_unit_length = ul.length;
+    arhp->sarh_flags = ul.is_dwarf64 ? KRV_FORM_F_DWARF64 : 0;
     return true;
 }
 
@@ -58,9 +51,8 @@ static bool read_header(krv_handle_t *hp, krv_arh_t *arhp, uint64_t offset)
     }
     if (!read_unit_length(hp, arhp, fdp, offset))
         return false;
-    const uint32_t flags = arhp->sarh_flags;
-    if (!krv_read_field(fdp, DW_FORM_data2, flags, &arhp->sarh_version, "failed to read version") ||
-        !krv_read_field(fdp, DW_FORM_sec_offset, flags, &arhp->sarh_debug_info_offset,
+    if (!krv_read_field(fdp, DW_FORM_data2, &arhp->sarh_version, "failed to read version") ||
+        !krv_read_field(fdp, DW_FORM_sec_offset, krv_encoding(hp, arhp->sarh_flags), &arhp->sarh_debug_info_offset,
                         "failed to read debug_info_offset"))
         return false;
     const uint64_t info_size = hp->sh_sec[KRV_SEC_INFO].sfd_size;
@@ -69,8 +61,8 @@ static bool read_header(krv_handle_t *hp, krv_arh_t *arhp, uint64_t offset)
                  static_cast<long long>(arhp->sarh_debug_info_offset), static_cast<long long>(info_size));
         return false;
     }
-    if (!krv_read_field(fdp, DW_FORM_data1, flags, &arhp->sarh_address_size, "failed to read address_size") ||
-        !krv_read_field(fdp, DW_FORM_data1, flags, &arhp->sarh_segment_size, "failed to read segment_size"))
+    if (!krv_read_field(fdp, DW_FORM_data1, &arhp->sarh_address_size, "failed to read address_size") ||
+        !krv_read_field(fdp, DW_FORM_data1, &arhp->sarh_segment_size, "failed to read segment_size"))
         return false;
     arhp->sarh_offset = offset;
     return true;
@@ -157,9 +149,9 @@ struct tuple {
 static bool read_tuple(krv_fd_t *fdp, krv_form_t selector_form, krv_form_t address_form, tuple *t)
 {
     *t = {};
-    return (selector_form == 0 || krv_read_field(fdp, selector_form, 0, &t->selector, "failed to read selector")) &&
-           krv_read_field(fdp, address_form, 0, &t->address, "failed to read address") &&
-           krv_read_field(fdp, address_form, 0, &t->length, "failed to read length");
+    return (selector_form == 0 || krv_read_field(fdp, selector_form, &t->selector, "failed to read selector")) &&
+           krv_read_field(fdp, address_form, &t->address, "failed to read address") &&
+           krv_read_field(fdp, address_form, &t->length, "failed to read length");
 }
 
 int krv_iter_aranges_entry(krv_handle_t *hp, krv_arh_t *arhp, krv_iter_are_f *fn, void *arg)

@@ -180,7 +180,7 @@ static bool cfa_has_parts(const cfi_run *run)
 static bool read_expression(cfi_run *run, uint64_t *offsetp, uint64_t *sizep)
 {
     uint64_t size = 0;
-    if (!krv_read_field(run->fdp, DW_FORM_udata, 0, &size, "failed to read expression length"))
+    if (!krv_read_field(run->fdp, DW_FORM_udata, &size, "failed to read expression length"))
         return false;
     *offsetp = run->fdp->sfd_offset;
     *sizep = size;

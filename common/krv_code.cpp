@@ -1,72 +1,16 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// One table gives each form its family; one function knows 4 or 8 bytes for format and target; one sub-decoder a
-// family. A decode moves the cursor only when it succeeds.
+// One sub-decoder for each family of forms. A decode moves the cursor only when it succeeds.
 #include "krv_code.h"
 
 #include "krv_dwarf.h"
 #include "krv_fd.h"
 #include "krv_names.h"
 
-#include <array>
 #include <cstring>
-
-namespace
-{
-
-enum class family : uint8_t { refused, constant, leb128, string, block, strp, indirect, flag_present };
-
-constexpr uint8_t WIDTH_OFFSET = 0xfe; // 4 or 8 bytes by the DWARF format
-constexpr uint8_t WIDTH_ADDR = 0xff;   // the target's address size
-
-struct form_row {
-    family fam;
-    uint8_t width;          // constants: bytes, or WIDTH_*
-    krv_form_t length_form; // blocks: how their length is encoded
-    bool is_signed;         // LEB128 numbers
-};
-
-consteval std::array<form_row, 0x21> make_form_table()
-{
-    std::array<form_row, 0x21> t{}; // all other forms are refused, DW_FORM_ref_addr among them
-    constexpr auto constant = [](uint8_t width) { return form_row{family::constant, width, 0, false}; };
-    constexpr auto leb128 = [](bool is_signed) { return form_row{family::leb128, 0, 0, is_signed}; };
-    constexpr auto block = [](krv_form_t length_form) { return form_row{family::block, 0, length_form, false}; };
-    constexpr auto special = [](family fam) { return form_row{fam, 0, 0, false}; };
-    t[DW_FORM_addr] = constant(WIDTH_ADDR);
-    t[DW_FORM_data1] = constant(1);
-    t[DW_FORM_data2] = constant(2);
-    t[DW_FORM_data4] = constant(4);
-    t[DW_FORM_data8] = constant(8);
-    t[DW_FORM_flag] = constant(1);
-    t[DW_FORM_ref1] = constant(1);
-    t[DW_FORM_ref2] = constant(2);
-    t[DW_FORM_ref4] = constant(4);
-    t[DW_FORM_ref8] = constant(8);
-    t[DW_FORM_ref_sig8] = constant(8);
-    t[DW_FORM_sec_offset] = constant(WIDTH_OFFSET);
-    t[DW_FORM_sdata] = leb128(true);
-    t[DW_FORM_udata] = leb128(false);
-    t[DW_FORM_ref_udata] = leb128(false);
-    t[DW_FORM_string] = special(family::string);
-    t[DW_FORM_block1] = block(DW_FORM_data1);
-    t[DW_FORM_block2] = block(DW_FORM_data2);
-    t[DW_FORM_block4] = block(DW_FORM_data4);
-    t[DW_FORM_block] = block(DW_FORM_udata);
-    t[DW_FORM_exprloc] = block(DW_FORM_udata);
-    t[DW_FORM_strp] = special(family::strp);
-    t[DW_FORM_indirect] = special(family::indirect);
-    t[DW_FORM_flag_present] = special(family::flag_present);
-    return t;
-}
-
-constexpr auto form_table = make_form_table();
 
 constexpr unsigned LEB128_MAX_BYTES = 10; // ceil(64 / 7)
 constexpr size_t STRING_CHUNK = 16;
-
-} // namespace
-
 constexpr unsigned int LEB128_FAST_BYTES = 9; // 63 bits: nothing can be lost
 
 unsigned int krv_scan_uleb128(krv_view_t view, uint64_t *valuep)
@@ -94,35 +38,18 @@ unsigned int krv_scan_sleb128(krv_view_t view, int64_t *valuep)
     return count;
 }
 
-static const form_row *form_lookup(krv_form_t form)
-{
-    static constexpr form_row refused{};
-    return form < form_table.size() ? &form_table[form] : &refused;
-}
-
 static const char *form_name(krv_form_t form)
 {
     return krv_name_or_unknown(KRV_DEF_FORM, form);
 }
 
-static size_t constant_width(const krv_handle_t *hp, const form_row *row, uint32_t flags)
-{
-    switch (row->width) {
-    case WIDTH_ADDR:
-        return hp->sh_target_size;
-    case WIDTH_OFFSET:
-        return (flags & KRV_FORM_F_DWARF64) != 0 ? 8 : 4;
-    default:
-        return row->width;
-    }
-}
-
-static int decode_constant(krv_fd_t *fdp, krv_form_t form, uint32_t flags, void *dst, size_t size, size_t *sizep)
+static int decode_number(krv_fd_t *fdp, krv_form_t form, const krv_encoding_t &encoding, bool is_signed, void *dst,
+                         size_t size, size_t *sizep)
 {
     krv_handle_t *hp = fdp->sfd_hp;
     if (sizep != nullptr || dst == nullptr)
         return krv_fail_code(hp, KRV_ERR_INVALID);
-    const size_t width = constant_width(hp, form_lookup(form), flags);
+    const size_t width = krv_form_width(krv_form_row(form), encoding);
     if (width > fdp->sfd_remaining)
         return krv_fail(hp, KRV_ERR_CORRUPT, "form %s requires %zu byte%s;  %lu remaining", form_name(form), width,
                         width == 1 ? "" : "s", static_cast<unsigned long>(fdp->sfd_remaining));
@@ -134,7 +61,7 @@ static int decode_constant(krv_fd_t *fdp, krv_form_t form, uint32_t flags, void 
         std::memcpy(bytes, fdp->sfd_u.buf + fdp->sfd_offset, width);
     else if (fdp->sfd_u.cb.func(fdp->sfd_u.cb.arg, bytes, width, fdp->sfd_offset) != static_cast<int64_t>(width))
         return krv_fail(hp, KRV_ERR_IO, "read callback failed");
-    const bool negative = (flags & KRV_FORM_F_SIGNED) != 0 && (bytes[width - 1] & 0x80) != 0;
+    const bool negative = is_signed && (bytes[width - 1] & 0x80) != 0;
     std::memset(bytes + width, negative ? 0xff : 0x00, size - width);
     krv_fd_advance(fdp, width);
     return 0;
@@ -158,7 +85,7 @@ static int decode_leb128(krv_fd_t *fdp, krv_form_t form, void *dst, size_t size,
     krv_handle_t *hp = fdp->sfd_hp;
     if (sizep != nullptr || dst == nullptr)
         return krv_fail_code(hp, KRV_ERR_INVALID);
-    const bool is_signed = form_lookup(form)->is_signed;
+    const bool is_signed = krv_form_row(form).family == krv_family_t::sleb128;
 
     size_t available = fdp->sfd_remaining < LEB128_MAX_BYTES ? fdp->sfd_remaining : LEB128_MAX_BYTES;
     uint8_t local[LEB128_MAX_BYTES];
@@ -234,16 +161,40 @@ static int decode_string(krv_fd_t *fdp, void *dst, size_t size, size_t *sizep)
     return 0;
 }
 
-static int decode_block(krv_fd_t *fdp, krv_form_t form, uint32_t flags, void *dst, size_t size, size_t *sizep)
+krv_form_t krv_data_form(unsigned int size)
+{
+    switch (size) {
+    case 1:
+        return DW_FORM_data1;
+    case 2:
+        return DW_FORM_data2;
+    case 4:
+        return DW_FORM_data4;
+    case 8:
+        return DW_FORM_data8;
+    default:
+        return 0;
+    }
+}
+
+// How the length of a block is encoded.
+static krv_form_t block_length_form(krv_form_t form)
+{
+    const unsigned int width = krv_form_row(form).width;
+    return width == 0 ? krv_form_t{DW_FORM_udata} : krv_data_form(width);
+}
+
+static int decode_block(krv_fd_t *fdp, krv_form_t form, const krv_encoding_t &encoding, bool is_signed, void *dst,
+                        size_t size, size_t *sizep)
 {
     krv_handle_t *hp = fdp->sfd_hp;
 
     krv_fd_t fd = *fdp;
     uint64_t length = 0;
-    const krv_form_t length_form = form_lookup(form)->length_form;
+    const krv_form_t length_form = block_length_form(form);
     const int result = length_form == DW_FORM_udata
                            ? decode_leb128(&fd, length_form, &length, sizeof(length), nullptr)
-                           : decode_constant(&fd, length_form, flags, &length, sizeof(length), nullptr);
+                           : decode_number(&fd, length_form, encoding, is_signed, &length, sizeof(length), nullptr);
     if (result != 0)
         return krv_note(hp, "Failed to read block size for %s", form_name(form));
     if (length > fd.sfd_remaining)
@@ -271,12 +222,13 @@ static int decode_block(krv_fd_t *fdp, krv_form_t form, uint32_t flags, void *ds
     return 0;
 }
 
-static int decode_strp(krv_fd_t *fdp, uint32_t flags, void *dst, size_t size, size_t *sizep)
+static int decode_strp(krv_fd_t *fdp, const krv_encoding_t &encoding, bool is_signed, void *dst, size_t size,
+                       size_t *sizep)
 {
     krv_handle_t *hp = fdp->sfd_hp;
     krv_fd_t fd = *fdp;
     uint64_t offset = 0;
-    if (decode_constant(&fd, DW_FORM_sec_offset, flags, &offset, sizeof(offset), nullptr) != 0)
+    if (decode_number(&fd, DW_FORM_sec_offset, encoding, is_signed, &offset, sizeof(offset), nullptr) != 0)
         return krv_note(hp, "unable to decode DW_FORM_strp");
     krv_fd_t str = hp->sh_sec[KRV_SEC_STR];
     if (korva_fd_seek(&str, offset, KRV_FD_SEEK_SET) != 0)
@@ -298,13 +250,13 @@ static krv_datum_t string_in_view(krv_view_t view)
     return {view.bytes, size, size};
 }
 
-krv_datum_t krv_string_in_memory(const krv_fd_t *fdp, krv_form_t form, uint32_t flags)
+krv_datum_t krv_string_in_memory(const krv_fd_t *fdp, krv_form_t form, const krv_encoding_t &encoding)
 {
     if (form == DW_FORM_string)
         return string_in_view(krv_fd_view(fdp));
     const krv_fd_t &str = fdp->sfd_hp->sh_sec[KRV_SEC_STR];
     const krv_view_t view = krv_fd_view(fdp);
-    const size_t width = (flags & KRV_FORM_F_DWARF64) != 0 ? 8 : 4;
+    const size_t width = encoding.is_dwarf64 ? 8 : 4;
     if (form != DW_FORM_strp || krv_fd_is_cb(&str) || view.size < width)
         return {};
     uint64_t offset = 0;
@@ -320,8 +272,8 @@ krv_datum_t krv_block_in_memory(const krv_fd_t *fdp, krv_form_t form)
 {
     krv_fd_t fd = *fdp;
     uint64_t length;
-    if (form_lookup(form)->fam != family::block ||
-        !krv_decode_in_memory(&fd, form_lookup(form)->length_form, 0, &length))
+    if (krv_form_row(form).family != krv_family_t::block ||
+        !krv_decode_in_memory(&fd, block_length_form(form), {}, &length))
         return {};
     const krv_view_t view = krv_fd_view(&fd);
     if (length > view.size)
@@ -342,61 +294,78 @@ int krv_decode_indirect(krv_fd_t *fdp, krv_form_t *formp)
     return 0;
 }
 
-static int decode_indirect(krv_fd_t *fdp, uint32_t flags, void *dst, size_t size, size_t *sizep)
+static int decode_indirect(krv_fd_t *fdp, const krv_encoding_t &encoding, bool is_signed, void *dst, size_t size,
+                           size_t *sizep)
 {
     krv_fd_t fd = *fdp;
     krv_form_t form = 0;
-    if (krv_decode_indirect(&fd, &form) != 0 || korva_decode_form(&fd, form, flags, dst, size, sizep) != 0)
+    if (krv_decode_indirect(&fd, &form) != 0 || krv_decode_form(&fd, form, encoding, is_signed, dst, size, sizep) != 0)
         return -1;
     if (dst != nullptr)
         *fdp = fd;
     return 0;
 }
 
-krv_form_t krv_data_form(unsigned int size)
+int krv_decode_form(krv_fd_t *fdp, krv_form_t form, const krv_encoding_t &encoding, bool is_signed, void *dst,
+                    size_t size, size_t *sizep)
 {
-    switch (size) {
-    case 1:
-        return DW_FORM_data1;
-    case 2:
-        return DW_FORM_data2;
-    case 4:
-        return DW_FORM_data4;
-    case 8:
-        return DW_FORM_data8;
-    default:
-        return 0;
+    krv_handle_t *hp = fdp->sfd_hp;
+    krv_clear_error(hp);
+    if (dst != nullptr && sizep != nullptr)
+        return krv_fail_code(hp, KRV_ERR_INVALID);
+    switch (krv_form_row(form).family) {
+    case krv_family_t::number:
+        return decode_number(fdp, form, encoding, is_signed, dst, size, sizep);
+    case krv_family_t::uleb128:
+    case krv_family_t::sleb128:
+        return decode_leb128(fdp, form, dst, size, sizep);
+    case krv_family_t::string:
+        return decode_string(fdp, dst, size, sizep);
+    case krv_family_t::strp:
+        return decode_strp(fdp, encoding, is_signed, dst, size, sizep);
+    case krv_family_t::block:
+        return decode_block(fdp, form, encoding, is_signed, dst, size, sizep);
+    case krv_family_t::indirect:
+        return decode_indirect(fdp, encoding, is_signed, dst, size, sizep);
+    case krv_family_t::present:
+        return 0; // nothing read, nothing stored
+    case krv_family_t::opaque:
+    case krv_family_t::unknown:
+        break;
     }
+    return krv_fail(hp, KRV_ERR_INVALID, "decoder passed invalid form %hhd (%s)", static_cast<signed char>(form),
+                    form_name(form));
 }
 
 int korva_decode_form(krv_fd_t *fdp, krv_form_t form, uint32_t flags, void *dst, size_t size, size_t *sizep)
 {
     if (fdp == nullptr || fdp->sfd_hp == nullptr)
         return -1;
-    krv_handle_t *hp = fdp->sfd_hp;
-    krv_clear_error(hp);
-    if (dst != nullptr && sizep != nullptr)
-        return krv_fail_code(hp, KRV_ERR_INVALID);
-    switch (form_lookup(form)->fam) {
-    case family::constant:
-        return decode_constant(fdp, form, flags, dst, size, sizep);
-    case family::leb128:
-        return decode_leb128(fdp, form, dst, size, sizep);
-    case family::string:
-        return decode_string(fdp, dst, size, sizep);
-    case family::block:
-        return decode_block(fdp, form, flags, dst, size, sizep);
-    case family::strp:
-        return decode_strp(fdp, flags, dst, size, sizep);
-    case family::indirect:
-        return decode_indirect(fdp, flags, dst, size, sizep);
-    case family::flag_present:
-        return 0; // implied by its presence: nothing read, nothing stored
-    case family::refused:
+    return krv_decode_form(fdp, form, krv_encoding(fdp->sfd_hp, flags), (flags & KRV_FORM_F_SIGNED) != 0, dst, size,
+                           sizep);
+}
+
+bool krv_read_unit_length(krv_fd_t *fdp, const krv_length_texts_t &texts, krv_unit_length_t *ul)
+{
+    const auto read = [fdp](size_t width, uint64_t *lengthp) {
+        const krv_encoding_t encoding = {width == 8, 0, 0, nullptr};
+        return krv_decode(fdp, DW_FORM_sec_offset, encoding, lengthp) == 0;
+    };
+    switch (krv_scan_unit_length(fdp->sfd_offset, read, ul)) {
+    case krv_length_outcome_t::sound:
+        return true;
+    case krv_length_outcome_t::cut:
+        krv_note(fdp->sfd_hp, "%s", texts.unread);
+        return false;
+    case krv_length_outcome_t::cut_dwarf64:
+        krv_note(fdp->sfd_hp, "%s", texts.unread_dwarf64);
+        return false;
+    case krv_length_outcome_t::reserved:
         break;
     }
-    return krv_fail(hp, KRV_ERR_INVALID, "decoder passed invalid form %hhd (%s)", static_cast<signed char>(form),
-                    form_name(form));
+    krv_fail(fdp->sfd_hp, KRV_ERR_CORRUPT, "reserved value (0x%x) in %s", static_cast<unsigned int>(ul->length),
+             texts.name);
+    return false;
 }
 
 static size_t encode_leb128(uint8_t *bytes, uint64_t value, bool is_signed)
@@ -418,14 +387,14 @@ int korva_encode_form(krv_fd_t *fdp, krv_form_t form, uint32_t flags, uint64_t v
         return -1;
     krv_handle_t *hp = fdp->sfd_hp;
     krv_clear_error(hp);
-    const form_row *row = form_lookup(form);
+    const krv_form_row_t row = krv_form_row(form);
     uint8_t bytes[LEB128_MAX_BYTES];
     size_t count;
-    if (row->fam == family::constant) {
-        count = constant_width(hp, row, flags);
+    if (row.family == krv_family_t::number) {
+        count = krv_form_width(row, krv_encoding(hp, flags));
         std::memcpy(bytes, &value, sizeof(value));
-    } else if (row->fam == family::leb128) {
-        count = encode_leb128(bytes, value, row->is_signed);
+    } else if (row.family == krv_family_t::uleb128 || row.family == krv_family_t::sleb128) {
+        count = encode_leb128(bytes, value, row.family == krv_family_t::sleb128);
     } else {
         return krv_fail(hp, KRV_ERR_INVALID, "encoder passed invalid form %hhd (%s)", static_cast<signed char>(form),
                         form_name(form));

@@ -1,15 +1,18 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Decoding and encoding of attribute forms. Readers go through korva_decode_form as clients do (it clears the error
-// state, which is what makes messages speak of the failing step), but for numbers whose bytes are in memory: these are
-// decoded here, with the same outcome. krv_read_field puts one field into one line.
+// Decoding and encoding of attribute forms, and of the length field that headers begin with. Readers go through
+// krv_decode_form as clients go through korva_decode_form (both clear the error state, which is what makes messages
+// speak of the failing step), but for numbers whose bytes are in memory: these are decoded here, with the same outcome.
+// krv_read_field puts one field into one line.
 #ifndef KRV_CODE_H
 #define KRV_CODE_H
 
 #include "krv_dwarf.h"
 #include "krv_error.h"
 #include "krv_fd.h"
+#include "krv_form.h"
 #include "krv_types.h"
+#include "krv_unit_length.h"
 
 #include <array>
 #include <cstring>
@@ -40,32 +43,37 @@ inline const uint8_t *krv_scan_short_uleb128(const uint8_t *at, const uint8_t *e
     return at + 1;
 }
 
-// Bytes of the numbers of each form that always have as many; 0 of the other forms.
-constexpr uint8_t KRV_WIDTH_OF_OFFSET = 0xfe, KRV_WIDTH_OF_ADDRESS = 0xff; // as many as the format or the target has
+// The encoding of what belongs to no unit. Flags are those of korva_decode_form.
+inline krv_encoding_t krv_encoding(const krv_handle_t *hp, uint32_t flags = 0)
+{
+    return {(flags & KRV_FORM_F_DWARF64) != 0, static_cast<uint8_t>(hp->sh_target_size), 0, nullptr};
+}
+
+// As korva_decode_form, in an encoding and not by flags. `is_signed`: extend a number of fixed width by its sign.
+int krv_decode_form(krv_fd_t *fdp, krv_form_t form, const krv_encoding_t &encoding, bool is_signed, void *dst,
+                    size_t size, size_t *sizep);
+
+// Widths of the numbers of each form that always have the same; 0 of the other forms.
 constexpr auto krv_number_widths = [] {
-    std::array<uint8_t, DW_FORM_ref_sig8 + 1> widths{};
-    widths[DW_FORM_data1] = widths[DW_FORM_flag] = widths[DW_FORM_ref1] = 1;
-    widths[DW_FORM_data2] = widths[DW_FORM_ref2] = 2;
-    widths[DW_FORM_data4] = widths[DW_FORM_ref4] = 4;
-    widths[DW_FORM_data8] = widths[DW_FORM_ref8] = widths[DW_FORM_ref_sig8] = 8;
-    widths[DW_FORM_addr] = KRV_WIDTH_OF_ADDRESS;
-    widths[DW_FORM_sec_offset] = KRV_WIDTH_OF_OFFSET;
+    std::array<uint8_t, krv_form_table.size()> widths{};
+    for (size_t form = 0; form < widths.size(); ++form)
+        widths[form] = krv_form_table[form].family == krv_family_t::number ? krv_form_table[form].width : 0;
     return widths;
 }();
 
-inline size_t krv_number_width(const krv_handle_t *hp, krv_form_t form, uint32_t flags)
+inline size_t krv_number_width(krv_form_t form, const krv_encoding_t &encoding)
 {
     const size_t width = form < krv_number_widths.size() ? krv_number_widths[form] : 0;
     if (width <= sizeof(uint64_t))
         return width;
-    const bool is_long = width == KRV_WIDTH_OF_ADDRESS ? hp->sh_target_size != 4 : (flags & KRV_FORM_F_DWARF64) != 0;
+    const bool is_long = width == KRV_WIDTH_ADDRESS ? encoding.address_size != 4 : encoding.is_dwarf64;
     return is_long ? 8 : 4;
 }
 
 // The common case of a decode: a number whose bytes are in memory and whose storage fits. False: not that case, and
-// nothing has changed.
+// nothing has changed. Its twin is krv_decode_form.
 template <typename T>
-inline bool krv_decode_in_memory(krv_fd_t *fdp, krv_form_t form, uint32_t flags, T *field)
+inline bool krv_decode_in_memory(krv_fd_t *fdp, krv_form_t form, const krv_encoding_t &encoding, T *field)
 {
     const krv_view_t view = krv_fd_view(fdp);
     size_t width;
@@ -92,12 +100,12 @@ inline bool krv_decode_in_memory(krv_fd_t *fdp, krv_form_t form, uint32_t flags,
         krv_fd_advance(fdp, width);
         return true;
     }
-    width = krv_number_width(fdp->sfd_hp, form, flags);
+    width = krv_number_width(form, encoding);
     if (width == 0 || width > view.size || width > sizeof(T))
         return false;
     uint64_t value = 0;
     std::memcpy(&value, view.bytes, width);
-    if ((flags & KRV_FORM_F_SIGNED) != 0) {
+    if constexpr (std::is_signed_v<T>) {
         const unsigned int unused = 64 - 8 * static_cast<unsigned int>(width);
         value = static_cast<uint64_t>(static_cast<int64_t>(value << unused) >> unused);
     }
@@ -106,12 +114,12 @@ inline bool krv_decode_in_memory(krv_fd_t *fdp, krv_form_t form, uint32_t flags,
     return true;
 }
 
-// As korva_decode_form, of a number into a field as wide as the field is.
+// As krv_decode_form, of a number into a field as wide as the field is, extended by its sign where the field has one.
 template <typename T>
-inline int krv_decode(krv_fd_t *fdp, krv_form_t form, uint32_t flags, T *field)
+inline int krv_decode(krv_fd_t *fdp, krv_form_t form, const krv_encoding_t &encoding, T *field)
 {
-    if (!krv_decode_in_memory(fdp, form, flags, field))
-        return korva_decode_form(fdp, form, flags, field, sizeof(T), nullptr);
+    if (!krv_decode_in_memory(fdp, form, encoding, field))
+        return krv_decode_form(fdp, form, encoding, std::is_signed_v<T>, field, sizeof(T), nullptr);
     krv_clear_error(fdp->sfd_hp);
     return 0;
 }
@@ -123,15 +131,15 @@ struct krv_datum_t {
     uint64_t size;
     uint64_t encoded;
 };
-krv_datum_t krv_string_in_memory(const krv_fd_t *fdp, krv_form_t form, uint32_t flags);
+krv_datum_t krv_string_in_memory(const krv_fd_t *fdp, krv_form_t form, const krv_encoding_t &encoding);
 krv_datum_t krv_block_in_memory(const krv_fd_t *fdp, krv_form_t form);
 
-// As korva_decode_form, of a string into an array of characters.
-inline int krv_decode_text(krv_fd_t *fdp, krv_form_t form, uint32_t flags, void *text, size_t size)
+// As krv_decode_form, of a string into an array of characters.
+inline int krv_decode_text(krv_fd_t *fdp, krv_form_t form, const krv_encoding_t &encoding, void *text, size_t size)
 {
-    const krv_datum_t datum = krv_string_in_memory(fdp, form, flags);
+    const krv_datum_t datum = krv_string_in_memory(fdp, form, encoding);
     if (datum.bytes == nullptr || datum.size > size)
-        return korva_decode_form(fdp, form, flags, text, size, nullptr);
+        return krv_decode_form(fdp, form, encoding, false, text, size, nullptr);
     std::memcpy(text, datum.bytes, datum.size);
     krv_fd_advance(fdp, datum.encoded);
     krv_clear_error(fdp->sfd_hp);
@@ -140,17 +148,42 @@ inline int krv_decode_text(krv_fd_t *fdp, krv_form_t form, uint32_t flags, void 
 
 // Reads one field of `form` into *field, as wide as the field; else pushes `message` behind the decoder's own.
 template <typename T>
-bool krv_read_field(krv_fd_t *fdp, krv_form_t form, uint32_t flags, T *field, const char *message)
+bool krv_read_field(krv_fd_t *fdp, krv_form_t form, const krv_encoding_t &encoding, T *field, const char *message)
 {
     if constexpr (std::is_integral_v<T>) {
-        if (krv_decode(fdp, form, flags, field) == 0)
+        if (krv_decode(fdp, form, encoding, field) == 0)
             return true;
-    } else if (krv_decode_text(fdp, form, flags, field, sizeof(T)) == 0) {
+    } else if (krv_decode_text(fdp, form, encoding, field, sizeof(T)) == 0) {
         return true;
     }
     krv_note(fdp->sfd_hp, "%s", message);
     return false;
 }
+
+// The same of what belongs to no unit, in the 32-bit format.
+template <typename T>
+inline int krv_decode(krv_fd_t *fdp, krv_form_t form, T *field)
+{
+    return krv_decode(fdp, form, krv_encoding(fdp->sfd_hp), field);
+}
+
+template <typename T>
+inline bool krv_read_field(krv_fd_t *fdp, krv_form_t form, T *field, const char *message)
+{
+    return krv_read_field(fdp, form, krv_encoding(fdp->sfd_hp), field, message);
+}
+
+// What messages say of a length field.
+struct krv_length_texts_t {
+    const char *unread;         // its first 4 bytes cannot be read
+    const char *unread_dwarf64; // the 8 bytes behind them
+    const char *name;           // of the 4 bytes, where they hold a reserved value
+};
+constexpr krv_length_texts_t KRV_UNIT_LENGTH_TEXTS = {"failed to read 4-byte unit_length",
+                                                      "failed to read 8-byte unit_length", "4-byte unit_length"};
+
+// Reads the length field at the cursor. False: messages pushed.
+bool krv_read_unit_length(krv_fd_t *fdp, const krv_length_texts_t &texts, krv_unit_length_t *ul);
 
 // The form of a fixed-size unsigned datum of `size` bytes; 0 for a size without one.
 krv_form_t krv_data_form(unsigned int size);

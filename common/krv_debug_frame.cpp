@@ -24,7 +24,7 @@ namespace
 struct record {
     const char *kind; // "CIE" or "FDE", for messages
     krv_fd_t fd;
-    uint32_t flags;     // KRV_FORM_F_DWARF64 or 0
+    krv_encoding_t encoding;
     uint64_t length;    // bytes after the length field
     uint64_t full_size; // with the length field
 };
@@ -33,21 +33,15 @@ struct record {
 
 static bool read_length(krv_handle_t *hp, record *r)
 {
-    if (!krv_read_field(&r->fd, DW_FORM_sec_offset, 0, &r->length, "failed to read 4-byte unit_length"))
+    static constexpr krv_length_texts_t TEXTS = {"failed to read 4-byte unit_length", "failed to read 8-byte length",
+                                                 "4-byte length"};
+    krv_unit_length_t ul;
+    if (!krv_read_unit_length(&r->fd, TEXTS, &ul))
         return false;
-    if (r->length == KRV_LENGTH_DWARF64) {
-        r->flags = KRV_FORM_F_DWARF64;
-        return krv_read_field(&r->fd, DW_FORM_sec_offset, r->flags, &r->length, "failed to read 8-byte length");
-    }
-    if (r->length < KRV_LENGTH_RESERVED)
-        return true;
-    krv_fail(hp, KRV_ERR_CORRUPT, "reserved value (0x%x) in 4-byte length", static_cast<unsigned int>(r->length));
-    return false;
-}
-
-static bool is_dwarf64(const record *r)
-{
-    return (r->flags & KRV_FORM_F_DWARF64) != 0;
+    r->encoding = krv_encoding(hp, ul.is_dwarf64 ? KRV_FORM_F_DWARF64 : 0);
+    r->length = ul.length;
+    r->full_size = ul.size();
+    return true;
 }
 
 // Places the cursor behind the length field and limits it to the record. A length that the section does not have is
@@ -61,7 +55,6 @@ static bool enter_record(krv_handle_t *hp, record *r, uint64_t offset)
     }
     if (!read_length(hp, r))
         return false;
-    r->full_size = r->length + (is_dwarf64(r) ? 12 : 4);
     if (r->full_size % hp->sh_target_size != 0) {
         krv_fail(hp, KRV_ERR_CORRUPT, "Total %s length (%lu) is not a multiple of target size (%u)", r->kind,
                  static_cast<unsigned long>(r->full_size), hp->sh_target_size);
@@ -72,9 +65,9 @@ static bool enter_record(krv_handle_t *hp, record *r, uint64_t offset)
 
 static bool read_version(krv_handle_t *hp, record *r, krv_cie_t *ciep)
 {
-    if (!krv_read_field(&r->fd, DW_FORM_data1, 0, &ciep->scie_version, "failed to read version"))
+    if (!krv_read_field(&r->fd, DW_FORM_data1, &ciep->scie_version, "failed to read version"))
         return false;
-    if (ciep->scie_version == 1 && is_dwarf64(r)) {
+    if (ciep->scie_version == 1 && r->encoding.is_dwarf64) {
         krv_fail(hp, KRV_ERR_CORRUPT, "64-bit length in version 1 CIE");
         return false;
     }
@@ -86,7 +79,7 @@ static bool read_version(krv_handle_t *hp, record *r, krv_cie_t *ciep)
 
 static bool read_augmentation(krv_handle_t *hp, record *r, krv_cie_t *ciep)
 {
-    if (!krv_read_field(&r->fd, DW_FORM_string, 0, &ciep->scie_augmentation_string, "failed to read augmentation"))
+    if (!krv_read_field(&r->fd, DW_FORM_string, &ciep->scie_augmentation_string, "failed to read augmentation"))
         return false;
     if (ciep->scie_augmentation_string[0] != '\0') {
         krv_fail(hp, KRV_ERR_UNSUPPORTED, "augmentation found in CIE");
@@ -101,8 +94,8 @@ static bool read_sizes(krv_handle_t *hp, record *r, krv_cie_t *ciep)
 {
     if (ciep->scie_version != 4)
         return true;
-    if (!krv_read_field(&r->fd, DW_FORM_data1, 0, &ciep->scie_address_size, "failed to read address_size") ||
-        !krv_read_field(&r->fd, DW_FORM_data1, 0, &ciep->scie_segment_size, "failed to read segment_size"))
+    if (!krv_read_field(&r->fd, DW_FORM_data1, &ciep->scie_address_size, "failed to read address_size") ||
+        !krv_read_field(&r->fd, DW_FORM_data1, &ciep->scie_segment_size, "failed to read segment_size"))
         return false;
     if (ciep->scie_segment_size == 0)
         return true;
@@ -119,9 +112,10 @@ static bool read_cie(krv_handle_t *hp, krv_cie_t *ciep, uint64_t offset)
         return false;
     ciep->scie_length = r.length;
     ciep->scie_section_length = r.full_size;
-    const uint32_t id_flags = r.flags | KRV_FORM_F_SIGNED; // all ones in either format
-    if (!krv_read_field(&r.fd, DW_FORM_sec_offset, id_flags, &ciep->scie_id, "failed to read CIE_id"))
+    int64_t id = 0; // extended by its sign: all ones in either format
+    if (!krv_read_field(&r.fd, DW_FORM_sec_offset, r.encoding, &id, "failed to read CIE_id"))
         return false;
+    ciep->scie_id = static_cast<uint64_t>(id);
     if (ciep->scie_id != UINT64_MAX) {
         krv_fail(hp, KRV_ERR_CORRUPT, "illegal CIE_id (0x%lx)", static_cast<unsigned long>(ciep->scie_id));
         return false;
@@ -129,11 +123,9 @@ static bool read_cie(krv_handle_t *hp, krv_cie_t *ciep, uint64_t offset)
     if (!read_version(hp, &r, ciep) || !read_augmentation(hp, &r, ciep) || !read_sizes(hp, &r, ciep))
         return false;
     const krv_form_t register_form = ciep->scie_version == 1 ? DW_FORM_data1 : DW_FORM_udata;
-    if (!krv_read_field(&r.fd, DW_FORM_udata, 0, &ciep->scie_code_alignment_factor,
-                        "failed to read Code Align Factor") ||
-        !krv_read_field(&r.fd, DW_FORM_sdata, 0, &ciep->scie_data_alignment_factor,
-                        "failed to read Data Align Factor") ||
-        !krv_read_field(&r.fd, register_form, 0, &ciep->scie_return_address_register, "failed to read Ret Address Reg"))
+    if (!krv_read_field(&r.fd, DW_FORM_udata, &ciep->scie_code_alignment_factor, "failed to read Code Align Factor") ||
+        !krv_read_field(&r.fd, DW_FORM_sdata, &ciep->scie_data_alignment_factor, "failed to read Data Align Factor") ||
+        !krv_read_field(&r.fd, register_form, &ciep->scie_return_address_register, "failed to read Ret Address Reg"))
         return false;
     ciep->scie_cfi_offset = r.fd.sfd_offset;
     ciep->scie_cfi_size = r.fd.sfd_remaining;
@@ -172,20 +164,20 @@ static bool read_fde(krv_handle_t *hp, krv_fde_t *fdep, uint64_t offset)
         return false;
     fdep->sfde_length = r.length;
     fdep->sfde_section_length = r.full_size;
-    if (!krv_read_field(&r.fd, DW_FORM_sec_offset, r.flags, &fdep->sfde_pointer, "failed to read CIE pointer"))
+    if (!krv_read_field(&r.fd, DW_FORM_sec_offset, r.encoding, &fdep->sfde_pointer, "failed to read CIE pointer"))
         return false;
     fdep->sfde_cie = krv_get_cie_by_offset(hp, fdep->sfde_pointer);
     if (fdep->sfde_cie == nullptr) {
         krv_note(hp, "couldn't get parent CIE");
         return false;
     }
-    if (fdep->sfde_cie->scie_version == 1 && is_dwarf64(&r)) {
+    if (fdep->sfde_cie->scie_version == 1 && r.encoding.is_dwarf64) {
         krv_fail(hp, KRV_ERR_CORRUPT, "64-bit length in version 1 FDE");
         return false;
     }
     const krv_form_t form = address_form(hp, fdep->sfde_cie);
-    if (form == 0 || !krv_read_field(&r.fd, form, 0, &fdep->sfde_target_address, "failed to read target address") ||
-        !krv_read_field(&r.fd, form, 0, &fdep->sfde_address_range, "failed to read address_range"))
+    if (form == 0 || !krv_read_field(&r.fd, form, &fdep->sfde_target_address, "failed to read target address") ||
+        !krv_read_field(&r.fd, form, &fdep->sfde_address_range, "failed to read address_range"))
         return false;
     fdep->sfde_cfi_offset = r.fd.sfd_offset;
     fdep->sfde_cfi_size = r.fd.sfd_remaining;

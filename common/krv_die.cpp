@@ -12,11 +12,6 @@
 
 using die_owner = std::unique_ptr<krv_die_t, krv_die_deleter>;
 
-static uint32_t form_flags(const krv_ctu_t *cu)
-{
-    return (cu->dcu_flags & KRV_CU_FLAG_DWARF64) != 0 ? KRV_FORM_F_DWARF64 : 0;
-}
-
 // ---------------------------------------------------------------------------------------------------------------
 // Values
 // ---------------------------------------------------------------------------------------------------------------
@@ -44,12 +39,12 @@ static krv_fd_t *alloc_block(krv_handle_t *hp, uint64_t length)
     return block;
 }
 
-static bool read_block(krv_fd_t *fdp, uint32_t flags, krv_value_t *value)
+static bool read_block(krv_fd_t *fdp, const krv_encoding_t &encoding, krv_value_t *value)
 {
     krv_handle_t *hp = fdp->sfd_hp;
     const krv_datum_t datum = krv_block_in_memory(fdp, value->sa_actual);
     size_t length = datum.size;
-    if (datum.bytes == nullptr && korva_decode_form(fdp, value->sa_actual, flags, nullptr, 0, &length) != 0)
+    if (datum.bytes == nullptr && krv_decode_form(fdp, value->sa_actual, encoding, false, nullptr, 0, &length) != 0)
         return false;
     krv_owner<krv_fd_t> block(alloc_block(hp, length));
     if (block == nullptr)
@@ -58,19 +53,19 @@ static bool read_block(krv_fd_t *fdp, uint32_t flags, krv_value_t *value)
         krv_clear_error(hp);
         std::memcpy(block.get() + 1, datum.bytes, length);
         krv_fd_advance(fdp, datum.encoded);
-    } else if (korva_decode_form(fdp, value->sa_actual, flags, block.get(), length, nullptr) != 0) {
+    } else if (krv_decode_form(fdp, value->sa_actual, encoding, false, block.get(), length, nullptr) != 0) {
         return false;
     }
     value->sa_u.su_addr = block.release();
     return true;
 }
 
-static bool read_string(krv_fd_t *fdp, uint32_t flags, krv_value_t *value)
+static bool read_string(krv_fd_t *fdp, const krv_encoding_t &encoding, krv_value_t *value)
 {
     krv_handle_t *hp = fdp->sfd_hp;
-    const krv_datum_t datum = krv_string_in_memory(fdp, value->sa_actual, flags);
+    const krv_datum_t datum = krv_string_in_memory(fdp, value->sa_actual, encoding);
     size_t size = datum.size;
-    if (datum.bytes == nullptr && korva_decode_form(fdp, value->sa_actual, flags, nullptr, 0, &size) != 0)
+    if (datum.bytes == nullptr && krv_decode_form(fdp, value->sa_actual, encoding, false, nullptr, 0, &size) != 0)
         return false;
     krv_owner<char> copy(static_cast<char *>(krv_alloc(hp, size)));
     if (copy == nullptr)
@@ -79,7 +74,7 @@ static bool read_string(krv_fd_t *fdp, uint32_t flags, krv_value_t *value)
         krv_clear_error(hp);
         std::memcpy(copy.get(), datum.bytes, size);
         krv_fd_advance(fdp, datum.encoded);
-    } else if (korva_decode_form(fdp, value->sa_actual, flags, copy.get(), size, nullptr) != 0) {
+    } else if (krv_decode_form(fdp, value->sa_actual, encoding, false, copy.get(), size, nullptr) != 0) {
         return false;
     }
     value->sa_u.su_addr = copy.release();
@@ -87,7 +82,7 @@ static bool read_string(krv_fd_t *fdp, uint32_t flags, krv_value_t *value)
 }
 
 // Reads one value, stored by the form that the data really have: DW_FORM_indirect may lead to a string or a block.
-static bool read_value(krv_fd_t *fdp, uint32_t flags, krv_form_t form, krv_value_t *value)
+static bool read_value(krv_fd_t *fdp, const krv_encoding_t &encoding, krv_form_t form, krv_value_t *value)
 {
     krv_form_t actual = form;
     if (form == DW_FORM_indirect && krv_decode_indirect(fdp, &actual) != 0)
@@ -95,11 +90,11 @@ static bool read_value(krv_fd_t *fdp, uint32_t flags, krv_form_t form, krv_value
     value->sa_form = form;
     value->sa_actual = actual;
     if (is_block(actual))
-        return read_block(fdp, flags, value);
+        return read_block(fdp, encoding, value);
     if (is_string(actual))
-        return read_string(fdp, flags, value);
+        return read_string(fdp, encoding, value);
     value->sa_u.su_unsigned = actual == DW_FORM_flag_present ? 1 : 0;
-    return krv_decode(fdp, actual, flags, &value->sa_u.su_unsigned) == 0;
+    return krv_decode(fdp, actual, encoding, &value->sa_u.su_unsigned) == 0;
 }
 
 // Frees a value that was read by itself.
@@ -142,13 +137,13 @@ static krv_die_t *alloc_record(krv_handle_t *hp, krv_abbrev_t *abbrev)
     return die;
 }
 
-static bool read_values(krv_fd_t *fdp, uint32_t flags, krv_die_t *die)
+static bool read_values(krv_fd_t *fdp, const krv_encoding_t &encoding, krv_die_t *die)
 {
     const krv_abbrev_t *abbrev = die->dwdie_abbrev_cache;
     for (uint32_t i = 0; i < abbrev->dwa_nafpairs; ++i) {
         const krv_afpair_t pair = abbrev->dwa_afpairs[i];
         krv_value_t value = {};
-        if (!read_value(fdp, flags, pair.dwafp_form, &value)) {
+        if (!read_value(fdp, encoding, pair.dwafp_form, &value)) {
             if (fdp->sfd_hp->sh_errno != KRV_ERR_NOMEM)
                 krv_note(fdp->sfd_hp, "failed to read DIE's datum %d (%s attribute encoded as %s form)",
                          static_cast<int>(i), krv_name_or_unknown(KRV_DEF_AT, pair.dwafp_attribute),
@@ -188,17 +183,18 @@ static uint64_t datum_room(uint64_t size, bool block)
 }
 
 // Finds one value in memory and steps over it.
-static bool find_value(krv_fd_t *fdp, uint32_t flags, krv_form_t form, uint32_t index, found_data *found)
+static bool find_value(krv_fd_t *fdp, const krv_encoding_t &encoding, krv_form_t form, uint32_t index,
+                       found_data *found)
 {
     krv_value_t *value = &found->values[index];
     value->sa_form = value->sa_actual = form;
-    if (krv_decode_in_memory(fdp, form, flags, &value->sa_u.su_unsigned))
+    if (krv_decode_in_memory(fdp, form, encoding, &value->sa_u.su_unsigned))
         return true;
     if (form == DW_FORM_flag_present) {
         value->sa_u.su_unsigned = 1;
         return true;
     }
-    krv_datum_t datum = krv_string_in_memory(fdp, form, flags);
+    krv_datum_t datum = krv_string_in_memory(fdp, form, encoding);
     const bool block = datum.bytes == nullptr;
     if (block)
         datum = krv_block_in_memory(fdp, form);
@@ -212,13 +208,14 @@ static bool find_value(krv_fd_t *fdp, uint32_t flags, krv_form_t form, uint32_t 
 
 // Finds all values of an entry that the cursor stands before. Numbers of a fixed width, as most are, differ in nothing
 // but that width.
-static bool find_values(const krv_fd_t *fdp, uint32_t flags, const krv_abbrev_t *abbrev, found_data *found)
+static bool find_values(const krv_fd_t *fdp, const krv_encoding_t &encoding, const krv_abbrev_t *abbrev,
+                        found_data *found)
 {
     const krv_view_t view = krv_fd_view(fdp);
     uint64_t done = 0;
     for (uint32_t i = 0; i < abbrev->dwa_nafpairs; ++i) {
         const krv_form_t form = abbrev->dwa_afpairs[i].dwafp_form;
-        const size_t width = krv_number_width(fdp->sfd_hp, form, flags);
+        const size_t width = krv_number_width(form, encoding);
         if (width != 0 && view.size >= sizeof(uint64_t) && done <= view.size - sizeof(uint64_t)) {
             krv_value_t *value = &found->values[i];
             uint64_t word;
@@ -230,7 +227,7 @@ static bool find_values(const krv_fd_t *fdp, uint32_t flags, const krv_abbrev_t 
         }
         krv_fd_t fd = *fdp;
         krv_fd_advance(&fd, done);
-        if (!find_value(&fd, flags, form, i, found))
+        if (!find_value(&fd, encoding, form, i, found))
             return false;
         done = fd.sfd_offset - fdp->sfd_offset;
     }
@@ -253,13 +250,13 @@ static void copy_data(krv_handle_t *hp, found_data *found, uint8_t *to)
 
 // The common case: all values are in memory, and the record takes one allocation. NULL: not that case, or no memory for
 // it; nothing has changed.
-static krv_die_t *read_whole(krv_handle_t *hp, krv_fd_t *fdp, uint32_t flags, krv_abbrev_t *abbrev)
+static krv_die_t *read_whole(krv_handle_t *hp, krv_fd_t *fdp, const krv_encoding_t &encoding, krv_abbrev_t *abbrev)
 {
     const uint32_t count = abbrev->dwa_nafpairs;
     if (count > found_data::MOST)
         return nullptr;
     found_data found;
-    if (!find_values(fdp, flags, abbrev, &found))
+    if (!find_values(fdp, encoding, abbrev, &found))
         return nullptr;
     const size_t values_size = (count == 0 ? 1 : count) * sizeof(krv_value_t);
     const uint64_t size = krv_add_offset(found.room, offsetof(krv_die_t, dwdie_attrs) + values_size);
@@ -292,10 +289,11 @@ static krv_abbrev_t *find_abbrev(krv_handle_t *hp, krv_au_t *au, uint64_t code)
 // Reads the entry whose code the cursor stands behind. NULL: messages pushed.
 static krv_die_t *read_die(krv_handle_t *hp, krv_fd_t *fdp, krv_ctu_t *cu, krv_abbrev_t *abbrev)
 {
-    if (krv_die_t *whole = read_whole(hp, fdp, form_flags(cu), abbrev))
+    const krv_encoding_t encoding = krv_cu_encoding(hp, cu);
+    if (krv_die_t *whole = read_whole(hp, fdp, encoding, abbrev))
         return whole;
     die_owner die(alloc_record(hp, abbrev));
-    return die != nullptr && read_values(fdp, form_flags(cu), die.get()) ? die.release() : nullptr;
+    return die != nullptr && read_values(fdp, encoding, die.get()) ? die.release() : nullptr;
 }
 
 [[gnu::always_inline]] static inline krv_die_t *alloc_die(krv_handle_t *hp, krv_ctu_t *cu, krv_offset_t offset,
@@ -307,7 +305,7 @@ static krv_die_t *read_die(krv_handle_t *hp, krv_fd_t *fdp, krv_ctu_t *cu, krv_a
     krv_die_t *die = nullptr;
     uint64_t code = 0;
     if (krv_fd_seek(fdp, section_offset) == 0 &&
-        krv_read_field(fdp, DW_FORM_udata, form_flags(cu), &code, "failed to read DIE's abbreviation code")) {
+        krv_read_field(fdp, DW_FORM_udata, &code, "failed to read DIE's abbreviation code")) {
         if (code == 0) {
             hp->sh_errno = KRV_ERR_NOTFOUND;
             return nullptr;

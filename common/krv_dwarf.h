@@ -1,10 +1,13 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // The DWARF 4 constants, each class one list of (name, value) in ascending order of value: the enumerators here and
-// the printable names of krv_names.cpp are both made from it, so a name cannot drift from its number. Additions to
-// the standard's own names are the ZEPH, GNU and VESK ones. Not for clients: a dwarf.h of their own would clash.
+// the printable names of krv_names.cpp are both made from it, so a name cannot drift from its number. The list of the
+// forms, which says more of them, is in krv_form.h. Additions to the standard's own names are the ZEPH, GNU and VESK
+// ones. Not for clients: a dwarf.h of their own would clash.
 #ifndef KRV_DWARF_H
 #define KRV_DWARF_H
+
+#include "krv_form.h"
 
 // clang-format off
 
@@ -187,34 +190,6 @@
     X(DW_EH_PE_textrel, 0x20) \
     X(DW_EH_PE_datarel, 0x30) \
     X(DW_EH_PE_omit, 0xff)
-
-// DWARF 4, 7.5.4, figure 21
-#define KRV_DW_FORM(X) \
-    X(DW_FORM_addr, 0x01) \
-    X(DW_FORM_block2, 0x03) \
-    X(DW_FORM_block4, 0x04) \
-    X(DW_FORM_data2, 0x05) \
-    X(DW_FORM_data4, 0x06) \
-    X(DW_FORM_data8, 0x07) \
-    X(DW_FORM_string, 0x08) \
-    X(DW_FORM_block, 0x09) \
-    X(DW_FORM_block1, 0x0a) \
-    X(DW_FORM_data1, 0x0b) \
-    X(DW_FORM_flag, 0x0c) \
-    X(DW_FORM_sdata, 0x0d) \
-    X(DW_FORM_strp, 0x0e) \
-    X(DW_FORM_udata, 0x0f) \
-    X(DW_FORM_ref_addr, 0x10) \
-    X(DW_FORM_ref1, 0x11) \
-    X(DW_FORM_ref2, 0x12) \
-    X(DW_FORM_ref4, 0x13) \
-    X(DW_FORM_ref8, 0x14) \
-    X(DW_FORM_ref_udata, 0x15) \
-    X(DW_FORM_indirect, 0x16) \
-    X(DW_FORM_sec_offset, 0x17) \
-    X(DW_FORM_exprloc, 0x18) \
-    X(DW_FORM_flag_present, 0x19) \
-    X(DW_FORM_ref_sig8, 0x20)
 
 // DWARF 4, 7.16
 #define KRV_DW_INL(X) \
@@ -509,7 +484,6 @@ enum : unsigned { KRV_DW_CC(KRV_ENUMERATOR) };
 enum : unsigned { KRV_DW_CFA(KRV_ENUMERATOR) };
 enum : unsigned { KRV_DW_CHILDREN(KRV_ENUMERATOR) };
 enum : unsigned { KRV_DW_EH(KRV_ENUMERATOR) };
-enum : unsigned { KRV_DW_FORM(KRV_ENUMERATOR) };
 enum : unsigned { KRV_DW_INL(KRV_ENUMERATOR) };
 enum : unsigned { KRV_DW_LANG(KRV_ENUMERATOR) };
 enum : unsigned { KRV_DW_LNE(KRV_ENUMERATOR) };
@@ -522,10 +496,6 @@ enum : unsigned { KRV_DW_VIS(KRV_ENUMERATOR) };
 
 // Without printable names: extensions that the core does not read but the loader meets, and the parts of an encoding.
 enum : unsigned {
-    DW_FORM_GNU_addr_index = 0x1f01,
-    DW_FORM_GNU_str_index = 0x1f02,
-    DW_FORM_GNU_ref_alt = 0x1f20,
-    DW_FORM_GNU_strp_alt = 0x1f21,
     DW_CFA_GNU_args_size = 0x2e,
     DW_CFA_primary = 0xc0,   // mask: the opcodes with an operand in their own byte
     DW_EH_PE_format = 0x0f,  // mask: how a pointer is read

@@ -22,7 +22,7 @@ constexpr uint64_t EH_LENGTH_SIZE = 4;   // bytes of a record's length field; th
 
 struct eh_format {
     krv_form_t form; // 0 for a format that does not exist
-    uint32_t flags;
+    bool is_signed;
 };
 
 // A CIE of this reader, with the room for its augmentation data.
@@ -44,22 +44,22 @@ struct krv_eh_fde {
 };
 
 static constexpr eh_format eh_formats[EH_FORMAT + 1] = {
-    {DW_FORM_addr, 0},                  // DW_EH_PE_absptr
-    {DW_FORM_udata, 0},                 // DW_EH_PE_uleb128
-    {DW_FORM_data2, 0},                 // DW_EH_PE_udata2
-    {DW_FORM_data4, 0},                 // DW_EH_PE_udata4
-    {DW_FORM_data8, 0},                 // DW_EH_PE_udata8
-    {0, 0},                             // 0x05
-    {0, 0},                             // 0x06
-    {0, 0},                             // 0x07
-    {0, 0},                             // 0x08
-    {DW_FORM_sdata, 0},                 // DW_EH_PE_sleb128
-    {DW_FORM_data2, KRV_FORM_F_SIGNED}, // DW_EH_PE_sdata2
-    {DW_FORM_data4, KRV_FORM_F_SIGNED}, // DW_EH_PE_sdata4
-    {DW_FORM_data8, KRV_FORM_F_SIGNED}, // DW_EH_PE_sdata8
-    {0, 0},                             // 0x0d
-    {0, 0},                             // 0x0e
-    {0, 0},                             // that of DW_EH_PE_omit
+    {DW_FORM_addr, false},  // DW_EH_PE_absptr
+    {DW_FORM_udata, false}, // DW_EH_PE_uleb128
+    {DW_FORM_data2, false}, // DW_EH_PE_udata2
+    {DW_FORM_data4, false}, // DW_EH_PE_udata4
+    {DW_FORM_data8, false}, // DW_EH_PE_udata8
+    {0, false},             // 0x05
+    {0, false},             // 0x06
+    {0, false},             // 0x07
+    {0, false},             // 0x08
+    {DW_FORM_sdata, false}, // DW_EH_PE_sleb128
+    {DW_FORM_data2, true},  // DW_EH_PE_sdata2
+    {DW_FORM_data4, true},  // DW_EH_PE_sdata4
+    {DW_FORM_data8, true},  // DW_EH_PE_sdata8
+    {0, false},             // 0x0d
+    {0, false},             // 0x0e
+    {0, false},             // that of DW_EH_PE_omit
 };
 static_assert(eh_formats[DW_EH_PE_udata8].form == DW_FORM_data8 && eh_formats[DW_EH_PE_sleb128].form == DW_FORM_sdata);
 
@@ -110,6 +110,17 @@ static inline bool load_pointer(krv_fd_t *fdp, uint8_t format, uint64_t *valuep)
     }
 }
 
+static inline bool read_pointer_format(krv_fd_t *fdp, const eh_format *format, uint64_t *valuep)
+{
+    constexpr const char *MESSAGE = "korva_decode_form() failed";
+    if (!format->is_signed)
+        return krv_read_field(fdp, format->form, valuep, MESSAGE);
+    int64_t value = 0;
+    const bool read = krv_read_field(fdp, format->form, &value, MESSAGE);
+    *valuep = static_cast<uint64_t>(value);
+    return read;
+}
+
 static inline int decode_pointer(krv_fd_t *fdp, uint8_t encoding, uint64_t pc_base, uint64_t data_base,
                                  uint64_t *datump)
 {
@@ -119,8 +130,7 @@ static inline int decode_pointer(krv_fd_t *fdp, uint8_t encoding, uint64_t pc_ba
     if (format->form == 0)
         return krv_fail(hp, KRV_ERR_INVALID, "illegal EH form (0x%hhx)", low);
     uint64_t value = 0;
-    const bool read = load_pointer(fdp, low, &value) ||
-                      krv_read_field(fdp, format->form, format->flags, &value, "korva_decode_form() failed");
+    const bool read = load_pointer(fdp, low, &value) || read_pointer_format(fdp, format, &value);
     if (!read || apply_base(hp, encoding, pc_base, data_base, &value) != 0)
         return krv_note(hp, "unable to decode EH datum");
     *datump = value;
@@ -225,7 +235,7 @@ static bool enter_record(record_reader *r, krv_handle_t *hp, krv_window_t *windo
         krv_note(hp, "unable to seek to offset 0x%lx", static_cast<unsigned long>(address));
         return false;
     }
-    if (!krv_read_field(&r->fd, DW_FORM_data4, 0, &r->length, "failed to read Length") ||
+    if (!krv_read_field(&r->fd, DW_FORM_data4, &r->length, "failed to read Length") ||
         krv_fd_truncate(&r->fd, r->length) != 0)
         return false;
     krv_fd_read_ahead(&r->fd, r->length);
@@ -250,15 +260,15 @@ static bool read_letter(krv_handle_t *hp, char letter, record_reader *r, krv_amd
     switch (letter) {
     case 'L':
         return first_time(hp, &augp->scie_L, "duplicate personality specifier") &&
-               krv_read_field(&r->fd, DW_FORM_data1, 0, &augp->scie_le, "failed to read LDSA encoding");
+               krv_read_field(&r->fd, DW_FORM_data1, &augp->scie_le, "failed to read LDSA encoding");
     case 'P':
         return first_time(hp, &augp->scie_P, "duplicate personality specifier") &&
-               krv_read_field(&r->fd, DW_FORM_data1, 0, &encoding, "failed to read personality encoding") &&
+               krv_read_field(&r->fd, DW_FORM_data1, &encoding, "failed to read personality encoding") &&
                read_pointer(&r->fd, r->origin, encoding, r->eh_frame, &augp->scie_pr,
                             "failed to read personality routine");
     case 'R':
         return first_time(hp, &augp->scie_R, "duplicate code encoding") &&
-               krv_read_field(&r->fd, DW_FORM_data1, 0, &augp->scie_re, "failed to read code encoding");
+               krv_read_field(&r->fd, DW_FORM_data1, &augp->scie_re, "failed to read code encoding");
     default:
         krv_fail(hp, KRV_ERR_CORRUPT, "illegal operation in augmentation string");
         return false;
@@ -279,7 +289,7 @@ static bool read_cie_augmentation(krv_handle_t *hp, record_reader *r, krv_cie_t 
         return false;
     }
     uint64_t size = 0;
-    if (!krv_read_field(&r->fd, DW_FORM_udata, 0, &size, "failed to read augmentation section size"))
+    if (!krv_read_field(&r->fd, DW_FORM_udata, &size, "failed to read augmentation section size"))
         return false;
     if (size > r->fd.sfd_remaining) {
         krv_fail(hp, KRV_ERR_CORRUPT, "illegal augmentation length");
@@ -306,25 +316,22 @@ static uint64_t next_decoding()
     const bool entered = enter_record(&r, hp, &ciep->scie_window, eh_frame, address);
     ciep->scie_length = r.length;
     ciep->scie_section_length = r.length + EH_LENGTH_SIZE;
-    if (!entered || !krv_read_field(&r.fd, DW_FORM_data4, 0, &ciep->scie_id, "failed to read CIE id"))
+    if (!entered || !krv_read_field(&r.fd, DW_FORM_data4, &ciep->scie_id, "failed to read CIE id"))
         return false;
     if (ciep->scie_id != 0) {
         krv_fail(hp, KRV_ERR_CORRUPT, "illegal CIE id (0x%lx)", static_cast<unsigned long>(ciep->scie_id));
         return false;
     }
-    if (!krv_read_field(&r.fd, DW_FORM_data1, 0, &ciep->scie_version, "failed to read Version"))
+    if (!krv_read_field(&r.fd, DW_FORM_data1, &ciep->scie_version, "failed to read Version"))
         return false;
     if (ciep->scie_version != 1) {
         krv_fail(hp, KRV_ERR_CORRUPT, "illegal Version (%hhd)", static_cast<signed char>(ciep->scie_version));
         return false;
     }
-    if (!krv_read_field(&r.fd, DW_FORM_string, 0, &ciep->scie_augmentation_string, "failed to read augmentation") ||
-        !krv_read_field(&r.fd, DW_FORM_udata, 0, &ciep->scie_code_alignment_factor,
-                        "failed to read Code Align Factor") ||
-        !krv_read_field(&r.fd, DW_FORM_sdata, 0, &ciep->scie_data_alignment_factor,
-                        "failed to read Data Align Factor") ||
-        !krv_read_field(&r.fd, DW_FORM_udata, 0, &ciep->scie_return_address_register,
-                        "failed to read Ret Address Reg") ||
+    if (!krv_read_field(&r.fd, DW_FORM_string, &ciep->scie_augmentation_string, "failed to read augmentation") ||
+        !krv_read_field(&r.fd, DW_FORM_udata, &ciep->scie_code_alignment_factor, "failed to read Code Align Factor") ||
+        !krv_read_field(&r.fd, DW_FORM_sdata, &ciep->scie_data_alignment_factor, "failed to read Data Align Factor") ||
+        !krv_read_field(&r.fd, DW_FORM_udata, &ciep->scie_return_address_register, "failed to read Ret Address Reg") ||
         !read_cie_augmentation(hp, &r, ciep))
         return false;
     ciep->scie_augmentation = &krv_eh_frame_augmentation;
@@ -403,7 +410,7 @@ static bool read_fde_augmentation(krv_handle_t *hp, record_reader *r, const krv_
                                   krv_fde_t *fdep)
 {
     uint64_t size = 0;
-    if (!krv_read_field(&r->fd, DW_FORM_udata, 0, &size, "failed to read augmentation section size"))
+    if (!krv_read_field(&r->fd, DW_FORM_udata, &size, "failed to read augmentation section size"))
         return false;
     if (size > r->fd.sfd_remaining) {
         krv_fail(hp, KRV_ERR_CORRUPT,
@@ -424,7 +431,7 @@ static bool read_fde_augmentation(krv_handle_t *hp, record_reader *r, const krv_
     const bool entered = enter_record(&r, hp, &fdep->sfde_window, eh_frame, eh_frame + offset);
     fdep->sfde_length = r.length;
     fdep->sfde_section_length = r.length + EH_LENGTH_SIZE;
-    if (!entered || !krv_read_field(&r.fd, DW_FORM_data4, 0, &fdep->sfde_pointer, "failed to read CIE pointer"))
+    if (!entered || !krv_read_field(&r.fd, DW_FORM_data4, &fdep->sfde_pointer, "failed to read CIE pointer"))
         return false;
     if (fdep->sfde_pointer == 0) {
         krv_fail(hp, KRV_ERR_CORRUPT, "illegal CIE pointer (0)");

@@ -52,10 +52,10 @@ static bool parse_header(krv_handle_t *hp, krv_eh_frame_reader_data *data, krv_f
         krv_note(hp, "couldn't seek to start of .eh_frame_hdr");
         return false;
     }
-    if (!krv_read_field(fdp, DW_FORM_data1, 0, &data->sefh_version, "failed to read version") ||
-        !krv_read_field(fdp, DW_FORM_data1, 0, &data->sefh_fpe, "failed to read frame pointer encoding") ||
-        !krv_read_field(fdp, DW_FORM_data1, 0, &data->sefh_fdece, "failed to read FDE count encoding") ||
-        !krv_read_field(fdp, DW_FORM_data1, 0, &data->sefh_te, "failed to read table encoding") ||
+    if (!krv_read_field(fdp, DW_FORM_data1, &data->sefh_version, "failed to read version") ||
+        !krv_read_field(fdp, DW_FORM_data1, &data->sefh_fpe, "failed to read frame pointer encoding") ||
+        !krv_read_field(fdp, DW_FORM_data1, &data->sefh_fdece, "failed to read FDE count encoding") ||
+        !krv_read_field(fdp, DW_FORM_data1, &data->sefh_te, "failed to read table encoding") ||
         !read_pointer(data, fdp, data->sefh_fpe, &data->sefh_fp, "failed to read frame pointer") ||
         !read_pointer(data, fdp, data->sefh_fdece, &data->sefh_fde_count, "failed to read FDE count"))
         return false;

@@ -397,7 +397,7 @@ int krv_get_cfa_forms(krv_handle_t *hp, uint8_t opcode, krv_form_t formsp[2])
 int krv_frame_read_opcode(krv_handle_t *hp, krv_fd_t *fdp, krv_operation_t *op, krv_form_t formsp[2])
 {
     *op = {};
-    if (!krv_read_field(fdp, DW_FORM_data1, 0, &op->opcode, "unable to decode instruction") ||
+    if (!krv_read_field(fdp, DW_FORM_data1, &op->opcode, "unable to decode instruction") ||
         get_cfa_forms(hp, op->opcode, formsp) != 0)
         return -1;
     if ((op->opcode & KRV_CFA_PACKED) != 0) {
@@ -411,7 +411,7 @@ int krv_frame_read_operands(krv_handle_t *hp, krv_fd_t *fdp, krv_operation_t *op
 {
     for (int i = 0; i < 2; ++i) {
         uint64_t *valuep = &op->operand[i].sa_u.su_unsigned;
-        if (formsp[i] != 0 && krv_decode(fdp, formsp[i], 0, valuep) != 0)
+        if (formsp[i] != 0 && krv_decode(fdp, formsp[i], valuep) != 0)
             return krv_note(hp, "failed to read operand %d", i);
     }
     return 0;

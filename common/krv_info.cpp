@@ -17,29 +17,20 @@ static const char *section_name(krv_secidx_t sec)
     return sec == KRV_SEC_TYPES ? ".debug_types" : ".debug_info";
 }
 
-// Reads unit_length and settles the format. False: messages pushed.
+// Reads unit_length, which settles the format. False: messages pushed.
 static bool read_unit_length(krv_handle_t *hp, krv_ctu_t *cu, krv_fd_t *fdp, uint64_t offset)
 {
-    if (!krv_read_field(fdp, DW_FORM_sec_offset, 0, &cu->dcu_unit_length, "failed to read 4-byte unit_length"))
+    krv_unit_length_t ul;
+    if (!krv_read_unit_length(fdp, KRV_UNIT_LENGTH_TEXTS, &ul))
         return false;
-    uint64_t length_size = 4;
-    if (cu->dcu_unit_length == KRV_LENGTH_DWARF64) {
-        cu->dcu_flags |= KRV_CU_FLAG_DWARF64;
-        length_size = 12;
-        if (!krv_read_field(fdp, DW_FORM_sec_offset, KRV_FORM_F_DWARF64, &cu->dcu_unit_length,
-                            "failed to read 8-byte unit_length"))
-            return false;
-    } else if (cu->dcu_unit_length >= KRV_LENGTH_RESERVED) {
-        krv_fail(hp, KRV_ERR_CORRUPT, "reserved value (0x%x) in 4-byte unit_length",
-                 static_cast<unsigned int>(cu->dcu_unit_length));
-        return false;
-    }
-    if (!krv_extent_fits(fdp->sfd_size, offset, length_size, cu->dcu_unit_length)) {
+    if (!krv_extent_fits(fdp->sfd_size, offset, ul.field_size(), ul.length)) {
         krv_fail(hp, KRV_ERR_CORRUPT, "unit_length (%llu) too large for existing section size (%llu)",
-                 static_cast<unsigned long long>(cu->dcu_unit_length), static_cast<unsigned long long>(fdp->sfd_size));
+                 static_cast<unsigned long long>(ul.length), static_cast<unsigned long long>(fdp->sfd_size));
         return false;
     }
-    cu->dcu_size = cu->dcu_unit_length + length_size;
+    cu->dcu_flags = ul.is_dwarf64 ? KRV_CU_FLAG_DWARF64 : 0;
+    cu->dcu_unit_length = ul.length;
+    cu->dcu_size = ul.size();
     return true;
 }
 
@@ -49,15 +40,15 @@ static bool read_header(krv_handle_t *hp, krv_ctu_t *cu, krv_secidx_t sec, uint6
     *cu = {};
     if (korva_fd_seek(fdp, offset, KRV_FD_SEEK_SET) != 0 || !read_unit_length(hp, cu, fdp, offset))
         return false;
-    const uint32_t flags = (cu->dcu_flags & KRV_CU_FLAG_DWARF64) != 0 ? KRV_FORM_F_DWARF64 : 0;
-    if (!krv_read_field(fdp, DW_FORM_data2, flags, &cu->dcu_version, "failed to read version") ||
-        !krv_read_field(fdp, DW_FORM_sec_offset, flags, &cu->dcu_debug_abbrev_offset,
+    const krv_encoding_t encoding = krv_cu_encoding(hp, cu);
+    if (!krv_read_field(fdp, DW_FORM_data2, &cu->dcu_version, "failed to read version") ||
+        !krv_read_field(fdp, DW_FORM_sec_offset, encoding, &cu->dcu_debug_abbrev_offset,
                         "failed to read debug_abbreviation_offset") ||
-        !krv_read_field(fdp, DW_FORM_data1, flags, &cu->dcu_address_size, "failed to read address_size"))
+        !krv_read_field(fdp, DW_FORM_data1, &cu->dcu_address_size, "failed to read address_size"))
         return false;
     if (sec == KRV_SEC_TYPES &&
-        (!krv_read_field(fdp, DW_FORM_data8, flags, &cu->dcu_type_signature, "failed to read type_signature") ||
-         !krv_read_field(fdp, DW_FORM_sec_offset, flags, &cu->dcu_type_offset, "failed to read type_offset")))
+        (!krv_read_field(fdp, DW_FORM_data8, &cu->dcu_type_signature, "failed to read type_signature") ||
+         !krv_read_field(fdp, DW_FORM_sec_offset, encoding, &cu->dcu_type_offset, "failed to read type_offset")))
         return false;
     cu->dcu_section = sec;
     cu->dcu_offset = offset;

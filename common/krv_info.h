@@ -6,6 +6,7 @@
 #define KRV_INFO_H
 
 #include "krv_abbrev.h"
+#include "krv_form.h"
 #include "krv_types.h"
 
 constexpr uint32_t KRV_CU_FLAG_DWARF64 = 0x1; // dcu_flags
@@ -32,6 +33,12 @@ struct krv_ctu {
     char *dcu_name;              // likewise
     uint32_t dcu_flags;          // KRV_CU_FLAG_*
 };
+
+// How the unit's values are encoded; addresses are as wide as the target's, whatever its header says.
+inline krv_encoding_t krv_cu_encoding(const krv_handle_t *hp, const krv_ctu_t *cu)
+{
+    return {(cu->dcu_flags & KRV_CU_FLAG_DWARF64) != 0, static_cast<uint8_t>(hp->sh_target_size), cu->dcu_version, cu};
+}
 
 // One entry, independent of its section once read.
 struct krv_die {

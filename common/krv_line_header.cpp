@@ -55,33 +55,24 @@ int krv_lnph_add_directory(krv_handle_t *hp, krv_lnph_t *lnphp, char *directoryp
 
 static bool read_unit_length(krv_handle_t *hp, krv_lnph_t *lnphp, krv_fd_t *fdp, uint64_t offset)
 {
-    uint64_t length_size = 4;
-    if (!krv_read_field(fdp, DW_FORM_sec_offset, 0, &lnphp->sln_unit_length, "failed to read 4-byte unit_length"))
+    krv_unit_length_t ul;
+    if (!krv_read_unit_length(fdp, KRV_UNIT_LENGTH_TEXTS, &ul))
         return false;
-    if (lnphp->sln_unit_length == KRV_LENGTH_DWARF64) {
-        lnphp->sln_flags = KRV_FORM_F_DWARF64;
-        length_size = 12;
-        if (!krv_read_field(fdp, DW_FORM_sec_offset, KRV_FORM_F_DWARF64, &lnphp->sln_unit_length,
-                            "failed to read 8-byte unit_length"))
-            return false;
-    } else if (lnphp->sln_unit_length >= KRV_LENGTH_RESERVED) {
-        krv_fail(hp, KRV_ERR_CORRUPT, "reserved value (0x%x) in 4-byte unit_length",
-                 static_cast<unsigned int>(lnphp->sln_unit_length));
-        return false;
-    }
-    if (!krv_extent_fits(fdp->sfd_size, offset, length_size, lnphp->sln_unit_length)) {
+    if (!krv_extent_fits(fdp->sfd_size, offset, ul.field_size(), ul.length)) {
         krv_fail(hp, KRV_ERR_CORRUPT, "unit_length (0x%llx) too large for existing section size",
-                 static_cast<unsigned long long>(lnphp->sln_unit_length));
+                 static_cast<unsigned long long>(ul.length));
         return false;
     }
-    return korva_fd_truncate(fdp, lnphp->sln_unit_length) == 0; // every later read stops at the unit's end
+    lnphp->sln_unit_length = ul.length;
+    lnphp->sln_flags = ul.is_dwarf64 ? KRV_FORM_F_DWARF64 : 0;
+    return korva_fd_truncate(fdp, ul.length) == 0; // every later read stops at the unit's end
 }
 
 static bool read_fixed_fields(krv_handle_t *hp, krv_lnph_t *lnphp, krv_fd_t *fdp)
 {
-    const uint32_t flags = lnphp->sln_flags;
-    if (!krv_read_field(fdp, DW_FORM_data2, flags, &lnphp->sln_version, "failed to read version") ||
-        !krv_read_field(fdp, DW_FORM_sec_offset, flags, &lnphp->sln_header_length, "failed to read header_length"))
+    if (!krv_read_field(fdp, DW_FORM_data2, &lnphp->sln_version, "failed to read version") ||
+        !krv_read_field(fdp, DW_FORM_sec_offset, krv_encoding(hp, lnphp->sln_flags), &lnphp->sln_header_length,
+                        "failed to read header_length"))
         return false;
     if (lnphp->sln_header_length > lnphp->sln_unit_length) {
         krv_fail(hp, KRV_ERR_CORRUPT, "header_length (%lld) exceeds unit_length (%lld)",
@@ -89,14 +80,13 @@ static bool read_fixed_fields(krv_handle_t *hp, krv_lnph_t *lnphp, krv_fd_t *fdp
         return false;
     }
     lnphp->sln_mopi = 1;
-    if (!krv_read_field(fdp, DW_FORM_data1, flags, &lnphp->sln_mil, "failed to read minimum_instruction_length") ||
-        (lnphp->sln_version == 4 && !krv_read_field(fdp, DW_FORM_data1, flags, &lnphp->sln_mopi,
-                                                    "failed to read maximum_operations_per_instruction")) ||
-        !krv_read_field(fdp, DW_FORM_data1, flags, &lnphp->sln_default_is_stmt, "failed to read default_is_stmt") ||
-        !krv_read_field(fdp, DW_FORM_data1, flags | KRV_FORM_F_SIGNED, &lnphp->sln_line_base,
-                        "failed to read line_base") ||
-        !krv_read_field(fdp, DW_FORM_data1, flags, &lnphp->sln_line_range, "failed to read line_range") ||
-        !krv_read_field(fdp, DW_FORM_data1, flags, &lnphp->sln_opcode_base, "failed to read opcode_base"))
+    if (!krv_read_field(fdp, DW_FORM_data1, &lnphp->sln_mil, "failed to read minimum_instruction_length") ||
+        (lnphp->sln_version == 4 &&
+         !krv_read_field(fdp, DW_FORM_data1, &lnphp->sln_mopi, "failed to read maximum_operations_per_instruction")) ||
+        !krv_read_field(fdp, DW_FORM_data1, &lnphp->sln_default_is_stmt, "failed to read default_is_stmt") ||
+        !krv_read_field(fdp, DW_FORM_data1, &lnphp->sln_line_base, "failed to read line_base") ||
+        !krv_read_field(fdp, DW_FORM_data1, &lnphp->sln_line_range, "failed to read line_range") ||
+        !krv_read_field(fdp, DW_FORM_data1, &lnphp->sln_opcode_base, "failed to read opcode_base"))
         return false;
     lnphp->sln_sol = static_cast<uint8_t *>(krv_zalloc(hp, lnphp->sln_opcode_base));
     if (lnphp->sln_sol == nullptr)
@@ -109,9 +99,9 @@ static bool read_fixed_fields(krv_handle_t *hp, krv_lnph_t *lnphp, krv_fd_t *fdp
     return true;
 }
 
-static bool read_string(krv_fd_t *fdp, uint32_t flags, char (&buf)[KRV_STRING_BUFSZ], const char *message)
+static bool read_string(krv_fd_t *fdp, char (&buf)[KRV_STRING_BUFSZ], const char *message)
 {
-    if (krv_decode_text(fdp, DW_FORM_string, flags, buf, sizeof(buf)) == 0)
+    if (krv_decode_text(fdp, DW_FORM_string, {}, buf, sizeof(buf)) == 0)
         return true;
     krv_note(fdp->sfd_hp, "%s", message);
     return false;
@@ -122,7 +112,7 @@ static bool read_directories(krv_handle_t *hp, krv_lnph_t *lnphp, krv_fd_t *fdp)
 {
     while (fdp->sfd_remaining > 0) {
         char directory[KRV_STRING_BUFSZ];
-        if (!read_string(fdp, lnphp->sln_flags, directory, "failed to read include_directories entry"))
+        if (!read_string(fdp, directory, "failed to read include_directories entry"))
             return false;
         if (directory[0] == '\0')
             break;
@@ -136,22 +126,21 @@ static bool read_directories(krv_handle_t *hp, krv_lnph_t *lnphp, krv_fd_t *fdp)
 
 static bool read_files(krv_handle_t *hp, krv_lnph_t *lnphp, krv_ctu_t *cup, krv_fd_t *fdp)
 {
-    const uint32_t flags = lnphp->sln_flags;
     while (fdp->sfd_remaining > 0) {
         char path[KRV_STRING_BUFSZ];
         uint64_t diridx = 0, mtime = 0, size = 0;
-        if (!read_string(fdp, flags, path, "failed to read file_names path"))
+        if (!read_string(fdp, path, "failed to read file_names path"))
             return false;
         if (path[0] == '\0')
             break;
-        if (!krv_read_field(fdp, DW_FORM_udata, flags, &diridx, "failed to read file_names index"))
+        if (!krv_read_field(fdp, DW_FORM_udata, &diridx, "failed to read file_names index"))
             return false;
         if (diridx > lnphp->sln_id_entries) {
             krv_fail(hp, KRV_ERR_CORRUPT, "file_names index (%lu) is out of range", static_cast<unsigned long>(diridx));
             return false;
         }
-        if (!krv_read_field(fdp, DW_FORM_udata, flags, &mtime, "failed to read file_names mtime") ||
-            !krv_read_field(fdp, DW_FORM_udata, flags, &size, "failed to read file_names size"))
+        if (!krv_read_field(fdp, DW_FORM_udata, &mtime, "failed to read file_names mtime") ||
+            !krv_read_field(fdp, DW_FORM_udata, &size, "failed to read file_names size"))
             return false;
         if (krv_lnph_add_file(hp, lnphp, cup, path, diridx, mtime, size) != 0) {
             krv_note(hp, "couldn't add file %s", path);

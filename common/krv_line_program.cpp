@@ -212,12 +212,12 @@ struct careful {
     template <krv_form_t FORM, typename T>
     bool operand(T *field)
     {
-        if (krv_decode(&fd, FORM, lnphp->sln_flags, field) != 0)
+        if (krv_decode(&fd, FORM, field) != 0)
             return false;
         values[nvalues++].sa_u.su_unsigned = static_cast<uint64_t>(*field);
         return true;
     }
-    bool read_length(uint64_t *length) { return krv_decode(&fd, DW_FORM_udata, lnphp->sln_flags, length) == 0; }
+    bool read_length(uint64_t *length) { return krv_decode(&fd, DW_FORM_udata, length) == 0; }
 
     static bool has_room() { return true; } // the table grows
     bool push_row() { return krv_line_push_entry(hp, lnphp, lnpp, &regs) == 0; }
@@ -270,7 +270,7 @@ bool careful::end_sequence()
 bool careful::define_file()
 {
     uint64_t directory, mtime, size;
-    if (korva_decode_form(&fd, DW_FORM_string, lnphp->sln_flags, path, sizeof(path), nullptr) != 0)
+    if (krv_decode_form(&fd, DW_FORM_string, {}, false, path, sizeof(path), nullptr) != 0)
         return false;
     values[nvalues++].sa_u.su_addr = path;
     if (!operand<DW_FORM_udata>(&directory) || !operand<DW_FORM_udata>(&mtime) || !operand<DW_FORM_udata>(&size))
@@ -407,7 +407,7 @@ static int execute(careful *m, krv_iter_lne_f *func, void *arg)
         const uint64_t offset = m->fd.sfd_offset;
         m->opcode = 0;
         m->nvalues = 0;
-        if (krv_decode(&m->fd, DW_FORM_data1, m->lnphp->sln_flags, &m->opcode) != 0 || !execute_opcode(*m, m->opcode))
+        if (krv_decode(&m->fd, DW_FORM_data1, &m->opcode) != 0 || !execute_opcode(*m, m->opcode))
             return opcode_failed(m);
         if (func == nullptr)
             continue;

@@ -4,12 +4,11 @@
 #include "krv_dwarf.h"
 #include "krv_error.h"
 
-#include <array>
 #include <climits>
 #include <cstdlib>
 #include <iterator>
 
-#define KRV_NAME(name, value) {value, #name},
+#define KRV_NAME(name, value, ...) {value, #name},
 #define KRV_NAME_TABLE(class) constexpr krv_isp_t _krv_##class##_names[] = {KRV_DW_##class(KRV_NAME)}
 static KRV_NAME_TABLE(AT);
 static KRV_NAME_TABLE(ATE);
@@ -56,51 +55,6 @@ static_assert(
     }(),
     "every table complete, and strictly ascending for the binary search");
 
-struct form_class_t {
-    unsigned int form;
-    uint32_t mask;
-};
-
-constexpr form_class_t _dw_form_classes[] = {
-    {DW_FORM_addr, KRV_CLASS_ADDRESS},
-    {DW_FORM_block2, KRV_CLASS_BLOCK},
-    {DW_FORM_block4, KRV_CLASS_BLOCK},
-    {DW_FORM_data2, KRV_CLASS_CONSTANT},
-    {DW_FORM_data4, KRV_CLASS_CONSTANT}, // never a section pointer here, unlike in DWARF 2 and 3
-    {DW_FORM_data8, KRV_CLASS_CONSTANT},
-    {DW_FORM_string, KRV_CLASS_STRING},
-    {DW_FORM_block, KRV_CLASS_BLOCK},
-    {DW_FORM_block1, KRV_CLASS_BLOCK},
-    {DW_FORM_data1, KRV_CLASS_CONSTANT},
-    {DW_FORM_flag, KRV_CLASS_FLAG},
-    {DW_FORM_sdata, KRV_CLASS_CONSTANT},
-    {DW_FORM_strp, KRV_CLASS_STRING},
-    {DW_FORM_udata, KRV_CLASS_CONSTANT},
-    {DW_FORM_ref_addr, KRV_CLASS_REFERENCE},
-    {DW_FORM_ref1, KRV_CLASS_REFERENCE},
-    {DW_FORM_ref2, KRV_CLASS_REFERENCE},
-    {DW_FORM_ref4, KRV_CLASS_REFERENCE},
-    {DW_FORM_ref8, KRV_CLASS_REFERENCE},
-    {DW_FORM_ref_udata, KRV_CLASS_REFERENCE},
-    {DW_FORM_indirect, 0},
-    {DW_FORM_sec_offset, KRV_CLASS_LINEPTR | KRV_CLASS_LOCLISTPTR | KRV_CLASS_MACPTR | KRV_CLASS_RANGELISTPTR},
-    {DW_FORM_exprloc, KRV_CLASS_EXPRLOC},
-    {DW_FORM_flag_present, KRV_CLASS_FLAG},
-    {DW_FORM_ref_sig8, KRV_CLASS_REFERENCE},
-};
-
-static_assert(
-    [] {
-        constexpr const krv_nap_t &forms = _krv_name_tables[KRV_DEF_FORM];
-        if (std::size(_dw_form_classes) != forms.dwnap_table_size)
-            return false;
-        for (size_t i = 0; i < forms.dwnap_table_size; ++i)
-            if (_dw_form_classes[i].form != forms.dwnap_tablep[i].dwisp_key)
-                return false;
-        return true;
-    }(),
-    "every named form has its class, in the same order");
-
 int krv_compare_uint(const void *a, const void *b)
 {
     const unsigned int x = *static_cast<const unsigned int *>(a);
@@ -123,19 +77,6 @@ const char *krv_name_or_unknown(unsigned int index, uint64_t key)
 {
     const char *name = key > UINT_MAX ? nullptr : krv_print_define(index, static_cast<unsigned int>(key));
     return name == nullptr ? "unknown" : name;
-}
-
-// By form: every value of every entry asks.
-static constexpr auto class_of_form = [] {
-    std::array<uint32_t, 256> masks{};
-    for (const form_class_t &row : _dw_form_classes)
-        masks[row.form] = row.mask;
-    return masks;
-}();
-
-uint32_t krv_get_form_class(krv_form_t form)
-{
-    return class_of_form[form];
 }
 
 char *korva_print_define(krv_handle_t *hp, krv_def_t index, unsigned int key)

@@ -1,25 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Printable names of DWARF constants, and the classes of attribute forms. All constant data.
+// Printable names of DWARF constants. All constant data.
 #ifndef KRV_NAMES_H
 #define KRV_NAMES_H
 
+#include "krv_form.h"
 #include "krv_types.h"
-
-// Form classes, as bits in the order of DWARF 4, 7.5.4.
-enum : uint32_t {
-    KRV_CLASS_ADDRESS = 0x1,
-    KRV_CLASS_BLOCK = 0x2,
-    KRV_CLASS_CONSTANT = 0x4,
-    KRV_CLASS_EXPRLOC = 0x8,
-    KRV_CLASS_FLAG = 0x10,
-    KRV_CLASS_LINEPTR = 0x20,
-    KRV_CLASS_LOCLISTPTR = 0x40,
-    KRV_CLASS_MACPTR = 0x80,
-    KRV_CLASS_RANGELISTPTR = 0x100,
-    KRV_CLASS_REFERENCE = 0x200,
-    KRV_CLASS_STRING = 0x400,
-};
 
 // One name.
 struct krv_isp_t {
@@ -45,6 +31,9 @@ char *krv_print_define(unsigned int index, unsigned int key);
 const char *krv_name_or_unknown(unsigned int index, uint64_t key);
 
 // Mask of KRV_CLASS_*; 0 for DW_FORM_indirect and unknown forms.
-uint32_t krv_get_form_class(krv_form_t form);
+inline uint32_t krv_get_form_class(krv_form_t form)
+{
+    return krv_form_row(form).classes;
+}
 
 #endif

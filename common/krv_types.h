@@ -18,11 +18,6 @@ constexpr unsigned KRV_STRING_BUFSZ = 1024;  // longest name or path the readers
 constexpr uint64_t KRV_KEPT_SLACK = 1 << 20; // of what an input may have kept beyond its own size
 constexpr uint32_t KRV_INIT_ARANGES = 0x1;   // sh_init_flags: .debug_aranges has been applied to the units
 
-// A compilation-unit, address-range or line-number length: 0xffffffff announces the 64-bit format, the other values
-// from 0xfffffff0 upward are reserved (DWARF 4, 7.4).
-constexpr uint64_t KRV_LENGTH_DWARF64 = 0xffffffff;
-constexpr uint64_t KRV_LENGTH_RESERVED = 0xfffffff0;
-
 struct krv_opt_t {
     boolean_t sopt_set; // B_TRUE once set; never reset
     union {

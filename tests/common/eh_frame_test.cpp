@@ -241,9 +241,9 @@ TEST(EhFrame, EndsOfMemory)
                              "failed to read FDE at address 0xfffffffffffffffc in .eh_frame");
     handle h;
     korva_handle_set_opt(h, KRV_OPT_EH_FRAME_ADDR, EH);
-    EXPECT_EQ(krv_get_cie_by_offset(h, 1), nullptr);
-    EXPECT_EQ(h.error(), "INVALID: .debug_frame not present | section is empty | unable to seek to offset 0x9001 | "
-                         "failed to read CIE at address 0x9001 in .eh_frame");
+    EXPECT_TRUE(refuses(h, krv_get_cie_by_offset(h, 1),
+                        "INVALID: .debug_frame not present | section is empty | unable to seek to offset 0x9001 | "
+                        "failed to read CIE at address 0x9001 in .eh_frame"));
 }
 
 TEST(EhFrame, SetLoc)
@@ -269,8 +269,8 @@ TEST(EhFrame, SetLoc)
         const bytes stream = bytes::hex("01") + bytes::hex(row.operand);
         krv_operation_t op;
         krv_fd_t fd = h.cursor(stream);
-        EXPECT_EQ(krv_eh_frame_aug_next_op(h, &fd, &op, &augmentation), -1);
-        EXPECT_EQ(h.error(), "INVALID: .eh_frame address unknown");
+        EXPECT_TRUE(
+            refuses(h, krv_eh_frame_aug_next_op(h, &fd, &op, &augmentation), "INVALID: .eh_frame address unknown"));
         korva_handle_set_opt(h, KRV_OPT_EH_FRAME_ADDR, EH);
         fd = h.cursor(stream);
         const bool read = krv_eh_frame_aug_next_op(h, &fd, &op, row.encoding < 0 ? nullptr : &augmentation) == 0;

@@ -142,8 +142,8 @@ TEST(Expr, Stack)
     }
     krv_exprstack_t *esp = stacks[2].get();
     uint64_t value = 77;
-    EXPECT_EQ(korva_expr_stack_peek(h, esp, 3, &value), -1);
-    EXPECT_EQ(h.error(), "INVALID: can't peek element 3 in 3-element stack");
+    EXPECT_TRUE(
+        refuses(h, korva_expr_stack_peek(h, esp, 3, &value), "INVALID: can't peek element 3 in 3-element stack"));
     EXPECT_TRUE(korva_expr_stack_peek(h, esp, 2, &value) == 0 && value == 10); // cut to 32 bits
     EXPECT_TRUE(korva_expr_stack_peek(h, esp, 0, &value) == 0 && value == 30);
     EXPECT_TRUE(korva_expr_stack_pop(h, esp, &value) == 0 && value == 30);
@@ -373,9 +373,10 @@ TEST(Expr, Failures)
     for (unsigned n = 0; n < 4; ++n) {
         reader source{code("skip 1 0 nop lit1"), 0, fault::fails, n + 1};
         krv_fd_t fd = m.h.cursor(&source);
-        EXPECT_EQ(korva_expr_execute_expression(m.h, m.stack.get(), m.ap.get(), &fd, 0, nullptr, nullptr, nullptr), -1);
-        EXPECT_EQ(m.h.error(), std::string("IO: read callback failed | ") + unreadable[n] +
-                                   (n < 2 ? "" : " | error executing instruction 0x2f (DW_OP_skip) at offset 0"));
+        EXPECT_TRUE(refuses(
+            m.h, korva_expr_execute_expression(m.h, m.stack.get(), m.ap.get(), &fd, 0, nullptr, nullptr, nullptr),
+            std::string("IO: read callback failed | ") + unreadable[n] +
+                (n < 2 ? "" : " | error executing instruction 0x2f (DW_OP_skip) at offset 0")));
     }
     EXPECT_EQ(korva_expr_execute_expression(m.h, m.stack.get(), nullptr, &m.fd, 0, nullptr, nullptr, nullptr), -1);
     EXPECT_EQ(m.h->sh_errno, KRV_ERR_INVALID);

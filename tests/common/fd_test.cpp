@@ -71,8 +71,7 @@ TEST(Fd, UnattachedCursorIsEmpty)
     handle h;
     krv_fd_t *fdp = korva_fd_alloc(h);
     ASSERT_NE(fdp, nullptr);
-    EXPECT_EQ(korva_fd_attach(h, fdp, 0, KRV_FD_TYPE_MEMORY, nullptr), -1);
-    EXPECT_EQ(h.error(), "INVALID");
+    EXPECT_TRUE(refuses(h, korva_fd_attach(h, fdp, 0, KRV_FD_TYPE_MEMORY, nullptr), "INVALID"));
     EXPECT_EQ(korva_fd_attach(h, fdp, 1, 7), -1);
     EXPECT_EQ(korva_fd_seek(fdp, 0, 9), -1); // joins the message that is there: nothing was cleared
     EXPECT_EQ(h.error(), "INVALID: invalid file descriptor type specified | section is empty");
@@ -119,12 +118,10 @@ TEST(Fd, Copy)
     });
     reader source{.contents = ten};
     krv_fd_t memory = h.cursor(ten), call_back = h.cursor(&source), small = h.cursor(bytes().fill(3));
-    EXPECT_EQ(korva_fd_cpy(&call_back, &memory, 1), -1);
-    EXPECT_EQ(h.error(), "INVALID: cannot copy to non-memory file descriptor");
-    EXPECT_EQ(korva_fd_cpy(&small, &memory, 11), -1);
-    EXPECT_EQ(h.error(), "INVALID: cannot read 11 bytes; only 10 bytes remaining");
-    EXPECT_EQ(korva_fd_cpy(&small, &memory, 4), -1);
-    EXPECT_EQ(h.error(), "NOSPACE: cannot write 4 bytes; only 3 bytes remaining");
+    EXPECT_TRUE(refuses(h, korva_fd_cpy(&call_back, &memory, 1), "INVALID: cannot copy to non-memory file descriptor"));
+    EXPECT_TRUE(
+        refuses(h, korva_fd_cpy(&small, &memory, 11), "INVALID: cannot read 11 bytes; only 10 bytes remaining"));
+    EXPECT_TRUE(refuses(h, korva_fd_cpy(&small, &memory, 4), "NOSPACE: cannot write 4 bytes; only 3 bytes remaining"));
     EXPECT_EQ(korva_fd_cpy(&small, nullptr, 1), -1);
     EXPECT_EQ(korva_handle_get_errno(h), KRV_ERR_INVALID);
     EXPECT_EQ(small.sfd_offset + memory.sfd_offset, 0U);

@@ -231,8 +231,6 @@ TEST(Limits, MemoryOfLines)
                 found += korva_get_fields(h, KRV_STRUCT_LNFE, files[file], 1, KRV_FIELD_LNFE_ABSOLUTE_PATH, &path) == 0;
         }
         const size_t input = info.size() + row.lines.size();
-        std::printf("%s: %zu bytes, %.1f bytes a byte; %u paths\n", row.what, input,
-                    static_cast<double>(heap_bytes() - before) / static_cast<double>(input), found);
         EXPECT_LE(heap_bytes() - before, 100 * input + KRV_KEPT_SLACK);
         EXPECT_GT(found, 50U); // what fits is kept
     }

@@ -183,8 +183,7 @@ TEST(Unwind, Outcomes)
         EXPECT_EQ(s.caller(3), row.expected);
         const unsigned int reads = s.memory.reads;
         EXPECT_EQ(s.caller(3), "NONE");
-        EXPECT_EQ(korva_activation_unwind(s.h, s.ap.get()), -1);
-        EXPECT_EQ(s.h.error(), "NONE");
+        EXPECT_TRUE(refuses(s.h, korva_activation_unwind(s.h, s.ap.get()), "NONE"));
         EXPECT_EQ(s.memory.reads, reads);
         s.load(0, 0); // a change: tried again
         EXPECT_NE(s.caller(3), "NONE");
@@ -327,12 +326,12 @@ TEST(Unwind, Arguments)
     s.ap->sa_args.sa_argc = 7; // left by another function
     uint8_t byte = 0;
     uint64_t count = 0;
-    EXPECT_EQ(korva_activation_get_argv(s.h, s.ap.get(), 1, &byte, &byte, &byte, 1, &count), -1);
-    EXPECT_EQ(s.h.error(), "INVALID: 0 arguments available: argument 1 requested | failed to obtain argument 1");
+    EXPECT_TRUE(refuses(s.h, korva_activation_get_argv(s.h, s.ap.get(), 1, &byte, &byte, &byte, 1, &count),
+                        "INVALID: 0 arguments available: argument 1 requested | failed to obtain argument 1"));
     s.load_pc(0x500);
-    EXPECT_EQ(korva_activation_get_argv(s.h, s.ap.get(), 1, &byte, &byte, &byte, 1, &count), -1);
-    EXPECT_EQ(s.h.error(), "NOTFOUND: unable to get FDE for PC 0x500 | unable to evaluate the activation's "
-                           "instructions | failed to obtain argument 1");
+    EXPECT_TRUE(refuses(s.h, korva_activation_get_argv(s.h, s.ap.get(), 1, &byte, &byte, &byte, 1, &count),
+                        "NOTFOUND: unable to get FDE for PC 0x500 | unable to evaluate the activation's "
+                        "instructions | failed to obtain argument 1"));
     unsigned int argc = 7;
     EXPECT_TRUE(korva_activation_get_argc(s.h, s.ap.get(), &argc) == -1 && argc == 7);
 }

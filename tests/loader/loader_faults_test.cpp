@@ -49,15 +49,6 @@ DIR *__real_opendir(const char *path);
 ssize_t __real_process_vm_readv(pid_t pid, const iovec *local, unsigned long locals, const iovec *remote,
                                 unsigned long remotes, unsigned long flags);
 long __real_ptrace(int request, pid_t tid, void *address, void *data);
-int __wrap_open(const char *path, int flags, ...);
-int __wrap_fstat(int fd, struct stat *st);
-void *__wrap_mmap(void *at, size_t size, int protection, int flags, int fd, off_t offset);
-ssize_t __wrap_pread(int fd, void *buf, size_t count, off_t offset);
-ssize_t __wrap_read(int fd, void *buf, size_t count);
-DIR *__wrap_opendir(const char *path);
-ssize_t __wrap_process_vm_readv(pid_t pid, const iovec *local, unsigned long locals, const iovec *remote,
-                                unsigned long remotes, unsigned long flags);
-long __wrap_ptrace(int request, pid_t tid, void *address, void *data);
 
 int __wrap_open(const char *path, int flags, ...)
 {

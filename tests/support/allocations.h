@@ -16,10 +16,6 @@ void *__real_malloc(size_t size);
 void *__real_calloc(size_t count, size_t size);
 void *__real_realloc(void *p, size_t size);
 char *__real_strdup(const char *s);
-void *__wrap_malloc(size_t size);
-void *__wrap_calloc(size_t count, size_t size);
-void *__wrap_realloc(void *p, size_t size);
-char *__wrap_strdup(const char *s);
 
 void *__wrap_malloc(size_t size)
 {

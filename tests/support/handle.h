@@ -9,6 +9,7 @@
 #include "support/bytes.h"
 
 #include <functional>
+#include <gtest/gtest.h>
 #include <memory>
 
 namespace krv_test
@@ -71,6 +72,20 @@ private:
     krv_handle_t *hp;
     std::vector<std::unique_ptr<uint8_t[]>> buffers;
 };
+
+// Whether a call fails, and leaves this error state: EXPECT_TRUE(refuses(h, korva_fd_truncate(&fd, 5), "INVALID: ..."));
+template <typename Result>
+testing::AssertionResult refuses(krv_handle_t *hp, Result result, const std::string &error)
+{
+    bool failed;
+    if constexpr (std::is_pointer_v<Result>)
+        failed = result == nullptr;
+    else
+        failed = result == -1;
+    const std::string found = error_line(hp);
+    return failed && found == error ? testing::AssertionSuccess()
+                                    : testing::AssertionFailure() << (failed ? "fails: " : "does not fail: ") << found;
+}
 
 // Drivers. Each calls fn once a variant, and names the variant in the trace of a failing expectation.
 

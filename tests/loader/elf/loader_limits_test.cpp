@@ -40,11 +40,6 @@ GElf_Sym *__real_gelf_getsymshndx(Elf_Data *symbols, Elf_Data *numbers, int n, G
 GElf_Rela *__real_gelf_getrela(Elf_Data *data, int n, GElf_Rela *relocation);
 size_t __real_strnlen(const char *s, size_t most);
 void *__real_memchr(const void *s, int c, size_t most);
-GElf_Sym *__wrap_gelf_getsymshndx(Elf_Data *symbols, Elf_Data *numbers, int n, GElf_Sym *symbol, Elf32_Word *number);
-GElf_Rela *__wrap_gelf_getrela(Elf_Data *data, int n, GElf_Rela *relocation);
-size_t __wrap_strnlen(const char *s, size_t most);
-void *__wrap_memchr(const void *s, int c, size_t most);
-void __sanitizer_cov_trace_pc();
 
 GElf_Sym *__wrap_gelf_getsymshndx(Elf_Data *symbols, Elf_Data *numbers, int n, GElf_Sym *symbol, Elf32_Word *number)
 {

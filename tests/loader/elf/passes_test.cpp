@@ -4,8 +4,6 @@
 // with other readers elsewhere.
 #include "loader/loader_fixture.h"
 
-#include <random>
-
 using namespace krv_test;
 
 namespace
@@ -209,31 +207,6 @@ TEST_F(Passes, SeparateDebugFiles)
     elf = open_with("bare", "ids");
     EXPECT_EQ(found(elf.get()), ":");
     EXPECT_NE(notes(elf.get()).find("is refused: its build-id is 0102030499, not 0102030405"), std::string::npos);
-}
-
-// Whatever the bytes of the sections are, the passes end and write nowhere else.
-TEST_F(Passes, DamagedSections)
-{
-    for (const char *flags :
-         {"-gdwarf-4 -c a.c -o whole", "-gdwarf-4 a.c b.c -o whole", "-gdwarf-2 -m32 -c a.c -o whole"}) {
-        ASSERT_TRUE(compile(flags));
-        const std::string whole = read("whole");
-        size_t from = whole.find("GNU C17"), to = whole.size(); // the debug sections stand around their strings
-        from = from == std::string::npos || from < 4096 ? 64 : from - 4096;
-        std::mt19937 random(7);
-        for (int i = 0; i < 300; ++i) {
-            std::string bytes = whole;
-            for (int n = 0; n < 8; ++n)
-                bytes[from + random() % (to - from)] = static_cast<char>(n % 2 == 0 ? random() : 0xff);
-            write("damaged", bytes);
-            const elf_ptr elf = open("damaged");
-            if (elf == nullptr)
-                continue;
-            units(elf.get());
-            line_of(elf.get(), 0x1150);
-            attached(elf.get());
-        }
-    }
 }
 
 } // namespace

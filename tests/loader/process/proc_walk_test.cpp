@@ -1,7 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Walks of live processes, program counter by program counter as other tools have them, and of the test itself.
+// Walks of live processes, program counter by program counter as other tools have them; and of the test itself, as the
+// compiler's runtime has it: program counter, stack pointer, preserved registers.
 #include "process.h"
+#include "support/handle.h"
 
 #include <csignal>
 #include <cstdlib>
@@ -200,87 +202,107 @@ TEST_F(LiveWalks, MayBeNested)
 
 // The test itself.
 
-_Unwind_Reason_Code keep_ip(_Unwind_Context *context, void *arg)
+// A frame in a line: program counter, stack pointer, preserved registers.
+constexpr unsigned int preserved[] = {3, 6, 12, 13, 14, 15}; // DWARF numbers
+
+_Unwind_Reason_Code keep_their_frame(_Unwind_Context *context, void *arg)
 {
-    if (const uint64_t ip = _Unwind_GetIP(context); ip != 0)
-        static_cast<std::vector<uint64_t> *>(arg)->push_back(ip);
+    std::string line = text("pc %lx sp %lx", _Unwind_GetIP(context), _Unwind_GetCFA(context));
+    for (const unsigned int reg : preserved)
+        line += text(" %lx", _Unwind_GetGR(context, static_cast<int>(reg)));
+    if (_Unwind_GetIP(context) != 0)
+        static_cast<std::vector<std::string> *>(arg)->push_back(line);
     return _URC_NO_REASON;
+}
+
+int keep_our_frame(krv_proc_t *, const krv_proc_frame_t *frame, void *arg)
+{
+    const auto get = [&](unsigned int reg) {
+        krv_greg_t value = 0;
+        EXPECT_EQ(korva_activation_get_greg(frame->handle, frame->activation, KRV_ACTIVATION_REG_DWARF,
+                                            KRV_ACTIVATION_FRAME_CURRENT, reg, &value),
+                  0);
+        return static_cast<uint64_t>(value);
+    };
+    std::string line = text("pc %lx sp %lx", frame->pc, get(7));
+    for (const unsigned int reg : preserved)
+        line += text(" %lx", get(reg));
+    static_cast<std::vector<std::string> *>(arg)->push_back(line);
+    return 0;
 }
 
 struct own_stacks {
     krv_proc_t *proc;
-    walked ours;
-    std::vector<uint64_t> theirs;
+    std::vector<std::string> ours = {}, theirs = {};
+    krv_proc_end_t end = {};
+    krv_proc_frame_t first = {};
 };
 
 [[gnu::noinline]] void capture(own_stacks *s)
 {
-    s->ours = walk_thread(s->proc, 0);
-    _Unwind_Backtrace(keep_ip, &s->theirs);
+    s->first = walk_thread(s->proc, 0).frames.at(0);
+    korva_proc_walk(s->proc, 0, 0, keep_our_frame, &s->ours, &s->end);
+    _Unwind_Backtrace(keep_their_frame, &s->theirs);
 }
 
+// Frames of variable size, addressed through the frame pointer.
 [[gnu::noinline]] int capture_below(int levels, own_stacks *s)
 {
-    volatile int left = levels;
+    auto *room = static_cast<volatile char *>(__builtin_alloca(static_cast<size_t>(levels) * 40 + 1));
+    room[0] = 1;
     if (levels == 0)
         capture(s);
     else
         capture_below(levels - 1, s);
-    return left;
+    return room[0];
 }
 
-// From where both are the same: frames of the functions that captured them differ.
-std::vector<uint64_t> tail(const std::vector<uint64_t> &pcs, size_t count)
+// From where both are the same: those of the functions that captured them stand at different calls.
+std::vector<std::string> tail(const std::vector<std::string> &frames, size_t count)
 {
-    return {pcs.end() - static_cast<ptrdiff_t>(std::min(count, pcs.size())), pcs.end()};
+    return {frames.end() - static_cast<ptrdiff_t>(std::min(count, frames.size())), frames.end()};
 }
 
 TEST(OwnWalk, IsThatOfTheUnwinder)
 {
     const proc_ptr proc(korva_proc_self(nullptr));
     ASSERT_NE(proc, nullptr);
-    own_stacks s = {proc.get(), {}, {}};
+    own_stacks s = {proc.get()};
     capture_below(20, &s);
-    EXPECT_EQ(s.ours.end.reason, KRV_PROC_END_OUTERMOST) << s.ours.end.message;
+    EXPECT_EQ(s.end.reason, KRV_PROC_END_OUTERMOST) << s.end.message;
     ASSERT_GT(s.theirs.size(), 25U);
-    EXPECT_EQ(tail(s.ours.pcs(), s.theirs.size() - 1), tail(s.theirs, s.theirs.size() - 1));
+    EXPECT_EQ(s.ours.size(), s.theirs.size());
+    EXPECT_EQ(tail(s.ours, s.theirs.size() - 1), tail(s.theirs, s.theirs.size() - 1));
 
     Dl_info first = {}, expected = {};
-    ASSERT_NE(dladdr(reinterpret_cast<void *>(s.ours.frames.at(0).pc), &first), 0);
+    ASSERT_NE(dladdr(reinterpret_cast<void *>(s.first.pc), &first), 0);
     ASSERT_NE(dladdr(reinterpret_cast<void *>(walk_thread), &expected), 0);
     EXPECT_EQ(first.dli_fbase, expected.dli_fbase) << "the first frame is the caller's, not the library's";
-    EXPECT_EQ(s.ours.frames.size(), s.theirs.size() + 1) << "walk_thread, and then capture";
 }
 
 own_stacks *in_handler;
 
-void handle(int, siginfo_t *, void *context)
+void handle_signal(int, siginfo_t *, void *context)
 {
-    korva_proc_walk_context(
-        in_handler->proc, context, 0,
-        [](krv_proc_t *, const krv_proc_frame_t *frame, void *arg) {
-            static_cast<walked *>(arg)->frames.push_back(*frame);
-            return 0;
-        },
-        &in_handler->ours, &in_handler->ours.end);
-    _Unwind_Backtrace(keep_ip, &in_handler->theirs);
+    korva_proc_walk_context(in_handler->proc, context, 0, keep_our_frame, &in_handler->ours, &in_handler->end);
+    _Unwind_Backtrace(keep_their_frame, &in_handler->theirs);
 }
 
 TEST(OwnWalk, BeginsWhereASignalInterrupted)
 {
     const proc_ptr proc(korva_proc_self(nullptr));
     ASSERT_NE(proc, nullptr);
-    own_stacks s = {proc.get(), {}, {}};
+    own_stacks s = {proc.get()};
     in_handler = &s;
     struct sigaction action = {}, before = {};
-    action.sa_sigaction = handle;
+    action.sa_sigaction = handle_signal;
     action.sa_flags = SA_SIGINFO;
     sigaction(SIGUSR1, &action, &before);
     raise(SIGUSR1);
     sigaction(SIGUSR1, &before, nullptr);
-    EXPECT_EQ(s.ours.end.reason, KRV_PROC_END_OUTERMOST) << s.ours.end.message;
-    ASSERT_GT(s.ours.frames.size(), 3U);
-    EXPECT_EQ(s.ours.pcs(), tail(s.theirs, s.ours.frames.size()));
+    EXPECT_EQ(s.end.reason, KRV_PROC_END_OUTERMOST) << s.end.message;
+    ASSERT_GT(s.ours.size(), 3U);
+    EXPECT_EQ(s.ours, tail(s.theirs, s.ours.size()));
 }
 
 TEST(OwnWalk, SeesLibrariesLoadedSince)
@@ -294,12 +316,12 @@ TEST(OwnWalk, SeesLibrariesLoadedSince)
     ASSERT_NE(dladdr(dlsym(library, "__ctype_get_mb_cur_max"), &info), 0);
     const auto base = reinterpret_cast<uint64_t>(info.dli_fbase);
     EXPECT_EQ(korva_proc_find_module(proc.get(), base), nullptr);
-    const krv_proc_module_t *own = korva_proc_find_module(proc.get(), reinterpret_cast<uint64_t>(&handle));
+    const krv_proc_module_t *own = korva_proc_find_module(proc.get(), reinterpret_cast<uint64_t>(&handle_signal));
     ASSERT_EQ(korva_proc_refresh(proc.get(), nullptr), 0);
     const krv_proc_module_t *fresh = korva_proc_find_module(proc.get(), base);
     ASSERT_NE(fresh, nullptr);
     EXPECT_EQ(fresh->path, std::filesystem::canonical(info.dli_fname));
-    EXPECT_EQ(korva_proc_find_module(proc.get(), reinterpret_cast<uint64_t>(&handle)), own) << "records stay";
+    EXPECT_EQ(korva_proc_find_module(proc.get(), reinterpret_cast<uint64_t>(&handle_signal)), own) << "records stay";
     dlclose(library);
     ASSERT_EQ(korva_proc_refresh(proc.get(), nullptr), 0);
     EXPECT_EQ(korva_proc_find_module(proc.get(), base), nullptr);

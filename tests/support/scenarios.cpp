@@ -1,0 +1,213 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "support/scenarios.h"
+
+#include "krv_fd.h"
+#include "krv_info.h"
+#include "krv_line.h"
+
+namespace krv_test
+{
+
+// Units and lines
+
+static session make_units()
+{
+    const bytes abbrev_section = abbrevs(
+        "1 compile_unit+ name:string comp_dir:string stmt_list:sec_offset location:exprloc low_pc:addr high_pc:addr;"
+        "2 compile_unit+ name:string comp_dir:string stmt_list:sec_offset; 4 subprogram low_pc:addr high_pc:addr");
+    // Two units: one with bounds of its own, one that is scanned for them.
+    const bytes dir = bytes().cstr("/build").u32(0), end = bytes().u8(0);
+    const bytes first = bytes().uleb(1).cstr("a.c").add(dir).u8(1).u8(1).u64(0x400).u64(0x410).add(end);
+    const bytes second = bytes().uleb(2).cstr("b.c").add(dir).uleb(4).u64(0x900).u64(0x910).add(end);
+    line_unit lines{.dirs = {"src", "gen"}, .files = {{"a.c", 1}, {"b.c", 2}}};
+    std::string rows; // too many for the table of places to be small
+    for (int i = 0; i < 171; ++i)
+        rows += "copy ";
+    lines.program = program("def c.c 1 0 0 at 500 " + rows + "pc 4 end at 400 copy pc 16 end");
+    return {.sections = {{KRV_SEC_ABBREV, abbrev_section},
+                         {KRV_SEC_LINE, lines.build()},
+                         {KRV_SEC_INFO, unit{.dies = first}.build() + unit{.dies = second}.build()},
+                         {KRV_SEC_ARANGES, aranges_set{.tuples = {{0x400, 8}}}.build()}}};
+}
+
+static std::string ask_units(krv_handle_t *hp)
+{
+    std::string answer;
+    krv_fd_t *fdp = korva_fd_alloc(hp);
+    if (fdp == nullptr)
+        return "!cursor";
+    korva_fd_free(fdp);
+    uint64_t offset = 0;
+    for (const uint64_t address : {0x400, 0x900}) {
+        krv_ctu_t *cu = korva_lookup_ctu_by_start_offset(hp, KRV_SEC_INFO, offset);
+        if (cu == nullptr)
+            return "!unit";
+        offset += cu->dcu_size;
+        if (!korva_cu_contains_addr(hp, cu, address, 0))
+            return "!ranges";
+        if (const krv_ctu_t *found = korva_lookup_ctu_by_addr(hp, address, 0); found != cu)
+            return found == nullptr ? "!index" : "another unit";
+        krv_lnph_t *lnph = korva_line_get_cu_lnph(hp, cu);
+        if (lnph == nullptr)
+            return "!header";
+        if (korva_iter_line_entry(hp, lnph, nullptr, nullptr) != 0)
+            return "!walk";
+        krv_lns_t *row = korva_lookup_source_by_cu_and_addr(hp, cu, 0x400, 0x10, 0x408, 0);
+        if (row == nullptr)
+            return "!row";
+        const char *path = krv_lnfe_absolute_path(hp, korva_lns_get_filep(hp, row));
+        if (path == nullptr)
+            return "!path";
+        answer += std::string(cu->dcu_name) + " " + path + "; ";
+    }
+    return answer;
+}
+
+// Frames
+
+static function framed(bool eh)
+{
+    const bytes location = op(DW_OP_reg5), sum = op(DW_OP_breg7).sleb(8);
+    bytes initial =
+        op(DW_CFA_def_cfa).uleb(7).uleb(8).add(op(DW_CFA_offset, 16).uleb(1)).add(op(DW_CFA_same_value).uleb(5));
+    if (!eh)
+        initial.add(op(DW_CFA_VESK_arg_loc).uleb(1).block_uleb(location));
+    const bytes rows = op(DW_CFA_remember_state) + op(DW_CFA_advance_loc, 4) + op(DW_CFA_restore_state) +
+                       op(DW_CFA_def_cfa_expression).block_uleb(sum) +
+                       op(DW_CFA_val_expression).uleb(3).block_uleb(sum);
+    return {.initial = initial, .rows = rows, .eh = eh};
+}
+
+static bytes words()
+{
+    bytes memory;
+    for (unsigned n = 0; n < 16; ++n)
+        memory.u64(0x1010 + n);
+    return memory;
+}
+
+template <bool EH, bool HDR>
+static session make_frames()
+{
+    const bytes section = framed(EH).build();
+    session s{.memory = words()};
+    if (!EH) {
+        s.sections[KRV_SEC_FRAME] = section;
+        return s;
+    }
+    s.eh_frame = eh_frame_address;
+    s.memory.fill(eh_frame_address - stack_address - s.memory.size()).add(section);
+    if (HDR) {
+        s.hdr = stack_address + s.memory.size();
+        const uint64_t fde_address = eh_frame_address + 4 + section.data()[0];
+        const eh_hdr hdr{.entries = {{0x800, 0}, {0x1000, fde_address}, {0x1800, 0}}};
+        s.memory += hdr.build(s.hdr, eh_frame_address);
+    }
+    return s;
+}
+
+static std::string ask_frames(krv_handle_t *hp)
+{
+    const krv_activation_owner ap(korva_activation_alloc(hp));
+    if (ap == nullptr)
+        return "!activation";
+    const struct {
+        krv_reg_type_t type;
+        unsigned int reg;
+        krv_greg_t value;
+    } loads[] = {{KRV_ACTIVATION_REG_DWARF, 7, stack_address},
+                 {KRV_ACTIVATION_REG_DWARF, 5, 0x55},
+                 {KRV_ACTIVATION_REG_LIBRARY, KRV_REG_PC, 0x1008}};
+    for (const auto &l : loads)
+        if (korva_activation_set_greg(hp, ap.get(), l.type, l.reg, l.value) != 0)
+            return "!load";
+    std::string answer;
+    for (int frame = 0; frame < 2; ++frame) {
+        krv_greg_t value = 0;
+        if (korva_activation_get_greg(hp, ap.get(), KRV_ACTIVATION_REG_DWARF, KRV_ACTIVATION_FRAME_CALLER, 3, &value) !=
+            0)
+            return "!caller";
+        uint8_t arg[3][8] = {};
+        uint64_t count = 0;
+        unsigned int argc = 0;
+        if (korva_activation_get_argc(hp, ap.get(), &argc) != 0)
+            return "!number of arguments";
+        if (argc != 0 && frame == 0 &&
+            korva_activation_get_argv(hp, ap.get(), 1, arg[0], arg[1], arg[2], sizeof(arg[0]), &count) != 0)
+            return "!argument";
+        if (korva_activation_unwind(hp, ap.get()) != 0)
+            return "!unwind";
+        answer += text("%llx %x; ", static_cast<unsigned long long>(value), arg[0][0]);
+    }
+    return answer;
+}
+
+// Expressions on their own
+
+static bytes value_expression()
+{
+    return op(DW_OP_addr).u64(stack_address) + op(DW_OP_deref) + op(DW_OP_breg5).sleb(8) + op(DW_OP_plus);
+}
+
+static session make_expressions()
+{
+    const bytes place = op(DW_OP_reg5) + op(DW_OP_piece).uleb(1) + op(DW_OP_addr).u64(stack_address + 8);
+    return {.sections = {{KRV_SEC_LOC, value_expression() + place}}, .memory = words()};
+}
+
+static std::string ask_expressions(krv_handle_t *hp)
+{
+    const krv_activation_owner ap(korva_activation_alloc(hp));
+    if (ap == nullptr || korva_activation_set_greg(hp, ap.get(), KRV_ACTIVATION_REG_DWARF, 5, 0x55) != 0)
+        return "!activation";
+    const std::unique_ptr<krv_exprstack_t, decltype(&korva_expr_free_stack)> stack(korva_expr_alloc_stack(hp),
+                                                                                   korva_expr_free_stack);
+    if (stack == nullptr)
+        return "!stack";
+    krv_fd_t fd = hp->sh_sec[KRV_SEC_LOC];
+    int count = 0;
+    const auto counted = [](krv_handle_t *, uint8_t, krv_operand_t *, unsigned int, void *arg) {
+        return ++*static_cast<int *>(arg), 0;
+    };
+    if (korva_expr_iter_instruction(hp, &fd, 0, counted, &count) != 0)
+        return "!walk";
+    uint64_t value = 0;
+    const uint64_t value_size = value_expression().size();
+    fd = hp->sh_sec[KRV_SEC_LOC];
+    if (korva_fd_truncate(&fd, value_size) != 0 ||
+        korva_expr_execute_expression(hp, stack.get(), ap.get(), &fd, 0, nullptr, nullptr, nullptr) != 0 ||
+        korva_expr_stack_pop(hp, stack.get(), &value) != 0)
+        return "!value";
+    uint8_t object[3] = {};
+    krv_fd_t room;
+    krv_fd_attach_mem(hp, &room, sizeof(object), object);
+    krv_fd_t *const outputs[3] = {&room, nullptr, nullptr};
+    fd = hp->sh_sec[KRV_SEC_LOC];
+    if (korva_fd_seek(&fd, value_size, KRV_FD_SEEK_SET) != 0 ||
+        korva_expr_execute_expression(hp, stack.get(), ap.get(), &fd, KRV_EXPR_F_LOCATION,
+                                      const_cast<krv_fd_t **>(outputs), nullptr, nullptr) != 0)
+        return "!place";
+    return text("%d %llx %02x%02x%02x", count, static_cast<unsigned long long>(value), object[0], object[1], object[2]);
+}
+
+std::span<const scenario> scenarios()
+{
+    static const scenario all[] = {
+        {"units", make_units, ask_units, "a.c /build/src/a.c; b.c /build/src/a.c; ", 60},
+        {".debug_frame", make_frames<false, false>, ask_frames, "7008 55; 7010 0; ", 15},
+        {".eh_frame", make_frames<true, false>, ask_frames, "7008 0; 7010 0; ", 15},
+        {".eh_frame_hdr", make_frames<true, true>, ask_frames, "7008 0; 7010 0; ", 15},
+        {"expressions", make_expressions, ask_expressions, "7 106d 551110", 5},
+    };
+    return all;
+}
+
+void session::set_options(krv_handle_t *hp) const
+{
+    if (eh_frame != 0)
+        korva_handle_set_opt(hp, KRV_OPT_EH_FRAME_ADDR, eh_frame);
+    if (hdr != 0)
+        korva_handle_set_opt(hp, KRV_OPT_EH_FRAME_HDR_ADDR, hdr);
+}
+
+} // namespace krv_test
