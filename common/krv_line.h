@@ -120,11 +120,11 @@ struct krv_lnp {
 krv_lnph_t *krv_lnph_alloc(krv_handle_t *hp, krv_ctu_t *cup, uint64_t offset);
 void krv_lnph_free(krv_lnph_t *lnphp);
 void krv_lnph_free_files(krv_lnph_t *lnphp); // those that are its own
+void krv_line_release(krv_line_common *common);
 
 // The header at `offset` as a record of the unit's own. Units of one program and one compilation directory share what is
 // read for the first of them. NULL on failure.
 krv_lnph_t *krv_line_share_header(krv_handle_t *hp, krv_ctu_t *cup, uint64_t offset);
-void krv_line_release(krv_line_common *common);
 void krv_line_destroy_caches(krv_handle_t *hp);
 
 // Accounts for memory that will be kept until the handle is freed. A sound section needs a fraction of what is granted,

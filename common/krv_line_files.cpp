@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// The file table of a line-number header, and the paths of its files. Paths are composed when they are asked for: with a
-// long directory behind many files they would take many times the section's size.
+// The file table of a line-number header, the paths of its files, and what all of them may take. Paths are composed when
+// they are asked for: with a long directory behind many files they would take many times the section's size.
 #include "krv_line.h"
 
 #include "krv_error.h"
@@ -47,6 +47,18 @@ struct file_array {
 };
 
 } // namespace
+
+bool krv_line_may_keep(krv_handle_t *hp, uint64_t bytes)
+{
+    constexpr uint64_t MOST_BYTES = 64; // of memory a byte of section; a row of one byte, the dearest, takes 48
+    const uint64_t kept = hp->sh_line_bytes + bytes;
+    if (kept > KRV_KEPT_SLACK && (kept - KRV_KEPT_SLACK) / MOST_BYTES > hp->sh_sec[KRV_SEC_LINE].sfd_size) {
+        krv_fail(hp, KRV_ERR_CORRUPT, "line numbers take too much memory for the size of .debug_line");
+        return false;
+    }
+    hp->sh_line_bytes = kept;
+    return true;
+}
 
 static file_array *array_of(krv_lnfe_t **files)
 {

@@ -38,6 +38,17 @@ void krv_lnph_free(krv_lnph_t *lnphp)
     krv_free(lnphp);
 }
 
+void krv_line_release(krv_line_common *common)
+{
+    if (krv_refcnt_dec(&common->slc_refcnt) != 0)
+        return;
+    if (common->slc_matrix != nullptr)
+        krv_line_free_program(common->slc_matrix);
+    if (common->slc_header != nullptr)
+        krv_lnph_free(common->slc_header);
+    krv_free(common);
+}
+
 int krv_lnph_add_directory(krv_handle_t *hp, krv_lnph_t *lnphp, char *directoryp)
 {
     KRV_ASSERT(hp != NULL);

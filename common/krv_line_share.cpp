@@ -9,17 +9,6 @@
 #include "krv_line.h"
 #include "krv_mem.h"
 
-void krv_line_release(krv_line_common *common)
-{
-    if (krv_refcnt_dec(&common->slc_refcnt) != 0)
-        return;
-    if (common->slc_matrix != nullptr)
-        krv_line_free_program(common->slc_matrix);
-    if (common->slc_header != nullptr)
-        krv_lnph_free(common->slc_header);
-    krv_free(common);
-}
-
 namespace
 {
 
@@ -29,18 +18,6 @@ struct common_deleter {
 using common_owner = std::unique_ptr<krv_line_common, common_deleter>;
 
 } // namespace
-
-bool krv_line_may_keep(krv_handle_t *hp, uint64_t bytes)
-{
-    constexpr uint64_t MOST_BYTES = 64; // of memory a byte of section; a row of one byte, the dearest, takes 48
-    const uint64_t kept = hp->sh_line_bytes + bytes;
-    if (kept > KRV_KEPT_SLACK && (kept - KRV_KEPT_SLACK) / MOST_BYTES > hp->sh_sec[KRV_SEC_LINE].sfd_size) {
-        krv_fail(hp, KRV_ERR_CORRUPT, "line numbers take too much memory for the size of .debug_line");
-        return false;
-    }
-    hp->sh_line_bytes = kept;
-    return true;
-}
 
 // Whether reading again would give the same. A section that is attached anew is read by whoever has not asked before.
 static bool is_current(const krv_handle_t *hp, const krv_line_common *common)
