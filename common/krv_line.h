@@ -23,8 +23,8 @@ struct krv_lnfe {
 };
 
 // The line-number program header of one unit. Fixed once published, but for the file table, which a program's own
-// files extend: see krv_lnph_add_file. What units share is read once: the tables, and the matrix when it is the same for all
-// of them, belong to sln_common then.
+// files extend: see krv_lnph_add_file. What units share is read once: the tables, and the matrix when it is the same for
+// all of them, belong to sln_common then.
 struct krv_lnph {
     uint64_t sln_unit_length;
     uint16_t sln_version;
@@ -127,8 +127,9 @@ void krv_line_release(krv_line_common *common);
 krv_lnph_t *krv_line_share_header(krv_handle_t *hp, krv_ctu_t *cup, uint64_t offset);
 void krv_line_destroy_caches(krv_handle_t *hp);
 
-// Accounts for memory that will be kept until the handle is freed. A sound section needs a fraction of what is granted,
-// so that programs that overlap, or that many units read in ways of their own, end here. False: KRV_ERR_CORRUPT.
+// Accounts for memory that will be kept until the handle is freed; 0 asks whether any more may be. A sound section needs
+// a fraction of what is granted: programs that overlap, or that many units read in ways of their own, end here. False:
+// KRV_ERR_CORRUPT.
 bool krv_line_may_keep(krv_handle_t *hp, uint64_t bytes);
 
 // Append a directory, or a file (diridx <= sln_id_entries; cup may be NULL). 0, or -1 with KRV_ERR_NOMEM. Files may be

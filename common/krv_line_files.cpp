@@ -52,12 +52,11 @@ bool krv_line_may_keep(krv_handle_t *hp, uint64_t bytes)
 {
     constexpr uint64_t MOST_BYTES = 64; // of memory a byte of section; a row of one byte, the dearest, takes 48
     const uint64_t kept = hp->sh_line_bytes + bytes;
-    if (kept > KRV_KEPT_SLACK && (kept - KRV_KEPT_SLACK) / MOST_BYTES > hp->sh_sec[KRV_SEC_LINE].sfd_size) {
-        krv_fail(hp, KRV_ERR_CORRUPT, "line numbers take too much memory for the size of .debug_line");
-        return false;
-    }
-    hp->sh_line_bytes = kept;
-    return true;
+    hp->sh_line_bytes = kept; // also when it is refused, lest it be read for that again and again
+    if (kept <= KRV_KEPT_SLACK || (kept - KRV_KEPT_SLACK) / MOST_BYTES <= hp->sh_sec[KRV_SEC_LINE].sfd_size)
+        return true;
+    krv_fail(hp, KRV_ERR_CORRUPT, "line numbers take too much memory for the size of .debug_line");
+    return false;
 }
 
 static file_array *array_of(krv_lnfe_t **files)

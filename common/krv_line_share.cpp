@@ -55,10 +55,12 @@ static krv_hash_t *get_headers(krv_handle_t *hp)
 
 static krv_lnph_t *read_header(krv_handle_t *hp, krv_ctu_t *cup, uint64_t offset)
 {
-    krv_lnph_t *header = krv_lnph_alloc(hp, cup, offset);
-    if (header == nullptr || krv_line_may_keep(hp, sizeof(krv_lnph_t) + header->sln_bytes))
-        return header;
-    krv_lnph_free(header);
+    if (krv_line_may_keep(hp, 0)) {
+        krv_lnph_t *header = krv_lnph_alloc(hp, cup, offset);
+        if (header == nullptr || krv_line_may_keep(hp, sizeof(krv_lnph_t) + header->sln_bytes))
+            return header;
+        krv_lnph_free(header);
+    }
     krv_note(hp, "failed to read .debug_line header at offset %lld", static_cast<long long>(offset));
     return nullptr;
 }
@@ -133,7 +135,7 @@ void krv_line_destroy_caches(krv_handle_t *hp)
 static krv_lnp_t *build_matrix(krv_handle_t *hp, krv_lnph_t *lnphp)
 {
     krv_lnp_t *fresh = nullptr;
-    if (krv_line_build_program(hp, lnphp, &fresh, nullptr, nullptr) != 0)
+    if (!krv_line_may_keep(hp, 0) || krv_line_build_program(hp, lnphp, &fresh, nullptr, nullptr) != 0)
         return nullptr;
     // The matrix is kept: what its tables do not use is given back.
     if (krv_table_trim(hp, &fresh->slnp_lnsp, &fresh->slnp_lnsp_size, fresh->slnp_lnsp_entries) &&
