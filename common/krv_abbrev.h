@@ -32,7 +32,7 @@ struct krv_au_t {
     uint64_t sau_abbrev_table_entries;
     krv_afpair_t *sau_afpair_table; // the pairs of all abbreviations, back to back
     uint64_t sau_afpair_table_entries;
-    krv_hash *sau_hash;      // code -> krv_abbrev_t *; empty when the codes are 1, 2, 3, ... in section order
+    uint32_t *sau_by_code;   // owned: indices by ascending code; NULL when the codes are 1, 2, 3, ... in section order
     krv_offset_t sau_offset; // in .debug_abbrev
 };
 

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Entries: reading one into a record that owns its values, finding attributes, walking the tree. Reading moves the
+// Entries: reading one into a record, finding attributes, walking the tree. Reading moves the
 // section's own cursor.
 #include "krv_code.h"
 #include "krv_dwarf.h"
@@ -9,6 +9,9 @@
 #include "krv_info.h"
 #include "krv_mem.h"
 #include "krv_names.h"
+
+// Bytes of strings that an entry may copy, times those of the sections.
+constexpr uint64_t MOST_COPIES = 4;
 
 using die_owner = std::unique_ptr<krv_die_t, krv_die_deleter>;
 
@@ -26,82 +29,83 @@ static bool is_string(krv_form_t form)
     return (krv_get_form_class(form) & KRV_CLASS_STRING) != 0;
 }
 
-// A cursor with its bytes behind it: one allocation.
-static krv_fd_t *alloc_block(krv_handle_t *hp, uint64_t length)
+// An allocation that the entry frees. Behind it is what a value points to.
+struct krv_die_part_t {
+    krv_die_part_t *next;
+};
+
+static void *alloc_part(krv_handle_t *hp, krv_die_t *die, uint64_t size)
 {
-    if (length > SIZE_MAX - sizeof(krv_fd_t)) {
+    if (size > PTRDIFF_MAX - sizeof(krv_die_part_t)) {
         hp->sh_errno = KRV_ERR_NOMEM;
         return nullptr;
     }
-    auto *block = static_cast<krv_fd_t *>(krv_zalloc(hp, sizeof(krv_fd_t) + length));
-    if (block != nullptr)
-        krv_fd_attach_mem(hp, block, length, length == 0 ? nullptr : reinterpret_cast<uint8_t *>(block + 1));
-    return block;
+    auto *part = static_cast<krv_die_part_t *>(krv_alloc(hp, sizeof(krv_die_part_t) + size));
+    if (part == nullptr)
+        return nullptr;
+    part->next = die->dwdie_parts;
+    die->dwdie_parts = part;
+    return part + 1;
 }
 
-static bool read_block(krv_fd_t *fdp, const krv_encoding_t &encoding, krv_value_t *value)
+// A cursor with a copy of the bytes behind it.
+static bool read_block(krv_fd_t *fdp, const krv_encoding_t &encoding, krv_die_t *die, krv_value_t *value)
 {
     krv_handle_t *hp = fdp->sfd_hp;
     const krv_datum_t datum = krv_block_in_memory(fdp, value->sa_actual);
     size_t length = datum.size;
     if (datum.bytes == nullptr && krv_decode_form(fdp, value->sa_actual, encoding, false, nullptr, 0, &length) != 0)
         return false;
-    krv_owner<krv_fd_t> block(alloc_block(hp, length));
+    auto *block = static_cast<krv_fd_t *>(alloc_part(hp, die, krv_add_offset(sizeof(krv_fd_t), length)));
     if (block == nullptr)
         return false;
-    if (datum.bytes != nullptr) {
-        krv_clear_error(hp);
-        std::memcpy(block.get() + 1, datum.bytes, length);
-        krv_fd_advance(fdp, datum.encoded);
-    } else if (krv_decode_form(fdp, value->sa_actual, encoding, false, block.get(), length, nullptr) != 0) {
-        return false;
-    }
-    value->sa_u.su_addr = block.release();
+    krv_fd_attach_mem(hp, block, length, length == 0 ? nullptr : reinterpret_cast<uint8_t *>(block + 1));
+    value->sa_u.su_addr = block;
+    if (datum.bytes == nullptr)
+        return krv_decode_form(fdp, value->sa_actual, encoding, false, block, length, nullptr) == 0;
+    std::memcpy(block + 1, datum.bytes, length);
+    krv_fd_advance(fdp, datum.encoded);
     return true;
 }
 
-static bool read_string(krv_fd_t *fdp, const krv_encoding_t &encoding, krv_value_t *value)
+// One in memory stays where it is.
+static bool read_string(krv_fd_t *fdp, const krv_encoding_t &encoding, krv_die_t *die, krv_value_t *value)
 {
     krv_handle_t *hp = fdp->sfd_hp;
     const krv_datum_t datum = krv_string_in_memory(fdp, value->sa_actual, encoding);
-    size_t size = datum.size;
-    if (datum.bytes == nullptr && krv_decode_form(fdp, value->sa_actual, encoding, false, nullptr, 0, &size) != 0)
-        return false;
-    krv_owner<char> copy(static_cast<char *>(krv_alloc(hp, size)));
-    if (copy == nullptr)
-        return false;
     if (datum.bytes != nullptr) {
-        krv_clear_error(hp);
-        std::memcpy(copy.get(), datum.bytes, size);
+        value->sa_u.su_addr = const_cast<uint8_t *>(datum.bytes);
         krv_fd_advance(fdp, datum.encoded);
-    } else if (krv_decode_form(fdp, value->sa_actual, encoding, false, copy.get(), size, nullptr) != 0) {
-        return false;
+        return true;
     }
-    value->sa_u.su_addr = copy.release();
-    return true;
+    size_t size = 0;
+    if (krv_decode_form(fdp, value->sa_actual, encoding, false, nullptr, 0, &size) != 0)
+        return false;
+    die->dwdie_copied += size;
+    if (die->dwdie_copied / MOST_COPIES >
+        hp->sh_sec[KRV_SEC_INFO].sfd_size + hp->sh_sec[KRV_SEC_STR].sfd_size + KRV_KEPT_SLACK)
+        return krv_fail(hp, KRV_ERR_CORRUPT, "strings of an entry are too long") == 0;
+    value->sa_u.su_addr = alloc_part(hp, die, size);
+    return value->sa_u.su_addr != nullptr &&
+           krv_decode_form(fdp, value->sa_actual, encoding, false, value->sa_u.su_addr, size, nullptr) == 0;
 }
 
 // Reads one value, stored by the form that the data really have: DW_FORM_indirect may lead to a string or a block.
-static bool read_value(krv_fd_t *fdp, const krv_encoding_t &encoding, krv_form_t form, krv_value_t *value)
+static bool read_value(krv_fd_t *fdp, const krv_encoding_t &encoding, krv_form_t form, krv_die_t *die,
+                       krv_value_t *value)
 {
-    krv_form_t actual = form;
-    if (form == DW_FORM_indirect && krv_decode_indirect(fdp, &actual) != 0)
+    value->sa_form = value->sa_actual = form;
+    value->sa_u.su_unsigned = 0;
+    if (krv_decode_in_memory(fdp, form, encoding, &value->sa_u.su_unsigned))
+        return true;
+    if (form == DW_FORM_indirect && krv_decode_indirect(fdp, &value->sa_actual) != 0)
         return false;
-    value->sa_form = form;
-    value->sa_actual = actual;
-    if (is_block(actual))
-        return read_block(fdp, encoding, value);
-    if (is_string(actual))
-        return read_string(fdp, encoding, value);
-    value->sa_u.su_unsigned = actual == DW_FORM_flag_present ? 1 : 0;
-    return krv_decode(fdp, actual, encoding, &value->sa_u.su_unsigned) == 0;
-}
-
-// Frees a value that was read by itself.
-static void free_value(krv_value_t *value)
-{
-    if (is_string(value->sa_actual) || is_block(value->sa_actual))
-        krv_free(value->sa_u.su_addr);
+    if (is_string(value->sa_actual))
+        return read_string(fdp, encoding, die, value);
+    if (is_block(value->sa_actual))
+        return read_block(fdp, encoding, die, value);
+    value->sa_u.su_unsigned = value->sa_actual == DW_FORM_flag_present ? 1 : 0;
+    return krv_decode(fdp, value->sa_actual, encoding, &value->sa_u.su_unsigned) == 0;
 }
 
 // ---------------------------------------------------------------------------------------------------------------
@@ -112,8 +116,10 @@ void krv_free_die(krv_die_t *die)
 {
     if (die == nullptr)
         return;
-    for (uint32_t i = 0; !die->dwdie_whole && i < die->dwdie_abbrev_cache->dwa_nafpairs; ++i)
-        free_value(&die->dwdie_attrs[i]);
+    for (krv_die_part_t *part = die->dwdie_parts, *next; part != nullptr; part = next) {
+        next = part->next;
+        krv_free(part);
+    }
     krv_free(die);
 }
 
@@ -126,98 +132,17 @@ static krv_au_t *get_abbrev_unit(krv_handle_t *hp, krv_ctu_t *cu)
     return au == nullptr ? nullptr : krv_publish(&cu->dcu_abbrev_unit, au, [](krv_au_t *) {});
 }
 
-// A record with room for the abbreviation's values, none of them read yet.
-static krv_die_t *alloc_record(krv_handle_t *hp, krv_abbrev_t *abbrev)
-{
-    const size_t slots = abbrev->dwa_nafpairs == 0 ? 1 : abbrev->dwa_nafpairs;
-    auto *die =
-        static_cast<krv_die_t *>(krv_zalloc(hp, offsetof(krv_die_t, dwdie_attrs) + slots * sizeof(krv_value_t)));
-    if (die != nullptr)
-        die->dwdie_abbrev_cache = abbrev;
-    return die;
-}
-
-static bool read_values(krv_fd_t *fdp, const krv_encoding_t &encoding, krv_die_t *die)
-{
-    const krv_abbrev_t *abbrev = die->dwdie_abbrev_cache;
-    for (uint32_t i = 0; i < abbrev->dwa_nafpairs; ++i) {
-        const krv_afpair_t pair = abbrev->dwa_afpairs[i];
-        krv_value_t value = {};
-        if (!read_value(fdp, encoding, pair.dwafp_form, &value)) {
-            if (fdp->sfd_hp->sh_errno != KRV_ERR_NOMEM)
-                krv_note(fdp->sfd_hp, "failed to read DIE's datum %d (%s attribute encoded as %s form)",
-                         static_cast<int>(i), krv_name_or_unknown(KRV_DEF_AT, pair.dwafp_attribute),
-                         krv_name_or_unknown(KRV_DEF_FORM, pair.dwafp_form));
-            return false;
-        }
-        die->dwdie_attrs[i] = value; // stored whole or not at all, so that the record can always be freed
-    }
-    return true;
-}
-
-namespace
-{
-
-// The strings and blocks of an entry, found in memory and not copied yet.
-struct found_data {
-    static constexpr uint32_t MOST = 64;
-    krv_value_t values[MOST]; // one a pair; su_addr of a string or block is set when it is copied
-    struct {
-        const uint8_t *bytes;
-        uint64_t size;
-        uint32_t index; // of its value
-        bool is_block;
-    } data[MOST];
-    uint32_t ndata = 0;
-    uint64_t room = 0;    // for all of them
-    uint64_t encoded = 0; // bytes of the values in the section
-};
-
-} // namespace
-
-// What a string or block takes behind the record: a block has its cursor in front, and all are aligned for one.
-static uint64_t datum_room(uint64_t size, bool block)
-{
-    const uint64_t room = krv_add_offset(size, (block ? sizeof(krv_fd_t) : 0) + alignof(krv_fd_t) - 1);
-    return room & ~uint64_t{alignof(krv_fd_t) - 1};
-}
-
-// Finds one value in memory and steps over it.
-static bool find_value(krv_fd_t *fdp, const krv_encoding_t &encoding, krv_form_t form, uint32_t index,
-                       found_data *found)
-{
-    krv_value_t *value = &found->values[index];
-    value->sa_form = value->sa_actual = form;
-    if (krv_decode_in_memory(fdp, form, encoding, &value->sa_u.su_unsigned))
-        return true;
-    if (form == DW_FORM_flag_present) {
-        value->sa_u.su_unsigned = 1;
-        return true;
-    }
-    krv_datum_t datum = krv_string_in_memory(fdp, form, encoding);
-    const bool block = datum.bytes == nullptr;
-    if (block)
-        datum = krv_block_in_memory(fdp, form);
-    if (datum.bytes == nullptr)
-        return false;
-    krv_fd_advance(fdp, datum.encoded);
-    found->data[found->ndata++] = {datum.bytes, datum.size, index, block};
-    found->room = krv_add_offset(found->room, datum_room(datum.size, block));
-    return true;
-}
-
-// Finds all values of an entry that the cursor stands before. Numbers of a fixed width, as most are, differ in nothing
-// but that width.
-static bool find_values(const krv_fd_t *fdp, const krv_encoding_t &encoding, const krv_abbrev_t *abbrev,
-                        found_data *found)
+// Reads all values of an entry and moves the cursor behind them. Numbers of a fixed width, as most are, differ in
+// nothing but that width; what is not such a number in memory, read_value reads.
+static bool read_values(krv_fd_t *fdp, const krv_encoding_t &encoding, const krv_abbrev_t *abbrev, krv_die_t *die)
 {
     const krv_view_t view = krv_fd_view(fdp);
     uint64_t done = 0;
     for (uint32_t i = 0; i < abbrev->dwa_nafpairs; ++i) {
         const krv_form_t form = abbrev->dwa_afpairs[i].dwafp_form;
+        krv_value_t *value = &die->dwdie_attrs[i];
         const size_t width = krv_number_width(form, encoding);
         if (width != 0 && view.size >= sizeof(uint64_t) && done <= view.size - sizeof(uint64_t)) {
-            krv_value_t *value = &found->values[i];
             uint64_t word;
             std::memcpy(&word, view.bytes + done, sizeof(word));
             value->sa_u.su_unsigned = word & UINT64_MAX >> (64 - 8 * width);
@@ -227,49 +152,19 @@ static bool find_values(const krv_fd_t *fdp, const krv_encoding_t &encoding, con
         }
         krv_fd_t fd = *fdp;
         krv_fd_advance(&fd, done);
-        if (!find_value(&fd, encoding, form, i, found))
+        if (!read_value(&fd, encoding, form, die, value)) {
+            if (fdp->sfd_hp->sh_errno != KRV_ERR_NOMEM)
+                krv_note(fdp->sfd_hp, "failed to read DIE's datum %d (%s attribute encoded as %s form)",
+                         static_cast<int>(i), krv_name_or_unknown(KRV_DEF_AT, abbrev->dwa_afpairs[i].dwafp_attribute),
+                         krv_name_or_unknown(KRV_DEF_FORM, form));
             return false;
+        }
         done = fd.sfd_offset - fdp->sfd_offset;
     }
-    found->encoded = done;
+    krv_fd_advance(fdp, done);
+    if (abbrev->dwa_nafpairs != 0)
+        krv_clear_error(fdp->sfd_hp);
     return true;
-}
-
-static void copy_data(krv_handle_t *hp, found_data *found, uint8_t *to)
-{
-    for (uint32_t i = 0; i < found->ndata; ++i) {
-        const auto &datum = found->data[i];
-        found->values[datum.index].sa_u.su_addr = to;
-        if (datum.is_block)
-            krv_fd_attach_mem(hp, reinterpret_cast<krv_fd_t *>(to), datum.size,
-                              datum.size == 0 ? nullptr : to + sizeof(krv_fd_t));
-        std::memcpy(to + (datum.is_block ? sizeof(krv_fd_t) : 0), datum.bytes, datum.size);
-        to += datum_room(datum.size, datum.is_block);
-    }
-}
-
-// The common case: all values are in memory, and the record takes one allocation. NULL: not that case, or no memory for
-// it; nothing has changed.
-static krv_die_t *read_whole(krv_handle_t *hp, krv_fd_t *fdp, const krv_encoding_t &encoding, krv_abbrev_t *abbrev)
-{
-    const uint32_t count = abbrev->dwa_nafpairs;
-    if (count > found_data::MOST)
-        return nullptr;
-    found_data found;
-    if (!find_values(fdp, encoding, abbrev, &found))
-        return nullptr;
-    const size_t values_size = (count == 0 ? 1 : count) * sizeof(krv_value_t);
-    const uint64_t size = krv_add_offset(found.room, offsetof(krv_die_t, dwdie_attrs) + values_size);
-    auto *die = size > PTRDIFF_MAX ? nullptr : static_cast<krv_die_t *>(krv_alloc(hp, size));
-    if (die == nullptr)
-        return nullptr;
-    die->dwdie_abbrev_cache = abbrev;
-    die->dwdie_whole = true;
-    copy_data(hp, &found, reinterpret_cast<uint8_t *>(die->dwdie_attrs) + values_size);
-    std::memcpy(die->dwdie_attrs, found.values, count * sizeof(krv_value_t));
-    krv_fd_advance(fdp, found.encoded); // position only: others may be asking for the size
-    krv_clear_error(hp);
-    return die;
 }
 
 static krv_abbrev_t *find_abbrev(krv_handle_t *hp, krv_au_t *au, uint64_t code)
@@ -289,11 +184,15 @@ static krv_abbrev_t *find_abbrev(krv_handle_t *hp, krv_au_t *au, uint64_t code)
 // Reads the entry whose code the cursor stands behind. NULL: messages pushed.
 static krv_die_t *read_die(krv_handle_t *hp, krv_fd_t *fdp, krv_ctu_t *cu, krv_abbrev_t *abbrev)
 {
-    const krv_encoding_t encoding = krv_cu_encoding(hp, cu);
-    if (krv_die_t *whole = read_whole(hp, fdp, encoding, abbrev))
-        return whole;
-    die_owner die(alloc_record(hp, abbrev));
-    return die != nullptr && read_values(fdp, encoding, die.get()) ? die.release() : nullptr;
+    const size_t slots = abbrev->dwa_nafpairs == 0 ? 1 : abbrev->dwa_nafpairs;
+    die_owner die(
+        static_cast<krv_die_t *>(krv_alloc(hp, offsetof(krv_die_t, dwdie_attrs) + slots * sizeof(krv_value_t))));
+    if (die == nullptr)
+        return nullptr;
+    die->dwdie_abbrev_cache = abbrev;
+    die->dwdie_parts = nullptr;
+    die->dwdie_copied = 0;
+    return read_values(fdp, krv_cu_encoding(hp, cu), abbrev, die.get()) ? die.release() : nullptr;
 }
 
 [[gnu::always_inline]] static inline krv_die_t *alloc_die(krv_handle_t *hp, krv_ctu_t *cu, krv_offset_t offset,

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Units: their headers, their records, and the walk over them. Entries are in krv_die.cpp. Header reading moves the
+// Units: their headers and their records. Entries are in krv_die.cpp. Header reading moves the
 // section's own cursor.
 #include "krv_info.h"
 
@@ -8,8 +8,6 @@
 #include "krv_dwarf.h"
 #include "krv_error.h"
 #include "krv_fd.h"
-#include "krv_line.h"
-#include "krv_lookup.h"
 #include "krv_mem.h"
 
 static const char *section_name(krv_secidx_t sec)
@@ -75,8 +73,6 @@ void krv_cu_free(krv_ctu_t *cu)
     krv_free_die(cu->dcu_compile_unit);
     if (cu->dcu_aranges != nullptr)
         krv_free(krv_ranges_list(cu->dcu_aranges));
-    if (cu->dcu_lnphp != nullptr)
-        krv_lnph_free(cu->dcu_lnphp);
     krv_free(cu);
 }
 
@@ -141,8 +137,7 @@ static krv_ctu_t *keep_unit(krv_handle_t *hp, const krv_ctu_t *cu, const krv_sin
     return kept;
 }
 
-// The one section that units are read from. -1: refused with its message.
-static int check_section(krv_handle_t *hp, krv_secidx_t sec)
+int krv_cu_check_section(krv_handle_t *hp, krv_secidx_t sec)
 {
     if (sec == KRV_SEC_TYPES)
         return krv_fail(hp, KRV_ERR_UNSUPPORTED, ".debug_types is unsupported");
@@ -154,7 +149,7 @@ static int check_section(krv_handle_t *hp, krv_secidx_t sec)
 krv_ctu_t *krv_cu_alloc(krv_handle_t *hp, krv_secidx_t sec, uint64_t offset)
 {
     KRV_ASSERT(hp != NULL);
-    if (check_section(hp, sec) != 0)
+    if (krv_cu_check_section(hp, sec) != 0)
         return nullptr;
     krv_ctu_t cu;
     krv_single_abbrev_t single; // outlives the entry where it fails
@@ -171,21 +166,6 @@ krv_ctu_t *krv_cu_alloc(krv_handle_t *hp, krv_secidx_t sec, uint64_t offset)
     }
     static_cast<void>(die.release()); // the unit's now
     return kept;
-}
-
-int korva_iter_cu(krv_handle_t *hp, krv_secidx_t sec, krv_iter_cu_f *fn, void *arg)
-{
-    if (hp == nullptr)
-        return -1;
-    if (fn == nullptr)
-        return krv_fail_code(hp, KRV_ERR_INVALID);
-    krv_clear_error(hp);
-    if (check_section(hp, sec) != 0 || krv_lookup_build_cu_caches(hp) != 0)
-        return -1;
-    for (uint32_t i = 0; i < hp->sh_cu_table_entries; ++i)
-        if (const int result = fn(hp, hp->sh_cu_table[i], arg))
-            return result;
-    return 0;
 }
 
 int korva_get_cu_cudie(krv_handle_t *hp, krv_ctu_t *cup, krv_die_t **diep)

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Units of .debug_info and their entries. Units are built only while krv_lookup builds the unit table, and are shared;
+// Units of .debug_info and their entries. Units are built only while krv_units builds its table, and are shared;
 // entries are read afresh by whoever navigates and freed by them, but for a unit's first entry, which its unit owns.
 #ifndef KRV_INFO_H
 #define KRV_INFO_H
@@ -24,7 +24,7 @@ struct krv_ctu {
     uint64_t dcu_offset;         // of the unit's first byte in the section
     uint8_t dcu_header_size;     // bytes from there to the first entry
     krv_au_t *dcu_abbrev_unit;   // owned by the handle; NULL until an entry needs it
-    krv_lnph_t *dcu_lnphp;       // owned
+    krv_lnph_t *dcu_lnphp;       // freed by who frees the unit
     size_t dcu_size;             // whole unit, length field included
     uint64_t *dcu_aranges;       // owned: (start, end) pairs; NULL while unknown; see krv_ranges_count
     size_t dcu_aranges_size;     // number of pairs
@@ -40,24 +40,30 @@ inline krv_encoding_t krv_cu_encoding(const krv_handle_t *hp, const krv_ctu_t *c
     return {(cu->dcu_flags & KRV_CU_FLAG_DWARF64) != 0, static_cast<uint8_t>(hp->sh_target_size), cu->dcu_version, cu};
 }
 
-// One entry, independent of its section once read.
+struct krv_die_part_t;
+
+// One entry. Its strings stay in sections that are in memory; all else is independent of its section once read.
 struct krv_die {
     uint32_t dwdie_code;
     krv_ctu_t *dwdie_parent_cu;
     krv_offset_t dwdie_cu_offset;      // from the unit's first byte
     krv_offset_t dwdie_section_offset; // from the section's
     krv_abbrev_t *dwdie_abbrev_cache;
-    bool dwdie_whole;           // strings and blocks stand behind the values, in the record's own allocation
-    size_t dwdie_bufsize;       // encoded size: code and values, not the children
-    krv_value_t dwdie_attrs[1]; // one a pair of the abbreviation
+    krv_die_part_t *dwdie_parts; // owned: its blocks, and strings of sections behind call-backs
+    uint64_t dwdie_copied;       // bytes of such strings
+    size_t dwdie_bufsize;        // encoded size: code and values, not the children
+    krv_value_t dwdie_attrs[1];  // one a pair of the abbreviation
 };
 
 // Reads the unit header at `offset` of .debug_info or .debug_types. 0 or -1. Moves the section's cursor.
 int krv_info_hdr_read(krv_handle_t *hp, krv_ctu_t *cu, krv_secidx_t sec, uint64_t offset);
 
+// The one section that units are read from. -1: refused with its message.
+int krv_cu_check_section(krv_handle_t *hp, krv_secidx_t sec);
+
 // The unit at `offset` with its first entry and its two names, or NULL.
 krv_ctu_t *krv_cu_alloc(krv_handle_t *hp, krv_secidx_t sec, uint64_t offset);
-void krv_cu_free(krv_ctu_t *cu);
+void krv_cu_free(krv_ctu_t *cu); // not its line-number header, which is read above
 
 // The entry at a unit-relative offset. NULL on failure, and NULL with KRV_ERR_NOTFOUND and no message for a null
 // entry; the section cursor then stands behind it. Clears the error state. Free with krv_free_die.

@@ -8,8 +8,8 @@
 #include "krv_error.h"
 #include "krv_fd.h"
 #include "krv_frame.h"
-#include "krv_lookup.h"
 #include "krv_mem.h"
+#include "krv_units.h"
 
 #include <cstdarg>
 #include <cstdio>
