@@ -410,9 +410,10 @@ static bool check_abbrevs(const uint8_t **where, const uint8_t *end, uint64_t co
     return found;
 }
 
+constexpr krv_offset_t NONE = UINT64_MAX; // sh_abbrev_checked: no sound table
+
 bool krv_abbrev_check_table(krv_handle_t *hp, krv_offset_t offset, uint64_t code, krv_single_abbrev_t *single)
 {
-    constexpr krv_offset_t NONE = UINT64_MAX;
     const krv_fd_t *fdp = &hp->sh_sec[KRV_SEC_ABBREV];
     if (krv_fd_is_cb(fdp) || offset >= fdp->sfd_size)
         return false;
@@ -484,6 +485,15 @@ krv_abbrev_t *krv_get_abbrev(krv_handle_t *hp, krv_au_t *au, unsigned int code)
     }
     krv_fail(hp, KRV_ERR_CORRUPT, "abbreviation code %u not found", code);
     return nullptr;
+}
+
+int krv_abbrev_forget_checks(krv_handle_t *hp)
+{
+    if (hp->sh_abbrev_checked_end != 0 && hp->sh_abbrev_checked != NONE &&
+        krv_get_au_by_offset(hp, hp->sh_abbrev_checked) == nullptr && hp->sh_errno == KRV_ERR_NOMEM)
+        return -1;
+    hp->sh_abbrev_checked_end = 0;
+    return 0;
 }
 
 static int free_cached(void *value)

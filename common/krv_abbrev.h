@@ -48,6 +48,10 @@ struct krv_single_abbrev_t {
 // was checked last. The caller holds the handle's write lock.
 bool krv_abbrev_check_table(krv_handle_t *hp, krv_offset_t offset, uint64_t code, krv_single_abbrev_t *single);
 
+// Comes before the section is replaced: parses the table that was checked last, and checks anew from then on. 0, or -1
+// with KRV_ERR_NOMEM.
+int krv_abbrev_forget_checks(krv_handle_t *hp);
+
 // The table at `offset`, parsed and cached on first use; it lives until the handle is freed. NULL on failure.
 krv_au_t *krv_get_au_by_offset(krv_handle_t *hp, krv_offset_t offset);
 

@@ -10,9 +10,6 @@
 #include "krv_mem.h"
 #include "krv_names.h"
 
-// Bytes of strings that an entry may copy, times those of the sections.
-constexpr uint64_t MOST_COPIES = 4;
-
 using die_owner = std::unique_ptr<krv_die_t, krv_die_deleter>;
 
 // ---------------------------------------------------------------------------------------------------------------
@@ -81,10 +78,11 @@ static bool read_string(krv_fd_t *fdp, const krv_encoding_t &encoding, krv_die_t
     size_t size = 0;
     if (krv_decode_form(fdp, value->sa_actual, encoding, false, nullptr, 0, &size) != 0)
         return false;
-    die->dwdie_copied += size;
-    if (die->dwdie_copied / MOST_COPIES >
-        hp->sh_sec[KRV_SEC_INFO].sfd_size + hp->sh_sec[KRV_SEC_STR].sfd_size + KRV_KEPT_SLACK)
-        return krv_fail(hp, KRV_ERR_CORRUPT, "strings of an entry are too long") == 0;
+    die->dwdie_copied = krv_add_offset(die->dwdie_copied, size);
+    if (!krv_may_copy(hp, die->dwdie_copied)) {
+        krv_fail(hp, KRV_ERR_CORRUPT, "the entry's strings are too long");
+        return false;
+    }
     value->sa_u.su_addr = alloc_part(hp, die, size);
     return value->sa_u.su_addr != nullptr &&
            krv_decode_form(fdp, value->sa_actual, encoding, false, value->sa_u.su_addr, size, nullptr) == 0;
@@ -123,7 +121,7 @@ void krv_free_die(krv_die_t *die)
     krv_free(die);
 }
 
-static krv_au_t *get_abbrev_unit(krv_handle_t *hp, krv_ctu_t *cu)
+krv_au_t *krv_cu_abbrevs(krv_handle_t *hp, krv_ctu_t *cu)
 {
     if (krv_au_t *au = krv_load(&cu->dcu_abbrev_unit))
         return au;
@@ -195,8 +193,28 @@ static krv_die_t *read_die(krv_handle_t *hp, krv_fd_t *fdp, krv_ctu_t *cu, krv_a
     return read_values(fdp, krv_cu_encoding(hp, cu), abbrev, die.get()) ? die.release() : nullptr;
 }
 
+// Attributes that a walk over entries of a unit may read: those without bytes (DW_FORM_flag_present) are few among the
+// others.
+static uint64_t most_attributes(const krv_ctu_t *cu)
+{
+    constexpr uint64_t MOST = 64; // a byte
+    return cu->dcu_size > UINT64_MAX / MOST ? UINT64_MAX : MOST * cu->dcu_size;
+}
+
+static bool take_attributes(krv_handle_t *hp, const krv_abbrev_t *abbrev, uint64_t section_offset, uint64_t *left)
+{
+    if (abbrev->dwa_nafpairs > *left) {
+        krv_fail(hp, KRV_ERR_CORRUPT, "too many attributes in the entries up to offset %lu",
+                 static_cast<unsigned long>(section_offset));
+        return false;
+    }
+    *left -= abbrev->dwa_nafpairs;
+    return true;
+}
+
+// `left`: attributes that the walk may still read.
 [[gnu::always_inline]] static inline krv_die_t *alloc_die(krv_handle_t *hp, krv_ctu_t *cu, krv_offset_t offset,
-                                                          krv_single_abbrev_t *single)
+                                                          krv_single_abbrev_t *single, uint64_t *left)
 {
     krv_clear_error(hp);
     krv_fd_t *fdp = &hp->sh_sec[cu->dcu_section];
@@ -213,12 +231,13 @@ static krv_die_t *read_die(krv_handle_t *hp, krv_fd_t *fdp, krv_ctu_t *cu, krv_a
         if (single != nullptr && krv_abbrev_check_table(hp, cu->dcu_debug_abbrev_offset, code, single)) {
             abbrev = &single->ssa_abbrev;
         } else {
-            krv_au_t *au = get_abbrev_unit(hp, cu);
+            krv_au_t *au = krv_cu_abbrevs(hp, cu);
             if (au == nullptr)
                 return nullptr;
             abbrev = find_abbrev(hp, au, code);
         }
-        die = abbrev == nullptr ? nullptr : read_die(hp, fdp, cu, abbrev);
+        if (abbrev != nullptr && take_attributes(hp, abbrev, section_offset, left))
+            die = read_die(hp, fdp, cu, abbrev);
     }
     if (die == nullptr) {
         krv_note(hp, "could not allocate DIE at %+lld within CU at %lld within %s", static_cast<long long>(offset),
@@ -234,6 +253,12 @@ static krv_die_t *read_die(krv_handle_t *hp, krv_fd_t *fdp, krv_ctu_t *cu, krv_a
     return die;
 }
 
+// The next entry of a walk.
+static krv_die_t *next_die(krv_handle_t *hp, krv_ctu_t *cu, krv_offset_t offset, uint64_t *left)
+{
+    return alloc_die(hp, cu, offset, nullptr, left);
+}
+
 krv_die_t *krv_alloc_die_by_cu_offset(krv_handle_t *hp, krv_ctu_t *cu, krv_offset_t offset)
 {
     if (hp == nullptr)
@@ -242,12 +267,14 @@ krv_die_t *krv_alloc_die_by_cu_offset(krv_handle_t *hp, krv_ctu_t *cu, krv_offse
         hp->sh_errno = KRV_ERR_INVALID;
         return nullptr;
     }
-    return alloc_die(hp, cu, offset, nullptr);
+    uint64_t left = UINT64_MAX;
+    return next_die(hp, cu, offset, &left);
 }
 
 krv_die_t *krv_alloc_first_die(krv_handle_t *hp, krv_ctu_t *cu, krv_single_abbrev_t *single)
 {
-    return alloc_die(hp, cu, cu->dcu_header_size, single);
+    uint64_t left = UINT64_MAX; // krv_units counts them
+    return alloc_die(hp, cu, cu->dcu_header_size, single, &left);
 }
 
 // The class of a value's form. Behind DW_FORM_indirect, which has none, strings and blocks are what they are.
@@ -356,15 +383,21 @@ krv_die_t *krv_alloc_die_by_attribute(krv_handle_t *hp, krv_die_t *die, krv_attr
     return krv_alloc_die_by_cu_offset(hp, die->dwdie_parent_cu, offset);
 }
 
-krv_die_t *krv_alloc_die_child(krv_handle_t *hp, krv_die_t *die)
+static krv_die_t *first_child(krv_handle_t *hp, krv_die_t *die, uint64_t *left)
 {
-    KRV_ASSERT(hp != NULL);
-    KRV_ASSERT(die != NULL);
     if (!has_children(die)) {
         hp->sh_errno = KRV_ERR_NOTFOUND;
         return nullptr;
     }
-    return krv_alloc_die_by_cu_offset(hp, die->dwdie_parent_cu, offset_behind(die));
+    return next_die(hp, die->dwdie_parent_cu, offset_behind(die), left);
+}
+
+krv_die_t *krv_alloc_die_child(krv_handle_t *hp, krv_die_t *die)
+{
+    KRV_ASSERT(hp != NULL);
+    KRV_ASSERT(die != NULL);
+    uint64_t left = most_attributes(die->dwdie_parent_cu);
+    return first_child(hp, die, &left);
 }
 
 // Where an entry's DW_AT_sibling leads. -1 with KRV_ERR_NOTFOUND when it has none. One that does not lead forward
@@ -383,17 +416,17 @@ static int get_sibling_link(krv_handle_t *hp, krv_die_t *die, krv_offset_t *offs
 // The offset behind the null entry that ends the children of an entry without DW_AT_sibling. Walks its subtree in
 // section order, counting levels instead of recursing, and skips subtrees by their sibling links; every step moves
 // forward. 0 or -1.
-static int skip_children(krv_handle_t *hp, krv_die_t *top, krv_offset_t *offsetp)
+static int skip_children(krv_handle_t *hp, krv_die_t *top, krv_offset_t *offsetp, uint64_t *left)
 {
     krv_ctu_t *cu = top->dwdie_parent_cu;
-    krv_offset_t parent = top->dwdie_cu_offset; // whose first child is due, when first_child
+    krv_offset_t parent = top->dwdie_cu_offset; // whose first child is due, when is_first
     krv_offset_t offset = offset_behind(top);
-    bool first_child = true;
+    bool is_first = true;
     uint64_t level = 1;
     while (level > 0) {
-        const die_owner die(krv_alloc_die_by_cu_offset(hp, cu, offset));
+        const die_owner die(next_die(hp, cu, offset, left));
         if (die == nullptr) {
-            if (first_child)
+            if (is_first)
                 return krv_fail(hp, KRV_ERR_CORRUPT, "Couldn't obtain child for %s DIE at %lld/%+lld", ".debug_info",
                                 static_cast<long long>(cu->dcu_offset), static_cast<long long>(parent));
             if (hp->sh_errno != KRV_ERR_NOTFOUND)
@@ -402,14 +435,14 @@ static int skip_children(krv_handle_t *hp, krv_die_t *top, krv_offset_t *offsetp
             offset = hp->sh_sec[cu->dcu_section].sfd_offset - cu->dcu_offset; // behind the null entry
             continue;
         }
-        first_child = false;
+        is_first = false;
         if (has_children(die.get()) && get_sibling_link(hp, die.get(), &offset) == 0)
             continue;
         if (has_children(die.get())) {
             if (hp->sh_errno != KRV_ERR_NOTFOUND)
                 return -1;
             parent = die->dwdie_cu_offset;
-            first_child = true;
+            is_first = true;
             ++level;
         }
         offset = offset_behind(die.get());
@@ -418,15 +451,21 @@ static int skip_children(krv_handle_t *hp, krv_die_t *top, krv_offset_t *offsetp
     return 0;
 }
 
+static krv_die_t *next_sibling(krv_handle_t *hp, krv_die_t *die, uint64_t *left)
+{
+    krv_offset_t offset = offset_behind(die);
+    if (has_children(die) && get_sibling_link(hp, die, &offset) != 0 &&
+        (hp->sh_errno != KRV_ERR_NOTFOUND || skip_children(hp, die, &offset, left) != 0))
+        return nullptr;
+    return next_die(hp, die->dwdie_parent_cu, offset, left);
+}
+
 krv_die_t *krv_alloc_die_sibling(krv_handle_t *hp, krv_die_t *die)
 {
     KRV_ASSERT(hp != NULL);
     KRV_ASSERT(die != NULL);
-    krv_offset_t offset = offset_behind(die);
-    if (has_children(die) && get_sibling_link(hp, die, &offset) != 0 &&
-        (hp->sh_errno != KRV_ERR_NOTFOUND || skip_children(hp, die, &offset) != 0))
-        return nullptr;
-    return krv_alloc_die_by_cu_offset(hp, die->dwdie_parent_cu, offset);
+    uint64_t left = most_attributes(die->dwdie_parent_cu);
+    return next_sibling(hp, die, &left);
 }
 
 int krv_iter_children_in_die(krv_handle_t *hp, krv_die_t *die, krv_iter_die_children_f *fn, void *arg)
@@ -434,14 +473,15 @@ int krv_iter_children_in_die(krv_handle_t *hp, krv_die_t *die, krv_iter_die_chil
     KRV_ASSERT(hp != NULL);
     KRV_ASSERT(die != NULL);
     KRV_ASSERT(fn != NULL);
-    die_owner child(krv_alloc_die_child(hp, die));
+    uint64_t left = most_attributes(die->dwdie_parent_cu);
+    die_owner child(first_child(hp, die, &left));
     if (child == nullptr) {
         krv_note(hp, "DIE has no children");
         return 0;
     }
     while (child != nullptr) {
         const int result = fn(hp, child.get(), arg);
-        die_owner sibling(krv_alloc_die_sibling(hp, child.get()));
+        die_owner sibling(next_sibling(hp, child.get(), &left));
         if (result != 0)
             return result;
         child = std::move(sibling);

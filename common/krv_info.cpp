@@ -83,6 +83,9 @@ namespace
 struct unit_name {
     const char *text = nullptr;
     size_t length = 0;
+
+    // Bytes of the copy that is needed where it is cut; the entry lives as long as the unit.
+    size_t copied() const { return text == nullptr || text[length] == '\0' ? 0 : length + 1; }
 };
 
 } // namespace
@@ -93,15 +96,16 @@ static bool find_name(krv_handle_t *hp, krv_die_t *die, krv_attribute_t attr, un
     return name->text != nullptr || hp->sh_errno == KRV_ERR_NOTFOUND;
 }
 
-// Puts a copy where there is room for it. Returns what is behind.
-static char *copy_name(const unit_name *name, char *to, char **copyp)
+// The text itself, or where it is cut a copy, put where there is room for it. Returns what is behind.
+static char *keep_name(const unit_name *name, char *to, char **keptp)
 {
-    if (name->text == nullptr)
+    *keptp = const_cast<char *>(name->text);
+    if (name->copied() == 0)
         return to;
     std::memcpy(to, name->text, name->length);
     to[name->length] = '\0';
-    *copyp = to;
-    return to + name->length + 1;
+    *keptp = to;
+    return to + name->copied();
 }
 
 // A copy of an abbreviation that stands by itself. `to` has room for it and its pairs.
@@ -113,7 +117,7 @@ static krv_abbrev_t *copy_abbrev(const krv_abbrev_t *abbrev, krv_abbrev_t *to)
     return to;
 }
 
-// The unit in an allocation of its own, with its two names and, when it is *single, the abbreviation of its first
+// The unit in an allocation of its own, with names that are cut and, when it is *single, the abbreviation of its first
 // entry; or NULL. Takes over the entry when it succeeds.
 static krv_ctu_t *keep_unit(krv_handle_t *hp, const krv_ctu_t *cu, const krv_single_abbrev_t *single)
 {
@@ -124,15 +128,16 @@ static krv_ctu_t *keep_unit(krv_handle_t *hp, const krv_ctu_t *cu, const krv_sin
     const bool by_itself = die->dwdie_abbrev_cache == &single->ssa_abbrev;
     const size_t abbrev_size =
         by_itself ? sizeof(krv_abbrev_t) + single->ssa_abbrev.dwa_nafpairs * sizeof(krv_afpair_t) : 0;
-    const size_t size = sizeof(*cu) + abbrev_size + comp_dir.length + 1 + name.length + 1;
-    auto *kept = static_cast<krv_ctu_t *>(krv_alloc(hp, size));
+    const size_t names_size = comp_dir.copied() + name.copied();
+    auto *kept = static_cast<krv_ctu_t *>(krv_alloc(hp, sizeof(*cu) + abbrev_size + names_size));
     if (kept == nullptr)
         return nullptr;
     *kept = *cu;
     if (by_itself)
         die->dwdie_abbrev_cache = copy_abbrev(&single->ssa_abbrev, reinterpret_cast<krv_abbrev_t *>(kept + 1));
     char *names = reinterpret_cast<char *>(kept + 1) + abbrev_size;
-    copy_name(&name, copy_name(&comp_dir, names, &kept->dcu_comp_dir), &kept->dcu_name);
+    keep_name(&name, keep_name(&comp_dir, names, &kept->dcu_comp_dir), &kept->dcu_name);
+    die->dwdie_copied += names_size;
     die->dwdie_parent_cu = kept;
     return kept;
 }

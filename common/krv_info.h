@@ -6,6 +6,7 @@
 #define KRV_INFO_H
 
 #include "krv_abbrev.h"
+#include "krv_fd.h"
 #include "krv_form.h"
 #include "krv_types.h"
 
@@ -29,7 +30,7 @@ struct krv_ctu {
     uint64_t *dcu_aranges;       // owned: (start, end) pairs; NULL while unknown; see krv_ranges_count
     size_t dcu_aranges_size;     // number of pairs
     krv_die_t *dcu_compile_unit; // owned: the first entry
-    char *dcu_comp_dir;          // behind the record, in its allocation; NULL when the entry has none
+    char *dcu_comp_dir;          // the entry's, or cut behind the record; NULL when the entry has none
     char *dcu_name;              // likewise
     uint32_t dcu_flags;          // KRV_CU_FLAG_*
 };
@@ -50,7 +51,7 @@ struct krv_die {
     krv_offset_t dwdie_section_offset; // from the section's
     krv_abbrev_t *dwdie_abbrev_cache;
     krv_die_part_t *dwdie_parts; // owned: its blocks, and strings of sections behind call-backs
-    uint64_t dwdie_copied;       // bytes of such strings
+    uint64_t dwdie_copied;       // bytes of such strings, and of its names that its unit keeps cut
     size_t dwdie_bufsize;        // encoded size: code and values, not the children
     krv_value_t dwdie_attrs[1];  // one a pair of the abbreviation
 };
@@ -88,10 +89,38 @@ int krv_get_die_tag(krv_handle_t *hp, krv_die_t *die, krv_tag_t *tagp);
 const char *krv_find_die_string(krv_handle_t *hp, krv_die_t *die, krv_attribute_t attr, size_t size, size_t *lengthp);
 int krv_get_die_string_attr(krv_handle_t *hp, krv_die_t *die, krv_attribute_t attr, char *buf, size_t size);
 
+// Whether entries may copy so many bytes of strings: some times those of the sections.
+inline bool krv_may_copy(const krv_handle_t *hp, uint64_t bytes)
+{
+    constexpr uint64_t MOST_COPIES = 16; // of a byte, on the average
+    const uint64_t size = krv_add_offset(hp->sh_sec[KRV_SEC_INFO].sfd_size, hp->sh_sec[KRV_SEC_STR].sfd_size);
+    return bytes <= KRV_KEPT_SLACK || (bytes - KRV_KEPT_SLACK) / MOST_COPIES <= size;
+}
+
 // Navigation: a new entry, or NULL, with KRV_ERR_NOTFOUND where there is none.
 krv_die_t *krv_alloc_die_child(krv_handle_t *hp, krv_die_t *die);
 krv_die_t *krv_alloc_die_sibling(krv_handle_t *hp, krv_die_t *die);
 krv_die_t *krv_alloc_die_by_attribute(krv_handle_t *hp, krv_die_t *die, krv_attribute_t attr);
+
+// The abbreviation table of a unit, read on first use. NULL on failure.
+krv_au_t *krv_cu_abbrevs(krv_handle_t *hp, krv_ctu_t *cu);
+
+// Calls visit(char **) on each pointer of a unit to a string that its entry has.
+template <typename Visit>
+void krv_cu_visit_strings(krv_ctu_t *cu, const Visit &visit)
+{
+    krv_die_t *die = cu->dcu_compile_unit;
+    visit(&cu->dcu_name);
+    visit(&cu->dcu_comp_dir);
+    for (uint32_t i = 0; i < die->dwdie_abbrev_cache->dwa_nafpairs; ++i) {
+        krv_value_t *value = &die->dwdie_attrs[i];
+        if ((krv_form_row(value->sa_actual).classes & KRV_CLASS_STRING) == 0)
+            continue;
+        char *text = static_cast<char *>(value->sa_u.su_addr);
+        visit(&text);
+        value->sa_u.su_addr = text;
+    }
+}
 
 // Calls fn for each child; the child is freed afterwards. 0, fn's non-zero result, or -1.
 typedef int krv_iter_die_children_f(krv_handle_t *hp, krv_die_t *child, void *arg);

@@ -12,4 +12,8 @@
 int krv_lookup_build_cu_caches(krv_handle_t *hp);
 void krv_lookup_destroy_cu_caches(krv_handle_t *hp);
 
+// Comes before a section is replaced. What was read of it stays as it was: abbreviation tables that were only checked are
+// parsed, and strings that lie in it are kept. 0, or -1 with KRV_ERR_NOMEM. Clears the error state otherwise.
+int krv_units_keep_section(krv_handle_t *hp, krv_secidx_t sec);
+
 #endif
