@@ -39,8 +39,8 @@ if(KORVA_TOOLS)
 endif()
 list(TRANSFORM headers PREPEND ${CMAKE_SOURCE_DIR}/include/)
 install(FILES ${headers} DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} COMPONENT development)
-install(DIRECTORY ${CMAKE_SOURCE_DIR}/include/libkorva DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} COMPONENT development
-        FILES_MATCHING PATTERN *.h)
+install(DIRECTORY ${CMAKE_SOURCE_DIR}/include/libkorva ${CMAKE_SOURCE_DIR}/include/korva
+        DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} COMPONENT development FILES_MATCHING PATTERN *.h PATTERN *.hpp)
 
 configure_package_config_file(cmake/korva-config.cmake.in ${CMAKE_BINARY_DIR}/korva-config.cmake
                               INSTALL_DESTINATION ${korva_package_dir})

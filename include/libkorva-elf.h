@@ -110,7 +110,7 @@ typedef int krv_elf_iter_note_f(krv_elf_t *elf, const krv_elf_note_t *note, void
  *  - "forms": attributes that lead into other units or files (DW_FORM_ref_addr, DW_FORM_GNU_*) become plain numbers
  *  - "long-numbers": positive DW_FORM_sdata of ten bytes become blocks of their 8 bytes, the least significant first
  *  - "line-sequences": lines of functions that the linker dropped are left out
- *  - "ranges": address ranges that .debug_aranges does not tell are taken from the units
+ *  - "ranges": address ranges that .debug_aranges does not tell are taken from the units; a damaged set is left out
  *
  * A file without .debug_info gets its sections (and, when it has no .symtab, its symbols) from a separate debug file:
  * by build-id under /usr/lib/debug/.build-id, else by .gnu_debuglink beside the file, in .debug, or under
@@ -152,11 +152,15 @@ KORVA_API int korva_elf_iter_notes(krv_elf_t *elf, krv_elf_iter_note_f *func, vo
 
 /**
  * The function symbols of .symtab (of .dynsym when there is no .symtab), ascending by address; of several at one
- * address all are there, global before weak before local. Stores their number; NULL with 0 when there are none.
+ * address all are there, global before weak before local. Labels in code are among them, but for those whose name begins
+ * with ".L", which compilers make for themselves. Stores their number; NULL with 0 when there are none.
  */
 KORVA_API const krv_elf_symbol_t *korva_elf_get_symbols(krv_elf_t *elf, size_t *countp);
 
-/** The function symbol that covers @p address; of several the first of the innermost. NULL when none does. */
+/**
+ * The function symbol that covers @p address; of several the first of the innermost. A label (a symbol of no type and no
+ * size, as of hand-written assembly) answers only where no function covers. NULL when none does.
+ */
 KORVA_API const krv_elf_symbol_t *korva_elf_lookup_symbol(krv_elf_t *elf, uint64_t address);
 
 /** The first function symbol of that name; else the first of that name with a version, as in name@@V_1; or NULL. */

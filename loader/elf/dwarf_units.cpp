@@ -9,6 +9,16 @@
 namespace krv_elf_loader
 {
 
+namespace
+{
+
+uint32_t narrow(uint64_t number)
+{
+    return static_cast<uint32_t>(std::min(number, uint64_t{UINT32_MAX}));
+}
+
+} // namespace
+
 bool read_unit(byte_span info, uint64_t offset, unit *u, std::string *reason)
 {
     cursor c(info, offset);
@@ -62,12 +72,10 @@ abbreviation_table::abbreviation_table(byte_span section, uint64_t offset) : fir
         abbrev.tag = c.uleb();
         abbrev.has_children = c.byte() != 0;
         for (;;) {
-            attribute_form pair = {c.uleb(), 0, c.at(), 0};
-            pair.form = c.uleb();
-            pair.form_width = c.at() - pair.form_at;
-            if (!c.ok() || (pair.name == 0 && pair.form == 0))
+            const uint64_t name = c.uleb(), form_at = c.at(), form = c.uleb();
+            if (!c.ok() || (name == 0 && form == 0))
                 break;
-            abbrev.attributes.push_back(pair);
+            abbrev.attributes.push_back({narrow(name), narrow(form), narrow(c.at() - form_at), form_at});
         }
         if (!c.ok())
             break;

@@ -36,11 +36,12 @@ bool read_unit(byte_span info, uint64_t offset, unit *u, std::string *reason);
 // whose header is damaged.
 std::vector<unit> read_units(byte_span info);
 
+// Small: of every 2 bytes there may be one.
 struct attribute_form {
-    uint64_t name;
-    uint64_t form;
-    uint64_t form_at; // where the form stands in .debug_abbrev
-    size_t form_width;
+    uint32_t name; // UINT32_MAX for any larger, as for forms: none of them is known
+    uint32_t form;
+    uint32_t form_width; // bytes
+    uint64_t form_at;    // where the form stands in .debug_abbrev
 };
 
 struct abbreviation {
@@ -80,7 +81,7 @@ public:
     const abbreviation_table &at(uint64_t offset);
 
 private:
-    static constexpr uint64_t MOST_READINGS = 4; // of a byte, on the average
+    static constexpr uint64_t MOST_READINGS = 2; // of a byte, on the average
 
     byte_span section;
     uint64_t left; // bytes that may still be read

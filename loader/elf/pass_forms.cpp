@@ -37,7 +37,7 @@ const char *name_of(uint64_t form)
 }
 
 // The form that the core reads in its place: a number that says where it leads.
-uint64_t plain_form(const unit &u, uint64_t form)
+uint8_t plain_form(const unit &u, uint64_t form)
 {
     if (form == DW_FORM_GNU_addr_index || form == DW_FORM_GNU_str_index)
         return DW_FORM_udata;
@@ -46,30 +46,35 @@ uint64_t plain_form(const unit &u, uint64_t form)
 
 // What was done in one abbreviation table.
 struct table_change {
-    std::map<uint64_t, uint64_t> plain; // by offset of the form
-    std::map<uint64_t, size_t> counts;  // by form
+    std::vector<uint8_t> plain;        // forms, of its attributes that lead elsewhere, one after the other
+    std::map<uint64_t, size_t> counts; // by form
 };
 
 void change_table(view *v, const char *name, const unit &u, const abbreviation_table &table, table_change *change)
 {
     view_section *abbrev = v->find(KRV_SEC_ABBREV);
+    const attribute_form *misread = nullptr; // the first
+    size_t count = 0, next = 0;
     for (const abbreviation &a : table.all())
         for (const attribute_form &pair : a.attributes) {
-            const char *form_name = name_of(pair.form);
-            if (form_name == nullptr)
+            if (name_of(pair.form) == nullptr)
                 continue;
-            const uint64_t plain = plain_form(u, pair.form);
-            const auto [known, fresh] = change->plain.try_emplace(pair.form_at, plain);
-            if (fresh) {
+            const uint8_t plain = plain_form(u, pair.form);
+            if (next == change->plain.size()) {
+                change->plain.push_back(plain);
                 write_padded_uleb(abbrev->writable().data() + pair.form_at, plain, pair.form_width);
                 ++change->counts[pair.form];
-            } else if (known->second != plain) {
-                v->add_note({name, abbrev->name, pair.form_at, true,
-                             fmt::format("units that share the abbreviation table at offset {:#x} give {} different "
-                                         "sizes: those of the unit at offset {:#x} of .debug_info are misread",
-                                         table.begin(), form_name, u.offset)});
+            } else if (change->plain[next] != plain && count++ == 0) {
+                misread = &pair;
             }
+            ++next;
         }
+    if (misread != nullptr)
+        v->add_note({name, abbrev->name, misread->form_at, true,
+                     fmt::format("units that share the abbreviation table at offset {:#x} give {} of its attributes "
+                                 "different sizes, the first of them {}: those of the unit at offset {:#x} of "
+                                 ".debug_info are misread",
+                                 table.begin(), count, name_of(misread->form), u.offset)});
 }
 
 } // namespace

@@ -46,6 +46,9 @@ bool may_hold_long(byte_span bytes)
     return false;
 }
 
+// Numbers of the attributes that hold one, ascending.
+using attribute_list = std::vector<size_t>;
+
 struct long_number {
     uint64_t entry;    // offset of the entry
     uint64_t code;     // its abbreviation
@@ -71,11 +74,12 @@ std::vector<long_number> find_long_numbers(byte_span info, const unit &u, const 
     return found;
 }
 
-// A copy of a unit's abbreviation table that grows by abbreviations of its own.
+// A copy of a unit's abbreviation table that grows by abbreviations of its own, while there is room.
 class own_table
 {
 public:
-    own_table(byte_span abbrevs, const abbreviation_table &of) : section(abbrevs), table(of)
+    own_table(byte_span abbrevs, const abbreviation_table &of, uint64_t *room_left)
+        : section(abbrevs), table(of), room(room_left)
     {
         for (const abbreviation &a : of.all())
             used.insert(a.code);
@@ -85,17 +89,20 @@ public:
             bytes.pop_back(); // the null code
     }
 
-    // The code of an abbreviation that differs from `code` in that the attributes named are blocks; nothing when no
-    // code of that many bytes is free.
-    std::optional<uint64_t> add(uint64_t code, size_t code_width, const std::set<size_t> &blocks)
+    // The code of an abbreviation that differs from `code` in that the attributes named are blocks; nothing when there
+    // is no room, or no code of that many bytes is free.
+    std::optional<uint64_t> add(uint64_t code, size_t code_width, const attribute_list &blocks)
     {
         const auto key = std::make_tuple(code, code_width, blocks);
         if (const auto known = codes.find(key); known != codes.end())
             return known->second;
-        const std::optional<uint64_t> fresh = free_code(code_width);
         const abbreviation *a = table.find(code);
-        if (!fresh || a == nullptr)
+        if (a == nullptr || a->size + LONG > *room)
             return std::nullopt;
+        const std::optional<uint64_t> fresh = free_code(code_width);
+        if (!fresh)
+            return std::nullopt;
+        *room -= a->size + LONG;
         const byte_span old = section.subspan(a->at, a->size);
         cursor c(old);
         c.uleb();
@@ -118,14 +125,15 @@ public:
     }
 
 private:
-    std::optional<uint64_t> free_code(size_t width) const
+    // Codes only become fewer: the lowest free one never lies lower again.
+    std::optional<uint64_t> free_code(size_t width)
     {
         const uint64_t highest = width >= 5 ? UINT32_MAX : (uint64_t{1} << (7 * width)) - 1;
-        uint64_t candidate = used.empty() ? 1 : *used.rbegin() + 1;
-        if (candidate > highest)
-            for (candidate = 1; used.count(candidate) != 0;)
-                ++candidate;
-        return candidate > highest ? std::nullopt : std::optional(candidate);
+        if (used.empty() || *used.rbegin() < highest)
+            return used.empty() ? 1 : *used.rbegin() + 1;
+        while (used.count(lowest_free) != 0)
+            ++lowest_free;
+        return lowest_free > highest ? std::nullopt : std::optional(lowest_free);
     }
 
     void append_uleb(uint64_t value)
@@ -137,28 +145,29 @@ private:
 
     byte_span section;
     const abbreviation_table &table;
+    uint64_t *room;
     std::set<uint64_t> used;
-    std::map<std::tuple<uint64_t, size_t, std::set<size_t>>, uint64_t> codes;
+    uint64_t lowest_free = 1; // or any below
+    std::map<std::tuple<uint64_t, size_t, attribute_list>, uint64_t> codes;
     std::vector<uint8_t> bytes;
 };
 
 // Gives the entries of a unit that hold such numbers their own abbreviations.
 void correct_unit(view &v, const char *name, const unit &u, byte_span abbrevs_before, const abbreviation_table &table,
-                  const std::vector<long_number> &found)
+                  const std::vector<long_number> &found, uint64_t *room)
 {
     view_section *info = v.find(KRV_SEC_INFO), *abbrev = v.find(KRV_SEC_ABBREV);
-    own_table own(abbrevs_before, table);
-    size_t corrected = 0;
+    own_table own(abbrevs_before, table, room);
+    size_t corrected = 0, refused = 0;
+    uint64_t first_refused = 0;
     for (size_t i = 0, next = 0; i < found.size(); i = next) {
-        std::set<size_t> blocks;
+        attribute_list blocks;
         for (next = i; next < found.size() && found[next].entry == found[i].entry; ++next)
-            blocks.insert(found[next].attribute);
+            blocks.push_back(found[next].attribute);
         const std::optional<uint64_t> code = own.add(found[i].code, found[i].code_width, blocks);
         if (!code) {
-            v.add_note({name, info->name, found[i].entry, true,
-                        fmt::format("entry at offset {:#x} of {} cannot be read: it holds a number of {} bytes, and no "
-                                    "abbreviation code is free",
-                                    found[i].entry, info->name, LONG)});
+            if (refused++ == 0)
+                first_refused = found[i].entry;
             continue;
         }
         std::vector<uint8_t> &bytes = info->writable();
@@ -173,6 +182,12 @@ void correct_unit(view &v, const char *name, const unit &u, byte_span abbrevs_be
             ++corrected;
         }
     }
+    if (refused != 0)
+        v.add_note({name, info->name, first_refused, true,
+                    fmt::format("{} entr{} of the unit at offset {:#x} cannot be read, the first at offset {:#x}: {} a "
+                                "number of {} bytes, and no abbreviation code is free, or no room",
+                                refused, refused == 1 ? "y" : "ies", u.offset, first_refused,
+                                refused == 1 ? "it holds" : "each holds", LONG)});
     if (corrected == 0)
         return;
     const std::vector<uint8_t> fresh = own.finish();
@@ -217,7 +232,7 @@ void correct_long_numbers(view &v, const char *name)
             return;
         }
         left -= size;
-        correct_unit(v, name, u, byte_span(before), table, found);
+        correct_unit(v, name, u, byte_span(before), table, found, &left);
     }
 }
 

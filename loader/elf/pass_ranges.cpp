@@ -2,8 +2,8 @@
 //
 // The core learns from .debug_aranges which addresses a unit covers, or from the bounds of the unit itself. Clang, Go
 // and Rust write no such sets for units whose code lies in several ranges. They are made here: from DW_AT_ranges, else
-// from the unit's functions. A set that names no unit, at which the core would stop, and ranges of functions that the
-// linker dropped, are left out.
+// from the unit's functions. A set that names no unit or is damaged, at which the core would stop, and ranges of functions
+// that the linker dropped, are left out.
 #include "elf/dwarf_units.h"
 #include "elf/pass.h"
 #include "krv_dwarf.h"
@@ -28,10 +28,12 @@ struct unit_ranges {
 struct given_sets {
     std::map<uint64_t, unit_ranges> by_unit; // by the unit's offset
     size_t sets = 0;
-    size_t homeless = 0; // sets that name no unit
-    size_t dead = 0;     // ranges outside the file's code
-    size_t repeated = 0; // further sets of a unit: the core would take the last one only
-    bool cut = false;    // the section ends within a set
+    size_t homeless = 0;  // sets that name no unit
+    size_t damaged = 0;   // sets that cannot be read to their end
+    size_t misplaced = 0; // sets at an offset from which the core looks for their ranges elsewhere
+    size_t dead = 0;      // ranges outside the file's code
+    size_t repeated = 0;  // further sets of a unit: the core would take the last one only
+    bool cut = false;     // the section ends within a set
 };
 
 // Attributes of an entry that tell where its code lies.
@@ -88,7 +90,8 @@ public:
         if (section != nullptr)
             read_sets(section->bytes());
         const size_t synthesised = find_missing();
-        if (synthesised == 0 && given.homeless == 0 && given.dead == 0 && given.repeated == 0 && !given.cut)
+        if (synthesised == 0 && given.homeless == 0 && given.damaged == 0 && given.misplaced == 0 && given.dead == 0 &&
+            given.repeated == 0 && !given.cut)
             return;
         if (section == nullptr)
             section = v->make(KRV_SEC_ARANGES, ".debug_aranges");
@@ -142,21 +145,39 @@ private:
             ++given.homeless;
             return;
         }
-        if (version != SET_VERSION || segment_size != 0 || (address_size != 4 && address_size != 8))
-            return; // the core says what it thinks of it; the unit counts as one without a set
+        std::vector<address_range> ranges;
+        if (version != SET_VERSION || segment_size != 0 || (address_size != 4 && address_size != 8) ||
+            !read_tuples(begin, set, address_size, &ranges)) {
+            ++given.damaged; // the unit counts as one without a set
+            return;
+        }
         unit_ranges &of = given.by_unit[unit_offset];
         given.repeated += of.has_set ? 1U : 0U;
         of.has_set = true;
+        for (const address_range &range : ranges)
+            add_range(&of, range);
+    }
+
+    // False when no tuple of zeros ends them.
+    bool read_tuples(uint64_t begin, cursor set, size_t address_size, std::vector<address_range> *ranges)
+    {
         const uint64_t tuple = 2 * address_size;
-        set.skip((tuple - (set.at() - begin) % tuple) % tuple);
+        const uint64_t header = set.at() - begin;
+        const uint64_t padding = (tuple - header % tuple) % tuple;
+        set.skip(padding);
         while (set.more()) {
             const uint64_t start = set.number(address_size);
             const uint64_t size = set.number(address_size);
-            if (!set.ok() || (start == 0 && size == 0))
-                break;
-            if (size != 0)
-                add_range(&of, {start, start + size});
+            if (set.ok() && start == 0 && size == 0) {
+                // Whether there is any, the core tells by where in the section the set stands.
+                const uint64_t skipped = (begin + header) % tuple == 0 ? 0 : tuple - header % tuple;
+                given.misplaced += skipped != padding ? 1U : 0U;
+                return true;
+            }
+            if (set.ok() && size != 0)
+                ranges->push_back({start, start + size});
         }
+        return false;
     }
 
     // Finds the ranges of units without a set; returns for how many. A unit that has bounds needs none.
@@ -251,6 +272,10 @@ private:
                              synthesised == 1 ? "" : "s", synthesised == 1 ? "" : "s"));
         if (given.homeless != 0)
             note(fmt::format("{} of {} sets name no unit: left out", given.homeless, given.sets));
+        if (given.damaged != 0)
+            note(fmt::format("{} of {} sets are damaged: left out", given.damaged, given.sets));
+        if (given.misplaced != 0)
+            note(fmt::format("{} of {} sets are not aligned: moved", given.misplaced, given.sets));
         if (given.dead != 0)
             note(fmt::format("{} ranges are of code that is not in the file: left out", given.dead));
         if (given.repeated != 0)

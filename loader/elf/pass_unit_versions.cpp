@@ -18,6 +18,8 @@ namespace
 constexpr uint8_t EMPTY_UNIT_ABBREVS[] = {1, 0x11, 0, 0, 0, 0};
 constexpr uint8_t EMPTY_UNIT_CODE = 1;
 
+constexpr char TOO_SHORT[] = "; it is too short to be shown as an empty unit, and may end the list of units";
+
 // The abbreviation table of the empty units: behind the file's own tables, once it is needed.
 class empty_abbrevs
 {
@@ -72,15 +74,13 @@ void correct_unit_versions(view &v, const char *name)
         }
         if (u.readable())
             continue;
-        std::string text = fmt::format("unit at offset {:#x} of {} is DWARF {}, and libkorva reads DWARF 2 to 4",
-                                       u.offset, info->name, u.version);
-        if (u.size > u.header_size())
+        const bool shown = u.size > u.header_size();
+        if (shown)
             present_empty(info->writable(), u, abbrevs.offset(), v.file().target());
-        else
-            text += "; it is too short to be shown as an empty unit, and may end the list of units";
-        if (u.version > 4)
-            text += "; compile with -gdwarf-4";
-        v.add_note({name, info->name, u.offset, true, std::move(text)});
+        v.add_note({name, info->name, u.offset, true,
+                    fmt::format("unit at offset {:#x} of {} is DWARF {}, and libkorva reads DWARF 2 to 4{}{}", u.offset,
+                                info->name, u.version, shown ? "" : TOO_SHORT,
+                                u.version > 4 ? "; compile with -gdwarf-4" : "")});
     }
 }
 

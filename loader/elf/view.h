@@ -45,7 +45,7 @@ public:
     const symbol_table &functions() const { return function_table; }
     byte_span alternate_strings(); // .debug_str of the alternate file, empty without one
     const std::deque<view_section> &sections() const { return section_list; }
-    const std::vector<note> &notes() const { return note_list; }
+    const std::deque<note> &notes() const { return note_list; }
 
     // For passes. A section stays where it is when another one is made.
     view_section *find(krv_secidx_t index);                   // NULL when the file has none
@@ -64,7 +64,7 @@ private:
     const symbol_table &function_table;
     elf_file *alternate_file;
     std::deque<view_section> section_list;
-    std::vector<note> note_list;
+    std::deque<note> note_list;
 };
 
 } // namespace krv_elf_loader

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Frame readers: which one serves a handle, the search for the FDE of an address, and instructions.
+// Frame readers: which one serves a handle, and the search for the FDE of an address.
 #include "krv_eh_frame.h"
 #include "support/frame_builder.h"
 #include "support/handle.h"
@@ -151,71 +151,5 @@ TEST(Frame, WalkEnds)
         cies_read = 0;
         EXPECT_EQ(lookup(h, 0x1000), "NOTFOUND");
         EXPECT_LE(cies_read, 3U) << size;
-    }
-}
-
-// One instruction, as both readers decode it: "opcode first second" in hexadecimal, and how far the cursor went.
-TEST(Frame, Instructions)
-{
-    const std::string none = ";  0 remaining | ", unended = " datum unterminated by end of section | ";
-    const struct {
-        const char *stream;
-        std::string outcome;
-        uint64_t offset;
-    } rows[] = {
-        {"00 ff", "0 0 0", 1},
-        {"02 ff ff", "2 ff 0", 2},
-        {"03 34 12", "3 1234 0", 3},
-        {"04 78 56 34 92", "4 92345678 0", 5},
-        {"05 85 01 83 01", "5 85 83", 5},
-        {"06 80 01", "6 80 0", 3},
-        {"09 80 01 82 01", "9 80 82", 5},
-        {"0a ff", "a 0 0", 1},
-        {"0c 07 7f", "c 7 7f", 3},
-        {"0d 06 ff", "d 6 0", 2},
-        {"0f 01", "f 0 0", 1}, // the length of the block is not an operand
-        {"10 06 01", "10 6 0", 2},
-        {"11 06 7f", "11 6 ffffffffffffffff", 3},
-        {"13 7f ff", "13 ffffffffffffffff 0", 2},
-        {"17 ff", "17 0 0", 1},
-        {"2f ff", "2f 0 0", 1},
-        {"30 03 01", "30 3 0", 2},
-        {"7f ff", "40 3f 0", 1},
-        {"85 03", "80 5 3", 2},
-        {"bf 80 01", "80 3f 80", 3},
-        {"3f", "UNSUPPORTED: unknown instruction 0x3f", 1},
-        {"", "CORRUPT: form DW_FORM_data1 requires 1 byte" + none + "unable to decode instruction", 0},
-        {"04 01 02 03", "CORRUPT: form DW_FORM_data4 requires 4 bytes;  3 remaining | failed to read operand 0", 1},
-        {"11 06", "CORRUPT: DW_FORM_sdata" + unended + "failed to read operand 1", 2},
-        {"85 80", "CORRUPT: DW_FORM_udata" + unended + "failed to read operand 1", 1},
-    };
-    for (const auto target : both_targets) {
-        handle h(target);
-        h.attach(KRV_SEC_FRAME, cie{}.build());
-        const krv_cie_owner debug(krv_get_cie_by_offset(h, 0), {h});
-        const krv_augmentation_ops_t eh_ops = {krv_eh_frame_aug_next_op};
-        const krv_augmentation_t eh = {&eh_ops};
-        krv_operation_t op;
-        for (const krv_augmentation_t *augp : {debug->scie_augmentation, &eh}) {
-            const auto next = [&](krv_fd_t *fdp) {
-                if (krv_frame_get_next_op(h, fdp, &op, augp, nullptr) != 0)
-                    return h.error();
-                return text("%x %lx %lx", op.opcode, op.operand[0].sa_u.su_unsigned, op.operand[1].sa_u.su_unsigned);
-            };
-            for (const auto &row : rows) {
-                krv_fd_t fd = h.cursor(bytes::hex(row.stream));
-                EXPECT_EQ(next(&fd), row.outcome) << row.stream;
-                EXPECT_EQ(fd.sfd_offset, row.offset) << row.stream;
-            }
-            for_each_cursor(h, bytes::hex("05 85 01 83 01"), [&](krv_fd_t *fdp, fault kind) {
-                const std::string outcome = next(fdp);
-                EXPECT_TRUE(kind == fault::none ? outcome == "5 85 83" : kind == fault::short_ || outcome[0] == 'I');
-            });
-        }
-        krv_fd_t fd = h.cursor(bytes::hex("01 f0 83 44 f5 86 87 88 89")); // the address is as wide as the target's
-        EXPECT_EQ(krv_frame_get_next_op(h, &fd, &op, debug->scie_augmentation, nullptr), 0);
-        EXPECT_EQ(op.operand[0].sa_u.su_unsigned, target == KRV_ACTIVATION_I386 ? 0xf54483f0 : 0x89888786f54483f0);
-        krv_form_t forms[2] = {};
-        EXPECT_TRUE(krv_get_cfa_forms(h, 0x85, forms) == 0 && forms[1] == DW_FORM_udata); // DW_CFA_offset
     }
 }

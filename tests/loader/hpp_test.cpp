@@ -4,6 +4,7 @@
 // visitors that stop, columns and files that belong together. The program looked at is tests/readme/target.c.
 #include "korva.hpp"
 
+#include <ucontext.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
@@ -42,8 +43,15 @@ TEST(Hpp, ErrorsAreValuesWithCodeAndMessages)
     ASSERT_FALSE(unwound);
     EXPECT_EQ(unwound.error().code, KRV_ERR_UNSUPPORTED); // no address space
     EXPECT_FALSE(unwound.error().messages.empty());
-    EXPECT_EQ((korva::error{korva::layer::library, KRV_ERR_IO, {}}.text()), "error 1");
-    EXPECT_EQ((korva::error{korva::layer::library, KRV_ERR_IO, {"cause", "caller"}}.text()), "cause; caller");
+    EXPECT_EQ((korva::error{korva::layer::library, KRV_ERR_IO, {}}.text()), "reading failed");
+    EXPECT_EQ((korva::error{korva::layer::library, KRV_ERR_IO, {"cause\n", "caller"}}.text()), "cause; caller");
+
+    // All of its units are DWARF 5: the loader knows why it has no answer.
+    const auto later = korva::elf::open(KORVA_TARGET_DWARF5);
+    ASSERT_TRUE(later);
+    const auto source = later->source(later->symbol("answer")->address);
+    ASSERT_FALSE(source);
+    EXPECT_NE(source.error().text().find("is DWARF 5"), std::string::npos) << source.error().text();
 }
 
 TEST(Hpp, MemoryThatCannotBeReadIsAnError)
@@ -80,8 +88,54 @@ TEST(Hpp, VisitorsStopAndGoOn)
     const auto end = self->walk(0, [](const krv_proc_frame_t &) { return false; });
     EXPECT_EQ(end.reason, KRV_PROC_END_STOPPED);
     EXPECT_EQ(end.frames, 1u);
+}
+
+// Where the first frame of a walk of this stack is: file, line and number of frames seen.
+[[gnu::noinline]] std::string here(const korva::process &self, unsigned int most)
+{
+    std::string where;
+    const auto end = self.walk( // the line before the next frame's
+        0,
+        [&](const krv_proc_frame_t &frame) {
+            const auto file = self.file(*frame.module);
+            const auto source = file->source(frame.lookup_pc - frame.module->bias);
+            where += std::to_string(frame.index) + " " +
+                     (source ? source->path.substr(source->path.rfind('/') + 1) : source.error().text()) + " ";
+        },
+        most);
+    return where + std::to_string(end.frames) + " " + end.message;
+}
+
+TEST(Hpp, ProcessesShowThemselves)
+{
+    const auto self = korva::process::self();
+    ASSERT_TRUE(self);
+    EXPECT_EQ(self->info().pid, getpid());
     const auto threads = self->threads();
     EXPECT_TRUE(std::any_of(threads.begin(), threads.end(), [](const auto &t) { return t.tid == getpid(); }));
+    EXPECT_FALSE(self->regs(getpid())); // nothing is stopped
+
+    const auto modules = self->modules();
+    const auto address = reinterpret_cast<std::uint64_t>(&here);
+    const krv_proc_module_t *own = self->module_of(address);
+    ASSERT_NE(own, nullptr);
+    EXPECT_EQ(std::count(modules.begin(), modules.end(), own), 1);
+    EXPECT_TRUE(self->handle(*own));
+    unsigned char byte = 0;
+    EXPECT_TRUE(self->read(address, &byte, 1));
+    EXPECT_EQ(byte, *reinterpret_cast<const unsigned char *>(address));
+    EXPECT_FALSE(self->read(1, &byte, 1));
+
+    EXPECT_EQ(here(*self, 1), "0 hpp_test.cpp 1 more than 1 frames"); // not the header that walks
+    ucontext_t context;
+    ASSERT_EQ(getcontext(&context), 0);
+    std::uint64_t pc = 0;
+    self->walk_context(&context, [&](const krv_proc_frame_t &frame) {
+        const auto regs = korva::activation_view(frame.handle, frame.activation).regs();
+        pc = regs ? regs->get(KRV_HOST_RIP).value_or(0) : 0;
+        return false;
+    });
+    EXPECT_EQ(pc, static_cast<std::uint64_t>(context.uc_mcontext.gregs[REG_RIP]));
 }
 
 TEST(Hpp, UnitsRowsAndFilesBelongTogether)
@@ -112,8 +166,60 @@ TEST(Hpp, UnitsRowsAndFilesBelongTogether)
     const auto source = elf.source(answer->address);
     ASSERT_TRUE(source);
     EXPECT_EQ(source->line, row->line);
+    EXPECT_EQ(source->column, row->column);
+    EXPECT_EQ(source->function, "answer");
     EXPECT_EQ(source->path, (*files)[row->file - 1].path);
     EXPECT_EQ((*files)[row->file - 1].name, "target.c");
+
+    const auto sequences = unit->sequences();
+    ASSERT_EQ(sequences->size(), 1u);
+    EXPECT_EQ(sequences->front().start, rows->front().address);
+    EXPECT_EQ(sequences->front().end, rows->back().address);
+    std::uint64_t last = 0; // before DW_LNE_end_sequence clears them
+    ASSERT_TRUE(*unit->each_line_operation(
+        [&](const korva::line_operation &op) { last = std::max(last, op.registers().address); }));
+    EXPECT_EQ(last, rows->back().address);
+}
+
+TEST(Hpp, FilesTellWhatWasReadAndCorrected)
+{
+    const auto elf = open_target();
+    const auto sections = elf.sections();
+    EXPECT_TRUE(std::any_of(sections.begin(), sections.end(), [](const auto &s) { return s.index == KRV_SEC_LINE; }));
+    const auto later = korva::elf::open(KORVA_TARGET_DWARF5, KRV_ELF_F_NONE, {"/nowhere"});
+    const auto notes = later->notes();
+    EXPECT_TRUE(std::any_of(notes.begin(), notes.end(), [](const auto &n) { return n.refused != 0; }));
+    EXPECT_EQ(elf.debug_path(), nullptr);
+    EXPECT_EQ(*elf.load_bias(0x10000, 0), 0x10000u);
+}
+
+TEST(Hpp, ExpressionsAreListedAndFailWithWhatWasRead)
+{
+    auto handle = korva::handle::make(KRV_ACTIVATION_AMD64);
+    const auto nothing = [](std::uint64_t, void *, std::size_t) { return false; };
+    ASSERT_TRUE(handle->attach_memory(nothing));
+    auto stack = korva::stack::make(*handle);
+    auto frame = korva::activation::make(*handle);
+    const std::uint8_t bytes[] = {0x08, 0x2a, 0x31, 0x22}; // DW_OP_const1u 42, DW_OP_lit1, DW_OP_plus
+    std::string seen;
+    ASSERT_TRUE(*korva::each_operation(*handle, bytes, sizeof(bytes), [&](const korva::operation &op) {
+        seen += std::to_string(op.offset) + ":" + std::to_string(op.operands.size()) + " ";
+    }));
+    EXPECT_EQ(seen, "0:1 2:0 3:0 ");
+    ASSERT_TRUE(stack->evaluate(*frame, bytes, sizeof(bytes)));
+    EXPECT_EQ(stack->values(), std::vector<std::uint64_t>{43});
+    EXPECT_TRUE(stack->pop());
+
+    korva::registers regs;
+    regs.general[KRV_HOST_RDI] = 0x11223344;
+    regs.mask = 1u << KRV_HOST_RDI;
+    ASSERT_TRUE(frame->set_regs(regs));
+    EXPECT_EQ(*frame->regs()->get(KRV_HOST_RDI), 0x11223344u);
+    const std::uint8_t reg5[] = {0x55, 0x93, 0x04,
+                                 0x55, 0x93, 0x04}; // four bytes of %rdi, and four for which there is no room
+    korva::stack::object object;
+    EXPECT_EQ(stack->locate(*frame, reg5, sizeof(reg5), 4, &object).error().code, KRV_ERR_NOSPACE);
+    EXPECT_EQ(object.bytes, (std::vector<std::uint8_t>{0x44, 0x33, 0x22, 0x11}));
 }
 
 } // namespace

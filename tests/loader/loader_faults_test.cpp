@@ -277,7 +277,6 @@ TEST_F(LoaderFaults, EverySessionOfAProcess)
     if (!may_trace(&why))
         GTEST_SKIP() << why;
     const running_target target("bare", "");
-    ASSERT_TRUE(target.ready());
     const auto attach = [&](krv_elf_error_t *e) {
         const bool was_armed = std::exchange(armed, false);
         EXPECT_TRUE(target.wait_for_state('S')); // let go, it has its call to repeat before it sleeps again

@@ -4,7 +4,7 @@
 #ifndef KRV_TEST_LOADER_FIXTURE_H
 #define KRV_TEST_LOADER_FIXTURE_H
 
-#include "libkorva-elf.h"
+#include "korva.hpp"
 
 #include "support/handle.h"
 #include "support/sections.h"
@@ -91,55 +91,34 @@ inline std::string section(const std::string &name, const bytes &contents)
 inline std::string units(krv_elf_t *elf)
 {
     std::string seen;
-    korva_iter_cu(
-        korva_elf_get_handle(elf), KRV_SEC_INFO,
-        [](krv_handle_t *hp, krv_ctu_t *cu, void *arg) {
-            krv_cu_header_t header = {};
-            krv_die_t *die = nullptr;
-            char name[64] = "";
-            korva_cu_get_header(hp, cu, &header);
-            korva_get_cu_cudie(hp, cu, &die);
-            korva_get_die_at_name(hp, die, name, sizeof(name));
-            *static_cast<std::string *>(arg) +=
-                text("%llu:v%u+%llu%s%s ", static_cast<unsigned long long>(header.offset), header.version,
-                     static_cast<unsigned long long>(header.size), header.dwarf64 != 0 ? "*" : "", name);
-            return 0;
-        },
-        &seen);
+    for (const korva::unit &u : korva::elf_view(elf).handle().units()) {
+        const krv_cu_header_t header = *u.header();
+        const auto name = u.name();
+        seen += text("%llu:v%u+%llu%s%s ", static_cast<unsigned long long>(header.offset), header.version,
+                     static_cast<unsigned long long>(header.size), header.dwarf64 != 0 ? "*" : "",
+                     name ? name->c_str() : "");
+    }
     return seen;
 }
 
 // The line that the debugging information gives for an address; 0 when none.
 inline uint32_t line_of(krv_elf_t *elf, uint64_t address)
 {
-    struct query {
-        uint64_t address;
-        uint32_t line;
-    } q = {address, 0};
-    korva_iter_cu(
-        korva_elf_get_handle(elf), KRV_SEC_INFO,
-        [](krv_handle_t *hp, krv_ctu_t *cu, void *arg) {
-            auto *wanted = static_cast<query *>(arg);
-            if (!korva_cu_contains_addr(hp, cu, wanted->address, KRV_LOOKUP_F_NONE))
-                return 0;
-            krv_lns_t *row = korva_lookup_source_by_cu_and_addr(hp, cu, wanted->address, 1, wanted->address, 0);
-            return row == nullptr ? 0 : (korva_lns_get_line(hp, row, &wanted->line), 1);
-        },
-        &q);
-    return q.line;
+    for (const korva::unit &u : korva::elf_view(elf).handle().units()) {
+        const auto covered = u.contains(address);
+        const auto source = u.source(address, address, 1);
+        if (covered && *covered && source)
+            return source->line;
+    }
+    return 0;
 }
 
 // The texts of the notes, each ended by a newline; a "+" before those of corrections.
 inline std::string notes(krv_elf_t *elf)
 {
     std::string all;
-    korva_elf_iter_notes(
-        elf,
-        [](krv_elf_t *, const krv_elf_note_t *note, void *arg) {
-            *static_cast<std::string *>(arg) += std::string(note->refused != 0 ? "" : "+ ") + note->text + "\n";
-            return 0;
-        },
-        &all);
+    each(korva_elf_iter_notes, elf,
+         [&](const krv_elf_note_t *note) { all += std::string(note->refused != 0 ? "" : "+ ") + note->text + "\n"; });
     return all;
 }
 
@@ -147,16 +126,11 @@ inline std::string notes(krv_elf_t *elf)
 inline std::string attached(krv_elf_t *elf)
 {
     std::string all;
-    korva_elf_iter_sections(
-        elf,
-        [](krv_elf_t *, const krv_elf_section_t *s, void *arg) {
-            if (s->index != KRV_SEC_NONE)
-                *static_cast<std::string *>(arg) +=
-                    text("%s=%llu%s%s ", s->name, static_cast<unsigned long long>(s->size), s->copied != 0 ? "+" : "",
-                         s->compressed != 0 ? "z" : "");
-            return 0;
-        },
-        &all);
+    each(korva_elf_iter_sections, elf, [&](const krv_elf_section_t *s) {
+        if (s->index != KRV_SEC_NONE)
+            all += text("%s=%llu%s%s ", s->name, static_cast<unsigned long long>(s->size), s->copied != 0 ? "+" : "",
+                        s->compressed != 0 ? "z" : "");
+    });
     return all;
 }
 

@@ -87,6 +87,15 @@ testing::AssertionResult refuses(krv_handle_t *hp, Result result, const std::str
                                     : testing::AssertionFailure() << (failed ? "fails: " : "does not fail: ") << found;
 }
 
+// Calls func for every record that a function of the loader iterates over.
+template <typename Object, typename Record, typename Func>
+void each(int (*iterate)(Object *, int (*)(Object *, const Record *, void *), void *), Object *object, Func func)
+{
+    iterate(
+        object, [](Object *, const Record *record, void *arg) { return (*static_cast<Func *>(arg))(record), 0; },
+        &func);
+}
+
 // Drivers. Each calls fn once a variant, and names the variant in the trace of a failing expectation.
 
 // The same bytes from memory, from a call-back, and from a call-back that fails, then comes up short, at each of the

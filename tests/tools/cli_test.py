@@ -102,6 +102,12 @@ def test_json(korva, program, folder):
         if whole != one_by_one or not whole:
             fail(f'{arguments}: json and jsonl differ')
         records[' '.join(arguments[:2])] = whole
+    # Opcodes that make a row leave the registers as that row.
+    made = [record['registers'] for record in records['lines --program']
+            if record['name'] in ('special', 'DW_LNS_copy')]
+    rows = [row for row in records[f'lines {program}'] if not row['end_sequence']]
+    if [(r['address'], r['line'], r['column']) for r in made] != [(r['address'], r['line'], r['column']) for r in rows]:
+        fail('lines --program does not lead to the rows of lines')
     main, start, nothing = records['addr -e']
     start_address = hex(symbol(program, '_start'))
     for record, expected in (
@@ -235,6 +241,8 @@ def test_stack(korva, folder):
     """What is no walk; the walks themselves are held against other tools elsewhere."""
     with subprocess.Popen(['sleep', '1000']) as process:
         pid = str(process.pid)
+        while ') S ' not in open(f'/proc/{pid}/stat', encoding='ascii').read():  # on its way
+            pass
         try:
             korva.expect(['stack', '-p', pid, '-n', '2'], 1,
                          r'thread \d+ \(\S+\)\n(#\d [^\n]*\n){2}     end: [^\n]*\n', r'(korva: [^\n]*\n)*')

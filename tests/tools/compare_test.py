@@ -7,7 +7,6 @@
         addr             with GNU addr2line, byte for byte, for every function and addresses within
         units            with GNU readelf
         lines            with llvm-dwarfdump, row by row; paths and canonical addresses are computed here
-        lines --program  with GNU readelf, opcode by opcode
 Of programs that the loader corrects (link-time optimisation, dwz, Rust, separate debug files), the addresses only.
 """
 import argparse
@@ -140,7 +139,7 @@ def compare_units(korva, program, units):
 # --- lines ----------------------------------------------------------------------------------------------------
 
 def read_tables(program, units):
-    """The line tables as llvm-dwarfdump shows them: offset of a unit to (opcode_base, rows)."""
+    """The line tables as llvm-dwarfdump shows them: offset of a unit to its rows."""
     text = answer_of('llvm-dwarfdump', '--debug-line', program)
     parts = re.split(r'^debug_line\[(0x[0-9a-f]+)\]\n', text, flags=re.M)
     by_offset = {int(offset, 16): part for offset, part in zip(parts[1::2], parts[2::2])}
@@ -159,10 +158,9 @@ def read_table(text, comp_dir):
         rows.append([int(address, 16), int(number), int(column), int(file), int(isa), int(discriminator), set(flags)])
         key = (int(file), int(number))
         lowest[key] = min(lowest.get(key, rows[-1][0]), rows[-1][0])
-    base = int(re.search(r'opcode_base: (\d+)', text).group(1))
-    return base, [Row(address, number, column, paths[file] if 0 < file < len(paths) else None, isa, discriminator,
-                      flags, lowest[file, number])
-                  for address, number, column, file, isa, discriminator, flags in rows]
+    return [Row(address, number, column, paths[file] if 0 < file < len(paths) else None, isa, discriminator,
+                flags, lowest[file, number])
+            for address, number, column, file, isa, discriminator, flags in rows]
 
 
 def sequences(rows):
@@ -196,7 +194,7 @@ def compare_lines(korva, program, tables, refused):
             Row(int(record['address'], 16), record['line'] or 0, record['column'] or 0, record['file'], record['isa'],
                 record['discriminator'], {flag for flag in FLAGS if record[flag]},
                 int(record['canonical_address'], 16)))
-    for offset, (_, rows) in tables.items():
+    for offset, rows in tables.items():
         expect_equal(f'rows of unit {offset}', by_unit[offset], [] if offset in refused else rows)
     expect_refusals('lines', ours, refused)
     if not any(by_unit.values()):
@@ -211,53 +209,6 @@ def expect_refusals(what, ours, refused):
         fail(f'{what}: units {sorted(refused)} have overlapping sequences, but the diagnostics are:\n{ours.err}')
     if refused and ours.status != 1:
         fail(f'{what}: status {ours.status} with a refused unit')
-
-
-# --- lines --program ------------------------------------------------------------------------------------------
-
-def sentence(record, before, opcode_base):
-    """readelf's sentence for an opcode. before: the registers before it."""
-    def number(value):
-        return hex(value) if value != 0 else '0'
-
-    registers, operands = record['registers'], record['operands']
-    after, earlier = int(registers['address'], 16), int(before['address'], 16)
-    line = registers['line'] or 0
-    return {
-        'special': lambda: f'Special opcode {record["opcode"] - opcode_base}: advance Address by {after - earlier} '
-                           f'to {number(after)} and Line by {line - (before["line"] or 0)} to {line}',
-        'DW_LNS_copy': lambda: 'Copy',
-        'DW_LNS_advance_pc': lambda: f'Advance PC by {operands[0]} to {number(after)}',
-        'DW_LNS_advance_line': lambda: f'Advance Line by {operands[0]} to {line}',
-        'DW_LNS_set_file': lambda: f'Set File Name to entry {operands[0]} in the File Name Table',
-        'DW_LNS_set_column': lambda: f'Set column to {operands[0]}',
-        'DW_LNS_negate_stmt': lambda: f'Set is_stmt to {registers["is_stmt"]:d}',
-        'DW_LNS_set_basic_block': lambda: 'Set basic block',
-        'DW_LNS_const_add_pc': lambda: f'Advance PC by constant {after - earlier} to {number(after)}',
-        'DW_LNS_fixed_advance_pc': lambda: f'Advance PC by fixed size amount {operands[0]} to {number(after)}',
-        'DW_LNS_set_prologue_end': lambda: 'Set prologue_end to true',
-        'DW_LNS_set_epilogue_begin': lambda: 'Set epilogue_begin to true',
-        'DW_LNS_set_isa': lambda: f'Set ISA to {operands[0]}',
-        'DW_LNE_end_sequence': lambda: 'Extended opcode 1: End of Sequence',
-        'DW_LNE_set_address': lambda: f'Extended opcode 2: set Address to {number(int(operands[0], 16))}',
-        'DW_LNE_set_discriminator': lambda: f'Extended opcode 4: set Discriminator to {operands[0]}',
-    }[record['name']]()
-
-
-def compare_programs(korva, program, tables, refused):
-    text = answer_of('readelf', '--debug-dump=rawline', '-W', program)
-    # "(view n)" counts rows at one address: readelf's own, not in the program.
-    theirs = {int(offset, 16): re.sub(r' \(view \d+\)$', '', what)
-              for offset, what in re.findall(r'^  \[(0x[0-9a-f]+)\]  (.*)$', text, re.M)}
-    ours = run(korva, 'lines', '--program', '--format=jsonl', *raw_when(refused), program)
-    told, unit = {}, None
-    for record in map(json.loads, ours.out.splitlines()):
-        if record['unit'] != unit:
-            unit, before = record['unit'], {'address': '0x0', 'line': 1}
-        told[int(record['offset'], 16)] = sentence(record, before, tables[unit][0])
-        before = record['registers']
-    expect_equal('opcodes', sorted(told.items()), sorted(theirs.items()))
-    expect_refusals('lines --program', ours, refused)
 
 
 # --- addr -----------------------------------------------------------------------------------------------------
@@ -330,7 +281,7 @@ def compare_addresses(korva, program, tables, debug_file=None):
     addresses = sample_addresses(functions)
     names = Names(program, functions, addresses)
     text = ''.join(f'{a:#x}\n' for a in addresses)
-    read = [span for _, rows in tables.values() for span in sequences(rows)]
+    read = [span for rows in tables.values() for span in sequences(rows)]
     has_line = {a for a in addresses if any(start <= a < end for start, end in read)}
 
     for flags in (['-a'], ['-f'], ['-f', '-C'], ['-afpsC']):
@@ -433,15 +384,14 @@ def main():
             build(compiler, flags, sources, program)
         units = read_units(program)
         tables = read_tables(program, units)
-        refused = {offset for offset, (_, rows) in tables.items() if overlaps(rows)}
+        refused = {offset for offset, rows in tables.items() if overlaps(rows)}
         facts = {'units': units, 'refused': refused, 'headers': answer_of('readelf', '-hSW', program)}
         if not PROOFS[proof](facts):
             fail(f'{compiler} {flags} did not give what is to be tested ({proof})')
         compare_units(options.korva, program, units)
         compare_lines(options.korva, program, tables, refused)
-        compare_programs(options.korva, program, tables, refused)
         compare_addresses(options.korva, program, tables)
-        print(f'{len(units)} units, {sum(len(rows) for _, rows in tables.values())} rows, {len(refused)} refused')
+        print(f'{len(units)} units, {sum(len(rows) for rows in tables.values())} rows, {len(refused)} refused')
 
 
 main()

@@ -2,7 +2,10 @@
 //
 // korva expr: lists and evaluates one DWARF expression.
 #include "command.h"
-#include "object.h"
+#include "output.h"
+#include "visitor.h"
+
+#include <korva.hpp>
 
 #include <cctype>
 #include <charconv>
@@ -30,27 +33,15 @@ struct expr_options : common_options {
     bool list_only = false;
 };
 
-/** A piece of the target's memory. */
-struct memory_piece {
-    uint64_t address;
-    byte_string bytes;
-};
+/** The target's memory, as the command line gives it. */
+struct target_memory {
+    struct piece {
+        uint64_t address;
+        byte_string bytes;
+    };
+    std::vector<piece> pieces;
 
-struct handle_deleter {
-    void operator()(krv_handle_t *hp) const { korva_handle_free(hp); }
-};
-struct stack_deleter {
-    void operator()(krv_exprstack_t *esp) const { korva_expr_free_stack(esp); }
-};
-struct activation_deleter {
-    void operator()(krv_activation_t *ap) const { korva_activation_free(ap); }
-};
-
-/** A listed instruction. */
-struct listed {
-    uint64_t offset;
-    uint8_t opcode;
-    std::vector<krv_operand_t> operands;
+    bool operator()(uint64_t address, void *buf, size_t count) const;
 };
 
 } // namespace
@@ -132,30 +123,27 @@ class evaluation
 public:
     explicit evaluation(const expr_options &options);
 
-    std::vector<listed> list(); // what can be listed; a diagnostic tells of the rest
-    bool evaluate();            // false: a diagnostic tells why
-    bool is_listed_whole() const { return m_listed; }
+    template <typename F>
+    result<bool> each_operation(F &visit) const
+    {
+        return korva::each_operation(*m_handle, m_bytes.data(), m_bytes.size(), visit);
+    }
+    result<void> evaluate();
 
-    std::vector<uint64_t> stack() const; // top first
-    const byte_string &value() const { return m_value; }
-    const byte_string &known() const { return m_known; }
-    krv_handle_t *handle() const { return m_handle.get(); }
+    std::vector<uint64_t> stack() const { return m_stack->values(); } // top first
+    const korva::stack::object &value() const { return m_value; }
+    krv_handle_t *handle() const { return m_handle->get(); }
     int digits() const { return m_target == KRV_ACTIVATION_I386 ? 8 : 16; }
 
 private:
-    static int64_t read(void *self, void *buf, size_t count, uint64_t address);
-    krv_fd_t cursor();
-    void diagnose_failure(const char *what) const;
-
     const expr_options &m_options;
     krv_activation_type_t m_target;
     byte_string m_bytes;
-    std::vector<memory_piece> m_memory;
-    std::unique_ptr<krv_handle_t, handle_deleter> m_handle;
-    std::unique_ptr<krv_activation_t, activation_deleter> m_activation;
-    std::unique_ptr<krv_exprstack_t, stack_deleter> m_stack;
-    byte_string m_value, m_known;
-    bool m_listed = false;
+    target_memory m_memory;
+    std::optional<korva::handle> m_handle;
+    std::optional<activation> m_activation;
+    std::optional<korva::stack> m_stack;
+    korva::stack::object m_value;
 };
 
 } // namespace
@@ -168,107 +156,45 @@ evaluation::evaluation(const expr_options &options)
         usage("the expression is empty");
     for (const std::string &text : options.memory) {
         const auto [address, bytes] = parse_assignment(text);
-        m_memory.push_back({address, parse_hex(bytes)});
+        m_memory.pieces.push_back({address, parse_hex(bytes)});
     }
-    m_handle.reset(korva_handle_alloc(m_target));
-    if (m_handle == nullptr)
+    auto made = handle::make(m_target);
+    if (!made)
         throw failure("no libkorva handle: out of memory, or disabled by LIBKORVA_OPTIONS");
-    korva_attach_as(handle(), read, this);
-    m_activation.reset(korva_activation_alloc(handle()));
-    m_stack.reset(korva_expr_alloc_stack(handle()));
-    if (m_activation == nullptr || m_stack == nullptr)
+    m_handle.emplace(std::move(*made));
+    auto frame = activation::make(*m_handle);
+    auto stack = stack::make(*m_handle);
+    if (!m_handle->attach_memory(m_memory) || !frame || !stack)
         throw std::bad_alloc();
+    m_activation.emplace(std::move(*frame));
+    m_stack.emplace(std::move(*stack));
     for (const std::string &text : options.registers) {
         const auto [number, value] = parse_assignment(text);
-        if (number > UINT32_MAX || korva_activation_set_greg(handle(), m_activation.get(), KRV_ACTIVATION_REG_DWARF,
-                                                             static_cast<unsigned int>(number),
-                                                             static_cast<krv_greg_t>(parse_number(value))) != 0)
+        if (number > UINT32_MAX ||
+            !m_activation->set_reg(KRV_ACTIVATION_REG_DWARF, static_cast<unsigned int>(number), parse_number(value)))
             usage(fmt::format("there is no DWARF register {}", number));
     }
     for (const std::string &text : options.initial)
-        if (korva_expr_stack_push(handle(), m_stack.get(), parse_number(text)) != 0)
+        if (!m_stack->push(parse_number(text)))
             usage("too many initial values");
 }
 
-int64_t evaluation::read(void *self, void *buf, size_t count, uint64_t address)
+bool target_memory::operator()(uint64_t address, void *buf, size_t count) const
 {
-    for (const memory_piece &piece : static_cast<const evaluation *>(self)->m_memory) {
-        if (address < piece.address || address - piece.address > piece.bytes.size() ||
-            count > piece.bytes.size() - (address - piece.address))
+    for (const piece &p : pieces) {
+        if (address < p.address || address - p.address > p.bytes.size() ||
+            count > p.bytes.size() - (address - p.address))
             continue;
-        std::memcpy(buf, piece.bytes.data() + (address - piece.address), count);
-        return static_cast<int64_t>(count);
+        std::memcpy(buf, p.bytes.data() + (address - p.address), count);
+        return true;
     }
-    return -1;
+    return false;
 }
 
-krv_fd_t evaluation::cursor()
+result<void> evaluation::evaluate()
 {
-    krv_fd_t fd = {};
-    korva_fd_attach(handle(), &fd, m_bytes.size(), KRV_FD_TYPE_MEMORY, m_bytes.data());
-    return fd;
-}
-
-void evaluation::diagnose_failure(const char *what) const
-{
-    diagnose(failure_text(handle(), what));
-}
-
-std::vector<listed> evaluation::list()
-{
-    struct state {
-        krv_fd_t fd;
-        uint64_t at;
-        std::vector<listed> all;
-    } s = {cursor(), 0, {}};
-    const int result = korva_expr_iter_instruction(
-        handle(), &s.fd, 0,
-        [](krv_handle_t *, uint8_t opcode, krv_operand_t *operands, unsigned int noperands, void *arg) -> int {
-            auto *st = static_cast<state *>(arg);
-            st->all.push_back({st->at, opcode, {operands, operands + noperands}});
-            st->at = st->fd.sfd_offset;
-            return 0;
-        },
-        &s);
-    m_listed = result == 0;
-    if (!m_listed)
-        diagnose_failure("the listing ends early");
-    return s.all;
-}
-
-bool evaluation::evaluate()
-{
-    krv_fd_t fd = cursor();
-    krv_fd_t value = {}, known = {};
-    krv_fd_t *outputs[3] = {&value, &known, nullptr};
-    uint32_t flags = 0;
-    if (m_options.location) {
-        flags |= KRV_EXPR_F_LOCATION;
-        m_value.resize(m_options.size);
-        m_known.resize(m_options.size);
-        korva_fd_attach(handle(), &value, m_options.size, KRV_FD_TYPE_MEMORY, m_value.data());
-        korva_fd_attach(handle(), &known, m_options.size, KRV_FD_TYPE_MEMORY, m_known.data());
-    }
-    const bool done = korva_expr_execute_expression(handle(), m_stack.get(), m_activation.get(), &fd, flags, outputs,
-                                                    nullptr, nullptr) == 0;
-    if (!done)
-        diagnose_failure("the evaluation fails");
-    m_value.resize(value.sfd_offset);
-    m_known.resize(value.sfd_offset);
-    return done;
-}
-
-std::vector<uint64_t> evaluation::stack() const
-{
-    std::vector<uint64_t> values;
-    uint64_t depth = 0;
-    korva_expr_get_stack_depth(handle(), m_stack.get(), &depth);
-    for (uint64_t i = 0; i < depth; ++i) {
-        uint64_t value = 0;
-        korva_expr_stack_peek(handle(), m_stack.get(), i, &value);
-        values.push_back(value);
-    }
-    return values;
+    return m_options.location ? m_stack->locate(*m_activation, m_bytes.data(), m_bytes.size(), m_options.size, &m_value)
+                              : m_stack->evaluate(*m_activation, m_bytes.data(), m_bytes.size());
 }
 
 static std::string operand_text(const krv_operand_t &operand)
@@ -280,70 +206,99 @@ static std::string operand_text(const krv_operand_t &operand)
 }
 
 // The bytes of the value in order, each two digits, ?? where it is not known.
-static std::string value_text(const evaluation &ev)
+static std::string value_text(const stack::object &value)
 {
     std::string text;
-    for (size_t i = 0; i < ev.value().size(); ++i)
-        text += ev.known()[i] != 0 ? fmt::format("{}{:02x}", i == 0 ? "" : " ", ev.value()[i])
-                                   : std::string(i == 0 ? "??" : " ??");
+    for (size_t i = 0; i < value.bytes.size(); ++i)
+        text += (i == 0 ? "" : " ") + (value.known[i] ? fmt::format("{:02x}", value.bytes[i]) : "??");
     return text;
 }
 
-static void print_text(answers &out, const evaluation &ev, const std::vector<listed> &all, std::optional<bool> done,
-                       bool location)
+namespace
 {
-    for (const listed &insn : all) {
-        const char *name = korva_print_define(ev.handle(), KRV_DEF_OP, insn.opcode);
-        std::string operands;
-        for (const krv_operand_t &operand : insn.operands)
-            operands += " " + operand_text(operand);
-        out.print("0x{:04x}  {}{}\n", insn.offset, name == nullptr ? "??" : name, operands);
+
+/** Prints an expression operation by operation, then what came of it: a long one is not kept. */
+class expression_printer
+{
+public:
+    expression_printer(const expr_options &options, const evaluation &ev)
+        : m_options(options), m_ev(ev), m_out(options.format)
+    {
+        if (m_out.is_json()) {
+            m_out.open_record();
+            m_out.write("{\"instructions\":[");
+        }
     }
-    if (!done)
-        return;
-    if (location)
-        out.print("value: {}\n", value_text(ev));
-    for (size_t i = 0; const uint64_t value : ev.stack())
-        out.print("{} 0x{:0{}x}\n", i++ == 0 ? "stack:" : "      ", value, ev.digits());
+
+    void print(const operation &op);
+    void finish(bool evaluated);
+    bool any() const { return m_any; }
+
+private:
+    const expr_options &m_options;
+    const evaluation &m_ev;
+    answers m_out;
+    bool m_any = false; // operation was printed
+};
+
+} // namespace
+
+void expression_printer::print(const operation &op)
+{
+    const char *name = korva_print_define(m_ev.handle(), KRV_DEF_OP, op.opcode);
+    if (m_out.is_json()) {
+        json_value operands = json_value::array();
+        for (const krv_operand_t &operand : op.operands)
+            operands.push_back(operand_text(operand));
+        m_out.write(m_any ? "," : "");
+        m_out.write(to_text({{"offset", hex(op.offset)}, {"operation", or_null(name)}, {"operands", operands}}));
+    } else {
+        std::string operands;
+        for (const krv_operand_t &operand : op.operands)
+            operands += " " + operand_text(operand);
+        m_out.print("0x{:04x}  {}{}\n", op.offset, name == nullptr ? "??" : name, operands);
+    }
+    m_any = true;
 }
 
-static void print_json(answers &out, const evaluation &ev, const std::vector<listed> &all, std::optional<bool> done,
-                       bool location)
+void expression_printer::finish(bool evaluated)
 {
-    json_value instructions = json_value::array();
-    for (const listed &insn : all) {
-        json_value operands = json_value::array();
-        for (const krv_operand_t &operand : insn.operands)
-            operands.push_back(operand_text(operand));
-        instructions.push_back({{"offset", hex(insn.offset)},
-                                {"operation", or_null(korva_print_define(ev.handle(), KRV_DEF_OP, insn.opcode))},
-                                {"operands", operands}});
+    if (m_out.is_json()) {
+        json_value stack, value;
+        if (evaluated) {
+            stack = json_value::array();
+            for (const uint64_t entry : m_ev.stack())
+                stack.push_back(hex(entry));
+            if (m_options.location)
+                value = value_text(m_ev.value());
+        }
+        m_out.write(fmt::format("],\"stack\":{},\"value\":{}}}", to_text(stack), to_text(value)));
+        m_out.close_record();
+    } else if (!m_options.list_only) {
+        if (m_options.location)
+            m_out.print("value: {}\n", value_text(m_ev.value()));
+        for (size_t i = 0; const uint64_t entry : m_ev.stack())
+            m_out.print("{} 0x{:0{}x}\n", i++ == 0 ? "stack:" : "      ", entry, m_ev.digits());
     }
-    json_value record = {{"instructions", instructions}, {"stack", nullptr}, {"value", nullptr}};
-    if (done.value_or(false)) {
-        json_value stack = json_value::array();
-        for (const uint64_t value : ev.stack())
-            stack.push_back(hex(value));
-        record["stack"] = stack;
-        if (location)
-            record["value"] = value_text(ev);
-    }
-    out.record(record);
+    m_out.finish();
 }
 
 static int run_expr(const expr_options &options)
 {
     evaluation ev(options);
-    answers out(options.format);
-    const std::vector<listed> all = ev.list();
-    std::optional<bool> done;
-    if (!options.list_only)
-        done = ev.evaluate();
-    (out.is_json() ? print_json : print_text)(out, ev, all, done, options.location);
-    out.finish();
-    if (ev.is_listed_whole() && done.value_or(true))
+    expression_printer out(options, ev);
+    visitor print([&](const operation &op) { out.print(op); });
+    const result<bool> listed = ev.each_operation(print);
+    print.rethrow();
+    const result<void> evaluated = options.list_only ? result<void>() : ev.evaluate();
+    out.finish(evaluated && !options.list_only);
+    if (!listed)
+        diagnose(fmt::format("the listing ends early: {}", listed.error().text()));
+    if (!evaluated)
+        diagnose(fmt::format("the evaluation fails: {}", evaluated.error().text()));
+    if (listed && evaluated)
         return ANSWERED;
-    return all.empty() && !done.value_or(false) ? NOTHING : PARTLY;
+    return out.any() || (evaluated && !options.list_only) ? PARTLY : NOTHING;
 }
 
 void add_expr(CLI::App &app, int *status)

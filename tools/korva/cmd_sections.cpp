@@ -4,106 +4,62 @@
 #include "command.h"
 #include "object.h"
 
+#include <map>
 #include <memory>
+#include <string_view>
 
 namespace korva::program
 {
 
-namespace
+using note_list = std::vector<krv_elf_note_t>;
+
+static std::map<std::string_view, note_list> notes_by_section(const note_list &all)
 {
-
-struct note_record {
-    std::string pass;
-    std::string section;
-    uint64_t offset;
-    bool refused;
-    std::string text;
-};
-
-struct section_record {
-    std::string name;
-    uint64_t size;
-    uint64_t file_size;
-    bool compressed;
-    bool copied;
-    std::vector<note_record> notes;
-};
-
-} // namespace
-
-static std::vector<note_record> read_notes(krv_elf_t *elf)
-{
-    std::vector<note_record> notes;
-    korva_elf_iter_notes(
-        elf,
-        [](krv_elf_t *, const krv_elf_note_t *note, void *arg) -> int {
-            static_cast<std::vector<note_record> *>(arg)->push_back(
-                {note->pass, note->section, note->offset, note->refused != 0, note->text});
-            return 0;
-        },
-        &notes);
-    return notes;
+    std::map<std::string_view, note_list> sorted;
+    for (const krv_elf_note_t &note : all)
+        sorted[note.section].push_back(note);
+    return sorted;
 }
 
-// The sections that the library reads, and those that something is to be said of.
-static std::vector<section_record> read_sections(krv_elf_t *elf, const std::vector<note_record> &notes)
+static const char *how(const krv_elf_section_t &section)
 {
-    struct state {
-        const std::vector<note_record> &notes;
-        std::vector<section_record> all;
-    } s = {notes, {}};
-    korva_elf_iter_sections(
-        elf,
-        [](krv_elf_t *, const krv_elf_section_t *section, void *arg) -> int {
-            auto *st = static_cast<state *>(arg);
-            section_record record = {
-                section->name, section->size, section->file_size, section->compressed != 0, section->copied != 0, {}};
-            for (const note_record &note : st->notes)
-                if (note.section == record.name)
-                    record.notes.push_back(note);
-            if (section->index != KRV_SEC_NONE || section->copied != 0 || !record.notes.empty())
-                st->all.push_back(std::move(record));
-            return 0;
-        },
-        &s);
-    return std::move(s.all);
-}
-
-static const char *how(const section_record &section)
-{
-    if (section.copied)
+    if (section.copied != 0)
         return section.file_size == 0 ? "made" : "corrected";
-    return section.compressed ? "inflated" : "as it is";
+    return section.compressed != 0 ? "inflated" : "as it is";
 }
 
-static json_value note_json(const note_record &note)
+static json_value note_json(const krv_elf_note_t &note)
 {
-    return {{"pass", note.pass}, {"offset", hex(note.offset)}, {"refused", note.refused}, {"text", note.text}};
+    return {{"pass", note.pass}, {"offset", hex(note.offset)}, {"refused", note.refused != 0}, {"text", note.text}};
 }
 
-static void print_notes(answers &out, const std::vector<note_record> &notes)
+static void print_notes(answers &out, const note_list &notes)
 {
-    for (const note_record &note : notes)
-        out.print("    {}: {}{}\n", note.pass, note.refused ? "not read: " : "", printable(note.text));
+    for (const krv_elf_note_t &note : notes)
+        out.print("    {}: {}{}\n", note.pass, note.refused != 0 ? "not read: " : "", printable(note.text));
 }
 
 static int run_sections(const common_options &options)
 {
     const object obj(options.file, options.raw, options.debug_dirs);
-    const std::vector<note_record> notes = read_notes(obj.elf());
+    const note_list all = obj.elf().notes();
+    std::map<std::string_view, note_list> by_section = notes_by_section(all);
     answers out(options.format);
-    const char *debug_path = korva_elf_get_debug_path(obj.elf());
+    const char *debug_path = obj.elf().debug_path();
     if (debug_path != nullptr && !out.is_json())
         out.print("debugging information: {}\n", printable(debug_path));
     bool all_read = true;
-    for (const section_record &section : read_sections(obj.elf(), notes)) {
+    for (const krv_elf_section_t &section : obj.elf().sections()) {
+        const note_list &notes = by_section[section.name];
+        if (section.index == KRV_SEC_NONE && section.copied == 0 && notes.empty())
+            continue;
         if (!out.is_json()) {
             out.print("{:<18}  {:>10}  {}\n", printable(section.name), section.size, how(section));
-            print_notes(out, section.notes);
+            print_notes(out, notes);
             continue;
         }
         json_value list = json_value::array();
-        for (const note_record &note : section.notes)
+        for (const krv_elf_note_t &note : notes)
             list.push_back(note_json(note));
         out.record({{"section", section.name},
                     {"size", section.size},
@@ -112,9 +68,9 @@ static int run_sections(const common_options &options)
                     {"debug_file", or_null(debug_path)},
                     {"notes", list}});
     }
-    for (const note_record &note : notes) {
-        all_read = all_read && !note.refused;
-        if (note.section.empty())
+    for (const krv_elf_note_t &note : all) {
+        all_read = all_read && note.refused == 0;
+        if (*note.section == '\0')
             obj.diagnose(note.text);
     }
     out.finish();

@@ -47,7 +47,7 @@ struct frame {
     std::string module;   // empty when not known
     std::string function; // empty when not known
     uint64_t offset;      // of pc in the function
-    std::optional<source_line> source;
+    std::optional<korva::source> source;
     bool is_signal_frame;
     std::vector<argument> arguments;
 };
@@ -147,7 +147,7 @@ module_file &stack_run::open_module(const krv_proc_module_t *module)
         diagnose(error.message);
         return opened;
     }
-    opened.file = std::make_unique<object>(elf, module->path);
+    opened.file = std::make_unique<object>(elf_view(elf), module->path);
     if (opened.file->has_debug_info())
         opened.lines = std::make_unique<locator>(opened.file.get());
     return opened;
@@ -192,7 +192,7 @@ frame stack_run::describe(const krv_proc_frame_t &raw)
     if (opened.file == nullptr)
         return f;
     const uint64_t address = raw.lookup_pc - raw.module->bias;
-    const krv_elf_symbol_t *symbol = korva_elf_lookup_symbol(opened.file->elf(), address);
+    const krv_elf_symbol_t *symbol = opened.file->elf().symbol(address);
     if (opened.lines != nullptr)
         f.source = opened.lines->find(address).source;
     if (symbol != nullptr) {

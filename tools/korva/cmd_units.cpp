@@ -4,30 +4,14 @@
 #include "command.h"
 #include "object.h"
 
-#include <cstring>
 #include <memory>
 
 namespace korva::program
 {
 
-namespace
+static json_value or_null(const result<std::string> &text)
 {
-
-using string_getter = int(krv_handle_t *hp, krv_die_t *die, char *buf, size_t size);
-
-} // namespace
-
-// A string attribute in full, null when the entry has none.
-static json_value get_string(krv_handle_t *hp, krv_die_t *die, string_getter *get)
-{
-    for (size_t size = 4096;; size *= 2) {
-        std::string text(size, '\0');
-        if (get(hp, die, text.data(), size) != 0)
-            return nullptr;
-        text.resize(std::strlen(text.c_str()));
-        if (text.size() < size - 1) // else it may have been cut
-            return text;
-    }
+    return text ? json_value(*text) : json_value(nullptr);
 }
 
 static void print_unit(answers &out, const json_value &record)
@@ -47,10 +31,9 @@ static int run_units(const common_options &options)
 {
     object obj(options.file, options.raw, options.debug_dirs);
     bool all = obj.diagnose_notes();
-    std::vector<unit> &units = obj.units();
+    std::vector<unit_record> &units = obj.units();
     answers out(options.format);
-    for (unit &u : units) {
-        krv_die_t *die = nullptr;
+    for (unit_record &u : units) {
         json_value record = {{"offset", hex(u.header.offset)},
                              {"version", u.header.version},
                              {"size", u.header.size},
@@ -60,12 +43,12 @@ static int run_units(const common_options &options)
                              {"producer", nullptr}};
         if (!u.is_readable()) {
             obj.refuse_version(u);
-        } else if (korva_get_cu_cudie(obj.handle(), u.cu, &die) != 0) {
-            obj.refuse(u, obj.failed(fmt::format("entry of unit at offset 0x{:x}", u.header.offset)));
+        } else if (const auto entry = u.unit.entry(); !entry) {
+            obj.refuse(u, fmt::format("entry of unit at offset 0x{:x}: {}", u.header.offset, entry.error().text()));
         } else {
-            record["name"] = get_string(obj.handle(), die, korva_get_die_at_name);
-            record["comp_dir"] = get_string(obj.handle(), die, korva_get_die_at_comp_dir);
-            record["producer"] = get_string(obj.handle(), die, korva_get_die_at_producer);
+            record["name"] = or_null(u.unit.name());
+            record["comp_dir"] = or_null(u.unit.comp_dir());
+            record["producer"] = or_null(u.unit.producer());
         }
         all = all && !u.refused;
         print_unit(out, record);

@@ -54,13 +54,11 @@ static std::optional<uint64_t> parse_offset(std::string_view text, bool lenient)
 static std::optional<uint64_t> find_symbol(const object &obj, std::string_view name)
 {
     const std::string text(name);
-    if (const krv_elf_symbol_t *symbol = korva_elf_lookup_symbol_by_name(obj.elf(), text.c_str()))
+    if (const krv_elf_symbol_t *symbol = obj.elf().symbol(text.c_str()))
         return symbol->address;
-    size_t count = 0;
-    const krv_elf_symbol_t *symbols = korva_elf_get_symbols(obj.elf(), &count);
-    for (size_t i = 0; i < count; ++i)
-        if (symbols[i].name[0] == '_' && demangle(symbols[i].name) == text)
-            return symbols[i].address;
+    for (const krv_elf_symbol_t &symbol : obj.elf().symbols())
+        if (symbol.name[0] == '_' && demangle(symbol.name) == text)
+            return symbol.address;
     return {};
 }
 

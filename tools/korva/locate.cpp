@@ -7,6 +7,7 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <utility>
 
 namespace korva::program
 {
@@ -19,22 +20,26 @@ locator::locator(object *obj) : m_object(obj)
         diagnose(f.what());
         return;
     }
-    for (unit &u : *m_units) // "no" and "not known yet" differ by their code; any scan would blur that
-        if (!covers(u, 0, KRV_LOOKUP_F_FAST) && korva_handle_get_errno(obj->handle()) != KRV_ERR_NOTFOUND)
+    for (unit_record &u : *m_units) { // "no" and "not known yet" differ: any scan would blur that
+        const result<coverage> known = u.unit.covers(0, KRV_LOOKUP_F_FAST);
+        if (!known)
+            note_ranges_failed(known.error());
+        if (!known || *known == coverage::unknown)
             m_unranged.push_back(&u);
+    }
 }
 
 location locator::find(uint64_t address)
 {
     location found;
-    found.function = korva_elf_lookup_symbol(m_object->elf(), address);
+    found.function = m_object->elf().symbol(address);
     if (m_units == nullptr)
         return found;
 
     // Within its function an address between two sequences still belongs to one of them.
     const extent range =
         found.function != nullptr ? extent{found.function->address, found.function->size} : extent{address, 1};
-    source_line source;
+    korva::source source;
     outcome result = ask_covering(range, address, &source);
     if (result == outcome::absent)
         result = ask_sequences(range, address, &source);
@@ -43,25 +48,27 @@ location locator::find(uint64_t address)
     return found;
 }
 
-// Tells once that the last question about ranges failed, if it did.
-void locator::note_ranges_failed()
+// Tells once that a question about ranges failed.
+void locator::note_ranges_failed(const error &why)
 {
-    const int code = korva_handle_get_errno(m_object->handle());
-    if (code == KRV_ERR_NONE || code == KRV_ERR_NOTFOUND || m_ranges_failed)
-        return;
-    m_ranges_failed = true;
-    m_object->diagnose(m_object->failed("cannot tell which units cover an address"));
+    if (!std::exchange(m_ranges_failed, true))
+        m_object->diagnose(fmt::format("cannot tell which units cover an address: {}", why.text()));
 }
 
-bool locator::covers(unit &u, uint64_t address, krv_lookup_flag_t flags)
+bool locator::covers(const unit_record &u, uint64_t address, krv_lookup_flag_t flags)
 {
-    if (korva_cu_contains_addr(m_object->handle(), u.cu, address, flags) == B_TRUE)
-        return true;
-    note_ranges_failed();
-    return false;
+    const result<bool> covered = u.unit.contains(address, flags);
+    if (!covered)
+        note_ranges_failed(covered.error());
+    return covered && *covered;
 }
 
-locator::outcome locator::ask(unit &u, const extent &range, uint64_t address, source_line *source)
+void locator::refuse_lines(unit_record &u, const error &why)
+{
+    m_object->refuse(u, fmt::format("line table of unit at offset 0x{:x}: {}", u.header.offset, why.text()));
+}
+
+locator::outcome locator::ask(unit_record &u, const extent &range, uint64_t address, korva::source *source)
 {
     if (u.refused)
         return outcome::refused;
@@ -69,47 +76,37 @@ locator::outcome locator::ask(unit &u, const extent &range, uint64_t address, so
         m_object->refuse_version(u);
         return outcome::refused;
     }
-
-    krv_handle_t *hp = m_object->handle();
-    krv_lns_t *row = korva_lookup_source_by_cu_and_addr(hp, u.cu, range.address, range.size, address, 0);
-    if (row == nullptr && korva_handle_get_errno(hp) == KRV_ERR_NOTFOUND)
+    result<korva::source> found = u.unit.source(address, range.address, range.size);
+    if (found) {
+        *source = std::move(*found);
+        return outcome::found;
+    }
+    if (found.error().code == KRV_ERR_NOTFOUND)
         return outcome::absent;
-    const auto refuse = [&] {
-        m_object->refuse(u, m_object->failed(fmt::format("line table of unit at offset 0x{:x}", u.header.offset)));
-        return outcome::refused;
-    };
-    if (row == nullptr ||
-        korva_get_fields(hp, KRV_STRUCT_LNS, row, 3, KRV_FIELD_LNS_LINE, &source->line, KRV_FIELD_LNS_COLUMN,
-                         &source->column, KRV_FIELD_LNS_DISCRIMINATOR, &source->discriminator) != 0)
-        return refuse();
-    char *path = nullptr;
-    krv_lnfe_t *file = korva_lns_get_filep(hp, row);
-    if (file != nullptr && korva_get_fields(hp, KRV_STRUCT_LNFE, file, 1, KRV_FIELD_LNFE_ABSOLUTE_PATH, &path) != 0)
-        return refuse();
-    source->path = path == nullptr ? "" : path;
-    return outcome::found;
+    refuse_lines(u, found.error());
+    return outcome::refused;
 }
 
-unit &locator::unit_of(krv_ctu_t *cu)
+unit_record &locator::record_of(const unit &u)
 {
-    krv_cu_header_t header = {};
-    korva_cu_get_header(m_object->handle(), cu, &header);
-    return *std::lower_bound(m_units->begin(), m_units->end(), header.offset,
-                             [](const unit &u, uint64_t offset) { return u.header.offset < offset; });
+    const uint64_t offset = u.header().value_or({}).offset;
+    return *std::lower_bound(m_units->begin(), m_units->end(), offset,
+                             [](const unit_record &r, uint64_t wanted) { return r.header.offset < wanted; });
 }
 
-locator::outcome locator::ask_covering(const extent &range, uint64_t address, source_line *source)
+locator::outcome locator::ask_covering(const extent &range, uint64_t address, korva::source *source)
 {
     for (const krv_lookup_flag_t flags : {KRV_LOOKUP_F_FAST, KRV_LOOKUP_F_NONE}) {
-        krv_ctu_t *cu = korva_lookup_ctu_by_addr(m_object->handle(), address, flags);
-        if (cu == nullptr) {
-            note_ranges_failed();
+        const result<unit> covering = m_object->handle().lookup_unit(address, flags);
+        if (!covering) {
+            if (covering.error().code != KRV_ERR_NONE && covering.error().code != KRV_ERR_NOTFOUND)
+                note_ranges_failed(covering.error());
             continue;
         }
         // The first that covers it knows its line, but for units that overlap.
-        unit &first = unit_of(cu);
+        unit_record &first = record_of(*covering);
         outcome result = ask(first, range, address, source);
-        for (unit *u = &first + 1; result == outcome::absent && u != m_units->data() + m_units->size(); ++u)
+        for (unit_record *u = &first + 1; result == outcome::absent && u != m_units->data() + m_units->size(); ++u)
             if (covers(*u, address, flags))
                 result = ask(*u, range, address, source);
         if (result != outcome::absent)
@@ -119,38 +116,19 @@ locator::outcome locator::ask_covering(const extent &range, uint64_t address, so
 }
 
 // Adds the sequences of a unit whose line table can be read.
-void locator::index_unit(unit &u)
+void locator::index_unit(unit_record &u)
 {
     if (u.refused)
         return;
-    krv_handle_t *hp = m_object->handle();
-    krv_lnph_t *header = korva_line_get_cu_lnph(hp, u.cu);
-    if (header == nullptr && korva_handle_get_errno(hp) == KRV_ERR_NOTFOUND)
+    const result<std::vector<range>> sequences = u.unit.sequences();
+    if (!sequences && sequences.error().code != KRV_ERR_NOTFOUND)
+        refuse_lines(u, sequences.error());
+    if (!sequences)
         return;
-    krv_lnp_t *matrix = nullptr;
-    unsigned int count = 0;
-    std::vector<uint64_t> addresses;
-    std::vector<boolean_t> ends;
-    bool ok = header != nullptr && korva_get_fields(hp, KRV_STRUCT_LNPH, header, 1, KRV_FIELD_LNPH_LNP, &matrix) == 0 &&
-              korva_get_fields(hp, KRV_STRUCT_LNP, matrix, 1, KRV_FIELD_LNP_ENTRIES, &count) == 0;
-    if (ok) {
-        addresses.resize(count);
-        ends.resize(count);
-        ok = korva_get_fields(hp, KRV_STRUCT_LNP, matrix, 2, KRV_FIELD_LNS_ADDRESS, addresses.data(), KRV_FIELD_LNS_ES,
-                              ends.data()) == 0;
-    }
-    if (!ok) {
-        m_object->refuse(u, m_object->failed(fmt::format("line table of unit at offset 0x{:x}", u.header.offset)));
-        return;
-    }
-    for (size_t i = 0, first = 0; i < count; ++i) {
-        if (ends[i] == B_FALSE)
-            continue;
+    for (const range &r : *sequences)
         // A linker leaves the lines of functions that it dropped at address 0.
-        if (addresses[first] != 0 || !m_object->is_linked())
-            m_sequences.push_back({addresses[first], addresses[i], &u});
-        first = i + 1;
-    }
+        if (r.start != 0 || !m_object->is_linked())
+            m_sequences.push_back({r, &u});
 }
 
 // Of a unit without ranges in .debug_aranges and without bounds of its own the library finds the functions directly
@@ -159,23 +137,23 @@ void locator::index_sequences()
 {
     m_indexed = true;
     const progress shown(fmt::format("{}: reading line tables", m_object->path()), 0, progress::mode::silent);
-    for (unit *u : m_unranged) {
+    for (unit_record *u : m_unranged) {
         if (u->is_readable())
             index_unit(*u);
         else
             m_object->refuse_version(*u);
     }
     std::sort(m_sequences.begin(), m_sequences.end(),
-              [](const sequence &a, const sequence &b) { return a.start < b.start; });
+              [](const sequence &a, const sequence &b) { return a.addresses.start < b.addresses.start; });
 }
 
-locator::outcome locator::ask_sequences(const extent &range, uint64_t address, source_line *source)
+locator::outcome locator::ask_sequences(const extent &range, uint64_t address, korva::source *source)
 {
     if (!m_indexed)
         index_sequences();
     auto next = std::upper_bound(m_sequences.begin(), m_sequences.end(), address,
-                                 [](uint64_t a, const sequence &s) { return a < s.start; });
-    if (next == m_sequences.begin() || address >= (--next)->end)
+                                 [](uint64_t a, const sequence &s) { return a < s.addresses.start; });
+    if (next == m_sequences.begin() || address >= (--next)->addresses.end)
         return outcome::absent;
     return ask(*next->owner, range, address, source);
 }

@@ -7,24 +7,15 @@
 
 #include <cstdint>
 #include <optional>
-#include <string>
 #include <vector>
 
 namespace korva::program
 {
 
-/** A source line, as a row of a line table gives it. */
-struct source_line {
-    std::string path;       /**< empty when not known */
-    uint32_t line;          /**< 0 when not known */
-    uint16_t column;        /**< 0 when not known */
-    uint16_t discriminator; /**< 0 when there is none */
-};
-
 /** What is known of an address. */
 struct location {
     const krv_elf_symbol_t *function = nullptr;
-    std::optional<source_line> source;
+    std::optional<korva::source> source;
 };
 
 /**
@@ -44,22 +35,23 @@ public:
 private:
     enum class outcome { found, absent, refused };
     struct sequence {
-        uint64_t start, end;
-        unit *owner;
+        range addresses;
+        unit_record *owner;
     };
 
-    void note_ranges_failed();
-    unit &unit_of(krv_ctu_t *cu);
-    bool covers(unit &u, uint64_t address, krv_lookup_flag_t flags);
-    outcome ask(unit &u, const extent &range, uint64_t address, source_line *source);
-    outcome ask_covering(const extent &range, uint64_t address, source_line *source);
-    outcome ask_sequences(const extent &range, uint64_t address, source_line *source);
+    void note_ranges_failed(const error &why);
+    unit_record &record_of(const unit &u);
+    bool covers(const unit_record &u, uint64_t address, krv_lookup_flag_t flags);
+    void refuse_lines(unit_record &u, const error &why);
+    outcome ask(unit_record &u, const extent &range, uint64_t address, korva::source *source);
+    outcome ask_covering(const extent &range, uint64_t address, korva::source *source);
+    outcome ask_sequences(const extent &range, uint64_t address, korva::source *source);
     void index_sequences();
-    void index_unit(unit &u);
+    void index_unit(unit_record &u);
 
     object *m_object;
-    std::vector<unit> *m_units = nullptr;
-    std::vector<unit *> m_unranged; // units whose ranges only a look at their entries can tell
+    std::vector<unit_record> *m_units = nullptr;
+    std::vector<unit_record *> m_unranged; // units whose ranges only a look at their entries can tell
     bool m_ranges_failed = false;
     bool m_indexed = false;
     std::vector<sequence> m_sequences; // of the unranged units, ascending

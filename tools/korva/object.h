@@ -3,10 +3,9 @@
 // An opened file: its handle, its compilation units, and everything that can go wrong with them put into words.
 #pragma once
 
-#include <libkorva-elf.h>
+#include <korva.hpp>
 
 #include <cstdint>
-#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -15,13 +14,10 @@
 namespace korva::program
 {
 
-/** "CONTEXT: first message; second message": the messages of a handle's last failure, or its code in words. */
-std::string failure_text(krv_handle_t *hp, std::string_view context);
-
-/** A compilation unit. */
-struct unit {
-    krv_ctu_t *cu;
-    krv_cu_header_t header;
+/** A compilation unit and what the program knows of it. */
+struct unit_record {
+    korva::unit unit;
+    krv_cu_header_t header = {};
     bool refused = false; /**< its failure has been told; it is not asked again */
 
     bool is_readable() const { return header.version >= 2 && header.version <= 4; }
@@ -39,11 +35,11 @@ public:
     /** Opens @p path; throws failure. */
     object(const std::string &path, bool raw, const std::vector<std::string> &debug_dirs = {});
     /** Looks at a file that somebody else has opened and will close, later. */
-    object(krv_elf_t *elf, const std::string &path);
+    object(elf_view elf, const std::string &path);
 
     const std::string &path() const { return m_path; }
-    krv_elf_t *elf() const { return m_elf.get(); }
-    krv_handle_t *handle() const { return korva_elf_get_handle(m_elf.get()); }
+    const elf_view &elf() const { return m_elf; }
+    handle_view handle() const { return m_elf.handle(); }
     /** Hexadecimal digits of an address of the target. */
     int address_digits() const { return m_info.target == KRV_ACTIVATION_I386 ? 8 : 16; }
     /** Whether a linker has placed its code: then no code lies at address 0. */
@@ -54,18 +50,15 @@ public:
      * The units in section order, read on first use; throws failure when none can be read. A unit table that ends
      * early is diagnosed, and is_complete() is false afterwards.
      */
-    std::vector<unit> &units();
+    std::vector<unit_record> &units();
     bool is_complete() const { return m_complete; }
-
-    /** failure_text of the file's handle. */
-    std::string failed(std::string_view context) const { return failure_text(handle(), context); }
 
     /** Prints a diagnostic that names the file. */
     void diagnose(std::string_view text) const;
     /** Tells why a unit is refused, once, and marks it. */
-    void refuse(unit &u, std::string_view text) const;
+    void refuse(unit_record &u, std::string_view text) const;
     /** The same for a unit that is not readable: which version it has and what to do. Told once for all such units. */
-    void refuse_version(unit &u);
+    void refuse_version(unit_record &u);
     /** Tells what the loader could not present, apart from units of other versions. False when there was anything. */
     bool diagnose_notes() const;
 
@@ -73,21 +66,13 @@ public:
     std::optional<extent> find_section(const std::string &name) const;
 
 private:
-    struct closer {
-        bool borrowed; // false unless said
-        void operator()(krv_elf_t *elf) const
-        {
-            if (!borrowed)
-                korva_elf_close(elf);
-        }
-    };
-
     void read_units();
 
     std::string m_path;
-    std::unique_ptr<krv_elf_t, closer> m_elf;
-    krv_elf_info_t m_info = {};
-    std::vector<unit> m_units;
+    std::optional<korva::elf> m_own; // unless somebody else owns it
+    elf_view m_elf;
+    krv_elf_info_t m_info;
+    std::vector<unit_record> m_units;
     bool m_complete = true;
     bool m_version_refused = false; // told
 };

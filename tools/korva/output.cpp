@@ -31,6 +31,11 @@ std::string printable(std::string_view text)
     return safe;
 }
 
+std::string to_text(const json_value &value)
+{
+    return value.dump(-1, ' ', false, json_value::error_handler_t::replace);
+}
+
 [[noreturn]] static void output_failed()
 {
     const int error = errno;
@@ -53,12 +58,22 @@ void answers::write(std::string_view text)
 
 void answers::record(const json_value &record)
 {
+    open_record();
+    write(to_text(record));
+    close_record();
+}
+
+void answers::open_record()
+{
     if (m_format == output_format::json)
         write(m_empty ? "\n" : ",\n");
-    write(record.dump(-1, ' ', false, json_value::error_handler_t::replace));
+    m_empty = false;
+}
+
+void answers::close_record()
+{
     if (m_format == output_format::jsonl)
         write("\n");
-    m_empty = false;
 }
 
 void answers::flush()

@@ -62,6 +62,9 @@ public:
     }
     void write(std::string_view text);
     void record(const json_value &record);
+    /** A record written piece by piece goes between these. */
+    void open_record();
+    void close_record();
     void flush();
     /** Closes the array and flushes. Call it last; there is nothing to write after a failure. */
     void finish();
@@ -83,6 +86,9 @@ inline json_value or_null(uint64_t number)
 {
     return number == 0 ? json_value(nullptr) : json_value(number);
 }
+
+/** A value as JSON text. */
+std::string to_text(const json_value &value);
 
 /** An address or offset of a record. A string: numbers above 2^53 do not survive every JSON reader. */
 inline json_value hex(uint64_t number)

@@ -187,13 +187,15 @@ TEST_F(Loader, LoadBias)
 
 TEST_F(Loader, SymbolTable)
 {
-    elf_ptr elf = assemble(".text\n.globl whole\nwhole: .fill 32\n.type whole,@function\n.size whole,32\n"
-                           ".set inside,whole+8\n.type inside,@function\n.size inside,8\n"
-                           ".weak alias\n.set alias,whole\n.type alias,@function\n.size alias,32\n"
-                           "gap: .fill 8\n.type gap,@function\n.size gap,4\n"
-                           "label: .fill 8\nifunc: .fill 8\n.type ifunc,@gnu_indirect_function\netext:\n"
-                           ".set object,whole\n.type object,@object\n.size object,99\n"
-                           ".data\nin_data: .fill 8\ncall_out: .quad undefined\n");
+    elf_ptr elf =
+        assemble(".text\n.globl whole\nwhole: .fill 32\n.type whole,@function\n.size whole,32\n"
+                 ".set inside,whole+8\n.type inside,@function\n.size inside,8\n"
+                 ".weak alias\n.set alias,whole\n.type alias,@function\n.size alias,32\n"
+                 "gap: .fill 8\n.type gap,@function\n.size gap,4\n"
+                 "label: .fill 8\nifunc: .fill 8\n.type ifunc,@gnu_indirect_function\netext:\n"
+                 ".set inner,whole+20\n.type inner,@notype\n.size inner,0\n.globl .Ltable\n.set .Ltable,whole+4\n"
+                 ".set object,whole\n.type object,@object\n.size object,99\n"
+                 ".data\nin_data: .fill 8\ncall_out: .quad undefined\n");
     ASSERT_NE(elf, nullptr);
     std::string seen;
     size_t count = 0;
@@ -201,15 +203,18 @@ TEST_F(Loader, SymbolTable)
     for (size_t i = 0; i < count; ++i)
         seen += text("%s@%llu+%llu ", all[i].name, static_cast<unsigned long long>(all[i].address),
                      static_cast<unsigned long long>(all[i].size));
-    EXPECT_EQ(seen, "whole@0+32 alias@0+32 inside@8+8 gap@32+4 label@40+8 ifunc@48+8 ");
+    EXPECT_EQ(seen, "whole@0+32 alias@0+32 inside@8+8 inner@20+12 gap@32+4 label@40+8 ifunc@48+8 ");
+    EXPECT_EQ(korva_elf_lookup_symbol(elf.get(), 20), all); // a function that covers a label has its address
 
-    // Nested, overlapping and equal symbols, against the definition.
+    // Nested, overlapping and equal symbols, every third a label, against the definition.
+    const auto is_label = [](const krv_elf_symbol_t &s) { return *s.name == 'f' && std::atoi(s.name + 1) % 3 == 0; };
     std::mt19937 random(1);
     for (const unsigned longest : {4u, 60u, 60u, 200u}) {
         std::string assembly = ".text\nbase: .fill 100\n.type base,@function\n.size base,1\n";
         for (int i = 0; i < 60; ++i)
-            assembly += text(".type f%d,@function\n.set f%d,base+%u\n.size f%d,%u\n", i, i,
-                             static_cast<unsigned>(random() % 90), i, static_cast<unsigned>(1 + random() % longest));
+            assembly += text(".set f%d,base+%u\n.type f%d,@%s\n.size f%d,%u\n", i, static_cast<unsigned>(random() % 90),
+                             i, i % 3 == 0 ? "notype" : "function", i,
+                             i % 3 == 0 ? 0 : static_cast<unsigned>(1 + random() % longest));
         elf = assemble(assembly);
         all = korva_elf_get_symbols(elf.get(), &count);
         ASSERT_EQ(count, 61u);
@@ -217,7 +222,8 @@ TEST_F(Loader, SymbolTable)
             const krv_elf_symbol_t *expected = nullptr;
             for (size_t i = 0; i < count; ++i)
                 if (address >= all[i].address && address - all[i].address < all[i].size &&
-                    (expected == nullptr || all[i].address > expected->address))
+                    (expected == nullptr || is_label(all[i]) < is_label(*expected) ||
+                     (is_label(all[i]) == is_label(*expected) && all[i].address > expected->address)))
                     expected = &all[i];
             EXPECT_EQ(korva_elf_lookup_symbol(elf.get(), address), expected) << address;
         }

@@ -16,8 +16,8 @@ using namespace krv_test;
 
 static size_t allocated; // bytes
 
-// Basic blocks of loader/elf_file.cpp and of the functions that it has in common with other sources, records that libelf
-// reads, bytes searched for the end of a name.
+// Basic blocks of loader/elf/file.cpp and of the functions that it has in common with other sources, records that libelf
+// reads, names compared, bytes searched for the end of a name.
 static size_t steps, most_steps = SIZE_MAX;
 
 static bool granted(size_t size)
@@ -39,6 +39,7 @@ extern "C" {
 GElf_Sym *__real_gelf_getsymshndx(Elf_Data *symbols, Elf_Data *numbers, int n, GElf_Sym *symbol, Elf32_Word *number);
 GElf_Rela *__real_gelf_getrela(Elf_Data *data, int n, GElf_Rela *relocation);
 size_t __real_strnlen(const char *s, size_t most);
+int __real_strncmp(const char *a, const char *b, size_t most);
 void *__real_memchr(const void *s, int c, size_t most);
 
 GElf_Sym *__wrap_gelf_getsymshndx(Elf_Data *symbols, Elf_Data *numbers, int n, GElf_Sym *symbol, Elf32_Word *number)
@@ -56,6 +57,11 @@ size_t __wrap_strnlen(const char *s, size_t most)
     const size_t length = __real_strnlen(s, most);
     step(length);
     return length;
+}
+int __wrap_strncmp(const char *a, const char *b, size_t most)
+{
+    step(1);
+    return __real_strncmp(a, b, most);
 }
 void *__wrap_memchr(const void *s, int c, size_t most)
 {
@@ -138,6 +144,21 @@ std::string symbols_of_endless_names()
     return b.build();
 }
 
+std::string symbols_that_are_looked_up()
+{
+    elf_builder b;
+    bytes names = bytes().u8(0), symbols;
+    for (int i = 0; i < 20000; ++i) {
+        symbols.u32(static_cast<uint32_t>(names.size())).u8(STT_FUNC).u8(0).u16(2).u64(i).u64(1);
+        names.cstr("f" + std::to_string(i) + (i % 2 != 0 ? "@@V" : ""));
+    }
+    b.add(0, SHT_STRTAB, b.put(names));
+    b.add(0, SHT_PROGBITS, {64, 4096}, SHF_ALLOC | SHF_EXECINSTR);
+    b.add(0, SHT_SYMTAB, b.put(symbols), 0, 1);
+    b.headers.back().sh_entsize = sizeof(Elf64_Sym);
+    return b.build();
+}
+
 std::string notes_of_one_run()
 {
     elf_builder b;
@@ -176,6 +197,60 @@ std::string tails_of_one_abbreviation_table()
     b.add(1, SHT_PROGBITS, b.put(info));
     b.add(13, SHT_PROGBITS, b.put(table));
     return b.build();
+}
+
+elf_builder with_dwarf(const bytes &info, const bytes &abbrev)
+{
+    elf_builder b;
+    b.add(0, SHT_STRTAB, b.put(bytes().u8(0).cstr(".debug_info").cstr(".debug_abbrev")));
+    b.add(1, SHT_PROGBITS, b.put(info));
+    b.add(13, SHT_PROGBITS, b.put(abbrev));
+    return b;
+}
+
+std::string units_without_a_header()
+{
+    bytes info;
+    for (int i = 0; i < 10000; ++i)
+        info.u32(2).u16(5);
+    return with_dwarf(info, bytes().u8(0)).build();
+}
+
+// Numbers to be corrected, and no code of two bytes that is free for any.
+std::string numbers_without_a_code()
+{
+    bytes table, dies;
+    for (uint64_t code = 1; code < 1 << 14; ++code) {
+        table.uleb(code, 2).u8(0x11).u8(0).u8(0x1c).u8(0xd).u16(0);
+        dies.uleb(code, 2).fill(9, 0xff).u8(0);
+    }
+    return with_dwarf(unit{.dies = dies}.build(), table).build();
+}
+
+// Entries of one abbreviation, each with another set of such numbers: each wants a copy of it.
+std::string numbers_of_one_long_abbreviation()
+{
+    bytes table = bytes().u8(1).u8(0x11).u8(0), dies;
+    for (int i = 0; i < 12; ++i)
+        table.u8(0x1c).u8(0xd);
+    for (int i = 0; i < 10000; ++i)
+        table.u8(0x3f).u8(0x19);
+    for (unsigned set = 0; set < 1 << 10; ++set) {
+        dies.uleb(1, 2);
+        for (unsigned i = 0; i < 12; ++i)
+            (set >> i & 1) != 0 ? dies.fill(9, 0xff).u8(0) : dies.u8(1);
+    }
+    return with_dwarf(unit{.dies = dies}.build(), table.u16(0)).build();
+}
+
+// References into other units, in a table of two units for which they have different sizes.
+std::string forms_of_two_sizes()
+{
+    bytes table = bytes().u8(1).u8(0x11).u8(0);
+    for (int i = 0; i < 200000; ++i)
+        table.u8(0x31).u8(0x10);
+    const bytes dies = bytes().u8(1);
+    return with_dwarf(unit{.version = 2, .dies = dies}.build() + unit{.dies = dies}.build(), table.u16(0)).build();
 }
 
 // Every section of the core's over the same deflated bytes.
@@ -234,6 +309,17 @@ TEST_F(Loader, WorstFiles)
         {"relocations of one table", relocations_of_one_table, 16 * MEGABYTE, 40 * MILLION,
          "10000 relocations are applied"},
         {"tails of one abbreviation table", tails_of_one_abbreviation_table, 256 * MEGABYTE, 300 * MILLION, ""},
+        {"symbols that are looked up", symbols_that_are_looked_up, 16 * MEGABYTE, 20 * MILLION, ""},
+        {"units without a header", units_without_a_header, 6 * MEGABYTE, 80 * MILLION, "DWARF 5"},
+        {"numbers without a code", numbers_without_a_code, 24 * MEGABYTE, 30 * MILLION,
+         "16383 entries of the unit at offset 0x0 cannot be read, the first at offset 0xb: each holds a number of 10 "
+         "bytes, and no abbreviation code is free, or no room"},
+        {"numbers of one long abbreviation", numbers_of_one_long_abbreviation, 12 * MEGABYTE, 100 * MILLION,
+         "no abbreviation code is free, or no room"},
+        {"forms of two sizes", forms_of_two_sizes, 64 * MEGABYTE, 120 * MILLION,
+         "give 200000 of its attributes different sizes, the first of them DW_FORM_ref_addr: those of the unit at "
+         "offset "
+         "0xc of .debug_info are misread"},
         {"inflations of one stream", inflations_of_one_stream, 4 * MEGABYTE, MILLION, "claims to inflate"},
         {"claims", claims, MEGABYTE, MILLION, "claims to inflate from 24 to 18446744073709551615"},
     };
@@ -241,15 +327,18 @@ TEST_F(Loader, WorstFiles)
         SCOPED_TRACE(row.what);
         std::printf("%s: ", row.what);
         std::fflush(stdout);
-        write("worst", row.make());
+        const std::string made = row.make();
+        write("worst", made);
         allocated = steps = 0;
         most_steps = row.most_steps;
         const elf_ptr elf = open("worst");
         ASSERT_NE(elf, nullptr) << error.message;
         korva_elf_get_handle(elf.get());
+        for (int i = 0; row.make == symbols_that_are_looked_up && i < 20000; ++i)
+            ASSERT_NE(korva_elf_lookup_symbol_by_name(elf.get(), ("f" + std::to_string(i)).c_str()), nullptr);
         most_steps = SIZE_MAX;
         EXPECT_LE(allocated, row.most_allocated);
-        std::printf("%zu bytes allocated, %zu steps\n", allocated, steps);
+        std::printf("%zu bytes allocated, %zu a byte of input, %zu steps\n", allocated, allocated / made.size(), steps);
         const std::string noted = notes(elf.get());
         EXPECT_NE(noted.find(row.noted), std::string::npos) << noted.substr(0, 2000);
     }

@@ -114,6 +114,10 @@ TEST_F(Passes, CompleteRanges)
         {"all are there", good + set(of_second, {{SECOND, 32}}, good.size()), ""},
         {"one names no unit", good + homeless + set(of_second, {{SECOND, 32}}, good.size() + homeless.size()),
          "+ 1 of 3 sets name no unit: left out\n"},
+        {"one is not ended, one of another version",
+         aranges_set{.tuples = {{FIRST, 32}}, .terminated = false}.build() +
+             aranges_set{.version = 3, .info_offset = of_second, .tuples = {{SECOND, 32}}}.build(32),
+         taken(2, "s") + "+ 2 of 2 sets are damaged: left out\n"},
         {"one has a dropped function", set(0, {{FIRST, 32}, {0x10, 32}}) + set(of_second, {{SECOND, 32}}, 64),
          "+ 1 ranges are of code that is not in the file: left out\n"},
         {"cut off", good + bytes().u32(100), taken(1, "") + "+ the section ends within a set: left out\n"},

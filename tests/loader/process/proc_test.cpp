@@ -46,28 +46,9 @@ protected:
     krv_elf_error_t error = {};
 };
 
-// What an iterator of a process visits.
-template <typename T, typename Iterate>
-std::vector<T> all_of(krv_proc_t *proc, Iterate iterate)
-{
-    std::vector<T> all;
-    iterate(
-        proc,
-        [](krv_proc_t *, auto *visited, void *arg) {
-            if constexpr (std::is_pointer_v<T>)
-                static_cast<std::vector<T> *>(arg)->push_back(visited);
-            else
-                static_cast<std::vector<T> *>(arg)->push_back(*visited);
-            return 0;
-        },
-        &all);
-    return all;
-}
-
 TEST_F(Process, StoppedOneStaysStopped)
 {
     const running_target target("target_o2", "threads", 3);
-    ASSERT_TRUE(target.ready());
     kill(target.pid(), SIGSTOP);
     ASSERT_TRUE(target.wait_for_state('T'));
     proc_ptr proc = attach(target.pid());
@@ -85,12 +66,10 @@ TEST_F(Process, StoppedOneStaysStopped)
 TEST_F(Process, ThreadsCreatedMeanwhileAreStopped)
 {
     const running_target target("target_o2", "create");
-    ASSERT_TRUE(target.ready());
     for (int i = 0; i < 20; ++i) {
         const proc_ptr proc = attach(target.pid());
         std::set<int> told;
-        for (const auto &thread : all_of<krv_proc_thread_t>(proc.get(), korva_proc_iter_threads))
-            told.insert(thread.tid);
+        each(korva_proc_iter_threads, proc.get(), [&](const krv_proc_thread_t *t) { told.insert(t->tid); });
         for (const int tid : list_threads(target.pid())) {
             EXPECT_EQ(told.count(tid), 1U);
             EXPECT_EQ(state_of(tid), 't');
@@ -102,7 +81,6 @@ TEST_F(Process, ThreadsCreatedMeanwhileAreStopped)
 TEST_F(Process, LosesNoSignal)
 {
     const running_target target("target_o2", "count");
-    ASSERT_TRUE(target.ready());
     constexpr int MANY = 500;
     for (int i = 0; i < MANY; ++i) {
         ASSERT_EQ(sigqueue(target.pid(), SIGRTMIN, {}), 0);
@@ -124,7 +102,6 @@ TEST_F(Process, LosesNoSignal)
 TEST_F(Process, KilledMeanwhileIsStillItsParentsToCollect)
 {
     const running_target target("target_o2", "threads", 3);
-    ASSERT_TRUE(target.ready());
     proc_ptr proc = attach(target.pid());
     kill(target.pid(), SIGKILL);
     ASSERT_TRUE(target.wait_for_state('Z'));
@@ -140,7 +117,6 @@ TEST_F(Process, RunsOnWhenWeDie)
 {
     for (const int signal : {SIGINT, SIGTERM, SIGKILL}) {
         const running_target target("target_o2", "threads", 5);
-        ASSERT_TRUE(target.ready());
         const int tracer = fork();
         if (tracer == 0) {
             krv_proc_t *proc = korva_proc_attach(target.pid(), nullptr);
@@ -168,9 +144,9 @@ TEST_F(Process, RunsOnWhenWeDie)
 TEST_F(Process, InUninterruptibleSleepIsListedAndLeftAlone)
 {
     const running_target target("target_o2", "vfork");
-    ASSERT_TRUE(target.ready());
     const proc_ptr proc = attach(target.pid());
-    const auto threads = all_of<krv_proc_thread_t>(proc.get(), korva_proc_iter_threads);
+    std::vector<krv_proc_thread_t> threads;
+    each(korva_proc_iter_threads, proc.get(), [&](const krv_proc_thread_t *t) { threads.push_back(*t); });
     ASSERT_EQ(threads.size(), 1U);
     EXPECT_EQ(threads[0].target, 0);
     EXPECT_EQ(status_of(target.pid(), "TracerPid"), "0");
@@ -182,7 +158,6 @@ TEST_F(Process, InUninterruptibleSleepIsListedAndLeftAlone)
 TEST_F(Process, RefusalsSayWhy)
 {
     const running_target target("target_o2", "pause");
-    ASSERT_TRUE(target.ready());
     const proc_ptr first = attach(target.pid());
     const int dead = fork();
     if (dead == 0)
@@ -210,7 +185,6 @@ TEST_F(Process, RefusalsSayWhy)
 TEST_F(Process, MemoryIsWhatDirectReadsGive)
 {
     const running_target target("target_o2", "recurse", 100);
-    ASSERT_TRUE(target.ready());
     const proc_ptr proc = attach(target.pid());
     const input_file mem("/proc/" + std::to_string(target.pid()) + "/mem");
     ASSERT_TRUE(mem.is_open());
@@ -284,14 +258,13 @@ TEST(PageCache, IsTheMemoryBelow)
 TEST_F(Process, ModulesAreThoseMapped)
 {
     const running_target target("target_o2", "pause");
-    ASSERT_TRUE(target.ready());
     const proc_ptr proc = attach(target.pid());
     std::set<std::string> mapped, told;
     for (const mapping &m : read_maps(target.pid()))
         if (m.executable && m.path != "[vsyscall]")
             mapped.insert(m.path);
     uint64_t last = 0;
-    for (const krv_proc_module_t *m : all_of<const krv_proc_module_t *>(proc.get(), korva_proc_iter_modules)) {
+    each(korva_proc_iter_modules, proc.get(), [&](const krv_proc_module_t *m) {
         told.insert(m->path);
         EXPECT_GE(m->start, last);
         last = m->end;
@@ -310,20 +283,13 @@ TEST_F(Process, ModulesAreThoseMapped)
         uint64_t bias = 0;
         EXPECT_EQ(korva_elf_load_bias(elf, m->start, 0, &bias, nullptr), 0);
         EXPECT_EQ(bias, m->bias);
-        korva_elf_iter_sections(
-            elf,
-            [](krv_elf_t *, const krv_elf_section_t *section, void *arg) {
-                const auto *module = static_cast<const krv_proc_module_t *>(arg);
-                if (section->name == std::string(".eh_frame")) {
-                    EXPECT_EQ(module->eh_frame, module->bias + section->address) << module->path;
-                }
-                if (section->name == std::string(".eh_frame_hdr")) {
-                    EXPECT_EQ(module->eh_frame_hdr, module->bias + section->address) << module->path;
-                }
-                return 0;
-            },
-            const_cast<krv_proc_module_t *>(m));
-    }
+        each(korva_elf_iter_sections, elf, [&](const krv_elf_section_t *section) {
+            const std::string name = section->name;
+            if (name == ".eh_frame" || name == ".eh_frame_hdr") {
+                EXPECT_EQ(name == ".eh_frame" ? m->eh_frame : m->eh_frame_hdr, m->bias + section->address) << m->path;
+            }
+        });
+    });
     EXPECT_EQ(told, mapped);
     krv_proc_info_t info;
     korva_proc_get_info(proc.get(), &info);
@@ -338,14 +304,12 @@ TEST_F(Process, DeletedFileIsStillTheOneMapped)
     const fs::path copy = fs::temp_directory_path() / ("korva-deleted-" + std::to_string(getpid()));
     fs::copy_file(target_path("target_o2"), copy);
     const running_target target(copy, "pause");
-    ASSERT_TRUE(target.ready());
     fs::remove(copy);
     std::ofstream(copy) << "another file";
     const proc_ptr proc = attach(target.pid());
     const krv_proc_module_t *main = nullptr;
-    for (const krv_proc_module_t *m : all_of<const krv_proc_module_t *>(proc.get(), korva_proc_iter_modules))
-        if ((m->flags & KRV_PROC_MODULE_F_MAIN) != 0)
-            main = m;
+    each(korva_proc_iter_modules, proc.get(),
+         [&](const krv_proc_module_t *m) { main = (m->flags & KRV_PROC_MODULE_F_MAIN) != 0 ? m : main; });
     ASSERT_NE(main, nullptr);
     EXPECT_EQ(main->path, copy);
     EXPECT_NE(main->flags & KRV_PROC_MODULE_F_DELETED, 0U);
@@ -361,20 +325,19 @@ TEST_F(Process, DeletedFileIsStillTheOneMapped)
 TEST_F(Process, ThreadsAndRegisters)
 {
     const running_target target("target_o2", "threads", 4);
-    ASSERT_TRUE(target.ready());
     const proc_ptr proc = attach(target.pid());
     std::set<std::string> names;
-    for (const auto &thread : all_of<krv_proc_thread_t>(proc.get(), korva_proc_iter_threads)) {
-        names.insert(thread.name);
-        EXPECT_EQ(thread.target, KRV_ACTIVATION_AMD64);
+    each(korva_proc_iter_threads, proc.get(), [&](const krv_proc_thread_t *thread) {
+        names.insert(thread->name);
+        EXPECT_EQ(thread->target, KRV_ACTIVATION_AMD64);
         krv_gregset_t gregs;
         krv_fpregset_t fpregs;
         uint64_t mask = 0;
-        ASSERT_EQ(korva_proc_get_regs(proc.get(), thread.tid, &gregs, &mask, &fpregs, &error), 1) << error.message;
-        EXPECT_EQ(static_cast<uint64_t>(gregs[KRV_HOST_RIP]), walk_thread(proc.get(), thread.tid).frames.at(0).pc);
+        ASSERT_EQ(korva_proc_get_regs(proc.get(), thread->tid, &gregs, &mask, &fpregs, &error), 1) << error.message;
+        EXPECT_EQ(static_cast<uint64_t>(gregs[KRV_HOST_RIP]), walk_thread(proc.get(), thread->tid).frames.at(0).pc);
         EXPECT_EQ(fpregs.mxcsr, 0x1f80U) << "as the system sets it at the start";
-        EXPECT_EQ(korva_proc_get_regs(proc.get(), thread.tid, &gregs, &mask, nullptr, nullptr), 0);
-    }
+        EXPECT_EQ(korva_proc_get_regs(proc.get(), thread->tid, &gregs, &mask, nullptr, nullptr), 0);
+    });
     EXPECT_EQ(names, (std::set<std::string>{"target_o2", "waiter0", "waiter1", "waiter2", "waiter3"}));
     krv_gregset_t gregs;
     uint64_t mask = 0;
@@ -390,23 +353,17 @@ TEST(Registers, TakeTheirPlaces)
         words[i] = 0x1000 + i;
     register_set set;
     load_registers(&set, KRV_ACTIVATION_AMD64, reinterpret_cast<const uint8_t *>(&from));
-    const struct {
-        unsigned host;
-        unsigned long long value;
-    } amd64[] = {
-        {KRV_HOST_RAX, from.rax},        {KRV_HOST_RBX, from.rbx},        {KRV_HOST_RCX, from.rcx},
-        {KRV_HOST_RDX, from.rdx},        {KRV_HOST_RSI, from.rsi},        {KRV_HOST_RDI, from.rdi},
-        {KRV_HOST_RBP, from.rbp},        {KRV_HOST_RSP, from.rsp},        {KRV_HOST_R8, from.r8},
-        {KRV_HOST_R9, from.r9},          {KRV_HOST_R10, from.r10},        {KRV_HOST_R11, from.r11},
-        {KRV_HOST_R12, from.r12},        {KRV_HOST_R13, from.r13},        {KRV_HOST_R14, from.r14},
-        {KRV_HOST_R15, from.r15},        {KRV_HOST_RIP, from.rip},        {KRV_HOST_RFLAGS, from.eflags},
-        {KRV_HOST_CS, from.cs},          {KRV_HOST_SS, from.ss},          {KRV_HOST_DS, from.ds},
-        {KRV_HOST_ES, from.es},          {KRV_HOST_FS, from.fs},          {KRV_HOST_GS, from.gs},
-        {KRV_HOST_FSBASE, from.fs_base}, {KRV_HOST_GSBASE, from.gs_base},
-    };
-    for (const auto &row : amd64)
-        EXPECT_EQ(set.gregs[row.host], static_cast<krv_greg_t>(row.value)) << row.host;
-    EXPECT_EQ(static_cast<size_t>(__builtin_popcountll(set.mask)), std::size(amd64));
+    // By their places in user_regs_struct; orig_rax is not among the host's.
+    constexpr unsigned NONE = KRV_HOST_MAX;
+    static const unsigned hosts[] = {KRV_HOST_R15, KRV_HOST_R14,    KRV_HOST_R13,    KRV_HOST_R12,    KRV_HOST_RBP,
+                                     KRV_HOST_RBX, KRV_HOST_R11,    KRV_HOST_R10,    KRV_HOST_R9,     KRV_HOST_R8,
+                                     KRV_HOST_RAX, KRV_HOST_RCX,    KRV_HOST_RDX,    KRV_HOST_RSI,    KRV_HOST_RDI,
+                                     NONE,         KRV_HOST_RIP,    KRV_HOST_CS,     KRV_HOST_RFLAGS, KRV_HOST_RSP,
+                                     KRV_HOST_SS,  KRV_HOST_FSBASE, KRV_HOST_GSBASE, KRV_HOST_DS,     KRV_HOST_ES,
+                                     KRV_HOST_FS,  KRV_HOST_GS};
+    for (size_t i = 0; i < std::size(hosts); ++i)
+        EXPECT_TRUE(hosts[i] == NONE || set.gregs[hosts[i]] == static_cast<krv_greg_t>(words[i])) << hosts[i];
+    EXPECT_EQ(static_cast<size_t>(__builtin_popcountll(set.mask)), std::size(hosts) - 1);
 }
 
 } // namespace

@@ -3,7 +3,6 @@
 // Walks of live processes, program counter by program counter as other tools have them; and of the test itself, as the
 // compiler's runtime has it: program counter, stack pointer, preserved registers.
 #include "process.h"
-#include "support/handle.h"
 
 #include <csignal>
 #include <cstdlib>
@@ -52,7 +51,6 @@ TEST_P(LiveWalk, IsWhatOtherToolsSay)
 {
     const stack_case &c = GetParam();
     const running_target target(c.program, c.mode, c.number);
-    ASSERT_TRUE(target.ready());
     krv_elf_error_t error = {};
     proc_ptr proc(korva_proc_attach(target.pid(), &error));
     ASSERT_NE(proc, nullptr) << error.message;
@@ -121,7 +119,6 @@ TEST_F(LiveWalks, FramesAreSound)
 {
     for (const char *mode : {"signal", "altstack", "callback", "stray"}) {
         const running_target target(mode == std::string("stray") ? "target_static" : "target_o2", mode);
-        ASSERT_TRUE(target.ready()) << mode;
         const proc_ptr proc(korva_proc_attach(target.pid(), nullptr));
         ASSERT_NE(proc, nullptr);
         krv_proc_frame_t last = {};
@@ -138,7 +135,6 @@ TEST_F(LiveWalks, FramesAreSound)
 TEST_F(LiveWalks, EndForTheReasonTheyGive)
 {
     const running_target target("target_o0", "recurse", 50);
-    ASSERT_TRUE(target.ready());
     const proc_ptr proc(korva_proc_attach(target.pid(), nullptr));
     ASSERT_NE(proc, nullptr);
     const walked whole = walk_thread(proc.get(), target.pid());
@@ -168,7 +164,7 @@ TEST_F(LiveWalks, EndForTheReasonTheyGive)
 TEST_F(LiveWalks, OutliveTheMainThread)
 {
     const running_target target("target_o2", "ended");
-    ASSERT_TRUE(target.ready() && target.wait_for_state('Z'));
+    ASSERT_TRUE(target.wait_for_state('Z'));
     krv_elf_error_t error = {};
     const proc_ptr proc(korva_proc_attach(target.pid(), &error));
     ASSERT_NE(proc, nullptr) << error.message;
@@ -181,7 +177,6 @@ TEST_F(LiveWalks, OutliveTheMainThread)
 TEST_F(LiveWalks, MayBeNested)
 {
     const running_target target("target_o0", "pause");
-    ASSERT_TRUE(target.ready());
     const proc_ptr proc(korva_proc_attach(target.pid(), nullptr));
     ASSERT_NE(proc, nullptr);
     struct context {

@@ -99,7 +99,7 @@ running_target::running_target(const std::string &program, const std::string &mo
         run_target(path, mode, count, ends[1]);
     close(ends[1]);
     from = ends[0];
-    in_position = read_ready(from) && (mode == "create" || threads_reach_state(process, mode == "vfork" ? 'D' : 'S'));
+    EXPECT_TRUE(read_ready(from) && (mode == "create" || threads_reach_state(process, mode == "vfork" ? 'D' : 'S')));
 }
 
 running_target::~running_target()
@@ -191,13 +191,8 @@ std::vector<uint64_t> walked::pcs() const
 stacks our_stacks(krv_proc_t *proc)
 {
     stacks all;
-    korva_proc_iter_threads(
-        proc,
-        [](krv_proc_t *p, const krv_proc_thread_t *thread, void *arg) {
-            (*static_cast<stacks *>(arg))[thread->tid] = walk_thread(p, thread->tid).pcs();
-            return 0;
-        },
-        &all);
+    each(korva_proc_iter_threads, proc,
+         [&](const krv_proc_thread_t *thread) { all[thread->tid] = walk_thread(proc, thread->tid).pcs(); });
     return all;
 }
 

@@ -6,6 +6,8 @@
 
 #include "libkorva-proc.h"
 
+#include "support/handle.h"
+
 #include <gtest/gtest.h>
 #include <map>
 #include <memory>
@@ -26,7 +28,7 @@ using stacks = std::map<int, std::vector<uint64_t>>;
 // Waits until a thread is in a state; false after some seconds.
 bool wait_for_state(int tid, char state);
 
-// A program in its position (see targets/stack_target.cpp), killed at the end of the scope.
+// A program, waited for until it is in its position (see targets/stack_target.cpp), killed at the end of the scope.
 class running_target
 {
 public:
@@ -37,13 +39,11 @@ public:
 
     int pid() const { return process; }
     int output() const { return from; } // behind "ready"
-    bool ready() const { return in_position; }
     bool wait_for_state(char state) const { return krv_test::wait_for_state(process, state); }
 
 private:
     int process = -1;
     int from = -1;
-    bool in_position = false;
 };
 
 std::string target_path(const std::string &name);

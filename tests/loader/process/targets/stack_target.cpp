@@ -196,36 +196,30 @@ NOINLINE static void end_main_thread()
         pthread_exit(nullptr);
 }
 
+static const struct {
+    const char *name;
+    void (*enter)(int number);
+} modes[] = {
+    {"pause", [](int) { stay(); }},
+    {"recurse", recurse},
+    {"threads", start_threads},
+    {"signal", [](int) { be_interrupted(0); }},
+    {"altstack", [](int) { be_interrupted(SA_ONSTACK); }},
+    {"callback", [](int) { sort_something(); }},
+    {"vfork", [](int) { wait_for_child(); }},
+    {"count", [](int) { count_signals(); }},
+    {"create", [](int) { keep_creating_threads(); }},
+    {"crash", crash},
+    {"stray", [](int) { map_again(); }},
+    {"ended", [](int) { end_main_thread(); }},
+    {"null", [](int number) { call_nothing(reinterpret_cast<void (*)()>(number)); }},
+};
+
 int main(int argc, char **argv)
 {
-    const char *mode = argc > 1 ? argv[1] : "";
-    const int number = argc > 2 ? std::atoi(argv[2]) : 0;
     prctl(PR_SET_PTRACER, PR_SET_PTRACER_ANY); // the tests' oracles are not its parents
-    if (std::strcmp(mode, "pause") == 0)
-        stay();
-    else if (std::strcmp(mode, "recurse") == 0)
-        recurse(number);
-    else if (std::strcmp(mode, "threads") == 0)
-        start_threads(number);
-    else if (std::strcmp(mode, "signal") == 0)
-        be_interrupted(0);
-    else if (std::strcmp(mode, "altstack") == 0)
-        be_interrupted(SA_ONSTACK);
-    else if (std::strcmp(mode, "callback") == 0)
-        sort_something();
-    else if (std::strcmp(mode, "vfork") == 0)
-        wait_for_child();
-    else if (std::strcmp(mode, "count") == 0)
-        count_signals();
-    else if (std::strcmp(mode, "create") == 0)
-        keep_creating_threads();
-    else if (std::strcmp(mode, "crash") == 0)
-        crash(number);
-    else if (std::strcmp(mode, "stray") == 0)
-        map_again();
-    else if (std::strcmp(mode, "ended") == 0)
-        end_main_thread();
-    else if (std::strcmp(mode, "null") == 0)
-        call_nothing(reinterpret_cast<void (*)()>(number));
+    for (const auto &mode : modes)
+        if (argc > 1 && std::strcmp(argv[1], mode.name) == 0)
+            mode.enter(argc > 2 ? std::atoi(argv[2]) : 0);
     return 1;
 }

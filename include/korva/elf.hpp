@@ -1,0 +1,169 @@
+// SPDX-License-Identifier: Apache-2.0
+/**
+ * @file
+ * Part of korva.hpp: ELF files. It needs libkorva-elf.
+ */
+#ifndef KORVA_ELF_HPP
+#define KORVA_ELF_HPP
+
+#include <algorithm>
+
+#include "../libkorva-elf.h"
+#include "handle.hpp"
+
+namespace korva
+{
+
+namespace detail
+{
+
+inline error loader_error(const krv_elf_error_t &why)
+{
+    return {layer::loader, why.code, {why.message}};
+}
+
+} // namespace detail
+
+/** An opened file that somebody else owns. What it hands out lives as long as the file. */
+class elf_view
+{
+public:
+    explicit elf_view(krv_elf_t *elf) : elf_(elf) {}
+    /** For the C functions; still owned by whoever owns it now. */
+    krv_elf_t *get() const { return elf_; }
+
+    /** The handle that answers for the file; the file owns it. */
+    handle_view handle() const { return handle_view(korva_elf_get_handle(elf_)); }
+    /** Machine, type, target and build-id of the file. */
+    krv_elf_info_t info() const
+    {
+        krv_elf_info_t info = {};
+        korva_elf_get_info(elf_, &info);
+        return info;
+    }
+    /** The path that the file was opened with. */
+    const char *path() const { return korva_elf_get_path(elf_); }
+    /** The path of the separate debug file that is read, or nullptr. */
+    const char *debug_path() const { return korva_elf_get_debug_path(elf_); }
+
+    /** The sections of the file, of its separate debug file, and those that the loader made. */
+    std::vector<krv_elf_section_t> sections() const
+    {
+        std::vector<krv_elf_section_t> all;
+        korva_elf_iter_sections(
+            elf_,
+            [](krv_elf_t *, const krv_elf_section_t *section, void *arg) noexcept {
+                static_cast<std::vector<krv_elf_section_t> *>(arg)->push_back(*section);
+                return 0;
+            },
+            &all);
+        return all;
+    }
+    /** What the loader corrected, and what it refused. */
+    std::vector<krv_elf_note_t> notes() const
+    {
+        std::vector<krv_elf_note_t> all;
+        korva_elf_iter_notes(
+            elf_,
+            [](krv_elf_t *, const krv_elf_note_t *note, void *arg) noexcept {
+                static_cast<std::vector<krv_elf_note_t> *>(arg)->push_back(*note);
+                return 0;
+            },
+            &all);
+        return all;
+    }
+    /** Why the file cannot answer at all: what the loader refused, when no unit is left that can be read. Else empty. */
+    std::vector<std::string> refusal() const
+    {
+        std::vector<std::string> reasons;
+        const std::vector<unit> units = handle().units();
+        const bool any = std::any_of(units.begin(), units.end(), [](const unit &u) {
+            const result<krv_cu_header_t> header = u.header();
+            return header && header->version >= 2 && header->version <= 4;
+        });
+        if (any)
+            return reasons;
+        for (const krv_elf_note_t &note : notes())
+            if (note.refused != 0)
+                reasons.emplace_back(note.text);
+        if (reasons.empty() && units.empty())
+            reasons.emplace_back("no debugging information (.debug_info)");
+        return reasons;
+    }
+
+    /** The function symbols, ascending by address. */
+    span<const krv_elf_symbol_t> symbols() const
+    {
+        std::size_t count = 0;
+        const krv_elf_symbol_t *all = korva_elf_get_symbols(elf_, &count);
+        return {all, count};
+    }
+    /** The function that covers @p address, or nullptr. */
+    const krv_elf_symbol_t *symbol(std::uint64_t address) const { return korva_elf_lookup_symbol(elf_, address); }
+    /** The first function of that name, or nullptr. */
+    const krv_elf_symbol_t *symbol(const char *name) const { return korva_elf_lookup_symbol_by_name(elf_, name); }
+
+    /**
+     * Where an address of the file comes from, its function too; KRV_ERR_NOTFOUND when no unit or no row covers it, with
+     * the loader's reason where every unit was refused.
+     */
+    result<korva::source> source(std::uint64_t address) const
+    {
+        const krv_elf_symbol_t *function = symbol(address);
+        const result<unit> home = handle().unit_of(address);
+        result<korva::source> found = !home                 ? result<korva::source>(home.error())
+                                      : function == nullptr ? home->source(address, address, 1)
+                                                            : home->source(address, function->address, function->size);
+        if (found && function != nullptr)
+            found->function = function->name;
+        if (found)
+            return found;
+        error why = found.error();
+        for (std::string &reason : refusal())
+            why.messages.push_back(std::move(reason));
+        return why;
+    }
+
+    /** What to add to addresses of the file when its byte at @p file_offset is mapped at @p address. */
+    result<std::uint64_t> load_bias(std::uint64_t address, std::uint64_t file_offset) const
+    {
+        krv_elf_error_t why;
+        std::uint64_t bias = 0;
+        if (korva_elf_load_bias(elf_, address, file_offset, &bias, &why) != 0)
+            return detail::loader_error(why);
+        return bias;
+    }
+
+private:
+    krv_elf_t *elf_;
+};
+
+/** An opened file of one's own. */
+class elf : public elf_view
+{
+public:
+    /**
+     * Opens a file; flags: KRV_ELF_F_*. Separate debug files are looked for under each of @p debug_dirs too, in their
+     * order, before /usr/lib/debug.
+     */
+    static result<elf> open(const char *path, unsigned int flags = KRV_ELF_F_NONE,
+                            const std::vector<std::string> &debug_dirs = {})
+    {
+        std::vector<const char *> dirs;
+        for (const std::string &dir : debug_dirs)
+            dirs.push_back(dir.c_str());
+        krv_elf_error_t why;
+        krv_elf_t *opened = korva_elf_open_with_debug_dirs(path, flags, dirs.data(), dirs.size(), &why);
+        if (opened == nullptr)
+            return detail::loader_error(why);
+        return elf(opened);
+    }
+
+private:
+    explicit elf(krv_elf_t *opened) : elf_view(opened), owner_(opened) {}
+    detail::owner<krv_elf_t, korva_elf_close> owner_;
+};
+
+} // namespace korva
+
+#endif // KORVA_ELF_HPP
