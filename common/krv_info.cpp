@@ -83,9 +83,8 @@ namespace
 struct unit_name {
     const char *text = nullptr;
     size_t length = 0;
-
-    // Bytes of the copy that is needed where it is cut; the entry lives as long as the unit.
-    size_t copied() const { return text == nullptr || text[length] == '\0' ? 0 : length + 1; }
+    char *shared = nullptr; // what another unit keeps of the same text
+    size_t copied() const { return text == nullptr || shared != nullptr || text[length] == '\0' ? 0 : length + 1; }
 };
 
 } // namespace
@@ -96,16 +95,25 @@ static bool find_name(krv_handle_t *hp, krv_die_t *die, krv_attribute_t attr, un
     return name->text != nullptr || hp->sh_errno == KRV_ERR_NOTFOUND;
 }
 
-// The text itself, or where it is cut a copy, put where there is room for it. Returns what is behind.
+// Shares a name that is cut with the unit before, if that has cut it, too.
+static void share_name(krv_handle_t *hp, const krv_ctu_t *before, krv_attribute_t attr, char *kept, unit_name *name)
+{
+    unit_name other;
+    if (name->copied() != 0 && find_name(hp, before->dcu_compile_unit, attr, &other) && other.text == name->text)
+        name->shared = kept;
+}
+
+// The text itself, since the entry lives as long as the unit, or where it is cut a copy, put where there is room for it.
+// Returns what is behind.
 static char *keep_name(const unit_name *name, char *to, char **keptp)
 {
-    *keptp = const_cast<char *>(name->text);
-    if (name->copied() == 0)
+    const size_t size = name->copied();
+    *keptp = size != 0 ? to : name->shared != nullptr ? name->shared : const_cast<char *>(name->text);
+    if (size == 0)
         return to;
-    std::memcpy(to, name->text, name->length);
-    to[name->length] = '\0';
-    *keptp = to;
-    return to + name->copied();
+    std::memcpy(to, name->text, size - 1);
+    to[size - 1] = '\0';
+    return to + size;
 }
 
 // A copy of an abbreviation that stands by itself. `to` has room for it and its pairs.
@@ -119,12 +127,17 @@ static krv_abbrev_t *copy_abbrev(const krv_abbrev_t *abbrev, krv_abbrev_t *to)
 
 // The unit in an allocation of its own, with names that are cut and, when it is *single, the abbreviation of its first
 // entry; or NULL. Takes over the entry when it succeeds.
-static krv_ctu_t *keep_unit(krv_handle_t *hp, const krv_ctu_t *cu, const krv_single_abbrev_t *single)
+static krv_ctu_t *keep_unit(krv_handle_t *hp, const krv_ctu_t *cu, const krv_single_abbrev_t *single,
+                            const krv_ctu_t *before)
 {
     krv_die_t *die = cu->dcu_compile_unit;
     unit_name comp_dir, name;
     if (!find_name(hp, die, DW_AT_comp_dir, &comp_dir) || !find_name(hp, die, DW_AT_name, &name))
         return nullptr;
+    if (before != nullptr) {
+        share_name(hp, before, DW_AT_comp_dir, before->dcu_comp_dir, &comp_dir);
+        share_name(hp, before, DW_AT_name, before->dcu_name, &name);
+    }
     const bool by_itself = die->dwdie_abbrev_cache == &single->ssa_abbrev;
     const size_t abbrev_size =
         by_itself ? sizeof(krv_abbrev_t) + single->ssa_abbrev.dwa_nafpairs * sizeof(krv_afpair_t) : 0;
@@ -151,7 +164,7 @@ int krv_cu_check_section(krv_handle_t *hp, krv_secidx_t sec)
     return 0;
 }
 
-krv_ctu_t *krv_cu_alloc(krv_handle_t *hp, krv_secidx_t sec, uint64_t offset)
+krv_ctu_t *krv_cu_alloc(krv_handle_t *hp, krv_secidx_t sec, uint64_t offset, const krv_ctu_t *before)
 {
     KRV_ASSERT(hp != NULL);
     if (krv_cu_check_section(hp, sec) != 0)
@@ -163,7 +176,7 @@ krv_ctu_t *krv_cu_alloc(krv_handle_t *hp, krv_secidx_t sec, uint64_t offset)
     if (krv_info_hdr_read(hp, &cu, sec, offset) == 0) {
         cu.dcu_compile_unit = krv_alloc_first_die(hp, &cu, &single);
         die.reset(cu.dcu_compile_unit);
-        kept = die == nullptr ? nullptr : keep_unit(hp, &cu, &single);
+        kept = die == nullptr ? nullptr : keep_unit(hp, &cu, &single, before);
     }
     if (kept == nullptr) {
         krv_note(hp, "failed to obtain CU at offset %lld in %s", static_cast<long long>(offset), section_name(sec));

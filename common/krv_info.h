@@ -62,8 +62,9 @@ int krv_info_hdr_read(krv_handle_t *hp, krv_ctu_t *cu, krv_secidx_t sec, uint64_
 // The one section that units are read from. -1: refused with its message.
 int krv_cu_check_section(krv_handle_t *hp, krv_secidx_t sec);
 
-// The unit at `offset` with its first entry and its two names, or NULL.
-krv_ctu_t *krv_cu_alloc(krv_handle_t *hp, krv_secidx_t sec, uint64_t offset);
+// The unit at `offset` with its first entry and its two names, or NULL. What it cuts of long names it may share with the
+// unit before, which then has to outlive it.
+krv_ctu_t *krv_cu_alloc(krv_handle_t *hp, krv_secidx_t sec, uint64_t offset, const krv_ctu_t *before = nullptr);
 void krv_cu_free(krv_ctu_t *cu); // not its line-number header, which is read above
 
 // The entry at a unit-relative offset. NULL on failure, and NULL with KRV_ERR_NOTFOUND and no message for a null

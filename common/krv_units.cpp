@@ -29,6 +29,7 @@ struct table_builder {
     uint64_t copied = 0;     // bytes of their strings
 
     explicit table_builder(krv_handle_t *handle) : hp(handle) {}
+    const krv_ctu_t *last() const { return entries == 0 ? nullptr : units[entries - 1]; }
     ~table_builder()
     {
         for (uint32_t i = 0; i < entries; ++i)
@@ -60,7 +61,7 @@ static const char *count_unit(table_builder *t, const krv_ctu_t *cu)
 static bool read_units(table_builder *t)
 {
     uint64_t offset = 0;
-    while (krv_ctu_t *cu = krv_cu_alloc(t->hp, KRV_SEC_INFO, offset)) {
+    while (krv_ctu_t *cu = krv_cu_alloc(t->hp, KRV_SEC_INFO, offset, t->last())) {
         if (const char *much = count_unit(t, cu)) {
             krv_cu_free(cu);
             krv_fail(t->hp, KRV_ERR_CORRUPT, "too many %s in the units up to offset %lu", much,
