@@ -115,7 +115,7 @@ void krv_fd_read_ahead(krv_fd_t *fdp, uint64_t size)
     const uint64_t wanted = size < fdp->sfd_remaining ? size : fdp->sfd_remaining;
     const size_t count = static_cast<size_t>(wanted < room ? wanted : room);
     const uint64_t skip = fdp->sfd_offset - window->sw_offset;
-    if (skip <= window->sw_size && count <= window->sw_size - skip)
+    if (count == 0 || (skip <= window->sw_size && count <= window->sw_size - skip))
         return;
     window->sw_size = 0;
     if (window->sw_func(window->sw_arg, window->sw_bytes, count, fdp->sfd_offset) != static_cast<int64_t>(count))
@@ -250,7 +250,7 @@ int korva_fd_cpy(krv_fd_t *dst, krv_fd_t *src, size_t count)
     if (count > dst->sfd_remaining)
         return write_too_long(hp, "write", count, dst);
     // The two extents may overlap, when both cursors look at one buffer.
-    uint8_t *to = count == 0 ? nullptr : dst->sfd_u.buf + dst->sfd_offset;
+    uint8_t *to = dst->sfd_u.buf == nullptr ? nullptr : dst->sfd_u.buf + dst->sfd_offset;
     if (krv_fd_is_cb(src)) {
         if (src->sfd_u.cb.func(src->sfd_u.cb.arg, to, count, src->sfd_offset) == -1)
             return krv_fail(hp, KRV_ERR_IO, "read callback failed");

@@ -232,7 +232,7 @@ static int find_ranges(krv_handle_t *hp, krv_ctu_t *cu, krv_lookup_flag_t flags)
         known = krv_lookup_insert_arange_entry(hp, low, high, &list) == 0;
         break;
     case bounds::none:
-        krv_clear_error(hp);
+        hp->sh_errno = KRV_ERR_NONE; // messages about .debug_aranges stay
         if ((flags & KRV_LOOKUP_F_FAST) != 0)
             return 0;
         known = scan_children(hp, cu, &list);
