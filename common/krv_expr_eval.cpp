@@ -239,12 +239,12 @@ static int execute_binary(evaluator *ev, uint8_t opcode)
 // Memory and registers
 // ---------------------------------------------------------------------------------------------------------------
 
-// Reads target memory; what would wrap around the end of the address space is not asked for. 0 or -1.
+// Reads target memory, up to its last byte; what would wrap around is not asked for. 0 or -1.
 static int read_memory(evaluator *ev, void *dst, uint64_t count, uint64_t address)
 {
     const krv_fd_t *as = &ev->hp->sh_as;
     int64_t delivered = -1;
-    if (krv_extent_fits(as->sfd_size, address, 0, count))
+    if (count == 0 || address <= UINT64_MAX - (count - 1))
         delivered = as->sfd_u.cb.func(as->sfd_u.cb.arg, dst, count, address);
     if (delivered >= 0 && static_cast<uint64_t>(delivered) == count)
         return 0;
@@ -359,7 +359,7 @@ static int emit_register(evaluator *ev, uint32_t reg)
 static int emit_block(evaluator *ev)
 {
     auto *block = static_cast<krv_fd_t *>(ev->current->op.operand[0].sa_u.su_addr);
-    if (block == nullptr) // a call-back has made the opcode of another
+    if (block == nullptr) // the call-back has made this opcode of another one
         return krv_fail_code(ev->hp, KRV_ERR_INVALID);
     const uint64_t count = ev->piece_follows() ? ev->piece_size() : block->sfd_size;
     if (korva_fd_cpy(ev->outputs[0], block, count) != 0)
