@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // The byte cursor.
+#include "krv_fd.h"
 #include "support/handle.h"
 
 #include <cstring>
