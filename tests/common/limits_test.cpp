@@ -162,8 +162,8 @@ TEST(Limits, Abbreviations)
     measured codes;
     bytes table;
     for (uint64_t i = 0; i < MILLION / 5; ++i)
-        table.uleb((MILLION / 5 - i) << 10).u8(0x11).u8(0).u16(0);
-    codes.h.attach(KRV_SEC_ABBREV, table).attach(KRV_SEC_INFO, unit{.dies = bytes().uleb(1024)}.build());
+        table.uleb((MILLION / 5 - i) << 14).u8(0x11).u8(0).u16(0);
+    codes.h.attach(KRV_SEC_ABBREV, table).attach(KRV_SEC_INFO, unit{.dies = bytes().uleb(1 << 14)}.build());
     EXPECT_NE(korva_lookup_ctu_by_start_offset(codes.h, KRV_SEC_INFO, 0), nullptr) << codes.h.error();
 
     measured flags;
