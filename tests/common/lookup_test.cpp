@@ -2,6 +2,8 @@
 //
 // Address-range sets, the unit table, and which unit covers an address.
 #include "krv_lookup.h"
+
+#include "korva.hpp"
 #include "support/handle.h"
 #include "support/sections.h"
 
@@ -192,20 +194,10 @@ TEST(Lookup, AddressesOfAUnit)
 // The offset of the unit that covers an address, asking every unit; -1: none.
 static int64_t ask_every_unit(krv_handle_t *hp, uint64_t address, krv_lookup_flag_t flags)
 {
-    struct query {
-        uint64_t address;
-        krv_lookup_flag_t flags;
-        int64_t found;
-    } q{address, flags, -1};
-    const auto visit = [](krv_handle_t *handle, krv_ctu_t *cu, void *arg) {
-        auto *query_of = static_cast<query *>(arg);
-        if (korva_cu_contains_addr(handle, cu, query_of->address, query_of->flags) != B_TRUE)
-            return 0;
-        query_of->found = static_cast<int64_t>(cu->dcu_offset);
-        return 1;
-    };
-    korva_iter_cu(hp, KRV_SEC_INFO, visit, &q);
-    return q.found;
+    for (const korva::unit &u : korva::handle_view(hp).units())
+        if (korva_cu_contains_addr(hp, u.get(), address, flags) == B_TRUE)
+            return static_cast<int64_t>(u.get()->dcu_offset);
+    return -1;
 }
 
 static int64_t ask_index(krv_handle_t *hp, uint64_t address, krv_lookup_flag_t flags)

@@ -38,10 +38,7 @@ CASES = {
     'bash': (lambda targets, scratch: ['bash', '-c', 'f() { read line; }; f; f'], 1),
     'python3': (lambda targets, scratch: ['/usr/bin/python3', '-c', 'import time; time.sleep(1000)'], 1),
     'threads': (lambda targets, scratch: [f'{targets}/target_o0', 'threads', '20'], 21),
-    'static': (lambda targets, scratch: [f'{targets}/target_static', 'threads', '3'], 4),
-    'omit-frame-pointer': (lambda targets, scratch: [f'{targets}/target_o2', 'callback'], 1),
     'signal': (lambda targets, scratch: [f'{targets}/target_o2', 'altstack'], 1),
-    'debug-frame': (lambda targets, scratch: [f'{targets}/target_debug_frame', 'threads', '5'], 6),
     'm32': (lambda targets, scratch: build_32(scratch), 1),
 }
 
