@@ -12,6 +12,7 @@
 #include "krv_mem.h"
 
 #include <cstring>
+#include <memory>
 
 namespace
 {
@@ -94,7 +95,7 @@ static inline bool load_number(krv_fd_t *fdp, uint64_t *valuep)
     return true;
 }
 
-// Of the formats that compilers and linkers choose.
+// Of the formats that compilers and linkers choose; the twin of the reads in decode_pointer.
 static inline bool load_pointer(krv_fd_t *fdp, uint8_t format, uint64_t *valuep)
 {
     switch (format) {
@@ -171,11 +172,11 @@ int krv_eh_frame_aug_next_op(krv_handle_t *hp, krv_fd_t *fdp, krv_operation_t *o
     KRV_ASSERT(fdp != NULL);
     KRV_ASSERT(op != NULL);
     krv_form_t forms[2];
-    if (krv_frame_read_opcode(hp, fdp, op, forms) != 0)
+    if (krv_cfa_read_opcode(hp, fdp, op, forms) != 0)
         return -1;
     if (op->opcode == DW_CFA_set_loc)
         return read_set_loc(hp, fdp, op, static_cast<const krv_amd64_cie_augmentation *>(arg));
-    return krv_frame_read_operands(hp, fdp, op, forms);
+    return krv_cfa_read_operands(hp, fdp, op, forms);
 }
 
 static const krv_augmentation_ops_t krv_eh_frame_aug_ops = {.sao_gno = krv_eh_frame_aug_next_op};
@@ -201,7 +202,8 @@ struct record_reader {
 
 } // namespace
 
-// Reads a record in two calls, when the window has room for it. False: it has not, or something is amiss.
+// Reads a record in two calls, when the window has room for it: the twin of reading field by field, to which false
+// leads. False: it has not, or something is amiss.
 static bool hold_record(record_reader *r, krv_handle_t *hp, krv_window_t *window, uint64_t address)
 {
     const krv_fd_t *as = &hp->sh_as;
@@ -478,19 +480,6 @@ static krv_eh_fde *take_record(krv_handle_t *hp, krv_reader_t *reader)
     return record;
 }
 
-static krv_fde_t *krv_eh_frame_gfbo(krv_handle_t *hp, krv_reader_t *reader, uint64_t offset)
-{
-    KRV_ASSERT(hp != NULL);
-    KRV_ASSERT(reader != NULL);
-    const uint64_t eh_frame = reader_data(reader)->sefh_eh_frame;
-    krv_eh_fde *record = take_record(hp, reader);
-    krv_fde_owner fdep(record == nullptr ? nullptr : &record->fde, {hp});
-    if (fdep != nullptr && read_fde(hp, record, eh_frame, offset))
-        return fdep.release();
-    krv_note(hp, "failed to read FDE at address 0x%lx in .eh_frame", static_cast<unsigned long>(eh_frame + offset));
-    return nullptr;
-}
-
 static void krv_eh_frame_cie_free(krv_cie_t *ciep)
 {
     KRV_ASSERT(ciep->scie_augmentation_type == (ciep->scie_augmentation_data != NULL ? KRV_AUG_AMD64 : KRV_AUG_NONE));
@@ -506,6 +495,28 @@ static void krv_eh_frame_fde_free(krv_fde_t *fdep)
         krv_free(record);
     else
         krv_publish(&reader_data(record->reader)->sefh_spare, record, krv_free);
+}
+
+namespace
+{
+
+struct fde_deleter {
+    void operator()(krv_fde_t *fdep) const { krv_eh_frame_fde_free(fdep); }
+};
+
+} // namespace
+
+static krv_fde_t *krv_eh_frame_gfbo(krv_handle_t *hp, krv_reader_t *reader, uint64_t offset)
+{
+    KRV_ASSERT(hp != NULL);
+    KRV_ASSERT(reader != NULL);
+    const uint64_t eh_frame = reader_data(reader)->sefh_eh_frame;
+    krv_eh_fde *record = take_record(hp, reader);
+    std::unique_ptr<krv_fde_t, fde_deleter> fdep(record == nullptr ? nullptr : &record->fde);
+    if (fdep != nullptr && read_fde(hp, record, eh_frame, offset))
+        return fdep.release();
+    krv_note(hp, "failed to read FDE at address 0x%lx in .eh_frame", static_cast<unsigned long>(eh_frame + offset));
+    return nullptr;
 }
 
 static void krv_eh_frame_destroy_reader(krv_reader_t *reader)

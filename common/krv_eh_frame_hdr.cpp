@@ -137,7 +137,7 @@ struct table_search {
     }
 };
 
-// Fields that were read ahead, of entries from `first` on: the same numbers that read_pointer gives.
+// Fields that were read ahead, of entries from `first` on: the twin of table_search, the same numbers as read_pointer.
 template <typename T>
 struct held_fields {
     const uint8_t *bytes;

@@ -93,10 +93,29 @@ KORVA_API krv_proc_t *korva_proc_self(krv_elf_error_t *errorp);
 KORVA_API void korva_proc_close(krv_proc_t *proc);
 
 /**
+ * Lets a live process run on before @p proc is closed: ask for what has to be asked of a process that stands still, let
+ * it go, and work with what was learnt. Modules, threads and their records stay, and the files of modules that a walk
+ * was in can still be opened. Registers and walks are no longer to be had; memory is read as it is then. Call it in the
+ * thread that attached. Of a core file and of the calling process there is nothing to let go.
+ */
+KORVA_API void korva_proc_release(krv_proc_t *proc);
+
+/**
  * Looks at the calling process's modules and threads again; later questions see libraries loaded since. For a live
  * process, which is stopped, and for a core file there is nothing to do. Returns 0 or -1.
  */
 KORVA_API int korva_proc_refresh(krv_proc_t *proc, krv_elf_error_t *errorp);
+
+/** Visitor of korva_proc_iter_notes; non-zero stops the walk and is returned. */
+typedef int krv_proc_note_f(krv_proc_t *proc, const char *text, void *arg);
+
+/**
+ * Visits what is missing or odd on the whole, a line each: a core file that was cut short, with its size and that which
+ * it should have; a core file whose modules claim more than it and its files hold (each byte may be claimed about four
+ * times; modules above are not listed, or their call-frame information is not read); a main thread that has ended.
+ * Returns 0 or the visitor's non-zero result.
+ */
+KORVA_API int korva_proc_iter_notes(krv_proc_t *proc, krv_proc_note_f *func, void *arg);
 
 /** What the process is. */
 KORVA_API void korva_proc_get_info(krv_proc_t *proc, krv_proc_info_t *infop);
@@ -149,6 +168,19 @@ KORVA_API int korva_proc_iter_modules(krv_proc_t *proc, krv_proc_module_f *func,
 KORVA_API const krv_proc_module_t *korva_proc_find_module(krv_proc_t *proc, uint64_t address);
 
 /**
+ * How the files of modules are opened from now on: @p flags and the @p count folders of @p dirs are those of
+ * korva_elf_open_with_debug_dirs. Returns 0, or -1 when memory ran out.
+ */
+KORVA_API int korva_proc_set_files(krv_proc_t *proc, unsigned int flags, const char *const *dirs, size_t count,
+                                   krv_elf_error_t *errorp);
+
+/**
+ * Stores where in the file of its module the byte at @p address is. Returns 0, or -1 when it is in no module or in no
+ * file.
+ */
+KORVA_API int korva_proc_file_offset(krv_proc_t *proc, uint64_t address, uint64_t *offsetp);
+
+/**
  * The module's file, opened on first use, for its symbols and line numbers; the vDSO is read from memory. The file
  * of a live process is the one that is mapped, also when its path leads to another one by now, as far as the caller
  * may open it.
@@ -184,6 +216,12 @@ typedef int krv_proc_thread_f(krv_proc_t *proc, const krv_proc_thread_t *thread,
 
 /** Visits the threads: in a core file its own order, the failing one first. Returns 0 or the visitor's result. */
 KORVA_API int korva_proc_iter_threads(krv_proc_t *proc, krv_proc_thread_f *func, void *arg);
+
+/**
+ * What a thread did before it was stopped: the letter of its state, such as 'R' for running, 'S' for sleeping, 'D' for
+ * uninterruptible sleep and 'T' for stopped (proc(5) has them all). 0 when it is not known, as in a core file.
+ */
+KORVA_API int korva_proc_thread_state(krv_proc_t *proc, int tid);
 
 /**
  * Stores the registers of a stopped thread as korva_activation_set_regs takes them: general registers, the mask of

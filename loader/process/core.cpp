@@ -8,13 +8,17 @@
 #include "notes.h"
 #include "page.h"
 #include "process/image.h"
+#include "process/status.h"
 
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <fmt/format.h>
 #include <map>
+#include <set>
+#include <string_view>
 #include <sys/stat.h>
+#include <unordered_map>
 
 namespace krv_elf_loader
 {
@@ -82,6 +86,50 @@ size_t dumped_memory::read_some(uint64_t address, void *buf, size_t count)
     return source.read(e.offset + at, buf, piece) ? piece : 0;
 }
 
+// How many bytes may be read for modules. A process has each byte of its files mapped once, or a few times; a core file
+// can claim any number of modules over the same bytes.
+class allowance
+{
+public:
+    void grant(uint64_t there)
+    {
+        constexpr uint64_t TIMES = 4;
+        left = there < (UINT64_MAX - left) / TIMES ? left + TIMES * there : UINT64_MAX;
+    }
+
+    bool take(uint64_t bytes)
+    {
+        left = bytes > left ? 0 : left - bytes;
+        return left != 0;
+    }
+
+private:
+    uint64_t left = 0;
+};
+
+class metered_memory : public memory
+{
+public:
+    metered_memory(memory &source, allowance &limit, const std::string &core)
+        : below(source), allowed(limit), core_path(core)
+    {
+    }
+
+    bool read(uint64_t address, void *buf, size_t count) override
+    {
+        if (!allowed.take(count))
+            throw failure(KRV_ELF_ERR_FORMAT, core_path +
+                                                  ": its modules claim more than it and the files that it names "
+                                                  "hold, so that no more is read of them");
+        return below.read(address, buf, count);
+    }
+
+private:
+    memory &below;
+    allowance &allowed;
+    const std::string &core_path;
+};
+
 class core_file_source : public source, private memory
 {
 public:
@@ -89,10 +137,11 @@ public:
 
     memory &bytes() override { return cache; }
     const std::vector<mapping> &mappings() const override { return maps; }
-    const std::vector<thread> &threads() const override { return thread_list; }
+    memory &module_bytes() override { return metered; }
     register_set registers(int tid) override;
     std::string locate(const mapping &where) override;
     bool mismatched(const mapping &where) override { return file_of(where).state == other; }
+    std::string why_unreadable(uint64_t address) override;
 
 private:
     enum mapped_state { usable, missing, other };
@@ -129,30 +178,36 @@ private:
     note_layout layout = layout_amd64;
     std::unique_ptr<dumped_memory> dumped;
     page_cache cache;
+    allowance allowed;
+    metered_memory metered;
     std::vector<mapping> maps;
-    bool files_recorded = false; // there is an NT_FILE note
-    std::vector<thread> thread_list;
-    std::vector<register_set> thread_registers; // of the same index
+    std::unordered_map<std::string_view, size_t> first_of; // of the mappings of a path's first page, by path
+    bool files_recorded = false;                           // there is an NT_FILE note
+    std::vector<register_set> thread_registers;            // by index of the thread
     std::string process_name;
-    std::map<std::string, mapped_file> files; // by recorded path
+    std::map<std::string, mapped_file> files;  // by recorded path
+    std::set<std::pair<dev_t, ino_t>> granted; // the same, each once
 };
 
 core_file_source::core_file_source(const std::string &core, const std::string &exe)
-    : core_path(core), exe_path(exe), cache(*this)
+    : core_path(core), exe_path(exe), cache(*this), metered(cache, allowed, core_path)
 {
     kind = KRV_PROC_CORE;
     open_core();
     dumped = std::make_unique<dumped_memory>(core_file, core_size, loads);
     read_notes();
-    if (thread_list.empty())
+    allowed.grant(core_size);
+    if (threads.all().empty())
         fail(KRV_ELF_ERR_FORMAT, "no thread is recorded in it, or it was cut short before the first");
-    for (thread &t : thread_list)
-        t.name = process_name;
+    threads.name(process_name);
     files_recorded = !maps.empty();
     if (!files_recorded && !exe_path.empty())
         add_executable_mappings();
     add_unnamed_mappings();
     find_executable();
+    for (size_t i = 0; i < maps.size(); ++i)
+        if (maps[i].offset == 0)
+            first_of.emplace(maps[i].path, i);
 }
 
 void core_file_source::fail(int code, const std::string &text) const
@@ -178,6 +233,12 @@ void core_file_source::open_core()
     if (headers->x32)
         fail(KRV_ELF_ERR_UNSUPPORTED, "core files of x32 programs are not read");
     image = std::move(*headers);
+    uint64_t whole = 0;
+    for (const Elf64_Phdr &s : image.segments)
+        if (s.p_filesz <= UINT64_MAX - s.p_offset)
+            whole = std::max(whole, s.p_offset + s.p_filesz);
+    if (whole > core_size)
+        note(fmt::format("{}: cut short: it has {} of {} bytes", core_path, core_size, whole));
     target = image.target;
     layout = target == KRV_ACTIVATION_AMD64 ? layout_amd64 : layout_i386;
     for (const Elf64_Phdr &s : image.segments)
@@ -253,14 +314,14 @@ void core_file_source::take_status(const elf_note &note)
         return;
     thread t = {0, {}, target};
     std::memcpy(&t.tid, bytes + layout.status_pid, sizeof(t.tid));
-    if (thread_list.empty()) {
+    if (threads.all().empty()) {
         int16_t cursig;
         std::memcpy(&cursig, bytes + layout.status_signal, sizeof(cursig));
         signal = cursig;
     }
     register_set set;
     load_registers(&set, target, bytes + layout.status_regs);
-    thread_list.push_back(std::move(t));
+    threads.add(std::move(t));
     thread_registers.push_back(set);
 }
 
@@ -295,8 +356,10 @@ void core_file_source::take_files(const elf_note &note)
             return;
         at += length + 1;
         const uint64_t start = word(2 + i * 3), end = word(3 + i * 3);
+        std::string name(path, length);
+        const bool deleted = take_deleted(&name);
         if (start < end)
-            maps.push_back({start, end, word(4 + i * 3) * page_size, 0, may_execute(start), false, path});
+            maps.push_back({start, end, word(4 + i * 3) * page_size, 0, may_execute(start), deleted, std::move(name)});
     }
 }
 
@@ -358,23 +421,24 @@ void core_file_source::find_executable()
 
 register_set core_file_source::registers(int tid)
 {
-    for (size_t i = 0; i < thread_list.size(); ++i)
-        if (thread_list[i].tid == tid)
-            return thread_registers[i];
-    fail(KRV_ELF_ERR_NOTFOUND, fmt::format("no thread {}", tid));
+    const thread *t = threads.find(tid);
+    if (t == nullptr)
+        fail(KRV_ELF_ERR_NOTFOUND, fmt::format("no thread {}", tid));
+    return thread_registers[static_cast<size_t>(t - threads.all().data())];
 }
 
 // Whether a file can be the one that was mapped: its program headers, and its build-id where both have one, are those
 // that were dumped. Where the first page was not dumped there is nothing to compare.
 bool core_file_source::same_file(const mapping &where, const input_file &file)
 {
-    file_memory found(file);
-    const auto has = read_elf_image(found, 0);
-    const auto first =
-        std::find_if(maps.begin(), maps.end(), [&](const mapping &m) { return m.offset == 0 && m.path == where.path; });
-    if (first == maps.end())
+    const auto at = first_of.find(where.path);
+    if (at == first_of.end())
         return true;
-    const auto had = read_elf_image(*dumped, first->start);
+    const mapping &first = maps[at->second];
+    file_memory bytes(file);
+    metered_memory found(bytes, allowed, core_path), dump(*dumped, allowed, core_path);
+    const auto has = read_elf_image(found, 0);
+    const auto had = read_elf_image(dump, first.start);
     if (!had)
         return true;
     if (!has || has->target != had->target || has->segments.size() < had->segments.size())
@@ -383,7 +447,7 @@ bool core_file_source::same_file(const mapping &where, const input_file &file)
         if (std::memcmp(&has->segments[i], &had->segments[i], sizeof(Elf64_Phdr)) != 0)
             return false;
     const std::vector<uint8_t> id = read_build_id(found, *has, std::nullopt);
-    const std::vector<uint8_t> old_id = read_build_id(*dumped, *had, first->start - had->start);
+    const std::vector<uint8_t> old_id = read_build_id(dump, *had, first.start - had->start);
     return id.empty() || old_id.empty() || id == old_id;
 }
 
@@ -397,6 +461,8 @@ core_file_source::mapped_file &core_file_source::file_of(const mapping &where)
     struct stat st = {};
     if (!entry.path.empty() && stat(entry.path.c_str(), &st) == 0 && S_ISREG(st.st_mode)) // devices are not opened
         entry.file = input_file(entry.path);
+    if (entry.file.is_open() && granted.emplace(st.st_dev, st.st_ino).second)
+        allowed.grant(static_cast<uint64_t>(st.st_size));
     if (entry.file.is_open())
         entry.state = same_file(where, entry.file) ? usable : other;
     return files.emplace(where.path, std::move(entry)).first->second;
@@ -423,6 +489,25 @@ size_t core_file_source::read_mapped(uint64_t address, void *buf, size_t count)
     const auto piece = static_cast<size_t>(std::min<uint64_t>(count, m->end - address));
     const bool read = entry.state == usable && entry.file.read(m->offset + (address - m->start), buf, piece);
     return read ? piece : 0;
+}
+
+std::string core_file_source::why_unreadable(uint64_t address)
+{
+    const auto next = std::upper_bound(loads.begin(), loads.end(), address,
+                                       [](uint64_t a, const Elf64_Phdr &s) { return a < s.p_vaddr; });
+    if (next != loads.begin() && address - std::prev(next)->p_vaddr < std::prev(next)->p_filesz)
+        return ", since the core file was cut short";
+    const mapping *m = find_mapping(maps, address);
+    if (m == nullptr || m->path.empty())
+        return ", since the core file does not have it";
+    switch (file_of(*m).state) {
+    case missing:
+        return fmt::format(", since {} is not found, or not readable", m->path);
+    case other:
+        return fmt::format(", since {} is another file than was mapped", m->path);
+    default:
+        return "";
+    }
 }
 
 bool core_file_source::read(uint64_t address, void *buf, size_t count)

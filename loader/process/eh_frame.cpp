@@ -253,11 +253,12 @@ bool hide_argument_sizes(fde_record &fde, const cie_facts &cie, krv_activation_t
 
 void eh_frame_view::show(memory &mem, uint64_t address, const std::vector<uint8_t> &corrected)
 {
-    for (size_t i = 0; i < corrected.size(); ++i) {
-        uint8_t original = 0;
-        if (mem.get(address + i, &original) && original != corrected[i])
+    std::vector<uint8_t> original(corrected.size());
+    if (!mem.read(address, original.data(), original.size()))
+        return;
+    for (size_t i = 0; i < corrected.size(); ++i)
+        if (original[i] != corrected[i])
             bytes.push_back({address + i, corrected[i]});
-    }
 }
 
 void eh_frame_view::scan(memory &mem, krv_activation_type_t target, uint64_t start, uint64_t end)
@@ -288,11 +289,12 @@ void eh_frame_view::scan(memory &mem, krv_activation_type_t target, uint64_t sta
             if (!fde)
                 continue;
             if (facts->second.signal_frame && fde->count <= UINT64_MAX - fde->start)
-                signal_frames.push_back({fde->start, fde->start + fde->count});
+                signal_frames.add({fde->start, fde->start + fde->count});
             if (hide_argument_sizes(*fde, facts->second, target))
                 show(mem, at, fde->bytes);
         }
     }
+    signal_frames.finish();
 }
 
 void eh_frame_view::correct(uint64_t address, void *buf, size_t count) const
@@ -305,8 +307,7 @@ void eh_frame_view::correct(uint64_t address, void *buf, size_t count) const
 
 bool eh_frame_view::signal_frame(uint64_t pc) const
 {
-    return std::any_of(signal_frames.begin(), signal_frames.end(),
-                       [pc](const address_range &r) { return pc >= r.start && pc < r.end; });
+    return signal_frames.hold({pc, pc + 1});
 }
 
 uint64_t read_eh_frame_address(memory &mem, krv_activation_type_t target, uint64_t header)

@@ -41,7 +41,7 @@ private:
     void show(memory &mem, uint64_t address, const std::vector<uint8_t> &corrected); // what differs from memory
 
     std::vector<shown_byte> bytes; // ascending
-    std::vector<address_range> signal_frames;
+    address_ranges signal_frames;
     uint64_t fdes = 0;
 };
 

@@ -4,6 +4,7 @@
 #include "notes.h"
 #include "page.h"
 
+#include <algorithm>
 #include <cstring>
 
 namespace krv_elf_loader
@@ -103,13 +104,17 @@ std::optional<elf_image> read_elf_image(memory &mem, uint64_t address, bool core
 
 std::vector<uint8_t> read_build_id(memory &mem, const elf_image &image, std::optional<uint64_t> bias)
 {
-    constexpr uint64_t LONGEST = 64; // those in use have 16 or 20 bytes
+    constexpr uint64_t LONGEST = 64;       // those in use have 16 or 20 bytes
+    constexpr uint64_t MOST_NOTES = 65536; // bytes, of all segments; some hundred are usual
+    uint64_t left = MOST_NOTES;
     std::vector<uint8_t> id;
     for (const Elf64_Phdr &segment : image.segments) {
-        if (segment.p_type != PT_NOTE)
+        if (segment.p_type != PT_NOTE || !id.empty())
             continue;
         const uint64_t address = bias ? *bias + segment.p_vaddr : segment.p_offset;
-        each_note(mem, address, segment.p_filesz, [&](const elf_note &note) {
+        const uint64_t size = std::min(segment.p_filesz, left);
+        left -= size;
+        each_note(mem, address, size, [&](const elf_note &note) {
             if (note.type != NT_GNU_BUILD_ID || note.name != ELF_NOTE_GNU || note.size > LONGEST)
                 return true;
             id.resize(note.size);

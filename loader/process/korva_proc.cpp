@@ -62,6 +62,34 @@ int korva_proc_refresh(krv_proc_t *proc, krv_elf_error_t *errorp)
     });
 }
 
+void korva_proc_release(krv_proc_t *proc)
+{
+    for (const std::unique_ptr<loaded_module> &m : proc->modules.all())
+        guarded<int>(nullptr, 0, [&] {
+            m->open_before_release();
+            return 0;
+        });
+    proc->from->release();
+}
+
+int korva_proc_set_files(krv_proc_t *proc, unsigned int flags, const char *const *dirs, size_t count,
+                         krv_elf_error_t *errorp)
+{
+    return guarded<int>(errorp, -1, [&] {
+        proc->from->debug_dirs.assign(dirs, dirs + count);
+        proc->from->file_flags = flags;
+        return 0;
+    });
+}
+
+int korva_proc_iter_notes(krv_proc_t *proc, krv_proc_note_f *func, void *arg)
+{
+    for (size_t i = 0; i < proc->from->notes.size(); ++i) // the visitor may bring others
+        if (const int result = func(proc, proc->from->notes[i].c_str(), arg))
+            return result;
+    return 0;
+}
+
 void korva_proc_get_info(krv_proc_t *proc, krv_proc_info_t *infop)
 {
     const char *exe = nullptr;
@@ -111,6 +139,15 @@ krv_elf_t *korva_proc_module_elf(krv_proc_t *proc, const krv_proc_module_t *modu
     return guarded<krv_elf_t *>(errorp, nullptr, [&] { return proc->module_of(module).elf(); });
 }
 
+int korva_proc_file_offset(krv_proc_t *proc, uint64_t address, uint64_t *offsetp)
+{
+    const loaded_module *m = proc->modules.find(address);
+    const std::optional<uint64_t> offset = m == nullptr ? std::nullopt : m->file_offset(address);
+    if (offset)
+        *offsetp = *offset;
+    return offset ? 0 : -1;
+}
+
 krv_handle_t *korva_proc_module_handle(krv_proc_t *proc, const krv_proc_module_t *module, krv_elf_error_t *errorp)
 {
     return guarded<krv_handle_t *>(errorp, nullptr, [&] { return proc->module_of(module).handle(); });
@@ -118,12 +155,18 @@ krv_handle_t *korva_proc_module_handle(krv_proc_t *proc, const krv_proc_module_t
 
 int korva_proc_iter_threads(krv_proc_t *proc, krv_proc_thread_f *func, void *arg)
 {
-    for (const thread &t : proc->from->threads()) {
+    for (const thread &t : proc->from->threads.all()) {
         const krv_proc_thread_t shown = {.tid = t.tid, .name = t.name.c_str(), .target = t.target};
         if (const int result = func(proc, &shown, arg))
             return result;
     }
     return 0;
+}
+
+int korva_proc_thread_state(krv_proc_t *proc, int tid)
+{
+    const thread *t = proc->from->threads.find(tid);
+    return t == nullptr ? 0 : t->state;
 }
 
 int korva_proc_get_regs(krv_proc_t *proc, int tid, krv_gregset_t *gregsp, uint64_t *maskp, krv_fpregset_t *fpregsp,

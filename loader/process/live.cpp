@@ -39,8 +39,8 @@ public:
 
     memory &bytes() override { return cache; }
     const std::vector<mapping> &mappings() const override { return maps; }
-    const std::vector<thread> &threads() const override { return thread_list; }
     std::string locate(const mapping &where) override;
+    bool outlived(const mapping &where) override { return is_file(where.path, where.inode); }
 
 protected:
     void read_program();
@@ -48,7 +48,6 @@ protected:
     live_memory raw;
     page_cache cache;
     std::vector<mapping> maps;
-    std::vector<thread> thread_list;
     int living;
 };
 
@@ -98,18 +97,25 @@ public:
             krv_activation_type_t runs = 0;
             if (t.stopped)
                 stopped->registers(t.tid, &runs);
-            thread_list.push_back({t.tid, read_name(pid, t.tid), runs});
+            threads.add({t.tid, read_name(pid, t.tid), runs, t.state});
         }
+        if (living != pid)
+            note(fmt::format("process {}: its main thread has ended; its other threads live", pid));
     }
 
     register_set registers(int tid) override
     {
         krv_activation_type_t runs = 0;
+        if (stopped == nullptr)
+            throw failure(KRV_ELF_ERR_NOTFOUND, fmt::format("process {}: it has been let go, and runs", pid));
         return stopped->registers(tid, &runs);
     }
 
+    memory &changing_bytes() override { return stopped == nullptr ? raw : bytes(); }
+    void release() override { stopped = nullptr; }
+
 private:
-    std::unique_ptr<stopped_process> stopped;
+    std::unique_ptr<stopped_process> stopped; // until it is let go
 };
 
 class own_source : public running_source
@@ -140,9 +146,9 @@ public:
 private:
     void list()
     {
-        thread_list.clear();
+        threads = {};
         for (const int tid : list_threads(pid))
-            thread_list.push_back({tid, read_name(pid, tid), target});
+            threads.add({tid, read_name(pid, tid), target, read_state(tid)});
     }
 };
 

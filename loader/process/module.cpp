@@ -67,10 +67,10 @@ loaded_module::loaded_module(source &from, const mapping &at, elf_image headers,
     record.end = load_bias + image.end;
     record.bias = load_bias;
     record.target = image.target;
-    build_id = read_build_id(from.bytes(), image, load_bias);
+    build_id = read_build_id(from.module_bytes(), image, load_bias);
     if (const Elf64_Phdr *header = image.find(PT_GNU_EH_FRAME); header != nullptr) {
         record.eh_frame_hdr = load_bias + header->p_vaddr;
-        record.eh_frame = read_eh_frame_address(from.bytes(), image.target, record.eh_frame_hdr);
+        record.eh_frame = read_eh_frame_address(from.module_bytes(), image.target, record.eh_frame_hdr);
     }
     if (vdso)
         record.flags |= KRV_PROC_MODULE_F_VDSO;
@@ -112,8 +112,10 @@ int64_t loaded_module::read(void *arg, void *buf, size_t count, uint64_t address
 {
     auto *m = static_cast<loaded_module *>(arg);
     return guarded<int64_t>(nullptr, -1, [&]() -> int64_t {
-        if (!m->process.bytes().read(address, buf, count))
+        if (!m->process.bytes().read(address, buf, count)) {
+            m->process.unreadable = address;
             return -1;
+        }
         m->view.correct(address, buf, count);
         return static_cast<int64_t>(count);
     });
@@ -144,7 +146,11 @@ krv_elf_t *loaded_module::open()
     if (path.empty())
         throw failure(KRV_ELF_ERR_NOTFOUND, fmt::format("module at {:#x}: of no known file", record.start));
     krv_elf_error_t error = {};
-    krv_elf_t *elf = korva_elf_open(process.locate(where).c_str(), KRV_ELF_F_NONE, &error);
+    std::vector<const char *> dirs;
+    for (const std::string &dir : process.debug_dirs)
+        dirs.push_back(dir.c_str());
+    krv_elf_t *elf = korva_elf_open_with_debug_dirs(process.locate(where).c_str(), process.file_flags, dirs.data(),
+                                                    dirs.size(), &error);
     if (elf == nullptr)
         throw failure(error.code, error.message);
     return elf;
@@ -200,8 +206,14 @@ void loaded_module::prepare()
     korva_attach_as(fresh.get(), read, this);
     const uint64_t start = find_eh_frame();
     eh_frame_view corrected;
-    if (start != 0)
-        corrected.scan(process.bytes(), record.target, start, end_of_eh_frame(start));
+    try {
+        if (start != 0)
+            corrected.scan(process.module_bytes(), record.target, start, end_of_eh_frame(start));
+    } catch (const failure &f) {
+        scan_failure = f.what();
+        process.note(scan_failure);
+        corrected = {};
+    }
     if (!corrected.empty()) { // else the core, too, would find nothing, but say that the section is damaged
         if (record.eh_frame_hdr != 0)
             korva_handle_set_opt(fresh.get(), KRV_OPT_EH_FRAME_HDR_ADDR, record.eh_frame_hdr);
@@ -233,6 +245,27 @@ krv_handle_t *loaded_module::debug_frame_handle()
     }
     debug_frame_known = true;
     return debug_handle;
+}
+
+void loaded_module::open_before_release()
+{
+    if (unwind_handle == nullptr || ((record.flags & KRV_PROC_MODULE_F_VDSO) == 0 && process.outlived(where)))
+        return;
+    try {
+        elf();
+    } catch (const failure &) {
+        // Who wants to know why asks for the file.
+    }
+}
+
+std::optional<uint64_t> loaded_module::file_offset(uint64_t address) const
+{
+    if ((record.flags & KRV_PROC_MODULE_F_VDSO) != 0)
+        return std::nullopt;
+    for (const Elf64_Phdr &segment : image.segments)
+        if (segment.p_type == PT_LOAD && address - record.bias - segment.p_vaddr < segment.p_filesz)
+            return segment.p_offset + (address - record.bias - segment.p_vaddr);
+    return std::nullopt;
 }
 
 bool loaded_module::signal_frame(uint64_t pc)

@@ -32,14 +32,20 @@ public:
     // The module's file. Throws failure, every time the same.
     krv_elf_t *elf();
 
-    // Why elf() failed, when it was called and did; else "".
-    std::string file_problem() const { return file_failure ? file_failure->what() : ""; }
+    // Why .eh_frame is not read, or else why elf() failed when it was called and did; "" for neither.
+    std::string problem() const { return scan_failure.empty() && file_failure ? file_failure->what() : scan_failure; }
 
     // The handle that reads .eh_frame in memory. Throws failure.
     krv_handle_t *handle();
 
     // The handle that reads the file's .debug_frame, which knows addresses without bias. NULL when there is none.
     krv_handle_t *debug_frame_handle();
+
+    // Opens the file of a module that a walk has been in, if only the process leads to it.
+    void open_before_release();
+
+    // Where the byte at an address is in the file; nothing where it is not.
+    std::optional<uint64_t> file_offset(uint64_t address) const;
 
     // Whether `pc` is in the trampoline of a signal handler.
     bool signal_frame(uint64_t pc);
@@ -60,6 +66,7 @@ private:
     krv_proc_module_t record = {};
 
     eh_frame_view view;
+    std::string scan_failure;
     krv_handle_t *unwind_handle = nullptr;
     krv_elf_t *file = nullptr;
     std::optional<failure> file_failure;

@@ -61,7 +61,7 @@ std::unique_ptr<loaded_module> module_at(source &from, const mapping &m)
     const bool vdso = is_vdso(from, m);
     if (m.offset != 0 || (!vdso && !may_hold_module(from, m)))
         return nullptr;
-    auto image = read_elf_image(from.bytes(), m.start);
+    auto image = read_elf_image(from.module_bytes(), m.start);
     if (!image || image->x32 || (image->type != ET_EXEC && image->type != ET_DYN))
         return nullptr;
     const auto bias = bias_of(*image, m.start);
@@ -110,7 +110,14 @@ void module_list::list(source &from)
             continue;
         const auto known = last_of.find(m.path);
         const bool of_known = known != last_of.end() && modules[known->second]->has(m);
-        std::unique_ptr<loaded_module> fresh = of_known ? nullptr : module_at(from, m);
+        std::unique_ptr<loaded_module> fresh;
+        try {
+            fresh = of_known ? nullptr : module_at(from, m);
+        } catch (const failure &f) { // those listed are good
+            incomplete = f.what();
+            from.note(incomplete);
+            break;
+        }
         if (!of_known && fresh == nullptr && is_anonymous(m))
             continue;
         fill(m.start);
@@ -123,7 +130,8 @@ void module_list::list(source &from)
             add(m.start, m.end, modules.size() - 1);
         }
     }
-    fill(UINT64_MAX);
+    if (incomplete.empty())
+        fill(UINT64_MAX);
 }
 
 loaded_module *module_list::find(uint64_t address) const

@@ -8,6 +8,7 @@
 #include "process/module.h"
 
 #include <memory>
+#include <string>
 #include <vector>
 
 namespace krv_elf_loader
@@ -21,6 +22,9 @@ public:
     loaded_module *find(uint64_t address) const; // NULL: it is no module's
 
     const std::vector<std::unique_ptr<loaded_module>> &all() const { return modules; } // ascending by address
+
+    // Why modules above those in the list were not looked at, or "".
+    const std::string &problem() const { return incomplete; }
 
     // Keeps the modules of `before` that are still there, so that what was handed out of them stays, in place of those
     // found now. Returns the ones that are gone.
@@ -38,6 +42,7 @@ private:
 
     std::vector<std::unique_ptr<loaded_module>> modules;
     std::vector<extent> extents; // ascending, without overlaps
+    std::string incomplete;
 };
 
 } // namespace krv_elf_loader

@@ -107,23 +107,18 @@ void stopped_process::stop_all()
                           fmt::format("process {}: creates threads faster than they can be stopped", pid));
         bool fresh = false;
         for (const int tid : list_threads(pid))
-            if (!knows(tid) && take(tid))
-                fresh = true;
+            if (!known.contains(tid) && take(tid))
+                fresh = known.emplace(tid, tracees.size() - 1).second;
         quiet = fresh ? 0 : quiet + 1;
     }
     if (tracees.empty())
         throw failure(KRV_ELF_ERR_NOTFOUND, fmt::format("process {}: no such process, or it has ended", pid));
 }
 
-bool stopped_process::knows(int tid) const
-{
-    return std::any_of(tracees.begin(), tracees.end(), [tid](const tracee &t) { return t.tid == tid; });
-}
-
 // False when a thread stays in uninterruptible sleep: it would not stop, nor could it be let go again.
-bool stopped_process::wait_while_uninterruptible(int tid)
+bool stopped_process::wait_while_uninterruptible(int tid, char *statep)
 {
-    while (read_state(tid) == 'D') {
+    while ((*statep = read_state(tid)) == 'D') {
         if (patience-- <= 0)
             return false;
         rest();
@@ -134,16 +129,17 @@ bool stopped_process::wait_while_uninterruptible(int tid)
 // Stops one thread. False when it has ended.
 bool stopped_process::take(int tid)
 {
-    if (!wait_while_uninterruptible(tid)) {
-        tracees.push_back({tid, false, 0});
+    char state = 0;
+    if (!wait_while_uninterruptible(tid, &state)) {
+        tracees.push_back({tid, false, state, 0});
         return true;
     }
     tracees.push_back(
-        {tid, false, 0}); // first: memory that runs out must not leave a thread seized that let_go forgets
+        {tid, false, state, 0}); // first: memory that runs out must not leave a thread seized that let_go forgets
     if (ptrace(PTRACE_SEIZE, tid, nullptr, nullptr) != 0) {
         const int error = errno;
         tracees.pop_back();
-        const char state = read_state(tid);
+        state = read_state(tid);
         if (state == 0 || state == 'Z' || state == 'X')
             return false;
         cannot_attach(pid, tid, error);
@@ -193,10 +189,10 @@ void stopped_process::let_go()
 
 register_set stopped_process::registers(int tid, krv_activation_type_t *targetp) const
 {
-    const auto found = std::find_if(tracees.begin(), tracees.end(), [tid](const tracee &t) { return t.tid == tid; });
-    if (found == tracees.end())
+    const auto found = known.find(tid);
+    if (found == known.end())
         throw failure(KRV_ELF_ERR_NOTFOUND, fmt::format("process {}: no thread {}", pid, tid));
-    if (!found->stopped)
+    if (!tracees[found->second].stopped)
         throw failure(KRV_ELF_ERR_SYSTEM,
                       fmt::format("thread {}: in uninterruptible sleep, so its registers cannot be read", tid));
     register_set set;

@@ -7,6 +7,7 @@
 
 #include "process/registers.h"
 
+#include <unordered_map>
 #include <vector>
 
 namespace krv_elf_loader
@@ -26,6 +27,7 @@ public:
     struct tracee {
         int tid;
         bool stopped; // false: in uninterruptible sleep, not ours
+        char state;   // its letter before
         int signal;   // that was about to be delivered when it stopped; 0 for none
     };
     const std::vector<tracee> &threads() const { return tracees; }
@@ -35,16 +37,16 @@ public:
 
 private:
     void stop_all();
-    bool knows(int tid) const;
     bool take(int tid);
     bool wait_for_stop(tracee *t);
-    bool wait_while_uninterruptible(int tid);
+    bool wait_while_uninterruptible(int tid, char *statep);
     void let_go();
     void bury(int tid) const;
 
     int pid;
     int patience; // how often to look again at threads in uninterruptible sleep
     std::vector<tracee> tracees;
+    std::unordered_map<int, size_t> known; // their places, by tid
 };
 
 } // namespace krv_elf_loader

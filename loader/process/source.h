@@ -10,8 +10,11 @@
 
 #include "libkorva-proc.h"
 
+#include <deque>
 #include <memory>
+#include <optional>
 #include <string>
+#include <unordered_map>
 #include <vector>
 
 namespace krv_elf_loader
@@ -39,6 +42,33 @@ struct thread {
     int tid;
     std::string name;
     krv_activation_type_t target; // 0: could not be stopped
+    char state = 0;               // its letter in /proc, before it was stopped; 0 when not known
+};
+
+// The threads of a process in the order of its source. Of several with one id the first is found.
+class thread_list
+{
+public:
+    void add(thread t)
+    {
+        index.emplace(t.tid, list.size());
+        list.push_back(std::move(t));
+    }
+    const thread *find(int tid) const // NULL: there is none
+    {
+        const auto found = index.find(tid);
+        return found == index.end() ? nullptr : &list[found->second];
+    }
+    const std::vector<thread> &all() const { return list; }
+    void name(const std::string &process)
+    {
+        for (thread &t : list)
+            t.name = process;
+    }
+
+private:
+    std::vector<thread> list;
+    std::unordered_map<int, size_t> index;
 };
 
 class source
@@ -49,23 +79,47 @@ public:
     virtual memory &bytes() = 0;                              // kept in pages
     virtual memory &changing_bytes() { return bytes(); }      // as they are now, of a process that runs
     virtual const std::vector<mapping> &mappings() const = 0; // ascending by address
-    virtual const std::vector<thread> &threads() const = 0;
-    virtual register_set registers(int tid) = 0; // throws failure
+    virtual register_set registers(int tid) = 0;              // throws failure
+
+    // The bytes that are read for a module: its headers, its notes, all of its call-frame information. Reading throws
+    // failure where a core file would have the same bytes read over and over.
+    virtual memory &module_bytes() { return bytes(); }
 
     // A path under which the file mapped at `where` can be opened. Throws failure.
     virtual std::string locate(const mapping &where) = 0;
+    // Whether it can be as long as the file is there, whatever becomes of the process.
+    virtual bool outlived(const mapping &) { return true; }
     // Whether the file that locate would have given is another one than was mapped.
     virtual bool mismatched(const mapping &) { return false; }
+
+    // Why memory that should be there is not, as the end of a sentence about it; "" when that is not known.
+    virtual std::string why_unreadable(uint64_t) { return ""; }
+
+    // Lets a process that is held run on.
+    virtual void release() {}
 
     // Of a process that runs: what was kept of memory is no longer so; mappings and threads may be others.
     virtual void forget_bytes() {}
     virtual void refresh() {}
+
+    void note(const std::string &text)
+    {
+        if (notes.empty() || notes.back() != text)
+            notes.push_back(text);
+    }
 
     int kind = 0; // KRV_PROC_*
     int pid = 0;
     int signal = 0;
     krv_activation_type_t target = 0; // of the main executable
     auxiliary aux;
+    thread_list threads;
+    std::deque<std::string> notes;      // what is missing or odd on the whole, a line each; they stay where they are
+    std::optional<uint64_t> unreadable; // where the last read of memory for a module's handle failed
+
+    // How the files of modules are opened.
+    unsigned file_flags = KRV_ELF_F_NONE;
+    std::vector<std::string> debug_dirs;
 };
 
 std::unique_ptr<source> attach_source(int pid);                                       // throws failure

@@ -15,8 +15,6 @@ namespace krv_elf_loader
 namespace
 {
 
-constexpr std::string_view DELETED = " (deleted)";
-
 // The system writes a newline within a path as \012, and nothing else differently.
 std::string unescape(std::string path)
 {
@@ -52,9 +50,7 @@ bool parse_mapping(const std::string &line, mapping *m)
         !take_number(at, 16, ' ', &minor) || !take_number(at, 10, ' ', &m->inode))
         return false;
     m->path = unescape(at + std::strspn(at, " "));
-    m->deleted = m->path.ends_with(DELETED);
-    if (m->deleted)
-        m->path.resize(m->path.size() - DELETED.size());
+    m->deleted = take_deleted(&m->path);
     return true;
 }
 
@@ -70,6 +66,15 @@ std::string read_text(const std::string &path)
         if (got > 0)
             text.append(piece, static_cast<size_t>(got));
     return text;
+}
+
+bool take_deleted(std::string *path)
+{
+    constexpr std::string_view DELETED = " (deleted)";
+    if (!path->ends_with(DELETED))
+        return false;
+    path->resize(path->size() - DELETED.size());
+    return true;
 }
 
 int read_status_number(int id, const char *field)

@@ -23,6 +23,9 @@ char read_state(int id);
 // The name of a thread.
 std::string read_name(int pid, int tid);
 
+// Takes the mark that the system puts behind the path of a file that was removed off a path. False when there is none.
+bool take_deleted(std::string *path);
+
 // /proc/PID/maps.
 std::vector<mapping> read_maps(int pid);
 

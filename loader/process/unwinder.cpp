@@ -3,6 +3,8 @@
 
 #include "failure.h"
 
+#include <fmt/format.h>
+
 namespace krv_elf_loader
 {
 
@@ -69,10 +71,14 @@ departure unwinder::leave_by(krv_handle_t *hp, uint64_t pc, const register_set &
     frame->handle = hp;
     frame->activation = ap;
     departure out;
+    proc->from->unreadable.reset();
     if (korva_activation_get_gregs(hp, ap, KRV_ACTIVATION_FRAME_CALLER, &out.caller.gregs, &out.caller.mask) != 0) {
         out.code = korva_handle_get_errno(hp);
         out.kind = out.code == KRV_ERR_NOTFOUND ? departure::no_fde : departure::failed;
-        out.message = messages_of(hp);
+        out.message = out.code == KRV_ERR_IO && proc->from->unreadable
+                          ? fmt::format("memory at {:#x} cannot be read{}", *proc->from->unreadable,
+                                        proc->from->why_unreadable(*proc->from->unreadable))
+                          : messages_of(hp);
         return out;
     }
     krv_greg_t cfa = 0, caller_pc = 0;
@@ -134,13 +140,15 @@ departure unwinder::leave(const place &at, const register_set &registers, krv_pr
         out.kind = departure::no_fde;
         out.code = KRV_ERR_NOTFOUND;
         out.message = at.module == nullptr ? "no module covers it" : "it is code of another instruction set";
+        if (at.module == nullptr && !proc->modules.problem().empty())
+            out.message += " (" + proc->modules.problem() + ")";
         return out;
     }
     departure out = leave_by(at.module->handle(), at.lookup_pc, registers, frame);
     krv_handle_t *debug_frame = out.kind == departure::no_fde ? at.module->debug_frame_handle() : nullptr;
     if (debug_frame == nullptr) {
-        if (out.kind == departure::no_fde && !at.module->file_problem().empty())
-            out.message += " (" + at.module->file_problem() + ")";
+        if (out.kind == departure::no_fde && !at.module->problem().empty())
+            out.message += " (" + at.module->problem() + ")";
         return out;
     }
     return leave_by(debug_frame, at.lookup_pc - at.module->shown().bias, registers, frame);

@@ -193,11 +193,7 @@ int korva_proc_walk(krv_proc_t *proc, int tid, unsigned int max_frames, krv_proc
         return walk_own_context(proc, &context, 1, max_frames, {func, arg}, endp);
     }
     return walk_from(proc, 0, max_frames, {func, arg}, endp, [&] {
-        krv_activation_type_t target = 0;
-        for (const thread &t : proc->from->threads())
-            if (t.tid == tid)
-                target = t.target;
-        register_set registers = proc->from->registers(tid);
-        return std::pair(registers, target);
+        const thread *t = proc->from->threads.find(tid);
+        return std::pair(proc->from->registers(tid), t == nullptr ? 0 : t->target);
     });
 }

@@ -2,10 +2,12 @@
 //
 // Core files: of the system, of gdb, and a 32-bit one made here, whole, cut short, and with absurd sizes.
 #include "core32.h"
-#include "process/image.h"
+#include "crowd_core.h"
+#include "support/handle.h"
 
 #include <csignal>
 #include <cstring>
+#include <ctime>
 #include <elf.h>
 #include <filesystem>
 #include <fstream>
@@ -260,12 +262,30 @@ TEST_F(CoreFile32, WalksEndForTheReasonTheyGive)
     EXPECT_EQ(round.end.reason, KRV_PROC_END_NO_PROGRESS) << round.end.message;
     EXPECT_LT(round.frames.size(), 10U);
 
-    core32 cut;
-    cut.stack_bytes = cut.stack_bytes.first(0x100 + 10);
-    const walked torn = walk(cut);
+    core32 partly;
+    partly.stack_bytes = partly.stack_bytes.first(0x100 + 10);
+    const walked torn = walk(partly);
     EXPECT_EQ(torn.end.reason, KRV_PROC_END_ERROR);
-    EXPECT_EQ(torn.end.code, KRV_ERR_IO) << torn.end.message;
+    EXPECT_EQ(torn.end.code, KRV_ERR_IO);
     EXPECT_EQ(torn.frames.size(), 2U);
+    const std::string missing =
+        text("0x%x: memory at 0x%x cannot be read, since the core file ", core32().symbol("in_leaf"), core32::sp + 16);
+    EXPECT_EQ(torn.end.message, missing + "does not have it");
+
+    const bytes whole = core32().build();
+    const proc_ptr cut = open(write("cut", whole.data(), whole.size() - 106));
+    ASSERT_NE(cut, nullptr) << error.message;
+    EXPECT_EQ(walk_thread(cut.get(), 4711).end.message, missing + "was cut short");
+    std::string note;
+    korva_proc_iter_notes(
+        cut.get(),
+        [](krv_proc_t *, const char *text, void *arg) {
+            *static_cast<std::string *>(arg) += text;
+            return 0;
+        },
+        &note);
+    EXPECT_EQ(note,
+              text("%s: cut short: it has %zu of %zu bytes", (dir / "cut").c_str(), whole.size() - 106, whole.size()));
 }
 
 TEST_F(CoreFile32, WithAbsurdSizes)
@@ -281,28 +301,32 @@ TEST_F(CoreFile32, WithAbsurdSizes)
     }
 }
 
-// Any number of mappings of a core file may begin with such a header.
-TEST(ElfImage, OfALoadedObjectHasFewSegments)
+// Each would take minutes, or gigabytes, were the same bytes read for every module, or the threads searched for each.
+TEST_F(CoreFile, ThatClaimsMoreThanItHolds)
 {
-    struct zeros : krv_elf_loader::memory {
-        Elf64_Ehdr header = {};
-        unsigned reads = 0;
-        bool read(uint64_t address, void *buf, size_t count) override
-        {
-            ++reads;
-            std::memset(buf, 0, count);
-            if (address == 0)
-                std::memcpy(buf, &header, std::min(count, sizeof(header)));
-            return true;
+    const struct {
+        crowd_core core;
+        const char *first; // ends of walks
+        const char *last;
+    } cases[] = {
+        {{.modules = 100, .threads = 100, .cfi_bytes = 1'000'000}, "unable to get FDE", "claim more than"},
+        {{.modules = 60'000, .threads = 2, .notes = 1168}, "unable to get FDE", "unable to get FDE"},
+        {{.modules = 2'000, .threads = 2'000, .notes = 1168}, "unable to get FDE", "no module covers it (/"},
+        {{.threads = 20'000}, "unable to get FDE", "unable to get FDE"},
+    };
+    for (const auto &c : cases) {
+        const bytes b = c.core.build();
+        const std::clock_t start = std::clock();
+        const proc_ptr proc = open(write("crowd", b.data(), b.size()));
+        ASSERT_NE(proc, nullptr) << error.message;
+        EXPECT_EQ(our_stacks(proc.get()).size(), c.core.threads);
+        EXPECT_LT(std::clock() - start, 15 * CLOCKS_PER_SEC) << "of the processor, without optimisation";
+        for (const auto &[tid, text] : {std::pair(1, c.first), std::pair(int{c.core.threads}, c.last)}) {
+            const walked w = walk_thread(proc.get(), tid);
+            EXPECT_EQ(w.frames.size(), 1U);
+            EXPECT_NE(std::string(w.end.message).find(text), std::string::npos) << w.end.message;
         }
-    } mem;
-    std::memcpy(mem.header.e_ident, ELFMAG "\2\1", 6);
-    mem.header.e_machine = EM_X86_64;
-    mem.header.e_phentsize = sizeof(Elf64_Phdr);
-    mem.header.e_phnum = 0xfffe;
-    EXPECT_EQ(krv_elf_loader::read_elf_image(mem, 0)->segments.size(), 0x10000 / sizeof(Elf64_Phdr));
-    EXPECT_LT(mem.reads, 2000U);
-    EXPECT_EQ(krv_elf_loader::read_elf_image(mem, 0, true)->segments.size(), 0xfffeU);
+    }
 }
 
 } // namespace
