@@ -26,26 +26,6 @@ namespace
 
 namespace fs = std::filesystem;
 
-class Process : public testing::Test
-{
-protected:
-    void SetUp() override
-    {
-        std::string why;
-        if (!may_trace(&why))
-            GTEST_SKIP() << why;
-    }
-
-    proc_ptr attach(int pid)
-    {
-        proc_ptr proc(korva_proc_attach(pid, &error));
-        EXPECT_NE(proc, nullptr) << error.message;
-        return proc;
-    }
-
-    krv_elf_error_t error = {};
-};
-
 TEST_F(Process, StoppedOneStaysStopped)
 {
     const running_target target("target_o2", "threads", 3);
