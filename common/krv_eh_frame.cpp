@@ -202,18 +202,25 @@ struct record_reader {
 
 } // namespace
 
+// Whether so many bytes of the address space are there in one call. A call that failed is left to the window.
+static bool read_bulk(const krv_fd_t *as, void *buf, size_t size, uint64_t address, krv_window_t *window)
+{
+    const krv_bulk outcome = krv_read_bulk(as, buf, size, address);
+    if (outcome == krv_bulk::failed)
+        window->sw_lost = true;
+    return outcome == krv_bulk::read;
+}
+
 // Reads a record in two calls, when the window has room for it: the twin of reading field by field, to which false
 // leads. False: it has not, or something is amiss.
 static bool hold_record(record_reader *r, krv_handle_t *hp, krv_window_t *window, uint64_t address)
 {
     const krv_fd_t *as = &hp->sh_as;
-    krv_fd_cb_f *func = as->sfd_u.cb.func;
-    void *arg = as->sfd_u.cb.arg;
     uint32_t length;
-    if (!krv_fd_is_cb(as) || !krv_extent_fits(as->sfd_size, address, 0, EH_LENGTH_SIZE) ||
-        func(arg, &length, sizeof(length), address) != static_cast<int64_t>(sizeof(length)) || length == 0 ||
-        length > sizeof(window->sw_bytes) || !krv_extent_fits(as->sfd_size, address, EH_LENGTH_SIZE, length) ||
-        func(arg, window->sw_bytes, length, address + EH_LENGTH_SIZE) != int64_t{length})
+    if (window->sw_lost || !krv_fd_is_cb(as) || !krv_extent_fits(as->sfd_size, address, 0, EH_LENGTH_SIZE) ||
+        !read_bulk(as, &length, sizeof(length), address, window) || length == 0 || length > sizeof(window->sw_bytes) ||
+        !krv_extent_fits(as->sfd_size, address, EH_LENGTH_SIZE, length) ||
+        !read_bulk(as, window->sw_bytes, length, address + EH_LENGTH_SIZE, window))
         return false;
     krv_clear_error(hp);
     window->sw_offset = address + EH_LENGTH_SIZE;
@@ -365,14 +372,13 @@ static krv_cie_t *krv_eh_frame_gcbo(krv_handle_t *hp, krv_reader_t *reader, uint
 
 // Reads a record afresh, in one call, since its length is expected to be the same; whether it is byte for byte the one
 // that `known` was decoded from.
-static bool is_unchanged(const krv_cie_t *known, const krv_fd_t *as, uint64_t address)
+static bool is_unchanged(krv_cie_t *known, const krv_fd_t *as, uint64_t address)
 {
-    const krv_window_t *window = &known->scie_window; // all but the length field
+    krv_window_t *window = &known->scie_window; // all but the length field
     if (known->scie_decoding == 0 || window->sw_offset - EH_LENGTH_SIZE != address)
         return false;
     uint8_t fresh[EH_LENGTH_SIZE + sizeof(window->sw_bytes)];
-    const size_t size = EH_LENGTH_SIZE + static_cast<size_t>(window->sw_size);
-    if (as->sfd_u.cb.func(as->sfd_u.cb.arg, fresh, size, address) != static_cast<int64_t>(size))
+    if (!read_bulk(as, fresh, EH_LENGTH_SIZE + static_cast<size_t>(window->sw_size), address, window))
         return false;
     uint32_t length;
     std::memcpy(&length, fresh, sizeof(length));
@@ -383,16 +389,19 @@ static bool is_unchanged(const krv_cie_t *known, const krv_fd_t *as, uint64_t ad
 // Most CIEs are those of the query before, which spares their decoding.
 [[gnu::noinline]] static bool read_parent(krv_handle_t *hp, krv_eh_fde *record, uint64_t eh_frame, uint64_t address)
 {
-    if (!is_unchanged(&record->parent.cie, &hp->sh_as, address)) {
+    krv_cie_t *ciep = &record->parent.cie;
+    if (!is_unchanged(ciep, &hp->sh_as, address)) {
+        const bool lost = ciep->scie_window.sw_lost;
         record->parent = {};
         record->parent.embedded = true;
-        if (!read_cie(hp, &record->parent.cie, eh_frame, address)) {
+        ciep->scie_window.sw_lost = lost;
+        if (!read_cie(hp, ciep, eh_frame, address)) {
             cie_failed(hp, address);
             krv_note(hp, "couldn't get parent CIE");
             return false;
         }
     }
-    record->fde.sfde_cie = &record->parent.cie;
+    record->fde.sfde_cie = ciep;
     return true;
 }
 
@@ -469,6 +478,7 @@ static krv_eh_fde *take_record(krv_handle_t *hp, krv_reader_t *reader)
         record->fde.sfde_cie = nullptr;
         record->fde.sfde_augmentation_data = nullptr;
         record->fde.sfde_window.sw_size = 0;
+        record->fde.sfde_window.sw_lost = false;
         record->augmentation = {};
         return record;
     }

@@ -239,12 +239,12 @@ static int execute_binary(evaluator *ev, uint8_t opcode)
 // Memory and registers
 // ---------------------------------------------------------------------------------------------------------------
 
-// Reads target memory; what would wrap around the end of the address space is not asked for. 0 or -1.
+// Reads target memory, up to its last byte; what would wrap around is not asked for. 0 or -1.
 static int read_memory(evaluator *ev, void *dst, uint64_t count, uint64_t address)
 {
     const krv_fd_t *as = &ev->hp->sh_as;
     int64_t delivered = -1;
-    if (krv_extent_fits(as->sfd_size, address, 0, count))
+    if (count == 0 || address <= UINT64_MAX - (count - 1))
         delivered = as->sfd_u.cb.func(as->sfd_u.cb.arg, dst, count, address);
     if (delivered >= 0 && static_cast<uint64_t>(delivered) == count)
         return 0;

@@ -228,11 +228,12 @@ static int load_register(evaluation *ev, unsigned int reg, uint64_t address)
     return 0;
 }
 
-// Gives a register of the caller the value of one of either frame, if that has one.
+// Gives a register of the caller what one of either frame holds, if that has a value: as many bytes as the former is
+// wide, beginning where the latter is stored. Every target's table leaves that many behind each register.
 static void copy_register(krv_regset_t *caller, unsigned int reg, const krv_register_t *from)
 {
     if ((from->sr_flags & KRV_REG_FLAG_PRESENT) != 0)
-        krv_register_store(caller, reg, from->sr_contents, from->sr_size);
+        krv_register_store(caller, reg, from->sr_contents, caller->srs_metadata[reg].sr_size);
 }
 
 // Rules that need the CFA leave a register without a value when there is none.
