@@ -14,9 +14,7 @@ using namespace krv_test;
 
 static constexpr uint64_t MAX = UINT64_MAX;
 
-// ---------------------------------------------------------------------------------------------------------------
 // .debug_aranges
-// ---------------------------------------------------------------------------------------------------------------
 
 // Every set and tuple of the section, "set 0: 1000+20 2000+8; set 44:", and how the walks ended.
 static std::string dump_aranges(handle &h)
@@ -114,9 +112,7 @@ TEST(Aranges, CutShort)
     EXPECT_EQ(seen, "4-byte unit_length)8-byte unit_length)version)debug_info_offset)address_size)segment_size)");
 }
 
-// ---------------------------------------------------------------------------------------------------------------
 // Units and addresses
-// ---------------------------------------------------------------------------------------------------------------
 
 static const bytes abbrev_section =
     abbrevs("1 compile_unit+; 2 compile_unit+ low_pc:addr high_pc:addr; 3 compile_unit+ low_pc:addr high_pc:data4;"
