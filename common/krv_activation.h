@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // The activation: two register sets, the rules that lead from the current frame to its caller, and the scratch state
-// that applying them needs; its life, and the registers of the current frame. Registers live in slots: slots 0 to sa_n_registers - 3 are DWARF register numbers, the
-// last two are the library registers KRV_REG_PC and KRV_REG_CFA. Register numbers from the data are checked against
-// krv_dwarf_slots before they index anything.
+// that applying them needs; its life, and the registers of the current frame. Registers live in slots: slots 0 to
+// sa_n_registers - 3 are DWARF register numbers, the last two are the library registers KRV_REG_PC and KRV_REG_CFA.
+// Register numbers from the data are checked against krv_dwarf_slots before they index anything.
 #ifndef KRV_ACTIVATION_H
 #define KRV_ACTIVATION_H
 

@@ -42,7 +42,7 @@ constexpr size_t krv_cfa_row(uint8_t opcode)
 
 extern const std::array<krv_cfa_desc_t, KRV_CFA_ROWS> krv_cfa_table; // by krv_cfa_row
 
-// How an instruction is encoded, by its first byte: the same, for who has its bytes in memory and decodes at a glance.
+// How an instruction is encoded, by its first byte: made of the rows, for a decoder that has the bytes in memory.
 enum : uint8_t {
     KRV_CFA_PLAIN, // no operands, but for one in the byte itself
     KRV_CFA_ULEB,  // one ULEB128 number

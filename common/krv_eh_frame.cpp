@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // The reader of .eh_frame (LSB Core, "DWARF Extensions") as a program has it loaded: everything is read through copies
-// of the address-space cursor, whose offsets are target addresses. Sums that form an address wrap at 2^64: whether there
-// is anything at that address, the read call-back says.
+// of the address-space cursor, whose offsets are target addresses. Sums that form an address wrap at 2^64: whether
+// there is anything at that address, the read call-back says.
 #include "krv_eh_frame.h"
 
 #include "krv_code.h"

@@ -359,7 +359,7 @@ static int emit_register(evaluator *ev, uint32_t reg)
 static int emit_block(evaluator *ev)
 {
     auto *block = static_cast<krv_fd_t *>(ev->current->op.operand[0].sa_u.su_addr);
-    if (block == nullptr) // a call-back has made the opcode of another
+    if (block == nullptr) // the call-back has made this opcode of another one
         return krv_fail_code(ev->hp, KRV_ERR_INVALID);
     const uint64_t count = ev->piece_follows() ? ev->piece_size() : block->sfd_size;
     if (korva_fd_cpy(ev->outputs[0], block, count) != 0)

@@ -35,7 +35,7 @@ static int place_cursor(krv_fd_t *fdp, uint64_t offset, uint64_t size)
     return krv_fd_seek(fdp, offset) == 0 && krv_fd_truncate(fdp, size) == 0 ? 0 : -1;
 }
 
-// Makes equal what may differ in `slots`.
+// Copies the rules of `slots`; those of the others are equal already.
 static void copy_rules(krv_cfarule_t *to, const krv_cfarule_t *from, const krv_slots_t &slots)
 {
     slots.for_each([to, from](unsigned int slot) {

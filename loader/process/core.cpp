@@ -5,6 +5,7 @@
 #include "process/source.h"
 
 #include "failure.h"
+#include "file_mapping.h"
 #include "notes.h"
 #include "page.h"
 #include "process/image.h"
@@ -147,8 +148,9 @@ private:
     enum mapped_state { usable, missing, other };
     struct mapped_file {
         mapped_state state = missing;
-        std::string path; // where it is found
-        input_file file;
+        std::string path;                   // where it is found
+        std::unique_ptr<file_mapping> file; // which keeps no descriptor: a process may have mapped thousands
+        std::string problem = "not found, or not readable";
     };
 
     [[noreturn]] void fail(int code, const std::string &text) const;
@@ -166,7 +168,7 @@ private:
     void sort_mappings();
     void find_executable();
     mapped_file &file_of(const mapping &where);
-    bool same_file(const mapping &where, const input_file &file);
+    bool same_file(const mapping &where, byte_span file);
 
     std::string core_path;
     std::string exe_path;     // the caller's, or ""
@@ -429,13 +431,13 @@ register_set core_file_source::registers(int tid)
 
 // Whether a file can be the one that was mapped: its program headers, and its build-id where both have one, are those
 // that were dumped. Where the first page was not dumped there is nothing to compare.
-bool core_file_source::same_file(const mapping &where, const input_file &file)
+bool core_file_source::same_file(const mapping &where, byte_span file)
 {
     const auto at = first_of.find(where.path);
     if (at == first_of.end())
         return true;
     const mapping &first = maps[at->second];
-    file_memory bytes(file);
+    mapped_memory bytes(file);
     metered_memory found(bytes, allowed, core_path), dump(*dumped, allowed, core_path);
     const auto has = read_elf_image(found, 0);
     const auto had = read_elf_image(dump, first.start);
@@ -459,12 +461,18 @@ core_file_source::mapped_file &core_file_source::file_of(const mapping &where)
     mapped_file entry;
     entry.path = where.path == recorded_exe && !exe_path.empty() ? exe_path : where.path;
     struct stat st = {};
-    if (!entry.path.empty() && stat(entry.path.c_str(), &st) == 0 && S_ISREG(st.st_mode)) // devices are not opened
-        entry.file = input_file(entry.path);
-    if (entry.file.is_open() && granted.emplace(st.st_dev, st.st_ino).second)
+    if (!entry.path.empty() && stat(entry.path.c_str(), &st) == 0 && S_ISREG(st.st_mode)) { // devices are not opened
+        try {
+            entry.file = std::make_unique<file_mapping>(entry.path);
+        } catch (const failure &f) {
+            entry.problem = fmt::format("not readable: {}", f.what());
+            note(fmt::format("{}: {}", entry.path, entry.problem));
+        }
+    }
+    if (entry.file != nullptr && granted.emplace(st.st_dev, st.st_ino).second)
         allowed.grant(static_cast<uint64_t>(st.st_size));
-    if (entry.file.is_open())
-        entry.state = same_file(where, entry.file) ? usable : other;
+    if (entry.file != nullptr)
+        entry.state = same_file(where, entry.file->bytes()) ? usable : other;
     return files.emplace(where.path, std::move(entry)).first->second;
 }
 
@@ -472,7 +480,7 @@ std::string core_file_source::locate(const mapping &where)
 {
     const mapped_file &entry = file_of(where);
     if (entry.state == missing)
-        throw failure(KRV_ELF_ERR_NOTFOUND, fmt::format("{}: not found, or not readable", entry.path));
+        throw failure(KRV_ELF_ERR_NOTFOUND, fmt::format("{}: {}", entry.path, entry.problem));
     if (entry.state == other)
         throw failure(KRV_ELF_ERR_NOTFOUND,
                       fmt::format("{}: not the file that {} speaks of (its build-id or its program headers differ)",
@@ -487,8 +495,9 @@ size_t core_file_source::read_mapped(uint64_t address, void *buf, size_t count)
         return 0;
     const mapped_file &entry = file_of(*m);
     const auto piece = static_cast<size_t>(std::min<uint64_t>(count, m->end - address));
-    const bool read = entry.state == usable && entry.file.read(m->offset + (address - m->start), buf, piece);
-    return read ? piece : 0;
+    if (entry.state != usable)
+        return 0;
+    return mapped_memory(entry.file->bytes()).read(m->offset + (address - m->start), buf, piece) ? piece : 0;
 }
 
 std::string core_file_source::why_unreadable(uint64_t address)
@@ -502,7 +511,7 @@ std::string core_file_source::why_unreadable(uint64_t address)
         return ", since the core file does not have it";
     switch (file_of(*m).state) {
     case missing:
-        return fmt::format(", since {} is not found, or not readable", m->path);
+        return fmt::format(", since {} is {}", m->path, file_of(*m).problem);
     case other:
         return fmt::format(", since {} is another file than was mapped", m->path);
     default:
