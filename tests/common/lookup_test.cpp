@@ -323,6 +323,7 @@ TEST(Lookup, UnitTable)
     }
     krv_cu_header_t header;
     ASSERT_EQ(korva_cu_get_header(h, wide, &header), 0);
+    EXPECT_TRUE(refuses(h, korva_cu_get_header(h, wide, nullptr), "INVALID"));
     EXPECT_TRUE(header.offset == first.size() && header.size == second.size() && header.dwarf64 == 1 &&
                 header.version == 4 && header.address_size == 8 && header.abbrev_offset == 0);
     EXPECT_EQ(korva_iter_cu(h, KRV_SEC_INFO, count, &seen), 5);
