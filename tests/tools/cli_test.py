@@ -80,7 +80,7 @@ def test_gnu_layout(korva, program):
             fail(f'addr --format=gnu {flags}:\n{ours.out}but addr2line:\n{theirs}')
 
 
-def test_standard_input(korva, program):
+def test_standard_input(korva, program, folder):
     with subprocess.Popen([korva.path, 'addr', '-s', '-e', program], stdin=subprocess.PIPE, stdout=subprocess.PIPE,
                           text=True, bufsize=1) as talk:
         for name, line in (('main', MAIN), ('weigh_twice', WEIGH), ('main', MAIN)):
@@ -91,6 +91,16 @@ def test_standard_input(korva, program):
         if talk.wait() != 0:
             fail(f'addr: status {talk.returncode} at the end of standard input')
     korva.expect(['addr', '-e', program, '--format=json'], 0, r'\[\]\n')
+    cut = os.path.join(folder, 'cut')
+    shutil.copy(program, cut)
+    with subprocess.Popen([korva.path, 'addr', '-e', cut], stdin=subprocess.PIPE, stdout=subprocess.PIPE,
+                          stderr=subprocess.PIPE, text=True, bufsize=1) as talk:
+        talk.stdin.write('main\n')
+        talk.stdout.readline()
+        os.truncate(cut, 4096)
+        _, told = talk.communicate('weigh_twice\n')
+        if talk.returncode != 1 or 'korva: a file became shorter while it was read' not in told:
+            fail(f'addr: of a file that shrinks: status {talk.returncode}, {told}')
 
 
 def test_json(korva, program, folder):
@@ -281,7 +291,7 @@ def main():
         build('g++', ['-gdwarf-4', '-O0'], ['main.cpp', 'square.cpp', 'circle.cpp'], cxx)
         test_forms_of_addresses(korva, program, cxx)
         test_gnu_layout(korva, program)
-        test_standard_input(korva, program)
+        test_standard_input(korva, program, folder)
         test_json(korva, program, folder)
         test_versions(korva, folder)
         test_damaged_units(korva, program, folder)
