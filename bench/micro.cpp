@@ -1,11 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // Micro-benchmarks of the inner operations, on data that the tests' builders make.
-#include "krv_activation.h"
 #include "krv_code.h"
 #include "krv_frame.h"
 #include "krv_info.h"
 #include "krv_line.h"
+#include "krv_unwind.h"
 #include "support/frame_builder.h"
 #include "support/handle.h"
 

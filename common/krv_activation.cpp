@@ -1,8 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Life of activations, and access to their registers in three numberings.
+// Life of activations, and access to the registers of the current frame in three numberings.
 #include "krv_activation.h"
 
+#include "krv_activation_isa.h"
 #include "krv_error.h"
 #include "krv_fd.h"
 #include "krv_mem.h"
@@ -18,7 +19,7 @@ static unsigned int count_slots(const krv_mach_def_t *mach)
     return static_cast<unsigned int>(last) + 1 + KRV_REG_MAX;
 }
 
-static krv_register_t *row_register(krv_regset_t *set, const krv_reg_def_t *row)
+static krv_register_t *row_register(const krv_regset_t *set, const krv_reg_def_t *row)
 {
     return &set->srs_metadata[row->srd_dwarf];
 }
@@ -133,18 +134,44 @@ int krv_activation_get_reg_size(krv_handle_t *hp, krv_activation_t *ap, krv_reg_
     return 0;
 }
 
-// The set of a frame, the caller's computed first.
-static krv_regset_t *frame_registers(krv_handle_t *hp, krv_activation_t *ap, krv_frame_type_t frame)
+krv_regset_t *krv_current_registers(krv_handle_t *, krv_activation_t *ap)
 {
-    switch (frame) {
-    case KRV_ACTIVATION_FRAME_CURRENT:
-        return ap->sa_current_registers;
-    case KRV_ACTIVATION_FRAME_CALLER:
-        return krv_evaluate_activation(hp, ap) == 0 ? ap->sa_caller_registers : nullptr;
-    default:
-        krv_fail(hp, KRV_ERR_INVALID, "invalid frame type (%d)", frame);
-        return nullptr;
+    return ap->sa_current_registers;
+}
+
+int krv_regset_read(krv_handle_t *hp, const krv_regset_t *set, unsigned int slot, unsigned int reg, void *buf,
+                    size_t size)
+{
+    const krv_register_t *rp = &set->srs_metadata[slot];
+    if ((rp->sr_flags & KRV_REG_FLAG_PRESENT) == 0)
+        return krv_fail(hp, KRV_ERR_NOTFOUND, "register not present (%d)", static_cast<int>(reg));
+    const size_t count = size < rp->sr_size ? size : rp->sr_size;
+    const bool high = (rp->sr_flags & KRV_REG_FLAG_PIECE_HI) != 0;
+    std::memcpy(buf, static_cast<const uint8_t *>(rp->sr_contents) + (high ? rp->sr_size - count : 0), count);
+    return 0;
+}
+
+uint64_t krv_regset_copy_gregs(const krv_activation_t *ap, const krv_regset_t *set, krv_gregset_t *gregsp)
+{
+    std::memcpy(*gregsp, set->srs_data.g, sizeof(*gregsp));
+    uint64_t mask = 0;
+    for (unsigned int i = 0; i < ap->sa_mach_def->smd_n_defs; ++i) {
+        const krv_reg_def_t *row = &ap->sa_mach_def->smd_defs[i];
+        if (row->srd_host != KRV_REG_NO_HOST && (row_register(set, row)->sr_flags & KRV_REG_FLAG_PRESENT) != 0)
+            mask |= row_bit(row);
     }
+    return mask;
+}
+
+int krv_activation_read(krv_handle_t *hp, krv_activation_t *ap, krv_frame_registers_f *frame, krv_reg_type_t type,
+                        unsigned int reg, void *buf, size_t size)
+{
+    krv_clear_error(hp);
+    unsigned int slot = 0;
+    if (krv_get_reg_index(hp, ap, type, static_cast<int>(reg), &slot) != 0)
+        return -1;
+    const krv_regset_t *set = frame(hp, ap);
+    return set == nullptr ? -1 : krv_regset_read(hp, set, slot, reg, buf, size);
 }
 
 void krv_regset_clear(const krv_activation_t *ap, krv_regset_t *set)
@@ -242,39 +269,6 @@ int korva_activation_reset(krv_handle_t *hp, krv_activation_t *ap)
     return 0;
 }
 
-int korva_activation_get_reg(krv_handle_t *hp, krv_activation_t *ap, krv_reg_type_t type, krv_frame_type_t frame,
-                             unsigned int reg, void *buf, size_t size)
-{
-    if (hp == nullptr)
-        return -1;
-    krv_clear_error(hp);
-    if (ap == nullptr || buf == nullptr)
-        return krv_fail_code(hp, KRV_ERR_INVALID);
-    unsigned int slot = 0;
-    if (krv_get_reg_index(hp, ap, type, static_cast<int>(reg), &slot) != 0)
-        return -1;
-    const krv_regset_t *set = frame_registers(hp, ap, frame);
-    if (set == nullptr)
-        return -1;
-    const krv_register_t *rp = &set->srs_metadata[slot];
-    if ((rp->sr_flags & KRV_REG_FLAG_PRESENT) == 0)
-        return krv_fail(hp, KRV_ERR_NOTFOUND, "register not present (%d)", static_cast<int>(reg));
-    const size_t count = size < rp->sr_size ? size : rp->sr_size;
-    const bool high = (rp->sr_flags & KRV_REG_FLAG_PIECE_HI) != 0;
-    std::memcpy(buf, static_cast<const uint8_t *>(rp->sr_contents) + (high ? rp->sr_size - count : 0), count);
-    return 0;
-}
-
-int korva_activation_get_greg(krv_handle_t *hp, krv_activation_t *ap, krv_reg_type_t type, krv_frame_type_t frame,
-                              unsigned int reg, krv_greg_t *valuep)
-{
-    krv_greg_t value = 0;
-    if (korva_activation_get_reg(hp, ap, type, frame, reg, valuep == nullptr ? nullptr : &value, sizeof(value)) != 0)
-        return -1;
-    *valuep = value;
-    return 0;
-}
-
 int korva_activation_set_reg(krv_handle_t *hp, krv_activation_t *ap, krv_reg_type_t type, unsigned int reg,
                              const void *buf)
 {
@@ -320,27 +314,5 @@ int korva_activation_set_regs(krv_handle_t *hp, krv_activation_t *ap, const krv_
         rp->sr_flags |= present ? KRV_REG_FLAG_PRESENT : 0U;
     }
     ap->sa_state = KRV_EVALUATION_UNTRIED;
-    return 0;
-}
-
-int korva_activation_get_gregs(krv_handle_t *hp, krv_activation_t *ap, krv_frame_type_t frame, krv_gregset_t *gregsp,
-                               uint64_t *maskp)
-{
-    if (hp == nullptr)
-        return -1;
-    krv_clear_error(hp);
-    if (ap == nullptr || gregsp == nullptr || maskp == nullptr)
-        return krv_fail_code(hp, KRV_ERR_INVALID);
-    krv_regset_t *set = frame_registers(hp, ap, frame);
-    if (set == nullptr)
-        return -1;
-    std::memcpy(*gregsp, set->srs_data.g, sizeof(*gregsp));
-    uint64_t mask = 0;
-    for (unsigned int i = 0; i < ap->sa_mach_def->smd_n_defs; ++i) {
-        const krv_reg_def_t *row = &ap->sa_mach_def->smd_defs[i];
-        if (row->srd_host != KRV_REG_NO_HOST && (row_register(set, row)->sr_flags & KRV_REG_FLAG_PRESENT) != 0)
-            mask |= row_bit(row);
-    }
-    *maskp = mask;
     return 0;
 }

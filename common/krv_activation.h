@@ -1,43 +1,16 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // The activation: two register sets, the rules that lead from the current frame to its caller, and the scratch state
-// that applying them needs. Registers live in slots: slots 0 to sa_n_registers - 3 are DWARF register numbers, the
-// last two are the library registers KRV_REG_PC and KRV_REG_CFA. Register numbers from the data are checked against
-// krv_dwarf_slots before they index anything.
+// that applying them needs; its life, and the registers of the current frame. Registers live in slots: slots 0 to
+// sa_n_registers - 3 are DWARF register numbers, the last two are the library registers KRV_REG_PC and KRV_REG_CFA.
+// Register numbers from the data are checked against krv_dwarf_slots before they index anything.
 #ifndef KRV_ACTIVATION_H
 #define KRV_ACTIVATION_H
 
-#include "krv_activation_isa.h"
-#include "krv_types.h"
+#include "krv_machine.h"
 
-#include <bit>
 #include <cstring>
 #include <memory>
-
-constexpr unsigned KRV_MAX_SLOTS = 128; // more than any target has
-
-// A set of slots.
-struct krv_slots_t {
-    uint64_t words[KRV_MAX_SLOTS / 64];
-
-    void add(uint64_t slot) { words[slot / 64] |= uint64_t{1} << (slot % 64); }
-    void add(const krv_slots_t &more)
-    {
-        for (unsigned i = 0; i < KRV_MAX_SLOTS / 64; ++i)
-            words[i] |= more.words[i];
-    }
-
-    // Visits them in ascending order until a visit returns false; whether none did.
-    template <typename Visit>
-    bool for_each(Visit visit) const
-    {
-        for (unsigned i = 0; i < KRV_MAX_SLOTS / 64; ++i)
-            for (uint64_t left = words[i]; left != 0; left &= left - 1)
-                if (!visit(64 * i + static_cast<unsigned>(std::countr_zero(left))))
-                    return false;
-        return true;
-    }
-};
 
 enum : unsigned {
     KRV_REG_FLAG_VALID = 1,   // the slot exists on this target
@@ -64,19 +37,6 @@ struct krv_regset_t {
 // Whether the outcome of computing the caller's frame is known; any change to the current frame makes it UNTRIED.
 typedef int krv_evaluation_t;
 enum { KRV_EVALUATION_UNTRIED = 0, KRV_EVALUATION_FAILED = 1, KRV_EVALUATION_SUCCEEDED = 2 };
-
-constexpr unsigned KRV_MAX_ARGS = 128;
-
-// Where the location of one argument lies in the CIE's instructions; size 0 when it was never described.
-struct krv_activation_arg_t {
-    uint64_t offset;
-    uint64_t size;
-};
-
-struct krv_activation_args_t {
-    unsigned int sa_argc;                       // highest argument number described
-    krv_activation_arg_t sa_argv[KRV_MAX_ARGS]; // argument n is element n - 1
-};
 
 struct krv_activation {
     const krv_mach_def_t *sa_mach_def;
@@ -148,15 +108,20 @@ inline bool krv_register_load(const krv_register_t *rp, uint64_t *valuep)
 // Forgets all values, and leaves zeros.
 void krv_regset_clear(const krv_activation_t *ap, krv_regset_t *set);
 
-// Fills the rules at a program counter: sa_initial, sa_current, sa_args and sa_cie_fd; *columnp is the return-address
-// register. -1 with code and messages.
-int krv_generate_rules(krv_handle_t *hp, krv_activation_t *ap, uint64_t pc, uint64_t *columnp);
+// The register set of a frame, computed first where that is how it is come by. NULL with code and messages.
+typedef krv_regset_t *krv_frame_registers_f(krv_handle_t *hp, krv_activation_t *ap);
+krv_frame_registers_f krv_current_registers;
 
-// Computes the caller's frame unless its outcome is known. -1 with code and messages, of a remembered failure without.
-int krv_evaluate_activation(krv_handle_t *hp, krv_activation_t *ap);
+// Copies at most `size` bytes of the register in a slot. -1 with KRV_ERR_NOTFOUND and a message, which calls it `reg`,
+// when it has no value.
+int krv_regset_read(krv_handle_t *hp, const krv_regset_t *set, unsigned int slot, unsigned int reg, void *buf,
+                    size_t size);
 
-// Call-back of argument evaluation: turns DW_OP_fbreg into the address it stands for. arg is the frame base, a
-// uint64_t *, or NULL when there is none: then DW_OP_fbreg fails with a message.
-krv_expr_cb_f krv_translate_fbreg;
+// Copies the host's general registers; the mask of those that have a value.
+uint64_t krv_regset_copy_gregs(const krv_activation_t *ap, const krv_regset_t *set, krv_gregset_t *gregsp);
+
+// krv_regset_read of the frame that `frame` gives. Clears the error state. Fails as krv_get_reg_index and `frame`, too.
+int krv_activation_read(krv_handle_t *hp, krv_activation_t *ap, krv_frame_registers_f *frame, krv_reg_type_t type,
+                        unsigned int reg, void *buf, size_t size);
 
 #endif

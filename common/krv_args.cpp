@@ -2,14 +2,16 @@
 //
 // Values of a function's arguments, whose locations its CIE records (DW_CFA_VESK_arg_loc). Locations speak of the
 // registers as the caller had them; DW_OP_fbreg is relative to the current frame's frame pointer.
-#include "krv_activation.h"
-
 #include "krv_dwarf.h"
 #include "krv_error.h"
+#include "krv_expr_eval.h"
 #include "krv_fd.h"
+#include "krv_unwind.h"
 
-int krv_translate_fbreg(krv_handle_t *hp, krv_exprstack_t *esp, krv_activation_t *ap, uint32_t, krv_fd_t **,
-                        krv_operation_t *op, void *arg)
+// Turns DW_OP_fbreg into the address it stands for. arg is the frame base, a uint64_t *, or NULL when there is none: then
+// DW_OP_fbreg fails with a message.
+static int krv_translate_fbreg(krv_handle_t *hp, krv_exprstack_t *esp, krv_activation_t *ap, uint32_t, krv_fd_t **,
+                               krv_operation_t *op, void *arg)
 {
     KRV_ASSERT(hp != NULL);
     KRV_ASSERT(esp != NULL);
@@ -27,19 +29,23 @@ int krv_translate_fbreg(krv_handle_t *hp, krv_exprstack_t *esp, krv_activation_t
 // Stores the frame pointer of the current frame; 0 leaves *presentp false when it has no value.
 static int get_frame_base(krv_handle_t *hp, krv_activation_t *ap, uint64_t *basep, bool *presentp)
 {
-    krv_greg_t value = 0;
-    const int result = korva_activation_get_greg(hp, ap, KRV_ACTIVATION_REG_DWARF, KRV_ACTIVATION_FRAME_CURRENT,
-                                                 ap->sa_mach_def->smd_fp, &value);
+    *basep = 0;
+    const int result = krv_activation_read(hp, ap, krv_current_registers, KRV_ACTIVATION_REG_DWARF,
+                                           ap->sa_mach_def->smd_fp, basep, sizeof(*basep));
     *presentp = result == 0;
-    *basep = static_cast<uint64_t>(value);
     return result == 0 || hp->sh_errno == KRV_ERR_NOTFOUND ? 0 : krv_note(hp, "error obtaining fp");
 }
 
 static int execute_location(krv_handle_t *hp, krv_activation_t *ap, krv_fd_t *fdp, uint64_t *framep, uint64_t *countp)
 {
-    const int result = korva_expr_execute_expression(hp, ap->sa_exprstack, ap, fdp,
-                                                     KRV_EXPR_F_LOCATION | KRV_EXPR_F_CFI | KRV_EXPR_F_CALLER,
-                                                     ap->sa_arg_fd, krv_translate_fbreg, framep);
+    const krv_expr_context_t context = {.stack = ap->sa_exprstack,
+                                        .ap = ap,
+                                        .frame = krv_caller_registers,
+                                        .flags = KRV_EXPR_F_LOCATION | KRV_EXPR_F_CFI | KRV_EXPR_F_CALLER,
+                                        .outputs = ap->sa_arg_fd,
+                                        .func = krv_translate_fbreg,
+                                        .arg = framep};
+    const int result = krv_expr_execute(hp, fdp, &context);
     if (result == 0 || hp->sh_errno == KRV_ERR_NOSPACE)
         *countp = ap->sa_arg_fd[0]->sfd_offset; // what fitted is there also when more was wanted
     return result == 0 ? 0 : krv_note(hp, "error executing location description");

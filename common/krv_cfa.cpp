@@ -69,21 +69,13 @@ private:
 struct cfi_run {
     krv_handle_t *hp;
     krv_fd_t *fdp;
-    uint64_t code_align;
-    uint64_t data_align; // signed, but products wrap alike
-    uint64_t pc;
+    krv_ruleset_t *rules;
     uint64_t location; // where the row in hand begins
-    size_t nslots;
-    const krv_cfarule_t *initialp; // NULL in a CIE
-    krv_cfarule_t *currentp;
-    krv_activation_args_t *argsp; // NULL in an FDE
-    const krv_augmentation_t *augp;
-    void *aug_arg;
-    krv_slots_t changed;
     change_log log;
 
-    uint64_t cfa_slot() const { return nslots - 1 - KRV_REG_CFA; }
-    const krv_cfarule_t *cfa() const { return &currentp[cfa_slot()]; }
+    bool is_cie() const { return rules->initialp == nullptr; }
+    uint64_t cfa_slot() const { return rules->nslots - 1 - KRV_REG_CFA; }
+    const krv_cfarule_t *cfa() const { return &rules->currentp[cfa_slot()]; }
 };
 
 enum class row {
@@ -94,29 +86,9 @@ enum class row {
 
 } // namespace
 
-// Instructions whose first operand is a register.
-static bool names_register(uint8_t opcode)
+static bool has_flag(uint8_t opcode, uint32_t flag)
 {
-    switch (opcode) {
-    case DW_CFA_offset_extended:
-    case DW_CFA_restore_extended:
-    case DW_CFA_undefined:
-    case DW_CFA_same_value:
-    case DW_CFA_register:
-    case DW_CFA_def_cfa:
-    case DW_CFA_def_cfa_register:
-    case DW_CFA_expression:
-    case DW_CFA_offset_extended_sf:
-    case DW_CFA_def_cfa_sf:
-    case DW_CFA_val_offset:
-    case DW_CFA_val_offset_sf:
-    case DW_CFA_val_expression:
-    case DW_CFA_offset:
-    case DW_CFA_restore:
-        return true;
-    default:
-        return false;
-    }
+    return (krv_cfa_table[krv_cfa_row(opcode)].flags & flag) != 0;
 }
 
 [[gnu::noinline, gnu::cold]] static row out_of_range(cfi_run *run, uint8_t opcode, uint64_t reg)
@@ -135,11 +107,11 @@ static bool names_register(uint8_t opcode)
 
 static row new_row(cfi_run *run, uint64_t location)
 {
-    if (run->initialp == nullptr)
+    if (run->is_cie())
         return bad(run, KRV_ERR_CORRUPT, "row-creation instruction in CIE");
     if (location < run->location)
         return bad(run, KRV_ERR_CORRUPT, "decreasing location");
-    if (location > run->pc)
+    if (location > run->rules->pc)
         return row::reached;
     run->location = location;
     return row::next;
@@ -147,17 +119,17 @@ static row new_row(cfi_run *run, uint64_t location)
 
 static inline row set_rule(cfi_run *run, uint64_t slot, const krv_cfarule_t &rule)
 {
-    if (!run->log.keep(run->hp, slot, run->currentp))
+    if (!run->log.keep(run->hp, slot, run->rules->currentp))
         return row::bad;
-    run->currentp[slot] = rule;
-    run->changed.add(slot);
+    run->rules->currentp[slot] = rule;
+    run->rules->changed.add(slot);
     return row::next;
 }
 
 static inline row restore_rule(cfi_run *run, uint64_t reg)
 {
-    if (run->initialp != nullptr)
-        return set_rule(run, reg, run->initialp[reg]);
+    if (!run->is_cie())
+        return set_rule(run, reg, run->rules->initialp[reg]);
     krv_note(run->hp, "illegal instruction for CIE");
     return row::bad;
 }
@@ -198,26 +170,27 @@ static bool read_expression(cfi_run *run, uint64_t *offsetp, uint64_t *sizep)
 // Numbers beyond the table are no error.
 [[gnu::noinline]] static row set_argument(cfi_run *run, uint64_t number)
 {
-    if (run->argsp == nullptr)
+    krv_activation_args_t *args = run->rules->argsp;
+    if (args == nullptr)
         return bad(run, KRV_ERR_CORRUPT, "illegal instruction for FDE");
     krv_activation_arg_t arg = {};
     if (!read_expression(run, &arg.offset, &arg.size))
         return row::bad;
     if (number == 0 || number > KRV_MAX_ARGS)
         return row::next;
-    run->argsp->sa_argv[number - 1] = arg;
-    if (number > run->argsp->sa_argc)
-        run->argsp->sa_argc = static_cast<unsigned int>(number);
+    args->sa_argv[number - 1] = arg;
+    if (number > args->sa_argc)
+        args->sa_argc = static_cast<unsigned int>(number);
     return row::next;
 }
 
 // Registers must have rules; the slots of the library registers cannot be named.
 [[gnu::always_inline]] static inline row execute(cfi_run *run, uint8_t opcode, uint64_t first, uint64_t second)
 {
-    const uint64_t end = run->nslots - KRV_REG_MAX;
-    if (opcode == DW_CFA_register && second >= end)
+    const uint64_t end = run->rules->nslots - KRV_REG_MAX;
+    if (second >= end && has_flag(opcode, KRV_CFA_F_SECOND))
         return out_of_range(run, opcode, second);
-    if (first >= end && names_register(opcode))
+    if (first >= end && has_flag(opcode, KRV_CFA_F_REGISTER))
         return out_of_range(run, opcode, first);
     switch (opcode) {
     case DW_CFA_nop:
@@ -230,19 +203,19 @@ static bool read_expression(cfi_run *run, uint64_t *offsetp, uint64_t *sizep)
     case DW_CFA_advance_loc1:
     case DW_CFA_advance_loc2:
     case DW_CFA_advance_loc4:
-        return new_row(run, run->location + first * run->code_align);
+        return new_row(run, run->location + first * run->rules->code_align);
 
     // 6.4.2.2 CFA
     case DW_CFA_def_cfa:
         return set_cfa(run, first, second);
     case DW_CFA_def_cfa_sf:
-        return set_cfa(run, first, second * run->data_align);
+        return set_cfa(run, first, second * run->rules->data_align);
     case DW_CFA_def_cfa_register:
         return cfa_has_parts(run) ? set_cfa(run, first, run->cfa()->arg) : row::bad;
     case DW_CFA_def_cfa_offset:
         return cfa_has_parts(run) ? set_cfa(run, run->cfa()->arg >> 32, first) : row::bad;
     case DW_CFA_def_cfa_offset_sf:
-        return cfa_has_parts(run) ? set_cfa(run, run->cfa()->arg >> 32, first * run->data_align) : row::bad;
+        return cfa_has_parts(run) ? set_cfa(run, run->cfa()->arg >> 32, first * run->rules->data_align) : row::bad;
     case DW_CFA_def_cfa_expression:
         return set_expression(run, run->cfa_slot(), KRV_CFA_RULE_EXPRESSION);
 
@@ -254,10 +227,10 @@ static bool read_expression(cfi_run *run, uint64_t *offsetp, uint64_t *sizep)
     case DW_CFA_offset:
     case DW_CFA_offset_extended:
     case DW_CFA_offset_extended_sf:
-        return set_rule(run, first, {KRV_CFA_RULE_OFFSET, second * run->data_align, 0, 0});
+        return set_rule(run, first, {KRV_CFA_RULE_OFFSET, second * run->rules->data_align, 0, 0});
     case DW_CFA_val_offset:
     case DW_CFA_val_offset_sf:
-        return set_rule(run, first, {KRV_CFA_RULE_VAL_OFFSET, second * run->data_align, 0, 0});
+        return set_rule(run, first, {KRV_CFA_RULE_VAL_OFFSET, second * run->rules->data_align, 0, 0});
     case DW_CFA_register:
         return set_rule(run, first, {KRV_CFA_RULE_REGISTER, second, 0, 0});
     case DW_CFA_expression:
@@ -272,7 +245,7 @@ static bool read_expression(cfi_run *run, uint64_t *offsetp, uint64_t *sizep)
     case DW_CFA_remember_state:
         return run->log.remember(run->hp) ? row::next : row::bad;
     case DW_CFA_restore_state:
-        if (run->log.restore(run->currentp))
+        if (run->log.restore(run->rules->currentp))
             return row::next;
         return bad(run, KRV_ERR_CORRUPT, "DW_CFA_restore_state has no state to restore");
 
@@ -285,46 +258,6 @@ static bool read_expression(cfi_run *run, uint64_t *offsetp, uint64_t *sizep)
     }
 }
 
-namespace
-{
-
-struct operation {
-    uint8_t opcode;
-    uint64_t first, second;
-};
-
-} // namespace
-
-// Decodes an instruction whose bytes are in memory, which are some at least, with the outcome of krv_frame_get_next_op.
-// What follows it; NULL: not this one.
-static inline const uint8_t *scan_operation(const uint8_t *at, const uint8_t *end, operation *op)
-{
-    const uint8_t byte = *at++;
-    const uint8_t shape = krv_cfa_shapes[byte];
-    op->second = 0;
-    if ((byte & KRV_CFA_PACKED) != 0) {
-        op->opcode = byte & KRV_CFA_PACKED;
-        op->first = byte & KRV_CFA_OPERAND;
-        return shape == KRV_CFA_PLAIN ? at : krv_scan_short_uleb128(at, end, &op->second);
-    }
-    op->opcode = byte;
-    op->first = 0;
-    switch (shape) {
-    case KRV_CFA_PLAIN:
-        return at;
-    case KRV_CFA_ULEB:
-        return krv_scan_short_uleb128(at, end, &op->first);
-    case KRV_CFA_ULEBS:
-        at = krv_scan_short_uleb128(at, end, &op->first);
-        return at == nullptr ? nullptr : krv_scan_short_uleb128(at, end, &op->second);
-    case KRV_CFA_BYTE:
-        op->first = at == end ? 0 : *at;
-        return at == end ? nullptr : at + 1;
-    default:
-        return nullptr;
-    }
-}
-
 // Executes instructions where they are, as long as they can be decoded there; the cursor follows.
 static row run_in_memory(cfi_run *run)
 {
@@ -332,8 +265,8 @@ static row run_in_memory(cfi_run *run)
     const uint8_t *const end = view.bytes + view.size, *at = view.bytes;
     row result = row::next;
     while (at != end) {
-        operation op;
-        const uint8_t *next = scan_operation(at, end, &op);
+        krv_cfa_op_t op;
+        const uint8_t *next = krv_cfa_scan(at, end, &op);
         if (next == nullptr)
             break;
         at = next;
@@ -349,7 +282,7 @@ static row run_in_memory(cfi_run *run)
 [[gnu::noinline]] static row run_one(cfi_run *run)
 {
     krv_operation_t op;
-    if (krv_frame_get_next_op(run->hp, run->fdp, &op, run->augp, run->aug_arg) != 0)
+    if (krv_frame_get_next_op(run->hp, run->fdp, &op, run->rules->augp, run->rules->aug_arg) != 0)
         return row::bad;
     return execute(run, op.opcode, op.operand[0].sa_u.su_unsigned, op.operand[1].sa_u.su_unsigned);
 }
@@ -366,42 +299,22 @@ static row run_instructions(cfi_run *run)
     return result;
 }
 
-int krv_generate_ruleset(krv_handle_t *hp, krv_fd_t *fdp, uint64_t code_align, uint64_t data_align, uint64_t pc,
-                         uint64_t slocation, uint64_t arange, uint64_t nslots, const krv_cfarule_t *initialp,
-                         krv_cfarule_t *currentp, krv_activation_args_t *argsp, const krv_augmentation_t *augp,
-                         void *aug_arg, krv_slots_t *changedp)
+int krv_generate_ruleset(krv_handle_t *hp, krv_fd_t *fdp, krv_ruleset_t *rules)
 {
     KRV_ASSERT(hp != NULL);
     KRV_ASSERT(fdp != NULL);
-    KRV_ASSERT(nslots > KRV_REG_MAX);
-    KRV_ASSERT(nslots <= KRV_MAX_SLOTS);
-    KRV_ASSERT(currentp != NULL);
-    KRV_ASSERT((initialp == NULL) != (argsp == NULL));
-    KRV_ASSERT(initialp == NULL || (pc >= slocation && pc - slocation < arange));
-    KRV_ASSERT(augp != NULL);
+    KRV_ASSERT(rules->nslots > KRV_REG_MAX);
+    KRV_ASSERT(rules->nslots <= KRV_MAX_SLOTS);
+    KRV_ASSERT(rules->currentp != NULL);
+    KRV_ASSERT((rules->initialp == NULL) != (rules->argsp == NULL));
+    KRV_ASSERT(rules->initialp == NULL ||
+               (rules->pc >= rules->slocation && rules->pc - rules->slocation < rules->arange));
+    KRV_ASSERT(rules->augp != NULL);
 
-    cfi_run run = {
-        .hp = hp,
-        .fdp = fdp,
-        .code_align = code_align,
-        .data_align = data_align,
-        .pc = pc,
-        .location = slocation,
-        .nslots = nslots,
-        .initialp = initialp,
-        .currentp = currentp,
-        .argsp = argsp,
-        .augp = augp,
-        .aug_arg = aug_arg,
-        .changed = {},
-        .log = {},
-    };
+    rules->changed = {};
+    cfi_run run = {.hp = hp, .fdp = fdp, .rules = rules, .location = rules->slocation, .log = {}};
     const uint64_t start = fdp->sfd_offset;
-    const row result = run_instructions(&run);
-    if (changedp != nullptr)
-        *changedp = run.changed;
-    if (result == row::bad)
-        return krv_note(hp, "error at offset %lld in instruction stream",
-                        static_cast<long long>(fdp->sfd_offset - start));
-    return 0;
+    if (run_instructions(&run) != row::bad)
+        return 0;
+    return krv_note(hp, "error at offset %lld in instruction stream", static_cast<long long>(fdp->sfd_offset - start));
 }

@@ -4,22 +4,33 @@
 #ifndef KRV_CFA_H
 #define KRV_CFA_H
 
-#include "krv_activation.h"
-#include "krv_frame.h"
+#include "krv_cfa_decode.h"
+#include "krv_rule.h"
 
-// Executes the instructions in fdp, which is limited to them, on the rules in currentp: one rule a slot, the last one
-// the CFA's. The caller fills currentp beforehand; *changedp, unless NULL, receives the slots whose rules were set.
+// What instructions are executed on: rules, one a slot, the last one the CFA's.
 //
-//  - CIE mode: argsp given, initialp NULL, pc, slocation and arange 0. Executes everything; no row may be created.
-//  - FDE mode: initialp (the rules after the CIE) given, argsp NULL. Executes up to the row that contains pc, which
-//    must lie within arange bytes from slocation.
-//
-// -1 with messages, of which the last tells the offset; the rules are then partly changed. KRV_ERR_CORRUPT,
-// KRV_ERR_UNSUPPORTED, KRV_ERR_NOMEM, those of the decoders; KRV_ERR_NONE for a register out of range, a restore in a
-// CIE, and a change to part of a CFA that is not register plus offset.
-int krv_generate_ruleset(krv_handle_t *hp, krv_fd_t *fdp, uint64_t code_align, uint64_t data_align, uint64_t pc,
-                         uint64_t slocation, uint64_t arange, uint64_t nslots, const krv_cfarule_t *initialp,
-                         krv_cfarule_t *currentp, krv_activation_args_t *argsp, const krv_augmentation_t *augp,
-                         void *aug_arg, krv_slots_t *changedp);
+//  - Of a CIE: argsp is given, initialp NULL, pc, slocation and arange 0. Everything is executed; no row may be created.
+//  - Of an FDE: initialp is given, argsp NULL. Executed up to the row that contains pc, which must lie within arange
+//    bytes from slocation.
+struct krv_ruleset_t {
+    uint64_t code_align;
+    uint64_t data_align;            // signed, but products wrap alike
+    const krv_augmentation_t *augp; // decodes,
+    void *aug_arg;                  // given this
+    uint64_t nslots;
+    krv_cfarule_t *currentp; // to be changed
+    krv_activation_args_t *argsp;
+    const krv_cfarule_t *initialp; // rules after the CIE
+    uint64_t pc;
+    uint64_t slocation;  // first address
+    uint64_t arange;     // bytes
+    krv_slots_t changed; // out: slots whose rules were set
+};
+
+// Executes the instructions in fdp, which is limited to them. -1 with messages, of which the last tells the offset; the
+// rules are then partly changed. KRV_ERR_CORRUPT, KRV_ERR_UNSUPPORTED, KRV_ERR_NOMEM, those of the decoders;
+// KRV_ERR_NONE for a register out of range, a restore in a CIE, and a change to part of a CFA that is not register plus
+// offset.
+int krv_generate_ruleset(krv_handle_t *hp, krv_fd_t *fdp, krv_ruleset_t *rules);
 
 #endif

@@ -2,16 +2,19 @@
 //
 // The reader of .debug_frame (DWARF 4, 6.4.1; versions 1, 3 and 4, both formats). It works on copies of the section's
 // cursor, keeps nothing, and has no index of its own.
+#include "krv_debug_frame.h"
+
 #include "krv_code.h"
 #include "krv_dwarf.h"
 #include "krv_error.h"
-#include "krv_frame.h"
 #include "krv_mem.h"
+
+#include <memory>
 
 static int krv_debug_frame_aug_next_op(krv_handle_t *hp, krv_fd_t *fdp, krv_operation_t *op, void *)
 {
     krv_form_t forms[2];
-    return krv_frame_read_opcode(hp, fdp, op, forms) == 0 ? krv_frame_read_operands(hp, fdp, op, forms) : -1;
+    return krv_cfa_read_opcode(hp, fdp, op, forms) == 0 ? krv_cfa_read_operands(hp, fdp, op, forms) : -1;
 }
 
 static const krv_augmentation_ops_t krv_debug_frame_aug_ops = {.sao_gno = krv_debug_frame_aug_next_op};
@@ -136,7 +139,7 @@ static bool read_cie(krv_handle_t *hp, krv_cie_t *ciep, uint64_t offset)
 static krv_cie_t *krv_debug_frame_gcbo(krv_handle_t *hp, krv_reader_t *, uint64_t offset)
 {
     KRV_ASSERT(hp != NULL);
-    krv_cie_owner ciep(krv_new<krv_cie_t>(hp), {hp});
+    krv_owner<krv_cie_t> ciep(krv_new<krv_cie_t>(hp));
     if (ciep != nullptr && read_cie(hp, ciep.get(), offset))
         return ciep.release();
     krv_note(hp, "failed to read CIE at offset 0x%lx in .debug_frame", static_cast<unsigned long>(offset));
@@ -156,7 +159,21 @@ static krv_form_t address_form(krv_handle_t *hp, const krv_cie_t *ciep)
     return 0;
 }
 
-static bool read_fde(krv_handle_t *hp, krv_fde_t *fdep, uint64_t offset)
+namespace
+{
+
+// Of an FDE that is read: its CIE may be there already.
+struct fde_deleter {
+    void operator()(krv_fde_t *fdep) const
+    {
+        krv_free(fdep->sfde_cie);
+        krv_free(fdep);
+    }
+};
+
+} // namespace
+
+static bool read_fde(krv_handle_t *hp, krv_reader_t *reader, krv_fde_t *fdep, uint64_t offset)
 {
     record r = {};
     r.kind = "FDE";
@@ -166,7 +183,7 @@ static bool read_fde(krv_handle_t *hp, krv_fde_t *fdep, uint64_t offset)
     fdep->sfde_section_length = r.full_size;
     if (!krv_read_field(&r.fd, DW_FORM_sec_offset, r.encoding, &fdep->sfde_pointer, "failed to read CIE pointer"))
         return false;
-    fdep->sfde_cie = krv_get_cie_by_offset(hp, fdep->sfde_pointer);
+    fdep->sfde_cie = krv_debug_frame_gcbo(hp, reader, fdep->sfde_pointer);
     if (fdep->sfde_cie == nullptr) {
         krv_note(hp, "couldn't get parent CIE");
         return false;
@@ -184,11 +201,11 @@ static bool read_fde(krv_handle_t *hp, krv_fde_t *fdep, uint64_t offset)
     return true;
 }
 
-static krv_fde_t *krv_debug_frame_gfbo(krv_handle_t *hp, krv_reader_t *, uint64_t offset)
+static krv_fde_t *krv_debug_frame_gfbo(krv_handle_t *hp, krv_reader_t *reader, uint64_t offset)
 {
     KRV_ASSERT(hp != NULL);
-    krv_fde_owner fdep(krv_new<krv_fde_t>(hp), {hp});
-    if (fdep != nullptr && read_fde(hp, fdep.get(), offset))
+    std::unique_ptr<krv_fde_t, fde_deleter> fdep(krv_new<krv_fde_t>(hp));
+    if (fdep != nullptr && read_fde(hp, reader, fdep.get(), offset))
         return fdep.release();
     krv_note(hp, "failed to read FDE at offset 0x%lx in .debug_frame", static_cast<unsigned long>(offset));
     return nullptr;

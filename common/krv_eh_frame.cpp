@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // The reader of .eh_frame (LSB Core, "DWARF Extensions") as a program has it loaded: everything is read through copies
-// of the address-space cursor, whose offsets are target addresses. Sums that form an address wrap at 2^64: whether there
-// is anything at that address, the read call-back says.
+// of the address-space cursor, whose offsets are target addresses. Sums that form an address wrap at 2^64: whether
+// there is anything at that address, the read call-back says.
 #include "krv_eh_frame.h"
 
 #include "krv_code.h"
@@ -12,6 +12,7 @@
 #include "krv_mem.h"
 
 #include <cstring>
+#include <memory>
 
 namespace
 {
@@ -94,7 +95,7 @@ static inline bool load_number(krv_fd_t *fdp, uint64_t *valuep)
     return true;
 }
 
-// Of the formats that compilers and linkers choose.
+// Of the formats that compilers and linkers choose; the twin of the reads in decode_pointer.
 static inline bool load_pointer(krv_fd_t *fdp, uint8_t format, uint64_t *valuep)
 {
     switch (format) {
@@ -171,11 +172,11 @@ int krv_eh_frame_aug_next_op(krv_handle_t *hp, krv_fd_t *fdp, krv_operation_t *o
     KRV_ASSERT(fdp != NULL);
     KRV_ASSERT(op != NULL);
     krv_form_t forms[2];
-    if (krv_frame_read_opcode(hp, fdp, op, forms) != 0)
+    if (krv_cfa_read_opcode(hp, fdp, op, forms) != 0)
         return -1;
     if (op->opcode == DW_CFA_set_loc)
         return read_set_loc(hp, fdp, op, static_cast<const krv_amd64_cie_augmentation *>(arg));
-    return krv_frame_read_operands(hp, fdp, op, forms);
+    return krv_cfa_read_operands(hp, fdp, op, forms);
 }
 
 static const krv_augmentation_ops_t krv_eh_frame_aug_ops = {.sao_gno = krv_eh_frame_aug_next_op};
@@ -201,17 +202,25 @@ struct record_reader {
 
 } // namespace
 
-// Reads a record in two calls, when the window has room for it. False: it has not, or something is amiss.
+// Whether so many bytes of the address space are there in one call. A call that failed is left to the window.
+static bool read_bulk(const krv_fd_t *as, void *buf, size_t size, uint64_t address, krv_window_t *window)
+{
+    const krv_bulk outcome = krv_read_bulk(as, buf, size, address);
+    if (outcome == krv_bulk::failed)
+        window->sw_lost = true;
+    return outcome == krv_bulk::read;
+}
+
+// Reads a record in two calls, when the window has room for it: the twin of reading field by field, to which false
+// leads. False: it has not, or something is amiss.
 static bool hold_record(record_reader *r, krv_handle_t *hp, krv_window_t *window, uint64_t address)
 {
     const krv_fd_t *as = &hp->sh_as;
-    krv_fd_cb_f *func = as->sfd_u.cb.func;
-    void *arg = as->sfd_u.cb.arg;
     uint32_t length;
-    if (!krv_fd_is_cb(as) || !krv_extent_fits(as->sfd_size, address, 0, EH_LENGTH_SIZE) ||
-        func(arg, &length, sizeof(length), address) != static_cast<int64_t>(sizeof(length)) || length == 0 ||
-        length > sizeof(window->sw_bytes) || !krv_extent_fits(as->sfd_size, address, EH_LENGTH_SIZE, length) ||
-        func(arg, window->sw_bytes, length, address + EH_LENGTH_SIZE) != int64_t{length})
+    if (window->sw_lost || !krv_fd_is_cb(as) || !krv_extent_fits(as->sfd_size, address, 0, EH_LENGTH_SIZE) ||
+        !read_bulk(as, &length, sizeof(length), address, window) || length == 0 || length > sizeof(window->sw_bytes) ||
+        !krv_extent_fits(as->sfd_size, address, EH_LENGTH_SIZE, length) ||
+        !read_bulk(as, window->sw_bytes, length, address + EH_LENGTH_SIZE, window))
         return false;
     krv_clear_error(hp);
     window->sw_offset = address + EH_LENGTH_SIZE;
@@ -363,14 +372,13 @@ static krv_cie_t *krv_eh_frame_gcbo(krv_handle_t *hp, krv_reader_t *reader, uint
 
 // Reads a record afresh, in one call, since its length is expected to be the same; whether it is byte for byte the one
 // that `known` was decoded from.
-static bool is_unchanged(const krv_cie_t *known, const krv_fd_t *as, uint64_t address)
+static bool is_unchanged(krv_cie_t *known, const krv_fd_t *as, uint64_t address)
 {
-    const krv_window_t *window = &known->scie_window; // all but the length field
+    krv_window_t *window = &known->scie_window; // all but the length field
     if (known->scie_decoding == 0 || window->sw_offset - EH_LENGTH_SIZE != address)
         return false;
     uint8_t fresh[EH_LENGTH_SIZE + sizeof(window->sw_bytes)];
-    const size_t size = EH_LENGTH_SIZE + static_cast<size_t>(window->sw_size);
-    if (as->sfd_u.cb.func(as->sfd_u.cb.arg, fresh, size, address) != static_cast<int64_t>(size))
+    if (!read_bulk(as, fresh, EH_LENGTH_SIZE + static_cast<size_t>(window->sw_size), address, window))
         return false;
     uint32_t length;
     std::memcpy(&length, fresh, sizeof(length));
@@ -381,16 +389,19 @@ static bool is_unchanged(const krv_cie_t *known, const krv_fd_t *as, uint64_t ad
 // Most CIEs are those of the query before, which spares their decoding.
 [[gnu::noinline]] static bool read_parent(krv_handle_t *hp, krv_eh_fde *record, uint64_t eh_frame, uint64_t address)
 {
-    if (!is_unchanged(&record->parent.cie, &hp->sh_as, address)) {
+    krv_cie_t *ciep = &record->parent.cie;
+    if (!is_unchanged(ciep, &hp->sh_as, address)) {
+        const bool lost = ciep->scie_window.sw_lost;
         record->parent = {};
         record->parent.embedded = true;
-        if (!read_cie(hp, &record->parent.cie, eh_frame, address)) {
+        ciep->scie_window.sw_lost = lost;
+        if (!read_cie(hp, ciep, eh_frame, address)) {
             cie_failed(hp, address);
             krv_note(hp, "couldn't get parent CIE");
             return false;
         }
     }
-    record->fde.sfde_cie = &record->parent.cie;
+    record->fde.sfde_cie = ciep;
     return true;
 }
 
@@ -467,6 +478,7 @@ static krv_eh_fde *take_record(krv_handle_t *hp, krv_reader_t *reader)
         record->fde.sfde_cie = nullptr;
         record->fde.sfde_augmentation_data = nullptr;
         record->fde.sfde_window.sw_size = 0;
+        record->fde.sfde_window.sw_lost = false;
         record->augmentation = {};
         return record;
     }
@@ -476,19 +488,6 @@ static krv_eh_fde *take_record(krv_handle_t *hp, krv_reader_t *reader)
         record->reader = reader;
     }
     return record;
-}
-
-static krv_fde_t *krv_eh_frame_gfbo(krv_handle_t *hp, krv_reader_t *reader, uint64_t offset)
-{
-    KRV_ASSERT(hp != NULL);
-    KRV_ASSERT(reader != NULL);
-    const uint64_t eh_frame = reader_data(reader)->sefh_eh_frame;
-    krv_eh_fde *record = take_record(hp, reader);
-    krv_fde_owner fdep(record == nullptr ? nullptr : &record->fde, {hp});
-    if (fdep != nullptr && read_fde(hp, record, eh_frame, offset))
-        return fdep.release();
-    krv_note(hp, "failed to read FDE at address 0x%lx in .eh_frame", static_cast<unsigned long>(eh_frame + offset));
-    return nullptr;
 }
 
 static void krv_eh_frame_cie_free(krv_cie_t *ciep)
@@ -506,6 +505,28 @@ static void krv_eh_frame_fde_free(krv_fde_t *fdep)
         krv_free(record);
     else
         krv_publish(&reader_data(record->reader)->sefh_spare, record, krv_free);
+}
+
+namespace
+{
+
+struct fde_deleter {
+    void operator()(krv_fde_t *fdep) const { krv_eh_frame_fde_free(fdep); }
+};
+
+} // namespace
+
+static krv_fde_t *krv_eh_frame_gfbo(krv_handle_t *hp, krv_reader_t *reader, uint64_t offset)
+{
+    KRV_ASSERT(hp != NULL);
+    KRV_ASSERT(reader != NULL);
+    const uint64_t eh_frame = reader_data(reader)->sefh_eh_frame;
+    krv_eh_fde *record = take_record(hp, reader);
+    std::unique_ptr<krv_fde_t, fde_deleter> fdep(record == nullptr ? nullptr : &record->fde);
+    if (fdep != nullptr && read_fde(hp, record, eh_frame, offset))
+        return fdep.release();
+    krv_note(hp, "failed to read FDE at address 0x%lx in .eh_frame", static_cast<unsigned long>(eh_frame + offset));
+    return nullptr;
 }
 
 static void krv_eh_frame_destroy_reader(krv_reader_t *reader)

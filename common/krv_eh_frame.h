@@ -1,10 +1,13 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// What the reader of .eh_frame and .eh_frame_hdr keeps, and its two decoders.
+// The reader of .eh_frame and .eh_frame_hdr, what it keeps, and its two decoders.
 #ifndef KRV_EH_FRAME_H
 #define KRV_EH_FRAME_H
 
-#include "krv_frame.h"
+#include "krv_frame_record.h"
+
+// NULL: the section's address is not set (with a message), or KRV_ERR_NOMEM.
+krv_reader_t *krv_eh_frame_create_reader(krv_handle_t *hp);
 
 // Whether the search table of .eh_frame_hdr can be used. UNSUPPORTED is final.
 typedef int krv_eh_status_t;

@@ -137,7 +137,7 @@ struct table_search {
     }
 };
 
-// Fields that were read ahead, of entries from `first` on: the same numbers that read_pointer gives.
+// Fields that were read ahead, of entries from `first` on: the twin of table_search, the same numbers as read_pointer.
 template <typename T>
 struct held_fields {
     const uint8_t *bytes;
@@ -225,12 +225,19 @@ static found search_table(table_search *s)
         const bool all = left <= sizeof(bytes);
         const int32_t first = all ? s->among.first : s->among.middle();
         const uint64_t address = s->field_address(first, 0), size = all ? left : 3 * width;
-        if (!known || !krv_extent_fits(as->sfd_size, address, 0, size) ||
-            as->sfd_u.cb.func(as->sfd_u.cb.arg, bytes, size, address) != static_cast<int64_t>(size)) {
+        const krv_bulk bulk = known && krv_extent_fits(as->sfd_size, address, 0, size)
+                                  ? krv_read_bulk(as, bytes, size, address)
+                                  : krv_bulk::refused;
+        if (bulk == krv_bulk::refused) {
             outcome = search_step(s, *s);
             continue;
         }
         krv_clear_error(s->hp);
+        if (bulk == krv_bulk::failed) {
+            krv_fail(s->hp, KRV_ERR_IO, "read callback failed");
+            krv_note(s->hp, "failed to read VA");
+            return found::failed;
+        }
         outcome = search_numbers(s, all, bytes, first, base + (address & relative), relative);
     }
     return outcome;

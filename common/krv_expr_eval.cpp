@@ -3,12 +3,12 @@
 // Evaluation of an expression. An instruction is decoded one ahead of its execution, because what a location
 // description does depends on whether DW_OP_piece follows; it is then checked against its row of the table, executed,
 // and, in a location description, may produce a piece. Nothing is allocated; the cursor given is consumed.
-#include "krv_expr.h"
+#include "krv_expr_eval.h"
 
-#include "krv_activation.h"
-#include "krv_code.h"
 #include "krv_dwarf.h"
 #include "krv_error.h"
+#include "krv_expr.h"
+#include "krv_expr_decode.h"
 #include "krv_fd.h"
 #include "krv_names.h"
 
@@ -18,13 +18,6 @@ namespace
 {
 
 constexpr size_t REGISTER_SIZE = 16; // the widest register
-
-// One decoded instruction with the storage of its block operands.
-struct instruction {
-    krv_operation_t op;
-    krv_fd_t block[KRV_OP_OPERANDS];
-    uint8_t storage[KRV_OP_OPERANDS][KRV_EXPR_BLOCK_SIZE];
-};
 
 enum class place { first, next, target }; // where a decoded instruction stands; for messages
 
@@ -36,9 +29,10 @@ enum class step {
 
 struct evaluator {
     krv_handle_t *hp;
-    krv_exprstack_t *stack;
-    krv_activation_t *ap;
     krv_fd_t *fdp;
+    krv_exprstack_t *stack; // what the context gives
+    krv_activation_t *ap;
+    krv_frame_registers_f *frame;
     uint32_t flags;
     krv_fd_t **outputs;
     krv_expr_cb_f *func;
@@ -50,18 +44,14 @@ struct evaluator {
     uint64_t next_left;   // bytes of the expression from there
     bool first;           // nothing came before the current instruction
     bool last;            // nothing follows it
-    instruction *current;
-    instruction *ahead;
-    instruction slots[2];
+    krv_expr_insn_t *current;
+    krv_expr_insn_t *ahead;
+    krv_expr_insn_t slots[2];
 
     bool is_location() const { return (flags & KRV_EXPR_F_LOCATION) != 0; }
     bool piece_follows() const { return !last && ahead->op.opcode == DW_OP_piece; }
     uint64_t operand(unsigned i = 0) const { return current->op.operand[i].sa_u.su_unsigned; }
     uint64_t piece_size() const { return ahead->op.operand[0].sa_u.su_unsigned; }
-    krv_frame_type_t frame() const
-    {
-        return (flags & KRV_EXPR_F_CALLER) != 0 ? KRV_ACTIVATION_FRAME_CALLER : KRV_ACTIVATION_FRAME_CURRENT;
-    }
 
     // The stack. Depth and room have been checked against the table.
     uint64_t &top(uint64_t below = 0) { return stack->ses_stackp[stack->ses_depth - 1 - below]; }
@@ -74,16 +64,6 @@ struct evaluator {
 // ---------------------------------------------------------------------------------------------------------------
 // Decoding
 // ---------------------------------------------------------------------------------------------------------------
-
-static int decode_operand(evaluator *ev, instruction *insn, unsigned int i, krv_form_t form, uint32_t flags)
-{
-    krv_value_t *value = &insn->op.operand[i];
-    if (form != DW_FORM_block)
-        return korva_decode_form(ev->fdp, form, flags, &value->sa_u, sizeof(value->sa_u), nullptr);
-    krv_fd_attach_mem(ev->hp, &insn->block[i], KRV_EXPR_BLOCK_SIZE, insn->storage[i]);
-    value->sa_u.su_addr = &insn->block[i];
-    return korva_decode_form(ev->fdp, form, flags, &insn->block[i], KRV_EXPR_BLOCK_SIZE, nullptr);
-}
 
 static int unknown_opcode(evaluator *ev, place where, uint64_t offset)
 {
@@ -114,19 +94,20 @@ static int bad_operand(evaluator *ev, place where, uint64_t offset, unsigned int
                     static_cast<long>(offset));
 }
 
-// Decodes the instruction at the cursor. An undefined one has no operands; it is refused when its turn comes.
-static int decode(evaluator *ev, instruction *insn, place where)
+// Decodes the instruction at the cursor. An undefined one is refused when its turn comes.
+static int decode(evaluator *ev, krv_expr_insn_t *insn, place where)
 {
     const uint64_t offset = ev->fdp->sfd_offset;
-    insn->op = {};
-    if (korva_decode_form(ev->fdp, DW_FORM_data1, 0, &insn->op.opcode, sizeof(insn->op.opcode), nullptr) != 0)
+    switch (krv_expr_decode(ev->hp, ev->fdp, 0, insn)) {
+    case krv_expr_decoded::no_opcode:
         return bad_opcode(ev, where, offset);
-    if (insn->op.opcode >= KRV_NOPERATIONS)
+    case krv_expr_decoded::no_row:
         return unknown_opcode(ev, where, offset);
-    const idata *row = &krv_expr_table[insn->op.opcode];
-    for (unsigned int i = 0; i < KRV_OP_OPERANDS && row->ff[i].form != 0; ++i)
-        if (decode_operand(ev, insn, i, row->ff[i].form, row->ff[i].flags) != 0)
-            return bad_operand(ev, where, offset, i);
+    case krv_expr_decoded::no_operand:
+        return bad_operand(ev, where, offset, insn->noperands);
+    case krv_expr_decoded::whole:
+        break;
+    }
     return 0;
 }
 
@@ -258,12 +239,12 @@ static int execute_binary(evaluator *ev, uint8_t opcode)
 // Memory and registers
 // ---------------------------------------------------------------------------------------------------------------
 
-// Reads target memory; what would wrap around the end of the address space is not asked for. 0 or -1.
+// Reads target memory, up to its last byte; what would wrap around is not asked for. 0 or -1.
 static int read_memory(evaluator *ev, void *dst, uint64_t count, uint64_t address)
 {
     const krv_fd_t *as = &ev->hp->sh_as;
     int64_t delivered = -1;
-    if (krv_extent_fits(as->sfd_size, address, 0, count))
+    if (count == 0 || address <= UINT64_MAX - (count - 1))
         delivered = as->sfd_u.cb.func(as->sfd_u.cb.arg, dst, count, address);
     if (delivered >= 0 && static_cast<uint64_t>(delivered) == count)
         return 0;
@@ -291,7 +272,7 @@ static int get_register_size(evaluator *ev, uint32_t reg, size_t *sizep)
 
 static int get_register(evaluator *ev, krv_reg_type_t type, uint32_t reg, void *buf, size_t size)
 {
-    if (korva_activation_get_reg(ev->hp, ev->ap, type, ev->frame(), reg, buf, size) != 0)
+    if (krv_activation_read(ev->hp, ev->ap, ev->frame, type, reg, buf, size) != 0)
         return krv_note(ev->hp, "couldn't get register %u", reg);
     return 0;
 }
@@ -378,7 +359,7 @@ static int emit_register(evaluator *ev, uint32_t reg)
 static int emit_block(evaluator *ev)
 {
     auto *block = static_cast<krv_fd_t *>(ev->current->op.operand[0].sa_u.su_addr);
-    if (block == nullptr) // a call-back has made the opcode of another
+    if (block == nullptr) // the call-back has made this opcode of another one
         return krv_fail_code(ev->hp, KRV_ERR_INVALID);
     const uint64_t count = ev->piece_follows() ? ev->piece_size() : block->sfd_size;
     if (korva_fd_cpy(ev->outputs[0], block, count) != 0)
@@ -603,18 +584,13 @@ static int run(evaluator *ev)
     }
 }
 
-int korva_expr_execute_expression(krv_handle_t *hp, krv_exprstack_t *esp, krv_activation_t *ap, krv_fd_t *fdp,
-                                  uint32_t flags, krv_fd_t **outputs, krv_expr_cb_f *func, void *arg)
+int krv_expr_execute(krv_handle_t *hp, krv_fd_t *fdp, const krv_expr_context_t *context)
 {
-    if (hp == nullptr)
-        return -1;
-    if (esp == nullptr || ap == nullptr || fdp == nullptr)
-        return krv_fail_code(hp, KRV_ERR_INVALID);
     krv_clear_error(hp);
-    if ((flags & KRV_EXPR_F_LOCATION) != 0) {
-        if (outputs == nullptr || outputs[0] == nullptr)
+    if ((context->flags & KRV_EXPR_F_LOCATION) != 0) {
+        if (context->outputs == nullptr || context->outputs[0] == nullptr)
             return krv_fail(hp, KRV_ERR_INVALID, "location description requires output buffer");
-        if (krv_fd_is_cb(outputs[0]))
+        if (krv_fd_is_cb(context->outputs[0]))
             return krv_fail_code(hp, KRV_ERR_INVALID); // target memory is read straight into its buffer
     }
     if (hp->sh_as.sfd_size == 0)
@@ -622,13 +598,14 @@ int korva_expr_execute_expression(krv_handle_t *hp, krv_exprstack_t *esp, krv_ac
 
     evaluator ev; // its block storage needs no initial value
     ev.hp = hp;
-    ev.stack = esp;
-    ev.ap = ap;
     ev.fdp = fdp;
-    ev.flags = flags;
-    ev.outputs = outputs;
-    ev.func = func;
-    ev.arg = arg;
+    ev.stack = context->stack;
+    ev.ap = context->ap;
+    ev.frame = context->frame;
+    ev.flags = context->flags;
+    ev.outputs = context->outputs;
+    ev.func = context->func;
+    ev.arg = context->arg;
     ev.start = fdp->sfd_offset;
     ev.at = ev.start;
     ev.next_offset = ev.start;

@@ -2,7 +2,7 @@
 //
 // The operations of DWARF 4, 7.7.1. DW_OP_xderef_size, DW_OP_bit_piece and the calls, which are not evaluated, are
 // listed without their operands.
-#include "krv_expr.h"
+#include "krv_expr_table.h"
 
 #include "krv_dwarf.h"
 

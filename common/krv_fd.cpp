@@ -8,6 +8,7 @@
 #include "krv_mem.h"
 
 #include <cstring>
+#include <utility>
 
 krv_fd_t *krv_fd_alloc(krv_handle_t *hp)
 {
@@ -98,8 +99,10 @@ static int64_t peek(const krv_fd_t *fdp, void *dst, size_t count)
 
 int64_t krv_window_read(void *arg, void *buf, size_t count, uint64_t offset)
 {
-    const auto *window = static_cast<const krv_window_t *>(arg);
+    auto *window = static_cast<krv_window_t *>(arg);
     const uint64_t skip = offset - window->sw_offset;
+    if (std::exchange(window->sw_lost, false))
+        return -1;
     if (skip > window->sw_size || count > window->sw_size - skip)
         return window->sw_func(window->sw_arg, buf, count, offset);
     std::memcpy(buf, window->sw_bytes + skip, count);
@@ -115,13 +118,21 @@ void krv_fd_read_ahead(krv_fd_t *fdp, uint64_t size)
     const uint64_t wanted = size < fdp->sfd_remaining ? size : fdp->sfd_remaining;
     const size_t count = static_cast<size_t>(wanted < room ? wanted : room);
     const uint64_t skip = fdp->sfd_offset - window->sw_offset;
-    if (skip <= window->sw_size && count <= window->sw_size - skip)
+    if (count == 0 || (skip <= window->sw_size && count <= window->sw_size - skip))
         return;
-    window->sw_size = 0;
-    if (window->sw_func(window->sw_arg, window->sw_bytes, count, fdp->sfd_offset) != static_cast<int64_t>(count))
-        return;
+    krv_fd_t behind = *fdp;
+    behind.sfd_u.cb.func = window->sw_func;
+    behind.sfd_u.cb.arg = window->sw_arg;
+    const krv_bulk outcome = krv_read_bulk(&behind, window->sw_bytes, count, fdp->sfd_offset);
+    window->sw_lost = outcome == krv_bulk::failed;
     window->sw_offset = fdp->sfd_offset;
-    window->sw_size = count;
+    window->sw_size = outcome == krv_bulk::read ? count : 0;
+}
+
+krv_bulk krv_read_bulk_again(const krv_fd_t *fdp, void *buf, size_t size, uint64_t offset)
+{
+    const int64_t count = fdp->sfd_u.cb.func(fdp->sfd_u.cb.arg, buf, size, offset);
+    return count == static_cast<int64_t>(size) ? krv_bulk::failed : krv_bulk::refused;
 }
 
 krv_fd_t *korva_fd_alloc(krv_handle_t *hp)

@@ -54,14 +54,29 @@ inline int krv_fd_truncate(krv_fd_t *fdp, uint64_t length)
     return 0;
 }
 
+// One call for all the bytes from which the fields of a record would be read one by one.
+enum class krv_bulk {
+    read,
+    refused, // asked twice, the call-back does not give that many at once: the fields tell how far it goes
+    failed   // asked twice, it has failed once: that is what the first field's read would have met
+};
+
+krv_bulk krv_read_bulk_again(const krv_fd_t *fdp, void *buf, size_t size, uint64_t offset);
+inline krv_bulk krv_read_bulk(const krv_fd_t *fdp, void *buf, size_t size, uint64_t offset)
+{
+    if (fdp->sfd_u.cb.func(fdp->sfd_u.cb.arg, buf, size, offset) == static_cast<int64_t>(size))
+        return krv_bulk::read;
+    return krv_read_bulk_again(fdp, buf, size, offset);
+}
+
 // Reads ahead over a call-back cursor, so that a record is one call and not one a field. What the window does not hold
-// is read through the call-back behind it, as if there were no window: a read-ahead that fails costs a call and changes
-// nothing else.
+// is read through the call-back behind it, as if there were no window.
 struct krv_window_t {
     krv_fd_cb_f *sw_func; // the call-back behind it
     void *sw_arg;
     uint64_t sw_offset = 0; // of the first byte that is held
     uint64_t sw_size = 0;   // bytes held
+    bool sw_lost = false;   // the next read fails, as reading ahead has
     uint8_t sw_bytes[256];
 };
 krv_fd_cb_f krv_window_read; // its argument is the window

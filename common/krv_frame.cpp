@@ -1,84 +1,15 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// The handle's frame reader, the linear address table over all FDEs of its section, the search for the FDE of an
-// address, and the decoding of one call-frame instruction (DWARF 4, 6.4.2).
+// The linear address table over all FDEs of a section, and the search for the FDE of an address.
 #include "krv_frame.h"
 
-#include "krv_code.h"
-#include "krv_dwarf.h"
 #include "krv_error.h"
 #include "krv_mem.h"
 
-#include <array>
 #include <cstdlib>
 
 namespace
 {
-
-struct cfa_desc {
-    unsigned int version; // 0 for an undefined instruction, which decodes without operands
-    krv_form_t form[2];   // 0 for no operand
-};
-
-// Instructions that carry an operand in the low six bits have their rows behind those of the plain opcodes.
-constexpr uint8_t CFA_LAST_PLAIN = DW_CFA_VESK_arg_loc;
-constexpr size_t CFA_ROWS = CFA_LAST_PLAIN + 4;
-
-constexpr size_t cfa_row(uint8_t opcode)
-{
-    return opcode <= CFA_LAST_PLAIN ? opcode : size_t{CFA_LAST_PLAIN} + (opcode >> 6);
-}
-
-} // namespace
-
-// The block of an expression is not an operand here: who executes the instruction reads or skips it.
-static consteval std::array<cfa_desc, CFA_ROWS> make_opdesc()
-{
-    std::array<cfa_desc, CFA_ROWS> t{};
-    t[DW_CFA_nop] = {1, {0, 0}};
-    t[DW_CFA_set_loc] = {1, {DW_FORM_addr, 0}};
-    t[DW_CFA_advance_loc1] = {1, {DW_FORM_data1, 0}};
-    t[DW_CFA_advance_loc2] = {1, {DW_FORM_data2, 0}};
-    t[DW_CFA_advance_loc4] = {1, {DW_FORM_data4, 0}};
-    t[DW_CFA_offset_extended] = {1, {DW_FORM_udata, DW_FORM_udata}};
-    t[DW_CFA_restore_extended] = {1, {DW_FORM_udata, 0}};
-    t[DW_CFA_undefined] = {1, {DW_FORM_udata, 0}};
-    t[DW_CFA_same_value] = {1, {DW_FORM_udata, 0}};
-    t[DW_CFA_register] = {1, {DW_FORM_udata, DW_FORM_udata}};
-    t[DW_CFA_remember_state] = {1, {0, 0}};
-    t[DW_CFA_restore_state] = {1, {0, 0}};
-    t[DW_CFA_def_cfa] = {1, {DW_FORM_udata, DW_FORM_udata}};
-    t[DW_CFA_def_cfa_register] = {1, {DW_FORM_udata, 0}};
-    t[DW_CFA_def_cfa_offset] = {1, {DW_FORM_udata, 0}};
-    t[DW_CFA_def_cfa_expression] = {1, {0, 0}};
-    t[DW_CFA_expression] = {1, {DW_FORM_udata, 0}};
-    t[DW_CFA_offset_extended_sf] = {1, {DW_FORM_udata, DW_FORM_sdata}};
-    t[DW_CFA_def_cfa_sf] = {1, {DW_FORM_udata, DW_FORM_sdata}};
-    t[DW_CFA_def_cfa_offset_sf] = {1, {DW_FORM_sdata, 0}};
-    t[DW_CFA_val_offset] = {1, {DW_FORM_udata, DW_FORM_udata}};
-    t[DW_CFA_val_offset_sf] = {1, {DW_FORM_udata, DW_FORM_sdata}};
-    t[DW_CFA_val_expression] = {1, {DW_FORM_udata, 0}};
-    t[DW_CFA_GNU_window_save] = {1, {0, 0}};
-    t[DW_CFA_VESK_arg_loc] = {1, {DW_FORM_udata, 0}};
-    t[cfa_row(DW_CFA_advance_loc)] = {1, {0, 0}};
-    t[cfa_row(DW_CFA_offset)] = {1, {0, DW_FORM_udata}};
-    t[cfa_row(DW_CFA_restore)] = {1, {0, 0}};
-    return t;
-}
-static constexpr auto opdesc = make_opdesc();
-static_assert(opdesc.size() == 52 && cfa_row(DW_CFA_advance_loc) == 0x31 && cfa_row(DW_CFA_restore) == 0x33);
-
-namespace
-{
-
-struct linear_deleter {
-    void operator()(krv_linear_t *lt) const
-    {
-        krv_free(lt->sl_table);
-        krv_free(lt);
-    }
-};
-using linear_owner = std::unique_ptr<krv_linear_t, linear_deleter>;
 
 // What an index says of an address.
 struct index_entry {
@@ -88,80 +19,6 @@ struct index_entry {
 };
 
 } // namespace
-
-krv_reader_t *krv_create_reader(krv_handle_t *hp)
-{
-    static krv_reader_t *(*const creators[])(krv_handle_t *) = {
-        krv_debug_frame_create_reader,
-        krv_eh_frame_create_reader,
-        krv_no_frame_create_reader,
-    };
-    krv_reader_t *fresh = nullptr;
-    for (auto *create : creators) {
-        fresh = create(hp);
-        if (fresh != nullptr)
-            break;
-    }
-    if (fresh == nullptr)
-        return nullptr;
-    void *kept = krv_publish(&hp->sh_frame_reader, static_cast<void *>(fresh),
-                             [fresh](void *) { fresh->sr_ops->sro_destroy_reader(fresh); });
-    return static_cast<krv_reader_t *>(kept);
-}
-
-void krv_destroy_reader(krv_handle_t *hp)
-{
-    KRV_ASSERT(hp != NULL);
-    auto *reader = static_cast<krv_reader_t *>(hp->sh_frame_reader);
-    if (reader == nullptr)
-        return;
-    if (reader->sr_lt != nullptr)
-        linear_deleter()(reader->sr_lt);
-    reader->sr_ops->sro_destroy_reader(reader);
-    hp->sh_frame_reader = nullptr;
-}
-
-static krv_reader_t *need_reader(krv_handle_t *hp)
-{
-    krv_reader_t *reader = krv_get_reader(hp);
-    if (reader == nullptr)
-        krv_note(hp, "no frame reader available for this handle");
-    return reader;
-}
-
-krv_cie_t *krv_get_cie_by_offset(krv_handle_t *hp, uint64_t offset)
-{
-    KRV_ASSERT(hp != NULL);
-    krv_reader_t *reader = need_reader(hp);
-    return reader == nullptr ? nullptr : reader->sr_ops->sro_gcbo(hp, reader, offset);
-}
-
-krv_fde_t *krv_get_fde_by_offset(krv_handle_t *hp, uint64_t offset)
-{
-    KRV_ASSERT(hp != NULL);
-    krv_reader_t *reader = need_reader(hp);
-    return reader == nullptr ? nullptr : reader->sr_ops->sro_gfbo(hp, reader, offset);
-}
-
-void krv_cie_free(krv_handle_t *hp, krv_cie_t *ciep)
-{
-    KRV_ASSERT(hp != NULL);
-    KRV_ASSERT(ciep != NULL);
-    krv_reader_t *reader = krv_get_reader(hp);
-    KRV_ASSERT(reader != NULL); // it has read the record
-    reader->sr_ops->sro_cie_free(ciep);
-}
-
-void krv_fde_free(krv_handle_t *hp, krv_fde_t *fdep)
-{
-    KRV_ASSERT(hp != NULL);
-    KRV_ASSERT(fdep != NULL);
-    krv_reader_t *reader = krv_get_reader(hp);
-    KRV_ASSERT(reader != NULL);
-    if (fdep->sfde_cie != nullptr) // an FDE whose reading failed may not have come that far
-        reader->sr_ops->sro_cie_free(fdep->sfde_cie);
-    reader->sr_ops->sro_fde_free(fdep);
-}
 
 int krv_fde_compar(const void *a, const void *b)
 {
@@ -195,7 +52,7 @@ static int walk_record(krv_handle_t *hp, krv_linear_t *lt, uint64_t offset, uint
 // records for ever, keeps it going.
 static krv_linear_t *build_linear_table(krv_handle_t *hp)
 {
-    linear_owner lt(krv_new<krv_linear_t>(hp));
+    krv_linear_owner lt(krv_new<krv_linear_t>(hp));
     if (lt == nullptr)
         return nullptr;
     uint64_t offset = 0, size = 0;
@@ -222,7 +79,7 @@ static krv_linear_t *get_linear_table(krv_handle_t *hp, krv_reader_t *reader)
     if (krv_linear_t *known = krv_load(&reader->sr_lt))
         return known;
     krv_linear_t *fresh = build_linear_table(hp);
-    return fresh == nullptr ? nullptr : krv_publish(&reader->sr_lt, fresh, linear_deleter());
+    return fresh == nullptr ? nullptr : krv_publish(&reader->sr_lt, fresh, krv_linear_deleter());
 }
 
 static int search_linear_table(krv_handle_t *hp, const krv_linear_t *lt, uint64_t address, index_entry *entry)
@@ -267,7 +124,7 @@ int krv_get_fde_offset_by_address(krv_handle_t *hp, uint64_t address, boolean_t 
     KRV_ASSERT(taddrp != NULL);
     KRV_ASSERT(toffp != NULL);
     KRV_ASSERT(naddrp != NULL);
-    krv_reader_t *reader = need_reader(hp);
+    krv_reader_t *reader = krv_need_reader(hp);
     index_entry entry = {};
     if (reader == nullptr || find_entry(hp, reader, address, force != B_FALSE, &entry) != 0)
         return -1;
@@ -310,7 +167,7 @@ static void note_inconsistency(krv_handle_t *hp, uint64_t address, const index_e
 krv_fde_t *krv_get_fde_by_address(krv_handle_t *hp, uint64_t address)
 {
     KRV_ASSERT(hp != NULL);
-    krv_reader_t *reader = need_reader(hp);
+    krv_reader_t *reader = krv_need_reader(hp);
     if (reader == nullptr)
         return nullptr;
     for (const bool forced : {false, true}) {
@@ -332,87 +189,4 @@ krv_fde_t *krv_get_fde_by_address(krv_handle_t *hp, uint64_t address)
     }
     krv_fail(hp, KRV_ERR_CORRUPT, "giving up");
     return nullptr;
-}
-
-static consteval uint8_t shape_of(uint8_t opcode)
-{
-    switch (opcode) {
-    case DW_CFA_def_cfa_expression: // an expression follows, which has to be read from the cursor
-    case DW_CFA_expression:
-    case DW_CFA_val_expression:
-    case DW_CFA_VESK_arg_loc:
-        return KRV_CFA_OTHER;
-    default:
-        break;
-    }
-    if (opcode > CFA_LAST_PLAIN && (opcode & KRV_CFA_PACKED) == 0)
-        return KRV_CFA_OTHER;
-    const krv_form_t first = opdesc[cfa_row(opcode)].form[0], second = opdesc[cfa_row(opcode)].form[1];
-    if (second == 0)
-        return first == 0               ? KRV_CFA_PLAIN
-               : first == DW_FORM_udata ? KRV_CFA_ULEB
-               : first == DW_FORM_data1 ? KRV_CFA_BYTE
-                                        : KRV_CFA_OTHER;
-    if (second != DW_FORM_udata || (first != 0 && first != DW_FORM_udata))
-        return KRV_CFA_OTHER;
-    return first == 0 ? KRV_CFA_ULEB : KRV_CFA_ULEBS;
-}
-
-static consteval std::array<uint8_t, 256> make_shapes()
-{
-    std::array<uint8_t, 256> t{};
-    for (size_t opcode = 0; opcode < t.size(); ++opcode)
-        t[opcode] = shape_of(static_cast<uint8_t>(opcode));
-    return t;
-}
-constexpr std::array<uint8_t, 256> krv_cfa_shapes = make_shapes();
-
-int krv_frame_get_next_op(krv_handle_t *hp, krv_fd_t *fdp, krv_operation_t *op, const krv_augmentation_t *augp,
-                          void *arg)
-{
-    KRV_ASSERT(hp != NULL);
-    KRV_ASSERT(fdp != NULL);
-    KRV_ASSERT(op != NULL);
-    KRV_ASSERT(augp != NULL);
-    return augp->sa_ops->sao_gno(hp, fdp, op, arg);
-}
-
-static int get_cfa_forms(krv_handle_t *hp, uint8_t opcode, krv_form_t formsp[2])
-{
-    if (opcode > CFA_LAST_PLAIN && (opcode & KRV_CFA_PACKED) == 0)
-        return krv_fail(hp, KRV_ERR_UNSUPPORTED, "unknown instruction 0x%hhx", opcode);
-    const cfa_desc *desc = &opdesc[cfa_row(opcode)];
-    formsp[0] = desc->form[0];
-    formsp[1] = desc->form[1];
-    return 0;
-}
-
-int krv_get_cfa_forms(krv_handle_t *hp, uint8_t opcode, krv_form_t formsp[2])
-{
-    KRV_ASSERT(hp != NULL);
-    KRV_ASSERT(formsp != NULL);
-    return get_cfa_forms(hp, opcode, formsp);
-}
-
-int krv_frame_read_opcode(krv_handle_t *hp, krv_fd_t *fdp, krv_operation_t *op, krv_form_t formsp[2])
-{
-    *op = {};
-    if (!krv_read_field(fdp, DW_FORM_data1, &op->opcode, "unable to decode instruction") ||
-        get_cfa_forms(hp, op->opcode, formsp) != 0)
-        return -1;
-    if ((op->opcode & KRV_CFA_PACKED) != 0) {
-        op->operand[0].sa_u.su_unsigned = op->opcode & KRV_CFA_OPERAND;
-        op->opcode &= KRV_CFA_PACKED;
-    }
-    return 0;
-}
-
-int krv_frame_read_operands(krv_handle_t *hp, krv_fd_t *fdp, krv_operation_t *op, const krv_form_t formsp[2])
-{
-    for (int i = 0; i < 2; ++i) {
-        uint64_t *valuep = &op->operand[i].sa_u.su_unsigned;
-        if (formsp[i] != 0 && krv_decode(fdp, formsp[i], valuep) != 0)
-            return krv_note(hp, "failed to read operand %d", i);
-    }
-    return 0;
 }

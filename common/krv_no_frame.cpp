@@ -1,8 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
-//
-// The reader of a handle without call-frame information: it finds nothing.
+#include "krv_no_frame.h"
+
 #include "krv_error.h"
-#include "krv_frame.h"
 #include "krv_mem.h"
 
 static krv_cie_t *krv_no_frame_gcbo(krv_handle_t *hp, krv_reader_t *, uint64_t)

@@ -7,7 +7,7 @@
 #include "krv_addr_index.h"
 #include "krv_error.h"
 #include "krv_fd.h"
-#include "krv_frame.h"
+#include "krv_frame_reader.h"
 #include "krv_lookup.h"
 #include "krv_mem.h"
 

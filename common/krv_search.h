@@ -23,8 +23,8 @@ size_t krv_count_not_above(const T *array, size_t count, uint64_t value, Key key
     return static_cast<size_t>(base - array) + (key(*base) <= value);
 }
 
-// The same, beginning at element `guess`, of which there is one, and from there stepping twice as far each time: of a
-// good guess only the neighbours are read.
+// The same, searched from element `guess`, which exists, in steps that double: next to a good guess only its neighbours
+// are read.
 template <typename T, typename Key>
 size_t krv_count_not_above_near(const T *array, size_t count, size_t guess, uint64_t value, Key key)
 {
@@ -38,7 +38,7 @@ size_t krv_count_not_above_near(const T *array, size_t count, size_t guess, uint
         const size_t left = count - low;
         return low + krv_count_not_above(array + low, step < left ? step : left, value, key);
     }
-    size_t high = guess; // is above
+    size_t high = guess; // the key of this element is above
     while (step < high && key(array[high - step]) > value) {
         high -= step;
         step *= 2;

@@ -44,7 +44,7 @@ struct krv_handle {
     krv_fd_t sh_as;                   // the target's memory; offsets are target addresses
     krv_relaxed<int32_t> sh_errno;    // KRV_ERR_*
     krv_opt_t sh_opts[KRV_MAX_OPT];   // by KRV_OPT_*
-    void *sh_frame_reader;            // krv_reader *, built on first use, published by compare-and-swap
+    krv_reader *sh_frame_reader;      // built on first use, published by compare-and-swap
     krv_hash *sh_auphash;             // abbreviation tables by .debug_abbrev offset, likewise
     krv_addr_index *sh_addr_known;    // units by address, of those whose ranges need no scan, likewise
     krv_addr_index *sh_addr_all;      // units by address, all of them, likewise

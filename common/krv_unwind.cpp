@@ -2,15 +2,13 @@
 //
 // From the current frame to its caller: the rules at the program counter, the CFA, every register by its rule, and the
 // return address. Expressions are read through a copy of the CIE's cursor, memory through the address space.
-#include "krv_activation.h"
+#include "krv_unwind.h"
 
 #include "krv_cfa.h"
 #include "krv_error.h"
+#include "krv_expr_eval.h"
 #include "krv_fd.h"
 #include "krv_frame.h"
-
-#include <cstring>
-#include <utility>
 
 namespace
 {
@@ -37,13 +35,26 @@ static int place_cursor(krv_fd_t *fdp, uint64_t offset, uint64_t size)
     return krv_fd_seek(fdp, offset) == 0 && krv_fd_truncate(fdp, size) == 0 ? 0 : -1;
 }
 
-// Makes equal what may differ in `slots`.
+// Copies the rules of `slots`; those of the others are equal already.
 static void copy_rules(krv_cfarule_t *to, const krv_cfarule_t *from, const krv_slots_t &slots)
 {
     slots.for_each([to, from](unsigned int slot) {
         to[slot] = from[slot];
         return true;
     });
+}
+
+// What the instructions of a CIE and of its FDEs have in common.
+static krv_ruleset_t rules_of(const krv_activation_t *ap, const krv_cie_t *cie, krv_cfarule_t *currentp)
+{
+    krv_ruleset_t rules = {};
+    rules.code_align = cie->scie_code_alignment_factor;
+    rules.data_align = static_cast<uint64_t>(cie->scie_data_alignment_factor);
+    rules.augp = cie->scie_augmentation;
+    rules.aug_arg = cie->scie_augmentation_data;
+    rules.nslots = ap->sa_n_registers;
+    rules.currentp = currentp;
+    return rules;
 }
 
 static int generate_cie_rules(krv_handle_t *hp, krv_activation_t *ap, krv_cie_t *cie)
@@ -59,10 +70,10 @@ static int generate_cie_rules(krv_handle_t *hp, krv_activation_t *ap, krv_cie_t 
     if (place_cursor(&fd, cie->scie_cfi_offset, cie->scie_cfi_size) != 0)
         return -1;
     krv_fd_read_ahead(&fd, cie->scie_cfi_size);
-    const int result = krv_generate_ruleset(
-        hp, &fd, cie->scie_code_alignment_factor, static_cast<uint64_t>(cie->scie_data_alignment_factor), 0, 0, 0,
-        ap->sa_n_registers, nullptr, ap->sa_initial, &ap->sa_args, cie->scie_augmentation, cie->scie_augmentation_data,
-        &ap->sa_initial_changed);
+    krv_ruleset_t rules = rules_of(ap, cie, ap->sa_initial);
+    rules.argsp = &ap->sa_args;
+    const int result = krv_generate_ruleset(hp, &fd, &rules);
+    ap->sa_initial_changed = rules.changed;
     if (result == 0)
         ap->sa_initial_of = cie->scie_decoding;
     return result;
@@ -78,12 +89,13 @@ static int generate_fde_rules(krv_handle_t *hp, krv_activation_t *ap, krv_fde_t 
     if (place_cursor(&fd, fde->sfde_cfi_offset, fde->sfde_cfi_size) != 0)
         return -1;
     krv_fd_read_ahead(&fd, fde->sfde_cfi_size);
-    krv_slots_t changed = {};
-    const int result = krv_generate_ruleset(
-        hp, &fd, cie->scie_code_alignment_factor, static_cast<uint64_t>(cie->scie_data_alignment_factor), pc,
-        fde->sfde_target_address, fde->sfde_address_range, ap->sa_n_registers, ap->sa_initial, ap->sa_current, nullptr,
-        cie->scie_augmentation, cie->scie_augmentation_data, &changed);
-    ap->sa_current_changed.add(changed);
+    krv_ruleset_t rules = rules_of(ap, cie, ap->sa_current);
+    rules.initialp = ap->sa_initial;
+    rules.pc = pc;
+    rules.slocation = fde->sfde_target_address;
+    rules.arange = fde->sfde_address_range;
+    const int result = krv_generate_ruleset(hp, &fd, &rules);
+    ap->sa_current_changed.add(rules.changed);
     return result;
 }
 
@@ -126,9 +138,14 @@ static int prepare_expression(evaluation *ev, const krv_cfarule_t *rule, bool pu
 
 static int execute_expression(evaluation *ev)
 {
-    krv_fd_t *outputs[3] = {};
-    return korva_expr_execute_expression(ev->hp, ev->ap->sa_exprstack, ev->ap, &ev->fd, KRV_EXPR_F_CFI, outputs,
-                                         nullptr, nullptr);
+    const krv_expr_context_t context = {.stack = ev->ap->sa_exprstack,
+                                        .ap = ev->ap,
+                                        .frame = krv_current_registers,
+                                        .flags = KRV_EXPR_F_CFI,
+                                        .outputs = nullptr,
+                                        .func = nullptr,
+                                        .arg = nullptr};
+    return krv_expr_execute(ev->hp, &ev->fd, &context);
 }
 
 static int compute_cfa_expression(evaluation *ev, const krv_cfarule_t *rule)
@@ -158,11 +175,8 @@ static int read_register(evaluation *ev, krv_reg_type_t type, unsigned int reg, 
 {
     if (krv_register_load(&ev->ap->sa_current_registers->srs_metadata[slot], valuep))
         return 0;
-    krv_greg_t value = 0;
-    if (korva_activation_get_greg(ev->hp, ev->ap, type, KRV_ACTIVATION_FRAME_CURRENT, reg, &value) != 0)
-        return -1;
-    *valuep = static_cast<uint64_t>(value);
-    return 0;
+    *valuep = 0;
+    return krv_activation_read(ev->hp, ev->ap, krv_current_registers, type, reg, valuep, sizeof(*valuep));
 }
 
 // Stores the CFA in the current frame, unless it depends on a register without a value.
@@ -214,11 +228,12 @@ static int load_register(evaluation *ev, unsigned int reg, uint64_t address)
     return 0;
 }
 
-// Gives a register of the caller the value of one of either frame, if that has one.
+// Gives a register of the caller what one of either frame holds, if that has a value: as many bytes as the former is
+// wide, beginning where the latter is stored. Every target's table leaves that many behind each register.
 static void copy_register(krv_regset_t *caller, unsigned int reg, const krv_register_t *from)
 {
     if ((from->sr_flags & KRV_REG_FLAG_PRESENT) != 0)
-        krv_register_store(caller, reg, from->sr_contents, from->sr_size);
+        krv_register_store(caller, reg, from->sr_contents, caller->srs_metadata[reg].sr_size);
 }
 
 // Rules that need the CFA leave a register without a value when there is none.
@@ -314,16 +329,7 @@ int krv_evaluate_activation(krv_handle_t *hp, krv_activation_t *ap)
     return ap->sa_state == KRV_EVALUATION_SUCCEEDED ? 0 : -1;
 }
 
-int korva_activation_unwind(krv_handle_t *hp, krv_activation_t *ap)
+krv_regset_t *krv_caller_registers(krv_handle_t *hp, krv_activation_t *ap)
 {
-    if (hp == nullptr)
-        return -1;
-    krv_clear_error(hp);
-    if (ap == nullptr)
-        return krv_fail_code(hp, KRV_ERR_INVALID);
-    if (krv_evaluate_activation(hp, ap) != 0)
-        return -1;
-    std::swap(ap->sa_current_registers, ap->sa_caller_registers);
-    ap->sa_state = KRV_EVALUATION_UNTRIED;
-    return 0;
+    return krv_evaluate_activation(hp, ap) == 0 ? ap->sa_caller_registers : nullptr;
 }

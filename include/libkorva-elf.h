@@ -15,6 +15,10 @@
  *     korva_elf_close. The handle must not be freed by the client.
  *  3. Addresses are those of the file (link-time addresses), never biased by where it is loaded.
  *  4. Threads. A krv_elf_t serves one thread at a time; different ones are independent.
+ *  5. Files are mapped, not read: nothing may write to a file while it is open here. One that is replaced by renaming, as
+ *     linkers and package managers do, stays what it was. One that becomes shorter makes the system send SIGBUS to who
+ *     reads what is no longer there, which ends a program that does not handle it; with korva_elf_handle_bus_error it
+ *     goes on.
  */
 #ifndef LIBKORVA_ELF_H
 #define LIBKORVA_ELF_H
@@ -40,15 +44,25 @@ enum {
     KRV_ELF_ERR_FORMAT = 2,      /**< not an ELF file, or a damaged one */
     KRV_ELF_ERR_UNSUPPORTED = 3, /**< an ELF file of a machine, class or byte order that libkorva does not read */
     KRV_ELF_ERR_NOMEM = 4,       /**< memory ran out */
-    KRV_ELF_ERR_NOTFOUND = 5     /**< what was asked for is not there */
+    KRV_ELF_ERR_NOTFOUND = 5,    /**< what was asked for is not there */
+    KRV_ELF_ERR_LIMIT = 6        /**< a limit of the loader that a flag lifts: the message says which */
 };
 
 /** Flags of korva_elf_open. */
 enum {
     KRV_ELF_F_NONE = 0,
     /** attach every section as it stands in the file (inflated where compressed), uncorrected; look for no other file */
-    KRV_ELF_F_RAW = 1
+    KRV_ELF_F_RAW = 1,
+    /** take a file however much its compressed sections inflate to */
+    KRV_ELF_F_INFLATE_ANY = 2
 };
+
+/**
+ * A file whose compressed sections claim to inflate to more than so many bytes together, and to more than so many times
+ * the bytes of the file, is refused with KRV_ELF_ERR_LIMIT, unless KRV_ELF_F_INFLATE_ANY is given. What compilers write
+ * inflates to less than ten times as much; a file made for the purpose to a thousand times.
+ */
+enum { KRV_ELF_INFLATED_BYTES = 1 << 20, KRV_ELF_INFLATED_TIMES = 32 };
 
 /** A function symbol. */
 typedef struct krv_elf_symbol {
@@ -56,6 +70,14 @@ typedef struct krv_elf_symbol {
     uint64_t size;    /**< never 0: a symbol without a size reaches to the next one or to the end of its section */
     const char *name; /**< as in the file: not demangled, with its version if it has one; not empty */
 } krv_elf_symbol_t;
+
+/** Where an address comes from, as korva_elf_lookup_source says. */
+typedef struct krv_elf_source {
+    const char *file;     /**< path, composed with the folder of the compilation; NULL when it is not known */
+    uint32_t line;        /**< counted from 1; 0 when it is not known, or the compiler names none */
+    uint32_t column;      /**< likewise */
+    const char *function; /**< name of the function symbol that covers the address; NULL when none does */
+} krv_elf_source_t;
 
 /** What an opened file is. */
 typedef struct krv_elf_info {
@@ -99,7 +121,8 @@ typedef int krv_elf_iter_note_f(krv_elf_t *elf, const krv_elf_note_t *note, void
 
 /**
  * Opens an ELF file for 32-bit x86 or AMD64, maps it and attaches every section that libkorva knows to a new handle:
- * uncompressed ones without a copy, .zdebug_* and SHF_COMPRESSED ones inflated. @p flags is KRV_ELF_F_*.
+ * uncompressed ones without a copy, .zdebug_* and SHF_COMPRESSED ones inflated: those that few questions read (as
+ * .debug_frame and .debug_loc) when they are first read. @p flags is KRV_ELF_F_*.
  *
  * What compilers and linkers write and libkorva does not read is corrected in private copies when the handle, the
  * sections or the notes are first asked for, and noted, pass by pass:
@@ -129,6 +152,23 @@ KORVA_API krv_elf_t *korva_elf_open_with_debug_dirs(const char *path, unsigned i
 
 /** Closes a file and frees its handle. NULL is ignored. */
 KORVA_API void korva_elf_close(krv_elf_t *elf);
+
+/**
+ * For the handler of SIGBUS, which the system sends when a mapped file has become shorter than it was: puts zeros in the
+ * place of what is missing around @p address (si_addr of the signal), so that the read which was interrupted goes on when
+ * the handler returns. The handle then takes the rest of the file for damaged, and korva_elf_iter_notes says why.
+ *
+ * Returns 1, or 0 when the address is in no file that is open here: the signal has another cause. Of this library it is
+ * the only function that a signal handler may call.
+ *
+ *     static void on_bus_error(int number, siginfo_t *info, void *context)
+ *     {
+ *         (void)context;
+ *         if (korva_elf_handle_bus_error(info->si_addr) == 0)
+ *             signal(number, SIG_DFL);
+ *     }
+ */
+KORVA_API int korva_elf_handle_bus_error(const void *address);
 
 /** The handle of the file: for the queries of libkorva.h. Never NULL. */
 KORVA_API krv_handle_t *korva_elf_get_handle(krv_elf_t *elf);
@@ -165,6 +205,17 @@ KORVA_API const krv_elf_symbol_t *korva_elf_lookup_symbol(krv_elf_t *elf, uint64
 
 /** The first function symbol of that name; else the first of that name with a version, as in name@@V_1; or NULL. */
 KORVA_API const krv_elf_symbol_t *korva_elf_lookup_symbol_by_name(krv_elf_t *elf, const char *name);
+
+/**
+ * From an address of the file to its source: the line of the unit that covers it, which in inlined code is that of the
+ * innermost call, and the function symbol. The texts live until korva_elf_close.
+ *
+ * Returns 0; or -1 with KRV_ELF_ERR_NOTFOUND when no line is known for the address, with KRV_ELF_ERR_FORMAT when the line
+ * numbers of its unit are damaged, or with KRV_ELF_ERR_NOMEM. The message then names what the loader could not present, if
+ * there is such a part. *@p sourcep is written in any case: the function may be known where the line is not.
+ */
+KORVA_API int korva_elf_lookup_source(krv_elf_t *elf, uint64_t address, krv_elf_source_t *sourcep,
+                                      krv_elf_error_t *errorp);
 
 /**
  * The load bias of the file when its byte at @p file_offset is mapped at @p address: what must be added to an address

@@ -164,6 +164,8 @@ constexpr krv_reg_def_t krv_def_i386[] = {
     general(49, "%ldtr", 0, 0),
 };
 
+constexpr size_t WIDEST = SLOT;
+
 template <size_t N>
 consteval bool table_sound(const krv_reg_def_t (&rows)[N], size_t count, int last)
 {
@@ -172,8 +174,8 @@ consteval bool table_sound(const krv_reg_def_t (&rows)[N], size_t count, int las
     for (size_t i = 0; i < N; ++i) {
         if (i != 0 && rows[i].srd_dwarf <= rows[i - 1].srd_dwarf) // ascending, so none repeats
             return false;
-        if (rows[i].srd_offset + rows[i].srd_size > offsetof(krv_registers_t, special))
-            return false;
+        if (rows[i].srd_size > WIDEST || rows[i].srd_offset + WIDEST > offsetof(krv_registers_t, special))
+            return false; // the unwinder copies from any register as many bytes as the other one is wide
         if (rows[i].srd_host < KRV_REG_NO_HOST || rows[i].srd_host >= KRV_HOST_MAX)
             return false;
     }

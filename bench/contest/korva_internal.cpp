@@ -3,8 +3,8 @@
 // libkorva's jobs behind its public interface, on its objects: E and F.
 #include "contest.h"
 #include "korva_file.h"
-#include "krv_activation.h"
 #include "krv_info.h"
+#include "krv_unwind.h"
 
 using namespace contest;
 

@@ -86,7 +86,7 @@ public:
         if (found.file != nullptr || !fs::is_regular_file(path, ignored) || fs::equivalent(path, own.path(), ignored))
             return;
         try {
-            auto file = std::make_unique<elf_file>(path.string());
+            auto file = std::make_unique<elf_file>(path.string(), own.any_inflation());
             const std::string why = file->machine() != own.machine() ? "it is of another machine" : reason(*file);
             if (why.empty())
                 found.file = std::move(file);

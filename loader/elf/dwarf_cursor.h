@@ -6,6 +6,7 @@
 #define KRV_ELF_DWARF_CURSOR_H
 
 #include "bytes.h"
+#include "krv_unit_length.h"
 
 #include <cstring>
 #include <string_view>
@@ -48,6 +49,15 @@ public:
         std::memcpy(&value, bytes.data() + pos, width);
         pos += width;
         return value;
+    }
+    // What units, sets and programs begin with.
+    krv_length_outcome_t unit_length(krv_unit_length_t *ul)
+    {
+        const auto read = [this](size_t width, uint64_t *value) {
+            *value = number(width);
+            return good;
+        };
+        return krv_scan_unit_length(at(), read, ul);
     }
     uint8_t byte() { return static_cast<uint8_t>(number(1)); }
 

@@ -1,8 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "elf/dwarf_units.h"
 
-#include "krv_dwarf.h"
-
 #include <algorithm>
 #include <fmt/format.h>
 
@@ -24,16 +22,14 @@ bool read_unit(byte_span info, uint64_t offset, unit *u, std::string *reason)
     cursor c(info, offset);
     *u = {offset, 0, 4, 0, 0, 0};
     *reason = "the section ends within its header";
-    uint64_t length = c.number(4);
-    if (length == 0xffffffff) {
-        u->offset_size = 8;
-        length = c.number(8);
-    } else if (length >= 0xfffffff0) {
+    krv_unit_length_t ul;
+    const krv_length_outcome_t outcome = c.unit_length(&ul);
+    const uint64_t length = ul.length;
+    if (outcome == krv_length_outcome_t::reserved)
         *reason = fmt::format("its length {:#x} is reserved", length);
+    if (outcome != krv_length_outcome_t::sound)
         return false;
-    }
-    if (!c.ok())
-        return false;
+    u->offset_size = ul.is_dwarf64 ? 8 : 4;
     if (length > c.left()) {
         *reason = fmt::format("its length {:#x} exceeds the section", length);
         return false;
@@ -107,32 +103,13 @@ const abbreviation_table &abbreviation_tables::at(uint64_t offset)
 
 std::optional<size_t> fixed_width(const unit &u, uint64_t form)
 {
-    switch (form) {
-    case DW_FORM_flag_present:
-        return 0;
-    case DW_FORM_data1:
-    case DW_FORM_ref1:
-    case DW_FORM_flag:
-        return 1;
-    case DW_FORM_data2:
-    case DW_FORM_ref2:
-        return 2;
-    case DW_FORM_data4:
-    case DW_FORM_ref4:
-        return 4;
-    case DW_FORM_data8:
-    case DW_FORM_ref8:
-    case DW_FORM_ref_sig8:
-        return 8;
-    case DW_FORM_addr:
-        return u.address_size;
-    case DW_FORM_ref_addr: // version 2 gave it the size of an address
-        return u.version == 2 ? u.address_size : u.offset_size;
-    case DW_FORM_strp:
-    case DW_FORM_sec_offset:
-    case DW_FORM_GNU_ref_alt:
-    case DW_FORM_GNU_strp_alt:
-        return u.offset_size;
+    const krv_form_row_t row = krv_form_row(form);
+    switch (row.family) {
+    case krv_family_t::number:
+    case krv_family_t::strp:
+    case krv_family_t::opaque:
+    case krv_family_t::present:
+        return krv_form_width(row, u.encoding());
     default:
         return std::nullopt;
     }
@@ -145,33 +122,23 @@ bool skip_value(cursor *c, const unit &u, uint64_t form)
         if (form == DW_FORM_indirect)
             return false;
     }
-    if (const std::optional<size_t> width = fixed_width(u, form)) {
-        c->skip(*width);
-        return c->ok();
-    }
-    switch (form) {
-    case DW_FORM_string:
-        c->string();
+    const krv_form_row_t row = krv_form_row(form);
+    switch (row.family) {
+    case krv_family_t::number:
+    case krv_family_t::strp:
+    case krv_family_t::opaque:
+    case krv_family_t::present:
+        c->skip(krv_form_width(row, u.encoding()));
         break;
-    case DW_FORM_sdata:
-    case DW_FORM_udata:
-    case DW_FORM_ref_udata:
-    case DW_FORM_GNU_addr_index:
-    case DW_FORM_GNU_str_index:
+    case krv_family_t::uleb128:
+    case krv_family_t::sleb128:
         c->uleb();
         break;
-    case DW_FORM_block1:
-        c->skip(c->byte());
+    case krv_family_t::string:
+        c->string();
         break;
-    case DW_FORM_block2:
-        c->skip(c->number(2));
-        break;
-    case DW_FORM_block4:
-        c->skip(c->number(4));
-        break;
-    case DW_FORM_block:
-    case DW_FORM_exprloc:
-        c->skip(c->uleb());
+    case krv_family_t::block:
+        c->skip(row.width == 0 ? c->uleb() : c->number(row.width));
         break;
     default:
         return false;

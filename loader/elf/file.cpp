@@ -3,12 +3,7 @@
 
 #include "notes.h"
 
-#include <cerrno>
 #include <cstring>
-#include <fcntl.h>
-#include <sys/mman.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
 namespace krv_elf_loader
 {
@@ -23,16 +18,6 @@ constexpr size_t ZDEBUG_HEADER_SIZE = 12;
 // No deflated data inflates to more (zlib, technical details: 1032 to 1). A section that claims more is refused
 // before memory is taken for it; so are sections that share their bytes and together claim more than the file can hold.
 constexpr uint64_t MAX_INFLATION = 1032;
-
-// Closes a descriptor at the end of a scope: the mapping stays.
-struct descriptor {
-    int fd;
-    ~descriptor()
-    {
-        if (fd >= 0)
-            close(fd);
-    }
-};
 
 // A part of a file, as notes are read from it.
 struct extent_reader {
@@ -81,22 +66,32 @@ void elf_file::fail(int code, const std::string &what) const
 
 byte_span elf_file::extent(uint64_t offset, uint64_t size) const
 {
-    if (offset > mapping.size() || size > mapping.size() - offset)
+    if (offset > image().size() || size > image().size() - offset)
         return {};
-    return mapping.subspan(offset, size);
+    return image().subspan(offset, size);
 }
 
-elf_file::elf_file(const std::string &path) : file_path(path)
+file_mapping elf_file::map(const std::string &path)
 {
     try {
-        map();
+        return file_mapping(path);
+    } catch (const failure &f) {
+        throw failure(f.code, path + ": " + f.what());
+    }
+}
+
+elf_file::elf_file(const std::string &path, bool any_inflation)
+    : file_path(path), mapping(map(path)), inflates_any(any_inflation)
+{
+    try {
         elf_version(EV_CURRENT);
-        handle = elf_memory(reinterpret_cast<char *>(const_cast<uint8_t *>(mapping.data())), mapping.size());
+        handle = elf_memory(reinterpret_cast<char *>(const_cast<uint8_t *>(image().data())), image().size());
         if (handle == nullptr)
             fail(KRV_ELF_ERR_FORMAT, elf_errmsg(-1));
         check_machine();
         check_section_headers();
         read_sections();
+        check_inflation();
         if (type() == ET_REL)
             place_sections();
         read_segments();
@@ -104,8 +99,6 @@ elf_file::elf_file(const std::string &path) : file_path(path)
         find_build_id();
     } catch (...) {
         elf_end(handle);
-        if (!mapping.empty())
-            munmap(const_cast<uint8_t *>(mapping.data()), mapping.size());
         throw;
     }
 }
@@ -113,28 +106,6 @@ elf_file::elf_file(const std::string &path) : file_path(path)
 elf_file::~elf_file()
 {
     elf_end(handle);
-    munmap(const_cast<uint8_t *>(mapping.data()), mapping.size());
-}
-
-void elf_file::map()
-{
-    // Without waiting: a pipe is refused, not waited for.
-    const descriptor file{open(file_path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK)};
-    struct stat st = {};
-    if (file.fd < 0 || fstat(file.fd, &st) != 0)
-        fail(KRV_ELF_ERR_SYSTEM, std::strerror(errno));
-    if (S_ISDIR(st.st_mode))
-        fail(KRV_ELF_ERR_SYSTEM, std::strerror(EISDIR));
-    if (!S_ISREG(st.st_mode))
-        fail(KRV_ELF_ERR_FORMAT, "not a regular file");
-    if (st.st_size == 0)
-        fail(KRV_ELF_ERR_FORMAT, "the file is empty");
-    const auto size = static_cast<size_t>(st.st_size);
-    // Writable, but private: libelf marks sections that it has inflated in their headers.
-    void *image = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_NORESERVE, file.fd, 0);
-    if (image == MAP_FAILED)
-        fail(KRV_ELF_ERR_SYSTEM, std::strerror(errno));
-    mapping = {static_cast<const uint8_t *>(image), size};
 }
 
 void elf_file::check_machine()
@@ -167,8 +138,8 @@ void elf_file::check_section_headers()
     const size_t entry_size = gelf_fsize(handle, ELF_T_SHDR, 1, EV_CURRENT);
     if (header.e_shentsize != entry_size)
         fail(KRV_ELF_ERR_FORMAT, "section headers of " + std::to_string(header.e_shentsize) + " bytes");
-    if (header.e_shoff > mapping.size() || elf_getshdrnum(handle, &count) != 0 || count < header.e_shnum ||
-        count > (mapping.size() - header.e_shoff) / entry_size)
+    if (header.e_shoff > image().size() || elf_getshdrnum(handle, &count) != 0 || count < header.e_shnum ||
+        count > (image().size() - header.e_shoff) / entry_size)
         fail(KRV_ELF_ERR_FORMAT, "the section headers lie beyond the end of the file: it is cut off, or damaged");
 }
 
@@ -276,7 +247,7 @@ void elf_file::read_segments()
 
 void elf_file::find_build_id()
 {
-    uint64_t left = 2 * mapping.size(); // sections and segments tell of the same notes, and neither overlap each other
+    uint64_t left = 2 * image().size(); // sections and segments tell of the same notes, and neither overlap each other
     const auto search = [&](byte_span notes) {
         if (!build_id_bytes.empty() || notes.size() > left)
             return;
@@ -291,13 +262,35 @@ void elf_file::find_build_id()
             search(extent(segment.p_offset, segment.p_filesz));
 }
 
-byte_span elf_file::inflate(const raw_section &section)
+static bool is_impossible(const raw_section &section)
 {
-    if (section.size / MAX_INFLATION > section.file_size ||
-        (inflated_size + section.size) / MAX_INFLATION > mapping.size())
+    return section.size / MAX_INFLATION > section.file_size;
+}
+
+// Of what is inflated many times as much is made again: that what is claimed is possible is not enough.
+void elf_file::check_inflation() const
+{
+    uint64_t all = 0;
+    for (const raw_section &section : section_list)
+        if (section.compressed && section.in_file && !is_impossible(section))
+            all = section.size > UINT64_MAX - all ? UINT64_MAX : all + section.size;
+    const uint64_t most = std::max<uint64_t>(KRV_ELF_INFLATED_BYTES, KRV_ELF_INFLATED_TIMES * image().size());
+    if (!inflates_any && all > most)
+        fail(KRV_ELF_ERR_LIMIT, "its compressed sections claim to inflate to " + std::to_string(all) +
+                                    " bytes, and no more than " + std::to_string(most) + " are taken from such a file");
+}
+
+void elf_file::check_claim(const raw_section &section) const
+{
+    if (is_impossible(section) || (inflated_size + section.size) / MAX_INFLATION > image().size())
         throw failure(KRV_ELF_ERR_FORMAT, "section " + section.name + " claims to inflate from " +
                                               std::to_string(section.file_size) + " to " +
                                               std::to_string(section.size) + " bytes");
+}
+
+byte_span elf_file::inflate(const raw_section &section)
+{
+    check_claim(section);
     Elf_Scn *scn = elf_getscn(handle, section.number);
     const int result = (section.flags & SHF_COMPRESSED) != 0 ? elf_compress(scn, 0, 0) : elf_compress_gnu(scn, 0, 0);
     const Elf_Data *data = result < 0 ? nullptr : elf_rawdata(scn, nullptr);

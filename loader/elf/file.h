@@ -8,6 +8,7 @@
 #include "address_ranges.h"
 #include "bytes.h"
 #include "failure.h"
+#include "file_mapping.h"
 
 #include <cstdint>
 #include <gelf.h>
@@ -51,7 +52,8 @@ struct raw_section {
 class elf_file
 {
 public:
-    explicit elf_file(const std::string &path); // throws failure
+    // `any_inflation`: however large its compressed sections claim to be. Throws failure.
+    explicit elf_file(const std::string &path, bool any_inflation = false);
     ~elf_file();
     elf_file(const elf_file &) = delete;
     elf_file &operator=(const elf_file &) = delete;
@@ -66,20 +68,25 @@ public:
     const std::vector<GElf_Phdr> &segments() const { return segment_list; }
     const address_ranges &code() const { return code_ranges; } // where executable sections lie; else segments
     byte_span build_id() const { return build_id_bytes; }
-    byte_span image() const { return mapping; }
+    byte_span image() const { return mapping.bytes(); }
+    bool any_inflation() const { return inflates_any; }
+    bool was_cut() const { return mapping.was_cut(); } // while it was read
 
     // The contents of a section: its bytes, or what they inflate to, which is done once and kept. Throws failure; the
     // text names the section only.
     byte_span contents(const raw_section &section);
+    // Throws what contents() would throw before it inflated anything.
+    void check_claim(const raw_section &section) const;
 
 private:
-    void map();
+    static file_mapping map(const std::string &path);
     void check_machine();
     void check_section_headers();
     void read_sections();
     string_table section_names() const;
     uint64_t claimed_size(Elf_Scn *scn, const raw_section &section) const;
     byte_span inflate(const raw_section &section);
+    void check_inflation() const;
     void place_sections();
     void read_segments();
     void find_code();
@@ -88,7 +95,8 @@ private:
     byte_span extent(uint64_t offset, uint64_t size) const;          // empty when it leaves the file
 
     std::string file_path;
-    byte_span mapping;
+    file_mapping mapping;
+    bool inflates_any;
     Elf *handle = nullptr;
     GElf_Ehdr header = {};
     std::vector<raw_section> section_list;

@@ -11,8 +11,7 @@
 #include "page.h"
 
 #include <algorithm>
-#include <cstdio>
-#include <cstring>
+#include <fmt/format.h>
 #include <memory>
 #include <new>
 #include <optional>
@@ -34,7 +33,8 @@ struct handle_deleter {
 // does not wait for corrections.
 struct krv_elf {
     krv_elf(const std::string &path, unsigned int open_flags, std::vector<std::string> debug_folders)
-        : flags(open_flags), folders(std::move(debug_folders)), file(path), hp(korva_handle_alloc(file.target()))
+        : flags(open_flags), folders(std::move(debug_folders)), file(path, (open_flags & KRV_ELF_F_INFLATE_ANY) != 0),
+          hp(korva_handle_alloc(file.target()))
     {
         if (hp == nullptr)
             throw failure(KRV_ELF_ERR_NOMEM,
@@ -61,9 +61,7 @@ struct krv_elf {
             made->add_note({"attach", "", 0, true, "out of memory: nothing is corrected"});
         }
         for (const view_section &section : made->sections())
-            if (section.index != KRV_SEC_NONE)
-                korva_attach_section(hp.get(), section.index, section.bytes().size(), KRV_FD_TYPE_MEMORY,
-                                     const_cast<uint8_t *>(section.bytes().data()));
+            attach(section);
         return *made;
     }
 
@@ -78,6 +76,30 @@ struct krv_elf {
     std::unique_ptr<krv_handle_t, handle_deleter> hp; // last: it reads what stands before it
 
 private:
+    void attach(const view_section &section)
+    {
+        if (section.index == KRV_SEC_NONE)
+            return;
+        auto *argument = const_cast<view_section *>(&section); // which read_deferred does not change either
+        if (section.deferred != nullptr)
+            korva_attach_section(hp.get(), section.index, section.size(), KRV_FD_TYPE_CB, read_deferred, argument);
+        else
+            korva_attach_section(hp.get(), section.index, section.size(), KRV_FD_TYPE_MEMORY,
+                                 const_cast<uint8_t *>(section.bytes().data()));
+    }
+
+    static int64_t read_deferred(void *arg, void *buf, size_t count, uint64_t offset)
+    {
+        const auto *section = static_cast<const view_section *>(arg);
+        return guarded<int64_t>(nullptr, -1, [&]() -> int64_t {
+            const byte_span bytes = section->deferred->contents(*section->raw);
+            if (offset > bytes.size() || count > bytes.size() - offset)
+                return -1;
+            std::copy_n(bytes.data() + offset, count, static_cast<uint8_t *>(buf));
+            return static_cast<int64_t>(count);
+        });
+    }
+
     static bool has_debug_info(const elf_file &f)
     {
         return std::any_of(f.sections().begin(), f.sections().end(), [](const raw_section &section) {
@@ -171,7 +193,7 @@ static krv_elf_section_t describe(const raw_section &raw, const view_section *at
 {
     return {.name = raw.name.c_str(),
             .address = raw.address,
-            .size = attached == nullptr ? raw.size : attached->bytes().size(),
+            .size = attached == nullptr ? raw.size : attached->size(),
             .file_size = raw.file_size,
             .index = attached == nullptr ? KRV_SEC_NONE : attached->index,
             .compressed = raw.compressed ? 1 : 0,
@@ -224,7 +246,23 @@ int korva_elf_iter_notes(krv_elf_t *elf, krv_elf_iter_note_f *func, void *arg)
         if (const int result = func(elf, &shown, arg))
             return result;
     }
+    for (const elf_file *file : {&elf->file, elf->debug.file.get()}) {
+        if (file == nullptr || !file->was_cut())
+            continue;
+        const krv_elf_note_t shown = {.pass = "attach",
+                                      .section = "",
+                                      .offset = 0,
+                                      .refused = 1,
+                                      .text = "the file became shorter while it was read"};
+        if (const int result = func(elf, &shown, arg))
+            return result;
+    }
     return 0;
+}
+
+int korva_elf_handle_bus_error(const void *address)
+{
+    return file_mapping::replace_missing(address) ? 1 : 0;
 }
 
 const krv_elf_symbol_t *korva_elf_get_symbols(krv_elf_t *elf, size_t *countp)
@@ -244,16 +282,62 @@ const krv_elf_symbol_t *korva_elf_lookup_symbol_by_name(krv_elf_t *elf, const ch
     return elf->symbols().find(name);
 }
 
+// Why there is no line: what the library says, and what of the file the loader could not present.
+static failure no_source(krv_elf &elf, uint64_t address)
+{
+    krv_handle_t *hp = elf.hp.get();
+    const int code = korva_handle_get_errno(hp);
+    std::string text = fmt::format("{}: no line is known for {:#x}", elf.file.path(), address);
+    unsigned int count = 0;
+    char **messages = korva_handle_get_errmsgs(hp, &count);
+    for (unsigned int i = 0; code != KRV_ERR_NOTFOUND && i < count; ++i)
+        text += fmt::format("; {}", messages[i]);
+    const auto &notes = elf.shown().notes();
+    const auto refused = std::find_if(notes.begin(), notes.end(), [](const note &n) { return n.refused; });
+    if (refused != notes.end())
+        text += "; " + refused->text;
+    return {code == KRV_ERR_NOTFOUND || code == KRV_ERR_NONE ? KRV_ELF_ERR_NOTFOUND
+            : code == KRV_ERR_NOMEM                          ? KRV_ELF_ERR_NOMEM
+                                                             : KRV_ELF_ERR_FORMAT,
+            text};
+}
+
+int korva_elf_lookup_source(krv_elf_t *elf, uint64_t address, krv_elf_source_t *sourcep, krv_elf_error_t *errorp)
+{
+    *sourcep = {};
+    return guarded(errorp, -1, [=] {
+        const krv_elf_symbol_t *function = elf->symbols().find(address);
+        sourcep->function = function == nullptr ? nullptr : function->name;
+        // An address between two rows of its function is one of them; outside any, it has to have its own.
+        const uint64_t start = function == nullptr ? address : function->address;
+        const uint64_t size = function == nullptr ? 1 : function->size;
+        elf->shown();
+        krv_handle_t *hp = elf->hp.get();
+        krv_ctu_t *unit = korva_lookup_ctu_by_addr(hp, address, KRV_LOOKUP_F_NONE);
+        krv_lns_t *row =
+            unit == nullptr ? nullptr : korva_lookup_source_by_cu_and_addr(hp, unit, start, size, address, 0);
+        uint16_t column = 0;
+        char *path = nullptr;
+        if (row == nullptr || korva_get_fields(hp, KRV_STRUCT_LNS, row, 2, KRV_FIELD_LNS_LINE, &sourcep->line,
+                                               KRV_FIELD_LNS_COLUMN, &column) != 0)
+            throw no_source(*elf, address);
+        krv_lnfe_t *file = korva_lns_get_filep(hp, row);
+        if (file != nullptr && korva_get_fields(hp, KRV_STRUCT_LNFE, file, 1, KRV_FIELD_LNFE_ABSOLUTE_PATH, &path) != 0)
+            throw no_source(*elf, address);
+        sourcep->file = path;
+        sourcep->column = column;
+        return 0;
+    });
+}
+
 int korva_elf_load_bias(krv_elf_t *elf, uint64_t address, uint64_t file_offset, uint64_t *biasp,
                         krv_elf_error_t *errorp)
 {
     return guarded(errorp, -1, [=] {
         const GElf_Phdr *segment = find_segment(elf->file, file_offset);
         if (segment == nullptr) {
-            char text[64];
-            std::snprintf(text, sizeof(text), ": no loaded segment holds offset 0x%llx",
-                          static_cast<unsigned long long>(file_offset));
-            throw failure(KRV_ELF_ERR_NOTFOUND, elf->file.path() + text);
+            throw failure(KRV_ELF_ERR_NOTFOUND,
+                          fmt::format("{}: no loaded segment holds offset {:#x}", elf->file.path(), file_offset));
         }
         *biasp = address - file_offset - (segment->p_vaddr - segment->p_offset); // modulo 2^64: any order is right
         return 0;

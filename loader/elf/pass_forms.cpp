@@ -18,22 +18,16 @@ namespace krv_elf_loader
 namespace
 {
 
+// The name of a form that leads elsewhere, and NULL for any other.
 const char *name_of(uint64_t form)
 {
-    switch (form) {
-    case DW_FORM_ref_addr:
-        return "DW_FORM_ref_addr";
-    case DW_FORM_GNU_ref_alt:
-        return "DW_FORM_GNU_ref_alt";
-    case DW_FORM_GNU_strp_alt:
-        return "DW_FORM_GNU_strp_alt";
-    case DW_FORM_GNU_addr_index:
-        return "DW_FORM_GNU_addr_index";
-    case DW_FORM_GNU_str_index:
-        return "DW_FORM_GNU_str_index";
-    default:
-        return nullptr;
-    }
+#define KRV_NAMED(name, ...)                                                                                           \
+    if (form == (name))                                                                                                \
+        return #name;
+    KRV_NAMED(DW_FORM_ref_addr)
+    KRV_DW_FORM_GNU(KRV_NAMED)
+#undef KRV_NAMED
+    return nullptr;
 }
 
 // The form that the core reads in its place: a number that says where it leads.

@@ -45,17 +45,14 @@ bool read_program(cursor *c, line_program *p)
           .operations = 1,
           .line_range = 0,
           .opcode_base = 0};
-    uint64_t length = c->number(4);
-    const size_t offset_size = length == 0xffffffff ? 8 : 4;
-    if (offset_size == 8)
-        length = c->number(8);
-    if (!c->ok() || length > c->left())
+    krv_unit_length_t ul;
+    if (c->unit_length(&ul) != krv_length_outcome_t::sound || ul.length > c->left())
         return false;
-    p->end = c->at() + length;
+    p->end = ul.end;
     cursor header = *c;
     c->seek(p->end);
     const uint64_t version = header.number(2);
-    const uint64_t header_length = header.number(offset_size);
+    const uint64_t header_length = header.number(ul.is_dwarf64 ? 8 : 4);
     const uint64_t after_length = header.at();
     p->instruction_length = header.byte();
     if (version >= 4)

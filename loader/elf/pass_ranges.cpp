@@ -118,17 +118,13 @@ private:
         cursor c(bytes);
         while (c.more()) {
             const uint64_t begin = c.at();
-            uint64_t length = c.number(4);
-            const size_t offset_size = length == 0xffffffff ? 8 : 4;
-            if (offset_size == 8)
-                length = c.number(8);
-            if (!c.ok() || length > c.left()) {
+            krv_unit_length_t ul;
+            if (c.unit_length(&ul) != krv_length_outcome_t::sound || ul.length > c.left()) {
                 given.cut = true;
                 return;
             }
-            cursor set(bytes.first(c.at() + length), c.at());
-            c.skip(length);
-            read_set(begin, set, offset_size);
+            read_set(begin, cursor(bytes.first(ul.end), ul.first), ul.is_dwarf64 ? 8 : 4);
+            c.seek(ul.end);
         }
         given.dead = dead_found;
         dead_found = 0;
@@ -250,7 +246,7 @@ private:
         const uint64_t header = u.length_size() + 2 + u.offset_size + 2;
         const uint64_t padding = (tuple - header % tuple) % tuple;
         if (u.offset_size == 8)
-            append(bytes, 0xffffffff, 4);
+            append(bytes, KRV_LENGTH_DWARF64, 4);
         append(bytes, header - u.length_size() + padding + tuple * (ranges.size() + 1), u.offset_size);
         append(bytes, SET_VERSION, 2);
         append(bytes, u.offset, u.offset_size);

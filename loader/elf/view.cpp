@@ -27,6 +27,13 @@ constexpr pass passes[] = {
 // What the core does not read itself.
 constexpr std::string_view EXTRA[] = {".debug_ranges"};
 
+// What few questions read: compressed, it may never have to be inflated.
+bool is_seldom_read(krv_secidx_t index)
+{
+    return index == KRV_SEC_FRAME || index == KRV_SEC_LOC || index == KRV_SEC_PUBNAMES || index == KRV_SEC_PUBTYPES ||
+           index == KRV_SEC_TYPES;
+}
+
 // ".zdebug_x" is ".debug_x", compressed.
 std::string plain_name(std::string_view name)
 {
@@ -82,9 +89,13 @@ void view::take(const raw_section &raw, krv_secidx_t index)
         return;
     }
     try {
-        const byte_span bytes = source.contents(raw);
-        if (!bytes.empty())
-            section_list.push_back({index, raw.name, &raw, bytes, {}});
+        // Those of a relocatable file are read by the pass that relocates them.
+        const bool deferred = raw.compressed && is_seldom_read(index) && source.type() != ET_REL;
+        if (deferred)
+            source.check_claim(raw);
+        const byte_span bytes = deferred ? byte_span() : source.contents(raw);
+        if (deferred ? raw.size != 0 : !bytes.empty())
+            section_list.push_back({index, raw.name, &raw, bytes, {}, deferred ? &source : nullptr});
     } catch (const failure &f) { // this section is lost, the others are not
         add_note({ATTACH, raw.name, 0, true, f.what()});
     }
@@ -150,7 +161,7 @@ byte_span view::alternate_strings()
 
 view_section *view::make(krv_secidx_t index, const char *name)
 {
-    section_list.push_back({index, name, nullptr, {}, {}});
+    section_list.push_back({index, name, nullptr, {}, {}, nullptr});
     return &section_list.back();
 }
 

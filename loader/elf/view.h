@@ -21,9 +21,11 @@ struct view_section {
     const raw_section *raw;                   // NULL for a section that a pass has made
     byte_span original;                       // the file's own bytes, or the inflated ones
     std::optional<std::vector<uint8_t>> copy; // what passes made of them
+    elf_file *deferred = nullptr;             // inflates it when the handle reads it; no pass does
 
-    byte_span bytes() const { return copy ? byte_span(*copy) : original; } // what the handle reads
-    std::vector<uint8_t> &writable();                                      // copies on first use
+    byte_span bytes() const { return copy ? byte_span(*copy) : original; } // what the handle reads, unless deferred
+    uint64_t size() const { return deferred != nullptr ? raw->size : bytes().size(); }
+    std::vector<uint8_t> &writable(); // copies on first use
 };
 
 struct note {

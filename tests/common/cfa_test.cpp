@@ -2,10 +2,12 @@
 //
 // Call-frame instructions into rules: two streams in, a line of rules or of errors out.
 #include "krv_cfa.h"
+#include "krv_frame_reader.h"
 #include "support/activation.h"
 
 #include <cstring>
 #include <gtest/gtest.h>
+#include <random>
 
 using namespace krv_test;
 
@@ -23,10 +25,19 @@ struct machine {
         krv_fd_t fd = s.h.cursor(stream);
         std::memcpy(is_fde ? ap->sa_current : ap->sa_initial, is_fde ? ap->sa_initial : ap->sa_default,
                     ap->sa_n_registers * sizeof(krv_cfarule_t));
-        return krv_generate_ruleset(s.h, &fd, code_align, static_cast<uint64_t>(-8), is_fde ? pc : 0,
-                                    is_fde ? 0x1000 : 0, is_fde ? 0x100 : 0, ap->sa_n_registers,
-                                    is_fde ? ap->sa_initial : nullptr, is_fde ? ap->sa_current : ap->sa_initial,
-                                    is_fde ? nullptr : &ap->sa_args, cie->scie_augmentation, nullptr, nullptr);
+        krv_ruleset_t rules = {.code_align = code_align,
+                               .data_align = static_cast<uint64_t>(-8),
+                               .augp = cie->scie_augmentation,
+                               .aug_arg = nullptr,
+                               .nslots = ap->sa_n_registers,
+                               .currentp = is_fde ? ap->sa_current : ap->sa_initial,
+                               .argsp = is_fde ? nullptr : &ap->sa_args,
+                               .initialp = is_fde ? ap->sa_initial : nullptr,
+                               .pc = is_fde ? pc : 0,
+                               .slocation = is_fde ? uint64_t{0x1000} : 0,
+                               .arange = is_fde ? uint64_t{0x100} : 0,
+                               .changed = {}};
+        return krv_generate_ruleset(s.h, &fd, &rules);
     }
 
     // The rules that differ from the default ones, or the error, in which "@n" stands for the message that tells the
@@ -174,4 +185,31 @@ TEST(Cfa, RegistersAreChecked)
     stopped narrow({.target = KRV_ACTIVATION_I386, .rows = op(DW_CFA_restore, 63), .column = 8});
     EXPECT_EQ(narrow.caller(0), "NONE: register 63 out of range for DW_CFA_restore | error at offset 1 in instruction "
                                 "stream | failed to generate FDE's rules");
+}
+
+// The glance at bytes in memory and the decoder that every cursor has, over the same random bytes.
+TEST(Cfa, InstructionsAtAGlance)
+{
+    std::mt19937 random(1);
+    bytes stream;
+    while (stream.size() < 50000) // opcodes and long numbers are as likely as any
+        stream.u8(random() % 4 == 0 ? random() % 0x40 : random() % 0x100);
+    machine m;
+    const uint8_t *end = stream.data() + stream.size();
+    krv_fd_t fd = m.s.h.cursor(stream);
+    unsigned glances = 0;
+    for (uint64_t at = 0; at < stream.size(); ++at) {
+        krv_cfa_op_t quick;
+        const uint8_t *behind = krv_cfa_scan(stream.data() + at, end, &quick);
+        if (behind == nullptr)
+            continue;
+        ++glances;
+        krv_operation_t op;
+        krv_fd_seek(&fd, at);
+        ASSERT_EQ(krv_frame_get_next_op(m.s.h, &fd, &op, m.cie->scie_augmentation, nullptr), 0) << at;
+        ASSERT_EQ(text("%x %lx %lx, to %ld", quick.opcode, quick.first, quick.second, behind - stream.data()),
+                  text("%x %lx %lx, to %lu", op.opcode, op.operand[0].sa_u.su_unsigned, op.operand[1].sa_u.su_unsigned,
+                       fd.sfd_offset));
+    }
+    EXPECT_GT(glances, stream.size() / 2);
 }

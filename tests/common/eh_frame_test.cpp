@@ -2,11 +2,14 @@
 //
 // .eh_frame in the target's memory: pointer encodings, records, and the search table of .eh_frame_hdr.
 #include "krv_eh_frame.h"
+#include "krv_frame.h"
 #include "support/frame_builder.h"
 #include "support/handle.h"
 
 #include <algorithm>
 #include <gtest/gtest.h>
+#include <random>
+#include <set>
 
 using namespace krv_test;
 
@@ -418,4 +421,37 @@ TEST(EhFrameHdr, TableAndSectionDisagree)
         EXPECT_EQ(korva_handle_get_errno(c.h), count == (1UL << 32 | 5) ? KRV_ERR_NONE : KRV_ERR_NOTFOUND);
         EXPECT_FALSE(walked(c));
     }
+}
+
+// Records and the table read at once, and field by field where the target's memory comes in words: the same answers and
+// messages for the same damaged bytes.
+TEST(EhFrameHdr, AtOnceOrFieldByField)
+{
+    static uint64_t behind_a_byte;
+    const auto words = [](void *arg, void *buf, size_t count, uint64_t address) {
+        const bool text = address == behind_a_byte; // a string stands behind the version, and is no bulk
+        behind_a_byte = count == 1 ? address + 1 : 0;
+        return count > 10 && !text ? -1 : reader::read(arg, buf, count, address);
+    };
+    std::mt19937 random(1);
+    std::set<std::string> outcomes;
+    for (int n = 0; n < 1000; ++n) {
+        image program(random() % 4 == 0 ? 0x1b : 0x3b);
+        loaded quick(program.eh_frame, program.table()), slow(program.eh_frame, program.table());
+        for (unsigned damage = random() % 3; damage != 0; --damage) {
+            size_t at = random() % (program.eh_frame.size() + program.table().size());
+            at += at < program.eh_frame.size() ? 0 : HDR - EH - program.eh_frame.size();
+            const unsigned byte =
+                random() % 3 == 0 ? random() % 0x100 : quick.memory.contents.data()[at] ^ 1U << random() % 8;
+            for (loaded *p : {&quick, &slow})
+                p->memory.contents.set(at, byte, 1);
+        }
+        korva_attach_as(slow.h, words, &slow.memory);
+        for (const uint64_t address : {0x1010UL, 0x1020UL, 0x3000UL, 0x57ffUL}) {
+            const std::string outcome = quick.lookup(address);
+            ASSERT_EQ(outcome, slow.lookup(address)) << n;
+            outcomes.insert(outcome);
+        }
+    }
+    EXPECT_GT(outcomes.size(), 100U);
 }

@@ -357,10 +357,12 @@ TEST(Expr, Failures)
     m.run("div", {7, 0});
     EXPECT_EQ(m.contents(), "7 "); // only the divisor is gone
 
-    m.memory.reads = 0, m.memory.fault_at = 1, m.memory.kind = fault::short_;
-    EXPECT_EQ(m.run("deref", {UINT64_MAX}),
-              failure("deref", 0, "IO: reading 8 bytes from VA 0xffffffffffffffff returned -1"));
-    EXPECT_EQ(m.memory.reads, 0U); // what wraps around is not asked for
+    m.memory.base = UINT64_MAX - 63; // to the last byte of all; what wraps around is not asked for
+    EXPECT_EQ(m.run("deref", {UINT64_MAX - 7}) + m.run("deref_size 1", {UINT64_MAX}), "bfbebdbcbbbab9b8 bf ");
+    m.memory.reads = 0, m.memory.fault_at = 1, m.memory.kind = fault::short_, m.memory.base = BASE;
+    EXPECT_EQ(m.run("deref", {UINT64_MAX - 6}),
+              failure("deref", 0, "IO: reading 8 bytes from VA 0xfffffffffffffff9 returned -1"));
+    EXPECT_EQ(m.memory.reads, 0U);
     EXPECT_EQ(m.run("deref", {BASE}), failure("deref", 0, "IO: reading 8 bytes from VA 0x1000 returned 7"));
     machine narrow(I386);
     EXPECT_EQ(narrow.run("deref_size 5", {1}), failure("deref_size", 0, "EVAL: invalid data size"));

@@ -6,6 +6,7 @@
 #include "krv_error.h"
 #include "krv_frame.h"
 #include "krv_hash.h"
+#include "krv_no_frame.h"
 #include "support/allocations.h"
 #include "support/scenarios.h"
 
@@ -52,7 +53,7 @@ static void attach(krv_handle_t *hp, const session &data, readers *sources)
 // space is attached again.
 static bool fell_back(krv_handle_t *hp)
 {
-    auto *reader = static_cast<krv_reader_t *>(hp->sh_frame_reader);
+    const krv_reader_t *reader = hp->sh_frame_reader;
     krv_reader_t *none = krv_no_frame_create_reader(hp);
     const bool same = reader != nullptr && reader->sr_ops == none->sr_ops;
     none->sr_ops->sro_destroy_reader(none);

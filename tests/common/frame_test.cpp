@@ -2,6 +2,7 @@
 //
 // Frame readers: which one serves a handle, and the search for the FDE of an address.
 #include "krv_eh_frame.h"
+#include "krv_frame.h"
 #include "support/frame_builder.h"
 #include "support/handle.h"
 

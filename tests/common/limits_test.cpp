@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // What the worst input of each kind may cost: calls of the read call-back and bytes allocated, in proportion to its size.
-#include "krv_expr.h"
+#include "krv_expr_eval.h"
 #include "krv_frame.h"
 #include "krv_info.h"
 #include "krv_line.h"

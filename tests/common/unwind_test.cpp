@@ -85,15 +85,19 @@ TEST(Unwind, Widths)
                                                op(DW_CFA_offset, 62).uleb(9999) +
                                                op(DW_CFA_register).uleb(19).uleb(2)));
     s.load(2, 5);
-    s.load(0, 7); // the next slot, not to be copied
+    s.load(0, 7); // lies behind it, and is what a wider register then holds in its upper half
     const std::pair<unsigned int, const char *> wide[] = {
-        {17, "3303 4404"}, {18, "7020 0"}, {19, "5 0"}, {65, "3303 1"}};
+        {17, "3303 4404"}, {18, "7020 0"}, {19, "5 7"}, {65, "3303 1"}};
     for (const auto &[reg, expected] : wide) {
         uint64_t halves[2] = {0, 1};
         EXPECT_EQ(korva_activation_get_reg(s.h, s.ap.get(), DWARF, CALLER, reg, halves, 16), 0);
         EXPECT_EQ(text("%lx %lx", halves[0], halves[1]), expected);
     }
     EXPECT_EQ(s.caller(62), "0");
+    stopped narrow({.initial = op(DW_CFA_def_cfa).uleb(7).uleb(40) + op(DW_CFA_offset_extended).uleb(65).uleb(3) +
+                               op(DW_CFA_offset_extended).uleb(66).uleb(1),
+                    .column = 65}); // %fcw, before %fsw
+    EXPECT_EQ(narrow.caller_pc(), "55053303");
 
     // Addresses of 32-bit x86 wrap at 4 bytes: CFA = 0xfffffffc + 0x14, and 4 - 8.
     const bytes saved = op(DW_CFA_offset, 3).uleb(2);
@@ -253,6 +257,27 @@ TEST(Unwind, RecordsAreReadAfresh)
         const std::string found = s.caller(7);
         EXPECT_TRUE(found.starts_with(row.expected)) << found;
     }
+}
+
+// A read that fails once fails the frame: the next read does not make up for it, however much one call reads.
+TEST(Unwind, OneReadFails)
+{
+    for (const fault kind : {fault::fails, fault::short_})
+        for (const size_t padding : {0, 300}) // instructions that are read with their record, and by themselves
+            for (unsigned n = 1, met = 1; met != 0; ++n) {
+                SCOPED_TRACE(text("padding %zu, read %u", padding, n));
+                function f = framed(KRV_ACTIVATION_AMD64, bytes().fill(padding), true);
+                f.rows.fill(padding);
+                stopped s(f);
+                EXPECT_EQ(s.caller(7), "7028"); // the table of all FDEs is there
+                s.load(0, 0);
+                s.memory.kind = kind;
+                s.memory.fault_at = s.memory.reads + n;
+                const std::string found = s.caller(7);
+                met = s.memory.reads >= s.memory.fault_at;
+                EXPECT_EQ(found.substr(0, 4), met != 0 ? "IO: " : "7028") << found;
+                EXPECT_TRUE(met != 0 || n > (padding == 0 ? 4 : 8));
+            }
 }
 
 TEST(Unwind, Arguments)

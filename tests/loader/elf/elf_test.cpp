@@ -4,7 +4,9 @@
 #include "loader/loader_fixture.h"
 
 #include "elf/view.h"
+#include "krv_types.h"
 
+#include <csignal>
 #include <random>
 
 using namespace krv_test;
@@ -35,9 +37,10 @@ TEST_F(Loader, StorageOfSections)
         {"-m32", KRV_ACTIVATION_I386, false},
         {"&& objcopy --only-keep-debug a a.debug && mv a.debug a", KRV_ACTIVATION_AMD64, false},
     };
+    std::map<krv_activation_type_t, std::string> frames;
     for (const auto &row : rows) {
         SCOPED_TRACE(row.flags);
-        if (!compile(std::string("-gdwarf-4 a.c -o a ") + row.flags)) {
+        if (!compile(std::string("-gdwarf-4 -fno-asynchronous-unwind-tables a.c -o a ") + row.flags)) {
             std::printf("skipped: the compiler cannot link with %s here\n", row.flags);
             continue;
         }
@@ -50,12 +53,62 @@ TEST_F(Loader, StorageOfSections)
         EXPECT_NE(units(elf.get()).find("a.c "), std::string::npos);
         const krv_elf_symbol_t *outer = korva_elf_lookup_symbol_by_name(elf.get(), "outer");
         ASSERT_NE(outer, nullptr);
-        EXPECT_EQ(line_of(elf.get(), outer->address), 3u);
+        krv_elf_source_t source;
+        ASSERT_EQ(korva_elf_lookup_source(elf.get(), outer->address + 1, &source, &error), 0) << error.message;
+        EXPECT_EQ(text("%s %s:%u:%u", source.function, source.file, source.line, source.column),
+                  "outer " + (dir / "a.c").string() + ":3:18");
         EXPECT_EQ(korva_elf_lookup_symbol(elf.get(), outer->address + outer->size - 1), outer);
         EXPECT_EQ(notes(elf.get()), "");
         EXPECT_EQ(attached(elf.get()).find('+'), std::string::npos) << attached(elf.get());
         EXPECT_EQ(attached(elf.get()).find("z ") != std::string::npos, row.compressed) << attached(elf.get());
+        // What is inflated when it is read, is what it was.
+        krv_fd_t frame = korva_elf_get_handle(elf.get())->sh_sec[KRV_SEC_FRAME];
+        std::string bytes(frame.sfd_size, '\0');
+        EXPECT_EQ(korva_fd_to_mem(&frame, bytes.data(), bytes.size()), 0);
+        std::string &expected = frames[row.target];
+        expected = expected.empty() ? bytes : expected;
+        EXPECT_TRUE(bytes == expected && bytes.size() > 100) << bytes.size();
     }
+}
+
+TEST_F(Loader, NoSource)
+{
+    ASSERT_TRUE(compile("-gdwarf-5 a.c -o a"));
+    const elf_ptr elf = open("a");
+    krv_elf_source_t source;
+    const uint64_t outer = korva_elf_lookup_symbol_by_name(elf.get(), "outer")->address;
+    for (const auto &[address, function] : {std::pair{outer, "outer"}, {uint64_t{1}, ""}}) {
+        EXPECT_EQ(korva_elf_lookup_source(elf.get(), address, &source, &error), -1);
+        EXPECT_EQ(error.code, KRV_ELF_ERR_NOTFOUND);
+        EXPECT_EQ(error.message,
+                  text("%s: no line is known for 0x%llx; unit at offset 0x0 of .debug_info is DWARF 5, and "
+                       "libkorva reads DWARF 2 to 4; compile with -gdwarf-4",
+                       (dir / "a").c_str(), static_cast<unsigned long long>(address)));
+        EXPECT_STREQ(source.function == nullptr ? "" : source.function, function);
+        EXPECT_TRUE(source.file == nullptr && source.line == 0 && source.column == 0);
+    }
+}
+
+// A file that is cut off while it is open: a client that hands on the signal goes on.
+TEST_F(Loader, FileThatShrinks)
+{
+    ASSERT_TRUE(compile("-gdwarf-4 a.c -o a && cp a b"));
+    struct sigaction old, handler = {};
+    handler.sa_sigaction = [](int number, siginfo_t *info, void *) {
+        if (korva_elf_handle_bus_error(info->si_addr) == 0)
+            std::signal(number, SIG_DFL);
+    };
+    handler.sa_flags = SA_SIGINFO;
+    sigaction(SIGBUS, &handler, &old);
+    const elf_ptr elf = open("a"), other = open("b");
+    const uint64_t outer = korva_elf_lookup_symbol_by_name(elf.get(), "outer")->address;
+    fs::resize_file(dir / "a", 4096);
+    EXPECT_EQ(line_of(elf.get(), outer), 0u);
+    EXPECT_NE(notes(elf.get()).find("the file became shorter while it was read\n"), std::string::npos);
+    EXPECT_EQ(line_of(other.get(), outer), 3u);
+    EXPECT_EQ(notes(other.get()), "");
+    EXPECT_EQ(korva_elf_handle_bus_error(this), 0);
+    sigaction(SIGBUS, &old, nullptr);
 }
 
 TEST_F(Loader, RelocatableFiles)

@@ -331,7 +331,7 @@ TEST_F(Loader, WorstFiles)
         write("worst", made);
         allocated = steps = 0;
         most_steps = row.most_steps;
-        const elf_ptr elf = open("worst");
+        const elf_ptr elf = open("worst", KRV_ELF_F_INFLATE_ANY);
         ASSERT_NE(elf, nullptr) << error.message;
         korva_elf_get_handle(elf.get());
         for (int i = 0; row.make == symbols_that_are_looked_up && i < 20000; ++i)
@@ -342,4 +342,9 @@ TEST_F(Loader, WorstFiles)
         const std::string noted = notes(elf.get());
         EXPECT_NE(noted.find(row.noted), std::string::npos) << noted.substr(0, 2000);
     }
+    write("worst", inflations_of_one_stream());
+    EXPECT_EQ(open("worst"), nullptr);
+    EXPECT_EQ(error.code, KRV_ELF_ERR_LIMIT);
+    EXPECT_EQ(error.message, (dir / "worst").string() + ": its compressed sections claim to inflate to 83886080 bytes, "
+                                                        "and no more than 1048576 are taken from such a file");
 }

@@ -1,0 +1,77 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// Records of call-frame information, and what a reader of them does: the one of .debug_frame, the one of .eh_frame, and
+// the one that finds nothing.
+#ifndef KRV_FRAME_RECORD_H
+#define KRV_FRAME_RECORD_H
+
+#include "krv_cfa_decode.h"
+#include "krv_fd.h"
+#include "krv_types.h"
+
+typedef int krv_augtype_t;
+enum { KRV_AUG_NONE = 0, KRV_AUG_AMD64 = 1 };
+
+struct krv_linear_t; // every FDE of the section by address
+
+constexpr size_t KRV_AUGMENTATION_SIZE = 16; // longest augmentation string, the terminating NUL included
+
+// A common information entry. Free with krv_cie_free.
+struct krv_cie_t {
+    uint64_t scie_length;                                 // bytes after the length field
+    uint64_t scie_id;                                     // 0 in .eh_frame, all ones in .debug_frame
+    uint16_t scie_version;                                // 1 in .eh_frame; 1, 3 or 4 in .debug_frame
+    char scie_augmentation_string[KRV_AUGMENTATION_SIZE]; // empty in .debug_frame
+    uint8_t scie_address_size;                            // version 4 of .debug_frame only
+    uint8_t scie_segment_size;                            // likewise
+    uint64_t scie_code_alignment_factor;                  // of the deltas of row creation
+    int64_t scie_data_alignment_factor;                   // of offsets from the CFA
+    uint64_t scie_return_address_register;                // the column; not checked yet
+    uint64_t scie_cfi_offset;                             // of the first instruction, for scie_fd
+    uint64_t scie_cfi_size;                               // bytes from there to the end of the record
+    krv_fd_t scie_fd;                                     // through which instructions are read
+    krv_secidx_t scie_sec;                                // KRV_SEC_FRAME or KRV_SEC_EH_FRAME
+    uint64_t scie_section_length;                         // bytes to the next record
+    krv_augtype_t scie_augmentation_type;                 // KRV_AUG_NONE: there is no augmentation data
+    void *scie_augmentation_data;                         // the reader's own, or NULL
+    const krv_augmentation_t *scie_augmentation;          // decodes instructions, those of its FDEs too
+    uint64_t scie_decoding;   // equal numbers: decoded from equal bytes, all of them in the window; 0: nothing is known
+    krv_window_t scie_window; // over scie_fd: the record's bytes, as many as were read ahead
+};
+
+// A frame description entry. Free with krv_fde_free.
+struct krv_fde_t {
+    uint64_t sfde_length;           // bytes after the length field
+    uint64_t sfde_pointer;          // to the CIE, as read
+    uint64_t sfde_segment_selector; // always 0
+    uint64_t sfde_target_address;   // first address covered
+    uint64_t sfde_address_range;    // bytes covered
+    uint64_t sfde_cfi_offset;       // of the first instruction, for the CIE's scie_fd
+    uint64_t sfde_cfi_size;         // bytes from there to the end of the record
+    krv_cie_t *sfde_cie;            // owned
+    void *sfde_augmentation_data;   // the reader's own, or NULL
+    uint64_t sfde_section_length;   // bytes to the next record
+    krv_window_t sfde_window;       // as its CIE's
+};
+
+// What a reader does. Offsets are from the start of the section that it serves. Every slot is filled.
+struct krv_reader_ops_t {
+    krv_cie_t *(*sro_gcbo)(krv_handle_t *hp, krv_reader *reader, uint64_t offset);
+    krv_fde_t *(*sro_gfbo)(krv_handle_t *hp, krv_reader *reader, uint64_t offset);
+    // Finds an address in the reader's own index, as krv_get_fde_offset_by_address does. KRV_ERR_UNSUPPORTED: there
+    // is none to be used.
+    int (*sro_gfoba)(krv_handle_t *hp, krv_reader *reader, uint64_t address, uint64_t *taddrp, uint64_t *toffp,
+                     uint64_t *naddrp);
+    void (*sro_cie_free)(krv_cie_t *ciep); // with its augmentation data
+    void (*sro_fde_free)(krv_fde_t *fdep); // likewise; not its CIE
+    void (*sro_destroy_reader)(krv_reader *reader);
+};
+
+struct krv_reader {
+    krv_linear_t *sr_lt; // NULL until an address lookup needs it; published by compare-and-swap
+    const krv_reader_ops_t *sr_ops;
+    void *sr_data; // the reader's own
+};
+typedef krv_reader krv_reader_t;
+
+#endif

@@ -1,0 +1,42 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// A file in memory. Its descriptor is closed at once: files are limited by memory, not by descriptors.
+#ifndef KRV_ELF_FILE_MAPPING_H
+#define KRV_ELF_FILE_MAPPING_H
+
+#include "bytes.h"
+
+#include <string>
+
+namespace krv_elf_loader
+{
+
+class file_mapping
+{
+public:
+    // Throws failure, whose text does not name the file.
+    explicit file_mapping(const std::string &path);
+    ~file_mapping();
+    file_mapping(const file_mapping &) = delete;
+    file_mapping &operator=(const file_mapping &) = delete;
+
+    byte_span bytes() const { return all; }
+
+    // Whether the file became shorter, and a signal handler has put zeros where its bytes are missing.
+    bool was_cut() const;
+
+    // Of a byte that cannot be read since its file became shorter: puts zeros in the place of that page and of all behind
+    // it. False when it is not in a mapped file. For signal handlers: takes no lock and no memory.
+    static bool replace_missing(const void *address);
+
+private:
+    struct place;
+    static place *take_place(byte_span mapped);
+
+    byte_span all;
+    place *registered; // where replace_missing finds the mapping
+};
+
+} // namespace krv_elf_loader
+
+#endif
