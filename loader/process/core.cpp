@@ -115,12 +115,17 @@ public:
     {
     }
 
-    bool read(uint64_t address, void *buf, size_t count) override
+    void take(uint64_t count)
     {
         if (!allowed.take(count))
             throw failure(KRV_ELF_ERR_FORMAT, core_path +
                                                   ": its modules claim more than it and the files that it names "
                                                   "hold, so that no more is read of them");
+    }
+
+    bool read(uint64_t address, void *buf, size_t count) override
+    {
+        take(count);
         return below.read(address, buf, count);
     }
 
@@ -147,8 +152,10 @@ private:
     enum mapped_state { usable, missing, other };
     struct mapped_file {
         mapped_state state = missing;
-        std::string path; // where it is found
-        input_file file;
+        std::string path;    // where it is found
+        std::string problem; // of one that is missing
+        uint64_t size = 0;
+        std::pair<dev_t, ino_t> identity{};
     };
 
     [[noreturn]] void fail(int code, const std::string &text) const;
@@ -166,6 +173,8 @@ private:
     void sort_mappings();
     void find_executable();
     mapped_file &file_of(const mapping &where);
+    void look_at(const mapping &where, mapped_file &entry);
+    const input_file *open_mapped(mapped_file &entry);
     bool same_file(const mapping &where, const input_file &file);
 
     std::string core_path;
@@ -187,6 +196,8 @@ private:
     std::string process_name;
     std::map<std::string, mapped_file> files;  // by recorded path
     std::set<std::pair<dev_t, ino_t>> granted; // the same, each once
+    input_file open_file;                      // one of them at a time: there may be more than may be open
+    const mapped_file *open_entry = nullptr;   // its entry
 };
 
 core_file_source::core_file_source(const std::string &core, const std::string &exe)
@@ -453,30 +464,65 @@ bool core_file_source::same_file(const mapping &where, const input_file &file)
 
 core_file_source::mapped_file &core_file_source::file_of(const mapping &where)
 {
-    const auto known = files.find(where.path);
-    if (known != files.end())
-        return known->second;
-    mapped_file entry;
+    const auto [at, fresh] = files.try_emplace(where.path);
+    if (fresh)
+        look_at(where, at->second);
+    return at->second;
+}
+
+void core_file_source::look_at(const mapping &where, mapped_file &entry)
+{
     entry.path = where.path == recorded_exe && !exe_path.empty() ? exe_path : where.path;
     struct stat st = {};
-    if (!entry.path.empty() && stat(entry.path.c_str(), &st) == 0 && S_ISREG(st.st_mode)) // devices are not opened
-        entry.file = input_file(entry.path);
-    if (entry.file.is_open() && granted.emplace(st.st_dev, st.st_ino).second)
-        allowed.grant(static_cast<uint64_t>(st.st_size));
-    if (entry.file.is_open())
-        entry.state = same_file(where, entry.file) ? usable : other;
-    return files.emplace(where.path, std::move(entry)).first->second;
+    if (stat(entry.path.c_str(), &st) != 0) {
+        entry.problem = std::strerror(errno);
+        return;
+    }
+    if (!S_ISREG(st.st_mode)) { // devices are not opened
+        entry.problem = "not a regular file";
+        return;
+    }
+    entry.size = static_cast<uint64_t>(st.st_size);
+    entry.identity = {st.st_dev, st.st_ino};
+    const input_file *file = open_mapped(entry);
+    if (file == nullptr)
+        return;
+    if (granted.insert(entry.identity).second)
+        allowed.grant(entry.size);
+    entry.state = same_file(where, *file) ? usable : other;
+}
+
+const input_file *core_file_source::open_mapped(mapped_file &entry)
+{
+    if (open_entry == &entry)
+        return &open_file;
+    open_entry = nullptr;
+    open_file = input_file(entry.path);
+    struct stat st = {};
+    if (!open_file.is_open() || fstat(open_file.fd(), &st) != 0) {
+        entry.problem = std::strerror(errno);
+        entry.state = missing;
+        return nullptr;
+    }
+    if (entry.identity != std::pair(st.st_dev, st.st_ino)) {
+        entry.problem = "another file since it was looked at";
+        entry.state = missing;
+        return nullptr;
+    }
+    open_entry = &entry;
+    return &open_file;
 }
 
 std::string core_file_source::locate(const mapping &where)
 {
     const mapped_file &entry = file_of(where);
     if (entry.state == missing)
-        throw failure(KRV_ELF_ERR_NOTFOUND, fmt::format("{}: not found, or not readable", entry.path));
+        throw failure(KRV_ELF_ERR_NOTFOUND, fmt::format("{}: {}", entry.path, entry.problem));
     if (entry.state == other)
         throw failure(KRV_ELF_ERR_NOTFOUND,
                       fmt::format("{}: not the file that {} speaks of (its build-id or its program headers differ)",
                                   entry.path, core_path));
+    metered.take(entry.size); // who reads symbols and lines of it may read all of it, for each module
     return entry.path;
 }
 
@@ -485,10 +531,10 @@ size_t core_file_source::read_mapped(uint64_t address, void *buf, size_t count)
     const mapping *m = find_mapping(maps, address);
     if (m == nullptr || m->path.empty())
         return 0;
-    const mapped_file &entry = file_of(*m);
+    mapped_file &entry = file_of(*m);
     const auto piece = static_cast<size_t>(std::min<uint64_t>(count, m->end - address));
-    const bool read = entry.state == usable && entry.file.read(m->offset + (address - m->start), buf, piece);
-    return read ? piece : 0;
+    const input_file *file = entry.state == usable ? open_mapped(entry) : nullptr;
+    return file != nullptr && file->read(m->offset + (address - m->start), buf, piece) ? piece : 0;
 }
 
 std::string core_file_source::why_unreadable(uint64_t address)
@@ -500,14 +546,11 @@ std::string core_file_source::why_unreadable(uint64_t address)
     const mapping *m = find_mapping(maps, address);
     if (m == nullptr || m->path.empty())
         return ", since the core file does not have it";
-    switch (file_of(*m).state) {
-    case missing:
-        return fmt::format(", since {} is not found, or not readable", m->path);
-    case other:
-        return fmt::format(", since {} is another file than was mapped", m->path);
-    default:
+    const mapped_file &entry = file_of(*m);
+    if (entry.state == usable)
         return "";
-    }
+    return fmt::format(", since the core file does not have it, and {}: {}", entry.path,
+                       entry.state == missing ? entry.problem : "another file than was mapped");
 }
 
 bool core_file_source::read(uint64_t address, void *buf, size_t count)
