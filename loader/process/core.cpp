@@ -5,6 +5,7 @@
 #include "process/source.h"
 
 #include "failure.h"
+#include "file_mapping.h"
 #include "notes.h"
 #include "page.h"
 #include "process/image.h"
@@ -152,10 +153,9 @@ private:
     enum mapped_state { usable, missing, other };
     struct mapped_file {
         mapped_state state = missing;
-        std::string path;    // where it is found
-        std::string problem; // of one that is missing
-        uint64_t size = 0;
-        std::pair<dev_t, ino_t> identity{};
+        std::string path;                   // where it is found
+        std::unique_ptr<file_mapping> file; // which keeps no descriptor: a process may have mapped thousands
+        std::string problem = "not found, or not readable";
     };
 
     [[noreturn]] void fail(int code, const std::string &text) const;
@@ -173,9 +173,7 @@ private:
     void sort_mappings();
     void find_executable();
     mapped_file &file_of(const mapping &where);
-    void look_at(const mapping &where, mapped_file &entry);
-    const input_file *open_mapped(mapped_file &entry);
-    bool same_file(const mapping &where, const input_file &file);
+    bool same_file(const mapping &where, byte_span file);
 
     std::string core_path;
     std::string exe_path;     // the caller's, or ""
@@ -196,8 +194,6 @@ private:
     std::string process_name;
     std::map<std::string, mapped_file> files;  // by recorded path
     std::set<std::pair<dev_t, ino_t>> granted; // the same, each once
-    input_file open_file;                      // one of them at a time: there may be more than may be open
-    const mapped_file *open_entry = nullptr;   // its entry
 };
 
 core_file_source::core_file_source(const std::string &core, const std::string &exe)
@@ -440,13 +436,13 @@ register_set core_file_source::registers(int tid)
 
 // Whether a file can be the one that was mapped: its program headers, and its build-id where both have one, are those
 // that were dumped. Where the first page was not dumped there is nothing to compare.
-bool core_file_source::same_file(const mapping &where, const input_file &file)
+bool core_file_source::same_file(const mapping &where, byte_span file)
 {
     const auto at = first_of.find(where.path);
     if (at == first_of.end())
         return true;
     const mapping &first = maps[at->second];
-    file_memory bytes(file);
+    mapped_memory bytes(file);
     metered_memory found(bytes, allowed, core_path), dump(*dumped, allowed, core_path);
     const auto has = read_elf_image(found, 0);
     const auto had = read_elf_image(dump, first.start);
@@ -464,53 +460,25 @@ bool core_file_source::same_file(const mapping &where, const input_file &file)
 
 core_file_source::mapped_file &core_file_source::file_of(const mapping &where)
 {
-    const auto [at, fresh] = files.try_emplace(where.path);
-    if (fresh)
-        look_at(where, at->second);
-    return at->second;
-}
-
-void core_file_source::look_at(const mapping &where, mapped_file &entry)
-{
+    const auto known = files.find(where.path);
+    if (known != files.end())
+        return known->second;
+    mapped_file entry;
     entry.path = where.path == recorded_exe && !exe_path.empty() ? exe_path : where.path;
     struct stat st = {};
-    if (stat(entry.path.c_str(), &st) != 0) {
-        entry.problem = std::strerror(errno);
-        return;
+    if (!entry.path.empty() && stat(entry.path.c_str(), &st) == 0 && S_ISREG(st.st_mode)) { // devices are not opened
+        try {
+            entry.file = std::make_unique<file_mapping>(entry.path);
+        } catch (const failure &f) {
+            entry.problem = fmt::format("not readable: {}", f.what());
+            note(fmt::format("{}: {}", entry.path, entry.problem));
+        }
     }
-    if (!S_ISREG(st.st_mode)) { // devices are not opened
-        entry.problem = "not a regular file";
-        return;
-    }
-    entry.size = static_cast<uint64_t>(st.st_size);
-    entry.identity = {st.st_dev, st.st_ino};
-    const input_file *file = open_mapped(entry);
-    if (file == nullptr)
-        return;
-    if (granted.insert(entry.identity).second)
-        allowed.grant(entry.size);
-    entry.state = same_file(where, *file) ? usable : other;
-}
-
-const input_file *core_file_source::open_mapped(mapped_file &entry)
-{
-    if (open_entry == &entry)
-        return &open_file;
-    open_entry = nullptr;
-    open_file = input_file(entry.path);
-    struct stat st = {};
-    if (!open_file.is_open() || fstat(open_file.fd(), &st) != 0) {
-        entry.problem = std::strerror(errno);
-        entry.state = missing;
-        return nullptr;
-    }
-    if (entry.identity != std::pair(st.st_dev, st.st_ino)) {
-        entry.problem = "another file since it was looked at";
-        entry.state = missing;
-        return nullptr;
-    }
-    open_entry = &entry;
-    return &open_file;
+    if (entry.file != nullptr && granted.emplace(st.st_dev, st.st_ino).second)
+        allowed.grant(static_cast<uint64_t>(st.st_size));
+    if (entry.file != nullptr)
+        entry.state = same_file(where, entry.file->bytes()) ? usable : other;
+    return files.emplace(where.path, std::move(entry)).first->second;
 }
 
 std::string core_file_source::locate(const mapping &where)
@@ -522,7 +490,7 @@ std::string core_file_source::locate(const mapping &where)
         throw failure(KRV_ELF_ERR_NOTFOUND,
                       fmt::format("{}: not the file that {} speaks of (its build-id or its program headers differ)",
                                   entry.path, core_path));
-    metered.take(entry.size); // who reads symbols and lines of it may read all of it, for each module
+    metered.take(entry.file->bytes().size()); // who reads its symbols and lines may read all of it, for each module
     return entry.path;
 }
 
@@ -531,10 +499,11 @@ size_t core_file_source::read_mapped(uint64_t address, void *buf, size_t count)
     const mapping *m = find_mapping(maps, address);
     if (m == nullptr || m->path.empty())
         return 0;
-    mapped_file &entry = file_of(*m);
+    const mapped_file &entry = file_of(*m);
     const auto piece = static_cast<size_t>(std::min<uint64_t>(count, m->end - address));
-    const input_file *file = entry.state == usable ? open_mapped(entry) : nullptr;
-    return file != nullptr && file->read(m->offset + (address - m->start), buf, piece) ? piece : 0;
+    if (entry.state != usable)
+        return 0;
+    return mapped_memory(entry.file->bytes()).read(m->offset + (address - m->start), buf, piece) ? piece : 0;
 }
 
 std::string core_file_source::why_unreadable(uint64_t address)
@@ -549,7 +518,7 @@ std::string core_file_source::why_unreadable(uint64_t address)
     const mapped_file &entry = file_of(*m);
     if (entry.state == usable)
         return "";
-    return fmt::format(", since the core file does not have it, and {}: {}", entry.path,
+    return fmt::format(", since the core file does not have it, and {} is {}", entry.path,
                        entry.state == missing ? entry.problem : "another file than was mapped");
 }
 

@@ -57,6 +57,14 @@ bool live_memory::read(uint64_t address, void *buf, size_t count)
     return mem.is_open() && mem.read(address, buf, count);
 }
 
+bool mapped_memory::read(uint64_t address, void *buf, size_t count)
+{
+    if (address > all.size() || count > all.size() - address)
+        return false;
+    std::copy_n(all.data() + address, count, static_cast<uint8_t *>(buf));
+    return true;
+}
+
 const page_cache::page *page_cache::find(uint64_t number)
 {
     if (last != nullptr && number == last_number)

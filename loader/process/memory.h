@@ -5,6 +5,7 @@
 #ifndef KRV_PROC_MEMORY_H
 #define KRV_PROC_MEMORY_H
 
+#include "bytes.h"
 #include "page.h"
 
 #include <array>
@@ -73,6 +74,17 @@ public:
 
 private:
     const input_file &source;
+};
+
+// Bytes that are mapped here, as if they were at address 0.
+class mapped_memory : public memory
+{
+public:
+    explicit mapped_memory(byte_span bytes) : all(bytes) {}
+    bool read(uint64_t address, void *buf, size_t count) override;
+
+private:
+    byte_span all;
 };
 
 // Keeps pages of a memory that does not change, because it is read in pieces of a few bytes.

@@ -22,7 +22,8 @@ struct core32 {
     std::string program = target_path("frames32");
     uint32_t pc = 0, ebp = sp + 44;
     bytes stack_bytes = {};
-    uint32_t note_size = 0; // of NT_FILE as it claims; 0: as it has
+    bool files_of_pages = false; // by a name of its own for each page of the program
+    uint32_t note_size = 0;      // of NT_FILE as it claims; 0: as it has
 
     core32() { EXPECT_TRUE(load()); }
 
@@ -48,7 +49,8 @@ struct core32 {
         files.u32(3).u32(4096); // the first three pages of the file
         for (uint32_t page = 0; page < 3; ++page)
             files.u32(bias + page * 4096).u32(bias + (page + 1) * 4096).u32(page);
-        files.cstr(program).cstr(program).cstr(program);
+        for (size_t page = 0; page < 3; ++page)
+            files.cstr(std::string(files_of_pages ? page : 0, '/') + program);
         const bytes notes = note(NT_PRSTATUS, status) + note(NT_AUXV, auxv) + note(NT_FILE, files, note_size);
 
         const auto notes_at = static_cast<uint32_t>(sizeof(Elf32_Ehdr) + 2 * sizeof(Elf32_Phdr));

@@ -208,6 +208,19 @@ protected:
         EXPECT_NE(proc, nullptr) << error.message;
         return proc == nullptr ? walked{} : walk_thread(proc.get(), 4711);
     }
+
+    static std::string notes(krv_proc_t *proc)
+    {
+        std::string all;
+        korva_proc_iter_notes(
+            proc,
+            [](krv_proc_t *, const char *text, void *arg) {
+                *static_cast<std::string *>(arg) += text;
+                return 0;
+            },
+            &all);
+        return all;
+    }
 };
 
 TEST_F(CoreFile32, IsWalkedOnA64BitSystem)
@@ -276,16 +289,37 @@ TEST_F(CoreFile32, WalksEndForTheReasonTheyGive)
     const proc_ptr cut = open(write("cut", whole.data(), whole.size() - 106));
     ASSERT_NE(cut, nullptr) << error.message;
     EXPECT_EQ(walk_thread(cut.get(), 4711).end.message, missing + "was cut short");
-    std::string note;
-    korva_proc_iter_notes(
-        cut.get(),
-        [](krv_proc_t *, const char *text, void *arg) {
-            *static_cast<std::string *>(arg) += text;
-            return 0;
-        },
-        &note);
-    EXPECT_EQ(note,
+    EXPECT_EQ(notes(cut.get()),
               text("%s: cut short: it has %zu of %zu bytes", (dir / "cut").c_str(), whole.size() - 106, whole.size()));
+}
+
+// Files take no descriptors; when there are none left to open one, that is the reason given.
+TEST_F(CoreFile32, OfMoreFilesThanDescriptors)
+{
+    core32 core;
+    core.files_of_pages = true;
+    const bytes b = core.build();
+    rlimit limit = {};
+    getrlimit(RLIMIT_NOFILE, &limit);
+    const rlimit old = limit;
+    for (const rlim_t left : {2, 1}) { // the core file itself keeps one
+        const int lowest = dup(0);
+        close(lowest);
+        limit.rlim_cur = static_cast<rlim_t>(lowest) + left;
+        const std::string path = write("files", b.data(), b.size());
+        setrlimit(RLIMIT_NOFILE, &limit);
+        const proc_ptr proc = open(path);
+        unsigned seen = 0;
+        for (uint32_t page = 0; proc != nullptr && page < 3; ++page) {
+            uint8_t byte = 0;
+            seen += korva_proc_read(proc.get(), &byte, 1, core32::bias + page * 4096) == 1 ? 1 : 0;
+        }
+        setrlimit(RLIMIT_NOFILE, &old);
+        ASSERT_NE(proc, nullptr) << error.message;
+        EXPECT_EQ(seen, left == 2 ? 3U : 0U);
+        const std::string told = core.program + ": not readable: Too many open files";
+        EXPECT_EQ(notes(proc.get()), left == 2 ? "" : told + "/" + told + "//" + told);
+    }
 }
 
 TEST_F(CoreFile32, WithAbsurdSizes)
