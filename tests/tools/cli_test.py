@@ -254,9 +254,17 @@ def test_stack(korva, folder):
         while ') S ' not in open(f'/proc/{pid}/stat', encoding='ascii').read():  # on its way
             pass
         try:
-            korva.expect(['stack', '-p', pid, '-n', '2'], 1,
-                         r'thread \d+ \(\S+\)\n(#\d [^\n]*\n){2}     end: [^\n]*\n', r'(korva: [^\n]*\n)*')
+            korva.expect(['stack', '-p', pid, '-qsn', '2'], 0,
+                         r'thread \d+ \(sleep\), sleeping\n(#\d [^\n]*\n){2}     end: more than 2 frames\n', '')
+            korva.expect(['stack', '-p', pid, '-ran', '1'], 0, r'.*\n     rax    0x[0-9a-f]{16}  rbx .*\n#0 .*',
+                         r'korva: no frame has arguments: [^\n]*\n(korva: [^\n]*\n)?')
             korva.expect(['stack', '-p', pid, '--tid', '1'], 2, '', 'korva: no thread 1\n')
+            frame = json.loads(korva.run('stack', '-p', pid, '-q', '--format=jsonl').out)['frames'][0]
+            section = re.search(r' \.text +PROGBITS +0*([0-9a-f]+) 0*([0-9a-f]+) ', answer_of('readelf', '-SW', frame['module']))
+            if int(frame['address'], 16) - int(frame['file_offset'], 16) != int(section[1], 16) - int(section[2], 16):
+                fail(f'{frame} is not at its place in {section[0]}')
+            if f'Build ID: {frame["build_id"]}\n' not in answer_of('readelf', '-n', frame['module']):
+                fail(f'{frame} has another build-id')
         finally:
             process.kill()
     text = os.path.join(folder, 'text')
@@ -266,7 +274,9 @@ def test_stack(korva, folder):
             (['--core', korva.path], 2, f'korva: {re.escape(korva.path)}: .*core.*\n'),
             ([], 64, 'korva: .*give either -p PID or --core CORE\n.*'),
             (['-p', pid, '--core', text], 64, 'korva: .*\n'),
-            (['-p', '-3'], 64, 'korva: .*\n')):
+            (['-p', '-3'], 64, 'korva: .*\n'),
+            *((['-p', none], 64, f'korva: --pid: {none} is no number of a process or thread\nTry .*')
+              for none in ('0', 'abc', '99999999999'))):
         korva.expect(['stack', *arguments], status, '', err)
 
 
