@@ -5,7 +5,6 @@
 // is well again the same handle answers as if nothing had happened.
 #include "krv_error.h"
 #include "krv_frame.h"
-#include "krv_hash.h"
 #include "krv_no_frame.h"
 #include "support/allocations.h"
 #include "support/scenarios.h"
@@ -122,28 +121,6 @@ TEST(Faults, EveryAllocationFailsOnce)
           "NOMEM: couldn't add dynamically-defined file c.c | error processing opcode 3 (DW_LNE_define_file)",
           "NOMEM: couldn't create temporary table for canonical address calculation | error calculating canonical"})
         EXPECT_NE(seen.find(message), std::string::npos) << message;
-}
-
-TEST(Faults, HashTableThatCannotGrow)
-{
-    handle h;
-    const std::unique_ptr<krv_hash_t, decltype(&krv_hash_destroy)> table(krv_hash_create(h, 0, KRV_HASH_UINT64),
-                                                                         krv_hash_destroy);
-    const auto insert = [&](uint64_t n) {
-        const krv_hash_key_t key = {.dwhk_u = n};
-        return krv_hash_insert(h, table.get(), &key, table.get()) != nullptr;
-    };
-    for (uint64_t n = 0; n < 20; ++n) {
-        allocations = 0;
-        fail_at = 1;
-        const bool fitted = insert(n);
-        fail_at = 0;
-        // Entries come half as many at a time as there are buckets; buckets double when more than half of them are taken.
-        EXPECT_EQ(fitted, n != 0 && n != 8 && n != 16 && n != 9 && n != 17) << n;
-        EXPECT_EQ(h.error(), fitted ? "NONE" : "NOMEM");
-        EXPECT_TRUE(fitted || insert(n)) << n;
-        krv_clear_error(h);
-    }
 }
 
 // What a failed read says may be overlaid by what its absence means: an entry without children, a record of no kind.
