@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "krv_lookup.h"
 
+#include "krv_build.h"
 #include "krv_dwarf.h"
 #include "krv_error.h"
 #include "krv_mem.h"
@@ -160,17 +161,16 @@ int krv_lookup_cu_populate_aranges(krv_handle_t *hp, krv_arh_t *arhp, void *)
 // Applies .debug_aranges to the units, once per handle. 0, or -1, and then the next query tries again.
 static int apply_aranges(krv_handle_t *hp)
 {
-    {
-        const krv_read_guard guard(&hp->sh_rwlock);
-        if ((hp->sh_init_flags & KRV_INIT_ARANGES) != 0)
-            return 0;
-    }
-    const krv_write_guard guard(&hp->sh_rwlock);
+    if ((krv_load(&hp->sh_init_flags) & KRV_INIT_ARANGES) != 0)
+        return 0;
+    const krv_build_guard guard(hp);
+    if (guard.is_nested())
+        return guard.refuse();
     if ((hp->sh_init_flags & KRV_INIT_ARANGES) != 0)
         return 0;
     if (krv_iter_aranges_header(hp, krv_lookup_cu_populate_aranges, nullptr) == -1)
         return -1;
-    hp->sh_init_flags |= KRV_INIT_ARANGES; // also when a set ended the walk early
+    krv_store(&hp->sh_init_flags, hp->sh_init_flags | KRV_INIT_ARANGES); // also when a set ended the walk early
     return 0;
 }
 

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "krv_units.h"
 
+#include "krv_build.h"
 #include "krv_abbrev.h"
 #include "krv_error.h"
 #include "krv_fd.h"
@@ -108,7 +109,9 @@ int krv_lookup_build_cu_caches(krv_handle_t *hp)
     if (krv_load(&hp->sh_cu_table) != nullptr)
         return 0;
     table_builder t(hp);
-    const krv_write_guard guard(&hp->sh_rwlock);
+    const krv_build_guard guard(hp);
+    if (guard.is_nested())
+        return guard.refuse();
     if (hp->sh_cu_table != nullptr)
         return 0;
     if (!read_units(&t) || !hash_units(&t))

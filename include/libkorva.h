@@ -37,7 +37,10 @@
  *     handles are independent, also when they share the bytes of their sections. Records handed out are read-only
  *     and may be read from any thread. The library starts no thread.
  *  5. Call-backs of walks return 0 to continue; any other value stops the walk and is what the walk returns. A
- *     call-back may query the handle it was given; it must not free that handle, throw, or jump out.
+ *     call-back may query the handle it was given; it must not free that handle, throw, or jump out. So may the read
+ *     call-backs and the debug call-back, during the query that they serve; but what this query is building at that
+ *     moment under the handle's lock, the unit table or the ranges of .debug_aranges, cannot be asked for: that fails
+ *     with KRV_ERR_INVALID and a message. One that asks whenever it is called asks for ever.
  *  6. What is refused. Memory and time follow the size of the sections. Input in which bytes count many times over is
  *     refused with KRV_ERR_CORRUPT and a message, and no compiler writes it. With I and S the bytes of .debug_info and
  *     .debug_str and A those of .debug_abbrev: abbreviation tables that overlap, once all that were read have more
