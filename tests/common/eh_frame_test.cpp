@@ -76,19 +76,9 @@ TEST(EhFrame, PointerEncodings)
     for (const auto target : both_targets) {
         const size_t address = target == I386 ? 4 : 8;
         const size_t widths[16] = {address, 3, 2, 4, 8, 0, 0, 0, 0, 3, 2, 4, 8}; // 0: no such format
-        const uint64_t values[16] = {target == I386 ? 0xf54483f0 : word,
-                                     0x1101f0,
-                                     0x83f0,
-                                     0xf54483f0,
-                                     word,
-                                     0,
-                                     0,
-                                     0,
-                                     0,
-                                     0xfffffffffff101f0,
-                                     0xffffffffffff83f0,
-                                     0xfffffffff54483f0,
-                                     word};
+        const uint64_t first = target == I386 ? 0xf54483f0 : word, s3 = 0xfffffffffff101f0, s2 = 0xffffffffffff83f0;
+        const uint64_t s4 = 0xfffffffff54483f0;
+        const uint64_t values[16] = {first, 0x1101f0, 0x83f0, 0xf54483f0, word, 0, 0, 0, 0, s3, s2, s4, word};
         for (unsigned encoding = 0; encoding < 256; ++encoding) {
             const unsigned format = encoding & 0xf, base = encoding & 0xf0;
             const size_t width = widths[format];

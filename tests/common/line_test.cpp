@@ -77,9 +77,7 @@ std::string to_text(const handle &h, const krv_lnp_t *lnpp)
 
 } // namespace
 
-// ---------------------------------------------------------------------------------------------------------------
 // Headers
-// ---------------------------------------------------------------------------------------------------------------
 
 TEST(Line, HeaderFields)
 {
@@ -214,9 +212,7 @@ TEST(Line, Paths)
     }
 }
 
-// ---------------------------------------------------------------------------------------------------------------
 // Programs
-// ---------------------------------------------------------------------------------------------------------------
 
 TEST(Line, Matrices)
 {
@@ -418,9 +414,7 @@ TEST(Line, UnitsOfOneProgram)
     }
 }
 
-// ---------------------------------------------------------------------------------------------------------------
 // Lookup and fields
-// ---------------------------------------------------------------------------------------------------------------
 
 TEST(Line, Lookup)
 {
@@ -464,10 +458,6 @@ TEST(Line, Lookup)
         EXPECT_EQ(korva_lns_get_canonical_address(t.h, r, &canonical), r == nullptr ? -1 : 0);
         EXPECT_TRUE(r == nullptr || canonical == r->slns_u.slnsu_c_address + row.bias);
     }
-    lines t("at 100 copy pc 8 end");
-    t.matrix()->slnp_lnbp[0].slnb_end_index = 0; // no program leads to such a sequence
-    EXPECT_TRUE(refuses(t.h, korva_lookup_source_by_cu_and_addr(t.h, t.cu, 0x100, 8, 0x104, 0),
-                        "CORRUPT: corrupt line number sequence in rows 0--0for address 0x104"));
 }
 
 TEST(Line, Fields)
@@ -501,6 +491,8 @@ TEST(Line, Fields)
                                &u64[1], KRV_FIELD_LNFE_SIZE, &u64[2]),
               0);
     EXPECT_EQ(text("%s %s %lu %lu %lu", path[0], path[1], u64[0], u64[1], u64[2]), "/build/src/a.c a.c 1 2 3");
+    EXPECT_EQ(korva_lnfe_get_mtime(t.h, files[0], &u64[3]) + korva_lnfe_get_size(t.h, files[0], &u64[4]), 0);
+    EXPECT_TRUE(u64[3] == 2 && u64[4] == 3);
 
     // A matrix gives columns, a row one element of each; the rows tell every flag from every other.
     uint64_t address[3], canonical[3];
@@ -584,15 +576,6 @@ TEST(Line, FieldFailures)
     EXPECT_TRUE(kept == 77 && none == lnp);
     EXPECT_EQ(korva_lns_get_line(t.h, row, nullptr) + korva_lns_get_es(t.h, row, nullptr), -2);
     EXPECT_EQ(korva_handle_get_errno(t.h), KRV_ERR_INVALID);
-}
-
-TEST(Line, FactsOfAFile)
-{
-    lines t(line_unit{.dirs = {"gen"}, .files = {{"a.c", 1, 7, 9}}}.build());
-    krv_lnfe_t *file = t.header()->sln_files[0];
-    uint64_t mtime = 0, size = 0;
-    EXPECT_EQ(korva_lnfe_get_mtime(t.h, file, &mtime) + korva_lnfe_get_size(t.h, file, &size), 0);
-    EXPECT_TRUE(mtime == 7 && size == 9) << mtime << " " << size;
 }
 
 // A program that nobody watches, from memory, goes another way for most of its opcodes: to the same rows, or the same failure.
