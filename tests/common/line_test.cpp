@@ -2,6 +2,8 @@
 //
 // Line numbers: headers, programs, source lookup, and access to fields.
 #include "krv_line.h"
+
+#include "korva.hpp"
 #include "krv_names.h"
 #include "support/handle.h"
 #include "support/sections.h"
@@ -384,20 +386,13 @@ TEST(Line, UnitsOfOneProgram)
                                    unit{.dies = bytes().u8(1).u8(0).cstr("/b")}.build() +
                                    unit{.dies = bytes().u8(2).u8(0)}.build());
         h.attach(KRV_SEC_LINE, row.before);
-        std::vector<krv_ctu_t *> units;
-        korva_iter_cu(
-            h, KRV_SEC_INFO,
-            [](krv_handle_t *, krv_ctu_t *cu, void *arg) {
-                static_cast<std::vector<krv_ctu_t *> *>(arg)->push_back(cu);
-                return 0;
-            },
-            &units);
+        const auto units = korva::handle_view(h).units();
         ASSERT_EQ(units.size(), 4U);
         std::vector<const void *> headers;
         for (size_t i = 0; i < 4; ++i) {
-            krv_lns_t *r = korva_lookup_source_by_cu_and_addr(h, units[i], 0, MAX, 0x402, 0);
+            krv_lns_t *r = korva_lookup_source_by_cu_and_addr(h, units[i].get(), 0, MAX, 0x402, 0);
             ASSERT_NE(r, nullptr) << h.error();
-            krv_lnph_t *header = korva_line_get_cu_lnph(h, units[i]);
+            krv_lnph_t *header = korva_line_get_cu_lnph(h, units[i].get());
             char *path = nullptr, copy[20];
             EXPECT_EQ(korva_get_fields(h, KRV_STRUCT_LNFE, r->slns_filep, 1, KRV_FIELD_LNFE_ABSOLUTE_PATH, &path), 0);
             EXPECT_EQ(korva_lnfe_get_path(h, r->slns_filep, copy, sizeof(copy), B_TRUE), 0);
@@ -407,7 +402,7 @@ TEST(Line, UnitsOfOneProgram)
             EXPECT_EQ(std::count(headers.begin(), headers.end(), header), 0);
             headers.push_back(header);
             if (i == 0) {
-                korva_line_get_cu_lnph(h, units[1]);
+                korva_line_get_cu_lnph(h, units[1].get());
                 h.attach(KRV_SEC_LINE, row.after);
             }
         }

@@ -275,6 +275,20 @@ TEST(Lookup, UnitOfAnAddressSaysWhyNot)
                         "CORRUPT: reserved value (0xfffffff1) in 4-byte unit_length"));
 }
 
+TEST(Lookup, ASetThatNamesNoUnitIsReported)
+{
+    const std::string set = ": .debug_aranges header at offset 0x0 identifies with non-existent CU at offset 0x7.";
+    for (const auto &[flags, error] : {std::pair{KRV_LOOKUP_F_FAST, "NONE" + set},
+                                       {KRV_LOOKUP_F_NONE, "NOTFOUND" + set + " | DIE has no children"}}) {
+        handle h;
+        h.attach(KRV_SEC_ABBREV, abbrevs("1 compile_unit")).attach(KRV_SEC_INFO, unit{.dies = bytes().u8(1)}.build());
+        h.attach(KRV_SEC_ARANGES, aranges_set{.info_offset = 7}.build());
+        krv_ctu_t *cu = korva_lookup_ctu_by_start_offset(h, KRV_SEC_INFO, 0);
+        EXPECT_FALSE(korva_cu_contains_addr(h, cu, 0x400, flags));
+        EXPECT_EQ(h.error(), error);
+    }
+}
+
 TEST(Lookup, EverythingIsReadOnce)
 {
     handle h;

@@ -10,8 +10,24 @@
 namespace korva::program
 {
 
+static kept_diagnostics *s_keeper = nullptr;
+
+kept_diagnostics::kept_diagnostics()
+{
+    s_keeper = this;
+}
+
+kept_diagnostics::~kept_diagnostics()
+{
+    s_keeper = nullptr;
+}
+
 void diagnose(std::string_view text)
 {
+    if (s_keeper != nullptr) {
+        s_keeper->texts.emplace_back(text);
+        return;
+    }
     std::fflush(stdout); // should that fail, the next write says so
     progress::erase();
     fmt::print(stderr, "korva: {}\n", printable(text));

@@ -12,6 +12,7 @@
 #include <stdexcept>
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace korva::program
 {
@@ -37,6 +38,18 @@ struct broken_pipe : std::exception {
 
 /** Prints one diagnostic, "korva: TEXT". Answers written before it are flushed first. */
 void diagnose(std::string_view text);
+
+/** While it lives, diagnostics are kept in it, in place of being printed. One at a time. */
+class kept_diagnostics
+{
+public:
+    kept_diagnostics();
+    ~kept_diagnostics();
+    kept_diagnostics(const kept_diagnostics &) = delete;
+    kept_diagnostics &operator=(const kept_diagnostics &) = delete;
+
+    std::vector<std::string> texts{};
+};
 
 /** @p text without what would break a line or a terminal: control bytes become \xNN, all others stay. */
 std::string printable(std::string_view text);

@@ -206,13 +206,7 @@ protected:
     static std::string notes(krv_proc_t *proc)
     {
         std::string all;
-        korva_proc_iter_notes(
-            proc,
-            [](krv_proc_t *, const char *text, void *arg) {
-                *static_cast<std::string *>(arg) += text;
-                return 0;
-            },
-            &all);
+        each(korva_proc_iter_notes, proc, [&](const char *text) { all += text; });
         return all;
     }
 };

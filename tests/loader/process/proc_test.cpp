@@ -249,7 +249,7 @@ TEST_F(Process, ModulesAreThoseMapped)
     EXPECT_EQ(info.exe, target_path("target_o2"));
 }
 
-TEST_F(Process, DeletedFileIsStillTheOneMapped)
+TEST_F(Process, LetGoKeepsWhatWasLearnt)
 {
     const fs::path copy = fs::temp_directory_path() / ("korva-deleted-" + std::to_string(getpid()));
     fs::copy_file(target_path("target_o2"), copy);
@@ -263,12 +263,19 @@ TEST_F(Process, DeletedFileIsStillTheOneMapped)
     ASSERT_NE(main, nullptr);
     EXPECT_EQ(main->path, copy);
     EXPECT_NE(main->flags & KRV_PROC_MODULE_F_DELETED, 0U);
+    EXPECT_EQ(walk_thread(proc.get(), target.pid()).end.reason, KRV_PROC_END_OUTERMOST);
+    EXPECT_EQ(korva_proc_thread_state(proc.get(), target.pid()), 'S');
+    korva_proc_release(proc.get());
+    EXPECT_TRUE(target.wait_for_state('S'));
+    EXPECT_EQ(status_of(target.pid(), "TracerPid"), "0");
+    EXPECT_EQ(walk_thread(proc.get(), target.pid()).end.reason, KRV_PROC_END_ERROR);
+    kill(target.pid(), SIGKILL); // the file is open, which only the process led to
+    ASSERT_TRUE(target.wait_for_state('Z'));
     krv_elf_t *elf = korva_proc_module_elf(proc.get(), main, &error);
     if (elf != nullptr)
         EXPECT_NE(korva_elf_lookup_symbol_by_name(elf, "main"), nullptr);
     else // without the privilege for the system's own link to it
         EXPECT_NE(std::string(error.message).find("no longer there"), std::string::npos) << error.message;
-    EXPECT_EQ(walk_thread(proc.get(), target.pid()).end.reason, KRV_PROC_END_OUTERMOST);
     fs::remove(copy);
 }
 
