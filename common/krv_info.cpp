@@ -81,39 +81,41 @@ namespace
 
 // A string attribute of a unit's first entry, as long as it will be kept. NULL: absent.
 struct unit_name {
+    bool
+        is_copied; // line-number headers keep the pointer, also when the section is replaced; else only where it is cut
     const char *text = nullptr;
     size_t length = 0;
-    char *shared = nullptr; // what another unit keeps of the same text
-    size_t copied() const { return text == nullptr || shared != nullptr || text[length] == '\0' ? 0 : length + 1; }
+    char *shared = nullptr; // the same text, as the unit before keeps it
+
+    bool has_copy() const { return text != nullptr && shared == nullptr && (is_copied || text[length] != '\0'); }
+    size_t size() const { return has_copy() ? length + 1 : 0; } // of the copy
 };
 
 } // namespace
 
-static bool find_name(krv_handle_t *hp, krv_die_t *die, krv_attribute_t attr, unit_name *name)
+// False: it is no string.
+static bool find_name(krv_handle_t *hp, krv_die_t *die, krv_attribute_t attr, const char *before, unit_name *name)
 {
     name->text = krv_find_die_string(hp, die, attr, KRV_STRING_BUFSZ, &name->length);
-    return name->text != nullptr || hp->sh_errno == KRV_ERR_NOTFOUND;
+    if (name->text == nullptr)
+        return hp->sh_errno == KRV_ERR_NOTFOUND;
+    if (before != nullptr && name->has_copy() && std::strncmp(before, name->text, name->length) == 0 &&
+        before[name->length] == '\0')
+        name->shared = const_cast<char *>(before);
+    return true;
 }
 
-// Shares a name that is cut with the unit before, if that has cut it, too.
-static void share_name(krv_handle_t *hp, const krv_ctu_t *before, krv_attribute_t attr, char *kept, unit_name *name)
-{
-    unit_name other;
-    if (name->copied() != 0 && find_name(hp, before->dcu_compile_unit, attr, &other) && other.text == name->text)
-        name->shared = kept;
-}
-
-// The text itself, since the entry lives as long as the unit, or where it is cut a copy, put where there is room for it.
-// Returns what is behind.
+// The text itself, since the entry lives as long as the unit, or a copy where there is room for it. Returns what is
+// behind.
 static char *keep_name(const unit_name *name, char *to, char **keptp)
 {
-    const size_t size = name->copied();
-    *keptp = size != 0 ? to : name->shared != nullptr ? name->shared : const_cast<char *>(name->text);
-    if (size == 0)
+    *keptp = name->shared != nullptr ? name->shared : const_cast<char *>(name->text);
+    if (!name->has_copy())
         return to;
-    std::memcpy(to, name->text, size - 1);
-    to[size - 1] = '\0';
-    return to + size;
+    std::memcpy(to, name->text, name->length);
+    to[name->length] = '\0';
+    *keptp = to;
+    return to + name->size();
 }
 
 // A copy of an abbreviation that stands by itself. `to` has room for it and its pairs.
@@ -125,23 +127,20 @@ static krv_abbrev_t *copy_abbrev(const krv_abbrev_t *abbrev, krv_abbrev_t *to)
     return to;
 }
 
-// The unit in an allocation of its own, with names that are cut and, when it is *single, the abbreviation of its first
+// The unit in an allocation of its own, with names that are copied and, when it is *single, the abbreviation of its first
 // entry; or NULL. Takes over the entry when it succeeds.
 static krv_ctu_t *keep_unit(krv_handle_t *hp, const krv_ctu_t *cu, const krv_single_abbrev_t *single,
                             const krv_ctu_t *before)
 {
     krv_die_t *die = cu->dcu_compile_unit;
-    unit_name comp_dir, name;
-    if (!find_name(hp, die, DW_AT_comp_dir, &comp_dir) || !find_name(hp, die, DW_AT_name, &name))
+    unit_name comp_dir{.is_copied = true}, name{.is_copied = false};
+    if (!find_name(hp, die, DW_AT_comp_dir, before == nullptr ? nullptr : before->dcu_comp_dir, &comp_dir) ||
+        !find_name(hp, die, DW_AT_name, before == nullptr ? nullptr : before->dcu_name, &name))
         return nullptr;
-    if (before != nullptr) {
-        share_name(hp, before, DW_AT_comp_dir, before->dcu_comp_dir, &comp_dir);
-        share_name(hp, before, DW_AT_name, before->dcu_name, &name);
-    }
     const bool by_itself = die->dwdie_abbrev_cache == &single->ssa_abbrev;
     const size_t abbrev_size =
         by_itself ? sizeof(krv_abbrev_t) + single->ssa_abbrev.dwa_nafpairs * sizeof(krv_afpair_t) : 0;
-    const size_t names_size = comp_dir.copied() + name.copied();
+    const size_t names_size = comp_dir.size() + name.size();
     auto *kept = static_cast<krv_ctu_t *>(krv_alloc(hp, sizeof(*cu) + abbrev_size + names_size));
     if (kept == nullptr)
         return nullptr;

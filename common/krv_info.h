@@ -30,8 +30,8 @@ struct krv_ctu {
     uint64_t *dcu_aranges;       // owned: (start, end) pairs; NULL while unknown; see krv_ranges_count
     size_t dcu_aranges_size;     // number of pairs
     krv_die_t *dcu_compile_unit; // owned: the first entry
-    char *dcu_comp_dir;          // the entry's, or cut behind the record; NULL when the entry has none
-    char *dcu_name;              // likewise
+    char *dcu_comp_dir;          // a copy behind this record or another unit's; NULL when the entry has none
+    char *dcu_name;              // likewise, or the entry's where it need not be cut
     uint32_t dcu_flags;          // KRV_CU_FLAG_*
 };
 
@@ -51,7 +51,7 @@ struct krv_die {
     krv_offset_t dwdie_section_offset; // from the section's
     krv_abbrev_t *dwdie_abbrev_cache;
     krv_die_part_t *dwdie_parts; // owned: its blocks, and strings of sections behind call-backs
-    uint64_t dwdie_copied;       // bytes of such strings, and of its names that its unit keeps cut
+    uint64_t dwdie_copied;       // bytes of such strings, and of the names that its unit copies
     size_t dwdie_bufsize;        // encoded size: code and values, not the children
     krv_value_t dwdie_attrs[1];  // one a pair of the abbreviation
 };
@@ -62,8 +62,8 @@ int krv_info_hdr_read(krv_handle_t *hp, krv_ctu_t *cu, krv_secidx_t sec, uint64_
 // The one section that units are read from. -1: refused with its message.
 int krv_cu_check_section(krv_handle_t *hp, krv_secidx_t sec);
 
-// The unit at `offset` with its first entry and its two names, or NULL. What it cuts of long names it may share with the
-// unit before, which then has to outlive it.
+// The unit at `offset` with its first entry and its two names, or NULL. Copies of names it may share with the unit before,
+// which then has to outlive it.
 krv_ctu_t *krv_cu_alloc(krv_handle_t *hp, krv_secidx_t sec, uint64_t offset, const krv_ctu_t *before = nullptr);
 void krv_cu_free(krv_ctu_t *cu); // not its line-number header, which is read above
 

@@ -3,6 +3,7 @@
 // Units, entries, attributes, and the tree.
 #include "krv_error.h"
 #include "krv_info.h"
+#include "krv_line.h"
 #include "krv_names.h"
 #include "support/handle.h"
 #include "support/sections.h"
@@ -297,9 +298,10 @@ TEST(Info, UnitNames)
 // What was read of sections stays when others take their place, and the first ones are no more.
 TEST(Info, SectionsThatAreReplaced)
 {
-    const bytes table = abbrevs("1 compile_unit+ name:string comp_dir:strp; 2 subprogram low_pc:addr high_pc:data4");
-    const bytes twice = abbrevs("1 compile_unit+ name:string comp_dir:strp; 1 variable");
-    const bytes info = unit{.dies = bytes().u8(1).cstr("a.c").u32(2).u8(2).u64(0x400).u32(0x80).u8(0)}.build();
+    const bytes table = abbrevs(
+        "1 compile_unit+ name:string comp_dir:strp stmt_list:sec_offset; 2 subprogram low_pc:addr high_pc:data4");
+    const bytes twice = abbrevs("1 compile_unit+ name:string comp_dir:strp stmt_list:sec_offset; 1 variable");
+    const bytes info = unit{.dies = bytes().u8(1).cstr("a.c").u32(2).u32(0).u8(2).u64(0x400).u32(0x80).u8(0)}.build();
     const bytes str = bytes().cstr("//usr");
     for (const bool built : {true, false}) { // or a first entry that cannot be read, but for its abbreviation
         SCOPED_TRACE(built);
@@ -314,17 +316,21 @@ TEST(Info, SectionsThatAreReplaced)
         attach(KRV_SEC_INFO, info);
         if (built)
             attach(KRV_SEC_STR, str);
-        EXPECT_EQ(korva_lookup_ctu_by_start_offset(h, KRV_SEC_INFO, 0) != nullptr, built);
+        h.attach(KRV_SEC_LINE, line_unit{}.build());
+        krv_ctu_t *cu = korva_lookup_ctu_by_start_offset(h, KRV_SEC_INFO, 0);
+        EXPECT_EQ(cu != nullptr, built);
+        EXPECT_EQ(!built || korva_line_get_cu_lnph(h, cu) != nullptr, true);
         for (const krv_secidx_t sec : {KRV_SEC_ABBREV, KRV_SEC_INFO, KRV_SEC_STR})
             attach(sec, sec == KRV_SEC_ABBREV ? twice : sec == KRV_SEC_INFO ? info : str);
         if (built)
             attach(KRV_SEC_STR, bytes().fill(9, 'x'));
         buffers.erase(buffers.begin(), buffers.begin() + (built ? 3 : 2));
-        krv_ctu_t *cu = korva_lookup_ctu_by_start_offset(h, KRV_SEC_INFO, 0);
+        cu = korva_lookup_ctu_by_start_offset(h, KRV_SEC_INFO, 0);
         ASSERT_NE(cu, nullptr) << h.error();
         EXPECT_TRUE(korva_cu_contains_addr(h, cu, 0x47f, KRV_LOOKUP_F_NONE)) << h.error();
         EXPECT_STREQ(cu->dcu_name, "a.c");
         EXPECT_STREQ(cu->dcu_comp_dir, "usr");
+        EXPECT_STREQ(krv_lnfe_absolute_path(h, korva_line_get_cu_lnph(h, cu)->sln_files[0]), "usr/a.c");
         char dir[8];
         EXPECT_EQ(korva_get_die_at_comp_dir(h, cu->dcu_compile_unit, dir, sizeof(dir)), 0);
         EXPECT_STREQ(dir, "usr");
