@@ -315,6 +315,21 @@ int krv_get_die_tag(krv_handle_t *hp, krv_die_t *die, krv_tag_t *tagp)
     return 0;
 }
 
+// Characters before the NUL, of at most so many. A string in a section was seen to end there, but its bytes are the
+// client's, who may have changed them since: it ends with the section at the latest.
+static size_t text_length(const krv_handle_t *hp, const char *text, size_t most)
+{
+    for (const krv_secidx_t sec : {KRV_SEC_INFO, KRV_SEC_STR}) {
+        const krv_fd_t *section = &hp->sh_sec[sec];
+        if (krv_fd_is_cb(section))
+            continue;
+        const uint64_t offset = reinterpret_cast<uintptr_t>(text) - reinterpret_cast<uintptr_t>(section->sfd_u.buf);
+        if (offset < section->sfd_size && section->sfd_size - offset < most)
+            most = section->sfd_size - offset;
+    }
+    return strnlen(text, most);
+}
+
 const char *krv_find_die_string(krv_handle_t *hp, krv_die_t *die, krv_attribute_t attr, size_t size, size_t *lengthp)
 {
     int mask = 0;
@@ -326,7 +341,7 @@ const char *krv_find_die_string(krv_handle_t *hp, krv_die_t *die, krv_attribute_
         return nullptr;
     }
     const auto *text = static_cast<const char *>(value->sa_u.su_addr);
-    *lengthp = strnlen(text, size - 1);
+    *lengthp = text_length(hp, text, size - 1);
     return text;
 }
 

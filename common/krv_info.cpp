@@ -87,7 +87,10 @@ struct unit_name {
     size_t length = 0;
     char *shared = nullptr; // the same text, as the unit before keeps it
 
-    bool has_copy() const { return text != nullptr && shared == nullptr && (is_copied || text[length] != '\0'); }
+    bool has_copy() const
+    {
+        return text != nullptr && shared == nullptr && (is_copied || length == KRV_STRING_BUFSZ - 1);
+    }
     size_t size() const { return has_copy() ? length + 1 : 0; } // of the copy
 };
 

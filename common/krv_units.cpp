@@ -161,10 +161,11 @@ static int keep_strings(krv_handle_t *hp, const krv_fd_t *section)
 {
     if (hp->sh_cu_table_entries == 0)
         return 0;
-    auto *copy = static_cast<krv_retired *>(krv_alloc(hp, krv_add_offset(sizeof(krv_retired), section->sfd_size)));
+    auto *copy = static_cast<krv_retired *>(krv_alloc(hp, krv_add_offset(sizeof(krv_retired) + 1, section->sfd_size)));
     if (copy == nullptr)
         return -1;
     std::memcpy(copy->bytes, section->sfd_u.buf, section->sfd_size);
+    copy->bytes[section->sfd_size] = '\0'; // whatever has become of the string at its end
     copy->next = hp->sh_retired;
     hp->sh_retired = copy;
     const auto from = reinterpret_cast<uintptr_t>(section->sfd_u.buf);
