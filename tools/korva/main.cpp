@@ -31,7 +31,7 @@ KORVA_VERBS(DECLARE)
 #undef DECLARE
 
 #define NAME(name) #name,
-static constexpr std::string_view VERBS[] = {KORVA_VERBS(NAME)};
+static constexpr std::string_view VERBS[] = {KORVA_VERBS(NAME) "help"};
 #undef NAME
 
 void add_format_option(CLI::App *verb, common_options *options, const format_names &formats)
