@@ -55,6 +55,7 @@ struct krv_activation {
     krv_evaluation_t sa_state;
     krv_exprstack_t *sa_exprstack;
     krv_fd_t *sa_arg_fd[3]; // output cursors of argument evaluation
+    uint64_t *sa_budget;    // instructions that expressions may still execute, the client's; NULL: a million a frame
 };
 
 struct krv_activation_deleter {

@@ -38,13 +38,15 @@ static int get_frame_base(krv_handle_t *hp, krv_activation_t *ap, uint64_t *base
 
 static int execute_location(krv_handle_t *hp, krv_activation_t *ap, krv_fd_t *fdp, uint64_t *framep, uint64_t *countp)
 {
+    uint64_t own_budget = KRV_EXPR_MAX_STEPS;
     const krv_expr_context_t context = {.stack = ap->sa_exprstack,
                                         .ap = ap,
                                         .frame = krv_caller_registers,
                                         .flags = KRV_EXPR_F_LOCATION | KRV_EXPR_F_CFI | KRV_EXPR_F_CALLER,
                                         .outputs = ap->sa_arg_fd,
                                         .func = krv_translate_fbreg,
-                                        .arg = framep};
+                                        .arg = framep,
+                                        .budget = ap->sa_budget != nullptr ? ap->sa_budget : &own_budget};
     const int result = krv_expr_execute(hp, fdp, &context);
     if (result == 0 || hp->sh_errno == KRV_ERR_NOSPACE)
         *countp = ap->sa_arg_fd[0]->sfd_offset; // what fitted is there also when more was wanted

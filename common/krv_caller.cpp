@@ -83,6 +83,18 @@ int korva_expr_execute_expression(krv_handle_t *hp, krv_exprstack_t *esp, krv_ac
     if (esp == nullptr || ap == nullptr || fdp == nullptr)
         return krv_fail_code(hp, KRV_ERR_INVALID);
     krv_frame_registers_f *frame = (flags & KRV_EXPR_F_CALLER) != 0 ? krv_caller_registers : krv_current_registers;
-    const krv_expr_context_t context = {esp, ap, frame, flags, outputs, func, arg};
+    uint64_t budget = KRV_EXPR_MAX_STEPS;
+    const krv_expr_context_t context = {esp, ap, frame, flags, outputs, func, arg, &budget};
     return krv_expr_execute(hp, fdp, &context);
+}
+
+int korva_activation_set_budget(krv_handle_t *hp, krv_activation_t *ap, uint64_t *instructions)
+{
+    if (hp == nullptr)
+        return -1;
+    krv_clear_error(hp);
+    if (ap == nullptr)
+        return krv_fail_code(hp, KRV_ERR_INVALID);
+    ap->sa_budget = instructions;
+    return 0;
 }

@@ -47,6 +47,19 @@ void krv_push_error(krv_handle_t *hp, const char *format, ...)
     va_end(ap);
 }
 
+void krv_restore_error(krv_handle_t *hp, const char *format, ...)
+{
+    const krv_write_guard guard(&hp->sh_error_lock);
+    const uint32_t count = hp->sh_nerrors;
+    const uint32_t kept = count < KRV_MAX_ERRORS ? count : KRV_MAX_ERRORS - 1; // of the others
+    std::rotate(hp->sh_errors, hp->sh_errors + kept, hp->sh_errors + kept + 1);
+    va_list ap;
+    va_start(ap, format);
+    std::vsnprintf(hp->sh_errors[0], KRV_MAX_ERROR_SIZE, format, ap);
+    va_end(ap);
+    hp->sh_nerrors = kept + 1;
+}
+
 int krv_fail(krv_handle_t *hp, int code, const char *format, ...)
 {
     va_list ap;

@@ -17,6 +17,10 @@ inline void krv_clear_error(krv_handle_t *hp)
 // Appends one message, cut to 255 characters; a 17th is dropped. Never touches the code.
 [[gnu::format(printf, 2, 3)]] void krv_push_error(krv_handle_t *hp, const char *format, ...);
 
+// Puts a message back in front of all others, when a step that ran after it has cleared it. The debug call-back has had
+// it before.
+[[gnu::format(printf, 2, 3)]] void krv_restore_error(krv_handle_t *hp, const char *format, ...);
+
 // A failure in one line: the code and its message. Returns -1.
 [[gnu::format(printf, 3, 4)]] int krv_fail(krv_handle_t *hp, int code, const char *format, ...);
 

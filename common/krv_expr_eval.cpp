@@ -37,6 +37,7 @@ struct evaluator {
     krv_fd_t **outputs;
     krv_expr_cb_f *func;
     void *arg;
+    uint64_t *budget;
 
     uint64_t start;       // cursor offset of the expression
     uint64_t at;          // of the current instruction
@@ -571,8 +572,12 @@ static int run(evaluator *ev)
         int result = -1;
         if (steps == KRV_EXPR_MAX_STEPS)
             krv_fail(ev->hp, KRV_ERR_EVAL, "expression exceeds %u instructions", KRV_EXPR_MAX_STEPS);
-        else
+        else if (*ev->budget == 0)
+            krv_fail(ev->hp, KRV_ERR_EVAL, "expression has no instructions left");
+        else {
+            --*ev->budget;
             result = run_instruction(ev, &next);
+        }
         if (result != 0)
             return krv_note(ev->hp, "error executing instruction 0x%hhx (%s) at offset %ld", ev->current->op.opcode,
                             krv_name_or_unknown(KRV_DEF_OP, ev->current->op.opcode), static_cast<long>(ev->at));
@@ -606,6 +611,7 @@ int krv_expr_execute(krv_handle_t *hp, krv_fd_t *fdp, const krv_expr_context_t *
     ev.outputs = context->outputs;
     ev.func = context->func;
     ev.arg = context->arg;
+    ev.budget = context->budget;
     ev.start = fdp->sfd_offset;
     ev.at = ev.start;
     ev.next_offset = ev.start;

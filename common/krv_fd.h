@@ -120,6 +120,15 @@ inline krv_view_t krv_fd_view(const krv_fd_t *fdp)
     return {window->sw_bytes + skip, held < fdp->sfd_remaining ? held : fdp->sfd_remaining};
 }
 
+// Whether two cursors read the same bytes, wherever each of them stands.
+inline bool krv_fd_same_source(const krv_fd_t *a, const krv_fd_t *b)
+{
+    if (a->sfd_size != b->sfd_size || krv_fd_is_cb(a) != krv_fd_is_cb(b))
+        return false;
+    return krv_fd_is_cb(a) ? a->sfd_u.cb.func == b->sfd_u.cb.func && a->sfd_u.cb.arg == b->sfd_u.cb.arg
+                           : a->sfd_u.buf == b->sfd_u.buf;
+}
+
 // An offset that a sum from the data would put past the end of any section, instead of wrapping around.
 inline uint64_t krv_add_offset(uint64_t a, uint64_t b)
 {

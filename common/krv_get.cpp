@@ -56,7 +56,7 @@ consteval std::array<field_row, NFIELDS> make_field_table()
     t[KRV_FIELD_LNPH_FILES] = KRV_COMPUTED(LNPH);         // may grow meanwhile: krv_lnph_files
     t[KRV_FIELD_LNPH_FILES_ENTRIES] = KRV_COMPUTED(LNPH); // likewise
     t[KRV_FIELD_LNPH_LNP] = KRV_COMPUTED(LNPH);           // built on demand
-    t[KRV_FIELD_LNFE_ABSOLUTE_PATH] = KRV_MEMBER(LNFE, krv_lnfe_t, slnfe_absolute_path);
+    t[KRV_FIELD_LNFE_ABSOLUTE_PATH] = KRV_COMPUTED(LNFE); // composed on demand
     t[KRV_FIELD_LNFE_PATH] = KRV_MEMBER(LNFE, krv_lnfe_t, slnfe_path);
     t[KRV_FIELD_LNFE_DIRIDX] = KRV_MEMBER(LNFE, krv_lnfe_t, slnfe_diridx);
     t[KRV_FIELD_LNFE_MTIME] = KRV_MEMBER(LNFE, krv_lnfe_t, slnfe_mtime);
@@ -97,6 +97,14 @@ struct destinations {
     krv_lnp_t *matrix = nullptr;
 
     void *find(unsigned field) const { return (wanted >> field & 1) != 0 ? of[field] : nullptr; }
+
+    // Writes a computed field, if it is wanted, which it is no longer then.
+    void take(unsigned field, const void *value, size_t size)
+    {
+        if (void *where = find(field))
+            std::memcpy(where, value, size);
+        wanted &= ~(uint64_t{1} << field);
+    }
 };
 
 // The fields of a set of them, ascending.
@@ -109,27 +117,39 @@ void for_each_field(uint64_t fields, Visit visit)
 
 } // namespace
 
-// Scans all pairs, so that every bad field is reported. 0, or -1 when any field does not belong to the record.
+// Scans all pairs, so that every bad field is reported. 0, or -1 when any field does not belong to the record, or when a
+// matrix that was asked for cannot be built; building one clears what was reported before.
 static int scan_fields(krv_handle_t *hp, unsigned record, unsigned int nfields, va_list ap, destinations *dst)
 {
-    int result = 0;
+    int result = 0, code = KRV_ERR_NONE;
+    int illegal[KRV_MAX_ERRORS];
+    unsigned int nillegal = 0;
     for (unsigned int i = 0; i < nfields; ++i) {
         const int field = va_arg(ap, int);
         void *where = va_arg(ap, void *);
         if (field < 0 || field >= static_cast<int>(NFIELDS) ||
             (field_table[static_cast<unsigned>(field)].records & record) == 0) {
-            result = krv_fail(hp, KRV_ERR_INVALID, "illegal field %d specified", field);
+            code = KRV_ERR_INVALID;
+            result = krv_fail(hp, code, "illegal field %d specified", field);
+            if (nillegal < KRV_MAX_ERRORS)
+                illegal[nillegal++] = field;
             continue;
         }
         dst->of[field] = where;
         const uint64_t bit = uint64_t{1} << field;
         dst->wanted = where == nullptr ? dst->wanted & ~bit : dst->wanted | bit;
-        if (field != KRV_FIELD_LNPH_LNP || result != 0) // building it would wipe what was reported before
+        if (field != KRV_FIELD_LNPH_LNP)
             continue;
+        krv_clear_error(hp);
         dst->matrix = krv_line_get_matrix(hp, dst->header);
-        if (dst->matrix == nullptr)
+        if (dst->matrix == nullptr) {
+            code = hp->sh_errno;
             result = krv_note(hp, "unable to generate line number matrix");
+        }
+        for (unsigned int k = nillegal; k > 0; --k)
+            krv_restore_error(hp, "illegal field %d specified", illegal[k - 1]);
     }
+    hp->sh_errno = code;
     return result;
 }
 
@@ -180,6 +200,12 @@ int krv_get_fields_lnfe(krv_handle_t *hp, krv_lnfe_t *structp, unsigned int nfie
     destinations dst;
     if (scan_fields(hp, LNFE, nfields, ap, &dst) != 0)
         return -1;
+    if (dst.find(KRV_FIELD_LNFE_ABSOLUTE_PATH) != nullptr) {
+        char *path = krv_lnfe_absolute_path(hp, structp);
+        if (path == nullptr)
+            return -1;
+        dst.take(KRV_FIELD_LNFE_ABSOLUTE_PATH, &path, sizeof(path));
+    }
     write_record(&dst, structp);
     return 0;
 }
@@ -194,14 +220,9 @@ int krv_get_fields_lnph(krv_handle_t *hp, krv_lnph_t *structp, unsigned int nfie
         return -1;
     uint64_t nfiles;
     krv_lnfe_t **files = krv_lnph_files(structp, &nfiles);
-    const auto take = [&dst](unsigned field, const void *value, size_t size) {
-        if (void *where = dst.find(field))
-            std::memcpy(where, value, size);
-        dst.wanted &= ~(uint64_t{1} << field);
-    };
-    take(KRV_FIELD_LNPH_FILES, &files, sizeof(files));
-    take(KRV_FIELD_LNPH_FILES_ENTRIES, &nfiles, sizeof(nfiles));
-    take(KRV_FIELD_LNPH_LNP, &dst.matrix, sizeof(dst.matrix));
+    dst.take(KRV_FIELD_LNPH_FILES, &files, sizeof(files));
+    dst.take(KRV_FIELD_LNPH_FILES_ENTRIES, &nfiles, sizeof(nfiles));
+    dst.take(KRV_FIELD_LNPH_LNP, &dst.matrix, sizeof(dst.matrix));
     write_record(&dst, structp);
     return 0;
 }

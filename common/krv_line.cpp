@@ -4,6 +4,7 @@
 // files. Rows hold addresses of the unit's own address space; KRV_OPT_BASE_ADDR is applied here and nowhere else.
 #include "krv_line.h"
 
+#include "krv_dwarf.h"
 #include "krv_error.h"
 #include "krv_mem.h"
 #include "krv_search.h"
@@ -64,6 +65,28 @@ static krv_lns_t *find_gap_row(const krv_lnp_t *lnpp, int64_t prev, uint64_t sta
     if (reaches_before == reaches_after)
         return nullptr;
     return &lnpp->slnp_lnsp[reaches_before ? before->slnb_end_index - 1 : after->slnb_start_index];
+}
+
+krv_lnph_t *korva_line_get_cu_lnph(krv_handle_t *hp, krv_ctu_t *cup)
+{
+    if (hp == nullptr)
+        return nullptr;
+    if (cup == nullptr) {
+        hp->sh_errno = KRV_ERR_INVALID;
+        return nullptr;
+    }
+    krv_clear_error(hp);
+    if (cup->dcu_section != KRV_SEC_INFO) {
+        krv_fail(hp, KRV_ERR_INVALID, "only .debug_info can refer to a line number header");
+        return nullptr;
+    }
+    if (krv_lnph_t *lnphp = krv_load(&cup->dcu_lnphp))
+        return lnphp;
+    krv_value_t *value;
+    if (krv_get_die_attr(hp, cup->dcu_compile_unit, DW_AT_stmt_list, nullptr, nullptr, &value) != 0)
+        return nullptr;
+    krv_lnph_t *fresh = krv_line_share_header(hp, cup, value->sa_u.su_unsigned);
+    return fresh == nullptr ? nullptr : krv_publish(&cup->dcu_lnphp, fresh, krv_lnph_free);
 }
 
 krv_lns_t *korva_lookup_source_by_cu_and_addr(krv_handle_t *hp, krv_ctu_t *cup, uint64_t start, uint64_t size,
@@ -128,11 +151,11 @@ int korva_iter_line_entry(krv_handle_t *hp, krv_lnph_t *lnphp, krv_iter_lne_f *f
 // ---------------------------------------------------------------------------------------------------------------
 
 // The contract of every row accessor: 0 when the row may be read, with the error state cleared.
-static int enter_row(krv_handle_t *hp, const krv_lns_t *lnsp)
+static int enter_row(krv_handle_t *hp, const krv_lns_t *lnsp, const void *resultp)
 {
     if (hp == nullptr)
         return -1;
-    if (lnsp == nullptr)
+    if (lnsp == nullptr || resultp == nullptr)
         return krv_fail_code(hp, KRV_ERR_INVALID);
     krv_clear_error(hp);
     return 0;
@@ -140,7 +163,7 @@ static int enter_row(krv_handle_t *hp, const krv_lns_t *lnsp)
 
 static int get_flag(krv_handle_t *hp, const krv_lns_t *lnsp, uint32_t flag, boolean_t *resultp)
 {
-    if (enter_row(hp, lnsp) != 0)
+    if (enter_row(hp, lnsp, resultp) != 0)
         return -1;
     *resultp = (lnsp->slns_flags & flag) != 0 ? B_TRUE : B_FALSE;
     return 0;
@@ -148,7 +171,7 @@ static int get_flag(krv_handle_t *hp, const krv_lns_t *lnsp, uint32_t flag, bool
 
 int korva_lns_get_address(krv_handle_t *hp, krv_lns_t *lnsp, uint64_t *addrp)
 {
-    if (enter_row(hp, lnsp) != 0)
+    if (enter_row(hp, lnsp, addrp) != 0)
         return -1;
     *addrp = lnsp->slns_address + bias(hp);
     return 0;
@@ -156,7 +179,7 @@ int korva_lns_get_address(krv_handle_t *hp, krv_lns_t *lnsp, uint64_t *addrp)
 
 int korva_lns_get_canonical_address(krv_handle_t *hp, krv_lns_t *lnsp, uint64_t *addrp)
 {
-    if (enter_row(hp, lnsp) != 0)
+    if (enter_row(hp, lnsp, addrp) != 0)
         return -1;
     *addrp = lnsp->slns_u.slnsu_c_address + bias(hp);
     return 0;
@@ -164,7 +187,7 @@ int korva_lns_get_canonical_address(krv_handle_t *hp, krv_lns_t *lnsp, uint64_t 
 
 int korva_lns_get_op_index(krv_handle_t *hp, krv_lns_t *lnsp, uint32_t *op_indexp)
 {
-    if (enter_row(hp, lnsp) != 0)
+    if (enter_row(hp, lnsp, op_indexp) != 0)
         return -1;
     *op_indexp = lnsp->slns_op_index;
     return 0;
@@ -172,7 +195,7 @@ int korva_lns_get_op_index(krv_handle_t *hp, krv_lns_t *lnsp, uint32_t *op_index
 
 int korva_lns_get_file(krv_handle_t *hp, krv_lns_t *lnsp, uint32_t *filep)
 {
-    if (enter_row(hp, lnsp) != 0)
+    if (enter_row(hp, lnsp, filep) != 0)
         return -1;
     *filep = lnsp->slns_file;
     return 0;
@@ -180,7 +203,7 @@ int korva_lns_get_file(krv_handle_t *hp, krv_lns_t *lnsp, uint32_t *filep)
 
 int korva_lns_get_line(krv_handle_t *hp, krv_lns_t *lnsp, uint32_t *linep)
 {
-    if (enter_row(hp, lnsp) != 0)
+    if (enter_row(hp, lnsp, linep) != 0)
         return -1;
     *linep = lnsp->slns_line;
     return 0;
@@ -188,7 +211,7 @@ int korva_lns_get_line(krv_handle_t *hp, krv_lns_t *lnsp, uint32_t *linep)
 
 int korva_lns_get_column(krv_handle_t *hp, krv_lns_t *lnsp, uint16_t *columnp)
 {
-    if (enter_row(hp, lnsp) != 0)
+    if (enter_row(hp, lnsp, columnp) != 0)
         return -1;
     *columnp = lnsp->slns_column;
     return 0;
@@ -221,7 +244,7 @@ int korva_lns_get_eb(krv_handle_t *hp, krv_lns_t *lnsp, boolean_t *ebp)
 
 int korva_lns_get_isa(krv_handle_t *hp, krv_lns_t *lnsp, uint16_t *isap)
 {
-    if (enter_row(hp, lnsp) != 0)
+    if (enter_row(hp, lnsp, isap) != 0)
         return -1;
     *isap = lnsp->slns_isa;
     return 0;
@@ -229,7 +252,7 @@ int korva_lns_get_isa(krv_handle_t *hp, krv_lns_t *lnsp, uint16_t *isap)
 
 int korva_lns_get_discriminator(krv_handle_t *hp, krv_lns_t *lnsp, uint16_t *discriminatorp)
 {
-    if (enter_row(hp, lnsp) != 0)
+    if (enter_row(hp, lnsp, discriminatorp) != 0)
         return -1;
     *discriminatorp = lnsp->slns_discriminator;
     return 0;
@@ -237,7 +260,7 @@ int korva_lns_get_discriminator(krv_handle_t *hp, krv_lns_t *lnsp, uint16_t *dis
 
 krv_lnfe_t *korva_lns_get_filep(krv_handle_t *hp, krv_lns_t *lnsp)
 {
-    return enter_row(hp, lnsp) != 0 ? nullptr : lnsp->slns_filep;
+    return enter_row(hp, lnsp, lnsp) != 0 ? nullptr : lnsp->slns_filep;
 }
 
 // ---------------------------------------------------------------------------------------------------------------
@@ -258,7 +281,12 @@ int korva_lnfe_get_path(krv_handle_t *hp, krv_lnfe_t *lnfep, char *buf, size_t l
 {
     if (enter_file(hp, lnfep, buf) != 0)
         return -1;
-    const char *path = absolute == B_TRUE ? lnfep->slnfe_absolute_path : lnfep->slnfe_path;
+    char composed[KRV_STRING_BUFSZ];
+    const char *path = lnfep->slnfe_path;
+    if (absolute == B_TRUE) {
+        krv_lnfe_compose_path(lnfep, composed);
+        path = composed;
+    }
     const size_t count = strnlen(path, len);
     std::memcpy(buf, path, count);
     std::memset(buf + count, 0, len - count);

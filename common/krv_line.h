@@ -1,24 +1,30 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Line numbers: the header of a unit's line-number program (krv_line_header.cpp), its execution (krv_line_program.cpp)
-// into a matrix (krv_line_matrix.cpp), and the client's view of it all (krv_line.cpp).
+// Line numbers: the header of a unit's line-number program (krv_line_header.cpp) with its files (krv_line_files.cpp), its
+// execution (krv_line_program.cpp) into a matrix (krv_line_matrix.cpp), what units have in common of these
+// (krv_line_share.cpp), and the client's view of it all (krv_line.cpp).
 #ifndef KRV_LINE_H
 #define KRV_LINE_H
 
 #include "krv_info.h"
 #include "krv_types.h"
 
+struct krv_line_common;
+
 // One file of a header's table. Allocated by itself, so that it stays where it is while the table grows.
 struct krv_lnfe {
-    char *slnfe_absolute_path; // composed of compilation directory, include directory and name
-    char *slnfe_path;          // the name as written; both stand behind the record, in its allocation
-    uint64_t slnfe_diridx;     // 0: compilation directory; n: sln_id[n - 1]; never above sln_id_entries
-    uint64_t slnfe_mtime;      // as recorded
-    uint64_t slnfe_size;       // as recorded
+    char *slnfe_absolute_path;  // owned: see krv_lnfe_absolute_path; NULL until it is asked for
+    char *slnfe_path;           // the name as written; behind the record, in its allocation
+    uint64_t slnfe_diridx;      // 0: compilation directory; n: sln_id[n - 1]; never above sln_id_entries
+    uint64_t slnfe_mtime;       // as recorded
+    uint64_t slnfe_size;        // as recorded
+    const char *slnfe_comp_dir; // what the absolute path begins with, or NULL; the unit's
+    const char *slnfe_dir;      // the include directory, or NULL; the header's
 };
 
 // The line-number program header of one unit. Fixed once published, but for the file table, which a program's own
-// files extend: see krv_lnph_add_file.
+// files extend: see krv_lnph_add_file. What units share is read once: the tables, and the matrix when it is the same for
+// all of them, belong to sln_common then.
 struct krv_lnph {
     uint64_t sln_unit_length;
     uint16_t sln_version;
@@ -42,6 +48,17 @@ struct krv_lnph {
     uint64_t sln_program_offset; // of the first opcode in .debug_line
     uint64_t sln_program_size;   // bytes from there to the end of the unit
     krv_rwlock_t sln_files_lock; // serialises additions to the file table
+    krv_line_common *sln_common; // held: whose tables this header borrows, or NULL
+    const char *sln_comp_dir;    // the unit's compilation directory, or NULL
+    uint64_t sln_bytes;          // of memory in its tables while it is read
+};
+
+// What units of one program and one compilation directory have in common. Counted: by their headers and the handle.
+struct krv_line_common {
+    krv_refcnt_t slc_refcnt;
+    krv_fd_t slc_section;   // .debug_line as it was attached when the header was read
+    krv_lnph_t *slc_header; // owned: as it was read; never executed
+    krv_lnp_t *slc_matrix; // owned: of that section, where the program defines no files; NULL until a unit has built it
 };
 
 enum krv_lns_flag_t : uint32_t {
@@ -81,6 +98,7 @@ enum krv_lnp_flag_t : uint32_t {
     KRV_LNP_FLAG_IN_SEQUENCE = 1, // a sequence is open
     KRV_LNP_FLAG_UNSORTED = 2,    // some sequence starts below the one before it
     KRV_LNP_FLAG_DESCENDING = 4,  // some row lies below the one before it in its sequence
+    KRV_LNP_FLAG_DEFINES = 8,     // the program defines files: the matrix is of one header alone
 };
 
 // A matrix. Finished: sequences ascend by start address, are not inverted and do not overlap; the rows of each are
@@ -97,9 +115,22 @@ struct krv_lnp {
     krv_lnb_t slnp_first_lnb; // most matrices have one sequence
 };
 
-// Reads the header at `offset` of .debug_line. cup gives the compilation directory and may be NULL. NULL on failure.
+// Reads the header at `offset` of .debug_line. cup gives the compilation directory, which is to live as long, and may be
+// NULL. NULL on failure.
 krv_lnph_t *krv_lnph_alloc(krv_handle_t *hp, krv_ctu_t *cup, uint64_t offset);
 void krv_lnph_free(krv_lnph_t *lnphp);
+void krv_lnph_free_files(krv_lnph_t *lnphp); // those that are its own
+void krv_line_release(krv_line_common *common);
+
+// The header at `offset` as a record of the unit's own. Units of one program and one compilation directory share what is
+// read for the first of them. NULL on failure.
+krv_lnph_t *krv_line_share_header(krv_handle_t *hp, krv_ctu_t *cup, uint64_t offset);
+void krv_line_destroy_caches(krv_handle_t *hp);
+
+// Accounts for memory that will be kept until the handle is freed; 0 asks whether any more may be. A sound section needs
+// a fraction of what is granted: programs that overlap, or that many units read in ways of their own, end here. False:
+// KRV_ERR_CORRUPT.
+bool krv_line_may_keep(krv_handle_t *hp, uint64_t bytes);
 
 // Append a directory, or a file (diridx <= sln_id_entries; cup may be NULL). 0, or -1 with KRV_ERR_NOMEM. Files may be
 // added while other threads read the table or add to it: entries never move, and a pointer array once published stays
@@ -114,15 +145,21 @@ krv_lnfe_t **krv_lnph_files(krv_lnph_t *lnphp, uint64_t *countp);
 // The file that a file register's value names: they are numbered from 1. NULL where the table has none of that number.
 krv_lnfe_t *krv_lnph_file(krv_lnph_t *lnphp, uint64_t number);
 
+// A file's path: compilation directory, include directory and name, without what an absolute one behind makes void; cut
+// to fit. Its length. krv_lnfe_absolute_path keeps it with the file, where it is the same each time; NULL on failure.
+size_t krv_lnfe_compose_path(const krv_lnfe_t *file, char (&path)[KRV_STRING_BUFSZ]);
+char *krv_lnfe_absolute_path(krv_handle_t *hp, krv_lnfe_t *file);
+
 // Executes the program, calling func (may be NULL) after every opcode. 0 with the new matrix in *lnppp; -1 or func's
 // non-zero result (code KRV_ERR_IO) with *lnppp untouched.
 int krv_line_build_program(krv_handle_t *hp, krv_lnph_t *lnphp, krv_lnp_t **lnppp, krv_iter_lne_f *func, void *arg);
 
-// The header's matrix, built and published on first use. NULL on failure.
+// The header's matrix, built and published on first use, for all who share the program if it can be. NULL on failure.
 krv_lnp_t *krv_line_get_matrix(krv_handle_t *hp, krv_lnph_t *lnphp);
 
 krv_lnp_t *krv_line_alloc_program(krv_handle_t *hp);
 void krv_line_free_program(krv_lnp_t *lnpp);
+uint64_t krv_line_program_bytes(const krv_lnp_t *lnpp); // of memory that it takes
 void krv_lns_init(krv_lnph_t *lnphp, krv_lns_t *lnsp);
 
 // Appends a row. 0, or -1 with KRV_ERR_NOMEM.

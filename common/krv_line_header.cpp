@@ -17,66 +17,36 @@ struct lnph_deleter {
 };
 using lnph_owner = std::unique_ptr<krv_lnph_t, lnph_deleter>;
 
-// A path under composition: always terminated, silently cut to fit.
-struct path_buffer {
-    char text[KRV_STRING_BUFSZ];
-    size_t length;
-
-    path_buffer() { clear(); }
-    void clear()
-    {
-        length = 0;
-        text[0] = '\0';
-    }
-    void append(const char *s)
-    {
-        const size_t room = sizeof(text) - 1 - length;
-        const size_t count = strnlen(s, room);
-        std::memcpy(text + length, s, count);
-        length += count;
-        text[length] = '\0';
-    }
-    void end_directory()
-    {
-        if (length != 0 && text[length - 1] != '/')
-            append("/");
-    }
-};
-
-// The file table's pointer array. A larger one takes its place when it is full; the old one stays behind it, for
-// clients and threads that hold it.
-struct file_array {
-    file_array *older;
-    krv_lnfe_t *files[];
-};
-
 } // namespace
-
-static file_array *array_of(krv_lnfe_t **files)
-{
-    return files == nullptr
-               ? nullptr
-               : reinterpret_cast<file_array *>(reinterpret_cast<uint8_t *>(files) - offsetof(file_array, files));
-}
 
 void krv_lnph_free(krv_lnph_t *lnphp)
 {
     KRV_ASSERT(lnphp != NULL);
-    if (lnphp->sln_lnp != nullptr)
+    krv_line_common *common = lnphp->sln_common;
+    if (lnphp->sln_lnp != nullptr && (common == nullptr || lnphp->sln_lnp != common->slc_matrix))
         krv_line_free_program(lnphp->sln_lnp);
-    for (uint64_t i = 0; i < lnphp->sln_id_entries; ++i)
-        krv_free(lnphp->sln_id[i]);
-    krv_free(lnphp->sln_id);
-    for (uint64_t i = 0; i < lnphp->sln_files_entries; ++i)
-        krv_free(lnphp->sln_files[i]);
-    file_array *older;
-    for (file_array *array = array_of(lnphp->sln_files); array != nullptr; array = older) {
-        older = array->older;
-        krv_free(array);
+    krv_lnph_free_files(lnphp);
+    if (common != nullptr) {
+        krv_line_release(common);
+    } else {
+        for (uint64_t i = 0; i < lnphp->sln_id_entries; ++i)
+            krv_free(lnphp->sln_id[i]);
+        krv_free(lnphp->sln_id);
+        krv_free(lnphp->sln_sol);
     }
-    krv_free(lnphp->sln_sol);
     krv_rwlock_destroy(&lnphp->sln_files_lock);
     krv_free(lnphp);
+}
+
+void krv_line_release(krv_line_common *common)
+{
+    if (krv_refcnt_dec(&common->slc_refcnt) != 0)
+        return;
+    if (common->slc_matrix != nullptr)
+        krv_line_free_program(common->slc_matrix);
+    if (common->slc_header != nullptr)
+        krv_lnph_free(common->slc_header);
+    krv_free(common);
 }
 
 int krv_lnph_add_directory(krv_handle_t *hp, krv_lnph_t *lnphp, char *directoryp)
@@ -90,96 +60,8 @@ int krv_lnph_add_directory(krv_handle_t *hp, krv_lnph_t *lnphp, char *directoryp
     if (copy == nullptr)
         return -1;
     lnphp->sln_id[lnphp->sln_id_entries++] = copy;
+    lnphp->sln_bytes += sizeof(char *) + std::strlen(copy) + 1;
     return 0;
-}
-
-static void compose_path(path_buffer *path, const krv_lnph_t *lnphp, const krv_ctu_t *cup, const char *name,
-                         uint64_t diridx)
-{
-    if (cup != nullptr && cup->dcu_comp_dir != nullptr) {
-        path->append(cup->dcu_comp_dir);
-        path->end_directory();
-    }
-    if (diridx != 0) {
-        const char *directory = lnphp->sln_id[diridx - 1];
-        if (directory[0] == '/')
-            path->clear();
-        path->append(directory);
-        path->end_directory();
-    }
-    if (name[0] == '/')
-        path->clear();
-    path->append(name);
-}
-
-static bool grow_files(krv_handle_t *hp, krv_lnph_t *lnphp)
-{
-    const uint64_t size = lnphp->sln_files_size;
-    if (lnphp->sln_files_entries < size)
-        return true;
-    if (size > SIZE_MAX / sizeof(krv_lnfe_t *) / 4) {
-        hp->sh_errno = KRV_ERR_NOMEM;
-        return false;
-    }
-    const uint64_t grown = size == 0 ? 1 : size * 2;
-    auto *array = static_cast<file_array *>(krv_zalloc(hp, sizeof(file_array) + grown * sizeof(krv_lnfe_t *)));
-    if (array == nullptr)
-        return false;
-    array->older = array_of(lnphp->sln_files);
-    if (size != 0)
-        std::memcpy(array->files, lnphp->sln_files, size * sizeof(krv_lnfe_t *));
-    lnphp->sln_files_size = grown;
-    krv_store(&lnphp->sln_files, static_cast<krv_lnfe_t **>(array->files));
-    return true;
-}
-
-static krv_lnfe_t *make_file(krv_handle_t *hp, const krv_lnph_t *lnphp, const krv_ctu_t *cup, const char *name,
-                             uint64_t diridx, uint64_t mtime, uint64_t size)
-{
-    path_buffer path;
-    compose_path(&path, lnphp, cup, name, diridx);
-    const size_t name_size = std::strlen(name) + 1;
-    auto *file = static_cast<krv_lnfe_t *>(krv_alloc(hp, sizeof(krv_lnfe_t) + path.length + 1 + name_size));
-    if (file == nullptr)
-        return nullptr;
-    auto *paths = reinterpret_cast<char *>(file + 1);
-    *file = {paths, paths + path.length + 1, diridx, mtime, size};
-    std::memcpy(file->slnfe_absolute_path, path.text, path.length + 1);
-    std::memcpy(file->slnfe_path, name, name_size);
-    return file;
-}
-
-int krv_lnph_add_file(krv_handle_t *hp, krv_lnph_t *lnphp, krv_ctu_t *cup, char *pathp, uint64_t diridx, uint64_t mtime,
-                      uint64_t size)
-{
-    KRV_ASSERT(hp != NULL);
-    KRV_ASSERT(lnphp != NULL);
-    KRV_ASSERT(pathp != NULL);
-    KRV_ASSERT(diridx <= lnphp->sln_id_entries);
-    krv_lnfe_t *file = make_file(hp, lnphp, cup, pathp, diridx, mtime, size);
-    if (file == nullptr)
-        return -1;
-    const krv_write_guard guard(&lnphp->sln_files_lock);
-    if (!grow_files(hp, lnphp)) {
-        krv_free(file);
-        return -1;
-    }
-    lnphp->sln_files[lnphp->sln_files_entries] = file;
-    krv_store(&lnphp->sln_files_entries, lnphp->sln_files_entries + 1); // last: readers go by the count
-    return 0;
-}
-
-krv_lnfe_t **krv_lnph_files(krv_lnph_t *lnphp, uint64_t *countp)
-{
-    *countp = krv_load(&lnphp->sln_files_entries); // before the array, which so has room for that many
-    return krv_load(&lnphp->sln_files);
-}
-
-krv_lnfe_t *krv_lnph_file(krv_lnph_t *lnphp, uint64_t number)
-{
-    uint64_t count;
-    krv_lnfe_t **files = krv_lnph_files(lnphp, &count);
-    return number == 0 || number > count ? nullptr : files[number - 1];
 }
 
 static bool read_unit_length(krv_handle_t *hp, krv_lnph_t *lnphp, krv_fd_t *fdp, uint64_t offset)
@@ -296,6 +178,7 @@ krv_lnph_t *krv_lnph_alloc(krv_handle_t *hp, krv_ctu_t *cup, uint64_t offset)
     if (lnphp == nullptr)
         return nullptr;
     krv_rwlock_init(&lnphp->sln_files_lock);
+    lnphp->sln_comp_dir = cup == nullptr ? nullptr : cup->dcu_comp_dir;
     krv_fd_t fd = hp->sh_sec[KRV_SEC_LINE];
     if (!read_header(hp, lnphp.get(), cup, &fd, offset)) {
         krv_note(hp, "failed to read .debug_line header at offset %lld", static_cast<long long>(offset));
@@ -305,26 +188,4 @@ krv_lnph_t *krv_lnph_alloc(krv_handle_t *hp, krv_ctu_t *cup, uint64_t offset)
     lnphp->sln_program_offset = fd.sfd_offset;
     lnphp->sln_program_size = fd.sfd_remaining;
     return lnphp.release();
-}
-
-krv_lnph_t *korva_line_get_cu_lnph(krv_handle_t *hp, krv_ctu_t *cup)
-{
-    if (hp == nullptr)
-        return nullptr;
-    if (cup == nullptr) {
-        hp->sh_errno = KRV_ERR_INVALID;
-        return nullptr;
-    }
-    krv_clear_error(hp);
-    if (cup->dcu_section != KRV_SEC_INFO) {
-        krv_fail(hp, KRV_ERR_INVALID, "only .debug_info can refer to a line number header");
-        return nullptr;
-    }
-    if (krv_lnph_t *lnphp = krv_load(&cup->dcu_lnphp))
-        return lnphp;
-    krv_value_t *value;
-    if (krv_get_die_attr(hp, cup->dcu_compile_unit, DW_AT_stmt_list, nullptr, nullptr, &value) != 0)
-        return nullptr;
-    krv_lnph_t *fresh = krv_lnph_alloc(hp, cup, value->sa_u.su_unsigned);
-    return fresh == nullptr ? nullptr : krv_publish(&cup->dcu_lnphp, fresh, krv_lnph_free);
 }

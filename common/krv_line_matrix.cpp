@@ -242,9 +242,11 @@ static int find_canonical_addresses(krv_handle_t *hp, krv_lnp_t *lnpp)
     return 0;
 }
 
-// ---------------------------------------------------------------------------------------------------------------
-// Whole matrices
-// ---------------------------------------------------------------------------------------------------------------
+uint64_t krv_line_program_bytes(const krv_lnp_t *lnpp)
+{
+    const uint64_t sequences = lnpp->slnp_lnbp == &lnpp->slnp_first_lnb ? 0 : lnpp->slnp_lnbp_size;
+    return sizeof(krv_lnp_t) + lnpp->slnp_lnsp_size * sizeof(krv_lns_t) + sequences * sizeof(krv_lnb_t);
+}
 
 int krv_line_finish_program(krv_handle_t *hp, krv_lnp_t *lnpp)
 {
@@ -253,21 +255,4 @@ int krv_line_finish_program(krv_handle_t *hp, krv_lnp_t *lnpp)
     if (find_canonical_addresses(hp, lnpp) != 0)
         return krv_note(hp, "error calculating canonical addresses");
     return 0;
-}
-
-krv_lnp_t *krv_line_get_matrix(krv_handle_t *hp, krv_lnph_t *lnphp)
-{
-    KRV_ASSERT(hp != NULL);
-    KRV_ASSERT(lnphp != NULL);
-    if (krv_lnp_t *lnpp = krv_load(&lnphp->sln_lnp))
-        return lnpp;
-    krv_lnp_t *fresh = nullptr;
-    if (krv_line_build_program(hp, lnphp, &fresh, nullptr, nullptr) != 0)
-        return nullptr;
-    // The matrix is kept: what its tables do not use is given back.
-    if (!krv_table_trim(hp, &fresh->slnp_lnsp, &fresh->slnp_lnsp_size, fresh->slnp_lnsp_entries)) {
-        krv_line_free_program(fresh);
-        return nullptr;
-    }
-    return krv_publish(&lnphp->sln_lnp, fresh, krv_line_free_program);
 }

@@ -283,6 +283,7 @@ bool careful::define_file()
         krv_note(hp, "couldn't add dynamically-defined file %s", path);
         return false;
     }
+    lnpp->slnp_flags |= KRV_LNP_FLAG_DEFINES;
     return true;
 }
 

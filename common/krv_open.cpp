@@ -8,6 +8,7 @@
 #include "krv_error.h"
 #include "krv_fd.h"
 #include "krv_frame_reader.h"
+#include "krv_line.h"
 #include "krv_lookup.h"
 #include "krv_mem.h"
 
@@ -153,6 +154,7 @@ void korva_handle_free(krv_handle_t *hp)
     krv_destroy_reader(hp);
     krv_addr_index_destroy(hp);
     krv_lookup_destroy_cu_caches(hp);
+    krv_line_destroy_caches(hp);
     krv_abbrev_destroy_caches(hp);
     krv_rwlock_destroy(&hp->sh_error_lock);
     krv_rwlock_destroy(&hp->sh_rwlock);

@@ -52,6 +52,8 @@ struct krv_handle {
     krv_relaxed<uint64_t> sh_abbrev_bytes; // of .debug_abbrev in the tables of sh_auphash
     krv_offset_t sh_abbrev_checked;        // where the table begins that krv_abbrev_check_table has found sound last
     krv_offset_t sh_abbrev_checked_end;    // what it has read lies before this; 0: nothing yet
+    krv_hash *sh_line_headers;             // what units share of .debug_line, built on first use
+    krv_relaxed<uint64_t> sh_line_bytes;   // of memory in line headers, files and matrices
     krv_rwlock_t sh_error_lock;            // texts of the messages while they are stored; the last lock to be taken
 };
 

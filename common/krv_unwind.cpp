@@ -16,9 +16,10 @@ namespace
 struct evaluation {
     krv_handle_t *hp;
     krv_activation_t *ap;
-    krv_fd_t fd;     // reads expressions
-    uint64_t column; // return-address register
-    bool has_cfa;    // false when a register that it depends on has no value
+    krv_fd_t fd;      // reads expressions
+    uint64_t *budget; // instructions of all expressions of the frame
+    uint64_t column;  // return-address register
+    bool has_cfa;     // false when a register that it depends on has no value
     uint64_t cfa;
 };
 
@@ -144,7 +145,8 @@ static int execute_expression(evaluation *ev)
                                         .flags = KRV_EXPR_F_CFI,
                                         .outputs = nullptr,
                                         .func = nullptr,
-                                        .arg = nullptr};
+                                        .arg = nullptr,
+                                        .budget = ev->budget};
     return krv_expr_execute(ev->hp, &ev->fd, &context);
 }
 
@@ -302,9 +304,11 @@ static int evaluate(krv_handle_t *hp, krv_activation_t *ap)
 {
     if (hp->sh_as.sfd_size == 0)
         return krv_fail(hp, KRV_ERR_UNSUPPORTED, "no as read callback found");
+    uint64_t own_budget = KRV_EXPR_MAX_STEPS;
     evaluation ev;
     ev.hp = hp;
     ev.ap = ap;
+    ev.budget = ap->sa_budget != nullptr ? ap->sa_budget : &own_budget;
     ev.has_cfa = false;
     ev.cfa = 0;
     uint64_t pc = 0;

@@ -176,7 +176,8 @@ KORVA_API int korva_activation_get_gregs(krv_handle_t *hp, krv_activation_t *ap,
  * counter is not known; no call-frame information covers it, which is how a walk normally ends); KRV_ERR_IO (target
  * memory cannot be read); KRV_ERR_CORRUPT and others of the readers and of korva_expr_execute_expression. Call-frame
  * instructions that name a register out of range, restore a register in a CIE, or change part of a CFA that is not
- * register plus offset, fail with messages and KRV_ERR_NONE.
+ * register plus offset, fail with messages and KRV_ERR_NONE. KRV_ERR_EVAL: among others, the expressions of the frame
+ * execute more than a million instructions together (korva_activation_set_budget).
  */
 KORVA_API int korva_activation_unwind(krv_handle_t *hp, krv_activation_t *ap);
 

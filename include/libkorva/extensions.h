@@ -3,6 +3,7 @@
 #ifndef LIBKORVA_EXTENSIONS_H
 #define LIBKORVA_EXTENSIONS_H
 
+#include "activations.h"
 #include "units.h"
 
 #ifdef __cplusplus
@@ -38,6 +39,17 @@ KORVA_API int korva_cu_get_header(krv_handle_t *hp, krv_ctu_t *cup, krv_cu_heade
  * KRV_LOOKUP_F_FAST left some unit's ranges unknown; otherwise as korva_cu_contains_addr.
  */
 KORVA_API krv_ctu_t *korva_lookup_ctu_by_addr(krv_handle_t *hp, uint64_t address, krv_lookup_flag_t flags);
+
+/**
+ * Bounds the time of a walk over a stack whose call-frame information nobody vouches for. @p instructions tells how many
+ * instructions the expressions of @p ap may still execute, in all frames and arguments that are computed from now on, and
+ * is counted down by them; at 0 an expression fails with KRV_ERR_EVAL. Activations, also of several handles, may share
+ * one count, which a walk may add to as it goes on. It stays the client's, and must outlive the activation or its own
+ * replacement. One expression executes at most a million instructions, whatever the count.
+ *
+ * NULL, as in a new activation: the expressions of each frame share a million, and each argument has a million.
+ */
+KORVA_API int korva_activation_set_budget(krv_handle_t *hp, krv_activation_t *ap, uint64_t *instructions);
 
 #ifdef __cplusplus
 }

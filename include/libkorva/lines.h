@@ -36,7 +36,12 @@ typedef int krv_iter_lne_f(krv_handle_t *hp, unsigned long offset, unsigned char
                            unsigned int nvalues, krv_lns_t *state, void *arg);
 
 /**
- * The line-number header of a unit, read on first use.
+ * The line-number header of a unit, read on first use. Units of one header and one compilation directory share its
+ * tables and rows in memory.
+ *
+ * Headers, files, rows, and the paths that KRV_FIELD_LNFE_ABSOLUTE_PATH has given out, are kept up to 64 bytes of memory
+ * a byte of .debug_line, and 1 MiB. Sound sections need a fraction of that. Beyond it, where programs overlap or many
+ * units read one in ways of their own, these queries fail with KRV_ERR_CORRUPT.
  *
  * Errors: KRV_ERR_NOTFOUND without a message when the unit has no line numbers (no DW_AT_stmt_list);
  * KRV_ERR_INVALID for a unit outside .debug_info; KRV_ERR_CORRUPT and the decoder's for a damaged header.
@@ -147,7 +152,8 @@ enum {
  * call; a table once handed out stays valid for as long as its header does.
  *
  * Errors, and then nothing is stored: KRV_ERR_INVALID for an unknown @p struct_type (KRV_STRUCT_*) or a field of
- * another record (one message each); for KRV_FIELD_LNPH_LNP those of korva_iter_line_entry.
+ * another record (one message each); for KRV_FIELD_LNPH_LNP those of korva_iter_line_entry; for
+ * KRV_FIELD_LNFE_ABSOLUTE_PATH KRV_ERR_CORRUPT at the bound of korva_line_get_cu_lnph (korva_lnfe_get_path keeps nothing).
  */
 KORVA_API int korva_get_fields(krv_handle_t *hp, unsigned int struct_type, void *structp, unsigned int nfields, ...);
 

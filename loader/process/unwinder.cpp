@@ -14,6 +14,9 @@ namespace
 // The i386 psABI preserves these across calls, but the library has no rule for a register that no instruction names.
 constexpr unsigned i386_preserved[] = {KRV_HOST_RBX, KRV_HOST_RBP, KRV_HOST_RSI, KRV_HOST_RDI};
 
+// Of expressions: some tens are what compilers and linkers need. A walk may still meet a frame that takes a million.
+constexpr uint64_t instructions_a_frame = 1000;
+
 // What the library says of its last failure: one line, cause first.
 std::string messages_of(krv_handle_t *hp)
 {
@@ -57,7 +60,7 @@ krv_activation_t *unwinder::load(krv_handle_t *hp, uint64_t pc, const register_s
     if (slot == nullptr)
         slot.reset(korva_activation_alloc(hp));
     krv_activation_t *ap = slot.get();
-    if (ap == nullptr || korva_activation_reset(hp, ap) != 0 ||
+    if (ap == nullptr || korva_activation_set_budget(hp, ap, &budget) != 0 || korva_activation_reset(hp, ap) != 0 ||
         korva_activation_set_regs(hp, ap, registers.gregs, registers.mask,
                                   registers.has_fpregs ? &registers.fpregs : nullptr) != 0 ||
         korva_activation_set_greg(hp, ap, KRV_ACTIVATION_REG_LIBRARY, KRV_REG_PC, static_cast<krv_greg_t>(pc)) != 0)
@@ -67,6 +70,7 @@ krv_activation_t *unwinder::load(krv_handle_t *hp, uint64_t pc, const register_s
 
 departure unwinder::leave_by(krv_handle_t *hp, uint64_t pc, const register_set &registers, krv_proc_frame_t *frame)
 {
+    budget += instructions_a_frame;
     krv_activation_t *ap = load(hp, pc, registers);
     frame->handle = hp;
     frame->activation = ap;

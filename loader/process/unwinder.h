@@ -56,6 +56,7 @@ private:
     krv_proc_t *proc;
     krv_activation_type_t target;
     bool looked_again = false;
+    uint64_t budget = 1'000'000; // of the expressions of all frames, to which each frame adds a little
     std::map<krv_handle_t *, std::unique_ptr<krv_activation_t, activation_deleter>> activations;
 };
 

@@ -10,6 +10,7 @@
 
 #include <cstring>
 #include <gtest/gtest.h>
+#include <malloc.h>
 
 using namespace krv_test;
 
@@ -143,6 +144,96 @@ TEST(Limits, Lines)
     EXPECT_NE(korva_lookup_source_by_cu_and_addr(m.h, cu, 0, UINT64_MAX, 0x410, 0), nullptr);
     // The table doubles: twice its rows, the copies on the way, and the temporary table of canonical addresses.
     EXPECT_TRUE(m.costs_at_most(MILLION + 100, 4 * sizeof(krv_lns_t) * MILLION));
+}
+
+namespace
+{
+
+// What the heap holds. Nothing under the address sanitizer, whose heap it is not.
+size_t heap_bytes()
+{
+    const struct mallinfo2 info = mallinfo2();
+    return info.uordblks + info.hblkhd;
+}
+
+// A section whose N units tell their line numbers and compilation directory, and the program or programs that they name.
+struct line_sections {
+    const char *what;
+    bytes lines;
+    std::function<uint64_t(uint64_t)> offset = [](uint64_t) { return 0; };
+    std::function<std::string(uint64_t)> comp_dir = [](uint64_t) { return "/"; };
+    uint64_t units;
+};
+
+// A header as small as one can be, up to its tables. Read as part of those of the header before it, it is three files.
+bytes small_line_header(uint64_t unit_length)
+{
+    return bytes().u32(unit_length).u16(0x303).u32(1).u8(1).u8(1).u8(1).u8(14).u8(1);
+}
+
+} // namespace
+
+// What is kept of line numbers does not grow with the product of units and what they share, nor with what files share.
+TEST(Limits, MemoryOfLines)
+{
+    constexpr uint64_t N = 1000;
+    const line_unit::file a{"a"};
+    const bytes at = program("at 400 copy "), end = program("end");
+    bytes nested;
+    for (uint64_t i = 0; i < N; ++i)
+        nested += small_line_header(15 * (N - i));
+    nested.fill(4);
+    const auto each_its_own = [](uint64_t i) { return std::to_string(i); };
+    const line_sections rows[] = {
+        {.what = "a header of N files", .lines = line_unit{.files = {N, a}}.build(), .units = N},
+        {.what = "a program of N rows",
+         .lines = line_unit{.program = at + bytes().fill(N, 0x4b) + end}.build(),
+         .units = N},
+        {.what = "N files of N directories",
+         .lines = line_unit{.files = {N, a}, .program = at + bytes().fill(N, 0x4b) + end}.build(),
+         .comp_dir = each_its_own,
+         .units = N},
+        {.what = "a program that defines N files",
+         .lines = line_unit{.program = program([] {
+                                std::string defs;
+                                for (uint64_t i = 0; i < N; ++i)
+                                    defs += "def a 0 0 0 ";
+                                return defs + "at 400 copy pc 4 end";
+                            }())}
+                      .build(),
+         .units = N},
+        {.what = "headers that overlap", .lines = nested, .offset = [](uint64_t i) { return 15 * i; }, .units = N},
+        {.what = "files of a long directory",
+         .lines = line_unit{.dirs = {std::string(1000, 'd')}, .files = {20 * N, {"a", 1}}}.build(),
+         .units = 1},
+    };
+    for (const auto &row : rows) {
+        SCOPED_TRACE(row.what);
+        bytes info;
+        for (uint64_t i = 0; i < row.units; ++i)
+            info += unit{.dies = bytes().u8(1).u32(row.offset(i)).cstr(row.comp_dir(i))}.build();
+        handle h;
+        h.attach(KRV_SEC_ABBREV, abbrevs("1 compile_unit stmt_list:sec_offset comp_dir:string"));
+        h.attach(KRV_SEC_INFO, info).attach(KRV_SEC_LINE, row.lines);
+        const size_t before = heap_bytes();
+        unsigned found = 0;
+        uint64_t at_unit = 0;
+        for (uint64_t i = 0; i < row.units; ++i) {
+            krv_ctu_t *cu = korva_lookup_ctu_by_start_offset(h, KRV_SEC_INFO, at_unit);
+            ASSERT_NE(cu, nullptr);
+            at_unit += cu->dcu_size;
+            korva_lookup_source_by_cu_and_addr(h, cu, 0, UINT64_MAX, 0x400, 0);
+            krv_lnph_t *header = korva_line_get_cu_lnph(h, cu);
+            uint64_t nfiles = 0;
+            krv_lnfe_t **files = header == nullptr ? nullptr : krv_lnph_files(header, &nfiles);
+            char *path;
+            for (uint64_t file = i % 500 == 0 || nfiles == 0 ? 0 : nfiles - 1; file < nfiles; ++file)
+                found += korva_get_fields(h, KRV_STRUCT_LNFE, files[file], 1, KRV_FIELD_LNFE_ABSOLUTE_PATH, &path) == 0;
+        }
+        const size_t input = info.size() + row.lines.size();
+        EXPECT_LE(heap_bytes() - before, 100 * input + KRV_KEPT_SLACK);
+        EXPECT_GT(found, 50U); // what fits is kept
+    }
 }
 
 TEST(Limits, ExpressionsEnd)

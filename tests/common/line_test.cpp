@@ -362,6 +362,62 @@ TEST(Line, Walk)
     EXPECT_EQ(t.h.error(), "IO");
 }
 
+// Units of one program: what is shared cannot be told from what each has read for itself.
+TEST(Line, UnitsOfOneProgram)
+{
+    const auto section = [](const char *recipe) { return line_unit{.program = program(recipe)}.build(); };
+    const bytes rows = section("at 400 line 0 copy pc 4 end"),
+                defines = section("def b.c 0 0 0 at 400 file 2 copy pc 4 end"),
+                other = section("at 400 line 6 copy pc 4 end");
+    const struct {
+        const bytes &before,
+            &after;             // .debug_line, which is attached anew when two units have their headers, one its rows
+        const char *answers[4]; // of each unit: its files, its row and the file of that
+    } table[] = {
+        {rows, rows, {"1 1 /a/a.c", "1 1 /a/a.c", "1 1 /b/a.c", "1 1 a.c"}},
+        {defines, defines, {"2 1 b.c", "2 1 b.c", "2 1 b.c", "2 1 b.c"}},
+        {rows, other, {"1 1 /a/a.c", "1 7 /a/a.c", "1 7 /b/a.c", "1 7 a.c"}},
+        {other, rows, {"1 7 /a/a.c", "1 1 /a/a.c", "1 1 /b/a.c", "1 1 a.c"}},
+    };
+    for (const auto &row : table) {
+        handle h;
+        h.attach(KRV_SEC_ABBREV,
+                 abbrevs("1 compile_unit stmt_list:data1 comp_dir:string; 2 compile_unit stmt_list:data1"));
+        h.attach(KRV_SEC_INFO, unit{.dies = bytes().u8(1).u8(0).cstr("/a")}.build() +
+                                   unit{.dies = bytes().u8(1).u8(0).cstr("/a")}.build() +
+                                   unit{.dies = bytes().u8(1).u8(0).cstr("/b")}.build() +
+                                   unit{.dies = bytes().u8(2).u8(0)}.build());
+        h.attach(KRV_SEC_LINE, row.before);
+        std::vector<krv_ctu_t *> units;
+        korva_iter_cu(
+            h, KRV_SEC_INFO,
+            [](krv_handle_t *, krv_ctu_t *cu, void *arg) {
+                static_cast<std::vector<krv_ctu_t *> *>(arg)->push_back(cu);
+                return 0;
+            },
+            &units);
+        ASSERT_EQ(units.size(), 4U);
+        std::vector<const void *> headers;
+        for (size_t i = 0; i < 4; ++i) {
+            krv_lns_t *r = korva_lookup_source_by_cu_and_addr(h, units[i], 0, MAX, 0x402, 0);
+            ASSERT_NE(r, nullptr) << h.error();
+            krv_lnph_t *header = korva_line_get_cu_lnph(h, units[i]);
+            char *path = nullptr, copy[20];
+            EXPECT_EQ(korva_get_fields(h, KRV_STRUCT_LNFE, r->slns_filep, 1, KRV_FIELD_LNFE_ABSOLUTE_PATH, &path), 0);
+            EXPECT_EQ(korva_lnfe_get_path(h, r->slns_filep, copy, sizeof(copy), B_TRUE), 0);
+            EXPECT_STREQ(path, copy);
+            EXPECT_EQ(r->slns_filep, krv_lnph_file(header, r->slns_file));
+            EXPECT_EQ(text("%lu %u %s", header->sln_files_entries, r->slns_line, path), row.answers[i]);
+            EXPECT_EQ(std::count(headers.begin(), headers.end(), header), 0);
+            headers.push_back(header);
+            if (i == 0) {
+                korva_line_get_cu_lnph(h, units[1]);
+                h.attach(KRV_SEC_LINE, row.after);
+            }
+        }
+    }
+}
+
 // ---------------------------------------------------------------------------------------------------------------
 // Lookup and fields
 // ---------------------------------------------------------------------------------------------------------------
@@ -491,7 +547,7 @@ TEST(Line, Fields)
 
 TEST(Line, FieldFailures)
 {
-    lines t("at 400 copy pc 4 end"), bad("ext 9"), fresh("at 400 copy pc 4 end");
+    lines t("at 400 copy pc 4 end"), bad("def b.c 0 0 0 ext 9"), fresh("at 400 copy pc 4 end");
     krv_lnp_t *lnp = t.matrix(), *none = lnp;
     krv_lns_t *row = &lnp->slnp_lnsp[0];
     uint32_t kept = 77, set = 77;
@@ -504,13 +560,30 @@ TEST(Line, FieldFailures)
                 "INVALID: illegal field 0 specified | illegal field 32 specified | illegal field 34 specified"));
     EXPECT_EQ(korva_get_fields(t.h, KRV_STRUCT_LNP, lnp, 2, ENTRIES, &kept, -1, &kept), -1);
     EXPECT_TRUE(refuses(t.h, korva_get_fields(t.h, 4, row, 1, LINE, &kept), "INVALID: illegal struct 4 specified"));
-    EXPECT_EQ(korva_get_fields(bad.h, KRV_STRUCT_LNPH, bad.header(), 2, KRV_FIELD_LNPH_MIL, &kept, LNP, &none), -1);
-    const std::string error = bad.h.error();
     EXPECT_EQ(bad.matrix(), nullptr);
-    EXPECT_EQ(error, bad.h.error() + " | unable to generate line number matrix");
-    EXPECT_TRUE(refuses(fresh.h, korva_get_fields(fresh.h, KRV_STRUCT_LNPH, fresh.header(), 2, 99, &kept, LNP, &none),
-                        "INVALID: illegal field 99 specified")); // although a matrix is built behind it
+    const std::string error = bad.h.error() + " | unable to generate line number matrix";
+    const std::string behind = error.substr(error.find(": ") + 2);
+    const struct {
+        lines &of;
+        int first, second, third;
+        std::string outcome;
+    } rows[] = {
+        {bad, KRV_FIELD_LNPH_MIL, KRV_FIELD_LNPH_MOPI, LNP, error},
+        {bad, LNP, LNP, KRV_FIELD_LNPH_MIL, error},
+        {bad, 99, LNP, 98, "INVALID: illegal field 99 specified | " + behind + " | illegal field 98 specified"},
+        {bad, 99, 98, LNP, "UNSUPPORTED: illegal field 99 specified | illegal field 98 specified | " + behind},
+        {fresh, 99, LNP, LNP, "INVALID: illegal field 99 specified"}, // and a matrix is built behind it
+    };
+    for (const auto &r : rows)
+        EXPECT_TRUE(refuses(r.of.h,
+                            korva_get_fields(r.of.h, KRV_STRUCT_LNPH, r.of.header(), 3, r.first, &kept, r.second, &none,
+                                             r.third, &kept),
+                            r.outcome));
+    EXPECT_NE(fresh.header()->sln_lnp, nullptr);
+    EXPECT_EQ(bad.header()->sln_files_entries, 1U + 6); // by as many executions
     EXPECT_TRUE(kept == 77 && none == lnp);
+    EXPECT_EQ(korva_lns_get_line(t.h, row, nullptr) + korva_lns_get_es(t.h, row, nullptr), -2);
+    EXPECT_EQ(korva_handle_get_errno(t.h), KRV_ERR_INVALID);
 }
 
 TEST(Line, FactsOfAFile)

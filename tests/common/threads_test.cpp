@@ -109,7 +109,7 @@ TEST(Threads, LineHeaderOfAUnit)
         for (unsigned n = 0; n < WALKS; ++n) {
             EXPECT_EQ(korva_iter_line_entry(own, lnph, nullptr, nullptr), 0);
             const uint64_t count = get(own, lnph, &now);
-            EXPECT_STREQ(now[count - 1]->slnfe_absolute_path, "src/c.c"); // without the compilation directory
+            EXPECT_STREQ(krv_lnfe_absolute_path(own, now[count - 1]), "src/c.c"); // without the compilation directory
         }
         EXPECT_TRUE(std::equal(copy.begin(), copy.end(), early) && std::equal(copy.begin(), copy.end(), now));
     });

@@ -200,6 +200,35 @@ TEST(Unwind, Outcomes)
     }
 }
 
+// The expressions of a frame share a million instructions; those of a walk what its client grants.
+TEST(Unwind, Budget)
+{
+    const auto count_down = [](uint32_t from) { // executes 1 + 4 * from instructions
+        return op(DW_OP_const4u).u32(from) + op(DW_OP_lit1) + op(DW_OP_minus) + op(DW_OP_dup) +
+               op(DW_OP_bra).u16(0xfffa);
+    };
+    const auto value = [](uint64_t reg, const bytes &e) { return op(DW_CFA_val_expression).uleb(reg) + block(e); };
+    const std::string spent = "EVAL: expression has no instructions left | error executing instruction 0x";
+    stopped frame(framed(KRV_ACTIVATION_AMD64, value(3, count_down(150000)) + value(6, count_down(150000))));
+    EXPECT_TRUE(frame.caller(3).starts_with(spent));
+    stopped one(framed(KRV_ACTIVATION_AMD64, value(3, count_down(300000))));
+    EXPECT_TRUE(one.caller(3).starts_with("EVAL: expression exceeds 1000000 instructions | "));
+
+    stopped s(framed(KRV_ACTIVATION_AMD64, value(3, count_down(10)) + value(6, count_down(1))));
+    uint64_t left = 100;
+    EXPECT_EQ(korva_activation_set_budget(s.h, s.ap.get(), &left), 0);
+    std::string walk;
+    for (int n = 0; n < 3; ++n, s.load(0, 0)) { // each computes the frame again
+        walk += s.caller(3).substr(0, spent.size());
+        walk += text(", %lu left; ", left);
+    }
+    EXPECT_EQ(walk, "0, 54 left; 0, 8 left; " + spent + ", 0 left; ");
+    EXPECT_EQ(korva_activation_set_budget(s.h, s.ap.get(), nullptr), 0);
+    EXPECT_EQ(s.caller(3), "0");
+    EXPECT_EQ(korva_activation_set_budget(s.h, nullptr, &left), -1);
+    EXPECT_EQ(s.h.error(), "INVALID");
+}
+
 // Three frames of one function that calls itself, saving the frame pointer: words 0 and 1 of each frame.
 TEST(Unwind, Walk)
 {

@@ -55,7 +55,10 @@ static std::string ask_units(krv_handle_t *hp)
         krv_lns_t *row = korva_lookup_source_by_cu_and_addr(hp, cu, 0x400, 0x10, 0x408, 0);
         if (row == nullptr)
             return "!row";
-        answer += std::string(cu->dcu_name) + " " + korva_lns_get_filep(hp, row)->slnfe_absolute_path + "; ";
+        const char *path = krv_lnfe_absolute_path(hp, korva_lns_get_filep(hp, row));
+        if (path == nullptr)
+            return "!path";
+        answer += std::string(cu->dcu_name) + " " + path + "; ";
     }
     return answer;
 }

@@ -1,0 +1,171 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// What units share of their line numbers. Many may name one header of .debug_line: partial units do, and whoever wants
+// memory to grow with the product of both. It is read once for each compilation directory, which is part of its files'
+// paths, and executed once, unless its program defines files: they are added to the table of the unit that asked.
+#include "krv_error.h"
+#include "krv_fd.h"
+#include "krv_hash.h"
+#include "krv_line.h"
+#include "krv_mem.h"
+
+namespace
+{
+
+struct common_deleter {
+    void operator()(krv_line_common *common) const { krv_line_release(common); }
+};
+using common_owner = std::unique_ptr<krv_line_common, common_deleter>;
+
+} // namespace
+
+// Whether reading again would give the same. A section that is attached anew is read by whoever has not asked before.
+static bool is_current(const krv_handle_t *hp, const krv_line_common *common)
+{
+    return krv_fd_same_source(&common->slc_section, &hp->sh_sec[KRV_SEC_LINE]);
+}
+
+// ---------------------------------------------------------------------------------------------------------------
+// Headers
+// ---------------------------------------------------------------------------------------------------------------
+
+static const char *text_of(const char *comp_dir)
+{
+    return comp_dir == nullptr ? "" : comp_dir;
+}
+
+// Of what units have in common. Two that differ may have the same; the later one then shares nothing.
+static krv_hash_key_t key_of(uint64_t offset, const char *comp_dir)
+{
+    constexpr uint64_t PRIME = 0x100000001b3; // FNV-1a
+    uint64_t key = 0xcbf29ce484222325;
+    for (const char *s = text_of(comp_dir); *s != '\0'; ++s)
+        key = (key ^ static_cast<uint8_t>(*s)) * PRIME;
+    key = (key ^ offset) * 0x9e3779b97f4a7c15;
+    return {.dwhk_u = key ^ key >> 32}; // a bucket is chosen by the lowest bits
+}
+
+static krv_hash_t *get_headers(krv_handle_t *hp)
+{
+    if (krv_hash_t *hash = krv_load(&hp->sh_line_headers))
+        return hash;
+    krv_hash_t *fresh = krv_hash_create(hp, 0, KRV_HASH_UINT64);
+    return fresh == nullptr ? nullptr : krv_publish(&hp->sh_line_headers, fresh, krv_hash_destroy);
+}
+
+static krv_lnph_t *read_header(krv_handle_t *hp, krv_ctu_t *cup, uint64_t offset)
+{
+    if (krv_line_may_keep(hp, 0)) {
+        krv_lnph_t *header = krv_lnph_alloc(hp, cup, offset);
+        if (header == nullptr || krv_line_may_keep(hp, sizeof(krv_lnph_t) + header->sln_bytes))
+            return header;
+        krv_lnph_free(header);
+    }
+    krv_note(hp, "failed to read .debug_line header at offset %lld", static_cast<long long>(offset));
+    return nullptr;
+}
+
+// Reads what a unit will have in common with others, unless another thread was first. NULL on failure.
+static krv_line_common *add_common(krv_handle_t *hp, krv_hash_t *headers, const krv_hash_key_t *key, krv_ctu_t *cup,
+                                   uint64_t offset)
+{
+    common_owner fresh(krv_new<krv_line_common>(hp));
+    if (fresh == nullptr)
+        return nullptr;
+    fresh->slc_refcnt = 1;
+    fresh->slc_section = hp->sh_sec[KRV_SEC_LINE];
+    fresh->slc_header = read_header(hp, cup, offset);
+    if (fresh->slc_header == nullptr)
+        return nullptr;
+    auto *stored = static_cast<krv_line_common *>(krv_hash_insert(hp, headers, key, fresh.get()));
+    if (stored == fresh.get())
+        static_cast<void>(fresh.release()); // the handle's now
+    else if (stored != nullptr)
+        krv_clear_error(hp);
+    return stored;
+}
+
+// A header of the unit's own, with the tables of another.
+static krv_lnph_t *borrow(krv_handle_t *hp, krv_line_common *common)
+{
+    auto *header = krv_new<krv_lnph_t>(hp);
+    if (header == nullptr)
+        return nullptr;
+    *header = *common->slc_header;
+    krv_rwlock_init(&header->sln_files_lock);
+    header->sln_common = common;
+    krv_refcnt_inc(&common->slc_refcnt);
+    return header;
+}
+
+krv_lnph_t *krv_line_share_header(krv_handle_t *hp, krv_ctu_t *cup, uint64_t offset)
+{
+    krv_hash_t *headers = get_headers(hp);
+    if (headers == nullptr)
+        return nullptr;
+    const krv_hash_key_t key = key_of(offset, cup->dcu_comp_dir);
+    auto *common = static_cast<krv_line_common *>(krv_hash_lookup(hp, headers, &key));
+    if (common == nullptr)
+        common = add_common(hp, headers, &key, cup, offset);
+    if (common == nullptr)
+        return nullptr;
+    const krv_lnph_t *header = common->slc_header;
+    const bool is_same = header->sln_offset == offset && is_current(hp, common) &&
+                         std::strcmp(text_of(header->sln_comp_dir), text_of(cup->dcu_comp_dir)) == 0;
+    return is_same ? borrow(hp, common) : read_header(hp, cup, offset);
+}
+
+void krv_line_destroy_caches(krv_handle_t *hp)
+{
+    if (hp->sh_line_headers == nullptr)
+        return;
+    krv_hash_iter(hp->sh_line_headers, [](void *common) {
+        krv_line_release(static_cast<krv_line_common *>(common));
+        return 0;
+    });
+    krv_hash_destroy(hp->sh_line_headers);
+    hp->sh_line_headers = nullptr;
+}
+
+// ---------------------------------------------------------------------------------------------------------------
+// Matrices
+// ---------------------------------------------------------------------------------------------------------------
+
+// Executes the program. NULL on failure.
+static krv_lnp_t *build_matrix(krv_handle_t *hp, krv_lnph_t *lnphp)
+{
+    krv_lnp_t *fresh = nullptr;
+    if (!krv_line_may_keep(hp, 0) || krv_line_build_program(hp, lnphp, &fresh, nullptr, nullptr) != 0)
+        return nullptr;
+    // The matrix is kept: what its tables do not use is given back.
+    if (krv_table_trim(hp, &fresh->slnp_lnsp, &fresh->slnp_lnsp_size, fresh->slnp_lnsp_entries) &&
+        krv_line_may_keep(hp, krv_line_program_bytes(fresh)))
+        return fresh;
+    krv_line_free_program(fresh);
+    return nullptr;
+}
+
+krv_lnp_t *krv_line_get_matrix(krv_handle_t *hp, krv_lnph_t *lnphp)
+{
+    KRV_ASSERT(hp != NULL);
+    KRV_ASSERT(lnphp != NULL);
+    if (krv_lnp_t *lnpp = krv_load(&lnphp->sln_lnp))
+        return lnpp;
+    krv_line_common *common = lnphp->sln_common;
+    if (common != nullptr && !is_current(hp, common))
+        common = nullptr;
+    krv_lnp_t *lnpp = common == nullptr ? nullptr : krv_load(&common->slc_matrix);
+    if (lnpp == nullptr) {
+        lnpp = build_matrix(hp, lnphp);
+        if (lnpp == nullptr)
+            return nullptr;
+        if ((lnpp->slnp_flags & KRV_LNP_FLAG_DEFINES) != 0)
+            common = nullptr;
+        if (common != nullptr)
+            lnpp = krv_publish(&common->slc_matrix, lnpp, krv_line_free_program);
+    }
+    return krv_publish(&lnphp->sln_lnp, lnpp, [common](krv_lnp_t *late) {
+        if (common == nullptr)
+            krv_line_free_program(late);
+    });
+}
