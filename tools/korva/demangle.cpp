@@ -18,8 +18,8 @@ namespace
 
 constexpr size_t MAX_MANGLED = 32 << 10; // the runtime's demangler takes stack by the length of the name
 constexpr size_t MAX_PLAIN = 64 << 10;
-constexpr uint64_t MAX_UNFOLDED = 1 << 20;
-constexpr uint64_t MAX_UNFOLDED_PACKS = 16 << 20;
+constexpr uint64_t MAX_UNFOLDED = 1 << 20;          // without what multiplies it: compilers write less
+constexpr double MAX_MULTIPLIED = 32.0 * (1 << 20); // a rough bound
 
 bool is_digit(char c)
 {
@@ -34,7 +34,7 @@ bool is_digit(char c)
  *
  * The bound needs no grammar. Substitution n was complete when one of that number or a higher one is first seen, so it
  * stands for no more than all of the name up to there, unfolded. The parameters of a function (_Z, and Z for local
- * names) have their arguments before them in the same way.
+ * names) have their arguments before them in the same way; functions within each other's arguments multiply.
  */
 class unfolding
 {
@@ -45,7 +45,10 @@ public:
     {
         for (m_at = 0; m_at < m_name.size() && m_size <= MAX_UNFOLDED; ++m_at, ++m_size)
             step();
-        return m_size > MAX_UNFOLDED || (m_has_expansion && m_size * m_elements > MAX_UNFOLDED_PACKS);
+        double whole = static_cast<double>(m_size) * (m_has_expansion ? m_elements : 1);
+        for (unsigned inner = 1; inner < m_functions && whole <= MAX_MULTIPLIED; ++inner)
+            whole *= 1 + m_parameters / m_functions; // at worst: as many for each
+        return m_size > MAX_UNFOLDED || whole > MAX_MULTIPLIED;
     }
 
 private:
@@ -60,11 +63,17 @@ private:
         else if (c == 'T')
             parameter();
         else if (c == 'Z')
-            m_is_first_parameter = true;
+            begin_function();
         else if (c == 'J')
             m_has_pack = true;
         else if (c == 'p' && m_at > 0 && (m_name[m_at - 1] == 'D' || m_name[m_at - 1] == 's'))
             m_has_expansion = true;
+    }
+
+    void begin_function()
+    {
+        ++m_functions;
+        m_is_first_parameter = true;
     }
 
     // An identifier stands behind its length. Another number is passed over digit by digit.
@@ -107,6 +116,7 @@ private:
         if (m_is_first_parameter)
             m_argument = m_size;
         m_is_first_parameter = false;
+        ++m_parameters;
         m_size += m_argument;
         m_at = end;
     }
@@ -116,7 +126,8 @@ private:
     uint64_t m_size = 0; // of what was read, unfolded
     std::vector<uint64_t> m_substitutions;
     uint64_t m_argument = 0;
-    uint64_t m_elements = 1; // of a pack, at most
+    double m_elements = 1; // of a pack, at most
+    double m_parameters = 0, m_functions = 0;
     bool m_is_first_parameter = true, m_has_pack = false, m_has_expansion = false;
 };
 

@@ -38,7 +38,8 @@ static void read_section(Elf *elf, Elf_Scn *section, other_symbols *others)
     for (int i = 0; gelf_getsym(data, i, &symbol) != nullptr; ++i) {
         const char *name = elf_strptr(elf, header.sh_link, symbol.st_name);
         const std::string_view what = describe(symbol);
-        if (name != nullptr && !what.empty()) // without its version, which .symtab has and .dynsym has not
+        if (name != nullptr && *name != '\0' &&
+            !what.empty()) // without its version, which .symtab has and .dynsym has not
             others->try_emplace(std::string(name, std::strcspn(name, "@")), what);
     }
 }
