@@ -8,7 +8,9 @@
 #include "krv_mem.h"
 #include "krv_names.h"
 
+#include <algorithm>
 #include <iterator>
+#include <numeric>
 
 namespace
 {
@@ -255,35 +257,44 @@ static inline bool scan_pairs(Pairs pairs, const uint8_t **where, const uint8_t 
     }
 }
 
+// Steps over what stands before the pairs of one abbreviation; over the null code alone, which gives code 0. False:
+// irregular or cut off.
+static inline bool scan_head(const uint8_t **where, const uint8_t *end, krv_abbrev_t *abbrev)
+{
+    const uint8_t *&at = *where;
+    uint64_t code, tag;
+    if (!scan_number(&at, end, UINT32_MAX, &code))
+        return false;
+    abbrev->dwa_code = static_cast<uint32_t>(code);
+    if (code == 0)
+        return true;
+    if (!scan_number(&at, end, UINT16_MAX, &tag) || at == end)
+        return false;
+    abbrev->dwa_tag = static_cast<krv_tag_t>(tag);
+    abbrev->dwa_flags = *at++ != 0 ? KRV_ABBREV_FLAG_PARENT : KRV_ABBREV_FLAG_NONE;
+    return true;
+}
+
 // Reads the abbreviations that are in memory and regular, as nearly all are: `done` at the null code, `next` where
-// read_abbrev has to see what comes.
+// its twin, read_abbrev, has to see what comes.
 static outcome scan_abbrevs(table_builder *t)
 {
     const krv_view_t view = krv_fd_view(t->fdp);
     const uint8_t *at = view.bytes, *const end = view.bytes + view.size;
-    const uint8_t *behind = at; // the last abbreviation that was read whole
+    const uint8_t *behind = at; // the last one that was read whole
     outcome result = outcome::next;
-    while (result == outcome::next) {
-        uint64_t code, tag;
-        if (!scan_number(&at, end, UINT32_MAX, &code))
-            break;
-        if (code == 0) {
+    krv_abbrev_t abbrev = {};
+    while (result == outcome::next && scan_head(&at, end, &abbrev)) {
+        if (abbrev.dwa_code == 0) {
             result = outcome::done;
         } else {
-            if (!scan_number(&at, end, UINT16_MAX, &tag) || at == end || !t->abbrevs.reserve(t->hp, 1))
-                break;
-            const krv_abbrev_flag_t flags = *at++ != 0 ? KRV_ABBREV_FLAG_PARENT : KRV_ABBREV_FLAG_NONE;
-            const uint64_t start = t->pairs.size;
-            if (!scan_pairs(table_pairs{t}, &at, end)) {
-                t->pairs.size = start;
+            abbrev.dwa_afpair_start = t->pairs.size;
+            if (!t->abbrevs.reserve(t->hp, 1) || !scan_pairs(table_pairs{t}, &at, end)) {
+                t->pairs.size = abbrev.dwa_afpair_start;
                 break;
             }
-            *t->abbrevs.end() = {static_cast<uint32_t>(code),
-                                 static_cast<krv_tag_t>(tag),
-                                 flags,
-                                 static_cast<uint32_t>(t->pairs.size - start),
-                                 nullptr,
-                                 start};
+            abbrev.dwa_nafpairs = static_cast<uint32_t>(t->pairs.size - abbrev.dwa_afpair_start);
+            *t->abbrevs.end() = abbrev;
             ++t->abbrevs.size;
         }
         behind = at;
@@ -294,31 +305,23 @@ static outcome scan_abbrevs(table_builder *t)
     return result;
 }
 
-// The hash of all tables whose codes are the way into them. Nothing is ever inserted.
-static krv_hash_t *no_codes()
+// Puts the indices of the abbreviations in the order of their codes. Fails where two have the same.
+static int sort_codes(krv_handle_t *hp, krv_au_t *au)
 {
-    static krv_hash_elem_t *bucket;
-    static krv_hash_t hash = {&bucket, 1, 0, {}, krv_hash_hash_uint64, krv_hash_cmp_uint64, nullptr, nullptr, 0};
-    return &hash;
-}
-
-static krv_hash_t *hash_abbrevs(krv_handle_t *hp, const krv_au_t *au)
-{
-    // The count is a hint only; no table has more abbreviations than a code has values.
-    const auto count = static_cast<unsigned int>(au->sau_abbrev_table_entries);
-    krv_hash_t *hash = krv_hash_create(hp, count, KRV_HASH_UINT64);
-    if (hash == nullptr)
-        return nullptr;
-    for (uint64_t i = 0; i < au->sau_abbrev_table_entries; ++i) {
-        krv_abbrev_t *abbrev = &au->sau_abbrev_table[i];
-        const krv_hash_key_t key = {.dwhk_u = abbrev->dwa_code};
-        if (krv_hash_insert(hp, hash, &key, abbrev) != abbrev) {
-            krv_note(hp, "error hashing abbreviation");
-            krv_hash_destroy(hash);
-            return nullptr;
-        }
-    }
-    return hash;
+    const uint64_t count = au->sau_abbrev_table_entries;
+    krv_owner<uint32_t> by_code(static_cast<uint32_t *>(krv_alloc(hp, count * sizeof(uint32_t))));
+    if (by_code == nullptr)
+        return krv_note(hp, "error hashing abbreviation");
+    const krv_abbrev_t *abbrevs = au->sau_abbrev_table;
+    uint32_t *first = by_code.get(), *last = first + count;
+    std::iota(first, last, 0U); // no table has more abbreviations than a code has values
+    std::sort(first, last, [abbrevs](uint32_t a, uint32_t b) { return abbrevs[a].dwa_code < abbrevs[b].dwa_code; });
+    if (std::adjacent_find(first, last, [abbrevs](uint32_t a, uint32_t b) {
+            return abbrevs[a].dwa_code == abbrevs[b].dwa_code;
+        }) != last)
+        return krv_fail(hp, KRV_ERR_EXISTS, "error hashing abbreviation");
+    au->sau_by_code = by_code.release();
+    return 0;
 }
 
 // The table in one allocation: its record, the abbreviations, the pairs. The sizes are of arrays that are in memory.
@@ -344,8 +347,7 @@ static krv_au_t *make_unit(table_builder *t)
            t->pairs.size,
            nullptr,
            t->offset};
-    au->sau_hash = in_order ? no_codes() : hash_abbrevs(t->hp, au.get());
-    return au->sau_hash == nullptr ? nullptr : au.release();
+    return in_order || sort_codes(t->hp, au.get()) == 0 ? au.release() : nullptr;
 }
 
 krv_au_t *krv_abbrev_unit_alloc(krv_handle_t *hp, uint64_t offset)
@@ -370,8 +372,7 @@ krv_au_t *krv_abbrev_unit_alloc(krv_handle_t *hp, uint64_t offset)
 
 void krv_abbrev_unit_free(krv_au_t *au)
 {
-    if (au->sau_hash != no_codes())
-        krv_hash_destroy(au->sau_hash);
+    krv_free(au->sau_by_code);
     krv_free(au);
 }
 
@@ -389,31 +390,30 @@ static bool check_abbrevs(const uint8_t **where, const uint8_t *end, uint64_t co
 {
     const uint8_t *&at = *where;
     bool found = false;
-    for (uint64_t expected = 1; !(first_only && found); ++expected) {
-        uint64_t number = 0, tag;
-        if (at != end && !scan_number(&at, end, UINT32_MAX, &number))
+    for (uint64_t expected = 1; at != end && !(first_only && found); ++expected) {
+        krv_abbrev_t abbrev = {};
+        if (!scan_head(&at, end, &abbrev))
             return false;
-        if (number == 0)
+        if (abbrev.dwa_code == 0)
             break;
-        if (number != expected || !scan_number(&at, end, UINT16_MAX, &tag) || at == end)
+        if (abbrev.dwa_code != expected)
             return false;
-        const krv_abbrev_flag_t flags = *at++ != 0 ? KRV_ABBREV_FLAG_PARENT : KRV_ABBREV_FLAG_NONE;
-        if (number == code) {
-            single->ssa_abbrev = {
-                static_cast<uint32_t>(code), static_cast<krv_tag_t>(tag), flags, 0, single->ssa_pairs, 0};
+        const bool wanted = expected == code;
+        if (wanted) {
+            single->ssa_abbrev = abbrev;
+            single->ssa_abbrev.dwa_afpairs = single->ssa_pairs;
             found = true;
         }
-        const bool read =
-            number == code ? scan_pairs(single_pairs{single}, &at, end) : scan_pairs(no_pairs(), &at, end);
-        if (!read)
+        if (!(wanted ? scan_pairs(single_pairs{single}, &at, end) : scan_pairs(no_pairs(), &at, end)))
             return false;
     }
     return found;
 }
 
+constexpr krv_offset_t NONE = UINT64_MAX; // sh_abbrev_checked: no sound table
+
 bool krv_abbrev_check_table(krv_handle_t *hp, krv_offset_t offset, uint64_t code, krv_single_abbrev_t *single)
 {
-    constexpr krv_offset_t NONE = UINT64_MAX;
     const krv_fd_t *fdp = &hp->sh_sec[KRV_SEC_ABBREV];
     if (krv_fd_is_cb(fdp) || offset >= fdp->sfd_size)
         return false;
@@ -473,14 +473,27 @@ krv_abbrev_t *krv_get_abbrev(krv_handle_t *hp, krv_au_t *au, unsigned int code)
 {
     KRV_ASSERT(hp != NULL);
     KRV_ASSERT(au != NULL);
-    KRV_ASSERT(au->sau_hash != NULL);
     if (krv_abbrev_t *abbrev = krv_abbrev_at_its_code(au, code))
         return abbrev;
-    const krv_hash_key_t key = {.dwhk_u = code};
-    void *abbrev = krv_hash_lookup(hp, au->sau_hash, &key);
-    if (abbrev == nullptr)
-        krv_fail(hp, KRV_ERR_CORRUPT, "abbreviation code %u not found", code);
-    return static_cast<krv_abbrev_t *>(abbrev);
+    if (const uint32_t *first = au->sau_by_code; first != nullptr) {
+        krv_abbrev_t *abbrevs = au->sau_abbrev_table;
+        const uint32_t *last = first + au->sau_abbrev_table_entries;
+        const uint32_t *found = std::lower_bound(
+            first, last, code, [abbrevs](uint32_t i, unsigned int c) { return abbrevs[i].dwa_code < c; });
+        if (found != last && abbrevs[*found].dwa_code == code)
+            return &abbrevs[*found];
+    }
+    krv_fail(hp, KRV_ERR_CORRUPT, "abbreviation code %u not found", code);
+    return nullptr;
+}
+
+int krv_abbrev_forget_checks(krv_handle_t *hp)
+{
+    if (hp->sh_abbrev_checked_end != 0 && hp->sh_abbrev_checked != NONE &&
+        krv_get_au_by_offset(hp, hp->sh_abbrev_checked) == nullptr && hp->sh_errno == KRV_ERR_NOMEM)
+        return -1;
+    hp->sh_abbrev_checked_end = 0;
+    return 0;
 }
 
 static int free_cached(void *value)

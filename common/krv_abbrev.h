@@ -32,7 +32,7 @@ struct krv_au_t {
     uint64_t sau_abbrev_table_entries;
     krv_afpair_t *sau_afpair_table; // the pairs of all abbreviations, back to back
     uint64_t sau_afpair_table_entries;
-    krv_hash *sau_hash;      // code -> krv_abbrev_t *; empty when the codes are 1, 2, 3, ... in section order
+    uint32_t *sau_by_code;   // owned: indices by ascending code; NULL when the codes are 1, 2, 3, ... in section order
     krv_offset_t sau_offset; // in .debug_abbrev
 };
 
@@ -47,6 +47,10 @@ struct krv_single_abbrev_t {
 // krv_get_au_by_offset can tell: the table is not in memory, irregular, lacks the code, or does not follow the one that
 // was checked last. The caller holds the handle's write lock.
 bool krv_abbrev_check_table(krv_handle_t *hp, krv_offset_t offset, uint64_t code, krv_single_abbrev_t *single);
+
+// Comes before the section is replaced: parses the table that was checked last, and checks anew from then on. 0, or -1
+// with KRV_ERR_NOMEM.
+int krv_abbrev_forget_checks(krv_handle_t *hp);
 
 // The table at `offset`, parsed and cached on first use; it lives until the handle is freed. NULL on failure.
 krv_au_t *krv_get_au_by_offset(krv_handle_t *hp, krv_offset_t offset);

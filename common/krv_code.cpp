@@ -212,12 +212,12 @@ static int decode_block(krv_fd_t *fdp, krv_form_t form, const krv_encoding_t &en
     auto *block = static_cast<krv_fd_t *>(dst);
     if (krv_fd_is_cb(block))
         return krv_fail_code(hp, KRV_ERR_UNSUPPORTED);
-    // An empty block needs no buffer, and korva_fd_to_mem would refuse a NULL one.
-    if (length != 0 && korva_fd_to_mem(&fd, block->sfd_u.buf, length) != 0)
-        return -1;
     block->sfd_size = length;
     block->sfd_offset = 0;
     block->sfd_remaining = length;
+    // An empty block needs no buffer, and korva_fd_to_mem would refuse a NULL one.
+    if (length != 0 && korva_fd_to_mem(&fd, block->sfd_u.buf, length) != 0)
+        return -1;
     *fdp = fd;
     return 0;
 }

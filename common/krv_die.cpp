@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Entries: reading one into a record that owns its values, finding attributes, walking the tree. Reading moves the
+// Entries: reading one into a record, finding attributes, walking the tree. Reading moves the
 // section's own cursor.
 #include "krv_code.h"
 #include "krv_dwarf.h"
@@ -26,82 +26,84 @@ static bool is_string(krv_form_t form)
     return (krv_get_form_class(form) & KRV_CLASS_STRING) != 0;
 }
 
-// A cursor with its bytes behind it: one allocation.
-static krv_fd_t *alloc_block(krv_handle_t *hp, uint64_t length)
+// An allocation that the entry frees. Behind it is what a value points to.
+struct krv_die_part_t {
+    krv_die_part_t *next;
+};
+
+static void *alloc_part(krv_handle_t *hp, krv_die_t *die, uint64_t size)
 {
-    if (length > SIZE_MAX - sizeof(krv_fd_t)) {
+    if (size > PTRDIFF_MAX - sizeof(krv_die_part_t)) {
         hp->sh_errno = KRV_ERR_NOMEM;
         return nullptr;
     }
-    auto *block = static_cast<krv_fd_t *>(krv_zalloc(hp, sizeof(krv_fd_t) + length));
-    if (block != nullptr)
-        krv_fd_attach_mem(hp, block, length, length == 0 ? nullptr : reinterpret_cast<uint8_t *>(block + 1));
-    return block;
+    auto *part = static_cast<krv_die_part_t *>(krv_alloc(hp, sizeof(krv_die_part_t) + size));
+    if (part == nullptr)
+        return nullptr;
+    part->next = die->dwdie_parts;
+    die->dwdie_parts = part;
+    return part + 1;
 }
 
-static bool read_block(krv_fd_t *fdp, const krv_encoding_t &encoding, krv_value_t *value)
+// A cursor with a copy of the bytes behind it.
+static bool read_block(krv_fd_t *fdp, const krv_encoding_t &encoding, krv_die_t *die, krv_value_t *value)
 {
     krv_handle_t *hp = fdp->sfd_hp;
     const krv_datum_t datum = krv_block_in_memory(fdp, value->sa_actual);
     size_t length = datum.size;
     if (datum.bytes == nullptr && krv_decode_form(fdp, value->sa_actual, encoding, false, nullptr, 0, &length) != 0)
         return false;
-    krv_owner<krv_fd_t> block(alloc_block(hp, length));
+    auto *block = static_cast<krv_fd_t *>(alloc_part(hp, die, krv_add_offset(sizeof(krv_fd_t), length)));
     if (block == nullptr)
         return false;
-    if (datum.bytes != nullptr) {
-        krv_clear_error(hp);
-        std::memcpy(block.get() + 1, datum.bytes, length);
-        krv_fd_advance(fdp, datum.encoded);
-    } else if (krv_decode_form(fdp, value->sa_actual, encoding, false, block.get(), length, nullptr) != 0) {
-        return false;
-    }
-    value->sa_u.su_addr = block.release();
+    krv_fd_attach_mem(hp, block, length, length == 0 ? nullptr : reinterpret_cast<uint8_t *>(block + 1));
+    value->sa_u.su_addr = block;
+    if (datum.bytes == nullptr)
+        return krv_decode_form(fdp, value->sa_actual, encoding, false, block, length, nullptr) == 0;
+    std::memcpy(block + 1, datum.bytes, length);
+    krv_fd_advance(fdp, datum.encoded);
     return true;
 }
 
-static bool read_string(krv_fd_t *fdp, const krv_encoding_t &encoding, krv_value_t *value)
+// One in memory stays where it is.
+static bool read_string(krv_fd_t *fdp, const krv_encoding_t &encoding, krv_die_t *die, krv_value_t *value)
 {
     krv_handle_t *hp = fdp->sfd_hp;
     const krv_datum_t datum = krv_string_in_memory(fdp, value->sa_actual, encoding);
-    size_t size = datum.size;
-    if (datum.bytes == nullptr && krv_decode_form(fdp, value->sa_actual, encoding, false, nullptr, 0, &size) != 0)
-        return false;
-    krv_owner<char> copy(static_cast<char *>(krv_alloc(hp, size)));
-    if (copy == nullptr)
-        return false;
     if (datum.bytes != nullptr) {
-        krv_clear_error(hp);
-        std::memcpy(copy.get(), datum.bytes, size);
+        value->sa_u.su_addr = const_cast<uint8_t *>(datum.bytes);
         krv_fd_advance(fdp, datum.encoded);
-    } else if (krv_decode_form(fdp, value->sa_actual, encoding, false, copy.get(), size, nullptr) != 0) {
+        return true;
+    }
+    size_t size = 0;
+    if (krv_decode_form(fdp, value->sa_actual, encoding, false, nullptr, 0, &size) != 0)
+        return false;
+    die->dwdie_copied = krv_add_offset(die->dwdie_copied, size);
+    if (!krv_may_copy(hp, die->dwdie_copied)) {
+        krv_fail(hp, KRV_ERR_CORRUPT, "the entry's strings are too long");
         return false;
     }
-    value->sa_u.su_addr = copy.release();
-    return true;
+    value->sa_u.su_addr = alloc_part(hp, die, size);
+    return value->sa_u.su_addr != nullptr &&
+           krv_decode_form(fdp, value->sa_actual, encoding, false, value->sa_u.su_addr, size, nullptr) == 0;
 }
 
 // Reads one value, stored by the form that the data really have: DW_FORM_indirect may lead to a string or a block.
-static bool read_value(krv_fd_t *fdp, const krv_encoding_t &encoding, krv_form_t form, krv_value_t *value)
+static bool read_value(krv_fd_t *fdp, const krv_encoding_t &encoding, krv_form_t form, krv_die_t *die,
+                       krv_value_t *value)
 {
-    krv_form_t actual = form;
-    if (form == DW_FORM_indirect && krv_decode_indirect(fdp, &actual) != 0)
+    value->sa_form = value->sa_actual = form;
+    value->sa_u.su_unsigned = 0;
+    if (krv_decode_in_memory(fdp, form, encoding, &value->sa_u.su_unsigned))
+        return true;
+    if (form == DW_FORM_indirect && krv_decode_indirect(fdp, &value->sa_actual) != 0)
         return false;
-    value->sa_form = form;
-    value->sa_actual = actual;
-    if (is_block(actual))
-        return read_block(fdp, encoding, value);
-    if (is_string(actual))
-        return read_string(fdp, encoding, value);
-    value->sa_u.su_unsigned = actual == DW_FORM_flag_present ? 1 : 0;
-    return krv_decode(fdp, actual, encoding, &value->sa_u.su_unsigned) == 0;
-}
-
-// Frees a value that was read by itself.
-static void free_value(krv_value_t *value)
-{
-    if (is_string(value->sa_actual) || is_block(value->sa_actual))
-        krv_free(value->sa_u.su_addr);
+    if (is_string(value->sa_actual))
+        return read_string(fdp, encoding, die, value);
+    if (is_block(value->sa_actual))
+        return read_block(fdp, encoding, die, value);
+    value->sa_u.su_unsigned = value->sa_actual == DW_FORM_flag_present ? 1 : 0;
+    return krv_decode(fdp, value->sa_actual, encoding, &value->sa_u.su_unsigned) == 0;
 }
 
 // ---------------------------------------------------------------------------------------------------------------
@@ -112,12 +114,14 @@ void krv_free_die(krv_die_t *die)
 {
     if (die == nullptr)
         return;
-    for (uint32_t i = 0; !die->dwdie_whole && i < die->dwdie_abbrev_cache->dwa_nafpairs; ++i)
-        free_value(&die->dwdie_attrs[i]);
+    for (krv_die_part_t *part = die->dwdie_parts, *next; part != nullptr; part = next) {
+        next = part->next;
+        krv_free(part);
+    }
     krv_free(die);
 }
 
-static krv_au_t *get_abbrev_unit(krv_handle_t *hp, krv_ctu_t *cu)
+krv_au_t *krv_cu_abbrevs(krv_handle_t *hp, krv_ctu_t *cu)
 {
     if (krv_au_t *au = krv_load(&cu->dcu_abbrev_unit))
         return au;
@@ -126,98 +130,17 @@ static krv_au_t *get_abbrev_unit(krv_handle_t *hp, krv_ctu_t *cu)
     return au == nullptr ? nullptr : krv_publish(&cu->dcu_abbrev_unit, au, [](krv_au_t *) {});
 }
 
-// A record with room for the abbreviation's values, none of them read yet.
-static krv_die_t *alloc_record(krv_handle_t *hp, krv_abbrev_t *abbrev)
-{
-    const size_t slots = abbrev->dwa_nafpairs == 0 ? 1 : abbrev->dwa_nafpairs;
-    auto *die =
-        static_cast<krv_die_t *>(krv_zalloc(hp, offsetof(krv_die_t, dwdie_attrs) + slots * sizeof(krv_value_t)));
-    if (die != nullptr)
-        die->dwdie_abbrev_cache = abbrev;
-    return die;
-}
-
-static bool read_values(krv_fd_t *fdp, const krv_encoding_t &encoding, krv_die_t *die)
-{
-    const krv_abbrev_t *abbrev = die->dwdie_abbrev_cache;
-    for (uint32_t i = 0; i < abbrev->dwa_nafpairs; ++i) {
-        const krv_afpair_t pair = abbrev->dwa_afpairs[i];
-        krv_value_t value = {};
-        if (!read_value(fdp, encoding, pair.dwafp_form, &value)) {
-            if (fdp->sfd_hp->sh_errno != KRV_ERR_NOMEM)
-                krv_note(fdp->sfd_hp, "failed to read DIE's datum %d (%s attribute encoded as %s form)",
-                         static_cast<int>(i), krv_name_or_unknown(KRV_DEF_AT, pair.dwafp_attribute),
-                         krv_name_or_unknown(KRV_DEF_FORM, pair.dwafp_form));
-            return false;
-        }
-        die->dwdie_attrs[i] = value; // stored whole or not at all, so that the record can always be freed
-    }
-    return true;
-}
-
-namespace
-{
-
-// The strings and blocks of an entry, found in memory and not copied yet.
-struct found_data {
-    static constexpr uint32_t MOST = 64;
-    krv_value_t values[MOST]; // one a pair; su_addr of a string or block is set when it is copied
-    struct {
-        const uint8_t *bytes;
-        uint64_t size;
-        uint32_t index; // of its value
-        bool is_block;
-    } data[MOST];
-    uint32_t ndata = 0;
-    uint64_t room = 0;    // for all of them
-    uint64_t encoded = 0; // bytes of the values in the section
-};
-
-} // namespace
-
-// What a string or block takes behind the record: a block has its cursor in front, and all are aligned for one.
-static uint64_t datum_room(uint64_t size, bool block)
-{
-    const uint64_t room = krv_add_offset(size, (block ? sizeof(krv_fd_t) : 0) + alignof(krv_fd_t) - 1);
-    return room & ~uint64_t{alignof(krv_fd_t) - 1};
-}
-
-// Finds one value in memory and steps over it.
-static bool find_value(krv_fd_t *fdp, const krv_encoding_t &encoding, krv_form_t form, uint32_t index,
-                       found_data *found)
-{
-    krv_value_t *value = &found->values[index];
-    value->sa_form = value->sa_actual = form;
-    if (krv_decode_in_memory(fdp, form, encoding, &value->sa_u.su_unsigned))
-        return true;
-    if (form == DW_FORM_flag_present) {
-        value->sa_u.su_unsigned = 1;
-        return true;
-    }
-    krv_datum_t datum = krv_string_in_memory(fdp, form, encoding);
-    const bool block = datum.bytes == nullptr;
-    if (block)
-        datum = krv_block_in_memory(fdp, form);
-    if (datum.bytes == nullptr)
-        return false;
-    krv_fd_advance(fdp, datum.encoded);
-    found->data[found->ndata++] = {datum.bytes, datum.size, index, block};
-    found->room = krv_add_offset(found->room, datum_room(datum.size, block));
-    return true;
-}
-
-// Finds all values of an entry that the cursor stands before. Numbers of a fixed width, as most are, differ in nothing
-// but that width.
-static bool find_values(const krv_fd_t *fdp, const krv_encoding_t &encoding, const krv_abbrev_t *abbrev,
-                        found_data *found)
+// Reads all values of an entry and moves the cursor behind them. Numbers of a fixed width, as most are, differ in
+// nothing but that width; what is not such a number in memory, read_value reads.
+static bool read_values(krv_fd_t *fdp, const krv_encoding_t &encoding, const krv_abbrev_t *abbrev, krv_die_t *die)
 {
     const krv_view_t view = krv_fd_view(fdp);
     uint64_t done = 0;
     for (uint32_t i = 0; i < abbrev->dwa_nafpairs; ++i) {
         const krv_form_t form = abbrev->dwa_afpairs[i].dwafp_form;
+        krv_value_t *value = &die->dwdie_attrs[i];
         const size_t width = krv_number_width(form, encoding);
         if (width != 0 && view.size >= sizeof(uint64_t) && done <= view.size - sizeof(uint64_t)) {
-            krv_value_t *value = &found->values[i];
             uint64_t word;
             std::memcpy(&word, view.bytes + done, sizeof(word));
             value->sa_u.su_unsigned = word & UINT64_MAX >> (64 - 8 * width);
@@ -227,49 +150,19 @@ static bool find_values(const krv_fd_t *fdp, const krv_encoding_t &encoding, con
         }
         krv_fd_t fd = *fdp;
         krv_fd_advance(&fd, done);
-        if (!find_value(&fd, encoding, form, i, found))
+        if (!read_value(&fd, encoding, form, die, value)) {
+            if (fdp->sfd_hp->sh_errno != KRV_ERR_NOMEM)
+                krv_note(fdp->sfd_hp, "failed to read DIE's datum %d (%s attribute encoded as %s form)",
+                         static_cast<int>(i), krv_name_or_unknown(KRV_DEF_AT, abbrev->dwa_afpairs[i].dwafp_attribute),
+                         krv_name_or_unknown(KRV_DEF_FORM, form));
             return false;
+        }
         done = fd.sfd_offset - fdp->sfd_offset;
     }
-    found->encoded = done;
+    krv_fd_advance(fdp, done);
+    if (abbrev->dwa_nafpairs != 0)
+        krv_clear_error(fdp->sfd_hp);
     return true;
-}
-
-static void copy_data(krv_handle_t *hp, found_data *found, uint8_t *to)
-{
-    for (uint32_t i = 0; i < found->ndata; ++i) {
-        const auto &datum = found->data[i];
-        found->values[datum.index].sa_u.su_addr = to;
-        if (datum.is_block)
-            krv_fd_attach_mem(hp, reinterpret_cast<krv_fd_t *>(to), datum.size,
-                              datum.size == 0 ? nullptr : to + sizeof(krv_fd_t));
-        std::memcpy(to + (datum.is_block ? sizeof(krv_fd_t) : 0), datum.bytes, datum.size);
-        to += datum_room(datum.size, datum.is_block);
-    }
-}
-
-// The common case: all values are in memory, and the record takes one allocation. NULL: not that case, or no memory for
-// it; nothing has changed.
-static krv_die_t *read_whole(krv_handle_t *hp, krv_fd_t *fdp, const krv_encoding_t &encoding, krv_abbrev_t *abbrev)
-{
-    const uint32_t count = abbrev->dwa_nafpairs;
-    if (count > found_data::MOST)
-        return nullptr;
-    found_data found;
-    if (!find_values(fdp, encoding, abbrev, &found))
-        return nullptr;
-    const size_t values_size = (count == 0 ? 1 : count) * sizeof(krv_value_t);
-    const uint64_t size = krv_add_offset(found.room, offsetof(krv_die_t, dwdie_attrs) + values_size);
-    auto *die = size > PTRDIFF_MAX ? nullptr : static_cast<krv_die_t *>(krv_alloc(hp, size));
-    if (die == nullptr)
-        return nullptr;
-    die->dwdie_abbrev_cache = abbrev;
-    die->dwdie_whole = true;
-    copy_data(hp, &found, reinterpret_cast<uint8_t *>(die->dwdie_attrs) + values_size);
-    std::memcpy(die->dwdie_attrs, found.values, count * sizeof(krv_value_t));
-    krv_fd_advance(fdp, found.encoded); // position only: others may be asking for the size
-    krv_clear_error(hp);
-    return die;
 }
 
 static krv_abbrev_t *find_abbrev(krv_handle_t *hp, krv_au_t *au, uint64_t code)
@@ -289,15 +182,39 @@ static krv_abbrev_t *find_abbrev(krv_handle_t *hp, krv_au_t *au, uint64_t code)
 // Reads the entry whose code the cursor stands behind. NULL: messages pushed.
 static krv_die_t *read_die(krv_handle_t *hp, krv_fd_t *fdp, krv_ctu_t *cu, krv_abbrev_t *abbrev)
 {
-    const krv_encoding_t encoding = krv_cu_encoding(hp, cu);
-    if (krv_die_t *whole = read_whole(hp, fdp, encoding, abbrev))
-        return whole;
-    die_owner die(alloc_record(hp, abbrev));
-    return die != nullptr && read_values(fdp, encoding, die.get()) ? die.release() : nullptr;
+    const size_t slots = abbrev->dwa_nafpairs == 0 ? 1 : abbrev->dwa_nafpairs;
+    die_owner die(
+        static_cast<krv_die_t *>(krv_alloc(hp, offsetof(krv_die_t, dwdie_attrs) + slots * sizeof(krv_value_t))));
+    if (die == nullptr)
+        return nullptr;
+    die->dwdie_abbrev_cache = abbrev;
+    die->dwdie_parts = nullptr;
+    die->dwdie_copied = 0;
+    return read_values(fdp, krv_cu_encoding(hp, cu), abbrev, die.get()) ? die.release() : nullptr;
 }
 
+// Attributes that a walk over entries of a unit may read: those without bytes (DW_FORM_flag_present) are few among the
+// others.
+static uint64_t most_attributes(const krv_ctu_t *cu)
+{
+    constexpr uint64_t MOST = 64; // a byte
+    return cu->dcu_size > UINT64_MAX / MOST ? UINT64_MAX : MOST * cu->dcu_size;
+}
+
+static bool take_attributes(krv_handle_t *hp, const krv_abbrev_t *abbrev, uint64_t section_offset, uint64_t *left)
+{
+    if (abbrev->dwa_nafpairs > *left) {
+        krv_fail(hp, KRV_ERR_CORRUPT, "too many attributes in the entries up to offset %lu",
+                 static_cast<unsigned long>(section_offset));
+        return false;
+    }
+    *left -= abbrev->dwa_nafpairs;
+    return true;
+}
+
+// `left`: attributes that the walk may still read.
 [[gnu::always_inline]] static inline krv_die_t *alloc_die(krv_handle_t *hp, krv_ctu_t *cu, krv_offset_t offset,
-                                                          krv_single_abbrev_t *single)
+                                                          krv_single_abbrev_t *single, uint64_t *left)
 {
     krv_clear_error(hp);
     krv_fd_t *fdp = &hp->sh_sec[cu->dcu_section];
@@ -314,12 +231,13 @@ static krv_die_t *read_die(krv_handle_t *hp, krv_fd_t *fdp, krv_ctu_t *cu, krv_a
         if (single != nullptr && krv_abbrev_check_table(hp, cu->dcu_debug_abbrev_offset, code, single)) {
             abbrev = &single->ssa_abbrev;
         } else {
-            krv_au_t *au = get_abbrev_unit(hp, cu);
+            krv_au_t *au = krv_cu_abbrevs(hp, cu);
             if (au == nullptr)
                 return nullptr;
             abbrev = find_abbrev(hp, au, code);
         }
-        die = abbrev == nullptr ? nullptr : read_die(hp, fdp, cu, abbrev);
+        if (abbrev != nullptr && take_attributes(hp, abbrev, section_offset, left))
+            die = read_die(hp, fdp, cu, abbrev);
     }
     if (die == nullptr) {
         krv_note(hp, "could not allocate DIE at %+lld within CU at %lld within %s", static_cast<long long>(offset),
@@ -335,6 +253,12 @@ static krv_die_t *read_die(krv_handle_t *hp, krv_fd_t *fdp, krv_ctu_t *cu, krv_a
     return die;
 }
 
+// The next entry of a walk.
+static krv_die_t *next_die(krv_handle_t *hp, krv_ctu_t *cu, krv_offset_t offset, uint64_t *left)
+{
+    return alloc_die(hp, cu, offset, nullptr, left);
+}
+
 krv_die_t *krv_alloc_die_by_cu_offset(krv_handle_t *hp, krv_ctu_t *cu, krv_offset_t offset)
 {
     if (hp == nullptr)
@@ -343,12 +267,14 @@ krv_die_t *krv_alloc_die_by_cu_offset(krv_handle_t *hp, krv_ctu_t *cu, krv_offse
         hp->sh_errno = KRV_ERR_INVALID;
         return nullptr;
     }
-    return alloc_die(hp, cu, offset, nullptr);
+    uint64_t left = UINT64_MAX;
+    return next_die(hp, cu, offset, &left);
 }
 
 krv_die_t *krv_alloc_first_die(krv_handle_t *hp, krv_ctu_t *cu, krv_single_abbrev_t *single)
 {
-    return alloc_die(hp, cu, cu->dcu_header_size, single);
+    uint64_t left = UINT64_MAX; // krv_units counts them
+    return alloc_die(hp, cu, cu->dcu_header_size, single, &left);
 }
 
 // The class of a value's form. Behind DW_FORM_indirect, which has none, strings and blocks are what they are.
@@ -457,15 +383,21 @@ krv_die_t *krv_alloc_die_by_attribute(krv_handle_t *hp, krv_die_t *die, krv_attr
     return krv_alloc_die_by_cu_offset(hp, die->dwdie_parent_cu, offset);
 }
 
-krv_die_t *krv_alloc_die_child(krv_handle_t *hp, krv_die_t *die)
+static krv_die_t *first_child(krv_handle_t *hp, krv_die_t *die, uint64_t *left)
 {
-    KRV_ASSERT(hp != NULL);
-    KRV_ASSERT(die != NULL);
     if (!has_children(die)) {
         hp->sh_errno = KRV_ERR_NOTFOUND;
         return nullptr;
     }
-    return krv_alloc_die_by_cu_offset(hp, die->dwdie_parent_cu, offset_behind(die));
+    return next_die(hp, die->dwdie_parent_cu, offset_behind(die), left);
+}
+
+krv_die_t *krv_alloc_die_child(krv_handle_t *hp, krv_die_t *die)
+{
+    KRV_ASSERT(hp != NULL);
+    KRV_ASSERT(die != NULL);
+    uint64_t left = most_attributes(die->dwdie_parent_cu);
+    return first_child(hp, die, &left);
 }
 
 // Where an entry's DW_AT_sibling leads. -1 with KRV_ERR_NOTFOUND when it has none. One that does not lead forward
@@ -484,17 +416,17 @@ static int get_sibling_link(krv_handle_t *hp, krv_die_t *die, krv_offset_t *offs
 // The offset behind the null entry that ends the children of an entry without DW_AT_sibling. Walks its subtree in
 // section order, counting levels instead of recursing, and skips subtrees by their sibling links; every step moves
 // forward. 0 or -1.
-static int skip_children(krv_handle_t *hp, krv_die_t *top, krv_offset_t *offsetp)
+static int skip_children(krv_handle_t *hp, krv_die_t *top, krv_offset_t *offsetp, uint64_t *left)
 {
     krv_ctu_t *cu = top->dwdie_parent_cu;
-    krv_offset_t parent = top->dwdie_cu_offset; // whose first child is due, when first_child
+    krv_offset_t parent = top->dwdie_cu_offset; // whose first child is due, when is_first
     krv_offset_t offset = offset_behind(top);
-    bool first_child = true;
+    bool is_first = true;
     uint64_t level = 1;
     while (level > 0) {
-        const die_owner die(krv_alloc_die_by_cu_offset(hp, cu, offset));
+        const die_owner die(next_die(hp, cu, offset, left));
         if (die == nullptr) {
-            if (first_child)
+            if (is_first)
                 return krv_fail(hp, KRV_ERR_CORRUPT, "Couldn't obtain child for %s DIE at %lld/%+lld", ".debug_info",
                                 static_cast<long long>(cu->dcu_offset), static_cast<long long>(parent));
             if (hp->sh_errno != KRV_ERR_NOTFOUND)
@@ -503,14 +435,14 @@ static int skip_children(krv_handle_t *hp, krv_die_t *top, krv_offset_t *offsetp
             offset = hp->sh_sec[cu->dcu_section].sfd_offset - cu->dcu_offset; // behind the null entry
             continue;
         }
-        first_child = false;
+        is_first = false;
         if (has_children(die.get()) && get_sibling_link(hp, die.get(), &offset) == 0)
             continue;
         if (has_children(die.get())) {
             if (hp->sh_errno != KRV_ERR_NOTFOUND)
                 return -1;
             parent = die->dwdie_cu_offset;
-            first_child = true;
+            is_first = true;
             ++level;
         }
         offset = offset_behind(die.get());
@@ -519,15 +451,21 @@ static int skip_children(krv_handle_t *hp, krv_die_t *top, krv_offset_t *offsetp
     return 0;
 }
 
+static krv_die_t *next_sibling(krv_handle_t *hp, krv_die_t *die, uint64_t *left)
+{
+    krv_offset_t offset = offset_behind(die);
+    if (has_children(die) && get_sibling_link(hp, die, &offset) != 0 &&
+        (hp->sh_errno != KRV_ERR_NOTFOUND || skip_children(hp, die, &offset, left) != 0))
+        return nullptr;
+    return next_die(hp, die->dwdie_parent_cu, offset, left);
+}
+
 krv_die_t *krv_alloc_die_sibling(krv_handle_t *hp, krv_die_t *die)
 {
     KRV_ASSERT(hp != NULL);
     KRV_ASSERT(die != NULL);
-    krv_offset_t offset = offset_behind(die);
-    if (has_children(die) && get_sibling_link(hp, die, &offset) != 0 &&
-        (hp->sh_errno != KRV_ERR_NOTFOUND || skip_children(hp, die, &offset) != 0))
-        return nullptr;
-    return krv_alloc_die_by_cu_offset(hp, die->dwdie_parent_cu, offset);
+    uint64_t left = most_attributes(die->dwdie_parent_cu);
+    return next_sibling(hp, die, &left);
 }
 
 int krv_iter_children_in_die(krv_handle_t *hp, krv_die_t *die, krv_iter_die_children_f *fn, void *arg)
@@ -535,14 +473,15 @@ int krv_iter_children_in_die(krv_handle_t *hp, krv_die_t *die, krv_iter_die_chil
     KRV_ASSERT(hp != NULL);
     KRV_ASSERT(die != NULL);
     KRV_ASSERT(fn != NULL);
-    die_owner child(krv_alloc_die_child(hp, die));
+    uint64_t left = most_attributes(die->dwdie_parent_cu);
+    die_owner child(first_child(hp, die, &left));
     if (child == nullptr) {
         krv_note(hp, "DIE has no children");
         return 0;
     }
     while (child != nullptr) {
         const int result = fn(hp, child.get(), arg);
-        die_owner sibling(krv_alloc_die_sibling(hp, child.get()));
+        die_owner sibling(next_sibling(hp, child.get(), &left));
         if (result != 0)
             return result;
         child = std::move(sibling);

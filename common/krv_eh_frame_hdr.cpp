@@ -4,6 +4,7 @@
 // is wrong with it makes it unsupported for the life of the reader: .eh_frame itself holds the same, only slower.
 #include "krv_eh_frame.h"
 
+#include "krv_build.h"
 #include "krv_code.h"
 #include "krv_dwarf.h"
 #include "krv_error.h"
@@ -75,7 +76,7 @@ static bool load_header(krv_handle_t *hp, krv_eh_frame_reader_data *data)
     krv_fd_t fd = krv_eh_address_space(hp);
     if (!parse_header(hp, &fresh, &fd))
         return false;
-    const krv_write_guard guard(&hp->sh_rwlock);
+    const krv_build_guard guard(hp);
     if (krv_load(&data->sefh_status) != KRV_EFH_UNINITIALISED)
         return true;
     data->sefh_eh_frame_hdr = fresh.sefh_eh_frame_hdr;

@@ -48,15 +48,16 @@ static int walk_record(krv_handle_t *hp, krv_linear_t *lt, uint64_t offset, uint
 }
 
 // The walk ends at what is neither CIE nor FDE. It also ends where a record's size does not lead forward, and after as
-// many records as the search's 32-bit indices can tell apart, so that no memory, and no read call-back that invents
-// records for ever, keeps it going.
+// many records as no program has, so that no memory, and no read call-back that invents records for ever, keeps it going.
+constexpr int32_t MOST_RECORDS = 1 << 24;
+
 static krv_linear_t *build_linear_table(krv_handle_t *hp)
 {
     krv_linear_owner lt(krv_new<krv_linear_t>(hp));
     if (lt == nullptr)
         return nullptr;
     uint64_t offset = 0, size = 0;
-    for (int32_t records = 0; records < INT32_MAX && walk_record(hp, lt.get(), offset, &size) == 0; ++records) {
+    for (int32_t records = 0; records < MOST_RECORDS && walk_record(hp, lt.get(), offset, &size) == 0; ++records) {
         if (size == 0 || size > UINT64_MAX - offset)
             break;
         offset += size;

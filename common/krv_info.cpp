@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Units: their headers, their records, and the walk over them. Entries are in krv_die.cpp. Header reading moves the
+// Units: their headers and their records. Entries are in krv_die.cpp. Header reading moves the
 // section's own cursor.
 #include "krv_info.h"
 
@@ -8,8 +8,6 @@
 #include "krv_dwarf.h"
 #include "krv_error.h"
 #include "krv_fd.h"
-#include "krv_line.h"
-#include "krv_lookup.h"
 #include "krv_mem.h"
 
 static const char *section_name(krv_secidx_t sec)
@@ -75,8 +73,6 @@ void krv_cu_free(krv_ctu_t *cu)
     krv_free_die(cu->dcu_compile_unit);
     if (cu->dcu_aranges != nullptr)
         krv_free(krv_ranges_list(cu->dcu_aranges));
-    if (cu->dcu_lnphp != nullptr)
-        krv_lnph_free(cu->dcu_lnphp);
     krv_free(cu);
 }
 
@@ -85,27 +81,41 @@ namespace
 
 // A string attribute of a unit's first entry, as long as it will be kept. NULL: absent.
 struct unit_name {
+    bool
+        is_copied; // line-number headers keep the pointer, also when the section is replaced; else only where it is cut
     const char *text = nullptr;
     size_t length = 0;
+    char *shared = nullptr; // the same text, as the unit before keeps it
+
+    bool has_copy() const { return text != nullptr && shared == nullptr && (is_copied || text[length] != '\0'); }
+    size_t size() const { return has_copy() ? length + 1 : 0; } // of the copy
 };
 
 } // namespace
 
-static bool find_name(krv_handle_t *hp, krv_die_t *die, krv_attribute_t attr, unit_name *name)
+// False: it is no string.
+static bool find_name(krv_handle_t *hp, krv_die_t *die, krv_attribute_t attr, const char *before, unit_name *name)
 {
     name->text = krv_find_die_string(hp, die, attr, KRV_STRING_BUFSZ, &name->length);
-    return name->text != nullptr || hp->sh_errno == KRV_ERR_NOTFOUND;
+    if (name->text == nullptr)
+        return hp->sh_errno == KRV_ERR_NOTFOUND;
+    if (before != nullptr && name->has_copy() && std::strncmp(before, name->text, name->length) == 0 &&
+        before[name->length] == '\0')
+        name->shared = const_cast<char *>(before);
+    return true;
 }
 
-// Puts a copy where there is room for it. Returns what is behind.
-static char *copy_name(const unit_name *name, char *to, char **copyp)
+// The text itself, since the entry lives as long as the unit, or a copy where there is room for it. Returns what is
+// behind.
+static char *keep_name(const unit_name *name, char *to, char **keptp)
 {
-    if (name->text == nullptr)
+    *keptp = name->shared != nullptr ? name->shared : const_cast<char *>(name->text);
+    if (!name->has_copy())
         return to;
     std::memcpy(to, name->text, name->length);
     to[name->length] = '\0';
-    *copyp = to;
-    return to + name->length + 1;
+    *keptp = to;
+    return to + name->size();
 }
 
 // A copy of an abbreviation that stands by itself. `to` has room for it and its pairs.
@@ -117,32 +127,34 @@ static krv_abbrev_t *copy_abbrev(const krv_abbrev_t *abbrev, krv_abbrev_t *to)
     return to;
 }
 
-// The unit in an allocation of its own, with its two names and, when it is *single, the abbreviation of its first
+// The unit in an allocation of its own, with names that are copied and, when it is *single, the abbreviation of its first
 // entry; or NULL. Takes over the entry when it succeeds.
-static krv_ctu_t *keep_unit(krv_handle_t *hp, const krv_ctu_t *cu, const krv_single_abbrev_t *single)
+static krv_ctu_t *keep_unit(krv_handle_t *hp, const krv_ctu_t *cu, const krv_single_abbrev_t *single,
+                            const krv_ctu_t *before)
 {
     krv_die_t *die = cu->dcu_compile_unit;
-    unit_name comp_dir, name;
-    if (!find_name(hp, die, DW_AT_comp_dir, &comp_dir) || !find_name(hp, die, DW_AT_name, &name))
+    unit_name comp_dir{.is_copied = true}, name{.is_copied = false};
+    if (!find_name(hp, die, DW_AT_comp_dir, before == nullptr ? nullptr : before->dcu_comp_dir, &comp_dir) ||
+        !find_name(hp, die, DW_AT_name, before == nullptr ? nullptr : before->dcu_name, &name))
         return nullptr;
     const bool by_itself = die->dwdie_abbrev_cache == &single->ssa_abbrev;
     const size_t abbrev_size =
         by_itself ? sizeof(krv_abbrev_t) + single->ssa_abbrev.dwa_nafpairs * sizeof(krv_afpair_t) : 0;
-    const size_t size = sizeof(*cu) + abbrev_size + comp_dir.length + 1 + name.length + 1;
-    auto *kept = static_cast<krv_ctu_t *>(krv_alloc(hp, size));
+    const size_t names_size = comp_dir.size() + name.size();
+    auto *kept = static_cast<krv_ctu_t *>(krv_alloc(hp, sizeof(*cu) + abbrev_size + names_size));
     if (kept == nullptr)
         return nullptr;
     *kept = *cu;
     if (by_itself)
         die->dwdie_abbrev_cache = copy_abbrev(&single->ssa_abbrev, reinterpret_cast<krv_abbrev_t *>(kept + 1));
     char *names = reinterpret_cast<char *>(kept + 1) + abbrev_size;
-    copy_name(&name, copy_name(&comp_dir, names, &kept->dcu_comp_dir), &kept->dcu_name);
+    keep_name(&name, keep_name(&comp_dir, names, &kept->dcu_comp_dir), &kept->dcu_name);
+    die->dwdie_copied += names_size;
     die->dwdie_parent_cu = kept;
     return kept;
 }
 
-// The one section that units are read from. -1: refused with its message.
-static int check_section(krv_handle_t *hp, krv_secidx_t sec)
+int krv_cu_check_section(krv_handle_t *hp, krv_secidx_t sec)
 {
     if (sec == KRV_SEC_TYPES)
         return krv_fail(hp, KRV_ERR_UNSUPPORTED, ".debug_types is unsupported");
@@ -151,10 +163,10 @@ static int check_section(krv_handle_t *hp, krv_secidx_t sec)
     return 0;
 }
 
-krv_ctu_t *krv_cu_alloc(krv_handle_t *hp, krv_secidx_t sec, uint64_t offset)
+krv_ctu_t *krv_cu_alloc(krv_handle_t *hp, krv_secidx_t sec, uint64_t offset, const krv_ctu_t *before)
 {
     KRV_ASSERT(hp != NULL);
-    if (check_section(hp, sec) != 0)
+    if (krv_cu_check_section(hp, sec) != 0)
         return nullptr;
     krv_ctu_t cu;
     krv_single_abbrev_t single; // outlives the entry where it fails
@@ -163,7 +175,7 @@ krv_ctu_t *krv_cu_alloc(krv_handle_t *hp, krv_secidx_t sec, uint64_t offset)
     if (krv_info_hdr_read(hp, &cu, sec, offset) == 0) {
         cu.dcu_compile_unit = krv_alloc_first_die(hp, &cu, &single);
         die.reset(cu.dcu_compile_unit);
-        kept = die == nullptr ? nullptr : keep_unit(hp, &cu, &single);
+        kept = die == nullptr ? nullptr : keep_unit(hp, &cu, &single, before);
     }
     if (kept == nullptr) {
         krv_note(hp, "failed to obtain CU at offset %lld in %s", static_cast<long long>(offset), section_name(sec));
@@ -171,21 +183,6 @@ krv_ctu_t *krv_cu_alloc(krv_handle_t *hp, krv_secidx_t sec, uint64_t offset)
     }
     static_cast<void>(die.release()); // the unit's now
     return kept;
-}
-
-int korva_iter_cu(krv_handle_t *hp, krv_secidx_t sec, krv_iter_cu_f *fn, void *arg)
-{
-    if (hp == nullptr)
-        return -1;
-    if (fn == nullptr)
-        return krv_fail_code(hp, KRV_ERR_INVALID);
-    krv_clear_error(hp);
-    if (check_section(hp, sec) != 0 || krv_lookup_build_cu_caches(hp) != 0)
-        return -1;
-    for (uint32_t i = 0; i < hp->sh_cu_table_entries; ++i)
-        if (const int result = fn(hp, hp->sh_cu_table[i], arg))
-            return result;
-    return 0;
 }
 
 int korva_get_cu_cudie(krv_handle_t *hp, krv_ctu_t *cup, krv_die_t **diep)

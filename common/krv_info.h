@@ -1,11 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Units of .debug_info and their entries. Units are built only while krv_lookup builds the unit table, and are shared;
+// Units of .debug_info and their entries. Units are built only while krv_units builds its table, and are shared;
 // entries are read afresh by whoever navigates and freed by them, but for a unit's first entry, which its unit owns.
 #ifndef KRV_INFO_H
 #define KRV_INFO_H
 
 #include "krv_abbrev.h"
+#include "krv_fd.h"
 #include "krv_form.h"
 #include "krv_types.h"
 
@@ -24,13 +25,13 @@ struct krv_ctu {
     uint64_t dcu_offset;         // of the unit's first byte in the section
     uint8_t dcu_header_size;     // bytes from there to the first entry
     krv_au_t *dcu_abbrev_unit;   // owned by the handle; NULL until an entry needs it
-    krv_lnph_t *dcu_lnphp;       // owned
+    krv_lnph_t *dcu_lnphp;       // freed by who frees the unit
     size_t dcu_size;             // whole unit, length field included
     uint64_t *dcu_aranges;       // owned: (start, end) pairs; NULL while unknown; see krv_ranges_count
     size_t dcu_aranges_size;     // number of pairs
     krv_die_t *dcu_compile_unit; // owned: the first entry
-    char *dcu_comp_dir;          // behind the record, in its allocation; NULL when the entry has none
-    char *dcu_name;              // likewise
+    char *dcu_comp_dir;          // a copy behind this record or another unit's; NULL when the entry has none
+    char *dcu_name;              // likewise, or the entry's where it need not be cut
     uint32_t dcu_flags;          // KRV_CU_FLAG_*
 };
 
@@ -40,24 +41,31 @@ inline krv_encoding_t krv_cu_encoding(const krv_handle_t *hp, const krv_ctu_t *c
     return {(cu->dcu_flags & KRV_CU_FLAG_DWARF64) != 0, static_cast<uint8_t>(hp->sh_target_size), cu->dcu_version, cu};
 }
 
-// One entry, independent of its section once read.
+struct krv_die_part_t;
+
+// One entry. Its strings stay in sections that are in memory; all else is independent of its section once read.
 struct krv_die {
     uint32_t dwdie_code;
     krv_ctu_t *dwdie_parent_cu;
     krv_offset_t dwdie_cu_offset;      // from the unit's first byte
     krv_offset_t dwdie_section_offset; // from the section's
     krv_abbrev_t *dwdie_abbrev_cache;
-    bool dwdie_whole;           // strings and blocks stand behind the values, in the record's own allocation
-    size_t dwdie_bufsize;       // encoded size: code and values, not the children
-    krv_value_t dwdie_attrs[1]; // one a pair of the abbreviation
+    krv_die_part_t *dwdie_parts; // owned: its blocks, and strings of sections behind call-backs
+    uint64_t dwdie_copied;       // bytes of such strings, and of the names that its unit copies
+    size_t dwdie_bufsize;        // encoded size: code and values, not the children
+    krv_value_t dwdie_attrs[1];  // one a pair of the abbreviation
 };
 
 // Reads the unit header at `offset` of .debug_info or .debug_types. 0 or -1. Moves the section's cursor.
 int krv_info_hdr_read(krv_handle_t *hp, krv_ctu_t *cu, krv_secidx_t sec, uint64_t offset);
 
-// The unit at `offset` with its first entry and its two names, or NULL.
-krv_ctu_t *krv_cu_alloc(krv_handle_t *hp, krv_secidx_t sec, uint64_t offset);
-void krv_cu_free(krv_ctu_t *cu);
+// The one section that units are read from. -1: refused with its message.
+int krv_cu_check_section(krv_handle_t *hp, krv_secidx_t sec);
+
+// The unit at `offset` with its first entry and its two names, or NULL. Copies of names it may share with the unit before,
+// which then has to outlive it.
+krv_ctu_t *krv_cu_alloc(krv_handle_t *hp, krv_secidx_t sec, uint64_t offset, const krv_ctu_t *before = nullptr);
+void krv_cu_free(krv_ctu_t *cu); // not its line-number header, which is read above
 
 // The entry at a unit-relative offset. NULL on failure, and NULL with KRV_ERR_NOTFOUND and no message for a null
 // entry; the section cursor then stands behind it. Clears the error state. Free with krv_free_die.
@@ -82,10 +90,38 @@ int krv_get_die_tag(krv_handle_t *hp, krv_die_t *die, krv_tag_t *tagp);
 const char *krv_find_die_string(krv_handle_t *hp, krv_die_t *die, krv_attribute_t attr, size_t size, size_t *lengthp);
 int krv_get_die_string_attr(krv_handle_t *hp, krv_die_t *die, krv_attribute_t attr, char *buf, size_t size);
 
+// Whether entries may copy so many bytes of strings: some times those of the sections.
+inline bool krv_may_copy(const krv_handle_t *hp, uint64_t bytes)
+{
+    constexpr uint64_t MOST_COPIES = 16; // of a byte, on the average
+    const uint64_t size = krv_add_offset(hp->sh_sec[KRV_SEC_INFO].sfd_size, hp->sh_sec[KRV_SEC_STR].sfd_size);
+    return bytes <= KRV_KEPT_SLACK || (bytes - KRV_KEPT_SLACK) / MOST_COPIES <= size;
+}
+
 // Navigation: a new entry, or NULL, with KRV_ERR_NOTFOUND where there is none.
 krv_die_t *krv_alloc_die_child(krv_handle_t *hp, krv_die_t *die);
 krv_die_t *krv_alloc_die_sibling(krv_handle_t *hp, krv_die_t *die);
 krv_die_t *krv_alloc_die_by_attribute(krv_handle_t *hp, krv_die_t *die, krv_attribute_t attr);
+
+// The abbreviation table of a unit, read on first use. NULL on failure.
+krv_au_t *krv_cu_abbrevs(krv_handle_t *hp, krv_ctu_t *cu);
+
+// Calls visit(char **) on each pointer of a unit to a string that its entry has.
+template <typename Visit>
+void krv_cu_visit_strings(krv_ctu_t *cu, const Visit &visit)
+{
+    krv_die_t *die = cu->dcu_compile_unit;
+    visit(&cu->dcu_name);
+    visit(&cu->dcu_comp_dir);
+    for (uint32_t i = 0; i < die->dwdie_abbrev_cache->dwa_nafpairs; ++i) {
+        krv_value_t *value = &die->dwdie_attrs[i];
+        if ((krv_form_row(value->sa_actual).classes & KRV_CLASS_STRING) == 0)
+            continue;
+        char *text = static_cast<char *>(value->sa_u.su_addr);
+        visit(&text);
+        value->sa_u.su_addr = text;
+    }
+}
 
 // Calls fn for each child; the child is freed afterwards. 0, fn's non-zero result, or -1.
 typedef int krv_iter_die_children_f(krv_handle_t *hp, krv_die_t *child, void *arg);

@@ -1,139 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "krv_lookup.h"
 
+#include "krv_build.h"
 #include "krv_dwarf.h"
 #include "krv_error.h"
-#include "krv_hash.h"
 #include "krv_mem.h"
-#include "krv_names.h"
-
-// ---------------------------------------------------------------------------------------------------------------
-// The unit table
-// ---------------------------------------------------------------------------------------------------------------
-
-namespace
-{
-
-// The table while it is built; frees what was not published.
-struct table_builder {
-    krv_handle_t *hp;
-    krv_ctu_t **units = nullptr;
-    uint32_t size = 0, entries = 0;
-    krv_hash_t *hash = nullptr;
-    uint64_t attributes = 0; // of the units' first entries, which are kept
-
-    explicit table_builder(krv_handle_t *handle) : hp(handle) {}
-    ~table_builder()
-    {
-        for (uint32_t i = 0; i < entries; ++i)
-            krv_cu_free(units[i]);
-        krv_free(units);
-        if (hash != nullptr)
-            krv_hash_destroy(hash);
-    }
-    table_builder(const table_builder &) = delete;
-    table_builder &operator=(const table_builder &) = delete;
-};
-
-} // namespace
-
-// Reads unit after unit until one cannot be read: the end of the section, or a damaged header. Memory that ran out is
-// no end: a later query tries again.
-static bool read_units(table_builder *t)
-{
-    uint64_t offset = 0;
-    while (krv_ctu_t *cu = krv_cu_alloc(t->hp, KRV_SEC_INFO, offset)) {
-        t->attributes += cu->dcu_compile_unit->dwdie_abbrev_cache->dwa_nafpairs;
-        if (t->attributes > t->hp->sh_sec[KRV_SEC_INFO].sfd_size + KRV_KEPT_SLACK) {
-            krv_cu_free(cu); // attributes without bytes (DW_FORM_flag_present) by the million
-            krv_fail(t->hp, KRV_ERR_CORRUPT, "too many attributes in the units up to offset %lu",
-                     static_cast<unsigned long>(offset));
-            break;
-        }
-        if (!krv_table_grow(t->hp, &t->units, &t->size, t->entries, 1U)) {
-            krv_cu_free(cu);
-            krv_note(t->hp, "unable to resize CU table");
-            return false;
-        }
-        t->units[t->entries++] = cu;
-        offset += cu->dcu_size; // ends within the section, as its header was checked to
-    }
-    if (t->hp->sh_errno == KRV_ERR_NOMEM)
-        return false;
-    if (t->entries == 0 || !krv_table_trim(t->hp, &t->units, &t->size, t->entries)) {
-        krv_note(t->hp, "unable to resize CU table");
-        return false;
-    }
-    return true;
-}
-
-static bool hash_units(table_builder *t)
-{
-    t->hash = krv_hash_create(t->hp, t->entries, KRV_HASH_UINT64);
-    if (t->hash == nullptr) {
-        krv_note(t->hp, "unable to create CU lookup hash");
-        return false;
-    }
-    for (uint32_t i = 0; i < t->entries; ++i) {
-        const krv_hash_key_t key = {.dwhk_u = t->units[i]->dcu_offset};
-        if (krv_hash_insert(t->hp, t->hash, &key, t->units[i]) != t->units[i]) {
-            krv_note(t->hp, "error hashing offset");
-            return false;
-        }
-    }
-    return true;
-}
-
-int krv_lookup_build_cu_caches(krv_handle_t *hp)
-{
-    KRV_ASSERT(hp != NULL);
-    if (krv_load(&hp->sh_cu_table) != nullptr)
-        return 0;
-    table_builder t(hp);
-    const krv_write_guard guard(&hp->sh_rwlock);
-    if (hp->sh_cu_table != nullptr)
-        return 0;
-    if (!read_units(&t) || !hash_units(&t))
-        return -1;
-    hp->sh_cu_table_entries = t.entries;
-    hp->sh_cu_offset_hash = t.hash;
-    krv_store(&hp->sh_cu_table, t.units); // last: who sees the table sees its count and hash
-    t.units = nullptr;
-    t.entries = 0;
-    t.hash = nullptr;
-    return 0;
-}
-
-void krv_lookup_destroy_cu_caches(krv_handle_t *hp)
-{
-    KRV_ASSERT(hp != NULL);
-    table_builder t(hp);
-    t.units = hp->sh_cu_table;
-    t.entries = hp->sh_cu_table_entries;
-    t.hash = hp->sh_cu_offset_hash;
-    hp->sh_cu_table = nullptr;
-    hp->sh_cu_table_entries = 0;
-    hp->sh_cu_offset_hash = nullptr;
-}
-
-krv_ctu_t *korva_lookup_ctu_by_start_offset(krv_handle_t *hp, krv_secidx_t sec, uint64_t offset)
-{
-    if (hp == nullptr)
-        return nullptr;
-    krv_clear_error(hp);
-    if (sec == KRV_SEC_TYPES) {
-        krv_fail(hp, KRV_ERR_UNSUPPORTED, ".debug_types is unsupported");
-        return nullptr;
-    }
-    if (sec != KRV_SEC_INFO) {
-        krv_fail(hp, KRV_ERR_INVALID, "invalid section (%u)", static_cast<unsigned int>(sec));
-        return nullptr;
-    }
-    if (krv_lookup_build_cu_caches(hp) != 0)
-        return nullptr;
-    const krv_hash_key_t key = {.dwhk_u = offset};
-    return static_cast<krv_ctu_t *>(krv_hash_lookup(hp, hp->sh_cu_offset_hash, &key));
-}
+#include "krv_units.h"
 
 // ---------------------------------------------------------------------------------------------------------------
 // Collecting ranges
@@ -289,17 +161,16 @@ int krv_lookup_cu_populate_aranges(krv_handle_t *hp, krv_arh_t *arhp, void *)
 // Applies .debug_aranges to the units, once per handle. 0, or -1, and then the next query tries again.
 static int apply_aranges(krv_handle_t *hp)
 {
-    {
-        const krv_read_guard guard(&hp->sh_rwlock);
-        if ((hp->sh_init_flags & KRV_INIT_ARANGES) != 0)
-            return 0;
-    }
-    const krv_write_guard guard(&hp->sh_rwlock);
+    if ((krv_load(&hp->sh_init_flags) & KRV_INIT_ARANGES) != 0)
+        return 0;
+    const krv_build_guard guard(hp);
+    if (guard.is_nested())
+        return guard.refuse();
     if ((hp->sh_init_flags & KRV_INIT_ARANGES) != 0)
         return 0;
     if (krv_iter_aranges_header(hp, krv_lookup_cu_populate_aranges, nullptr) == -1)
         return -1;
-    hp->sh_init_flags |= KRV_INIT_ARANGES; // also when a set ended the walk early
+    krv_store(&hp->sh_init_flags, hp->sh_init_flags | KRV_INIT_ARANGES); // also when a set ended the walk early
     return 0;
 }
 
@@ -361,7 +232,7 @@ static int find_ranges(krv_handle_t *hp, krv_ctu_t *cu, krv_lookup_flag_t flags)
         known = krv_lookup_insert_arange_entry(hp, low, high, &list) == 0;
         break;
     case bounds::none:
-        krv_clear_error(hp);
+        hp->sh_errno = KRV_ERR_NONE; // messages about .debug_aranges stay
         if ((flags & KRV_LOOKUP_F_FAST) != 0)
             return 0;
         known = scan_children(hp, cu, &list);

@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// The unit table of a handle, the hash from start offset to unit, and the address ranges of units. All built on first
-// use and kept until the handle is freed.
+// The address ranges of units, found on first use and kept until the handle is freed.
 #ifndef KRV_LOOKUP_H
 #define KRV_LOOKUP_H
 
@@ -15,11 +14,6 @@ typedef struct krv_lookup_cu_populate_cookie {
     size_t slpc_aranges_size;    // capacity in pairs
     size_t slpc_aranges_entries; // pairs in use
 } krv_lcpc_t;
-
-// Builds the unit table and the hash unless they are there. A unit that cannot be read ends the table; its messages
-// stay. 0, or -1 also when there is no unit at all.
-int krv_lookup_build_cu_caches(krv_handle_t *hp);
-void krv_lookup_destroy_cu_caches(krv_handle_t *hp);
 
 // Appends one pair. 0, or 1 with KRV_ERR_NOMEM.
 int krv_lookup_insert_arange_entry(krv_handle_t *hp, uint64_t start, uint64_t end, krv_lcpc_t *list);

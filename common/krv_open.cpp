@@ -9,8 +9,8 @@
 #include "krv_fd.h"
 #include "krv_frame_reader.h"
 #include "krv_line.h"
-#include "krv_lookup.h"
 #include "krv_mem.h"
+#include "krv_units.h"
 
 #include <cstdarg>
 #include <cstdio>
@@ -198,9 +198,13 @@ int korva_attach_section(krv_handle_t *hp, krv_secidx_t sec, uint64_t size, krv_
         return krv_fail(hp, KRV_ERR_INVALID, "section size is zero");
     va_list ap;
     va_start(ap, type);
-    const int result = krv_fd_attach(hp, &hp->sh_sec[sec], size, type, ap);
+    krv_fd_t section;
+    const int result = krv_fd_attach(hp, &section, size, type, ap);
     va_end(ap);
-    return result;
+    if (result != 0 || krv_units_keep_section(hp, sec) != 0)
+        return -1;
+    hp->sh_sec[sec] = section;
+    return 0;
 }
 
 int korva_attach_as(krv_handle_t *hp, krv_fd_cb_f *func, void *arg)

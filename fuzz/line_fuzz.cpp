@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Line-number header, program, matrix, lookup and field access, of a unit that is always the same.
+// Line-number header, program, matrix, lookup and field access, of units that are always the same: two of one compilation
+// directory, which share what they can, and one of another.
 #include "input.h"
 
 static int visit_op(krv_handle_t *hp, unsigned long, unsigned char, krv_value_t **values, unsigned int nvalues,
@@ -31,6 +32,8 @@ static int ask(krv_handle_t *hp, krv_ctu_t *cu, void *arg)
     for (uint64_t i = 0; i < nfiles; ++i) {
         char path[8];
         korva_lnfe_get_path(hp, files[i], path, sizeof(path), B_TRUE);
+        char *absolute;
+        korva_get_fields(hp, KRV_STRUCT_LNFE, files[i], 1, KRV_FIELD_LNFE_ABSOLUTE_PATH, &absolute);
     }
     if (korva_get_fields(hp, KRV_STRUCT_LNPH, lnphp, 1, KRV_FIELD_LNPH_LNP, &matrix) == 0) {
         unsigned int nrows = 0;
@@ -54,12 +57,17 @@ static int ask(krv_handle_t *hp, krv_ctu_t *cu, void *arg)
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
     static const uint8_t abbrev[] = {1, 0x11, 0, 0x10, 0x17, 0x1b, 0x08, 0, 0, 0}; // stmt_list, comp_dir
-    static const uint8_t info[] = {16, 0, 0, 0, 4, 0, 0, 0, 0, 0, 8, 1, 0, 0, 0, 0, '/', 'd', 'i', 0};
+    static const uint8_t unit[] = {16, 0, 0, 0, 4, 0, 0, 0, 0, 0, 8, 1, 0, 0, 0, 0, '/', 'd', 'i', 0};
+    std::vector<uint8_t> info;
+    for (const char last : {'i', 'i', 'j'}) {
+        info.insert(info.end(), std::begin(unit), std::end(unit));
+        info.rbegin()[1] = static_cast<uint8_t>(last);
+    }
     krv_fuzz::input in(data, size);
     krv_fuzz::handle h(in);
     uint64_t address = in.number(8);
     h.attach(KRV_SEC_ABBREV, std::vector<uint8_t>(abbrev, abbrev + sizeof(abbrev)));
-    h.attach(KRV_SEC_INFO, std::vector<uint8_t>(info, info + sizeof(info)));
+    h.attach(KRV_SEC_INFO, info);
     h.attach(KRV_SEC_LINE, in.rest());
     korva_iter_cu(h, KRV_SEC_INFO, ask, &address);
     return 0;

@@ -73,10 +73,10 @@ typedef struct krv_elf_symbol {
 
 /** Where an address comes from, as korva_elf_lookup_source says. */
 typedef struct krv_elf_source {
-    const char *file;     /**< path, composed with the folder of the compilation; NULL when it is not known */
+    const char *file;     /**< path, composed with the folder of the compilation; "" when it is not known */
     uint32_t line;        /**< counted from 1; 0 when it is not known, or the compiler names none */
     uint32_t column;      /**< likewise */
-    const char *function; /**< name of the function symbol that covers the address; NULL when none does */
+    const char *function; /**< name of the function symbol that covers the address; "" when none does */
 } krv_elf_source_t;
 
 /** What an opened file is. */

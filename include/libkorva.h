@@ -37,7 +37,17 @@
  *     handles are independent, also when they share the bytes of their sections. Records handed out are read-only
  *     and may be read from any thread. The library starts no thread.
  *  5. Call-backs of walks return 0 to continue; any other value stops the walk and is what the walk returns. A
- *     call-back may query the handle it was given; it must not free that handle, throw, or jump out.
+ *     call-back may query the handle it was given; it must not free that handle, throw, or jump out. So may the read
+ *     call-backs and the debug call-back, during the query that they serve; but what this query is building at that
+ *     moment under the handle's lock, the unit table or the ranges of .debug_aranges, cannot be asked for: that fails
+ *     with KRV_ERR_INVALID and a message. One that asks whenever it is called asks for ever.
+ *  6. What is refused. Memory and time follow the size of the sections. Input in which bytes count many times over is
+ *     refused with KRV_ERR_CORRUPT and a message, and no compiler writes it. With I and S the bytes of .debug_info and
+ *     .debug_str and A those of .debug_abbrev: abbreviation tables that overlap, once all that were read have more
+ *     than 4 x (A + 1 MiB) bytes; units from the one on with which the attributes of all first entries are more than
+ *     I + 1 MiB, or with which the strings that had to be copied for them (from behind call-backs, or cut to 1023
+ *     characters) have more than 16 x (I + S) + 1 MiB bytes; an entry whose copied strings alone have as many; and the
+ *     entries of a unit behind which its scan for addresses has met more than 64 attributes for each byte of the unit.
  */
 #ifndef LIBKORVA_H
 #define LIBKORVA_H

@@ -55,6 +55,21 @@ public:
             return detail::loader_error(why);
         return {};
     }
+    /** Lets a live process run on: what was learnt stays, registers and walks are no longer to be had. */
+    void release() { korva_proc_release(get()); }
+    /** What is missing or odd on the whole, a line each. See korva_proc_iter_notes. */
+    std::vector<std::string> notes() const
+    {
+        std::vector<std::string> all;
+        korva_proc_iter_notes(
+            get(),
+            [](krv_proc_t *, const char *text, void *arg) noexcept {
+                static_cast<std::vector<std::string> *>(arg)->emplace_back(text);
+                return 0;
+            },
+            &all);
+        return all;
+    }
     /** Reads memory: all of the bytes, or false. */
     bool read(std::uint64_t address, void *buf, std::size_t count) const
     {
@@ -74,6 +89,8 @@ public:
             &all);
         return all;
     }
+    /** The letter of what a thread did before it was stopped, 'R', 'S', 'D', 'T' ...; 0 when it is not known. */
+    int state(int tid) const { return korva_proc_thread_state(get(), tid); }
     /** The registers of a stopped thread. */
     result<registers> regs(int tid) const
     {
@@ -103,6 +120,25 @@ public:
     }
     /** The module that covers @p address, or nullptr. */
     const krv_proc_module_t *module_of(std::uint64_t address) const { return korva_proc_find_module(get(), address); }
+    /** How files of modules are opened from now on, as elf::open does. */
+    result<void> set_files(unsigned int flags, const std::vector<std::string> &debug_dirs = {})
+    {
+        std::vector<const char *> dirs;
+        for (const std::string &dir : debug_dirs)
+            dirs.push_back(dir.c_str());
+        krv_elf_error_t why;
+        if (korva_proc_set_files(get(), flags, dirs.data(), dirs.size(), &why) != 0)
+            return detail::loader_error(why);
+        return {};
+    }
+    /** Where the byte at @p address is in the file of its module, if it is in one. */
+    std::optional<std::uint64_t> file_offset(std::uint64_t address) const
+    {
+        std::uint64_t offset = 0;
+        if (korva_proc_file_offset(get(), address, &offset) != 0)
+            return std::nullopt;
+        return offset;
+    }
     /** The file of a module. It knows addresses without the module's bias. */
     result<elf_view> file(const krv_proc_module_t &module) const
     {

@@ -35,7 +35,10 @@ enum {
  *
  * @p offset is a section offset for a section's cursor and a target address for the address space. Returns the
  * number of bytes delivered, -1 for failure. It is called in the querying thread, with any offset and count that
- * lie within the size given when it was attached.
+ * lie within the size given when it was attached, or within the address space.
+ *
+ * Input without an end: a section ends at the size given. What is searched for call-frame information ends after
+ * 16,777,216 records; functions behind them are found through .eh_frame_hdr only.
  */
 typedef int64_t krv_fd_cb_f(void *arg, void *buf, size_t count, uint64_t offset);
 

@@ -304,11 +304,12 @@ static failure no_source(krv_elf &elf, uint64_t address)
 
 int korva_elf_lookup_source(krv_elf_t *elf, uint64_t address, krv_elf_source_t *sourcep, krv_elf_error_t *errorp)
 {
-    *sourcep = {};
+    *sourcep = {.file = "", .line = 0, .column = 0, .function = ""};
     return guarded(errorp, -1, [=] {
         const krv_elf_symbol_t *function = elf->symbols().find(address);
-        sourcep->function = function == nullptr ? nullptr : function->name;
-        // An address between two rows of its function is one of them; outside any, it has to have its own.
+        if (function != nullptr)
+            sourcep->function = function->name;
+        // Rows of its function may answer for an address between two sequences; outside any function none may.
         const uint64_t start = function == nullptr ? address : function->address;
         const uint64_t size = function == nullptr ? 1 : function->size;
         elf->shown();
@@ -324,7 +325,7 @@ int korva_elf_lookup_source(krv_elf_t *elf, uint64_t address, krv_elf_source_t *
         krv_lnfe_t *file = korva_lns_get_filep(hp, row);
         if (file != nullptr && korva_get_fields(hp, KRV_STRUCT_LNFE, file, 1, KRV_FIELD_LNFE_ABSOLUTE_PATH, &path) != 0)
             throw no_source(*elf, address);
-        sourcep->file = path;
+        sourcep->file = path == nullptr ? "" : path;
         sourcep->column = column;
         return 0;
     });

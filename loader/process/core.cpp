@@ -116,12 +116,17 @@ public:
     {
     }
 
-    bool read(uint64_t address, void *buf, size_t count) override
+    void take(uint64_t count)
     {
         if (!allowed.take(count))
             throw failure(KRV_ELF_ERR_FORMAT, core_path +
                                                   ": its modules claim more than it and the files that it names "
                                                   "hold, so that no more is read of them");
+    }
+
+    bool read(uint64_t address, void *buf, size_t count) override
+    {
+        take(count);
         return below.read(address, buf, count);
     }
 
@@ -485,6 +490,7 @@ std::string core_file_source::locate(const mapping &where)
         throw failure(KRV_ELF_ERR_NOTFOUND,
                       fmt::format("{}: not the file that {} speaks of (its build-id or its program headers differ)",
                                   entry.path, core_path));
+    metered.take(entry.file->bytes().size()); // who reads its symbols and lines may read all of it, for each module
     return entry.path;
 }
 
@@ -509,14 +515,11 @@ std::string core_file_source::why_unreadable(uint64_t address)
     const mapping *m = find_mapping(maps, address);
     if (m == nullptr || m->path.empty())
         return ", since the core file does not have it";
-    switch (file_of(*m).state) {
-    case missing:
-        return fmt::format(", since {} is {}", m->path, file_of(*m).problem);
-    case other:
-        return fmt::format(", since {} is another file than was mapped", m->path);
-    default:
+    const mapped_file &entry = file_of(*m);
+    if (entry.state == usable)
         return "";
-    }
+    return fmt::format(", since the core file does not have it, and {} is {}", entry.path,
+                       entry.state == missing ? entry.problem : "another file than was mapped");
 }
 
 bool core_file_source::read(uint64_t address, void *buf, size_t count)

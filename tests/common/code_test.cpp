@@ -174,6 +174,12 @@ TEST(Code, StorageProtocol)
         EXPECT_EQ(h.error(), sized ? "NONE" : "INVALID");
     }
     EXPECT_TRUE(refuses(h, korva_decode_form(&fd, DW_FORM_block1, 0, &call_back, 8, nullptr), "UNSUPPORTED"));
+    reader fails{.contents = bytes::hex("02 41 42"), .kind = fault::fails, .fault_at = 2};
+    krv_fd_t behind = h.cursor(&fails), block;
+    krv_fd_attach_mem(h, &block, sizeof(room), room);
+    EXPECT_TRUE(
+        refuses(h, korva_decode_form(&behind, DW_FORM_block1, 0, &block, 8, nullptr), "IO: read callback failed"));
+    EXPECT_EQ(block.sfd_size, 2U); // set before the bytes are read
     EXPECT_TRUE(refuses(h, korva_decode_form(&fd, DW_FORM_strp, 0, room, 8, nullptr),
                         "INVALID: section is empty | cannot seek to offset 4342018 in .debug_str"));
     EXPECT_EQ(korva_decode_form(&fd, DW_FORM_flag_present, 0, room, 8, nullptr), 0);

@@ -90,39 +90,33 @@ TEST(DebugFrame, Fdes)
 {
     const std::string fde_at_16 = " | failed to read FDE at offset 0x10 in .debug_frame";
     const std::string no_parent = " | couldn't get parent CIE";
+    const bytes narrow = fde{.address = UINT32_MAX, .range = 1, .address_size = 4, .word = 4}.build();
     const struct {
-        cie parent; // 16 bytes
         bytes record;
         std::string outcome; // of an error without its last message
+        cie parent = {};     // 16 bytes
         krv_activation_type_t target = AMD64;
     } rows[] = {
-        {{}, fde{}.build(), "0x1000+0x100 cie 0 v3, 0 at 40 of 20/24"},
-        {{.word = 4},
-         fde{.address = UINT32_MAX, .range = 1, .address_size = 4, .word = 4}.build(),
-         "0xffffffff+0x1 cie 0 v3, 0 at 32 of 12/16",
-         I386},
-        {{.version = 4, .address_size = 4}, fde{.address_size = 4}.build(), "0x1000+0x100 cie 0 v4, 0 at 32 of 12/16"},
-        {{.version = 4}, fde{.word = 4}.build(), "0x1000+0x100 cie 0 v4, 0 at 40 of 20/24", I386},
-        {{}, fde{.dwarf64 = true}.build(), "0x1000+0x100 cie 0 v3, 4 at 52 of 28/40"},
+        {fde{}.build(), "0x1000+0x100 cie 0 v3, 0 at 40 of 20/24"},
+        {narrow, "0xffffffff+0x1 cie 0 v3, 0 at 32 of 12/16", {.word = 4}, I386},
+        {fde{.address_size = 4}.build(), "0x1000+0x100 cie 0 v4, 0 at 32 of 12/16", {.version = 4, .address_size = 4}},
+        {fde{.word = 4}.build(), "0x1000+0x100 cie 0 v4, 0 at 40 of 20/24", {.version = 4}, I386},
+        {fde{.dwarf64 = true}.build(), "0x1000+0x100 cie 0 v3, 4 at 52 of 28/40"},
 
-        {{}, fde{.length = 16}.build(), "CORRUPT: Total FDE length (20) is not a multiple of target size (8)"},
-        {{}, fde{.length = 28}.build(), "INVALID: cannot truncate section to 28 bytes;  only 20 remain"},
-        {{},
-         fde{.cie = 16}.build(), // itself
+        {fde{.length = 16}.build(), "CORRUPT: Total FDE length (20) is not a multiple of target size (8)"},
+        {fde{.length = 28}.build(), "INVALID: cannot truncate section to 28 bytes;  only 20 remain"},
+        // Itself; another FDE; not sign-extended, and out of the section.
+        {fde{.cie = 16}.build(),
          "CORRUPT: illegal CIE_id (0x10) | failed to read CIE at offset 0x10 in .debug_frame" + no_parent},
-        {{},
-         fde{.cie = 40}.build() + fde{}.build(), // another FDE
+        {fde{.cie = 40}.build() + fde{}.build(),
          "CORRUPT: illegal CIE_id (0x0) | failed to read CIE at offset 0x28 in .debug_frame" + no_parent},
-        {{},
-         fde{.cie = UINT32_MAX}.build(), // not sign-extended, and out of the section
-         "INVALID: can't seek beyond end | unable to seek to offset 0xffffffff | "
-         "failed to read CIE at offset 0xffffffff in .debug_frame" +
-             no_parent},
-        {{.version = 2}, fde{}.build(), "UNSUPPORTED: unsupported CIE version (2)" + cie_at_0 + no_parent},
-        {{.version = 1}, fde{.dwarf64 = true}.build(), "CORRUPT: 64-bit length in version 1 FDE"},
-        {{.version = 4, .address_size = 2}, fde{}.build(), "INVALID: unsupported address_size (2)"},
-        {{},
-         fde{.length = 12}.build(),
+        {fde{.cie = UINT32_MAX}.build(), "INVALID: can't seek beyond end | unable to seek to offset 0xffffffff | "
+                                         "failed to read CIE at offset 0xffffffff in .debug_frame" +
+                                             no_parent},
+        {fde{}.build(), "UNSUPPORTED: unsupported CIE version (2)" + cie_at_0 + no_parent, {.version = 2}},
+        {fde{.dwarf64 = true}.build(), "CORRUPT: 64-bit length in version 1 FDE", {.version = 1}},
+        {fde{}.build(), "INVALID: unsupported address_size (2)", {.version = 4, .address_size = 2}},
+        {fde{.length = 12}.build(),
          "CORRUPT: form DW_FORM_addr requires 8 bytes;  0 remaining | failed to read address_range"},
     };
     for (const auto &row : rows) {

@@ -76,19 +76,9 @@ TEST(EhFrame, PointerEncodings)
     for (const auto target : both_targets) {
         const size_t address = target == I386 ? 4 : 8;
         const size_t widths[16] = {address, 3, 2, 4, 8, 0, 0, 0, 0, 3, 2, 4, 8}; // 0: no such format
-        const uint64_t values[16] = {target == I386 ? 0xf54483f0 : word,
-                                     0x1101f0,
-                                     0x83f0,
-                                     0xf54483f0,
-                                     word,
-                                     0,
-                                     0,
-                                     0,
-                                     0,
-                                     0xfffffffffff101f0,
-                                     0xffffffffffff83f0,
-                                     0xfffffffff54483f0,
-                                     word};
+        const uint64_t first = target == I386 ? 0xf54483f0 : word, s3 = 0xfffffffffff101f0, s2 = 0xffffffffffff83f0;
+        const uint64_t s4 = 0xfffffffff54483f0;
+        const uint64_t values[16] = {first, 0x1101f0, 0x83f0, 0xf54483f0, word, 0, 0, 0, 0, s3, s2, s4, word};
         for (unsigned encoding = 0; encoding < 256; ++encoding) {
             const unsigned format = encoding & 0xf, base = encoding & 0xf0;
             const size_t width = widths[format];
@@ -161,41 +151,37 @@ TEST(EhFrame, Fdes)
     const std::string unreadable = " | unable to decode EH datum | failed to read target address";
     const std::string no_parent = " in .eh_frame | couldn't get parent CIE";
     const struct {
-        eh_cie parent;
         eh_fde record;
         std::string outcome; // of an error without its last message
+        eh_cie parent = {};
         std::vector<krv_activation_type_t> targets = {I386, AMD64};
     } rows[] = {
-        {{}, {}, "0x1000+0x100, 3 at 0x9025, lsda 0x0"},
-        {{}, {.address = 0xfff0, .instructions = bytes::hex("41 0e 10")}, "0xfff0+0x100, 3 at 0x9025, lsda 0x0"},
-        {{.augmentation = ""}, {.encoding = DW_EH_PE_udata8, .augmented = false}, "0x1000+0x100, 0 at 0x9028"},
-        {plain, {.encoding = DW_EH_PE_absptr}, "0x1000+0x100, 3 at 0x902d, lsda 0x0", {AMD64}},
-        {plain, {.encoding = DW_EH_PE_udata4}, "0x1000+0x100, 3 at 0x9025, lsda 0x0", {I386}},
-        {{.data = bytes::hex("3b")}, {}, "0xfe4+0x100, 3 at 0x9025, lsda 0x0"}, // told from 0x901c, read from 0x9000
-        {{}, {.range = UINT64_MAX}, "0x1000+0xffffffffffffffff, 3 at 0x9025, lsda 0x0"},
-        {lsda, {.data = bytes().u32(0x10)}, "0x1000+0x100, 3 at 0x9029, lsda 0x9035"},
-        {{}, {.data = bytes().u64(0x77)}, "0x1000+0x100, 3 at 0x902d, lsda 0x77", {AMD64}}, // no L: absptr
+        {{}, "0x1000+0x100, 3 at 0x9025, lsda 0x0"},
+        {{.address = 0xfff0, .instructions = bytes::hex("41 0e 10")}, "0xfff0+0x100, 3 at 0x9025, lsda 0x0"},
+        {{.encoding = DW_EH_PE_udata8, .augmented = false}, "0x1000+0x100, 0 at 0x9028", {.augmentation = ""}},
+        {{.encoding = DW_EH_PE_absptr}, "0x1000+0x100, 3 at 0x902d, lsda 0x0", plain, {AMD64}},
+        {{.encoding = DW_EH_PE_udata4}, "0x1000+0x100, 3 at 0x9025, lsda 0x0", plain, {I386}},
+        {{}, "0xfe4+0x100, 3 at 0x9025, lsda 0x0", {.data = bytes::hex("3b")}}, // told from 0x901c, read from 0x9000
+        {{.range = UINT64_MAX}, "0x1000+0xffffffffffffffff, 3 at 0x9025, lsda 0x0"},
+        {{.data = bytes().u32(0x10)}, "0x1000+0x100, 3 at 0x9029, lsda 0x9035", lsda},
+        {{.data = bytes().u64(0x77)}, "0x1000+0x100, 3 at 0x902d, lsda 0x77", {}, {AMD64}}, // no L: absptr
 
-        {{}, {.cie_pointer = 0}, "CORRUPT: illegal CIE pointer (0)"},
-        {{},
-         {.cie_pointer = 4}, // itself
-         "CORRUPT: illegal CIE id (0x4) | failed to read CIE at address 0x9014" + no_parent},
-        {{},
-         {.cie_pointer = 0x9019}, // below the section, and below address 0
+        {{.cie_pointer = 0}, "CORRUPT: illegal CIE pointer (0)"},
+        // Itself; below the section, and below address 0.
+        {{.cie_pointer = 4}, "CORRUPT: illegal CIE id (0x4) | failed to read CIE at address 0x9014" + no_parent},
+        {{.cie_pointer = 0x9019},
          "CORRUPT: form DW_FORM_data4 requires 4 bytes;  0 remaining | failed to read Length | "
          "failed to read CIE at address 0xffffffffffffffff" +
              no_parent},
-        {{},
-         {.length = 12},
+        {{.length = 12},
          "CORRUPT: DW_FORM_udata datum unterminated by end of section | failed to read augmentation section size"},
-        {{},
-         {.data_length = 4},
+        {{.data_length = 4},
          "CORRUPT: length of remaining augmentation section (4) exceeds length of remaining FDE (3)"},
-        {{.data = bytes::hex("9b")}, {}, "UNSUPPORTED: unsupported target address encoding 0x9b" + unreadable},
-        {{.data = bytes::hex("ff")}, {}, "INVALID: illegal EH form (0xf) | failed to read target address"},
-        {{.augmentation = "zLR", .data = bytes::hex("ff 1b")},
-         {.data = bytes::hex("00")},
-         "INVALID: illegal EH form (0xf) | failed to read LDSA"},
+        {{}, "UNSUPPORTED: unsupported target address encoding 0x9b" + unreadable, {.data = bytes::hex("9b")}},
+        {{}, "INVALID: illegal EH form (0xf) | failed to read target address", {.data = bytes::hex("ff")}},
+        {{.data = bytes::hex("00")},
+         "INVALID: illegal EH form (0xf) | failed to read LDSA",
+         {.augmentation = "zLR", .data = bytes::hex("ff 1b")}},
     };
     for (const auto &row : rows)
         for (const auto target : row.targets) {

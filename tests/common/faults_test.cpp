@@ -5,12 +5,12 @@
 // is well again the same handle answers as if nothing had happened.
 #include "krv_error.h"
 #include "krv_frame.h"
-#include "krv_hash.h"
 #include "krv_no_frame.h"
 #include "support/allocations.h"
 #include "support/scenarios.h"
 
 #include <gtest/gtest.h>
+#include <utility>
 
 using namespace krv_test;
 
@@ -24,10 +24,19 @@ static bool granted(size_t)
 static unsigned reads, fail_read_at; // likewise
 static fault read_fault;
 
+static krv_handle_t *asked; // by the read that is to fail, in place of failing
+static std::string (*question)(krv_handle_t *hp);
+static std::string reply;
+
 // A session's sections are read here, all of them in one count.
 static int64_t read_counted(void *arg, void *buf, size_t count, uint64_t offset)
 {
     const bool faulty = ++reads == fail_read_at;
+    if (faulty && asked != nullptr) {
+        reply = question(asked);
+        reply += " " + error_line(asked);
+        return reader::read(arg, buf, count, offset);
+    }
     if (faulty && read_fault == fault::fails)
         return -1;
     const int64_t got = reader::read(arg, buf, count, offset);
@@ -114,28 +123,6 @@ TEST(Faults, EveryAllocationFailsOnce)
         EXPECT_NE(seen.find(message), std::string::npos) << message;
 }
 
-TEST(Faults, HashTableThatCannotGrow)
-{
-    handle h;
-    const std::unique_ptr<krv_hash_t, decltype(&krv_hash_destroy)> table(krv_hash_create(h, 0, KRV_HASH_UINT64),
-                                                                         krv_hash_destroy);
-    const auto insert = [&](uint64_t n) {
-        const krv_hash_key_t key = {.dwhk_u = n};
-        return krv_hash_insert(h, table.get(), &key, table.get()) != nullptr;
-    };
-    for (uint64_t n = 0; n < 20; ++n) {
-        allocations = 0;
-        fail_at = 1;
-        const bool fitted = insert(n);
-        fail_at = 0;
-        // Entries come half as many at a time as there are buckets; buckets double when more than half of them are taken.
-        EXPECT_EQ(fitted, n != 0 && n != 8 && n != 16 && n != 9 && n != 17) << n;
-        EXPECT_EQ(h.error(), fitted ? "NONE" : "NOMEM");
-        EXPECT_TRUE(fitted || insert(n)) << n;
-        krv_clear_error(h);
-    }
-}
-
 // What a failed read says may be overlaid by what its absence means: an entry without children, a record of no kind.
 // A list that is cut short by a read stays so: its end is where reading ended. A LEB128 number takes what it gets.
 TEST(Faults, EveryReadFailsOnce)
@@ -157,4 +144,46 @@ TEST(Faults, EveryReadFailsOnce)
                 return answer == s.expected || h->sh_errno == KRV_ERR_NOTFOUND;
             });
     }
+}
+
+// A read call-back asks its handle the question that the read is for. It is answered, or refused; the query around it
+// goes on as if nothing had been asked. Then the debug call-back does, at every message of a read that fails.
+TEST(Faults, CallBacksThatAsk)
+{
+    static bool asking;
+    const auto ask = [](unsigned int, const char *, void *arg) {
+        if (std::exchange(asking, true))
+            return;
+        question(static_cast<krv_handle_t *>(arg));
+        asking = false;
+    };
+    read_fault = fault::fails;
+    for (const scenario &s : scenarios())
+        for (const bool by_message : {false, true})
+            for (unsigned n = 1, met = 1; met != 0; ++n) {
+                SCOPED_TRACE(text("%s, read %u%s", s.name, n, by_message ? ", by message" : ""));
+                const session data = s.make();
+                handle h;
+                readers sources;
+                attach(h, data, &sources);
+                if (by_message) {
+                    korva_handle_set_opt(h, KRV_OPT_DEBUG_FUNC, +ask);
+                    korva_handle_set_opt(h, KRV_OPT_DEBUG_FUNC_ARG, static_cast<krv_handle_t *>(h));
+                }
+                reads = 0;
+                fail_read_at = n;
+                question = s.ask;
+                reply = "";
+                asked = by_message ? nullptr : static_cast<krv_handle_t *>(h);
+                const std::string answer = s.ask(h);
+                met = reads >= n ? 1 : 0;
+                fail_read_at = 0;
+                asked = nullptr;
+                EXPECT_TRUE(answer == s.expected || (by_message && answer[0] == '!')) << answer << ": " << h.error();
+                EXPECT_TRUE(met == 0 || by_message || reply.starts_with(s.expected) ||
+                            reply.ends_with("INVALID: asked by a call-back of the query that is building it"))
+                    << reply;
+                const std::string again = s.ask(h);
+                EXPECT_TRUE(again == s.expected || (by_message && h->sh_errno == KRV_ERR_NOTFOUND)) << h.error();
+            }
 }

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // The byte cursor.
+#include "krv_fd.h"
 #include "support/handle.h"
 
 #include <cstring>
@@ -116,7 +117,23 @@ TEST(Fd, Copy)
         EXPECT_EQ(dst.sfd_u.buf[1], good ? 0x33 : 0xee);
         EXPECT_TRUE(dst.sfd_u.buf[0] == 0xee && dst.sfd_u.buf[5] == 0xee);
     });
+    const auto note = [](void *arg, void *buf, size_t count, uint64_t) {
+        *static_cast<void **>(arg) = buf;
+        return static_cast<int64_t>(count);
+    };
+    void *asked = nullptr; // where the bytes were to go
+    krv_fd_t noted, room = h.cursor(ten);
+    ASSERT_EQ(korva_fd_attach(h, &noted, 9, KRV_FD_TYPE_CB, +note, &asked), 0);
+    EXPECT_EQ(korva_fd_cpy(&room, &noted, 0), 0);
+    EXPECT_EQ(asked, room.sfd_u.buf);
+
+    krv_window_t window;
     reader source{.contents = ten};
+    krv_fd_t ahead = h.cursor(&source);
+    ahead = krv_fd_windowed(&ahead, &window);
+    krv_fd_read_ahead(&ahead, 0);
+    EXPECT_EQ(source.reads, 0U);
+
     krv_fd_t memory = h.cursor(ten), call_back = h.cursor(&source), small = h.cursor(bytes().fill(3));
     EXPECT_TRUE(refuses(h, korva_fd_cpy(&call_back, &memory, 1), "INVALID: cannot copy to non-memory file descriptor"));
     EXPECT_TRUE(

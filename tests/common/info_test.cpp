@@ -3,11 +3,13 @@
 // Units, entries, attributes, and the tree.
 #include "krv_error.h"
 #include "krv_info.h"
+#include "krv_line.h"
 #include "krv_names.h"
 #include "support/handle.h"
 #include "support/sections.h"
 
 #include <gtest/gtest.h>
+#include <random>
 
 using namespace krv_test;
 
@@ -291,4 +293,111 @@ TEST(Info, UnitNames)
     EXPECT_TRUE(
         refuses(h, krv_cu_alloc(h, KRV_SEC_INFO, first.size() + second.size()),
                 text("INVALID: failed to obtain CU at offset %zu in .debug_info", first.size() + second.size())));
+}
+
+// What was read of sections stays when others take their place, and the first ones are no more.
+TEST(Info, SectionsThatAreReplaced)
+{
+    const bytes table = abbrevs(
+        "1 compile_unit+ name:string comp_dir:strp stmt_list:sec_offset; 2 subprogram low_pc:addr high_pc:data4");
+    const bytes twice = abbrevs("1 compile_unit+ name:string comp_dir:strp stmt_list:sec_offset; 1 variable");
+    const bytes info = unit{.dies = bytes().u8(1).cstr("a.c").u32(2).u32(0).u8(2).u64(0x400).u32(0x80).u8(0)}.build();
+    const bytes str = bytes().cstr("//usr");
+    for (const bool built : {true, false}) { // or a first entry that cannot be read, but for its abbreviation
+        SCOPED_TRACE(built);
+        handle h;
+        std::vector<std::unique_ptr<uint8_t[]>> buffers;
+        const auto attach = [&](krv_secidx_t sec, const bytes &contents) {
+            buffers.push_back(exact_copy(contents));
+            ASSERT_EQ(korva_attach_section(h, sec, contents.size(), KRV_FD_TYPE_MEMORY, buffers.back().get()), 0);
+            EXPECT_EQ(h.error(), "NONE");
+        };
+        attach(KRV_SEC_ABBREV, table);
+        attach(KRV_SEC_INFO, info);
+        if (built)
+            attach(KRV_SEC_STR, str);
+        h.attach(KRV_SEC_LINE, line_unit{}.build());
+        krv_ctu_t *cu = korva_lookup_ctu_by_start_offset(h, KRV_SEC_INFO, 0);
+        EXPECT_EQ(cu != nullptr, built);
+        EXPECT_EQ(!built || korva_line_get_cu_lnph(h, cu) != nullptr, true);
+        for (const krv_secidx_t sec : {KRV_SEC_ABBREV, KRV_SEC_INFO, KRV_SEC_STR})
+            attach(sec, sec == KRV_SEC_ABBREV ? twice : sec == KRV_SEC_INFO ? info : str);
+        if (built)
+            attach(KRV_SEC_STR, bytes().fill(9, 'x'));
+        buffers.erase(buffers.begin(), buffers.begin() + (built ? 3 : 2));
+        cu = korva_lookup_ctu_by_start_offset(h, KRV_SEC_INFO, 0);
+        ASSERT_NE(cu, nullptr) << h.error();
+        EXPECT_TRUE(korva_cu_contains_addr(h, cu, 0x47f, KRV_LOOKUP_F_NONE)) << h.error();
+        EXPECT_STREQ(cu->dcu_name, "a.c");
+        EXPECT_STREQ(cu->dcu_comp_dir, "usr");
+        EXPECT_STREQ(krv_lnfe_absolute_path(h, korva_line_get_cu_lnph(h, cu)->sln_files[0]), "usr/a.c");
+        char dir[8];
+        EXPECT_EQ(korva_get_die_at_comp_dir(h, cu->dcu_compile_unit, dir, sizeof(dir)), 0);
+        EXPECT_STREQ(dir, "usr");
+    }
+}
+
+// All units, all their entries, and every message on the way.
+static std::string dump(handle &h)
+{
+    h.watch();
+    std::string all;
+    const auto entry = [](krv_handle_t *hp, krv_die_t *die, void *arg) {
+        auto *to = static_cast<std::string *>(arg);
+        *to += text("%lx:%u+%zu", die->dwdie_section_offset, die->dwdie_code, die->dwdie_bufsize);
+        for (uint32_t i = 0; i < die->dwdie_abbrev_cache->dwa_nafpairs; ++i) {
+            const krv_value_t &value = die->dwdie_attrs[i];
+            const uint32_t classes = krv_get_form_class(value.sa_actual);
+            const auto *block = static_cast<krv_fd_t *>(value.sa_u.su_addr);
+            if ((classes & KRV_CLASS_STRING) != 0)
+                *to += std::string(" ") + static_cast<char *>(value.sa_u.su_addr);
+            else if ((classes & (KRV_CLASS_BLOCK | KRV_CLASS_EXPRLOC)) != 0)
+                *to += " [" + std::string(reinterpret_cast<const char *>(block->sfd_u.buf), block->sfd_size) + "]";
+            else
+                *to += text(" %lx", value.sa_u.su_unsigned);
+        }
+        *to += "\n" + error_line(hp) + "\n";
+        return 0;
+    };
+    korva_lookup_ctu_by_start_offset(h, KRV_SEC_INFO, 0);
+    for (uint32_t i = 0; i < h->sh_cu_table_entries; ++i) {
+        krv_die_t *root = h->sh_cu_table[i]->dcu_compile_unit;
+        entry(h, root, &all);
+        const int result = krv_iter_children_in_die(h, root, entry, &all);
+        all += text("%d %s\n", result, h.error().c_str());
+    }
+    for (const std::string &message : h.log)
+        all += message + "\n";
+    return all;
+}
+
+// Tables and entries in memory are scanned, behind a call-back they are decoded; over random bytes both come to the
+// same. Numbers are small, so that many bytes mean something.
+TEST(Info, MemoryAndCallBack)
+{
+    std::mt19937 random(1);
+    const auto any = [&random](unsigned below) { return static_cast<uint8_t>(random() % below); };
+    unsigned entries = 0;
+    for (int round = 0; round < 3000; ++round) {
+        bytes table, dies;
+        for (unsigned code = 1; code < 5; ++code) {
+            table.uleb(any(20) == 0 ? any(200) : code).uleb(code == 1 ? 0x11U : any(60)).u8(any(3));
+            for (unsigned pairs = any(6); pairs != 0; --pairs)
+                table.uleb(any(30) == 0 ? any(130) << 7 : 1U + any(100)).uleb(any(30) == 0 ? any(255) : 1U + any(25));
+            table.u8(0).u8(any(40) == 0 ? 1 : 0);
+        }
+        for (int left = 200; left != 0; --left)
+            dies.u8(any(4) == 0 ? any(255) : any(6));
+        const bytes info = unit{.dwarf64 = any(2) == 0, .dies = bytes().u8(1) + dies}.build() +
+                           unit{.dies = bytes().u8(1) + dies}.build();
+        reader abbrev{.contents = table.fill(any(2))}, behind{.contents = info},
+            strings{.contents = bytes().fill(300, 'a')};
+        handle memory, call_back;
+        memory.attach(KRV_SEC_ABBREV, abbrev.contents).attach(KRV_SEC_INFO, info).attach(KRV_SEC_STR, strings.contents);
+        call_back.attach(KRV_SEC_ABBREV, &abbrev).attach(KRV_SEC_INFO, &behind).attach(KRV_SEC_STR, &strings);
+        const std::string expected = dump(call_back);
+        ASSERT_EQ(dump(memory), expected) << round;
+        entries += static_cast<unsigned>(std::count(expected.begin(), expected.end(), ':'));
+    }
+    EXPECT_GT(entries, 6000U); // the bytes do mean something
 }

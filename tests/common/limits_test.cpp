@@ -9,6 +9,7 @@
 #include "support/allocations.h"
 
 #include <cstring>
+#include <ctime>
 #include <gtest/gtest.h>
 #include <malloc.h>
 
@@ -129,6 +130,52 @@ TEST(Limits, UnitsThatShareTables)
         EXPECT_LE(allocated, size_t{256} << 20);
         EXPECT_GT(m.h->sh_cu_table_entries, 20U); // what fits is kept
     }
+}
+
+// Strings that units share are not copied once a unit, or, from behind call-backs, as often as the bytes allow.
+TEST(Limits, UnitsThatShareStrings)
+{
+    constexpr uint64_t UNITS = MILLION / 500;
+    const bytes strings = bytes().fill(10 * UNITS, 'n').u8(0);
+    const bytes table = abbrevs("1 compile_unit name:strp comp_dir:strp producer:strp");
+    bytes info;
+    for (uint64_t i = 0; i < UNITS; ++i)
+        info += unit{.dies = bytes().u8(1).u32(0).u32(1).u32(i % UNITS)}.build();
+    for (const bool in_memory : {true, false}) {
+        SCOPED_TRACE(in_memory);
+        measured m;
+        m.attach(KRV_SEC_ABBREV, table).attach(KRV_SEC_INFO, info).attach(KRV_SEC_STR, strings);
+        if (in_memory)
+            m.h.attach(KRV_SEC_ABBREV, table).attach(KRV_SEC_INFO, info).attach(KRV_SEC_STR, strings);
+        allocated = 0;
+        korva_lookup_ctu_by_start_offset(m.h, KRV_SEC_INFO, 0);
+        EXPECT_LE(allocated, 100 * (info.size() + strings.size()));
+        EXPECT_TRUE(in_memory ? m.h->sh_cu_table_entries == UNITS : m.h->sh_cu_table_entries > 20)
+            << m.h->sh_cu_table_entries << m.h.error();
+    }
+}
+
+// Codes that a table by their low bits would put into one place; and entries whose attributes have no bytes.
+TEST(Limits, Abbreviations)
+{
+    const clock_t begin = clock();
+    measured codes;
+    bytes table;
+    for (uint64_t i = 0; i < MILLION / 5; ++i)
+        table.uleb((MILLION / 5 - i) << 14).u8(0x11).u8(0).u16(0);
+    codes.h.attach(KRV_SEC_ABBREV, table).attach(KRV_SEC_INFO, unit{.dies = bytes().uleb(1 << 14)}.build());
+    EXPECT_NE(korva_lookup_ctu_by_start_offset(codes.h, KRV_SEC_INFO, 0), nullptr) << codes.h.error();
+
+    measured flags;
+    bytes many = bytes().u8(2).u8(0x2e).u8(0);
+    for (uint64_t i = 0; i < MILLION / 10; ++i)
+        many.u8(0x3f).u8(DW_FORM_flag_present);
+    flags.h.attach(KRV_SEC_ABBREV, abbrevs("1 compile_unit+").first(5) + many.fill(3));
+    flags.h.attach(KRV_SEC_INFO, unit{.dies = bytes().u8(1).fill(MILLION / 10, 2).u8(0)}.build());
+    EXPECT_FALSE(contains(flags.h, 0x1000));
+    EXPECT_NE(flags.h.error().find("too many attributes in the entries up to offset "), std::string::npos)
+        << flags.h.error();
+    EXPECT_LT(clock() - begin, 5 * CLOCKS_PER_SEC);
 }
 
 TEST(Limits, Lines)

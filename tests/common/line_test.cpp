@@ -2,6 +2,8 @@
 //
 // Line numbers: headers, programs, source lookup, and access to fields.
 #include "krv_line.h"
+
+#include "korva.hpp"
 #include "krv_names.h"
 #include "support/handle.h"
 #include "support/sections.h"
@@ -77,9 +79,7 @@ std::string to_text(const handle &h, const krv_lnp_t *lnpp)
 
 } // namespace
 
-// ---------------------------------------------------------------------------------------------------------------
 // Headers
-// ---------------------------------------------------------------------------------------------------------------
 
 TEST(Line, HeaderFields)
 {
@@ -214,9 +214,7 @@ TEST(Line, Paths)
     }
 }
 
-// ---------------------------------------------------------------------------------------------------------------
 // Programs
-// ---------------------------------------------------------------------------------------------------------------
 
 TEST(Line, Matrices)
 {
@@ -388,20 +386,13 @@ TEST(Line, UnitsOfOneProgram)
                                    unit{.dies = bytes().u8(1).u8(0).cstr("/b")}.build() +
                                    unit{.dies = bytes().u8(2).u8(0)}.build());
         h.attach(KRV_SEC_LINE, row.before);
-        std::vector<krv_ctu_t *> units;
-        korva_iter_cu(
-            h, KRV_SEC_INFO,
-            [](krv_handle_t *, krv_ctu_t *cu, void *arg) {
-                static_cast<std::vector<krv_ctu_t *> *>(arg)->push_back(cu);
-                return 0;
-            },
-            &units);
+        const auto units = korva::handle_view(h).units();
         ASSERT_EQ(units.size(), 4U);
         std::vector<const void *> headers;
         for (size_t i = 0; i < 4; ++i) {
-            krv_lns_t *r = korva_lookup_source_by_cu_and_addr(h, units[i], 0, MAX, 0x402, 0);
+            krv_lns_t *r = korva_lookup_source_by_cu_and_addr(h, units[i].get(), 0, MAX, 0x402, 0);
             ASSERT_NE(r, nullptr) << h.error();
-            krv_lnph_t *header = korva_line_get_cu_lnph(h, units[i]);
+            krv_lnph_t *header = korva_line_get_cu_lnph(h, units[i].get());
             char *path = nullptr, copy[20];
             EXPECT_EQ(korva_get_fields(h, KRV_STRUCT_LNFE, r->slns_filep, 1, KRV_FIELD_LNFE_ABSOLUTE_PATH, &path), 0);
             EXPECT_EQ(korva_lnfe_get_path(h, r->slns_filep, copy, sizeof(copy), B_TRUE), 0);
@@ -411,16 +402,14 @@ TEST(Line, UnitsOfOneProgram)
             EXPECT_EQ(std::count(headers.begin(), headers.end(), header), 0);
             headers.push_back(header);
             if (i == 0) {
-                korva_line_get_cu_lnph(h, units[1]);
+                korva_line_get_cu_lnph(h, units[1].get());
                 h.attach(KRV_SEC_LINE, row.after);
             }
         }
     }
 }
 
-// ---------------------------------------------------------------------------------------------------------------
 // Lookup and fields
-// ---------------------------------------------------------------------------------------------------------------
 
 TEST(Line, Lookup)
 {
@@ -464,10 +453,6 @@ TEST(Line, Lookup)
         EXPECT_EQ(korva_lns_get_canonical_address(t.h, r, &canonical), r == nullptr ? -1 : 0);
         EXPECT_TRUE(r == nullptr || canonical == r->slns_u.slnsu_c_address + row.bias);
     }
-    lines t("at 100 copy pc 8 end");
-    t.matrix()->slnp_lnbp[0].slnb_end_index = 0; // no program leads to such a sequence
-    EXPECT_TRUE(refuses(t.h, korva_lookup_source_by_cu_and_addr(t.h, t.cu, 0x100, 8, 0x104, 0),
-                        "CORRUPT: corrupt line number sequence in rows 0--0for address 0x104"));
 }
 
 TEST(Line, Fields)
@@ -501,6 +486,8 @@ TEST(Line, Fields)
                                &u64[1], KRV_FIELD_LNFE_SIZE, &u64[2]),
               0);
     EXPECT_EQ(text("%s %s %lu %lu %lu", path[0], path[1], u64[0], u64[1], u64[2]), "/build/src/a.c a.c 1 2 3");
+    EXPECT_EQ(korva_lnfe_get_mtime(t.h, files[0], &u64[3]) + korva_lnfe_get_size(t.h, files[0], &u64[4]), 0);
+    EXPECT_TRUE(u64[3] == 2 && u64[4] == 3);
 
     // A matrix gives columns, a row one element of each; the rows tell every flag from every other.
     uint64_t address[3], canonical[3];
@@ -584,15 +571,6 @@ TEST(Line, FieldFailures)
     EXPECT_TRUE(kept == 77 && none == lnp);
     EXPECT_EQ(korva_lns_get_line(t.h, row, nullptr) + korva_lns_get_es(t.h, row, nullptr), -2);
     EXPECT_EQ(korva_handle_get_errno(t.h), KRV_ERR_INVALID);
-}
-
-TEST(Line, FactsOfAFile)
-{
-    lines t(line_unit{.dirs = {"gen"}, .files = {{"a.c", 1, 7, 9}}}.build());
-    krv_lnfe_t *file = t.header()->sln_files[0];
-    uint64_t mtime = 0, size = 0;
-    EXPECT_EQ(korva_lnfe_get_mtime(t.h, file, &mtime) + korva_lnfe_get_size(t.h, file, &size), 0);
-    EXPECT_TRUE(mtime == 7 && size == 9) << mtime << " " << size;
 }
 
 // A program that nobody watches, from memory, goes another way for most of its opcodes: to the same rows, or the same failure.

@@ -2,6 +2,8 @@
 //
 // Address-range sets, the unit table, and which unit covers an address.
 #include "krv_lookup.h"
+
+#include "korva.hpp"
 #include "support/handle.h"
 #include "support/sections.h"
 
@@ -12,9 +14,7 @@ using namespace krv_test;
 
 static constexpr uint64_t MAX = UINT64_MAX;
 
-// ---------------------------------------------------------------------------------------------------------------
 // .debug_aranges
-// ---------------------------------------------------------------------------------------------------------------
 
 // Every set and tuple of the section, "set 0: 1000+20 2000+8; set 44:", and how the walks ended.
 static std::string dump_aranges(handle &h)
@@ -112,9 +112,7 @@ TEST(Aranges, CutShort)
     EXPECT_EQ(seen, "4-byte unit_length)8-byte unit_length)version)debug_info_offset)address_size)segment_size)");
 }
 
-// ---------------------------------------------------------------------------------------------------------------
 // Units and addresses
-// ---------------------------------------------------------------------------------------------------------------
 
 static const bytes abbrev_section =
     abbrevs("1 compile_unit+; 2 compile_unit+ low_pc:addr high_pc:addr; 3 compile_unit+ low_pc:addr high_pc:data4;"
@@ -192,20 +190,10 @@ TEST(Lookup, AddressesOfAUnit)
 // The offset of the unit that covers an address, asking every unit; -1: none.
 static int64_t ask_every_unit(krv_handle_t *hp, uint64_t address, krv_lookup_flag_t flags)
 {
-    struct query {
-        uint64_t address;
-        krv_lookup_flag_t flags;
-        int64_t found;
-    } q{address, flags, -1};
-    const auto visit = [](krv_handle_t *handle, krv_ctu_t *cu, void *arg) {
-        auto *query_of = static_cast<query *>(arg);
-        if (korva_cu_contains_addr(handle, cu, query_of->address, query_of->flags) != B_TRUE)
-            return 0;
-        query_of->found = static_cast<int64_t>(cu->dcu_offset);
-        return 1;
-    };
-    korva_iter_cu(hp, KRV_SEC_INFO, visit, &q);
-    return q.found;
+    for (const korva::unit &u : korva::handle_view(hp).units())
+        if (korva_cu_contains_addr(hp, u.get(), address, flags) == B_TRUE)
+            return static_cast<int64_t>(u.get()->dcu_offset);
+    return -1;
 }
 
 static int64_t ask_index(krv_handle_t *hp, uint64_t address, krv_lookup_flag_t flags)
@@ -287,6 +275,20 @@ TEST(Lookup, UnitOfAnAddressSaysWhyNot)
                         "CORRUPT: reserved value (0xfffffff1) in 4-byte unit_length"));
 }
 
+TEST(Lookup, ASetThatNamesNoUnitIsReported)
+{
+    const std::string set = ": .debug_aranges header at offset 0x0 identifies with non-existent CU at offset 0x7.";
+    for (const auto &[flags, error] : {std::pair{KRV_LOOKUP_F_FAST, "NONE" + set},
+                                       {KRV_LOOKUP_F_NONE, "NOTFOUND" + set + " | DIE has no children"}}) {
+        handle h;
+        h.attach(KRV_SEC_ABBREV, abbrevs("1 compile_unit")).attach(KRV_SEC_INFO, unit{.dies = bytes().u8(1)}.build());
+        h.attach(KRV_SEC_ARANGES, aranges_set{.info_offset = 7}.build());
+        krv_ctu_t *cu = korva_lookup_ctu_by_start_offset(h, KRV_SEC_INFO, 0);
+        EXPECT_FALSE(korva_cu_contains_addr(h, cu, 0x400, flags));
+        EXPECT_EQ(h.error(), error);
+    }
+}
+
 TEST(Lookup, EverythingIsReadOnce)
 {
     handle h;
@@ -335,6 +337,7 @@ TEST(Lookup, UnitTable)
     }
     krv_cu_header_t header;
     ASSERT_EQ(korva_cu_get_header(h, wide, &header), 0);
+    EXPECT_TRUE(refuses(h, korva_cu_get_header(h, wide, nullptr), "INVALID"));
     EXPECT_TRUE(header.offset == first.size() && header.size == second.size() && header.dwarf64 == 1 &&
                 header.version == 4 && header.address_size == 8 && header.abbrev_offset == 0);
     EXPECT_EQ(korva_iter_cu(h, KRV_SEC_INFO, count, &seen), 5);

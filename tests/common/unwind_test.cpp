@@ -198,6 +198,10 @@ TEST(Unwind, Outcomes)
         EXPECT_EQ(good.memory.reads, reads);
         good.load(0, 0);
     }
+    const krv_gregset_t set = {}; // without a stack pointer there is no CFA, whatever it was before
+    EXPECT_EQ(korva_activation_set_regs(good.h, good.ap.get(), set, 0, nullptr), 0);
+    good.caller(3);
+    EXPECT_EQ(good.get(CURRENT, LIBRARY, KRV_REG_CFA), "NOTFOUND: register not present (0)");
 }
 
 // The expressions of a frame share a million instructions; those of a walk what its client grants.

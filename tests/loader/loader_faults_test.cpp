@@ -39,52 +39,31 @@ static bool granted(size_t)
 }
 
 // The linker leads the libraries' calls here (--wrap), as it does those for memory. libelf's own memory is not among them.
-extern "C" {
-int __real_open(const char *path, int flags, ...);
-int __real_fstat(int fd, struct stat *st);
-void *__real_mmap(void *at, size_t size, int protection, int flags, int fd, off_t offset);
-ssize_t __real_pread(int fd, void *buf, size_t count, off_t offset);
-ssize_t __real_read(int fd, void *buf, size_t count);
-DIR *__real_opendir(const char *path);
-ssize_t __real_process_vm_readv(pid_t pid, const iovec *local, unsigned long locals, const iovec *remote,
-                                unsigned long remotes, unsigned long flags);
-long __real_ptrace(int request, pid_t tid, void *address, void *data);
+#define KRV_TEST_WRAP(result, name, failed, parameters, ...)                                                           \
+    extern "C" result __real_##name parameters;                                                                        \
+    extern "C" result __wrap_##name parameters                                                                         \
+    {                                                                                                                  \
+        return call_fails() ? failed : __real_##name(__VA_ARGS__);                                                     \
+    }
 
-int __wrap_open(const char *path, int flags, ...)
-{
-    return call_fails() ? -1 : __real_open(path, flags);
-}
-int __wrap_fstat(int fd, struct stat *st)
-{
-    return call_fails() ? -1 : __real_fstat(fd, st);
-}
-void *__wrap_mmap(void *at, size_t size, int protection, int flags, int fd, off_t offset)
-{
-    return call_fails() ? MAP_FAILED : __real_mmap(at, size, protection, flags, fd, offset);
-}
-ssize_t __wrap_pread(int fd, void *buf, size_t count, off_t offset)
-{
-    return call_fails() ? -1 : __real_pread(fd, buf, count, offset);
-}
-ssize_t __wrap_read(int fd, void *buf, size_t count)
-{
-    return call_fails() ? -1 : __real_read(fd, buf, count);
-}
-DIR *__wrap_opendir(const char *path)
-{
-    return call_fails() ? nullptr : __real_opendir(path);
-}
-ssize_t __wrap_process_vm_readv(pid_t pid, const iovec *local, unsigned long locals, const iovec *remote,
-                                unsigned long remotes, unsigned long flags)
-{
-    return call_fails() ? -1 : __real_process_vm_readv(pid, local, locals, remote, remotes, flags);
-}
+KRV_TEST_WRAP(int, open, -1, (const char *path, int flags, ...), path, flags)
+KRV_TEST_WRAP(int, fstat, -1, (int fd, struct stat *st), fd, st)
+KRV_TEST_WRAP(void *, mmap, MAP_FAILED, (void *at, size_t size, int protection, int flags, int fd, off_t offset), at,
+              size, protection, flags, fd, offset)
+KRV_TEST_WRAP(ssize_t, pread, -1, (int fd, void *buf, size_t count, off_t offset), fd, buf, count, offset)
+KRV_TEST_WRAP(ssize_t, read, -1, (int fd, void *buf, size_t count), fd, buf, count)
+KRV_TEST_WRAP(DIR *, opendir, nullptr, (const char *path), path)
+KRV_TEST_WRAP(ssize_t, process_vm_readv, -1,
+              (pid_t pid, const iovec *local, unsigned long locals, const iovec *remote, unsigned long remotes,
+               unsigned long flags),
+              pid, local, locals, remote, remotes, flags)
+
 // Of the requests those that can fail while the thread lives. The others fail when it has been killed: proc_test does.
-long __wrap_ptrace(int request, pid_t tid, void *address, void *data)
+extern "C" long __real_ptrace(int request, pid_t tid, void *address, void *data);
+extern "C" long __wrap_ptrace(int request, pid_t tid, void *address, void *data)
 {
     const bool may_fail = request == PTRACE_SEIZE || request == PTRACE_GETREGSET;
     return may_fail && call_fails() ? -1 : __real_ptrace(request, tid, address, data);
-}
 }
 
 namespace

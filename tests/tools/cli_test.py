@@ -83,7 +83,7 @@ def test_gnu_layout(korva, program):
             fail(f'addr --format=gnu {flags}:\n{ours.out}but addr2line:\n{theirs}')
 
 
-def test_standard_input(korva, program):
+def test_standard_input(korva, program, folder):
     with subprocess.Popen([korva.path, 'addr', '-s', '-e', program], stdin=subprocess.PIPE, stdout=subprocess.PIPE,
                           text=True, bufsize=1) as talk:
         for name, line in (('main', MAIN), ('weigh_twice', WEIGH), ('main', MAIN)):
@@ -104,6 +104,16 @@ def test_standard_input(korva, program):
             if line[0] != before or json.loads(line[1:])['function'] != 'main':
                 fail(f'addr --format=json: {line}')
         talk.stdin.close()
+    cut = os.path.join(folder, 'cut')
+    shutil.copy(program, cut)
+    with subprocess.Popen([korva.path, 'addr', '-e', cut], stdin=subprocess.PIPE, stdout=subprocess.PIPE,
+                          stderr=subprocess.PIPE, text=True, bufsize=1) as talk:
+        talk.stdin.write('main\n')
+        talk.stdout.readline()
+        os.truncate(cut, 4096)
+        _, told = talk.communicate('weigh_twice\n')
+        if talk.returncode != 1 or 'korva: a file became shorter while it was read' not in told:
+            fail(f'addr: of a file that shrinks: status {talk.returncode}, {told}')
 
 
 def test_names(korva, folder):
@@ -313,9 +323,17 @@ def test_stack(korva, folder):
         while ') S ' not in open(f'/proc/{pid}/stat', encoding='ascii').read():  # on its way
             pass
         try:
-            korva.expect(['stack', '-p', pid, '-n', '2'], 1,
-                         r'thread \d+ \(\S+\)\n(#\d [^\n]*\n){2}     end: [^\n]*\n', r'(korva: [^\n]*\n)*')
+            korva.expect(['stack', '-p', pid, '-qsn', '2'], 0,
+                         r'thread \d+ \(sleep\), sleeping\n(#\d [^\n]*\n){2}     end: more than 2 frames\n', '')
+            korva.expect(['stack', '-p', pid, '-ran', '1'], 0, r'.*\n     rax    0x[0-9a-f]{16}  rbx .*\n#0 .*',
+                         r'korva: no frame has arguments: [^\n]*\n(korva: [^\n]*\n)?')
             korva.expect(['stack', '-p', pid, '--tid', '1'], 2, '', 'korva: no thread 1\n')
+            frame = json.loads(korva.run('stack', '-p', pid, '-q', '--format=jsonl').out)['frames'][0]
+            section = re.search(r' \.text +PROGBITS +0*([0-9a-f]+) 0*([0-9a-f]+) ', answer_of('readelf', '-SW', frame['module']))
+            if int(frame['address'], 16) - int(frame['file_offset'], 16) != int(section[1], 16) - int(section[2], 16):
+                fail(f'{frame} is not at its place in {section[0]}')
+            if f'Build ID: {frame["build_id"]}\n' not in answer_of('readelf', '-n', frame['module']):
+                fail(f'{frame} has another build-id')
         finally:
             process.kill()
     text = os.path.join(folder, 'text')
@@ -325,7 +343,9 @@ def test_stack(korva, folder):
             (['--core', korva.path], 2, f'korva: {re.escape(korva.path)}: .*core.*\n'),
             ([], 64, 'korva: .*give either -p PID or --core CORE\n.*'),
             (['-p', pid, '--core', text], 64, 'korva: .*\n'),
-            (['-p', '-3'], 64, 'korva: .*\n')):
+            (['-p', '-3'], 64, 'korva: .*\n'),
+            *((['-p', none], 64, f'korva: --pid: {none} is no number of a process or thread\nTry .*')
+              for none in ('0', 'abc', '99999999999'))):
         korva.expect(['stack', *arguments], status, '', err)
 
 
@@ -356,7 +376,7 @@ def main():
         build('g++', ['-gdwarf-4', '-O0'], ['main.cpp', 'square.cpp', 'circle.cpp'], cxx)
         test_forms_of_addresses(korva, program, cxx)
         test_gnu_layout(korva, program)
-        test_standard_input(korva, program)
+        test_standard_input(korva, program, folder)
         test_names(korva, folder)
         test_json(korva, program, folder)
         test_versions(korva, folder)

@@ -43,8 +43,7 @@ CONFIGURATIONS = {
     'gcc-object': ('gcc', ['-gdwarf-4', '-c'], ['table.c'], 'version4'),
     'clang-object-m32': ('clang', ['-gdwarf-4', '-c', '-m32'], ['table.c'], 'version4'),
     'gcc-static': ('gcc', ['-gdwarf-4', '-static', '-O2'], C, 'version4'),
-    'go-compressed': ('go', [], None, 'zlib'),
-    'go-plain': ('go', ['-ldflags=-compressdwarf=false'], None, 'version4'),
+    'go': ('go', [], None, 'zlib'),
 }
 PROOFS = {
     '32-bit': lambda facts: 'ELF32' in facts['headers'],
@@ -284,7 +283,7 @@ def compare_addresses(korva, program, tables, debug_file=None):
     read = [span for rows in tables.values() for span in sequences(rows)]
     has_line = {a for a in addresses if any(start <= a < end for start, end in read)}
 
-    for flags in (['-a'], ['-f'], ['-f', '-C'], ['-afpsC']):
+    for flags in (['-f'], ['-afpsC']):
         ours = run(korva, 'addr', '--format=gnu', '-e', program, *flags, text=text)
         theirs = answer_of('addr2line', '-e', program, *flags, text=text)
         per_answer = 1 if flags == ['-afpsC'] else 2
@@ -323,13 +322,13 @@ def compare_answer(flags, names, address, answer, other, has_line):
     if not has_line:
         expected = '??:?'
     same_place = place == expected
-    if flags == ['-a'] or ('C' in flags[-1] and RUST.search(ours[-1])):
+    if 'C' in flags[-1] and RUST.search(ours[-1]):
         same_name = True
     elif address in names.same:  # -f came first: the same symbol has the same C++ name
         same_name = ours[-1] == theirs[-1]
     else:
         same_name = 'C' in flags[-1] or names.agree(address, ours[-1], theirs[-1])
-    same_address = not flags[0].startswith('-a') or ours[0] == theirs[0]
+    same_address = flags == ['-f'] or ours[0] == theirs[0]
     if not (same_place and same_name and same_address):
         fail(f'addr {flags} {address:#x}:\n  korva: {answer}\n  addr2line: {other}')
     return place

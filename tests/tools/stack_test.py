@@ -16,7 +16,7 @@ import time
 
 from support import answer_of, build, fail, need, run, skip
 
-GDB_SCRIPT = os.path.join(os.path.dirname(os.path.abspath(__file__)), '..', 'loader', 'process', 'stacks.gdb.py')
+GDB_SCRIPT = os.path.join(os.path.dirname(os.path.abspath(__file__)), 'stacks.gdb.py')
 GDB = ('gdb', '-nx', '-batch', '-iex', 'set debuginfod enabled off', '-iex', 'set backtrace past-main on',
        '-iex', 'set backtrace past-entry on')
 
@@ -38,10 +38,12 @@ CASES = {
     'bash': (lambda targets, scratch: ['bash', '-c', 'f() { read line; }; f; f'], 1),
     'python3': (lambda targets, scratch: ['/usr/bin/python3', '-c', 'import time; time.sleep(1000)'], 1),
     'threads': (lambda targets, scratch: [f'{targets}/target_o0', 'threads', '20'], 21),
-    'static': (lambda targets, scratch: [f'{targets}/target_static', 'threads', '3'], 4),
+    'recurse': (lambda targets, scratch: [f'{targets}/target_o2', 'recurse', '1000'], 1),
     'omit-frame-pointer': (lambda targets, scratch: [f'{targets}/target_o2', 'callback'], 1),
-    'signal': (lambda targets, scratch: [f'{targets}/target_o2', 'altstack'], 1),
+    'static': (lambda targets, scratch: [f'{targets}/target_static', 'signal'], 1),
+    'no-hdr': (lambda targets, scratch: [f'{targets}/target_no_hdr', 'callback'], 1),
     'debug-frame': (lambda targets, scratch: [f'{targets}/target_debug_frame', 'threads', '5'], 6),
+    'signal': (lambda targets, scratch: [f'{targets}/target_o2', 'altstack'], 1),
     'm32': (lambda targets, scratch: build_32(scratch), 1),
 }
 

@@ -4,9 +4,10 @@
 #include "command.h"
 #include "demangle.h"
 #include "locate.h"
+#include "stacks.h"
 
-#include <libkorva-proc.h>
-
+#include <algorithm>
+#include <charconv>
 #include <memory>
 #include <optional>
 #include <unordered_map>
@@ -20,15 +21,12 @@ namespace
 struct stack_options : common_options { // file: the core
     int pid = 0;
     std::string exe;
-    unsigned int max_frames = 0;
     int tid = 0;
     bool first_only = false;
     bool demangle = false;
-    bool arguments = false;
-};
-
-struct proc_closer {
-    void operator()(krv_proc_t *proc) const { korva_proc_close(proc); }
+    bool basenames = false;
+    bool quiet = false;
+    stack_request wanted;
 };
 
 /** A module's file with what is known of its lines; empty when it cannot be opened. */
@@ -37,19 +35,11 @@ struct module_file {
     std::unique_ptr<locator> lines; // only with debugging information
 };
 
-/** One argument's bytes; nothing for a byte that is not known. */
-using argument = std::vector<std::optional<uint8_t>>;
-
-/** A frame, put into words. */
-struct frame {
-    unsigned int index;
-    uint64_t pc;
-    std::string module;   // empty when not known
-    std::string function; // empty when not known
-    uint64_t offset;      // of pc in the function
-    std::optional<korva::source> source;
-    bool is_signal_frame;
-    std::vector<argument> arguments;
+/** What a frame's address means. */
+struct frame_place {
+    std::string function{}; // empty when not known
+    uint64_t offset = 0;    // of pc in the function
+    std::optional<korva::source> source{};
 };
 
 class stack_run
@@ -60,24 +50,23 @@ public:
     int run();
 
 private:
-    static int take_frame(krv_proc_t *proc, const krv_proc_frame_t *raw, void *arg);
-
     std::vector<krv_proc_thread_t> threads();
-    void walk(const krv_proc_thread_t &thread);
+    void show(const thread_stack &stack);
     module_file &open_module(const krv_proc_module_t *module);
-    frame describe(const krv_proc_frame_t &raw);
-    std::vector<argument> arguments(const krv_proc_frame_t &raw) const;
-    void print_frame(const frame &f);
-    void print_json(const krv_proc_thread_t &thread, const krv_proc_end_t &end);
+    frame_place look_up(const stack_frame &f);
+    void print_frame(size_t index, const stack_frame &f, const frame_place &at);
+    json_value frame_record(size_t index, const stack_frame &f, const frame_place &at) const;
+    void tell_notes();
 
     const stack_options &m_options;
-    std::unique_ptr<krv_proc_t, proc_closer> m_proc;
+    std::optional<process> m_proc;
     krv_proc_info_t m_info = {};
     std::unordered_map<const krv_proc_module_t *, module_file> m_modules; // freed before the process that they are of
     answers m_out;
-    std::vector<frame> m_frames; // JSON: of the thread at hand
-    unsigned int m_walked = 0;   // threads with a frame
-    bool m_whole = true;         // every walk reached its outermost frame
+    std::optional<kept_diagnostics> m_kept; // notes on modules: for the end
+    unsigned int m_walked = 0;              // threads with a frame
+    bool m_whole = true;                    // every walk ended where it was to
+    bool m_arguments = false;               // there were some
 };
 
 } // namespace
@@ -85,6 +74,133 @@ private:
 static std::string basename_of(const std::string &path)
 {
     return path.substr(path.rfind('/') + 1); // npos + 1 is 0
+}
+
+stack_run::stack_run(const stack_options &options) : m_options(options), m_out(options.format), m_kept(std::in_place)
+{
+    auto opened = options.file.empty()
+                      ? process::attach(options.pid)
+                      : process::open_core(options.file.c_str(), options.exe.empty() ? nullptr : options.exe.c_str());
+    if (!opened)
+        throw failure(opened.error().text());
+    m_proc.emplace(std::move(*opened));
+    m_info = m_proc->info();
+    if (!m_proc->set_files(options.raw ? KRV_ELF_F_RAW : KRV_ELF_F_NONE, options.debug_dirs))
+        throw std::bad_alloc();
+}
+
+std::vector<krv_proc_thread_t> stack_run::threads()
+{
+    std::vector<krv_proc_thread_t> all = m_proc->threads();
+    if (m_options.tid != 0)
+        std::erase_if(all, [this](const krv_proc_thread_t &thread) { return thread.tid != m_options.tid; });
+    if (m_options.tid != 0 && all.empty())
+        throw failure(fmt::format("no thread {}", m_options.tid));
+    if (m_options.first_only && all.size() > 1)
+        all.resize(1);
+    return all;
+}
+
+module_file &stack_run::open_module(const krv_proc_module_t *module)
+{
+    const auto [at, fresh] = m_modules.try_emplace(module);
+    module_file &opened = at->second;
+    if (!fresh)
+        return opened;
+    const auto file = m_proc->file(*module);
+    if (!file) {
+        const bool unnamed_exe = (module->flags & KRV_PROC_MODULE_F_MAIN) != 0 && m_options.exe.empty() &&
+                                 m_info.kind == KRV_PROC_CORE && module->path[0] != '\0';
+        diagnose(file.error().text() + (unnamed_exe ? "; say with -e FILE where the executable is" : ""));
+        return opened;
+    }
+    opened.file = std::make_unique<object>(*file, module->path);
+    if (opened.file->has_debug_info())
+        opened.lines = std::make_unique<locator>(opened.file.get());
+    return opened;
+}
+
+frame_place stack_run::look_up(const stack_frame &f)
+{
+    frame_place at;
+    if (f.module == nullptr)
+        return at;
+    const module_file &opened = open_module(f.module);
+    if (opened.file == nullptr)
+        return at;
+    const uint64_t address = f.lookup_pc - f.module->bias;
+    if (opened.lines != nullptr)
+        at.source = opened.lines->find(address).source;
+    if (at.source && m_options.basenames)
+        at.source->path = basename_of(at.source->path);
+    if (const krv_elf_symbol_t *symbol = opened.file->elf().symbol(address); symbol != nullptr) {
+        at.function = function_name(symbol->name, m_options.demangle);
+        at.offset = f.pc - f.module->bias - symbol->address;
+    }
+    return at;
+}
+
+static std::string bytes_text(const argument &bytes)
+{
+    if (bytes.empty())
+        return "??";
+    std::string text;
+    for (const std::optional<uint8_t> &byte : bytes)
+        text += fmt::format("{}{}", text.empty() ? "" : " ", byte ? fmt::format("{:02x}", *byte) : "??");
+    return text;
+}
+
+void stack_run::print_frame(size_t index, const stack_frame &f, const frame_place &at)
+{
+    m_out.print("#{:<3} 0x{:0{}x}  ", index, f.pc, m_info.target == KRV_ACTIVATION_I386 ? 8 : 16);
+    if (at.function.empty())
+        m_out.write("??");
+    else
+        m_out.print("{}+0x{:x}", printable(at.function), at.offset);
+    if (at.source && !at.source->path.empty())
+        m_out.print("  {}:{}", printable(at.source->path), at.source->line);
+    if (f.module != nullptr && f.module->path[0] != '\0')
+        m_out.print("  ({}{})", printable(basename_of(f.module->path)),
+                    (f.module->flags & KRV_PROC_MODULE_F_DELETED) != 0 ? ", deleted" : "");
+    m_out.write(f.is_signal_frame ? "  <signal handler called>\n" : "\n");
+    for (size_t i = 0; i < f.arguments.size(); ++i)
+        m_out.print("       argument {}: {}\n", i + 1, bytes_text(f.arguments[i]));
+}
+
+static json_value build_id_of(const krv_proc_module_t &module)
+{
+    std::string digits;
+    for (size_t i = 0; i < module.build_id_size; ++i)
+        digits += fmt::format("{:02x}", module.build_id[i]);
+    return digits.empty() ? json_value(nullptr) : json_value(digits);
+}
+
+json_value stack_run::frame_record(size_t index, const stack_frame &f, const frame_place &at) const
+{
+    const auto known = [](const std::string &text) { return text.empty() ? json_value(nullptr) : json_value(text); };
+    json_value record = {{"index", index},
+                         {"pc", hex(f.pc)},
+                         {"lookup_pc", hex(f.lookup_pc)},
+                         {"module", f.module == nullptr ? json_value(nullptr) : known(f.module->path)},
+                         {"function", known(at.function)},
+                         {"offset", at.function.empty() ? json_value(nullptr) : json_value(at.offset)},
+                         {"file", at.source ? known(at.source->path) : json_value(nullptr)},
+                         {"line", at.source ? or_null(at.source->line) : json_value(nullptr)},
+                         {"signal_frame", f.is_signal_frame}};
+    if (f.module != nullptr) {
+        const auto offset = m_proc->file_offset(f.lookup_pc);
+        record["build_id"] = build_id_of(*f.module);
+        record["deleted"] = (f.module->flags & KRV_PROC_MODULE_F_DELETED) != 0;
+        record["address"] = hex(f.lookup_pc - f.module->bias);
+        record["file_offset"] = offset ? hex(*offset) : json_value(nullptr);
+    }
+    if (f.arguments.empty())
+        return record;
+    json_value arguments = json_value::array();
+    for (const argument &bytes : f.arguments)
+        arguments.push_back(bytes.empty() ? json_value(nullptr) : json_value(bytes_text(bytes)));
+    record["arguments"] = arguments;
+    return record;
 }
 
 static const char *end_name(int reason)
@@ -103,195 +219,88 @@ static const char *end_name(int reason)
     }
 }
 
-stack_run::stack_run(const stack_options &options) : m_options(options), m_out(options.format)
+static json_value thread_record(int pid, const thread_stack &stack, const json_value &frames)
 {
-    krv_elf_error_t error = {};
-    if (options.file.empty())
-        m_proc.reset(korva_proc_attach(options.pid, &error));
-    else
-        m_proc.reset(
-            korva_proc_open_core(options.file.c_str(), options.exe.empty() ? nullptr : options.exe.c_str(), &error));
-    if (m_proc == nullptr)
-        throw failure(error.message);
-    korva_proc_get_info(m_proc.get(), &m_info);
-}
-
-std::vector<krv_proc_thread_t> stack_run::threads()
-{
-    std::vector<krv_proc_thread_t> all;
-    korva_proc_iter_threads(
-        m_proc.get(),
-        [](krv_proc_t *, const krv_proc_thread_t *thread, void *arg) -> int {
-            static_cast<std::vector<krv_proc_thread_t> *>(arg)->push_back(*thread);
-            return 0;
-        },
-        &all);
-    if (m_options.tid != 0)
-        std::erase_if(all, [this](const krv_proc_thread_t &thread) { return thread.tid != m_options.tid; });
-    if (m_options.tid != 0 && all.empty())
-        throw failure(fmt::format("no thread {}", m_options.tid));
-    if (m_options.first_only && all.size() > 1)
-        all.resize(1);
-    return all;
-}
-
-module_file &stack_run::open_module(const krv_proc_module_t *module)
-{
-    const auto [at, fresh] = m_modules.try_emplace(module);
-    module_file &opened = at->second;
-    if (!fresh)
-        return opened;
-    krv_elf_error_t error = {};
-    krv_elf_t *elf = korva_proc_module_elf(m_proc.get(), module, &error);
-    if (elf == nullptr) {
-        diagnose(error.message);
-        return opened;
-    }
-    opened.file = std::make_unique<object>(elf_view(elf), module->path);
-    if (opened.file->has_debug_info())
-        opened.lines = std::make_unique<locator>(opened.file.get());
-    return opened;
-}
-
-std::vector<argument> stack_run::arguments(const krv_proc_frame_t &raw) const
-{
-    std::vector<argument> all;
-    unsigned int argc = 0;
-    if (raw.activation == nullptr || korva_activation_get_argc(raw.handle, raw.activation, &argc) != 0)
-        return all;
-    const uint64_t size = m_info.target == KRV_ACTIVATION_I386 ? 4 : 8;
-    for (unsigned int n = 1; n <= argc; ++n) {
-        uint8_t value[8], valid[8], in_register[8];
-        uint64_t count = 0;
-        if (korva_activation_get_argv(raw.handle, raw.activation, n, value, valid, in_register, size, &count) != 0)
-            count = 0;
-        argument bytes;
-        for (uint64_t i = 0; i < count; ++i)
-            bytes.push_back(valid[i] != 0 ? std::optional<uint8_t>(value[i]) : std::nullopt);
-        all.push_back(std::move(bytes));
-    }
-    return all;
-}
-
-frame stack_run::describe(const krv_proc_frame_t &raw)
-{
-    frame f = {.index = raw.index,
-               .pc = raw.pc,
-               .module = {},
-               .function = {},
-               .offset = 0,
-               .source = {},
-               .is_signal_frame = raw.is_signal_frame != 0,
-               .arguments = {}};
-    if (m_options.arguments)
-        f.arguments = arguments(raw);
-    if (raw.module == nullptr)
-        return f;
-    f.module = raw.module->path;
-    const module_file &opened = open_module(raw.module);
-    if (opened.file == nullptr)
-        return f;
-    const uint64_t address = raw.lookup_pc - raw.module->bias;
-    const krv_elf_symbol_t *symbol = opened.file->elf().symbol(address);
-    if (opened.lines != nullptr)
-        f.source = opened.lines->find(address).source;
-    if (symbol != nullptr) {
-        f.function = function_name(symbol->name, m_options.demangle);
-        f.offset = raw.pc - raw.module->bias - symbol->address;
-    }
-    return f;
-}
-
-static std::string bytes_text(const argument &bytes)
-{
-    if (bytes.empty())
-        return "??";
-    std::string text;
-    for (const std::optional<uint8_t> &byte : bytes)
-        text += fmt::format("{}{}", text.empty() ? "" : " ", byte ? fmt::format("{:02x}", *byte) : "??");
-    return text;
-}
-
-void stack_run::print_frame(const frame &f)
-{
-    m_out.print("#{:<3} 0x{:0{}x}  ", f.index, f.pc, m_info.target == KRV_ACTIVATION_I386 ? 8 : 16);
-    if (f.function.empty())
-        m_out.write("??");
-    else
-        m_out.print("{}+0x{:x}", printable(f.function), f.offset);
-    if (f.source && !f.source->path.empty())
-        m_out.print("  {}:{}", printable(f.source->path), f.source->line);
-    if (!f.module.empty())
-        m_out.print("  ({})", printable(basename_of(f.module)));
-    m_out.write(f.is_signal_frame ? "  <signal handler called>\n" : "\n");
-    for (size_t i = 0; i < f.arguments.size(); ++i)
-        m_out.print("       argument {}: {}\n", i + 1, bytes_text(f.arguments[i]));
-}
-
-static json_value frame_record(const frame &f)
-{
-    const auto known = [](const std::string &text) { return text.empty() ? json_value(nullptr) : json_value(text); };
-    json_value record = {{"index", f.index},
-                         {"pc", hex(f.pc)},
-                         {"module", known(f.module)},
-                         {"function", known(f.function)},
-                         {"offset", f.function.empty() ? json_value(nullptr) : json_value(f.offset)},
-                         {"file", f.source ? known(f.source->path) : json_value(nullptr)},
-                         {"line", f.source ? or_null(f.source->line) : json_value(nullptr)},
-                         {"signal_frame", f.is_signal_frame}};
-    if (f.arguments.empty())
-        return record;
-    json_value arguments = json_value::array();
-    for (const argument &bytes : f.arguments)
-        arguments.push_back(bytes.empty() ? json_value(nullptr) : json_value(bytes_text(bytes)));
-    record["arguments"] = arguments;
+    json_value record = {{"pid", pid == 0 ? json_value(nullptr) : json_value(pid)},
+                         {"tid", stack.tid},
+                         {"name", stack.name},
+                         {"state", or_null(stack.state)}};
+    for (const auto &[name, value] : stack.registers)
+        record["registers"][name] = hex(value);
+    record["frames"] = frames;
+    record["end"] = end_name(stack.end);
+    record["message"] = stack.message;
     return record;
 }
 
-void stack_run::print_json(const krv_proc_thread_t &thread, const krv_proc_end_t &end)
+void stack_run::show(const thread_stack &stack)
 {
+    m_walked += stack.frames.empty() ? 0 : 1;
+    const bool asked_for = stack.end == KRV_PROC_END_LIMIT && m_options.wanted.max_frames != 0;
+    m_whole = m_whole && (asked_for || stack.end == KRV_PROC_END_OUTERMOST);
+
     json_value frames = json_value::array();
-    for (const frame &f : m_frames)
-        frames.push_back(frame_record(f));
-    m_out.record({{"pid", m_info.pid == 0 ? json_value(nullptr) : json_value(m_info.pid)},
-                  {"tid", thread.tid},
-                  {"name", or_null(thread.name)},
-                  {"frames", frames},
-                  {"end", end_name(end.reason)},
-                  {"message", end.message}});
-}
-
-int stack_run::take_frame(krv_proc_t *, const krv_proc_frame_t *raw, void *arg)
-{
-    auto *self = static_cast<stack_run *>(arg);
-    const frame f = self->describe(*raw);
-    if (self->m_out.is_json())
-        self->m_frames.push_back(f);
-    else
-        self->print_frame(f);
-    return 0;
-}
-
-void stack_run::walk(const krv_proc_thread_t &thread)
-{
-    krv_proc_end_t end = {};
-    m_frames.clear();
-    if (!m_out.is_json())
-        m_out.print("thread {} ({})\n", thread.tid, printable(thread.name == nullptr ? "" : thread.name));
-    korva_proc_walk(m_proc.get(), thread.tid, m_options.max_frames, take_frame, this, &end);
-    m_walked += end.frames != 0 ? 1 : 0;
-    m_whole = m_whole && end.reason == KRV_PROC_END_OUTERMOST;
+    if (!m_out.is_json()) {
+        m_out.print("thread {} ({}){}{}\n", stack.tid, printable(stack.name), stack.state == nullptr ? "" : ", ",
+                    stack.state == nullptr ? "" : stack.state);
+        for (size_t i = 0; i < stack.registers.size(); ++i)
+            m_out.print("{}{:<6} 0x{:016x}{}", i % 4 == 0 ? "     " : "  ", stack.registers[i].first,
+                        stack.registers[i].second, i % 4 == 3 || i + 1 == stack.registers.size() ? "\n" : "");
+    }
+    for (size_t i = 0; i < stack.frames.size(); ++i) {
+        const stack_frame &f = stack.frames[i];
+        const frame_place at = look_up(f);
+        m_arguments = m_arguments || !f.arguments.empty();
+        if (m_out.is_json())
+            frames.push_back(frame_record(i, f, at));
+        else
+            print_frame(i, f, at);
+    }
     if (m_out.is_json())
-        print_json(thread, end);
+        m_out.record(thread_record(m_info.pid, stack, frames));
     else
-        m_out.print("     end: {}\n", printable(end.message));
+        m_out.print("     end: {}\n", printable(stack.message));
 }
 
+// What is to be said of the whole is a line each, what is to be said of modules one for all of them.
+void stack_run::tell_notes()
+{
+    std::vector<std::string> notes = m_proc->notes();
+    if (m_options.wanted.arguments && !m_arguments && m_walked != 0)
+        notes.emplace_back("no frame has arguments: compilers write none into the call-frame information, and this "
+                           "process has none there");
+    constexpr size_t MOST = 10;
+    const std::vector<std::string> kept = std::move(m_kept->texts);
+    m_kept.reset();
+    std::string of_modules;
+    for (size_t i = 0; i < std::min(MOST, kept.size()); ++i)
+        of_modules += (i == 0 ? "" : "; ") + kept[i];
+    if (kept.size() > MOST)
+        of_modules += fmt::format("; and {} more", kept.size() - MOST);
+    if (!of_modules.empty())
+        notes.push_back(of_modules);
+    for (const std::string &note : notes)
+        if (!m_options.quiet)
+            diagnose(note);
+}
+
+// A live process is let go as soon as its stacks are read: looking them up takes longer, and writing them as long as
+// their reader likes.
 int stack_run::run()
 {
-    for (const krv_proc_thread_t &thread : threads())
-        walk(thread);
+    std::vector<thread_stack> stacks;
+    for (const krv_proc_thread_t &thread : threads()) {
+        stacks.push_back(read_stack(*m_proc, thread, m_options.wanted));
+        if (m_info.kind == KRV_PROC_CORE) {
+            show(stacks.back());
+            stacks.clear();
+        }
+    }
+    m_proc->release();
+    for (const thread_stack &stack : stacks)
+        show(stack);
     m_out.finish();
+    tell_notes();
     return m_walked == 0 ? NOTHING : m_whole ? ANSWERED : PARTLY;
 }
 
@@ -302,26 +311,44 @@ static int run_stack(const stack_options &options)
     return stack_run(options).run();
 }
 
+// Says what is wrong with a process or thread id; "" when nothing is.
+static std::string check_id(const std::string &text)
+{
+    int id = 0;
+    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), id);
+    return error == std::errc() && end == text.data() + text.size() && id > 0
+               ? ""
+               : fmt::format("{} is no number of a process or thread", printable(text));
+}
+
 void add_stack(CLI::App &app, int *status)
 {
     auto options = std::make_shared<stack_options>();
     CLI::App *verb = app.add_subcommand("stack", "Shows the stacks of a process or a core file");
-    verb->add_option("-p,--pid", options->pid, "Process")->check(CLI::PositiveNumber);
+    verb->add_option("-p,--pid", options->pid, "Process")->check(check_id)->type_name("PID");
     verb->add_option("--core", options->file, "Core file");
     verb->add_option("-e,--exe", options->exe, "Executable of the core file, when it is not where it was");
-    verb->add_option("-n,--max-frames", options->max_frames, "Frames of a thread, at most (0: as many as there are)");
-    verb->add_option("--tid", options->tid, "This thread only")->check(CLI::PositiveNumber);
+    verb->add_option("-n,--max-frames", options->wanted.max_frames,
+                     "Frames of a thread, at most (0: as many as there are, up to 4096)");
+    verb->add_option("--tid", options->tid, "This thread only")->check(check_id)->type_name("TID");
     verb->add_flag("-1", options->first_only, "The first thread only: the main one, or the one that failed");
     verb->add_flag("-C,--demangle", options->demangle, "Show C++ functions by their C++ names");
-    verb->add_flag("-a,--arguments", options->arguments, "Show arguments where the call-frame information has them");
-    add_format_option(verb, options.get(),
-                      {{"text", output_format::text}, {"json", output_format::json}, {"jsonl", output_format::jsonl}});
-    verb->footer("The process is stopped meanwhile, and left as it was found. Each walk ends with its reason.\n"
-                 "Exit status: 0 every thread was walked to its outermost frame, 1 some ended early, 2 nothing.\n"
-                 "Examples:\n"
-                 "  korva stack -p 4711 -C\n"
-                 "  korva stack --core core -e ./a.out -1\n"
-                 "  korva stack -p 4711 --format=jsonl | jq '.frames[0].function'");
+    verb->add_flag("-s,--basenames", options->basenames, "Show file names without folders");
+    verb->add_flag("-a,--arguments", options->wanted.arguments,
+                   "Show arguments where the call-frame information has them");
+    verb->add_flag("-r,--registers", options->wanted.registers, "Show the registers of each thread");
+    verb->add_flag("-q,--quiet", options->quiet, "Leave out the notes on what could not be read");
+    add_common_options(verb, options.get(),
+                       {{"text", output_format::text}, {"json", output_format::json}, {"jsonl", output_format::jsonl}});
+    verb->footer(
+        "A process is stopped while its stacks are read, not while they are looked up and printed, and left as\n"
+        "it was found. Each walk ends with its reason. Names may hold spaces: JSON is the form to parse.\n"
+        "Exit status: 0 every thread was walked to its outermost frame or as far as -n says, 1 some ended\n"
+        "early, 2 nothing.\n"
+        "Examples:\n"
+        "  korva stack -p 4711 -C\n"
+        "  korva stack --core core -e ./a.out -1\n"
+        "  korva stack -p 4711 --format=jsonl | jq '.frames[0].function'");
     verb->callback([options, status] { *status = run_stack(*options); });
 }
 

@@ -4,6 +4,8 @@
 // what ends a verb early into diagnostics and exit statuses.
 #include "command.h"
 
+#include "libkorva-elf.h"
+
 #include <algorithm>
 #include <csignal>
 #include <exception>
@@ -136,6 +138,25 @@ static void occupy_streams()
             (void)open("/dev/null", O_RDONLY | O_CLOEXEC); // the lowest number that is free
 }
 
+static volatile std::sig_atomic_t file_was_cut;
+
+// A file that becomes shorter while it is read costs the answers that stood in what is missing, not the program.
+static void on_bus_error(int number, siginfo_t *info, void *)
+{
+    if (korva_elf_handle_bus_error(info->si_addr) != 0)
+        file_was_cut = 1;
+    else
+        std::signal(number, SIG_DFL);
+}
+
+static void handle_bus_errors()
+{
+    struct sigaction action = {};
+    action.sa_sigaction = on_bus_error;
+    action.sa_flags = SA_SIGINFO;
+    sigaction(SIGBUS, &action, nullptr);
+}
+
 } // namespace korva::program
 
 int main(int argc, char **argv)
@@ -143,8 +164,13 @@ int main(int argc, char **argv)
     using namespace korva::program;
     occupy_streams();
     std::signal(SIGPIPE, SIG_IGN); // a closed standard output is noticed as a failed write
+    handle_bus_errors();
     try {
-        return run(argc, argv);
+        const int status = run(argc, argv);
+        if (file_was_cut == 0)
+            return status;
+        diagnose("a file became shorter while it was read; nothing is known of what is missing");
+        return status == ANSWERED ? PARTLY : status;
     } catch (const broken_pipe &) {
         return ANSWERED;
     } catch (const failure &f) {

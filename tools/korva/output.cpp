@@ -15,11 +15,27 @@ void write_error(std::string_view text) noexcept
     std::fwrite(text.data(), 1, text.size(), stderr);
 }
 
+static kept_diagnostics *s_keeper = nullptr;
+
+kept_diagnostics::kept_diagnostics()
+{
+    s_keeper = this;
+}
+
+kept_diagnostics::~kept_diagnostics()
+{
+    s_keeper = nullptr;
+}
+
 void diagnose(std::string_view text) noexcept
 {
-    std::fflush(stdout); // should that fail, the next write says so
-    progress::erase();
     try {
+        if (s_keeper != nullptr) {
+            s_keeper->texts.emplace_back(text);
+            return;
+        }
+        std::fflush(stdout); // should that fail, the next write says so
+        progress::erase();
         write_error(fmt::format("korva: {}\n", printable(text)));
     } catch (const std::exception &) {
         write_error("korva: out of memory\n");

@@ -12,6 +12,7 @@
 #include <stdexcept>
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace korva::program
 {
@@ -43,6 +44,18 @@ void diagnose(std::string_view text) noexcept;
 
 /** Writes to standard error, as far as that can be written. */
 void write_error(std::string_view text) noexcept;
+
+/** While it lives, diagnostics are kept in it, in place of being printed. One at a time. */
+class kept_diagnostics
+{
+public:
+    kept_diagnostics();
+    ~kept_diagnostics();
+    kept_diagnostics(const kept_diagnostics &) = delete;
+    kept_diagnostics &operator=(const kept_diagnostics &) = delete;
+
+    std::vector<std::string> texts{};
+};
 
 /** @p text without what would break a line or drive a terminal: control characters become \xNN, all others stay. */
 std::string printable(std::string_view text);

@@ -84,8 +84,8 @@ TEST_F(Loader, NoSource)
                   text("%s: no line is known for 0x%llx; unit at offset 0x0 of .debug_info is DWARF 5, and "
                        "libkorva reads DWARF 2 to 4; compile with -gdwarf-4",
                        (dir / "a").c_str(), static_cast<unsigned long long>(address)));
-        EXPECT_STREQ(source.function == nullptr ? "" : source.function, function);
-        EXPECT_TRUE(source.file == nullptr && source.line == 0 && source.column == 0);
+        EXPECT_EQ(text("%s %s:%u:%u", source.function, source.file, source.line, source.column),
+                  std::string(function) + " :0:0");
     }
 }
 

@@ -69,11 +69,14 @@ TEST_F(Passes, DropDeadSequences)
          "def b.c 0 0 0 at 0 line 5 copy def c.c 0 0 0 pc 300 end at 401000 file 3 line 9 copy pc 32 "
          "end at 401020 line 19 copy pc 32 end",
          "10 20 ", dropped(1, 3)},
+        {"an advance of fixed size leads to the code",
+         "at 400000 fixed 4096 line 9 copy pc 32 end at 401020 line 19 copy pc 32 end", "10 20 ", ""},
         {"what the core does not know is left to it", "at 0 copy pc 4 end ext 99 " + live, "0 0 ", dropped(1, 1)},
     };
     for (const auto &row : rows) {
         SCOPED_TRACE(row.what);
-        const elf_ptr elf = link(with_lines(line_unit{.program = program(row.program)}.build()));
+        const uint16_t version = 2 + (&row - rows) % 3;
+        const elf_ptr elf = link(with_lines(line_unit{.version = version, .program = program(row.program)}.build()));
         ASSERT_NE(elf, nullptr) << error.message;
         EXPECT_EQ(units_at(elf.get(), {FIRST, SECOND}), row.lines);
         EXPECT_EQ(notes(elf.get()), row.notes);
@@ -145,16 +148,18 @@ TEST_F(Passes, CorrectFormsAndNumbers)
         {"a reference into another unit", "1 compile_unit import:0x10 name:string", bytes().uleb(1).u32(7),
          "0:v4+20a.c ",
          "+ 1 attribute of the abbreviation table at offset 0x0 leads elsewhere (DW_FORM_ref_addr) and is shown as a "
-         "plain "
-         "number\n"},
+         "plain number\n"},
         {"a reference into an alternate file", "1 compile_unit import:0x1f20 name:string", bytes().uleb(1).u32(7),
          "0:v4+20a.c ",
          "+ 1 attribute of the abbreviation table at offset 0x0 leads elsewhere (DW_FORM_GNU_ref_alt) and is shown as "
-         "a "
-         "plain number\n"},
+         "a plain number\n"},
         {"a string of an alternate file", "1 compile_unit producer:0x1f21 name:string", bytes().uleb(1).u32(7),
          "0:v4+20a.c ", "1 strings stand in an alternate file, which was not found\n"},
         {"the highest number", "1 compile_unit const_value:sdata name:string", bytes().uleb(1) + max, "0:v4+26a.c ",
+         "+ 1 number of 10 bytes in the unit at offset 0x0 is shown as block\n"},
+        {"one behind what has no bytes, and elsewhere",
+         "1 compile_unit external:flag_present producer:string const_value:sdata name:string",
+         bytes().uleb(1).cstr("1234567") + max, "0:v4+34a.c ",
          "+ 1 number of 10 bytes in the unit at offset 0x0 is shown as block\n"},
         {"two of them", "300 compile_unit const_value:sdata bit_size:sdata name:string", bytes().uleb(300) + max + max,
          "0:v4+37a.c ", "+ 2 numbers of 10 bytes in the unit at offset 0x0 are shown as blocks\n"},

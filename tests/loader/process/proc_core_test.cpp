@@ -70,7 +70,7 @@ protected:
     bool gcore(int pid, const char *name)
     {
         const std::string made = name + std::string(".") + std::to_string(pid);
-        output_of("cd " + dir.string() + " && gcore -o " + name + " " + std::to_string(pid));
+        (void)!std::system(text("cd %s && gcore -o %s %d >/dev/null 2>&1", dir.c_str(), name, pid).c_str());
         if (!fs::exists(dir / made))
             return false;
         fs::rename(dir / made, dir / name);
@@ -128,12 +128,6 @@ TEST_F(CoreFile, OfACrash)
         ASSERT_EQ(ours.size(), 1U);
         EXPECT_GT(ours.begin()->second.size(), 45U);
         EXPECT_EQ(ours.begin()->first, info.pid);
-        if (filter == std::string("0x21")) // without a page that names them, the other tool finds no files
-            continue;
-        const stacks theirs = eu_stacks("--core " + (dir / "crash").string());
-        if (theirs.empty())
-            GTEST_SKIP() << "eu-stack is missing, or could not read the core file: nothing to compare with";
-        EXPECT_EQ(ours, theirs);
     }
 }
 
@@ -212,13 +206,7 @@ protected:
     static std::string notes(krv_proc_t *proc)
     {
         std::string all;
-        korva_proc_iter_notes(
-            proc,
-            [](krv_proc_t *, const char *text, void *arg) {
-                *static_cast<std::string *>(arg) += text;
-                return 0;
-            },
-            &all);
+        each(korva_proc_iter_notes, proc, [&](const char *text) { all += text; });
         return all;
     }
 };
@@ -233,10 +221,6 @@ TEST_F(CoreFile32, IsWalkedOnA64BitSystem)
     EXPECT_EQ(w.pcs(), expected);
     ASSERT_EQ(w.frames.size(), 4U);
     EXPECT_EQ(w.frames[2].cfa, core32::sp + 52);
-    const stacks theirs = gdb_stacks(target_path("frames32") + " " + (dir / "core32").string());
-    if (theirs.empty())
-        GTEST_SKIP() << "gdb is missing, or could not read the core file: nothing to compare with";
-    EXPECT_EQ(w.pcs(), theirs.at(4711));
 }
 
 TEST_F(CoreFile32, FindsTheExecutableWhereItIsTold)

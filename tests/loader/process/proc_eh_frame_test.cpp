@@ -56,8 +56,8 @@ struct view_case {
     const char *letters;
     bytes data; // augmentation data of the CIE
     uint64_t code_align = 1;
-    bytes fde = {};      // augmentation data, then instructions
-    bool refused = true; // by the core as it stands
+    bytes lsda = {}, rows = {}; // of the FDE
+    bool refused = true;        // by the core as it stands
     bool signal = false;
     uint8_t version = 1;
 };
@@ -65,20 +65,21 @@ struct view_case {
 // CIE: CFA is %rsp + 8, the return address below it. FDE: addresses are absolute, 8 bytes.
 bytes build(const view_case &c)
 {
-    bytes cie, fde;
-    cie.u32(0).u8(c.version).cstr(c.letters).uleb(c.code_align).sleb(-8).uleb(16);
-    if (*c.letters != '\0')
-        cie.uleb(c.data.size()).add(c.data);
-    cie.add(op(DW_CFA_def_cfa).uleb(7).uleb(8)).add(op(DW_CFA_offset, 16).uleb(1)).align(4);
-    const bytes first = bytes().block(4, cie);
-    fde.u32(first.size() + 4)
-        .u64(CODE)
-        .u64(CODE_SIZE)
-        .add(c.fde.size() != 0    ? c.fde
-             : *c.letters != '\0' ? bytes().uleb(0)
-                                  : bytes())
-        .align(4);
-    return first + bytes().block(4, fde) + bytes().u32(0);
+    const bool augmented = *c.letters != '\0';
+    const bytes first = eh_cie{.version = c.version,
+                               .augmentation = c.letters,
+                               .code_align = c.code_align,
+                               .data = c.data,
+                               .instructions = op(DW_CFA_def_cfa).uleb(7).uleb(8).add(op(DW_CFA_offset, 16).uleb(1))}
+                            .build();
+    const eh_fde second{.cie = EH_FRAME,
+                        .address = CODE,
+                        .range = CODE_SIZE,
+                        .encoding = DW_EH_PE_udata8,
+                        .data = c.lsda,
+                        .augmented = augmented,
+                        .instructions = c.rows};
+    return first + second.build(EH_FRAME + first.size()) + bytes().u32(0);
 }
 
 // The caller's stack pointer, or the error, of a frame at CODE + 0x40.
@@ -103,8 +104,6 @@ TEST(EhFrameView, ShowsWhatTheCoreReads)
     const bytes lsda = bytes().u8(0x1b), absolute = bytes().u8(0);
     // A landing pad's function: push 8 bytes for a call, pop them; the sizes in one byte and in three.
     const bytes pushes = bytes()
-                             .uleb(4)
-                             .u32(0x77)
                              .add(op(DW_CFA_advance_loc, 4))
                              .add(op(DW_CFA_def_cfa_offset).uleb(16))
                              .add(op(0x2e).uleb(8))
@@ -132,7 +131,8 @@ TEST(EhFrameView, ShowsWhatTheCoreReads)
         EXPECT_EQ(m.view.signal_frame(CODE + CODE_SIZE - 1), c.signal) << c.letters;
         EXPECT_FALSE(m.view.signal_frame(CODE + CODE_SIZE));
     }
-    target_memory m(build({.letters = "zPLR", .data = direct + lsda + absolute, .fde = pushes}));
+    target_memory m(
+        build({.letters = "zPLR", .data = direct + lsda + absolute, .lsda = bytes().u32(0x77), .rows = pushes}));
     EXPECT_NE(caller_sp(m, false).find("unknown instruction 0x2e"), std::string::npos) << caller_sp(m, false);
     EXPECT_EQ(caller_sp(m, true), "7018");
 }

@@ -1,16 +1,13 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "process.h"
 
-#include <array>
 #include <cerrno>
 #include <csignal>
-#include <cstdio>
 #include <cstring>
 #include <fcntl.h>
 #include <filesystem>
 #include <fstream>
 #include <poll.h>
-#include <sstream>
 #include <sys/prctl.h>
 #include <sys/ptrace.h>
 #include <sys/wait.h>
@@ -61,23 +58,6 @@ int keep_pc(krv_proc_t *, const krv_proc_frame_t *frame, void *arg)
     w->frames.back().activation = nullptr;
     w->frames.back().handle = nullptr;
     return 0;
-}
-
-// "TID 12:" and "#0  0x00007f..." lines, of both tools.
-stacks parse_stacks(const std::string &text)
-{
-    stacks all;
-    std::istringstream lines(text);
-    int tid = 0;
-    for (std::string line; std::getline(lines, line);) {
-        unsigned index = 0;
-        unsigned long long pc = 0;
-        if (std::sscanf(line.c_str(), "TID %d", &tid) == 1)
-            all[tid];
-        else if (std::sscanf(line.c_str(), "#%u %llx", &index, &pc) == 2)
-            all[tid].push_back(pc);
-    }
-    return all;
 }
 
 } // namespace
@@ -147,30 +127,6 @@ bool may_trace(std::string *why)
     kill(child, SIGKILL);
     waitpid(child, nullptr, 0);
     return seized;
-}
-
-std::string output_of(const std::string &command)
-{
-    std::string text;
-    FILE *pipe = popen((command + " 2>/dev/null").c_str(), "r");
-    std::array<char, 4096> piece;
-    for (size_t got = 0; pipe != nullptr && (got = fread(piece.data(), 1, piece.size(), pipe)) != 0;)
-        text.append(piece.data(), got);
-    if (pipe != nullptr)
-        pclose(pipe); // some succeed with status 1
-    return text;
-}
-
-stacks eu_stacks(const std::string &arguments)
-{
-    return parse_stacks(output_of("eu-stack -n 0 " + arguments));
-}
-
-stacks gdb_stacks(const std::string &arguments)
-{
-    return parse_stacks(output_of("gdb -nx -batch -iex 'set debuginfod enabled off' -iex 'set backtrace past-main on' "
-                                  "-iex 'set backtrace past-entry on' -x '" KORVA_TEST_SOURCES "/stacks.gdb.py' " +
-                                  arguments));
 }
 
 walked walk_thread(krv_proc_t *proc, int tid, unsigned int max_frames)

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Programs to look at, and what other tools say of their stacks.
+// Programs to look at, and walks of their threads.
 #ifndef KRV_TEST_PROCESS_H
 #define KRV_TEST_PROCESS_H
 
@@ -55,15 +55,6 @@ char state_of(int id);
 // Whether this system lets us trace a child. Says why when it does not.
 bool may_trace(std::string *why);
 
-// What a command writes on standard output, as far as it comes.
-std::string output_of(const std::string &command);
-
-// What eu-stack says, of "-p PID" or "--core FILE -e FILE"; empty when it is not there or fails.
-stacks eu_stacks(const std::string &arguments);
-// What gdb says, of "-p PID" or "EXE CORE"; likewise.
-stacks gdb_stacks(const std::string &arguments);
-
-// What we say.
 stacks our_stacks(krv_proc_t *proc);
 
 // A walk of one thread.
@@ -74,6 +65,26 @@ struct walked {
     std::vector<uint64_t> pcs() const;
 };
 walked walk_thread(krv_proc_t *proc, int tid, unsigned int max_frames = 0);
+
+class Process : public testing::Test
+{
+protected:
+    void SetUp() override
+    {
+        std::string why;
+        if (!may_trace(&why))
+            GTEST_SKIP() << why;
+    }
+
+    proc_ptr attach(int pid)
+    {
+        proc_ptr proc(korva_proc_attach(pid, &error));
+        EXPECT_NE(proc, nullptr) << error.message;
+        return proc;
+    }
+
+    krv_elf_error_t error = {};
+};
 
 } // namespace krv_test
 

@@ -1,0 +1,19 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// The units of a handle: the table in section order and the hash from start offset to unit, both built on first use and
+// kept until the handle is freed.
+#ifndef KRV_UNITS_H
+#define KRV_UNITS_H
+
+#include "krv_types.h"
+
+// Builds the unit table and the hash unless they are there. A unit that cannot be read ends the table; its messages
+// stay. 0, or -1 also when there is no unit at all.
+int krv_lookup_build_cu_caches(krv_handle_t *hp);
+void krv_lookup_destroy_cu_caches(krv_handle_t *hp);
+
+// Comes before a section is replaced. What was read of it stays as it was: abbreviation tables that were only checked are
+// parsed, and strings that lie in it are kept. 0, or -1 with KRV_ERR_NOMEM. Clears the error state otherwise.
+int krv_units_keep_section(krv_handle_t *hp, krv_secidx_t sec);
+
+#endif

@@ -1,0 +1,120 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "stacks.h"
+
+#include "visitor.h"
+
+namespace korva::program
+{
+
+static const char *state_name(int letter)
+{
+    switch (letter) {
+    case 'R':
+        return "running";
+    case 'S':
+        return "sleeping";
+    case 'D':
+        return "in uninterruptible sleep";
+    case 'T':
+        return "stopped";
+    case 't':
+        return "traced";
+    case 'I':
+        return "idle";
+    default:
+        return nullptr;
+    }
+}
+
+static std::vector<std::pair<const char *, uint64_t>> read_registers(const process &proc,
+                                                                     const krv_proc_thread_t &thread)
+{
+    static constexpr struct {
+        unsigned int host;
+        const char *amd64;
+        const char *i386; // NULL: not there
+    } names[] = {
+        {KRV_HOST_RAX, "rax", "eax"},
+        {KRV_HOST_RBX, "rbx", "ebx"},
+        {KRV_HOST_RCX, "rcx", "ecx"},
+        {KRV_HOST_RDX, "rdx", "edx"},
+        {KRV_HOST_RSI, "rsi", "esi"},
+        {KRV_HOST_RDI, "rdi", "edi"},
+        {KRV_HOST_RBP, "rbp", "ebp"},
+        {KRV_HOST_RSP, "rsp", "esp"},
+        {KRV_HOST_R8, "r8", nullptr},
+        {KRV_HOST_R9, "r9", nullptr},
+        {KRV_HOST_R10, "r10", nullptr},
+        {KRV_HOST_R11, "r11", nullptr},
+        {KRV_HOST_R12, "r12", nullptr},
+        {KRV_HOST_R13, "r13", nullptr},
+        {KRV_HOST_R14, "r14", nullptr},
+        {KRV_HOST_R15, "r15", nullptr},
+        {KRV_HOST_RIP, "rip", "eip"},
+        {KRV_HOST_RFLAGS, "rflags", "eflags"},
+        {KRV_HOST_CS, "cs", "cs"},
+        {KRV_HOST_SS, "ss", "ss"},
+        {KRV_HOST_DS, "ds", "ds"},
+        {KRV_HOST_ES, "es", "es"},
+        {KRV_HOST_FS, "fs", "fs"},
+        {KRV_HOST_GS, "gs", "gs"},
+        {KRV_HOST_FSBASE, "fsbase", nullptr},
+        {KRV_HOST_GSBASE, "gsbase", nullptr},
+    };
+    std::vector<std::pair<const char *, uint64_t>> all;
+    const auto known = proc.regs(thread.tid);
+    if (!known) // the walk says why
+        return all;
+    for (const auto &row : names) {
+        const char *name = thread.target == KRV_ACTIVATION_I386 ? row.i386 : row.amd64;
+        if (const auto value = known->get(row.host); value && name != nullptr)
+            all.emplace_back(name, *value);
+    }
+    return all;
+}
+
+static std::vector<argument> read_arguments(const krv_proc_frame_t &frame, krv_activation_type_t target)
+{
+    std::vector<argument> all;
+    unsigned int argc = 0;
+    if (frame.activation == nullptr || korva_activation_get_argc(frame.handle, frame.activation, &argc) != 0)
+        return all;
+    const uint64_t size = target == KRV_ACTIVATION_I386 ? 4 : 8;
+    for (unsigned int n = 1; n <= argc; ++n) {
+        uint8_t value[8], valid[8], in_register[8];
+        uint64_t count = 0;
+        if (korva_activation_get_argv(frame.handle, frame.activation, n, value, valid, in_register, size, &count) != 0)
+            count = 0;
+        argument bytes;
+        for (uint64_t i = 0; i < count; ++i)
+            bytes.push_back(valid[i] != 0 ? std::optional<uint8_t>(value[i]) : std::nullopt);
+        all.push_back(std::move(bytes));
+    }
+    return all;
+}
+
+thread_stack read_stack(const process &proc, const krv_proc_thread_t &thread, const stack_request &wanted)
+{
+    thread_stack stack = {
+        .tid = thread.tid,
+        .name = thread.name == nullptr ? "" : thread.name,
+        .state = state_name(proc.state(thread.tid)),
+    };
+    if (wanted.registers)
+        stack.registers = read_registers(proc, thread);
+    visitor take([&](const krv_proc_frame_t &frame) {
+        stack.frames.push_back(
+            {.pc = frame.pc,
+             .lookup_pc = frame.lookup_pc,
+             .module = frame.module,
+             .is_signal_frame = frame.is_signal_frame != 0,
+             .arguments = wanted.arguments ? read_arguments(frame, thread.target) : std::vector<argument>()});
+    });
+    const krv_proc_end_t end = proc.walk(thread.tid, take, wanted.max_frames);
+    take.rethrow();
+    stack.end = end.reason;
+    stack.message = end.message;
+    return stack;
+}
+
+} // namespace korva::program

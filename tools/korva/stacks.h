@@ -1,0 +1,49 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// What is read of a process while it stands still: threads, frames, registers, arguments. Nothing is looked up yet, so
+// that it may run on.
+#pragma once
+
+#include <korva.hpp>
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace korva::program
+{
+
+/** One argument's bytes; nothing for a byte that is not known. */
+using argument = std::vector<std::optional<uint8_t>>;
+
+struct stack_frame {
+    uint64_t pc;
+    uint64_t lookup_pc;
+    const krv_proc_module_t *module; /**< NULL when it is in none */
+    bool is_signal_frame;
+    std::vector<argument> arguments;
+};
+
+/** A thread with its frames, the innermost first. */
+struct thread_stack {
+    int tid;
+    std::string name;
+    const char *state;                                          /**< "running"; NULL when not known */
+    std::vector<std::pair<const char *, uint64_t>> registers{}; /**< as the thread has them, by name */
+    std::vector<stack_frame> frames{};
+    int end = 0; /**< KRV_PROC_END_* */
+    std::string message{};
+};
+
+struct stack_request {
+    unsigned int max_frames = 0; /**< 0: as many as the library walks */
+    bool arguments = false;
+    bool registers = false;
+};
+
+/** Walks a thread. A failure is the end of its frames. */
+thread_stack read_stack(const process &proc, const krv_proc_thread_t &thread, const stack_request &wanted);
+
+} // namespace korva::program
