@@ -54,12 +54,14 @@ int krv_decode_form(krv_fd_t *fdp, krv_form_t form, const krv_encoding_t &encodi
                     size_t size, size_t *sizep);
 
 // Widths of the numbers of each form that always have the same; 0 of the other forms.
-constexpr auto krv_number_widths = [] {
+consteval std::array<uint8_t, krv_form_table.size()> krv_make_number_widths()
+{
     std::array<uint8_t, krv_form_table.size()> widths{};
     for (size_t form = 0; form < widths.size(); ++form)
         widths[form] = krv_form_table[form].family == krv_family_t::number ? krv_form_table[form].width : 0;
     return widths;
-}();
+}
+constexpr auto krv_number_widths = krv_make_number_widths();
 
 inline size_t krv_number_width(krv_form_t form, const krv_encoding_t &encoding)
 {

@@ -260,13 +260,12 @@ int korva_fd_cpy(krv_fd_t *dst, krv_fd_t *src, size_t count)
         return read_too_long(hp, count, src);
     if (count > dst->sfd_remaining)
         return write_too_long(hp, "write", count, dst);
-    // The two extents may overlap, when both cursors look at one buffer.
-    uint8_t *to = dst->sfd_u.buf == nullptr ? nullptr : dst->sfd_u.buf + dst->sfd_offset;
     if (krv_fd_is_cb(src)) {
+        uint8_t *to = dst->sfd_u.buf == nullptr ? nullptr : dst->sfd_u.buf + dst->sfd_offset;
         if (src->sfd_u.cb.func(src->sfd_u.cb.arg, to, count, src->sfd_offset) == -1)
             return krv_fail(hp, KRV_ERR_IO, "read callback failed");
-    } else if (count != 0) {
-        std::memmove(to, src->sfd_u.buf + src->sfd_offset, count);
+    } else if (count != 0) { // the two extents may overlap, when both cursors look at one buffer
+        std::memmove(dst->sfd_u.buf + dst->sfd_offset, src->sfd_u.buf + src->sfd_offset, count);
     }
     krv_fd_advance(dst, count);
     if (src != dst)

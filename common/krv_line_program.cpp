@@ -407,7 +407,11 @@ static int execute(careful *m, krv_iter_lne_f *func, void *arg)
         const uint64_t offset = m->fd.sfd_offset;
         m->opcode = 0;
         m->nvalues = 0;
-        if (krv_decode(&m->fd, DW_FORM_data1, &m->opcode) != 0 || !execute_opcode(*m, m->opcode))
+        if (krv_decode(&m->fd, DW_FORM_data1, &m->opcode) != 0) {
+            m->opcode = 0; // a call-back that came up short may have stored a byte all the same
+            return opcode_failed(m);
+        }
+        if (!execute_opcode(*m, m->opcode))
             return opcode_failed(m);
         if (func == nullptr)
             continue;

@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "krv_units.h"
 
-#include "krv_build.h"
 #include "krv_abbrev.h"
+#include "krv_build.h"
 #include "krv_error.h"
 #include "krv_fd.h"
 #include "krv_hash.h"

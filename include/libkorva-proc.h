@@ -288,6 +288,9 @@ typedef struct krv_proc_end {
  * commonest case. Its caller is then the address at the top of the stack, where that is in the code of a module, and
  * the end's message says that this was assumed.
  *
+ * The expressions of call-frame information execute at most a million instructions in a walk, and a thousand more for
+ * each of its frames; a frame that needs more ends it with KRV_PROC_END_ERROR.
+ *
  * For KRV_PROC_SELF @p tid is 0 or the calling thread; the first frame is then the caller of this function.
  *
  * Returns 0, the visitor's non-zero result, or -1 with reason KRV_PROC_END_ERROR, of a walk that could not begin as

@@ -29,9 +29,10 @@
  *     messages speak of the last call. A successful call may leave messages of steps that it recovered from; only a
  *     failure value means failure.
  *  3. Ownership. Buffers, call-back arguments and cursors that a client hands over stay the client's and must
- *     outlive their use. Records handed out (units, entries, line headers, rows, files, matrices) belong to the
- *     handle and live until it is freed; never free them. What a client allocates against a handle (cursors,
- *     stacks, activations) it frees itself, before the handle.
+ *     outlive their use; the bytes of a section in memory are in use, and must stay as they are, until the handle is
+ *     freed or the section is replaced: units point to strings in them. Records handed out (units, entries, line
+ *     headers, rows, files, matrices) belong to the handle and live until it is freed; never free them. What a client
+ *     allocates against a handle (cursors, stacks, activations) it frees itself, before the handle.
  *  4. Threads. A handle serves one querying thread at a time: its section cursors have one position each, and its
  *     error state is one. korva_handle_hold and korva_handle_release may be called from any thread. Different
  *     handles are independent, also when they share the bytes of their sections. Records handed out are read-only

@@ -26,7 +26,8 @@ void krv_proc::refresh()
 {
     from->refresh();
     module_list fresh(*from);
-    for (std::unique_ptr<loaded_module> &gone : fresh.keep(std::move(modules)))
+    auto left = fresh.keep(std::move(modules));
+    for (std::unique_ptr<loaded_module> &gone : left)
         retired.push_back(std::move(gone));
     modules = std::move(fresh);
 }

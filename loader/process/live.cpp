@@ -111,7 +111,12 @@ public:
         return stopped->registers(tid, &runs);
     }
 
-    memory &changing_bytes() override { return stopped == nullptr ? raw : bytes(); }
+    memory &changing_bytes() override
+    {
+        if (stopped == nullptr)
+            return raw;
+        return bytes();
+    }
     void release() override { stopped = nullptr; }
 
 private:

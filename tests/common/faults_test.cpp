@@ -160,7 +160,7 @@ TEST(Faults, CallBacksThatAsk)
     read_fault = fault::fails;
     for (const scenario &s : scenarios())
         for (const bool by_message : {false, true})
-            for (unsigned n = 1, met = 1; met != 0; ++n) {
+            for (unsigned n = 1, met = 1; met != 0; n += n < 60 ? 1 : 7) { // the later reads are of one kind
                 SCOPED_TRACE(text("%s, read %u%s", s.name, n, by_message ? ", by message" : ""));
                 const session data = s.make();
                 handle h;
