@@ -29,14 +29,30 @@ static int print_matrix(krv_handle_t *hp, krv_lnp_t *matrix)
     return rc;
 }
 
+/* What the loader could not present: the reason of an answer that is not there. */
+static int print_refused(krv_elf_t *elf, const krv_elf_note_t *note, void *arg)
+{
+    (void)elf;
+    (void)arg;
+    if (note->refused)
+        fprintf(stderr, "%s\n", note->text);
+    return 0;
+}
+
+/* What is asked of the units. */
+struct request {
+    const char *name; /* of the unit that is wanted, or NULL */
+    int tables;       /* printed */
+};
+
 static int visit(krv_handle_t *hp, krv_ctu_t *unit, void *arg)
 {
-    const char *wanted = arg;
+    struct request *request = arg;
     char name[1024] = "";
     krv_die_t *die = NULL;
     if (korva_get_cu_cudie(hp, unit, &die) == 0)
         korva_get_die_at_name(hp, die, name, sizeof(name)); /* a unit need not have one */
-    if (wanted != NULL && strcmp(name, wanted) != 0)
+    if (request->name != NULL && strcmp(name, request->name) != 0)
         return 0;
 
     krv_lnph_t *header = korva_line_get_cu_lnph(hp, unit);
@@ -44,6 +60,7 @@ static int visit(krv_handle_t *hp, krv_ctu_t *unit, void *arg)
         return 0; /* a unit without line numbers */
     krv_lnp_t *matrix = NULL;
     printf("%s\n", name);
+    ++request->tables;
     if (header == NULL || korva_get_fields(hp, KRV_STRUCT_LNPH, header, 1, KRV_FIELD_LNPH_LNP, &matrix) != 0)
         return -1;
     return print_matrix(hp, matrix);
@@ -60,7 +77,8 @@ int main(int argc, char **argv)
         return 1;
     }
     krv_handle_t *hp = korva_elf_get_handle(elf);
-    int rc = korva_iter_cu(hp, KRV_SEC_INFO, visit, argv[2]); /* NULL: every unit */
+    struct request request = {argv[2], 0};
+    int rc = korva_iter_cu(hp, KRV_SEC_INFO, visit, &request);
     if (rc != 0) {
         unsigned int count = 0;
         char **messages = korva_handle_get_errmsgs(hp, &count);
@@ -68,6 +86,8 @@ int main(int argc, char **argv)
         for (unsigned int i = 0; i < count; ++i)
             fprintf(stderr, "  %s\n", messages[i]); /* cause first */
     }
+    if (request.tables == 0)
+        korva_elf_iter_notes(elf, print_refused, NULL);
     korva_elf_close(elf);
     return rc != 0;
 }

@@ -28,5 +28,7 @@ int main(int argc, char **argv)
             std::printf("0x%llx %u%s\n", static_cast<unsigned long long>(row.address), row.line,
                         row.end_sequence ? " end" : "");
     }
+    for (const std::string &reason : elf->refusal())
+        std::fprintf(stderr, "%s\n", reason.c_str());
     return 0;
 }

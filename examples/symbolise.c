@@ -5,7 +5,17 @@
 #include <stdio.h>
 #include <stdlib.h>
 
-static void print_source(krv_handle_t *hp, uint64_t address, const krv_elf_symbol_t *function)
+/* What the loader could not present: the reason of an answer that is not there. */
+static int print_refused(krv_elf_t *elf, const krv_elf_note_t *note, void *arg)
+{
+    (void)elf;
+    (void)arg;
+    if (note->refused)
+        fprintf(stderr, "%s\n", note->text);
+    return 0;
+}
+
+static int print_source(krv_handle_t *hp, uint64_t address, const krv_elf_symbol_t *function)
 {
     krv_ctu_t *unit = korva_lookup_ctu_by_addr(hp, address, KRV_LOOKUP_F_NONE);
     /* The function's extent tells the rows that may answer; without a symbol the address alone. */
@@ -20,6 +30,7 @@ static void print_source(krv_handle_t *hp, uint64_t address, const krv_elf_symbo
     if (row != NULL)
         korva_lns_get_line(hp, row, &line);
     printf("%s:%" PRIu32 "\n", path, line);
+    return row != NULL;
 }
 
 int main(int argc, char **argv)
@@ -32,12 +43,15 @@ int main(int argc, char **argv)
         fprintf(stderr, "%s\n", error.message);
         return 1;
     }
+    int answers = 0;
     for (int i = 2; i < argc; ++i) {
         uint64_t address = strtoull(argv[i], NULL, 16);
         const krv_elf_symbol_t *function = korva_elf_lookup_symbol(elf, address);
         printf("0x%" PRIx64 " %s ", address, function != NULL ? function->name : "??");
-        print_source(korva_elf_get_handle(elf), address, function);
+        answers += print_source(korva_elf_get_handle(elf), address, function);
     }
+    if (answers == 0)
+        korva_elf_iter_notes(elf, print_refused, NULL);
     korva_elf_close(elf);
     return 0;
 }

@@ -20,6 +20,8 @@ int main(int argc, char **argv)
         std::printf("0x%llx %s %s:%u\n", static_cast<unsigned long long>(address),
                     function != nullptr ? function->name : "??", source ? source->path.c_str() : "??",
                     source ? source->line : 0);
+        if (!source)
+            std::fprintf(stderr, "%s\n", source.error().text().c_str()); // the loader's reason, where it has one
     }
     return 0;
 }

@@ -8,6 +8,7 @@ import argparse
 import json
 import os
 import re
+import resource
 import shutil
 import struct
 import subprocess
@@ -32,8 +33,8 @@ class Korva:
     def __init__(self, path):
         self.path = path
 
-    def run(self, *arguments, **options):
-        return run(self.path, *arguments, **options)
+    def run(self, *arguments, program=None, **options):
+        return run(program or self.path, *arguments, **options)
 
     def expect(self, arguments, status, out=None, err='', **options):
         """Runs it. out and err are patterns that must match all of the output; out None is any."""
@@ -59,11 +60,13 @@ def test_forms_of_addresses(korva, program, cxx):
     for text, offset in (('main+10', 10), ('main+0x10', 16)):
         korva.expect(['addr', '-e', program, text], 0, f'0x{start + offset:016x}  main  /.*/main.c:\\d+\n')
     korva.expect(['addr', '-e', program, '-s', 'main'], 0, f'0x[0-9a-f]{{16}}  main  main.c:{MAIN}\n')
-    # A name that is a number too is the number; both that and nonsense are answered with status 1.
-    korva.expect(['addr', '-e', program, 'fa'], 1, r'0x00000000000000fa  \?\?  \?\?:0\n')
+    # A name that is a number too is the number.
+    korva.expect(['addr', '-e', program, 'fa'], 2, r'0x00000000000000fa  \?\?  \?\?:0\n')
     for text in ('fa+zz', 'nothing', '0x', '', '+', '-1', '12g', 'main+', 'main+-1', 'f' * 17):
         korva.expect(['addr', '-e', program, 'main', text], 1, line + r'.*  \?\?  \?\?:0\n',
                      'korva: .*: ".*" is neither an address nor a function\n')
+    # The last of ./a.out, which is not there; what another tool takes for the file.
+    korva.expect(['addr', program, '10'], 2, '', f'korva: a.out: .*; to ask the file "{program}", write -e {program}\n')
     korva.expect(['addr', '-e', cxx, '-C', '-s', 'shapes::detail::count_calls(int)'], 0,
                  r'0x\w{16}  shapes::detail::count_calls\(int\)  circle.cpp:\d+\n')
 
@@ -91,6 +94,16 @@ def test_standard_input(korva, program, folder):
         if talk.wait() != 0:
             fail(f'addr: status {talk.returncode} at the end of standard input')
     korva.expect(['addr', '-e', program, '--format=json'], 0, r'\[\]\n')
+    korva.expect(['addr', '-e', program, '--format=gnu'], 0, r'\?\?:0\n\?\?:0\n', text='\n \n')  # blank lines ask nothing
+    # An answer's line is complete when it is given.
+    with subprocess.Popen([korva.path, 'addr', '--format=json', '-e', program], stdin=subprocess.PIPE,
+                          stdout=subprocess.PIPE, text=True, bufsize=1) as talk:
+        for before in '[,':
+            talk.stdin.write('main\n')
+            line = talk.stdout.readline()
+            if line[0] != before or json.loads(line[1:])['function'] != 'main':
+                fail(f'addr --format=json: {line}')
+        talk.stdin.close()
     cut = os.path.join(folder, 'cut')
     shutil.copy(program, cut)
     with subprocess.Popen([korva.path, 'addr', '-e', cut], stdin=subprocess.PIPE, stdout=subprocess.PIPE,
@@ -101,6 +114,42 @@ def test_standard_input(korva, program, folder):
         _, told = talk.communicate('weigh_twice\n')
         if talk.returncode != 1 or 'korva: a file became shorter while it was read' not in told:
             fail(f'addr: of a file that shrinks: status {talk.returncode}, {told}')
+
+
+def test_names(korva, folder):
+    """Names of several functions, of none, and names that unfold to gigabytes."""
+    def sequence(number):  # a substitution: S_, S0_, ... S9_, SA_, ...
+        return 'S' + ('' if number == 0 else '0123456789ABCDEFGHIJKLMNOPQRSTUVWXYZ'[number - 1]) + '_'
+
+    doubling = '_Z1f1A' + ''.join(f'PFv{sequence(2 * i)}{sequence(2 * i)}E' for i in range(17))  # 2^17 times A
+    packs = ('_Z1fIJ' + 'i' * 300 + 'EEv1A' +  # 300 times 2^11 times A
+             ''.join(f'PFv{sequence(2 * i + 1)}{sequence(2 * i + 1)}E' for i in range(11)) + f'DpPFvT_{sequence(23)}E')
+    arguments = '_Z1fI' + 'L_Z1gI' * 12 + 'i' + 'EvT_T_T_E' * 12 + 'EvT_T_T_'
+    sources = {'a': 'static int twin(void) { return 1; }\nint shared = 3;\nint far_away(void) __attribute__((weak));\n'
+                    'int other(void);\n' + ''.join(
+                        f'int f{i}(void) __asm__("{name}");\nint f{i}(void) {{ return {i}; }}\n'
+                        for i, name in enumerate((doubling, packs, arguments))) +
+                    'int main(void) { return twin() + other() + shared + (far_away ? far_away() : 0); }\n',
+               'b': 'static int twin(void) { return 2; }\nint other(void) { return twin(); }\n'}
+    for name, text in sources.items():
+        with open(os.path.join(folder, f'{name}.c'), 'w', encoding='ascii') as file:
+            file.write(text)
+    program = os.path.join(folder, 'names')
+    answer_of('gcc', '-gdwarf-4', 'a.c', 'b.c', '-o', program, cwd=folder)
+    korva.expect(['addr', '-s', '-e', program, 'twin'], 0,
+                 r'\w+  twin  a.c:1  \(unit a.c\)\n\w+  twin  b.c:1  \(unit b.c\)\n')
+    korva.expect(['addr', '-s', '-e', program, '--format=gnu', 'twin'], 0, 'a.c:1\n')
+    units = [record['unit'] for record in json.loads(korva.run('addr', '-e', program, '--format=json', 'twin').out)]
+    if units != ['a.c', 'b.c']:
+        fail(f'addr --format=json twin: {units}')
+    for name, what in (('shared', 'is data, not a function'), ('far_away+4', 'is not defined in this file')):
+        korva.expect(['addr', '-e', program, name], 2, rf'{re.escape(name)}  \?\?  \?\?:0\n',
+                     rf'korva: \S+: "{re.escape(name)}" {what}\n')
+    for name in (doubling, packs, arguments):  # shown as they are, at once
+        result = korva.run('addr', '-C', '-e', program, name, preexec_fn=lambda: resource.setrlimit(
+            resource.RLIMIT_CPU, (10, 10)))
+        if result.status != 0 or not result.out.split('  ')[1] == name:
+            fail(f'addr -C: status {result.status}, {len(result.out)} bytes: {result.out[:200]}')
 
 
 def test_json(korva, program, folder):
@@ -130,14 +179,15 @@ def test_json(korva, program, folder):
             fail(f'addr: {record}\nexpected {expected}')
 
     # A name in Latin-1 is no UTF-8: JSON replaces the byte, text keeps it.
-    name = os.path.join(os.fsencode(folder), b'caf\xe9\n.c')
+    name = os.path.join(os.fsencode(folder), b'caf\xe9\n\x1b.c')
     with open(name, 'wb') as file:
         file.write(b'int main(void) { return 0; }\n')
     strange = os.path.join(folder, 'strange')
     answer_of('gcc', '-gdwarf-4', os.fsdecode(name), '-o', strange)
-    if not json.loads(korva.run('addr', '-e', strange, '--format=jsonl', 'main').out)['file'].endswith('caf\ufffd\n.c'):
+    if not json.loads(korva.run('addr', '-e', strange, '--format=jsonl', 'main').out)['file'].endswith('caf\ufffd\n\x1b.c'):
         fail('addr --format=jsonl: a name that is not UTF-8')
-    korva.expect(['addr', '-e', strange, 'main'], 0, '.*/caf\udce9\\\\x0a.c:1\n')
+    for layout in ('text', 'gnu'):  # neither forges a line nor drives a terminal
+        korva.expect(['addr', '-e', strange, f'--format={layout}', 'main'], 0, '[^\n]*/caf\udce9\\\\x0a\\\\x1b.c:1\n')
 
 
 def test_versions(korva, folder):
@@ -154,6 +204,11 @@ def test_versions(korva, folder):
                      r'\w+  main  \?\?:0\n\w+  table_sum  table.c:\d+\n\w+  main  \?\?:0\n\w+  weigh_twice  \?\?:0\n',
                      told)
         korva.expect(['addr', '-s', '-e', mixed, 'table_sum'], 0, r'\w+  table_sum  table.c:\d+\n')
+        later = os.path.join(folder, 'later')  # no unit at all is read
+        answer_of(compiler, '-gdwarf-5', f'{SOURCES}/main.c', f'{SOURCES}/table.c', '-o', later)
+        for arguments, status in ((['units', later], 2), (['lines', later], 2), (['addr', '-e', later, 'main'], 1),
+                                  (['addr', '-e', later, '0'], 2)):
+            korva.expect(arguments, status, '.*', told if arguments[-1] != '0' else '(' + told + ')?')
         korva.expect(['units', mixed], 1, r'0x0 +5 +\d+  -  -  -\n0x\w+ +4 +\d+  \S+/table.c  .*\n', told)
         korva.expect(['lines', mixed], 1, r'unit 0x\w+:\n.*table.c  is_stmt.*', told)
         offset = re.search(r'^(0x\w+) +4 ', korva.run('units', mixed).out, re.M).group(1)
@@ -174,7 +229,7 @@ def test_damaged_units(korva, program, folder):
                 rf'\(2147483647\) too large for existing section size \(\d+\); failed to read CU header at offset '
                 rf'{offset} in .debug_info; failed to obtain CU at offset {offset} in .debug_info\n')
         korva.expect(['units', *flags, damaged], 1, r'0x0 [^\n]*/main.c [^\n]*\n', told)
-        korva.expect(['addr', '-s', *flags, '-e', damaged, 'main'], 1, rf'\w+  main  main.c:{MAIN}\n', told)
+        korva.expect(['addr', '-s', *flags, '-e', damaged, 'main'], 0, rf'\w+  main  main.c:{MAIN}\n', told)
 
 
 def test_files(korva, program, folder):
@@ -192,14 +247,15 @@ def test_files(korva, program, folder):
     for name in (plain, stripped):
         korva.expect(['units', name], 2, '', told)
         korva.expect(['lines', '--format=json', name], 2, '', told)
-    korva.expect(['addr', '-e', plain, 'main'], 2, r'\w+  main  \?\?:0\n', told)
+    korva.expect(['addr', '-e', plain, 'main'], 1, r'\w+  main  \?\?:0\n', told)
     korva.expect(['addr', '-e', stripped, '0'], 2, r'\w+  \?\?  \?\?:0\n', told)
     korva.expect(['addr', '-e', program, '-j', '.nowhere', '0'], 2, '', 'korva: .*: no section .nowhere\n')
     korva.expect(['lines', '--unit', '7', program], 2, '', 'korva: .*: no unit starts at offset 7 of .debug_info\n')
 
 
-def test_output(korva, program):
-    for verb in (['addr', '-e', program, 'main'], ['units', program], ['lines', program]):
+def test_output(korva, program, folder):
+    for verb in (['addr', '-e', program, 'main'], ['units', program], ['lines', program], ['sections', program],
+                 ['expr', '31'], ['--help'], ['--version']):
         with open('/dev/full', 'w', encoding='ascii') as full:
             korva.expect(verb, 2, '', 'korva: standard output: No space left on device\n', stdout=full)
         # A reader that has gone away, as in `korva lines FILE | head`, is no failure.
@@ -207,6 +263,19 @@ def test_output(korva, program):
         os.close(reading)
         korva.expect(verb, 0, '', '', stdout=writing)
         os.close(writing)
+    # A diagnostic that cannot be written is lost; answers and status are what they would have been.
+    missing = os.path.join(folder, 'missing')
+    for verb, status, out in ((['addr', '-e', program, 'main', 'zzz'], 1, r'\w+  main  .*\nzzz  \?\?  \?\?:0\n'),
+                              (['units', missing], 2, ''), (['lines', missing], 2, ''), (['sections', missing], 2, ''),
+                              (['stack', '--core', missing], 2, ''), (['expr', '06'], 1, '.*DW_OP_deref\n'),
+                              (['frobnicate'], 64, '')):
+        with open('/dev/full', 'w', encoding='ascii') as full:
+            korva.expect(verb, status, out, stderr=full)
+        reading, writing = os.pipe()
+        os.close(reading)
+        korva.expect(verb, status, out, stderr=writing)
+        os.close(writing)
+        korva.expect(['-c', 'exec "$0" "$@" 2>&-', korva.path, *verb], status, out, program='bash')
 
 
 def test_sections(korva, program, folder):
@@ -230,7 +299,7 @@ def test_expr(korva, folder):
     for arguments, status, out, err in (
             (['33', '34', '1c'], 0, r'0x0000  DW_OP_lit3\n0x0001  DW_OP_lit4\n0x0002  DW_OP_minus\nstack: 0xf{16}\n', ''),
             (['--target', 'i386', '33341c'], 0, r'.*stack: 0xf{8}\n', ''),
-            (['7708', '--reg', '7=0x7ffe00'], 0, r'0x0000  DW_OP_breg7 8\nstack: 0x00000000007ffe08\n', ''),
+            (['--reg', '7=0x7ffe00', '77', '08'], 0, r'0x0000  DW_OP_breg7 8\nstack: 0x00000000007ffe08\n', ''),
             (['06', '--push', '0x1000', '--memory', '0x1000=0102030405060708'], 0, r'.*stack: 0x0807060504030201\n', ''),
             (['--push', '1', '--push', '2', '16'], 0, r'.*\nstack: 0x0{15}1\n *0x0{15}2\n', ''),
             (['--location', '--size', '4', '55', '--reg', '5=0x11223344'], 0, r'.*44 33 22 11.*', ''),
@@ -281,13 +350,19 @@ def test_stack(korva, folder):
 
 
 def test_usage(korva, program):
-    for arguments in ([], ['frobnicate'], ['units'], ['lines'], ['units', '--nope', program], ['units', program, program],
+    for arguments in ([], ['units'], ['lines'], ['units', '--nope', program], ['units', program, program],
                       ['units', '--format=gnu', program], ['addr', '--format=xml', '0'], ['lines', '--unit', 'x', program]):
         korva.expect(arguments, 64, '', 'korva: .*\nTry `korva --help` or `korva VERB --help`.\n')
-    korva.expect(['--version'], 0, r'korva \d+\.\d+\.\d+\n')
+    for words, meant in ((['add'], 'addr'), (['unit', program], 'units'), (['frobnicate'], None), (['help', 'lnes'], 'lines')):
+        korva.expect(words, 64, '', f'korva: there is no verb "{words[-1] if words[0] == "help" else words[0]}"' +
+                     (f'; did you mean "{meant}"\\?' if meant else '') + '\nTry `korva --help` .*')
+    for flag in ('--version', '-V'):
+        korva.expect([flag], 0, r'korva \d+\.\d+\.\d+\n')
     for verb in VERBS:
-        korva.expect([verb, '--help'], 0, f'.*--format.*Examples:\n  korva {verb} .*')
-    korva.expect(['--help'], 0, '.*' + '.*'.join(VERBS) + '.*Exit status: 0 .*')
+        for help_of in ([verb, '--help'], ['help', verb]):
+            korva.expect(help_of, 0, f'.*--format.*Examples:\n  korva {verb} .*')
+    for flag in ('--help', 'help'):
+        korva.expect([flag], 0, '.*' + '.*'.join(VERBS) + '.*Exit status: 0 .*')
 
 
 def main():
@@ -302,11 +377,12 @@ def main():
         test_forms_of_addresses(korva, program, cxx)
         test_gnu_layout(korva, program)
         test_standard_input(korva, program, folder)
+        test_names(korva, folder)
         test_json(korva, program, folder)
         test_versions(korva, folder)
         test_damaged_units(korva, program, folder)
         test_files(korva, program, folder)
-        test_output(korva, program)
+        test_output(korva, program, folder)
         test_sections(korva, program, folder)
         test_expr(korva, folder)
         test_stack(korva, folder)

@@ -20,10 +20,11 @@ class Result:
 def run(*command, text='', **options):
     """Runs a program to its end, with text as its standard input."""
     options.setdefault('stdout', subprocess.PIPE)
+    options.setdefault('stderr', subprocess.PIPE)
     if options.get('stdin') is None:
         options['input'] = text.encode('utf-8', 'surrogateescape')
-    done = subprocess.run(command, stderr=subprocess.PIPE, timeout=300, check=False, **options)
-    done.stdout = done.stdout or b''
+    done = subprocess.run(command, timeout=300, check=False, **options)
+    done.stdout, done.stderr = done.stdout or b'', done.stderr or b''
     return Result(done)
 
 

@@ -296,9 +296,13 @@ static int run_expr(const expr_options &options)
         diagnose(fmt::format("the listing ends early: {}", listed.error().text()));
     if (!evaluated)
         diagnose(fmt::format("the evaluation fails: {}", evaluated.error().text()));
-    if (listed && evaluated)
-        return ANSWERED;
-    return out.any() || (evaluated && !options.list_only) ? PARTLY : NOTHING;
+    tally done;
+    done.add(static_cast<bool>(listed));
+    if (out.any())
+        done.answered();
+    if (!options.list_only)
+        done.add(static_cast<bool>(evaluated));
+    return done.status();
 }
 
 void add_expr(CLI::App &app, int *status)
@@ -308,9 +312,10 @@ void add_expr(CLI::App &app, int *status)
     verb->add_option("BYTES", options->bytes, "Hexadecimal bytes, or @FILE for the bytes of a file")->required();
     verb->add_option("--target", options->target, "amd64 (when not given) or i386")
         ->check(CLI::IsMember({"amd64", "i386"}));
-    verb->add_option("--push", options->initial, "Initial stack value; several: the last is the top");
-    verb->add_option("--reg", options->registers, "DWARF register: NUMBER=VALUE");
-    verb->add_option("--memory", options->memory, "Memory of the target: ADDRESS=BYTES");
+    verb->add_option("--push", options->initial, "Initial stack value; several: the last is the top")
+        ->allow_extra_args(false);
+    verb->add_option("--reg", options->registers, "DWARF register: NUMBER=VALUE")->allow_extra_args(false);
+    verb->add_option("--memory", options->memory, "Memory of the target: ADDRESS=BYTES")->allow_extra_args(false);
     verb->add_flag("--location", options->location, "A location description: show the value described");
     verb->add_option("--size", options->size, "Bytes of that value, at most")->check(CLI::Range(1, 1 << 20));
     verb->add_flag("--list", options->list_only, "List only");
@@ -320,7 +325,7 @@ void add_expr(CLI::App &app, int *status)
                  "Examples:\n"
                  "  korva expr 33 34 1c                        DW_OP_lit3, DW_OP_lit4, DW_OP_minus\n"
                  "  korva expr 7708 --reg 7=0x7ffe00           8 bytes above the stack pointer\n"
-                 "  korva expr 0600 --push 0x1000 --memory 0x1000=0102030405060708\n"
+                 "  korva expr 06 --push 0x1000 --memory 0x1000=0102030405060708\n"
                  "  korva expr --location --size 4 55 --reg 5=7");
     verb->callback([options, status] { *status = run_expr(*options); });
 }

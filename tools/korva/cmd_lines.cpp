@@ -238,9 +238,12 @@ bool table_printer::print(bool program)
 static int run_lines(const lines_options &options)
 {
     object obj(options.file, options.raw, options.debug_dirs);
-    bool all = obj.diagnose_notes();
+    tally done;
+    if (!obj.diagnose_notes())
+        done.missed();
     std::vector<unit_record> &units = obj.units();
-    all = all && obj.is_complete();
+    if (!obj.is_complete())
+        done.missed();
 
     std::vector<unit_record *> wanted;
     const auto offset = parse_hex(options.unit);
@@ -253,12 +256,11 @@ static int run_lines(const lines_options &options)
     answers out(options.format);
     progress shown(fmt::format("{}: line tables", obj.path()), wanted.size(), progress::mode::answering);
     for (unit_record *u : wanted) {
-        if (!table_printer(&obj, &out, u).print(options.program))
-            all = false;
+        done.add(table_printer(&obj, &out, u).print(options.program));
         shown.step();
     }
     out.finish();
-    return all ? ANSWERED : PARTLY;
+    return done.status();
 }
 
 void add_lines(CLI::App &app, int *status)

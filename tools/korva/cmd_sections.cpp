@@ -48,11 +48,12 @@ static int run_sections(const common_options &options)
     const char *debug_path = obj.elf().debug_path();
     if (debug_path != nullptr && !out.is_json())
         out.print("debugging information: {}\n", printable(debug_path));
-    bool all_read = true;
+    tally done;
     for (const krv_elf_section_t &section : obj.elf().sections()) {
         const note_list &notes = by_section[section.name];
         if (section.index == KRV_SEC_NONE && section.copied == 0 && notes.empty())
             continue;
+        done.answered();
         if (!out.is_json()) {
             out.print("{:<18}  {:>10}  {}\n", printable(section.name), section.size, how(section));
             print_notes(out, notes);
@@ -69,12 +70,13 @@ static int run_sections(const common_options &options)
                     {"notes", list}});
     }
     for (const krv_elf_note_t &note : all) {
-        all_read = all_read && note.refused == 0;
+        if (note.refused != 0)
+            done.missed();
         if (*note.section == '\0')
             obj.diagnose(note.text);
     }
     out.finish();
-    return all_read ? ANSWERED : PARTLY;
+    return done.status();
 }
 
 void add_sections(CLI::App &app, int *status)

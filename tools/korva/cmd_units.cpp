@@ -30,7 +30,9 @@ static void print_unit(answers &out, const json_value &record)
 static int run_units(const common_options &options)
 {
     object obj(options.file, options.raw, options.debug_dirs);
-    bool all = obj.diagnose_notes();
+    tally done;
+    if (!obj.diagnose_notes())
+        done.missed();
     std::vector<unit_record> &units = obj.units();
     answers out(options.format);
     for (unit_record &u : units) {
@@ -50,11 +52,13 @@ static int run_units(const common_options &options)
             record["comp_dir"] = or_null(u.unit.comp_dir());
             record["producer"] = or_null(u.unit.producer());
         }
-        all = all && !u.refused;
+        done.add(!u.refused);
         print_unit(out, record);
     }
     out.finish();
-    return all && obj.is_complete() ? ANSWERED : PARTLY;
+    if (!obj.is_complete())
+        done.missed();
+    return done.status();
 }
 
 void add_units(CLI::App &app, int *status)

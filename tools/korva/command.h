@@ -5,6 +5,7 @@
 #pragma once
 
 #include "output.h"
+#include "status.h"
 
 #include <CLI/CLI.hpp>
 
@@ -13,14 +14,6 @@
 
 namespace korva::program
 {
-
-/** Exit statuses of every verb. */
-enum exit_status : int {
-    ANSWERED = 0, /**< every input was answered */
-    PARTLY = 1,   /**< some input could not be answered */
-    NOTHING = 2,  /**< nothing can be answered from this file, or standard output cannot be written */
-    USAGE = 64    /**< the command line is wrong */
-};
 
 /** Options that every verb has. */
 struct common_options {

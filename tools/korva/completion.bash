@@ -11,10 +11,11 @@ _korva()
     elif [ "$before" = = ]; then
         before=${COMP_WORDS[COMP_CWORD - 2]}
     fi
-    if [ "$COMP_CWORD" -eq 1 ]; then
-        words="--help --version $("$1" --help 2>/dev/null | sed -n '/^Subcommands:/,$s/^  \([a-z][a-z]*\) .*/\1/p')"
-    elif [ "$before" = --format ]; then
-        words=$("$1" "${COMP_WORDS[1]}" --help 2>/dev/null | sed -n 's/.*--format.*{\([a-z,]*\)}.*/\1/p' | tr , ' ')
+    if [ "$COMP_CWORD" -eq 1 ] || { [ "$COMP_CWORD" -eq 2 ] && [ "${COMP_WORDS[1]}" = help ]; }; then
+        words="--help --version help $("$1" --help 2>/dev/null | sed -n '/^Subcommands:/,$s/^  \([a-z][a-z]*\) .*/\1/p')"
+    elif [[ $before == --* ]]; then # the values of an option that has a fixed set of them
+        words=$("$1" "${COMP_WORDS[1]}" --help 2>/dev/null |
+            sed -n "s/^  [^ ]*$before\b.*{\([a-z0-9,]*\)}.*/\1/p" | tr , ' ')
     elif [[ $word == -* ]]; then
         words=$("$1" "${COMP_WORDS[1]}" --help 2>/dev/null | grep -o '^  -[^ ]*' | tr ', ' '\n')
     fi

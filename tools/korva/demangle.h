@@ -6,7 +6,7 @@
 namespace korva::program
 {
 
-/** The C++ name behind a symbol's, or the name itself when it is no mangled one. */
+/** The C++ name behind a symbol's, or the name itself when it is no mangled one, or one that is too long to be shown. */
 std::string demangle(const char *name);
 
 /** How a function is shown: its symbol's name without a version, as in f@@V_1; demangled when that is wanted. */

@@ -3,16 +3,18 @@
 
 #include "demangle.h"
 
+#include <algorithm>
 #include <charconv>
 #include <cstdlib>
-#include <string>
+#include <cstring>
+#include <functional>
 
 namespace korva::program
 {
 
 static constexpr std::string_view BLANKS = " \t\n\v\f\r";
 
-static std::string_view trim(std::string_view text)
+std::string_view trim(std::string_view text)
 {
     const size_t first = text.find_first_not_of(BLANKS);
     if (first == std::string_view::npos)
@@ -51,47 +53,75 @@ static std::optional<uint64_t> parse_offset(std::string_view text, bool lenient)
     return parse_whole(text, is_hex ? 16 : 10);
 }
 
-static std::optional<uint64_t> find_symbol(const object &obj, std::string_view name)
+// The functions of that name; else the C++ functions of that name; else the first of that name with a version.
+std::vector<uint64_t> address_reader::find_symbol(const std::string &name)
 {
-    const std::string text(name);
-    if (const krv_elf_symbol_t *symbol = obj.elf().symbol(text.c_str()))
-        return symbol->address;
-    for (const krv_elf_symbol_t &symbol : obj.elf().symbols())
-        if (symbol.name[0] == '_' && demangle(symbol.name) == text)
-            return symbol.address;
-    return {};
+    const auto symbols = m_object.elf().symbols();
+    if (m_by_name.empty()) {
+        for (const krv_elf_symbol_t &symbol : symbols)
+            m_by_name.push_back(&symbol);
+        std::stable_sort(m_by_name.begin(), m_by_name.end(), [](const auto *a, const auto *b) {
+            return std::strcmp(a->name, b->name) < 0; // those of one name stay ascending by address
+        });
+    }
+    std::vector<uint64_t> found;
+    const auto first = std::partition_point(m_by_name.begin(), m_by_name.end(),
+                                            [&](const auto *symbol) { return symbol->name < name; });
+    for (auto at = first; at != m_by_name.end() && (*at)->name == name; ++at)
+        found.push_back((*at)->address);
+    if (found.empty())
+        if (const krv_elf_symbol_t *versioned = m_object.elf().symbol(name.c_str()))
+            found.push_back(versioned->address);
+    if (found.empty()) {
+        const std::hash<std::string> hash;
+        if (m_plain.empty())
+            for (const krv_elf_symbol_t &symbol : symbols)
+                if (symbol.name[0] == '_')
+                    m_plain.emplace(hash(demangle(symbol.name)), &symbol);
+        const auto [begin, end] = m_plain.equal_range(hash(name));
+        for (auto at = begin; at != end; ++at)
+            if (demangle(at->second->name) == name)
+                found.push_back(at->second->address);
+        std::sort(found.begin(), found.end());
+    }
+    found.erase(std::unique(found.begin(), found.end()), found.end());
+    return found;
 }
 
-static std::optional<uint64_t> parse_symbol(const object &obj, std::string_view text, bool lenient)
+std::vector<uint64_t> address_reader::read_symbol(std::string_view text)
 {
-    if (const auto address = find_symbol(obj, text))
-        return address;
+    std::vector<uint64_t> found = find_symbol(std::string(text));
     const size_t plus = text.rfind('+');
-    if (plus == std::string_view::npos)
-        return {};
-    const auto offset = parse_offset(text.substr(plus + 1), lenient);
-    const auto address = offset ? find_symbol(obj, text.substr(0, plus)) : std::nullopt;
-    if (!address)
-        return {};
-    return *address + *offset;
+    if (!found.empty() || plus == std::string_view::npos)
+        return found;
+    if (const auto offset = parse_offset(text.substr(plus + 1), m_lenient)) {
+        found = find_symbol(std::string(text.substr(0, plus)));
+        for (uint64_t &address : found)
+            address += *offset;
+    }
+    return found;
 }
 
-std::optional<input_address> parse_address(const object &obj, std::string_view text, bool lenient)
+std::vector<input_address> address_reader::read(std::string_view text)
 {
     text = trim(text);
     if (text.empty())
         return {};
-    if (lenient)
+    if (m_lenient)
         text = text.substr(0, text.find_first_of(BLANKS));
     if (const auto number = parse_hex(text))
-        return input_address{*number, true};
+        return {{*number, true}};
     const bool is_digit = text[0] >= '0' && text[0] <= '9';
-    if (!(lenient && is_digit))
-        if (const auto address = parse_symbol(obj, text, lenient))
-            return input_address{*address, false};
+    if (!(m_lenient && is_digit)) {
+        std::vector<input_address> all;
+        for (const uint64_t address : read_symbol(text))
+            all.push_back({address, false});
+        if (!all.empty())
+            return all;
+    }
     const bool is_letter = (text[0] >= 'a' && text[0] <= 'f') || (text[0] >= 'A' && text[0] <= 'F');
-    if (lenient && (is_digit || (is_letter && text.find('+') == std::string_view::npos)))
-        return input_address{std::strtoull(std::string(text).c_str(), nullptr, 16), true};
+    if (m_lenient && (is_digit || (is_letter && text.find('+') == std::string_view::npos)))
+        return {{std::strtoull(std::string(text).c_str(), nullptr, 16), true}};
     return {};
 }
 

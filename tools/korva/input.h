@@ -7,25 +7,53 @@
 
 #include <cstdint>
 #include <optional>
+#include <string>
 #include <string_view>
+#include <unordered_map>
+#include <vector>
 
 namespace korva::program
 {
 
+/** @p text without the blanks around it. */
+std::string_view trim(std::string_view text);
+
 /** A hexadecimal number with or without 0x, and nothing else. */
 std::optional<uint64_t> parse_hex(std::string_view text);
 
+/** What an input stands for. */
 struct input_address {
     uint64_t value;
     bool is_number; /**< else it comes from a symbol */
 };
 
 /**
- * Reads an address. A number is hexadecimal, with or without 0x; a text that is both is a number (`add`; write
- * `add+0` for the function). A symbol is a function's, as in the file or demangled; the offset behind `+` is decimal,
- * or hexadecimal with 0x. With @p lenient whatever begins as an address is one, as for GNU addr2line: "12 main()" is
- * 0x12. Nothing when it is no address.
+ * Reads addresses. A number is hexadecimal, with or without 0x; a text that is both is a number (`add`; write `add+0`
+ * for the function). A symbol is a function's, as in the file or demangled; the offset behind `+` is decimal, or
+ * hexadecimal with 0x.
  */
-std::optional<input_address> parse_address(const object &obj, std::string_view text, bool lenient);
+class address_reader
+{
+public:
+    /** With @p lenient whatever begins as an address is one, as for GNU addr2line: "12 main()" is 0x12. */
+    address_reader(const object &obj, bool lenient) : m_object(obj), m_lenient(lenient) {}
+
+    /**
+     * What a text stands for: one address, or several ascending ones where functions share a name. Empty when it is no
+     * address.
+     */
+    std::vector<input_address> read(std::string_view text);
+
+private:
+    using symbol_list = std::vector<const krv_elf_symbol_t *>;
+
+    std::vector<uint64_t> find_symbol(const std::string &name);
+    std::vector<uint64_t> read_symbol(std::string_view text);
+
+    const object &m_object;
+    bool m_lenient;
+    symbol_list m_by_name;                                             // made when a name is first asked for
+    std::unordered_multimap<size_t, const krv_elf_symbol_t *> m_plain; // by the hash of the C++ name, likewise
+};
 
 } // namespace korva::program

@@ -39,12 +39,8 @@ location locator::find(uint64_t address)
     // Within its function an address between two sequences still belongs to one of them.
     const extent range =
         found.function != nullptr ? extent{found.function->address, found.function->size} : extent{address, 1};
-    korva::source source;
-    outcome result = ask_covering(range, address, &source);
-    if (result == outcome::absent)
-        result = ask_sequences(range, address, &source);
-    if (result == outcome::found)
-        found.source = std::move(source);
+    if (ask_covering(range, address, &found) == outcome::absent)
+        ask_sequences(range, address, &found);
     return found;
 }
 
@@ -68,7 +64,15 @@ void locator::refuse_lines(unit_record &u, const error &why)
     m_object->refuse(u, fmt::format("line table of unit at offset 0x{:x}: {}", u.header.offset, why.text()));
 }
 
-locator::outcome locator::ask(unit_record &u, const extent &range, uint64_t address, korva::source *source)
+// Many units may cover an address of which they know no line. Asked again, they are passed over.
+void locator::learn_lines(unit_record &u)
+{
+    u.lines = range{UINT64_MAX, 0};
+    for (const range &r : u.unit.sequences().value_or({}))
+        u.lines = range{std::min(u.lines->start, r.start), std::max(u.lines->end, r.end)};
+}
+
+locator::outcome locator::ask(unit_record &u, const extent &range, uint64_t address, location *found)
 {
     if (u.refused)
         return outcome::refused;
@@ -76,14 +80,17 @@ locator::outcome locator::ask(unit_record &u, const extent &range, uint64_t addr
         m_object->refuse_version(u);
         return outcome::refused;
     }
-    result<korva::source> found = u.unit.source(address, range.address, range.size);
-    if (found) {
-        *source = std::move(*found);
+    result<korva::source> source = u.unit.source(address, range.address, range.size);
+    if (source) {
+        found->source = std::move(*source);
+        found->unit = &u;
         return outcome::found;
     }
-    if (found.error().code == KRV_ERR_NOTFOUND)
+    if (source.error().code == KRV_ERR_NOTFOUND) {
+        learn_lines(u);
         return outcome::absent;
-    refuse_lines(u, found.error());
+    }
+    refuse_lines(u, source.error());
     return outcome::refused;
 }
 
@@ -94,8 +101,12 @@ unit_record &locator::record_of(const unit &u)
                              [](const unit_record &r, uint64_t wanted) { return r.header.offset < wanted; });
 }
 
-locator::outcome locator::ask_covering(const extent &range, uint64_t address, korva::source *source)
+locator::outcome locator::ask_covering(const extent &range, uint64_t address, location *found)
 {
+    const auto may_know = [&](const unit_record &u) {
+        return !u.lines || (u.lines->end >= range.address &&
+                            (u.lines->start <= range.address || u.lines->start - range.address <= range.size));
+    };
     for (const krv_lookup_flag_t flags : {KRV_LOOKUP_F_FAST, KRV_LOOKUP_F_NONE}) {
         const result<unit> covering = m_object->handle().lookup_unit(address, flags);
         if (!covering) {
@@ -105,10 +116,10 @@ locator::outcome locator::ask_covering(const extent &range, uint64_t address, ko
         }
         // The first that covers it knows its line, but for units that overlap.
         unit_record &first = record_of(*covering);
-        outcome result = ask(first, range, address, source);
+        outcome result = ask(first, range, address, found);
         for (unit_record *u = &first + 1; result == outcome::absent && u != m_units->data() + m_units->size(); ++u)
-            if (covers(*u, address, flags))
-                result = ask(*u, range, address, source);
+            if (may_know(*u) && covers(*u, address, flags))
+                result = ask(*u, range, address, found);
         if (result != outcome::absent)
             return result;
     }
@@ -147,7 +158,7 @@ void locator::index_sequences()
               [](const sequence &a, const sequence &b) { return a.addresses.start < b.addresses.start; });
 }
 
-locator::outcome locator::ask_sequences(const extent &range, uint64_t address, korva::source *source)
+locator::outcome locator::ask_sequences(const extent &range, uint64_t address, location *found)
 {
     if (!m_indexed)
         index_sequences();
@@ -155,7 +166,7 @@ locator::outcome locator::ask_sequences(const extent &range, uint64_t address, k
                                  [](uint64_t a, const sequence &s) { return a < s.addresses.start; });
     if (next == m_sequences.begin() || address >= (--next)->addresses.end)
         return outcome::absent;
-    return ask(*next->owner, range, address, source);
+    return ask(*next->owner, range, address, found);
 }
 
 } // namespace korva::program

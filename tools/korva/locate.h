@@ -16,6 +16,7 @@ namespace korva::program
 struct location {
     const krv_elf_symbol_t *function = nullptr;
     std::optional<korva::source> source;
+    const unit_record *unit = nullptr; /**< that knows the source */
 };
 
 /**
@@ -43,9 +44,10 @@ private:
     unit_record &record_of(const unit &u);
     bool covers(const unit_record &u, uint64_t address, krv_lookup_flag_t flags);
     void refuse_lines(unit_record &u, const error &why);
-    outcome ask(unit_record &u, const extent &range, uint64_t address, korva::source *source);
-    outcome ask_covering(const extent &range, uint64_t address, korva::source *source);
-    outcome ask_sequences(const extent &range, uint64_t address, korva::source *source);
+    static void learn_lines(unit_record &u);
+    outcome ask(unit_record &u, const extent &range, uint64_t address, location *found);
+    outcome ask_covering(const extent &range, uint64_t address, location *found);
+    outcome ask_sequences(const extent &range, uint64_t address, location *found);
     void index_sequences();
     void index_unit(unit_record &u);
 

@@ -6,9 +6,15 @@
 
 #include "libkorva-elf.h"
 
+#include <algorithm>
 #include <csignal>
 #include <exception>
+#include <fcntl.h>
+#include <iterator>
 #include <new>
+#include <numeric>
+#include <unistd.h>
+#include <utility>
 
 // The verbs, in the order of the help. A new one needs its file and its line here.
 #define KORVA_VERBS(VERB)                                                                                              \
@@ -25,6 +31,10 @@ namespace korva::program
 #define DECLARE(name) void add_##name(CLI::App &app, int *status);
 KORVA_VERBS(DECLARE)
 #undef DECLARE
+
+#define NAME(name) #name,
+static constexpr std::string_view VERBS[] = {KORVA_VERBS(NAME) "help"};
+#undef NAME
 
 void add_format_option(CLI::App *verb, common_options *options, const format_names &formats)
 {
@@ -46,27 +56,86 @@ void add_common_options(CLI::App *verb, common_options *options, const format_na
         ->type_name("DIR");
 }
 
+// What a wrong word was meant to be: the verb that takes the fewest changes of a letter to get to.
+static std::string nearest_verb(const std::string &word)
+{
+    std::string best;
+    size_t fewest = 3; // more changes than these are another word
+    for (const std::string_view name : VERBS) {
+        std::vector<size_t> row(name.size() + 1); // changes from what is read of word to each beginning of name
+        std::iota(row.begin(), row.end(), 0);
+        for (size_t i = 1; i <= word.size(); ++i)
+            for (size_t j = 1, diagonal = std::exchange(row[0], i); j <= name.size(); ++j)
+                diagonal = std::exchange(
+                    row[j], std::min({row[j] + 1, row[j - 1] + 1, diagonal + (word[i - 1] == name[j - 1] ? 0 : 1)}));
+        if (row.back() < fewest) {
+            fewest = row.back();
+            best = name;
+        }
+    }
+    return best;
+}
+
+// Help and version are answers.
+static int print_answer(const std::string &text)
+{
+    answers out(output_format::text);
+    out.write(text);
+    out.finish();
+    return ANSWERED;
+}
+
+static int usage_error(std::string_view text)
+{
+    write_error(fmt::format("korva: {}\nTry `korva --help` or `korva VERB --help`.\n", printable(text)));
+    return USAGE;
+}
+
 static int run(int argc, char **argv)
 {
     CLI::App app("Reads DWARF 2 to 4 debugging information of ELF files for x86 and AMD64.", "korva");
-    app.set_version_flag("--version", "korva " KORVA_VERSION);
+    app.set_version_flag("-V,--version", "korva " KORVA_VERSION);
     app.require_subcommand(1);
-    app.footer("Exit status: 0 every input was answered, 1 some could not be, 2 nothing could be, 64 usage.\n"
-               "`korva VERB --help` shows a verb's options and examples.");
+    app.footer(
+        "Exit status: 0 every input was answered, 1 some could not be, 2 nothing could be, 64 usage.\n"
+        "`korva VERB --help` and `korva help VERB` show a verb's options and examples. Columns of text may hold\n"
+        "spaces: --format=jsonl is the one to parse.");
     int status = ANSWERED;
 #define ADD(name) add_##name(app, &status);
     KORVA_VERBS(ADD)
 #undef ADD
 
+    std::vector<std::string> words(argv + 1, argv + argc);
+    if (!words.empty() && words[0] == "help") { // help [VERB] is [VERB] --help
+        words.erase(words.begin());
+        words.resize(std::min<size_t>(words.size(), 1));
+        words.emplace_back("--help");
+    }
+    if (!words.empty() && !words[0].starts_with("-") &&
+        std::find(std::begin(VERBS), std::end(VERBS), words[0]) == std::end(VERBS)) {
+        const std::string meant = nearest_verb(words[0]);
+        return usage_error(fmt::format("there is no verb \"{}\"{}", words[0],
+                                       meant.empty() ? "" : fmt::format("; did you mean \"{}\"?", meant)));
+    }
+    std::reverse(words.begin(), words.end()); // as CLI11 takes them
     try {
-        app.parse(argc, argv);
-    } catch (const CLI::Success &success) { // --help, --version
-        return app.exit(success);
+        app.parse(std::move(words));
+    } catch (const CLI::CallForVersion &version) {
+        return print_answer(fmt::format("{}\n", version.what()));
+    } catch (const CLI::Success &) { // --help
+        return print_answer(app.help());
     } catch (const CLI::ParseError &error) {
-        fmt::print(stderr, "korva: {}\nTry `korva --help` or `korva VERB --help`.\n", error.what());
-        return USAGE;
+        return usage_error(error.what());
     }
     return status;
+}
+
+// A file that is opened must not take the place of a stream that is closed: what is written there would go into it.
+static void occupy_streams()
+{
+    for (int fd = 0; fd <= STDERR_FILENO; ++fd)
+        if (fcntl(fd, F_GETFD) < 0)
+            (void)open("/dev/null", O_RDONLY | O_CLOEXEC); // the lowest number that is free
 }
 
 static volatile std::sig_atomic_t file_was_cut;
@@ -93,6 +162,7 @@ static void handle_bus_errors()
 int main(int argc, char **argv)
 {
     using namespace korva::program;
+    occupy_streams();
     std::signal(SIGPIPE, SIG_IGN); // a closed standard output is noticed as a failed write
     handle_bus_errors();
     try {

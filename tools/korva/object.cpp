@@ -110,7 +110,7 @@ void object::read_units()
         const auto header = u.header();
         if (!header)
             throw failure(fmt::format("{}: no unit header: {}", m_path, header.error().text()));
-        m_units.push_back({u, *header});
+        m_units.push_back({.unit = u, .header = *header, .lines = {}});
     }
     const krv_cu_header_t &last = m_units.back().header;
     m_complete = last.offset + last.size == info_size;

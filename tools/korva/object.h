@@ -18,7 +18,8 @@ namespace korva::program
 struct unit_record {
     korva::unit unit;
     krv_cu_header_t header = {};
-    bool refused = false; /**< its failure has been told; it is not asked again */
+    bool refused = false;       /**< its failure has been told; it is not asked again */
+    std::optional<range> lines; /**< the addresses that its line table speaks of, once that was asked in vain */
 
     bool is_readable() const { return header.version >= 2 && header.version <= 4; }
 };

@@ -10,6 +10,11 @@
 namespace korva::program
 {
 
+void write_error(std::string_view text) noexcept
+{
+    std::fwrite(text.data(), 1, text.size(), stderr);
+}
+
 static kept_diagnostics *s_keeper = nullptr;
 
 kept_diagnostics::kept_diagnostics()
@@ -22,27 +27,34 @@ kept_diagnostics::~kept_diagnostics()
     s_keeper = nullptr;
 }
 
-void diagnose(std::string_view text)
+void diagnose(std::string_view text) noexcept
 {
-    if (s_keeper != nullptr) {
-        s_keeper->texts.emplace_back(text);
-        return;
+    try {
+        if (s_keeper != nullptr) {
+            s_keeper->texts.emplace_back(text);
+            return;
+        }
+        std::fflush(stdout); // should that fail, the next write says so
+        progress::erase();
+        write_error(fmt::format("korva: {}\n", printable(text)));
+    } catch (const std::exception &) {
+        write_error("korva: out of memory\n");
     }
-    std::fflush(stdout); // should that fail, the next write says so
-    progress::erase();
-    fmt::print(stderr, "korva: {}\n", printable(text));
 }
 
 std::string printable(std::string_view text)
 {
     std::string safe;
     safe.reserve(text.size());
-    for (const char c : text) {
-        const auto byte = static_cast<unsigned char>(c);
+    for (size_t i = 0; i < text.size(); ++i) {
+        const auto byte = static_cast<unsigned char>(text[i]);
+        const auto next = static_cast<unsigned char>(i + 1 < text.size() ? text[i + 1] : 0);
         if (byte < 0x20 || byte == 0x7f)
             safe += fmt::format("\\x{:02x}", byte);
+        else if (byte == 0xc2 && next >= 0x80 && next < 0xa0) // U+0080 to U+009F, in UTF-8
+            safe += fmt::format("\\x{:02x}\\x{:02x}", byte, static_cast<unsigned char>(text[++i]));
         else
-            safe += c;
+            safe += text[i];
     }
     return safe;
 }
@@ -60,12 +72,6 @@ std::string to_text(const json_value &value)
     throw failure(fmt::format("standard output: {}", std::strerror(error)));
 }
 
-answers::answers(output_format format) : m_format(format)
-{
-    if (m_format == output_format::json)
-        write("[");
-}
-
 void answers::write(std::string_view text)
 {
     if (std::fwrite(text.data(), 1, text.size(), stdout) != text.size())
@@ -79,17 +85,17 @@ void answers::record(const json_value &record)
     close_record();
 }
 
+// Bracket and comma begin a line, so that it is complete when its answer is given.
 void answers::open_record()
 {
     if (m_format == output_format::json)
-        write(m_empty ? "\n" : ",\n");
+        write(m_empty ? "[" : ",");
     m_empty = false;
 }
 
 void answers::close_record()
 {
-    if (m_format == output_format::jsonl)
-        write("\n");
+    write("\n");
 }
 
 void answers::flush()
@@ -101,7 +107,7 @@ void answers::flush()
 void answers::finish()
 {
     if (m_format == output_format::json)
-        write(m_empty ? "]\n" : "\n]\n");
+        write(m_empty ? "[]\n" : "]\n");
     flush();
     // What an earlier flush lost on its way to a diagnostic is only remembered here.
     if (std::ferror(stdout) != 0)

@@ -36,8 +36,14 @@ struct failure : std::runtime_error {
 struct broken_pipe : std::exception {
 };
 
-/** Prints one diagnostic, "korva: TEXT". Answers written before it are flushed first. */
-void diagnose(std::string_view text);
+/**
+ * Prints one diagnostic, "korva: TEXT". Answers written before it are flushed first. One that cannot be written is lost:
+ * the answers go on, and the exit status tells.
+ */
+void diagnose(std::string_view text) noexcept;
+
+/** Writes to standard error, as far as that can be written. */
+void write_error(std::string_view text) noexcept;
 
 /** While it lives, diagnostics are kept in it, in place of being printed. One at a time. */
 class kept_diagnostics
@@ -51,7 +57,7 @@ public:
     std::vector<std::string> texts{};
 };
 
-/** @p text without what would break a line or a terminal: control bytes become \xNN, all others stay. */
+/** @p text without what would break a line or drive a terminal: control characters become \xNN, all others stay. */
 std::string printable(std::string_view text);
 
 /**
@@ -61,8 +67,7 @@ std::string printable(std::string_view text);
 class answers
 {
 public:
-    /** With output_format::json, opens the array. */
-    explicit answers(output_format format);
+    explicit answers(output_format format) : m_format(format) {}
 
     bool is_json() const { return m_format == output_format::json || m_format == output_format::jsonl; }
 

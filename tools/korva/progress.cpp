@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "progress.h"
 
+#include "output.h"
+
 #include <fmt/format.h>
 
 #include <chrono>
@@ -19,7 +21,7 @@ void progress::erase()
 {
     const std::lock_guard guard(s_terminal);
     if (std::exchange(s_shown, false))
-        fmt::print(stderr, "\r\033[K");
+        write_error("\r\033[K");
 }
 
 progress::progress(std::string what, uint64_t total, mode how) : m_what(std::move(what)), m_total(total)
@@ -48,10 +50,8 @@ void progress::watch()
     for (auto pause = 500ms; !m_ended_changed.wait_for(lock, pause, [this] { return m_ended; }); pause = 200ms) {
         const uint64_t done = m_done.load(std::memory_order_relaxed);
         const std::lock_guard guard(s_terminal);
-        if (m_total != 0)
-            fmt::print(stderr, "\r\033[K{}: {} of {}", m_what, done, m_total);
-        else
-            fmt::print(stderr, "\r\033[K{} ...", m_what);
+        write_error(m_total != 0 ? fmt::format("\r\033[K{}: {} of {}", m_what, done, m_total)
+                                 : fmt::format("\r\033[K{} ...", m_what));
         s_shown = true;
     }
 }
