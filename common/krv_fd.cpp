@@ -261,7 +261,7 @@ int korva_fd_cpy(krv_fd_t *dst, krv_fd_t *src, size_t count)
     if (count > dst->sfd_remaining)
         return write_too_long(hp, "write", count, dst);
     if (krv_fd_is_cb(src)) {
-        uint8_t *to = dst->sfd_u.buf + dst->sfd_offset;
+        uint8_t *to = dst->sfd_u.buf == nullptr ? nullptr : dst->sfd_u.buf + dst->sfd_offset;
         if (src->sfd_u.cb.func(src->sfd_u.cb.arg, to, count, src->sfd_offset) == -1)
             return krv_fail(hp, KRV_ERR_IO, "read callback failed");
     } else if (count != 0) { // the two extents may overlap, when both cursors look at one buffer
