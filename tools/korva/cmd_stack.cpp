@@ -64,8 +64,8 @@ private:
     std::unordered_map<const krv_proc_module_t *, module_file> m_modules; // freed before the process that they are of
     answers m_out;
     std::optional<kept_diagnostics> m_kept; // notes on modules: for the end
-    unsigned int m_walked = 0;              // threads with a frame
-    bool m_whole = true;                    // every walk ended where it was to
+    tally m_done;                           // answered: walks that ended where they were to
+    bool m_walked = false;                  // there was a frame
     bool m_arguments = false;               // there were some
 };
 
@@ -235,9 +235,14 @@ static json_value thread_record(int pid, const thread_stack &stack, const json_v
 
 void stack_run::show(const thread_stack &stack)
 {
-    m_walked += stack.frames.empty() ? 0 : 1;
     const bool asked_for = stack.end == KRV_PROC_END_LIMIT && m_options.wanted.max_frames != 0;
-    m_whole = m_whole && (asked_for || stack.end == KRV_PROC_END_OUTERMOST);
+    if (stack.frames.empty())
+        m_done.missed();
+    else if (asked_for || stack.end == KRV_PROC_END_OUTERMOST)
+        m_done.answered();
+    else
+        m_done.partly();
+    m_walked = m_walked || !stack.frames.empty();
 
     json_value frames = json_value::array();
     if (!m_out.is_json()) {
@@ -266,7 +271,7 @@ void stack_run::show(const thread_stack &stack)
 void stack_run::tell_notes()
 {
     std::vector<std::string> notes = m_proc->notes();
-    if (m_options.wanted.arguments && !m_arguments && m_walked != 0)
+    if (m_options.wanted.arguments && !m_arguments && m_walked)
         notes.emplace_back("no frame has arguments: compilers write none into the call-frame information, and this "
                            "process has none there");
     constexpr size_t MOST = 10;
@@ -301,7 +306,7 @@ int stack_run::run()
         show(stack);
     m_out.finish();
     tell_notes();
-    return m_walked == 0 ? NOTHING : m_whole ? ANSWERED : PARTLY;
+    return m_done.status();
 }
 
 static int run_stack(const stack_options &options)
