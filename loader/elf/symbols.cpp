@@ -77,6 +77,7 @@ symbol_table::symbol_table(const elf_file &file)
                 continue;
             symtab = type == SHT_SYMTAB;
             sort(&entries);
+            symbols.reserve(entries.size());
             for (const entry &e : entries)
                 symbols.push_back(e.symbol);
             find_stretches(entries);
