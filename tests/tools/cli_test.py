@@ -116,6 +116,25 @@ def test_standard_input(korva, program, folder):
             fail(f'addr: of a file that shrinks: status {talk.returncode}, {told}')
 
 
+def limit_time():
+    resource.setrlimit(resource.RLIMIT_CPU, (10, 10))
+
+
+def test_overlapping_units(korva, folder):
+    """Thousands of units that cover an address and know no line of it are not asked again for the next."""
+    count = 5000
+    source, program = os.path.join(folder, 'units.s'), os.path.join(folder, 'units')
+    with open(source, 'w', encoding='ascii') as file:
+        file.write(f'.globl f\n.type f,@function\nf: .skip {count}\n.size f,.-f\nend:\n'
+                   '.section .debug_abbrev,"",@progbits\n.byte 1,0x11,0,0x11,1,0x12,1,0,0,0\n'
+                   f'.section .debug_info,"",@progbits\n.rept {count}\n'
+                   '.long 2f-1f\n1: .value 4\n.long 0\n.byte 8,1\n.quad f,end\n2:\n.endr\n')
+    answer_of('gcc', '-nostdlib', '-Wl,-e,f', source, '-o', program)
+    result = korva.run('addr', '-e', program, text=''.join(f'f+{i}\n' for i in range(count)), preexec_fn=limit_time)
+    if result.status != 1 or result.out.count('  f  ??:0\n') != count:
+        fail(f'addr: overlapping units: status {result.status}, {result.out[:200]} {result.err[:200]}')
+
+
 def test_names(korva, folder):
     """Names of several functions, of none, and names that unfold to gigabytes."""
     def sequence(number):  # a substitution: S_, S0_, ... S9_, SA_, ...
@@ -146,8 +165,7 @@ def test_names(korva, folder):
         korva.expect(['addr', '-e', program, name], 2, rf'{re.escape(name)}  \?\?  \?\?:0\n',
                      rf'korva: \S+: "{re.escape(name)}" {what}\n')
     for name in (doubling, packs, arguments):  # shown as they are, at once
-        result = korva.run('addr', '-C', '-e', program, name, preexec_fn=lambda: resource.setrlimit(
-            resource.RLIMIT_CPU, (10, 10)))
+        result = korva.run('addr', '-C', '-e', program, name, preexec_fn=limit_time)
         if result.status != 0 or not result.out.split('  ')[1] == name:
             fail(f'addr -C: status {result.status}, {len(result.out)} bytes: {result.out[:200]}')
 
@@ -378,6 +396,7 @@ def main():
         test_gnu_layout(korva, program)
         test_standard_input(korva, program, folder)
         test_names(korva, folder)
+        test_overlapping_units(korva, folder)
         test_json(korva, program, folder)
         test_versions(korva, folder)
         test_damaged_units(korva, program, folder)
