@@ -227,7 +227,7 @@ public:
             korva_fd_attach(hp_, &in, size, KRV_FD_TYPE_MEMORY, const_cast<void *>(description)) == 0 &&
             korva_fd_attach(hp_, &out, room, KRV_FD_TYPE_MEMORY, found->bytes.data()) == 0 &&
             korva_fd_attach(hp_, &valid, room, KRV_FD_TYPE_MEMORY, known.data()) == 0;
-        const result<void> done =
+        result<void> done =
             detail::status(hp_, attached ? korva_expr_execute_expression(hp_, get(), frame.get(), &in,
                                                                          KRV_EXPR_F_LOCATION, outputs, nullptr, nullptr)
                                          : -1);

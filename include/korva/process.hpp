@@ -124,6 +124,7 @@ public:
     result<void> set_files(unsigned int flags, const std::vector<std::string> &debug_dirs = {})
     {
         std::vector<const char *> dirs;
+        dirs.reserve(debug_dirs.size());
         for (const std::string &dir : debug_dirs)
             dirs.push_back(dir.c_str());
         krv_elf_error_t why;
