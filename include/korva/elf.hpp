@@ -22,14 +22,6 @@ inline error loader_error(const krv_elf_error_t &why)
     return {layer::loader, why.code, {why.message}};
 }
 
-/** Strings as C takes them; they live as long as the strings do. */
-inline std::vector<const char *> pointers(const std::vector<std::string> &strings)
-{
-    std::vector<const char *> all(strings.size());
-    std::transform(strings.begin(), strings.end(), all.begin(), [](const std::string &s) { return s.c_str(); });
-    return all;
-}
-
 } // namespace detail
 
 /** An opened file that somebody else owns. What it hands out lives as long as the file. */
@@ -157,7 +149,10 @@ public:
     static result<elf> open(const char *path, unsigned int flags = KRV_ELF_F_NONE,
                             const std::vector<std::string> &debug_dirs = {})
     {
-        const std::vector<const char *> dirs = detail::pointers(debug_dirs);
+        std::vector<const char *> dirs;
+        dirs.reserve(debug_dirs.size());
+        for (const std::string &dir : debug_dirs)
+            dirs.push_back(dir.c_str());
         krv_elf_error_t why;
         krv_elf_t *opened = korva_elf_open_with_debug_dirs(path, flags, dirs.data(), dirs.size(), &why);
         if (opened == nullptr)

@@ -123,7 +123,10 @@ public:
     /** How files of modules are opened from now on, as elf::open does. */
     result<void> set_files(unsigned int flags, const std::vector<std::string> &debug_dirs = {})
     {
-        const std::vector<const char *> dirs = detail::pointers(debug_dirs);
+        std::vector<const char *> dirs;
+        dirs.reserve(debug_dirs.size());
+        for (const std::string &dir : debug_dirs)
+            dirs.push_back(dir.c_str());
         krv_elf_error_t why;
         if (korva_proc_set_files(get(), flags, dirs.data(), dirs.size(), &why) != 0)
             return detail::loader_error(why);
