@@ -59,6 +59,7 @@ struct table_builder {
     uint64_t offset;
     growing_array<krv_abbrev_t, 64> abbrevs;
     growing_array<krv_afpair_t, 512> pairs;
+    growing_array<int64_t, 64> implicit;
 
     table_builder(krv_handle_t *handle, uint64_t where)
         : hp(handle), fdp(&handle->sh_sec[KRV_SEC_ABBREV]), offset(where)
@@ -92,6 +93,29 @@ static void illegal_pair(table_builder *t, uint32_t number, const krv_abbrev_t *
              form == 0 ? "0" : krv_name_or_unknown(KRV_DEF_FORM, form));
 }
 
+// A form, as it is written, or by its code where extensions are known.
+static bool read_form(table_builder *t, krv_form_t *formp)
+{
+    if (t->hp->sh_ext == 0)
+        return krv_decode(t->fdp, DW_FORM_udata, formp) == 0;
+    uint64_t written = 0;
+    if (krv_decode(t->fdp, DW_FORM_udata, &written) != 0)
+        return false;
+    *formp = krv_extended_form(written);
+    return true;
+}
+
+// The value that stands behind DW_FORM_implicit_const.
+static bool read_implicit(table_builder *t, bool is_kept)
+{
+    int64_t value = 0;
+    if (krv_decode(t->fdp, DW_FORM_sdata, &value) != 0 || !t->implicit.reserve(t->hp, 1))
+        return false;
+    *t->implicit.end() = value;
+    t->implicit.size += is_kept ? 1 : 0;
+    return true;
+}
+
 // Reads one pair: `next` when more may follow, `done` or `cut` when it ended the list.
 static outcome read_pair(table_builder *t, krv_abbrev_t *abbrev)
 {
@@ -103,7 +127,7 @@ static outcome read_pair(table_builder *t, krv_abbrev_t *abbrev)
                  static_cast<unsigned long>(number), abbrev->dwa_code, t->shown_offset());
         return outcome::failed;
     }
-    if (krv_decode(t->fdp, DW_FORM_udata, &form) != 0) {
+    if (!read_form(t, &form)) {
         krv_note(t->hp, "failed to read form %d for abbreviation %d at offset %lu", static_cast<int>(number),
                  static_cast<int>(abbrev->dwa_code), t->shown_offset());
         return outcome::failed;
@@ -112,6 +136,11 @@ static outcome read_pair(table_builder *t, krv_abbrev_t *abbrev)
         return outcome::done;
     if (attribute == 0 || form == 0)
         illegal_pair(t, number, abbrev, attribute, form);
+    if (form == KRV_EXT_DW_FORM_implicit_const && t->hp->sh_ext != 0 && !read_implicit(t, attribute != 0)) {
+        krv_note(t->hp, "failed to read the value of pair %d for abbreviation %d at offset %lu",
+                 static_cast<int>(number), static_cast<int>(abbrev->dwa_code), t->shown_offset());
+        return outcome::failed;
+    }
     if (!append_pair(t, attribute, form))
         return outcome::failed;
     if (attribute == 0)
@@ -201,32 +230,80 @@ struct table_pairs {
     table_builder *t;
 
     bool reserve() { return t->pairs.reserve(t->hp, AT_ONCE); }
-    void copy(const uint8_t *from) { copy_short_pairs(from, t->pairs.end()); }
-    void put(krv_afpair_t pair) { *t->pairs.end() = pair; }
+    krv_afpair_t *end() { return t->pairs.end(); }
+    void copy(const uint8_t *from) { copy_short_pairs(from, end()); }
+    void put(krv_afpair_t pair) { *end() = pair; }
+    bool put_implicit(int64_t value)
+    {
+        if (!t->implicit.reserve(t->hp, 1))
+            return false;
+        t->implicit.at[t->implicit.size++] = value;
+        return true;
+    }
     void keep(uint32_t count) { t->pairs.size += count; }
 };
 
 struct single_pairs {
     krv_single_abbrev_t *single;
+    int64_t *implicit = single->ssa_implicit;
 
     krv_afpair_t *end() { return single->ssa_pairs + single->ssa_abbrev.dwa_nafpairs; }
     bool reserve() { return std::end(single->ssa_pairs) - end() >= ptrdiff_t{AT_ONCE}; }
     void copy(const uint8_t *from) { copy_short_pairs(from, end()); }
     void put(krv_afpair_t pair) { *end() = pair; }
+    bool put_implicit(int64_t value)
+    {
+        if (implicit == std::end(single->ssa_implicit))
+            return false;
+        *implicit++ = value;
+        return true;
+    }
     void keep(uint32_t count) { single->ssa_abbrev.dwa_nafpairs += count; }
 };
 
 struct no_pairs {
+    krv_afpair_t unused[AT_ONCE];
+
     bool reserve() { return true; }
+    krv_afpair_t *end() { return unused; }
     void copy(const uint8_t *) {}
     void put(krv_afpair_t) {}
+    bool put_implicit(int64_t) { return true; }
     void keep(uint32_t) {}
 };
 
 } // namespace
 
+// Forms as they are written, and those among them that a value follows.
+struct base_forms {
+    static constexpr bool ARE_EXTENDED = false;
+    static constexpr uint64_t MOST = UINT8_MAX;
+};
+
+// Forms by their codes where extensions are known.
+struct extended_forms {
+    static constexpr bool ARE_EXTENDED = true;
+    static constexpr uint64_t MOST = UINT32_MAX;
+};
+
+constexpr auto EXTENDED_FORMS = [] {
+    std::array<krv_form_t, 256> codes{};
+    for (size_t i = 0; i < codes.size(); ++i)
+        codes[i] = krv_extended_form(i);
+    return codes;
+}();
+
+// Of `count` short pairs, those before the first one with a value behind it.
+static inline uint32_t count_without_value(const uint8_t *from, uint32_t count)
+{
+    for (uint32_t i = 0; i < count; ++i)
+        if (from[2 * i + 1] == DW_FORM_implicit_const)
+            return i;
+    return count;
+}
+
 // Steps over the pairs of one abbreviation and their (0, 0). False: irregular or cut off, or no room.
-template <typename Pairs>
+template <typename Forms, typename Pairs>
 static inline bool scan_pairs(Pairs pairs, const uint8_t **where, const uint8_t *end)
 {
     const uint8_t *&at = *where;
@@ -235,8 +312,13 @@ static inline bool scan_pairs(Pairs pairs, const uint8_t **where, const uint8_t 
             return false;
         if (end - at >= 2 * ptrdiff_t{AT_ONCE}) {
             const uint64_t other = find_other_pair(at);
-            const uint32_t count = other == 0 ? AT_ONCE : static_cast<uint32_t>(__builtin_ctzll(other)) / 16;
+            uint32_t count = other == 0 ? AT_ONCE : static_cast<uint32_t>(__builtin_ctzll(other)) / 16;
             pairs.copy(at);
+            if constexpr (Forms::ARE_EXTENDED) {
+                count = count_without_value(at, count);
+                for (uint32_t i = 0; i < count; ++i)
+                    pairs.end()[i].dwafp_form = EXTENDED_FORMS[at[2 * i + 1]];
+            }
             pairs.keep(count);
             at += 2 * count;
             if (count == AT_ONCE)
@@ -247,11 +329,21 @@ static inline bool scan_pairs(Pairs pairs, const uint8_t **where, const uint8_t 
             }
         }
         uint64_t attribute, form;
-        if (!scan_number(&at, end, UINT16_MAX, &attribute) || !scan_number(&at, end, UINT8_MAX, &form) ||
+        if (!scan_number(&at, end, UINT16_MAX, &attribute) || !scan_number(&at, end, Forms::MOST, &form) ||
             (attribute == 0) != (form == 0))
             return false;
         if (attribute == 0)
             return true;
+        if constexpr (Forms::ARE_EXTENDED) {
+            if (form == DW_FORM_implicit_const) {
+                int64_t value = 0;
+                const unsigned int width = krv_scan_sleb128({at, static_cast<uint64_t>(end - at)}, &value);
+                if (width == 0 || !pairs.put_implicit(value))
+                    return false;
+                at += width;
+            }
+            form = krv_extended_form(form);
+        }
         pairs.put({static_cast<krv_attribute_t>(attribute), static_cast<krv_form_t>(form)});
         pairs.keep(1);
     }
@@ -275,6 +367,12 @@ static inline bool scan_head(const uint8_t **where, const uint8_t *end, krv_abbr
     return true;
 }
 
+template <typename Pairs>
+static inline bool scan_pairs_of(const krv_handle_t *hp, const Pairs &pairs, const uint8_t **where, const uint8_t *end)
+{
+    return hp->sh_ext == 0 ? scan_pairs<base_forms>(pairs, where, end) : scan_pairs<extended_forms>(pairs, where, end);
+}
+
 // Reads the abbreviations that are in memory and regular, as nearly all are: `done` at the null code, `next` where
 // its twin, read_abbrev, has to see what comes.
 static outcome scan_abbrevs(table_builder *t)
@@ -289,8 +387,10 @@ static outcome scan_abbrevs(table_builder *t)
             result = outcome::done;
         } else {
             abbrev.dwa_afpair_start = t->pairs.size;
-            if (!t->abbrevs.reserve(t->hp, 1) || !scan_pairs(table_pairs{t}, &at, end)) {
+            const uint64_t implicit = t->implicit.size;
+            if (!t->abbrevs.reserve(t->hp, 1) || !scan_pairs_of(t->hp, table_pairs{t}, &at, end)) {
                 t->pairs.size = abbrev.dwa_afpair_start;
+                t->implicit.size = implicit;
                 break;
             }
             abbrev.dwa_nafpairs = static_cast<uint32_t>(t->pairs.size - abbrev.dwa_afpair_start);
@@ -328,17 +428,25 @@ static int sort_codes(krv_handle_t *hp, krv_au_t *au)
 static krv_au_t *make_unit(table_builder *t)
 {
     const uint64_t abbrevs_size = t->abbrevs.size * sizeof(krv_abbrev_t);
+    const uint64_t implicit_size = t->implicit.size * sizeof(int64_t);
     const uint64_t pairs_size = t->pairs.size * sizeof(krv_afpair_t);
-    krv_owner<krv_au_t> au(static_cast<krv_au_t *>(krv_alloc(t->hp, sizeof(krv_au_t) + abbrevs_size + pairs_size)));
+    krv_owner<krv_au_t> au(
+        static_cast<krv_au_t *>(krv_alloc(t->hp, sizeof(krv_au_t) + abbrevs_size + implicit_size + pairs_size)));
     if (au == nullptr)
         return nullptr;
     auto *abbrevs = reinterpret_cast<krv_abbrev_t *>(au.get() + 1);
-    auto *pairs = reinterpret_cast<krv_afpair_t *>(abbrevs + t->abbrevs.size);
+    auto *implicit = reinterpret_cast<int64_t *>(abbrevs + t->abbrevs.size);
+    auto *pairs = reinterpret_cast<krv_afpair_t *>(implicit + t->implicit.size);
+    std::memcpy(implicit, t->implicit.at, implicit_size);
     std::memcpy(pairs, t->pairs.at, pairs_size);
     bool in_order = true;
     for (uint64_t i = 0; i < t->abbrevs.size; ++i) {
         abbrevs[i] = t->abbrevs.at[i];
         abbrevs[i].dwa_afpairs = t->pairs.size == 0 ? nullptr : pairs + abbrevs[i].dwa_afpair_start;
+        if (implicit_size != 0) {
+            abbrevs[i].dwa_implicit = implicit;
+            implicit += krv_abbrev_implicit_count(&abbrevs[i]);
+        }
         in_order = in_order && abbrevs[i].dwa_code == i + 1;
     }
     *au = {t->abbrevs.size == 0 ? nullptr : abbrevs,
@@ -348,6 +456,15 @@ static krv_au_t *make_unit(table_builder *t)
            nullptr,
            t->offset};
     return in_order || sort_codes(t->hp, au.get()) == 0 ? au.release() : nullptr;
+}
+
+uint32_t krv_abbrev_implicit_count(const krv_abbrev_t *abbrev)
+{
+    if (abbrev->dwa_implicit == nullptr)
+        return 0;
+    return static_cast<uint32_t>(
+        std::count_if(abbrev->dwa_afpairs, abbrev->dwa_afpairs + abbrev->dwa_nafpairs,
+                      [](krv_afpair_t pair) { return pair.dwafp_form == KRV_EXT_DW_FORM_implicit_const; }));
 }
 
 krv_au_t *krv_abbrev_unit_alloc(krv_handle_t *hp, uint64_t offset)
@@ -385,8 +502,8 @@ static krv_hash_t *get_auphash(krv_handle_t *hp)
 }
 
 // Checks a table, or, when `first_only`, reads its first abbreviation. *where stops behind it, or where it fails.
-static bool check_abbrevs(const uint8_t **where, const uint8_t *end, uint64_t code, bool first_only,
-                          krv_single_abbrev_t *single)
+static bool check_abbrevs(const krv_handle_t *hp, const uint8_t **where, const uint8_t *end, uint64_t code,
+                          bool first_only, krv_single_abbrev_t *single)
 {
     const uint8_t *&at = *where;
     bool found = false;
@@ -402,9 +519,10 @@ static bool check_abbrevs(const uint8_t **where, const uint8_t *end, uint64_t co
         if (wanted) {
             single->ssa_abbrev = abbrev;
             single->ssa_abbrev.dwa_afpairs = single->ssa_pairs;
+            single->ssa_abbrev.dwa_implicit = hp->sh_ext == 0 ? nullptr : single->ssa_implicit;
             found = true;
         }
-        if (!(wanted ? scan_pairs(single_pairs{single}, &at, end) : scan_pairs(no_pairs(), &at, end)))
+        if (!(wanted ? scan_pairs_of(hp, single_pairs{single}, &at, end) : scan_pairs_of(hp, no_pairs(), &at, end)))
             return false;
     }
     return found;
@@ -423,7 +541,7 @@ bool krv_abbrev_check_table(krv_handle_t *hp, krv_offset_t offset, uint64_t code
     if (again ? code != 1 : offset < hp->sh_abbrev_checked_end)
         return false;
     const uint8_t *at = fdp->sfd_u.buf + offset;
-    const bool found = check_abbrevs(&at, fdp->sfd_u.buf + fdp->sfd_size, code, again, single);
+    const bool found = check_abbrevs(hp, &at, fdp->sfd_u.buf + fdp->sfd_size, code, again, single);
     if (!again) {
         hp->sh_abbrev_checked = found ? offset : NONE;
         hp->sh_abbrev_checked_end = static_cast<uint64_t>(at - fdp->sfd_u.buf);

@@ -24,6 +24,7 @@ struct krv_abbrev_t {
     uint32_t dwa_nafpairs;     // without the terminating (0, 0)
     krv_afpair_t *dwa_afpairs; // inside the table's pair array
     size_t dwa_afpair_start;   // index of the first one there
+    int64_t *dwa_implicit; // values of its pairs of DW_FORM_implicit_const, in their order; inside the table's array
 };
 
 // One table.
@@ -40,7 +41,11 @@ struct krv_au_t {
 struct krv_single_abbrev_t {
     krv_abbrev_t ssa_abbrev;
     krv_afpair_t ssa_pairs[64];
+    int64_t ssa_implicit[16];
 };
+
+// Pairs of DW_FORM_implicit_const.
+uint32_t krv_abbrev_implicit_count(const krv_abbrev_t *abbrev);
 
 // While units are read, only their first entries need an abbreviation, but a damaged table has to fail them. Reads the
 // whole table at `offset` and keeps the one abbreviation with `code`. False, with nothing changed but *single, where only

@@ -4,6 +4,7 @@
 #include "krv_code.h"
 
 #include "krv_dwarf.h"
+#include "krv_ext.h"
 #include "krv_fd.h"
 #include "krv_names.h"
 
@@ -38,9 +39,16 @@ unsigned int krv_scan_sleb128(krv_view_t view, int64_t *valuep)
     return count;
 }
 
+// The row of a form that has one, or was found in no table.
+static krv_form_row_t row_of(krv_form_t form)
+{
+    return krv_form_row(form, KRV_ALL_FORMS);
+}
+
+// Likewise.
 static const char *form_name(krv_form_t form)
 {
-    return krv_name_or_unknown(KRV_DEF_FORM, form);
+    return krv_form_name(form, true);
 }
 
 static int decode_number(krv_fd_t *fdp, krv_form_t form, const krv_encoding_t &encoding, bool is_signed, void *dst,
@@ -49,7 +57,7 @@ static int decode_number(krv_fd_t *fdp, krv_form_t form, const krv_encoding_t &e
     krv_handle_t *hp = fdp->sfd_hp;
     if (sizep != nullptr || dst == nullptr)
         return krv_fail_code(hp, KRV_ERR_INVALID);
-    const size_t width = krv_form_width(krv_form_row(form), encoding);
+    const size_t width = krv_form_width(row_of(form), encoding);
     if (width > fdp->sfd_remaining)
         return krv_fail(hp, KRV_ERR_CORRUPT, "form %s requires %zu byte%s;  %lu remaining", form_name(form), width,
                         width == 1 ? "" : "s", static_cast<unsigned long>(fdp->sfd_remaining));
@@ -85,7 +93,7 @@ static int decode_leb128(krv_fd_t *fdp, krv_form_t form, void *dst, size_t size,
     krv_handle_t *hp = fdp->sfd_hp;
     if (sizep != nullptr || dst == nullptr)
         return krv_fail_code(hp, KRV_ERR_INVALID);
-    const bool is_signed = krv_form_row(form).family == krv_family_t::sleb128;
+    const bool is_signed = row_of(form).family == krv_family_t::sleb128;
 
     size_t available = fdp->sfd_remaining < LEB128_MAX_BYTES ? fdp->sfd_remaining : LEB128_MAX_BYTES;
     uint8_t local[LEB128_MAX_BYTES];
@@ -106,7 +114,8 @@ static int decode_leb128(krv_fd_t *fdp, krv_form_t form, void *dst, size_t size,
         if (count == available)
             return krv_fail(hp, KRV_ERR_CORRUPT, "%s datum unterminated by end of section", form_name(form));
         const uint8_t byte = bytes[count];
-        if (count + 1 == LEB128_MAX_BYTES && byte != (is_signed ? 0x7f : 0x01))
+        if (count + 1 == LEB128_MAX_BYTES && byte != (is_signed ? 0x7f : 0x01) &&
+            (byte != 0x00 || !krv_reads_as_written(hp))) // a positive number that is padded to ten bytes
             return krv_fail(hp, KRV_ERR_NOSPACE, "%s datum exceeds 64-bit storage", form_name(form));
         value |= uint64_t{byte & 0x7fU} << (7 * count);
         ++count;
@@ -180,7 +189,7 @@ krv_form_t krv_data_form(unsigned int size)
 // How the length of a block is encoded.
 static krv_form_t block_length_form(krv_form_t form)
 {
-    const unsigned int width = krv_form_row(form).width;
+    const unsigned int width = row_of(form).width;
     return width == 0 ? krv_form_t{DW_FORM_udata} : krv_data_form(width);
 }
 
@@ -190,9 +199,11 @@ static int decode_block(krv_fd_t *fdp, krv_form_t form, const krv_encoding_t &en
     krv_handle_t *hp = fdp->sfd_hp;
 
     krv_fd_t fd = *fdp;
-    uint64_t length = 0;
+    const bool is_fixed = row_of(form).family == krv_family_t::bytes;
+    uint64_t length = is_fixed ? row_of(form).width : 0;
     const krv_form_t length_form = block_length_form(form);
-    const int result = length_form == DW_FORM_udata
+    const int result = is_fixed ? 0
+                       : length_form == DW_FORM_udata
                            ? decode_leb128(&fd, length_form, &length, sizeof(length), nullptr)
                            : decode_number(&fd, length_form, encoding, is_signed, &length, sizeof(length), nullptr);
     if (result != 0)
@@ -222,17 +233,27 @@ static int decode_block(krv_fd_t *fdp, krv_form_t form, const krv_encoding_t &en
     return 0;
 }
 
-static int decode_strp(krv_fd_t *fdp, const krv_encoding_t &encoding, bool is_signed, void *dst, size_t size,
-                       size_t *sizep)
+// The section that the offset of a string leads into.
+static krv_secidx_t string_section(krv_family_t family)
+{
+    return family == krv_family_t::line_strp  ? krv_secidx_t{KRV_SEC_EXT_LINE_STR}
+           : family == krv_family_t::alt_strp ? krv_secidx_t{KRV_SEC_EXT_ALT_STR}
+                                              : krv_secidx_t{KRV_SEC_STR};
+}
+
+static int decode_strp(krv_fd_t *fdp, krv_form_t form, const krv_encoding_t &encoding, bool is_signed, void *dst,
+                       size_t size, size_t *sizep)
 {
     krv_handle_t *hp = fdp->sfd_hp;
     krv_fd_t fd = *fdp;
     uint64_t offset = 0;
     if (decode_number(&fd, DW_FORM_sec_offset, encoding, is_signed, &offset, sizeof(offset), nullptr) != 0)
-        return krv_note(hp, "unable to decode DW_FORM_strp");
-    krv_fd_t str = hp->sh_sec[KRV_SEC_STR];
+        return krv_note(hp, "unable to decode %s", form_name(form));
+    const krv_secidx_t sec = string_section(row_of(form).family);
+    krv_fd_t str = *krv_section(hp, sec);
     if (korva_fd_seek(&str, offset, KRV_FD_SEEK_SET) != 0)
-        return krv_note(hp, "cannot seek to offset %lu in .debug_str", static_cast<unsigned long>(offset));
+        return krv_note(hp, "cannot seek to offset %lu in %s", static_cast<unsigned long>(offset),
+                        krv_section_name(sec));
     if (decode_string(&str, dst, size, sizep) != 0)
         return -1;
     if (dst != nullptr)
@@ -254,10 +275,17 @@ krv_datum_t krv_string_in_memory(const krv_fd_t *fdp, krv_form_t form, const krv
 {
     if (form == DW_FORM_string)
         return string_in_view(krv_fd_view(fdp));
-    const krv_fd_t &str = fdp->sfd_hp->sh_sec[KRV_SEC_STR];
+    krv_secidx_t sec = KRV_SEC_STR;
+    if (form != DW_FORM_strp) {
+        const krv_family_t family = krv_form_row(form, encoding.forms).family;
+        if (family != krv_family_t::line_strp && family != krv_family_t::alt_strp)
+            return {};
+        sec = string_section(family);
+    }
+    const krv_fd_t &str = *krv_section(fdp->sfd_hp, sec);
     const krv_view_t view = krv_fd_view(fdp);
     const size_t width = encoding.is_dwarf64 ? 8 : 4;
-    if (form != DW_FORM_strp || krv_fd_is_cb(&str) || view.size < width)
+    if (krv_fd_is_cb(&str) || view.size < width)
         return {};
     uint64_t offset = 0;
     std::memcpy(&offset, view.bytes, width);
@@ -271,9 +299,10 @@ krv_datum_t krv_string_in_memory(const krv_fd_t *fdp, krv_form_t form, const krv
 krv_datum_t krv_block_in_memory(const krv_fd_t *fdp, krv_form_t form)
 {
     krv_fd_t fd = *fdp;
-    uint64_t length;
-    if (krv_form_row(form).family != krv_family_t::block ||
-        !krv_decode_in_memory(&fd, block_length_form(form), {}, &length))
+    uint64_t length = row_of(form).width;
+    const krv_family_t family = row_of(form).family;
+    if (family != krv_family_t::bytes &&
+        (family != krv_family_t::block || !krv_decode_in_memory(&fd, block_length_form(form), {}, &length)))
         return {};
     const krv_view_t view = krv_fd_view(&fd);
     if (length > view.size)
@@ -285,10 +314,16 @@ int krv_decode_indirect(krv_fd_t *fdp, krv_form_t *formp)
 {
     krv_clear_error(fdp->sfd_hp);
     krv_fd_t fd = *fdp;
+    const bool is_extended = fdp->sfd_hp->sh_ext != 0;
     krv_form_t form = DW_FORM_indirect;
-    while (form == DW_FORM_indirect) // each turn consumes a byte at least
-        if (decode_leb128(&fd, DW_FORM_udata, &form, sizeof(form), nullptr) != 0)
+    while (form == DW_FORM_indirect) { // each turn consumes a byte at least
+        uint64_t written = 0;
+        if ((is_extended ? decode_leb128(&fd, DW_FORM_udata, &written, sizeof(written), nullptr)
+                         : decode_leb128(&fd, DW_FORM_udata, &form, sizeof(form), nullptr)) != 0)
             return krv_note(fdp->sfd_hp, "unable to decode DW_FORM_indirect");
+        if (is_extended)
+            form = krv_extended_form(written);
+    }
     *fdp = fd;
     *formp = form;
     return 0;
@@ -313,7 +348,7 @@ int krv_decode_form(krv_fd_t *fdp, krv_form_t form, const krv_encoding_t &encodi
     krv_clear_error(hp);
     if (dst != nullptr && sizep != nullptr)
         return krv_fail_code(hp, KRV_ERR_INVALID);
-    switch (krv_form_row(form).family) {
+    switch (krv_form_row(form, encoding.forms).family) {
     case krv_family_t::number:
         return decode_number(fdp, form, encoding, is_signed, dst, size, sizep);
     case krv_family_t::uleb128:
@@ -322,33 +357,38 @@ int krv_decode_form(krv_fd_t *fdp, krv_form_t form, const krv_encoding_t &encodi
     case krv_family_t::string:
         return decode_string(fdp, dst, size, sizep);
     case krv_family_t::strp:
-        return decode_strp(fdp, encoding, is_signed, dst, size, sizep);
+    case krv_family_t::line_strp:
+    case krv_family_t::alt_strp:
+        return decode_strp(fdp, form, encoding, is_signed, dst, size, sizep);
     case krv_family_t::block:
+    case krv_family_t::bytes:
         return decode_block(fdp, form, encoding, is_signed, dst, size, sizep);
     case krv_family_t::indirect:
         return decode_indirect(fdp, encoding, is_signed, dst, size, sizep);
     case krv_family_t::present:
-        return 0; // nothing read, nothing stored
+        return 0;                // nothing read, nothing stored
+    case krv_family_t::implicit: // whoever has the abbreviation knows its value
     case krv_family_t::opaque:
     case krv_family_t::unknown:
         break;
     }
     return krv_fail(hp, KRV_ERR_INVALID, "decoder passed invalid form %hhd (%s)", static_cast<signed char>(form),
-                    form_name(form));
+                    krv_form_name(form, encoding.is_extended()));
 }
 
 int korva_decode_form(krv_fd_t *fdp, krv_form_t form, uint32_t flags, void *dst, size_t size, size_t *sizep)
 {
     if (fdp == nullptr || fdp->sfd_hp == nullptr)
         return -1;
-    return krv_decode_form(fdp, form, krv_encoding(fdp->sfd_hp, flags), (flags & KRV_FORM_F_SIGNED) != 0, dst, size,
-                           sizep);
+    const krv_encoding_t encoding = krv_encoding(fdp->sfd_hp, flags);
+    return krv_decode_form(fdp, encoding.is_extended() ? krv_extended_form(form) : form, encoding,
+                           (flags & KRV_FORM_F_SIGNED) != 0, dst, size, sizep);
 }
 
 bool krv_read_unit_length(krv_fd_t *fdp, const krv_length_texts_t &texts, krv_unit_length_t *ul)
 {
     const auto read = [fdp](size_t width, uint64_t *lengthp) {
-        const krv_encoding_t encoding = {width == 8, 0, 0, nullptr};
+        const krv_encoding_t encoding = {.is_dwarf64 = width == 8};
         return krv_decode(fdp, DW_FORM_sec_offset, encoding, lengthp) == 0;
     };
     switch (krv_scan_unit_length(fdp->sfd_offset, read, ul)) {

@@ -43,10 +43,16 @@ inline const uint8_t *krv_scan_short_uleb128(const uint8_t *at, const uint8_t *e
     return at + 1;
 }
 
+// The forms that a handle knows.
+inline uint8_t krv_forms(const krv_handle_t *hp)
+{
+    return hp->sh_ext == 0 ? KRV_BASE_FORMS : KRV_ALL_FORMS;
+}
+
 // The encoding of what belongs to no unit. Flags are those of korva_decode_form.
 inline krv_encoding_t krv_encoding(const krv_handle_t *hp, uint32_t flags = 0)
 {
-    return {(flags & KRV_FORM_F_DWARF64) != 0, static_cast<uint8_t>(hp->sh_target_size), 0, nullptr};
+    return {(flags & KRV_FORM_F_DWARF64) != 0, static_cast<uint8_t>(hp->sh_target_size), 0, krv_forms(hp)};
 }
 
 // As korva_decode_form, in an encoding and not by flags. `is_signed`: extend a number of fixed width by its sign.
@@ -65,7 +71,7 @@ constexpr auto krv_number_widths = krv_make_number_widths();
 
 inline size_t krv_number_width(krv_form_t form, const krv_encoding_t &encoding)
 {
-    const size_t width = form < krv_number_widths.size() ? krv_number_widths[form] : 0;
+    const size_t width = form < encoding.forms ? krv_number_widths[form] : 0;
     if (width <= sizeof(uint64_t))
         return width;
     const bool is_long = width == KRV_WIDTH_ADDRESS ? encoding.address_size != 4 : encoding.is_dwarf64;

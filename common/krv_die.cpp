@@ -16,14 +16,22 @@ using die_owner = std::unique_ptr<krv_die_t, krv_die_deleter>;
 // Values
 // ---------------------------------------------------------------------------------------------------------------
 
-static bool is_block(krv_form_t form)
+static bool is_block(const krv_form_row_t &row)
 {
-    return (krv_get_form_class(form) & (KRV_CLASS_BLOCK | KRV_CLASS_EXPRLOC)) != 0;
+    return row.family == krv_family_t::block || row.family == krv_family_t::bytes;
 }
 
-static bool is_string(krv_form_t form)
+static bool is_string(const krv_form_row_t &row)
 {
-    return (krv_get_form_class(form) & KRV_CLASS_STRING) != 0;
+    switch (row.family) {
+    case krv_family_t::string:
+    case krv_family_t::strp:
+    case krv_family_t::line_strp:
+    case krv_family_t::alt_strp:
+        return true;
+    default:
+        return false;
+    }
 }
 
 // An allocation that the entry frees. Behind it is what a value points to.
@@ -98,9 +106,10 @@ static bool read_value(krv_fd_t *fdp, const krv_encoding_t &encoding, krv_form_t
         return true;
     if (form == DW_FORM_indirect && krv_decode_indirect(fdp, &value->sa_actual) != 0)
         return false;
-    if (is_string(value->sa_actual))
+    const krv_form_row_t row = krv_form_row(value->sa_actual, encoding.forms);
+    if (is_string(row))
         return read_string(fdp, encoding, die, value);
-    if (is_block(value->sa_actual))
+    if (is_block(row))
         return read_block(fdp, encoding, die, value);
     value->sa_u.su_unsigned = value->sa_actual == DW_FORM_flag_present ? 1 : 0;
     return krv_decode(fdp, value->sa_actual, encoding, &value->sa_u.su_unsigned) == 0;
@@ -135,6 +144,7 @@ krv_au_t *krv_cu_abbrevs(krv_handle_t *hp, krv_ctu_t *cu)
 static bool read_values(krv_fd_t *fdp, const krv_encoding_t &encoding, const krv_abbrev_t *abbrev, krv_die_t *die)
 {
     const krv_view_t view = krv_fd_view(fdp);
+    const int64_t *implicit = abbrev->dwa_implicit;
     uint64_t done = 0;
     for (uint32_t i = 0; i < abbrev->dwa_nafpairs; ++i) {
         const krv_form_t form = abbrev->dwa_afpairs[i].dwafp_form;
@@ -148,13 +158,18 @@ static bool read_values(krv_fd_t *fdp, const krv_encoding_t &encoding, const krv
             done += width;
             continue;
         }
+        if (form == KRV_EXT_DW_FORM_implicit_const && encoding.is_extended()) {
+            value->sa_u.su_signed = *implicit++;
+            value->sa_form = value->sa_actual = form;
+            continue;
+        }
         krv_fd_t fd = *fdp;
         krv_fd_advance(&fd, done);
         if (!read_value(&fd, encoding, form, die, value)) {
             if (fdp->sfd_hp->sh_errno != KRV_ERR_NOMEM)
                 krv_note(fdp->sfd_hp, "failed to read DIE's datum %d (%s attribute encoded as %s form)",
                          static_cast<int>(i), krv_name_or_unknown(KRV_DEF_AT, abbrev->dwa_afpairs[i].dwafp_attribute),
-                         krv_name_or_unknown(KRV_DEF_FORM, form));
+                         krv_form_name(form, encoding.is_extended()));
             return false;
         }
         done = fd.sfd_offset - fdp->sfd_offset;
@@ -179,8 +194,44 @@ static krv_abbrev_t *find_abbrev(krv_handle_t *hp, krv_au_t *au, uint64_t code)
     return abbrev;
 }
 
+// Puts the strings and addresses of an entry, which are read as indices, where their indices lead. What they lead through
+// is the unit's.
+static bool resolve_indices(krv_handle_t *hp, const krv_ctu_t *cu, krv_die_t *die)
+{
+    const krv_encoding_t encoding = krv_cu_encoding(hp, cu);
+    const krv_abbrev_t *abbrev = die->dwdie_abbrev_cache;
+    for (uint32_t i = 0; i < abbrev->dwa_nafpairs; ++i) {
+        krv_value_t *value = &die->dwdie_attrs[i];
+        if (!krv_is_extended_form(value->sa_actual))
+            continue;
+        const krv_form_row_t row = krv_form_row(value->sa_actual, KRV_ALL_FORMS);
+        const bool is_text = row.classes == KRV_CLASS_STRING && !is_string(row);
+        if (!is_text && row.classes != KRV_CLASS_ADDRESS)
+            continue;
+        uint64_t number = 0;
+        bool sound = krv_cu_read_indexed(hp, cu, is_text ? KRV_BASE_STR_OFFSETS : KRV_BASE_ADDR,
+                                         value->sa_u.su_unsigned, &number);
+        value->sa_actual = is_text ? DW_FORM_strp : DW_FORM_addr;
+        if (sound && is_text) { // as if the offset had been written in place of the index
+            uint8_t offset[sizeof(number)];
+            std::memcpy(offset, &number, sizeof(number));
+            krv_fd_t fd;
+            krv_fd_attach_mem(hp, &fd, sizeof(offset), offset);
+            sound = read_string(&fd, encoding, die, value);
+        } else {
+            value->sa_u.su_unsigned = number;
+        }
+        if (!sound) {
+            krv_note(hp, "failed to read DIE's datum %u (attribute 0x%x encoded as %s form)", i,
+                     abbrev->dwa_afpairs[i].dwafp_attribute, krv_form_name(value->sa_form, true));
+            return false;
+        }
+    }
+    return true;
+}
+
 // Reads the entry whose code the cursor stands behind. NULL: messages pushed.
-static krv_die_t *read_die(krv_handle_t *hp, krv_fd_t *fdp, krv_ctu_t *cu, krv_abbrev_t *abbrev)
+static krv_die_t *read_die(krv_handle_t *hp, krv_fd_t *fdp, krv_ctu_t *cu, krv_abbrev_t *abbrev, bool is_first)
 {
     const size_t slots = abbrev->dwa_nafpairs == 0 ? 1 : abbrev->dwa_nafpairs;
     die_owner die(
@@ -190,7 +241,15 @@ static krv_die_t *read_die(krv_handle_t *hp, krv_fd_t *fdp, krv_ctu_t *cu, krv_a
     die->dwdie_abbrev_cache = abbrev;
     die->dwdie_parts = nullptr;
     die->dwdie_copied = 0;
-    return read_values(fdp, krv_cu_encoding(hp, cu), abbrev, die.get()) ? die.release() : nullptr;
+    if (!read_values(fdp, krv_cu_encoding(hp, cu), abbrev, die.get()))
+        return nullptr;
+    if (hp->sh_ext != 0) {
+        if (is_first)
+            krv_cu_take_bases(cu, die.get());
+        if (!resolve_indices(hp, cu, die.get()))
+            return nullptr;
+    }
+    return die.release();
 }
 
 // Attributes that a walk over entries of a unit may read: those without bytes (DW_FORM_flag_present) are few among the
@@ -237,7 +296,7 @@ static bool take_attributes(krv_handle_t *hp, const krv_abbrev_t *abbrev, uint64
             abbrev = find_abbrev(hp, au, code);
         }
         if (abbrev != nullptr && take_attributes(hp, abbrev, section_offset, left))
-            die = read_die(hp, fdp, cu, abbrev);
+            die = read_die(hp, fdp, cu, abbrev, single != nullptr);
     }
     if (die == nullptr) {
         krv_note(hp, "could not allocate DIE at %+lld within CU at %lld within %s", static_cast<long long>(offset),
@@ -277,12 +336,25 @@ krv_die_t *krv_alloc_first_die(krv_handle_t *hp, krv_ctu_t *cu, krv_single_abbre
     return alloc_die(hp, cu, cu->dcu_header_size, single, &left);
 }
 
+krv_die_t *krv_alloc_no_die(krv_handle_t *hp, krv_ctu_t *cu)
+{
+    static krv_abbrev_t none = {};
+    auto *die = krv_new<krv_die_t>(hp);
+    if (die == nullptr)
+        return nullptr;
+    die->dwdie_abbrev_cache = &none;
+    die->dwdie_parent_cu = cu;
+    die->dwdie_cu_offset = cu->dcu_header_size;
+    die->dwdie_section_offset = krv_add_offset(cu->dcu_offset, cu->dcu_header_size);
+    return die;
+}
+
 // The class of a value's form. Behind DW_FORM_indirect, which has none, strings and blocks are what they are.
 static uint32_t value_class(krv_form_t form, krv_form_t actual)
 {
     if (form == DW_FORM_indirect)
-        return krv_get_form_class(actual) & (KRV_CLASS_STRING | KRV_CLASS_BLOCK | KRV_CLASS_EXPRLOC);
-    return krv_get_form_class(form);
+        return krv_form_row(actual, KRV_ALL_FORMS).classes & (KRV_CLASS_STRING | KRV_CLASS_BLOCK | KRV_CLASS_EXPRLOC);
+    return krv_form_row(form, KRV_ALL_FORMS).classes; // of values that were read
 }
 
 int krv_get_die_attr(krv_handle_t *hp, krv_die_t *die, krv_attribute_t attr, krv_form_t *formp, int *classp,
@@ -319,14 +391,18 @@ int krv_get_die_tag(krv_handle_t *hp, krv_die_t *die, krv_tag_t *tagp)
 // client's, who may have changed them since: it ends with the section at the latest.
 static size_t text_length(const krv_handle_t *hp, const char *text, size_t most)
 {
-    for (const krv_secidx_t sec : {KRV_SEC_INFO, KRV_SEC_STR}) {
-        const krv_fd_t *section = &hp->sh_sec[sec];
+    const auto end_with = [text, &most](const krv_fd_t *section) {
         if (krv_fd_is_cb(section))
-            continue;
+            return;
         const uint64_t offset = reinterpret_cast<uintptr_t>(text) - reinterpret_cast<uintptr_t>(section->sfd_u.buf);
         if (offset < section->sfd_size && section->sfd_size - offset < most)
             most = section->sfd_size - offset;
-    }
+    };
+    end_with(&hp->sh_sec[KRV_SEC_INFO]);
+    end_with(&hp->sh_sec[KRV_SEC_STR]);
+    if (hp->sh_ext != 0)
+        for (const krv_fd_t &section : hp->sh_ext_sec)
+            end_with(&section);
     return strnlen(text, most);
 }
 
@@ -382,7 +458,7 @@ static int get_reference(krv_handle_t *hp, krv_die_t *die, krv_attribute_t attr,
         return -1;
     if ((static_cast<uint32_t>(mask) & KRV_CLASS_REFERENCE) == 0)
         return krv_fail(hp, KRV_ERR_INVALID, "attribute %s is not a reference", krv_name_or_unknown(KRV_DEF_AT, attr));
-    if (form == DW_FORM_ref_addr || form == DW_FORM_ref_sig8)
+    if (form == DW_FORM_ref_addr || form == DW_FORM_ref_sig8 || krv_is_extended_form(form))
         return krv_fail(hp, KRV_ERR_UNSUPPORTED, "unsupported reference");
     *offsetp = value->sa_u.su_unsigned;
     return 0;

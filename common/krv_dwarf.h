@@ -494,8 +494,17 @@ enum : unsigned { KRV_DW_TAG(KRV_ENUMERATOR) };
 enum : unsigned { KRV_DW_VIS(KRV_ENUMERATOR) };
 #undef KRV_ENUMERATOR
 
-// Without printable names: extensions that the core does not read but the loader meets, and the parts of an encoding.
+// Without printable names for those who do not ask: extensions, and the parts of an encoding.
 enum : unsigned {
+    DW_AT_str_offsets_base = 0x72, // DWARF 5, 7.5.4, table 7.5
+    DW_AT_addr_base = 0x73,
+    DW_AT_rnglists_base = 0x74,
+    DW_AT_dwo_name = 0x76,
+    DW_AT_loclists_base = 0x8c,
+    DW_AT_GNU_dwo_name = 0x2130,
+    DW_AT_GNU_dwo_id = 0x2131,
+    DW_AT_GNU_ranges_base = 0x2132,
+    DW_AT_GNU_addr_base = 0x2133,
     DW_CFA_GNU_args_size = 0x2e,
     DW_CFA_primary = 0xc0,   // mask: the opcodes with an operand in their own byte
     DW_EH_PE_format = 0x0f,  // mask: how a pointer is read

@@ -9,14 +9,17 @@
 #include <cstddef>
 #include <cstdint>
 
-struct krv_ctu;
+constexpr uint8_t KRV_BASE_FORMS = 0x21; // codes below are known to everyone
+constexpr uint8_t KRV_ALL_FORMS = 0xb5;  // and these with extensions
 
 // What the bytes of a value depend on besides its form.
 struct krv_encoding_t {
-    bool is_dwarf64;      // the 64-bit format: offsets take 8 bytes and not 4
-    uint8_t address_size; // bytes of DW_FORM_addr: 4 or 8
-    uint16_t version;     // of the unit; 0 outside one
-    const krv_ctu *unit;  // whose bases indexed values count from; NULL outside one
+    bool is_dwarf64 = false;        // the 64-bit format: offsets take 8 bytes and not 4
+    uint8_t address_size = 0;       // bytes of DW_FORM_addr: 4 or 8
+    uint16_t version = 0;           // of the unit; 0 outside one
+    uint8_t forms = KRV_BASE_FORMS; // or KRV_ALL_FORMS
+
+    constexpr bool is_extended() const { return forms != KRV_BASE_FORMS; }
 };
 
 // Form classes, as bits in the order of DWARF 4, 7.5.4.
@@ -37,16 +40,20 @@ enum : uint32_t {
 
 // How a value is read.
 enum class krv_family_t : uint8_t {
-    unknown,  // not at all
-    number,   // `width` bytes
-    uleb128,  // an unsigned LEB128 number
-    sleb128,  // a signed one
-    string,   // the bytes up to a NUL
-    strp,     // `width` bytes, the offset of such a string in .debug_str
-    block,    // a length of `width` bytes, 0 for a ULEB128 number, and as many bytes
-    indirect, // a ULEB128 number, the form of the value behind it
-    present,  // no bytes: the value is 1
-    opaque,   // `width` bytes, stepped over and not decoded
+    unknown,   // not at all
+    number,    // `width` bytes
+    uleb128,   // an unsigned LEB128 number
+    sleb128,   // a signed one
+    string,    // the bytes up to a NUL
+    strp,      // `width` bytes, the offset of such a string in .debug_str
+    block,     // a length of `width` bytes, 0 for a ULEB128 number, and as many bytes
+    indirect,  // a ULEB128 number, the form of the value behind it
+    present,   // no bytes: the value is 1
+    opaque,    // `width` bytes, stepped over and not decoded
+    line_strp, // as strp, in .debug_line_str
+    alt_strp,  // as strp, in .debug_str of the alternate file
+    bytes,     // `width` bytes, kept as a block
+    implicit,  // no bytes: the value stands in the abbreviation
 };
 
 // Widths that are not a number of bytes.
@@ -84,17 +91,45 @@ constexpr uint8_t KRV_WIDTH_UNIT = 0xff;    // that of an offset, and in version
     X(DW_FORM_flag_present, 0x19, present, 0, KRV_CLASS_FLAG) \
     X(DW_FORM_ref_sig8, 0x20, number, 8, KRV_CLASS_REFERENCE)
 
-// Those of GNU tools. The core neither names nor decodes them: they do not fit into a krv_form_t.
-#define KRV_DW_FORM_GNU(X) \
-    X(DW_FORM_GNU_addr_index, 0x1f01, uleb128, 0, KRV_CLASS_ADDRESS) \
-    X(DW_FORM_GNU_str_index, 0x1f02, uleb128, 0, KRV_CLASS_STRING) \
-    X(DW_FORM_GNU_ref_alt, 0x1f20, number, KRV_WIDTH_OFFSET, KRV_CLASS_REFERENCE) \
-    X(DW_FORM_GNU_strp_alt, 0x1f21, number, KRV_WIDTH_OFFSET, KRV_CLASS_STRING)
+// Those of extensions, by codes of the library's own: what is written is mapped to them by krv_extended_form, and only for
+// a handle that asks. Otherwise these codes are as unknown as any.
+// DWARF 5, 7.5.6, and those of GNU tools: name, number as written, code, family, width, class
+#define KRV_DW_FORM_NEW(X) \
+    X(DW_FORM_strx, 0x1a, 0x9a, uleb128, 0, KRV_CLASS_STRING) \
+    X(DW_FORM_addrx, 0x1b, 0x9b, uleb128, 0, KRV_CLASS_ADDRESS) \
+    X(DW_FORM_ref_sup4, 0x1c, 0x9c, number, 4, KRV_CLASS_REFERENCE) \
+    X(DW_FORM_strp_sup, 0x1d, 0x9d, alt_strp, KRV_WIDTH_OFFSET, KRV_CLASS_STRING) \
+    X(DW_FORM_data16, 0x1e, 0x9e, bytes, 16, KRV_CLASS_BLOCK) /* a constant, but no number of 64 bits */ \
+    X(DW_FORM_line_strp, 0x1f, 0x9f, line_strp, KRV_WIDTH_OFFSET, KRV_CLASS_STRING) \
+    X(DW_FORM_implicit_const, 0x21, 0xa1, implicit, 0, KRV_CLASS_CONSTANT) \
+    X(DW_FORM_loclistx, 0x22, 0xa2, uleb128, 0, KRV_CLASS_LOCLISTPTR) \
+    X(DW_FORM_rnglistx, 0x23, 0xa3, uleb128, 0, KRV_CLASS_RANGELISTPTR) \
+    X(DW_FORM_ref_sup8, 0x24, 0xa4, number, 8, KRV_CLASS_REFERENCE) \
+    X(DW_FORM_strx1, 0x25, 0xa5, number, 1, KRV_CLASS_STRING) \
+    X(DW_FORM_strx2, 0x26, 0xa6, number, 2, KRV_CLASS_STRING) \
+    X(DW_FORM_strx3, 0x27, 0xa7, number, 3, KRV_CLASS_STRING) \
+    X(DW_FORM_strx4, 0x28, 0xa8, number, 4, KRV_CLASS_STRING) \
+    X(DW_FORM_addrx1, 0x29, 0xa9, number, 1, KRV_CLASS_ADDRESS) \
+    X(DW_FORM_addrx2, 0x2a, 0xaa, number, 2, KRV_CLASS_ADDRESS) \
+    X(DW_FORM_addrx3, 0x2b, 0xab, number, 3, KRV_CLASS_ADDRESS) \
+    X(DW_FORM_addrx4, 0x2c, 0xac, number, 4, KRV_CLASS_ADDRESS) \
+    X(DW_FORM_GNU_addr_index, 0x1f01, 0xb1, uleb128, 0, KRV_CLASS_ADDRESS) \
+    X(DW_FORM_GNU_str_index, 0x1f02, 0xb2, uleb128, 0, KRV_CLASS_STRING) \
+    X(DW_FORM_GNU_ref_alt, 0x1f20, 0xb3, number, KRV_WIDTH_OFFSET, KRV_CLASS_REFERENCE) \
+    X(DW_FORM_GNU_strp_alt, 0x1f21, 0xb4, alt_strp, KRV_WIDTH_OFFSET, KRV_CLASS_STRING)
+
+// And one that is known, but not decoded, without them.
+#define KRV_DW_FORM_EXT(X) \
+    X(DW_FORM_ref_addr, 0x10, 0x90, number, KRV_WIDTH_UNIT, KRV_CLASS_REFERENCE) \
+    KRV_DW_FORM_NEW(X)
 
 // clang-format on
 
 #define KRV_ENUMERATOR(name, value, ...) name = (value),
-enum : unsigned { KRV_DW_FORM(KRV_ENUMERATOR) KRV_DW_FORM_GNU(KRV_ENUMERATOR) };
+enum : unsigned { KRV_DW_FORM(KRV_ENUMERATOR) KRV_DW_FORM_NEW(KRV_ENUMERATOR) }; // as they are written
+#undef KRV_ENUMERATOR
+#define KRV_ENUMERATOR(name, written, code, ...) KRV_EXT_##name = (code),
+enum : unsigned { KRV_DW_FORM_EXT(KRV_ENUMERATOR) };
 #undef KRV_ENUMERATOR
 
 struct krv_form_row_t {
@@ -103,26 +138,46 @@ struct krv_form_row_t {
     uint16_t classes;
 };
 
+static_assert(KRV_BASE_FORMS == DW_FORM_ref_sig8 + 1 && KRV_ALL_FORMS == KRV_EXT_DW_FORM_GNU_strp_alt + 1);
+
 // By number: every value of every entry asks.
 constexpr auto krv_form_table = [] {
-    std::array<krv_form_row_t, DW_FORM_ref_sig8 + 1> rows{};
+    std::array<krv_form_row_t, KRV_ALL_FORMS> rows{};
 #define KRV_ROW(name, number, family, width, classes) rows[name] = {krv_family_t::family, (width), (classes)};
     KRV_DW_FORM(KRV_ROW)
+#undef KRV_ROW
+#define KRV_ROW(name, written, code, family, width, classes) rows[code] = {krv_family_t::family, (width), (classes)};
+    KRV_DW_FORM_EXT(KRV_ROW)
 #undef KRV_ROW
     return rows;
 }();
 
 // The row of a form; an empty one for a number without.
-constexpr krv_form_row_t krv_form_row(uint64_t form)
+constexpr krv_form_row_t krv_form_row(uint64_t form, uint8_t forms = KRV_BASE_FORMS)
 {
-    if (form < krv_form_table.size())
-        return krv_form_table[form];
-#define KRV_ROW(name, number, family, width, classes)                                                                  \
-    if (form == (name))                                                                                                \
-        return {krv_family_t::family, (width), (classes)};
-    KRV_DW_FORM_GNU(KRV_ROW)
-#undef KRV_ROW
-    return {};
+    return form < forms ? krv_form_table[form] : krv_form_row_t{};
+}
+
+// The code of a form as it is written, for a handle with extensions: the same for those that everyone knows, one without
+// a row for what is none.
+constexpr uint8_t krv_extended_form(uint64_t written)
+{
+    constexpr uint8_t NO_FORM = 0x7f;
+    switch (written) {
+#define KRV_CODE(name, number, code, ...)                                                                              \
+    case number:                                                                                                       \
+        return code;
+        KRV_DW_FORM_EXT(KRV_CODE)
+#undef KRV_CODE
+    default:
+        return written < KRV_BASE_FORMS ? static_cast<uint8_t>(written) : NO_FORM;
+    }
+}
+
+// What krv_extended_form maps to another code.
+constexpr bool krv_is_extended_form(uint8_t code)
+{
+    return code >= 0x80;
 }
 
 // Bytes of a row's width.

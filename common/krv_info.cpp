@@ -7,6 +7,7 @@
 #include "krv_code.h"
 #include "krv_dwarf.h"
 #include "krv_error.h"
+#include "krv_ext.h"
 #include "krv_fd.h"
 #include "krv_mem.h"
 
@@ -32,6 +33,22 @@ static bool read_unit_length(krv_handle_t *hp, krv_ctu_t *cu, krv_fd_t *fdp, uin
     return true;
 }
 
+// What follows the version in versions 2 to 4.
+static bool read_base_fields(krv_ctu_t *cu, krv_secidx_t sec, krv_fd_t *fdp, const krv_encoding_t &encoding)
+{
+    return krv_read_field(fdp, DW_FORM_sec_offset, encoding, &cu->dcu_debug_abbrev_offset,
+                          "failed to read debug_abbreviation_offset") &&
+           krv_read_field(fdp, DW_FORM_data1, &cu->dcu_address_size, "failed to read address_size") &&
+           (sec != KRV_SEC_TYPES ||
+            (krv_read_field(fdp, DW_FORM_data8, &cu->dcu_type_signature, "failed to read type_signature") &&
+             krv_read_field(fdp, DW_FORM_sec_offset, encoding, &cu->dcu_type_offset, "failed to read type_offset")));
+}
+
+static bool is_base_version(uint16_t version)
+{
+    return version >= 2 && version <= 4;
+}
+
 static bool read_header(krv_handle_t *hp, krv_ctu_t *cu, krv_secidx_t sec, uint64_t offset)
 {
     krv_fd_t *fdp = &hp->sh_sec[sec];
@@ -39,15 +56,15 @@ static bool read_header(krv_handle_t *hp, krv_ctu_t *cu, krv_secidx_t sec, uint6
     if (korva_fd_seek(fdp, offset, KRV_FD_SEEK_SET) != 0 || !read_unit_length(hp, cu, fdp, offset))
         return false;
     const krv_encoding_t encoding = krv_cu_encoding(hp, cu);
-    if (!krv_read_field(fdp, DW_FORM_data2, &cu->dcu_version, "failed to read version") ||
-        !krv_read_field(fdp, DW_FORM_sec_offset, encoding, &cu->dcu_debug_abbrev_offset,
-                        "failed to read debug_abbreviation_offset") ||
-        !krv_read_field(fdp, DW_FORM_data1, &cu->dcu_address_size, "failed to read address_size"))
+    if (!krv_read_field(fdp, DW_FORM_data2, &cu->dcu_version, "failed to read version"))
         return false;
-    if (sec == KRV_SEC_TYPES &&
-        (!krv_read_field(fdp, DW_FORM_data8, &cu->dcu_type_signature, "failed to read type_signature") ||
-         !krv_read_field(fdp, DW_FORM_sec_offset, encoding, &cu->dcu_type_offset, "failed to read type_offset")))
+    cu->dcu_kind = KRV_UNIT_COMPILE;
+    if (hp->sh_ext != 0 && sec == KRV_SEC_INFO && !is_base_version(cu->dcu_version)) {
+        if (krv_info_read_later_header(hp, cu, fdp) != 0)
+            return false;
+    } else if (!read_base_fields(cu, sec, fdp, encoding)) {
         return false;
+    }
     cu->dcu_section = sec;
     cu->dcu_offset = offset;
     cu->dcu_header_size = static_cast<uint8_t>(fdp->sfd_offset - offset);
@@ -121,11 +138,21 @@ static char *keep_name(const unit_name *name, char *to, char **keptp)
     return to + name->size();
 }
 
+static size_t copied_abbrev_size(const krv_abbrev_t *abbrev)
+{
+    return sizeof(krv_abbrev_t) + krv_abbrev_implicit_count(abbrev) * sizeof(int64_t) +
+           abbrev->dwa_nafpairs * sizeof(krv_afpair_t);
+}
+
 // A copy of an abbreviation that stands by itself. `to` has room for it and its pairs.
 static krv_abbrev_t *copy_abbrev(const krv_abbrev_t *abbrev, krv_abbrev_t *to)
 {
     *to = *abbrev;
-    to->dwa_afpairs = reinterpret_cast<krv_afpair_t *>(to + 1);
+    const uint32_t implicit = krv_abbrev_implicit_count(abbrev);
+    to->dwa_implicit = reinterpret_cast<int64_t *>(to + 1);
+    if (implicit != 0)
+        std::memcpy(to->dwa_implicit, abbrev->dwa_implicit, implicit * sizeof(int64_t));
+    to->dwa_afpairs = reinterpret_cast<krv_afpair_t *>(to->dwa_implicit + implicit);
     std::memcpy(to->dwa_afpairs, abbrev->dwa_afpairs, abbrev->dwa_nafpairs * sizeof(krv_afpair_t));
     return to;
 }
@@ -141,8 +168,7 @@ static krv_ctu_t *keep_unit(krv_handle_t *hp, const krv_ctu_t *cu, const krv_sin
         !find_name(hp, die, DW_AT_name, before == nullptr ? nullptr : before->dcu_name, &name))
         return nullptr;
     const bool by_itself = die->dwdie_abbrev_cache == &single->ssa_abbrev;
-    const size_t abbrev_size =
-        by_itself ? sizeof(krv_abbrev_t) + single->ssa_abbrev.dwa_nafpairs * sizeof(krv_afpair_t) : 0;
+    const size_t abbrev_size = by_itself ? copied_abbrev_size(&single->ssa_abbrev) : 0;
     const size_t names_size = comp_dir.size() + name.size();
     auto *kept = static_cast<krv_ctu_t *>(krv_alloc(hp, sizeof(*cu) + abbrev_size + names_size));
     if (kept == nullptr)
@@ -166,6 +192,28 @@ int krv_cu_check_section(krv_handle_t *hp, krv_secidx_t sec)
     return 0;
 }
 
+// Whether the table goes on behind a unit of another version, or, where input is read as written, one whose first entry
+// cannot be read: it then has none. Tells the client.
+static bool may_step_over(krv_handle_t *hp, krv_ctu_t *cu)
+{
+    if (hp->sh_errno == KRV_ERR_NOMEM || (cu->dcu_kind != 0 && !krv_reads_as_written(hp)))
+        return false;
+    const auto offset = static_cast<unsigned long>(cu->dcu_offset);
+    if (cu->dcu_kind != 0)
+        krv_tell(hp, KRV_SEC_INFO, cu->dcu_offset, true, "unit at offset 0x%lx of .debug_info cannot be read: %s",
+                 offset, krv_cause(hp));
+    else if (cu->dcu_version == 5 && (hp->sh_ext & KRV_EXT_DWARF5) != 0)
+        krv_tell(hp, KRV_SEC_INFO, cu->dcu_offset, true, "unit at offset 0x%lx of .debug_info is of an unknown type",
+                 offset);
+    else
+        krv_tell(hp, KRV_SEC_INFO, cu->dcu_offset, true,
+                 "unit at offset 0x%lx of .debug_info is DWARF %u, and libkorva reads DWARF 2 to %u", offset,
+                 cu->dcu_version, (hp->sh_ext & KRV_EXT_DWARF5) != 0 ? 5U : 4U);
+    krv_clear_error(hp);
+    cu->dcu_kind = 0;
+    return true;
+}
+
 krv_ctu_t *krv_cu_alloc(krv_handle_t *hp, krv_secidx_t sec, uint64_t offset, const krv_ctu_t *before)
 {
     KRV_ASSERT(hp != NULL);
@@ -176,9 +224,16 @@ krv_ctu_t *krv_cu_alloc(krv_handle_t *hp, krv_secidx_t sec, uint64_t offset, con
     std::unique_ptr<krv_die_t, krv_die_deleter> die;
     krv_ctu_t *kept = nullptr;
     if (krv_info_hdr_read(hp, &cu, sec, offset) == 0) {
-        cu.dcu_compile_unit = krv_alloc_first_die(hp, &cu, &single);
-        die.reset(cu.dcu_compile_unit);
-        kept = die == nullptr ? nullptr : keep_unit(hp, &cu, &single, before);
+        if (cu.dcu_kind != 0) {
+            cu.dcu_compile_unit = krv_alloc_first_die(hp, &cu, &single);
+            die.reset(cu.dcu_compile_unit);
+            kept = die == nullptr ? nullptr : keep_unit(hp, &cu, &single, before);
+        }
+        if (kept == nullptr && may_step_over(hp, &cu)) {
+            cu.dcu_compile_unit = krv_alloc_no_die(hp, &cu);
+            die.reset(cu.dcu_compile_unit);
+            kept = die == nullptr ? nullptr : keep_unit(hp, &cu, &single, before);
+        }
     }
     if (kept == nullptr) {
         krv_note(hp, "failed to obtain CU at offset %lld in %s", static_cast<long long>(offset), section_name(sec));
@@ -212,5 +267,27 @@ int korva_cu_get_header(krv_handle_t *hp, krv_ctu_t *cup, krv_cu_header_t *heade
                 .version = cup->dcu_version,
                 .address_size = cup->dcu_address_size,
                 .dwarf64 = (cup->dcu_flags & KRV_CU_FLAG_DWARF64) != 0};
+    return 0;
+}
+
+int korva_cu_get_kind(krv_handle_t *hp, krv_ctu_t *cup, krv_cu_kind_t *kindp)
+{
+    if (hp == nullptr)
+        return -1;
+    if (cup == nullptr || kindp == nullptr)
+        return krv_fail_code(hp, KRV_ERR_INVALID);
+    krv_clear_error(hp);
+    *kindp = {.kind = cup->dcu_kind,
+              .has_dwo_id = (cup->dcu_flags & KRV_CU_FLAG_DWO_ID) != 0,
+              .dwo_id = cup->dcu_dwo_id,
+              .type_signature = cup->dcu_type_signature,
+              .type_offset = cup->dcu_type_offset,
+              .dwo_name = nullptr};
+    for (const krv_attribute_t attr : {DW_AT_dwo_name, DW_AT_GNU_dwo_name}) {
+        size_t length;
+        if (const char *name = krv_find_die_string(hp, cup->dcu_compile_unit, attr, SIZE_MAX, &length))
+            kindp->dwo_name = name;
+    }
+    krv_clear_error(hp);
     return 0;
 }

@@ -11,6 +11,10 @@
 #include "krv_types.h"
 
 constexpr uint32_t KRV_CU_FLAG_DWARF64 = 0x1; // dcu_flags
+constexpr uint32_t KRV_CU_FLAG_DWO_ID = 0x2;
+
+// The tables that values of entries may count in (DWARF 5, 7.26 to 7.29).
+enum krv_base_t : unsigned { KRV_BASE_STR_OFFSETS, KRV_BASE_ADDR, KRV_BASE_RNGLISTS, KRV_BASE_LOCLISTS, KRV_BASES };
 
 // One compilation unit. The fields from dcu_abbrev_unit on are filled on first use and published atomically, except
 // dcu_size and those of the first entry.
@@ -19,26 +23,30 @@ struct krv_ctu {
     uint16_t dcu_version;
     uint64_t dcu_debug_abbrev_offset;
     uint8_t dcu_address_size;
-    uint64_t dcu_type_signature; // .debug_types headers only
-    uint64_t dcu_type_offset;    // likewise
-    int dcu_section;             // KRV_SEC_INFO
-    uint64_t dcu_offset;         // of the unit's first byte in the section
-    uint8_t dcu_header_size;     // bytes from there to the first entry
-    krv_au_t *dcu_abbrev_unit;   // owned by the handle; NULL until an entry needs it
-    krv_lnph_t *dcu_lnphp;       // freed by who frees the unit
-    size_t dcu_size;             // whole unit, length field included
-    uint64_t *dcu_aranges;       // owned: (start, end) pairs; NULL while unknown; see krv_ranges_count
-    size_t dcu_aranges_size;     // number of pairs
-    krv_die_t *dcu_compile_unit; // owned: the first entry
-    char *dcu_comp_dir;          // a copy behind this record or another unit's; NULL when the entry has none
-    char *dcu_name;              // likewise, or the entry's where it need not be cut
-    uint32_t dcu_flags;          // KRV_CU_FLAG_*
+    uint64_t dcu_type_signature;   // .debug_types headers only
+    uint64_t dcu_type_offset;      // likewise
+    int dcu_section;               // KRV_SEC_INFO
+    uint64_t dcu_offset;           // of the unit's first byte in the section
+    uint8_t dcu_header_size;       // bytes from there to the first entry
+    krv_au_t *dcu_abbrev_unit;     // owned by the handle; NULL until an entry needs it
+    krv_lnph_t *dcu_lnphp;         // freed by who frees the unit
+    size_t dcu_size;               // whole unit, length field included
+    uint64_t *dcu_aranges;         // owned: (start, end) pairs; NULL while unknown; see krv_ranges_count
+    size_t dcu_aranges_size;       // number of pairs
+    krv_die_t *dcu_compile_unit;   // owned: the first entry
+    char *dcu_comp_dir;            // a copy behind this record or another unit's; NULL when the entry has none
+    char *dcu_name;                // likewise, or the entry's where it need not be cut
+    uint32_t dcu_flags;            // KRV_CU_FLAG_*
+    uint8_t dcu_kind;              // KRV_UNIT_*; 0: stepped over, its first entry stands for none
+    uint64_t dcu_dwo_id;           // of a skeleton or split unit; see KRV_CU_FLAG_DWO_ID
+    uint64_t dcu_bases[KRV_BASES]; // by krv_base_t, where values of its entries count from
 };
 
 // How the unit's values are encoded; addresses are as wide as the target's, whatever its header says.
 inline krv_encoding_t krv_cu_encoding(const krv_handle_t *hp, const krv_ctu_t *cu)
 {
-    return {(cu->dcu_flags & KRV_CU_FLAG_DWARF64) != 0, static_cast<uint8_t>(hp->sh_target_size), cu->dcu_version, cu};
+    return {(cu->dcu_flags & KRV_CU_FLAG_DWARF64) != 0, static_cast<uint8_t>(hp->sh_target_size), cu->dcu_version,
+            hp->sh_ext == 0 ? KRV_BASE_FORMS : KRV_ALL_FORMS};
 }
 
 struct krv_die_part_t;
@@ -59,6 +67,12 @@ struct krv_die {
 // Reads the unit header at `offset` of .debug_info or .debug_types. 0 or -1. Moves the section's cursor.
 int krv_info_hdr_read(krv_handle_t *hp, krv_ctu_t *cu, krv_secidx_t sec, uint64_t offset);
 
+// The rest of a header of a version beyond 4, behind the version: dcu_kind stays 0 where it is none that is read. 0 or -1.
+int krv_info_read_later_header(krv_handle_t *hp, krv_ctu_t *cu, krv_fd_t *fdp);
+
+// What the first entry says of its unit: where its tables are, which no value that counts in them waits for.
+void krv_cu_take_bases(krv_ctu_t *cu, const krv_die_t *die);
+
 // The one section that units are read from. -1: refused with its message.
 int krv_cu_check_section(krv_handle_t *hp, krv_secidx_t sec);
 
@@ -74,6 +88,9 @@ void krv_free_die(krv_die_t *die); // NULL is ignored
 
 // A new unit's first entry, likewise. Its abbreviation may be *single, which is to live as long as the entry.
 krv_die_t *krv_alloc_first_die(krv_handle_t *hp, krv_ctu_t *cu, krv_single_abbrev_t *single);
+
+// In place of the first entry of a unit that is stepped over: one without tag, attributes and children.
+krv_die_t *krv_alloc_no_die(krv_handle_t *hp, krv_ctu_t *cu);
 
 struct krv_die_deleter {
     void operator()(krv_die_t *die) const { krv_free_die(die); }
@@ -103,6 +120,10 @@ krv_die_t *krv_alloc_die_child(krv_handle_t *hp, krv_die_t *die);
 krv_die_t *krv_alloc_die_sibling(krv_handle_t *hp, krv_die_t *die);
 krv_die_t *krv_alloc_die_by_attribute(krv_handle_t *hp, krv_die_t *die, krv_attribute_t attr);
 
+// The number at `index` of the unit's table: of .debug_addr, .debug_str_offsets, or, where the lists begin, of
+// .debug_rnglists or .debug_loclists; of the latter two counted from the section's first byte. False: messages pushed.
+bool krv_cu_read_indexed(krv_handle_t *hp, const krv_ctu_t *cu, krv_base_t base, uint64_t index, uint64_t *valuep);
+
 // The abbreviation table of a unit, read on first use. NULL on failure.
 krv_au_t *krv_cu_abbrevs(krv_handle_t *hp, krv_ctu_t *cu);
 
@@ -115,7 +136,7 @@ void krv_cu_visit_strings(krv_ctu_t *cu, const Visit &visit)
     visit(&cu->dcu_comp_dir);
     for (uint32_t i = 0; i < die->dwdie_abbrev_cache->dwa_nafpairs; ++i) {
         krv_value_t *value = &die->dwdie_attrs[i];
-        if ((krv_form_row(value->sa_actual).classes & KRV_CLASS_STRING) == 0)
+        if ((krv_form_row(value->sa_actual, KRV_ALL_FORMS).classes & KRV_CLASS_STRING) == 0) // of a value that was read
             continue;
         char *text = static_cast<char *>(value->sa_u.su_addr);
         visit(&text);

@@ -79,6 +79,21 @@ const char *krv_name_or_unknown(unsigned int index, uint64_t key)
     return name == nullptr ? "unknown" : name;
 }
 
+const char *krv_form_name(krv_form_t form, bool is_extended)
+{
+#define KRV_CASE(name, written, code, ...)                                                                             \
+    case code:                                                                                                         \
+        return #name;
+    if (is_extended)
+        switch (form) {
+            KRV_DW_FORM_EXT(KRV_CASE)
+        default:
+            break;
+        }
+#undef KRV_CASE
+    return krv_name_or_unknown(KRV_DEF_FORM, form);
+}
+
 char *korva_print_define(krv_handle_t *hp, krv_def_t index, unsigned int key)
 {
     if (hp == nullptr)

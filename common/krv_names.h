@@ -30,6 +30,9 @@ char *krv_print_define(unsigned int index, unsigned int key);
 // The name for a message: "unknown" for a key without one, also beyond 32 bits.
 const char *krv_name_or_unknown(unsigned int index, uint64_t key);
 
+// The name of a form's code, likewise; of those of extensions where they are known.
+const char *krv_form_name(krv_form_t form, bool is_extended);
+
 // Mask of KRV_CLASS_*; 0 for DW_FORM_indirect and unknown forms.
 inline uint32_t krv_get_form_class(krv_form_t form)
 {

@@ -6,6 +6,7 @@
 #include "krv_abbrev.h"
 #include "krv_addr_index.h"
 #include "krv_error.h"
+#include "krv_ext.h"
 #include "krv_fd.h"
 #include "krv_frame_reader.h"
 #include "krv_line.h"
@@ -127,6 +128,8 @@ krv_handle_t *korva_handle_alloc(krv_activation_type_t type)
         return nullptr;
     for (krv_fd_t &fd : hp->sh_sec)
         fd.sfd_hp = hp;
+    for (krv_fd_t &fd : hp->sh_ext_sec)
+        fd.sfd_hp = hp;
     if (opts.debug)
         set_opt(hp, KRV_OPT_DEBUG_FUNC, reinterpret_cast<uintptr_t>(krv_error_print));
     switch (type) {
@@ -156,6 +159,7 @@ void korva_handle_free(krv_handle_t *hp)
     krv_lookup_destroy_cu_caches(hp);
     krv_line_destroy_caches(hp);
     krv_abbrev_destroy_caches(hp);
+    krv_ext_destroy(hp);
     krv_rwlock_destroy(&hp->sh_error_lock);
     krv_rwlock_destroy(&hp->sh_rwlock);
     free_handle_memory(hp);
@@ -178,12 +182,16 @@ int korva_handle_set_opt(krv_handle_t *hp, krv_opt_idx_t opt, ...)
     if (hp == nullptr)
         return -1;
     krv_clear_error(hp);
-    if (opt < 0 || opt >= KRV_MAX_OPT)
+    const bool is_extension = krv_ext_is_option(opt);
+    if (opt < 0 || (opt >= KRV_MAX_OPT && !is_extension))
         return krv_fail_code(hp, KRV_ERR_INVALID);
     va_list ap;
     va_start(ap, opt);
-    set_opt(hp, opt, va_arg(ap, uint64_t)); // every option's type fills one 64-bit argument
+    const uint64_t value = va_arg(ap, uint64_t); // every option's type fills one 64-bit argument
     va_end(ap);
+    if (is_extension)
+        return krv_ext_set_opt(hp, opt, value);
+    set_opt(hp, opt, value);
     return 0;
 }
 
@@ -192,7 +200,7 @@ int korva_attach_section(krv_handle_t *hp, krv_secidx_t sec, uint64_t size, krv_
     if (hp == nullptr)
         return -1;
     krv_clear_error(hp);
-    if (sec < 0 || sec >= KRV_MAX_SEC)
+    if (sec < 0 || (sec >= KRV_MAX_SEC && !krv_ext_is_section(hp, sec)))
         return krv_fail(hp, KRV_ERR_INVALID, "section index %d too large", sec);
     if (size == 0)
         return krv_fail(hp, KRV_ERR_INVALID, "section size is zero");
@@ -203,7 +211,7 @@ int korva_attach_section(krv_handle_t *hp, krv_secidx_t sec, uint64_t size, krv_
     va_end(ap);
     if (result != 0 || krv_units_keep_section(hp, sec) != 0)
         return -1;
-    hp->sh_sec[sec] = section;
+    *krv_section(hp, sec) = section;
     return 0;
 }
 

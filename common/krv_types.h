@@ -30,6 +30,15 @@ struct krv_opt_t {
     } sopt_u;
 };
 
+constexpr uint32_t KRV_EXT_DWARF5 = 0x1;     // sh_ext: KRV_OPT_EXT_DWARF5 is on
+constexpr uint32_t KRV_EXT_AS_WRITTEN = 0x2; // likewise
+constexpr unsigned KRV_EXT_SECTIONS = KRV_SEC_EXT_ALT_STR - KRV_SEC_EXT_LINE_STR + 1;
+
+// Addresses of executable sections.
+struct krv_code_range_t {
+    uint64_t start, end;
+};
+
 struct krv_handle {
     krv_refcnt_t sh_refcnt;
     krv_rwlock_t sh_rwlock;            // unit table, .debug_aranges, .eh_frame_hdr; taken before a hash table's lock
@@ -57,8 +66,26 @@ struct krv_handle {
     krv_offset_t sh_abbrev_checked_end;    // what it has read lies before this; 0: nothing yet
     krv_hash *sh_line_headers;             // what units share of .debug_line, built on first use
     krv_relaxed<uint64_t> sh_line_bytes;   // of memory in line headers, files and matrices
-    krv_rwlock_t sh_error_lock;            // texts of the messages while they are stored; the last lock to be taken
+    uint32_t sh_ext;                       // KRV_EXT_*, fixed before the first query
+    krv_fd_t sh_ext_sec[KRV_EXT_SECTIONS]; // one cursor a section of extensions
+    krv_note_f *sh_note_func;              // NULL: nobody wants to know
+    void *sh_note_arg;
+    krv_code_range_t *sh_code; // owned: see krv_is_code
+    uint32_t sh_code_size;
+    uint32_t sh_code_entries;
+    krv_rwlock_t sh_error_lock; // texts of the messages while they are stored; the last lock to be taken
 };
+
+// The cursor of a section, one of extensions included.
+inline krv_fd_t *krv_section(krv_handle_t *hp, krv_secidx_t sec)
+{
+    return sec >= KRV_SEC_EXT_LINE_STR ? &hp->sh_ext_sec[sec - KRV_SEC_EXT_LINE_STR] : &hp->sh_sec[sec];
+}
+
+inline bool krv_reads_as_written(const krv_handle_t *hp)
+{
+    return (hp->sh_ext & KRV_EXT_AS_WRITTEN) != 0;
+}
 
 // Preconditions, checked in every build: prints condition, file, line and function, and aborts. The text is visible
 // behaviour: conditions are written as they should read, with NULL and not nullptr.

@@ -180,13 +180,13 @@ static int keep_strings(krv_handle_t *hp, const krv_fd_t *section)
 
 int krv_units_keep_section(krv_handle_t *hp, krv_secidx_t sec)
 {
-    const krv_fd_t *section = &hp->sh_sec[sec];
+    const krv_fd_t *section = krv_section(hp, sec);
     if (section->sfd_size == 0 || krv_fd_is_cb(section))
         return 0;
     int result = 0;
     if (sec == KRV_SEC_ABBREV)
         result = parse_checked_tables(hp);
-    else if (sec == KRV_SEC_INFO || sec == KRV_SEC_STR)
+    else if (sec == KRV_SEC_INFO || sec == KRV_SEC_STR || sec == KRV_SEC_EXT_LINE_STR || sec == KRV_SEC_EXT_ALT_STR)
         result = keep_strings(hp, section);
     if (result == 0)
         krv_clear_error(hp);

@@ -14,6 +14,89 @@ extern "C" {
  * Extensions
  * ------------------------------------------------------------------------------------------------------------ */
 
+/*
+ * What follows is asked for by options of a handle. Without them every call does what its own part of this header says,
+ * to the bit; the sections below cannot be attached then.
+ *
+ * Options are set before the first query: once something has been read of a section, setting one of those marked (early)
+ * fails with KRV_ERR_INVALID and a message. Their argument is a uint64_t: 0 is off, any other value on.
+ */
+enum {
+    /**
+     * (early) Units and line-number programs of DWARF 5 are read, and those of other versions than 2 to 5 are stepped
+     * over and noted. Attribute forms up to DWARF 5, and those that GNU tools write for the alternate file of dwz and for
+     * split units, are known.
+     */
+    KRV_OPT_EXT_DWARF5 = 0x1000,
+    /**
+     * (early) Input is read as compilers and linkers write it, also where the base interface refuses it: DW_AT_ranges,
+     * numbers that are padded, lines and ranges of functions that the linker dropped, partial or damaged .debug_aranges,
+     * units whose first entry cannot be read, augmentations and instructions of call-frame information that need not be
+     * understood. What is left out for it is noted.
+     */
+    KRV_OPT_EXT_AS_WRITTEN = 0x1001,
+    KRV_OPT_EXT_NOTE_FUNC = 0x1002,     /**< krv_note_f *: called for what is left out or stepped over, as it is met */
+    KRV_OPT_EXT_NOTE_FUNC_ARG = 0x1003, /**< void *: second argument of that function; NULL while unset */
+};
+
+/** Sections of extensions, for korva_attach_section, once KRV_OPT_EXT_DWARF5 or KRV_OPT_EXT_AS_WRITTEN is on. */
+enum {
+    KRV_SEC_EXT_LINE_STR = 0x1000,    /**< .debug_line_str */
+    KRV_SEC_EXT_STR_OFFSETS = 0x1001, /**< .debug_str_offsets */
+    KRV_SEC_EXT_ADDR = 0x1002,        /**< .debug_addr */
+    KRV_SEC_EXT_RNGLISTS = 0x1003,    /**< .debug_rnglists */
+    KRV_SEC_EXT_LOCLISTS = 0x1004,    /**< .debug_loclists */
+    KRV_SEC_EXT_RANGES = 0x1005,      /**< .debug_ranges */
+    KRV_SEC_EXT_ALT_INFO = 0x1006,    /**< .debug_info of the alternate (supplementary) file */
+    KRV_SEC_EXT_ALT_STR = 0x1007,     /**< .debug_str of that file */
+};
+
+/** As korva_lookup_section_index, of the sections of extensions; those of the alternate file have no name of their own. */
+KORVA_API int korva_lookup_ext_section_index(const char *name, krv_secidx_t *secp, boolean_t *compressed);
+
+/** What was left out or stepped over. */
+typedef struct krv_note_record {
+    krv_secidx_t section; /**< in which */
+    uint64_t offset;      /**< of the unit, set, or line-number program in it */
+    int refused;          /**< 1: this part cannot be read; 0: it was read without what the text names */
+    const char *text;     /**< valid during the call */
+} krv_note_t;
+
+/** A note, told during the query that met it. The call-back must not query the handle. */
+typedef void krv_note_f(const krv_note_t *note, void *arg);
+
+/**
+ * (early) Names an executable section of the object, @p size bytes at @p address of its own address space. With
+ * KRV_OPT_EXT_AS_WRITTEN, lines and ranges outside all of those that were named are of functions that the linker dropped,
+ * and are left out. Without any, only addresses 0, 1, -1 and -2 tell such a function.
+ *
+ * Errors: KRV_ERR_INVALID for a size of 0, for one that leads past the address space, or too late; KRV_ERR_NOMEM.
+ */
+KORVA_API int korva_handle_add_code(krv_handle_t *hp, uint64_t address, uint64_t size);
+
+/** Kinds of units, DW_UT_* of DWARF 5; units of earlier versions are compile units, or partial ones by their tag. */
+enum {
+    KRV_UNIT_COMPILE = 1,
+    KRV_UNIT_TYPE = 2,
+    KRV_UNIT_PARTIAL = 3,
+    KRV_UNIT_SKELETON = 4,
+    KRV_UNIT_SPLIT_COMPILE = 5,
+    KRV_UNIT_SPLIT_TYPE = 6,
+};
+
+/** What kind of unit it is, as korva_cu_get_kind stores it. */
+typedef struct krv_cu_kind {
+    uint8_t kind;            /**< KRV_UNIT_*; 0: the unit was stepped over, and has no entries */
+    uint8_t has_dwo_id;      /**< 1: dwo_id is known */
+    uint64_t dwo_id;         /**< what a skeleton unit and its split unit have in common */
+    uint64_t type_signature; /**< of a type unit, else 0 */
+    uint64_t type_offset;    /**< of its type's entry, from the unit's first byte */
+    const char *dwo_name;    /**< file that has the split unit of a skeleton, or NULL; valid as the unit is */
+} krv_cu_kind_t;
+
+/** Stores the kind of a unit. Errors: as korva_cu_get_header. */
+KORVA_API int korva_cu_get_kind(krv_handle_t *hp, krv_ctu_t *cup, krv_cu_kind_t *kindp);
+
 /** The header of a unit, as korva_cu_get_header stores it. */
 typedef struct krv_cu_header {
     uint64_t offset;        /**< of the unit's first byte in .debug_info */

@@ -101,12 +101,20 @@ const abbreviation_table &abbreviation_tables::at(uint64_t offset)
     return found->second;
 }
 
+static krv_form_row_t row_of(uint64_t form)
+{
+    return form < KRV_BASE_FORMS
+               ? krv_form_row(form)
+               : krv_form_row(krv_extended_form(form), form > UINT8_MAX ? KRV_ALL_FORMS : KRV_BASE_FORMS);
+}
+
 std::optional<size_t> fixed_width(const unit &u, uint64_t form)
 {
-    const krv_form_row_t row = krv_form_row(form);
+    const krv_form_row_t row = row_of(form);
     switch (row.family) {
     case krv_family_t::number:
     case krv_family_t::strp:
+    case krv_family_t::alt_strp:
     case krv_family_t::opaque:
     case krv_family_t::present:
         return krv_form_width(row, u.encoding());
@@ -122,10 +130,11 @@ bool skip_value(cursor *c, const unit &u, uint64_t form)
         if (form == DW_FORM_indirect)
             return false;
     }
-    const krv_form_row_t row = krv_form_row(form);
+    const krv_form_row_t row = row_of(form);
     switch (row.family) {
     case krv_family_t::number:
     case krv_family_t::strp:
+    case krv_family_t::alt_strp:
     case krv_family_t::opaque:
     case krv_family_t::present:
         c->skip(krv_form_width(row, u.encoding()));

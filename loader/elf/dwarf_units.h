@@ -28,7 +28,7 @@ struct unit {
     size_t header_size() const { return length_size() + 2 + offset_size + 1; } // of versions 2 to 4
     uint64_t entries() const { return offset + header_size(); }
     uint64_t end() const { return offset + size; }
-    krv_encoding_t encoding() const { return {offset_size == 8, static_cast<uint8_t>(address_size), version, nullptr}; }
+    krv_encoding_t encoding() const { return {offset_size == 8, static_cast<uint8_t>(address_size), version}; }
 };
 
 // Reads the header of the unit at `offset`. False, with the reason, when it is damaged.

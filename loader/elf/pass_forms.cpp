@@ -25,7 +25,7 @@ const char *name_of(uint64_t form)
     if (form == (name))                                                                                                \
         return #name;
     KRV_NAMED(DW_FORM_ref_addr)
-    KRV_DW_FORM_GNU(KRV_NAMED)
+    KRV_DW_FORM_NEW(KRV_NAMED)
 #undef KRV_NAMED
     return nullptr;
 }

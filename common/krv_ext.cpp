@@ -1,0 +1,174 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "krv_ext.h"
+
+#include "krv_error.h"
+#include "krv_mem.h"
+
+#include <cstdarg>
+#include <cstdio>
+#include <cstring>
+
+// ---------------------------------------------------------------------------------------------------------------
+// Switches
+// ---------------------------------------------------------------------------------------------------------------
+
+bool krv_ext_is_option(krv_opt_idx_t opt)
+{
+    return opt >= KRV_OPT_EXT_DWARF5 && opt <= KRV_OPT_EXT_NOTE_FUNC_ARG;
+}
+
+// Whether something was read that depends on how sections are read.
+static bool has_read(krv_handle_t *hp)
+{
+    return krv_load(&hp->sh_cu_table) != nullptr || krv_load(&hp->sh_auphash) != nullptr ||
+           krv_load(&hp->sh_line_headers) != nullptr || krv_load(&hp->sh_frame_reader) != nullptr ||
+           krv_load(&hp->sh_init_flags) != 0 || hp->sh_abbrev_checked_end != 0;
+}
+
+static int too_late(krv_handle_t *hp, const char *what)
+{
+    return krv_fail(hp, KRV_ERR_INVALID, "%s after the first query", what);
+}
+
+int krv_ext_set_opt(krv_handle_t *hp, krv_opt_idx_t opt, uint64_t value)
+{
+    if (opt == KRV_OPT_EXT_NOTE_FUNC) {
+        hp->sh_note_func = reinterpret_cast<krv_note_f *>(value);
+        return 0;
+    }
+    if (opt == KRV_OPT_EXT_NOTE_FUNC_ARG) {
+        hp->sh_note_arg = reinterpret_cast<void *>(value);
+        return 0;
+    }
+    const uint32_t flag = opt == KRV_OPT_EXT_DWARF5 ? KRV_EXT_DWARF5 : KRV_EXT_AS_WRITTEN;
+    const uint32_t flags = value != 0 ? hp->sh_ext | flag : hp->sh_ext & ~flag;
+    if (flags != hp->sh_ext && has_read(hp))
+        return too_late(hp, "an extension cannot be switched");
+    hp->sh_ext = flags;
+    return 0;
+}
+
+void krv_ext_destroy(krv_handle_t *hp)
+{
+    krv_free(hp->sh_code);
+}
+
+// ---------------------------------------------------------------------------------------------------------------
+// Sections
+// ---------------------------------------------------------------------------------------------------------------
+
+bool krv_ext_is_section(const krv_handle_t *hp, krv_secidx_t sec)
+{
+    return hp->sh_ext != 0 && sec >= KRV_SEC_EXT_LINE_STR && sec <= KRV_SEC_EXT_ALT_STR;
+}
+
+constexpr const char *NAMES[KRV_MAX_SEC] = {".debug_abbrev",     ".debug_aranges", ".debug_frame",    ".debug_info",
+                                            ".debug_line",       ".debug_loc",     ".debug_pubnames", ".debug_pubtypes",
+                                            ".debug_str",        ".debug_types",   ".eh_frame_hdr",   ".eh_frame",
+                                            "the address space", "no section"};
+constexpr const char *EXT_NAMES[KRV_EXT_SECTIONS] = {".debug_line_str",
+                                                     ".debug_str_offsets",
+                                                     ".debug_addr",
+                                                     ".debug_rnglists",
+                                                     ".debug_loclists",
+                                                     ".debug_ranges",
+                                                     ".debug_info of the alternate file",
+                                                     ".debug_str of the alternate file"};
+
+const char *krv_section_name(krv_secidx_t sec)
+{
+    return sec >= KRV_SEC_EXT_LINE_STR ? EXT_NAMES[sec - KRV_SEC_EXT_LINE_STR] : NAMES[sec];
+}
+
+int korva_lookup_ext_section_index(const char *name, krv_secidx_t *secp, boolean_t *compressed)
+{
+    if (name == nullptr || secp == nullptr || compressed == nullptr)
+        return -1;
+    const bool is_compressed = std::strncmp(name, ".zdebug_", sizeof(".zdebug_") - 1) == 0;
+    for (krv_secidx_t sec = KRV_SEC_EXT_LINE_STR; sec <= KRV_SEC_EXT_RANGES; ++sec) {
+        const char *known = krv_section_name(sec); // ".debug_x", which compressed is ".zdebug_x"
+        if (std::strcmp(name + (is_compressed ? 2 : 1), known + 1) != 0 || name[0] != '.')
+            continue;
+        *secp = sec;
+        *compressed = is_compressed ? B_TRUE : B_FALSE;
+        return 0;
+    }
+    return -1;
+}
+
+// ---------------------------------------------------------------------------------------------------------------
+// Code
+// ---------------------------------------------------------------------------------------------------------------
+
+// Kept ascending; ranges that touch become one, so that a function may reach from section to section.
+int korva_handle_add_code(krv_handle_t *hp, uint64_t address, uint64_t size)
+{
+    if (hp == nullptr)
+        return -1;
+    krv_clear_error(hp);
+    if (size == 0 || size > UINT64_MAX - address)
+        return krv_fail(hp, KRV_ERR_INVALID, "code of 0x%lx bytes at 0x%lx", static_cast<unsigned long>(size),
+                        static_cast<unsigned long>(address));
+    if (has_read(hp))
+        return too_late(hp, "code cannot be named");
+    if (!krv_table_grow(hp, &hp->sh_code, &hp->sh_code_size, hp->sh_code_entries, 8U))
+        return -1;
+    krv_code_range_t fresh = {address, address + size};
+    uint32_t kept = 0;
+    krv_code_range_t *ranges = hp->sh_code;
+    uint32_t place = 0; // where the fresh one goes among those that are kept
+    for (uint32_t i = 0; i < hp->sh_code_entries; ++i) {
+        if (ranges[i].start <= fresh.end && fresh.start <= ranges[i].end) {
+            fresh.start = ranges[i].start < fresh.start ? ranges[i].start : fresh.start;
+            fresh.end = ranges[i].end > fresh.end ? ranges[i].end : fresh.end;
+            continue;
+        }
+        if (ranges[i].start < fresh.start)
+            place = kept + 1;
+        ranges[kept++] = ranges[i];
+    }
+    std::memmove(ranges + place + 1, ranges + place, (kept - place) * sizeof(*ranges));
+    ranges[place] = fresh;
+    hp->sh_code_entries = kept + 1;
+    return 0;
+}
+
+bool krv_is_code(const krv_handle_t *hp, uint64_t start, uint64_t end)
+{
+    if (start >= end)
+        return false;
+    if (hp->sh_code_entries == 0) {
+        const uint64_t highest = hp->sh_target_size == 4 ? UINT32_MAX : UINT64_MAX;
+        return start > 1 && start < highest - 1;
+    }
+    uint32_t low = 0, high = hp->sh_code_entries; // the last range that does not begin above
+    while (high - low > 1) {
+        const uint32_t middle = low + (high - low) / 2;
+        (hp->sh_code[middle].start <= start ? low : high) = middle;
+    }
+    return hp->sh_code[low].start <= start && end <= hp->sh_code[low].end;
+}
+
+// ---------------------------------------------------------------------------------------------------------------
+// Notes
+// ---------------------------------------------------------------------------------------------------------------
+
+void krv_tell(krv_handle_t *hp, krv_secidx_t sec, uint64_t offset, bool refused, const char *format, ...)
+{
+    if (hp->sh_note_func == nullptr)
+        return;
+    char text[4 * KRV_MAX_ERROR_SIZE];
+    va_list ap;
+    va_start(ap, format);
+    static_cast<void>(std::vsnprintf(text, sizeof(text), format, ap));
+    va_end(ap);
+    const krv_note_t note = {.section = sec, .offset = offset, .refused = refused ? 1 : 0, .text = text};
+    hp->sh_note_func(&note, hp->sh_note_arg);
+}
+
+const char *krv_cause(krv_handle_t *hp)
+{
+    if (hp->sh_nerrors != 0)
+        return hp->sh_errors[0];
+    return hp->sh_errno == KRV_ERR_NOMEM ? "out of memory" : "it is damaged";
+}
