@@ -9,7 +9,6 @@
 #include "support/allocations.h"
 #include "support/scenarios.h"
 
-#include <gtest/gtest.h>
 #include <utility>
 
 using namespace krv_test;

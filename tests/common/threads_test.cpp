@@ -9,7 +9,6 @@
 
 #include <algorithm>
 #include <barrier>
-#include <gtest/gtest.h>
 #include <thread>
 
 using namespace krv_test;

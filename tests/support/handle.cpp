@@ -9,7 +9,6 @@
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
-#include <gtest/gtest.h>
 
 namespace krv_test
 {
@@ -121,6 +120,12 @@ handle &handle::extend(uint32_t extensions)
 handle &handle::attach(krv_secidx_t sec, const bytes &contents)
 {
     return attach(sec, cursor(contents));
+}
+
+krv_ctu_t *handle::first_unit(const bytes &abbrev, const bytes &info)
+{
+    attach(KRV_SEC_ABBREV, abbrev).attach(KRV_SEC_INFO, info);
+    return korva_lookup_ctu_by_start_offset(hp, KRV_SEC_INFO, 0);
 }
 
 handle &handle::attach(krv_secidx_t sec, reader *source)

@@ -56,10 +56,11 @@ public:
     operator krv_handle_t *() const { return hp; }
     krv_handle_t *operator->() const { return hp; }
 
-    handle &attach(krv_secidx_t sec, const bytes &contents); // as memory; of no bytes: not at all
-    handle &attach(krv_secidx_t sec, reader *source);        // as a call-back; the reader stays the caller's
-    handle &attach(krv_secidx_t sec, krv_fd_t cursor);       // what another handle's cursor reads
-    krv_fd_t cursor(const bytes &contents);                  // a cursor over memory of exactly that size
+    handle &attach(krv_secidx_t sec, const bytes &contents);       // as memory; of no bytes: not at all
+    handle &attach(krv_secidx_t sec, reader *source);              // as a call-back; the reader stays the caller's
+    handle &attach(krv_secidx_t sec, krv_fd_t cursor);             // what another handle's cursor reads
+    krv_ctu_t *first_unit(const bytes &abbrev, const bytes &info); // of these sections, or NULL
+    krv_fd_t cursor(const bytes &contents);                        // a cursor over memory of exactly that size
     krv_fd_t cursor(reader *source);
 
     std::string error() const { return error_line(hp); }
