@@ -260,7 +260,7 @@ static bool resolve_values(krv_handle_t *hp, const krv_ctu_t *cu, krv_die_t *die
 }
 
 // Reads the entry whose code the cursor stands behind. NULL: messages pushed.
-static krv_die_t *read_die(krv_handle_t *hp, krv_fd_t *fdp, krv_ctu_t *cu, krv_abbrev_t *abbrev, bool is_first)
+static krv_die_t *read_die(krv_handle_t *hp, krv_fd_t *fdp, krv_ctu_t *cu, krv_abbrev_t *abbrev)
 {
     const size_t slots = abbrev->dwa_nafpairs == 0 ? 1 : abbrev->dwa_nafpairs;
     die_owner die(
@@ -275,7 +275,7 @@ static krv_die_t *read_die(krv_handle_t *hp, krv_fd_t *fdp, krv_ctu_t *cu, krv_a
         return read_values<KRV_BASE_FORMS>(fdp, encoding, abbrev, die.get()) ? die.release() : nullptr;
     if (!read_values<KRV_ALL_FORMS>(fdp, encoding, abbrev, die.get()))
         return nullptr;
-    if (is_first)
+    if (cu->dcu_compile_unit == nullptr) // this is it
         krv_cu_take_bases(cu, die.get());
     const bool leads = (abbrev->dwa_flags & KRV_ABBREV_FLAG_LEADS) != 0;
     return !leads || resolve_values(hp, cu, die.get()) ? die.release() : nullptr;
@@ -325,7 +325,7 @@ static bool take_attributes(krv_handle_t *hp, const krv_abbrev_t *abbrev, uint64
             abbrev = find_abbrev(hp, au, code);
         }
         if (abbrev != nullptr && take_attributes(hp, abbrev, section_offset, left))
-            die = read_die(hp, fdp, cu, abbrev, single != nullptr);
+            die = read_die(hp, fdp, cu, abbrev);
     }
     if (die == nullptr) {
         krv_note(hp, "could not allocate DIE at %+lld within CU at %lld within %s", static_cast<long long>(offset),
