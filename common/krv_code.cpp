@@ -233,6 +233,9 @@ static int decode_block(krv_fd_t *fdp, krv_form_t form, const krv_encoding_t &en
     return 0;
 }
 
+// The value of a string in an alternate file that the client did not attach.
+constexpr char ELSEWHERE[] = "(in the alternate debug file)";
+
 // The section that the offset of a string leads into.
 static krv_secidx_t string_section(krv_family_t family)
 {
@@ -251,6 +254,10 @@ static int decode_strp(krv_fd_t *fdp, krv_form_t form, const krv_encoding_t &enc
         return krv_note(hp, "unable to decode %s", form_name(form));
     const krv_secidx_t sec = string_section(row_of(form).family);
     krv_fd_t str = *krv_section(hp, sec);
+    if (sec == KRV_SEC_EXT_ALT_STR && str.sfd_size == 0) { // an alternate file is missed more often than it is there
+        krv_fd_attach_mem(hp, &str, sizeof(ELSEWHERE), reinterpret_cast<uint8_t *>(const_cast<char *>(ELSEWHERE)));
+        offset = 0;
+    }
     if (korva_fd_seek(&str, offset, KRV_FD_SEEK_SET) != 0)
         return krv_note(hp, "cannot seek to offset %lu in %s", static_cast<unsigned long>(offset),
                         krv_section_name(sec));

@@ -215,6 +215,27 @@ static bool may_step_over(krv_handle_t *hp, krv_ctu_t *cu)
     return true;
 }
 
+// The file that a skeleton unit waits for, or NULL.
+static const char *split_name(krv_handle_t *hp, const krv_ctu_t *cu)
+{
+    const char *found = nullptr;
+    for (const krv_attribute_t attr : {DW_AT_dwo_name, DW_AT_GNU_dwo_name}) {
+        size_t length;
+        if (const char *name = krv_find_die_string(hp, cu->dcu_compile_unit, attr, SIZE_MAX, &length))
+            found = name;
+    }
+    krv_clear_error(hp);
+    return found;
+}
+
+static void tell_of_split_unit(krv_handle_t *hp, const krv_ctu_t *cu)
+{
+    const char *name = split_name(hp, cu);
+    krv_tell(hp, KRV_SEC_INFO, cu->dcu_offset, false,
+             "unit at offset 0x%lx of .debug_info waits for its split unit in %s, which is not read",
+             static_cast<unsigned long>(cu->dcu_offset), name == nullptr ? "a file without a name" : name);
+}
+
 static krv_ctu_t *keep_empty_unit(krv_handle_t *hp, const krv_ctu_t *cu)
 {
     krv_owner<krv_ctu_t> kept(krv_new<krv_ctu_t>(hp));
@@ -248,6 +269,8 @@ krv_ctu_t *krv_cu_alloc(krv_handle_t *hp, krv_secidx_t sec, uint64_t offset, con
         return nullptr;
     }
     static_cast<void>(die.release()); // the unit's now
+    if (kept->dcu_kind == KRV_UNIT_SKELETON)
+        tell_of_split_unit(hp, kept);
     return kept;
 }
 
@@ -291,12 +314,6 @@ int korva_cu_get_kind(krv_handle_t *hp, krv_ctu_t *cup, krv_cu_kind_t *kindp)
               .dwo_id = has_dwo_id ? cup->dcu_type_signature : 0,
               .type_signature = has_dwo_id ? 0 : cup->dcu_type_signature,
               .type_offset = cup->dcu_type_offset,
-              .dwo_name = nullptr};
-    for (const krv_attribute_t attr : {DW_AT_dwo_name, DW_AT_GNU_dwo_name}) {
-        size_t length;
-        if (const char *name = krv_find_die_string(hp, cup->dcu_compile_unit, attr, SIZE_MAX, &length))
-            kindp->dwo_name = name;
-    }
-    krv_clear_error(hp);
+              .dwo_name = split_name(hp, cup)};
     return 0;
 }

@@ -59,7 +59,7 @@ public:
             &all);
         return all;
     }
-    /** What the loader corrected, and what it refused. */
+    /** What was corrected, left out or refused so far. */
     std::vector<krv_elf_note_t> notes() const
     {
         std::vector<krv_elf_note_t> all;
@@ -78,8 +78,8 @@ public:
         std::vector<std::string> reasons;
         const std::vector<unit> units = handle().units();
         const bool any = std::any_of(units.begin(), units.end(), [](const unit &u) {
-            const result<krv_cu_header_t> header = u.header();
-            return header && header->version >= 2 && header->version <= 4;
+            const result<krv_cu_kind_t> kind = u.kind();
+            return kind && kind->kind != 0;
         });
         if (any)
             return reasons;

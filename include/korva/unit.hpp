@@ -117,6 +117,23 @@ public:
         return header;
     }
 
+    /** The version of DWARF that it is written in. */
+    result<std::uint16_t> version() const
+    {
+        const result<krv_cu_header_t> known = header();
+        if (!known)
+            return known.error();
+        return known->version;
+    }
+    /** What kind of unit it is: KRV_UNIT_*, and for a skeleton the file that it waits for (dwo_name). */
+    result<krv_cu_kind_t> kind() const
+    {
+        krv_cu_kind_t kind = {};
+        if (korva_cu_get_kind(hp_, cup_, &kind) != 0)
+            return last_error(hp_);
+        return kind;
+    }
+
     /** The unit's own entry, for the C functions. */
     result<krv_die_t *> entry() const
     {

@@ -4,6 +4,9 @@
 #include "notes.h"
 
 #include <cstring>
+#ifdef KRV_HAVE_ZSTD
+#include <zstd.h>
+#endif
 
 namespace krv_elf_loader
 {
@@ -18,6 +21,8 @@ constexpr size_t ZDEBUG_HEADER_SIZE = 12;
 // No deflated data inflates to more (zlib, technical details: 1032 to 1). A section that claims more is refused
 // before memory is taken for it; so are sections that share their bytes and together claim more than the file can hold.
 constexpr uint64_t MAX_INFLATION = 1032;
+
+constexpr uint32_t ZSTD_TYPE = 2; // ELFCOMPRESS_ZSTD, which <elf.h> may not know
 
 // A part of a file, as notes are read from it.
 struct extent_reader {
@@ -288,14 +293,41 @@ void elf_file::check_claim(const raw_section &section) const
                                               std::to_string(section.size) + " bytes");
 }
 
+static failure cannot_inflate(const raw_section &section, const char *why)
+{
+    return {KRV_ELF_ERR_FORMAT, "section " + section.name + " cannot be inflated: " + why};
+}
+
+byte_span elf_file::inflate_zstd(const raw_section &section)
+{
+#ifdef KRV_HAVE_ZSTD
+    const size_t header_size = gelf_fsize(handle, ELF_T_CHDR, 1, EV_CURRENT);
+    const byte_span deflated = section.bytes.subspan(header_size);
+    auto bytes = std::make_unique_for_overwrite<uint8_t[]>(section.size);
+    const size_t size = ZSTD_decompress(bytes.get(), section.size, deflated.data(), deflated.size());
+    if (ZSTD_isError(size) != 0 || size != section.size)
+        throw cannot_inflate(section, ZSTD_isError(size) != 0 ? ZSTD_getErrorName(size) : "it is shorter than it says");
+    inflated_bytes.push_back(std::move(bytes));
+    return {inflated_bytes.back().get(), size};
+#else
+    throw cannot_inflate(section, "it is compressed by zstd, and this libkorva-elf was built without libzstd");
+#endif
+}
+
 byte_span elf_file::inflate(const raw_section &section)
 {
     check_claim(section);
     Elf_Scn *scn = elf_getscn(handle, section.number);
+    GElf_Chdr chdr;
+    if ((section.flags & SHF_COMPRESSED) != 0 && gelf_getchdr(scn, &chdr) != nullptr && chdr.ch_type == ZSTD_TYPE) {
+        const byte_span bytes = inflate_zstd(section);
+        inflated_size += bytes.size();
+        return bytes;
+    }
     const int result = (section.flags & SHF_COMPRESSED) != 0 ? elf_compress(scn, 0, 0) : elf_compress_gnu(scn, 0, 0);
     const Elf_Data *data = result < 0 ? nullptr : elf_rawdata(scn, nullptr);
     if (data == nullptr)
-        throw failure(KRV_ELF_ERR_FORMAT, "section " + section.name + " cannot be inflated: " + elf_errmsg(-1));
+        throw cannot_inflate(section, elf_errmsg(-1));
     inflated_size += data->d_size;
     return {static_cast<const uint8_t *>(data->d_buf), data->d_size};
 }

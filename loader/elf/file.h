@@ -13,6 +13,7 @@
 #include <cstdint>
 #include <gelf.h>
 #include <map>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -86,6 +87,7 @@ private:
     string_table section_names() const;
     uint64_t claimed_size(Elf_Scn *scn, const raw_section &section) const;
     byte_span inflate(const raw_section &section);
+    byte_span inflate_zstd(const raw_section &section);
     void check_inflation() const;
     void place_sections();
     void read_segments();
@@ -100,7 +102,8 @@ private:
     Elf *handle = nullptr;
     GElf_Ehdr header = {};
     std::vector<raw_section> section_list;
-    std::map<size_t, byte_span> inflated; // by section number
+    std::map<size_t, byte_span> inflated;                   // by section number
+    std::vector<std::unique_ptr<uint8_t[]>> inflated_bytes; // those that libelf does not own
     uint64_t inflated_size = 0;           // of all of them
     std::vector<GElf_Phdr> segment_list;
     address_ranges code_ranges;

@@ -30,7 +30,7 @@ struct handle_deleter {
 } // namespace
 
 // What is opened, then what the handle sees of it. The view is made when it is first asked for: who wants symbols only
-// does not wait for corrections.
+// waits for nothing else.
 struct krv_elf {
     krv_elf(const std::string &path, unsigned int open_flags, std::vector<std::string> debug_folders)
         : flags(open_flags), folders(std::move(debug_folders)), file(path, (open_flags & KRV_ELF_F_INFLATE_ANY) != 0),
@@ -60,6 +60,8 @@ struct krv_elf {
             make_view(true);
             made->add_note({"attach", "", 0, true, "out of memory: nothing is corrected"});
         }
+        if (!raw())
+            extend();
         for (const view_section &section : made->sections())
             attach(section);
         return *made;
@@ -76,10 +78,29 @@ struct krv_elf {
     std::unique_ptr<krv_handle_t, handle_deleter> hp; // last: it reads what stands before it
 
 private:
+    // The handle reads files as they are written, and tells what it leaves out. What it cannot take for want of memory it
+    // goes without.
+    void extend()
+    {
+        korva_handle_set_opt(hp.get(), KRV_OPT_EXT_DWARF5, uint64_t{1});
+        korva_handle_set_opt(hp.get(), KRV_OPT_EXT_AS_WRITTEN, uint64_t{1});
+        korva_handle_set_opt(hp.get(), KRV_OPT_EXT_NOTE_FUNC, take_note);
+        korva_handle_set_opt(hp.get(), KRV_OPT_EXT_NOTE_FUNC_ARG, this);
+        for (const address_range &code : source().code().all())
+            korva_handle_add_code(hp.get(), code.start, code.end - code.start);
+    }
+
+    static void take_note(const krv_note_t *told, void *arg)
+    {
+        view &shown = *static_cast<krv_elf *>(arg)->made;
+        guarded<int>(nullptr, -1, [&] {
+            shown.add_note({"reading", shown.name_of(told->section), told->offset, told->refused != 0, told->text});
+            return 0;
+        });
+    }
+
     void attach(const view_section &section)
     {
-        if (section.index == KRV_SEC_NONE)
-            return;
         auto *argument = const_cast<view_section *>(&section); // which read_deferred does not change either
         if (section.deferred != nullptr)
             korva_attach_section(hp.get(), section.index, section.size(), KRV_FD_TYPE_CB, read_deferred, argument);
@@ -110,9 +131,13 @@ private:
     void make_view(bool raw_only)
     {
         made.reset();
-        if (!raw_only && alternate.file == nullptr && has_alternate_file(source()))
+        const bool has_alternate = !raw_only && has_alternate_file(source());
+        if (has_alternate && alternate.file == nullptr)
             alternate = find_alternate_file(source(), folders);
-        made.emplace(source(), symbols(), alternate.file.get(), raw_only);
+        made.emplace(source(), symbols(), raw_only ? nullptr : alternate.file.get(), raw_only);
+        if (has_alternate && alternate.file == nullptr)
+            made->add_note({"debug-file", ".gnu_debugaltlink", 0, true,
+                            "the alternate file is not found: names that stand in it are not known"});
         for (const debug_file *searched : {&debug, &alternate})
             if (searched->file == nullptr)
                 for (const std::string &reason : searched->refused)
@@ -206,13 +231,14 @@ int korva_elf_iter_sections(krv_elf_t *elf, krv_elf_iter_section_f *func, void *
     view *shown = made_view(elf);
     if (shown == nullptr)
         return 0;
-    const elf_file *separate = elf->debug.file.get();
-    // Of a file with separate debugging information, then what stands in that; at last what the loader made itself.
-    for (const elf_file *file : {static_cast<const elf_file *>(&elf->file), separate})
+    const elf_file *separate = elf->debug.file.get(), *alternate = elf->alternate.file.get();
+    // Of a file with separate debugging information, then what stands in that, and in the alternate file; at last what the
+    // loader made itself.
+    for (const elf_file *file : {static_cast<const elf_file *>(&elf->file), separate, alternate})
         for (size_t number = 1; file != nullptr && file->section(number) != nullptr; ++number) {
             const raw_section &raw = *file->section(number);
-            const view_section *attached = &elf->source() == file ? shown->find_raw(raw.number) : nullptr;
-            if (file == separate && attached == nullptr)
+            const view_section *attached = shown->find_raw(&raw);
+            if (file != &elf->file && attached == nullptr)
                 continue;
             const krv_elf_section_t section = describe(raw, attached);
             if (const int result = func(elf, &section, arg))
@@ -237,27 +263,24 @@ int korva_elf_iter_notes(krv_elf_t *elf, krv_elf_iter_note_f *func, void *arg)
     const view *shown_view = made_view(elf);
     if (shown_view == nullptr)
         return 0;
-    for (const note &n : shown_view->notes()) {
-        const krv_elf_note_t shown = {.pass = n.pass,
-                                      .section = n.section.c_str(),
-                                      .offset = n.offset,
-                                      .refused = n.refused ? 1 : 0,
-                                      .text = n.text.c_str()};
-        if (const int result = func(elf, &shown, arg))
-            return result;
-    }
-    for (const elf_file *file : {&elf->file, elf->debug.file.get()}) {
-        if (file == nullptr || !file->was_cut())
-            continue;
-        const krv_elf_note_t shown = {.pass = "attach",
-                                      .section = "",
-                                      .offset = 0,
-                                      .refused = 1,
-                                      .text = "the file became shorter while it was read"};
-        if (const int result = func(elf, &shown, arg))
-            return result;
-    }
-    return 0;
+    const auto show = [=](const char *pass, const char *section, uint64_t offset, bool refused, const char *text) {
+        const krv_elf_note_t shown = {
+            .pass = pass, .section = section, .offset = offset, .refused = refused ? 1 : 0, .text = text};
+        return func(elf, &shown, arg);
+    };
+    return guarded(nullptr, 0, [&] {
+        for (const note *n : shown_view->notes())
+            if (const int result = show(n->pass, n->section.c_str(), n->offset, n->refused, n->text.c_str()))
+                return result;
+        if (shown_view->notes_lost() != 0)
+            if (const int result = show("reading", "", 0, true, "there is more to note than is kept"))
+                return result;
+        for (const elf_file *file : {&elf->file, elf->debug.file.get()})
+            if (file != nullptr && file->was_cut())
+                if (const int result = show("attach", "", 0, true, "the file became shorter while it was read"))
+                    return result;
+        return 0;
+    });
 }
 
 int korva_elf_handle_bus_error(const void *address)
@@ -292,10 +315,10 @@ static failure no_source(krv_elf &elf, uint64_t address)
     char **messages = korva_handle_get_errmsgs(hp, &count);
     for (unsigned int i = 0; code != KRV_ERR_NOTFOUND && i < count; ++i)
         text += fmt::format("; {}", messages[i]);
-    const auto &notes = elf.shown().notes();
-    const auto refused = std::find_if(notes.begin(), notes.end(), [](const note &n) { return n.refused; });
+    const auto notes = elf.shown().notes();
+    const auto refused = std::find_if(notes.begin(), notes.end(), [](const note *n) { return n->refused; });
     if (refused != notes.end())
-        text += "; " + refused->text;
+        text += "; " + (*refused)->text;
     return {code == KRV_ERR_NOTFOUND || code == KRV_ERR_NONE ? KRV_ELF_ERR_NOTFOUND
             : code == KRV_ERR_NOMEM                          ? KRV_ELF_ERR_NOMEM
                                                              : KRV_ELF_ERR_FORMAT,

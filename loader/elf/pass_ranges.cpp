@@ -75,7 +75,7 @@ public:
         : v(shown), name(pass_name), info(shown->find(KRV_SEC_INFO)->bytes()),
           tables(shown->find(KRV_SEC_ABBREV)->bytes()), code(shown->file().code()), units(read_units(info))
     {
-        if (const view_section *section = v->find_extra(".debug_ranges"))
+        if (const view_section *section = v->find(KRV_SEC_EXT_RANGES))
             debug_ranges = section->bytes();
         pairs_left = debug_ranges.size();
         std::string reason;

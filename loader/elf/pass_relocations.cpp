@@ -189,7 +189,7 @@ void apply_relocations(view &v, const char *name)
     for (const raw_section &raw : v.file().sections()) {
         if (raw.type != SHT_RELA && raw.type != SHT_REL)
             continue;
-        view_section *target = v.find_raw(raw.info);
+        view_section *target = v.find_raw(v.file().section(raw.info));
         if (target == nullptr || raw.file_size > left)
             continue;
         left -= raw.file_size;

@@ -15,34 +15,25 @@ namespace
 
 // In the order in which they run. A new correction is a function in a file of its own and a row here.
 constexpr pass passes[] = {
-    {"relocations", apply_relocations},            // first: what the others read stands in relocated places
-    {"unit-versions", correct_unit_versions},      // before every walk over units
-    {"alternate-strings", take_alternate_strings}, // before "forms", which makes numbers of what is left
-    {"forms", correct_forms},                      // before entries are walked for what they hold
-    {"long-numbers", correct_long_numbers},        // it makes abbreviations of its own, of corrected ones
-    {"line-sequences", drop_dead_sequences},       // of .debug_line alone
-    {"ranges", complete_ranges},                   // last: it reads entries that the others made readable
+    {"relocations", apply_relocations},      // first: what the others read stands in relocated places
+    {"line-sequences", drop_dead_sequences}, // of .debug_line alone
+    {"ranges", complete_ranges},             // last: it reads entries
 };
 
-// What the core does not read itself.
-constexpr std::string_view EXTRA[] = {".debug_ranges"};
+// So many notes are kept.
+constexpr size_t MOST_NOTES = 4096;
 
 // What few questions read: compressed, it may never have to be inflated.
 bool is_seldom_read(krv_secidx_t index)
 {
     return index == KRV_SEC_FRAME || index == KRV_SEC_LOC || index == KRV_SEC_PUBNAMES || index == KRV_SEC_PUBTYPES ||
-           index == KRV_SEC_TYPES;
+           index == KRV_SEC_TYPES || index == KRV_SEC_EXT_LOCLISTS || index == KRV_SEC_EXT_ALT_INFO;
 }
 
 // ".zdebug_x" is ".debug_x", compressed.
 std::string plain_name(std::string_view name)
 {
     return name.starts_with(".zdebug_") ? "." + std::string(name.substr(2)) : std::string(name);
-}
-
-bool is_extra(std::string_view name)
-{
-    return std::find(std::begin(EXTRA), std::end(EXTRA), plain_name(name)) != std::end(EXTRA);
 }
 
 constexpr char ATTACH[] = "attach"; // in notes: what happens before the passes
@@ -57,45 +48,53 @@ std::vector<uint8_t> &view_section::writable()
 }
 
 view::view(elf_file &elf, const symbol_table &symbols, elf_file *alternate, bool raw_only)
-    : source(elf), function_table(symbols), alternate_file(alternate)
+    : source(elf), function_table(symbols)
 {
-    take_sections();
+    take_sections(raw_only);
+    if (alternate != nullptr)
+        take_alternate(*alternate);
     if (raw_only && elf.type() == ET_REL)
         note_relocations();
     if (!raw_only)
         for (const pass &p : passes)
             p.run(*this, p.name);
-    sort_notes();
 }
 
-void view::take_sections()
+void view::take_sections(bool raw_only)
 {
     for (const raw_section &raw : source.sections()) {
         krv_secidx_t index;
         boolean_t compressed;
-        if (raw.file_size == 0)
-            continue;
-        if (korva_lookup_section_index(raw.name.c_str(), &index, &compressed) == 0)
-            take(raw, index);
-        else if (is_extra(raw.name))
-            take(raw, KRV_SEC_NONE);
+        if (raw.file_size != 0 &&
+            (korva_lookup_section_index(raw.name.c_str(), &index, &compressed) == 0 ||
+             (!raw_only && korva_lookup_ext_section_index(raw.name.c_str(), &index, &compressed) == 0)))
+            take(source, raw, index);
     }
 }
 
-void view::take(const raw_section &raw, krv_secidx_t index)
+void view::take_alternate(elf_file &alternate)
 {
-    if (index == KRV_SEC_NONE ? find_extra(raw.name) != nullptr : find(index) != nullptr) {
+    for (const raw_section &raw : alternate.sections())
+        if (raw.file_size != 0 && plain_name(raw.name) == ".debug_info")
+            take(alternate, raw, KRV_SEC_EXT_ALT_INFO);
+        else if (raw.file_size != 0 && plain_name(raw.name) == ".debug_str")
+            take(alternate, raw, KRV_SEC_EXT_ALT_STR);
+}
+
+void view::take(elf_file &home, const raw_section &raw, krv_secidx_t index)
+{
+    if (find(index) != nullptr) {
         add_note({ATTACH, raw.name, 0, true, "a second section " + raw.name + " is not read"});
         return;
     }
     try {
         // Those of a relocatable file are read by the pass that relocates them.
-        const bool deferred = raw.compressed && is_seldom_read(index) && source.type() != ET_REL;
+        const bool deferred = raw.compressed && is_seldom_read(index) && home.type() != ET_REL;
         if (deferred)
-            source.check_claim(raw);
-        const byte_span bytes = deferred ? byte_span() : source.contents(raw);
+            home.check_claim(raw);
+        const byte_span bytes = deferred ? byte_span() : home.contents(raw);
         if (deferred ? raw.size != 0 : !bytes.empty())
-            section_list.push_back({index, raw.name, &raw, bytes, {}, deferred ? &source : nullptr});
+            section_list.push_back({index, raw.name, &raw, bytes, {}, deferred ? &home : nullptr});
     } catch (const failure &f) { // this section is lost, the others are not
         add_note({ATTACH, raw.name, 0, true, f.what()});
     }
@@ -112,51 +111,58 @@ void view::note_relocations()
         }
 }
 
-// Into the order of the file's sections; those of one section stay in the order in which they were made.
-void view::sort_notes()
+void view::add_note(note n)
+{
+    if (known_notes.count(&n) != 0)
+        return;
+    if (note_list.size() == MOST_NOTES) {
+        ++lost;
+        return;
+    }
+    note_list.push_back(std::move(n));
+    known_notes.insert(&note_list.back());
+}
+
+std::vector<const note *> view::notes() const
 {
     std::unordered_map<std::string_view, size_t> numbers;
     for (const raw_section &raw : source.sections())
         numbers.emplace(raw.name, raw.number);
-    const auto number_of = [&numbers](const note &n) {
-        const auto found = numbers.find(n.section);
+    const auto number_of = [&numbers](const note *n) {
+        const auto found = numbers.find(n->section);
         return found == numbers.end() ? 0 : found->second; // a section that the file does not have
     };
-    std::stable_sort(note_list.begin(), note_list.end(),
-                     [&number_of](const note &a, const note &b) { return number_of(a) < number_of(b); });
+    std::vector<const note *> sorted;
+    for (const note &n : note_list)
+        sorted.push_back(&n);
+    std::stable_sort(sorted.begin(), sorted.end(),
+                     [&number_of](const note *a, const note *b) { return number_of(a) < number_of(b); });
+    return sorted;
+}
+
+// As the file spells it; empty when the handle has no such section.
+std::string view::name_of(krv_secidx_t index) const
+{
+    for (const view_section &section : section_list)
+        if (section.index == index)
+            return section.name;
+    return {};
 }
 
 view_section *view::find(krv_secidx_t index)
 {
     for (view_section &section : section_list)
-        if (section.index == index && index != KRV_SEC_NONE)
+        if (section.index == index)
             return &section;
     return nullptr;
 }
 
-view_section *view::find_extra(std::string_view name)
+view_section *view::find_raw(const raw_section *raw)
 {
     for (view_section &section : section_list)
-        if (section.index == KRV_SEC_NONE && plain_name(section.name) == name)
+        if (section.raw == raw && raw != nullptr)
             return &section;
     return nullptr;
-}
-
-view_section *view::find_raw(size_t number)
-{
-    for (view_section &section : section_list)
-        if (section.raw != nullptr && section.raw->number == number)
-            return &section;
-    return nullptr;
-}
-
-byte_span view::alternate_strings()
-{
-    if (alternate_file != nullptr)
-        for (const raw_section &raw : alternate_file->sections())
-            if (plain_name(raw.name) == ".debug_str")
-                return alternate_file->contents(raw);
-    return {};
 }
 
 view_section *view::make(krv_secidx_t index, const char *name)

@@ -1,8 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// The corrected view: what the handle gets to see of each section. Small named passes look at the raw sections and,
-// where something real compilers write would stop the strict core, put a private copy in place. A pass that finds
-// nothing copies nothing.
+// What the handle gets to see of each section, and the notes on what it does not. Passes look at the raw sections and,
+// where these cannot be read as they are, put a private copy in place. A pass that finds nothing copies nothing.
 #ifndef KRV_ELF_VIEW_H
 #define KRV_ELF_VIEW_H
 
@@ -11,12 +10,13 @@
 
 #include <deque>
 #include <optional>
+#include <set>
 
 namespace krv_elf_loader
 {
 
 struct view_section {
-    krv_secidx_t index; // KRV_SEC_NONE: passes read it, and the handle does not
+    krv_secidx_t index;
     std::string name;
     const raw_section *raw;                   // NULL for a section that a pass has made
     byte_span original;                       // the file's own bytes, or the inflated ones
@@ -32,41 +32,51 @@ struct note {
     const char *pass;
     std::string section;
     uint64_t offset;
-    bool refused; // this part cannot be read; else it was corrected
+    bool refused; // this part cannot be read; else it was corrected, or read without what the text names
     std::string text;
+
+    auto operator<=>(const note &) const = default;
 };
 
 class view
 {
 public:
-    // Takes every section that libkorva knows, and those that passes read; corrects them unless `raw_only`.
+    // Takes every section that libkorva knows, those of its extensions too unless `raw_only`, and corrects them then.
     // `alternate` is the file that holds what several share, or NULL.
     view(elf_file &elf, const symbol_table &symbols, elf_file *alternate, bool raw_only);
 
     elf_file &file() const { return source; }
     const symbol_table &functions() const { return function_table; }
-    byte_span alternate_strings(); // .debug_str of the alternate file, empty without one
     const std::deque<view_section> &sections() const { return section_list; }
-    const std::deque<note> &notes() const { return note_list; }
+    // In the order of the file's sections; those of one section in the order in which they were made. They stay where they
+    // are when others are added.
+    std::vector<const note *> notes() const;
+    size_t notes_lost() const { return lost; } // that were too many
+    std::string name_of(krv_secidx_t index) const;
 
     // For passes. A section stays where it is when another one is made.
     view_section *find(krv_secidx_t index);                   // NULL when the file has none
-    view_section *find_extra(std::string_view name);          // one that passes read and the handle does not
-    view_section *find_raw(size_t number);                    // by its number in the file
+    view_section *find_raw(const raw_section *raw);           // NULL when it is not read
     view_section *make(krv_secidx_t index, const char *name); // a new, empty section
-    void add_note(note n) { note_list.push_back(std::move(n)); }
+    // What was noted before is not noted again.
+    void add_note(note n);
 
 private:
-    void take_sections();
-    void take(const raw_section &raw, krv_secidx_t index);
+    void take_sections(bool raw_only);
+    void take_alternate(elf_file &alternate);
+    void take(elf_file &home, const raw_section &raw, krv_secidx_t index);
     void note_relocations();
-    void sort_notes();
+
+    struct by_content {
+        bool operator()(const note *a, const note *b) const { return *a < *b; }
+    };
 
     elf_file &source;
     const symbol_table &function_table;
-    elf_file *alternate_file;
     std::deque<view_section> section_list;
     std::deque<note> note_list;
+    std::set<const note *, by_content> known_notes;
+    size_t lost = 0;
 };
 
 } // namespace krv_elf_loader

@@ -210,7 +210,7 @@ result<void> table_printer::read_files()
 bool table_printer::print(bool program)
 {
     if (!m_unit->is_readable()) {
-        m_object->refuse_version(*m_unit);
+        m_object->refuse_unread(*m_unit);
         return false;
     }
     const uint64_t offset = m_unit->header.offset;

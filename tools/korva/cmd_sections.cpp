@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// korva sections: what of a file is read, and what the loader corrected in it, pass by pass.
+// korva sections: what of a file is read, and what is corrected, left out or refused in it.
 #include "command.h"
 #include "object.h"
 
@@ -24,7 +24,7 @@ static std::map<std::string_view, note_list> notes_by_section(const note_list &a
 static const char *how(const krv_elf_section_t &section)
 {
     if (section.copied != 0)
-        return section.file_size == 0 ? "made" : "corrected";
+        return "relocated";
     return section.compressed != 0 ? "inflated" : "as it is";
 }
 
@@ -39,9 +39,25 @@ static void print_notes(answers &out, const note_list &notes)
         out.print("    {}: {}{}\n", note.pass, note.refused != 0 ? "not read: " : "", printable(note.text));
 }
 
+// What is left out is noted where it is met: units, their ranges and their lines.
+static void read_everything(const object &obj)
+{
+    const handle_view handle = obj.handle();
+    (void)handle.lookup_unit(0);
+    for (const unit &u : handle.units())
+        (void)u.sequences();
+}
+
+static bool is_of_alternate_file(const krv_elf_section_t &section)
+{
+    return section.index == KRV_SEC_EXT_ALT_INFO || section.index == KRV_SEC_EXT_ALT_STR;
+}
+
 static int run_sections(const common_options &options)
 {
     const object obj(options.file, options.raw, options.debug_dirs);
+    if (!options.raw)
+        read_everything(obj);
     const note_list all = obj.elf().notes();
     std::map<std::string_view, note_list> by_section = notes_by_section(all);
     answers out(options.format);
@@ -49,13 +65,16 @@ static int run_sections(const common_options &options)
     if (debug_path != nullptr && !out.is_json())
         out.print("debugging information: {}\n", printable(debug_path));
     tally done;
+    const note_list no_notes;
     for (const krv_elf_section_t &section : obj.elf().sections()) {
-        const note_list &notes = by_section[section.name];
+        const bool is_alternate = is_of_alternate_file(section);
+        const note_list &notes = is_alternate ? no_notes : by_section[section.name];
         if (section.index == KRV_SEC_NONE && section.copied == 0 && notes.empty())
             continue;
         done.answered();
         if (!out.is_json()) {
-            out.print("{:<18}  {:>10}  {}\n", printable(section.name), section.size, how(section));
+            out.print("{:<18}  {:>10}  {}{}\n", printable(section.name), section.size, how(section),
+                      is_alternate ? ", in the alternate file" : "");
             print_notes(out, notes);
             continue;
         }
@@ -67,6 +86,7 @@ static int run_sections(const common_options &options)
                     {"file_size", section.file_size},
                     {"state", how(section)},
                     {"debug_file", or_null(debug_path)},
+                    {"alternate", is_alternate},
                     {"notes", list}});
     }
     for (const krv_elf_note_t &note : all) {
@@ -82,12 +102,13 @@ static int run_sections(const common_options &options)
 void add_sections(CLI::App &app, int *status)
 {
     auto options = std::make_shared<common_options>();
-    CLI::App *verb = app.add_subcommand("sections", "Shows which sections are read, and what was corrected in them");
+    CLI::App *verb = app.add_subcommand("sections", "Shows which sections are read, and what of them is not");
     add_common_options(verb, options.get(),
                        {{"text", output_format::text}, {"json", output_format::json}, {"jsonl", output_format::jsonl}});
     verb->add_option("FILE", options->file, "ELF file")->required();
     verb->footer(
-        "A section is read as it is, inflated, corrected in a copy, or made by the loader. --raw corrects nothing.\n"
+        "A section is read as it is, inflated, or, of an object file, relocated in a copy. Below it stands what is left out\n"
+        "of it or not read; to know that, all units and line tables are read. --raw: only the sections, as they stand.\n"
         "Exit status: 0 everything is read, 1 some parts are not (the lines with `not read`), 2 nothing.\n"
         "Examples:\n"
         "  korva sections /usr/bin/ls\n"

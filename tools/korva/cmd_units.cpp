@@ -14,6 +14,9 @@ static json_value or_null(const result<std::string> &text)
     return text ? json_value(*text) : json_value(nullptr);
 }
 
+// Kinds of units, by their number.
+static constexpr const char *KINDS[] = {"not read", "compile", "type", "partial", "skeleton", "split", "split type"};
+
 static void print_unit(answers &out, const json_value &record)
 {
     if (out.is_json()) {
@@ -23,8 +26,9 @@ static void print_unit(answers &out, const json_value &record)
     const auto text = [&](const char *key) {
         return record[key].is_null() ? "-" : printable(record[key].get_ref<const std::string &>());
     };
-    out.print("{:<10}  {}  {:>8}  {}  {}  {}\n", text("offset"), record["version"].get<int>(),
-              record["size"].get<uint64_t>(), text("name"), text("comp_dir"), text("producer"));
+    out.print("{:<10}  {}  {:<8}  {:>8}  {}  {}  {}{}\n", text("offset"), record["version"].get<int>(), text("type"),
+              record["size"].get<uint64_t>(), text("name"), text("comp_dir"), text("producer"),
+              record["split_file"].is_null() ? "" : fmt::format("  (the rest is in {})", text("split_file")));
 }
 
 static int run_units(const common_options &options)
@@ -38,13 +42,15 @@ static int run_units(const common_options &options)
     for (unit_record &u : units) {
         json_value record = {{"offset", hex(u.header.offset)},
                              {"version", u.header.version},
+                             {"type", KINDS[u.kind.kind]},
                              {"size", u.header.size},
                              {"dwarf64", u.header.dwarf64 != 0},
                              {"name", nullptr},
                              {"comp_dir", nullptr},
-                             {"producer", nullptr}};
+                             {"producer", nullptr},
+                             {"split_file", or_null(u.kind.dwo_name)}};
         if (!u.is_readable()) {
-            obj.refuse_version(u);
+            obj.refuse_unread(u);
         } else if (const auto entry = u.unit.entry(); !entry) {
             obj.refuse(u, fmt::format("entry of unit at offset 0x{:x}: {}", u.header.offset, entry.error().text()));
         } else {
@@ -69,7 +75,8 @@ void add_units(CLI::App &app, int *status)
     add_common_options(verb, options.get(),
                        {{"text", output_format::text}, {"json", output_format::json}, {"jsonl", output_format::jsonl}});
     verb->footer(
-        "Each line: offset in .debug_info, DWARF version, size in bytes, name, compilation directory, producer;\n"
+        "Each line: offset in .debug_info, DWARF version, type of the unit, size in bytes, name, compilation directory,\n"
+        "producer; of a skeleton unit also the file that has the rest, which is not read;\n"
         "- is not known (JSON: null). Bytes that are not UTF-8 become U+FFFD in JSON.\n"
         "Examples:\n"
         "  korva units ./a.out\n"

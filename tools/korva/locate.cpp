@@ -77,7 +77,7 @@ locator::outcome locator::ask(unit_record &u, const extent &range, uint64_t addr
     if (u.refused)
         return outcome::refused;
     if (!u.is_readable()) {
-        m_object->refuse_version(u);
+        m_object->refuse_unread(u);
         return outcome::refused;
     }
     result<korva::source> source = u.unit.source(address, range.address, range.size);
@@ -152,7 +152,7 @@ void locator::index_sequences()
         if (u->is_readable())
             index_unit(*u);
         else
-            m_object->refuse_version(*u);
+            m_object->refuse_unread(*u);
     }
     std::sort(m_sequences.begin(), m_sequences.end(),
               [](const sequence &a, const sequence &b) { return a.addresses.start < b.addresses.start; });

@@ -59,18 +59,25 @@ void object::refuse(unit_record &u, std::string_view text) const
     u.refused = true;
 }
 
-void object::refuse_version(unit_record &u)
+// What the reader noted of a unit.
+static std::string get_reason(const elf_view &elf, const unit_record &u)
 {
-    if (!m_version_refused) {
+    for (const krv_elf_note_t &note : elf.notes())
+        if (note.refused != 0 && note.offset == u.header.offset && note.section == std::string_view(".debug_info"))
+            return note.text;
+    return fmt::format("unit at offset 0x{:x} of .debug_info cannot be read", u.header.offset);
+}
+
+void object::refuse_unread(unit_record &u)
+{
+    if (!m_unread_refused) {
         const auto others = std::count_if(m_units.begin(), m_units.end(),
                                           [](const unit_record &other) { return !other.is_readable(); }) -
                             1;
-        diagnose(fmt::format("unit at offset 0x{:x} of .debug_info is DWARF {}: DWARF 2 to 4 is read; compile it with "
-                             "-gdwarf-4 (Go: with GOEXPERIMENT=nodwarf5){}",
-                             u.header.offset, u.header.version,
-                             others == 0 ? "" : fmt::format("; so are {} other units", others)));
+        diagnose(fmt::format("{}{}", get_reason(m_elf, u),
+                             others == 0 ? "" : fmt::format("; nor are {} other units read", others)));
     }
-    m_version_refused = true;
+    m_unread_refused = true;
     u.refused = true;
 }
 
@@ -78,7 +85,7 @@ bool object::diagnose_notes() const
 {
     bool any = false;
     for (const krv_elf_note_t &note : m_elf.notes())
-        if (note.refused != 0 && note.pass != std::string_view("unit-versions")) {
+        if (note.refused != 0) {
             diagnose(note.text);
             any = true;
         }
@@ -110,7 +117,7 @@ void object::read_units()
         const auto header = u.header();
         if (!header)
             throw failure(fmt::format("{}: no unit header: {}", m_path, header.error().text()));
-        m_units.push_back({.unit = u, .header = *header, .lines = {}});
+        m_units.push_back({.unit = u, .header = *header, .kind = u.kind().value_or({}), .lines = {}});
     }
     const krv_cu_header_t &last = m_units.back().header;
     m_complete = last.offset + last.size == info_size;

@@ -18,10 +18,11 @@ namespace korva::program
 struct unit_record {
     korva::unit unit;
     krv_cu_header_t header = {};
+    krv_cu_kind_t kind = {};
     bool refused = false;       /**< its failure has been told; it is not asked again */
     std::optional<range> lines; /**< the addresses that its line table speaks of, once that was asked in vain */
 
-    bool is_readable() const { return header.version >= 2 && header.version <= 4; }
+    bool is_readable() const { return kind.kind != 0; }
 };
 
 /** An address range. */
@@ -58,9 +59,9 @@ public:
     void diagnose(std::string_view text) const;
     /** Tells why a unit is refused, once, and marks it. */
     void refuse(unit_record &u, std::string_view text) const;
-    /** The same for a unit that is not readable: which version it has and what to do. Told once for all such units. */
-    void refuse_version(unit_record &u);
-    /** Tells what the loader could not present, apart from units of other versions. False when there was anything. */
+    /** The same for a unit that is not readable, and why. Told once for all such units. */
+    void refuse_unread(unit_record &u);
+    /** Tells what the loader could not present. False when there was anything. Units that cannot be read come later. */
     bool diagnose_notes() const;
 
     /** A section of the file, or nothing. */
@@ -75,7 +76,7 @@ private:
     krv_elf_info_t m_info;
     std::vector<unit_record> m_units;
     bool m_complete = true;
-    bool m_version_refused = false; // told
+    bool m_unread_refused = false; // told
 };
 
 } // namespace korva::program
