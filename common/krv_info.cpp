@@ -196,7 +196,8 @@ int krv_cu_check_section(krv_handle_t *hp, krv_secidx_t sec)
 // cannot be read: it then has none. Tells the client.
 static bool may_step_over(krv_handle_t *hp, krv_ctu_t *cu)
 {
-    if (hp->sh_errno == KRV_ERR_NOMEM || (cu->dcu_kind != 0 && !krv_reads_as_written(hp)))
+    const bool is_passing = hp->sh_errno == KRV_ERR_NOMEM || hp->sh_errno == KRV_ERR_IO; // says nothing of the unit
+    if (is_passing || (cu->dcu_kind != 0 && !krv_reads_as_written(hp)))
         return false;
     const auto offset = static_cast<unsigned long>(cu->dcu_offset);
     if (cu->dcu_kind != 0)

@@ -65,6 +65,10 @@ public:
 
     std::string error() const { return error_line(hp); }
 
+    // Switches extensions on; their notes are kept, one a line: "section offset text", "!" in front of one that is refused.
+    handle &extend(uint32_t extensions = KRV_EXT_DWARF5 | KRV_EXT_AS_WRITTEN);
+    std::string notes;
+
     // Keeps every message that is pushed from now on, also those that a later step clears: position, blank, text.
     void watch();
     std::vector<std::string> log;
