@@ -6,8 +6,8 @@
 
 #include "libkorva-elf.h"
 
+#include "builders/bytes.h"
 #include "process.h"
-#include "support/bytes.h"
 
 #include <csignal>
 #include <elf.h>

@@ -5,7 +5,7 @@
 #ifndef KRV_TEST_CROWD_CORE_H
 #define KRV_TEST_CROWD_CORE_H
 
-#include "support/bytes.h"
+#include "builders/bytes.h"
 
 #include <elf.h>
 
