@@ -239,9 +239,7 @@ TEST_F(LoaderFaults, EverySessionOfAFile)
 
 TEST_F(LoaderFaults, EverySessionOfACore)
 {
-    const bytes core = core32().build();
-    write("core", {core.data(), core.data() + core.size()});
-    const std::string path = dir / "core";
+    const std::string path = write("core", core32().build().str());
     frameless = 0;
     each_fails(
         "core", [&](krv_elf_error_t *e) { return korva_proc_open_core(path.c_str(), nullptr, e); }, ask_process,

@@ -63,9 +63,10 @@ protected:
         return open("s.o");
     }
 
-    void write(const char *name, const std::string &bytes)
+    fs::path write(const char *name, const std::string &bytes)
     {
         std::ofstream(dir / name, std::ios::binary | std::ios::trunc) << bytes;
+        return dir / name;
     }
 
     std::string read(const char *name)
