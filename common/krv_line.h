@@ -184,8 +184,8 @@ int krv_line_push_entry(krv_handle_t *hp, krv_lnph_t *lnphp, krv_lnp_t *lnpp, kr
 int krv_line_finish_program(krv_handle_t *hp, krv_lnp_t *lnpp);
 
 // Before that, for input as it is written: leaves out the sequences that describe no code or overlap others, with their
-// rows, and tells so. What is kept is sound, and in order. 0, or -1 with KRV_ERR_NOMEM.
-int krv_line_keep_sound(krv_handle_t *hp, krv_lnph_t *lnphp, krv_lnp_t *lnpp);
+// rows, and tells so if it is to. What is kept is sound, and in order. 0, or -1 with KRV_ERR_NOMEM.
+int krv_line_keep_sound(krv_handle_t *hp, krv_lnph_t *lnphp, krv_lnp_t *lnpp, bool tells);
 
 int krv_subrange_compare(const void *a, const void *b);  // krv_lnb_t by start address
 int krv_canonical_compare(const void *a, const void *b); // krv_lns_t by file, line, address

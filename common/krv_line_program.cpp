@@ -297,9 +297,6 @@ bool careful::define_file()
     return true;
 }
 
-namespace
-{
-
 // For input as it is written: what it does not know it skips, what is too large for a register is as large as that can be.
 struct careful_as_written : careful {
     using careful::careful;
@@ -332,9 +329,7 @@ struct careful_as_written : careful {
     }
     int finish(bool watched)
     {
-        if (watched) // its matrix goes
-            return 0;
-        return krv_line_keep_sound(hp, lnphp, lnpp) != 0 ? -1 : krv_line_finish_program(hp, lnpp);
+        return krv_line_keep_sound(hp, lnphp, lnpp, !watched) != 0 ? -1 : krv_line_finish_program(hp, lnpp);
     }
 };
 
@@ -355,8 +350,6 @@ inline bool execute_extended(careful_as_written &m)
     m.fd = behind;
     return true;
 }
-
-} // namespace
 
 // ---------------------------------------------------------------------------------------------------------------
 // The swift executor
@@ -438,9 +431,9 @@ inline bool execute_extended(swift_as_written &m)
 } // namespace
 
 // Executes opcodes from where the careful executor stands, as long as they are the swift one's, S. What it stops at is the
-// careful one's.
+// careful one's. A function of its own: within the other's loop it would have fewer processor registers.
 template <typename S>
-static void execute_swiftly(careful *m)
+[[gnu::noinline]] static void execute_swiftly(careful *m)
 {
     krv_lnp_t *lnpp = m->lnpp;
     const krv_view_t view = krv_fd_view(&m->fd);

@@ -89,7 +89,7 @@ static void keep_rows(krv_lnp_t *lnpp)
     std::sort(seqs, end, [](const krv_lnb_t &a, const krv_lnb_t &b) { return a.slnb_start_addr < b.slnb_start_addr; });
 }
 
-int krv_line_keep_sound(krv_handle_t *hp, krv_lnph_t *lnphp, krv_lnp_t *lnpp)
+int krv_line_keep_sound(krv_handle_t *hp, krv_lnph_t *lnphp, krv_lnp_t *lnpp, bool tells)
 {
     if (close_last(hp, lnphp, lnpp) != 0)
         return -1;
@@ -99,7 +99,7 @@ int krv_line_keep_sound(krv_handle_t *hp, krv_lnph_t *lnphp, krv_lnp_t *lnpp)
     lnpp->slnp_lnbp_entries = choose_sequences(hp, lnpp->slnp_lnbp, count);
     lnpp->slnp_flags &= ~uint32_t{KRV_LNP_FLAG_UNSORTED};
     keep_rows(lnpp);
-    if (lnpp->slnp_lnbp_entries != count)
+    if (tells && lnpp->slnp_lnbp_entries != count)
         krv_tell(hp, KRV_SEC_LINE, lnphp->sln_offset, false,
                  "%u of %u sequences of the line-number program at offset 0x%lx describe code that is not in the file: "
                  "left out",
