@@ -42,10 +42,15 @@ struct krv_single_abbrev_t {
     krv_abbrev_t ssa_abbrev;
     krv_afpair_t ssa_pairs[64];
     int64_t ssa_implicit[16];
+    uint32_t ssa_implicit_count;
 };
 
 // Pairs of DW_FORM_implicit_const.
-uint32_t krv_abbrev_implicit_count(const krv_abbrev_t *abbrev);
+uint32_t krv_abbrev_count_implicit(const krv_abbrev_t *abbrev);
+inline uint32_t krv_abbrev_implicit_count(const krv_abbrev_t *abbrev)
+{
+    return abbrev->dwa_implicit == nullptr ? 0 : krv_abbrev_count_implicit(abbrev);
+}
 
 // While units are read, only their first entries need an abbreviation, but a damaged table has to fail them. Reads the
 // whole table at `offset` and keeps the one abbreviation with `code`. False, with nothing changed but *single, where only

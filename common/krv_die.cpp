@@ -74,7 +74,8 @@ static bool read_block(krv_fd_t *fdp, const krv_encoding_t &encoding, krv_die_t 
 }
 
 // One in memory stays where it is.
-static bool read_string(krv_fd_t *fdp, const krv_encoding_t &encoding, krv_die_t *die, krv_value_t *value)
+[[gnu::always_inline]] static inline bool read_string(krv_fd_t *fdp, const krv_encoding_t &encoding, krv_die_t *die,
+                                                      krv_value_t *value)
 {
     krv_handle_t *hp = fdp->sfd_hp;
     const krv_datum_t datum = krv_string_in_memory(fdp, value->sa_actual, encoding);
@@ -97,8 +98,8 @@ static bool read_string(krv_fd_t *fdp, const krv_encoding_t &encoding, krv_die_t
 }
 
 // Reads one value, stored by the form that the data really have: DW_FORM_indirect may lead to a string or a block.
-static bool read_value(krv_fd_t *fdp, const krv_encoding_t &encoding, krv_form_t form, krv_die_t *die,
-                       krv_value_t *value)
+[[gnu::always_inline]] static inline bool read_value(krv_fd_t *fdp, const krv_encoding_t &encoding, krv_form_t form,
+                                                     krv_die_t *die, krv_value_t *value)
 {
     value->sa_form = value->sa_actual = form;
     value->sa_u.su_unsigned = 0;
@@ -140,16 +141,17 @@ krv_au_t *krv_cu_abbrevs(krv_handle_t *hp, krv_ctu_t *cu)
 }
 
 // Reads all values of an entry and moves the cursor behind them. Numbers of a fixed width, as most are, differ in
-// nothing but that width; what is not such a number in memory, read_value reads.
+// nothing but that width; what is not such a number in memory, read_value reads. FORMS: whether there may be any of
+// extensions.
+template <uint8_t FORMS>
 static bool read_values(krv_fd_t *fdp, const krv_encoding_t &encoding, const krv_abbrev_t *abbrev, krv_die_t *die)
 {
     const krv_view_t view = krv_fd_view(fdp);
-    const int64_t *implicit = abbrev->dwa_implicit;
     uint64_t done = 0;
     for (uint32_t i = 0; i < abbrev->dwa_nafpairs; ++i) {
         const krv_form_t form = abbrev->dwa_afpairs[i].dwafp_form;
         krv_value_t *value = &die->dwdie_attrs[i];
-        const size_t width = krv_number_width(form, encoding);
+        const size_t width = krv_number_width(form, encoding, FORMS);
         if (width != 0 && view.size >= sizeof(uint64_t) && done <= view.size - sizeof(uint64_t)) {
             uint64_t word;
             std::memcpy(&word, view.bytes + done, sizeof(word));
@@ -158,9 +160,8 @@ static bool read_values(krv_fd_t *fdp, const krv_encoding_t &encoding, const krv
             done += width;
             continue;
         }
-        if (form == KRV_EXT_DW_FORM_implicit_const && encoding.is_extended()) {
-            value->sa_u.su_signed = *implicit++;
-            value->sa_form = value->sa_actual = form;
+        if (FORMS == KRV_ALL_FORMS && form == KRV_EXT_DW_FORM_implicit_const) {
+            value->sa_form = value->sa_actual = form; // resolve_values knows the value
             continue;
         }
         krv_fd_t fd = *fdp;
@@ -194,16 +195,21 @@ static krv_abbrev_t *find_abbrev(krv_handle_t *hp, krv_au_t *au, uint64_t code)
     return abbrev;
 }
 
-// Puts the strings and addresses of an entry, which are read as indices, where their indices lead. What they lead through
-// is the unit's.
-static bool resolve_indices(krv_handle_t *hp, const krv_ctu_t *cu, krv_die_t *die)
+// Gives values what their bytes alone do not tell: constants of the abbreviation, and the strings and addresses that their
+// indices lead to, through tables of the unit.
+static bool resolve_values(krv_handle_t *hp, const krv_ctu_t *cu, krv_die_t *die)
 {
     const krv_encoding_t encoding = krv_cu_encoding(hp, cu);
     const krv_abbrev_t *abbrev = die->dwdie_abbrev_cache;
+    const int64_t *implicit = abbrev->dwa_implicit;
     for (uint32_t i = 0; i < abbrev->dwa_nafpairs; ++i) {
         krv_value_t *value = &die->dwdie_attrs[i];
         if (!krv_is_extended_form(value->sa_actual))
             continue;
+        if (value->sa_actual == KRV_EXT_DW_FORM_implicit_const && value->sa_form == value->sa_actual) {
+            value->sa_u.su_signed = *implicit++;
+            continue;
+        }
         const krv_form_row_t row = krv_form_row(value->sa_actual, KRV_ALL_FORMS);
         const bool is_text = row.classes == KRV_CLASS_STRING && !is_string(row);
         if (!is_text && row.classes != KRV_CLASS_ADDRESS)
@@ -241,15 +247,14 @@ static krv_die_t *read_die(krv_handle_t *hp, krv_fd_t *fdp, krv_ctu_t *cu, krv_a
     die->dwdie_abbrev_cache = abbrev;
     die->dwdie_parts = nullptr;
     die->dwdie_copied = 0;
-    if (!read_values(fdp, krv_cu_encoding(hp, cu), abbrev, die.get()))
+    const krv_encoding_t encoding = krv_cu_encoding(hp, cu);
+    if (!encoding.is_extended())
+        return read_values<KRV_BASE_FORMS>(fdp, encoding, abbrev, die.get()) ? die.release() : nullptr;
+    if (!read_values<KRV_ALL_FORMS>(fdp, encoding, abbrev, die.get()))
         return nullptr;
-    if (hp->sh_ext != 0) {
-        if (is_first)
-            krv_cu_take_bases(cu, die.get());
-        if (!resolve_indices(hp, cu, die.get()))
-            return nullptr;
-    }
-    return die.release();
+    if (is_first)
+        krv_cu_take_bases(cu, die.get());
+    return resolve_values(hp, cu, die.get()) ? die.release() : nullptr;
 }
 
 // Attributes that a walk over entries of a unit may read: those without bytes (DW_FORM_flag_present) are few among the

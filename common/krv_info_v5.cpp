@@ -58,7 +58,7 @@ int krv_info_read_later_header(krv_handle_t *hp, krv_ctu_t *cu, krv_fd_t *fdp)
         cu->dcu_bases[base] = table_header_size(cu, KINDS[base]); // until its entry says where
     if (kind == KRV_UNIT_SKELETON || kind == KRV_UNIT_SPLIT_COMPILE) {
         cu->dcu_flags |= KRV_CU_FLAG_DWO_ID;
-        return krv_read_field(fdp, DW_FORM_data8, &cu->dcu_dwo_id, "failed to read dwo_id") ? 0 : -1;
+        return krv_read_field(fdp, DW_FORM_data8, &cu->dcu_type_signature, "failed to read dwo_id") ? 0 : -1;
     }
     if ((kind == KRV_UNIT_TYPE || kind == KRV_UNIT_SPLIT_TYPE) &&
         (!krv_read_field(fdp, DW_FORM_data8, &cu->dcu_type_signature, "failed to read type_signature") ||
@@ -90,7 +90,7 @@ void krv_cu_take_bases(krv_ctu_t *cu, const krv_die_t *die)
             break;
         case DW_AT_GNU_dwo_id:
             cu->dcu_flags |= KRV_CU_FLAG_DWO_ID;
-            cu->dcu_dwo_id = number;
+            cu->dcu_type_signature = number;
             break;
         case DW_AT_GNU_dwo_name:
             cu->dcu_kind = KRV_UNIT_SKELETON;
