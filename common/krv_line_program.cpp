@@ -418,14 +418,17 @@ struct swift_as_written : swift {
     using swift::swift;
 };
 
-// What it may have done of an opcode whose length says otherwise, the careful executor does again.
 inline bool execute_extended(swift_as_written &m)
 {
     uint64_t length;
     if (!m.read_length(&length))
         return false;
     const uint8_t *const operation = m.at;
-    return execute_operation(m) && static_cast<uint64_t>(m.at - operation) == length;
+    const unsigned short discriminator = m.regs.slns_discriminator; // all that it may change
+    if (execute_operation(m) && static_cast<uint64_t>(m.at - operation) == length)
+        return true;
+    m.regs.slns_discriminator = discriminator;
+    return false;
 }
 
 } // namespace
