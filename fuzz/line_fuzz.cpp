@@ -69,7 +69,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     uint64_t address = in.number(8);
     if (in.is_extended()) {
         korva_handle_add_code(h, 0x400, 0x1000);
-        for (const krv_secidx_t sec : {KRV_SEC_EXT_LINE_STR, KRV_SEC_STR, KRV_SEC_EXT_STR_OFFSETS})
+        for (const int sec : {int{KRV_SEC_EXT_LINE_STR}, int{KRV_SEC_STR}, int{KRV_SEC_EXT_STR_OFFSETS}})
             h.attach(sec, in.part());
     }
     h.attach(KRV_SEC_ABBREV, std::vector<uint8_t>(abbrev, abbrev + sizeof(abbrev)));
