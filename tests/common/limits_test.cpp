@@ -323,7 +323,7 @@ TEST(Limits, ClaimsOfSearchTables)
                                           {DW_EH_PE_udata8, UINT64_C(0x80000000)},
                                           {DW_EH_PE_udata8, UINT64_MAX / 2},
                                           {DW_EH_PE_udata8, UINT64_MAX}}) {
-        SCOPED_TRACE(text("%llx", static_cast<unsigned long long>(count)));
+        SCOPED_TRACE(text("%lx", count));
         eh_hdr hdr{.count = count};
         hdr.count_encoding = static_cast<uint8_t>(encoding);
         endless memory{hdr.build(stack_address, eh_frame_address)};

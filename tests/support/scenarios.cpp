@@ -185,7 +185,7 @@ static std::string ask_frames(krv_handle_t *hp)
             return "!argument";
         if (korva_activation_unwind(hp, ap.get()) != 0)
             return "!unwind";
-        answer += text("%llx %x; ", static_cast<unsigned long long>(value), arg[0][0]);
+        answer += text("%lx %x; ", static_cast<uint64_t>(value), arg[0][0]);
     }
     return answer;
 }
@@ -235,7 +235,7 @@ static std::string ask_expressions(krv_handle_t *hp)
         korva_expr_execute_expression(hp, stack.get(), ap.get(), &fd, KRV_EXPR_F_LOCATION,
                                       const_cast<krv_fd_t **>(outputs), nullptr, nullptr) != 0)
         return "!place";
-    return text("%d %llx %02x%02x%02x", count, static_cast<unsigned long long>(value), object[0], object[1], object[2]);
+    return text("%d %lx %02x%02x%02x", count, value, object[0], object[1], object[2]);
 }
 
 std::span<const scenario> scenarios()
