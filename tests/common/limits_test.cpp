@@ -204,6 +204,7 @@ struct line_sections {
     uint64_t units;
     std::function<uint64_t(uint64_t)> offset = [](uint64_t) { return 0; };
     std::function<std::string(uint64_t)> comp_dir = [](uint64_t) { return "/"; };
+    bool extended = false; // both extensions are on, and a long name is at offset 0 of .debug_line_str
 };
 
 // A header as small as one can be, up to its tables. Read as part of those of the header before it, it is three files.
@@ -227,6 +228,11 @@ TEST(Limits, MemoryOfLines)
         nested += small_line_header(15 * (N - i));
     }
     nested.fill(4);
+    bytes shared; // headers of version 5 with many files, all of one name
+    const bytes names = bytes::hex("00 00 01 01 1f").uleb(N).fill(4 * N);
+    const bytes names_header = line_unit{.v5 = true, .opcode_base = 1, .tables = names}.build();
+    for (uint64_t i = 0; i < 10; ++i)
+        shared += names_header;
     const auto each_its_own = [](uint64_t i) { return std::to_string(i); };
     const line_unit long_directory{.dirs = {std::string(1000, 'd')}, .files = {20 * N, {"a", 1}}};
     const line_sections rows[] = {
@@ -239,6 +245,11 @@ TEST(Limits, MemoryOfLines)
         {"N definitions", line_unit{.program = program(definitions + "at 400 copy pc 4 end")}.build(), N},
         {"headers that overlap", nested, N, [](uint64_t i) { return 15 * i; }},
         {"files of a long directory", long_directory.build(), 1},
+        {.what = "a long name of many files",
+         .lines = shared,
+         .units = 10,
+         .offset = [&](uint64_t i) { return names_header.size() * i; },
+         .extended = true},
     };
     for (const auto &row : rows) {
         SCOPED_TRACE(row.what);
@@ -248,6 +259,8 @@ TEST(Limits, MemoryOfLines)
         handle h;
         h.attach(KRV_SEC_ABBREV, abbrevs("1 compile_unit stmt_list:sec_offset comp_dir:string"));
         h.attach(KRV_SEC_INFO, info).attach(KRV_SEC_LINE, row.lines);
+        if (row.extended)
+            h.extend().attach(KRV_SEC_EXT_LINE_STR, bytes().cstr(std::string(1000, 'n')));
         const size_t before = heap_bytes();
         unsigned found = 0;
         uint64_t at_unit = 0;
