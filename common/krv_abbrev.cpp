@@ -535,6 +535,10 @@ bool krv_abbrev_check_table(krv_handle_t *hp, krv_offset_t offset, uint64_t code
     const krv_fd_t *fdp = &hp->sh_sec[KRV_SEC_ABBREV];
     if (krv_fd_is_cb(fdp) || offset >= fdp->sfd_size)
         return false;
+    if (krv_reads_as_written(hp)) { // what an entry does not need may be damaged
+        const uint8_t *first = fdp->sfd_u.buf + offset;
+        return code == 1 && check_abbrevs(hp, &first, fdp->sfd_u.buf + fdp->sfd_size, code, true, single);
+    }
     // Units stand in the order of their tables, or share one. No byte is checked again: neither of a sound table, whose
     // first abbreviation alone is read for further units, nor of one that failed, of which tails may be named.
     const bool again = hp->sh_abbrev_checked_end != 0 && offset == hp->sh_abbrev_checked;
