@@ -222,6 +222,19 @@ static inline void copy_short_pairs(const uint8_t *from, krv_afpair_t *to)
     std::memcpy(to, &fields, sizeof(fields));
 }
 
+constexpr auto EXTENDED_FORMS = [] {
+    std::array<krv_form_t, 256> codes{};
+    for (size_t i = 0; i < codes.size(); ++i)
+        codes[i] = krv_extended_form(i);
+    return codes;
+}();
+
+static inline void map_forms(krv_afpair_t *pairs, uint32_t count)
+{
+    for (uint32_t i = 0; i < count; ++i)
+        pairs[i].dwafp_form = EXTENDED_FORMS[pairs[i].dwafp_form];
+}
+
 // Where scan_pairs puts what it reads: reserve makes room for AT_ONCE more, of which so many are then kept.
 namespace
 {
@@ -232,6 +245,7 @@ struct table_pairs {
     bool reserve() { return t->pairs.reserve(t->hp, AT_ONCE); }
     krv_afpair_t *end() { return t->pairs.end(); }
     void copy(const uint8_t *from) { copy_short_pairs(from, end()); }
+    void map(uint32_t count) { map_forms(end(), count); }
     void put(krv_afpair_t pair) { *end() = pair; }
     bool put_implicit(int64_t value)
     {
@@ -245,28 +259,26 @@ struct table_pairs {
 
 struct single_pairs {
     krv_single_abbrev_t *single;
-    int64_t *implicit = single->ssa_implicit;
 
     krv_afpair_t *end() { return single->ssa_pairs + single->ssa_abbrev.dwa_nafpairs; }
     bool reserve() { return std::end(single->ssa_pairs) - end() >= ptrdiff_t{AT_ONCE}; }
     void copy(const uint8_t *from) { copy_short_pairs(from, end()); }
+    void map(uint32_t count) { map_forms(end(), count); }
     void put(krv_afpair_t pair) { *end() = pair; }
     bool put_implicit(int64_t value)
     {
-        if (implicit == std::end(single->ssa_implicit))
+        if (single->ssa_implicit_count == std::size(single->ssa_implicit))
             return false;
-        *implicit++ = value;
+        single->ssa_implicit[single->ssa_implicit_count++] = value;
         return true;
     }
     void keep(uint32_t count) { single->ssa_abbrev.dwa_nafpairs += count; }
 };
 
 struct no_pairs {
-    krv_afpair_t unused[AT_ONCE];
-
     bool reserve() { return true; }
-    krv_afpair_t *end() { return unused; }
     void copy(const uint8_t *) {}
+    void map(uint32_t) {}
     void put(krv_afpair_t) {}
     bool put_implicit(int64_t) { return true; }
     void keep(uint32_t) {}
@@ -285,13 +297,6 @@ struct extended_forms {
     static constexpr bool ARE_EXTENDED = true;
     static constexpr uint64_t MOST = UINT32_MAX;
 };
-
-constexpr auto EXTENDED_FORMS = [] {
-    std::array<krv_form_t, 256> codes{};
-    for (size_t i = 0; i < codes.size(); ++i)
-        codes[i] = krv_extended_form(i);
-    return codes;
-}();
 
 // Of `count` short pairs, those before the first one with a value behind it.
 static inline uint32_t count_without_value(const uint8_t *from, uint32_t count)
@@ -316,8 +321,7 @@ static inline bool scan_pairs(Pairs pairs, const uint8_t **where, const uint8_t 
             pairs.copy(at);
             if constexpr (Forms::ARE_EXTENDED) {
                 count = count_without_value(at, count);
-                for (uint32_t i = 0; i < count; ++i)
-                    pairs.end()[i].dwafp_form = EXTENDED_FORMS[at[2 * i + 1]];
+                pairs.map(count);
             }
             pairs.keep(count);
             at += 2 * count;
@@ -367,14 +371,9 @@ static inline bool scan_head(const uint8_t **where, const uint8_t *end, krv_abbr
     return true;
 }
 
-template <typename Pairs>
-static inline bool scan_pairs_of(const krv_handle_t *hp, const Pairs &pairs, const uint8_t **where, const uint8_t *end)
-{
-    return hp->sh_ext == 0 ? scan_pairs<base_forms>(pairs, where, end) : scan_pairs<extended_forms>(pairs, where, end);
-}
-
 // Reads the abbreviations that are in memory and regular, as nearly all are: `done` at the null code, `next` where
 // its twin, read_abbrev, has to see what comes.
+template <typename Forms>
 static outcome scan_abbrevs(table_builder *t)
 {
     const krv_view_t view = krv_fd_view(t->fdp);
@@ -388,7 +387,7 @@ static outcome scan_abbrevs(table_builder *t)
         } else {
             abbrev.dwa_afpair_start = t->pairs.size;
             const uint64_t implicit = t->implicit.size;
-            if (!t->abbrevs.reserve(t->hp, 1) || !scan_pairs_of(t->hp, table_pairs{t}, &at, end)) {
+            if (!t->abbrevs.reserve(t->hp, 1) || !scan_pairs<Forms>(table_pairs{t}, &at, end)) {
                 t->pairs.size = abbrev.dwa_afpair_start;
                 t->implicit.size = implicit;
                 break;
@@ -424,6 +423,22 @@ static int sort_codes(krv_handle_t *hp, krv_au_t *au)
     return 0;
 }
 
+// Whether the value stands elsewhere than where its form is.
+static bool leads(krv_afpair_t pair)
+{
+    if (!krv_is_extended_form(pair.dwafp_form) || pair.dwafp_form >= KRV_ALL_FORMS)
+        return pair.dwafp_form == DW_FORM_indirect;
+    const krv_form_row_t row = krv_form_row(pair.dwafp_form, KRV_ALL_FORMS);
+    return row.family == krv_family_t::implicit || row.classes == KRV_CLASS_STRING || row.classes == KRV_CLASS_ADDRESS;
+}
+
+static void mark_leading(krv_abbrev_t *abbrev)
+{
+    const krv_afpair_t *first = abbrev->dwa_afpairs;
+    if (std::any_of(first, first + abbrev->dwa_nafpairs, leads))
+        abbrev->dwa_flags = static_cast<krv_abbrev_flag_t>(abbrev->dwa_flags | KRV_ABBREV_FLAG_LEADS);
+}
+
 // The table in one allocation: its record, the abbreviations, the pairs. The sizes are of arrays that are in memory.
 static krv_au_t *make_unit(table_builder *t)
 {
@@ -443,6 +458,8 @@ static krv_au_t *make_unit(table_builder *t)
     for (uint64_t i = 0; i < t->abbrevs.size; ++i) {
         abbrevs[i] = t->abbrevs.at[i];
         abbrevs[i].dwa_afpairs = t->pairs.size == 0 ? nullptr : pairs + abbrevs[i].dwa_afpair_start;
+        if (t->hp->sh_ext != 0)
+            mark_leading(&abbrevs[i]);
         if (implicit_size != 0) {
             abbrevs[i].dwa_implicit = implicit;
             implicit += krv_abbrev_implicit_count(&abbrevs[i]);
@@ -458,10 +475,8 @@ static krv_au_t *make_unit(table_builder *t)
     return in_order || sort_codes(t->hp, au.get()) == 0 ? au.release() : nullptr;
 }
 
-uint32_t krv_abbrev_implicit_count(const krv_abbrev_t *abbrev)
+uint32_t krv_abbrev_count_implicit(const krv_abbrev_t *abbrev)
 {
-    if (abbrev->dwa_implicit == nullptr)
-        return 0;
     return static_cast<uint32_t>(
         std::count_if(abbrev->dwa_afpairs, abbrev->dwa_afpairs + abbrev->dwa_nafpairs,
                       [](krv_afpair_t pair) { return pair.dwafp_form == KRV_EXT_DW_FORM_implicit_const; }));
@@ -476,7 +491,7 @@ krv_au_t *krv_abbrev_unit_alloc(krv_handle_t *hp, uint64_t offset)
         return nullptr;
     }
     while (t.fdp->sfd_remaining > 0) {
-        outcome abbrev = scan_abbrevs(&t);
+        outcome abbrev = hp->sh_ext == 0 ? scan_abbrevs<base_forms>(&t) : scan_abbrevs<extended_forms>(&t);
         if (abbrev == outcome::next && t.fdp->sfd_remaining > 0)
             abbrev = read_abbrev(&t);
         if (abbrev == outcome::failed)
@@ -502,8 +517,9 @@ static krv_hash_t *get_auphash(krv_handle_t *hp)
 }
 
 // Checks a table, or, when `first_only`, reads its first abbreviation. *where stops behind it, or where it fails.
-static bool check_abbrevs(const krv_handle_t *hp, const uint8_t **where, const uint8_t *end, uint64_t code,
-                          bool first_only, krv_single_abbrev_t *single)
+template <typename Forms>
+static bool check_abbrevs(const uint8_t **where, const uint8_t *end, uint64_t code, bool first_only,
+                          krv_single_abbrev_t *single)
 {
     const uint8_t *&at = *where;
     bool found = false;
@@ -519,11 +535,14 @@ static bool check_abbrevs(const krv_handle_t *hp, const uint8_t **where, const u
         if (wanted) {
             single->ssa_abbrev = abbrev;
             single->ssa_abbrev.dwa_afpairs = single->ssa_pairs;
-            single->ssa_abbrev.dwa_implicit = hp->sh_ext == 0 ? nullptr : single->ssa_implicit;
+            single->ssa_implicit_count = 0;
+            single->ssa_abbrev.dwa_implicit = Forms::ARE_EXTENDED ? single->ssa_implicit : nullptr;
             found = true;
         }
-        if (!(wanted ? scan_pairs_of(hp, single_pairs{single}, &at, end) : scan_pairs_of(hp, no_pairs(), &at, end)))
+        if (!(wanted ? scan_pairs<Forms>(single_pairs{single}, &at, end) : scan_pairs<Forms>(no_pairs(), &at, end)))
             return false;
+        if (Forms::ARE_EXTENDED && wanted)
+            mark_leading(&single->ssa_abbrev);
     }
     return found;
 }
@@ -545,7 +564,8 @@ bool krv_abbrev_check_table(krv_handle_t *hp, krv_offset_t offset, uint64_t code
     if (again ? code != 1 : offset < hp->sh_abbrev_checked_end)
         return false;
     const uint8_t *at = fdp->sfd_u.buf + offset;
-    const bool found = check_abbrevs(hp, &at, fdp->sfd_u.buf + fdp->sfd_size, code, again, single);
+    const auto check = hp->sh_ext == 0 ? check_abbrevs<base_forms> : check_abbrevs<extended_forms>;
+    const bool found = check(&at, fdp->sfd_u.buf + fdp->sfd_size, code, again, single);
     if (!again) {
         hp->sh_abbrev_checked = found ? offset : NONE;
         hp->sh_abbrev_checked_end = static_cast<uint64_t>(at - fdp->sfd_u.buf);

@@ -15,6 +15,7 @@ struct krv_afpair_t {
 enum krv_abbrev_flag_t : uint32_t {
     KRV_ABBREV_FLAG_NONE = 0,
     KRV_ABBREV_FLAG_PARENT = 1, // entries have children
+    KRV_ABBREV_FLAG_LEADS = 2,  // some values do not stand in the entry: implicit ones, and those behind an index
 };
 
 struct krv_abbrev_t {
@@ -42,10 +43,15 @@ struct krv_single_abbrev_t {
     krv_abbrev_t ssa_abbrev;
     krv_afpair_t ssa_pairs[64];
     int64_t ssa_implicit[16];
+    uint32_t ssa_implicit_count;
 };
 
 // Pairs of DW_FORM_implicit_const.
-uint32_t krv_abbrev_implicit_count(const krv_abbrev_t *abbrev);
+uint32_t krv_abbrev_count_implicit(const krv_abbrev_t *abbrev);
+inline uint32_t krv_abbrev_implicit_count(const krv_abbrev_t *abbrev)
+{
+    return abbrev->dwa_implicit == nullptr ? 0 : krv_abbrev_count_implicit(abbrev);
+}
 
 // While units are read, only their first entries need an abbreviation, but a damaged table has to fail them. Reads the
 // whole table at `offset` and keeps the one abbreviation with `code`. False, with nothing changed but *single, where only

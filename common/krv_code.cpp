@@ -366,8 +366,8 @@ int krv_decode_form(krv_fd_t *fdp, krv_form_t form, const krv_encoding_t &encodi
     case krv_family_t::indirect:
         return decode_indirect(fdp, encoding, is_signed, dst, size, sizep);
     case krv_family_t::present:
+    case krv_family_t::implicit: // whoever has the abbreviation knows the value
         return 0;                // nothing read, nothing stored
-    case krv_family_t::implicit: // whoever has the abbreviation knows its value
     case krv_family_t::opaque:
     case krv_family_t::unknown:
         break;

@@ -69,9 +69,9 @@ consteval std::array<uint8_t, krv_form_table.size()> krv_make_number_widths()
 }
 constexpr auto krv_number_widths = krv_make_number_widths();
 
-inline size_t krv_number_width(krv_form_t form, const krv_encoding_t &encoding)
+inline size_t krv_number_width(krv_form_t form, const krv_encoding_t &encoding, uint8_t forms)
 {
-    const size_t width = form < encoding.forms ? krv_number_widths[form] : 0;
+    const size_t width = form < forms ? krv_number_widths[form] : 0;
     if (width <= sizeof(uint64_t))
         return width;
     const bool is_long = width == KRV_WIDTH_ADDRESS ? encoding.address_size != 4 : encoding.is_dwarf64;
@@ -108,7 +108,7 @@ inline bool krv_decode_in_memory(krv_fd_t *fdp, krv_form_t form, const krv_encod
         krv_fd_advance(fdp, width);
         return true;
     }
-    width = krv_number_width(form, encoding);
+    width = krv_number_width(form, encoding, encoding.forms);
     if (width == 0 || width > view.size || width > sizeof(T))
         return false;
     uint64_t value = 0;

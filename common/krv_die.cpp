@@ -74,7 +74,8 @@ static bool read_block(krv_fd_t *fdp, const krv_encoding_t &encoding, krv_die_t 
 }
 
 // One in memory stays where it is.
-static bool read_string(krv_fd_t *fdp, const krv_encoding_t &encoding, krv_die_t *die, krv_value_t *value)
+[[gnu::always_inline]] static inline bool read_string(krv_fd_t *fdp, const krv_encoding_t &encoding, krv_die_t *die,
+                                                      krv_value_t *value)
 {
     krv_handle_t *hp = fdp->sfd_hp;
     const krv_datum_t datum = krv_string_in_memory(fdp, value->sa_actual, encoding);
@@ -97,8 +98,8 @@ static bool read_string(krv_fd_t *fdp, const krv_encoding_t &encoding, krv_die_t
 }
 
 // Reads one value, stored by the form that the data really have: DW_FORM_indirect may lead to a string or a block.
-static bool read_value(krv_fd_t *fdp, const krv_encoding_t &encoding, krv_form_t form, krv_die_t *die,
-                       krv_value_t *value)
+[[gnu::always_inline]] static inline bool read_value(krv_fd_t *fdp, const krv_encoding_t &encoding, krv_form_t form,
+                                                     krv_die_t *die, krv_value_t *value)
 {
     value->sa_form = value->sa_actual = form;
     value->sa_u.su_unsigned = 0;
@@ -139,17 +140,43 @@ krv_au_t *krv_cu_abbrevs(krv_handle_t *hp, krv_ctu_t *cu)
     return au == nullptr ? nullptr : krv_publish(&cu->dcu_abbrev_unit, au, [](krv_au_t *) {});
 }
 
+// Values that entries of DWARF 5 have many of. False: none of them, and nothing has changed.
+static inline bool read_later_value(const krv_view_t &view, krv_form_t form, krv_value_t *value, uint64_t *done)
+{
+    switch (krv_form_row(form, KRV_ALL_FORMS).family) {
+    case krv_family_t::implicit: // resolve_values knows it
+    case krv_family_t::present:
+        value->sa_u.su_unsigned = 1;
+        break;
+    case krv_family_t::uleb128: {
+        if (*done >= view.size)
+            return false;
+        const uint8_t *at = view.bytes + *done;
+        const uint8_t *behind = krv_scan_short_uleb128(at, view.bytes + view.size, &value->sa_u.su_unsigned);
+        if (behind == nullptr)
+            return false;
+        *done += static_cast<uint64_t>(behind - at);
+        break;
+    }
+    default:
+        return false;
+    }
+    value->sa_form = value->sa_actual = form;
+    return true;
+}
+
 // Reads all values of an entry and moves the cursor behind them. Numbers of a fixed width, as most are, differ in
-// nothing but that width; what is not such a number in memory, read_value reads.
+// nothing but that width; what is not such a number in memory, read_value reads. FORMS: whether there may be any of
+// extensions.
+template <uint8_t FORMS>
 static bool read_values(krv_fd_t *fdp, const krv_encoding_t &encoding, const krv_abbrev_t *abbrev, krv_die_t *die)
 {
     const krv_view_t view = krv_fd_view(fdp);
-    const int64_t *implicit = abbrev->dwa_implicit;
     uint64_t done = 0;
     for (uint32_t i = 0; i < abbrev->dwa_nafpairs; ++i) {
         const krv_form_t form = abbrev->dwa_afpairs[i].dwafp_form;
         krv_value_t *value = &die->dwdie_attrs[i];
-        const size_t width = krv_number_width(form, encoding);
+        const size_t width = krv_number_width(form, encoding, FORMS);
         if (width != 0 && view.size >= sizeof(uint64_t) && done <= view.size - sizeof(uint64_t)) {
             uint64_t word;
             std::memcpy(&word, view.bytes + done, sizeof(word));
@@ -158,11 +185,8 @@ static bool read_values(krv_fd_t *fdp, const krv_encoding_t &encoding, const krv
             done += width;
             continue;
         }
-        if (form == KRV_EXT_DW_FORM_implicit_const && encoding.is_extended()) {
-            value->sa_u.su_signed = *implicit++;
-            value->sa_form = value->sa_actual = form;
+        if (FORMS == KRV_ALL_FORMS && read_later_value(view, form, value, &done))
             continue;
-        }
         krv_fd_t fd = *fdp;
         krv_fd_advance(&fd, done);
         if (!read_value(&fd, encoding, form, die, value)) {
@@ -194,16 +218,21 @@ static krv_abbrev_t *find_abbrev(krv_handle_t *hp, krv_au_t *au, uint64_t code)
     return abbrev;
 }
 
-// Puts the strings and addresses of an entry, which are read as indices, where their indices lead. What they lead through
-// is the unit's.
-static bool resolve_indices(krv_handle_t *hp, const krv_ctu_t *cu, krv_die_t *die)
+// Gives values what their bytes alone do not tell: constants of the abbreviation, and the strings and addresses that their
+// indices lead to, through tables of the unit.
+static bool resolve_values(krv_handle_t *hp, const krv_ctu_t *cu, krv_die_t *die)
 {
     const krv_encoding_t encoding = krv_cu_encoding(hp, cu);
     const krv_abbrev_t *abbrev = die->dwdie_abbrev_cache;
+    const int64_t *implicit = abbrev->dwa_implicit;
     for (uint32_t i = 0; i < abbrev->dwa_nafpairs; ++i) {
         krv_value_t *value = &die->dwdie_attrs[i];
         if (!krv_is_extended_form(value->sa_actual))
             continue;
+        if (value->sa_actual == KRV_EXT_DW_FORM_implicit_const && value->sa_form == value->sa_actual) {
+            value->sa_u.su_signed = *implicit++;
+            continue;
+        }
         const krv_form_row_t row = krv_form_row(value->sa_actual, KRV_ALL_FORMS);
         const bool is_text = row.classes == KRV_CLASS_STRING && !is_string(row);
         if (!is_text && row.classes != KRV_CLASS_ADDRESS)
@@ -231,7 +260,7 @@ static bool resolve_indices(krv_handle_t *hp, const krv_ctu_t *cu, krv_die_t *di
 }
 
 // Reads the entry whose code the cursor stands behind. NULL: messages pushed.
-static krv_die_t *read_die(krv_handle_t *hp, krv_fd_t *fdp, krv_ctu_t *cu, krv_abbrev_t *abbrev, bool is_first)
+static krv_die_t *read_die(krv_handle_t *hp, krv_fd_t *fdp, krv_ctu_t *cu, krv_abbrev_t *abbrev)
 {
     const size_t slots = abbrev->dwa_nafpairs == 0 ? 1 : abbrev->dwa_nafpairs;
     die_owner die(
@@ -241,15 +270,15 @@ static krv_die_t *read_die(krv_handle_t *hp, krv_fd_t *fdp, krv_ctu_t *cu, krv_a
     die->dwdie_abbrev_cache = abbrev;
     die->dwdie_parts = nullptr;
     die->dwdie_copied = 0;
-    if (!read_values(fdp, krv_cu_encoding(hp, cu), abbrev, die.get()))
+    const krv_encoding_t encoding = krv_cu_encoding(hp, cu);
+    if (!encoding.is_extended())
+        return read_values<KRV_BASE_FORMS>(fdp, encoding, abbrev, die.get()) ? die.release() : nullptr;
+    if (!read_values<KRV_ALL_FORMS>(fdp, encoding, abbrev, die.get()))
         return nullptr;
-    if (hp->sh_ext != 0) {
-        if (is_first)
-            krv_cu_take_bases(cu, die.get());
-        if (!resolve_indices(hp, cu, die.get()))
-            return nullptr;
-    }
-    return die.release();
+    if (cu->dcu_compile_unit == nullptr) // this is it
+        krv_cu_take_bases(cu, die.get());
+    const bool leads = (abbrev->dwa_flags & KRV_ABBREV_FLAG_LEADS) != 0;
+    return !leads || resolve_values(hp, cu, die.get()) ? die.release() : nullptr;
 }
 
 uint64_t krv_cu_most_attributes(const krv_ctu_t *cu)
@@ -294,7 +323,7 @@ static bool take_attributes(krv_handle_t *hp, const krv_abbrev_t *abbrev, uint64
             abbrev = find_abbrev(hp, au, code);
         }
         if (abbrev != nullptr && take_attributes(hp, abbrev, section_offset, left))
-            die = read_die(hp, fdp, cu, abbrev, single != nullptr);
+            die = read_die(hp, fdp, cu, abbrev);
     }
     if (die == nullptr) {
         krv_note(hp, "could not allocate DIE at %+lld within CU at %lld within %s", static_cast<long long>(offset),

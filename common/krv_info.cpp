@@ -196,7 +196,8 @@ int krv_cu_check_section(krv_handle_t *hp, krv_secidx_t sec)
 // cannot be read: it then has none. Tells the client.
 static bool may_step_over(krv_handle_t *hp, krv_ctu_t *cu)
 {
-    if (hp->sh_errno == KRV_ERR_NOMEM || (cu->dcu_kind != 0 && !krv_reads_as_written(hp)))
+    const bool is_passing = hp->sh_errno == KRV_ERR_NOMEM || hp->sh_errno == KRV_ERR_IO; // says nothing of the unit
+    if (is_passing || (cu->dcu_kind != 0 && !krv_reads_as_written(hp)))
         return false;
     const auto offset = static_cast<unsigned long>(cu->dcu_offset);
     if (cu->dcu_kind != 0)
@@ -214,6 +215,16 @@ static bool may_step_over(krv_handle_t *hp, krv_ctu_t *cu)
     return true;
 }
 
+static krv_ctu_t *keep_empty_unit(krv_handle_t *hp, const krv_ctu_t *cu)
+{
+    krv_owner<krv_ctu_t> kept(krv_new<krv_ctu_t>(hp));
+    if (kept == nullptr)
+        return nullptr;
+    *kept = *cu;
+    kept->dcu_compile_unit = krv_alloc_no_die(hp, kept.get());
+    return kept->dcu_compile_unit == nullptr ? nullptr : kept.release();
+}
+
 krv_ctu_t *krv_cu_alloc(krv_handle_t *hp, krv_secidx_t sec, uint64_t offset, const krv_ctu_t *before)
 {
     KRV_ASSERT(hp != NULL);
@@ -229,11 +240,8 @@ krv_ctu_t *krv_cu_alloc(krv_handle_t *hp, krv_secidx_t sec, uint64_t offset, con
             die.reset(cu.dcu_compile_unit);
             kept = die == nullptr ? nullptr : keep_unit(hp, &cu, &single, before);
         }
-        if (kept == nullptr && may_step_over(hp, &cu)) {
-            cu.dcu_compile_unit = krv_alloc_no_die(hp, &cu);
-            die.reset(cu.dcu_compile_unit);
-            kept = die == nullptr ? nullptr : keep_unit(hp, &cu, &single, before);
-        }
+        if (kept == nullptr && hp->sh_ext != 0 && may_step_over(hp, &cu))
+            return keep_empty_unit(hp, &cu);
     }
     if (kept == nullptr) {
         krv_note(hp, "failed to obtain CU at offset %lld in %s", static_cast<long long>(offset), section_name(sec));
@@ -277,10 +285,11 @@ int korva_cu_get_kind(krv_handle_t *hp, krv_ctu_t *cup, krv_cu_kind_t *kindp)
     if (cup == nullptr || kindp == nullptr)
         return krv_fail_code(hp, KRV_ERR_INVALID);
     krv_clear_error(hp);
+    const bool has_dwo_id = (cup->dcu_flags & KRV_CU_FLAG_DWO_ID) != 0;
     *kindp = {.kind = cup->dcu_kind,
-              .has_dwo_id = (cup->dcu_flags & KRV_CU_FLAG_DWO_ID) != 0,
-              .dwo_id = cup->dcu_dwo_id,
-              .type_signature = cup->dcu_type_signature,
+              .has_dwo_id = has_dwo_id,
+              .dwo_id = has_dwo_id ? cup->dcu_type_signature : 0,
+              .type_signature = has_dwo_id ? 0 : cup->dcu_type_signature,
               .type_offset = cup->dcu_type_offset,
               .dwo_name = nullptr};
     for (const krv_attribute_t attr : {DW_AT_dwo_name, DW_AT_GNU_dwo_name}) {

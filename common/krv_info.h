@@ -23,7 +23,7 @@ struct krv_ctu {
     uint16_t dcu_version;
     uint64_t dcu_debug_abbrev_offset;
     uint8_t dcu_address_size;
-    uint64_t dcu_type_signature;   // .debug_types headers only
+    uint64_t dcu_type_signature;   // of type units; of skeleton and split units the dwo_id: KRV_CU_FLAG_DWO_ID
     uint64_t dcu_type_offset;      // likewise
     int dcu_section;               // KRV_SEC_INFO
     uint64_t dcu_offset;           // of the unit's first byte in the section
@@ -38,7 +38,6 @@ struct krv_ctu {
     char *dcu_name;                // likewise, or the entry's where it need not be cut
     uint32_t dcu_flags;            // KRV_CU_FLAG_*
     uint8_t dcu_kind;              // KRV_UNIT_*; 0: stepped over, its first entry stands for none
-    uint64_t dcu_dwo_id;           // of a skeleton or split unit; see KRV_CU_FLAG_DWO_ID
     uint64_t dcu_bases[KRV_BASES]; // by krv_base_t, where values of its entries count from
 };
 

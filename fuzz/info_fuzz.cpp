@@ -30,6 +30,8 @@ static int visit_unit(krv_handle_t *hp, krv_ctu_t *cu, void *arg)
     krv_die_t *die = nullptr;
     krv_cu_header_t header;
     korva_cu_get_header(hp, cu, &header);
+    krv_cu_kind_t kind;
+    korva_cu_get_kind(hp, cu, &kind);
     return korva_get_cu_cudie(hp, cu, &die) == 0 ? visit(hp, die, arg) : 0;
 }
 
@@ -39,6 +41,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     krv_fuzz::handle h(in);
     h.attach(KRV_SEC_ABBREV, in.part());
     h.attach(KRV_SEC_STR, in.part());
+    if (in.is_extended())
+        for (const krv_secidx_t sec :
+             {KRV_SEC_EXT_LINE_STR, KRV_SEC_EXT_STR_OFFSETS, KRV_SEC_EXT_ADDR, KRV_SEC_EXT_ALT_STR})
+            h.attach(sec, in.part());
     h.attach(KRV_SEC_INFO, in.rest());
     unsigned budget = 2000;
     korva_iter_cu(h, KRV_SEC_INFO, visit_unit, &budget);

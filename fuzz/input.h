@@ -16,10 +16,12 @@ namespace krv_fuzz
 
 // What the first two bytes say.
 enum : unsigned {
-    MODE_I386 = 1,     // the target; else AMD64
-    MODE_CALLBACK = 2, // sections are read through a call-back; else from memory
-    MODE_FAILS = 4,    // the faulty read fails; else it comes up short
-    MODE_FAULT = 8     // times n: the n-th read of each section is faulty; 0: none
+    MODE_I386 = 1,           // the target; else AMD64
+    MODE_CALLBACK = 2,       // sections are read through a call-back; else from memory
+    MODE_FAILS = 4,          // the faulty read fails; else it comes up short
+    MODE_FAULT = 8,          // times n, below MODE_DWARF5: the n-th read of each section is faulty; 0: none
+    MODE_DWARF5 = 0x4000,    // KRV_OPT_EXT_DWARF5 is on
+    MODE_AS_WRITTEN = 0x8000 // KRV_OPT_EXT_AS_WRITTEN is
 };
 
 // A read call-back over a section, with a fault that the input chooses.
@@ -31,7 +33,7 @@ struct source {
     static int64_t read(void *arg, void *buf, size_t count, uint64_t offset)
     {
         auto *self = static_cast<source *>(arg);
-        const bool faulty = ++self->reads == self->mode / MODE_FAULT;
+        const bool faulty = ++self->reads == self->mode % MODE_DWARF5 / MODE_FAULT;
         if (faulty && (self->mode & MODE_FAILS) != 0)
             return -1;
         if (faulty && count != 0)
@@ -73,6 +75,7 @@ public:
         return (mode & MODE_I386) != 0 ? KRV_ACTIVATION_I386 : KRV_ACTIVATION_AMD64;
     }
     bool through_callback() const { return (mode & MODE_CALLBACK) != 0; }
+    bool is_extended() const { return (mode & (MODE_DWARF5 | MODE_AS_WRITTEN)) != 0; }
 
     unsigned mode = 0;
 
@@ -96,7 +99,11 @@ public:
     explicit handle(const input &in)
         : hp(korva_handle_alloc(in.target())), callback(in.through_callback()), mode(in.mode)
     {
-        sections.reserve(KRV_MAX_SEC);
+        sections.reserve(KRV_MAX_SEC + KRV_SEC_EXT_ALT_STR - KRV_SEC_EXT_LINE_STR + 1);
+        if (hp != nullptr && (mode & MODE_DWARF5) != 0)
+            korva_handle_set_opt(hp, KRV_OPT_EXT_DWARF5, uint64_t{1});
+        if (hp != nullptr && (mode & MODE_AS_WRITTEN) != 0)
+            korva_handle_set_opt(hp, KRV_OPT_EXT_AS_WRITTEN, uint64_t{1});
     }
     ~handle() { korva_handle_free(hp); }
     handle(const handle &) = delete;

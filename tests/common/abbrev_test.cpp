@@ -5,8 +5,6 @@
 #include "support/handle.h"
 #include "support/sections.h"
 
-#include <gtest/gtest.h>
-
 using namespace krv_test;
 
 // A table in one line, "1/11+ 3/8 25/8; 2/2e": code, tag, + for children, pairs; or the error state.

@@ -4,7 +4,6 @@
 #include "support/activation.h"
 
 #include <cstring>
-#include <gtest/gtest.h>
 
 using namespace krv_test;
 

@@ -5,8 +5,6 @@
 #include "support/frame_builder.h"
 #include "support/handle.h"
 
-#include <gtest/gtest.h>
-
 using namespace krv_test;
 
 static constexpr auto AMD64 = KRV_ACTIVATION_AMD64, I386 = KRV_ACTIVATION_I386;

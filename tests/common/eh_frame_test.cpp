@@ -7,7 +7,6 @@
 #include "support/handle.h"
 
 #include <algorithm>
-#include <gtest/gtest.h>
 #include <random>
 #include <set>
 

@@ -7,7 +7,6 @@
 #include "krv_names.h"
 #include "support/handle.h"
 
-#include <gtest/gtest.h>
 #include <sstream>
 
 using namespace krv_test;

@@ -9,7 +9,6 @@
 #include "support/allocations.h"
 #include "support/scenarios.h"
 
-#include <gtest/gtest.h>
 #include <utility>
 
 using namespace krv_test;
@@ -51,9 +50,9 @@ static void attach(krv_handle_t *hp, const session &data, readers *sources)
         sources->push_back(std::make_unique<reader>(reader{.contents = contents, .base = base}));
         return sources->back().get();
     };
+    data.set_options(hp);
     for (const auto &[sec, contents] : data.sections)
         korva_attach_section(hp, sec, contents.size(), KRV_FD_TYPE_CB, read_counted, keep(contents));
-    data.set_options(hp);
     if (data.memory.size() != 0)
         korva_attach_as(hp, read_counted, keep(data.memory, stack_address));
 }

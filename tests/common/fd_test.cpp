@@ -5,7 +5,6 @@
 #include "support/handle.h"
 
 #include <cstring>
-#include <gtest/gtest.h>
 
 using namespace krv_test;
 

@@ -8,7 +8,6 @@
 
 #include <algorithm>
 #include <cstdlib>
-#include <gtest/gtest.h>
 #include <numeric>
 #include <random>
 

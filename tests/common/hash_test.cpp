@@ -4,8 +4,6 @@
 #include "krv_hash.h"
 #include "support/handle.h"
 
-#include <gtest/gtest.h>
-
 using namespace krv_test;
 
 namespace

@@ -8,7 +8,6 @@
 #include "support/handle.h"
 #include "support/sections.h"
 
-#include <gtest/gtest.h>
 #include <random>
 
 using namespace krv_test;
@@ -64,13 +63,26 @@ TEST(Info, Headers)
                         no_4 + "type_offset | failed to read CU header at offset 0 in .debug_types"));
 }
 
-// One unit of one entry with one attribute: the value, or the error state without its last message.
-static std::string read_value(uint64_t form, const bytes &datum, bool dwarf64, krv_activation_type_t target)
+// One unit of one entry with one attribute: the value, or the error state without its last message. `extended`: of a unit
+// of version 5 whose tables have two elements each, one behind the other.
+static std::string read_value(const std::string &form, const bytes &datum, bool dwarf64, krv_activation_type_t target,
+                              bool extended = false)
 {
     handle h(target);
-    h.attach(KRV_SEC_ABBREV, abbrevs("1 variable const_value:" + std::to_string(form)));
+    if (extended)
+        h.extend();
+    h.attach(KRV_SEC_ABBREV, abbrevs("1 variable const_value:" + form));
     h.attach(KRV_SEC_STR, bytes().cstr("abc").cstr("def"));
-    h.attach(KRV_SEC_INFO, unit{.dwarf64 = dwarf64, .dies = bytes().uleb(1).add(datum)}.build());
+    h.attach(KRV_SEC_EXT_LINE_STR, bytes().cstr("line"));
+    h.attach(KRV_SEC_EXT_ALT_STR, bytes().cstr("alternate"));
+    const bytes table = bytes().unit_length(dwarf64, 4 + (dwarf64 ? 16 : 8)).u16(5).u16(0);
+    const bytes offsets = bytes().add(table).offset(dwarf64, 4).offset(dwarf64, 9);
+    h.attach(KRV_SEC_EXT_STR_OFFSETS, offsets + offsets);
+    h.attach(KRV_SEC_EXT_ADDR, bytes().unit_length(dwarf64, 20).u16(5).u16(0).u64(7).u64(8).u64(9));
+    const uint8_t kind = extended ? KRV_UNIT_COMPILE : 0;
+    const bytes dies = bytes().uleb(1).add(datum);
+    h.attach(KRV_SEC_INFO,
+             unit{.dwarf64 = dwarf64, .version = uint16_t(extended ? 5 : 4), .kind = kind, .dies = dies}.build());
     krv_ctu_t cu;
     EXPECT_EQ(krv_info_hdr_read(h, &cu, KRV_SEC_INFO, 0), 0);
     const die_owner die(krv_alloc_die_by_cu_offset(h, &cu, cu.dcu_header_size));
@@ -85,8 +97,8 @@ static std::string read_value(uint64_t form, const bytes &datum, bool dwarf64, k
     krv_form_t got_form;
     krv_value_t *value;
     EXPECT_EQ(krv_get_die_attr(h, die.get(), DW_AT_const_value, &got_form, nullptr, &value), 0);
-    EXPECT_TRUE(got_form == form && value->sa_form == form);
-    const uint32_t form_class = krv_get_form_class(value->sa_actual);
+    EXPECT_TRUE(extended || (std::to_string(got_form) == form && std::to_string(value->sa_form) == form));
+    const uint32_t form_class = krv_form_row(value->sa_actual, KRV_ALL_FORMS).classes;
     if (form_class == KRV_CLASS_STRING)
         return static_cast<char *>(value->sa_u.su_addr);
     if (form_class != KRV_CLASS_BLOCK && form_class != KRV_CLASS_EXPRLOC)
@@ -136,7 +148,113 @@ TEST(Info, Values)
              "DW_FORM_block4 form)"},
     };
     for (const auto &row : rows)
-        EXPECT_EQ(read_value(row.form, bytes::hex(row.datum), row.dwarf64, row.target), row.outcome) << row.datum;
+        EXPECT_EQ(read_value(std::to_string(row.form), bytes::hex(row.datum), row.dwarf64, row.target), row.outcome)
+            << row.datum;
+}
+
+TEST(Info, ValuesOfLaterForms)
+{
+    const auto not_read = [](const std::string &form) {
+        return " | failed to read DIE's datum 0 (attribute 0x1c encoded as DW_FORM_" + form + " form)";
+    };
+    const struct {
+        const char *form, *datum;
+        std::string outcome;
+        bool dwarf64 = false;
+    } rows[] = {
+        {"strx", "00", "def"},
+        {"strx", "80 00", "def", true},
+        {"strx1", "01", "INVALID: can't seek beyond end | cannot seek to offset 9 in .debug_str" + not_read("strx1")},
+        {"strx2", "02 00", // the elements of the next table
+         "CORRUPT: index 2 at base 0x8 leads out of .debug_str_offsets" + not_read("strx2")},
+        {"strx3", "00 00 00", "def"},
+        {"strx4", "ff ff ff ff",
+         "CORRUPT: index 4294967295 at base 0x10 leads out of .debug_str_offsets" + not_read("strx4"), true},
+        {"addrx", "01", "8"},
+        {"addrx1", "00", "7"},
+        {"addrx2", "02 00", "CORRUPT: index 2 at base 0x8 leads out of .debug_addr" + not_read("addrx2")},
+        {"addrx3", "00 00 00", "7"},
+        {"addrx4", "01 00 00 00", "8", true},
+        {"line_strp", "01 00 00 00", "ine"},
+        {"strp_sup", "05 00 00 00", "nate"},
+        {"GNU_strp_alt", "00 00 00 00 00 00 00 00", "alternate", true},
+        {"implicit_const=-129", "", "-129"},
+        {"data16", "03 00 00 00 00 00 00 00 00 00 00 00 00 00 00 01", "block of 16 from 3"},
+        {"rnglistx", "85 01", "133"},
+        {"ref_addr", "ff ff ff ff", "4294967295"},
+        {"ref_sup8", "01 00 00 00 00 00 00 80", "-9223372036854775807"},
+        {"GNU_ref_alt", "05 00 00 00", "5"},
+        {"sdata", "ff ff ff ff ff ff ff ff ff 00", "9223372036854775807"}, // as clang writes it
+        {"udata", "81 80 80 80 80 80 80 80 80 00", "1"},
+        {"indirect", "a1 3e 01 00 00 00", "lternate"},
+        {"indirect", "99 01",
+         "INVALID: decoder passed invalid form 127 (unknown) | failed to read DIE's datum 0 (DW_AT_const_value "
+         "attribute "
+         "encoded as DW_FORM_indirect form)"},
+        {"indirect", "1f 00 00 00 00", "line"},
+        {"indirect", "1a 00", "def"},
+    };
+    for (const auto &row : rows)
+        EXPECT_EQ(read_value(row.form, bytes::hex(row.datum), row.dwarf64, KRV_ACTIVATION_AMD64, true), row.outcome)
+            << row.form << " " << row.datum;
+}
+
+// What a handle says of each unit: version, kind, what makes it the one it is, name.
+static std::string list_units(handle &h)
+{
+    std::string list;
+    const auto visit = [](krv_handle_t *hp, krv_ctu_t *cu, void *arg) {
+        krv_cu_kind_t kind;
+        EXPECT_EQ(korva_cu_get_kind(hp, cu, &kind), 0);
+        static_cast<std::string *>(arg)->append(text("%u/%u %lx %lx %s %s; ", cu->dcu_version, kind.kind, kind.dwo_id,
+                                                     kind.type_signature, cu->dcu_name == nullptr ? "-" : cu->dcu_name,
+                                                     kind.dwo_name == nullptr ? "-" : kind.dwo_name));
+        return 0;
+    };
+    return korva_iter_cu(h, KRV_SEC_INFO, visit, &list) == 0 ? list : h.error();
+}
+
+TEST(Info, KindsOfUnits)
+{
+    const bytes table = abbrevs("1 compile_unit name:string; 2 compile_unit 0x76:string; 3 partial_unit; "
+                                "4 compile_unit 0x2130:string 0x2131:data8; 5 compile_unit name:strx1");
+    const bytes named = bytes().uleb(1).cstr("a"), id = bytes().u64(0x1d);
+    const bytes units =
+        unit{.version = 5, .kind = KRV_UNIT_COMPILE, .dies = named}.build() +
+        unit{.version = 5, .kind = KRV_UNIT_TYPE, .extra = bytes().u64(0x51).u32(30), .dies = named}.build() +
+        unit{.version = 5, .kind = KRV_UNIT_SKELETON, .extra = id, .dies = bytes().uleb(2).cstr("a.dwo")}.build() +
+        unit{.version = 4, .dies = bytes().uleb(3)}.build() +
+        unit{.version = 4, .dies = bytes().uleb(4).cstr("b.dwo").u64(0x2d)}.build();
+    const std::string sound = "5/1 0 0 a -; 5/2 0 51 a -; 5/4 1d 0 - a.dwo; 4/3 0 0 - -; 4/4 2d 0 - b.dwo; ";
+    const bytes stepped_over = unit{.version = 6, .dies = named}.build() +
+                               unit{.version = 5, .kind = 7, .dies = named}.build() +
+                               unit{.version = 4, .dies = bytes().uleb(9)}.build() + unit{.dies = named}.build();
+    const auto note = [](const char *what) { return text("!.debug_info %s", what); };
+    const struct {
+        uint32_t extensions;
+        const bytes &info;
+        std::string list, notes;
+    } rows[] = {
+        {KRV_EXT_DWARF5, units, sound, ""},
+        {KRV_EXT_AS_WRITTEN, unit{.version = 5, .kind = 1, .dies = named}.build(), "5/0 0 0 - -; ",
+         note("0 unit at offset 0x0 of .debug_info is DWARF 5, and libkorva reads DWARF 2 to 4\n")},
+        {KRV_EXT_DWARF5 | KRV_EXT_AS_WRITTEN, stepped_over, "6/0 0 0 - -; 5/0 0 0 - -; 4/0 0 0 - -; 4/1 0 0 a -; ",
+         note("0 unit at offset 0x0 of .debug_info is DWARF 6, and libkorva reads DWARF 2 to 5\n") +
+             note("14 unit at offset 0xe of .debug_info is of an unknown type\n") +
+             note("29 unit at offset 0x1d of .debug_info cannot be read: abbreviation code 9 not found\n")},
+        {KRV_EXT_DWARF5, stepped_over, "6/0 0 0 - -; 5/0 0 0 - -; ",
+         note("0 unit at offset 0x0 of .debug_info is DWARF 6, and libkorva reads DWARF 2 to 5\n") +
+             note("14 unit at offset 0xe of .debug_info is of an unknown type\n")},
+    };
+    for (const auto &row : rows) {
+        handle h;
+        h.extend(row.extensions).attach(KRV_SEC_ABBREV, table).attach(KRV_SEC_INFO, row.info);
+        EXPECT_EQ(list_units(h), row.list);
+        EXPECT_EQ(h.notes, row.notes);
+        EXPECT_TRUE(
+            refuses(h, korva_handle_set_opt(h, KRV_OPT_EXT_AS_WRITTEN, uint64_t{~row.extensions & KRV_EXT_AS_WRITTEN}),
+                    "INVALID: an extension cannot be switched after the first query"));
+    }
 }
 
 namespace
@@ -145,17 +263,16 @@ namespace
 // A unit of entries by these abbreviations, its root first.
 struct tree {
     handle h;
-    krv_ctu_t *cu = nullptr;
+    krv_ctu_t *cu;
     krv_die_t *root = nullptr;
 
     explicit tree(const bytes &dies)
+        : cu(h.first_unit(abbrevs("1 compile_unit+ name:string; 2 subprogram+ name:string;"
+                                  "3 subprogram+ sibling:ref4 name:string; 4 variable name:string;"
+                                  "5 variable type:ref_udata import:ref_sig8 producer:data4;"
+                                  "6 lexical_block+; 7 lexical_block; 8 subprogram+ sibling:data4"),
+                          unit{.dies = dies}.build()))
     {
-        h.attach(KRV_SEC_ABBREV, abbrevs("1 compile_unit+ name:string; 2 subprogram+ name:string;"
-                                         "3 subprogram+ sibling:ref4 name:string; 4 variable name:string;"
-                                         "5 variable type:ref_udata import:ref_sig8 producer:data4;"
-                                         "6 lexical_block+; 7 lexical_block; 8 subprogram+ sibling:data4"));
-        h.attach(KRV_SEC_INFO, unit{.dies = dies}.build());
-        cu = korva_lookup_ctu_by_start_offset(h, KRV_SEC_INFO, 0);
         if (cu != nullptr)
             korva_get_cu_cudie(h, cu, &root);
     }
@@ -245,16 +362,13 @@ TEST(Info, References)
     const die_owner referred(krv_alloc_die_by_attribute(t.h, child.get(), DW_AT_type));
     ASSERT_NE(referred, nullptr);
     EXPECT_TRUE(child->dwdie_cu_offset == 14 && referred->dwdie_cu_offset == 11);
-    const std::pair<krv_attribute_t, const char *> rows[] = {
-        {DW_AT_import, "UNSUPPORTED: unsupported reference"},
-        {DW_AT_producer, "INVALID: attribute DW_AT_producer is not a reference"},
-        {DW_AT_location, "NOTFOUND"}};
-    for (const auto &[attr, outcome] : rows) {
+    for (const auto &[attr, outcome] : {std::pair{DW_AT_import, "UNSUPPORTED: unsupported reference"},
+                                        {DW_AT_producer, "INVALID: attribute DW_AT_producer is not a reference"},
+                                        {DW_AT_location, "NOTFOUND"}}) {
         krv_clear_error(t.h);
         EXPECT_TRUE(refuses(t.h, krv_alloc_die_by_attribute(t.h, child.get(), attr), outcome));
     }
-    EXPECT_EQ(krv_alloc_die_sibling(t.h, child.get()), nullptr); // the null entry
-    EXPECT_EQ(t.h.error(), "NOTFOUND");
+    EXPECT_TRUE(refuses(t.h, krv_alloc_die_sibling(t.h, child.get()), "NOTFOUND")); // the null entry
     EXPECT_TRUE(refuses(t.h, krv_alloc_die_child(t.h, child.get()), "NOTFOUND"));
     EXPECT_TRUE(
         refuses(t.h, krv_alloc_die_by_cu_offset(t.h, t.cu, MAX),
@@ -272,10 +386,9 @@ TEST(Info, UnitNames)
     const bytes second = unit{.dies = bytes().uleb(2).u8(DW_FORM_string).cstr("x.c")}.build();
     const bytes third = unit{.dies = bytes().uleb(3).u8(1)}.build();
     handle h;
-    h.attach(KRV_SEC_ABBREV, abbrevs("1 compile_unit name:string comp_dir:string ZEPH_original_name:string;"
-                                     "2 compile_unit name:indirect; 3 compile_unit name:data1"));
-    h.attach(KRV_SEC_INFO, first + second + third);
-    krv_ctu_t *cu = korva_lookup_ctu_by_start_offset(h, KRV_SEC_INFO, 0);
+    krv_ctu_t *cu = h.first_unit(abbrevs("1 compile_unit name:string comp_dir:string ZEPH_original_name:string;"
+                                         "2 compile_unit name:indirect; 3 compile_unit name:data1"),
+                                 first + second + third);
     krv_ctu_t *bare = korva_lookup_ctu_by_start_offset(h, KRV_SEC_INFO, first.size());
     ASSERT_TRUE(cu != nullptr && bare != nullptr);
     EXPECT_STREQ(cu->dcu_name, "main.c");

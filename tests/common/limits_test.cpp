@@ -10,7 +10,6 @@
 
 #include <cstring>
 #include <ctime>
-#include <gtest/gtest.h>
 #include <malloc.h>
 
 using namespace krv_test;

@@ -5,8 +5,6 @@
 #include "krv_names.h"
 #include "support/handle.h"
 
-#include <gtest/gtest.h>
-
 using namespace krv_test;
 
 TEST(Names, Print)

@@ -5,7 +5,6 @@
 #include "support/handle.h"
 
 #include <cstdlib>
-#include <gtest/gtest.h>
 
 using namespace krv_test;
 

@@ -9,7 +9,6 @@
 
 #include <algorithm>
 #include <barrier>
-#include <gtest/gtest.h>
 #include <thread>
 
 using namespace krv_test;
@@ -28,9 +27,9 @@ static int64_t read_memory(void *arg, void *buf, size_t count, uint64_t offset) 
 
 static void attach(krv_handle_t *hp, session &data)
 {
+    data.set_options(hp);
     for (auto &[sec, contents] : data.sections)
         korva_attach_section(hp, sec, contents.size(), KRV_FD_TYPE_MEMORY, contents.data());
-    data.set_options(hp);
     korva_attach_as(hp, read_memory, &data.memory);
 }
 

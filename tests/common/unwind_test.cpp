@@ -5,7 +5,6 @@
 
 #include <algorithm>
 #include <cstring>
-#include <gtest/gtest.h>
 
 using namespace krv_test;
 

@@ -1,13 +1,14 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "support/handle.h"
 
+#include "krv_ext.h"
+
 #include "krv_fd.h"
 
 #include <algorithm>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
-#include <gtest/gtest.h>
 
 namespace krv_test
 {
@@ -98,13 +99,33 @@ krv_fd_t handle::cursor(reader *source)
 handle &handle::attach(krv_secidx_t sec, krv_fd_t cursor)
 {
     cursor.sfd_hp = hp;
-    hp->sh_sec[sec] = cursor;
+    *krv_section(hp, sec) = cursor;
+    return *this;
+}
+
+static void keep_note(const krv_note_t *note, void *arg)
+{
+    *static_cast<std::string *>(arg) +=
+        text("%s%s %lu %s\n", note->refused ? "!" : "", krv_section_name(note->section), note->offset, note->text);
+}
+
+handle &handle::extend(uint32_t extensions)
+{
+    hp->sh_ext = extensions;
+    hp->sh_note_func = keep_note;
+    hp->sh_note_arg = &notes;
     return *this;
 }
 
 handle &handle::attach(krv_secidx_t sec, const bytes &contents)
 {
     return attach(sec, cursor(contents));
+}
+
+krv_ctu_t *handle::first_unit(const bytes &abbrev, const bytes &info)
+{
+    attach(KRV_SEC_ABBREV, abbrev).attach(KRV_SEC_INFO, info);
+    return korva_lookup_ctu_by_start_offset(hp, KRV_SEC_INFO, 0);
 }
 
 handle &handle::attach(krv_secidx_t sec, reader *source)

@@ -56,13 +56,18 @@ public:
     operator krv_handle_t *() const { return hp; }
     krv_handle_t *operator->() const { return hp; }
 
-    handle &attach(krv_secidx_t sec, const bytes &contents); // as memory; of no bytes: not at all
-    handle &attach(krv_secidx_t sec, reader *source);        // as a call-back; the reader stays the caller's
-    handle &attach(krv_secidx_t sec, krv_fd_t cursor);       // what another handle's cursor reads
-    krv_fd_t cursor(const bytes &contents);                  // a cursor over memory of exactly that size
+    handle &attach(krv_secidx_t sec, const bytes &contents);       // as memory; of no bytes: not at all
+    handle &attach(krv_secidx_t sec, reader *source);              // as a call-back; the reader stays the caller's
+    handle &attach(krv_secidx_t sec, krv_fd_t cursor);             // what another handle's cursor reads
+    krv_ctu_t *first_unit(const bytes &abbrev, const bytes &info); // of these sections, or NULL
+    krv_fd_t cursor(const bytes &contents);                        // a cursor over memory of exactly that size
     krv_fd_t cursor(reader *source);
 
     std::string error() const { return error_line(hp); }
+
+    // Switches extensions on; their notes are kept, one a line: "section offset text", "!" in front of one that is refused.
+    handle &extend(uint32_t extensions = KRV_EXT_DWARF5 | KRV_EXT_AS_WRITTEN);
+    std::string notes;
 
     // Keeps every message that is pushed from now on, also those that a later step clears: position, blank, text.
     void watch();

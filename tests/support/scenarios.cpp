@@ -63,6 +63,44 @@ static std::string ask_units(krv_handle_t *hp)
     return answer;
 }
 
+// Units of version 5, the second one of which is of a later version
+
+static session make_later_units()
+{
+    const bytes abbrev_section =
+        abbrevs("1 compile_unit+ 0x72:sec_offset 0x73:sec_offset name:strx1 comp_dir:line_strp low_pc:addrx "
+                "high_pc:data4 language:implicit_const=33");
+    const bytes dies = bytes().uleb(1).u32(8).u32(8).u8(1).u32(2).uleb(0).u32(0x10).u8(0);
+    const bytes header = bytes().u16(5).u16(0);
+    return {.sections = {{KRV_SEC_ABBREV, abbrev_section},
+                         {KRV_SEC_STR, bytes().cstr("int").cstr("a.c")},
+                         {KRV_SEC_INFO, unit{.version = 5, .kind = KRV_UNIT_COMPILE, .dies = dies}.build() +
+                                            unit{.version = 6, .dies = dies}.build()},
+                         {KRV_SEC_EXT_LINE_STR, bytes().fill(2).cstr("/build")},
+                         {KRV_SEC_EXT_STR_OFFSETS, bytes().u32(12).add(header).u32(0).u32(4)},
+                         {KRV_SEC_EXT_ADDR, bytes().u32(12).add(header).u64(0x400)}},
+            .extended = true};
+}
+
+static std::string ask_later_units(krv_handle_t *hp)
+{
+    krv_ctu_t *cu = korva_lookup_ctu_by_start_offset(hp, KRV_SEC_INFO, 0);
+    if (cu == nullptr)
+        return "!unit";
+    if (cu->dcu_kind == 0) { // stepped over since a read of it came up short, for good
+        hp->sh_errno = KRV_ERR_NOTFOUND;
+        return "!kind";
+    }
+    const krv_ctu_t *next = korva_lookup_ctu_by_start_offset(hp, KRV_SEC_INFO, cu->dcu_size);
+    krv_value_t *low = nullptr, *language = nullptr;
+    krv_get_die_attr(hp, cu->dcu_compile_unit, DW_AT_low_pc, nullptr, nullptr, &low);
+    krv_get_die_attr(hp, cu->dcu_compile_unit, DW_AT_language, nullptr, nullptr, &language);
+    if (next == nullptr || low == nullptr || language == nullptr)
+        return "!entry";
+    return std::string(cu->dcu_comp_dir) + "/" + cu->dcu_name + " " + std::to_string(low->sa_u.su_unsigned) + " " +
+           std::to_string(language->sa_u.su_unsigned) + (next->dcu_kind != 0 ? " of a kind" : "");
+}
+
 // Frames
 
 static function framed(bool eh)
@@ -194,6 +232,7 @@ std::span<const scenario> scenarios()
 {
     static const scenario all[] = {
         {"units", make_units, ask_units, "a.c /build/src/a.c; b.c /build/src/a.c; ", 60},
+        {"later units", make_later_units, ask_later_units, "/build/a.c 1024 33", 20},
         {".debug_frame", make_frames<false, false>, ask_frames, "7008 55; 7010 0; ", 15},
         {".eh_frame", make_frames<true, false>, ask_frames, "7008 0; 7010 0; ", 15},
         {".eh_frame_hdr", make_frames<true, true>, ask_frames, "7008 0; 7010 0; ", 15},
@@ -208,6 +247,9 @@ void session::set_options(krv_handle_t *hp) const
         korva_handle_set_opt(hp, KRV_OPT_EH_FRAME_ADDR, eh_frame);
     if (hdr != 0)
         korva_handle_set_opt(hp, KRV_OPT_EH_FRAME_HDR_ADDR, hdr);
+    for (const krv_opt_idx_t opt : {KRV_OPT_EXT_DWARF5, KRV_OPT_EXT_AS_WRITTEN})
+        if (extended)
+            korva_handle_set_opt(hp, opt, uint64_t{1});
 }
 
 } // namespace krv_test

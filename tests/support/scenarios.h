@@ -17,6 +17,7 @@ struct session {
     std::map<krv_secidx_t, bytes> sections = {};
     bytes memory = {};              // at stack_address
     uint64_t eh_frame = 0, hdr = 0; // where they are in it; 0: neither
+    bool extended = false;          // both extensions are on
     void set_options(krv_handle_t *hp) const;
 };
 

@@ -24,6 +24,17 @@ static uint64_t value_of(krv_def_t index, const char *prefix, const std::string 
     return std::stoull(name, nullptr, 0);
 }
 
+// As it is written, those of extensions included.
+static uint64_t form_of(const std::string &name)
+{
+#define KRV_IF_NAMED(known, written, ...)                                                                              \
+    if ("DW_FORM_" + name == #known)                                                                                   \
+        return written;
+    KRV_DW_FORM_NEW(KRV_IF_NAMED)
+#undef KRV_IF_NAMED
+    return value_of(KRV_DEF_FORM, "DW_FORM_", name);
+}
+
 bytes abbrevs(const std::string &recipe)
 {
     bytes b;
@@ -37,7 +48,10 @@ bytes abbrevs(const std::string &recipe)
         while (in >> pair) {
             const size_t colon = pair.find(':');
             b.uleb(value_of(KRV_DEF_AT, "DW_AT_", pair.substr(0, colon)));
-            b.uleb(value_of(KRV_DEF_FORM, "DW_FORM_", pair.substr(colon + 1)));
+            const size_t equal = std::min(pair.find('='), pair.size());
+            b.uleb(form_of(pair.substr(colon + 1, equal - colon - 1)));
+            if (equal != pair.size())
+                b.sleb(std::stoll(pair.substr(equal + 1)));
         }
         b.uleb(0).uleb(0);
     }
@@ -47,7 +61,12 @@ bytes abbrevs(const std::string &recipe)
 bytes unit::build() const
 {
     bytes rest;
-    rest.u16(version).offset(dwarf64, abbrev_offset).u8(address_size).add(dies);
+    rest.u16(version);
+    if (kind == 0)
+        rest.offset(dwarf64, abbrev_offset).u8(address_size);
+    else
+        rest.u8(kind).u8(address_size).offset(dwarf64, abbrev_offset).add(extra);
+    rest.add(dies);
     return with_length(dwarf64, unit_length, rest).seal();
 }
 

@@ -20,7 +20,8 @@ namespace krv_test
 using number = std::optional<uint64_t>; // a field that is computed unless it is set
 
 // .debug_abbrev from its recipe, "1 compile_unit+ name:string low_pc:addr; 2 variable": the abbreviations of one table,
-// each with its code, its tag (+ for children), and its attributes with their forms; names or numbers.
+// each with its code, its tag (+ for children), and its attributes with their forms; names or numbers, and
+// implicit_const=VALUE.
 bytes abbrevs(const std::string &recipe);
 
 // .debug_info
@@ -31,8 +32,10 @@ struct unit {
     uint16_t version = 4;
     uint64_t abbrev_offset = 0;
     uint8_t address_size = 8;
-    bytes dies = {}; // entries; labels count from the unit's first byte, as DW_FORM_ref4 does
-    size_t header_size() const { return dwarf64 ? 23 : 11; }
+    uint8_t kind = 0; // KRV_UNIT_*, of a header in the order of version 5; 0: in that of those before
+    bytes extra = {}; // what such a header has at its end: dwo_id, or type_signature and type_offset
+    bytes dies = {};  // entries; labels count from the unit's first byte, as DW_FORM_ref4 does
+    size_t header_size() const { return (dwarf64 ? 23 : 11) + (kind == 0 ? 0 : 1) + extra.size(); }
 
     bytes build() const; // sealed
 };

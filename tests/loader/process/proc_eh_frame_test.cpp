@@ -7,7 +7,6 @@
 #include "support/activation.h"
 
 #include <cstring>
-#include <gtest/gtest.h>
 
 using namespace krv_test;
 using namespace krv_elf_loader;
