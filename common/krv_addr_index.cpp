@@ -54,7 +54,7 @@ struct range_table {
 
 } // namespace
 
-static bool append_range(krv_handle_t *hp, range_table *t, const range &r)
+static inline bool append_range(krv_handle_t *hp, range_table *t, const range &r)
 {
     if (r.start >= r.end)
         return true;
@@ -68,8 +68,9 @@ static bool append_range(krv_handle_t *hp, range_table *t, const range &r)
 static bool collect_ranges(krv_handle_t *hp, krv_lookup_flag_t flags, range_table *t, krv_addr_index *index)
 {
     uint32_t unknown_size = 0;
+    const krv_sets *sets = hp->sh_sets;
     for (uint32_t unit = 0; unit < hp->sh_cu_table_entries; ++unit) {
-        if (hp->sh_sets != nullptr && krv_sets_find(hp->sh_sets, hp->sh_cu_table[unit]->dcu_offset) != nullptr)
+        if (sets != nullptr && krv_sets_find(sets, hp->sh_cu_table[unit]->dcu_offset) != nullptr)
             continue;
         uint64_t *pairs = nullptr;
         if (krv_lookup_get_ranges(hp, hp->sh_cu_table[unit], flags, &pairs) != 0)
@@ -200,32 +201,34 @@ static krv_addr_index *build_index(krv_handle_t *hp, const Collect &collect)
     return index.release();
 }
 
+// The index of units for the flags, published in the slot. NULL on failure.
+[[gnu::noinline]] static const krv_addr_index *make_index(krv_handle_t *hp, krv_lookup_flag_t flags,
+                                                          krv_addr_index **slot)
+{
+    if (krv_lookup_prepare_ranges(hp) != 0 || krv_lookup_build_cu_caches(hp) != 0)
+        return nullptr;
+    krv_addr_index *fresh = build_index(
+        hp, [hp, flags](range_table *t, krv_addr_index *index) { return collect_ranges(hp, flags, t, index); });
+    return fresh == nullptr ? nullptr : krv_publish(slot, fresh, index_deleter());
+}
+
 // The index for the flags; one of all units serves both. NULL on failure.
 static const krv_addr_index *get_index(krv_handle_t *hp, krv_lookup_flag_t flags)
 {
     if (const krv_addr_index *all = krv_load(&hp->sh_addr_all))
         return all;
-    const bool fast = (flags & KRV_LOOKUP_F_FAST) != 0;
-    krv_addr_index **slot = fast ? &hp->sh_addr_known : &hp->sh_addr_all;
-    if (const krv_addr_index *known = krv_load(slot))
-        return known;
-    if (krv_lookup_prepare_ranges(hp) != 0 || krv_lookup_build_cu_caches(hp) != 0)
-        return nullptr;
-    krv_addr_index *fresh = build_index(hp, [hp, flags](range_table *t, krv_addr_index *index) {
-        return collect_ranges(hp, flags, t, index);
-    });
-    return fresh == nullptr ? nullptr : krv_publish(slot, fresh, index_deleter());
+    krv_addr_index **slot = (flags & KRV_LOOKUP_F_FAST) != 0 ? &hp->sh_addr_known : &hp->sh_addr_all;
+    const krv_addr_index *known = krv_load(slot);
+    return known != nullptr ? known : make_index(hp, flags, slot);
 }
 
-// The index of sets. NULL on failure.
-static const krv_addr_index *get_sets_index(krv_handle_t *hp)
+// The index of sets, likewise.
+[[gnu::noinline]] static const krv_addr_index *make_sets_index(krv_handle_t *hp)
 {
-    if (const krv_addr_index *known = krv_load(&hp->sh_addr_sets))
-        return known;
     if (krv_lookup_prepare_ranges(hp) != 0)
         return nullptr;
-    krv_addr_index *fresh = build_index(
-        hp, [hp](range_table *t, krv_addr_index *) { return collect_sets(hp, hp->sh_sets, t); });
+    krv_addr_index *fresh =
+        build_index(hp, [hp](range_table *t, krv_addr_index *) { return collect_sets(hp, hp->sh_sets, t); });
     return fresh == nullptr ? nullptr : krv_publish(&hp->sh_addr_sets, fresh, index_deleter());
 }
 
@@ -263,8 +266,8 @@ void krv_addr_index_destroy(krv_handle_t *hp)
 // code of what failed.
 static krv_ctu_t *find_by_sets(krv_handle_t *hp, uint64_t address)
 {
-    const krv_addr_index *index = get_sets_index(hp);
-    if (index == nullptr)
+    const krv_addr_index *index = krv_load(&hp->sh_addr_sets);
+    if (index == nullptr && (index = make_sets_index(hp)) == nullptr)
         return nullptr;
     const uint32_t first = search(index, address);
     if (first != KRV_NO_UNIT)

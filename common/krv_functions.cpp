@@ -44,7 +44,7 @@ static const uint8_t *skip_block(const uint8_t *at, const uint8_t *end, unsigned
 // What follows a value; NULL: cut off, or of a form that only its bytes tell.
 static const uint8_t *skip_value(const uint8_t *at, const uint8_t *end, krv_form_t form, const krv_encoding_t &encoding)
 {
-    if (const size_t width = krv_number_width(form, encoding); width != 0)
+    if (const size_t width = krv_number_width(form, encoding, encoding.forms); width != 0)
         return skip_bytes(at, end, width);
     const krv_form_row_t row = krv_form_row(form, encoding.forms);
     uint64_t unused;
@@ -123,8 +123,8 @@ int krv_iter_functions(krv_handle_t *hp, krv_ctu_t *cu, krv_iter_functions_f *fn
         const krv_view_t view = krv_fd_view(&fd);
         if (view.size != 0) {
             const uint8_t *const end = view.bytes + view.size;
-            offset += static_cast<uint64_t>(
-                skip_entries(view.bytes, end, au, krv_cu_encoding(hp, cu), &left) - view.bytes);
+            offset +=
+                static_cast<uint64_t>(skip_entries(view.bytes, end, au, krv_cu_encoding(hp, cu), &left) - view.bytes);
             if (offset == cu->dcu_size)
                 break;
         }

@@ -78,7 +78,7 @@ static bool replace_ranges(krv_handle_t *hp, krv_ctu_t *cu, krv_lcpc_t *list)
 }
 
 // Hands a list over to a unit without ranges; a list that another thread published meanwhile stays. Needs no lock.
-static bool publish_ranges(krv_handle_t *hp, krv_ctu_t *cu, krv_lcpc_t *list)
+[[gnu::always_inline]] static inline bool publish_ranges(krv_handle_t *hp, krv_ctu_t *cu, krv_lcpc_t *list)
 {
     if (!finish_list(hp, list))
         return false;
@@ -271,8 +271,8 @@ struct written_ranges {
 static uint64_t most_list_bytes(krv_handle_t *hp)
 {
     constexpr uint64_t MOST_READINGS = 2;
-    const uint64_t size = krv_add_offset(krv_section(hp, KRV_SEC_EXT_RANGES)->sfd_size,
-                                         krv_section(hp, KRV_SEC_EXT_RNGLISTS)->sfd_size);
+    const uint64_t size =
+        krv_add_offset(krv_section(hp, KRV_SEC_EXT_RANGES)->sfd_size, krv_section(hp, KRV_SEC_EXT_RNGLISTS)->sfd_size);
     return size > UINT64_MAX / MOST_READINGS ? UINT64_MAX : MOST_READINGS * size;
 }
 
@@ -313,7 +313,8 @@ static int append_unit_ranges(krv_handle_t *hp, krv_ctu_t *cu, krv_lookup_flag_t
         int result = 1;
         krv_sets_visit(hp->sh_sets, first, [&](const krv_set_t *set) {
             for (size_t i = 0; i < set->set_entries && result == 1; ++i)
-                if (krv_lookup_insert_arange_entry(hp, set->set_ranges[i].start, set->set_ranges[i].end, &of->list) != 0)
+                if (krv_lookup_insert_arange_entry(hp, set->set_ranges[i].start, set->set_ranges[i].end, &of->list) !=
+                    0)
                     result = -1;
         });
         return result;
@@ -330,7 +331,7 @@ static int append_unit_ranges(krv_handle_t *hp, krv_ctu_t *cu, krv_lookup_flag_t
 }
 
 // As find_ranges. What can be read of a list that is damaged counts.
-static int find_written_ranges(krv_handle_t *hp, krv_ctu_t *cu, krv_lookup_flag_t flags)
+[[gnu::noinline]] static int find_written_ranges(krv_handle_t *hp, krv_ctu_t *cu, krv_lookup_flag_t flags)
 {
     const auto offset = static_cast<unsigned long>(cu->dcu_offset);
     const uint64_t most = most_list_bytes(hp), read = hp->sh_ranges_read;
@@ -339,14 +340,15 @@ static int find_written_ranges(krv_handle_t *hp, krv_ctu_t *cu, krv_lookup_flag_
     hp->sh_ranges_read = most - of.left;
     bool known = found == 1;
     if (found == -1 && hp->sh_errno != KRV_ERR_NOMEM && hp->sh_errno != KRV_ERR_IO && hp->sh_errno != KRV_ERR_INVALID) {
-        krv_tell(hp, KRV_SEC_INFO, cu->dcu_offset, true, "ranges of the unit at offset 0x%lx of .debug_info: %s", offset,
-                 krv_cause(hp));
+        krv_tell(hp, KRV_SEC_INFO, cu->dcu_offset, true, "ranges of the unit at offset 0x%lx of .debug_info: %s",
+                 offset, krv_cause(hp));
         known = true;
     }
     if (of.dead != 0)
-        krv_tell(hp, KRV_SEC_INFO, cu->dcu_offset, false,
-                 "%lu ranges of the unit at offset 0x%lx of .debug_info are of code that is not in the object: left out",
-                 static_cast<unsigned long>(of.dead), offset);
+        krv_tell(
+            hp, KRV_SEC_INFO, cu->dcu_offset, false,
+            "%lu ranges of the unit at offset 0x%lx of .debug_info are of code that is not in the object: left out",
+            static_cast<unsigned long>(of.dead), offset);
     if (known) {
         krv_clear_error(hp);
         if (of.list.slpc_aranges_entries == 0) // so that it matches nothing, and is not looked at again

@@ -198,8 +198,8 @@ static item next_item(krv_ranges_t *ranges, uint64_t *startp, uint64_t *endp)
         krv_fail(hp, KRV_ERR_CORRUPT, "range list at offset 0x%lx of %s has no end", list_offset(ranges), section());
         return item::failed;
     }
-    const item result = ranges->sr_section == KRV_SEC_EXT_RANGES ? next_pair(ranges, startp, endp)
-                                                                 : next_rle(ranges, startp, endp);
+    const item result =
+        ranges->sr_section == KRV_SEC_EXT_RANGES ? next_pair(ranges, startp, endp) : next_rle(ranges, startp, endp);
     if (result == item::failed) {
         krv_note(hp, "failed to read the range list at offset 0x%lx of %s, at offset 0x%lx", list_offset(ranges),
                  section(), static_cast<unsigned long>(begin));

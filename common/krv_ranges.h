@@ -12,10 +12,10 @@
 struct krv_ranges_t {
     krv_handle_t *sr_hp;
     const krv_ctu_t *sr_cu;
-    krv_secidx_t sr_section; // of the list; KRV_SEC_NONE: the entry has bounds, and no list
-    uint64_t sr_list;        // its offset there
-    krv_fd_t sr_fd;          // behind what was read of it
-    uint64_t sr_base;        // what its offsets count from
+    krv_secidx_t sr_section;  // of the list; KRV_SEC_NONE: the entry has bounds, and no list
+    uint64_t sr_list;         // its offset there
+    krv_fd_t sr_fd;           // behind what was read of it
+    uint64_t sr_base;         // what its offsets count from
     uint64_t sr_low, sr_high; // the bounds; empty once they were read
     uint64_t *sr_left;        // bytes of lists that may still be read; NULL: any number
     uint64_t sr_dead;         // ranges that were left out

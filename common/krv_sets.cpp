@@ -47,15 +47,29 @@ static uint64_t padding_size(uint64_t header, uint64_t remaining, uint64_t tuple
     return remaining % tuple == 0 ? 0 : (tuple - header % tuple) % tuple;
 }
 
+// A number of 4 or 8 bytes.
+static inline bool read_address(krv_fd_t *fdp, size_t width, uint64_t *valuep)
+{
+    const krv_view_t view = krv_fd_view(fdp);
+    *valuep = 0;
+    if (view.size < width)
+        return krv_decode(fdp, width == 8 ? DW_FORM_data8 : DW_FORM_data4, valuep) == 0;
+    if (width == 8)
+        std::memcpy(valuep, view.bytes, 8);
+    else
+        std::memcpy(valuep, view.bytes, 4);
+    krv_fd_advance(fdp, width);
+    return true;
+}
+
 // A tuple of zeros ends the set, but linkers leave such tuples of functions that they dropped: the set's size tells.
 static bool read_tuples(sets_reader *r, krv_fd_t *fdp, size_t address_size, bool *has_any)
 {
     krv_handle_t *hp = r->hp;
     krv_sets *sets = r->sets.get();
-    const krv_form_t form = krv_data_form(static_cast<unsigned int>(address_size));
     while (fdp->sfd_remaining >= 2 * address_size) {
         uint64_t start = 0, size = 0;
-        if (krv_decode(fdp, form, &start) != 0 || krv_decode(fdp, form, &size) != 0)
+        if (!read_address(fdp, address_size, &start) || !read_address(fdp, address_size, &size))
             return false;
         if (size == 0)
             continue;

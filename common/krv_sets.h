@@ -16,8 +16,8 @@ struct krv_set_t {
     uint64_t set_unit;                 // offset of the unit's header, which was not looked at
     const krv_set_range_t *set_ranges; // inside ss_ranges
     size_t set_entries;
-    uint64_t set_offset;  // its own, in .debug_aranges
-    krv_ctu_t *set_made;  // krv_units: the unit, of the first set that names it, once it was asked for; published last
+    uint64_t set_offset; // its own, in .debug_aranges
+    krv_ctu_t *set_made; // krv_units: the unit, of the first set that names it, once it was asked for; published last
 };
 
 // What first entries of units keep.
@@ -31,8 +31,8 @@ struct krv_sets {
     uint32_t ss_size, ss_entries;
     krv_set_range_t *ss_ranges; // owned
     size_t ss_ranges_size, ss_ranges_entries;
-    krv_ctu_t *ss_latest;    // unit that was made last
-    krv_kept_t ss_kept;      // by units that were made for sets
+    krv_ctu_t *ss_latest; // unit that was made last
+    krv_kept_t ss_kept;   // by units that were made for sets
 };
 
 // NULL with KRV_ERR_NOMEM, or when the section cannot be read through its call-back.

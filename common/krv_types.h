@@ -65,6 +65,7 @@ struct krv_handle {
     krv_relaxed<uint64_t> sh_abbrev_bytes; // of .debug_abbrev in the tables of sh_auphash
     krv_offset_t sh_abbrev_checked;        // where the table begins that krv_abbrev_check_table has found sound last
     krv_offset_t sh_abbrev_checked_end;    // what it has read lies before this; 0: nothing yet
+    uint64_t sh_abbrev_scanned;            // bytes that it has read where input is read as written
     krv_hash *sh_line_headers;             // what units share of .debug_line, built on first use
     krv_relaxed<uint64_t> sh_line_bytes;   // of memory in line headers, files and matrices
     uint32_t sh_ext;                       // KRV_EXT_*, fixed before the first query
