@@ -516,7 +516,8 @@ static krv_hash_t *get_auphash(krv_handle_t *hp)
     return fresh == nullptr ? nullptr : krv_publish(&hp->sh_auphash, fresh, krv_hash_destroy);
 }
 
-// Checks a table, or, when `wanted_only`, reads it up to the abbreviation with the code. *where stops behind it, or where it fails.
+// Checks a table, or, when `wanted_only`, reads it up to the abbreviation with the code. *where stops behind it, or where it
+// fails.
 template <typename Forms>
 static bool check_abbrevs(const uint8_t **where, const uint8_t *end, uint64_t code, bool wanted_only,
                           krv_single_abbrev_t *single)

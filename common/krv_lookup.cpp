@@ -320,8 +320,10 @@ static int append_unit_ranges(krv_handle_t *hp, krv_ctu_t *cu, krv_lookup_flag_t
         return result;
     }
     const int own = append_entry_ranges(hp, cu, cu->dcu_compile_unit, of);
-    if (own != 0 || cu->dcu_kind != KRV_UNIT_COMPILE) // other kinds have no functions of their own
+    if (own != 0)
         return own;
+    if (cu->dcu_kind != KRV_UNIT_COMPILE) // the functions of other kinds have their code elsewhere
+        return 1;
     if ((flags & KRV_LOOKUP_F_FAST) != 0)
         return 0;
     if (append_functions(hp, cu, of) != 0)

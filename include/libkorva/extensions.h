@@ -118,6 +118,12 @@ KORVA_API int korva_cu_get_header(krv_handle_t *hp, krv_ctu_t *cup, krv_cu_heade
  * is B_TRUE. The first call makes an index of the units' ranges (without KRV_LOOKUP_F_FAST it looks into the entries
  * of every unit that needs it); later calls take time logarithmic in the number of ranges.
  *
+ * With KRV_OPT_EXT_AS_WRITTEN, the sets of .debug_aranges come first: an address that they cover reads them, once, and the
+ * one unit that they name, and no other unit, whether or not another one claims it too. A unit is then asked for its ranges
+ * only if no set names it: it has those of DW_AT_ranges, else DW_AT_low_pc and DW_AT_high_pc, else those of its functions,
+ * wherever they stand. The same holds for korva_cu_contains_addr. KRV_LOOKUP_F_FAST does without the functions. Ranges that
+ * are no code (korva_handle_add_code) are left out; a list of ranges that is damaged counts as far as it can be read.
+ *
  * Errors: KRV_ERR_NOTFOUND (no unit covers it, or no .debug_info); KRV_ERR_NONE when no unit is known to cover it but
  * KRV_LOOKUP_F_FAST left some unit's ranges unknown; otherwise as korva_cu_contains_addr.
  */
