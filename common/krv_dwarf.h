@@ -506,6 +506,8 @@ enum : unsigned {
     DW_AT_GNU_ranges_base = 0x2132,
     DW_AT_GNU_addr_base = 0x2133,
     DW_CFA_GNU_args_size = 0x2e,
+    DW_LLE_default_location = 0x05, // DWARF 5, 7.7.3
+    DW_LLE_GNU_view_pair = 0x09,
     DW_RLE_end_of_list = 0x00, // DWARF 5, 7.25
     DW_RLE_base_addressx = 0x01,
     DW_RLE_startx_endx = 0x02,

@@ -12,8 +12,7 @@
 namespace
 {
 
-// What one item of a list comes to.
-enum class item { end, none, range, failed };
+using item = krv_range_item;
 
 // What an entry says of where its code is.
 struct code_values {
@@ -57,35 +56,43 @@ static uint64_t highest_address(const krv_handle_t *hp)
     return hp->sh_target_size == 4 ? UINT32_MAX : UINT64_MAX;
 }
 
-static int begin_list(krv_ranges_t *ranges, const krv_value_t *value)
+int krv_ranges_begin_list(krv_handle_t *hp, const krv_ctu_t *cu, krv_secidx_t sec, uint64_t offset,
+                          krv_ranges_t *ranges)
 {
-    krv_handle_t *hp = ranges->sr_hp;
-    const krv_ctu_t *cu = ranges->sr_cu;
-    ranges->sr_section = cu->dcu_version < 5 ? KRV_SEC_EXT_RANGES : KRV_SEC_EXT_RNGLISTS;
-    ranges->sr_list = value->sa_u.su_unsigned;
-    if (value->sa_actual == KRV_EXT_DW_FORM_rnglistx &&
-        !krv_cu_read_indexed(hp, cu, KRV_BASE_RNGLISTS, ranges->sr_list, &ranges->sr_list))
-        return -1;
-    ranges->sr_fd = *krv_section(hp, ranges->sr_section);
-    if (ranges->sr_list >= ranges->sr_fd.sfd_size || krv_fd_seek(&ranges->sr_fd, ranges->sr_list) != 0)
-        return krv_fail(hp, KRV_ERR_CORRUPT, "range list at offset 0x%lx leads out of %s",
-                        static_cast<unsigned long>(ranges->sr_list), krv_section_name(ranges->sr_section));
+    *ranges = {};
+    ranges->sr_hp = hp;
+    ranges->sr_cu = cu;
+    ranges->sr_section = sec;
+    ranges->sr_list = offset;
+    ranges->sr_fd = *krv_section(hp, sec);
+    if (offset >= ranges->sr_fd.sfd_size || krv_fd_seek(&ranges->sr_fd, offset) != 0)
+        return krv_fail(hp, KRV_ERR_CORRUPT, "%s list at offset 0x%lx leads out of %s",
+                        sec == KRV_SEC_EXT_RANGES || sec == KRV_SEC_EXT_RNGLISTS ? "range" : "location",
+                        static_cast<unsigned long>(offset), krv_section_name(sec));
     const krv_value_t *base = find_code_values(cu->dcu_compile_unit).low;
     ranges->sr_base = is_of(base, KRV_CLASS_ADDRESS) ? base->sa_u.su_unsigned : 0;
     return 1;
 }
 
+static int begin_list(krv_handle_t *hp, const krv_ctu_t *cu, const krv_value_t *value, krv_ranges_t *ranges)
+{
+    uint64_t offset = value->sa_u.su_unsigned;
+    if (value->sa_actual == KRV_EXT_DW_FORM_rnglistx &&
+        !krv_cu_read_indexed(hp, cu, KRV_BASE_RNGLISTS, offset, &offset))
+        return -1;
+    return krv_ranges_begin_list(hp, cu, cu->dcu_version < 5 ? KRV_SEC_EXT_RANGES : KRV_SEC_EXT_RNGLISTS, offset,
+                                 ranges);
+}
+
 int krv_ranges_begin(krv_handle_t *hp, const krv_ctu_t *cu, const krv_die_t *die, krv_ranges_t *ranges)
 {
+    *ranges = {};
     ranges->sr_hp = hp;
     ranges->sr_cu = cu;
     ranges->sr_section = KRV_SEC_NONE;
-    ranges->sr_low = ranges->sr_high = 0;
-    ranges->sr_left = nullptr;
-    ranges->sr_dead = 0;
     const code_values found = find_code_values(die);
     if (is_of(found.ranges, KRV_CLASS_RANGELISTPTR | KRV_CLASS_CONSTANT)) // numbers in versions 2 and 3
-        return begin_list(ranges, found.ranges);
+        return begin_list(hp, cu, found.ranges, ranges);
     if (!is_of(found.low, KRV_CLASS_ADDRESS) || !is_of(found.high, KRV_CLASS_ADDRESS | KRV_CLASS_CONSTANT))
         return 0;
     ranges->sr_low = found.low->sa_u.su_unsigned;
@@ -111,7 +118,7 @@ static item add_base(const krv_ranges_t *ranges, uint64_t *startp, uint64_t *end
 }
 
 // DWARF 4, 2.17.3.
-static item next_pair(krv_ranges_t *ranges, uint64_t *startp, uint64_t *endp)
+item krv_ranges_read_pair(krv_ranges_t *ranges, uint64_t *startp, uint64_t *endp)
 {
     if (krv_decode(&ranges->sr_fd, DW_FORM_addr, startp) != 0 || krv_decode(&ranges->sr_fd, DW_FORM_addr, endp) != 0)
         return item::failed;
@@ -158,12 +165,9 @@ static bool read_operand(krv_ranges_t *ranges, krv_form_t form, bool is_indexed,
             (!is_indexed || krv_cu_read_indexed(ranges->sr_hp, ranges->sr_cu, KRV_BASE_ADDR, *valuep, valuep)));
 }
 
-static item next_rle(krv_ranges_t *ranges, uint64_t *startp, uint64_t *endp)
+item krv_ranges_read_item(krv_ranges_t *ranges, uint8_t kind, uint64_t *startp, uint64_t *endp)
 {
     krv_handle_t *hp = ranges->sr_hp;
-    uint8_t kind = 0;
-    if (krv_decode(&ranges->sr_fd, DW_FORM_data1, &kind) != 0)
-        return item::failed;
     if (kind >= std::size(RLE_ROWS)) {
         krv_fail(hp, KRV_ERR_CORRUPT, "unknown kind 0x%x of range", kind);
         return item::failed;
@@ -189,6 +193,13 @@ static item next_rle(krv_ranges_t *ranges, uint64_t *startp, uint64_t *endp)
     return item::range;
 }
 
+static item next_rle(krv_ranges_t *ranges, uint64_t *startp, uint64_t *endp)
+{
+    uint8_t kind = 0;
+    return krv_decode(&ranges->sr_fd, DW_FORM_data1, &kind) != 0 ? item::failed
+                                                                 : krv_ranges_read_item(ranges, kind, startp, endp);
+}
+
 static item next_item(krv_ranges_t *ranges, uint64_t *startp, uint64_t *endp)
 {
     krv_handle_t *hp = ranges->sr_hp;
@@ -198,8 +209,8 @@ static item next_item(krv_ranges_t *ranges, uint64_t *startp, uint64_t *endp)
         krv_fail(hp, KRV_ERR_CORRUPT, "range list at offset 0x%lx of %s has no end", list_offset(ranges), section());
         return item::failed;
     }
-    const item result =
-        ranges->sr_section == KRV_SEC_EXT_RANGES ? next_pair(ranges, startp, endp) : next_rle(ranges, startp, endp);
+    const item result = ranges->sr_section == KRV_SEC_EXT_RANGES ? krv_ranges_read_pair(ranges, startp, endp)
+                                                                 : next_rle(ranges, startp, endp);
     if (result == item::failed) {
         krv_note(hp, "failed to read the range list at offset 0x%lx of %s, at offset 0x%lx", list_offset(ranges),
                  section(), static_cast<unsigned long>(begin));

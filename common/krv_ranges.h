@@ -21,6 +21,18 @@ struct krv_ranges_t {
     uint64_t sr_dead;         // ranges that were left out
 };
 
+// What one item of a list comes to: `none` is neither a range nor the end.
+enum class krv_range_item { end, none, range, failed };
+
+// Prepares to read the list at `offset` of a section. 1, or -1 with a message: it lies outside.
+int krv_ranges_begin_list(krv_handle_t *hp, const krv_ctu_t *cu, krv_secidx_t sec, uint64_t offset,
+                          krv_ranges_t *ranges);
+
+// Reads an item without its end, for lists that have more behind each range: a pair of addresses, or what stands behind
+// the kind, DW_RLE_*. Says nothing of where the list is.
+krv_range_item krv_ranges_read_pair(krv_ranges_t *ranges, uint64_t *startp, uint64_t *endp);
+krv_range_item krv_ranges_read_item(krv_ranges_t *ranges, uint8_t kind, uint64_t *startp, uint64_t *endp);
+
 // Prepares to read the ranges of an entry of the unit. 1, 0 when the entry does not say where its code is, or -1 with
 // messages.
 int krv_ranges_begin(krv_handle_t *hp, const krv_ctu_t *cu, const krv_die_t *die, krv_ranges_t *ranges);

@@ -74,6 +74,23 @@ typedef void krv_note_f(const krv_note_t *note, void *arg);
  */
 KORVA_API int korva_handle_add_code(krv_handle_t *hp, uint64_t address, uint64_t size);
 
+/** Flags of korva_find_location. */
+enum {
+    KRV_LOCATION_F_INDEX = 0x1 /**< the list is named by its index (DW_FORM_loclistx); else by its offset */
+};
+
+/**
+ * Finds where an object is while the program is at @p pc, an address of the unit's own address space: the expression that
+ * a location list has for it. @p list is the value of the attribute: an offset in .debug_loc, for units of DWARF 5 in
+ * .debug_loclists, or an index. *@p exprp becomes a cursor on the expression in its section, ready for
+ * korva_expr_execute_expression; nothing is copied. An empty expression says that the object is nowhere.
+ *
+ * Errors: KRV_ERR_NOTFOUND (no message) when no expression holds there; KRV_ERR_CORRUPT for a list that is damaged or leads
+ * out of its section.
+ */
+KORVA_API int korva_find_location(krv_handle_t *hp, krv_ctu_t *cup, uint64_t list, uint32_t flags, uint64_t pc,
+                                  krv_fd_t *exprp);
+
 /** Kinds of units, DW_UT_* of DWARF 5; units of earlier versions are compile units, or partial ones by their tag. */
 enum {
     KRV_UNIT_COMPILE = 1,
