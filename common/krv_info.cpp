@@ -219,7 +219,7 @@ static bool may_step_over(krv_handle_t *hp, krv_ctu_t *cu)
 static const char *split_name(krv_handle_t *hp, const krv_ctu_t *cu)
 {
     const char *found = nullptr;
-    for (const krv_attribute_t attr : {DW_AT_dwo_name, DW_AT_GNU_dwo_name}) {
+    for (const krv_attribute_t attr : {krv_attribute_t{DW_AT_dwo_name}, krv_attribute_t{DW_AT_GNU_dwo_name}}) {
         size_t length;
         if (const char *name = krv_find_die_string(hp, cu->dcu_compile_unit, attr, SIZE_MAX, &length))
             found = name;

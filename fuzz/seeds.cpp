@@ -88,6 +88,37 @@ static void units()
     }
 }
 
+static void written_ranges()
+{
+    constexpr unsigned MODE = krv_fuzz::MODE_DWARF5 | krv_fuzz::MODE_AS_WRITTEN;
+    const bytes abbrev =
+        abbrevs("1 compile_unit+ 0x73:sec_offset 0x74:sec_offset low_pc:0x1b ranges:0x23;"
+                "2 compile_unit+ low_pc:addr ranges:sec_offset; 3 namespace+ name:string; 4 compile_unit+;"
+                "5 subprogram low_pc:addr high_pc:data4 ranges:sec_offset");
+    const bytes ranges = bytes().u64(16).u64(32).u64(UINT64_MAX).u64(0x1000).u64(0).u64(4).u64(0).u64(0);
+    const bytes items =
+        bytes::hex("04 00 10 05 00 10 00 00 00 00 00 00 01 01 04 10 20 02 00 01 03 01 08"
+                   "06 00 20 00 00 00 00 00 00 10 20 00 00 00 00 00 00 07 00 30 00 00 00 00 00 00 10 00");
+    const bytes lists = bytes().u32(12 + items.size()).u16(5).u16(8).u32(1).u32(4).add(items);
+    const bytes addresses = bytes().u32(20).u16(5).u16(8).u64(0x1000).u64(0x1400);
+    const bytes later = bytes().uleb(1).u32(8).u32(12).uleb(0).uleb(0).u8(0),
+                plain = bytes().uleb(2).u64(0x1000).u32(0).u8(0);
+    const bytes nested = bytes().uleb(4).uleb(3).cstr("n").uleb(5).u64(0x1010).u32(8).u32(32).u8(0).u8(0);
+    const bytes set = aranges_set{.tuples = {{0x1010, 0x40}, {0, 8}}}.build();
+    for (const bytes &info : {unit{.version = 5, .kind = KRV_UNIT_COMPILE, .dies = later}.build(),
+                              unit{.dies = plain}.build() + unit{.dies = nested}.build()})
+        for (const bytes &sets : {set, bytes()})
+            write_modes("lookup_fuzz",
+                        bytes().u64(0x1010)
+                                .add(part(sets))
+                                .add(part(abbrev))
+                                .add(part(ranges))
+                                .add(part(lists))
+                                .add(part(addresses)) +
+                            info,
+                        MODE);
+}
+
 static void lines()
 {
     for (const uint16_t version : {2, 3, 4}) {
@@ -96,6 +127,15 @@ static void lines()
         u.program = program("def d.c 1 0 0 at 400 copy pc 4 sp 40 line -1 copy sp 200 end at 300 copy pc 16 end");
         write_modes("line_fuzz", bytes().u64(0x404).add(u.build()));
     }
+    constexpr unsigned EXTENDED = krv_fuzz::MODE_DWARF5 | krv_fuzz::MODE_AS_WRITTEN;
+    const bytes strings = part(bytes().cstr("/dir").cstr("sub")) + part(bytes().cstr("b.c")) + part(bytes().u64(0));
+    line_unit u{.v5 = true, .dirs = {"/dir", "sub"}, .files = {{"a.c", 0, 1, 2}, {"b.c", 1}}};
+    u.program =
+        program("at 400 copy pc 4 file 0 ext 128 copy pc 4 end at 404 copy pc 8 end at 0 copy pc 4 end at 500 copy");
+    write_modes("line_fuzz", bytes().u64(0x404).add(strings).add(u.build()), EXTENDED);
+    u.tables = bytes::hex("01 01 1f 02 00000000 05000000 05 01 25 02 0b 03 06 05 1e 81 40 08 01 00 01 00000000") +
+               bytes().fill(16).cstr("source");
+    write_modes("line_fuzz", bytes().u64(0x404).add(strings).add(u.build()), EXTENDED);
 }
 
 static void frames()
@@ -142,7 +182,7 @@ static void core()
 
 static bytes section(krv_handle_t *hp, krv_secidx_t sec)
 {
-    krv_fd_t fd = hp->sh_sec[sec];
+    krv_fd_t fd = *krv_section(hp, sec);
     bytes b;
     std::vector<uint8_t> room(fd.sfd_size);
     if (!room.empty() && korva_fd_to_mem(&fd, room.data(), room.size()) == 0)
@@ -172,6 +212,10 @@ static void compiled(const char *path)
     write_modes("info_fuzz", abbrev + part(section(hp, KRV_SEC_STR)) + info, mode);
     write_modes("lookup_fuzz", bytes().u64(0x10).add(part(section(hp, KRV_SEC_ARANGES))).add(abbrev).add(info), mode);
     write_modes("line_fuzz", bytes().u64(0x10).add(section(hp, KRV_SEC_LINE)), mode);
+    write_modes("line_fuzz",
+                bytes().u64(0x10).add(part(section(hp, KRV_SEC_EXT_LINE_STR))).add(part({})).add(part({})) +
+                    section(hp, KRV_SEC_LINE),
+                mode | krv_fuzz::MODE_DWARF5 | krv_fuzz::MODE_AS_WRITTEN);
     const bytes where = bytes().u16(0).u16(0).u16(0x10).u16(0x80);
     const bytes frame = section(hp, KRV_SEC_FRAME), eh_frame = section(hp, KRV_SEC_EH_FRAME);
     write_modes("unwind_fuzz", where + part(frame) + some_bytes(256), mode);
@@ -186,6 +230,7 @@ int main(int argc, char **argv)
     folder = argv[1];
     forms_and_expressions();
     units();
+    written_ranges();
     lines();
     frames();
     core();

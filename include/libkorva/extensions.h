@@ -74,6 +74,43 @@ typedef void krv_note_f(const krv_note_t *note, void *arg);
  */
 KORVA_API int korva_handle_add_code(krv_handle_t *hp, uint64_t address, uint64_t size);
 
+/** Flags of korva_find_location. */
+enum {
+    KRV_LOCATION_F_INDEX = 0x1 /**< the list is named by its index (DW_FORM_loclistx); else by its offset */
+};
+
+/**
+ * Finds where an object is while the program is at @p pc, an address of the unit's own address space: the expression that
+ * a location list has for it. @p list is the value of the attribute: an offset in .debug_loc, for units of DWARF 5 in
+ * .debug_loclists, or an index. *@p exprp becomes a cursor on the expression in its section, ready for
+ * korva_expr_execute_expression; nothing is copied. An empty expression says that the object is nowhere.
+ *
+ * Errors: KRV_ERR_NOTFOUND (no message) when no expression holds there; KRV_ERR_CORRUPT for a list that is damaged or leads
+ * out of its section.
+ */
+KORVA_API int korva_find_location(krv_handle_t *hp, krv_ctu_t *cup, uint64_t list, uint32_t flags, uint64_t pc,
+                                  krv_fd_t *exprp);
+
+/*
+ * Line numbers with these options.
+ *
+ * With KRV_OPT_EXT_DWARF5 headers of version 5 are read. Their tables count from 0: of KRV_FIELD_LNPH_FILES, element n is
+ * file n of the rows (KRV_FIELD_LNS_FILE), of KRV_FIELD_LNPH_ID element n is directory n of a file
+ * (KRV_FIELD_LNFE_DIRIDX); directory 0 is the compilation directory, which some producers leave out of the table. Time and
+ * size of a file are 0 where they are not recorded. Composed paths begin with the unit's DW_AT_comp_dir where the
+ * directory is relative, or with directory 0 where the unit has none. Headers of other versions than 2 to 5 fail with
+ * KRV_ERR_UNSUPPORTED. What korva_lns_get_filep answers needs no knowledge of versions. The bound on what is kept (see
+ * korva_line_get_cu_lnph) counts the bytes of .debug_line_str as well.
+ *
+ * With KRV_OPT_EXT_AS_WRITTEN the matrix has the sequences that describe code of the object (see korva_handle_add_code),
+ * and of those that overlap the one that came first; what is left out is noted once for a matrix. Rows that descend within
+ * a sequence are put in order; a sequence that the program leaves open ends at its last address. korva_iter_line_entry
+ * shows every opcode all the same: one that the library does not know with its number alone, one of no bytes as extended
+ * opcode 0. Programs begin where header_length says, opcodes end where their length says; file numbers that the table does
+ * not have give rows without file, numbers beyond a row's field the largest that it can have, and directories that the
+ * table does not have count as 0.
+ */
+
 /** Kinds of units, DW_UT_* of DWARF 5; units of earlier versions are compile units, or partial ones by their tag. */
 enum {
     KRV_UNIT_COMPILE = 1,
@@ -117,6 +154,12 @@ KORVA_API int korva_cu_get_header(krv_handle_t *hp, krv_ctu_t *cup, krv_cu_heade
  * The unit that covers @p address: the first in section order for which korva_cu_contains_addr with the same @p flags
  * is B_TRUE. The first call makes an index of the units' ranges (without KRV_LOOKUP_F_FAST it looks into the entries
  * of every unit that needs it); later calls take time logarithmic in the number of ranges.
+ *
+ * With KRV_OPT_EXT_AS_WRITTEN, the sets of .debug_aranges come first: an address that they cover reads them, once, and the
+ * one unit that they name, and no other unit, whether or not another one claims it too. A unit is then asked for its ranges
+ * only if no set names it: it has those of DW_AT_ranges, else DW_AT_low_pc and DW_AT_high_pc, else those of its functions,
+ * wherever they stand. The same holds for korva_cu_contains_addr. KRV_LOOKUP_F_FAST does without the functions. Ranges that
+ * are no code (korva_handle_add_code) are left out; a list of ranges that is damaged counts as far as it can be read.
  *
  * Errors: KRV_ERR_NOTFOUND (no unit covers it, or no .debug_info); KRV_ERR_NONE when no unit is known to cover it but
  * KRV_LOOKUP_F_FAST left some unit's ranges unknown; otherwise as korva_cu_contains_addr.
