@@ -100,6 +100,9 @@ static bool read_units(table_builder *t)
     }
     if (t->hp->sh_errno == KRV_ERR_NOMEM)
         return false;
+    if (offset < t->hp->sh_sec[KRV_SEC_INFO].sfd_size)
+        krv_tell(t->hp, KRV_SEC_INFO, offset, true, "no unit from offset 0x%lx of .debug_info on can be read: %s",
+                 static_cast<unsigned long>(offset), krv_cause(t->hp));
     if (t->entries == 0 || !krv_table_trim(t->hp, &t->units, &t->size, t->entries)) {
         krv_note(t->hp, "unable to resize CU table");
         return false;

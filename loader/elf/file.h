@@ -104,7 +104,7 @@ private:
     std::vector<raw_section> section_list;
     std::map<size_t, byte_span> inflated;                   // by section number
     std::vector<std::unique_ptr<uint8_t[]>> inflated_bytes; // those that libelf does not own
-    uint64_t inflated_size = 0;           // of all of them
+    uint64_t inflated_size = 0;                             // of all of them
     std::vector<GElf_Phdr> segment_list;
     address_ranges code_ranges;
     byte_span build_id_bytes;

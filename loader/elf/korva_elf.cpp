@@ -58,7 +58,7 @@ struct krv_elf {
             make_view(raw());
         } catch (const std::bad_alloc &) {
             make_view(true);
-            made->add_note({"attach", "", 0, true, "out of memory: nothing is corrected"});
+            made->add_note({"attach", "", 0, true, "out of memory: nothing is relocated"});
         }
         if (!raw())
             extend();
@@ -78,8 +78,7 @@ struct krv_elf {
     std::unique_ptr<krv_handle_t, handle_deleter> hp; // last: it reads what stands before it
 
 private:
-    // The handle reads files as they are written, and tells what it leaves out. What it cannot take for want of memory it
-    // goes without.
+    // The handle reads files as they are written, and tells what it leaves out.
     void extend()
     {
         korva_handle_set_opt(hp.get(), KRV_OPT_EXT_DWARF5, uint64_t{1});
@@ -87,16 +86,19 @@ private:
         korva_handle_set_opt(hp.get(), KRV_OPT_EXT_NOTE_FUNC, take_note);
         korva_handle_set_opt(hp.get(), KRV_OPT_EXT_NOTE_FUNC_ARG, this);
         for (const address_range &code : source().code().all())
-            korva_handle_add_code(hp.get(), code.start, code.end - code.start);
+            if (korva_handle_add_code(hp.get(), code.start, code.end - code.start) != 0)
+                made->add_note({"attach", "", 0, true, "out of memory: not all of the code is known"});
     }
 
     static void take_note(const krv_note_t *told, void *arg)
     {
         view &shown = *static_cast<krv_elf *>(arg)->made;
-        guarded<int>(nullptr, -1, [&] {
+        const bool kept = guarded(nullptr, false, [&] {
             shown.add_note({"reading", shown.name_of(told->section), told->offset, told->refused != 0, told->text});
-            return 0;
+            return true;
         });
+        if (!kept)
+            shown.lose_note();
     }
 
     void attach(const view_section &section)
@@ -134,7 +136,7 @@ private:
         const bool has_alternate = !raw_only && has_alternate_file(source());
         if (has_alternate && alternate.file == nullptr)
             alternate = find_alternate_file(source(), folders);
-        made.emplace(source(), symbols(), raw_only ? nullptr : alternate.file.get(), raw_only);
+        made.emplace(source(), raw_only ? nullptr : alternate.file.get(), raw_only);
         if (has_alternate && alternate.file == nullptr)
             made->add_note({"debug-file", ".gnu_debugaltlink", 0, true,
                             "the alternate file is not found: names that stand in it are not known"});
@@ -232,8 +234,7 @@ int korva_elf_iter_sections(krv_elf_t *elf, krv_elf_iter_section_f *func, void *
     if (shown == nullptr)
         return 0;
     const elf_file *separate = elf->debug.file.get(), *alternate = elf->alternate.file.get();
-    // Of a file with separate debugging information, then what stands in that, and in the alternate file; at last what the
-    // loader made itself.
+    // Of a file with separate debugging information, then what stands in that, and in the alternate file.
     for (const elf_file *file : {static_cast<const elf_file *>(&elf->file), separate, alternate})
         for (size_t number = 1; file != nullptr && file->section(number) != nullptr; ++number) {
             const raw_section &raw = *file->section(number);
@@ -244,17 +245,6 @@ int korva_elf_iter_sections(krv_elf_t *elf, krv_elf_iter_section_f *func, void *
             if (const int result = func(elf, &section, arg))
                 return result;
         }
-    for (const view_section &made : shown->sections()) {
-        if (made.raw != nullptr)
-            continue;
-        krv_elf_section_t section = {};
-        section.name = made.name.c_str();
-        section.size = made.bytes().size();
-        section.index = made.index;
-        section.copied = 1;
-        if (const int result = func(elf, &section, arg))
-            return result;
-    }
     return 0;
 }
 
@@ -268,19 +258,19 @@ int korva_elf_iter_notes(krv_elf_t *elf, krv_elf_iter_note_f *func, void *arg)
             .pass = pass, .section = section, .offset = offset, .refused = refused ? 1 : 0, .text = text};
         return func(elf, &shown, arg);
     };
-    return guarded(nullptr, 0, [&] {
-        for (const note *n : shown_view->notes())
-            if (const int result = show(n->pass, n->section.c_str(), n->offset, n->refused, n->text.c_str()))
+    const auto sorted = guarded(nullptr, std::vector<const note *>(), [&] { return shown_view->notes(); });
+    for (const note *n : sorted)
+        if (const int result = show(n->pass, n->section.c_str(), n->offset, n->refused, n->text.c_str()))
+            return result;
+    if (shown_view->lacks_notes() || sorted.size() < shown_view->note_count())
+        if (const int result =
+                show("reading", "", 0, true, "not every note is here: they are too many, or out of memory"))
+            return result;
+    for (const elf_file *file : {&elf->file, elf->debug.file.get()})
+        if (file != nullptr && file->was_cut())
+            if (const int result = show("attach", "", 0, true, "the file became shorter while it was read"))
                 return result;
-        if (shown_view->notes_lost() != 0)
-            if (const int result = show("reading", "", 0, true, "there is more to note than is kept"))
-                return result;
-        for (const elf_file *file : {&elf->file, elf->debug.file.get()})
-            if (file != nullptr && file->was_cut())
-                if (const int result = show("attach", "", 0, true, "the file became shorter while it was read"))
-                    return result;
-        return 0;
-    });
+    return 0;
 }
 
 int korva_elf_handle_bus_error(const void *address)

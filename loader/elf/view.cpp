@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "elf/view.h"
 
-#include "elf/pass.h"
+#include "elf/relocations.h"
 
 #include <algorithm>
 #include <string_view>
@@ -12,13 +12,6 @@ namespace krv_elf_loader
 
 namespace
 {
-
-// In the order in which they run. A new correction is a function in a file of its own and a row here.
-constexpr pass passes[] = {
-    {"relocations", apply_relocations},      // first: what the others read stands in relocated places
-    {"line-sequences", drop_dead_sequences}, // of .debug_line alone
-    {"ranges", complete_ranges},             // last: it reads entries
-};
 
 // So many notes are kept.
 constexpr size_t MOST_NOTES = 4096;
@@ -36,7 +29,7 @@ std::string plain_name(std::string_view name)
     return name.starts_with(".zdebug_") ? "." + std::string(name.substr(2)) : std::string(name);
 }
 
-constexpr char ATTACH[] = "attach"; // in notes: what happens before the passes
+constexpr char ATTACH[] = "attach"; // in notes
 
 } // namespace
 
@@ -47,17 +40,17 @@ std::vector<uint8_t> &view_section::writable()
     return *copy;
 }
 
-view::view(elf_file &elf, const symbol_table &symbols, elf_file *alternate, bool raw_only)
-    : source(elf), function_table(symbols)
+view::view(elf_file &elf, elf_file *alternate, bool raw_only) : source(elf)
 {
     take_sections(raw_only);
     if (alternate != nullptr)
         take_alternate(*alternate);
-    if (raw_only && elf.type() == ET_REL)
+    if (elf.type() != ET_REL)
+        return;
+    if (raw_only)
         note_relocations();
-    if (!raw_only)
-        for (const pass &p : passes)
-            p.run(*this, p.name);
+    else
+        apply_relocations(*this);
 }
 
 void view::take_sections(bool raw_only)
@@ -88,7 +81,7 @@ void view::take(elf_file &home, const raw_section &raw, krv_secidx_t index)
         return;
     }
     try {
-        // Those of a relocatable file are read by the pass that relocates them.
+        // Those of a relocatable file are read when they are relocated.
         const bool deferred = raw.compressed && is_seldom_read(index) && home.type() != ET_REL;
         if (deferred)
             home.check_claim(raw);
@@ -116,7 +109,7 @@ void view::add_note(note n)
     if (known_notes.count(&n) != 0)
         return;
     if (note_list.size() == MOST_NOTES) {
-        ++lost;
+        lose_note();
         return;
     }
     note_list.push_back(std::move(n));
@@ -163,12 +156,6 @@ view_section *view::find_raw(const raw_section *raw)
         if (section.raw == raw && raw != nullptr)
             return &section;
     return nullptr;
-}
-
-view_section *view::make(krv_secidx_t index, const char *name)
-{
-    section_list.push_back({index, name, nullptr, {}, {}, nullptr});
-    return &section_list.back();
 }
 
 } // namespace krv_elf_loader

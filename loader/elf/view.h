@@ -1,12 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// What the handle gets to see of each section, and the notes on what it does not. Passes look at the raw sections and,
-// where these cannot be read as they are, put a private copy in place. A pass that finds nothing copies nothing.
+// What the handle gets to see of each section: the file's own bytes, or what they inflate to; of relocatable files a copy.
+// And the notes on what it does not see.
 #ifndef KRV_ELF_VIEW_H
 #define KRV_ELF_VIEW_H
 
 #include "elf/file.h"
-#include "elf/symbols.h"
 
 #include <deque>
 #include <optional>
@@ -18,10 +17,10 @@ namespace krv_elf_loader
 struct view_section {
     krv_secidx_t index;
     std::string name;
-    const raw_section *raw;                   // NULL for a section that a pass has made
+    const raw_section *raw;
     byte_span original;                       // the file's own bytes, or the inflated ones
-    std::optional<std::vector<uint8_t>> copy; // what passes made of them
-    elf_file *deferred = nullptr;             // inflates it when the handle reads it; no pass does
+    std::optional<std::vector<uint8_t>> copy; // relocated
+    elf_file *deferred = nullptr;             // inflates it when the handle reads it
 
     byte_span bytes() const { return copy ? byte_span(*copy) : original; } // what the handle reads, unless deferred
     uint64_t size() const { return deferred != nullptr ? raw->size : bytes().size(); }
@@ -29,7 +28,7 @@ struct view_section {
 };
 
 struct note {
-    const char *pass;
+    const char *pass; // what was being done: "attach", "debug-file", "relocations", "reading"
     std::string section;
     uint64_t offset;
     bool refused; // this part cannot be read; else it was corrected, or read without what the text names
@@ -41,25 +40,24 @@ struct note {
 class view
 {
 public:
-    // Takes every section that libkorva knows, those of its extensions too unless `raw_only`, and corrects them then.
+    // Takes every section that libkorva knows; unless `raw_only` those of its extensions too, and relocates them.
     // `alternate` is the file that holds what several share, or NULL.
-    view(elf_file &elf, const symbol_table &symbols, elf_file *alternate, bool raw_only);
+    view(elf_file &elf, elf_file *alternate, bool raw_only);
 
     elf_file &file() const { return source; }
-    const symbol_table &functions() const { return function_table; }
     const std::deque<view_section> &sections() const { return section_list; }
     // In the order of the file's sections; those of one section in the order in which they were made. They stay where they
     // are when others are added.
     std::vector<const note *> notes() const;
-    size_t notes_lost() const { return lost; } // that were too many
+    size_t note_count() const { return note_list.size(); }
+    bool lacks_notes() const { return lost; } // there were too many, or no memory
     std::string name_of(krv_secidx_t index) const;
 
-    // For passes. A section stays where it is when another one is made.
-    view_section *find(krv_secidx_t index);                   // NULL when the file has none
-    view_section *find_raw(const raw_section *raw);           // NULL when it is not read
-    view_section *make(krv_secidx_t index, const char *name); // a new, empty section
+    view_section *find(krv_secidx_t index);         // NULL when the file has none
+    view_section *find_raw(const raw_section *raw); // NULL when it is not read
     // What was noted before is not noted again.
     void add_note(note n);
+    void lose_note() { lost = true; }
 
 private:
     void take_sections(bool raw_only);
@@ -72,11 +70,10 @@ private:
     };
 
     elf_file &source;
-    const symbol_table &function_table;
     std::deque<view_section> section_list;
     std::deque<note> note_list;
     std::set<const note *, by_content> known_notes;
-    size_t lost = 0;
+    bool lost = false;
 };
 
 } // namespace krv_elf_loader

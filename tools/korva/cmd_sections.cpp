@@ -106,13 +106,14 @@ void add_sections(CLI::App &app, int *status)
     add_common_options(verb, options.get(),
                        {{"text", output_format::text}, {"json", output_format::json}, {"jsonl", output_format::jsonl}});
     verb->add_option("FILE", options->file, "ELF file")->required();
-    verb->footer(
-        "A section is read as it is, inflated, or, of an object file, relocated in a copy. Below it stands what is left out\n"
-        "of it or not read; to know that, all units and line tables are read. --raw: only the sections, as they stand.\n"
-        "Exit status: 0 everything is read, 1 some parts are not (the lines with `not read`), 2 nothing.\n"
-        "Examples:\n"
-        "  korva sections /usr/bin/ls\n"
-        "  korva sections --format=jsonl a.out | jq '.notes[].text'");
+    verb->footer("A section is read as it is, inflated, or, of an object file, relocated in a copy. Below it stands "
+                 "what is left out\n"
+                 "of it or not read; to know that, all units and line tables are read. --raw: only the sections, as "
+                 "they stand.\n"
+                 "Exit status: 0 everything is read, 1 some parts are not (the lines with `not read`), 2 nothing.\n"
+                 "Examples:\n"
+                 "  korva sections /usr/bin/ls\n"
+                 "  korva sections --format=jsonl a.out | jq '.notes[].text'");
     verb->callback([options, status] { *status = run_sections(*options); });
 }
 

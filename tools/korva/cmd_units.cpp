@@ -74,13 +74,13 @@ void add_units(CLI::App &app, int *status)
     verb->add_option("FILE", options->file, "ELF file")->required();
     add_common_options(verb, options.get(),
                        {{"text", output_format::text}, {"json", output_format::json}, {"jsonl", output_format::jsonl}});
-    verb->footer(
-        "Each line: offset in .debug_info, DWARF version, type of the unit, size in bytes, name, compilation directory,\n"
-        "producer; of a skeleton unit also the file that has the rest, which is not read;\n"
-        "- is not known (JSON: null). Bytes that are not UTF-8 become U+FFFD in JSON.\n"
-        "Examples:\n"
-        "  korva units ./a.out\n"
-        "  korva units --format=jsonl ./a.out | jq -r .name");
+    verb->footer("Each line: offset in .debug_info, DWARF version, type of the unit, size in bytes, name, compilation "
+                 "directory,\n"
+                 "producer; of a skeleton unit also the file that has the rest, which is not read;\n"
+                 "- is not known (JSON: null). Bytes that are not UTF-8 become U+FFFD in JSON.\n"
+                 "Examples:\n"
+                 "  korva units ./a.out\n"
+                 "  korva units --format=jsonl ./a.out | jq -r .name");
     verb->callback([options, status] { *status = run_units(*options); });
 }
 

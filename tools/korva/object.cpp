@@ -85,7 +85,7 @@ bool object::diagnose_notes() const
 {
     bool any = false;
     for (const krv_elf_note_t &note : m_elf.notes())
-        if (note.refused != 0) {
+        if (note.refused != 0 && note.pass != std::string_view("reading")) {
             diagnose(note.text);
             any = true;
         }

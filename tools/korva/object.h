@@ -61,7 +61,7 @@ public:
     void refuse(unit_record &u, std::string_view text) const;
     /** The same for a unit that is not readable, and why. Told once for all such units. */
     void refuse_unread(unit_record &u);
-    /** Tells what the loader could not present. False when there was anything. Units that cannot be read come later. */
+    /** Tells what the loader could not present, apart from what questions meet. False when there was anything. */
     bool diagnose_notes() const;
 
     /** A section of the file, or nothing. */

@@ -174,69 +174,6 @@ std::string relocations_of_one_table()
     return b.build();
 }
 
-std::string with_dwarf(const bytes &info, const bytes &abbrev)
-{
-    elf_builder b(bytes().u8(0).cstr(".debug_info").cstr(".debug_abbrev"));
-    b.add(1, SHT_PROGBITS, b.put(info));
-    b.add(13, SHT_PROGBITS, b.put(abbrev));
-    return b.build();
-}
-
-std::string tails_of_one_abbreviation_table()
-{
-    bytes table, info;
-    for (uint64_t i = 0; i < 20000; ++i) {
-        table.uleb(i + 1, 3).u8(0x11).u8(0).uleb(0x1f21 + i % 2).uleb(0xd).u16(0); // DW_FORM_sdata
-        info += unit{.abbrev_offset = 10 * i, .dies = bytes().uleb(i + 1).fill(9, 0xff).u8(0)}.build();
-    }
-    return with_dwarf(info, table);
-}
-
-std::string units_without_a_header()
-{
-    bytes info;
-    for (int i = 0; i < 10000; ++i)
-        info.u32(2).u16(5);
-    return with_dwarf(info, bytes().u8(0));
-}
-
-// Numbers to be corrected, and no code of two bytes that is free for any.
-std::string numbers_without_a_code()
-{
-    bytes table, dies;
-    for (uint64_t code = 1; code < 1 << 14; ++code) {
-        table.uleb(code, 2).u8(0x11).u8(0).u8(0x1c).u8(0xd).u16(0);
-        dies.uleb(code, 2).fill(9, 0xff).u8(0);
-    }
-    return with_dwarf(unit{.dies = dies}.build(), table);
-}
-
-// Entries of one abbreviation, each with another set of such numbers: each wants a copy of it.
-std::string numbers_of_one_long_abbreviation()
-{
-    bytes table = bytes().u8(1).u8(0x11).u8(0), dies;
-    for (int i = 0; i < 12; ++i)
-        table.u8(0x1c).u8(0xd);
-    for (int i = 0; i < 10000; ++i)
-        table.u8(0x3f).u8(0x19);
-    for (unsigned set = 0; set < 1 << 10; ++set) {
-        dies.uleb(1, 2);
-        for (unsigned i = 0; i < 12; ++i)
-            (set >> i & 1) != 0 ? dies.fill(9, 0xff).u8(0) : dies.u8(1);
-    }
-    return with_dwarf(unit{.dies = dies}.build(), table.u16(0));
-}
-
-// References into other units, in a table of two units for which they have different sizes.
-std::string forms_of_two_sizes()
-{
-    bytes table = bytes().u8(1).u8(0x11).u8(0);
-    for (int i = 0; i < 200000; ++i)
-        table.u8(0x31).u8(0x10);
-    const bytes dies = bytes().u8(1);
-    return with_dwarf(unit{.version = 2, .dies = dies}.build() + unit{.dies = dies}.build(), table.u16(0));
-}
-
 // Every section of the core's over the same deflated bytes.
 std::string inflations_of_one_stream()
 {
@@ -290,18 +227,7 @@ TEST_F(Loader, WorstFiles)
         {"notes of one run", notes_of_one_run, 16 * MEGABYTE, 60 * MILLION, ""},
         {"relocations of one table", relocations_of_one_table, 16 * MEGABYTE, 40 * MILLION,
          "10000 relocations are applied"},
-        {"tails of one abbreviation table", tails_of_one_abbreviation_table, 256 * MEGABYTE, 300 * MILLION, ""},
         {"symbols that are looked up", symbols_that_are_looked_up, 16 * MEGABYTE, 20 * MILLION, ""},
-        {"units without a header", units_without_a_header, 6 * MEGABYTE, 80 * MILLION, "DWARF 5"},
-        {"numbers without a code", numbers_without_a_code, 24 * MEGABYTE, 30 * MILLION,
-         "16383 entries of the unit at offset 0x0 cannot be read, the first at offset 0xb: each holds a number of 10 "
-         "bytes, and no abbreviation code is free, or no room"},
-        {"numbers of one long abbreviation", numbers_of_one_long_abbreviation, 12 * MEGABYTE, 100 * MILLION,
-         "no abbreviation code is free, or no room"},
-        {"forms of two sizes", forms_of_two_sizes, 64 * MEGABYTE, 120 * MILLION,
-         "give 200000 of its attributes different sizes, the first of them DW_FORM_ref_addr: those of the unit at "
-         "offset "
-         "0xc of .debug_info are misread"},
         {"inflations of one stream", inflations_of_one_stream, 4 * MEGABYTE, MILLION, "claims to inflate"},
         {"claims", claims, MEGABYTE, MILLION, "claims to inflate from 24 to 18446744073709551615"},
     };

@@ -1,9 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-//
-// In a relocatable file (an object file, a kernel module) addresses and offsets in debug sections are still the
-// linker's to fill in. Its sections get addresses one behind the other, and the relocations are applied to private
-// copies.
-#include "elf/pass.h"
+#include "elf/relocations.h"
 
 #include <cstring>
 #include <fmt/format.h>
@@ -181,10 +177,8 @@ private:
 
 } // namespace
 
-void apply_relocations(view &v, const char *name)
+void apply_relocations(view &v)
 {
-    if (v.file().type() != ET_REL)
-        return;
     uint64_t left = v.file().image().size(); // tables do not overlap
     for (const raw_section &raw : v.file().sections()) {
         if (raw.type != SHT_RELA && raw.type != SHT_REL)
@@ -195,9 +189,9 @@ void apply_relocations(view &v, const char *name)
         left -= raw.file_size;
         const result done = relocations(v.file(), raw, target).apply();
         if (done.applied != 0)
-            v.add_note({name, target->name, 0, false, fmt::format("{} relocations are applied", done.applied)});
+            v.add_note({"relocations", target->name, 0, false, fmt::format("{} relocations are applied", done.applied)});
         if (done.refused != 0)
-            v.add_note({name, target->name, done.first_refused, true,
+            v.add_note({"relocations", target->name, done.first_refused, true,
                         fmt::format("{} relocations of {} cannot be applied, the first at offset {:#x}: {}",
                                     done.refused, target->name, done.first_refused, done.reason)});
     }
