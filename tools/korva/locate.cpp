@@ -12,20 +12,23 @@
 namespace korva::program
 {
 
-locator::locator(object *obj) : m_object(obj)
+locator::locator(object *obj) : m_object(obj), m_has_units(obj->has_debug_info())
 {
+    if (!m_has_units)
+        obj->diagnose("no debugging information (.debug_info)");
+}
+
+// All of them, or NULL where none can be read, which is told once.
+std::vector<unit_record> *locator::units()
+{
+    if (!m_has_units)
+        return nullptr;
     try {
-        m_units = &obj->units();
+        return &m_object->units();
     } catch (const failure &f) {
+        m_has_units = false;
         diagnose(f.what());
-        return;
-    }
-    for (unit_record &u : *m_units) { // "no" and "not known yet" differ: any scan would blur that
-        const result<coverage> known = u.unit.covers(0, KRV_LOOKUP_F_FAST);
-        if (!known)
-            note_ranges_failed(known.error());
-        if (!known || *known == coverage::unknown)
-            m_unranged.push_back(&u);
+        return nullptr;
     }
 }
 
@@ -33,15 +36,29 @@ location locator::find(uint64_t address)
 {
     location found;
     found.function = m_object->elf().symbol(address);
-    if (m_units == nullptr)
+    if (!m_has_units)
         return found;
 
     // Within its function an address between two sequences still belongs to one of them.
     const extent range =
         found.function != nullptr ? extent{found.function->address, found.function->size} : extent{address, 1};
-    if (ask_covering(range, address, &found) == outcome::absent)
-        ask_sequences(range, address, &found);
+    if (ask_covering(range, address, &found) == outcome::absent) {
+        refuse_unread();
+        if (m_object->is_raw())
+            ask_sequences(range, address, &found);
+    }
     return found;
+}
+
+// A unit that is not read may be the one that covers the address.
+void locator::refuse_unread()
+{
+    std::vector<unit_record> *all = units();
+    if (all == nullptr)
+        return;
+    const auto unread = std::find_if(all->begin(), all->end(), [](const unit_record &u) { return !u.is_readable(); });
+    if (unread != all->end())
+        m_object->refuse_unread(*unread);
 }
 
 // Tells once that a question about ranges failed.
@@ -94,13 +111,6 @@ locator::outcome locator::ask(unit_record &u, const extent &range, uint64_t addr
     return outcome::refused;
 }
 
-unit_record &locator::record_of(const unit &u)
-{
-    const uint64_t offset = u.header().value_or({}).offset;
-    return *std::lower_bound(m_units->begin(), m_units->end(), offset,
-                             [](const unit_record &r, uint64_t wanted) { return r.header.offset < wanted; });
-}
-
 locator::outcome locator::ask_covering(const extent &range, uint64_t address, location *found)
 {
     const auto may_know = [&](const unit_record &u) {
@@ -110,16 +120,19 @@ locator::outcome locator::ask_covering(const extent &range, uint64_t address, lo
     for (const krv_lookup_flag_t flags : {KRV_LOOKUP_F_FAST, KRV_LOOKUP_F_NONE}) {
         const result<unit> covering = m_object->handle().lookup_unit(address, flags);
         if (!covering) {
-            if (covering.error().code != KRV_ERR_NONE && covering.error().code != KRV_ERR_NOTFOUND)
+            const int code = covering.error().code;
+            if (code != KRV_ERR_NONE && code != KRV_ERR_NOTFOUND && units() != nullptr)
                 note_ranges_failed(covering.error());
             continue;
         }
         // The first that covers it knows its line, but for units that overlap.
-        unit_record &first = record_of(*covering);
+        unit_record &first = m_object->record(*covering);
+        const uint64_t offset = first.header.offset;
         outcome result = ask(first, range, address, found);
-        for (unit_record *u = &first + 1; result == outcome::absent && u != m_units->data() + m_units->size(); ++u)
-            if (may_know(*u) && covers(*u, address, flags))
-                result = ask(*u, range, address, found);
+        if (result == outcome::absent && units() != nullptr)
+            for (unit_record &u : *units())
+                if (result == outcome::absent && u.header.offset > offset && may_know(u) && covers(u, address, flags))
+                    result = ask(u, range, address, found);
         if (result != outcome::absent)
             return result;
     }
@@ -142,18 +155,20 @@ void locator::index_unit(unit_record &u)
             m_sequences.push_back({r, &u});
 }
 
-// Of a unit without ranges in .debug_aranges and without bounds of its own the library finds the functions directly
+// Of a unit without ranges in .debug_aranges and without bounds of its own the strict reader finds the functions directly
 // below the unit entry, not those in namespaces. The line tables of these units tell the rest.
 void locator::index_sequences()
 {
     m_indexed = true;
     const progress shown(fmt::format("{}: reading line tables", m_object->path()), 0, progress::mode::silent);
-    for (unit_record *u : m_unranged) {
-        if (u->is_readable())
-            index_unit(*u);
-        else
-            m_object->refuse_unread(*u);
-    }
+    if (units() != nullptr)
+        for (unit_record &u : *units()) { // "no" and "not known yet" differ
+            const result<coverage> known = u.unit.covers(0, KRV_LOOKUP_F_FAST);
+            if (!known)
+                note_ranges_failed(known.error());
+            if (!known || *known == coverage::unknown)
+                index_unit(u);
+        }
     std::sort(m_sequences.begin(), m_sequences.end(),
               [](const sequence &a, const sequence &b) { return a.addresses.start < b.addresses.start; });
 }

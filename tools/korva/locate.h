@@ -20,9 +20,9 @@ struct location {
 };
 
 /**
- * Finds addresses in the units of a file: in those whose known ranges cover it, then in those whose entries do, then in
- * those whose line tables do; of several the first that knows a line answers. A refused unit that covers an address, or
- * may, is diagnosed, once.
+ * Finds addresses in the units of a file: in those whose known ranges cover it, then in those whose entries do, and where
+ * a file is read as it stands in those whose line tables do; of several the first that knows a line answers. A refused
+ * unit that covers an address, or may, is diagnosed, once. Units are read as far as answers need them.
  */
 class locator
 {
@@ -30,7 +30,6 @@ public:
     /** A file without readable units is diagnosed; its functions are found all the same. */
     explicit locator(object *obj);
 
-    bool has_units() const { return m_units != nullptr; }
     location find(uint64_t address);
 
 private:
@@ -40,8 +39,9 @@ private:
         unit_record *owner;
     };
 
+    std::vector<unit_record> *units();
     void note_ranges_failed(const error &why);
-    unit_record &record_of(const unit &u);
+    void refuse_unread();
     bool covers(const unit_record &u, uint64_t address, krv_lookup_flag_t flags);
     void refuse_lines(unit_record &u, const error &why);
     static void learn_lines(unit_record &u);
@@ -52,11 +52,10 @@ private:
     void index_unit(unit_record &u);
 
     object *m_object;
-    std::vector<unit_record> *m_units = nullptr;
-    std::vector<unit_record *> m_unranged; // units whose ranges only a look at their entries can tell
+    bool m_has_units;
     bool m_ranges_failed = false;
     bool m_indexed = false;
-    std::vector<sequence> m_sequences; // of the unranged units, ascending
+    std::vector<sequence> m_sequences; // of units whose ranges only a look at their entries can tell, ascending
 };
 
 } // namespace korva::program

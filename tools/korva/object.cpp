@@ -21,7 +21,7 @@ static elf open_elf(const std::string &path, bool raw, const std::vector<std::st
 }
 
 object::object(const std::string &path, bool raw, const std::vector<std::string> &debug_dirs)
-    : m_path(path), m_own(open_elf(path, raw, debug_dirs)), m_elf(*m_own), m_info(m_elf.info())
+    : m_path(path), m_own(open_elf(path, raw, debug_dirs)), m_elf(*m_own), m_info(m_elf.info()), m_raw(raw)
 {
 }
 
@@ -117,7 +117,10 @@ void object::read_units()
         const auto header = u.header();
         if (!header)
             throw failure(fmt::format("{}: no unit header: {}", m_path, header.error().text()));
-        m_units.push_back({.unit = u, .header = *header, .kind = u.kind().value_or({}), .lines = {}});
+        const auto met = m_met.find(header->offset);
+        m_units.push_back(met != m_met.end()
+                              ? met->second
+                              : unit_record{.unit = u, .header = *header, .kind = u.kind().value_or({}), .lines = {}});
     }
     const krv_cu_header_t &last = m_units.back().header;
     m_complete = last.offset + last.size == info_size;
@@ -132,6 +135,17 @@ std::vector<unit_record> &object::units()
     if (m_units.empty())
         read_units();
     return m_units;
+}
+
+unit_record &object::record(const unit &u)
+{
+    const krv_cu_header_t header = u.header().value_or({});
+    const auto known = std::lower_bound(m_units.begin(), m_units.end(), header.offset,
+                                        [](const unit_record &r, uint64_t wanted) { return r.header.offset < wanted; });
+    if (known != m_units.end() && known->header.offset == header.offset)
+        return *known;
+    unit_record fresh = {.unit = u, .header = header, .kind = u.kind().value_or({}), .lines = {}};
+    return m_met.try_emplace(header.offset, fresh).first->second;
 }
 
 } // namespace korva::program

@@ -6,6 +6,7 @@
 #include <korva.hpp>
 
 #include <cstdint>
+#include <map>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -47,12 +48,16 @@ public:
     /** Whether a linker has placed its code: then no code lies at address 0. */
     bool is_linked() const;
     bool has_debug_info() const;
+    /** Whether sections are read as they stand, by the strict reader. */
+    bool is_raw() const { return m_raw; }
 
     /**
      * The units in section order, read on first use; throws failure when none can be read. A unit table that ends
      * early is diagnosed, and is_complete() is false afterwards.
      */
     std::vector<unit_record> &units();
+    /** What is known of a unit that the handle gave; not all of them are read for that. */
+    unit_record &record(const unit &u);
     bool is_complete() const { return m_complete; }
 
     /** Prints a diagnostic that names the file. */
@@ -75,6 +80,8 @@ private:
     elf_view m_elf;
     krv_elf_info_t m_info;
     std::vector<unit_record> m_units;
+    std::map<uint64_t, unit_record> m_met; // by offset: those asked for before all were read
+    bool m_raw = false;
     bool m_complete = true;
     bool m_unread_refused = false; // told
 };
