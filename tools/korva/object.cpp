@@ -126,8 +126,9 @@ void object::read_units()
     m_complete = last.offset + last.size == info_size;
     if (!m_complete)
         diagnose(fmt::format("unit table ends early, at offset 0x{:x} of 0x{:x} of .debug_info: the units behind it "
-                             "cannot be read: {}",
-                             last.offset + last.size, info_size, end.text()));
+                             "cannot be read{}",
+                             last.offset + last.size, info_size,
+                             end.messages.empty() ? "" : ": " + end.text())); // an earlier question may have met it
 }
 
 std::vector<unit_record> &object::units()
