@@ -506,6 +506,7 @@ enum : unsigned {
     DW_AT_GNU_ranges_base = 0x2132,
     DW_AT_GNU_addr_base = 0x2133,
     DW_CFA_GNU_args_size = 0x2e,
+    DW_CFA_GNU_negative_offset_extended = 0x2f,
     DW_CFA_primary = 0xc0,   // mask: the opcodes with an operand in their own byte
     DW_EH_PE_format = 0x0f,  // mask: how a pointer is read
     DW_EH_PE_base = 0x70,    // mask: what it counts from
