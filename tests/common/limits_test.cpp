@@ -149,6 +149,26 @@ TEST(Limits, UnitsThatShareStrings)
     }
 }
 
+// Units whose range lists are tails of one, as written: no more is read of it, or kept, than some times its size.
+TEST(Limits, UnitsThatShareRanges)
+{
+    constexpr uint64_t UNITS = MILLION / 500, PAIRS = MILLION / 5;
+    bytes ranges, info;
+    for (uint64_t i = 0; i < PAIRS; ++i)
+        ranges.u64(0x1000 + 16 * i).u64(0x1008 + 16 * i);
+    for (uint64_t i = 0; i < UNITS; ++i)
+        info += unit{.dies = bytes().u8(1).u32(16 * i)}.build();
+    handle h;
+    h.extend().attach(KRV_SEC_ABBREV, abbrevs("1 compile_unit ranges:sec_offset")).attach(KRV_SEC_INFO, info);
+    h.attach(KRV_SEC_EXT_RANGES, ranges.fill(16));
+    allocated = 0;
+    EXPECT_NE(korva_lookup_ctu_by_addr(h, 0x1000 + 16 * (PAIRS - 1), 0), nullptr);
+    EXPECT_EQ(korva_lookup_ctu_by_addr(h, 0x1008, 0), nullptr);
+    EXPECT_LE(allocated, 100 * (info.size() + ranges.size()));
+    const std::string most = "range list at offset 0x20 of .debug_ranges: too many units read the same lists\n";
+    EXPECT_NE(h.notes.find(most), std::string::npos) << h.notes.substr(0, 1000);
+}
+
 // Codes that a table by their low bits would put into one place; and entries whose attributes have no bytes.
 TEST(Limits, Abbreviations)
 {
