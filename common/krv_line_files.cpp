@@ -5,6 +5,7 @@
 #include "krv_line.h"
 
 #include "krv_error.h"
+#include "krv_fd.h"
 #include "krv_mem.h"
 
 namespace
@@ -52,7 +53,9 @@ bool krv_line_has_room(krv_handle_t *hp, uint64_t bytes)
 {
     constexpr uint64_t MOST_BYTES = 64; // of memory a byte of section; a row of one byte, the dearest, takes 48
     const uint64_t kept = hp->sh_line_bytes + bytes;
-    return kept <= KRV_KEPT_SLACK || (kept - KRV_KEPT_SLACK) / MOST_BYTES <= hp->sh_sec[KRV_SEC_LINE].sfd_size;
+    const uint64_t size =
+        krv_add_offset(hp->sh_sec[KRV_SEC_LINE].sfd_size, krv_section(hp, KRV_SEC_EXT_LINE_STR)->sfd_size);
+    return kept <= KRV_KEPT_SLACK || (kept - KRV_KEPT_SLACK) / MOST_BYTES <= size;
 }
 
 bool krv_line_may_keep(krv_handle_t *hp, uint64_t bytes)
