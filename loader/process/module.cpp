@@ -188,6 +188,16 @@ uint64_t loaded_module::find_eh_frame()
     }
 }
 
+// That of the segment; failing that, of the module.
+uint64_t loaded_module::end_of_eh_frame(uint64_t start) const
+{
+    uint64_t end = record.end;
+    for (const Elf64_Phdr &segment : image.segments)
+        if (segment.p_type == PT_LOAD && start - record.bias - segment.p_vaddr < segment.p_memsz)
+            end = record.bias + segment.p_vaddr + segment.p_memsz;
+    return end;
+}
+
 // Kept when all of it is there: a later query tries again.
 void loaded_module::prepare()
 {
@@ -199,7 +209,10 @@ void loaded_module::prepare()
     bool has_records = false;
     try {
         has_records = start != 0 && has_frame_record(process.module_bytes(), start);
+        if (has_records && end_of_eh_frame(start) > start)
+            process.take_module_bytes(end_of_eh_frame(start) - start); // without a search table all records are read
     } catch (const failure &f) {
+        has_records = false;
         frames_failure = f.what();
         process.note(frames_failure);
     }

@@ -54,6 +54,7 @@ private:
     krv_elf_t *open();
     krv_elf_t *open_vdso();
     uint64_t find_eh_frame();
+    uint64_t end_of_eh_frame(uint64_t start) const;
     void prepare();
 
     source &process;
