@@ -267,19 +267,22 @@ int korva_elf_handle_bus_error(const void *address)
 
 const krv_elf_symbol_t *korva_elf_get_symbols(krv_elf_t *elf, size_t *countp)
 {
-    const std::vector<krv_elf_symbol_t> &all = elf->symbols().all();
-    *countp = all.size();
-    return all.empty() ? nullptr : all.data();
+    *countp = 0;
+    return guarded<const krv_elf_symbol_t *>(nullptr, nullptr, [=]() -> const krv_elf_symbol_t * {
+        const std::vector<krv_elf_symbol_t> &all = elf->symbols().all();
+        *countp = all.size();
+        return all.empty() ? nullptr : all.data();
+    });
 }
 
 const krv_elf_symbol_t *korva_elf_lookup_symbol(krv_elf_t *elf, uint64_t address)
 {
-    return elf->symbols().find(address);
+    return guarded<const krv_elf_symbol_t *>(nullptr, nullptr, [=] { return elf->symbols().find(address); });
 }
 
 const krv_elf_symbol_t *korva_elf_lookup_symbol_by_name(krv_elf_t *elf, const char *name)
 {
-    return elf->symbols().find(name);
+    return guarded<const krv_elf_symbol_t *>(nullptr, nullptr, [=] { return elf->symbols().find(name); });
 }
 
 // Why there is no line: what the library says, and what of the file the loader could not present.

@@ -209,7 +209,7 @@ result<void> table_printer::read_files()
 
 bool table_printer::print(bool program)
 {
-    if (!m_unit->is_readable()) {
+    if (!is_readable(m_unit->header)) {
         m_object->refuse_version(*m_unit);
         return false;
     }

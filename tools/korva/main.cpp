@@ -101,10 +101,6 @@ static int run(int argc, char **argv)
         "`korva VERB --help` and `korva help VERB` show a verb's options and examples. Columns of text may hold\n"
         "spaces: --format=jsonl is the one to parse.");
     int status = ANSWERED;
-#define ADD(name) add_##name(app, &status);
-    KORVA_VERBS(ADD)
-#undef ADD
-
     std::vector<std::string> words(argv + 1, argv + argc);
     if (!words.empty() && words[0] == "help") { // help [VERB] is [VERB] --help
         words.erase(words.begin());
@@ -117,6 +113,12 @@ static int run(int argc, char **argv)
         return usage_error(fmt::format("there is no verb \"{}\"{}", words[0],
                                        meant.empty() ? "" : fmt::format("; did you mean \"{}\"?", meant)));
     }
+    const bool is_verb = !words.empty() && !words[0].starts_with("-"); // then no other has to be known
+#define ADD(name)                                                                                                      \
+    if (!is_verb || words[0] == #name)                                                                                 \
+        add_##name(app, &status);
+    KORVA_VERBS(ADD)
+#undef ADD
     std::reverse(words.begin(), words.end()); // as CLI11 takes them
     try {
         app.parse(std::move(words));

@@ -63,7 +63,7 @@ void object::refuse_version(unit_record &u)
 {
     if (!m_version_refused) {
         const auto others = std::count_if(m_units.begin(), m_units.end(),
-                                          [](const unit_record &other) { return !other.is_readable(); }) -
+                                          [](const unit_record &other) { return !is_readable(other.header); }) -
                             1;
         diagnose(fmt::format("unit at offset 0x{:x} of .debug_info is DWARF {}: DWARF 2 to 4 is read; compile it with "
                              "-gdwarf-4 (Go: with GOEXPERIMENT=nodwarf5){}",

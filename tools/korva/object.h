@@ -20,9 +20,13 @@ struct unit_record {
     krv_cu_header_t header = {};
     bool refused = false;       /**< its failure has been told; it is not asked again */
     std::optional<range> lines; /**< the addresses that its line table speaks of, once that was asked in vain */
-
-    bool is_readable() const { return header.version >= 2 && header.version <= 4; }
 };
+
+/** Whether the library reads units of its version. */
+inline bool is_readable(const krv_cu_header_t &header)
+{
+    return header.version >= 2 && header.version <= 4;
+}
 
 /** An address range. */
 struct extent {

@@ -59,6 +59,12 @@ public:
 
 /** @p text without what would break a line or drive a terminal: control characters become \xNN, all others stay. */
 std::string printable(std::string_view text);
+/** Adds it to a line so. */
+void append_printable(std::string *line, std::string_view text);
+
+/** Adds a number to a line: 0x and at least @p digits hexadecimal digits, or decimal ones. */
+void append_hex(std::string *line, uint64_t number, size_t digits);
+void append_decimal(std::string *line, uint64_t number);
 
 /**
  * Standard output. Every function throws broken_pipe when its reader is gone and failure when it cannot be written
@@ -67,7 +73,7 @@ std::string printable(std::string_view text);
 class answers
 {
 public:
-    explicit answers(output_format format) : m_format(format) {}
+    explicit answers(output_format format);
 
     bool is_json() const { return m_format == output_format::json || m_format == output_format::jsonl; }
 
