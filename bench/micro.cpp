@@ -1,12 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Micro-benchmarks of the inner operations, on data that the tests' builders make.
+// Micro-benchmarks of the inner operations, on data that the builders make.
+#include "builders/frames.h"
 #include "krv_code.h"
 #include "krv_frame.h"
 #include "krv_info.h"
 #include "krv_line.h"
 #include "krv_unwind.h"
-#include "support/frame_builder.h"
 #include "support/handle.h"
 
 #include <benchmark/benchmark.h>

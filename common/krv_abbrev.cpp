@@ -423,6 +423,22 @@ static int sort_codes(krv_handle_t *hp, krv_au_t *au)
     return 0;
 }
 
+// Whether the value stands elsewhere than where its form is.
+static bool leads(krv_afpair_t pair)
+{
+    if (!krv_is_extended_form(pair.dwafp_form) || pair.dwafp_form >= KRV_ALL_FORMS)
+        return pair.dwafp_form == DW_FORM_indirect;
+    const krv_form_row_t row = krv_form_row(pair.dwafp_form, KRV_ALL_FORMS);
+    return row.family == krv_family_t::implicit || row.classes == KRV_CLASS_STRING || row.classes == KRV_CLASS_ADDRESS;
+}
+
+static void mark_leading(krv_abbrev_t *abbrev)
+{
+    const krv_afpair_t *first = abbrev->dwa_afpairs;
+    if (std::any_of(first, first + abbrev->dwa_nafpairs, leads))
+        abbrev->dwa_flags = static_cast<krv_abbrev_flag_t>(abbrev->dwa_flags | KRV_ABBREV_FLAG_LEADS);
+}
+
 // The table in one allocation: its record, the abbreviations, the pairs. The sizes are of arrays that are in memory.
 static krv_au_t *make_unit(table_builder *t)
 {
@@ -442,6 +458,8 @@ static krv_au_t *make_unit(table_builder *t)
     for (uint64_t i = 0; i < t->abbrevs.size; ++i) {
         abbrevs[i] = t->abbrevs.at[i];
         abbrevs[i].dwa_afpairs = t->pairs.size == 0 ? nullptr : pairs + abbrevs[i].dwa_afpair_start;
+        if (t->hp->sh_ext != 0)
+            mark_leading(&abbrevs[i]);
         if (implicit_size != 0) {
             abbrevs[i].dwa_implicit = implicit;
             implicit += krv_abbrev_implicit_count(&abbrevs[i]);
@@ -523,6 +541,8 @@ static bool check_abbrevs(const uint8_t **where, const uint8_t *end, uint64_t co
         }
         if (!(wanted ? scan_pairs<Forms>(single_pairs{single}, &at, end) : scan_pairs<Forms>(no_pairs(), &at, end)))
             return false;
+        if (Forms::ARE_EXTENDED && wanted)
+            mark_leading(&single->ssa_abbrev);
     }
     return found;
 }

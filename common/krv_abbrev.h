@@ -15,6 +15,7 @@ struct krv_afpair_t {
 enum krv_abbrev_flag_t : uint32_t {
     KRV_ABBREV_FLAG_NONE = 0,
     KRV_ABBREV_FLAG_PARENT = 1, // entries have children
+    KRV_ABBREV_FLAG_LEADS = 2,  // some values do not stand in the entry: implicit ones, and those behind an index
 };
 
 struct krv_abbrev_t {

@@ -140,6 +140,31 @@ krv_au_t *krv_cu_abbrevs(krv_handle_t *hp, krv_ctu_t *cu)
     return au == nullptr ? nullptr : krv_publish(&cu->dcu_abbrev_unit, au, [](krv_au_t *) {});
 }
 
+// Values that entries of DWARF 5 have many of. False: none of them, and nothing has changed.
+static inline bool read_later_value(const krv_view_t &view, krv_form_t form, krv_value_t *value, uint64_t *done)
+{
+    switch (krv_form_row(form, KRV_ALL_FORMS).family) {
+    case krv_family_t::implicit: // resolve_values knows it
+    case krv_family_t::present:
+        value->sa_u.su_unsigned = 1;
+        break;
+    case krv_family_t::uleb128: {
+        if (*done >= view.size)
+            return false;
+        const uint8_t *at = view.bytes + *done;
+        const uint8_t *behind = krv_scan_short_uleb128(at, view.bytes + view.size, &value->sa_u.su_unsigned);
+        if (behind == nullptr)
+            return false;
+        *done += static_cast<uint64_t>(behind - at);
+        break;
+    }
+    default:
+        return false;
+    }
+    value->sa_form = value->sa_actual = form;
+    return true;
+}
+
 // Reads all values of an entry and moves the cursor behind them. Numbers of a fixed width, as most are, differ in
 // nothing but that width; what is not such a number in memory, read_value reads. FORMS: whether there may be any of
 // extensions.
@@ -160,10 +185,8 @@ static bool read_values(krv_fd_t *fdp, const krv_encoding_t &encoding, const krv
             done += width;
             continue;
         }
-        if (FORMS == KRV_ALL_FORMS && form == KRV_EXT_DW_FORM_implicit_const) {
-            value->sa_form = value->sa_actual = form; // resolve_values knows the value
+        if (FORMS == KRV_ALL_FORMS && read_later_value(view, form, value, &done))
             continue;
-        }
         krv_fd_t fd = *fdp;
         krv_fd_advance(&fd, done);
         if (!read_value(&fd, encoding, form, die, value)) {
@@ -237,7 +260,7 @@ static bool resolve_values(krv_handle_t *hp, const krv_ctu_t *cu, krv_die_t *die
 }
 
 // Reads the entry whose code the cursor stands behind. NULL: messages pushed.
-static krv_die_t *read_die(krv_handle_t *hp, krv_fd_t *fdp, krv_ctu_t *cu, krv_abbrev_t *abbrev, bool is_first)
+static krv_die_t *read_die(krv_handle_t *hp, krv_fd_t *fdp, krv_ctu_t *cu, krv_abbrev_t *abbrev)
 {
     const size_t slots = abbrev->dwa_nafpairs == 0 ? 1 : abbrev->dwa_nafpairs;
     die_owner die(
@@ -252,9 +275,10 @@ static krv_die_t *read_die(krv_handle_t *hp, krv_fd_t *fdp, krv_ctu_t *cu, krv_a
         return read_values<KRV_BASE_FORMS>(fdp, encoding, abbrev, die.get()) ? die.release() : nullptr;
     if (!read_values<KRV_ALL_FORMS>(fdp, encoding, abbrev, die.get()))
         return nullptr;
-    if (is_first)
+    if (cu->dcu_compile_unit == nullptr) // this is it
         krv_cu_take_bases(cu, die.get());
-    return resolve_values(hp, cu, die.get()) ? die.release() : nullptr;
+    const bool leads = (abbrev->dwa_flags & KRV_ABBREV_FLAG_LEADS) != 0;
+    return !leads || resolve_values(hp, cu, die.get()) ? die.release() : nullptr;
 }
 
 // Attributes that a walk over entries of a unit may read: those without bytes (DW_FORM_flag_present) are few among the
@@ -301,7 +325,7 @@ static bool take_attributes(krv_handle_t *hp, const krv_abbrev_t *abbrev, uint64
             abbrev = find_abbrev(hp, au, code);
         }
         if (abbrev != nullptr && take_attributes(hp, abbrev, section_offset, left))
-            die = read_die(hp, fdp, cu, abbrev, single != nullptr);
+            die = read_die(hp, fdp, cu, abbrev);
     }
     if (die == nullptr) {
         krv_note(hp, "could not allocate DIE at %+lld within CU at %lld within %s", static_cast<long long>(offset),

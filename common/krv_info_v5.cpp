@@ -122,11 +122,33 @@ static uint64_t table_end(krv_handle_t *hp, const krv_ctu_t *cu, const table_kin
     return ul.end;
 }
 
+// The common case: a sound table in memory, of the 32-bit format. False: not that case.
+static bool read_in_memory(const krv_fd_t *section, const table_kind &kind, const krv_ctu_t *cu, uint64_t base,
+                           uint64_t index, uint64_t width, uint64_t *valuep)
+{
+    constexpr uint64_t HEADER = 8;
+    const uint64_t size = section->sfd_size;
+    if (krv_fd_is_cb(section) || kind.has_lists || cu->dcu_version < 5 || is_dwarf64(cu) || base < HEADER ||
+        base > size)
+        return false;
+    const uint8_t *elements = section->sfd_u.buf + base;
+    uint32_t length;
+    std::memcpy(&length, elements - HEADER, sizeof(length));
+    const uint64_t begun = HEADER - sizeof(length); // bytes of the length that the header takes
+    if (length < begun || length - begun > size - base || index >= (length - begun) / width)
+        return false;
+    *valuep = 0;
+    std::memcpy(valuep, elements + index * width, width);
+    return true;
+}
+
 bool krv_cu_read_indexed(krv_handle_t *hp, const krv_ctu_t *cu, krv_base_t which, uint64_t index, uint64_t *valuep)
 {
     const table_kind &kind = KINDS[which];
     const uint64_t base = cu->dcu_bases[which];
     const uint64_t width = kind.has_addresses ? hp->sh_target_size : is_dwarf64(cu) ? 8 : 4;
+    if (read_in_memory(krv_section(hp, kind.section), kind, cu, base, index, width, valuep))
+        return true;
     krv_fd_t fd = *krv_section(hp, kind.section);
     uint64_t end = base > fd.sfd_size ? 0 : table_end(hp, cu, kind, base, width);
     end = end > fd.sfd_size ? fd.sfd_size : end;

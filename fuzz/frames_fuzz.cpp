@@ -2,7 +2,7 @@
 //
 // Call-frame sections that are sound but for the fields that the input breaks, and walks through their functions:
 // what plain bytes do not reach behind lengths, CIE pointers and the sorted search table.
-#include "support/frame_builder.h"
+#include "builders/frames.h"
 #include "walk.h"
 
 #include <algorithm>

@@ -1,10 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Writes seeds for every target: what the builders of the tests make, and the sections of given ELF files.
+// Writes seeds for every target: what the builders make, and the sections of given ELF files.
 //     fuzz_seeds FOLDER [ELF-FILE...]      a folder for each target is made in FOLDER
+#include "builders/frames.h"
 #include "krv_types.h"
 #include "libkorva-elf.h"
-#include "support/frame_builder.h"
 #include "walk.h"
 
 #include <elf.h>

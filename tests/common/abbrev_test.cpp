@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // Abbreviation tables.
+#include "builders/sections.h"
 #include "krv_abbrev.h"
 #include "support/handle.h"
-#include "support/sections.h"
 
 using namespace krv_test;
 

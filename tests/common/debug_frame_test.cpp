@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // Records of .debug_frame.
+#include "builders/frames.h"
 #include "krv_frame.h"
-#include "support/frame_builder.h"
 #include "support/handle.h"
 
 using namespace krv_test;

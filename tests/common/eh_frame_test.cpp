@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // .eh_frame in the target's memory: pointer encodings, records, and the search table of .eh_frame_hdr.
+#include "builders/frames.h"
 #include "krv_eh_frame.h"
 #include "krv_frame.h"
-#include "support/frame_builder.h"
 #include "support/handle.h"
 
 #include <algorithm>

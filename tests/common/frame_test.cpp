@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // Frame readers: which one serves a handle, and the search for the FDE of an address.
+#include "builders/frames.h"
 #include "krv_eh_frame.h"
 #include "krv_frame.h"
-#include "support/frame_builder.h"
 #include "support/handle.h"
 
 #include <algorithm>

@@ -1,12 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // Units, entries, attributes, and the tree.
+#include "builders/sections.h"
 #include "krv_error.h"
 #include "krv_info.h"
 #include "krv_line.h"
 #include "krv_names.h"
 #include "support/handle.h"
-#include "support/sections.h"
 
 #include <random>
 

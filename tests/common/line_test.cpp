@@ -3,10 +3,10 @@
 // Line numbers: headers, programs, source lookup, and access to fields.
 #include "krv_line.h"
 
+#include "builders/sections.h"
 #include "korva.hpp"
 #include "krv_names.h"
 #include "support/handle.h"
-#include "support/sections.h"
 
 #include <algorithm>
 #include <map>

@@ -3,9 +3,9 @@
 // Address-range sets, the unit table, and which unit covers an address.
 #include "krv_lookup.h"
 
+#include "builders/sections.h"
 #include "korva.hpp"
 #include "support/handle.h"
-#include "support/sections.h"
 
 #include <sstream>
 

@@ -66,80 +66,47 @@ TEST(Open, Targets)
     }
 }
 
+// Calls a function with a handle and zeros, and tells whether it fails.
+template <typename Result, typename... Args>
+static bool fails(Result (*function)(krv_handle_t *, Args...), krv_handle_t *hp)
+{
+    if constexpr (std::is_pointer_v<Result>)
+        return function(hp, Args{}...) == nullptr;
+    else
+        return function(hp, Args{}...) == -1;
+}
+
 // Every function that takes a handle, without one, and then with nothing else.
 TEST(Open, NullArguments)
 {
-    static const auto failed = [](auto result) {
-        if constexpr (std::is_pointer_v<decltype(result)>)
-            return result == nullptr;
-        else
-            return result == -1;
-    };
-#define ROW(call)                                                                                                      \
-    {                                                                                                                  \
-#call, [](krv_handle_t * hp) { return failed(call); }                                                          \
-    }
-    const struct {
-        const char *call;
-        bool (*fails)(krv_handle_t *hp);
-    } rows[] = {
-        ROW(korva_attach_as(hp, nullptr, nullptr)),
-        ROW(korva_fd_attach(hp, nullptr, 1, KRV_FD_TYPE_MEMORY, nullptr)),
-        ROW(korva_iter_cu(hp, KRV_SEC_INFO, nullptr, nullptr)),
-        ROW(korva_cu_contains_addr(hp, nullptr, 0, 0) == B_FALSE ? -1 : 0),
-        ROW(korva_cu_get_header(hp, nullptr, nullptr)),
-        ROW(korva_get_cu_cudie(hp, nullptr, nullptr)),
-        ROW(korva_get_die_at_producer(hp, nullptr, nullptr, 1)),
-        ROW(korva_get_die_at_comp_dir(hp, nullptr, nullptr, 1)),
-        ROW(korva_get_die_at_name(hp, nullptr, nullptr, 1)),
-        ROW(korva_get_die_at_ZEPH_original_name(hp, nullptr, nullptr, 1)),
-        ROW(korva_line_get_cu_lnph(hp, nullptr)),
-        ROW(korva_iter_line_entry(hp, nullptr, nullptr, nullptr)),
-        ROW(korva_lookup_source_by_cu_and_addr(hp, nullptr, 0, 1, 0, 0)),
-        ROW(korva_get_fields(hp, KRV_STRUCT_LNS, nullptr, 0)),
-        ROW(korva_lns_get_address(hp, nullptr, nullptr)),
-        ROW(korva_lns_get_op_index(hp, nullptr, nullptr)),
-        ROW(korva_lns_get_file(hp, nullptr, nullptr)),
-        ROW(korva_lns_get_line(hp, nullptr, nullptr)),
-        ROW(korva_lns_get_column(hp, nullptr, nullptr)),
-        ROW(korva_lns_get_isa(hp, nullptr, nullptr)),
-        ROW(korva_lns_get_discriminator(hp, nullptr, nullptr)),
-        ROW(korva_lns_get_is(hp, nullptr, nullptr)),
-        ROW(korva_lns_get_canonical_address(hp, nullptr, nullptr)),
-        ROW(korva_lns_get_filep(hp, nullptr)),
-        ROW(korva_lnfe_get_path(hp, nullptr, nullptr, 1, B_TRUE)),
-        ROW(korva_lnfe_get_mtime(hp, nullptr, nullptr)),
-        ROW(korva_lnfe_get_size(hp, nullptr, nullptr)),
-        ROW(korva_expr_get_stack_depth(hp, nullptr, nullptr)),
-        ROW(korva_expr_stack_push(hp, nullptr, 1)),
-        ROW(korva_expr_stack_pop(hp, nullptr, nullptr)),
-        ROW(korva_expr_stack_peek(hp, nullptr, 0, nullptr)),
-        ROW(korva_expr_reset_stack(hp, nullptr)),
-        ROW(korva_expr_iter_instruction(hp, nullptr, 0, nullptr, nullptr)),
-        ROW(korva_expr_execute_expression(hp, nullptr, nullptr, nullptr, 0, nullptr, nullptr, nullptr)),
-        ROW(korva_activation_reset(hp, nullptr)),
-        ROW(korva_activation_get_reg(hp, nullptr, 0, 0, 0, nullptr, 8)),
-        ROW(korva_activation_get_greg(hp, nullptr, 0, 0, 0, nullptr)),
-        ROW(korva_activation_set_reg(hp, nullptr, 0, 0, nullptr)),
-        ROW(korva_activation_set_greg(hp, nullptr, 0, 0, 0)),
-        ROW(korva_activation_set_regs(hp, nullptr, nullptr, 0, nullptr)),
-        ROW(korva_activation_get_gregs(hp, nullptr, 0, nullptr, nullptr)),
-        ROW(korva_activation_unwind(hp, nullptr)),
-        ROW(korva_activation_get_argc(hp, nullptr, nullptr)),
-        ROW(korva_activation_get_argv(hp, nullptr, 0, nullptr, nullptr, nullptr, 0, nullptr)),
-    };
     handle h;
-    for (const auto &row : rows) {
-        EXPECT_TRUE(row.fails(nullptr)) << row.call;
-        EXPECT_TRUE(row.fails(h)) << row.call;
-        EXPECT_EQ(korva_handle_get_errno(h), KRV_ERR_INVALID) << row.call;
-    }
-    EXPECT_TRUE(failed(korva_fd_alloc(nullptr)) && failed(korva_expr_alloc_stack(nullptr)) &&
-                failed(korva_activation_alloc(nullptr)) && failed(korva_print_define(nullptr, KRV_DEF_AT, 3)) &&
-                failed(korva_lookup_ctu_by_start_offset(nullptr, KRV_SEC_INFO, 0)) &&
-                failed(korva_lookup_ctu_by_addr(nullptr, 0, 0)) &&
-                failed(korva_attach_section(nullptr, KRV_SEC_INFO, 1, KRV_FD_TYPE_MEMORY, nullptr)) &&
-                failed(korva_handle_set_opt(nullptr, KRV_OPT_BASE_ADDR, 1UL)));
+    unsigned number = 0;
+    const auto refuses_both = [&](auto function) {
+        EXPECT_TRUE(fails(function, nullptr) && fails(function, h)) << "function " << number;
+        EXPECT_EQ(korva_handle_get_errno(h), KRV_ERR_INVALID) << "function " << number++;
+    };
+    const auto all_refuse = [&](auto... functions) { (refuses_both(functions), ...); };
+    all_refuse(korva_attach_as, korva_iter_cu, korva_cu_get_header, korva_get_cu_cudie, korva_get_die_at_producer,
+               korva_get_die_at_comp_dir, korva_get_die_at_name, korva_get_die_at_ZEPH_original_name,
+               korva_line_get_cu_lnph, korva_iter_line_entry, korva_lookup_source_by_cu_and_addr, korva_lns_get_address,
+               korva_lns_get_op_index, korva_lns_get_file, korva_lns_get_line, korva_lns_get_column, korva_lns_get_isa,
+               korva_lns_get_discriminator, korva_lns_get_is, korva_lns_get_canonical_address, korva_lns_get_filep,
+               korva_lnfe_get_path, korva_lnfe_get_mtime, korva_lnfe_get_size, korva_expr_get_stack_depth,
+               korva_expr_stack_push, korva_expr_stack_pop, korva_expr_stack_peek, korva_expr_reset_stack,
+               korva_expr_iter_instruction, korva_expr_execute_expression, korva_activation_reset,
+               korva_activation_get_reg, korva_activation_get_greg, korva_activation_set_reg, korva_activation_set_greg,
+               korva_activation_set_regs, korva_activation_get_gregs, korva_activation_unwind,
+               korva_activation_get_argc, korva_activation_get_argv);
+    for (krv_handle_t *hp : {static_cast<krv_handle_t *>(nullptr), static_cast<krv_handle_t *>(h)})
+        EXPECT_TRUE(korva_fd_attach(hp, nullptr, 1, KRV_FD_TYPE_MEMORY, nullptr) == -1 &&
+                    korva_get_fields(hp, KRV_STRUCT_LNS, nullptr, 0) == -1 &&
+                    korva_cu_contains_addr(hp, nullptr, 0, 0) == B_FALSE);
+    EXPECT_EQ(korva_handle_get_errno(h), KRV_ERR_INVALID);
+    EXPECT_TRUE(fails(korva_fd_alloc, nullptr) && fails(korva_expr_alloc_stack, nullptr) &&
+                fails(korva_activation_alloc, nullptr) && fails(korva_print_define, nullptr) &&
+                fails(korva_lookup_ctu_by_start_offset, nullptr) && fails(korva_lookup_ctu_by_addr, nullptr) &&
+                korva_attach_section(nullptr, KRV_SEC_INFO, 1, KRV_FD_TYPE_MEMORY, nullptr) == -1 &&
+                korva_handle_set_opt(nullptr, KRV_OPT_BASE_ADDR, 1UL) == -1);
     korva_handle_free(nullptr);
     korva_handle_hold(nullptr);
     korva_handle_release(nullptr);

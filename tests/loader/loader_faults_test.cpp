@@ -4,7 +4,7 @@
 // answers, or says what happened; nothing leaks (the address sanitizer watches); and when all is well again the same
 // object answers in full, or a new one does where it could not be opened.
 #include "loader/loader_fixture.h"
-#include "loader/process/core32.h"
+#include "loader/process/core_files.h"
 #define KRV_TEST_NEW
 #include "support/allocations.h"
 

@@ -6,8 +6,8 @@
 
 #include "korva.hpp"
 
+#include "builders/sections.h"
 #include "support/handle.h"
-#include "support/sections.h"
 
 #include <cstdlib>
 #include <filesystem>

@@ -7,8 +7,8 @@
 #ifndef KRV_TEST_ACTIVATION_H
 #define KRV_TEST_ACTIVATION_H
 
+#include "builders/frames.h"
 #include "krv_activation.h"
-#include "support/frame_builder.h"
 #include "support/handle.h"
 
 namespace krv_test

@@ -36,6 +36,13 @@ std::string error_line(krv_handle_t *hp)
     return line;
 }
 
+std::string failed_read(const std::string &error)
+{
+    const std::string cause = "IO: read callback failed | ";
+    const std::string line = error.substr(0, error.rfind(" | ", error.find(" at ")));
+    return line.starts_with(cause) ? line.substr(line.rfind(" | ") + 3) : error;
+}
+
 std::unique_ptr<uint8_t[]> exact_copy(const bytes &contents)
 {
     std::unique_ptr<uint8_t[]> copy(new uint8_t[contents.size()]);

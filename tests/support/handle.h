@@ -5,8 +5,8 @@
 #ifndef KRV_TEST_HANDLE_H
 #define KRV_TEST_HANDLE_H
 
+#include "builders/bytes.h"
 #include "krv_types.h"
-#include "support/bytes.h"
 
 #include <functional>
 #include <gtest/gtest.h>
@@ -22,6 +22,9 @@ constexpr krv_activation_type_t both_targets[] = {KRV_ACTIVATION_I386, KRV_ACTIV
 
 // The whole error state in one line, cause first: "CORRUPT: unterminated string | failed to read version".
 std::string error_line(krv_handle_t *hp);
+
+// What the error of a record says of the read that failed, without the lines on the record.
+std::string failed_read(const std::string &error);
 
 // A copy on the heap of exactly that size, so that the address sanitizer sees a step over either end.
 std::unique_ptr<uint8_t[]> exact_copy(const bytes &contents);

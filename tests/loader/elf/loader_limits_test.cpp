@@ -3,13 +3,13 @@
 // What the worst file of each kind may cost the loader: bytes allocated and steps taken, in proportion to its size.
 // Sections share their bytes here, so that work or memory that counts them for each section anew has the square of the
 // file's size.
+#include "builders/elf.h"
 #include "loader/loader_fixture.h"
 #define KRV_TEST_NEW
 #include "support/allocations.h"
 
-#include <cstring>
-#include <elf.h>
 #include <gelf.h>
+#include <numeric>
 #include <zlib.h>
 
 using namespace krv_test;
@@ -82,39 +82,40 @@ namespace
 // An ELF file of any sections over any bytes. Section 1 holds the names.
 struct elf_builder {
     uint16_t type = ET_EXEC;
-    std::string contents = {};
+    bytes contents = {};
     std::vector<Elf64_Shdr> headers = {{}};
 
+    explicit elf_builder(const bytes &names = bytes().u8(0), uint16_t of = ET_EXEC) : type(of)
+    {
+        add(0, SHT_STRTAB, put(names));
+    }
     // Where the bytes stand.
     std::pair<uint64_t, uint64_t> put(const bytes &part)
     {
-        contents.append(part.data(), part.data() + part.size());
+        contents += part;
         return {sizeof(Elf64_Ehdr) + contents.size() - part.size(), part.size()};
     }
     void add(uint32_t name, uint32_t section_type, std::pair<uint64_t, uint64_t> extent, uint64_t flags = 0,
-             uint32_t link = 0, uint32_t info = 0)
+             uint32_t link = 0, uint32_t info = 0, uint64_t entry_size = 0)
     {
-        headers.push_back({name, section_type, flags, 0, extent.first, extent.second, link, info, 1, 0});
+        headers.push_back({name, section_type, flags, 0, extent.first, extent.second, link, info, 1, entry_size});
+    }
+    // Functions of one byte at 0, 1, ... in a section of code.
+    void add_functions(const std::vector<uint32_t> &names)
+    {
+        add(0, SHT_PROGBITS, {64, 4096}, SHF_ALLOC | SHF_EXECINSTR);
+        bytes symbols;
+        for (size_t i = 0; i < names.size(); ++i)
+            symbols.u32(names[i]).u8(STT_FUNC).u8(0).u16(2).u64(i).u64(1);
+        add(0, SHT_SYMTAB, put(symbols), 0, 1, 0, sizeof(Elf64_Sym));
     }
     std::string build() const
     {
-        Elf64_Ehdr h = {};
-        std::memcpy(h.e_ident, ELFMAG, SELFMAG);
-        h.e_ident[EI_CLASS] = ELFCLASS64;
-        h.e_ident[EI_DATA] = ELFDATA2LSB;
-        h.e_ident[EI_VERSION] = EV_CURRENT;
-        h.e_type = type;
-        h.e_machine = EM_X86_64;
-        h.e_version = EV_CURRENT;
-        h.e_shoff = (sizeof(h) + contents.size() + 7) / 8 * 8;
-        h.e_ehsize = sizeof(h);
-        h.e_shentsize = sizeof(Elf64_Shdr);
-        h.e_shnum = static_cast<uint16_t>(headers.size());
-        h.e_shstrndx = 1;
-        std::string file(reinterpret_cast<const char *>(&h), sizeof(h));
-        file += contents;
-        file.resize(h.e_shoff);
-        return file.append(reinterpret_cast<const char *>(headers.data()), headers.size() * sizeof(Elf64_Shdr));
+        const uint64_t at = (sizeof(Elf64_Ehdr) + contents.size() + 7) / 8 * 8;
+        const elf_image image{.type = type, .sections = headers.size(), .sections_at = at};
+        const bytes b = image.header().add(contents).align(8);
+        return std::string(b.data(), b.data() + b.size())
+            .append(reinterpret_cast<const char *>(headers.data()), headers.size() * sizeof(Elf64_Shdr));
     }
 };
 
@@ -124,8 +125,7 @@ constexpr uint64_t NOWHERE = UINT64_MAX;
 
 std::string sections_of_one_long_name()
 {
-    elf_builder b;
-    b.add(0, SHT_STRTAB, b.put(bytes().fill(MEGABYTE, 'x').u8(0)));
+    elf_builder b(bytes().fill(MEGABYTE, 'x').u8(0));
     for (int i = 0; i < 4000; ++i)
         b.add(0, SHT_PROGBITS, {64, 1});
     return b.build();
@@ -133,36 +133,29 @@ std::string sections_of_one_long_name()
 
 std::string symbols_of_endless_names()
 {
-    elf_builder b;
-    b.add(0, SHT_STRTAB, b.put(bytes().u8(0).fill(MEGABYTE, 'x')));
-    b.add(0, SHT_PROGBITS, {64, 4096}, SHF_ALLOC | SHF_EXECINSTR);
-    bytes symbols;
-    for (int i = 0; i < 20000; ++i)
-        symbols.u32(1 + i).u8(STT_FUNC).u8(0).u16(2).u64(i).u64(1);
-    b.add(0, SHT_SYMTAB, b.put(symbols), 0, 1);
-    b.headers.back().sh_entsize = sizeof(Elf64_Sym);
+    elf_builder b(bytes().u8(0).fill(MEGABYTE, 'x'));
+    std::vector<uint32_t> names(20000);
+    std::iota(names.begin(), names.end(), 1);
+    b.add_functions(names);
     return b.build();
 }
 
 std::string symbols_that_are_looked_up()
 {
-    elf_builder b;
-    bytes names = bytes().u8(0), symbols;
+    bytes text = bytes().u8(0);
+    std::vector<uint32_t> names;
     for (int i = 0; i < 20000; ++i) {
-        symbols.u32(static_cast<uint32_t>(names.size())).u8(STT_FUNC).u8(0).u16(2).u64(i).u64(1);
-        names.cstr("f" + std::to_string(i) + (i % 2 != 0 ? "@@V" : ""));
+        names.push_back(static_cast<uint32_t>(text.size()));
+        text.cstr("f" + std::to_string(i) + (i % 2 != 0 ? "@@V" : ""));
     }
-    b.add(0, SHT_STRTAB, b.put(names));
-    b.add(0, SHT_PROGBITS, {64, 4096}, SHF_ALLOC | SHF_EXECINSTR);
-    b.add(0, SHT_SYMTAB, b.put(symbols), 0, 1);
-    b.headers.back().sh_entsize = sizeof(Elf64_Sym);
+    elf_builder b(text);
+    b.add_functions(names);
     return b.build();
 }
 
 std::string notes_of_one_run()
 {
     elf_builder b;
-    b.add(0, SHT_STRTAB, b.put(bytes().u8(0)));
     const auto run = b.put(bytes().fill(MEGABYTE / 4));
     for (int i = 0; i < 10000; ++i)
         b.add(0, SHT_NOTE, run);
@@ -171,41 +164,33 @@ std::string notes_of_one_run()
 
 std::string relocations_of_one_table()
 {
-    elf_builder b{.type = ET_REL};
-    b.add(0, SHT_STRTAB, b.put(bytes().u8(0).cstr(".debug_info")));
+    elf_builder b(bytes().u8(0).cstr(".debug_info"), ET_REL);
     b.add(1, SHT_PROGBITS, {64, 64});
     bytes table;
     for (int i = 0; i < 10000; ++i)
         table.u64(0).u64(R_X86_64_64).u64(0);
     const auto extent = b.put(table);
-    for (int i = 0; i < 10000; ++i) {
-        b.add(0, SHT_RELA, extent, 0, 0, 2);
-        b.headers.back().sh_entsize = sizeof(Elf64_Rela);
-    }
+    for (int i = 0; i < 10000; ++i)
+        b.add(0, SHT_RELA, extent, 0, 0, 2, sizeof(Elf64_Rela));
+    return b.build();
+}
+
+std::string with_dwarf(const bytes &info, const bytes &abbrev)
+{
+    elf_builder b(bytes().u8(0).cstr(".debug_info").cstr(".debug_abbrev"));
+    b.add(1, SHT_PROGBITS, b.put(info));
+    b.add(13, SHT_PROGBITS, b.put(abbrev));
     return b.build();
 }
 
 std::string tails_of_one_abbreviation_table()
 {
-    elf_builder b;
-    b.add(0, SHT_STRTAB, b.put(bytes().u8(0).cstr(".debug_info").cstr(".debug_abbrev")));
     bytes table, info;
     for (uint64_t i = 0; i < 20000; ++i) {
         table.uleb(i + 1, 3).u8(0x11).u8(0).uleb(0x1f21 + i % 2).uleb(0xd).u16(0); // DW_FORM_sdata
         info += unit{.abbrev_offset = 10 * i, .dies = bytes().uleb(i + 1).fill(9, 0xff).u8(0)}.build();
     }
-    b.add(1, SHT_PROGBITS, b.put(info));
-    b.add(13, SHT_PROGBITS, b.put(table));
-    return b.build();
-}
-
-elf_builder with_dwarf(const bytes &info, const bytes &abbrev)
-{
-    elf_builder b;
-    b.add(0, SHT_STRTAB, b.put(bytes().u8(0).cstr(".debug_info").cstr(".debug_abbrev")));
-    b.add(1, SHT_PROGBITS, b.put(info));
-    b.add(13, SHT_PROGBITS, b.put(abbrev));
-    return b;
+    return with_dwarf(info, table);
 }
 
 std::string units_without_a_header()
@@ -213,7 +198,7 @@ std::string units_without_a_header()
     bytes info;
     for (int i = 0; i < 10000; ++i)
         info.u32(2).u16(5);
-    return with_dwarf(info, bytes().u8(0)).build();
+    return with_dwarf(info, bytes().u8(0));
 }
 
 // Numbers to be corrected, and no code of two bytes that is free for any.
@@ -224,7 +209,7 @@ std::string numbers_without_a_code()
         table.uleb(code, 2).u8(0x11).u8(0).u8(0x1c).u8(0xd).u16(0);
         dies.uleb(code, 2).fill(9, 0xff).u8(0);
     }
-    return with_dwarf(unit{.dies = dies}.build(), table).build();
+    return with_dwarf(unit{.dies = dies}.build(), table);
 }
 
 // Entries of one abbreviation, each with another set of such numbers: each wants a copy of it.
@@ -240,7 +225,7 @@ std::string numbers_of_one_long_abbreviation()
         for (unsigned i = 0; i < 12; ++i)
             (set >> i & 1) != 0 ? dies.fill(9, 0xff).u8(0) : dies.u8(1);
     }
-    return with_dwarf(unit{.dies = dies}.build(), table.u16(0)).build();
+    return with_dwarf(unit{.dies = dies}.build(), table.u16(0));
 }
 
 // References into other units, in a table of two units for which they have different sizes.
@@ -250,7 +235,7 @@ std::string forms_of_two_sizes()
     for (int i = 0; i < 200000; ++i)
         table.u8(0x31).u8(0x10);
     const bytes dies = bytes().u8(1);
-    return with_dwarf(unit{.version = 2, .dies = dies}.build() + unit{.dies = dies}.build(), table.u16(0)).build();
+    return with_dwarf(unit{.version = 2, .dies = dies}.build() + unit{.dies = dies}.build(), table.u16(0));
 }
 
 // Every section of the core's over the same deflated bytes.
@@ -263,14 +248,13 @@ std::string inflations_of_one_stream()
     bytes data = bytes().u32(ELFCOMPRESS_ZLIB).u32(0).u64(zeros.size()).u64(1);
     for (size_t i = 0; i < size; ++i)
         data.u8(stream[i]);
-    elf_builder b;
     bytes names;
     std::vector<uint32_t> at;
     for (const char *name : {"", ".debug_info", ".debug_line", ".debug_str", ".debug_loc", ".debug_types"}) {
         at.push_back(static_cast<uint32_t>(names.size()));
         names.cstr(name);
     }
-    b.add(0, SHT_STRTAB, b.put(names));
+    elf_builder b(names);
     const auto extent = b.put(data);
     for (size_t i = 1; i < at.size(); ++i)
         b.add(at[i], SHT_PROGBITS, extent, SHF_COMPRESSED);
@@ -280,8 +264,7 @@ std::string inflations_of_one_stream()
 // Sizes and counts as large as they can be written.
 std::string claims()
 {
-    elf_builder b;
-    b.add(0, SHT_STRTAB, b.put(bytes().u8(0).cstr(".debug_info").cstr(".zdebug_line").cstr(".debug_str")));
+    elf_builder b(bytes().u8(0).cstr(".debug_info").cstr(".zdebug_line").cstr(".debug_str"));
     b.add(0, SHT_SYMTAB, {64, NOWHERE}, 0, 1);
     b.add(0, SHT_NOTE, {64, NOWHERE});
     b.add(0, SHT_RELA, {64, NOWHERE}, 0, 1, 6);

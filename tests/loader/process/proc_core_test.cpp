@@ -1,8 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // Core files: of the system, of gdb, and a 32-bit one made here, whole, cut short, and with absurd sizes.
-#include "core32.h"
-#include "crowd_core.h"
+#include "core_files.h"
 #include "support/handle.h"
 
 #include <csignal>

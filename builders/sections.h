@@ -6,11 +6,11 @@
 //     h.attach(KRV_SEC_ABBREV, abbrevs("1 compile_unit name:string"));
 //     h.attach(KRV_SEC_INFO, unit{.dies = bytes().uleb(1).cstr("main.c")}.build());
 //     h.attach(KRV_SEC_LINE, line_unit{.program = program("at 400 copy pc 4 end")}.build());
-#ifndef KRV_TEST_SECTIONS_H
-#define KRV_TEST_SECTIONS_H
+#ifndef KRV_BUILDERS_SECTIONS_H
+#define KRV_BUILDERS_SECTIONS_H
 
+#include "builders/bytes.h"
 #include "krv_dwarf.h"
-#include "support/bytes.h"
 
 #include <optional>
 

@@ -4,10 +4,10 @@
 // Any single field can be written wrong, as in sections.h. A section is the sum of its records:
 //
 //     h.attach(KRV_SEC_FRAME, cie{}.build() + fde{.address = 0x1000, .range = 0x20}.build());
-#ifndef KRV_TEST_FRAME_BUILDER_H
-#define KRV_TEST_FRAME_BUILDER_H
+#ifndef KRV_BUILDERS_FRAMES_H
+#define KRV_BUILDERS_FRAMES_H
 
-#include "support/sections.h"
+#include "builders/sections.h"
 
 #include <string>
 #include <utility>
@@ -21,14 +21,6 @@ inline bytes frame_record(bool dwarf64, number length, bytes rest, size_t word)
 {
     rest.fill((2 * word - (dwarf64 ? 12 : 4) % word - rest.size() % word) % word);
     return bytes().unit_length(dwarf64, length.value_or(rest.size())).add(rest);
-}
-
-// What a record's error says of the read that failed, without the lines on the record.
-inline std::string failed_read(const std::string &error)
-{
-    const std::string cause = "IO: read callback failed | ";
-    std::string line = error.substr(0, error.rfind(" | ", error.find(" at ")));
-    return line.starts_with(cause) ? line.substr(line.rfind(" | ") + 3) : error;
 }
 
 // .debug_frame

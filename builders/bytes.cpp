@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "support/bytes.h"
+#include "builders/bytes.h"
 
 #include <cctype>
 #include <cstddef>

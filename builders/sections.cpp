@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "support/sections.h"
+#include "builders/sections.h"
 
 #include "krv_names.h"
 

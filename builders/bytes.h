@@ -4,8 +4,8 @@
 //
 //     bytes b;
 //     b.u8(1).offset_of("end", 4).cstr("name").label("end").seal();
-#ifndef KRV_TEST_BYTES_H
-#define KRV_TEST_BYTES_H
+#ifndef KRV_BUILDERS_BYTES_H
+#define KRV_BUILDERS_BYTES_H
 
 #include <cstdint>
 #include <map>
