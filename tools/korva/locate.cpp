@@ -37,10 +37,10 @@ bool locator::read_units()
 location locator::find(uint64_t address, bool names)
 {
     location found;
-    if (names)
-        found.function = m_object->elf().symbol(address);
     if (!m_no_units && ask_covering(address, &found) == outcome::absent)
         ask_sequences(address, &found);
+    if (found.function == nullptr && (names || !found.source))
+        found.function = m_object->elf().symbol(address);
     return found;
 }
 

@@ -29,7 +29,7 @@ class locator
 public:
     explicit locator(object *obj) : m_object(obj) {}
 
-    /** Without @p names the function is not looked for, unless the line depends on it. */
+    /** Without @p names a function is looked for only where the line is not known without it. */
     location find(uint64_t address, bool names = true);
 
 private:
