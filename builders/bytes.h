@@ -55,6 +55,7 @@ public:
 
     size_t size() const { return written.size(); }
     const uint8_t *data() const { return written.data(); }
+    std::string str() const { return {written.begin(), written.end()}; }
     bool operator==(const bytes &other) const { return written == other.written; }
 
 private:

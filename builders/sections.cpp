@@ -90,7 +90,7 @@ bytes line_unit::build() const
 
     bytes header; // what header_length counts
     header.u8(mil);
-    if (version == 4)
+    if (version == 4 || v5)
         header.u8(mopi);
     header.u8(default_is_stmt).u8(static_cast<uint8_t>(line_base)).u8(line_range).u8(opcode_base);
     if (opcode_lengths)
@@ -100,6 +100,14 @@ bytes line_unit::build() const
             header.u8(i < standard_lengths.size() ? standard_lengths.data()[i] : 0);
     if (tables) {
         header += *tables;
+    } else if (v5) {
+        header.add(bytes::hex("01 01 08")).uleb(dirs.size()); // path:string
+        for (const std::string &dir : dirs)
+            header.cstr(dir);
+        header.add(bytes::hex("04 01 08 02 0b 03 06 04 0f"))
+            .uleb(files.size()); // directory, time and size of each kind
+        for (const file &f : files)
+            header.cstr(f.path).u8(f.dir).u32(f.mtime).uleb(f.size);
     } else {
         for (const std::string &dir : dirs)
             header.cstr(dir);
@@ -110,7 +118,10 @@ bytes line_unit::build() const
     }
 
     bytes rest;
-    rest.u16(version).offset(dwarf64, header_length.value_or(header.size())).add(header).add(program);
+    rest.u16(v5 ? 5 : version);
+    if (v5)
+        rest.u8(8).u8(0); // address_size, segment_selector_size
+    rest.offset(dwarf64, header_length.value_or(header.size())).add(header).add(program);
     return with_length(dwarf64, unit_length, rest);
 }
 

@@ -69,9 +69,10 @@ struct line_unit {
     bool dwarf64 = false;
     number unit_length = {};
     uint16_t version = 3;
+    bool v5 = false; // version 5, as it is: dirs and files are numbered from 0, their strings stand in the tables
     number header_length = {};
     uint8_t mil = 1;
-    uint8_t mopi = 1; // written for version 4 only
+    uint8_t mopi = 1; // written for version 4 and v5 only
     uint8_t default_is_stmt = 1;
     int8_t line_base = -5;
     uint8_t line_range = 14;
@@ -79,7 +80,7 @@ struct line_unit {
     std::optional<bytes> opcode_lengths = {};
     std::vector<std::string> dirs = {};
     std::vector<file> files = {{"a.c"}};
-    std::optional<bytes> tables = {}; // instead of dirs and files, their terminators included
+    std::optional<bytes> tables = {}; // instead of dirs and files, their terminators or formats included
     bytes program = {};
 
     bytes build() const;

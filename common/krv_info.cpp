@@ -292,7 +292,7 @@ int korva_cu_get_kind(krv_handle_t *hp, krv_ctu_t *cup, krv_cu_kind_t *kindp)
               .type_signature = has_dwo_id ? 0 : cup->dcu_type_signature,
               .type_offset = cup->dcu_type_offset,
               .dwo_name = nullptr};
-    for (const krv_attribute_t attr : {DW_AT_dwo_name, DW_AT_GNU_dwo_name}) {
+    for (const krv_attribute_t attr : {krv_attribute_t{DW_AT_dwo_name}, krv_attribute_t{DW_AT_GNU_dwo_name}}) {
         size_t length;
         if (const char *name = krv_find_die_string(hp, cup->dcu_compile_unit, attr, SIZE_MAX, &length))
             kindp->dwo_name = name;

@@ -1,8 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Line numbers: the header of a unit's line-number program (krv_line_header.cpp) with its files (krv_line_files.cpp), its
-// execution (krv_line_program.cpp) into a matrix (krv_line_matrix.cpp), what units have in common of these
-// (krv_line_share.cpp), and the client's view of it all (krv_line.cpp).
+// Line numbers: the header of a unit's line-number program (krv_line_header.cpp, krv_line_header_v5.cpp) with its files
+// (krv_line_files.cpp), its execution (krv_line_program.cpp) into a matrix (krv_line_matrix.cpp) whose sequences may need a
+// choice (krv_line_sequences.cpp), what units have in common of these (krv_line_share.cpp), and the client's view of it all
+// (krv_line.cpp).
 #ifndef KRV_LINE_H
 #define KRV_LINE_H
 
@@ -15,7 +16,7 @@ struct krv_line_common;
 struct krv_lnfe {
     char *slnfe_absolute_path;  // owned: see krv_lnfe_absolute_path; NULL until it is asked for
     char *slnfe_path;           // the name as written; behind the record, in its allocation
-    uint64_t slnfe_diridx;      // 0: compilation directory; n: sln_id[n - 1]; never above sln_id_entries
+    uint64_t slnfe_diridx;      // as recorded: see krv_lnph_directory; never above sln_id_entries
     uint64_t slnfe_mtime;       // as recorded
     uint64_t slnfe_size;        // as recorded
     const char *slnfe_comp_dir; // what the absolute path begins with, or NULL; the unit's
@@ -51,6 +52,8 @@ struct krv_lnph {
     krv_line_common *sln_common; // held: whose tables this header borrows, or NULL
     const char *sln_comp_dir;    // the unit's compilation directory, or NULL
     uint64_t sln_bytes;          // of memory in its tables while it is read
+    uint32_t sln_first;          // number of the first file and directory of its tables: 1, or 0 in version 5
+    krv_ctu_t *sln_string_unit;  // by whose table of string offsets names were read, or NULL: then no other unit's
 };
 
 // What units of one program and one compilation directory have in common. Counted: by their headers and the handle.
@@ -129,21 +132,33 @@ void krv_line_destroy_caches(krv_handle_t *hp);
 
 // Accounts for memory that will be kept until the handle is freed; 0 asks whether any more may be. A sound section needs
 // a fraction of what is granted: programs that overlap, or that many units read in ways of their own, end here. False:
-// KRV_ERR_CORRUPT.
+// KRV_ERR_CORRUPT. The second function only asks, and leaves no error.
 bool krv_line_may_keep(krv_handle_t *hp, uint64_t bytes);
+bool krv_line_has_room(krv_handle_t *hp, uint64_t bytes);
+
+// Headers of version 5, where they are read: the fields between version and header_length, and the tables, which are all
+// that the cursor holds. False: messages pushed.
+bool krv_lnph_is_v5(const krv_handle_t *hp, const krv_lnph_t *lnphp);
+bool krv_lnph_read_sizes_v5(krv_fd_t *fdp);
+bool krv_lnph_read_tables_v5(krv_handle_t *hp, krv_lnph_t *lnphp, krv_ctu_t *cup, krv_fd_t fd);
+
+// A file's directory that the table does not have: refused with false, or 0 in its place for input as it is written.
+bool krv_lnph_forgive_directory(krv_handle_t *hp, uint64_t *diridx);
 
 // Append a directory, or a file (diridx <= sln_id_entries; cup may be NULL). 0, or -1 with KRV_ERR_NOMEM. Files may be
 // added while other threads read the table or add to it: entries never move, and a pointer array once published stays
 // valid and unchanged in the elements it had until the header is freed. A reader loads the count before the array.
-int krv_lnph_add_directory(krv_handle_t *hp, krv_lnph_t *lnphp, char *directoryp);
-int krv_lnph_add_file(krv_handle_t *hp, krv_lnph_t *lnphp, krv_ctu_t *cup, char *pathp, uint64_t diridx, uint64_t mtime,
-                      uint64_t size);
+int krv_lnph_add_directory(krv_handle_t *hp, krv_lnph_t *lnphp, const char *directoryp);
+int krv_lnph_add_file(krv_handle_t *hp, krv_lnph_t *lnphp, krv_ctu_t *cup, const char *pathp, uint64_t diridx,
+                      uint64_t mtime, uint64_t size);
 
 // The file table as any thread may read it: the array, with at least *countp elements.
 krv_lnfe_t **krv_lnph_files(krv_lnph_t *lnphp, uint64_t *countp);
 
-// The file that a file register's value names: they are numbered from 1. NULL where the table has none of that number.
+// The file that a file register's value names, and the directory that a file's index names: both are numbered from
+// sln_first. NULL where the table has none of that number, as directory 0 before version 5, which is the unit's.
 krv_lnfe_t *krv_lnph_file(krv_lnph_t *lnphp, uint64_t number);
+const char *krv_lnph_directory(const krv_lnph_t *lnphp, uint64_t number);
 
 // A file's path: compilation directory, include directory and name, without what an absolute one behind makes void; cut
 // to fit. Its length. krv_lnfe_absolute_path keeps it with the file, where it is the same each time; NULL on failure.
@@ -167,6 +182,10 @@ int krv_line_push_entry(krv_handle_t *hp, krv_lnph_t *lnphp, krv_lnp_t *lnpp, kr
 
 // When all rows are there: checks and sorts the sequences, and gives each row its canonical address. 0 or -1.
 int krv_line_finish_program(krv_handle_t *hp, krv_lnp_t *lnpp);
+
+// Before that, for input as it is written: leaves out the sequences that describe no code or overlap others, with their
+// rows, and tells so if it is to. What is kept is sound, and in order. 0, or -1 with KRV_ERR_NOMEM.
+int krv_line_keep_sound(krv_handle_t *hp, krv_lnph_t *lnphp, krv_lnp_t *lnpp, bool tells);
 
 int krv_subrange_compare(const void *a, const void *b);  // krv_lnb_t by start address
 int krv_canonical_compare(const void *a, const void *b); // krv_lns_t by file, line, address

@@ -48,12 +48,18 @@ struct file_array {
 
 } // namespace
 
-bool krv_line_may_keep(krv_handle_t *hp, uint64_t bytes)
+bool krv_line_has_room(krv_handle_t *hp, uint64_t bytes)
 {
     constexpr uint64_t MOST_BYTES = 64; // of memory a byte of section; a row of one byte, the dearest, takes 48
     const uint64_t kept = hp->sh_line_bytes + bytes;
-    hp->sh_line_bytes = kept; // also when it is refused, lest it be read for that again and again
-    if (kept <= KRV_KEPT_SLACK || (kept - KRV_KEPT_SLACK) / MOST_BYTES <= hp->sh_sec[KRV_SEC_LINE].sfd_size)
+    return kept <= KRV_KEPT_SLACK || (kept - KRV_KEPT_SLACK) / MOST_BYTES <= hp->sh_sec[KRV_SEC_LINE].sfd_size;
+}
+
+bool krv_line_may_keep(krv_handle_t *hp, uint64_t bytes)
+{
+    const bool has_room = krv_line_has_room(hp, bytes);
+    hp->sh_line_bytes = hp->sh_line_bytes + bytes; // also when it is refused, lest it be read for that again and again
+    if (has_room)
         return true;
     krv_fail(hp, KRV_ERR_CORRUPT, "line numbers take too much memory for the size of .debug_line");
     return false;
@@ -117,8 +123,21 @@ static bool grow_files(krv_handle_t *hp, krv_lnph_t *lnphp)
     return true;
 }
 
-int krv_lnph_add_file(krv_handle_t *hp, krv_lnph_t *lnphp, krv_ctu_t *cup, char *pathp, uint64_t diridx, uint64_t mtime,
-                      uint64_t size)
+// What a relative directory counts from: the unit's compilation directory. Directory 0 of version 5 is the same; it takes
+// the place of one that is not known, and is not repeated.
+static const char *comp_dir_of(const krv_lnph_t *lnphp, const krv_ctu_t *cup, const char *directory)
+{
+    const char *comp_dir = cup == nullptr ? nullptr : cup->dcu_comp_dir;
+    if (lnphp->sln_first != 0 || lnphp->sln_id_entries == 0)
+        return comp_dir;
+    const char *first = lnphp->sln_id[0];
+    if (comp_dir == nullptr || (directory == first && std::strcmp(first, comp_dir) == 0))
+        return directory == first ? nullptr : first;
+    return comp_dir;
+}
+
+int krv_lnph_add_file(krv_handle_t *hp, krv_lnph_t *lnphp, krv_ctu_t *cup, const char *pathp, uint64_t diridx,
+                      uint64_t mtime, uint64_t size)
 {
     KRV_ASSERT(hp != NULL);
     KRV_ASSERT(lnphp != NULL);
@@ -128,13 +147,14 @@ int krv_lnph_add_file(krv_handle_t *hp, krv_lnph_t *lnphp, krv_ctu_t *cup, char 
     krv_owner<krv_lnfe_t> file(may_add(hp, lnphp, bytes) ? static_cast<krv_lnfe_t *>(krv_alloc(hp, bytes)) : nullptr);
     if (file == nullptr)
         return -1;
+    const char *directory = krv_lnph_directory(lnphp, diridx);
     *file = {.slnfe_absolute_path = nullptr,
              .slnfe_path = reinterpret_cast<char *>(file.get() + 1),
              .slnfe_diridx = diridx,
              .slnfe_mtime = mtime,
              .slnfe_size = size,
-             .slnfe_comp_dir = cup == nullptr ? nullptr : cup->dcu_comp_dir,
-             .slnfe_dir = diridx == 0 ? nullptr : lnphp->sln_id[diridx - 1]};
+             .slnfe_comp_dir = comp_dir_of(lnphp, cup, directory),
+             .slnfe_dir = directory};
     std::memcpy(file->slnfe_path, pathp, path_size);
     const krv_write_guard guard(&lnphp->sln_files_lock);
     if (!grow_files(hp, lnphp))
@@ -154,7 +174,14 @@ krv_lnfe_t *krv_lnph_file(krv_lnph_t *lnphp, uint64_t number)
 {
     uint64_t count;
     krv_lnfe_t **files = krv_lnph_files(lnphp, &count);
-    return number == 0 || number > count ? nullptr : files[number - 1];
+    const uint64_t index = number - lnphp->sln_first; // below the first: none
+    return index >= count ? nullptr : files[index];
+}
+
+const char *krv_lnph_directory(const krv_lnph_t *lnphp, uint64_t number)
+{
+    const uint64_t index = number - lnphp->sln_first;
+    return index >= lnphp->sln_id_entries ? nullptr : lnphp->sln_id[index];
 }
 
 size_t krv_lnfe_compose_path(const krv_lnfe_t *file, char (&path)[KRV_STRING_BUFSZ])

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// The line-number program header: fixed fields, include directories, files (DWARF 4, 6.2.4). Reads through a copy of
-// the handle's .debug_line cursor, which never moves.
+// The line-number program header: fixed fields, include directories, files (DWARF 4, 6.2.4; those of version 5 are read by
+// krv_line_header_v5.cpp). Reads through a copy of the handle's .debug_line cursor, which never moves.
 #include "krv_code.h"
 #include "krv_dwarf.h"
 #include "krv_error.h"
@@ -49,7 +49,7 @@ void krv_line_release(krv_line_common *common)
     krv_free(common);
 }
 
-int krv_lnph_add_directory(krv_handle_t *hp, krv_lnph_t *lnphp, char *directoryp)
+int krv_lnph_add_directory(krv_handle_t *hp, krv_lnph_t *lnphp, const char *directoryp)
 {
     KRV_ASSERT(hp != NULL);
     KRV_ASSERT(lnphp != NULL);
@@ -79,12 +79,26 @@ static bool read_unit_length(krv_handle_t *hp, krv_lnph_t *lnphp, krv_fd_t *fdp,
     return korva_fd_truncate(fdp, ul.length) == 0; // every later read stops at the unit's end
 }
 
-static bool read_fixed_fields(krv_handle_t *hp, krv_lnph_t *lnphp, krv_fd_t *fdp)
+// What only extensions know of a version. False: messages pushed.
+static bool read_version_fields(krv_handle_t *hp, krv_lnph_t *lnphp, krv_fd_t *fdp)
+{
+    if ((hp->sh_ext & KRV_EXT_DWARF5) != 0 && (lnphp->sln_version < 2 || lnphp->sln_version > 5)) {
+        krv_fail(hp, KRV_ERR_UNSUPPORTED, "line-number program of version %u", lnphp->sln_version);
+        return false;
+    }
+    lnphp->sln_first = krv_lnph_is_v5(hp, lnphp) ? 0 : 1;
+    return lnphp->sln_first != 0 || krv_lnph_read_sizes_v5(fdp);
+}
+
+// *endp: where the header says that it ends, in the section; not checked beyond unit_length.
+static bool read_fixed_fields(krv_handle_t *hp, krv_lnph_t *lnphp, krv_fd_t *fdp, uint64_t *endp)
 {
     if (!krv_read_field(fdp, DW_FORM_data2, &lnphp->sln_version, "failed to read version") ||
+        !read_version_fields(hp, lnphp, fdp) ||
         !krv_read_field(fdp, DW_FORM_sec_offset, krv_encoding(hp, lnphp->sln_flags), &lnphp->sln_header_length,
                         "failed to read header_length"))
         return false;
+    *endp = fdp->sfd_offset + lnphp->sln_header_length;
     if (lnphp->sln_header_length > lnphp->sln_unit_length) {
         krv_fail(hp, KRV_ERR_CORRUPT, "header_length (%lld) exceeds unit_length (%lld)",
                  static_cast<long long>(lnphp->sln_header_length), static_cast<long long>(lnphp->sln_unit_length));
@@ -92,7 +106,7 @@ static bool read_fixed_fields(krv_handle_t *hp, krv_lnph_t *lnphp, krv_fd_t *fdp
     }
     lnphp->sln_mopi = 1;
     if (!krv_read_field(fdp, DW_FORM_data1, &lnphp->sln_mil, "failed to read minimum_instruction_length") ||
-        (lnphp->sln_version == 4 &&
+        ((lnphp->sln_version == 4 || lnphp->sln_first == 0) &&
          !krv_read_field(fdp, DW_FORM_data1, &lnphp->sln_mopi, "failed to read maximum_operations_per_instruction")) ||
         !krv_read_field(fdp, DW_FORM_data1, &lnphp->sln_default_is_stmt, "failed to read default_is_stmt") ||
         !krv_read_field(fdp, DW_FORM_data1, &lnphp->sln_line_base, "failed to read line_base") ||
@@ -116,6 +130,16 @@ static bool read_string(krv_fd_t *fdp, char (&buf)[KRV_STRING_BUFSZ], const char
         return true;
     krv_note(fdp->sfd_hp, "%s", message);
     return false;
+}
+
+bool krv_lnph_forgive_directory(krv_handle_t *hp, uint64_t *diridx)
+{
+    if (!krv_reads_as_written(hp)) {
+        krv_fail(hp, KRV_ERR_CORRUPT, "file_names index (%lu) is out of range", static_cast<unsigned long>(*diridx));
+        return false;
+    }
+    *diridx = 0;
+    return true;
 }
 
 // A table ends at its empty string, or where the unit's bytes run out between two entries.
@@ -146,10 +170,8 @@ static bool read_files(krv_handle_t *hp, krv_lnph_t *lnphp, krv_ctu_t *cup, krv_
             break;
         if (!krv_read_field(fdp, DW_FORM_udata, &diridx, "failed to read file_names index"))
             return false;
-        if (diridx > lnphp->sln_id_entries) {
-            krv_fail(hp, KRV_ERR_CORRUPT, "file_names index (%lu) is out of range", static_cast<unsigned long>(diridx));
+        if (diridx > lnphp->sln_id_entries && !krv_lnph_forgive_directory(hp, &diridx))
             return false;
-        }
         if (!krv_read_field(fdp, DW_FORM_udata, &mtime, "failed to read file_names mtime") ||
             !krv_read_field(fdp, DW_FORM_udata, &size, "failed to read file_names size"))
             return false;
@@ -161,14 +183,37 @@ static bool read_files(krv_handle_t *hp, krv_lnph_t *lnphp, krv_ctu_t *cup, krv_
     return true;
 }
 
+// Leaves the cursor at the first opcode: behind the tables, or where the header ends, which is believed in input as it is
+// written and from version 5 on.
+static bool read_tables(krv_handle_t *hp, krv_lnph_t *lnphp, krv_ctu_t *cup, krv_fd_t *fdp, uint64_t header_end)
+{
+    if (lnphp->sln_first != 0) {
+        if (!read_directories(hp, lnphp, fdp) || !read_files(hp, lnphp, cup, fdp))
+            return false;
+        if (!krv_reads_as_written(hp) || header_end < fdp->sfd_offset)
+            return true;
+    }
+    const uint64_t rest = header_end - fdp->sfd_offset;
+    if (header_end < fdp->sfd_offset || rest > fdp->sfd_remaining) {
+        krv_fail(hp, KRV_ERR_CORRUPT, "header_length (%lld) does not lead to the program",
+                 static_cast<long long>(lnphp->sln_header_length));
+        return false;
+    }
+    krv_fd_t tables = *fdp;
+    tables.sfd_remaining = rest;
+    krv_fd_advance(fdp, rest);
+    return lnphp->sln_first != 0 || krv_lnph_read_tables_v5(hp, lnphp, cup, tables);
+}
+
 static bool read_header(krv_handle_t *hp, krv_lnph_t *lnphp, krv_ctu_t *cup, krv_fd_t *fdp, uint64_t offset)
 {
     if (korva_fd_seek(fdp, offset, KRV_FD_SEEK_SET) != 0) {
         krv_note(hp, "couldn't seek to %lld in .debug_line", static_cast<long long>(offset));
         return false;
     }
-    return read_unit_length(hp, lnphp, fdp, offset) && read_fixed_fields(hp, lnphp, fdp) &&
-           read_directories(hp, lnphp, fdp) && read_files(hp, lnphp, cup, fdp);
+    uint64_t end;
+    return read_unit_length(hp, lnphp, fdp, offset) && read_fixed_fields(hp, lnphp, fdp, &end) &&
+           read_tables(hp, lnphp, cup, fdp, end);
 }
 
 krv_lnph_t *krv_lnph_alloc(krv_handle_t *hp, krv_ctu_t *cup, uint64_t offset)

@@ -2,7 +2,8 @@
 //
 // Execution of a line-number program (DWARF 4, 6.2.5). What an opcode reads and does is written once, as a case of the
 // switches below, for two executors: `careful` takes any program, says what is wrong with it and shows every opcode to
-// the client; `swift` takes most of a sound one. A template argument M is the one of them that is at work.
+// the client; `swift` takes most of a sound one. For input as it is written each has a variant that goes by the lengths of
+// opcodes. A template argument M is the one of them that is at work.
 #include "krv_code.h"
 #include "krv_dwarf.h"
 #include "krv_error.h"
@@ -145,12 +146,13 @@ inline bool execute_standard(M &m, unsigned int opcode)
     }
 }
 
+// An extended opcode behind its length.
 template <typename M>
-inline bool execute_extended(M &m)
+inline bool execute_operation(M &m)
 {
     krv_lns_t &regs = m.regs;
-    uint64_t length, number; // the length is never used: an extended opcode that is not known is refused, not skipped
-    if (!m.read_length(&length) || !m.template operand<DW_FORM_udata>(&number))
+    uint64_t number;
+    if (!m.template operand<DW_FORM_udata>(&number))
         return false;
     switch (number) {
     case DW_LNE_end_sequence:
@@ -170,6 +172,13 @@ inline bool execute_extended(M &m)
     default:
         return m.unsupported("extended", number);
     }
+}
+
+template <typename M>
+inline bool execute_extended(M &m)
+{
+    uint64_t length; // is never used: an extended opcode that is not known is refused, not skipped
+    return m.read_length(&length) && execute_operation(m);
 }
 
 template <typename M>
@@ -226,6 +235,7 @@ struct careful {
     bool has_operations() { return mopi() != 0 || corrupt("maximum_operations_per_instruction is zero"); }
     bool has_line_range() { return scale.line_range != 0 || corrupt("line_range is zero"); }
     bool has_file(uint32_t number);
+    int finish(bool) { return krv_line_finish_program(hp, lnpp); }
     bool end_sequence();
     bool define_file();
     bool corrupt(const char *what);
@@ -251,7 +261,7 @@ bool careful::has_file(uint32_t number)
 {
     uint64_t count;
     krv_lnph_files(lnphp, &count);
-    if (number <= count)
+    if (number < count + lnphp->sln_first)
         return true;
     krv_fail(hp, KRV_ERR_CORRUPT, "file %u specified but only %u are defined", number,
              static_cast<unsigned int>(count));
@@ -287,6 +297,60 @@ bool careful::define_file()
     return true;
 }
 
+// For input as it is written: what it does not know it skips, what is too large for a register is as large as that can be.
+struct careful_as_written : careful {
+    using careful::careful;
+
+    template <krv_form_t FORM, typename T>
+    bool operand(T *field)
+    {
+        using wide = std::conditional_t<std::is_signed_v<T>, int64_t, uint64_t>;
+        wide value = 0;
+        krv_form_t form = FORM;
+        if (FORM == DW_FORM_addr && krv_data_form(static_cast<unsigned int>(fd.sfd_remaining)) != 0)
+            form = krv_data_form(static_cast<unsigned int>(fd.sfd_remaining)); // the length of the opcode says
+        if (krv_decode(&fd, form, &value) != 0)
+            return false;
+        constexpr wide most = std::numeric_limits<T>::max();
+        *field = static_cast<T>(value < most ? value : most);
+        values[nvalues++].sa_u.su_unsigned = static_cast<uint64_t>(value);
+        return true;
+    }
+    static bool has_file(uint32_t) { return true; }
+    uint64_t mopi() const { return lnphp->sln_mopi == 0 ? 1 : lnphp->sln_mopi; }
+    static bool has_operations() { return true; }
+    bool unsupported(const char *, uint64_t)
+    {
+        uint64_t ignored;
+        for (unsigned int n = opcode == 0 ? 0 : lnphp->sln_sol[opcode - 1]; n != 0; --n)
+            if (krv_decode(&fd, DW_FORM_udata, &ignored) != 0)
+                return false;
+        return true;
+    }
+    int finish(bool watched)
+    {
+        return krv_line_keep_sound(hp, lnphp, lnpp, !watched) != 0 ? -1 : krv_line_finish_program(hp, lnpp);
+    }
+};
+
+// Its operands end with it, and it ends where its length says.
+inline bool execute_extended(careful_as_written &m)
+{
+    uint64_t length;
+    if (!m.read_length(&length))
+        return false;
+    krv_fd_t behind = m.fd;
+    length = length < behind.sfd_remaining ? length : behind.sfd_remaining;
+    krv_fd_advance(&behind, length);
+    m.fd.sfd_remaining = length;
+    if (length == 0) // padding, shown as opcode 0
+        m.values[m.nvalues++].sa_u.su_unsigned = 0;
+    else if (!execute_operation(m))
+        return false;
+    m.fd = behind;
+    return true;
+}
+
 // ---------------------------------------------------------------------------------------------------------------
 // The swift executor
 // ---------------------------------------------------------------------------------------------------------------
@@ -302,7 +366,7 @@ struct swift {
     krv_lnfe_t *filep; // of the file register
     krv_lns_t *row, *const full;
     bool descends = false;
-    uint64_t nfiles;
+    uint64_t files_end; // the first number behind those of files
 
     static constexpr uint64_t MOST_BYTES = 7; // DW_LNE_set_discriminator, two of each of its three numbers
 
@@ -311,7 +375,8 @@ struct swift {
           filep(krv_lnph_file(header, regs.slns_file)), row(lnpp->slnp_lnsp + lnpp->slnp_lnsp_entries),
           full(lnpp->slnp_lnsp + lnpp->slnp_lnsp_size)
     {
-        krv_lnph_files(header, &nfiles);
+        krv_lnph_files(header, &files_end);
+        files_end += header->sln_first;
     }
 
     // LEB128 numbers of at most two bytes.
@@ -340,7 +405,7 @@ struct swift {
         return true;
     }
     void file_has_changed() { filep = krv_lnph_file(lnphp, regs.slns_file); }
-    bool has_file(uint32_t number) const { return number <= nfiles; }
+    bool has_file(uint32_t number) const { return number < files_end; }
     static constexpr uint64_t mopi() { return 1; }
     static constexpr bool has_operations() { return true; }
     static constexpr bool has_line_range() { return true; }
@@ -349,18 +414,36 @@ struct swift {
     static constexpr bool unsupported(const char *, uint64_t) { return false; }
 };
 
+struct swift_as_written : swift {
+    using swift::swift;
+};
+
+inline bool execute_extended(swift_as_written &m)
+{
+    uint64_t length;
+    if (!m.read_length(&length))
+        return false;
+    const uint8_t *const operation = m.at;
+    const unsigned short discriminator = m.regs.slns_discriminator; // all that it may change
+    if (execute_operation(m) && static_cast<uint64_t>(m.at - operation) == length)
+        return true;
+    m.regs.slns_discriminator = discriminator;
+    return false;
+}
+
 } // namespace
 
-// Executes opcodes from where the careful executor stands, as long as they are the swift one's. What it stops at is the
-// careful one's.
-static void execute_swiftly(careful *m)
+// Executes opcodes from where the careful executor stands, as long as they are the swift one's, S. What it stops at is the
+// careful one's. A function of its own: within the other's loop it would have fewer processor registers.
+template <typename S>
+[[gnu::noinline]] static void execute_swiftly(careful *m)
 {
     krv_lnp_t *lnpp = m->lnpp;
     const krv_view_t view = krv_fd_view(&m->fd);
     if (m->lnphp->sln_mopi != 1 || m->scale.line_range == 0 || (lnpp->slnp_flags & KRV_LNP_FLAG_IN_SEQUENCE) == 0 ||
         view.size <= swift::MOST_BYTES)
         return;
-    swift s(m->lnphp, lnpp);
+    S s(m->lnphp, lnpp);
     const uint8_t *opcode = view.bytes;
     const uint8_t *const last = view.bytes + view.size - swift::MOST_BYTES;
     while (opcode < last) {
@@ -399,28 +482,31 @@ static int opcode_failed(careful *m)
                     static_cast<long long>(m->lnphp->sln_offset));
 }
 
-static int execute(careful *m, krv_iter_lne_f *func, void *arg)
+template <typename M, typename S>
+static int execute(krv_handle_t *hp, krv_lnph_t *lnphp, krv_lnp_t *lnpp, const krv_fd_t &program, krv_iter_lne_f *func,
+                   void *arg)
 {
-    while (m->fd.sfd_remaining > 0) {
+    M m(hp, lnphp, lnpp, program);
+    while (m.fd.sfd_remaining > 0) {
         if (func == nullptr)
-            execute_swiftly(m); // which leaves a byte at least
-        const uint64_t offset = m->fd.sfd_offset;
-        m->opcode = 0;
-        m->nvalues = 0;
-        if (krv_decode(&m->fd, DW_FORM_data1, &m->opcode) != 0) {
-            m->opcode = 0; // a call-back that came up short may have stored a byte all the same
-            return opcode_failed(m);
+            execute_swiftly<S>(&m); // which leaves a byte at least
+        const uint64_t offset = m.fd.sfd_offset;
+        m.opcode = 0;
+        m.nvalues = 0;
+        if (krv_decode(&m.fd, DW_FORM_data1, &m.opcode) != 0) {
+            m.opcode = 0; // a call-back that came up short may have stored a byte all the same
+            return opcode_failed(&m);
         }
-        if (!execute_opcode(*m, m->opcode))
-            return opcode_failed(m);
+        if (!execute_opcode(m, m.opcode))
+            return opcode_failed(&m);
         if (func == nullptr)
             continue;
-        if (const int result = func(m->hp, offset, m->opcode, m->valueps, m->nvalues, &m->regs, arg)) {
-            m->hp->sh_errno = KRV_ERR_IO;
+        if (const int result = func(hp, offset, m.opcode, m.valueps, m.nvalues, &m.regs, arg)) {
+            hp->sh_errno = KRV_ERR_IO;
             return result;
         }
     }
-    return krv_line_finish_program(m->hp, m->lnpp);
+    return m.finish(func != nullptr);
 }
 
 namespace
@@ -446,9 +532,10 @@ int krv_line_build_program(krv_handle_t *hp, krv_lnph_t *lnphp, krv_lnp_t **lnpp
     if (korva_fd_seek(&fd, lnphp->sln_program_offset, KRV_FD_SEEK_SET) != 0 ||
         korva_fd_truncate(&fd, lnphp->sln_program_size) != 0)
         return -1; // the section was replaced by a shorter one
-    careful m(hp, lnphp, matrix.get(), fd);
-    krv_lns_init(lnphp, &m.regs);
-    const int result = execute(&m, func, arg);
+    krv_lns_init(lnphp, &matrix->slnp_current);
+    const auto execute_all =
+        krv_reads_as_written(hp) ? execute<careful_as_written, swift_as_written> : execute<careful, swift>;
+    const int result = execute_all(hp, lnphp, matrix.get(), fd, func, arg);
     if (result == 0)
         *lnppp = matrix.release();
     return result;

@@ -111,6 +111,7 @@ krv_lnph_t *krv_line_share_header(krv_handle_t *hp, krv_ctu_t *cup, uint64_t off
         return nullptr;
     const krv_lnph_t *header = common->slc_header;
     const bool is_same = header->sln_offset == offset && is_current(hp, common) &&
+                         (header->sln_string_unit == nullptr || header->sln_string_unit == cup) &&
                          std::strcmp(text_of(header->sln_comp_dir), text_of(cup->dcu_comp_dir)) == 0;
     return is_same ? borrow(hp, common) : read_header(hp, cup, offset);
 }

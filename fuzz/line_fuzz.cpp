@@ -1,7 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // Line-number header, program, matrix, lookup and field access, of units that are always the same: two of one compilation
-// directory, which share what they can, and one of another.
+// directory, which share what they can, and one of another. Where extensions are on, the sections of strings stand in
+// front, and the code of the object is at 0x400.
 #include "input.h"
 
 static int visit_op(krv_handle_t *hp, unsigned long, unsigned char, krv_value_t **values, unsigned int nvalues,
@@ -66,6 +67,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     krv_fuzz::input in(data, size);
     krv_fuzz::handle h(in);
     uint64_t address = in.number(8);
+    if (in.is_extended()) {
+        korva_handle_add_code(h, 0x400, 0x1000);
+        for (const int sec : {int{KRV_SEC_EXT_LINE_STR}, int{KRV_SEC_STR}, int{KRV_SEC_EXT_STR_OFFSETS}})
+            h.attach(sec, in.part());
+    }
     h.attach(KRV_SEC_ABBREV, std::vector<uint8_t>(abbrev, abbrev + sizeof(abbrev)));
     h.attach(KRV_SEC_INFO, info);
     h.attach(KRV_SEC_LINE, in.rest());

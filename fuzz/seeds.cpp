@@ -96,6 +96,15 @@ static void lines()
         u.program = program("def d.c 1 0 0 at 400 copy pc 4 sp 40 line -1 copy sp 200 end at 300 copy pc 16 end");
         write_modes("line_fuzz", bytes().u64(0x404).add(u.build()));
     }
+    constexpr unsigned EXTENDED = krv_fuzz::MODE_DWARF5 | krv_fuzz::MODE_AS_WRITTEN;
+    const bytes strings = part(bytes().cstr("/dir").cstr("sub")) + part(bytes().cstr("b.c")) + part(bytes().u64(0));
+    line_unit u{.v5 = true, .dirs = {"/dir", "sub"}, .files = {{"a.c", 0, 1, 2}, {"b.c", 1}}};
+    u.program =
+        program("at 400 copy pc 4 file 0 ext 128 copy pc 4 end at 404 copy pc 8 end at 0 copy pc 4 end at 500 copy");
+    write_modes("line_fuzz", bytes().u64(0x404).add(strings).add(u.build()), EXTENDED);
+    u.tables = bytes::hex("01 01 1f 02 00000000 05000000 05 01 25 02 0b 03 06 05 1e 81 40 08 01 00 01 00000000") +
+               bytes().fill(16).cstr("source");
+    write_modes("line_fuzz", bytes().u64(0x404).add(strings).add(u.build()), EXTENDED);
 }
 
 static void frames()
@@ -142,7 +151,7 @@ static void core()
 
 static bytes section(krv_handle_t *hp, krv_secidx_t sec)
 {
-    krv_fd_t fd = hp->sh_sec[sec];
+    krv_fd_t fd = *krv_section(hp, sec);
     bytes b;
     std::vector<uint8_t> room(fd.sfd_size);
     if (!room.empty() && korva_fd_to_mem(&fd, room.data(), room.size()) == 0)
@@ -172,6 +181,10 @@ static void compiled(const char *path)
     write_modes("info_fuzz", abbrev + part(section(hp, KRV_SEC_STR)) + info, mode);
     write_modes("lookup_fuzz", bytes().u64(0x10).add(part(section(hp, KRV_SEC_ARANGES))).add(abbrev).add(info), mode);
     write_modes("line_fuzz", bytes().u64(0x10).add(section(hp, KRV_SEC_LINE)), mode);
+    write_modes("line_fuzz",
+                bytes().u64(0x10).add(part(section(hp, KRV_SEC_EXT_LINE_STR))).add(part({})).add(part({})) +
+                    section(hp, KRV_SEC_LINE),
+                mode | krv_fuzz::MODE_DWARF5 | krv_fuzz::MODE_AS_WRITTEN);
     const bytes where = bytes().u16(0).u16(0).u16(0x10).u16(0x80);
     const bytes frame = section(hp, KRV_SEC_FRAME), eh_frame = section(hp, KRV_SEC_EH_FRAME);
     write_modes("unwind_fuzz", where + part(frame) + some_bytes(256), mode);

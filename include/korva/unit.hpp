@@ -237,7 +237,7 @@ public:
         return found;
     }
 
-    /** The files of the unit's line-number header; row::file counts them from 1. */
+    /** The files of the unit's line-number header; row::file counts them from first_file_number(). */
     result<std::vector<korva::file>> files() const
     {
         krv_lnph_t *header = korva_line_get_cu_lnph(hp_, cup_);
@@ -258,6 +258,17 @@ public:
                 files[i].name = name;
         }
         return files;
+    }
+
+    /** What rows call the first of files(): 1, or 0 where the line-number header is of version 5. */
+    result<std::uint32_t> first_file_number() const
+    {
+        krv_lnph_t *header = korva_line_get_cu_lnph(hp_, cup_);
+        std::uint16_t version = 0;
+        if (header == nullptr ||
+            korva_get_fields(hp_, KRV_STRUCT_LNPH, header, 1, KRV_FIELD_LNPH_VERSION, &version) != 0)
+            return last_error(hp_);
+        return version < 5 ? 1U : 0U;
     }
 
     /**

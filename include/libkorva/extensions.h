@@ -74,6 +74,25 @@ typedef void krv_note_f(const krv_note_t *note, void *arg);
  */
 KORVA_API int korva_handle_add_code(krv_handle_t *hp, uint64_t address, uint64_t size);
 
+/*
+ * Line numbers with these options.
+ *
+ * With KRV_OPT_EXT_DWARF5 headers of version 5 are read. Their tables count from 0: of KRV_FIELD_LNPH_FILES, element n is
+ * file n of the rows (KRV_FIELD_LNS_FILE), of KRV_FIELD_LNPH_ID element n is directory n of a file
+ * (KRV_FIELD_LNFE_DIRIDX); directory 0 is the compilation directory, which some producers leave out of the table. Time and
+ * size of a file are 0 where they are not recorded. Composed paths begin with the unit's DW_AT_comp_dir where the
+ * directory is relative, or with directory 0 where the unit has none. Headers of other versions than 2 to 5 fail with
+ * KRV_ERR_UNSUPPORTED. What korva_lns_get_filep answers needs no knowledge of versions.
+ *
+ * With KRV_OPT_EXT_AS_WRITTEN the matrix has the sequences that describe code of the object (see korva_handle_add_code),
+ * and of those that overlap the one that came first; what is left out is noted once for a matrix. Rows that descend within
+ * a sequence are put in order; a sequence that the program leaves open ends at its last address. korva_iter_line_entry
+ * shows every opcode all the same: one that the library does not know with its number alone, one of no bytes as extended
+ * opcode 0. Programs begin where header_length says, opcodes end where their length says; file numbers that the table does
+ * not have give rows without file, numbers beyond a row's field the largest that it can have, and directories that the
+ * table does not have count as 0.
+ */
+
 /** Kinds of units, DW_UT_* of DWARF 5; units of earlier versions are compile units, or partial ones by their tag. */
 enum {
     KRV_UNIT_COMPILE = 1,

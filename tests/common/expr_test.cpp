@@ -101,7 +101,7 @@ struct machine {
     {
         std::string line;
         for (const uint64_t value : list)
-            line += text("%llx ", static_cast<unsigned long long>(value));
+            line += text("%lx ", value);
         return line;
     }
 

@@ -209,6 +209,7 @@ struct line_sections {
     std::function<uint64_t(uint64_t)> offset = [](uint64_t) { return 0; };
     std::function<std::string(uint64_t)> comp_dir = [](uint64_t) { return "/"; };
     uint64_t units;
+    bool extended = false; // both extensions are on, and a long name is at offset 0 of .debug_line_str
 };
 
 // A header as small as one can be, up to its tables. Read as part of those of the header before it, it is three files.
@@ -229,6 +230,11 @@ TEST(Limits, MemoryOfLines)
     for (uint64_t i = 0; i < N; ++i)
         nested += small_line_header(15 * (N - i));
     nested.fill(4);
+    bytes shared; // headers of version 5 with many files, all of one name
+    const bytes names = bytes::hex("00 00 01 01 1f").uleb(N).fill(4 * N);
+    const bytes names_header = line_unit{.v5 = true, .opcode_base = 1, .tables = names}.build();
+    for (uint64_t i = 0; i < 10; ++i)
+        shared += names_header;
     const auto each_its_own = [](uint64_t i) { return std::to_string(i); };
     const line_sections rows[] = {
         {.what = "a header of N files", .lines = line_unit{.files = {N, a}}.build(), .units = N},
@@ -252,6 +258,11 @@ TEST(Limits, MemoryOfLines)
         {.what = "files of a long directory",
          .lines = line_unit{.dirs = {std::string(1000, 'd')}, .files = {20 * N, {"a", 1}}}.build(),
          .units = 1},
+        {.what = "a long name of many files",
+         .lines = shared,
+         .offset = [&](uint64_t i) { return names_header.size() * i; },
+         .units = 10,
+         .extended = true},
     };
     for (const auto &row : rows) {
         SCOPED_TRACE(row.what);
@@ -261,6 +272,8 @@ TEST(Limits, MemoryOfLines)
         handle h;
         h.attach(KRV_SEC_ABBREV, abbrevs("1 compile_unit stmt_list:sec_offset comp_dir:string"));
         h.attach(KRV_SEC_INFO, info).attach(KRV_SEC_LINE, row.lines);
+        if (row.extended)
+            h.extend().attach(KRV_SEC_EXT_LINE_STR, bytes().cstr(std::string(1000, 'n')));
         const size_t before = heap_bytes();
         unsigned found = 0;
         uint64_t at_unit = 0;
@@ -310,7 +323,7 @@ TEST(Limits, ClaimsOfSearchTables)
                                           {DW_EH_PE_udata8, UINT64_C(0x80000000)},
                                           {DW_EH_PE_udata8, UINT64_MAX / 2},
                                           {DW_EH_PE_udata8, UINT64_MAX}}) {
-        SCOPED_TRACE(text("%llx", static_cast<unsigned long long>(count)));
+        SCOPED_TRACE(text("%lx", count));
         eh_hdr hdr{.count = count};
         hdr.count_encoding = static_cast<uint8_t>(encoding);
         endless memory{hdr.build(stack_address, eh_frame_address)};

@@ -25,9 +25,11 @@ struct lines {
     krv_ctu_t *cu;
 
     explicit lines(const bytes &section, const char *comp_dir = nullptr,
-                   krv_activation_type_t target = KRV_ACTIVATION_AMD64)
+                   krv_activation_type_t target = KRV_ACTIVATION_AMD64, uint32_t extensions = 0)
         : h(target)
     {
+        h.extend(extensions);
+        korva_handle_add_code(h, 0x400, 0xc00);
         const bytes root = comp_dir == nullptr ? bytes().uleb(1).u32(0) : bytes().uleb(2).u32(0).cstr(comp_dir);
         const char *recipe = "1 compile_unit stmt_list:data4; 2 compile_unit stmt_list:sec_offset comp_dir:string";
         cu = h.attach(KRV_SEC_LINE, section).first_unit(abbrevs(recipe), unit{.dies = root}.build());
@@ -138,13 +140,15 @@ TEST(Line, HeaderFailures)
     }
 }
 
-// A unit that ends after each of its bytes: every field is missed in turn.
-TEST(Line, HeadersCutShort)
+// The fields that a unit misses which ends after each of its bytes.
+static std::string missed_fields(const line_unit &u, uint32_t extensions)
 {
-    const line_unit u{.dwarf64 = true, .version = 4, .header_length = 0, .dirs = {"d"}, .files = {{"a", 1, 2, 3}}};
     std::string seen, last;
     for_each_prefix(u.build(), [&](const bytes &prefix) {
-        lines t(prefix.size() < 12 ? prefix : bytes(prefix).set(4, prefix.size() - 12, 8));
+        bytes cut = prefix.size() < 12 ? prefix : bytes(prefix).set(4, prefix.size() - 12, 8);
+        if (u.v5 && prefix.size() >= 24) // the header ends there, too
+            cut.set(16, prefix.size() - 24, 8);
+        lines t(cut, nullptr, KRV_ACTIVATION_AMD64, extensions);
         if (prefix.size() == 0 || t.header() != nullptr)
             return;
         const std::string error = t.h.error(), start = " | failed to read ";
@@ -153,10 +157,104 @@ TEST(Line, HeadersCutShort)
         seen += field == last ? "" : field + ", ";
         last = field;
     });
-    EXPECT_EQ(seen, "4-byte unit_length, 8-byte unit_length, version, header_length, minimum_instruction_length, "
-                    "maximum_operations_per_instruction, default_is_stmt, line_base, line_range, opcode_base, "
-                    "standard_opcode_length[], include_directories entry, file_names path, file_names index, "
-                    "file_names mtime, file_names size, ");
+    return seen;
+}
+
+TEST(Line, HeadersCutShort)
+{
+    line_unit u{.dwarf64 = true, .version = 4, .header_length = 0, .dirs = {"d"}, .files = {{"a", 1, 2, 3}}};
+    const std::string start = "4-byte unit_length, 8-byte unit_length, version, ",
+                      middle = "header_length, minimum_instruction_length, maximum_operations_per_instruction, "
+                               "default_is_stmt, line_base, line_range, opcode_base, standard_opcode_length[], ";
+    EXPECT_EQ(missed_fields(u, 0),
+              start + middle +
+                  "include_directories entry, file_names path, file_names index, file_names mtime, "
+                  "file_names size, ");
+    u.v5 = true;
+    EXPECT_EQ(missed_fields(u, KRV_EXT_DWARF5),
+              start + "address_size, segment_selector_size, " + middle +
+                  "directory_entry_format_count, directory_entry_format, directories_count, directories entry, "
+                  "file_name_entry_format_count, file_name_entry_format, file_names_count, file_names entry, ");
+}
+
+// Tables of version 5: how their entries are made up, what is left aside of them, and what their files' paths are.
+TEST(Line, TablesOfVersion5)
+{
+    const bytes none = bytes::hex("00 00"),
+                dirs = bytes::hex("01 01 1f 02 00000000 07000000"),             // path:line_strp "/build", "sub"
+        names = bytes::hex("02 01 08 02 0b"), no_name = bytes::hex("01 02 0b"); // path:string directory:data1
+    const auto one = [&](const char *format,
+                         const char *values) { // a file by its format, in a table without directories
+        return none + bytes::hex(format).u8(1).add(bytes::hex(values));
+    };
+    const auto refused = [](const std::string &cause, const char *last) {
+        return cause + " | failed to read " + last + " | failed to read .debug_line header at offset 0";
+    };
+    const std::string behind = " | failed to read .debug_line header at offset 0";
+    const bytes a0 = bytes().cstr("a.c").u8(0), b1 = bytes().cstr("b.c").u8(1), c9 = bytes().cstr("c.c").u8(9);
+    const struct {
+        const char *comp_dir;
+        bytes tables;
+        std::string paths;                // of its files, by number from 0 on; or the error state
+        const char *as_written = nullptr; // where that is another
+    } rows[] = {
+        {"/unit", dirs + names + bytes().u8(3).add(a0).add(a0).add(b1), "/build/a.c /build/a.c /unit/sub/b.c"},
+        {nullptr, dirs + names + bytes().u8(2).add(a0).add(b1), "/build/a.c /build/sub/b.c"},
+        {"sub", bytes::hex("01 01 1f 01 07000000") + names + bytes().u8(1).add(a0), "sub/a.c"}, // not sub/sub/a.c
+        {"/unit", bytes::hex("01 01 1f 01 07000000") + names + bytes().u8(1).add(a0), "/unit/sub/a.c"},
+        {"/unit", none + names + bytes().u8(1).add(a0), "/unit/a.c"}, // directory 0 is not written
+        {"/unit", dirs + names + bytes().u8(1).add(c9), "CORRUPT: file_names index (9) is out of range" + behind,
+         "/build/c.c"},
+        // Every form: strings of .debug_line_str, .debug_str and by the unit's table; numbers, sums and vendors' types are
+        // stepped over.
+        {"",
+         one("07 01 1f 02 0f 03 09 04 0d 05 1e 81 40 08 82 40 19",
+             "07000000 00 02 ffff 7f 000102030405060708090a0b0c0d0e0f 7800"),
+         "sub"},
+        {"", one("05 03 0f 04 07 85 40 0a 86 40 17 01 0e", "8001 0000000000000000 02 eeee 04030201 01000000"), "trp"},
+        {"", one("03 87 40 03 88 40 23 01 25", "0100 ee 05 01"), "by_index"},
+        {"", one("01 01 1a", "01"), "by_index"},
+        {"", one("01 01 1a", "03"),
+         refused("CORRUPT: index 3 at base 0x8 leads out of .debug_str_offsets", "file_names entry")},
+        {"", one("01 01 0f", "01"),
+         refused("UNSUPPORTED: form 0xf (DW_FORM_udata) of content type 0x1", "file_name_entry_format")},
+        {"", one("01 02 09", "00"),
+         refused("UNSUPPORTED: form 0x9 (DW_FORM_block) of content type 0x2", "file_name_entry_format")},
+        {"", one("01 81 40 21", "00"),
+         refused("UNSUPPORTED: form 0x21 (DW_FORM_implicit_const) of content type 0x2001", "file_name_entry_format")},
+        {"", one("01 03 0a", "05 00"),
+         refused("CORRUPT: form DW_FORM_block1 requires 5 bytes;  1 remain", "file_names entry")},
+        // Entries that take no bytes are none, however many there are said to be.
+        {"", bytes::hex("00 ffffffffffffffff7f 01 03 19 ffffffffffffffff7f"), ""},
+        {"", none + no_name + bytes::hex("02 00 00"), " "}, // no names
+    };
+    for (const auto &row : rows)
+        for (const uint32_t extensions : {KRV_EXT_DWARF5, KRV_EXT_DWARF5 | KRV_EXT_AS_WRITTEN}) {
+            lines t(line_unit{.v5 = true, .tables = row.tables, .program = program("copy")}.build(), row.comp_dir,
+                    KRV_ACTIVATION_AMD64, extensions);
+            t.h.attach(KRV_SEC_EXT_LINE_STR, bytes().cstr("/build").cstr("sub"));
+            t.h.attach(KRV_SEC_STR, bytes().cstr("strp").cstr("by_index"));
+            t.h.attach(KRV_SEC_EXT_STR_OFFSETS, bytes::hex("10000000 0500 0000 00000000 05000000 00000000"));
+            t.cu->dcu_version = 5;
+            t.cu->dcu_bases[KRV_BASE_STR_OFFSETS] = 8;
+            krv_lnph_t *p = t.header();
+            std::string paths;
+            for (uint64_t i = 0; p != nullptr && i < p->sln_files_entries; ++i) {
+                paths += (i == 0 ? "" : " ") + std::string(krv_lnfe_absolute_path(t.h, p->sln_files[i]));
+                EXPECT_EQ(krv_lnph_file(p, i), p->sln_files[i]);
+            }
+            const bool other = row.as_written != nullptr && (extensions & KRV_EXT_AS_WRITTEN) != 0;
+            EXPECT_EQ(p == nullptr ? t.h.error() : paths, other ? row.as_written : row.paths);
+            EXPECT_TRUE(p == nullptr ||
+                        (krv_lnph_file(p, p->sln_files_entries) == nullptr && p->sln_program_size == 1));
+        }
+    handle h;
+    h.extend().attach(KRV_SEC_LINE, line_unit{.v5 = true, .tables = one("01 01 25", "01")}.build());
+    EXPECT_TRUE(
+        refuses(h, krv_lnph_alloc(h, nullptr, 0),
+                refused("INVALID: string 1 is the unit's, and the header is read without one", "file_names entry")));
+    lines six(line_unit{.version = 6}.build(), nullptr, KRV_ACTIVATION_AMD64, KRV_EXT_DWARF5);
+    EXPECT_TRUE(refuses(six.h, six.header(), "UNSUPPORTED: line-number program of version 6" + behind));
 }
 
 TEST(Line, UnitsWithoutLines)
@@ -256,6 +354,79 @@ TEST(Line, Matrices)
     }
     lines i386(line_unit{.program = program("at fffffff0 copy", 4)}.build(), nullptr, KRV_ACTIVATION_I386);
     EXPECT_EQ(to_text(i386.h, i386.matrix()), "fffffff0 1:1 I");
+}
+
+// Programs as linkers leave them, and with what the library does not know: what is kept, and what is told.
+TEST(Line, MatricesAsWritten)
+{
+    const line_unit any,
+        base14{.opcode_base = 14, .opcode_lengths = bytes::hex("00 01 01 01 01 00 00 00 01 00 00 01 02")},
+        v5{.v5 = true}, mopi0{.version = 4, .mopi = 0}, more_header{.version = 2, .header_length = 28};
+    const auto left_out = [](unsigned dropped, unsigned all) {
+        return text(
+            ".debug_line 0 %u of %u sequences of the line-number program at offset 0x0 describe code that is not in "
+            "the file: left out\n",
+            dropped, all);
+    };
+    const struct {
+        line_unit u;
+        std::string recipe, outcome, notes;
+        const char *without_code = nullptr; // where no executable section was named, if that is another
+    } rows[] = {
+        {any, "at 500 copy pc 8 end at 400 copy pc 16 end",
+         "500 1:1 I ^400; 508 1:1 IG ^400; 400 1:1 I; 410 1:1 IG ^400 "
+         "[400,410) [500,508)",
+         ""},
+        // Those that linkers dropped: by their address, outside every section, or empty.
+        {any,
+         "at 0 copy pc 8 end at 400 copy pc 16 end at 1 copy pc 9 end at ffffffffffffffff copy pc 1 end "
+         "at fffffffffffffffe copy pc 1 end at 500 line 1 copy end at 480 copy at 470 end",
+         "400 1:1 I; 410 1:1 IG ^400 [400,410)", left_out(6, 7)},
+        {any, "at 400 copy pc 16 end at 2000 copy pc 16 end at ff8 copy pc 9 end",
+         "400 1:1 I; 410 1:1 IG ^400 [400,410)", left_out(2, 3),
+         "400 1:1 I; 410 1:1 IG ^400; 2000 1:1 I ^400; 2010 1:1 IG ^400; ff8 1:1 I ^400; 1001 1:1 IG ^400 [400,410) "
+         "[ff8,1001) [2000,2010)"},
+        // Of those that overlap the first that came stays.
+        {any,
+         "at 440 copy pc 16 end at 400 line 1 copy pc 65 end at 44f line 2 copy pc 9 end at 450 line 3 copy pc 1 end",
+         "440 1:1 I; 450 1:1 IG ^440; 450 1:4 I; 451 1:4 IG ^450 [440,450) [450,451)", left_out(2, 4)},
+        {any, "at 400 copy pc 255 end at 410 copy pc 1 end at 420 copy pc 1 end",
+         "400 1:1 I; 4ff 1:1 IG ^400 [400,4ff)", left_out(2, 3)},
+        // Rows that fall are put in order; what is open is closed; an end without rows is nothing.
+        {any, "end at 480 copy at 440 line 1 copy line 1 copy at 4a0 end",
+         "440 1:2 I; 440 1:3 I; 480 1:1 I; 4a0 1:3 IG "
+         "^440 [440,4a0)",
+         ""},
+        {any, "at 400 copy pc 16 line 1 copy pc 4", "400 1:1 I; 410 1:2 I; 414 1:2 IG ^410 [400,414)", ""},
+        // Opcodes that are not known; lengths that tell more than operands do, of an address too; padding.
+        {any, "at 400 copy ext 128 pc 4 byte 0 byte 4 byte 129 byte 1 byte 2 byte 3 copy pc 4 end",
+         "400 1:1 I; 404 1:1 I ^400; 408 1:1 IG ^400 [400,408)", ""},
+        {any, "at 400 copy byte 0 byte 4 byte 4 byte 7 byte 9 byte 9 copy byte 0 byte 0 copy copy pc 4 end",
+         "400 1:1 I; 400 1:1 I d7; 400 1:1 I; 400 1:1 I; 404 1:1 IG ^400 [400,404)", ""},
+        {any, "byte 0 byte 5 byte 2 byte 0 byte 4 byte 0 byte 0 copy pc 4 end", "400 1:1 I; 404 1:1 IG ^400 [400,404)",
+         ""},
+        {base14, "at 400 byte 13 byte 200 byte 1 byte 7 copy pc 4 end", "400 1:1 I; 404 1:1 IG ^400 [400,404)", ""},
+        // Numbers beyond their registers; files and columns that are none; no operations.
+        {any, "at 400 file 3 col 65536 disc 65537 isa 99999 copy file 0 copy file 4294967296 copy pc 4 end",
+         "400 3:1:65535 I i65535 d65535; 400 0:1:65535 I i65535; 400 4294967295:1:65535 I i65535; "
+         "404 4294967295:1:65535 IG i65535 ^400 [400,404)",
+         ""},
+        {v5, "at 400 copy file 0 copy pc 4 end", "400 1:1 I; 400 0:1 I; 404 0:1 IG ^400 [400,404)", ""},
+        {mopi0, "at 400 copy pc 4 end", "400 1:1 I; 404 1:1 IG ^400 [400,404)", ""},
+        {more_header, "byte 9 byte 9 at 400 copy pc 4 end", "400 1:1 I; 404 1:1 IG ^400 [400,404)", ""},
+    };
+    for (const auto &row : rows)
+        for (const bool names_code : {true, false}) {
+            line_unit u = row.u;
+            u.program = program(row.recipe);
+            lines t(u.build(), nullptr, KRV_ACTIVATION_AMD64, KRV_EXT_DWARF5 | KRV_EXT_AS_WRITTEN);
+            if (!names_code)
+                t.h->sh_code_entries = 0;
+            const bool other = !names_code && row.without_code != nullptr;
+            const krv_lnp_t *lnpp = t.matrix();
+            EXPECT_EQ(to_text(t.h, lnpp), other ? row.without_code : row.outcome);
+            EXPECT_EQ(t.h.notes, other ? "" : row.notes);
+        }
 }
 
 TEST(Line, ProgramFailures)
@@ -564,12 +735,43 @@ TEST(Line, WatchedOrNot)
         return (seed >> 33) % limit;
     };
     const auto one_of = [&next](const auto &choices) { return choices[next(std::size(choices))]; };
-    const char *const words[] = {"copy",     "pc 5",      "pc 200",     "pc 99999", "line -3",       "line 63",
-                                 "line -64", "line 8191", "line -8192", "col 9",    "col 300",       "col 20000",
-                                 "stmt",     "const_pc",  "disc 3",     "disc 200", "disc 40000",    "file 2",
-                                 "file 1",   "bb",        "pe",         "eb",       "fixed 16",      "isa 1",
-                                 "sp 13",    "sp 200",    "sp 255",     "sp 77",    "end at 900",    "sp 40",
-                                 "sp 90",    "copy",      "sp 230",     "sp 14",    "def c.c 0 0 0", "end at 40 copy"};
+    const char *const words[] = {"copy",
+                                 "pc 5",
+                                 "pc 200",
+                                 "pc 99999",
+                                 "line -3",
+                                 "line 63",
+                                 "line -64",
+                                 "line 8191",
+                                 "line -8192",
+                                 "col 9",
+                                 "col 300",
+                                 "col 20000",
+                                 "stmt",
+                                 "const_pc",
+                                 "disc 3",
+                                 "disc 200",
+                                 "disc 40000",
+                                 "file 2",
+                                 "file 1",
+                                 "bb",
+                                 "pe",
+                                 "eb",
+                                 "fixed 16",
+                                 "isa 1",
+                                 "sp 13",
+                                 "sp 200",
+                                 "sp 255",
+                                 "sp 77",
+                                 "end at 900",
+                                 "sp 40",
+                                 "sp 90",
+                                 "copy",
+                                 "sp 230",
+                                 "sp 14",
+                                 "def c.c 0 0 0",
+                                 "end at 40 copy",
+                                 "byte 0 byte 4 byte 4 byte 3 byte 1 byte 1"};
     const uint8_t ranges[] = {14, 14, 14, 10, 1, 0, 255}, bases[] = {13, 13, 13, 10, 1, 2, 14, 255},
                   mopis[] = {1, 1, 1, 4, 0};
     const auto nothing = [](krv_handle_t *, unsigned long, unsigned char, krv_value_t **, unsigned int, krv_lns_t *,
@@ -591,6 +793,7 @@ TEST(Line, WatchedOrNot)
         for (const bool watched : {true, false})
             for (const bool in_memory : {true, false}) {
                 handle h;
+                h.extend(n % 4 < 2 ? 0 : KRV_EXT_DWARF5 | KRV_EXT_AS_WRITTEN);
                 reader source{.contents = u.build()};
                 in_memory ? h.attach(KRV_SEC_LINE, source.contents) : h.attach(KRV_SEC_LINE, &source);
                 krv_lnph_t *header = krv_lnph_alloc(h, nullptr, 0);

@@ -93,7 +93,7 @@ int add_unit(krv_handle_t *hp, krv_ctu_t *cu, void *arg)
     auto *a = static_cast<answer *>(arg);
     krv_cu_header_t header = {};
     korva_cu_get_header(hp, cu, &header);
-    a->add("%llu ", static_cast<unsigned long long>(header.size));
+    a->add("%lu ", header.size);
     for (const uint64_t address : {0x401000, 0x401020}) {
         const krv_lns_t *row = korva_cu_contains_addr(hp, cu, address, KRV_LOOKUP_F_NONE) == 0
                                    ? nullptr
@@ -128,7 +128,7 @@ void ask_elf(krv_elf_t *elf, answer *a)
 
 int add_frame(krv_proc_t *, const krv_proc_frame_t *frame, void *arg)
 {
-    static_cast<answer *>(arg)->add("%llx ", static_cast<unsigned long long>(frame->pc));
+    static_cast<answer *>(arg)->add("%lx ", frame->pc);
     return 0;
 }
 
@@ -138,7 +138,7 @@ int add_module(krv_proc_t *proc, const krv_proc_module_t *module, void *arg)
     krv_elf_error_t error = {};
     const krv_elf_t *elf = korva_proc_module_elf(proc, module, &error);
     a->told = a->told || elf == nullptr;
-    a->add("%llx %s; ", static_cast<unsigned long long>(module->start), error.message);
+    a->add("%lx %s; ", module->start, error.message);
     return 0;
 }
 
@@ -239,9 +239,7 @@ TEST_F(LoaderFaults, EverySessionOfAFile)
 
 TEST_F(LoaderFaults, EverySessionOfACore)
 {
-    const bytes core = core32().build();
-    write("core", {core.data(), core.data() + core.size()});
-    const std::string path = dir / "core";
+    const std::string path = write("core", core32().build().str());
     frameless = 0;
     each_fails(
         "core", [&](krv_elf_error_t *e) { return korva_proc_open_core(path.c_str(), nullptr, e); }, ask_process,

@@ -63,9 +63,10 @@ protected:
         return open("s.o");
     }
 
-    void write(const char *name, const std::string &bytes)
+    fs::path write(const char *name, const std::string &bytes)
     {
         std::ofstream(dir / name, std::ios::binary | std::ios::trunc) << bytes;
+        return dir / name;
     }
 
     std::string read(const char *name)
@@ -94,8 +95,7 @@ inline std::string units(krv_elf_t *elf)
     for (const korva::unit &u : korva::elf_view(elf).handle().units()) {
         const krv_cu_header_t header = *u.header();
         const auto name = u.name();
-        seen += text("%llu:v%u+%llu%s%s ", static_cast<unsigned long long>(header.offset), header.version,
-                     static_cast<unsigned long long>(header.size), header.dwarf64 != 0 ? "*" : "",
+        seen += text("%lu:v%u+%lu%s%s ", header.offset, header.version, header.size, header.dwarf64 != 0 ? "*" : "",
                      name ? name->c_str() : "");
     }
     return seen;
@@ -128,8 +128,7 @@ inline std::string attached(krv_elf_t *elf)
     std::string all;
     each(korva_elf_iter_sections, elf, [&](const krv_elf_section_t *s) {
         if (s->index != KRV_SEC_NONE)
-            all += text("%s=%llu%s%s ", s->name, static_cast<unsigned long long>(s->size), s->copied != 0 ? "+" : "",
-                        s->compressed != 0 ? "z" : "");
+            all += text("%s=%lu%s%s ", s->name, s->size, s->copied != 0 ? "+" : "", s->compressed != 0 ? "z" : "");
     });
     return all;
 }

@@ -79,13 +79,9 @@ struct stopped {
         korva_activation_set_greg(h, ap.get(), KRV_ACTIVATION_REG_LIBRARY, KRV_REG_PC, static_cast<krv_greg_t>(pc));
     }
 
-    // A register as hexadecimal digits, or the error.
     std::string get(krv_frame_type_t frame, krv_reg_type_t type, unsigned int reg)
     {
-        krv_greg_t value = 0;
-        if (korva_activation_get_greg(h, ap.get(), type, frame, reg, &value) != 0)
-            return h.error();
-        return text("%llx", static_cast<unsigned long long>(value));
+        return greg_of(h, ap.get(), frame, type, reg);
     }
     std::string caller(unsigned int dwarf) { return get(KRV_ACTIVATION_FRAME_CALLER, KRV_ACTIVATION_REG_DWARF, dwarf); }
     std::string caller_pc() { return get(KRV_ACTIVATION_FRAME_CALLER, KRV_ACTIVATION_REG_LIBRARY, KRV_REG_PC); }

@@ -36,6 +36,13 @@ std::string error_line(krv_handle_t *hp)
     return line;
 }
 
+std::string greg_of(krv_handle_t *hp, krv_activation_t *ap, krv_frame_type_t frame, krv_reg_type_t type, unsigned reg)
+{
+    krv_greg_t value = 0;
+    const int result = korva_activation_get_greg(hp, ap, type, frame, reg, &value);
+    return result == 0 ? text("%lx", static_cast<uint64_t>(value)) : error_line(hp);
+}
+
 std::string failed_read(const std::string &error)
 {
     const std::string cause = "IO: read callback failed | ";

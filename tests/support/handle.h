@@ -95,6 +95,9 @@ testing::AssertionResult refuses(krv_handle_t *hp, Result result, const std::str
                                     : testing::AssertionFailure() << (failed ? "fails: " : "does not fail: ") << found;
 }
 
+// A register of a frame as hexadecimal digits, or the error.
+std::string greg_of(krv_handle_t *hp, krv_activation_t *ap, krv_frame_type_t frame, krv_reg_type_t type, unsigned reg);
+
 // Calls func for every record that a function of the loader iterates over.
 template <typename Object, typename Record, typename Func>
 void each(int (*iterate)(Object *, int (*)(Object *, const Record *, void *), void *), Object *object, Func func)

@@ -67,13 +67,19 @@ static std::string ask_units(krv_handle_t *hp)
 
 static session make_later_units()
 {
-    const bytes abbrev_section =
-        abbrevs("1 compile_unit+ 0x72:sec_offset 0x73:sec_offset name:strx1 comp_dir:line_strp low_pc:addrx "
-                "high_pc:data4 language:implicit_const=33");
-    const bytes dies = bytes().uleb(1).u32(8).u32(8).u8(1).u32(2).uleb(0).u32(0x10).u8(0);
+    const bytes abbrev_section = abbrevs(
+        "1 compile_unit+ stmt_list:data1 0x72:sec_offset 0x73:sec_offset name:strx1 comp_dir:line_strp low_pc:addrx "
+        "high_pc:data4 language:implicit_const=33");
+    const bytes dies = bytes().uleb(1).u8(0).u32(8).u32(8).u8(1).u32(2).uleb(0).u32(0x10).u8(0);
     const bytes header = bytes().u16(5).u16(0);
+    // A file by each kind of string that is not in the table; lines of code that is not there, twice at one place.
+    const line_unit lines{.v5 = true,
+                          .tables = bytes::hex("01 01 1f 01 02000000 01 01 25 02 01 01"),
+                          .program =
+                              program("at 400 copy pc 8 end at 400 copy pc 9 end at 0 copy pc 16 end at 500 copy")};
     return {.sections = {{KRV_SEC_ABBREV, abbrev_section},
                          {KRV_SEC_STR, bytes().cstr("int").cstr("a.c")},
+                         {KRV_SEC_LINE, lines.build()},
                          {KRV_SEC_INFO, unit{.version = 5, .kind = KRV_UNIT_COMPILE, .dies = dies}.build() +
                                             unit{.version = 6, .dies = dies}.build()},
                          {KRV_SEC_EXT_LINE_STR, bytes().fill(2).cstr("/build")},
@@ -97,7 +103,11 @@ static std::string ask_later_units(krv_handle_t *hp)
     krv_get_die_attr(hp, cu->dcu_compile_unit, DW_AT_language, nullptr, nullptr, &language);
     if (next == nullptr || low == nullptr || language == nullptr)
         return "!entry";
-    return std::string(cu->dcu_comp_dir) + "/" + cu->dcu_name + " " + std::to_string(low->sa_u.su_unsigned) + " " +
+    krv_lns_t *row = korva_lookup_source_by_cu_and_addr(hp, cu, 0x400, 0x10, 0x408, 0);
+    const char *path = row == nullptr ? nullptr : krv_lnfe_absolute_path(hp, korva_lns_get_filep(hp, row));
+    if (path == nullptr)
+        return "!row";
+    return path + std::string(" ") + cu->dcu_name + " " + std::to_string(low->sa_u.su_unsigned) + " " +
            std::to_string(language->sa_u.su_unsigned) + (next->dcu_kind != 0 ? " of a kind" : "");
 }
 
@@ -175,7 +185,7 @@ static std::string ask_frames(krv_handle_t *hp)
             return "!argument";
         if (korva_activation_unwind(hp, ap.get()) != 0)
             return "!unwind";
-        answer += text("%llx %x; ", static_cast<unsigned long long>(value), arg[0][0]);
+        answer += text("%lx %x; ", static_cast<uint64_t>(value), arg[0][0]);
     }
     return answer;
 }
@@ -225,14 +235,14 @@ static std::string ask_expressions(krv_handle_t *hp)
         korva_expr_execute_expression(hp, stack.get(), ap.get(), &fd, KRV_EXPR_F_LOCATION,
                                       const_cast<krv_fd_t **>(outputs), nullptr, nullptr) != 0)
         return "!place";
-    return text("%d %llx %02x%02x%02x", count, static_cast<unsigned long long>(value), object[0], object[1], object[2]);
+    return text("%d %lx %02x%02x%02x", count, value, object[0], object[1], object[2]);
 }
 
 std::span<const scenario> scenarios()
 {
     static const scenario all[] = {
         {"units", make_units, ask_units, "a.c /build/src/a.c; b.c /build/src/a.c; ", 60},
-        {"later units", make_later_units, ask_later_units, "/build/a.c 1024 33", 20},
+        {"later units", make_later_units, ask_later_units, "/build/a.c a.c 1024 33", 20},
         {".debug_frame", make_frames<false, false>, ask_frames, "7008 55; 7010 0; ", 15},
         {".eh_frame", make_frames<true, false>, ask_frames, "7008 0; 7010 0; ", 15},
         {".eh_frame_hdr", make_frames<true, true>, ask_frames, "7008 0; 7010 0; ", 15},

@@ -5,6 +5,7 @@
   cli_test.py --korva PROGRAM
 """
 import argparse
+import inspect
 import json
 import os
 import re
@@ -14,7 +15,7 @@ import struct
 import subprocess
 import tempfile
 
-from support import SOURCES, answer_of, build, fail, need, run
+from support import SOURCES, answer_of, build, fail, need, run, write
 
 VERBS = ('addr', 'units', 'lines', 'sections', 'stack', 'expr')
 
@@ -35,6 +36,11 @@ class Korva:
 
     def run(self, *arguments, program=None, **options):
         return run(program or self.path, *arguments, **options)
+
+    def talk(self, *arguments, **options):
+        """Starts it, to be asked line by line."""
+        return subprocess.Popen([self.path, *arguments], stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True,
+                                bufsize=1, **options)
 
     def expect(self, arguments, status, out=None, err='', **options):
         """Runs it. out and err are patterns that must match all of the output; out None is any."""
@@ -84,8 +90,7 @@ def test_gnu_layout(korva, program):
 
 
 def test_standard_input(korva, program, folder):
-    with subprocess.Popen([korva.path, 'addr', '-s', '-e', program], stdin=subprocess.PIPE, stdout=subprocess.PIPE,
-                          text=True, bufsize=1) as talk:
+    with korva.talk('addr', '-s', '-e', program) as talk:
         for name, line in (('main', MAIN), ('weigh_twice', WEIGH), ('main', MAIN)):
             talk.stdin.write(name + '\n')
             if not talk.stdout.readline().endswith(f'  {name}  main.c:{line}\n'):  # waits: it must not be held back
@@ -96,18 +101,15 @@ def test_standard_input(korva, program, folder):
     korva.expect(['addr', '-e', program, '--format=json'], 0, r'\[\]\n')
     korva.expect(['addr', '-e', program, '--format=gnu'], 0, r'\?\?:0\n\?\?:0\n', text='\n \n')  # blank lines ask nothing
     # An answer's line is complete when it is given.
-    with subprocess.Popen([korva.path, 'addr', '--format=json', '-e', program], stdin=subprocess.PIPE,
-                          stdout=subprocess.PIPE, text=True, bufsize=1) as talk:
+    with korva.talk('addr', '--format=json', '-e', program) as talk:
         for before in '[,':
             talk.stdin.write('main\n')
             line = talk.stdout.readline()
             if line[0] != before or json.loads(line[1:])['function'] != 'main':
                 fail(f'addr --format=json: {line}')
         talk.stdin.close()
-    cut = os.path.join(folder, 'cut')
-    shutil.copy(program, cut)
-    with subprocess.Popen([korva.path, 'addr', '-e', cut], stdin=subprocess.PIPE, stdout=subprocess.PIPE,
-                          stderr=subprocess.PIPE, text=True, bufsize=1) as talk:
+    cut = shutil.copy(program, os.path.join(folder, 'cut'))
+    with korva.talk('addr', '-e', cut, stderr=subprocess.PIPE) as talk:
         talk.stdin.write('main\n')
         talk.stdout.readline()
         os.truncate(cut, 4096)
@@ -123,9 +125,8 @@ def limit_time():
 def test_overlapping_units(korva, folder):
     """Thousands of units that cover an address and know no line of it are not asked again for the next."""
     count = 5000
-    source, program = os.path.join(folder, 'units.s'), os.path.join(folder, 'units')
-    with open(source, 'w', encoding='ascii') as file:
-        file.write(f'.globl f\n.type f,@function\nf: .skip {count}\n.size f,.-f\nend:\n'
+    program = os.path.join(folder, 'units')
+    source = write(folder, 'units.s', f'.globl f\n.type f,@function\nf: .skip {count}\n.size f,.-f\nend:\n'
                    '.section .debug_abbrev,"",@progbits\n.byte 1,0x11,0,0x11,1,0x12,1,0,0,0\n'
                    f'.section .debug_info,"",@progbits\n.rept {count}\n'
                    '.long 2f-1f\n1: .value 4\n.long 0\n.byte 8,1\n.quad f,end\n2:\n.endr\n')
@@ -144,15 +145,14 @@ def test_names(korva, folder):
     packs = ('_Z1fIJ' + 'i' * 300 + 'EEv1A' +  # 300 times 2^11 times A
              ''.join(f'PFv{sequence(2 * i + 1)}{sequence(2 * i + 1)}E' for i in range(11)) + f'DpPFvT_{sequence(23)}E')
     arguments = '_Z1fI' + 'L_Z1gI' * 12 + 'i' + 'EvT_T_T_E' * 12 + 'EvT_T_T_'
-    sources = {'a': 'static int twin(void) { return 1; }\nint shared = 3;\nint far_away(void) __attribute__((weak));\n'
+    sources = {'a.c': 'static int twin(void) { return 1; }\nint shared = 3;\nint far_away(void) __attribute__((weak));\n'
                     'int other(void);\n' + ''.join(
                         f'int f{i}(void) __asm__("{name}");\nint f{i}(void) {{ return {i}; }}\n'
                         for i, name in enumerate((doubling, packs, arguments))) +
                     'int main(void) { return twin() + other() + shared + (far_away ? far_away() : 0); }\n',
-               'b': 'static int twin(void) { return 2; }\nint other(void) { return twin(); }\n'}
+               'b.c': 'static int twin(void) { return 2; }\nint other(void) { return twin(); }\n'}
     for name, text in sources.items():
-        with open(os.path.join(folder, f'{name}.c'), 'w', encoding='ascii') as file:
-            file.write(text)
+        write(folder, name, text)
     program = os.path.join(folder, 'names')
     answer_of('gcc', '-gdwarf-4', 'a.c', 'b.c', '-o', program, cwd=folder)
     korva.expect(['addr', '-s', '-e', program, 'twin'], 0,
@@ -197,11 +197,8 @@ def test_json(korva, program, folder):
             fail(f'addr: {record}\nexpected {expected}')
 
     # A name in Latin-1 is no UTF-8: JSON replaces the byte, text keeps it.
-    name = os.path.join(os.fsencode(folder), b'caf\xe9\n\x1b.c')
-    with open(name, 'wb') as file:
-        file.write(b'int main(void) { return 0; }\n')
     strange = os.path.join(folder, 'strange')
-    answer_of('gcc', '-gdwarf-4', os.fsdecode(name), '-o', strange)
+    answer_of('gcc', '-gdwarf-4', write(folder, 'caf\udce9\n\x1b.c', 'int main(void) { return 0; }\n'), '-o', strange)
     if not json.loads(korva.run('addr', '-e', strange, '--format=jsonl', 'main').out)['file'].endswith('caf\ufffd\n\x1b.c'):
         fail('addr --format=jsonl: a name that is not UTF-8')
     for layout in ('text', 'gnu'):  # neither forges a line nor drives a terminal
@@ -237,8 +234,7 @@ def test_damaged_units(korva, program, folder):
     """A second unit that claims more bytes than there are ends the unit table: told, and the first is answered."""
     offset = int(re.search(r'^(0x\w+) .*table.c ', korva.run('units', program).out, re.M).group(1), 16)
     start = int(re.search(r' \.debug_info +PROGBITS +\S+ (\S+) ', answer_of('readelf', '-SW', program)).group(1), 16)
-    damaged = os.path.join(folder, 'damaged')
-    shutil.copy(program, damaged)
+    damaged = shutil.copy(program, os.path.join(folder, 'damaged'))
     with open(damaged, 'r+b') as file:
         file.seek(start + offset)
         file.write(struct.pack('<I', 0x7fffffff))
@@ -254,10 +250,8 @@ def test_damaged_units(korva, program, folder):
 
 def test_files(korva, program, folder):
     """Status 2: nothing can be answered."""
-    empty, text, plain, stripped = (os.path.join(folder, name) for name in ('empty', 'text', 'plain', 'stripped'))
-    open(empty, 'w', encoding='ascii').close()
-    with open(text, 'w', encoding='ascii') as file:
-        file.write('no ELF file, but longer than the header of one' * 9)
+    plain, stripped = os.path.join(folder, 'plain'), os.path.join(folder, 'stripped')
+    empty, text = write(folder, 'empty', ''), write(folder, 'text', 'no ELF file, but longer than the header of one' * 9)
     build('gcc', [], ['main.c', 'table.c'], plain)
     answer_of('strip', '-o', stripped, program)
     for name in (os.path.join(folder, 'missing'), folder, empty, text):
@@ -329,9 +323,7 @@ def test_expr(korva, folder):
             (['0c0102'], 2, '.*', 'korva: .*'),
             (['zz'], 64, '', 'korva: .*')):
         korva.expect(['expr', *arguments], status, out, err)
-    with open(os.path.join(folder, 'bytes'), 'wb') as file:
-        file.write(b'\x08\x2a')
-    record = json.loads(korva.run('expr', '--format=json', f'@{folder}/bytes').out)
+    record = json.loads(korva.run('expr', '--format=json', '@' + write(folder, 'bytes', '\x08\x2a')).out)
     if '0x2a' not in json.dumps(record):
         fail(f'expr --format=json: {record}')
 
@@ -394,20 +386,9 @@ def main():
         program, cxx = os.path.join(folder, 'program'), os.path.join(folder, 'cxx')
         build('gcc', ['-gdwarf-4', '-O0'], ['main.c', 'table.c'], program)
         build('g++', ['-gdwarf-4', '-O0'], ['main.cpp', 'square.cpp', 'circle.cpp'], cxx)
-        test_forms_of_addresses(korva, program, cxx)
-        test_gnu_layout(korva, program)
-        test_standard_input(korva, program, folder)
-        test_names(korva, folder)
-        test_overlapping_units(korva, folder)
-        test_json(korva, program, folder)
-        test_versions(korva, folder)
-        test_damaged_units(korva, program, folder)
-        test_files(korva, program, folder)
-        test_output(korva, program, folder)
-        test_sections(korva, program, folder)
-        test_expr(korva, folder)
-        test_stack(korva, folder)
-        test_usage(korva, program)
+        given = {'korva': korva, 'program': program, 'cxx': cxx, 'folder': folder}
+        for test in [value for name, value in globals().items() if name.startswith('test_')]:
+            test(*(given[name] for name in inspect.signature(test).parameters))
     print('passed')
 
 

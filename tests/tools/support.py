@@ -36,6 +36,14 @@ def answer_of(*command, **options):
     return result.out
 
 
+def write(folder, name, contents):
+    """Makes a file, and returns its path."""
+    path = os.path.join(folder, name)
+    with open(path, 'w', encoding='utf-8', newline='') as file:
+        file.write(contents)
+    return path
+
+
 def fail(text):
     print(f'FAILED: {text}')
     sys.exit(1)

@@ -55,7 +55,8 @@ private:
     result<void> read_files();
     std::string_view path(uint32_t file) const
     {
-        return file - 1 < m_files.size() ? m_files[file - 1].path : std::string_view();
+        const uint32_t index = file - m_first_file; // below the first: none
+        return index < m_files.size() ? m_files[index].path : std::string_view();
     }
     json_value registers(const row &r) const;
 
@@ -63,6 +64,7 @@ private:
     answers *m_out;
     unit_record *m_unit;
     std::vector<file> m_files;
+    uint32_t m_first_file = 1;
     uint8_t m_opcode_base = 0;
 };
 
@@ -204,6 +206,10 @@ result<void> table_printer::read_files()
     if (!files)
         return files.error();
     m_files = std::move(*files);
+    const result<uint32_t> first = m_unit->unit.first_file_number();
+    if (!first)
+        return first.error();
+    m_first_file = *first;
     return {};
 }
 

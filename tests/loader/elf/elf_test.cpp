@@ -81,9 +81,9 @@ TEST_F(Loader, NoSource)
         EXPECT_EQ(korva_elf_lookup_source(elf.get(), address, &source, &error), -1);
         EXPECT_EQ(error.code, KRV_ELF_ERR_NOTFOUND);
         EXPECT_EQ(error.message,
-                  text("%s: no line is known for 0x%llx; unit at offset 0x0 of .debug_info is DWARF 5, and "
+                  text("%s: no line is known for 0x%lx; unit at offset 0x0 of .debug_info is DWARF 5, and "
                        "libkorva reads DWARF 2 to 4; compile with -gdwarf-4",
-                       (dir / "a").c_str(), static_cast<unsigned long long>(address)));
+                       (dir / "a").c_str(), address));
         EXPECT_EQ(text("%s %s:%u:%u", source.function, source.file, source.line, source.column),
                   std::string(function) + " :0:0");
     }
@@ -254,8 +254,7 @@ TEST_F(Loader, SymbolTable)
     size_t count = 0;
     const krv_elf_symbol_t *all = korva_elf_get_symbols(elf.get(), &count);
     for (size_t i = 0; i < count; ++i)
-        seen += text("%s@%llu+%llu ", all[i].name, static_cast<unsigned long long>(all[i].address),
-                     static_cast<unsigned long long>(all[i].size));
+        seen += text("%s@%lu+%lu ", all[i].name, all[i].address, all[i].size);
     EXPECT_EQ(seen, "whole@0+32 alias@0+32 inside@8+8 inner@20+12 gap@32+4 label@40+8 ifunc@48+8 ");
     EXPECT_EQ(korva_elf_lookup_symbol(elf.get(), 20), all); // a function that covers a label has its address
 

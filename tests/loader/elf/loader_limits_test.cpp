@@ -113,9 +113,8 @@ struct elf_builder {
     {
         const uint64_t at = (sizeof(Elf64_Ehdr) + contents.size() + 7) / 8 * 8;
         const elf_image image{.type = type, .sections = headers.size(), .sections_at = at};
-        const bytes b = image.header().add(contents).align(8);
-        return std::string(b.data(), b.data() + b.size())
-            .append(reinterpret_cast<const char *>(headers.data()), headers.size() * sizeof(Elf64_Shdr));
+        return image.header().add(contents).align(8).str().append(reinterpret_cast<const char *>(headers.data()),
+                                                                  headers.size() * sizeof(Elf64_Shdr));
     }
 };
 

@@ -2,14 +2,9 @@
 //
 // Core files: of the system, of gdb, and a 32-bit one made here, whole, cut short, and with absurd sizes.
 #include "core_files.h"
-#include "support/handle.h"
+#include "loader/loader_fixture.h"
 
-#include <csignal>
-#include <cstring>
 #include <ctime>
-#include <elf.h>
-#include <filesystem>
-#include <fstream>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -20,19 +15,9 @@ using namespace krv_test;
 namespace
 {
 
-namespace fs = std::filesystem;
-
-class CoreFile : public testing::Test
+class CoreFile : public Loader
 {
 protected:
-    void SetUp() override
-    {
-        std::string name = fs::temp_directory_path() / "korva-core-XXXXXX";
-        ASSERT_NE(mkdtemp(name.data()), nullptr);
-        dir = name;
-    }
-    void TearDown() override { fs::remove_all(dir); }
-
     proc_ptr open(const fs::path &core, const std::string &exe = "")
     {
         error = {};
@@ -76,25 +61,6 @@ protected:
         return true;
     }
 
-    fs::path fifo()
-    {
-        EXPECT_EQ(mkfifo((dir / "fifo").c_str(), 0600), 0);
-        return dir / "fifo";
-    }
-
-    std::string read(const fs::path &path)
-    {
-        std::ifstream in(path, std::ios::binary);
-        return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
-    }
-
-    fs::path write(const char *name, const void *data, size_t size)
-    {
-        std::ofstream(dir / name, std::ios::binary)
-            .write(static_cast<const char *>(data), static_cast<std::streamsize>(size));
-        return dir / name;
-    }
-
     // Everything that there is to ask. Whatever it says, it must say it.
     void ask(krv_proc_t *proc)
     {
@@ -104,9 +70,6 @@ protected:
             EXPECT_NE(korva_proc_module_elf(proc, module, &told) == nullptr, told.message[0] == '\0');
         });
     }
-
-    fs::path dir;
-    krv_elf_error_t error = {};
 };
 
 TEST_F(CoreFile, OfACrash)
@@ -154,10 +117,10 @@ TEST_F(CoreFile, CutShort)
     std::string why;
     if (!crash("0x33", &why))
         GTEST_SKIP() << why;
-    const std::string whole = read(dir / "crash");
+    const std::string whole = read("crash");
     int opened = 0;
     for (size_t size = 0; size < whole.size(); size += size < 16384 ? 487 : whole.size() / 23) {
-        const proc_ptr proc = open(write("short", whole.data(), size));
+        const proc_ptr proc = open(write("short", whole.substr(0, size)));
         if (proc == nullptr) {
             EXPECT_EQ(error.code, KRV_ELF_ERR_FORMAT) << error.message;
             EXPECT_NE(std::string(error.message).find("short: "), std::string::npos) << error.message;
@@ -178,11 +141,12 @@ TEST_F(CoreFile, ThatIsNone)
     } cases[] = {
         {dir / "absent", KRV_ELF_ERR_SYSTEM, "No such file"},
         {dir, KRV_ELF_ERR_FORMAT, "not a regular file"},
-        {write("empty", "", 0), KRV_ELF_ERR_FORMAT, "not an ELF file"},
-        {write("text", "once upon a time", 16), KRV_ELF_ERR_FORMAT, "not an ELF file"},
+        {write("empty", ""), KRV_ELF_ERR_FORMAT, "not an ELF file"},
+        {write("text", "once upon a time"), KRV_ELF_ERR_FORMAT, "not an ELF file"},
         {target_path("target_o2"), KRV_ELF_ERR_FORMAT, "not a core file"},
-        {fifo(), KRV_ELF_ERR_FORMAT, "not a regular file"}, // without waiting for its writer
+        {dir / "fifo", KRV_ELF_ERR_FORMAT, "not a regular file"}, // without waiting for its writer
     };
+    ASSERT_EQ(mkfifo((dir / "fifo").c_str(), 0600), 0);
     for (const auto &c : cases) {
         EXPECT_EQ(open(c.path), nullptr);
         EXPECT_EQ(error.code, c.code) << error.message;
@@ -196,8 +160,7 @@ class CoreFile32 : public CoreFile
 protected:
     walked walk(const core32 &core, const std::string &exe = "")
     {
-        const bytes b = core.build();
-        const proc_ptr proc = open(write("core32", b.data(), b.size()), exe);
+        const proc_ptr proc = open(write("core32", core.build().str()), exe);
         EXPECT_NE(proc, nullptr) << error.message;
         return proc == nullptr ? walked{} : walk_thread(proc.get(), 4711);
     }
@@ -212,7 +175,7 @@ protected:
 
 TEST_F(CoreFile32, IsWalkedOnA64BitSystem)
 {
-    const core32 core;
+    core32 core;
     const walked w = walk(core);
     EXPECT_EQ(w.end.reason, KRV_PROC_END_OUTERMOST) << w.end.message;
     const std::vector<uint64_t> expected = {core.symbol("in_deepest"), core.symbol("in_leaf"), core.symbol("in_middle"),
@@ -220,56 +183,45 @@ TEST_F(CoreFile32, IsWalkedOnA64BitSystem)
     EXPECT_EQ(w.pcs(), expected);
     ASSERT_EQ(w.frames.size(), 4U);
     EXPECT_EQ(w.frames[2].cfa, core32::sp + 52);
-}
-
-TEST_F(CoreFile32, FindsTheExecutableWhereItIsTold)
-{
-    core32 core;
-    core.program = "/nowhere/frames32";
+    core.program = "/nowhere/frames32"; // the executable is found where it is told
     EXPECT_EQ(walk(core).frames.size(), 1U);
     EXPECT_EQ(walk(core, target_path("frames32")).frames.size(), 4U);
 }
 
 TEST_F(CoreFile32, WalksEndForTheReasonTheyGive)
 {
-    core32 called;
+    core32 called, lost, zero, cycle, partly;
     called.pc = 0;
-    const walked from_top = walk(called);
-    EXPECT_EQ(from_top.end.reason, KRV_PROC_END_OUTERMOST);
-    EXPECT_EQ(from_top.pcs(), (std::vector<uint64_t>{0, called.symbol("in_leaf"), called.symbol("in_middle"),
-                                                     called.symbol("in_start")}));
-    EXPECT_NE(std::string(from_top.end.message).find("; assumed: 0x0, which"), std::string::npos)
-        << from_top.end.message;
-
-    core32 lost;
     lost.pc = 0x1234;
     lost.stack_bytes.set(0x100, core32::stack, 4);
-    const walked nowhere = walk(lost);
-    EXPECT_EQ(nowhere.end.reason, KRV_PROC_END_NO_FDE);
-    EXPECT_NE(std::string(nowhere.end.message).find("no module"), std::string::npos) << nowhere.end.message;
-
-    core32 zero;
     zero.stack_bytes.set(0x100, 0, 4);
-    EXPECT_EQ(walk(zero).end.reason, KRV_PROC_END_OUTERMOST);
-
-    core32 cycle; // middle is called by itself, with its own frame
+    // middle is called by itself, with its own frame
     cycle.stack_bytes.set(0x100 + 44, cycle.ebp, 4).set(0x100 + 48, cycle.symbol("in_middle"), 4);
-    const walked round = walk(cycle);
-    EXPECT_EQ(round.end.reason, KRV_PROC_END_NO_PROGRESS) << round.end.message;
-    EXPECT_LT(round.frames.size(), 10U);
-
-    core32 partly;
     partly.stack_bytes = partly.stack_bytes.first(0x100 + 10);
-    const walked torn = walk(partly);
-    EXPECT_EQ(torn.end.reason, KRV_PROC_END_ERROR);
-    EXPECT_EQ(torn.end.code, KRV_ERR_IO);
-    EXPECT_EQ(torn.frames.size(), 2U);
     const std::string missing =
-        text("0x%x: memory at 0x%x cannot be read, since the core file ", core32().symbol("in_leaf"), core32::sp + 16);
-    EXPECT_EQ(torn.end.message, missing + "does not have it");
+        text("0x%x: memory at 0x%x cannot be read, since the core file ", core32::symbol("in_leaf"), core32::sp + 16);
+    const struct {
+        const core32 &core;
+        int reason;
+        size_t frames;
+        std::string message; // a part of it
+    } rows[] = {{called, KRV_PROC_END_OUTERMOST, 4, "; assumed: 0x0, which"},
+                {lost, KRV_PROC_END_NO_FDE, 1, "no module"},
+                {zero, KRV_PROC_END_OUTERMOST, 1, ""},
+                {cycle, KRV_PROC_END_NO_PROGRESS, 3, ""},
+                {partly, KRV_PROC_END_ERROR, 2, missing + "does not have it"}};
+    for (const auto &row : rows) {
+        const walked w = walk(row.core);
+        EXPECT_EQ(w.end.reason, row.reason) << w.end.message;
+        EXPECT_NE(std::string(w.end.message).find(row.message), std::string::npos) << w.end.message;
+        EXPECT_EQ(w.frames.size(), row.frames);
+    }
+    EXPECT_EQ(walk(called).pcs(), (std::vector<uint64_t>{0, core32::symbol("in_leaf"), core32::symbol("in_middle"),
+                                                         core32::symbol("in_start")}));
+    EXPECT_EQ(walk(partly).end.code, KRV_ERR_IO);
 
     const bytes whole = core32().build();
-    const proc_ptr cut = open(write("cut", whole.data(), whole.size() - 106));
+    const proc_ptr cut = open(write("cut", whole.first(whole.size() - 106).str()));
     ASSERT_NE(cut, nullptr) << error.message;
     EXPECT_EQ(walk_thread(cut.get(), 4711).end.message, missing + "was cut short");
     EXPECT_EQ(notes(cut.get()),
@@ -281,7 +233,6 @@ TEST_F(CoreFile32, OfMoreFilesThanDescriptors)
 {
     core32 core;
     core.files_of_pages = true;
-    const bytes b = core.build();
     rlimit limit = {};
     getrlimit(RLIMIT_NOFILE, &limit);
     const rlimit old = limit;
@@ -289,7 +240,7 @@ TEST_F(CoreFile32, OfMoreFilesThanDescriptors)
         const int lowest = dup(0);
         close(lowest);
         limit.rlim_cur = static_cast<rlim_t>(lowest) + left;
-        const std::string path = write("files", b.data(), b.size());
+        const std::string path = write("files", core.build().str());
         setrlimit(RLIMIT_NOFILE, &limit);
         const proc_ptr proc = open(path);
         unsigned seen = 0;
@@ -310,8 +261,7 @@ TEST_F(CoreFile32, WithAbsurdSizes)
     for (const uint32_t claimed : {0xffffffffU, 0x7fffffffU, 1U, 8U, 21U}) {
         core32 core;
         core.note_size = claimed;
-        const bytes b = core.build();
-        const proc_ptr proc = open(write("absurd", b.data(), b.size()));
+        const proc_ptr proc = open(write("absurd", core.build().str()));
         ASSERT_NE(proc, nullptr) << error.message;
         ask(proc.get());
         EXPECT_EQ(walk_thread(proc.get(), 4711).frames.size(), 1U) << claimed;
@@ -332,9 +282,9 @@ TEST_F(CoreFile, ThatClaimsMoreThanItHolds)
         {{.threads = 20'000}, "unable to get FDE", "unable to get FDE"},
     };
     for (const auto &c : cases) {
-        const bytes b = c.core.build();
+        const std::string path = write("crowd", c.core.build().str());
         const std::clock_t start = std::clock();
-        const proc_ptr proc = open(write("crowd", b.data(), b.size()));
+        const proc_ptr proc = open(path);
         ASSERT_NE(proc, nullptr) << error.message;
         EXPECT_EQ(our_stacks(proc.get()).size(), c.core.threads);
         EXPECT_LT(std::clock() - start, 15 * CLOCKS_PER_SEC) << "of the processor, without optimisation";

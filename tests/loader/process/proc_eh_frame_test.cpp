@@ -91,10 +91,7 @@ std::string caller_sp(target_memory &m, bool corrected)
     const krv_activation_owner ap(korva_activation_alloc(h));
     korva_activation_set_greg(h, ap.get(), KRV_ACTIVATION_REG_DWARF, 7, STACK);
     korva_activation_set_greg(h, ap.get(), KRV_ACTIVATION_REG_LIBRARY, KRV_REG_PC, CODE + 0x40);
-    krv_greg_t value = 0;
-    if (korva_activation_get_greg(h, ap.get(), KRV_ACTIVATION_REG_DWARF, KRV_ACTIVATION_FRAME_CALLER, 7, &value) != 0)
-        return error_line(h);
-    return text("%llx", static_cast<unsigned long long>(value));
+    return greg_of(h, ap.get(), KRV_ACTIVATION_FRAME_CALLER, KRV_ACTIVATION_REG_DWARF, 7);
 }
 
 TEST(EhFrameView, ShowsWhatTheCoreReads)
