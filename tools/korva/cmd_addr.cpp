@@ -80,9 +80,10 @@ private:
     answer find(const question &q);
     void answer_one(const question &q);
     void print(const question &q, const answer &a);
+    std::optional<std::string_view> unit_name(const answer &a);
     void add_text(const question &q, const answer &a);
     void add_gnu(const question &q, const answer &a);
-    void print_json(const question &q, const answer &a);
+    void add_json(const question &q, const answer &a);
     void add_address(uint64_t address) { append_hex(&m_line, address, m_digits); }
 
     const addr_options &m_options;
@@ -98,6 +99,8 @@ private:
     const bool m_shows_functions = !m_is_gnu || m_options.functions;
     std::string m_line;     // that is being made
     std::string m_function; // of the answer, demangled
+    std::optional<unit> m_named;
+    result<std::string> m_unit_name = error(); // of that one
 };
 
 } // namespace
@@ -179,10 +182,16 @@ static void append_line(std::string *line, const answer &a)
     }
 }
 
-static std::optional<std::string> unit_name(const answer &a)
+// Of the unit of the answer; nothing when there is none, or it has none. Kept, since the next answer is often of that too.
+std::optional<std::string_view> addr_run::unit_name(const answer &a)
 {
-    const auto name = a.owner ? a.owner->name() : result<std::string>(error{});
-    return name ? std::optional(*name) : std::nullopt;
+    if (!a.owner)
+        return {};
+    if (!m_named || m_named->get() != a.owner->get()) {
+        m_named = a.owner;
+        m_unit_name = a.owner->name();
+    }
+    return m_unit_name ? std::optional<std::string_view>(*m_unit_name) : std::nullopt;
 }
 
 void addr_run::add_text(const question &q, const answer &a)
@@ -230,26 +239,36 @@ void addr_run::add_gnu(const question &q, const answer &a)
     m_line += '\n';
 }
 
-void addr_run::print_json(const question &q, const answer &a)
+void addr_run::add_json(const question &q, const answer &a)
 {
-    const std::optional<std::string> unit = unit_name(a);
-    m_out.record({{"input", q.text},
-                  {"address", q.address ? hex(*q.address) : json_value(nullptr)},
-                  {"function", a.has_function ? json_value(a.function) : json_value(nullptr)},
-                  {"file", a.path.empty() ? json_value(nullptr) : json_value(a.path)},
-                  {"line", or_null(a.row.line)},
-                  {"column", or_null(a.row.column)},
-                  {"discriminator", a.has_row ? json_value(a.row.discriminator) : json_value(nullptr)},
-                  {"unit", unit ? json_value(*unit) : json_value(nullptr)}});
+    const auto text = [this](const char *key, std::optional<std::string_view> value) {
+        m_line += key;
+        value ? append_json(&m_line, *value) : void(m_line += "null");
+    };
+    const auto number = [this](const char *key, uint64_t value, bool is_known) {
+        m_line += key;
+        is_known ? append_decimal(&m_line, value) : void(m_line += "null");
+    };
+    text("{\"input\":", q.text);
+    const std::string address = q.address ? fmt::format("0x{:x}", *q.address) : "";
+    text(",\"address\":", q.address ? std::optional<std::string_view>(address) : std::nullopt);
+    text(",\"function\":", a.has_function ? std::optional(a.function) : std::nullopt);
+    text(",\"file\":", a.path.empty() ? std::nullopt : std::optional(a.path));
+    number(",\"line\":", a.row.line, a.row.line != 0);
+    number(",\"column\":", a.row.column, a.row.column != 0);
+    number(",\"discriminator\":", a.row.discriminator, a.has_row);
+    text(",\"unit\":", unit_name(a));
+    m_line += '}';
 }
 
 void addr_run::print(const question &q, const answer &a)
 {
+    m_line.clear();
     if (m_out.is_json()) {
-        print_json(q, a);
+        add_json(q, a);
+        m_out.record_text(m_line);
         return;
     }
-    m_line.clear();
     if (m_is_gnu)
         add_gnu(q, a);
     else
@@ -303,7 +322,7 @@ int addr_run::finish()
 static std::unique_ptr<object> open_object(const addr_options &options)
 {
     try {
-        return std::make_unique<object>(options.file, options.raw, options.debug_dirs);
+        return std::make_unique<object>(options.file, options.flags(), options.debug_dirs);
     } catch (const failure &f) {
         throw failure(f.what() + (options.inputs.empty() ? "" : hint_at_exe(options, options.inputs[0])));
     }

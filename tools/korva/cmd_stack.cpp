@@ -86,7 +86,7 @@ stack_run::stack_run(const stack_options &options) : m_options(options), m_out(o
         throw failure(opened.error().text());
     m_proc.emplace(std::move(*opened));
     m_info = m_proc->info();
-    if (!m_proc->set_files(options.raw ? KRV_ELF_F_RAW : KRV_ELF_F_NONE, options.debug_dirs))
+    if (!m_proc->set_files(options.flags(), options.debug_dirs))
         throw std::bad_alloc();
 }
 

@@ -7,6 +7,7 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <numeric>
 #include <utility>
 
 namespace korva::program
@@ -24,6 +25,8 @@ bool locator::read_units()
         m_no_units = true;
         return false;
     }
+    m_next.resize(m_units->size() + 1);
+    std::iota(m_next.begin(), m_next.end(), size_t{0});
     for (unit_record &u : *m_units) {
         const result<coverage> known = u.unit.covers(0, KRV_LOOKUP_F_FAST);
         if (!known)
@@ -73,6 +76,11 @@ void locator::refuse_lines(unit_record &u, const error &why)
     m_object->refuse(u, fmt::format("line table of unit at offset 0x{:x}: {}", u.header.offset, why.text()));
 }
 
+static bool has_no_lines(const unit_record &u)
+{
+    return u.lines && u.lines->start > u.lines->end;
+}
+
 // Many units may cover an address of which they know no line. Asked again, they are passed over.
 void locator::learn_lines(unit_record &u)
 {
@@ -115,6 +123,19 @@ locator::outcome locator::ask(unit_record &u, const extent &range, uint64_t addr
     return outcome::refused;
 }
 
+// The first unit from `number` on that may have lines, or one behind the last. What was passed over once is not passed
+// over again.
+size_t locator::next_with_lines(size_t number)
+{
+    size_t with = number;
+    for (; m_next[with] != with || (with < m_units->size() && has_no_lines((*m_units)[with])); with = m_next[with])
+        if (m_next[with] == with)
+            m_next[with] = with + 1;
+    while (number < with)
+        number = std::exchange(m_next[number], with);
+    return with;
+}
+
 // NULL: a unit that the table of units does not have, as damaged ranges may name one.
 unit_record *locator::record_of(const unit &u)
 {
@@ -152,9 +173,11 @@ locator::outcome locator::ask_covering(uint64_t address, location *found)
                                 (u.lines->start <= range.address || u.lines->start - range.address <= range.size));
         };
         outcome result = ask(*first, range, address, found);
-        for (unit_record *u = first + 1; result == outcome::absent && u != m_units->data() + m_units->size(); ++u)
-            if (may_know(*u) && covers(*u, address, flags))
-                result = ask(*u, range, address, found);
+        const auto behind = static_cast<size_t>(first - m_units->data()) + 1;
+        for (size_t i = next_with_lines(behind); result == outcome::absent && i < m_units->size();
+             i = next_with_lines(i + 1))
+            if (may_know((*m_units)[i]) && covers((*m_units)[i], address, flags))
+                result = ask((*m_units)[i], range, address, found);
         if (result != outcome::absent)
             return result;
     }

@@ -45,6 +45,7 @@ private:
     bool covers(const unit_record &u, uint64_t address, krv_lookup_flag_t flags);
     void refuse_lines(unit_record &u, const error &why);
     static void learn_lines(unit_record &u);
+    size_t next_with_lines(size_t number);
     std::optional<source_view> ask_readable(const unit &u, uint64_t address) const;
     extent range_around(uint64_t address, location *found) const;
     outcome ask(unit_record &u, const extent &range, uint64_t address, location *found);
@@ -57,6 +58,7 @@ private:
     std::vector<unit_record> *m_units = nullptr; // read when an address is not known at once
     bool m_no_units = false;                     // they cannot be read
     std::vector<unit_record *> m_unranged;       // units whose ranges only a look at their entries can tell
+    std::vector<size_t> m_next;                  // of each unit known to have no lines, one to go on with behind it
     bool m_lines_refused = false;                // of any unit
     bool m_ranges_failed = false;
     bool m_indexed = false;

@@ -106,6 +106,16 @@ std::string to_text(const json_value &value)
     return value.dump(-1, ' ', false, json_value::error_handler_t::replace);
 }
 
+void append_json(std::string *line, std::string_view text)
+{
+    const bool is_plain =
+        std::all_of(text.begin(), text.end(), [](char c) { return c >= 0x20 && c < 0x7f && c != '"' && c != '\\'; });
+    if (is_plain)
+        line->append("\"").append(text).append("\"");
+    else
+        line->append(to_text(json_value(text)));
+}
+
 [[noreturn]] static void output_failed()
 {
     const int error = errno;
@@ -130,8 +140,13 @@ void answers::write(std::string_view text)
 
 void answers::record(const json_value &record)
 {
+    record_text(to_text(record));
+}
+
+void answers::record_text(std::string_view record)
+{
     open_record();
-    write(to_text(record));
+    write(record);
     close_record();
 }
 

@@ -86,6 +86,8 @@ public:
     }
     void write(std::string_view text);
     void record(const json_value &record);
+    /** One that is text already. */
+    void record_text(std::string_view record);
     /** A record written piece by piece goes between these. */
     void open_record();
     void close_record();
@@ -113,6 +115,8 @@ inline json_value or_null(uint64_t number)
 
 /** A value as JSON text. */
 std::string to_text(const json_value &value);
+/** Adds a string to a line, as JSON text. */
+void append_json(std::string *line, std::string_view text);
 
 /** An address or offset of a record. A string: numbers above 2^53 do not survive every JSON reader. */
 inline json_value hex(uint64_t number)
