@@ -2,12 +2,12 @@
 //
 // Micro-benchmarks of the inner operations, on data that the builders make.
 #include "builders/frames.h"
+#include "builders/handle.h"
 #include "krv_code.h"
 #include "krv_frame.h"
 #include "krv_info.h"
 #include "krv_line.h"
 #include "krv_unwind.h"
-#include "support/handle.h"
 
 #include <benchmark/benchmark.h>
 

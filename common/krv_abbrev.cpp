@@ -516,14 +516,15 @@ static krv_hash_t *get_auphash(krv_handle_t *hp)
     return fresh == nullptr ? nullptr : krv_publish(&hp->sh_auphash, fresh, krv_hash_destroy);
 }
 
-// Checks a table, or, when `first_only`, reads its first abbreviation. *where stops behind it, or where it fails.
+// Checks a table, or, when `wanted_only`, reads it up to the abbreviation with the code. *where stops behind it, or where it
+// fails.
 template <typename Forms>
-static bool check_abbrevs(const uint8_t **where, const uint8_t *end, uint64_t code, bool first_only,
+static bool check_abbrevs(const uint8_t **where, const uint8_t *end, uint64_t code, bool wanted_only,
                           krv_single_abbrev_t *single)
 {
     const uint8_t *&at = *where;
     bool found = false;
-    for (uint64_t expected = 1; at != end && !(first_only && found); ++expected) {
+    for (uint64_t expected = 1; at != end && !(wanted_only && found); ++expected) {
         krv_abbrev_t abbrev = {};
         if (!scan_head(&at, end, &abbrev))
             return false;
@@ -549,11 +550,28 @@ static bool check_abbrevs(const uint8_t **where, const uint8_t *end, uint64_t co
 
 constexpr krv_offset_t NONE = UINT64_MAX; // sh_abbrev_checked: no sound table
 
+// As written, what an entry does not need may be damaged, and units are read in any order. Many that share a table, or name
+// tails of one, have it parsed in the end.
+static bool find_in_table(krv_handle_t *hp, krv_offset_t offset, uint64_t code, krv_single_abbrev_t *single)
+{
+    constexpr uint64_t MOST_READINGS = 2; // of a byte, on the average
+    const krv_fd_t *fdp = &hp->sh_sec[KRV_SEC_ABBREV];
+    if (hp->sh_abbrev_scanned / MOST_READINGS > fdp->sfd_size)
+        return false;
+    const uint8_t *const begin = fdp->sfd_u.buf + offset, *at = begin;
+    const bool found = check_abbrevs<extended_forms>(&at, fdp->sfd_u.buf + fdp->sfd_size, code, true, single);
+    if (code != 1 || !found)
+        hp->sh_abbrev_scanned += static_cast<uint64_t>(at - begin);
+    return found;
+}
+
 bool krv_abbrev_check_table(krv_handle_t *hp, krv_offset_t offset, uint64_t code, krv_single_abbrev_t *single)
 {
     const krv_fd_t *fdp = &hp->sh_sec[KRV_SEC_ABBREV];
     if (krv_fd_is_cb(fdp) || offset >= fdp->sfd_size)
         return false;
+    if (krv_reads_as_written(hp))
+        return find_in_table(hp, offset, code, single);
     // Units stand in the order of their tables, or share one. No byte is checked again: neither of a sound table, whose
     // first abbreviation alone is read for further units, nor of one that failed, of which tails may be named.
     const bool again = hp->sh_abbrev_checked_end != 0 && offset == hp->sh_abbrev_checked;

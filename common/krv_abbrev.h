@@ -56,7 +56,8 @@ inline uint32_t krv_abbrev_implicit_count(const krv_abbrev_t *abbrev)
 // While units are read, only their first entries need an abbreviation, but a damaged table has to fail them. Reads the
 // whole table at `offset` and keeps the one abbreviation with `code`. False, with nothing changed but *single, where only
 // krv_get_au_by_offset can tell: the table is not in memory, irregular, lacks the code, or does not follow the one that
-// was checked last. The caller holds the handle's write lock.
+// was checked last. The caller holds the handle's write lock. Where input is read as written, the table is looked at in any
+// order, and only up to the abbreviation.
 bool krv_abbrev_check_table(krv_handle_t *hp, krv_offset_t offset, uint64_t code, krv_single_abbrev_t *single);
 
 // Comes before the section is replaced: parses the table that was checked last, and checks anew from then on. 0, or -1

@@ -9,6 +9,8 @@
 #include "krv_lookup.h"
 #include "krv_mem.h"
 #include "krv_search.h"
+#include "krv_sets.h"
+#include "krv_units.h"
 
 #include <algorithm>
 #include <numeric>
@@ -52,7 +54,7 @@ struct range_table {
 
 } // namespace
 
-static bool append_range(krv_handle_t *hp, range_table *t, const range &r)
+static inline bool append_range(krv_handle_t *hp, range_table *t, const range &r)
 {
     if (r.start >= r.end)
         return true;
@@ -62,11 +64,14 @@ static bool append_range(krv_handle_t *hp, range_table *t, const range &r)
     return true;
 }
 
-// Asks every unit for its ranges. False: KRV_ERR_NOMEM.
+// Asks every unit for its ranges; as written, every one that no set names. False: KRV_ERR_NOMEM.
 static bool collect_ranges(krv_handle_t *hp, krv_lookup_flag_t flags, range_table *t, krv_addr_index *index)
 {
     uint32_t unknown_size = 0;
+    const krv_sets *sets = hp->sh_sets;
     for (uint32_t unit = 0; unit < hp->sh_cu_table_entries; ++unit) {
+        if (sets != nullptr && krv_sets_find(sets, hp->sh_cu_table[unit]->dcu_offset) != nullptr)
+            continue;
         uint64_t *pairs = nullptr;
         if (krv_lookup_get_ranges(hp, hp->sh_cu_table[unit], flags, &pairs) != 0)
             return false;
@@ -79,6 +84,21 @@ static bool collect_ranges(krv_handle_t *hp, krv_lookup_flag_t flags, range_tabl
         const uint64_t count = krv_ranges_count(pairs);
         for (uint64_t i = 0; i < count; ++i)
             if (!append_range(hp, t, {pairs[2 * i], pairs[2 * i + 1], unit}))
+                return false;
+    }
+    return true;
+}
+
+// The ranges of sets; as units count the first sets that name them.
+static bool collect_sets(krv_handle_t *hp, const krv_sets *sets, range_table *t)
+{
+    uint32_t first = 0;
+    for (uint32_t i = 0; i < sets->ss_entries; ++i) {
+        const krv_set_t &set = sets->ss_sets[i];
+        if (set.set_unit != sets->ss_sets[first].set_unit)
+            first = i;
+        for (size_t k = 0; k < set.set_entries; ++k)
+            if (!append_range(hp, t, {set.set_ranges[k].start, set.set_ranges[k].end, first}))
                 return false;
     }
     return true;
@@ -165,11 +185,13 @@ static bool paint(krv_handle_t *hp, const range_table *t, krv_addr_index *index,
     return true;
 }
 
-static krv_addr_index *build_index(krv_handle_t *hp, krv_lookup_flag_t flags)
+// collect(table, index) fills the table.
+template <typename Collect>
+static krv_addr_index *build_index(krv_handle_t *hp, const Collect &collect)
 {
     index_owner index(krv_new<krv_addr_index>(hp));
     range_table t;
-    if (index == nullptr || !collect_ranges(hp, flags, &t, index.get()))
+    if (index == nullptr || !collect(&t, index.get()))
         return nullptr;
     const krv_owner<size_t> pieces(alloc_array<size_t>(hp, 2 * t.entries));
     if (pieces == nullptr || !find_pieces(hp, &t, index.get(), pieces.get()) ||
@@ -179,17 +201,35 @@ static krv_addr_index *build_index(krv_handle_t *hp, krv_lookup_flag_t flags)
     return index.release();
 }
 
+// The index of units for the flags, published in the slot. NULL on failure.
+[[gnu::noinline]] static const krv_addr_index *make_index(krv_handle_t *hp, krv_lookup_flag_t flags,
+                                                          krv_addr_index **slot)
+{
+    if (krv_lookup_prepare_ranges(hp) != 0 || krv_lookup_build_cu_caches(hp) != 0)
+        return nullptr;
+    krv_addr_index *fresh = build_index(
+        hp, [hp, flags](range_table *t, krv_addr_index *index) { return collect_ranges(hp, flags, t, index); });
+    return fresh == nullptr ? nullptr : krv_publish(slot, fresh, index_deleter());
+}
+
 // The index for the flags; one of all units serves both. NULL on failure.
 static const krv_addr_index *get_index(krv_handle_t *hp, krv_lookup_flag_t flags)
 {
     if (const krv_addr_index *all = krv_load(&hp->sh_addr_all))
         return all;
-    const bool fast = (flags & KRV_LOOKUP_F_FAST) != 0;
-    krv_addr_index **slot = fast ? &hp->sh_addr_known : &hp->sh_addr_all;
-    if (const krv_addr_index *known = krv_load(slot))
-        return known;
-    krv_addr_index *fresh = krv_lookup_prepare_ranges(hp) == 0 ? build_index(hp, flags) : nullptr;
-    return fresh == nullptr ? nullptr : krv_publish(slot, fresh, index_deleter());
+    krv_addr_index **slot = (flags & KRV_LOOKUP_F_FAST) != 0 ? &hp->sh_addr_known : &hp->sh_addr_all;
+    const krv_addr_index *known = krv_load(slot);
+    return known != nullptr ? known : make_index(hp, flags, slot);
+}
+
+// The index of sets, likewise.
+[[gnu::noinline]] static const krv_addr_index *make_sets_index(krv_handle_t *hp)
+{
+    if (krv_lookup_prepare_ranges(hp) != 0)
+        return nullptr;
+    krv_addr_index *fresh =
+        build_index(hp, [hp](range_table *t, krv_addr_index *) { return collect_sets(hp, hp->sh_sets, t); });
+    return fresh == nullptr ? nullptr : krv_publish(&hp->sh_addr_sets, fresh, index_deleter());
 }
 
 static uint32_t search(const krv_addr_index *index, uint64_t address)
@@ -215,11 +255,25 @@ static uint32_t search_scanned(const krv_handle_t *hp, const krv_addr_index *ind
 void krv_addr_index_destroy(krv_handle_t *hp)
 {
     KRV_ASSERT(hp != NULL);
-    for (krv_addr_index **slot : {&hp->sh_addr_known, &hp->sh_addr_all}) {
+    for (krv_addr_index **slot : {&hp->sh_addr_sets, &hp->sh_addr_known, &hp->sh_addr_all}) {
         if (*slot != nullptr)
             index_deleter()(*slot);
         *slot = nullptr;
     }
+}
+
+// The unit that a set names for the address, with nothing else read of .debug_info. NULL: KRV_ERR_NOTFOUND, or with the
+// code of what failed.
+static krv_ctu_t *find_by_sets(krv_handle_t *hp, uint64_t address)
+{
+    const krv_addr_index *index = krv_load(&hp->sh_addr_sets);
+    if (index == nullptr && (index = make_sets_index(hp)) == nullptr)
+        return nullptr;
+    const uint32_t first = search(index, address);
+    if (first != KRV_NO_UNIT)
+        return krv_units_get_named(hp, &hp->sh_sets->ss_sets[first]);
+    hp->sh_errno = KRV_ERR_NOTFOUND;
+    return nullptr;
 }
 
 krv_ctu_t *korva_lookup_ctu_by_addr(krv_handle_t *hp, uint64_t address, krv_lookup_flag_t flags)
@@ -227,6 +281,12 @@ krv_ctu_t *korva_lookup_ctu_by_addr(krv_handle_t *hp, uint64_t address, krv_look
     if (hp == nullptr)
         return nullptr;
     krv_clear_error(hp);
+    if (krv_reads_as_written(hp)) {
+        krv_ctu_t *cu = find_by_sets(hp, address);
+        if (cu != nullptr || hp->sh_errno != KRV_ERR_NOTFOUND || hp->sh_nerrors != 0)
+            return cu;
+        krv_clear_error(hp);
+    }
     const krv_addr_index *index = get_index(hp, flags);
     if (index == nullptr)
         return nullptr;

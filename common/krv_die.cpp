@@ -281,9 +281,7 @@ static krv_die_t *read_die(krv_handle_t *hp, krv_fd_t *fdp, krv_ctu_t *cu, krv_a
     return !leads || resolve_values(hp, cu, die.get()) ? die.release() : nullptr;
 }
 
-// Attributes that a walk over entries of a unit may read: those without bytes (DW_FORM_flag_present) are few among the
-// others.
-static uint64_t most_attributes(const krv_ctu_t *cu)
+uint64_t krv_cu_most_attributes(const krv_ctu_t *cu)
 {
     constexpr uint64_t MOST = 64; // a byte
     return cu->dcu_size > UINT64_MAX / MOST ? UINT64_MAX : MOST * cu->dcu_size;
@@ -341,8 +339,7 @@ static bool take_attributes(krv_handle_t *hp, const krv_abbrev_t *abbrev, uint64
     return die;
 }
 
-// The next entry of a walk.
-static krv_die_t *next_die(krv_handle_t *hp, krv_ctu_t *cu, krv_offset_t offset, uint64_t *left)
+krv_die_t *krv_alloc_next_die(krv_handle_t *hp, krv_ctu_t *cu, krv_offset_t offset, uint64_t *left)
 {
     return alloc_die(hp, cu, offset, nullptr, left);
 }
@@ -356,7 +353,7 @@ krv_die_t *krv_alloc_die_by_cu_offset(krv_handle_t *hp, krv_ctu_t *cu, krv_offse
         return nullptr;
     }
     uint64_t left = UINT64_MAX;
-    return next_die(hp, cu, offset, &left);
+    return krv_alloc_next_die(hp, cu, offset, &left);
 }
 
 krv_die_t *krv_alloc_first_die(krv_handle_t *hp, krv_ctu_t *cu, krv_single_abbrev_t *single)
@@ -509,14 +506,14 @@ static krv_die_t *first_child(krv_handle_t *hp, krv_die_t *die, uint64_t *left)
         hp->sh_errno = KRV_ERR_NOTFOUND;
         return nullptr;
     }
-    return next_die(hp, die->dwdie_parent_cu, offset_behind(die), left);
+    return krv_alloc_next_die(hp, die->dwdie_parent_cu, offset_behind(die), left);
 }
 
 krv_die_t *krv_alloc_die_child(krv_handle_t *hp, krv_die_t *die)
 {
     KRV_ASSERT(hp != NULL);
     KRV_ASSERT(die != NULL);
-    uint64_t left = most_attributes(die->dwdie_parent_cu);
+    uint64_t left = krv_cu_most_attributes(die->dwdie_parent_cu);
     return first_child(hp, die, &left);
 }
 
@@ -544,7 +541,7 @@ static int skip_children(krv_handle_t *hp, krv_die_t *top, krv_offset_t *offsetp
     bool is_first = true;
     uint64_t level = 1;
     while (level > 0) {
-        const die_owner die(next_die(hp, cu, offset, left));
+        const die_owner die(krv_alloc_next_die(hp, cu, offset, left));
         if (die == nullptr) {
             if (is_first)
                 return krv_fail(hp, KRV_ERR_CORRUPT, "Couldn't obtain child for %s DIE at %lld/%+lld", ".debug_info",
@@ -577,14 +574,14 @@ static krv_die_t *next_sibling(krv_handle_t *hp, krv_die_t *die, uint64_t *left)
     if (has_children(die) && get_sibling_link(hp, die, &offset) != 0 &&
         (hp->sh_errno != KRV_ERR_NOTFOUND || skip_children(hp, die, &offset, left) != 0))
         return nullptr;
-    return next_die(hp, die->dwdie_parent_cu, offset, left);
+    return krv_alloc_next_die(hp, die->dwdie_parent_cu, offset, left);
 }
 
 krv_die_t *krv_alloc_die_sibling(krv_handle_t *hp, krv_die_t *die)
 {
     KRV_ASSERT(hp != NULL);
     KRV_ASSERT(die != NULL);
-    uint64_t left = most_attributes(die->dwdie_parent_cu);
+    uint64_t left = krv_cu_most_attributes(die->dwdie_parent_cu);
     return next_sibling(hp, die, &left);
 }
 
@@ -593,7 +590,7 @@ int krv_iter_children_in_die(krv_handle_t *hp, krv_die_t *die, krv_iter_die_chil
     KRV_ASSERT(hp != NULL);
     KRV_ASSERT(die != NULL);
     KRV_ASSERT(fn != NULL);
-    uint64_t left = most_attributes(die->dwdie_parent_cu);
+    uint64_t left = krv_cu_most_attributes(die->dwdie_parent_cu);
     die_owner child(first_child(hp, die, &left));
     if (child == nullptr) {
         krv_note(hp, "DIE has no children");

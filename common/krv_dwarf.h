@@ -506,6 +506,16 @@ enum : unsigned {
     DW_AT_GNU_ranges_base = 0x2132,
     DW_AT_GNU_addr_base = 0x2133,
     DW_CFA_GNU_args_size = 0x2e,
+    DW_LLE_default_location = 0x05, // DWARF 5, 7.7.3
+    DW_LLE_GNU_view_pair = 0x09,
+    DW_RLE_end_of_list = 0x00, // DWARF 5, 7.25
+    DW_RLE_base_addressx = 0x01,
+    DW_RLE_startx_endx = 0x02,
+    DW_RLE_startx_length = 0x03,
+    DW_RLE_offset_pair = 0x04,
+    DW_RLE_base_address = 0x05,
+    DW_RLE_start_end = 0x06,
+    DW_RLE_start_length = 0x07,
     DW_CFA_primary = 0xc0,   // mask: the opcodes with an operand in their own byte
     DW_EH_PE_format = 0x0f,  // mask: how a pointer is read
     DW_EH_PE_base = 0x70,    // mask: what it counts from

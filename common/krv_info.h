@@ -85,6 +85,11 @@ void krv_cu_free(krv_ctu_t *cu); // not its line-number header, which is read ab
 krv_die_t *krv_alloc_die_by_cu_offset(krv_handle_t *hp, krv_ctu_t *cu, krv_offset_t offset);
 void krv_free_die(krv_die_t *die); // NULL is ignored
 
+// The same of a walk. `left`: attributes that it may still read, at first krv_cu_most_attributes: those without bytes
+// (DW_FORM_flag_present) are few among the others.
+krv_die_t *krv_alloc_next_die(krv_handle_t *hp, krv_ctu_t *cu, krv_offset_t offset, uint64_t *left);
+uint64_t krv_cu_most_attributes(const krv_ctu_t *cu);
+
 // A new unit's first entry, likewise. Its abbreviation may be *single, which is to live as long as the entry.
 krv_die_t *krv_alloc_first_die(krv_handle_t *hp, krv_ctu_t *cu, krv_single_abbrev_t *single);
 

@@ -4,7 +4,11 @@
 #include "krv_build.h"
 #include "krv_dwarf.h"
 #include "krv_error.h"
+#include "krv_ext.h"
+#include "krv_functions.h"
 #include "krv_mem.h"
+#include "krv_ranges.h"
+#include "krv_sets.h"
 #include "krv_units.h"
 
 // ---------------------------------------------------------------------------------------------------------------
@@ -74,7 +78,7 @@ static bool replace_ranges(krv_handle_t *hp, krv_ctu_t *cu, krv_lcpc_t *list)
 }
 
 // Hands a list over to a unit without ranges; a list that another thread published meanwhile stays. Needs no lock.
-static bool publish_ranges(krv_handle_t *hp, krv_ctu_t *cu, krv_lcpc_t *list)
+[[gnu::always_inline]] static inline bool publish_ranges(krv_handle_t *hp, krv_ctu_t *cu, krv_lcpc_t *list)
 {
     if (!finish_list(hp, list))
         return false;
@@ -247,11 +251,128 @@ static int find_ranges(krv_handle_t *hp, krv_ctu_t *cu, krv_lookup_flag_t flags)
     return -1;
 }
 
+// ---------------------------------------------------------------------------------------------------------------
+// Ranges as they are written
+// ---------------------------------------------------------------------------------------------------------------
+
+namespace
+{
+
+// The ranges of a unit while its entries are asked for them.
+struct written_ranges {
+    krv_lcpc_t list = {};
+    uint64_t left = 0; // bytes of range lists that may still be read for units
+    uint64_t dead = 0; // ranges that were left out
+};
+
+} // namespace
+
+// Each byte of the range lists is read twice, on the average, before units are taken to share what no compiler shares.
+static uint64_t most_list_bytes(krv_handle_t *hp)
+{
+    constexpr uint64_t MOST_READINGS = 2;
+    const uint64_t size =
+        krv_add_offset(krv_section(hp, KRV_SEC_EXT_RANGES)->sfd_size, krv_section(hp, KRV_SEC_EXT_RNGLISTS)->sfd_size);
+    return size > UINT64_MAX / MOST_READINGS ? UINT64_MAX : MOST_READINGS * size;
+}
+
+// Appends the ranges of an entry. 1, 0 when it has none, or -1.
+static int append_entry_ranges(krv_handle_t *hp, const krv_ctu_t *cu, const krv_die_t *die, written_ranges *of)
+{
+    krv_ranges_t ranges;
+    const int begun = krv_ranges_begin(hp, cu, die, &ranges);
+    if (begun != 1)
+        return begun;
+    ranges.sr_left = &of->left;
+    uint64_t start, end;
+    int next;
+    while ((next = krv_ranges_next(&ranges, &start, &end)) == 1)
+        if (krv_lookup_insert_arange_entry(hp, start, end, &of->list) != 0)
+            return -1;
+    of->dead += ranges.sr_dead;
+    return next == 0 ? 1 : -1;
+}
+
+static int append_function(krv_handle_t *hp, krv_die_t *die, void *arg)
+{
+    return append_entry_ranges(hp, die->dwdie_parent_cu, die, static_cast<written_ranges *>(arg)) == -1 ? -1 : 0;
+}
+
+static int append_functions(krv_handle_t *hp, krv_ctu_t *cu, written_ranges *of)
+{
+    const krv_build_guard guard(hp);
+    return guard.is_nested() ? guard.refuse() : krv_iter_functions(hp, cu, append_function, of);
+}
+
+// What sets say of a unit, else its own entry, else its functions. 1, 0 when flags forbid to look for those, or -1.
+static int append_unit_ranges(krv_handle_t *hp, krv_ctu_t *cu, krv_lookup_flag_t flags, written_ranges *of)
+{
+    if (cu->dcu_kind == 0)
+        return 1;
+    if (const krv_set_t *first = krv_sets_find(hp->sh_sets, cu->dcu_offset)) {
+        int result = 1;
+        krv_sets_visit(hp->sh_sets, first, [&](const krv_set_t *set) {
+            for (size_t i = 0; i < set->set_entries && result == 1; ++i)
+                if (krv_lookup_insert_arange_entry(hp, set->set_ranges[i].start, set->set_ranges[i].end, &of->list) !=
+                    0)
+                    result = -1;
+        });
+        return result;
+    }
+    const int own = append_entry_ranges(hp, cu, cu->dcu_compile_unit, of);
+    if (own != 0)
+        return own;
+    if (cu->dcu_kind != KRV_UNIT_COMPILE) // the functions of other kinds have their code elsewhere
+        return 1;
+    if ((flags & KRV_LOOKUP_F_FAST) != 0)
+        return 0;
+    if (append_functions(hp, cu, of) != 0)
+        return -1;
+    __atomic_fetch_add(&hp->sh_scanned_units, 1, __ATOMIC_RELEASE);
+    return 1;
+}
+
+// As find_ranges. What can be read of a list that is damaged counts.
+[[gnu::noinline]] static int find_written_ranges(krv_handle_t *hp, krv_ctu_t *cu, krv_lookup_flag_t flags)
+{
+    const auto offset = static_cast<unsigned long>(cu->dcu_offset);
+    const uint64_t most = most_list_bytes(hp), read = hp->sh_ranges_read;
+    written_ranges of{.left = read < most ? most - read : 0};
+    const int found = append_unit_ranges(hp, cu, flags, &of);
+    hp->sh_ranges_read = most - of.left;
+    bool known = found == 1;
+    if (found == -1 && hp->sh_errno != KRV_ERR_NOMEM && hp->sh_errno != KRV_ERR_IO && hp->sh_errno != KRV_ERR_INVALID) {
+        krv_tell(hp, KRV_SEC_INFO, cu->dcu_offset, true, "ranges of the unit at offset 0x%lx of .debug_info: %s",
+                 offset, krv_cause(hp));
+        known = true;
+    }
+    if (of.dead != 0)
+        krv_tell(
+            hp, KRV_SEC_INFO, cu->dcu_offset, false,
+            "%lu ranges of the unit at offset 0x%lx of .debug_info are of code that is not in the object: left out",
+            static_cast<unsigned long>(of.dead), offset);
+    if (known) {
+        krv_clear_error(hp);
+        if (of.list.slpc_aranges_entries == 0) // so that it matches nothing, and is not looked at again
+            known = krv_lookup_insert_arange_entry(hp, 0, 0, &of.list) == 0;
+        if (known && publish_ranges(hp, cu, &of.list))
+            return 0;
+    }
+    free_list(&of.list);
+    return found == 0 ? 0 : -1;
+}
+
+// ---------------------------------------------------------------------------------------------------------------
+// Ranges of a unit
+// ---------------------------------------------------------------------------------------------------------------
+
 int krv_lookup_prepare_ranges(krv_handle_t *hp)
 {
     KRV_ASSERT(hp != NULL);
     if (hp->sh_sec[KRV_SEC_INFO].sfd_size == 0)
         return krv_fail(hp, KRV_ERR_NOTFOUND, "handle has no .debug_info");
+    if (krv_reads_as_written(hp))
+        return krv_sets_get(hp) != nullptr ? 0 : -1;
     return krv_lookup_build_cu_caches(hp) == 0 && apply_aranges(hp) == 0 ? 0 : -1;
 }
 
@@ -261,7 +382,8 @@ int krv_lookup_get_ranges(krv_handle_t *hp, krv_ctu_t *cu, krv_lookup_flag_t fla
     KRV_ASSERT(cu != NULL);
     KRV_ASSERT(pairsp != NULL);
     *pairsp = krv_load(&cu->dcu_aranges);
-    if (*pairsp == nullptr && find_ranges(hp, cu, flags) != 0)
+    if (*pairsp == nullptr &&
+        (krv_reads_as_written(hp) ? find_written_ranges(hp, cu, flags) : find_ranges(hp, cu, flags)) != 0)
         return -1;
     *pairsp = krv_load(&cu->dcu_aranges);
     return 0;

@@ -18,7 +18,7 @@ typedef struct krv_lookup_cu_populate_cookie {
 // Appends one pair. 0, or 1 with KRV_ERR_NOMEM.
 int krv_lookup_insert_arange_entry(krv_handle_t *hp, uint64_t start, uint64_t end, krv_lcpc_t *list);
 
-// Makes the units and what .debug_aranges says of them known. 0, or -1, also when there is no .debug_info.
+// Makes what .debug_aranges says known, and the units that it says it of unless input is read as written. 0, or -1, also when there is no .debug_info.
 int krv_lookup_prepare_ranges(krv_handle_t *hp);
 
 // The pairs of a unit, found on first use; NULL with 0 when only a scan could tell and flags forbid it. -1 with

@@ -12,6 +12,7 @@ struct krv_addr_index;
 struct krv_hash;
 struct krv_reader;
 struct krv_retired;
+struct krv_sets;
 
 constexpr unsigned KRV_MAX_ERRORS = 16;      // message slots of a handle
 constexpr unsigned KRV_MAX_ERROR_SIZE = 256; // bytes of each, the terminating NUL included
@@ -64,10 +65,14 @@ struct krv_handle {
     krv_relaxed<uint64_t> sh_abbrev_bytes; // of .debug_abbrev in the tables of sh_auphash
     krv_offset_t sh_abbrev_checked;        // where the table begins that krv_abbrev_check_table has found sound last
     krv_offset_t sh_abbrev_checked_end;    // what it has read lies before this; 0: nothing yet
+    uint64_t sh_abbrev_scanned;            // bytes that it has read where input is read as written
     krv_hash *sh_line_headers;             // what units share of .debug_line, built on first use
     krv_relaxed<uint64_t> sh_line_bytes;   // of memory in line headers, files and matrices
     uint32_t sh_ext;                       // KRV_EXT_*, fixed before the first query
     krv_fd_t sh_ext_sec[KRV_EXT_SECTIONS]; // one cursor a section of extensions
+    krv_sets *sh_sets;                     // what .debug_aranges says, as written; built on first use, published last
+    krv_addr_index *sh_addr_sets;          // units that it names by address, published by compare-and-swap
+    krv_relaxed<uint64_t> sh_ranges_read;  // bytes of range lists that were read for units
     krv_note_f *sh_note_func;              // NULL: nobody wants to know
     void *sh_note_arg;
     krv_code_range_t *sh_code; // owned: see krv_is_code

@@ -4,17 +4,29 @@
 #include "krv_abbrev.h"
 #include "krv_build.h"
 #include "krv_error.h"
+#include "krv_ext.h"
 #include "krv_fd.h"
 #include "krv_hash.h"
 #include "krv_info.h"
 #include "krv_line.h"
 #include "krv_mem.h"
 
+static krv_ctu_t no_unit; // in place of one that a set names and that cannot be read
+
 static void free_unit(krv_ctu_t *cu)
 {
     if (cu->dcu_lnphp != nullptr)
         krv_lnph_free(cu->dcu_lnphp);
     krv_cu_free(cu);
+}
+
+// The unit that was made at this offset before the table, or NULL. It belongs to its set until a table has it.
+static krv_ctu_t *find_made(const krv_handle_t *hp, uint64_t offset)
+{
+    if (hp->sh_sets == nullptr)
+        return nullptr;
+    const krv_set_t *set = krv_sets_find(hp->sh_sets, offset);
+    return set == nullptr || set->set_made == &no_unit ? nullptr : set->set_made;
 }
 
 namespace
@@ -26,15 +38,24 @@ struct table_builder {
     krv_ctu_t **units = nullptr;
     uint32_t size = 0, entries = 0;
     krv_hash_t *hash = nullptr;
-    uint64_t attributes = 0; // of the units' first entries, which are kept
-    uint64_t copied = 0;     // bytes of their strings
+    krv_kept_t kept = {};
 
     explicit table_builder(krv_handle_t *handle) : hp(handle) {}
     const krv_ctu_t *last() const { return entries == 0 ? nullptr : units[entries - 1]; }
+    krv_ctu_t *unit_at(uint64_t offset) const
+    {
+        krv_ctu_t *made = find_made(hp, offset);
+        return made != nullptr ? made : krv_cu_alloc(hp, KRV_SEC_INFO, offset, last());
+    }
+    void drop(krv_ctu_t *cu) const
+    {
+        if (cu != find_made(hp, cu->dcu_offset))
+            free_unit(cu);
+    }
     ~table_builder()
     {
         for (uint32_t i = 0; i < entries; ++i)
-            free_unit(units[i]);
+            drop(units[i]);
         krv_free(units);
         if (hash != nullptr)
             krv_hash_destroy(hash);
@@ -47,14 +68,14 @@ struct table_builder {
 
 // What there is too much of in the units up to this one: attributes without bytes (DW_FORM_flag_present) by the million,
 // or copies of strings that units share. NULL: nothing.
-static const char *count_unit(table_builder *t, const krv_ctu_t *cu)
+static const char *count_unit(const krv_handle_t *hp, krv_kept_t *kept, const krv_ctu_t *cu)
 {
     const krv_die_t *die = cu->dcu_compile_unit;
-    t->attributes += die->dwdie_abbrev_cache->dwa_nafpairs;
-    t->copied = krv_add_offset(t->copied, die->dwdie_copied);
-    if (t->attributes > t->hp->sh_sec[KRV_SEC_INFO].sfd_size + KRV_KEPT_SLACK)
+    kept->attributes += die->dwdie_abbrev_cache->dwa_nafpairs;
+    kept->copied = krv_add_offset(kept->copied, die->dwdie_copied);
+    if (kept->attributes > hp->sh_sec[KRV_SEC_INFO].sfd_size + KRV_KEPT_SLACK)
         return "attributes";
-    return krv_may_copy(t->hp, t->copied) ? nullptr : "bytes of strings";
+    return krv_may_copy(hp, kept->copied) ? nullptr : "bytes of strings";
 }
 
 // Reads unit after unit until one cannot be read: the end of the section, or a damaged header. Memory that ran out is
@@ -62,15 +83,15 @@ static const char *count_unit(table_builder *t, const krv_ctu_t *cu)
 static bool read_units(table_builder *t)
 {
     uint64_t offset = 0;
-    while (krv_ctu_t *cu = krv_cu_alloc(t->hp, KRV_SEC_INFO, offset, t->last())) {
-        if (const char *much = count_unit(t, cu)) {
-            krv_cu_free(cu);
+    while (krv_ctu_t *cu = t->unit_at(offset)) {
+        if (const char *much = count_unit(t->hp, &t->kept, cu)) {
+            t->drop(cu);
             krv_fail(t->hp, KRV_ERR_CORRUPT, "too many %s in the units up to offset %lu", much,
                      static_cast<unsigned long>(offset));
             break;
         }
         if (!krv_table_grow(t->hp, &t->units, &t->size, t->entries, 1U)) {
-            krv_cu_free(cu);
+            t->drop(cu);
             krv_note(t->hp, "unable to resize CU table");
             return false;
         }
@@ -125,6 +146,73 @@ int krv_lookup_build_cu_caches(krv_handle_t *hp)
     return 0;
 }
 
+// ---------------------------------------------------------------------------------------------------------------
+// Units that sets name
+// ---------------------------------------------------------------------------------------------------------------
+
+// Reads the unit by itself, or takes it from the table. NULL: as krv_units_get_named.
+static krv_ctu_t *make_named(krv_handle_t *hp, const krv_set_t *set)
+{
+    if (hp->sh_cu_table != nullptr) {
+        const krv_hash_key_t key = {.dwhk_u = set->set_unit};
+        if (void *unit = krv_hash_lookup(hp, hp->sh_cu_offset_hash, &key))
+            return static_cast<krv_ctu_t *>(unit);
+    }
+    krv_sets *sets = hp->sh_sets;
+    krv_ctu_t *cu = krv_cu_alloc(hp, KRV_SEC_INFO, set->set_unit, sets->ss_latest);
+    if (cu == nullptr)
+        return nullptr;
+    if (const char *much = count_unit(hp, &sets->ss_kept, cu)) {
+        krv_cu_free(cu);
+        krv_fail(hp, KRV_ERR_CORRUPT, "too many %s in the units that .debug_aranges names", much);
+        return nullptr;
+    }
+    sets->ss_latest = cu;
+    return cu;
+}
+
+krv_ctu_t *krv_units_get_named(krv_handle_t *hp, krv_set_t *set)
+{
+    krv_ctu_t *cu = krv_load(&set->set_made);
+    if (cu == nullptr) {
+        const krv_build_guard guard(hp);
+        if (guard.is_nested()) {
+            guard.refuse();
+            return nullptr;
+        }
+        cu = set->set_made == nullptr ? make_named(hp, set) : set->set_made;
+        if (cu == nullptr) {
+            if (hp->sh_errno == KRV_ERR_NOMEM || hp->sh_errno == KRV_ERR_IO)
+                return nullptr;
+            krv_tell(hp, KRV_SEC_ARANGES, set->set_offset, true,
+                     "set at offset 0x%lx of .debug_aranges names no unit that can be read: %s",
+                     static_cast<unsigned long>(set->set_offset), krv_cause(hp));
+            cu = &no_unit;
+        }
+        krv_clear_error(hp);
+        krv_store(&set->set_made, cu);
+    }
+    if (cu != &no_unit && cu->dcu_kind != 0)
+        return cu;
+    hp->sh_errno = KRV_ERR_NOTFOUND;
+    return nullptr;
+}
+
+// Frees those that the table does not have.
+static void free_named(krv_handle_t *hp)
+{
+    krv_sets *sets = hp->sh_sets;
+    for (uint32_t i = 0; sets != nullptr && i < sets->ss_entries; ++i) {
+        krv_ctu_t *cu = sets->ss_sets[i].set_made;
+        if (cu == nullptr || cu == &no_unit)
+            continue;
+        const krv_hash_key_t key = {.dwhk_u = cu->dcu_offset};
+        if (hp->sh_cu_table == nullptr || krv_hash_lookup(hp, hp->sh_cu_offset_hash, &key) != cu)
+            free_unit(cu);
+    }
+    krv_sets_destroy(hp);
+}
+
 // A section that was replaced.
 struct krv_retired {
     krv_retired *next;
@@ -134,6 +222,7 @@ struct krv_retired {
 void krv_lookup_destroy_cu_caches(krv_handle_t *hp)
 {
     KRV_ASSERT(hp != NULL);
+    free_named(hp);
     table_builder t(hp);
     t.units = hp->sh_cu_table;
     t.entries = hp->sh_cu_table_entries;
@@ -148,18 +237,30 @@ void krv_lookup_destroy_cu_caches(krv_handle_t *hp)
     hp->sh_retired = nullptr;
 }
 
-static int parse_checked_tables(krv_handle_t *hp)
+// Calls visit(unit) for each unit that was read; for one that a set names and the table has, twice.
+template <typename Visit>
+static void visit_units(krv_handle_t *hp, const Visit &visit)
 {
     for (uint32_t i = 0; i < hp->sh_cu_table_entries; ++i)
-        if (krv_cu_abbrevs(hp, hp->sh_cu_table[i]) == nullptr && hp->sh_errno == KRV_ERR_NOMEM)
-            return -1;
-    return krv_abbrev_forget_checks(hp);
+        visit(hp->sh_cu_table[i]);
+    for (uint32_t i = 0; hp->sh_sets != nullptr && i < hp->sh_sets->ss_entries; ++i)
+        if (krv_ctu_t *cu = hp->sh_sets->ss_sets[i].set_made; cu != nullptr && cu != &no_unit)
+            visit(cu);
+}
+
+static int parse_checked_tables(krv_handle_t *hp)
+{
+    bool sound = true;
+    visit_units(hp, [&](krv_ctu_t *cu) {
+        sound = sound && (krv_cu_abbrevs(hp, cu) != nullptr || hp->sh_errno != KRV_ERR_NOMEM);
+    });
+    return sound ? krv_abbrev_forget_checks(hp) : -1;
 }
 
 // Moves the strings of the units from a section in memory into a copy of it.
 static int keep_strings(krv_handle_t *hp, const krv_fd_t *section)
 {
-    if (hp->sh_cu_table_entries == 0)
+    if (hp->sh_cu_table_entries == 0 && hp->sh_sets == nullptr)
         return 0;
     auto *copy = static_cast<krv_retired *>(krv_alloc(hp, krv_add_offset(sizeof(krv_retired) + 1, section->sfd_size)));
     if (copy == nullptr)
@@ -169,12 +270,12 @@ static int keep_strings(krv_handle_t *hp, const krv_fd_t *section)
     copy->next = hp->sh_retired;
     hp->sh_retired = copy;
     const auto from = reinterpret_cast<uintptr_t>(section->sfd_u.buf);
-    for (uint32_t i = 0; i < hp->sh_cu_table_entries; ++i)
-        krv_cu_visit_strings(hp->sh_cu_table[i], [&](char **text) {
-            const uintptr_t offset = reinterpret_cast<uintptr_t>(*text) - from;
-            if (offset < section->sfd_size)
-                *text = copy->bytes + offset;
-        });
+    const auto move = [&](char **text) {
+        const uintptr_t offset = reinterpret_cast<uintptr_t>(*text) - from;
+        if (offset < section->sfd_size)
+            *text = copy->bytes + offset;
+    };
+    visit_units(hp, [&](krv_ctu_t *cu) { krv_cu_visit_strings(cu, move); });
     return 0;
 }
 

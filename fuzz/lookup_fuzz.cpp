@@ -20,8 +20,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     uint64_t addresses[4] = {0, 0x1000, UINT64_MAX, in.number(8)};
     h.attach(KRV_SEC_ARANGES, in.part());
     h.attach(KRV_SEC_ABBREV, in.part());
+    if (in.is_extended())
+        for (const krv_secidx_t sec : {KRV_SEC_EXT_RANGES, KRV_SEC_EXT_RNGLISTS, KRV_SEC_EXT_ADDR})
+            h.attach(sec, in.part());
     h.attach(KRV_SEC_INFO, in.rest());
     korva_lookup_ctu_by_addr(h, addresses[3], KRV_LOOKUP_F_FAST);
+    korva_lookup_ctu_by_addr(h, addresses[3], KRV_LOOKUP_F_NONE);
     korva_iter_cu(h, KRV_SEC_INFO, ask, addresses);
     for (const uint64_t address : addresses)
         korva_lookup_ctu_by_addr(h, address, KRV_LOOKUP_F_NONE);

@@ -88,6 +88,37 @@ static void units()
     }
 }
 
+static void written_ranges()
+{
+    constexpr unsigned MODE = krv_fuzz::MODE_DWARF5 | krv_fuzz::MODE_AS_WRITTEN;
+    const bytes abbrev =
+        abbrevs("1 compile_unit+ 0x73:sec_offset 0x74:sec_offset low_pc:0x1b ranges:0x23;"
+                "2 compile_unit+ low_pc:addr ranges:sec_offset; 3 namespace+ name:string; 4 compile_unit+;"
+                "5 subprogram low_pc:addr high_pc:data4 ranges:sec_offset");
+    const bytes ranges = bytes().u64(16).u64(32).u64(UINT64_MAX).u64(0x1000).u64(0).u64(4).u64(0).u64(0);
+    const bytes items =
+        bytes::hex("04 00 10 05 00 10 00 00 00 00 00 00 01 01 04 10 20 02 00 01 03 01 08"
+                   "06 00 20 00 00 00 00 00 00 10 20 00 00 00 00 00 00 07 00 30 00 00 00 00 00 00 10 00");
+    const bytes lists = bytes().u32(12 + items.size()).u16(5).u16(8).u32(1).u32(4).add(items);
+    const bytes addresses = bytes().u32(20).u16(5).u16(8).u64(0x1000).u64(0x1400);
+    const bytes later = bytes().uleb(1).u32(8).u32(12).uleb(0).uleb(0).u8(0),
+                plain = bytes().uleb(2).u64(0x1000).u32(0).u8(0);
+    const bytes nested = bytes().uleb(4).uleb(3).cstr("n").uleb(5).u64(0x1010).u32(8).u32(32).u8(0).u8(0);
+    const bytes set = aranges_set{.tuples = {{0x1010, 0x40}, {0, 8}}}.build();
+    for (const bytes &info : {unit{.version = 5, .kind = KRV_UNIT_COMPILE, .dies = later}.build(),
+                              unit{.dies = plain}.build() + unit{.dies = nested}.build()})
+        for (const bytes &sets : {set, bytes()})
+            write_modes("lookup_fuzz",
+                        bytes().u64(0x1010)
+                                .add(part(sets))
+                                .add(part(abbrev))
+                                .add(part(ranges))
+                                .add(part(lists))
+                                .add(part(addresses)) +
+                            info,
+                        MODE);
+}
+
 static void lines()
 {
     for (const uint16_t version : {2, 3, 4}) {
@@ -199,6 +230,7 @@ int main(int argc, char **argv)
     folder = argv[1];
     forms_and_expressions();
     units();
+    written_ranges();
     lines();
     frames();
     core();

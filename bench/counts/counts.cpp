@@ -3,10 +3,10 @@
 // Jobs of doubling size on data that the builders make, so that no compiler's output changes their work. counts_test.py
 // runs this under callgrind, which writes the instructions of each measured part to a file of its own.
 #include "builders/frames.h"
+#include "builders/handle.h"
 #include "krv_info.h"
 #include "krv_line.h"
 #include "krv_unwind.h"
-#include "support/handle.h"
 
 #include <cstdio>
 #include <cstdlib>

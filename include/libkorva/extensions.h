@@ -74,6 +74,23 @@ typedef void krv_note_f(const krv_note_t *note, void *arg);
  */
 KORVA_API int korva_handle_add_code(krv_handle_t *hp, uint64_t address, uint64_t size);
 
+/** Flags of korva_find_location. */
+enum {
+    KRV_LOCATION_F_INDEX = 0x1 /**< the list is named by its index (DW_FORM_loclistx); else by its offset */
+};
+
+/**
+ * Finds where an object is while the program is at @p pc, an address of the unit's own address space: the expression that
+ * a location list has for it. @p list is the value of the attribute: an offset in .debug_loc, for units of DWARF 5 in
+ * .debug_loclists, or an index. *@p exprp becomes a cursor on the expression in its section, ready for
+ * korva_expr_execute_expression; nothing is copied. An empty expression says that the object is nowhere.
+ *
+ * Errors: KRV_ERR_NOTFOUND (no message) when no expression holds there; KRV_ERR_CORRUPT for a list that is damaged or leads
+ * out of its section.
+ */
+KORVA_API int korva_find_location(krv_handle_t *hp, krv_ctu_t *cup, uint64_t list, uint32_t flags, uint64_t pc,
+                                  krv_fd_t *exprp);
+
 /*
  * Line numbers with these options.
  *
@@ -136,6 +153,12 @@ KORVA_API int korva_cu_get_header(krv_handle_t *hp, krv_ctu_t *cup, krv_cu_heade
  * The unit that covers @p address: the first in section order for which korva_cu_contains_addr with the same @p flags
  * is B_TRUE. The first call makes an index of the units' ranges (without KRV_LOOKUP_F_FAST it looks into the entries
  * of every unit that needs it); later calls take time logarithmic in the number of ranges.
+ *
+ * With KRV_OPT_EXT_AS_WRITTEN, the sets of .debug_aranges come first: an address that they cover reads them, once, and the
+ * one unit that they name, and no other unit, whether or not another one claims it too. A unit is then asked for its ranges
+ * only if no set names it: it has those of DW_AT_ranges, else DW_AT_low_pc and DW_AT_high_pc, else those of its functions,
+ * wherever they stand. The same holds for korva_cu_contains_addr. KRV_LOOKUP_F_FAST does without the functions. Ranges that
+ * are no code (korva_handle_add_code) are left out; a list of ranges that is damaged counts as far as it can be read.
  *
  * Errors: KRV_ERR_NOTFOUND (no unit covers it, or no .debug_info); KRV_ERR_NONE when no unit is known to cover it but
  * KRV_LOOKUP_F_FAST left some unit's ranges unknown; otherwise as korva_cu_contains_addr.

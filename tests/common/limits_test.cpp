@@ -69,40 +69,35 @@ bool contains(krv_handle_t *hp, uint64_t address)
 
 TEST(Limits, Entries)
 {
-    {
-        SCOPED_TRACE("a million levels");
+    const bytes linked = abbrevs("1 compile_unit+; 2 lexical_block sibling:ref4");
+    const auto link = [](const char *to) {
+        bytes dies = bytes().uleb(1).label("self").uleb(2).offset_of(to, 4).uleb(2).offset_of(to, 4).u8(0);
+        return dies.label("unit");
+    };
+    bytes flags = bytes().u8(1).u8(0x11).u8(0); // DW_AT_external: DW_FORM_flag_present
+    for (unsigned i = 0; i < MILLION; ++i)
+        flags.u8(0x3f).u8(0x19);
+    const struct {
+        const char *what;
+        bytes abbrev, dies;
+        unsigned reads;
+        size_t bytes_allocated;
+    } rows[] = {
+        // Every entry is the child of the one before. Skipping reads an entry at a time and keeps none.
+        {"a million levels", abbrevs("1 lexical_block+; 2 variable"), bytes().fill(MILLION, 1).u8(2).fill(MILLION, 0),
+         2 * MILLION + 50, size_t{100} * MILLION},
+        {"a sibling link to itself", linked, link("self"), 100, 10000},
+        {"a sibling link to the end", linked, link("unit"), 100, 10000},
+        {"a million attributes", flags.fill(3), bytes().u8(1), 2 * MILLION + 100, size_t{40} * MILLION},
+    };
+    for (const auto &row : rows) {
+        SCOPED_TRACE(row.what);
         measured m;
-        const bytes dies =
-            bytes().fill(MILLION, 1).u8(2).fill(MILLION, 0); // every entry is the child of the one before
-        m.attach(KRV_SEC_ABBREV, abbrevs("1 lexical_block+; 2 variable"))
-            .attach(KRV_SEC_INFO, unit{.dies = dies}.build());
+        m.attach(KRV_SEC_ABBREV, row.abbrev).attach(KRV_SEC_INFO, unit{.dies = row.dies}.build());
         allocated = 0;
         EXPECT_FALSE(contains(m.h, 0x1000));
-        // Skipping reads an entry at a time and keeps none.
-        EXPECT_TRUE(m.costs_at_most(2 * MILLION + 50, size_t{100} * MILLION));
+        EXPECT_TRUE(m.costs_at_most(row.reads, row.bytes_allocated));
         EXPECT_EQ(m.h->sh_errno, KRV_ERR_NOTFOUND) << m.h.error();
-    }
-    for (const char *link : {"self", "unit"}) {
-        SCOPED_TRACE(text("a sibling link to %s", link));
-        measured m;
-        bytes dies = bytes().uleb(1).label("self").uleb(2).offset_of(link, 4).uleb(2).offset_of(link, 4).u8(0);
-        dies.label("unit");
-        m.attach(KRV_SEC_ABBREV, abbrevs("1 compile_unit+; 2 lexical_block sibling:ref4"));
-        m.attach(KRV_SEC_INFO, unit{.dies = dies}.build());
-        allocated = 0;
-        EXPECT_FALSE(contains(m.h, 0x1000));
-        EXPECT_TRUE(m.costs_at_most(100, 10000));
-    }
-    {
-        SCOPED_TRACE("a million attributes");
-        measured m;
-        bytes table = bytes().u8(1).u8(0x11).u8(0); // DW_AT_external: DW_FORM_flag_present
-        for (unsigned i = 0; i < MILLION; ++i)
-            table.u8(0x3f).u8(0x19);
-        m.attach(KRV_SEC_ABBREV, table.fill(3)).attach(KRV_SEC_INFO, unit{.dies = bytes().u8(1)}.build());
-        allocated = 0;
-        EXPECT_FALSE(contains(m.h, 0x1000));
-        EXPECT_TRUE(m.costs_at_most(2 * MILLION + 100, size_t{40} * MILLION));
     }
 }
 
@@ -152,6 +147,26 @@ TEST(Limits, UnitsThatShareStrings)
         EXPECT_TRUE(in_memory ? m.h->sh_cu_table_entries == UNITS : m.h->sh_cu_table_entries > 20)
             << m.h->sh_cu_table_entries << m.h.error();
     }
+}
+
+// Units whose range lists are tails of one, as written: no more is read of it, or kept, than some times its size.
+TEST(Limits, UnitsThatShareRanges)
+{
+    constexpr uint64_t UNITS = MILLION / 500, PAIRS = MILLION / 5;
+    bytes ranges, info;
+    for (uint64_t i = 0; i < PAIRS; ++i)
+        ranges.u64(0x1000 + 16 * i).u64(0x1008 + 16 * i);
+    for (uint64_t i = 0; i < UNITS; ++i)
+        info += unit{.dies = bytes().u8(1).u32(16 * i)}.build();
+    handle h;
+    h.extend().attach(KRV_SEC_ABBREV, abbrevs("1 compile_unit ranges:sec_offset")).attach(KRV_SEC_INFO, info);
+    h.attach(KRV_SEC_EXT_RANGES, ranges.fill(16));
+    allocated = 0;
+    EXPECT_NE(korva_lookup_ctu_by_addr(h, 0x1000 + 16 * (PAIRS - 1), 0), nullptr);
+    EXPECT_EQ(korva_lookup_ctu_by_addr(h, 0x1008, 0), nullptr);
+    EXPECT_LE(allocated, 100 * (info.size() + ranges.size()));
+    const std::string most = "range list at offset 0x20 of .debug_ranges: too many units read the same lists\n";
+    EXPECT_NE(h.notes.find(most), std::string::npos) << h.notes.substr(0, 1000);
 }
 
 // Codes that a table by their low bits would put into one place; and entries whose attributes have no bytes.
@@ -206,9 +221,9 @@ size_t heap_bytes()
 struct line_sections {
     const char *what;
     bytes lines;
+    uint64_t units;
     std::function<uint64_t(uint64_t)> offset = [](uint64_t) { return 0; };
     std::function<std::string(uint64_t)> comp_dir = [](uint64_t) { return "/"; };
-    uint64_t units;
     bool extended = false; // both extensions are on, and a long name is at offset 0 of .debug_line_str
 };
 
@@ -225,10 +240,13 @@ TEST(Limits, MemoryOfLines)
 {
     constexpr uint64_t N = 1000;
     const line_unit::file a{"a"};
-    const bytes at = program("at 400 copy "), end = program("end");
+    const bytes n_rows = program("at 400 copy ") + bytes().fill(N, 0x4b) + program("end");
+    std::string definitions;
     bytes nested;
-    for (uint64_t i = 0; i < N; ++i)
+    for (uint64_t i = 0; i < N; ++i) {
+        definitions += "def a 0 0 0 ";
         nested += small_line_header(15 * (N - i));
+    }
     nested.fill(4);
     bytes shared; // headers of version 5 with many files, all of one name
     const bytes names = bytes::hex("00 00 01 01 1f").uleb(N).fill(4 * N);
@@ -236,32 +254,21 @@ TEST(Limits, MemoryOfLines)
     for (uint64_t i = 0; i < 10; ++i)
         shared += names_header;
     const auto each_its_own = [](uint64_t i) { return std::to_string(i); };
+    const line_unit long_directory{.dirs = {std::string(1000, 'd')}, .files = {20 * N, {"a", 1}}};
     const line_sections rows[] = {
-        {.what = "a header of N files", .lines = line_unit{.files = {N, a}}.build(), .units = N},
-        {.what = "a program of N rows",
-         .lines = line_unit{.program = at + bytes().fill(N, 0x4b) + end}.build(),
-         .units = N},
-        {.what = "N files of N directories",
-         .lines = line_unit{.files = {N, a}, .program = at + bytes().fill(N, 0x4b) + end}.build(),
-         .comp_dir = each_its_own,
-         .units = N},
-        {.what = "a program that defines N files",
-         .lines = line_unit{.program = program([] {
-                                std::string defs;
-                                for (uint64_t i = 0; i < N; ++i)
-                                    defs += "def a 0 0 0 ";
-                                return defs + "at 400 copy pc 4 end";
-                            }())}
-                      .build(),
-         .units = N},
-        {.what = "headers that overlap", .lines = nested, .offset = [](uint64_t i) { return 15 * i; }, .units = N},
-        {.what = "files of a long directory",
-         .lines = line_unit{.dirs = {std::string(1000, 'd')}, .files = {20 * N, {"a", 1}}}.build(),
-         .units = 1},
+        {"a header of N files", line_unit{.files = {N, a}}.build(), N},
+        {"a program of N rows", line_unit{.program = n_rows}.build(), N},
+        {.what = "files by N directories",
+         .lines = line_unit{.files = {N, a}, .program = n_rows}.build(),
+         .units = N,
+         .comp_dir = each_its_own},
+        {"N definitions", line_unit{.program = program(definitions + "at 400 copy pc 4 end")}.build(), N},
+        {"headers that overlap", nested, N, [](uint64_t i) { return 15 * i; }},
+        {"files of a long directory", long_directory.build(), 1},
         {.what = "a long name of many files",
          .lines = shared,
-         .offset = [&](uint64_t i) { return names_header.size() * i; },
          .units = 10,
+         .offset = [&](uint64_t i) { return names_header.size() * i; },
          .extended = true},
     };
     for (const auto &row : rows) {

@@ -117,7 +117,10 @@ static const bytes abbrev_section =
     abbrevs("1 compile_unit+; 2 compile_unit+ low_pc:addr high_pc:addr; 3 compile_unit+ low_pc:addr high_pc:data4;"
             "4 compile_unit+ low_pc:addr; 5 subprogram low_pc:addr high_pc:addr; 6 variable low_pc:addr high_pc:udata;"
             "7 subprogram low_pc:addr high_pc:flag; 8 subprogram low_pc:addr; 9 namespace+;"
-            "10 lexical_block low_pc:addr high_pc:addr");
+            "10 lexical_block low_pc:addr high_pc:addr; 11 compile_unit+ low_pc:addr ranges:sec_offset;"
+            "12 compile_unit+ 0x73:sec_offset 0x74:sec_offset low_pc:0x1b ranges:0x23; 13 compile_unit+ ranges:data4;"
+            "14 subprogram+ ranges:sec_offset name:string location:block1; 15 partial_unit+;"
+            "16 compile_unit+ low_pc:addr high_pc:sdata");
 
 static bytes entry(uint64_t code, uint64_t low, uint64_t high, size_t high_width = 8)
 {
@@ -127,6 +130,24 @@ static bytes entry(uint64_t code, uint64_t low, uint64_t high, size_t high_width
 static bytes simple_unit(const bytes &dies)
 {
     return unit{.dies = dies + bytes().u8(0)}.build();
+}
+
+// Holds the answers for a unit against those expected: an address and +: yes; -: no; ?: not known; !: corrupt. Whether the
+// last one is that.
+static bool answer_all(handle &h, krv_ctu_t *cu, krv_lookup_flag_t flags, const char *expected, const char *what)
+{
+    std::istringstream answers(expected);
+    bool damaged = false;
+    for (std::string answer; answers >> answer;) {
+        const uint64_t address = std::stoull(answer, nullptr, 16);
+        const char yes = answer.back();
+        const int code = yes == '?' ? KRV_ERR_NONE : yes == '-' ? KRV_ERR_NOTFOUND : KRV_ERR_CORRUPT;
+        const bool covered = korva_cu_contains_addr(h, cu, address, flags) == B_TRUE;
+        EXPECT_EQ(covered, yes == '+') << what << ": " << answer;
+        EXPECT_TRUE(covered || korva_handle_get_errno(h) == code) << what << ": " << answer << " " << h.error();
+        damaged = yes == '!';
+    }
+    return damaged;
 }
 
 TEST(Lookup, AddressesOfAUnit)
@@ -141,7 +162,7 @@ TEST(Lookup, AddressesOfAUnit)
         bytes dies; // of the first of two units; the second covers [0x9000, 0x9100)
         bytes aranges;
         krv_lookup_flag_t flags;
-        const char *answers; // address and +: yes; -: no; ?: not known; !: corrupt
+        const char *answers;
     } rows[] = {
         {"high_pc is an address", own, {}, 0, "fff- 1000+ 1fff+ 2000-"},
         {"high_pc is a length", own_length, {}, 0, "fff- 1000+ 10ff+ 1100-"},
@@ -169,19 +190,203 @@ TEST(Lookup, AddressesOfAUnit)
         const bytes first = simple_unit(row.dies), second = simple_unit(entry(2, 0x9000, 0x9100));
         krv_ctu_t *cu = h.attach(KRV_SEC_ARANGES, row.aranges).first_unit(abbrev_section, first + second);
         krv_ctu_t *other = korva_lookup_ctu_by_start_offset(h, KRV_SEC_INFO, first.size());
-        std::istringstream answers(row.answers);
-        bool damaged = false;
-        for (std::string answer; answers >> answer;) {
-            const uint64_t address = std::stoull(answer, nullptr, 16);
-            const char yes = answer.back();
-            const int code = yes == '?' ? KRV_ERR_NONE : yes == '-' ? KRV_ERR_NOTFOUND : KRV_ERR_CORRUPT;
-            const bool covered = korva_cu_contains_addr(h, cu, address, row.flags) == B_TRUE;
-            EXPECT_EQ(covered, yes == '+') << row.what << ": " << answer;
-            EXPECT_TRUE(covered || korva_handle_get_errno(h) == code) << row.what << ": " << answer << " " << h.error();
-            damaged = yes == '!';
-        }
+        const bool damaged = answer_all(h, cu, row.flags, row.answers, row.what);
         EXPECT_NE(korva_cu_contains_addr(h, other, 0x90ff, 0), damaged) << row.what;
     }
+}
+
+// A range list of DWARF 5: the kind of an item, then its operands, as numbers or as addresses.
+static bytes rle(uint64_t kind, const std::vector<uint64_t> &numbers, size_t addresses = 0)
+{
+    bytes b = bytes().u8(kind);
+    for (size_t i = 0; i < numbers.size(); ++i)
+        i < addresses ? b.u64(numbers[i]) : b.uleb(numbers[i]);
+    return b;
+}
+
+static bytes pairs(const std::vector<uint64_t> &bounds) // of .debug_ranges
+{
+    bytes b;
+    for (const uint64_t bound : bounds)
+        b.u64(bound);
+    return b;
+}
+
+TEST(Lookup, AddressesOfAUnitAsWritten)
+{
+    const bytes bare = bytes().uleb(1), sub = entry(5, 0x400, 0x480), own = entry(2, 0x1000, 0x2000), end = rle(0, {});
+    const bytes listed = bytes().uleb(11).u64(0x100).u32(16), indexed = bytes().uleb(12).u32(8).u32(12).uleb(0).uleb(1);
+    const bytes part =
+        bytes().uleb(14).u32(16).cstr("f").u8(1).u8(0) + bytes().uleb(9) + sub + bytes().u8(0).u8(0).u8(0);
+    const bytes list =
+        bytes().fill(16) + pairs({0x10, 0x20, 8, 8, MAX, 0x5000, 0, 4, MAX, MAX, 3, 4, 0, 0, 0x900, 0x910});
+    const bytes items = rle(4, {0, 16}) + rle(5, {0x10000}, 1) + rle(4, {0x10, 0x20}) + rle(1, {1}) + rle(4, {0, 8}) +
+                        rle(2, {1, 2}) + rle(3, {2, 4}) + rle(6, {0x40000, 0x40010}, 2) + rle(7, {0x50000, 16}, 1) +
+                        rle(5, {MAX}, 1) + rle(4, {0x7000, 0x7010}) + rle(7, {1, 8}, 1) + end + rle(7, {0x9800, 16}, 1);
+    const char *const live =
+        "500+ 50f+ 510- 10010+ 10020- 20000+ 200ff+ 20103+ 20104- 40000+ 5000f+ 50010- 7000- 1- 9800-";
+    const aranges_set two{.tuples = {{0x40, 8}, {0, 8}, {0, 0}, {0x20, 8}}}, dead{.tuples = {{1, 8}}};
+    const aranges_set later{.version = 3, .tuples = {{0x60, 8}}, .terminated = false},
+        old{.version = 1, .tuples = {{1, 2}}}, packed{.padding = 0, .tuples = {{0x80, 8}}};
+    const std::string unit_note = ".debug_info 0 ranges of the unit at offset 0x0 of .debug_info: ";
+    const auto left_out = [](int count) {
+        return text(".debug_info 0 %d ranges of the unit at offset 0x0 of .debug_info are of code that is not in the "
+                    "object: left "
+                    "out\n",
+                    count);
+    };
+    const struct {
+        const char *what;
+        bytes dies; // of the first of two units
+        bytes aranges, lists;
+        krv_lookup_flag_t flags;
+        const char *answers;
+        std::string notes;
+    } rows[] = {
+        {"high_pc is any constant", bytes().uleb(16).u64(0x1000).sleb(0x100), {}, {}, 0, "10ff+ 1100-", ""},
+        {"bounds that are no code", entry(2, 1, 9), {}, {}, 0, "1- 8-", left_out(1)},
+        {"functions anywhere",
+         bare + part + entry(6, 0x800, 4, 1),
+         {},
+         list,
+         0,
+         "3ff- 10+ 400+ 47f+ 5003+ 800-",
+         left_out(1)},
+        {"which are not looked for", bare + part, {}, list, KRV_LOOKUP_F_FAST, "10? 400?", ""},
+        {"not in a partial unit", bytes().uleb(15) + part, {}, list, 0, "10- 400-", ""},
+        {"a list and a new base",
+         listed,
+         {},
+         list,
+         KRV_LOOKUP_F_FAST,
+         "110+ 11f+ 120- 108- 5003+ 5004- 3- 900- a00-",
+         left_out(1)},
+        {"a list by a plain number", bytes().uleb(13).u32(16), {}, list, 0, "10+ 20- 5000+", left_out(1)},
+        {"sets joined, before all",
+         own,
+         two.build() + later.build(80) + packed.build(80 + 44),
+         {},
+         0,
+         "40+ 27+ 28- 0- 67+ 68- 87+ 1000-",
+         ".debug_aranges 0 1 ranges of .debug_aranges are of code that is not in the object: left out\n"},
+        {"functions that were dropped",
+         own,
+         dead.build(),
+         {},
+         0,
+         "1- 1000-",
+         ".debug_aranges 0 1 ranges of .debug_aranges are of code that is not in the object: left out\n"},
+        {"an empty set", own, aranges_set{}.build(), {}, 0, "1000+", ""},
+        {"sets that are damaged",
+         own,
+         old.build() + aranges_set{.info_offset = 999}.build(48) + two.build().first(20),
+         {},
+         0,
+         "1000+ 40-",
+         "!.debug_aranges 0 1 of 2 sets of .debug_aranges cannot be read: left out\n!.debug_aranges 0 1 of 2 sets of "
+         ".debug_aranges name no unit: left "
+         "out\n!.debug_aranges 80 .debug_aranges ends within the set at offset 0x50: left out\n"},
+        {"no list",
+         listed,
+         {},
+         bytes().fill(16),
+         0,
+         "100-",
+         "!" + unit_note + "range list at offset 0x10 leads out of .debug_ranges\n"},
+        {"a list without end",
+         listed,
+         {},
+         list.first(48),
+         0,
+         "110+ 108-",
+         "!" + unit_note + "range list at offset 0x10 of .debug_ranges has no end\n"},
+        {"a list that is cut",
+         listed,
+         {},
+         list.first(60),
+         0,
+         "110+ 108-",
+         "!" + unit_note + "form DW_FORM_addr requires 8 bytes;  4 remaining\n"},
+        {"every kind of item", indexed, {}, items, 0, live, left_out(2)},
+        {"an unknown kind",
+         indexed,
+         {},
+         rle(7, {0x600, 4}, 1) + bytes().u8(8),
+         0,
+         "600+",
+         "!" + unit_note + "unknown kind 0x8 of range\n"},
+        {"a wrong index",
+         indexed,
+         {},
+         rle(3, {3, 4}),
+         0,
+         "500-",
+         "!" + unit_note + "index 3 at base 0x8 leads out of .debug_addr\n"},
+        {"no list of that number",
+         bytes().uleb(12).u32(8).u32(12).uleb(0).uleb(2),
+         {},
+         end,
+         0,
+         "500-",
+         "!" + unit_note + "index 2 at base 0xc leads out of .debug_rnglists\n"},
+    };
+    for (const auto &row : rows) {
+        handle h;
+        const bool indexes = row.dies.data()[0] == 12;
+        const bytes first = unit{.version = static_cast<uint16_t>(indexes ? 5 : 4),
+                                 .kind = static_cast<uint8_t>(indexes),
+                                 .dies = row.dies + bytes().u8(0)}
+                                .build();
+        h.extend().attach(KRV_SEC_ARANGES, row.aranges);
+        h.attach(KRV_SEC_EXT_RANGES, indexes ? bytes() : row.lists);
+        h.attach(KRV_SEC_EXT_RNGLISTS,
+                 bytes().u32(16 + row.lists.size()).u16(5).u16(8).u32(2).u32(0).u32(8) + row.lists);
+        h.attach(KRV_SEC_EXT_ADDR, bytes().u32(28).u16(5).u16(8).u64(0x500).u64(0x20000).u64(0x20100));
+        krv_ctu_t *cu = h.first_unit(abbrev_section, first + simple_unit(entry(2, 0x9000, 0x9100)));
+        answer_all(h, cu, row.flags, row.answers, row.what);
+        EXPECT_EQ(h.notes, row.notes) << row.what;
+        EXPECT_EQ(korva_lookup_ctu_by_addr(h, 0x90ff, row.flags)->dcu_offset, first.size()) << row.what;
+    }
+}
+
+// With code that was named, all else is left out.
+TEST(Lookup, RangesOutsideOfNamedCode)
+{
+    handle h;
+    h.extend().attach(KRV_SEC_ABBREV, abbrev_section).attach(KRV_SEC_INFO, simple_unit(bytes().uleb(11).u64(0).u32(0)));
+    h.attach(KRV_SEC_EXT_RANGES, pairs({0, 8, 0x20, 0x30, 0x28, 0x40, 0, 0}));
+    EXPECT_EQ(korva_handle_add_code(h, 0, 0x30), 0);
+    for (const auto &[address, is_covered] : {std::pair{0, true}, {8, false}, {0x2f, true}, {0x30, false}})
+        EXPECT_EQ(korva_lookup_ctu_by_addr(h, static_cast<uint64_t>(address), 0) != nullptr, is_covered) << address;
+    EXPECT_TRUE(refuses(h, korva_handle_add_code(h, 0x100, 1), "INVALID: code cannot be named after the first query"));
+}
+
+// One address reads one unit, and the table has the same record. Of sets that name no unit, one is told once.
+TEST(Lookup, AUnitByItself)
+{
+    const bytes first = simple_unit(bytes().uleb(1)), second = unit{.version = 6, .dies = bytes().uleb(1)}.build();
+    const aranges_set sets[] = {{.info_offset = first.size() + second.size(), .tuples = {{0x2000, 8}}},
+                                {.tuples = {{0x1000, 8}}},
+                                {.info_offset = first.size(), .tuples = {{0x3000, 8}}},
+                                {.info_offset = 3, .tuples = {{0x4000, 8}}}};
+    bytes aranges;
+    for (const aranges_set &set : sets)
+        aranges += set.build(aranges.size());
+    handle h;
+    h.extend().attach(KRV_SEC_ABBREV, abbrev_section).attach(KRV_SEC_ARANGES, aranges);
+    h.attach(KRV_SEC_INFO, first + second + first);
+    const krv_ctu_t *cu = korva_lookup_ctu_by_addr(h, 0x2007, KRV_LOOKUP_F_FAST);
+    ASSERT_NE(cu, nullptr);
+    EXPECT_TRUE(cu->dcu_offset == first.size() + second.size() && h->sh_cu_table_entries == 0 && h.notes.empty());
+    for (int n = 0; n < 2; ++n) // and then the table is read, for what sets may have left out
+        EXPECT_TRUE(refuses(h, korva_lookup_ctu_by_addr(h, 0x3000, 0), "NOTFOUND") &&
+                    refuses(h, korva_lookup_ctu_by_addr(h, 0x4000, 0), "NOTFOUND"));
+    EXPECT_EQ(h->sh_cu_table_entries, 3U);
+    EXPECT_EQ(korva_lookup_ctu_by_start_offset(h, KRV_SEC_INFO, cu->dcu_offset), cu);
+    EXPECT_EQ(korva_lookup_ctu_by_addr(h, 0x1000, 0), h->sh_cu_table[0]);
+    EXPECT_EQ(h.notes, "!.debug_info 13 unit at offset 0xd of .debug_info is DWARF 6, and libkorva reads DWARF 2 to 5\n"
+                       "!.debug_aranges 144 set at offset 0x90 of .debug_aranges names no unit that can be read: "
+                       "unit_length (1024) too large for existing section size (38)\n");
 }
 
 // The offset of the unit that covers an address, asking every unit; -1: none.
@@ -222,30 +427,34 @@ TEST(Lookup, UnitOfAnAddress)
         {{low, wide}, aranges_set{.unit_length = 0xfffffff1}.build()},
         {{}, {}},
     };
-    for (const auto &row : rows) {
-        bytes info;
-        for (const bytes &dies : row.units)
-            info += simple_unit(dies);
-        handle asked, indexed, mixed;
-        for (handle *h : {&asked, &indexed, &mixed})
-            h->attach(KRV_SEC_ABBREV, abbrev_section).attach(KRV_SEC_ARANGES, row.aranges).attach(KRV_SEC_INFO, info);
-        const std::vector<uint64_t> bounds = {0,      0x10,   0x100,  0x180,  0x200,    0x800,  0x900,  0x1000,
-                                              0x1100, 0x1180, 0x1200, 0x1500, 0x1501,   0x1800, 0x2000, 0x2180,
-                                              0x2800, 0x2f00, 0x3000, 0x3008, MAX - 15, MAX};
-        // FAST before anything is scanned, then after everything is; in between one unit after the other.
-        for (const krv_lookup_flag_t flags : {KRV_LOOKUP_F_FAST, KRV_LOOKUP_F_NONE, KRV_LOOKUP_F_FAST}) {
-            for (const uint64_t bound : bounds) {
-                for (const uint64_t address : {bound - 1, bound, bound + 1}) {
-                    const int64_t expected = ask_every_unit(asked, address, flags);
-                    EXPECT_TRUE(flags == KRV_LOOKUP_F_FAST || ask_index(indexed, address, flags) == expected)
-                        << std::hex << address;
-                    EXPECT_EQ(ask_every_unit(mixed, address, flags), expected);
-                    const int64_t known = ask_every_unit(mixed, address, KRV_LOOKUP_F_FAST);
-                    EXPECT_EQ(ask_index(mixed, address, KRV_LOOKUP_F_FAST), known) << std::hex << address;
+    for (const uint32_t extensions : {0U, KRV_EXT_AS_WRITTEN})
+        for (const auto &row : rows) {
+            bytes info;
+            for (const bytes &dies : row.units)
+                info += simple_unit(dies);
+            handle asked, indexed, mixed;
+            for (handle *h : {&asked, &indexed, &mixed})
+                h->extend(extensions)
+                    .attach(KRV_SEC_ABBREV, abbrev_section)
+                    .attach(KRV_SEC_ARANGES, row.aranges)
+                    .attach(KRV_SEC_INFO, info);
+            const std::vector<uint64_t> bounds = {0,      0x10,   0x100,  0x180,  0x200,    0x800,  0x900,  0x1000,
+                                                  0x1100, 0x1180, 0x1200, 0x1500, 0x1501,   0x1800, 0x2000, 0x2180,
+                                                  0x2800, 0x2f00, 0x3000, 0x3008, MAX - 15, MAX};
+            // FAST before anything is scanned, then after everything is; in between one unit after the other.
+            for (const krv_lookup_flag_t flags : {KRV_LOOKUP_F_FAST, KRV_LOOKUP_F_NONE, KRV_LOOKUP_F_FAST}) {
+                for (const uint64_t bound : bounds) {
+                    for (const uint64_t address : {bound - 1, bound, bound + 1}) {
+                        const int64_t expected = ask_every_unit(asked, address, flags);
+                        EXPECT_TRUE(flags == KRV_LOOKUP_F_FAST || ask_index(indexed, address, flags) == expected)
+                            << std::hex << address;
+                        EXPECT_EQ(ask_every_unit(mixed, address, flags), expected);
+                        const int64_t known = ask_every_unit(mixed, address, KRV_LOOKUP_F_FAST);
+                        EXPECT_EQ(ask_index(mixed, address, KRV_LOOKUP_F_FAST), known) << std::hex << address;
+                    }
                 }
             }
         }
-    }
 }
 
 TEST(Lookup, UnitOfAnAddressSaysWhyNot)

@@ -104,15 +104,6 @@ int add_unit(krv_handle_t *hp, krv_ctu_t *cu, void *arg)
     return 0;
 }
 
-int add_note(krv_elf_t *, const krv_elf_note_t *note, void *arg)
-{
-    auto *a = static_cast<answer *>(arg);
-    a->add("%s: %s; ", note->pass, note->text);
-    a->told = a->told || std::strstr(note->text, "out of memory") != nullptr ||
-              std::strstr(note->text, std::strerror(EIO)) != nullptr;
-    return 0;
-}
-
 void ask_elf(krv_elf_t *elf, answer *a)
 {
     size_t symbols = 0;
@@ -121,7 +112,11 @@ void ask_elf(krv_elf_t *elf, answer *a)
     krv_handle_t *hp = korva_elf_get_handle(elf);
     if (korva_iter_cu(hp, KRV_SEC_INFO, add_unit, a) != 0)
         a->told = a->told || korva_handle_get_errno(hp) == KRV_ERR_NOMEM;
-    korva_elf_iter_notes(elf, add_note, a);
+    each(korva_elf_iter_notes, elf, [a](const krv_elf_note_t *note) {
+        a->add("%s: %s; ", note->pass, note->text);
+        a->told = a->told || std::strstr(note->text, "out of memory") != nullptr ||
+                  std::strstr(note->text, std::strerror(EIO)) != nullptr;
+    });
 }
 
 // A core file, or a process

@@ -111,6 +111,43 @@ static std::string ask_later_units(krv_handle_t *hp)
            std::to_string(language->sa_u.su_unsigned) + (next->dcu_kind != 0 ? " of a kind" : "");
 }
 
+// Units by address as they are written: the first is named by a set, the second says where its functions are.
+
+static session make_written_units()
+{
+    const bytes abbrev_section = abbrevs("1 compile_unit+ name:string comp_dir:string; 2 subprogram ranges:sec_offset;"
+                                         "3 namespace+ name:string; 4 subprogram low_pc:addr high_pc:data4");
+    const bytes end = bytes().u8(0), dir = bytes().cstr("/build");
+    const bytes first = bytes().uleb(1).cstr("a.c").add(dir).add(end);
+    const bytes second = bytes().uleb(1).cstr("b.c").add(dir).uleb(3).cstr("n").uleb(2).u32(0).add(end).add(end);
+    return {.sections = {{KRV_SEC_ABBREV, abbrev_section},
+                         {KRV_SEC_INFO, unit{.dies = first}.build() + unit{.dies = second}.build()},
+                         {KRV_SEC_EXT_RANGES, bytes().u64(0x900).u64(0x910).u64(0).u64(0)},
+                         {KRV_SEC_ARANGES, aranges_set{.tuples = {{0x400, 8}}}.build()}},
+            .extended = true};
+}
+
+static std::string ask_written_units(krv_handle_t *hp)
+{
+    std::string answer;
+    krv_ctu_t *found[2] = {};
+    for (const uint64_t i : {0, 1}) {
+        found[i] = korva_lookup_ctu_by_addr(hp, i == 0 ? 0x407 : 0x90f, 0);
+        if (found[i] == nullptr)
+            return "!unit";
+        answer += std::string(found[i]->dcu_name) + " ";
+    }
+    for (krv_ctu_t *cu : found) {
+        krv_ctu_t *same = korva_lookup_ctu_by_start_offset(hp, KRV_SEC_INFO, cu->dcu_offset);
+        if (same == nullptr)
+            return "!table";
+        answer += same == cu ? "" : "another record";
+        if (!korva_cu_contains_addr(hp, cu, cu == found[0] ? 0x400 : 0x900, 0))
+            return "!ranges";
+    }
+    return answer;
+}
+
 // Frames
 
 static function framed(bool eh)
@@ -243,6 +280,7 @@ std::span<const scenario> scenarios()
     static const scenario all[] = {
         {"units", make_units, ask_units, "a.c /build/src/a.c; b.c /build/src/a.c; ", 60},
         {"later units", make_later_units, ask_later_units, "/build/a.c a.c 1024 33", 20},
+        {"units as written", make_written_units, ask_written_units, "a.c b.c ", 20},
         {".debug_frame", make_frames<false, false>, ask_frames, "7008 55; 7010 0; ", 15},
         {".eh_frame", make_frames<true, false>, ask_frames, "7008 0; 7010 0; ", 15},
         {".eh_frame_hdr", make_frames<true, true>, ask_frames, "7008 0; 7010 0; ", 15},

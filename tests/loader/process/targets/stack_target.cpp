@@ -22,10 +22,15 @@ static pthread_cond_t never = PTHREAD_COND_INITIALIZER;
 static int waiting; // threads in wait_in_condition, counted under the mutex
 static char signal_stack[65536];
 
+static void say(const char *text)
+{
+    if (write(1, text, std::strlen(text)) < 0)
+        _exit(1);
+}
+
 NOINLINE static void stay()
 {
-    std::puts("ready");
-    std::fflush(stdout);
+    say("ready\n");
     while (on)
         pause();
 }
@@ -73,16 +78,13 @@ NOINLINE static void start_threads(int count)
     stay();
 }
 
-static void handle(int, siginfo_t *, void *)
-{
-    stay();
-    sink = 1;
-}
-
 NOINLINE static void be_interrupted(int flags)
 {
     struct sigaction action = {};
-    action.sa_sigaction = handle;
+    action.sa_sigaction = [](int, siginfo_t *, void *) {
+        stay();
+        sink = 1;
+    };
     action.sa_flags = SA_SIGINFO | flags;
     stack_t stack = {};
     stack.ss_sp = signal_stack;
@@ -113,42 +115,24 @@ NOINLINE static void sort_something()
 
 NOINLINE static void wait_for_child()
 {
-    if (vfork() == 0) {
-        static const char ready[] = "ready\n";
-        if (write(1, ready, sizeof(ready) - 1) < 0)
-            _exit(1);
-        for (;;)
-            pause();
-    }
-}
-
-// Says "x" for every signal.
-static void count_signal(int)
-{
-    if (write(1, "x", 1) != 1)
-        _exit(1);
+    if (vfork() == 0)
+        stay();
 }
 
 NOINLINE static void count_signals()
 {
-    std::signal(SIGRTMIN, count_signal);
+    std::signal(SIGRTMIN, [](int) { say("x"); });
     stay();
-}
-
-static void *end_at_once(void *)
-{
-    return nullptr;
 }
 
 NOINLINE static void keep_creating_threads()
 {
-    std::puts("ready");
-    std::fflush(stdout);
-    for (;;) {
+    say("ready\n");
+    for (;; usleep(50)) {
         pthread_t thread;
-        if (pthread_create(&thread, nullptr, end_at_once, nullptr) == 0)
+        if (pthread_create(
+                &thread, nullptr, [](void *) -> void * { return nullptr; }, nullptr) == 0)
             pthread_detach(thread);
-        usleep(50);
     }
 }
 
@@ -180,19 +164,16 @@ NOINLINE static void call_nothing(void (*function)())
     sink = 3;
 }
 
-// Waits for the end of the main thread.
-static void *outlive(void *main_thread)
-{
-    pthread_join(*static_cast<pthread_t *>(main_thread), nullptr);
-    stay();
-    return nullptr;
-}
-
 NOINLINE static void end_main_thread()
 {
     static pthread_t self = pthread_self();
     pthread_t thread;
-    if (pthread_create(&thread, nullptr, outlive, &self) == 0)
+    const auto outlive = [](void *) -> void * {
+        pthread_join(self, nullptr);
+        stay();
+        return nullptr;
+    };
+    if (pthread_create(&thread, nullptr, outlive, nullptr) == 0)
         pthread_exit(nullptr);
 }
 

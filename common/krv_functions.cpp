@@ -1,0 +1,144 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// Entries stand one behind the other, whatever their depth, so a walk over all of them needs no tree. Those that are in
+// memory are stepped over without a record.
+#include "krv_functions.h"
+
+#include "krv_code.h"
+#include "krv_dwarf.h"
+#include "krv_error.h"
+#include "krv_fd.h"
+#include "krv_mem.h"
+
+using die_owner = std::unique_ptr<krv_die_t, krv_die_deleter>;
+
+// What follows a number of LEB128; NULL: cut off, or long.
+static const uint8_t *skip_number(const uint8_t *at, const uint8_t *end, uint64_t *valuep)
+{
+    if (const uint8_t *next = krv_scan_short_uleb128(at, end, valuep))
+        return next;
+    const unsigned int width = krv_scan_uleb128({at, static_cast<uint64_t>(end - at)}, valuep);
+    return width == 0 ? nullptr : at + width;
+}
+
+// What follows `count` bytes; NULL: there are not so many.
+static const uint8_t *skip_bytes(const uint8_t *at, const uint8_t *end, uint64_t count)
+{
+    return count > static_cast<uint64_t>(end - at) ? nullptr : at + count;
+}
+
+static const uint8_t *skip_block(const uint8_t *at, const uint8_t *end, unsigned int width)
+{
+    uint64_t length = 0;
+    const uint8_t *bytes = at;
+    if (width == 0) {
+        bytes = skip_number(at, end, &length);
+    } else {
+        bytes = skip_bytes(at, end, width);
+        if (bytes != nullptr)
+            std::memcpy(&length, at, width);
+    }
+    return bytes == nullptr ? nullptr : skip_bytes(bytes, end, length);
+}
+
+// What follows a value; NULL: cut off, or of a form that only its bytes tell.
+static const uint8_t *skip_value(const uint8_t *at, const uint8_t *end, krv_form_t form, const krv_encoding_t &encoding)
+{
+    if (const size_t width = krv_number_width(form, encoding, encoding.forms); width != 0)
+        return skip_bytes(at, end, width);
+    const krv_form_row_t row = krv_form_row(form, encoding.forms);
+    uint64_t unused;
+    switch (row.family) {
+    case krv_family_t::uleb128:
+    case krv_family_t::sleb128:
+        return skip_number(at, end, &unused);
+    case krv_family_t::string: {
+        const void *nul = std::memchr(at, 0, static_cast<size_t>(end - at));
+        return nul == nullptr ? nullptr : static_cast<const uint8_t *>(nul) + 1;
+    }
+    case krv_family_t::block:
+        return skip_block(at, end, row.width);
+    case krv_family_t::number:
+    case krv_family_t::strp:
+    case krv_family_t::opaque:
+    case krv_family_t::line_strp:
+    case krv_family_t::alt_strp:
+    case krv_family_t::bytes:
+        return skip_bytes(at, end, krv_form_width(row, encoding));
+    case krv_family_t::present:
+    case krv_family_t::implicit:
+        return at;
+    case krv_family_t::indirect:
+    case krv_family_t::unknown:
+        break;
+    }
+    return nullptr;
+}
+
+static bool is_function_with_code(const krv_abbrev_t *abbrev)
+{
+    if (abbrev->dwa_tag != DW_TAG_subprogram)
+        return false;
+    for (uint32_t i = 0; i < abbrev->dwa_nafpairs; ++i) {
+        const krv_attribute_t attribute = abbrev->dwa_afpairs[i].dwafp_attribute;
+        if (attribute == DW_AT_low_pc || attribute == DW_AT_ranges)
+            return true;
+    }
+    return false;
+}
+
+// What follows entries that are no such function, up to `end`: such a function, or an entry that has to be read as others
+// are. *left counts the attributes that may still be stepped over.
+static const uint8_t *skip_entries(const uint8_t *at, const uint8_t *end, const krv_au_t *au,
+                                   const krv_encoding_t &encoding, uint64_t *left)
+{
+    while (at != end) {
+        uint64_t code = 0;
+        const uint8_t *value = skip_number(at, end, &code);
+        if (value != nullptr && code != 0) {
+            const krv_abbrev_t *abbrev = krv_abbrev_at_its_code(au, code);
+            if (abbrev == nullptr || is_function_with_code(abbrev) || abbrev->dwa_nafpairs > *left)
+                return at;
+            *left -= abbrev->dwa_nafpairs;
+            for (uint32_t i = 0; i < abbrev->dwa_nafpairs && value != nullptr; ++i)
+                value = skip_value(value, end, abbrev->dwa_afpairs[i].dwafp_form, encoding);
+        }
+        if (value == nullptr)
+            return at;
+        at = value;
+    }
+    return at;
+}
+
+int krv_iter_functions(krv_handle_t *hp, krv_ctu_t *cu, krv_iter_functions_f *fn, void *arg)
+{
+    krv_au_t *au = krv_cu_abbrevs(hp, cu);
+    if (au == nullptr)
+        return -1;
+    uint64_t left = krv_cu_most_attributes(cu);
+    for (krv_offset_t offset = cu->dcu_header_size; offset < cu->dcu_size;) {
+        krv_fd_t fd = *krv_section(hp, cu->dcu_section);
+        if (krv_fd_seek(&fd, cu->dcu_offset + offset) != 0 || krv_fd_truncate(&fd, cu->dcu_size - offset) != 0)
+            return -1;
+        const krv_view_t view = krv_fd_view(&fd);
+        if (view.size != 0) {
+            const uint8_t *const end = view.bytes + view.size;
+            offset +=
+                static_cast<uint64_t>(skip_entries(view.bytes, end, au, krv_cu_encoding(hp, cu), &left) - view.bytes);
+            if (offset == cu->dcu_size)
+                break;
+        }
+        const die_owner die(krv_alloc_next_die(hp, cu, offset, &left));
+        if (die != nullptr) {
+            offset += die->dwdie_bufsize;
+            if (is_function_with_code(die->dwdie_abbrev_cache))
+                if (const int result = fn(hp, die.get(), arg))
+                    return result;
+        } else if (hp->sh_errno == KRV_ERR_NOTFOUND) {
+            offset = hp->sh_sec[cu->dcu_section].sfd_offset - cu->dcu_offset; // behind the null entry
+        } else {
+            return -1;
+        }
+    }
+    return 0;
+}
