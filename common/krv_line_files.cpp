@@ -5,6 +5,7 @@
 #include "krv_line.h"
 
 #include "krv_error.h"
+#include "krv_fd.h"
 #include "krv_mem.h"
 
 namespace
@@ -52,7 +53,9 @@ bool krv_line_has_room(krv_handle_t *hp, uint64_t bytes)
 {
     constexpr uint64_t MOST_BYTES = 64; // of memory a byte of section; a row of one byte, the dearest, takes 48
     const uint64_t kept = hp->sh_line_bytes + bytes;
-    return kept <= KRV_KEPT_SLACK || (kept - KRV_KEPT_SLACK) / MOST_BYTES <= hp->sh_sec[KRV_SEC_LINE].sfd_size;
+    const uint64_t size =
+        krv_add_offset(hp->sh_sec[KRV_SEC_LINE].sfd_size, krv_section(hp, KRV_SEC_EXT_LINE_STR)->sfd_size);
+    return kept <= KRV_KEPT_SLACK || (kept - KRV_KEPT_SLACK) / MOST_BYTES <= size;
 }
 
 bool krv_line_may_keep(krv_handle_t *hp, uint64_t bytes)
@@ -123,17 +126,15 @@ static bool grow_files(krv_handle_t *hp, krv_lnph_t *lnphp)
     return true;
 }
 
-// What a relative directory counts from: the unit's compilation directory. Directory 0 of version 5 is the same; it takes
-// the place of one that is not known, and is not repeated.
+// What a relative directory counts from: the unit's compilation directory. Directory 0 of version 5 is the same, as the
+// table has it: it takes the place of one that is not known, and, where it is relative, is repeated, as other readers do.
 static const char *comp_dir_of(const krv_lnph_t *lnphp, const krv_ctu_t *cup, const char *directory)
 {
     const char *comp_dir = cup == nullptr ? nullptr : cup->dcu_comp_dir;
-    if (lnphp->sln_first != 0 || lnphp->sln_id_entries == 0)
+    if (comp_dir != nullptr || lnphp->sln_first != 0 || lnphp->sln_id_entries == 0)
         return comp_dir;
     const char *first = lnphp->sln_id[0];
-    if (comp_dir == nullptr || (directory == first && std::strcmp(first, comp_dir) == 0))
-        return directory == first ? nullptr : first;
-    return comp_dir;
+    return directory == first ? nullptr : first;
 }
 
 int krv_lnph_add_file(krv_handle_t *hp, krv_lnph_t *lnphp, krv_ctu_t *cup, const char *pathp, uint64_t diridx,

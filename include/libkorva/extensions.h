@@ -99,7 +99,8 @@ KORVA_API int korva_find_location(krv_handle_t *hp, krv_ctu_t *cup, uint64_t lis
  * (KRV_FIELD_LNFE_DIRIDX); directory 0 is the compilation directory, which some producers leave out of the table. Time and
  * size of a file are 0 where they are not recorded. Composed paths begin with the unit's DW_AT_comp_dir where the
  * directory is relative, or with directory 0 where the unit has none. Headers of other versions than 2 to 5 fail with
- * KRV_ERR_UNSUPPORTED. What korva_lns_get_filep answers needs no knowledge of versions.
+ * KRV_ERR_UNSUPPORTED. What korva_lns_get_filep answers needs no knowledge of versions. The bound on what is kept (see
+ * korva_line_get_cu_lnph) counts the bytes of .debug_line_str as well.
  *
  * With KRV_OPT_EXT_AS_WRITTEN the matrix has the sequences that describe code of the object (see korva_handle_add_code),
  * and of those that overlap the one that came first; what is left out is noted once for a matrix. Rows that descend within
