@@ -37,7 +37,9 @@ struct evaluator {
     krv_fd_t **outputs;
     krv_expr_cb_f *func;
     void *arg;
+    krv_frame_registers_f *entry;
     uint64_t *budget;
+    const krv_expr_rows_t *known;
 
     uint64_t start;       // cursor offset of the expression
     uint64_t at;          // of the current instruction
@@ -99,7 +101,7 @@ static int bad_operand(evaluator *ev, place where, uint64_t offset, unsigned int
 static int decode(evaluator *ev, krv_expr_insn_t *insn, place where)
 {
     const uint64_t offset = ev->fdp->sfd_offset;
-    switch (krv_expr_decode(ev->hp, ev->fdp, 0, insn)) {
+    switch (krv_expr_decode(ev->hp, ev->fdp, ev->known, 0, insn)) {
     case krv_expr_decoded::no_opcode:
         return bad_opcode(ev, where, offset);
     case krv_expr_decoded::no_row:
@@ -129,9 +131,9 @@ static int check(evaluator *ev)
 {
     krv_handle_t *hp = ev->hp;
     const uint8_t opcode = ev->current->op.opcode;
-    if (opcode >= KRV_NOPERATIONS)
+    if (opcode >= ev->known->count)
         return krv_fail(hp, KRV_ERR_UNSUPPORTED, "unknown opcode");
-    const idata *row = &krv_expr_table[opcode];
+    const idata *row = &ev->known->rows[opcode];
     if (row->version == 0)
         return krv_fail(hp, KRV_ERR_UNSUPPORTED, "unsupported instruction");
     if ((row->flags & KRV_OP_F_LOCATION) != 0 && !ev->is_location())
@@ -418,8 +420,97 @@ static int branch(evaluator *ev)
 }
 
 // ---------------------------------------------------------------------------------------------------------------
+// What a function was called with
+// ---------------------------------------------------------------------------------------------------------------
+
+static const char *operation_name(const evaluator *ev)
+{
+    const char *name = krv_print_known(ev->hp, KRV_DEF_OP, ev->current->op.opcode);
+    return name == nullptr ? "unknown" : name;
+}
+
+[[gnu::noinline, gnu::cold]] static int not_evaluated(evaluator *ev, const char *why)
+{
+    return krv_fail(ev->hp, KRV_ERR_EVAL, "%s cannot be evaluated: %s", operation_name(ev), why);
+}
+
+// A register of the caller is what it was when the function was called, if the function preserves it: then the rules that
+// lead to the caller give it a value. The stack pointer is not: the return address was pushed.
+static int read_entry_register(evaluator *ev, uint64_t reg, uint64_t offset, uint64_t *valuep)
+{
+    krv_handle_t *hp = ev->hp;
+    size_t size = 0;
+    if (reg > UINT32_MAX ||
+        krv_activation_get_reg_size(hp, ev->ap, KRV_ACTIVATION_REG_DWARF, static_cast<uint32_t>(reg), &size) != 0)
+        return not_evaluated(ev, "there is no such register");
+    size = size > hp->sh_target_size ? hp->sh_target_size : size;
+    uint64_t value = 0;
+    if (krv_activation_read(hp, ev->ap, ev->entry, KRV_ACTIVATION_REG_DWARF, static_cast<uint32_t>(reg), &value,
+                            size) != 0)
+        return not_evaluated(ev, "the register is not known from the caller");
+    if (reg == (hp->sh_target_size == 4 ? 4U : 7U))
+        value -= hp->sh_target_size;
+    *valuep = value + offset;
+    return 0;
+}
+
+// DWARF 5, 2.5.1.7. The expression is a register, or one to which something is added.
+[[gnu::noinline, gnu::cold]] static int push_entry_value(evaluator *ev)
+{
+    if (ev->entry == nullptr)
+        return not_evaluated(ev, "the caller's frame is not at hand");
+    const auto *block = static_cast<krv_fd_t *>(ev->current->op.operand[0].sa_u.su_addr);
+    if (block == nullptr) // the call-back has made this opcode of another one
+        return krv_fail_code(ev->hp, KRV_ERR_INVALID);
+    krv_fd_t fd = *block;
+    fd.sfd_offset = 0;
+    fd.sfd_remaining = fd.sfd_size;
+    krv_expr_insn_t insn;
+    if (krv_expr_decode(ev->hp, &fd, ev->known, 0, &insn) != krv_expr_decoded::whole || fd.sfd_remaining != 0)
+        return not_evaluated(ev, "its expression is more than a register");
+    const uint8_t opcode = insn.op.opcode;
+    const uint64_t first = insn.op.operand[0].sa_u.su_unsigned, second = insn.op.operand[1].sa_u.su_unsigned;
+    uint64_t value = 0;
+    int result = 0;
+    if (opcode >= DW_OP_reg0 && opcode <= DW_OP_reg31)
+        result = read_entry_register(ev, opcode - DW_OP_reg0, 0, &value);
+    else if (opcode >= DW_OP_breg0 && opcode <= DW_OP_breg31)
+        result = read_entry_register(ev, opcode - DW_OP_breg0, first, &value);
+    else if (opcode == DW_OP_regx || opcode == DW_OP_bregx)
+        result = read_entry_register(ev, first, opcode == DW_OP_regx ? 0 : second, &value);
+    else
+        result = not_evaluated(ev, "its expression is more than a register");
+    return result != 0 ? -1 : (ev->push(value), 0);
+}
+
+// ---------------------------------------------------------------------------------------------------------------
 // Execution
 // ---------------------------------------------------------------------------------------------------------------
+
+// Operations of extensions. The types that an expression names are entries of its unit, as are the addresses that it
+// counts, and neither is at hand; the type at 0 is that of the stack.
+[[gnu::noinline, gnu::cold]] static int execute_extended(evaluator *ev, uint8_t opcode)
+{
+    if (ev->known != &krv_expr_extended_rows || opcode < KRV_NOPERATIONS)
+        return krv_fail(ev->hp, KRV_ERR_UNSUPPORTED, "unsupported opcode");
+    switch (opcode) {
+    case DW_OP_entry_value:
+    case DW_OP_GNU_entry_value:
+        return push_entry_value(ev);
+    case DW_OP_convert:
+    case DW_OP_GNU_convert:
+    case DW_OP_reinterpret:
+    case DW_OP_GNU_reinterpret:
+        return ev->operand() == 0 ? 0 : not_evaluated(ev, "its type is an entry of a unit that is not known");
+    case DW_OP_addrx:
+    case DW_OP_GNU_addr_index:
+    case DW_OP_constx:
+    case DW_OP_GNU_const_index:
+        return not_evaluated(ev, "its unit, which says where addresses are counted, is not known");
+    default:
+        return not_evaluated(ev, "what it means stands in entries, which are not at hand");
+    }
+}
 
 static int pick(evaluator *ev, uint64_t index)
 {
@@ -524,7 +615,7 @@ static int execute_plain(evaluator *ev, uint8_t opcode)
             return ev->push(opcode - DW_OP_lit0), 0;
         if (opcode >= DW_OP_breg0 && opcode <= DW_OP_breg31)
             return push_register(ev, opcode - DW_OP_breg0, ev->operand());
-        return krv_fail(ev->hp, KRV_ERR_UNSUPPORTED, "unsupported opcode");
+        return execute_extended(ev, opcode);
     }
 }
 
@@ -580,7 +671,7 @@ static int run(evaluator *ev)
         }
         if (result != 0)
             return krv_note(ev->hp, "error executing instruction 0x%hhx (%s) at offset %ld", ev->current->op.opcode,
-                            krv_name_or_unknown(KRV_DEF_OP, ev->current->op.opcode), static_cast<long>(ev->at));
+                            operation_name(ev), static_cast<long>(ev->at));
         if (next == step::finished || ev->last)
             return 0;
         std::swap(ev->current, ev->ahead);
@@ -611,7 +702,9 @@ int krv_expr_execute(krv_handle_t *hp, krv_fd_t *fdp, const krv_expr_context_t *
     ev.outputs = context->outputs;
     ev.func = context->func;
     ev.arg = context->arg;
+    ev.entry = context->entry;
     ev.budget = context->budget;
+    ev.known = krv_expr_rows(hp);
     ev.start = fdp->sfd_offset;
     ev.at = ev.start;
     ev.next_offset = ev.start;
