@@ -9,6 +9,7 @@
 #include "krv_error.h"
 #include "krv_expr.h"
 #include "krv_expr_decode.h"
+#include "krv_expr_entry.h"
 #include "krv_fd.h"
 #include "krv_names.h"
 
@@ -420,7 +421,7 @@ static int branch(evaluator *ev)
 }
 
 // ---------------------------------------------------------------------------------------------------------------
-// What a function was called with
+// Extensions
 // ---------------------------------------------------------------------------------------------------------------
 
 static const char *operation_name(const evaluator *ev)
@@ -434,58 +435,16 @@ static const char *operation_name(const evaluator *ev)
     return krv_fail(ev->hp, KRV_ERR_EVAL, "%s cannot be evaluated: %s", operation_name(ev), why);
 }
 
-// A register of the caller is what it was when the function was called, if the function preserves it: then the rules that
-// lead to the caller give it a value. The stack pointer is not: the return address was pushed.
-static int read_entry_register(evaluator *ev, uint64_t reg, uint64_t offset, uint64_t *valuep)
-{
-    krv_handle_t *hp = ev->hp;
-    size_t size = 0;
-    if (reg > UINT32_MAX ||
-        krv_activation_get_reg_size(hp, ev->ap, KRV_ACTIVATION_REG_DWARF, static_cast<uint32_t>(reg), &size) != 0)
-        return not_evaluated(ev, "there is no such register");
-    size = size > hp->sh_target_size ? hp->sh_target_size : size;
-    uint64_t value = 0;
-    if (krv_activation_read(hp, ev->ap, ev->entry, KRV_ACTIVATION_REG_DWARF, static_cast<uint32_t>(reg), &value,
-                            size) != 0)
-        return not_evaluated(ev, "the register is not known from the caller");
-    if (reg == (hp->sh_target_size == 4 ? 4U : 7U))
-        value -= hp->sh_target_size;
-    *valuep = value + offset;
-    return 0;
-}
-
-// DWARF 5, 2.5.1.7. The expression is a register, or one to which something is added.
 [[gnu::noinline, gnu::cold]] static int push_entry_value(evaluator *ev)
 {
-    if (ev->entry == nullptr)
-        return not_evaluated(ev, "the caller's frame is not at hand");
     const auto *block = static_cast<krv_fd_t *>(ev->current->op.operand[0].sa_u.su_addr);
     if (block == nullptr) // the call-back has made this opcode of another one
         return krv_fail_code(ev->hp, KRV_ERR_INVALID);
-    krv_fd_t fd = *block;
-    fd.sfd_offset = 0;
-    fd.sfd_remaining = fd.sfd_size;
-    krv_expr_insn_t insn;
-    if (krv_expr_decode(ev->hp, &fd, ev->known, 0, &insn) != krv_expr_decoded::whole || fd.sfd_remaining != 0)
-        return not_evaluated(ev, "its expression is more than a register");
-    const uint8_t opcode = insn.op.opcode;
-    const uint64_t first = insn.op.operand[0].sa_u.su_unsigned, second = insn.op.operand[1].sa_u.su_unsigned;
     uint64_t value = 0;
-    int result = 0;
-    if (opcode >= DW_OP_reg0 && opcode <= DW_OP_reg31)
-        result = read_entry_register(ev, opcode - DW_OP_reg0, 0, &value);
-    else if (opcode >= DW_OP_breg0 && opcode <= DW_OP_breg31)
-        result = read_entry_register(ev, opcode - DW_OP_breg0, first, &value);
-    else if (opcode == DW_OP_regx || opcode == DW_OP_bregx)
-        result = read_entry_register(ev, first, opcode == DW_OP_regx ? 0 : second, &value);
-    else
-        result = not_evaluated(ev, "its expression is more than a register");
-    return result != 0 ? -1 : (ev->push(value), 0);
+    const char *why = ev->entry == nullptr ? "the caller's frame is not at hand"
+                                           : krv_expr_entry_value(ev->hp, ev->ap, ev->entry, block, &value);
+    return why != nullptr ? not_evaluated(ev, why) : (ev->push(value), 0);
 }
-
-// ---------------------------------------------------------------------------------------------------------------
-// Execution
-// ---------------------------------------------------------------------------------------------------------------
 
 // Operations of extensions. The types that an expression names are entries of its unit, as are the addresses that it
 // counts, and neither is at hand; the type at 0 is that of the stack.
@@ -511,6 +470,10 @@ static int read_entry_register(evaluator *ev, uint64_t reg, uint64_t offset, uin
         return not_evaluated(ev, "what it means stands in entries, which are not at hand");
     }
 }
+
+// ---------------------------------------------------------------------------------------------------------------
+// Execution
+// ---------------------------------------------------------------------------------------------------------------
 
 static int pick(evaluator *ev, uint64_t index)
 {
