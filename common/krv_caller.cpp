@@ -82,9 +82,11 @@ int korva_expr_execute_expression(krv_handle_t *hp, krv_exprstack_t *esp, krv_ac
         return -1;
     if (esp == nullptr || ap == nullptr || fdp == nullptr)
         return krv_fail_code(hp, KRV_ERR_INVALID);
-    krv_frame_registers_f *frame = (flags & KRV_EXPR_F_CALLER) != 0 ? krv_caller_registers : krv_current_registers;
+    const bool is_caller = (flags & KRV_EXPR_F_CALLER) != 0;
+    krv_frame_registers_f *frame = is_caller ? krv_caller_registers : krv_current_registers;
+    krv_frame_registers_f *entry = is_caller ? nullptr : krv_caller_registers;
     uint64_t budget = KRV_EXPR_MAX_STEPS;
-    const krv_expr_context_t context = {esp, ap, frame, flags, outputs, func, arg, &budget};
+    const krv_expr_context_t context = {esp, ap, frame, flags, outputs, func, arg, entry, &budget};
     return krv_expr_execute(hp, fdp, &context);
 }
 

@@ -93,7 +93,7 @@ static bool has_flag(uint8_t opcode, uint32_t flag)
 
 [[gnu::noinline, gnu::cold]] static row out_of_range(cfi_run *run, uint8_t opcode, uint64_t reg)
 {
-    const char *name = krv_print_define(KRV_DEF_CFA, opcode);
+    const char *name = krv_print_known(run->hp, KRV_DEF_CFA, opcode);
     krv_note(run->hp, "register %lu out of range for %s", static_cast<unsigned long>(reg),
              name == nullptr ? "(unknown)" : name);
     return row::bad;

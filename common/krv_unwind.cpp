@@ -148,6 +148,7 @@ static int execute_expression(evaluation *ev)
                                         .outputs = nullptr,
                                         .func = nullptr,
                                         .arg = nullptr,
+                                        .entry = nullptr,
                                         .budget = ev->budget};
     return krv_expr_execute(ev->hp, &ev->fd, &context);
 }
