@@ -538,11 +538,12 @@ TEST(Expr, OfExtensions)
         {"0xa3 2 regx 3 lit1 plus", "2203 "},
         {"0xa3 3 bregx 3 0x7f", "2201 "},
         {"0xa3 1 reg7", "7010 "}, // the return address was on top
-        {"0xa3 1 reg5", "EVAL: register 5 has no value | DW_OP_entry_value" + cannot +
+        {"0xa3 1 reg5", "EVAL: register not present (5) | DW_OP_entry_value" + cannot +
                             "the register is not known from the caller" + in + "a3 (DW_OP_entry_value)"},
         {"0xa3 1 lit3", "EVAL: DW_OP_entry_value" + more + "a3 (DW_OP_entry_value)"},
         {"0xf3 2 reg3 nop", "EVAL: DW_OP_GNU_entry_value" + more + "f3 (DW_OP_GNU_entry_value)"},
-        {"0xa3 0", "EVAL: DW_OP_entry_value" + more + "a3 (DW_OP_entry_value)"},
+        {"0xa3 0", "EVAL: form DW_FORM_data1 requires 1 byte;  0 remaining | DW_OP_entry_value" + more +
+                       "a3 (DW_OP_entry_value)"},
         {"0xa3 1 reg3",
          "EVAL: DW_OP_entry_value" + cannot + "the caller's frame is not at hand" + in + "a3 (DW_OP_entry_value)",
          KRV_EXPR_F_CALLER},
