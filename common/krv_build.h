@@ -12,7 +12,7 @@
 class krv_build_guard
 {
 public:
-    explicit krv_build_guard(krv_handle_t *handle) : hp(handle), nested(is_building(handle))
+    explicit krv_build_guard(krv_handle_t *handle) : hp(handle), nested(handle->sh_builder == pthread_self())
     {
         if (nested)
             return;
@@ -29,10 +29,7 @@ public:
     krv_build_guard(const krv_build_guard &) = delete;
     krv_build_guard &operator=(const krv_build_guard &) = delete;
 
-    // Whether this thread builds something already.
-    static bool is_building(const krv_handle_t *hp) { return hp->sh_builder == pthread_self(); }
-
-    // Whether it did when the guard was made: what the lock protects is then half built.
+    // Whether that is so: what the lock protects is then half built.
     bool is_nested() const { return nested; }
 
     int refuse() const

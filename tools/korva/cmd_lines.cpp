@@ -215,7 +215,7 @@ result<void> table_printer::read_files()
 
 bool table_printer::print(bool program)
 {
-    if (!m_unit->is_readable()) {
+    if (!is_readable(m_unit->header)) {
         m_object->refuse_version(*m_unit);
         return false;
     }
@@ -243,7 +243,7 @@ bool table_printer::print(bool program)
 
 static int run_lines(const lines_options &options)
 {
-    object obj(options.file, options.raw, options.debug_dirs);
+    object obj(options.file, options.flags(), options.debug_dirs);
     tally done;
     if (!obj.diagnose_notes())
         done.missed();

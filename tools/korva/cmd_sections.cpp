@@ -41,7 +41,7 @@ static void print_notes(answers &out, const note_list &notes)
 
 static int run_sections(const common_options &options)
 {
-    const object obj(options.file, options.raw, options.debug_dirs);
+    const object obj(options.file, options.flags(), options.debug_dirs);
     const note_list all = obj.elf().notes();
     std::map<std::string_view, note_list> by_section = notes_by_section(all);
     answers out(options.format);

@@ -29,7 +29,7 @@ static void print_unit(answers &out, const json_value &record)
 
 static int run_units(const common_options &options)
 {
-    object obj(options.file, options.raw, options.debug_dirs);
+    object obj(options.file, options.flags(), options.debug_dirs);
     tally done;
     if (!obj.diagnose_notes())
         done.missed();
@@ -43,7 +43,7 @@ static int run_units(const common_options &options)
                              {"name", nullptr},
                              {"comp_dir", nullptr},
                              {"producer", nullptr}};
-        if (!u.is_readable()) {
+        if (!is_readable(u.header)) {
             obj.refuse_version(u);
         } else if (const auto entry = u.unit.entry(); !entry) {
             obj.refuse(u, fmt::format("entry of unit at offset 0x{:x}: {}", u.header.offset, entry.error().text()));

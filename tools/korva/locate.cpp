@@ -7,41 +7,52 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <numeric>
 #include <utility>
 
 namespace korva::program
 {
 
-locator::locator(object *obj) : m_object(obj)
+// Reads the units, once. To be called before any scan: what is no and what is not known yet would look alike behind it.
+bool locator::read_units()
 {
+    if (m_units != nullptr || m_no_units)
+        return !m_no_units;
     try {
-        m_units = &obj->units();
+        m_units = &m_object->units();
     } catch (const failure &f) {
         diagnose(f.what());
-        return;
+        m_no_units = true;
+        return false;
     }
-    for (unit_record &u : *m_units) { // "no" and "not known yet" differ: any scan would blur that
+    m_next.resize(m_units->size() + 1);
+    std::iota(m_next.begin(), m_next.end(), size_t{0});
+    for (unit_record &u : *m_units) {
         const result<coverage> known = u.unit.covers(0, KRV_LOOKUP_F_FAST);
         if (!known)
             note_ranges_failed(known.error());
         if (!known || *known == coverage::unknown)
             m_unranged.push_back(&u);
     }
+    return true;
 }
 
-location locator::find(uint64_t address)
+location locator::find(uint64_t address, bool names)
 {
     location found;
-    found.function = m_object->elf().symbol(address);
-    if (m_units == nullptr)
-        return found;
-
-    // Within its function an address between two sequences still belongs to one of them.
-    const extent range =
-        found.function != nullptr ? extent{found.function->address, found.function->size} : extent{address, 1};
-    if (ask_covering(range, address, &found) == outcome::absent)
-        ask_sequences(range, address, &found);
+    if (!m_no_units && ask_covering(address, &found) == outcome::absent)
+        ask_sequences(address, &found);
+    if (found.function == nullptr && (names || !found.source))
+        found.function = m_object->elf().symbol(address);
     return found;
+}
+
+// Within its function an address between two sequences still belongs to one of them.
+extent locator::range_around(uint64_t address, location *found) const
+{
+    if (found->function == nullptr)
+        found->function = m_object->elf().symbol(address);
+    return found->function != nullptr ? extent{found->function->address, found->function->size} : extent{address, 1};
 }
 
 // Tells once that a question about ranges failed.
@@ -61,29 +72,47 @@ bool locator::covers(const unit_record &u, uint64_t address, krv_lookup_flag_t f
 
 void locator::refuse_lines(unit_record &u, const error &why)
 {
+    m_lines_refused = true;
     m_object->refuse(u, fmt::format("line table of unit at offset 0x{:x}: {}", u.header.offset, why.text()));
+}
+
+static bool has_no_lines(const unit_record &u)
+{
+    return u.lines && u.lines->start > u.lines->end;
 }
 
 // Many units may cover an address of which they know no line. Asked again, they are passed over.
 void locator::learn_lines(unit_record &u)
 {
+    if (u.lines)
+        return;
     u.lines = range{UINT64_MAX, 0};
     for (const range &r : u.unit.sequences().value_or({}))
         u.lines = range{std::min(u.lines->start, r.start), std::max(u.lines->end, r.end)};
+}
+
+// What a unit knows of the address itself, where nothing has to be told.
+std::optional<source_view> locator::ask_readable(const unit &u, uint64_t address) const
+{
+    const result<krv_cu_header_t> header = u.header();
+    if (m_lines_refused || !header || !is_readable(*header))
+        return {};
+    const result<source_view> source = u.source_view(address, address, 1);
+    return source ? std::optional(*source) : std::nullopt;
 }
 
 locator::outcome locator::ask(unit_record &u, const extent &range, uint64_t address, location *found)
 {
     if (u.refused)
         return outcome::refused;
-    if (!u.is_readable()) {
+    if (!is_readable(u.header)) {
         m_object->refuse_version(u);
         return outcome::refused;
     }
-    result<korva::source> source = u.unit.source(address, range.address, range.size);
+    const result<source_view> source = u.unit.source_view(address, range.address, range.size);
     if (source) {
-        found->source = std::move(*source);
-        found->unit = &u;
+        found->source = *source;
+        found->owner = u.unit;
         return outcome::found;
     }
     if (source.error().code == KRV_ERR_NOTFOUND) {
@@ -94,32 +123,61 @@ locator::outcome locator::ask(unit_record &u, const extent &range, uint64_t addr
     return outcome::refused;
 }
 
-unit_record &locator::record_of(const unit &u)
+// The first unit from `number` on that may have lines, or one behind the last. What was passed over once is not passed
+// over again.
+size_t locator::next_with_lines(size_t number)
 {
-    const uint64_t offset = u.header().value_or({}).offset;
-    return *std::lower_bound(m_units->begin(), m_units->end(), offset,
-                             [](const unit_record &r, uint64_t wanted) { return r.header.offset < wanted; });
+    size_t with = number;
+    for (; m_next[with] != with || (with < m_units->size() && has_no_lines((*m_units)[with])); with = m_next[with])
+        if (m_next[with] == with)
+            m_next[with] = with + 1;
+    while (number < with)
+        number = std::exchange(m_next[number], with);
+    return with;
 }
 
-locator::outcome locator::ask_covering(const extent &range, uint64_t address, location *found)
+// NULL: a unit that the table of units does not have, as damaged ranges may name one.
+unit_record *locator::record_of(const unit &u)
 {
-    const auto may_know = [&](const unit_record &u) {
-        return !u.lines || (u.lines->end >= range.address &&
-                            (u.lines->start <= range.address || u.lines->start - range.address <= range.size));
-    };
+    const uint64_t offset = u.header().value_or({}).offset;
+    const auto found = std::lower_bound(m_units->begin(), m_units->end(), offset,
+                                        [](const unit_record &r, uint64_t wanted) { return r.header.offset < wanted; });
+    return found != m_units->end() && found->header.offset == offset ? &*found : nullptr;
+}
+
+locator::outcome locator::ask_covering(uint64_t address, location *found)
+{
     for (const krv_lookup_flag_t flags : {KRV_LOOKUP_F_FAST, KRV_LOOKUP_F_NONE}) {
+        if (flags == KRV_LOOKUP_F_NONE && !read_units())
+            break;
         const result<unit> covering = m_object->handle().lookup_unit(address, flags);
         if (!covering) {
-            if (covering.error().code != KRV_ERR_NONE && covering.error().code != KRV_ERR_NOTFOUND)
+            if (covering.error().code != KRV_ERR_NONE && covering.error().code != KRV_ERR_NOTFOUND && read_units())
                 note_ranges_failed(covering.error());
             continue;
         }
+        found->source = ask_readable(*covering, address);
+        if (found->source) {
+            found->owner = *covering;
+            return outcome::found;
+        }
+        if (!read_units())
+            break;
         // The first that covers it knows its line, but for units that overlap.
-        unit_record &first = record_of(*covering);
-        outcome result = ask(first, range, address, found);
-        for (unit_record *u = &first + 1; result == outcome::absent && u != m_units->data() + m_units->size(); ++u)
-            if (may_know(*u) && covers(*u, address, flags))
-                result = ask(*u, range, address, found);
+        unit_record *first = record_of(*covering);
+        if (first == nullptr)
+            continue;
+        const extent range = range_around(address, found);
+        const auto may_know = [&](const unit_record &u) {
+            return !u.lines || (u.lines->end >= range.address &&
+                                (u.lines->start <= range.address || u.lines->start - range.address <= range.size));
+        };
+        outcome result = ask(*first, range, address, found);
+        const auto behind = static_cast<size_t>(first - m_units->data()) + 1;
+        for (size_t i = next_with_lines(behind); result == outcome::absent && i < m_units->size();
+             i = next_with_lines(i + 1))
+            if (may_know((*m_units)[i]) && covers((*m_units)[i], address, flags))
+                result = ask((*m_units)[i], range, address, found);
         if (result != outcome::absent)
             return result;
     }
@@ -147,9 +205,11 @@ void locator::index_unit(unit_record &u)
 void locator::index_sequences()
 {
     m_indexed = true;
+    if (!read_units())
+        return;
     const progress shown(fmt::format("{}: reading line tables", m_object->path()), 0, progress::mode::silent);
     for (unit_record *u : m_unranged) {
-        if (u->is_readable())
+        if (is_readable(u->header))
             index_unit(*u);
         else
             m_object->refuse_version(*u);
@@ -158,7 +218,7 @@ void locator::index_sequences()
               [](const sequence &a, const sequence &b) { return a.addresses.start < b.addresses.start; });
 }
 
-locator::outcome locator::ask_sequences(const extent &range, uint64_t address, location *found)
+locator::outcome locator::ask_sequences(uint64_t address, location *found)
 {
     if (!m_indexed)
         index_sequences();
@@ -166,7 +226,7 @@ locator::outcome locator::ask_sequences(const extent &range, uint64_t address, l
                                  [](uint64_t a, const sequence &s) { return a < s.addresses.start; });
     if (next == m_sequences.begin() || address >= (--next)->addresses.end)
         return outcome::absent;
-    return ask(*next->owner, range, address, found);
+    return ask(*next->owner, range_around(address, found), address, found);
 }
 
 } // namespace korva::program

@@ -12,20 +12,36 @@
 namespace korva::program
 {
 
-static elf open_elf(const std::string &path, bool raw, const std::vector<std::string> &debug_dirs)
+bool object::s_named_cut_file = false;
+
+static elf open_elf(const std::string &path, unsigned int flags, const std::vector<std::string> &debug_dirs)
 {
-    result<elf> opened = elf::open(path.c_str(), raw ? KRV_ELF_F_RAW : KRV_ELF_F_NONE, debug_dirs);
+    result<elf> opened = elf::open(path.c_str(), flags, debug_dirs);
     if (!opened)
         throw failure(opened.error().text()); // names the file
     return std::move(*opened);
 }
 
-object::object(const std::string &path, bool raw, const std::vector<std::string> &debug_dirs)
-    : m_path(path), m_own(open_elf(path, raw, debug_dirs)), m_elf(*m_own), m_info(m_elf.info())
+object::object(const std::string &path, unsigned int flags, const std::vector<std::string> &debug_dirs)
+    : m_path(path), m_own(open_elf(path, flags, debug_dirs)), m_elf(*m_own), m_info(m_elf.info())
 {
 }
 
 object::object(elf_view elf, const std::string &path) : m_path(path), m_elf(elf), m_info(elf.info()) {}
+
+object::~object()
+{
+    if (file_was_cut == 0)
+        return;
+    try {
+        for (const krv_elf_note_t &note : m_elf.notes())
+            if (std::string_view(note.text).ends_with("became shorter while it was read")) {
+                diagnose(fmt::format("{}; nothing is known of what is missing", note.text));
+                s_named_cut_file = true;
+            }
+    } catch (const std::bad_alloc &) { // told without the name
+    }
+}
 
 // The bytes of .debug_info, 0 when the file has none.
 static uint64_t get_info_size(const elf_view &elf)
@@ -63,7 +79,7 @@ void object::refuse_version(unit_record &u)
 {
     if (!m_version_refused) {
         const auto others = std::count_if(m_units.begin(), m_units.end(),
-                                          [](const unit_record &other) { return !other.is_readable(); }) -
+                                          [](const unit_record &other) { return !is_readable(other.header); }) -
                             1;
         diagnose(fmt::format("unit at offset 0x{:x} of .debug_info is DWARF {}: DWARF 2 to 4 is read; compile it with "
                              "-gdwarf-4 (Go: with GOEXPERIMENT=nodwarf5){}",
@@ -116,8 +132,9 @@ void object::read_units()
     m_complete = last.offset + last.size == info_size;
     if (!m_complete)
         diagnose(fmt::format("unit table ends early, at offset 0x{:x} of 0x{:x} of .debug_info: the units behind it "
-                             "cannot be read: {}",
-                             last.offset + last.size, info_size, end.text()));
+                             "cannot be read{}",
+                             last.offset + last.size, info_size,
+                             end.messages.empty() ? "" : ": " + end.text())); // else an earlier question was told why
 }
 
 std::vector<unit_record> &object::units()

@@ -5,6 +5,7 @@
 
 #include <korva.hpp>
 
+#include <csignal>
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -14,15 +15,22 @@
 namespace korva::program
 {
 
+/** Set by the handler of SIGBUS: some file became shorter while it was read. */
+inline volatile std::sig_atomic_t file_was_cut = 0;
+
 /** A compilation unit and what the program knows of it. */
 struct unit_record {
     korva::unit unit;
     krv_cu_header_t header = {};
     bool refused = false;       /**< its failure has been told; it is not asked again */
     std::optional<range> lines; /**< the addresses that its line table speaks of, once that was asked in vain */
-
-    bool is_readable() const { return header.version >= 2 && header.version <= 4; }
 };
+
+/** Whether the library reads units of its version. */
+inline bool is_readable(const krv_cu_header_t &header)
+{
+    return header.version >= 2 && header.version <= 4;
+}
 
 /** An address range. */
 struct extent {
@@ -33,10 +41,14 @@ struct extent {
 class object
 {
 public:
-    /** Opens @p path; throws failure. */
-    object(const std::string &path, bool raw, const std::vector<std::string> &debug_dirs = {});
+    /** Opens @p path; @p flags: KRV_ELF_F_*. Throws failure. */
+    object(const std::string &path, unsigned int flags, const std::vector<std::string> &debug_dirs = {});
     /** Looks at a file that somebody else has opened and will close, later. */
     object(elf_view elf, const std::string &path);
+    /** Tells if the file became shorter while it was read. */
+    ~object();
+    object(const object &) = delete;
+    object &operator=(const object &) = delete;
 
     const std::string &path() const { return m_path; }
     const elf_view &elf() const { return m_elf; }
@@ -46,6 +58,8 @@ public:
     /** Whether a linker has placed its code: then no code lies at address 0. */
     bool is_linked() const;
     bool has_debug_info() const;
+    /** Whether any object told that. */
+    static bool has_named_cut_file() { return s_named_cut_file; }
 
     /**
      * The units in section order, read on first use; throws failure when none can be read. A unit table that ends
@@ -68,6 +82,8 @@ public:
 
 private:
     void read_units();
+
+    static bool s_named_cut_file;
 
     std::string m_path;
     std::optional<korva::elf> m_own; // unless somebody else owns it
