@@ -120,7 +120,7 @@ static const bytes abbrev_section =
             "10 lexical_block low_pc:addr high_pc:addr; 11 compile_unit+ low_pc:addr ranges:sec_offset;"
             "12 compile_unit+ 0x73:sec_offset 0x74:sec_offset low_pc:0x1b ranges:0x23; 13 compile_unit+ ranges:data4;"
             "14 subprogram+ ranges:sec_offset name:string location:block1; 15 partial_unit+;"
-            "16 compile_unit+ low_pc:addr high_pc:sdata");
+            "16 compile_unit+ low_pc:addr high_pc:sdata; 17 variable name:0x7e");
 
 static bytes entry(uint64_t code, uint64_t low, uint64_t high, size_t high_width = 8)
 {
@@ -308,6 +308,13 @@ TEST(Lookup, AddressesOfAUnitAsWritten)
          "110+ 108-",
          "!" + unit_note + "form DW_FORM_addr requires 8 bytes;  4 remaining\n"},
         {"every kind of item", indexed, {}, items, 0, live, left_out(2)},
+        {"functions before an entry of an unknown form",
+         bare + sub + bytes().uleb(17),
+         {},
+         {},
+         0,
+         "400+ 480-",
+         "!" + unit_note + "decoder passed invalid form 127 (unknown)\n"},
         {"an unknown kind",
          indexed,
          {},
