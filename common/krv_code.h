@@ -74,7 +74,9 @@ inline size_t krv_number_width(krv_form_t form, const krv_encoding_t &encoding, 
     const size_t width = form < forms ? krv_number_widths[form] : 0;
     if (width <= sizeof(uint64_t))
         return width;
-    const bool is_long = width == KRV_WIDTH_ADDRESS ? encoding.address_size != 4 : encoding.is_dwarf64;
+    const bool is_address =
+        width == KRV_WIDTH_ADDRESS || (forms == KRV_ALL_FORMS && width == KRV_WIDTH_UNIT && encoding.version == 2);
+    const bool is_long = is_address ? encoding.address_size != 4 : encoding.is_dwarf64;
     return is_long ? 8 : 4;
 }
 

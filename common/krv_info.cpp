@@ -174,6 +174,8 @@ static krv_ctu_t *keep_unit(krv_handle_t *hp, const krv_ctu_t *cu, const krv_sin
     if (kept == nullptr)
         return nullptr;
     *kept = *cu;
+    if (kept->dcu_kind == KRV_UNIT_COMPILE && die->dwdie_abbrev_cache->dwa_tag == DW_TAG_partial_unit)
+        kept->dcu_kind = KRV_UNIT_PARTIAL;
     if (by_itself)
         die->dwdie_abbrev_cache = copy_abbrev(&single->ssa_abbrev, reinterpret_cast<krv_abbrev_t *>(kept + 1));
     char *names = reinterpret_cast<char *>(kept + 1) + abbrev_size;
@@ -202,7 +204,7 @@ static bool may_step_over(krv_handle_t *hp, krv_ctu_t *cu)
     const auto offset = static_cast<unsigned long>(cu->dcu_offset);
     if (cu->dcu_kind != 0)
         krv_tell(hp, KRV_SEC_INFO, cu->dcu_offset, true, "unit at offset 0x%lx of .debug_info cannot be read: %s",
-                 offset, krv_cause(hp));
+                 offset, krv_cause(hp).text);
     else if (cu->dcu_version == 5 && (hp->sh_ext & KRV_EXT_DWARF5) != 0)
         krv_tell(hp, KRV_SEC_INFO, cu->dcu_offset, true, "unit at offset 0x%lx of .debug_info is of an unknown type",
                  offset);

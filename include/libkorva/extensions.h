@@ -62,7 +62,10 @@ typedef struct krv_note_record {
     const char *text;     /**< valid during the call */
 } krv_note_t;
 
-/** A note, told during the query that met it. The call-back must not query the handle. */
+/**
+ * A note, told by the thread whose query met it, while it may hold locks of the handle: the call-back must neither query
+ * the handle nor wait for a thread that does.
+ */
 typedef void krv_note_f(const krv_note_t *note, void *arg);
 
 /**
