@@ -51,7 +51,8 @@ struct krv_activation {
     krv_slots_t sa_initial_changed; // where sa_initial may differ from sa_default,
     krv_slots_t sa_current_changed; // and where sa_current may
     krv_activation_args_t sa_args;
-    krv_fd_t sa_cie_fd; // the cursor through which the expressions of rules and arguments are read
+    krv_fd_t sa_cie_fd;           // the cursor through which the expressions of rules and arguments are read
+    krv_frame_info_t sa_function; // what covers the program counter, of the last evaluation; its size is 0: nothing
     krv_evaluation_t sa_state;
     krv_exprstack_t *sa_exprstack;
     krv_fd_t *sa_arg_fd[3]; // output cursors of argument evaluation

@@ -46,6 +46,7 @@ static int execute_location(krv_handle_t *hp, krv_activation_t *ap, krv_fd_t *fd
                                         .outputs = ap->sa_arg_fd,
                                         .func = krv_translate_fbreg,
                                         .arg = framep,
+                                        .entry = nullptr,
                                         .budget = ap->sa_budget != nullptr ? ap->sa_budget : &own_budget};
     const int result = krv_expr_execute(hp, fdp, &context);
     if (result == 0 || hp->sh_errno == KRV_ERR_NOSPACE)

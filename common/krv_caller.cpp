@@ -82,10 +82,31 @@ int korva_expr_execute_expression(krv_handle_t *hp, krv_exprstack_t *esp, krv_ac
         return -1;
     if (esp == nullptr || ap == nullptr || fdp == nullptr)
         return krv_fail_code(hp, KRV_ERR_INVALID);
-    krv_frame_registers_f *frame = (flags & KRV_EXPR_F_CALLER) != 0 ? krv_caller_registers : krv_current_registers;
+    const bool is_caller = (flags & KRV_EXPR_F_CALLER) != 0;
+    krv_frame_registers_f *frame = is_caller ? krv_caller_registers : krv_current_registers;
+    krv_frame_registers_f *entry = is_caller ? nullptr : krv_caller_registers;
     uint64_t budget = KRV_EXPR_MAX_STEPS;
-    const krv_expr_context_t context = {esp, ap, frame, flags, outputs, func, arg, &budget};
+    const krv_expr_context_t context = {esp, ap, frame, flags, outputs, func, arg, entry, &budget};
     return krv_expr_execute(hp, fdp, &context);
+}
+
+int korva_activation_get_frame_info(krv_handle_t *hp, krv_activation_t *ap, krv_frame_info_t *infop)
+{
+    if (hp == nullptr)
+        return -1;
+    krv_clear_error(hp);
+    if (ap == nullptr || infop == nullptr)
+        return krv_fail_code(hp, KRV_ERR_INVALID);
+    if (ap->sa_state == KRV_EVALUATION_UNTRIED) {
+        ap->sa_function.size = 0;
+        if (krv_evaluate_activation(hp, ap) != 0 && ap->sa_function.size == 0)
+            return -1;
+    }
+    if (ap->sa_function.size == 0)
+        return krv_fail_code(hp, KRV_ERR_NOTFOUND);
+    krv_clear_error(hp); // of registers that could not be computed
+    *infop = ap->sa_function;
+    return 0;
 }
 
 int korva_activation_set_budget(krv_handle_t *hp, krv_activation_t *ap, uint64_t *instructions)

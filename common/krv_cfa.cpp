@@ -93,7 +93,7 @@ static bool has_flag(uint8_t opcode, uint32_t flag)
 
 [[gnu::noinline, gnu::cold]] static row out_of_range(cfi_run *run, uint8_t opcode, uint64_t reg)
 {
-    const char *name = krv_print_define(KRV_DEF_CFA, opcode);
+    const char *name = krv_print_known(run->hp, KRV_DEF_CFA, opcode);
     krv_note(run->hp, "register %lu out of range for %s", static_cast<unsigned long>(reg),
              name == nullptr ? "(unknown)" : name);
     return row::bad;
@@ -184,6 +184,21 @@ static bool read_expression(cfi_run *run, uint64_t *offsetp, uint64_t *sizep)
     return row::next;
 }
 
+// What the base rows do not define.
+[[gnu::noinline, gnu::cold]] static row execute_written(cfi_run *run, uint8_t opcode, uint64_t first, uint64_t second)
+{
+    const krv_cfa_desc_t *known = krv_reads_as_written(run->hp) ? krv_cfa_written_row(opcode) : nullptr;
+    if (known == nullptr) {
+        krv_fail(run->hp, KRV_ERR_UNSUPPORTED, "unknown instruction 0x%hhx", opcode);
+        return row::bad;
+    }
+    if ((known->flags & KRV_CFA_F_REGISTER) == 0)
+        return row::next; // DW_CFA_GNU_args_size is for landing pads
+    if (first >= run->rules->nslots - KRV_REG_MAX)
+        return out_of_range(run, opcode, first);
+    return set_rule(run, first, {KRV_CFA_RULE_OFFSET, 0 - second * run->rules->data_align, 0, 0});
+}
+
 // Registers must have rules; the slots of the library registers cannot be named.
 [[gnu::always_inline]] static inline row execute(cfi_run *run, uint8_t opcode, uint64_t first, uint64_t second)
 {
@@ -253,8 +268,7 @@ static bool read_expression(cfi_run *run, uint64_t *offsetp, uint64_t *sizep)
         return set_argument(run, first);
 
     default:
-        krv_fail(run->hp, KRV_ERR_UNSUPPORTED, "unknown instruction 0x%hhx", opcode);
-        return row::bad;
+        return execute_written(run, opcode, first, second);
     }
 }
 

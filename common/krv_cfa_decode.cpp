@@ -18,6 +18,8 @@ static int get_forms(krv_handle_t *hp, uint8_t opcode, krv_form_t formsp[2])
     if (!krv_cfa_has_row(opcode))
         return krv_fail(hp, KRV_ERR_UNSUPPORTED, "unknown instruction 0x%hhx", opcode);
     const krv_cfa_desc_t *row = &krv_cfa_table[krv_cfa_row(opcode)];
+    if (row->version == 0 && krv_reads_as_written(hp) && krv_cfa_written_row(opcode) != nullptr)
+        row = krv_cfa_written_row(opcode);
     formsp[0] = row->form[0];
     formsp[1] = row->form[1];
     return 0;

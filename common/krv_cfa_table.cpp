@@ -62,9 +62,19 @@ static_assert(
 
 constexpr std::array<krv_cfa_desc_t, KRV_CFA_ROWS> krv_cfa_table = table;
 
+const krv_cfa_desc_t *krv_cfa_written_row(uint8_t opcode)
+{
+    static constexpr krv_cfa_desc_t ARGS_SIZE = {1, {DW_FORM_udata, 0}, 0};
+    static constexpr krv_cfa_desc_t NEGATIVE_OFFSET = {1, {DW_FORM_udata, DW_FORM_udata}, KRV_CFA_F_REGISTER};
+    return opcode == DW_CFA_GNU_args_size                  ? &ARGS_SIZE
+           : opcode == DW_CFA_GNU_negative_offset_extended ? &NEGATIVE_OFFSET
+                                                           : nullptr;
+}
+
+// What no row defines may be known to the reader.
 static consteval uint8_t shape_of(uint8_t opcode)
 {
-    if (!krv_cfa_has_row(opcode))
+    if (!krv_cfa_has_row(opcode) || table[krv_cfa_row(opcode)].version == 0)
         return KRV_CFA_OTHER;
     const krv_cfa_desc_t &row = table[krv_cfa_row(opcode)];
     const krv_form_t first = row.form[0], second = row.form[1];

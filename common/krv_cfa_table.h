@@ -42,6 +42,9 @@ constexpr size_t krv_cfa_row(uint8_t opcode)
 
 extern const std::array<krv_cfa_desc_t, KRV_CFA_ROWS> krv_cfa_table; // by krv_cfa_row
 
+// Of GNU tools, known to the readers of input as it is written only. NULL: no such instruction.
+const krv_cfa_desc_t *krv_cfa_written_row(uint8_t opcode);
+
 // How an instruction is encoded, by its first byte: made of the rows, for a decoder that has the bytes in memory.
 enum : uint8_t {
     KRV_CFA_PLAIN, // no operands, but for one in the byte itself

@@ -9,6 +9,7 @@
 #include "krv_error.h"
 #include "krv_mem.h"
 
+#include <cstring>
 #include <memory>
 
 static int krv_debug_frame_aug_next_op(krv_handle_t *hp, krv_fd_t *fdp, krv_operation_t *op, void *)
@@ -58,7 +59,7 @@ static bool enter_record(krv_handle_t *hp, record *r, uint64_t offset)
     }
     if (!read_length(hp, r))
         return false;
-    if (r->full_size % hp->sh_target_size != 0) {
+    if (r->full_size % hp->sh_target_size != 0 && !krv_reads_as_written(hp)) {
         krv_fail(hp, KRV_ERR_CORRUPT, "Total %s length (%lu) is not a multiple of target size (%u)", r->kind,
                  static_cast<unsigned long>(r->full_size), hp->sh_target_size);
         return false;
@@ -80,11 +81,38 @@ static bool read_version(krv_handle_t *hp, record *r, krv_cie_t *ciep)
     return false;
 }
 
+// As written: letters without data, or data of a size, whatever it says but for how FDEs are encoded.
+static bool is_stepped_over(const krv_handle_t *hp, krv_cie_t *ciep)
+{
+    const char *letters = ciep->scie_augmentation_string;
+    ciep->scie_signal = std::strchr(letters, 'S') != nullptr;
+    return krv_reads_as_written(hp) &&
+           (letters[0] == 'z' ? std::strchr(letters, 'R') == nullptr : letters[std::strspn(letters, "SBG")] == '\0');
+}
+
+static bool has_augmentation_data(const krv_cie_t *ciep)
+{
+    return ciep->scie_augmentation_string[0] == 'z';
+}
+
+static bool step_over_augmentation_data(krv_handle_t *hp, record *r)
+{
+    uint64_t size = 0;
+    if (!krv_read_field(&r->fd, DW_FORM_udata, &size, "failed to read augmentation section size"))
+        return false;
+    if (size > r->fd.sfd_remaining) {
+        krv_fail(hp, KRV_ERR_CORRUPT, "illegal augmentation length");
+        return false;
+    }
+    krv_fd_advance(&r->fd, size);
+    return true;
+}
+
 static bool read_augmentation(krv_handle_t *hp, record *r, krv_cie_t *ciep)
 {
     if (!krv_read_field(&r->fd, DW_FORM_string, &ciep->scie_augmentation_string, "failed to read augmentation"))
         return false;
-    if (ciep->scie_augmentation_string[0] != '\0') {
+    if (ciep->scie_augmentation_string[0] != '\0' && !is_stepped_over(hp, ciep)) {
         krv_fail(hp, KRV_ERR_UNSUPPORTED, "augmentation found in CIE");
         return false;
     }
@@ -128,7 +156,8 @@ static bool read_cie(krv_handle_t *hp, krv_cie_t *ciep, uint64_t offset)
     const krv_form_t register_form = ciep->scie_version == 1 ? DW_FORM_data1 : DW_FORM_udata;
     if (!krv_read_field(&r.fd, DW_FORM_udata, &ciep->scie_code_alignment_factor, "failed to read Code Align Factor") ||
         !krv_read_field(&r.fd, DW_FORM_sdata, &ciep->scie_data_alignment_factor, "failed to read Data Align Factor") ||
-        !krv_read_field(&r.fd, register_form, &ciep->scie_return_address_register, "failed to read Ret Address Reg"))
+        !krv_read_field(&r.fd, register_form, &ciep->scie_return_address_register, "failed to read Ret Address Reg") ||
+        (has_augmentation_data(ciep) && !step_over_augmentation_data(hp, &r)))
         return false;
     ciep->scie_cfi_offset = r.fd.sfd_offset;
     ciep->scie_cfi_size = r.fd.sfd_remaining;
@@ -194,7 +223,8 @@ static bool read_fde(krv_handle_t *hp, krv_reader_t *reader, krv_fde_t *fdep, ui
     }
     const krv_form_t form = address_form(hp, fdep->sfde_cie);
     if (form == 0 || !krv_read_field(&r.fd, form, &fdep->sfde_target_address, "failed to read target address") ||
-        !krv_read_field(&r.fd, form, &fdep->sfde_address_range, "failed to read address_range"))
+        !krv_read_field(&r.fd, form, &fdep->sfde_address_range, "failed to read address_range") ||
+        (has_augmentation_data(fdep->sfde_cie) && !step_over_augmentation_data(hp, &r)))
         return false;
     fdep->sfde_cfi_offset = r.fd.sfd_offset;
     fdep->sfde_cfi_size = r.fd.sfd_remaining;
@@ -215,6 +245,17 @@ static int krv_debug_frame_gfoba(krv_handle_t *hp, krv_reader_t *, uint64_t, uin
 {
     KRV_ASSERT(hp != NULL);
     return krv_fail_code(hp, KRV_ERR_UNSUPPORTED);
+}
+
+static int krv_debug_frame_step_over(krv_handle_t *hp, krv_reader_t *, uint64_t offset, uint64_t *sizep)
+{
+    record r = {};
+    r.fd = hp->sh_sec[KRV_SEC_FRAME];
+    if (krv_fd_seek(&r.fd, offset) != 0 || r.fd.sfd_remaining == 0 || !read_length(hp, &r) ||
+        r.length > r.fd.sfd_remaining)
+        return -1;
+    *sizep = r.full_size;
+    return 0;
 }
 
 static void krv_debug_frame_cie_free(krv_cie_t *ciep)
@@ -240,6 +281,8 @@ static const krv_reader_ops_t krv_debug_frame_reader_ops = {
     .sro_cie_free = krv_debug_frame_cie_free,
     .sro_fde_free = krv_debug_frame_fde_free,
     .sro_destroy_reader = krv_debug_frame_destroy_reader,
+    .sro_step_over = krv_debug_frame_step_over,
+    .sro_section = KRV_SEC_FRAME,
 };
 
 krv_reader_t *krv_debug_frame_create_reader(krv_handle_t *hp)

@@ -7,6 +7,7 @@
 #ifndef KRV_DWARF_H
 #define KRV_DWARF_H
 
+#include "krv_dwarf5.h"
 #include "krv_form.h"
 
 // clang-format off
@@ -494,18 +495,8 @@ enum : unsigned { KRV_DW_TAG(KRV_ENUMERATOR) };
 enum : unsigned { KRV_DW_VIS(KRV_ENUMERATOR) };
 #undef KRV_ENUMERATOR
 
-// Without printable names for those who do not ask: extensions, and the parts of an encoding.
+// Without printable names: kinds of list entries, and the parts of an encoding.
 enum : unsigned {
-    DW_AT_str_offsets_base = 0x72, // DWARF 5, 7.5.4, table 7.5
-    DW_AT_addr_base = 0x73,
-    DW_AT_rnglists_base = 0x74,
-    DW_AT_dwo_name = 0x76,
-    DW_AT_loclists_base = 0x8c,
-    DW_AT_GNU_dwo_name = 0x2130,
-    DW_AT_GNU_dwo_id = 0x2131,
-    DW_AT_GNU_ranges_base = 0x2132,
-    DW_AT_GNU_addr_base = 0x2133,
-    DW_CFA_GNU_args_size = 0x2e,
     DW_LLE_default_location = 0x05, // DWARF 5, 7.7.3
     DW_LLE_GNU_view_pair = 0x09,
     DW_RLE_end_of_list = 0x00, // DWARF 5, 7.25
@@ -516,10 +507,9 @@ enum : unsigned {
     DW_RLE_base_address = 0x05,
     DW_RLE_start_end = 0x06,
     DW_RLE_start_length = 0x07,
-    DW_CFA_primary = 0xc0,   // mask: the opcodes with an operand in their own byte
-    DW_EH_PE_format = 0x0f,  // mask: how a pointer is read
-    DW_EH_PE_base = 0x70,    // mask: what it counts from
-    DW_EH_PE_indirect = 0x80 // it is where the pointer stands
+    DW_CFA_primary = 0xc0,  // mask: the opcodes with an operand in their own byte
+    DW_EH_PE_format = 0x0f, // mask: how a pointer is read
+    DW_EH_PE_base = 0x70    // mask: what it counts from
 };
 
 #endif

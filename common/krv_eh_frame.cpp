@@ -247,6 +247,10 @@ static bool enter_record(record_reader *r, krv_handle_t *hp, krv_window_t *windo
     if (!krv_read_field(&r->fd, DW_FORM_data4, &r->length, "failed to read Length") ||
         krv_fd_truncate(&r->fd, r->length) != 0)
         return false;
+    if (r->length == 0 && krv_reads_as_written(hp)) { // nothing is amiss: it ends the section
+        krv_fail(hp, KRV_ERR_NOTFOUND, "terminator at address 0x%lx", static_cast<unsigned long>(address));
+        return false;
+    }
     krv_fd_read_ahead(&r->fd, r->length);
     return true;
 }
@@ -284,6 +288,64 @@ static bool read_letter(krv_handle_t *hp, char letter, record_reader *r, krv_amd
     }
 }
 
+static bool step_over(krv_fd_t *fdp, uint64_t count)
+{
+    if (count > fdp->sfd_remaining)
+        return false;
+    krv_fd_advance(fdp, count);
+    return true;
+}
+
+// Steps over a pointer in any encoding. False: not known how, or it leads out of the cursor.
+static bool step_over_pointer(krv_fd_t *fdp, uint8_t encoding)
+{
+    if (encoding == DW_EH_PE_omit)
+        return true;
+    const eh_format *format = &eh_formats[encoding & EH_FORMAT];
+    uint64_t value = 0;
+    return format->form != 0 && krv_decode(fdp, format->form, &value) == 0;
+}
+
+// As written: only what FDEs are read by matters, and who has to clean up behind a call does not. Letters behind one that
+// is not known cannot be read, but the size of the data tells where the instructions begin.
+static bool read_written_letters(krv_handle_t *hp, krv_fd_t data, krv_cie_t *ciep, krv_amd64_cie_augmentation *augp)
+{
+    const char *letter = ciep->scie_augmentation_string + 1;
+    for (bool known = true; known && *letter != '\0'; letter += known ? 1 : 0) {
+        uint8_t encoding = 0;
+        switch (*letter) {
+        case 'L':
+            augp->scie_L = B_TRUE;
+            known = step_over(&data, 1);
+            break;
+        case 'P':
+            augp->scie_P = B_TRUE;
+            known = krv_decode(&data, DW_FORM_data1, &encoding) == 0 && step_over_pointer(&data, encoding);
+            break;
+        case 'R':
+            augp->scie_R = B_TRUE;
+            known = krv_decode(&data, DW_FORM_data1, &augp->scie_re) == 0;
+            break;
+        case 'S':
+            ciep->scie_signal = true;
+            break;
+        case 'B': // of other machines: how return addresses are signed, and memory is tagged
+        case 'G':
+            break;
+        default:
+            known = false;
+        }
+    }
+    krv_clear_error(hp);
+    if (*letter == '\0')
+        return true;
+    ciep->scie_signal = ciep->scie_signal || std::strchr(letter, 'S') != nullptr;
+    if (augp->scie_R == B_TRUE || std::strchr(letter, 'R') == nullptr)
+        return true;
+    krv_fail(hp, KRV_ERR_UNSUPPORTED, "unknown letter '%c' in augmentation string", *letter);
+    return false;
+}
+
 // The size of the augmentation data is only checked: what the letters say is read, and instructions begin behind it.
 static bool read_cie_augmentation(krv_handle_t *hp, record_reader *r, krv_cie_t *ciep)
 {
@@ -304,10 +366,22 @@ static bool read_cie_augmentation(krv_handle_t *hp, record_reader *r, krv_cie_t 
         krv_fail(hp, KRV_ERR_CORRUPT, "illegal augmentation length");
         return false;
     }
+    if (krv_reads_as_written(hp)) {
+        krv_fd_t data = r->fd;
+        data.sfd_remaining = size;
+        krv_fd_advance(&r->fd, size);
+        return read_written_letters(hp, data, ciep, augp);
+    }
     for (const char *letter = letters + 1; *letter != '\0'; ++letter)
         if (!read_letter(hp, *letter, r, augp))
             return false;
     return true;
+}
+
+// Version 3 differs from version 1 in the return-address register's encoding alone.
+static bool is_version(const krv_handle_t *hp, uint16_t version)
+{
+    return version == 1 || (version == 3 && krv_reads_as_written(hp));
 }
 
 // Numbers the decodings of CIEs.
@@ -333,7 +407,7 @@ static uint64_t next_decoding()
     }
     if (!krv_read_field(&r.fd, DW_FORM_data1, &ciep->scie_version, "failed to read Version"))
         return false;
-    if (ciep->scie_version != 1) {
+    if (!is_version(hp, ciep->scie_version)) {
         krv_fail(hp, KRV_ERR_CORRUPT, "illegal Version (%hhd)", static_cast<signed char>(ciep->scie_version));
         return false;
     }
@@ -431,6 +505,8 @@ static bool read_fde_augmentation(krv_handle_t *hp, record_reader *r, const krv_
     }
     auto *augp = &reinterpret_cast<krv_eh_fde *>(fdep)->augmentation;
     fdep->sfde_augmentation_data = augp;
+    if (size != 0 && krv_reads_as_written(hp))
+        return step_over(&r->fd, size);
     return size == 0 || read_pointer(&r->fd, r->origin, static_cast<uint8_t>(cie_augp->scie_le), r->eh_frame,
                                      &augp->safa_ldsa, "failed to read LDSA");
 }
@@ -452,7 +528,7 @@ static bool read_fde_augmentation(krv_handle_t *hp, record_reader *r, const krv_
         return false;
     switch (fdep->sfde_cie->scie_augmentation_type) {
     case KRV_AUG_NONE:
-        if (!read_extent(&r, DW_EH_PE_udata8, fdep))
+        if (!read_extent(&r, krv_reads_as_written(hp) ? DW_EH_PE_absptr : DW_EH_PE_udata8, fdep))
             return false;
         break;
     case KRV_AUG_AMD64: {
@@ -529,6 +605,20 @@ static krv_fde_t *krv_eh_frame_gfbo(krv_handle_t *hp, krv_reader_t *reader, uint
     return nullptr;
 }
 
+// What is no record but has a length is left to strict readers: a CIE has id 0, an FDE a CIE before it.
+static int krv_eh_frame_step_over(krv_handle_t *hp, krv_reader_t *reader, uint64_t offset, uint64_t *sizep)
+{
+    constexpr uint64_t LONGEST = 1 << 24;
+    krv_fd_t fd = krv_eh_address_space(hp);
+    uint64_t length = 0, pointer = 0;
+    if (krv_fd_seek(&fd, reader_data(reader)->sefh_eh_frame + offset) != 0 ||
+        krv_decode(&fd, DW_FORM_data4, &length) != 0 || krv_decode(&fd, DW_FORM_data4, &pointer) != 0 ||
+        length < EH_LENGTH_SIZE || length > LONGEST || pointer > offset + EH_LENGTH_SIZE)
+        return -1;
+    *sizep = EH_LENGTH_SIZE + length;
+    return 0;
+}
+
 static void krv_eh_frame_destroy_reader(krv_reader_t *reader)
 {
     krv_free(reader_data(reader)->sefh_spare);
@@ -543,6 +633,8 @@ static const krv_reader_ops_t krv_eh_frame_reader_ops = {
     .sro_cie_free = krv_eh_frame_cie_free,
     .sro_fde_free = krv_eh_frame_fde_free,
     .sro_destroy_reader = krv_eh_frame_destroy_reader,
+    .sro_step_over = krv_eh_frame_step_over,
+    .sro_section = KRV_SEC_EH_FRAME,
 };
 
 krv_reader_t *krv_eh_frame_create_reader(krv_handle_t *hp)

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Decoding of one operation of an expression by its row of krv_expr_table.
+// Decoding of one operation of an expression by its row of krv_expr_table.cpp.
 #ifndef KRV_EXPR_DECODE_H
 #define KRV_EXPR_DECODE_H
 
@@ -27,6 +27,7 @@ enum class krv_expr_decoded {
 };
 
 // Decodes the operation at the cursor. Code and messages of a read that failed are the form decoder's.
-krv_expr_decoded krv_expr_decode(krv_handle_t *hp, krv_fd_t *fdp, uint32_t form_flags, krv_expr_insn_t *insn);
+krv_expr_decoded krv_expr_decode(krv_handle_t *hp, krv_fd_t *fdp, const krv_expr_rows_t *known, uint32_t form_flags,
+                                 krv_expr_insn_t *insn);
 
 #endif

@@ -9,6 +9,7 @@
 #include "krv_error.h"
 #include "krv_expr.h"
 #include "krv_expr_decode.h"
+#include "krv_expr_entry.h"
 #include "krv_fd.h"
 #include "krv_names.h"
 
@@ -37,7 +38,9 @@ struct evaluator {
     krv_fd_t **outputs;
     krv_expr_cb_f *func;
     void *arg;
+    krv_frame_registers_f *entry;
     uint64_t *budget;
+    const krv_expr_rows_t *known;
 
     uint64_t start;       // cursor offset of the expression
     uint64_t at;          // of the current instruction
@@ -99,7 +102,7 @@ static int bad_operand(evaluator *ev, place where, uint64_t offset, unsigned int
 static int decode(evaluator *ev, krv_expr_insn_t *insn, place where)
 {
     const uint64_t offset = ev->fdp->sfd_offset;
-    switch (krv_expr_decode(ev->hp, ev->fdp, 0, insn)) {
+    switch (krv_expr_decode(ev->hp, ev->fdp, ev->known, 0, insn)) {
     case krv_expr_decoded::no_opcode:
         return bad_opcode(ev, where, offset);
     case krv_expr_decoded::no_row:
@@ -129,9 +132,9 @@ static int check(evaluator *ev)
 {
     krv_handle_t *hp = ev->hp;
     const uint8_t opcode = ev->current->op.opcode;
-    if (opcode >= KRV_NOPERATIONS)
+    if (opcode >= ev->known->count)
         return krv_fail(hp, KRV_ERR_UNSUPPORTED, "unknown opcode");
-    const idata *row = &krv_expr_table[opcode];
+    const idata *row = &ev->known->rows[opcode];
     if (row->version == 0)
         return krv_fail(hp, KRV_ERR_UNSUPPORTED, "unsupported instruction");
     if ((row->flags & KRV_OP_F_LOCATION) != 0 && !ev->is_location())
@@ -418,6 +421,57 @@ static int branch(evaluator *ev)
 }
 
 // ---------------------------------------------------------------------------------------------------------------
+// Extensions
+// ---------------------------------------------------------------------------------------------------------------
+
+static const char *operation_name(const evaluator *ev)
+{
+    const char *name = krv_print_known(ev->hp, KRV_DEF_OP, ev->current->op.opcode);
+    return name == nullptr ? "unknown" : name;
+}
+
+[[gnu::noinline, gnu::cold]] static int not_evaluated(evaluator *ev, const char *why)
+{
+    return krv_fail(ev->hp, KRV_ERR_EVAL, "%s cannot be evaluated: %s", operation_name(ev), why);
+}
+
+[[gnu::noinline, gnu::cold]] static int push_entry_value(evaluator *ev)
+{
+    const auto *block = static_cast<krv_fd_t *>(ev->current->op.operand[0].sa_u.su_addr);
+    if (block == nullptr) // the call-back has made this opcode of another one
+        return krv_fail_code(ev->hp, KRV_ERR_INVALID);
+    uint64_t value = 0;
+    const char *why = ev->entry == nullptr ? "the caller's frame is not at hand"
+                                           : krv_expr_entry_value(ev->hp, ev->ap, ev->entry, block, &value);
+    return why != nullptr ? not_evaluated(ev, why) : (ev->push(value), 0);
+}
+
+// Operations of extensions. The types that an expression names are entries of its unit, as are the addresses that it
+// counts, and neither is at hand; the type at 0 is that of the stack.
+[[gnu::noinline, gnu::cold]] static int execute_extended(evaluator *ev, uint8_t opcode)
+{
+    if (ev->known != &krv_expr_extended_rows || opcode < KRV_NOPERATIONS)
+        return krv_fail(ev->hp, KRV_ERR_UNSUPPORTED, "unsupported opcode");
+    switch (opcode) {
+    case DW_OP_entry_value:
+    case DW_OP_GNU_entry_value:
+        return push_entry_value(ev);
+    case DW_OP_convert:
+    case DW_OP_GNU_convert:
+    case DW_OP_reinterpret:
+    case DW_OP_GNU_reinterpret:
+        return ev->operand() == 0 ? 0 : not_evaluated(ev, "its type is an entry of a unit that is not known");
+    case DW_OP_addrx:
+    case DW_OP_GNU_addr_index:
+    case DW_OP_constx:
+    case DW_OP_GNU_const_index:
+        return not_evaluated(ev, "its unit, which says where addresses are counted, is not known");
+    default:
+        return not_evaluated(ev, "what it means stands in entries, which are not at hand");
+    }
+}
+
+// ---------------------------------------------------------------------------------------------------------------
 // Execution
 // ---------------------------------------------------------------------------------------------------------------
 
@@ -524,7 +578,7 @@ static int execute_plain(evaluator *ev, uint8_t opcode)
             return ev->push(opcode - DW_OP_lit0), 0;
         if (opcode >= DW_OP_breg0 && opcode <= DW_OP_breg31)
             return push_register(ev, opcode - DW_OP_breg0, ev->operand());
-        return krv_fail(ev->hp, KRV_ERR_UNSUPPORTED, "unsupported opcode");
+        return execute_extended(ev, opcode);
     }
 }
 
@@ -580,7 +634,7 @@ static int run(evaluator *ev)
         }
         if (result != 0)
             return krv_note(ev->hp, "error executing instruction 0x%hhx (%s) at offset %ld", ev->current->op.opcode,
-                            krv_name_or_unknown(KRV_DEF_OP, ev->current->op.opcode), static_cast<long>(ev->at));
+                            operation_name(ev), static_cast<long>(ev->at));
         if (next == step::finished || ev->last)
             return 0;
         std::swap(ev->current, ev->ahead);
@@ -611,7 +665,9 @@ int krv_expr_execute(krv_handle_t *hp, krv_fd_t *fdp, const krv_expr_context_t *
     ev.outputs = context->outputs;
     ev.func = context->func;
     ev.arg = context->arg;
+    ev.entry = context->entry;
     ev.budget = context->budget;
+    ev.known = krv_expr_rows(hp);
     ev.start = fdp->sfd_offset;
     ev.at = ev.start;
     ev.next_offset = ev.start;

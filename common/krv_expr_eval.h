@@ -17,6 +17,7 @@ struct krv_expr_context_t {
     krv_fd_t **outputs;           // those of korva_expr_execute_expression
     krv_expr_cb_f *func;          // called for every instruction, or NULL
     void *arg;                    // its argument
+    krv_frame_registers_f *entry; // the registers of that frame's caller; NULL: they are not to be had
     uint64_t *budget; // instructions that may still be executed, here and by whoever shares it; counted down
 };
 

@@ -1,10 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // The operations of DWARF 4, 7.7.1. DW_OP_xderef_size, DW_OP_bit_piece and the calls, which are not evaluated, are
-// listed without their operands.
+// listed without their operands, unless the handle has extensions.
 #include "krv_expr_table.h"
 
 #include "krv_dwarf.h"
+
+#include <initializer_list>
 
 static consteval std::array<idata, KRV_NOPERATIONS> make_table()
 {
@@ -104,4 +106,63 @@ static_assert(
     "a row for every operation");
 static_assert(table[DW_OP_lit31].push == 1 && table[DW_OP_rot].pop == 3 && table[DW_OP_stack_value].pop == 1);
 
-constexpr std::array<idata, KRV_NOPERATIONS> krv_expr_table = table;
+static consteval krv_expr_rows_t make_base()
+{
+    krv_expr_rows_t base{.count = KRV_NOPERATIONS, .rows = {}};
+    for (unsigned op = 0; op < KRV_NOPERATIONS; ++op)
+        base.rows[op] = table[op];
+    return base;
+}
+
+// DWARF 5, 7.7.1, and what GNU tools wrote before it under other numbers.
+static consteval krv_expr_rows_t make_extended()
+{
+    krv_expr_rows_t all = make_base();
+    all.count = 0x100;
+    const auto set = [&all](std::initializer_list<unsigned> ops, krv_form_t first = 0, krv_form_t second = 0,
+                            uint32_t flags = 0) {
+        for (const unsigned op : ops)
+            all.rows[op] = {.version = 5, .flags = flags, .push = 0, .pop = 0, .ff = {{first, 0}, {second, 0}}};
+    };
+    const auto needs = [&all](std::initializer_list<unsigned> ops, uint32_t push, uint32_t pop) {
+        for (const unsigned op : ops) {
+            all.rows[op].push = push;
+            all.rows[op].pop = pop;
+        }
+    };
+    constexpr krv_form_t ULEB = DW_FORM_udata, OFFSET = DW_FORM_sec_offset;
+    set({DW_OP_implicit_pointer, DW_OP_GNU_implicit_pointer}, OFFSET, DW_FORM_sdata, KRV_OP_F_LOCATION);
+    set({DW_OP_addrx, DW_OP_GNU_addr_index, DW_OP_constx, DW_OP_GNU_const_index}, ULEB);
+    set({DW_OP_entry_value, DW_OP_GNU_entry_value}, DW_FORM_block, 0, KRV_OP_F_NOT_CFI);
+    needs({DW_OP_entry_value, DW_OP_GNU_entry_value}, 1, 0);
+    set({DW_OP_const_type, DW_OP_GNU_const_type}, ULEB, DW_FORM_block1);
+    set({DW_OP_regval_type, DW_OP_GNU_regval_type}, ULEB, ULEB);
+    set({DW_OP_deref_type, DW_OP_GNU_deref_type, DW_OP_xderef_type}, DW_FORM_data1, ULEB);
+    set({DW_OP_convert, DW_OP_GNU_convert, DW_OP_reinterpret, DW_OP_GNU_reinterpret}, ULEB);
+    needs({DW_OP_convert, DW_OP_GNU_convert, DW_OP_reinterpret, DW_OP_GNU_reinterpret}, 0, 1);
+    set({DW_OP_GNU_push_tls_address, DW_OP_GNU_uninit});
+    set({DW_OP_GNU_parameter_ref}, DW_FORM_data4);
+    set({DW_OP_GNU_variable_value}, OFFSET);
+
+    const auto operands = [&all](unsigned op, krv_form_t first, krv_form_t second = 0) {
+        all.rows[op].ff[0] = {first, 0};
+        all.rows[op].ff[1] = {second, 0};
+    };
+    operands(DW_OP_xderef_size, DW_FORM_data1);
+    operands(DW_OP_call2, DW_FORM_data2);
+    operands(DW_OP_call4, DW_FORM_data4);
+    operands(DW_OP_call_ref, OFFSET);
+    operands(DW_OP_bit_piece, ULEB, ULEB);
+    return all;
+}
+
+constexpr krv_expr_rows_t krv_expr_base_rows = make_base();
+constexpr krv_expr_rows_t krv_expr_extended_rows = make_extended();
+
+static_assert(
+    [] {
+#define KRV_ONE(name, value) +(krv_expr_extended_rows.rows[name].version == 5 ? 1 : 0)
+        return 0 KRV_DW_OP_EXT(KRV_ONE) == 23;
+#undef KRV_ONE
+    }(),
+    "a row for every operation");

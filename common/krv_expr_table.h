@@ -1,11 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// What every operation of an expression looks like (DWARF 4, 7.7.1): one row an operation. What it does is a case in
-// krv_expr_eval.cpp.
+// What every operation of an expression looks like (DWARF 4, 7.7.1; with extensions DWARF 5, 7.7.1): one row an operation.
+// What it does is a case in krv_expr_eval.cpp.
 #ifndef KRV_EXPR_TABLE_H
 #define KRV_EXPR_TABLE_H
 
-#include "libkorva.h"
+#include "krv_types.h"
 
 #include <array>
 
@@ -31,6 +31,17 @@ struct idata {
 };
 
 constexpr unsigned KRV_NOPERATIONS = 160;
-extern const std::array<idata, KRV_NOPERATIONS> krv_expr_table; // by opcode
+
+// The operations that a handle knows.
+struct krv_expr_rows_t {
+    unsigned count;                // opcodes from here on are none
+    std::array<idata, 0x100> rows; // by opcode
+};
+extern const krv_expr_rows_t krv_expr_base_rows, krv_expr_extended_rows;
+
+inline const krv_expr_rows_t *krv_expr_rows(const krv_handle_t *hp)
+{
+    return (hp->sh_ext & KRV_EXT_DWARF5) == 0 ? &krv_expr_base_rows : &krv_expr_extended_rows;
+}
 
 #endif

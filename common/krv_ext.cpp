@@ -4,6 +4,7 @@
 #include "krv_error.h"
 #include "krv_mem.h"
 
+#include <algorithm>
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
@@ -87,7 +88,7 @@ int korva_lookup_ext_section_index(const char *name, krv_secidx_t *secp, boolean
     const bool is_compressed = std::strncmp(name, ".zdebug_", sizeof(".zdebug_") - 1) == 0;
     for (krv_secidx_t sec = KRV_SEC_EXT_LINE_STR; sec <= KRV_SEC_EXT_RANGES; ++sec) {
         const char *known = krv_section_name(sec); // ".debug_x", which compressed is ".zdebug_x"
-        if (std::strcmp(name + (is_compressed ? 2 : 1), known + 1) != 0 || name[0] != '.')
+        if (name[0] != '.' || std::strcmp(name + (is_compressed ? 2 : 1), known + 1) != 0)
             continue;
         *secp = sec;
         *compressed = is_compressed ? B_TRUE : B_FALSE;
@@ -114,22 +115,16 @@ int korva_handle_add_code(krv_handle_t *hp, uint64_t address, uint64_t size)
     if (!krv_table_grow(hp, &hp->sh_code, &hp->sh_code_size, hp->sh_code_entries, 8U))
         return -1;
     krv_code_range_t fresh = {address, address + size};
-    uint32_t kept = 0;
-    krv_code_range_t *ranges = hp->sh_code;
-    uint32_t place = 0; // where the fresh one goes among those that are kept
-    for (uint32_t i = 0; i < hp->sh_code_entries; ++i) {
-        if (ranges[i].start <= fresh.end && fresh.start <= ranges[i].end) {
-            fresh.start = ranges[i].start < fresh.start ? ranges[i].start : fresh.start;
-            fresh.end = ranges[i].end > fresh.end ? ranges[i].end : fresh.end;
-            continue;
-        }
-        if (ranges[i].start < fresh.start)
-            place = kept + 1;
-        ranges[kept++] = ranges[i];
-    }
-    std::memmove(ranges + place + 1, ranges + place, (kept - place) * sizeof(*ranges));
-    ranges[place] = fresh;
-    hp->sh_code_entries = kept + 1;
+    krv_code_range_t *const ranges = hp->sh_code, *const end = ranges + hp->sh_code_entries;
+    krv_code_range_t *const place =
+        std::partition_point(ranges, end, [&fresh](const krv_code_range_t &range) { return range.end < fresh.start; });
+    krv_code_range_t *const behind =
+        std::partition_point(place, end, [&fresh](const krv_code_range_t &range) { return range.start <= fresh.end; });
+    if (place != behind) // what it touches becomes part of it
+        fresh = {std::min(fresh.start, place->start), std::max(fresh.end, behind[-1].end)};
+    std::memmove(place + 1, behind, static_cast<size_t>(end - behind) * sizeof(*ranges));
+    *place = fresh;
+    hp->sh_code_entries += 1 - static_cast<uint32_t>(behind - place);
     return 0;
 }
 
@@ -166,9 +161,11 @@ void krv_tell(krv_handle_t *hp, krv_secidx_t sec, uint64_t offset, bool refused,
     hp->sh_note_func(&note, hp->sh_note_arg);
 }
 
-const char *krv_cause(krv_handle_t *hp)
+krv_cause_t krv_cause(krv_handle_t *hp)
 {
-    if (hp->sh_nerrors != 0)
-        return hp->sh_errors[0];
-    return hp->sh_errno == KRV_ERR_NOMEM ? "out of memory" : "it is damaged";
+    const krv_read_guard guard(&hp->sh_error_lock);
+    const char *text = hp->sh_errno == KRV_ERR_NOMEM ? "out of memory" : "it is damaged";
+    krv_cause_t cause;
+    std::snprintf(cause.text, sizeof(cause.text), "%s", hp->sh_nerrors != 0 ? hp->sh_errors[0] : text);
+    return cause;
 }

@@ -26,7 +26,10 @@ bool krv_is_code(const krv_handle_t *hp, uint64_t start, uint64_t end);
 [[gnu::format(printf, 5, 6)]] void krv_tell(krv_handle_t *hp, krv_secidx_t sec, uint64_t offset, bool refused,
                                             const char *format, ...);
 
-// The cause of the last failure: its first message, or what its code says.
-const char *krv_cause(krv_handle_t *hp);
+// The cause of the last failure: its first message, or what its code says. A copy, as another thread may fail meanwhile.
+struct krv_cause_t {
+    char text[KRV_MAX_ERROR_SIZE];
+};
+krv_cause_t krv_cause(krv_handle_t *hp);
 
 #endif

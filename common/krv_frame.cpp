@@ -4,6 +4,7 @@
 #include "krv_frame.h"
 
 #include "krv_error.h"
+#include "krv_ext.h"
 #include "krv_mem.h"
 
 #include <cstdlib>
@@ -27,9 +28,36 @@ int krv_fde_compar(const void *a, const void *b)
     return left < right ? -1 : left > right;
 }
 
-// Reads the record at `offset` and gives its size; an FDE goes into the table. -1 when there is no record.
-static int walk_record(krv_handle_t *hp, krv_linear_t *lt, uint64_t offset, uint64_t *sizep)
+namespace
 {
+
+// A walk over all records.
+struct record_walk {
+    krv_handle_t *hp;
+    krv_reader_t *reader;
+    krv_linear_t *lt;
+    uint64_t refused = 0, first_refused = 0; // records that were stepped over, and the offset of the first
+};
+
+} // namespace
+
+// Of a record that cannot be read. Notes one for all.
+static int step_over(record_walk *walk, uint64_t offset, uint64_t *sizep)
+{
+    krv_handle_t *hp = walk->hp;
+    if (!krv_reads_as_written(hp) || hp->sh_errno == KRV_ERR_NOMEM || hp->sh_errno == KRV_ERR_NOTFOUND ||
+        walk->reader->sr_ops->sro_step_over(hp, walk->reader, offset, sizep) != 0)
+        return -1;
+    walk->first_refused = walk->refused == 0 ? offset : walk->first_refused;
+    ++walk->refused;
+    return 0;
+}
+
+// Reads the record at `offset` and gives its size; an FDE goes into the table. -1 when there is no record.
+static int walk_record(record_walk *walk, uint64_t offset, uint64_t *sizep)
+{
+    krv_handle_t *hp = walk->hp;
+    krv_linear_t *lt = walk->lt;
     const krv_cie_owner ciep(krv_get_cie_by_offset(hp, offset), {hp});
     if (ciep != nullptr) {
         *sizep = ciep->scie_section_length;
@@ -39,7 +67,7 @@ static int walk_record(krv_handle_t *hp, krv_linear_t *lt, uint64_t offset, uint
         return -1;
     const krv_fde_owner fdep(krv_get_fde_by_offset(hp, offset), {hp});
     if (fdep == nullptr)
-        return -1;
+        return step_over(walk, offset, sizep);
     if (!krv_table_grow(hp, &lt->sl_table, &lt->sl_table_size, lt->sl_table_entries, uint64_t{1}))
         return -1;
     lt->sl_table[lt->sl_table_entries++] = {fdep->sfde_target_address, offset};
@@ -51,19 +79,23 @@ static int walk_record(krv_handle_t *hp, krv_linear_t *lt, uint64_t offset, uint
 // many records as no program has, so that no memory, and no read call-back that invents records for ever, keeps it going.
 constexpr int32_t MOST_RECORDS = 1 << 24;
 
-static krv_linear_t *build_linear_table(krv_handle_t *hp)
+static krv_linear_t *build_linear_table(krv_handle_t *hp, krv_reader_t *reader)
 {
     krv_linear_owner lt(krv_new<krv_linear_t>(hp));
     if (lt == nullptr)
         return nullptr;
     uint64_t offset = 0, size = 0;
-    for (int32_t records = 0; records < MOST_RECORDS && walk_record(hp, lt.get(), offset, &size) == 0; ++records) {
+    record_walk walk = {hp, reader, lt.get()};
+    for (int32_t records = 0; records < MOST_RECORDS && walk_record(&walk, offset, &size) == 0; ++records) {
         if (size == 0 || size > UINT64_MAX - offset)
             break;
         offset += size;
     }
     if (hp->sh_errno == KRV_ERR_NOMEM) // a table without the FDEs behind would be kept
         return nullptr;
+    if (walk.refused != 0)
+        krv_tell(hp, reader->sr_ops->sro_section, walk.first_refused, true,
+                 "%lu records of call-frame information cannot be read", static_cast<unsigned long>(walk.refused));
     if (lt->sl_table_entries == 0) {
         if (hp->sh_errno == KRV_ERR_NONE)
             hp->sh_errno = KRV_ERR_NOTFOUND; // the last read did not fail
@@ -79,7 +111,7 @@ static krv_linear_t *get_linear_table(krv_handle_t *hp, krv_reader_t *reader)
 {
     if (krv_linear_t *known = krv_load(&reader->sr_lt))
         return known;
-    krv_linear_t *fresh = build_linear_table(hp);
+    krv_linear_t *fresh = build_linear_table(hp, reader);
     return fresh == nullptr ? nullptr : krv_publish(&reader->sr_lt, fresh, krv_linear_deleter());
 }
 

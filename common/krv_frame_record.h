@@ -35,6 +35,7 @@ struct krv_cie_t {
     krv_augtype_t scie_augmentation_type;                 // KRV_AUG_NONE: there is no augmentation data
     void *scie_augmentation_data;                         // the reader's own, or NULL
     const krv_augmentation_t *scie_augmentation;          // decodes instructions, those of its FDEs too
+    bool scie_signal;                                     // as written: of the trampoline of a signal handler
     uint64_t scie_decoding;   // equal numbers: decoded from equal bytes, all of them in the window; 0: nothing is known
     krv_window_t scie_window; // over scie_fd: the record's bytes, as many as were read ahead
 };
@@ -65,6 +66,9 @@ struct krv_reader_ops_t {
     void (*sro_cie_free)(krv_cie_t *ciep); // with its augmentation data
     void (*sro_fde_free)(krv_fde_t *fdep); // likewise; not its CIE
     void (*sro_destroy_reader)(krv_reader *reader);
+    // As written: the bytes of a record at an offset that cannot be read. -1: nothing says that there is one.
+    int (*sro_step_over)(krv_handle_t *hp, krv_reader *reader, uint64_t offset, uint64_t *sizep);
+    krv_secidx_t sro_section; // for notes
 };
 
 struct krv_reader {

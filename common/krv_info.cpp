@@ -202,7 +202,7 @@ static bool may_step_over(krv_handle_t *hp, krv_ctu_t *cu)
     const auto offset = static_cast<unsigned long>(cu->dcu_offset);
     if (cu->dcu_kind != 0)
         krv_tell(hp, KRV_SEC_INFO, cu->dcu_offset, true, "unit at offset 0x%lx of .debug_info cannot be read: %s",
-                 offset, krv_cause(hp));
+                 offset, krv_cause(hp).text);
     else if (cu->dcu_version == 5 && (hp->sh_ext & KRV_EXT_DWARF5) != 0)
         krv_tell(hp, KRV_SEC_INFO, cu->dcu_offset, true, "unit at offset 0x%lx of .debug_info is of an unknown type",
                  offset);
@@ -314,6 +314,6 @@ int korva_cu_get_kind(krv_handle_t *hp, krv_ctu_t *cup, krv_cu_kind_t *kindp)
               .dwo_id = has_dwo_id ? cup->dcu_type_signature : 0,
               .type_signature = has_dwo_id ? 0 : cup->dcu_type_signature,
               .type_offset = cup->dcu_type_offset,
-              .dwo_name = split_name(hp, cup)};
+              .dwo_name = cup->dcu_kind == KRV_UNIT_SKELETON ? split_name(hp, cup) : nullptr};
     return 0;
 }

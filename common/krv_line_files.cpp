@@ -126,17 +126,15 @@ static bool grow_files(krv_handle_t *hp, krv_lnph_t *lnphp)
     return true;
 }
 
-// What a relative directory counts from: the unit's compilation directory. Directory 0 of version 5 is the same; it takes
-// the place of one that is not known, and is not repeated.
+// What a relative directory counts from: the unit's compilation directory. Directory 0 of version 5 is the same, as the
+// table has it: it takes the place of one that is not known, and, where it is relative, is repeated, as other readers do.
 static const char *comp_dir_of(const krv_lnph_t *lnphp, const krv_ctu_t *cup, const char *directory)
 {
     const char *comp_dir = cup == nullptr ? nullptr : cup->dcu_comp_dir;
-    if (lnphp->sln_first != 0 || lnphp->sln_id_entries == 0)
+    if (comp_dir != nullptr || lnphp->sln_first != 0 || lnphp->sln_id_entries == 0)
         return comp_dir;
     const char *first = lnphp->sln_id[0];
-    if (comp_dir == nullptr || (directory == first && std::strcmp(first, comp_dir) == 0))
-        return directory == first ? nullptr : first;
-    return comp_dir;
+    return directory == first ? nullptr : first;
 }
 
 int krv_lnph_add_file(krv_handle_t *hp, krv_lnph_t *lnphp, krv_ctu_t *cup, const char *pathp, uint64_t diridx,

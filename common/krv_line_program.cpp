@@ -285,10 +285,8 @@ bool careful::define_file()
     values[nvalues++].sa_u.su_addr = path;
     if (!operand<DW_FORM_udata>(&directory) || !operand<DW_FORM_udata>(&mtime) || !operand<DW_FORM_udata>(&size))
         return false;
-    if (directory > lnphp->sln_id_entries) {
-        krv_fail(hp, KRV_ERR_CORRUPT, "file_names index (%lu) is out of range", static_cast<unsigned long>(directory));
+    if (directory > lnphp->sln_id_entries && !krv_lnph_forgive_directory(hp, &directory))
         return false;
-    }
     if (krv_lnph_add_file(hp, lnphp, nullptr, path, directory, mtime, size) != 0) {
         krv_note(hp, "couldn't add dynamically-defined file %s", path);
         return false;

@@ -261,8 +261,9 @@ namespace
 // The ranges of a unit while its entries are asked for them.
 struct written_ranges {
     krv_lcpc_t list = {};
-    uint64_t left = 0; // bytes of range lists that may still be read for units
-    uint64_t dead = 0; // ranges that were left out
+    uint64_t left = 0;    // bytes of range lists that may still be read for units
+    uint64_t dead = 0;    // ranges that were left out
+    bool refused = false; // a call-back asked
 };
 
 } // namespace
@@ -301,7 +302,8 @@ static int append_function(krv_handle_t *hp, krv_die_t *die, void *arg)
 static int append_functions(krv_handle_t *hp, krv_ctu_t *cu, written_ranges *of)
 {
     const krv_build_guard guard(hp);
-    return guard.is_nested() ? guard.refuse() : krv_iter_functions(hp, cu, append_function, of);
+    of->refused = guard.is_nested();
+    return of->refused ? guard.refuse() : krv_iter_functions(hp, cu, append_function, of);
 }
 
 // What sets say of a unit, else its own entry, else its functions. 1, 0 when flags forbid to look for those, or -1.
@@ -341,9 +343,9 @@ static int append_unit_ranges(krv_handle_t *hp, krv_ctu_t *cu, krv_lookup_flag_t
     const int found = append_unit_ranges(hp, cu, flags, &of);
     hp->sh_ranges_read = most - of.left;
     bool known = found == 1;
-    if (found == -1 && hp->sh_errno != KRV_ERR_NOMEM && hp->sh_errno != KRV_ERR_IO && hp->sh_errno != KRV_ERR_INVALID) {
+    if (found == -1 && !of.refused && hp->sh_errno != KRV_ERR_NOMEM && hp->sh_errno != KRV_ERR_IO) {
         krv_tell(hp, KRV_SEC_INFO, cu->dcu_offset, true, "ranges of the unit at offset 0x%lx of .debug_info: %s",
-                 offset, krv_cause(hp));
+                 offset, krv_cause(hp).text);
         known = true;
     }
     if (of.dead != 0)

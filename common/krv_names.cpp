@@ -26,6 +26,17 @@ static KRV_NAME_TABLE(ORD);
 static KRV_NAME_TABLE(TAG);
 static KRV_NAME_TABLE(VIS);
 #undef KRV_NAME_TABLE
+#define KRV_NAME_TABLE(class) constexpr krv_isp_t EXT_##class##_NAMES[] = {KRV_DW_##class(KRV_NAME)}
+static KRV_NAME_TABLE(AT_EXT);
+static KRV_NAME_TABLE(ATE_EXT);
+static KRV_NAME_TABLE(CC_EXT);
+static KRV_NAME_TABLE(CFA_EXT);
+static KRV_NAME_TABLE(EH_EXT);
+static KRV_NAME_TABLE(FORM_NEW);
+static KRV_NAME_TABLE(LANG_EXT);
+static KRV_NAME_TABLE(OP_EXT);
+static KRV_NAME_TABLE(TAG_EXT);
+#undef KRV_NAME_TABLE
 #undef KRV_NAME
 
 // Rows indexed by krv_def_t.
@@ -40,16 +51,45 @@ constexpr krv_nap_t _krv_name_tables[KRV_DEF_MAX] = {
 };
 #undef KRV_ROW
 
+// What extensions add, likewise.
+#define KRV_ROW(class)                                                                                                 \
+    {                                                                                                                  \
+        EXT_##class##_NAMES, std::size(EXT_##class##_NAMES)                                                            \
+    }
+constexpr krv_nap_t EXT_TABLES[KRV_DEF_MAX] = {
+    KRV_ROW(AT_EXT),
+    KRV_ROW(ATE_EXT),
+    KRV_ROW(CC_EXT),
+    KRV_ROW(CFA_EXT),
+    {},
+    KRV_ROW(EH_EXT),
+    KRV_ROW(FORM_NEW),
+    {},
+    KRV_ROW(LANG_EXT),
+    {},
+    {},
+    KRV_ROW(OP_EXT),
+    {},
+    KRV_ROW(TAG_EXT),
+    {},
+};
+#undef KRV_ROW
+
+static constexpr bool is_ascending(const krv_nap_t &table)
+{
+    for (size_t j = 1; j < table.dwnap_table_size; ++j)
+        if (table.dwnap_tablep[j - 1].dwisp_key >= table.dwnap_tablep[j].dwisp_key)
+            return false;
+    return true;
+}
+
 static_assert(
     [] {
         constexpr size_t rows[KRV_DEF_MAX] = {100, 16, 3, 28, 2, 13, 25, 4, 20, 4, 12, 154, 2, 61, 3};
         for (size_t i = 0; i < std::size(rows); ++i) {
-            const krv_nap_t &table = _krv_name_tables[i];
-            if (table.dwnap_table_size != rows[i])
+            if (_krv_name_tables[i].dwnap_table_size != rows[i] || !is_ascending(_krv_name_tables[i]) ||
+                !is_ascending(EXT_TABLES[i]))
                 return false;
-            for (size_t j = 1; j < table.dwnap_table_size; ++j)
-                if (table.dwnap_tablep[j - 1].dwisp_key >= table.dwnap_tablep[j].dwisp_key)
-                    return false;
         }
         return true;
     }(),
@@ -62,15 +102,27 @@ int krv_compare_uint(const void *a, const void *b)
     return x < y ? -1 : x > y ? 1 : 0;
 }
 
+static char *find_name(const krv_nap_t *table, unsigned int key)
+{
+    if (table->dwnap_table_size == 0)
+        return nullptr;
+    const void *row =
+        std::bsearch(&key, table->dwnap_tablep, table->dwnap_table_size, sizeof(krv_isp_t), krv_compare_uint);
+    return row == nullptr ? nullptr : const_cast<char *>(static_cast<const krv_isp_t *>(row)->dwisp_valuep);
+}
+
 char *krv_print_define(unsigned int index, unsigned int key)
 {
     // clang-format off
     KRV_ASSERT(index < sizeof (_krv_name_tables) / sizeof (_krv_name_tables[0]));
     // clang-format on
-    const krv_nap_t *table = &_krv_name_tables[index];
-    const void *row =
-        std::bsearch(&key, table->dwnap_tablep, table->dwnap_table_size, sizeof(krv_isp_t), krv_compare_uint);
-    return row == nullptr ? nullptr : const_cast<char *>(static_cast<const krv_isp_t *>(row)->dwisp_valuep);
+    return find_name(&_krv_name_tables[index], key);
+}
+
+char *krv_print_known(const krv_handle_t *hp, unsigned int index, unsigned int key)
+{
+    char *name = krv_print_define(index, key);
+    return name == nullptr && hp->sh_ext != 0 ? find_name(&EXT_TABLES[index], key) : name;
 }
 
 const char *krv_name_or_unknown(unsigned int index, uint64_t key)
@@ -103,7 +155,7 @@ char *korva_print_define(krv_handle_t *hp, krv_def_t index, unsigned int key)
         krv_fail(hp, KRV_ERR_INVALID, "index (%d) out of range", index);
         return nullptr;
     }
-    char *name = krv_print_define(static_cast<unsigned int>(index), key);
+    char *name = krv_print_known(hp, static_cast<unsigned int>(index), key);
     if (name == nullptr)
         krv_fail(hp, KRV_ERR_INVALID, "unknown key (%d) for index (%d)", static_cast<int>(key), index);
     return name;

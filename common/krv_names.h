@@ -27,6 +27,9 @@ int krv_compare_uint(const void *a, const void *b);
 // The name, or NULL for an unknown key. index is a krv_def_t and must be below KRV_DEF_MAX.
 char *krv_print_define(unsigned int index, unsigned int key);
 
+// Likewise, and where the handle has extensions, of what they add.
+char *krv_print_known(const krv_handle_t *hp, unsigned int index, unsigned int key);
+
 // The name for a message: "unknown" for a key without one, also beyond 32 bits.
 const char *krv_name_or_unknown(unsigned int index, uint64_t key);
 

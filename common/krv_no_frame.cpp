@@ -24,6 +24,11 @@ static int krv_no_frame_gfoba(krv_handle_t *hp, krv_reader_t *, uint64_t, uint64
     return krv_fail_code(hp, KRV_ERR_NOTFOUND); // not KRV_ERR_UNSUPPORTED: there is nothing to walk either
 }
 
+static int krv_no_frame_step_over(krv_handle_t *, krv_reader_t *, uint64_t, uint64_t *)
+{
+    return -1;
+}
+
 static void krv_no_frame_cie_free(krv_cie_t *) {}
 
 static void krv_no_frame_fde_free(krv_fde_t *) {}
@@ -40,6 +45,8 @@ static const krv_reader_ops_t krv_no_frame_reader_ops = {
     .sro_cie_free = krv_no_frame_cie_free,
     .sro_fde_free = krv_no_frame_fde_free,
     .sro_destroy_reader = krv_no_frame_destroy_reader,
+    .sro_step_over = krv_no_frame_step_over,
+    .sro_section = KRV_SEC_NONE,
 };
 
 krv_reader_t *krv_no_frame_create_reader(krv_handle_t *hp)

@@ -100,9 +100,9 @@ static bool read_units(table_builder *t)
     }
     if (t->hp->sh_errno == KRV_ERR_NOMEM)
         return false;
-    if (offset < t->hp->sh_sec[KRV_SEC_INFO].sfd_size)
-        krv_tell(t->hp, KRV_SEC_INFO, offset, true, "no unit from offset 0x%lx of .debug_info on can be read: %s",
-                 static_cast<unsigned long>(offset), krv_cause(t->hp));
+    if (t->hp->sh_ext != 0 && t->entries != 0 && offset < t->hp->sh_sec[KRV_SEC_INFO].sfd_size)
+        krv_tell(t->hp, KRV_SEC_INFO, offset, true, ".debug_info cannot be read from offset 0x%lx on: %s",
+                 static_cast<unsigned long>(offset), krv_cause(t->hp).text);
     if (t->entries == 0 || !krv_table_trim(t->hp, &t->units, &t->size, t->entries)) {
         krv_note(t->hp, "unable to resize CU table");
         return false;
@@ -189,7 +189,7 @@ krv_ctu_t *krv_units_get_named(krv_handle_t *hp, krv_set_t *set)
                 return nullptr;
             krv_tell(hp, KRV_SEC_ARANGES, set->set_offset, true,
                      "set at offset 0x%lx of .debug_aranges names no unit that can be read: %s",
-                     static_cast<unsigned long>(set->set_offset), krv_cause(hp));
+                     static_cast<unsigned long>(set->set_offset), krv_cause(hp).text);
             cu = &no_unit;
         }
         krv_clear_error(hp);

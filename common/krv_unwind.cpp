@@ -105,6 +105,7 @@ int krv_generate_rules(krv_handle_t *hp, krv_activation_t *ap, uint64_t pc, uint
     KRV_ASSERT(hp != NULL);
     KRV_ASSERT(ap != NULL);
     KRV_ASSERT(columnp != NULL);
+    ap->sa_function.size = 0;
     const krv_fde_owner fde(krv_get_fde_by_address(hp, pc), {hp});
     if (fde == nullptr)
         return krv_note(hp, "unable to get FDE for PC 0x%lx", static_cast<unsigned long>(pc));
@@ -114,6 +115,7 @@ int krv_generate_rules(krv_handle_t *hp, krv_activation_t *ap, uint64_t pc, uint
 
     krv_cie_t *cie = fde->sfde_cie;
     ap->sa_cie_fd = cie->scie_fd;
+    ap->sa_function = {fde->sfde_target_address, fde->sfde_address_range, cie->scie_signal ? 1 : 0};
     *columnp = cie->scie_return_address_register;
     if (generate_cie_rules(hp, ap, cie) != 0)
         return krv_note(hp, "failed to generate CIE's rules");
@@ -146,6 +148,7 @@ static int execute_expression(evaluation *ev)
                                         .outputs = nullptr,
                                         .func = nullptr,
                                         .arg = nullptr,
+                                        .entry = nullptr,
                                         .budget = ev->budget};
     return krv_expr_execute(ev->hp, &ev->fd, &context);
 }

@@ -62,6 +62,14 @@ static void forms_and_expressions()
         "06 94 04 18 96 97 9c 9f",                // memory
         "12 13 14 15 00 16 17 19 1b 1d 1e 1f 20", // the stack
     };
+    static const char *const extended[] = {
+        "a3 01 53 f3 02 73 08 a8 00",                         // values at entry
+        "a4 30 02 01 02 a5 03 30 a6 04 30 a7 08 30 a9 30 f6", // types
+        "a1 05 a2 06 a0 01 00 00 00 7f fa 01 00 00 00 9d 03", // indexes and references
+    };
+    for (const char *hex : extended)
+        write_modes("expr_fuzz", bytes().u64(0x1000).u8(0).u8(16).add(part(some_bytes(64))).add(bytes::hex(hex)),
+                    krv_fuzz::MODE_DWARF5);
     for (const char *hex : expressions)
         for (const unsigned flags : {0, 1})
             write_modes("expr_fuzz",
@@ -153,8 +161,19 @@ static void frames()
     memory.fill(0x40 - memory.size()).add(eh).add(some_bytes(256));
     for (const unsigned hdr : {0, 4})
         write_modes("unwind_fuzz", bytes().u16(hdr).u16(0x40).u16(0x1004).u16(0xa0).add(part({})).add(memory));
+    // As written: a signal frame with an indirect personality, a record that cannot be read, and pushed arguments.
+    bytes written =
+        eh_cie{.augmentation = "zPLRS", .data = bytes::hex("9b 34 12 00 00 1b 1b"), .instructions = initial}.build();
+    written.add(eh_cie{.augmentation = "eh"}.build());
+    written.add(eh_fde{
+        .cie = at, .address = 0x1000, .data = bytes().u32(1), .instructions = bytes::hex("2e 10 2f 03 02 41 0e 10")}
+                    .build(at + written.size()));
+    written.u32(0).add(some_bytes(256));
+    write_modes("unwind_fuzz", bytes().u16(0).u16(0x40).u16(0x1004).u16(0xa0).add(part({})).fill(0x40).add(written),
+                krv_fuzz::MODE_AS_WRITTEN);
     for (const size_t size : {100, 400, 900})
-        write_modes("frames_fuzz", some_bytes(size));
+        for (const unsigned mode : {0U, krv_fuzz::MODE_DWARF5 | krv_fuzz::MODE_AS_WRITTEN})
+            write_modes("frames_fuzz", some_bytes(size), mode);
 }
 
 static bytes note(uint32_t type, const bytes &contents)

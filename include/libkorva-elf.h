@@ -193,7 +193,8 @@ KORVA_API int korva_elf_iter_notes(krv_elf_t *elf, krv_elf_iter_note_f *func, vo
 /**
  * The function symbols of .symtab (of .dynsym when there is no .symtab), ascending by address; of several at one
  * address all are there, global before weak before local. Labels in code are among them, but for those whose name begins
- * with ".L", which compilers make for themselves. Stores their number; NULL with 0 when there are none.
+ * with ".L", which compilers make for themselves. Stores their number; NULL with 0 when there are none, or no memory for them:
+ * korva_elf_iter_notes tells then.
  */
 KORVA_API const krv_elf_symbol_t *korva_elf_get_symbols(krv_elf_t *elf, size_t *countp);
 

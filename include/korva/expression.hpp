@@ -124,6 +124,7 @@ struct operation {
     std::uint64_t offset; /**< in the expression */
     std::uint8_t opcode;
     span<const krv_operand_t> operands;
+    std::uint64_t size; /**< bytes, its operands included; of a block they are the last */
 };
 
 /**
@@ -148,7 +149,7 @@ result<bool> each_operation(handle_view handle, const void *expression, std::siz
                 [](krv_handle_t *, std::uint8_t opcode, krv_operand_t *operands, unsigned int noperands, void *arg) {
                     auto *st = static_cast<state *>(arg);
                     const std::uint64_t at = std::exchange(st->at, st->fd.sfd_offset);
-                    return detail::visit(st->func, operation{at, opcode, {operands, noperands}});
+                    return detail::visit(st->func, operation{at, opcode, {operands, noperands}, st->at - at});
                 },
                 &s));
 }

@@ -57,6 +57,14 @@ struct source {
     std::string function;
 };
 
+/** The same, without copies. */
+struct source_view {
+    const char *path = nullptr;      /**< nullptr when the row names no file; lives as long as the handle */
+    std::uint32_t line = 0;          /**< 0 when not known */
+    std::uint16_t column = 0;        /**< 0 when not known */
+    std::uint16_t discriminator = 0; /**< 0 when there is none */
+};
+
 /** What is known of a unit and an address. */
 enum class coverage {
     no,
@@ -176,19 +184,23 @@ public:
     result<korva::source> source(std::uint64_t address, std::uint64_t start, std::uint64_t size) const
     {
         krv_lns_t *row = korva_lookup_source_by_cu_and_addr(hp_, cup_, start, size, address, 0);
+        korva::source_view seen;
         korva::source found;
-        if (row == nullptr ||
-            korva_get_fields(hp_, KRV_STRUCT_LNS, row, 3, KRV_FIELD_LNS_LINE, &found.line, KRV_FIELD_LNS_COLUMN,
-                             &found.column, KRV_FIELD_LNS_DISCRIMINATOR, &found.discriminator) != 0 ||
-            korva_lns_get_canonical_address(hp_, row, &found.canonical_address) != 0)
+        if (!read_row(row, &seen) || korva_lns_get_canonical_address(hp_, row, &found.canonical_address) != 0)
             return last_error(hp_);
-        char *path = nullptr;
-        krv_lnfe_t *file = korva_lns_get_filep(hp_, row);
-        if (file != nullptr &&
-            korva_get_fields(hp_, KRV_STRUCT_LNFE, file, 1, KRV_FIELD_LNFE_ABSOLUTE_PATH, &path) != 0)
-            return last_error(hp_);
-        found.path = path == nullptr ? "" : path;
+        found.path = seen.path == nullptr ? "" : seen.path;
+        found.line = seen.line;
+        found.column = seen.column;
+        found.discriminator = seen.discriminator;
         return found;
+    }
+    /** As source(), without copies. */
+    result<korva::source_view> source_view(std::uint64_t address, std::uint64_t start, std::uint64_t size) const
+    {
+        korva::source_view seen;
+        if (!read_row(korva_lookup_source_by_cu_and_addr(hp_, cup_, start, size, address, 0), &seen))
+            return last_error(hp_);
+        return seen;
     }
 
     /** The unit's line-number header, for the C functions. KRV_ERR_NOTFOUND when the unit has no line numbers. */
@@ -299,6 +311,21 @@ public:
     }
 
 private:
+    bool read_row(krv_lns_t *row, korva::source_view *seen) const
+    {
+        if (row == nullptr ||
+            korva_get_fields(hp_, KRV_STRUCT_LNS, row, 3, KRV_FIELD_LNS_LINE, &seen->line, KRV_FIELD_LNS_COLUMN,
+                             &seen->column, KRV_FIELD_LNS_DISCRIMINATOR, &seen->discriminator) != 0)
+            return false;
+        char *path = nullptr;
+        krv_lnfe_t *file = korva_lns_get_filep(hp_, row);
+        if (file != nullptr &&
+            korva_get_fields(hp_, KRV_STRUCT_LNFE, file, 1, KRV_FIELD_LNFE_ABSOLUTE_PATH, &path) != 0)
+            return false;
+        seen->path = path;
+        return true;
+    }
+
     krv_lnp_t *open_matrix(unsigned int *countp) const
     {
         krv_lnph_t *header = korva_line_get_cu_lnph(hp_, cup_);

@@ -19,7 +19,7 @@ typedef struct krv_exprstack krv_exprstack_t;
 /** A decoded operand, as korva_expr_iter_instruction shows it. */
 typedef struct krv_operand {
     uint64_t sopt_operand; /**< the value, sign-extended where the operand is signed */
-    uint64_t sopt_size;    /**< bytes of the value: 1, 2, 4 or 8, not of its encoding; LEB128 numbers have 8 */
+    uint64_t sopt_size; /**< bytes of the value: 1, 2, 4 or 8, not of its encoding; LEB128 numbers have 8; 0: a block */
     int32_t sopt_encoding; /**< DW_ATE_signed (5) or DW_ATE_unsigned (7) */
 } krv_operand_t;
 
@@ -86,6 +86,8 @@ KORVA_API int korva_expr_reset_stack(krv_handle_t *hp, krv_exprstack_t *esp);
  * KRV_EXPR_F_DWARF64. The cursor is left behind the last byte consumed. DW_OP_xderef_size, DW_OP_call2, DW_OP_call4,
  * DW_OP_call_ref and DW_OP_bit_piece are shown without operands and the walk goes on at their operand bytes;
  * DW_OP_implicit_value ends it with KRV_ERR_UNSUPPORTED.
+ * With KRV_OPT_EXT_DWARF5 all operations of DWARF 5 and of GNU tools are shown with their operands; of a block, which is of
+ * at most 256 bytes and ends where its operation does, the value is the number of bytes.
  *
  * Returns 0, the call-back's non-zero result, or -1.
  * Errors: KRV_ERR_UNSUPPORTED (an operation that DWARF 4 does not define, or above 0x9f), and the decoder's.
@@ -106,6 +108,10 @@ KORVA_API int korva_expr_iter_instruction(krv_handle_t *hp, krv_fd_t *fdp, uint3
  * @p func, or NULL, is called before each instruction. At most one million instructions are executed. DW_OP_div of the
  * most negative value by -1 wraps. A description that begins with DW_OP_piece begins with unavailable bytes. Nothing is
  * rolled back on failure.
+ *
+ * With KRV_OPT_EXT_DWARF5, DW_OP_entry_value of a register, or of one and an offset, is evaluated where the caller's frame
+ * tells what the register was, and DW_OP_convert and DW_OP_reinterpret to the stack's own type; what else DWARF 5 and GNU
+ * tools add fails with KRV_ERR_EVAL and a message that names the operation.
  *
  * Errors: KRV_ERR_EVAL (not allowed in this kind of expression, branch out of it, division by zero, a dereference
  * wider than an address, too many instructions), KRV_ERR_CORRUPT (stack underflow; pieces that make no sense),

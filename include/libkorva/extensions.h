@@ -62,7 +62,10 @@ typedef struct krv_note_record {
     const char *text;     /**< valid during the call */
 } krv_note_t;
 
-/** A note, told during the query that met it. The call-back must not query the handle. */
+/**
+ * A note, told by the thread whose query met it, while it may hold locks of the handle: the call-back must neither query
+ * the handle nor wait for a thread that does.
+ */
 typedef void krv_note_f(const krv_note_t *note, void *arg);
 
 /**
@@ -165,6 +168,22 @@ KORVA_API int korva_cu_get_header(krv_handle_t *hp, krv_ctu_t *cup, krv_cu_heade
  * KRV_LOOKUP_F_FAST left some unit's ranges unknown; otherwise as korva_cu_contains_addr.
  */
 KORVA_API krv_ctu_t *korva_lookup_ctu_by_addr(krv_handle_t *hp, uint64_t address, krv_lookup_flag_t flags);
+
+/** What call-frame information covers a frame, as korva_activation_get_frame_info stores it. */
+typedef struct krv_frame_info {
+    uint64_t start; /**< first address that it covers */
+    uint64_t size;  /**< bytes from there */
+    int is_signal;  /**< 1: with KRV_OPT_EXT_AS_WRITTEN, the trampoline to which a signal handler returns */
+} krv_frame_info_t;
+
+/**
+ * Stores what covers the current frame's program counter, and whether its caller was interrupted there, and did not call.
+ * The caller's frame is computed when it was not yet; nothing is read twice.
+ *
+ * Errors: KRV_ERR_NOTFOUND when nothing covers it; those of reading call-frame information. That a register of the caller
+ * could not be computed is none here.
+ */
+KORVA_API int korva_activation_get_frame_info(krv_handle_t *hp, krv_activation_t *ap, krv_frame_info_t *infop);
 
 /**
  * Bounds the time of a walk over a stack whose call-frame information nobody vouches for. @p instructions tells how many

@@ -71,6 +71,7 @@ struct krv_elf {
     std::vector<std::string> folders;
     elf_file file;
     symbol_table own_symbols{file};
+    bool symbols_lost = false; // when they were last asked for
     debug_file debug;
     std::optional<symbol_table> debug_symbols;
     debug_file alternate;
@@ -266,6 +267,9 @@ int korva_elf_iter_notes(krv_elf_t *elf, krv_elf_iter_note_f *func, void *arg)
         if (const int result =
                 show("reading", "", 0, true, "not every note is here: they are too many, or out of memory"))
             return result;
+    if (elf->symbols_lost)
+        if (const int result = show("attach", "", 0, true, "out of memory: the symbols are not known"))
+            return result;
     for (const elf_file *file : {&elf->file, elf->debug.file.get()})
         if (file != nullptr && file->was_cut())
             if (const int result = show("attach", "", 0, true, "the file became shorter while it was read"))
@@ -278,21 +282,35 @@ int korva_elf_handle_bus_error(const void *address)
     return file_mapping::replace_missing(address) ? 1 : 0;
 }
 
+// Symbols are read when they are asked for. Memory that ran out then is told by a note.
+template <typename F>
+static const krv_elf_symbol_t *ask_symbols(krv_elf_t *elf, const F &question)
+{
+    elf->symbols_lost = true;
+    return guarded<const krv_elf_symbol_t *>(nullptr, nullptr, [&] {
+        const krv_elf_symbol_t *found = question(elf->symbols());
+        elf->symbols_lost = false;
+        return found;
+    });
+}
+
 const krv_elf_symbol_t *korva_elf_get_symbols(krv_elf_t *elf, size_t *countp)
 {
-    const std::vector<krv_elf_symbol_t> &all = elf->symbols().all();
-    *countp = all.size();
-    return all.empty() ? nullptr : all.data();
+    *countp = 0;
+    return ask_symbols(elf, [=](const symbol_table &symbols) {
+        *countp = symbols.all().size();
+        return *countp == 0 ? nullptr : symbols.all().data();
+    });
 }
 
 const krv_elf_symbol_t *korva_elf_lookup_symbol(krv_elf_t *elf, uint64_t address)
 {
-    return elf->symbols().find(address);
+    return ask_symbols(elf, [=](const symbol_table &symbols) { return symbols.find(address); });
 }
 
 const krv_elf_symbol_t *korva_elf_lookup_symbol_by_name(krv_elf_t *elf, const char *name)
 {
-    return elf->symbols().find(name);
+    return ask_symbols(elf, [=](const symbol_table &symbols) { return symbols.find(name); });
 }
 
 // Why there is no line: what the library says, and what of the file the loader could not present.

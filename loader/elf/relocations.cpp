@@ -189,7 +189,8 @@ void apply_relocations(view &v)
         left -= raw.file_size;
         const result done = relocations(v.file(), raw, target).apply();
         if (done.applied != 0)
-            v.add_note({"relocations", target->name, 0, false, fmt::format("{} relocations are applied", done.applied)});
+            v.add_note(
+                {"relocations", target->name, 0, false, fmt::format("{} relocations are applied", done.applied)});
         if (done.refused != 0)
             v.add_note({"relocations", target->name, done.first_refused, true,
                         fmt::format("{} relocations of {} cannot be applied, the first at offset {:#x}: {}",

@@ -29,13 +29,6 @@ int binding_rank(unsigned char info)
     }
 }
 
-// Functions, and labels of hand-written assembly.
-bool is_code(unsigned char info, bool executable)
-{
-    const int type = GELF_ST_TYPE(info);
-    return type == STT_FUNC || type == STT_GNU_IFUNC || (type == STT_NOTYPE && executable);
-}
-
 // Compilers' own labels, as those of jump tables, are no names.
 bool is_name(const char *name)
 {
@@ -66,60 +59,143 @@ uint64_t end_of(const krv_elf_symbol_t &symbol)
 
 } // namespace
 
-symbol_table::symbol_table(const elf_file &file)
+// The symbols of a section that name code, as they stand there.
+class symbol_table::reader
 {
-    for (const uint32_t type : {uint32_t{SHT_SYMTAB}, uint32_t{SHT_DYNSYM}})
-        for (const raw_section &section : file.sections()) {
-            if (section.type != type || !section.in_file)
-                continue;
-            std::vector<entry> entries = read(file, section);
-            if (entries.empty())
-                continue;
-            symtab = type == SHT_SYMTAB;
-            sort(&entries);
-            symbols.reserve(entries.size());
-            for (const entry &e : entries)
-                symbols.push_back(e.symbol);
-            find_stretches(entries);
+public:
+    reader(const elf_file &elf, const raw_section &section) : file(elf)
+    {
+        Elf_Scn *scn = elf_getscn(elf.elf(), section.number);
+        Elf_Data *data = elf_getdata(scn, nullptr);
+        if (data == nullptr || data->d_buf == nullptr || data->d_type != ELF_T_SYM)
             return;
-        }
-}
+        is_64 = elf.target() == KRV_ACTIVATION_AMD64;
+        symbols = static_cast<const uint8_t *>(data->d_buf);
+        count = data->d_size / (is_64 ? sizeof(Elf64_Sym) : sizeof(Elf32_Sym));
+        // Section numbers too large for a symbol stand in a table of their own.
+        const int wide = elf_scnshndx(scn);
+        if (wide > 0)
+            wide_numbers = elf_getdata(elf_getscn(elf.elf(), static_cast<size_t>(wide)), nullptr);
+        const raw_section *strings = file.section(section.link);
+        names = string_table(strings != nullptr && strings->type == SHT_STRTAB ? strings->bytes : byte_span());
+    }
 
-std::vector<symbol_table::entry> symbol_table::read(const elf_file &file, const raw_section &section) const
-{
-    std::vector<entry> entries;
-    Elf *elf = file.elf();
-    Elf_Scn *scn = elf_getscn(elf, section.number);
-    GElf_Shdr shdr;
-    Elf_Data *data = elf_getdata(scn, nullptr);
-    if (data == nullptr || gelf_getshdr(scn, &shdr) == nullptr)
-        return entries;
-    // Section numbers too large for a symbol stand in a table of their own.
-    const int wide = elf_scnshndx(scn);
-    Elf_Data *wide_numbers = wide <= 0 ? nullptr : elf_getdata(elf_getscn(elf, static_cast<size_t>(wide)), nullptr);
-    const raw_section *strings = file.section(shdr.sh_link);
-    const string_table names(strings != nullptr && strings->type == SHT_STRTAB ? strings->bytes : byte_span());
-    const size_t count = data->d_size / gelf_fsize(elf, ELF_T_SYM, 1, EV_CURRENT);
-    for (size_t i = 0; i < count; ++i) {
-        GElf_Sym sym;
-        Elf32_Word number = 0;
-        if (gelf_getsymshndx(data, wide_numbers, static_cast<int>(i), &sym, &number) == nullptr)
-            break;
-        if (sym.st_shndx != SHN_XINDEX)
-            number = sym.st_shndx < SHN_LORESERVE ? sym.st_shndx : SHN_UNDEF;
-        const raw_section *home = file.section(number);
-        if (home == nullptr || !is_code(sym.st_info, home->executable()))
-            continue;
-        const char *name = names.at(sym.st_name);
-        if (!is_name(name))
-            continue;
+    size_t size() const { return count; }
+
+    // Everything of a symbol but its name; false when it cannot name code.
+    bool read(size_t i, entry *e) const
+    {
+        const GElf_Sym sym = is_64 ? get<Elf64_Sym>(i) : widened(get<Elf32_Sym>(i));
+        const int type = GELF_ST_TYPE(sym.st_info);
+        if (type != STT_FUNC && type != STT_GNU_IFUNC && type != STT_NOTYPE)
+            return false;
+        const raw_section *home = file.section(section_of(sym, i));
+        // Functions, and labels of hand-written assembly.
+        if (home == nullptr || (type == STT_NOTYPE && !home->executable()))
+            return false;
         // Symbols of a relocatable file count from the start of their section.
         const uint64_t address = sym.st_value + (file.type() == ET_REL ? home->address : 0);
-        const bool label = sym.st_size == 0 && GELF_ST_TYPE(sym.st_info) == STT_NOTYPE;
-        entries.push_back(
-            {{address, sym.st_size, name}, binding_rank(sym.st_info), end_of(home->address, home->size), label});
+        *e = {.symbol = {address, sym.st_size, nullptr},
+              .rank = binding_rank(sym.st_info),
+              .section_end = end_of(home->address, home->size),
+              .label = sym.st_size == 0 && type == STT_NOTYPE,
+              .name_at = sym.st_name};
+        return true;
     }
-    return entries;
+
+    // Adds the name; false when it is none.
+    bool name(entry *e) const
+    {
+        e->symbol.name = names.at(e->name_at);
+        return is_name(e->symbol.name);
+    }
+
+private:
+    template <typename T>
+    T get(size_t i) const // the table may lie at any address
+    {
+        T value;
+        std::memcpy(&value, symbols + i * sizeof(T), sizeof(T));
+        return value;
+    }
+
+    static GElf_Sym widened(const Elf32_Sym &narrow)
+    {
+        return {.st_name = narrow.st_name,
+                .st_info = narrow.st_info,
+                .st_other = narrow.st_other,
+                .st_shndx = narrow.st_shndx,
+                .st_value = narrow.st_value,
+                .st_size = narrow.st_size};
+    }
+
+    size_t section_of(const GElf_Sym &sym, size_t i) const
+    {
+        if (sym.st_shndx < SHN_LORESERVE)
+            return sym.st_shndx;
+        Elf32_Word number = SHN_UNDEF;
+        if (sym.st_shndx == SHN_XINDEX && wide_numbers != nullptr && i < wide_numbers->d_size / sizeof(number))
+            std::memcpy(&number, static_cast<const uint8_t *>(wide_numbers->d_buf) + i * sizeof(number),
+                        sizeof(number));
+        return number;
+    }
+
+    const elf_file &file;
+    bool is_64 = false;
+    const uint8_t *symbols = nullptr;
+    size_t count = 0;
+    const Elf_Data *wide_numbers = nullptr;
+    string_table names;
+};
+
+// The section whose symbols are those of the file: the first that names code, of .symtab before .dynsym.
+const raw_section *symbol_table::section() const
+{
+    if (chosen)
+        return *chosen;
+    for (const uint32_t type : {uint32_t{SHT_SYMTAB}, uint32_t{SHT_DYNSYM}})
+        for (const raw_section &s : file.sections()) {
+            if (s.type != type || !s.in_file)
+                continue;
+            const reader all(file, s);
+            entry e;
+            for (size_t i = 0; i < all.size(); ++i)
+                if (all.read(i, &e) && all.name(&e))
+                    return *(chosen = &s);
+        }
+    return *(chosen = nullptr);
+}
+
+bool symbol_table::from_symtab() const
+{
+    return section() != nullptr && section()->type == SHT_SYMTAB;
+}
+
+void symbol_table::sort_all() const
+{
+    std::vector<entry> entries;
+    if (section() != nullptr) {
+        const reader from(file, *section());
+        entry e;
+        for (size_t i = 0; i < from.size(); ++i)
+            if (from.read(i, &e) && from.name(&e))
+                entries.push_back(e);
+    }
+    sort(&entries);
+    symbols.clear();
+    symbols.reserve(entries.size());
+    for (const entry &e : entries)
+        symbols.push_back(e.symbol);
+    stretches.clear();
+    find_stretches(entries);
+    sorted = true;
+}
+
+const std::vector<krv_elf_symbol_t> &symbol_table::all() const
+{
+    if (!sorted)
+        sort_all();
+    return symbols;
 }
 
 void symbol_table::sort(std::vector<entry> *entries)
@@ -141,7 +217,7 @@ void symbol_table::sort(std::vector<entry> *entries)
 }
 
 // Symbols may nest and overlap. Laid flat once, they are searched like any sorted table.
-void symbol_table::find_stretches(const std::vector<entry> &entries)
+void symbol_table::find_stretches(const std::vector<entry> &entries) const
 {
     std::vector<size_t> begun; // symbols, the innermost last
     size_t label = NONE;       // the one that begun last: it reaches to the next symbol at most
@@ -170,8 +246,45 @@ void symbol_table::find_stretches(const std::vector<entry> &entries)
     cover_until(UINT64_MAX);
 }
 
+// What find() finds in the sorted table, by two looks at each symbol.
+const krv_elf_symbol_t *symbol_table::scan(uint64_t address) const
+{
+    const reader from(file, *section());
+    entry e;
+    uint64_t below = 0, above = UINT64_MAX; // where symbols begin next to the address: at it or before, and behind
+    for (size_t i = 0; i < from.size(); ++i) {
+        if (!from.read(i, &e))
+            continue;
+        const uint64_t start = e.symbol.address;
+        uint64_t *nearest = start > address ? &above : &below;
+        if ((start > address ? start < above : start > below) && from.name(&e))
+            *nearest = start;
+    }
+    std::optional<entry> function, label; // the innermost
+    for (size_t i = 0; i < from.size(); ++i) {
+        if (!from.read(i, &e) || e.symbol.address > address)
+            continue;
+        // A symbol without a size reaches to the next one.
+        if (e.symbol.size == 0 && e.symbol.address == below)
+            e.symbol.size = std::max(std::min(above, e.section_end), below) - below;
+        std::optional<entry> *kind = e.label ? &label : &function;
+        const bool leads =
+            !*kind || std::pair((*kind)->symbol.address, -(*kind)->rank) < std::pair(e.symbol.address, -e.rank);
+        if (address < end_of(e.symbol) && leads && from.name(&e))
+            *kind = e;
+    }
+    const std::optional<entry> &found = function ? function : label;
+    return found ? &scanned.emplace_back(found->symbol) : nullptr;
+}
+
 const krv_elf_symbol_t *symbol_table::find(uint64_t address) const
 {
+    constexpr size_t MOST_SCANS = 16; // who asks for a few addresses does not wait for all to be sorted
+    if (section() == nullptr)
+        return nullptr;
+    if (!sorted && scanned_addresses++ < MOST_SCANS)
+        return scan(address);
+    all();
     const auto above = std::upper_bound(stretches.begin(), stretches.end(), address,
                                         [](uint64_t wanted, const stretch &s) { return wanted < s.start; });
     if (above == stretches.begin())
@@ -230,7 +343,7 @@ symbol_table::name_index symbol_table::index_names() const
 const krv_elf_symbol_t *symbol_table::find(const char *name) const
 {
     constexpr size_t MOST_SCANS = 8; // who asks for a few names does not wait for an index of all
-    if (symbols.empty() || *name == '\0')
+    if (all().empty() || *name == '\0')
         return nullptr;
     if (index.names.empty()) {
         if (scans++ < MOST_SCANS)

@@ -1,23 +1,27 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// The function symbols of a file, sorted for lookup by address.
+// The function symbols of a file. They are read when they are asked for, and sorted when many are.
 #ifndef KRV_ELF_SYMBOLS_H
 #define KRV_ELF_SYMBOLS_H
 
 #include "elf/file.h"
 
+#include <deque>
+#include <optional>
+
 namespace krv_elf_loader
 {
 
+// For one thread at a time. What it hands out stays where it is.
 class symbol_table
 {
 public:
-    explicit symbol_table(const elf_file &file);
+    explicit symbol_table(const elf_file &elf) : file(elf) {}
 
-    bool from_symtab() const { return symtab; }
-    const std::vector<krv_elf_symbol_t> &all() const { return symbols; }
+    bool from_symtab() const;
+    const std::vector<krv_elf_symbol_t> &all() const;
     const krv_elf_symbol_t *find(uint64_t address) const;
-    // The first of that name, else the first of that name with a version. Not by several threads at a time.
+    // The first of that name, else the first of that name with a version.
     const krv_elf_symbol_t *find(const char *name) const;
 
 private:
@@ -26,7 +30,9 @@ private:
         int rank;             // global before weak before local
         uint64_t section_end; // where a symbol without a size ends at the latest
         bool label;           // of no type and no size: it names what no function covers
+        uint32_t name_at;     // in its string table
     };
+    class reader;
     struct hashed_name {
         uint64_t hash;
         size_t symbol;
@@ -40,15 +46,21 @@ private:
         uint64_t start;
         size_t symbol; // NONE when nobody does
     };
-    std::vector<entry> read(const elf_file &file, const raw_section &section) const;
+    const raw_section *section() const;
+    void sort_all() const;
     static void sort(std::vector<entry> *entries);
-    void find_stretches(const std::vector<entry> &entries);
+    void find_stretches(const std::vector<entry> &entries) const;
+    const krv_elf_symbol_t *scan(uint64_t address) const;
     const krv_elf_symbol_t *scan(const char *name) const;
     name_index index_names() const;
 
-    std::vector<krv_elf_symbol_t> symbols; // ascending by address
-    std::vector<stretch> stretches;        // likewise: at most two for each symbol
-    bool symtab = false;
+    const elf_file &file;
+    mutable std::optional<const raw_section *> chosen; // by section()
+    mutable std::deque<krv_elf_symbol_t> scanned;      // found before they were sorted
+    mutable size_t scanned_addresses = 0;
+    mutable std::vector<krv_elf_symbol_t> symbols; // ascending by address
+    mutable std::vector<stretch> stretches;        // likewise: at most two for each symbol
+    mutable bool sorted = false;                   // these two
 
     mutable name_index index; // made when many names are asked for
     mutable size_t scans = 0; // lookups without it

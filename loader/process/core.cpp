@@ -144,6 +144,7 @@ public:
     memory &bytes() override { return cache; }
     const std::vector<mapping> &mappings() const override { return maps; }
     memory &module_bytes() override { return metered; }
+    void take_module_bytes(uint64_t count) override { metered.take(count); }
     register_set registers(int tid) override;
     std::string locate(const mapping &where) override;
     bool mismatched(const mapping &where) override { return file_of(where).state == other; }

@@ -2,6 +2,7 @@
 #include "process/module.h"
 
 #include "page.h"
+#include "process/eh_frame.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -24,6 +25,7 @@ krv_handle_t *new_handle(krv_activation_type_t target)
     krv_handle_t *hp = korva_handle_alloc(target);
     if (hp == nullptr)
         throw failure(KRV_ELF_ERR_NOMEM, "no libkorva handle: out of memory, or disabled by LIBKORVA_OPTIONS");
+    korva_handle_set_opt(hp, KRV_OPT_EXT_AS_WRITTEN, uint64_t{1});
     return hp;
 }
 
@@ -116,7 +118,6 @@ int64_t loaded_module::read(void *arg, void *buf, size_t count, uint64_t address
             m->process.unreadable = address;
             return -1;
         }
-        m->view.correct(address, buf, count);
         return static_cast<int64_t>(count);
     });
 }
@@ -205,21 +206,21 @@ void loaded_module::prepare()
     std::unique_ptr<krv_handle_t, decltype(&korva_handle_free)> fresh(new_handle(record.target), korva_handle_free);
     korva_attach_as(fresh.get(), read, this);
     const uint64_t start = find_eh_frame();
-    eh_frame_view corrected;
+    bool has_records = false;
     try {
-        if (start != 0)
-            corrected.scan(process.module_bytes(), record.target, start, end_of_eh_frame(start));
+        has_records = start != 0 && has_frame_record(process.module_bytes(), start);
+        if (has_records && end_of_eh_frame(start) > start)
+            process.take_module_bytes(end_of_eh_frame(start) - start); // without a search table all records are read
     } catch (const failure &f) {
-        scan_failure = f.what();
-        process.note(scan_failure);
-        corrected = {};
+        has_records = false;
+        frames_failure = f.what();
+        process.note(frames_failure);
     }
-    if (!corrected.empty()) { // else the core, too, would find nothing, but say that the section is damaged
+    if (has_records) { // else the core, too, would find nothing, but say that the section is damaged
         if (record.eh_frame_hdr != 0)
             korva_handle_set_opt(fresh.get(), KRV_OPT_EH_FRAME_HDR_ADDR, record.eh_frame_hdr);
         korva_handle_set_opt(fresh.get(), KRV_OPT_EH_FRAME_ADDR, start);
     }
-    view = std::move(corrected);
     unwind_handle = fresh.release();
 }
 
@@ -266,12 +267,6 @@ std::optional<uint64_t> loaded_module::file_offset(uint64_t address) const
         if (segment.p_type == PT_LOAD && address - record.bias - segment.p_vaddr < segment.p_filesz)
             return segment.p_offset + (address - record.bias - segment.p_vaddr);
     return std::nullopt;
-}
-
-bool loaded_module::signal_frame(uint64_t pc)
-{
-    prepare();
-    return view.signal_frame(pc);
 }
 
 } // namespace krv_elf_loader

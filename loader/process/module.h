@@ -5,7 +5,6 @@
 #define KRV_PROC_MODULE_H
 
 #include "failure.h"
-#include "process/eh_frame.h"
 #include "process/image.h"
 #include "process/source.h"
 
@@ -33,7 +32,10 @@ public:
     krv_elf_t *elf();
 
     // Why .eh_frame is not read, or else why elf() failed when it was called and did; "" for neither.
-    std::string problem() const { return scan_failure.empty() && file_failure ? file_failure->what() : scan_failure; }
+    std::string problem() const
+    {
+        return frames_failure.empty() && file_failure ? file_failure->what() : frames_failure;
+    }
 
     // The handle that reads .eh_frame in memory. Throws failure.
     krv_handle_t *handle();
@@ -47,11 +49,8 @@ public:
     // Where the byte at an address is in the file; nothing where it is not.
     std::optional<uint64_t> file_offset(uint64_t address) const;
 
-    // Whether `pc` is in the trampoline of a signal handler.
-    bool signal_frame(uint64_t pc);
-
 private:
-    static int64_t read(void *arg, void *buf, size_t count, uint64_t address); // memory as the handle sees it
+    static int64_t read(void *arg, void *buf, size_t count, uint64_t address);
     krv_elf_t *open();
     krv_elf_t *open_vdso();
     uint64_t find_eh_frame();
@@ -65,8 +64,7 @@ private:
     std::vector<uint8_t> build_id;
     krv_proc_module_t record = {};
 
-    eh_frame_view view;
-    std::string scan_failure;
+    std::string frames_failure;
     krv_handle_t *unwind_handle = nullptr;
     krv_elf_t *file = nullptr;
     std::optional<failure> file_failure;

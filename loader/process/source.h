@@ -81,9 +81,10 @@ public:
     virtual const std::vector<mapping> &mappings() const = 0; // ascending by address
     virtual register_set registers(int tid) = 0;              // throws failure
 
-    // The bytes that are read for a module: its headers, its notes, all of its call-frame information. Reading throws
-    // failure where a core file would have the same bytes read over and over.
+    // The bytes that are read for a module: its headers, its notes. Reading throws failure where a core file would have the
+    // same bytes read over and over; so does telling that a handle may read so many.
     virtual memory &module_bytes() { return bytes(); }
+    virtual void take_module_bytes(uint64_t) {}
 
     // A path under which the file mapped at `where` can be opened. Throws failure.
     virtual std::string locate(const mapping &where) = 0;

@@ -46,12 +46,8 @@ loaded_module *unwinder::find_module(uint64_t pc)
 
 place unwinder::locate(uint64_t pc, bool exact)
 {
-    loaded_module *here = find_module(pc);
-    if (here != nullptr && here->signal_frame(pc))
-        return {pc, exact, true, here};
-    if (exact)
-        return {pc, true, false, here};
-    return {pc - 1, false, false, find_module(pc - 1)};
+    const uint64_t lookup_pc = exact ? pc : pc - 1;
+    return {lookup_pc, exact, find_module(lookup_pc)};
 }
 
 krv_activation_t *unwinder::load(krv_handle_t *hp, uint64_t pc, const register_set &registers)
@@ -76,15 +72,19 @@ departure unwinder::leave_by(krv_handle_t *hp, uint64_t pc, const register_set &
     frame->activation = ap;
     departure out;
     proc->from->unreadable.reset();
-    if (korva_activation_get_gregs(hp, ap, KRV_ACTIVATION_FRAME_CALLER, &out.caller.gregs, &out.caller.mask) != 0) {
+    const bool left =
+        korva_activation_get_gregs(hp, ap, KRV_ACTIVATION_FRAME_CALLER, &out.caller.gregs, &out.caller.mask) == 0;
+    if (!left) {
         out.code = korva_handle_get_errno(hp);
         out.kind = out.code == KRV_ERR_NOTFOUND ? departure::no_fde : departure::failed;
         out.message = out.code == KRV_ERR_IO && proc->from->unreadable
                           ? fmt::format("memory at {:#x} cannot be read{}", *proc->from->unreadable,
                                         proc->from->why_unreadable(*proc->from->unreadable))
                           : messages_of(hp);
-        return out;
     }
+    korva_activation_get_frame_info(hp, ap, &out.function);
+    if (!left)
+        return out;
     krv_greg_t cfa = 0, caller_pc = 0;
     const bool has_cfa = korva_activation_get_greg(hp, ap, KRV_ACTIVATION_REG_LIBRARY, KRV_ACTIVATION_FRAME_CURRENT,
                                                    KRV_REG_CFA, &cfa) == 0;
@@ -133,8 +133,25 @@ bool unwinder::assume_call(const register_set &registers, departure *out)
 }
 
 // .eh_frame in memory; the file's .debug_frame where that has nothing for the function.
+departure unwinder::leave_within(const place &at, uint64_t pc, const register_set &registers, krv_proc_frame_t *frame)
+{
+    frame->lookup_pc = pc;
+    departure out = leave_by(at.module->handle(), pc, registers, frame);
+    krv_handle_t *debug_frame = out.kind == departure::no_fde ? at.module->debug_frame_handle() : nullptr;
+    if (debug_frame != nullptr) {
+        const uint64_t bias = at.module->shown().bias;
+        out = leave_by(debug_frame, pc - bias, registers, frame);
+        out.bias = bias;
+        return out;
+    }
+    if (out.kind == departure::no_fde && !at.module->problem().empty())
+        out.message += " (" + at.module->problem() + ")";
+    return out;
+}
+
 departure unwinder::leave(const place &at, const register_set &registers, krv_proc_frame_t *frame)
 {
+    frame->lookup_pc = at.lookup_pc;
     if (at.module == nullptr || at.module->shown().target != target) {
         departure out;
         if (at.module == nullptr && at.exact && assume_call(registers, &out)) {
@@ -148,14 +165,21 @@ departure unwinder::leave(const place &at, const register_set &registers, krv_pr
             out.message += " (" + proc->modules.problem() + ")";
         return out;
     }
-    departure out = leave_by(at.module->handle(), at.lookup_pc, registers, frame);
-    krv_handle_t *debug_frame = out.kind == departure::no_fde ? at.module->debug_frame_handle() : nullptr;
-    if (debug_frame == nullptr) {
-        if (out.kind == departure::no_fde && !at.module->problem().empty())
-            out.message += " (" + at.module->problem() + ")";
-        return out;
+    departure out = leave_within(at, at.lookup_pc, registers, frame);
+    const uint64_t pc = registers.pc();
+    const auto is_covered = [&](const departure &by) { return pc - by.bias - by.function.start < by.function.size; };
+    if (!at.exact && !is_covered(out)) {
+        // The function that made the call ends with it, or it was none, and this is where a signal handler returns to.
+        departure here = leave_within(at, pc, registers, frame);
+        if (here.function.is_signal != 0)
+            out = std::move(here);
+        else
+            out = leave_within(at, at.lookup_pc, registers, frame);
     }
-    return leave_by(debug_frame, at.lookup_pc - at.module->shown().bias, registers, frame);
+    frame->is_signal_frame = out.function.is_signal;
+    if (out.function.is_signal != 0)
+        frame->lookup_pc = pc;
+    return out;
 }
 
 } // namespace krv_elf_loader

@@ -19,8 +19,7 @@ namespace krv_elf_loader
 // Where a frame is.
 struct place {
     uint64_t lookup_pc;
-    bool exact; // it was stopped there; else it is before the address where it will go on after a call
-    bool signal_frame;
+    bool exact;            // it was stopped there; else it is before the address where it will go on after a call
     loaded_module *module; // NULL: none covers lookup_pc
 };
 
@@ -29,8 +28,10 @@ struct departure {
     enum { to_caller, outermost, no_fde, failed } kind = failed;
     int code = KRV_ERR_NONE;
     std::string message;
-    register_set caller;  // of to_caller
-    bool assumed = false; // to_caller: nothing says so
+    register_set caller;            // of to_caller
+    bool assumed = false;           // to_caller: nothing says so
+    uint64_t bias = 0;              // what its addresses lack
+    krv_frame_info_t function = {}; // what covers the place that was looked up; its size is 0: nothing
 };
 
 class unwinder
@@ -40,7 +41,7 @@ public:
 
     place locate(uint64_t pc, bool exact);
 
-    // Fills the frame's activation, its handle and the frame address. Throws failure and std::bad_alloc.
+    // Fills all of the frame but its index and module. Throws failure and std::bad_alloc.
     departure leave(const place &at, const register_set &registers, krv_proc_frame_t *frame);
 
 private:
@@ -49,6 +50,7 @@ private:
     };
 
     loaded_module *find_module(uint64_t pc);
+    departure leave_within(const place &at, uint64_t pc, const register_set &registers, krv_proc_frame_t *frame);
     departure leave_by(krv_handle_t *hp, uint64_t pc, const register_set &registers, krv_proc_frame_t *frame);
     bool assume_call(const register_set &registers, departure *out);
     krv_activation_t *load(krv_handle_t *hp, uint64_t pc, const register_set &registers);

@@ -124,8 +124,6 @@ int walk::run(register_set registers)
         krv_proc_frame_t frame = {};
         frame.index = end.frames;
         frame.pc = registers.pc();
-        frame.lookup_pc = at.lookup_pc;
-        frame.is_signal_frame = at.signal_frame ? 1 : 0;
         frame.module = at.module == nullptr ? nullptr : &at.module->shown();
         const departure out = frames.leave(at, registers, &frame);
         if (!show(frame))
@@ -139,7 +137,7 @@ int walk::run(register_set registers)
                                      "of the stack",
                                      frame.pc);
         registers = out.caller;
-        exact = at.signal_frame;
+        exact = frame.is_signal_frame != 0;
     }
 }
 

@@ -89,6 +89,7 @@ TEST(Cfa, Instructions)
         bytes cie, fde;
         std::string expected;
         uint64_t code_align = 1;
+        uint32_t extensions = 0;
     } rows[] = {
         {{}, op(DW_CFA_nop), ""},
         // CFA
@@ -134,6 +135,10 @@ TEST(Cfa, Instructions)
         {expr, op(DW_CFA_def_cfa_offset_sf).sleb(8), "FDE NONE: CFA rule not reg + offset @2"},
         {expr, op(DW_CFA_def_cfa_register).uleb(7), "FDE NONE: CFA rule not reg + offset @2"},
         {op(DW_CFA_GNU_window_save), {}, "CIE UNSUPPORTED: unknown instruction 0x2d @1"},
+        {{}, op(DW_CFA_GNU_args_size).uleb(8), "FDE UNSUPPORTED: unknown instruction 0x2e @1"},
+        {rsp_8, op(DW_CFA_GNU_args_size).uleb(0, 3) + to_16, "cfa=r7+16", 1, KRV_EXT_AS_WRITTEN},
+        {op(DW_CFA_GNU_negative_offset_extended).uleb(3).uleb(2), {}, "r3=[cfa]+16", 1, KRV_EXT_AS_WRITTEN},
+        {op(DW_CFA_GNU_window_save), {}, "CIE UNSUPPORTED: unknown instruction 0x2d @1", 1, KRV_EXT_AS_WRITTEN},
         {{}, op(0x17), "FDE UNSUPPORTED: unknown instruction 0x17 @1"},
         {{}, op(DW_CFA_def_cfa_expression), "FDE CORRUPT: DW_FORM_udata" + open + "expression length @1"},
         {{}, op(DW_CFA_offset_extended_sf).uleb(6), "FDE CORRUPT: DW_FORM_sdata" + open + "operand 1 @2"},
@@ -148,6 +153,7 @@ TEST(Cfa, Instructions)
     ASSERT_NE(m.cie, nullptr);
     for (const auto &row : rows) {
         SCOPED_TRACE(&row - rows);
+        m.s.h->sh_ext = row.extensions;
         EXPECT_EQ(m.run(row.cie, row.fde, 0x1010, row.code_align), row.expected);
         // Whatever the answer to half of it, no step beyond the bytes.
         for_each_prefix(row.cie, [&](const bytes &prefix) { m.run(prefix, row.fde); });

@@ -17,10 +17,10 @@ static std::string dump_cie(krv_handle_t *hp, uint64_t offset)
         return error_line(hp);
     EXPECT_EQ(c->scie_sec, KRV_SEC_FRAME);
     EXPECT_EQ(c->scie_augmentation_type, KRV_AUG_NONE);
-    return text("v%u %u/%u code %lu data %ld r%lu, %lu at %lu of %lu/%lu", c->scie_version, c->scie_address_size,
+    return text("v%u %u/%u code %lu data %ld r%lu, %lu at %lu of %lu/%lu%s", c->scie_version, c->scie_address_size,
                 c->scie_segment_size, c->scie_code_alignment_factor, c->scie_data_alignment_factor,
                 c->scie_return_address_register, c->scie_cfi_size, c->scie_cfi_offset, c->scie_length,
-                c->scie_section_length);
+                c->scie_section_length, c->scie_signal ? ", S" : "");
 }
 
 static std::string dump_fde(krv_handle_t *hp, uint64_t offset)
@@ -81,6 +81,37 @@ TEST(DebugFrame, Cies)
         handle h(row.target);
         h.attach(KRV_SEC_FRAME, row.section);
         EXPECT_EQ(dump_cie(h, 0), row.outcome + (row.outcome[0] == 'v' ? "" : cie_at_0));
+    }
+    // As written: any length; letters without data, and data of a known size.
+    const bytes sized = bytes().u8(16).uleb(2).u16(0x1b9b).u8(0);
+    const std::pair<cie, std::string> written[] = {
+        {{.length = 13}, "v3 0/0 code 1 data -8 r16, 4 at 13 of 13/17"},
+        {{.augmentation = "S"}, "v3 0/0 code 1 data -8 r16, 2 at 14 of 12/16, S"},
+        {{.augmentation = "zPL", .column = sized}, "v3 0/0 code 1 data -8 r16, 5 at 19 of 20/24"},
+        {{.augmentation = "zL", .column = bytes().u8(16).uleb(90)}, "CORRUPT: illegal augmentation length" + cie_at_0},
+        {{.augmentation = "zR", .column = sized}, "UNSUPPORTED: augmentation found in CIE" + cie_at_0},
+        {{.augmentation = "eh"}, "UNSUPPORTED: augmentation found in CIE" + cie_at_0},
+    };
+    for (const auto &[record, outcome] : written) {
+        handle h;
+        h.extend(KRV_EXT_AS_WRITTEN).attach(KRV_SEC_FRAME, record.build().fill(8));
+        EXPECT_EQ(dump_cie(h, 0), outcome);
+    }
+}
+
+// A record that cannot be read costs the functions that it is of, and no others.
+TEST(DebugFrame, StepsOverWhatItCannotRead)
+{
+    const bytes sound = cie{}.build(), odd = cie{.augmentation = "eh"}.build();
+    const bytes section = sound + odd + fde{.cie = sound.size(), .address = 0x2000}.build() + bytes().u64(4) +
+                          fde{.address = 0x1000}.build();
+    for (const uint32_t extensions : {0U, KRV_EXT_AS_WRITTEN}) {
+        handle h;
+        h.extend(extensions).attach(KRV_SEC_FRAME, section);
+        const krv_fde_owner found(krv_get_fde_by_address(h, 0x10ff), {h});
+        EXPECT_EQ(found != nullptr, extensions != 0);
+        EXPECT_EQ(h.notes,
+                  extensions == 0 ? "" : "!.debug_frame 16 3 records of call-frame information cannot be read\n");
     }
 }
 

@@ -46,6 +46,7 @@ struct loaded {
                  c->scie_return_address_register, c->scie_cfi_size, c->scie_cfi_offset);
         const auto *a = static_cast<krv_amd64_cie_augmentation *>(c->scie_augmentation_data);
         EXPECT_EQ(c->scie_augmentation_type, a == nullptr ? KRV_AUG_NONE : KRV_AUG_AMD64);
+        line += c->scie_signal ? ", S" : "";
         return a == nullptr ? line
                             : line + text(", P%u %lx R%u %x L%u %lx", a->scie_P, a->scie_pr, a->scie_R, a->scie_re,
                                           a->scie_L, a->scie_le);
@@ -192,6 +193,51 @@ TEST(EhFrame, Fdes)
             EXPECT_EQ(loaded(parent + record.build(at), {}, target).dump_fde(parent.size()),
                       row.outcome + (row.outcome[0] == '0' ? "" : in));
         }
+}
+
+// What the base interface refuses, as compilers and linkers write it.
+TEST(EhFrame, AsWritten)
+{
+    const std::string refused = " | failed to read CIE at address 0x9000 in .eh_frame", head = "code 1 data -8 r16, ";
+    const std::string unreadable = "UNSUPPORTED: unknown letter 'X' in augmentation string" + refused;
+    const struct {
+        eh_cie record;
+        std::string outcome;
+        std::string fde = "0x1000+0x100, "; // begins with
+    } rows[] = {
+        {{.augmentation = "zPLR", .data = bytes::hex("9b 34 12 00 00 1b 1b")}, head + "3 at 0x9019, P1 0 R1 1b L1 0"},
+        {{.augmentation = "zPLR", .data = bytes::hex("ff ff 1b")}, head + "3 at 0x9015, P1 0 R1 1b L1 0"},
+        {{.augmentation = "zRS"}, head + "2 at 0x9012, S, P0 0 R1 1b L0 0"},
+        {{.augmentation = "zSRB", .code_align = 300}, "code 300 data -8 r16, 0 at 0x9014, S, P0 0 R1 1b L0 0"},
+        {{.version = 3}, head + "3 at 0x9011, P0 0 R1 1b L0 0"},
+        {{.augmentation = "zRXS", .data = bytes::hex("1b 00 00")}, head + "3 at 0x9015, S, P0 0 R1 1b L0 0"},
+        {{.augmentation = "zX", .data = bytes::hex("00")}, head + "3 at 0x9011, P0 0 R0 0 L0 0", ""},
+        {{.augmentation = "zXR", .data = bytes::hex("00 1b")}, unreadable, unreadable},
+        {{.augmentation = "zPR", .data = bytes::hex("05 1b")},
+         "UNSUPPORTED: unknown letter 'P' in augmentation string" + refused,
+         "UNSUPPORTED"},
+        {{.data_length = 9}, "CORRUPT: illegal augmentation length" + refused, "CORRUPT"},
+        {{.version = 4}, "CORRUPT: illegal Version (4)" + refused, "CORRUPT"},
+    };
+    for (const auto &row : rows) {
+        const bytes parent = row.record.build();
+        const bytes child = eh_fde{.cie = EH, .data = bytes().u16(0x77)}.build(EH + parent.size());
+        for (const bool extended : {false, true}) {
+            loaded p(parent + child);
+            p.h.extend(extended ? KRV_EXT_AS_WRITTEN : 0);
+            EXPECT_EQ(p.dump_cie(0) == row.outcome, extended || row.outcome.starts_with("CORRUPT")) << p.dump_cie(0);
+            EXPECT_TRUE(!extended || p.dump_fde(parent.size()).starts_with(row.fde)) << p.dump_fde(parent.size());
+        }
+    }
+    // A section without records is none that is damaged; without augmentation, addresses are as wide as the target's.
+    loaded empty(bytes().u32(0)),
+        plain(eh_cie{.augmentation = ""}.build() +
+                  eh_fde{.cie = EH, .encoding = DW_EH_PE_udata4, .augmented = false}.build(EH + 16),
+              {}, I386);
+    empty.h.extend(KRV_EXT_AS_WRITTEN);
+    EXPECT_TRUE(empty.lookup(0x1000).starts_with("NOTFOUND: "));
+    plain.h.extend(KRV_EXT_AS_WRITTEN);
+    EXPECT_EQ(plain.lookup(0x1000), "0x1000+0x100, 0 at 0x9020");
 }
 
 // Wherever memory ends, the field that was being read says so, although whole records are read ahead.

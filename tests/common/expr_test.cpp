@@ -1,11 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // Expressions: the stack, the walk over instructions, and evaluation, of every operation on both targets.
-#include "krv_activation.h"
 #include "krv_dwarf.h"
 #include "krv_fd.h"
 #include "krv_names.h"
-#include "support/handle.h"
+#include "support/activation.h"
 
 #include <sstream>
 
@@ -193,11 +192,31 @@ TEST(Expr, Walk)
                            "Failed to read block size for DW_FORM_block | error decoding operand 0"},
         {"bregx 3", "CORRUPT: DW_FORM_sdata datum unterminated by end of section | error decoding operand 1"},
     };
+    const std::pair<code, std::string> extended[] = {
+        {"0xa0 1 0 0 0 0 0 0 0 0x7f 0xf2 2 0 0 0 0 0 0 0 1", "a0(1:8:7 -1:8:5) f2(2:8:7 1:8:5) "},
+        {"0xa1 5 0xa2 6 0xfb 7 0xfc 0x80 1", "a1(5:8:7) a2(6:8:7) fb(7:8:7) fc(128:8:7) "},
+        {"0xa3 2 0x73 8 0xf3 1 0x53", "a3(2:0:7) f3(1:0:7) "},
+        {"0xa4 0x30 2 1 2 0xf4 0x31 0", "a4(48:8:7 2:0:7) f4(49:8:7 0:0:7) "},
+        {"0xa5 3 0x30 0xf5 3 0x30 0xa6 4 0x30 0xf6 4 0x30 0xa7 8 0x30",
+         "a5(3:8:7 48:8:7) f5(3:8:7 48:8:7) a6(4:1:7 48:8:7) f6(4:1:7 48:8:7) a7(8:1:7 48:8:7) "},
+        {"0xa8 0 0xa9 1 0xf7 2 0xf9 3 0xe0 0xf0", "a8(0:8:7) a9(1:8:7) f7(2:8:7) f9(3:8:7) e0() f0() "},
+        {"0xfa 1 0 0 0 0xfd 9 0 0 0 0 0 0 0", "fa(1:4:7) fd(9:8:7) "},
+        {"xderef_size 4 call2 1 0 call4 1 0 0 0 call_ref 7 0 0 0 0 0 0 0 bit_piece 3 4",
+         "95(4:1:7) 98(1:2:7) 99(1:4:7) 9a(7:8:7) 9d(3:8:7 4:8:7) "},
+        {"implicit_value 2 1 2", "9e(2:0:7) "},
+        {"0xaa", "UNSUPPORTED: unsupported operation 0xaa"},
+        {"0xa3 2 1", "CORRUPT: form DW_FORM_block requires 2 bytes for block;  1 remain | error decoding operand 0"},
+    };
     for (const krv_activation_type_t target : both_targets) {
-        handle h(target);
+        handle h(target), h5(target);
+        h5.extend(KRV_EXT_DWARF5);
         for (const auto &[expr, expected] : rows) {
             krv_fd_t fd = h.cursor(expr);
             EXPECT_EQ(walk(h, &fd), expected);
+        }
+        for (const auto &[expr, expected] : extended) {
+            krv_fd_t fd = h5.cursor(expr);
+            EXPECT_EQ(walk(h5, &fd), expected);
         }
         const unsigned size = h->sh_target_size;
         krv_fd_t fd = h.cursor(code("addr").uint(0x1234, size).add(code("dup drop")));
@@ -502,4 +521,58 @@ TEST(Expr, Callback)
     krv_fd_t out = m.h.cursor(bytes().fill(8)), *outputs[3] = {&out};
     EXPECT_EQ(m.run("fbreg 0", {}, KRV_EXPR_F_LOCATION, outputs, func, &no_block),
               failure("implicit_value", 0, "INVALID:"));
+}
+
+// The caller's registers are what the function was called with, where it preserves them.
+TEST(Expr, OfExtensions)
+{
+    const std::string cannot = " cannot be evaluated: ", in = " | error executing instruction 0x";
+    const std::string more = cannot + "its expression is more than a register" + in;
+    const struct {
+        code expr;
+        std::string expected; // an error without its place
+        uint32_t flags = 0;
+    } rows[] = {
+        {"0xa3 1 reg3", "2202 "},
+        {"0xf3 2 breg3 8", "220a "},
+        {"0xa3 2 regx 3 lit1 plus", "2203 "},
+        {"0xa3 3 bregx 3 0x7f", "2201 "},
+        {"0xa3 1 reg7", "7010 "}, // the return address was on top
+        {"0xa3 1 reg5", "EVAL: register not present (5) | DW_OP_entry_value" + cannot +
+                            "the register is not known from the caller" + in + "a3 (DW_OP_entry_value)"},
+        {"0xa3 1 lit3", "EVAL: DW_OP_entry_value" + more + "a3 (DW_OP_entry_value)"},
+        {"0xf3 2 reg3 nop", "EVAL: DW_OP_GNU_entry_value" + more + "f3 (DW_OP_GNU_entry_value)"},
+        {"0xa3 0", "EVAL: form DW_FORM_data1 requires 1 byte;  0 remaining | DW_OP_entry_value" + more +
+                       "a3 (DW_OP_entry_value)"},
+        {"0xa3 1 reg3",
+         "EVAL: DW_OP_entry_value" + cannot + "the caller's frame is not at hand" + in + "a3 (DW_OP_entry_value)",
+         KRV_EXPR_F_CALLER},
+        {"0xa3 1 reg3", "EVAL: instruction not valid for CFI expressions" + in + "a3 (DW_OP_entry_value)",
+         KRV_EXPR_F_CFI},
+        {"lit3 0xa8 0 0xf9 0", "3 "},
+        {"lit3 0xa8 5", "EVAL: DW_OP_convert" + cannot + "its type is an entry of a unit that is not known" + in +
+                            "a8 (DW_OP_convert)"},
+        {"0xfb 5", "EVAL: DW_OP_GNU_addr_index" + cannot +
+                       "its unit, which says where addresses are counted, is not known" + in +
+                       "fb (DW_OP_GNU_addr_index)"},
+        {"0xa5 3 0x30", "EVAL: DW_OP_regval_type" + cannot + "what it means stands in entries, which are not at hand" +
+                            in + "a5 (DW_OP_regval_type)"},
+        {"0xa0 1 0 0 0 0",
+         "EVAL: instruction valid only for location descriptions" + in + "a0 (DW_OP_implicit_pointer)"},
+        {"0xaa", "UNSUPPORTED: unsupported instruction" + in + "aa (unknown)"},
+        {"call2 1 0", "UNSUPPORTED: unsupported opcode" + in + "98 (DW_OP_call2)"},
+    };
+    for (const auto &row : rows) {
+        stopped s({.initial = op(DW_CFA_def_cfa).uleb(7).uleb(24).add(op(DW_CFA_offset, 16).uleb(1)),
+                   .rows = op(DW_CFA_offset, 3).uleb(2)});
+        s.h.extend(KRV_EXT_DWARF5);
+        const stack_owner stack(korva_expr_alloc_stack(s.h));
+        krv_fd_t fd = s.h.cursor(row.expr);
+        std::string found;
+        if (korva_expr_execute_expression(s.h, stack.get(), s.ap.get(), &fd, row.flags, nullptr, nullptr, nullptr) != 0)
+            found = s.h.error();
+        for (uint64_t value = 0; found.empty() && korva_expr_stack_pop(s.h, stack.get(), &value) == 0;)
+            found = text("%lx ", value);
+        EXPECT_EQ(found.substr(0, found.rfind(" at offset ")), row.expected);
+    }
 }

@@ -24,13 +24,11 @@ TEST(Frame, ReaderOfAHandle)
     handle h;
     EXPECT_EQ(lookup(h, 0x1000), "NOTFOUND: .debug_frame not present | .eh_frame load address not set");
     krv_reader_t *none = krv_get_reader(h);
-    EXPECT_EQ(krv_get_cie_by_offset(h, 0), nullptr);
-    EXPECT_EQ(korva_handle_get_errno(h), KRV_ERR_NOTFOUND);
-    EXPECT_EQ(krv_get_fde_by_offset(h, 0), nullptr);
-    EXPECT_EQ(korva_handle_get_errno(h), KRV_ERR_NOTFOUND);
+    const std::string neither = h.error();
+    EXPECT_TRUE(refuses(h, krv_get_cie_by_offset(h, 0), neither));
+    EXPECT_TRUE(refuses(h, krv_get_fde_by_offset(h, 0), neither));
     uint64_t start, offset, next;
-    EXPECT_EQ(krv_get_fde_offset_by_address(h, 0, B_TRUE, &start, &offset, &next), -1);
-    EXPECT_EQ(korva_handle_get_errno(h), KRV_ERR_NOTFOUND);
+    EXPECT_TRUE(refuses(h, krv_get_fde_offset_by_address(h, 0, B_TRUE, &start, &offset, &next), neither));
 
     // Chosen once; a new address space makes the next query choose again.
     reader memory{.contents = eh_cie{}.build() + eh_fde{.address = 0x2000}.build(20).u32(0)};

@@ -63,12 +63,13 @@ TEST(Info, Headers)
                         no_4 + "type_offset | failed to read CU header at offset 0 in .debug_types"));
 }
 
-// One unit of one entry with one attribute: the value, or the error state without its last message. `extended`: of a unit
-// of version 5 whose tables have two elements each, one behind the other.
+// One unit of one entry with one attribute: the value, or the error state without its last message. `version`: 0, or of a
+// unit that is read with extensions, whose tables have two elements each, one behind the other.
 static std::string read_value(const std::string &form, const bytes &datum, bool dwarf64, krv_activation_type_t target,
-                              bool extended = false)
+                              uint16_t version = 0)
 {
     handle h(target);
+    const bool extended = version != 0;
     if (extended)
         h.extend();
     h.attach(KRV_SEC_ABBREV, abbrevs("1 variable const_value:" + form));
@@ -79,10 +80,10 @@ static std::string read_value(const std::string &form, const bytes &datum, bool 
     const bytes offsets = bytes().add(table).offset(dwarf64, 4).offset(dwarf64, 9);
     h.attach(KRV_SEC_EXT_STR_OFFSETS, offsets + offsets);
     h.attach(KRV_SEC_EXT_ADDR, bytes().unit_length(dwarf64, 20).u16(5).u16(0).u64(7).u64(8).u64(9));
-    const uint8_t kind = extended ? KRV_UNIT_COMPILE : 0;
+    const uint8_t kind = version == 5 ? KRV_UNIT_COMPILE : 0;
     const bytes dies = bytes().uleb(1).add(datum);
     h.attach(KRV_SEC_INFO,
-             unit{.dwarf64 = dwarf64, .version = uint16_t(extended ? 5 : 4), .kind = kind, .dies = dies}.build());
+             unit{.dwarf64 = dwarf64, .version = extended ? version : uint16_t{4}, .kind = kind, .dies = dies}.build());
     krv_ctu_t cu;
     EXPECT_EQ(krv_info_hdr_read(h, &cu, KRV_SEC_INFO, 0), 0);
     const die_owner die(krv_alloc_die_by_cu_offset(h, &cu, cu.dcu_header_size));
@@ -161,6 +162,7 @@ TEST(Info, ValuesOfLaterForms)
         const char *form, *datum;
         std::string outcome;
         bool dwarf64 = false;
+        uint16_t version = 5;
     } rows[] = {
         {"strx", "00", "def"},
         {"strx", "80 00", "def", true},
@@ -182,6 +184,7 @@ TEST(Info, ValuesOfLaterForms)
         {"data16", "03 00 00 00 00 00 00 00 00 00 00 00 00 00 00 01", "block of 16 from 3"},
         {"rnglistx", "85 01", "133"},
         {"ref_addr", "ff ff ff ff", "4294967295"},
+        {"ref_addr", "ff ff ff ff 00 00 00 00", "4294967295", false, 2}, // as wide as an address
         {"ref_sup8", "01 00 00 00 00 00 00 80", "-9223372036854775807"},
         {"GNU_ref_alt", "05 00 00 00", "5"},
         {"sdata", "ff ff ff ff ff ff ff ff ff 00", "9223372036854775807"}, // as clang writes it
@@ -195,7 +198,8 @@ TEST(Info, ValuesOfLaterForms)
         {"indirect", "1a 00", "def"},
     };
     for (const auto &row : rows)
-        EXPECT_EQ(read_value(row.form, bytes::hex(row.datum), row.dwarf64, KRV_ACTIVATION_AMD64, true), row.outcome)
+        EXPECT_EQ(read_value(row.form, bytes::hex(row.datum), row.dwarf64, KRV_ACTIVATION_AMD64, row.version),
+                  row.outcome)
             << row.form << " " << row.datum;
 }
 
@@ -247,7 +251,7 @@ TEST(Info, KindsOfUnits)
         {KRV_EXT_DWARF5, stepped_over, "6/0 0 0 - -; 5/0 0 0 - -; ",
          note("0 unit at offset 0x0 of .debug_info is DWARF 6, and libkorva reads DWARF 2 to 5\n") +
              note("14 unit at offset 0xe of .debug_info is of an unknown type\n") +
-             note("29 no unit from offset 0x1d of .debug_info on can be read: abbreviation code 9 not found\n")},
+             note("29 .debug_info cannot be read from offset 0x1d on: abbreviation code 9 not found\n")},
     };
     for (const auto &row : rows) {
         handle h;

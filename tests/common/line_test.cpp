@@ -200,7 +200,7 @@ TEST(Line, TablesOfVersion5)
     } rows[] = {
         {"/unit", dirs + names + bytes().u8(3).add(a0).add(a0).add(b1), "/build/a.c /build/a.c /unit/sub/b.c"},
         {nullptr, dirs + names + bytes().u8(2).add(a0).add(b1), "/build/a.c /build/sub/b.c"},
-        {"sub", bytes::hex("01 01 1f 01 07000000") + names + bytes().u8(1).add(a0), "sub/a.c"}, // not sub/sub/a.c
+        {"sub", bytes::hex("01 01 1f 01 07000000") + names + bytes().u8(1).add(a0), "sub/sub/a.c"}, // not sub/sub/a.c
         {"/unit", bytes::hex("01 01 1f 01 07000000") + names + bytes().u8(1).add(a0), "/unit/sub/a.c"},
         {"/unit", none + names + bytes().u8(1).add(a0), "/unit/a.c"}, // directory 0 is not written
         {"/unit", dirs + names + bytes().u8(1).add(c9), "CORRUPT: file_names index (9) is out of range" + behind,
@@ -411,6 +411,7 @@ TEST(Line, MatricesAsWritten)
          "400 3:1:65535 I i65535 d65535; 400 0:1:65535 I i65535; 400 4294967295:1:65535 I i65535; "
          "404 4294967295:1:65535 IG i65535 ^400 [400,404)",
          ""},
+        {any, "at 400 def b.c 9 0 0 file 2 copy pc 4 end", "400 2:1 I; 404 2:1 IG ^400 [400,404)", ""},
         {v5, "at 400 copy file 0 copy pc 4 end", "400 1:1 I; 400 0:1 I; 404 0:1 IG ^400 [400,404)", ""},
         {mopi0, "at 400 copy pc 4 end", "400 1:1 I; 404 1:1 IG ^400 [400,404)", ""},
         {more_header, "byte 9 byte 9 at 400 copy pc 4 end", "400 1:1 I; 404 1:1 IG ^400 [400,404)", ""},

@@ -120,7 +120,7 @@ static const bytes abbrev_section =
             "10 lexical_block low_pc:addr high_pc:addr; 11 compile_unit+ low_pc:addr ranges:sec_offset;"
             "12 compile_unit+ 0x73:sec_offset 0x74:sec_offset low_pc:0x1b ranges:0x23; 13 compile_unit+ ranges:data4;"
             "14 subprogram+ ranges:sec_offset name:string location:block1; 15 partial_unit+;"
-            "16 compile_unit+ low_pc:addr high_pc:sdata");
+            "16 compile_unit+ low_pc:addr high_pc:sdata; 17 variable name:0x7e");
 
 static bytes entry(uint64_t code, uint64_t low, uint64_t high, size_t high_width = 8)
 {
@@ -308,6 +308,13 @@ TEST(Lookup, AddressesOfAUnitAsWritten)
          "110+ 108-",
          "!" + unit_note + "form DW_FORM_addr requires 8 bytes;  4 remaining\n"},
         {"every kind of item", indexed, {}, items, 0, live, left_out(2)},
+        {"functions before an entry of an unknown form",
+         bare + sub + bytes().uleb(17),
+         {},
+         {},
+         0,
+         "400+ 480-",
+         "!" + unit_note + "decoder passed invalid form 127 (unknown)\n"},
         {"an unknown kind",
          indexed,
          {},
@@ -355,7 +362,8 @@ TEST(Lookup, RangesOutsideOfNamedCode)
     handle h;
     h.extend().attach(KRV_SEC_ABBREV, abbrev_section).attach(KRV_SEC_INFO, simple_unit(bytes().uleb(11).u64(0).u32(0)));
     h.attach(KRV_SEC_EXT_RANGES, pairs({0, 8, 0x20, 0x30, 0x28, 0x40, 0, 0}));
-    EXPECT_EQ(korva_handle_add_code(h, 0, 0x30), 0);
+    for (const auto &[start, size] : {std::pair{0x20, 0x10}, {0x50, 8}, {0, 0x10}, {8, 0x18}}) // in any order, joined
+        EXPECT_EQ(korva_handle_add_code(h, static_cast<uint64_t>(start), static_cast<uint64_t>(size)), 0);
     for (const auto &[address, is_covered] : {std::pair{0, true}, {8, false}, {0x2f, true}, {0x30, false}})
         EXPECT_EQ(korva_lookup_ctu_by_addr(h, static_cast<uint64_t>(address), 0) != nullptr, is_covered) << address;
     EXPECT_TRUE(refuses(h, korva_handle_add_code(h, 0x100, 1), "INVALID: code cannot be named after the first query"));

@@ -32,6 +32,27 @@ TEST(Names, Print)
         EXPECT_TRUE(refuses(h, korva_print_define(h, index, key),
                             text("INVALID: unknown key (%d) for index (%d)", static_cast<int>(key), index)));
     }
+    const std::tuple<krv_def_t, unsigned int, const char *> added[] = {
+        {KRV_DEF_AT, 0x8c, "DW_AT_loclists_base"},
+        {KRV_DEF_AT, 0x2137, "DW_AT_GNU_locviews"},
+        {KRV_DEF_TAG, 0x48, "DW_TAG_call_site"},
+        {KRV_DEF_FORM, 0x1f21, "DW_FORM_GNU_strp_alt"},
+        {KRV_DEF_OP, 0xa3, "DW_OP_entry_value"},
+        {KRV_DEF_LANG, 0x1c, "DW_LANG_Rust"},
+        {KRV_DEF_ATE, 0x12, "DW_ATE_ASCII"},
+        {KRV_DEF_CC, 5, "DW_CC_pass_by_value"},
+        {KRV_DEF_EH, 0x80, "DW_EH_PE_indirect"},
+        {KRV_DEF_CFA, 0x2e, "DW_CFA_GNU_args_size"},
+        {KRV_DEF_AT, 3, "DW_AT_name"},
+    };
+    handle extended;
+    extended.extend();
+    for (const auto &[index, key, name] : added) {
+        EXPECT_STREQ(korva_print_define(extended, index, key), name);
+        EXPECT_EQ(korva_print_define(h, index, key) != nullptr, key == 3);
+    }
+    EXPECT_TRUE(
+        refuses(extended, korva_print_define(extended, KRV_DEF_LNE, 5), "INVALID: unknown key (5) for index (9)"));
     for (const krv_def_t index : {15, -1}) {
         EXPECT_TRUE(refuses(h, korva_print_define(h, index, 1), text("INVALID: index (%d) out of range", index)));
     }

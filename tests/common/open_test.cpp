@@ -180,7 +180,11 @@ TEST(Open, SectionNames)
     EXPECT_EQ(korva_lookup_section_index(nullptr, &sec, &compressed), -1);
     EXPECT_EQ(korva_lookup_section_index(".debug_info", nullptr, &compressed), -1);
     EXPECT_EQ(korva_lookup_section_index(".debug_info", &sec, nullptr), -1);
+    for (const char *bad : {"", ".debug_info", ".debug_ranges2", "zdebug_addr"})
+        EXPECT_EQ(korva_lookup_ext_section_index(bad, &sec, &compressed), -1) << bad;
     EXPECT_TRUE(sec == 99 && compressed == 99);
+    EXPECT_EQ(korva_lookup_ext_section_index(".zdebug_line_str", &sec, &compressed), 0);
+    EXPECT_TRUE(sec == KRV_SEC_EXT_LINE_STR && compressed == B_TRUE);
     const auto check = [&](const std::string &name, krv_secidx_t index, boolean_t flag) {
         EXPECT_EQ(korva_lookup_section_index(name.c_str(), &sec, &compressed), 0);
         EXPECT_TRUE(sec == index && compressed == flag) << name;

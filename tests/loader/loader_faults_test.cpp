@@ -38,33 +38,24 @@ static bool granted(size_t)
     return !armed || ++allocations != fail_allocation;
 }
 
-// The linker leads the libraries' calls here (--wrap), as it does those for memory. libelf's own memory is not among them.
-#define KRV_TEST_WRAP(result, name, failed, parameters, ...)                                                           \
-    extern "C" result __real_##name parameters;                                                                        \
-    extern "C" result __wrap_##name parameters                                                                         \
-    {                                                                                                                  \
-        return call_fails() ? failed : __real_##name(__VA_ARGS__);                                                     \
-    }
-
-KRV_TEST_WRAP(int, open, -1, (const char *path, int flags, ...), path, flags)
-KRV_TEST_WRAP(int, fstat, -1, (int fd, struct stat *st), fd, st)
-KRV_TEST_WRAP(void *, mmap, MAP_FAILED, (void *at, size_t size, int protection, int flags, int fd, off_t offset), at,
-              size, protection, flags, fd, offset)
-KRV_TEST_WRAP(ssize_t, pread, -1, (int fd, void *buf, size_t count, off_t offset), fd, buf, count, offset)
-KRV_TEST_WRAP(ssize_t, read, -1, (int fd, void *buf, size_t count), fd, buf, count)
-KRV_TEST_WRAP(DIR *, opendir, nullptr, (const char *path), path)
-KRV_TEST_WRAP(ssize_t, process_vm_readv, -1,
+// libelf's own memory is not among what fails.
+KRV_TEST_WRAP(int, open, !call_fails(), -1, (const char *path, int flags, ...), path, flags)
+KRV_TEST_WRAP(int, fstat, !call_fails(), -1, (int fd, struct stat *st), fd, st)
+KRV_TEST_WRAP(void *, mmap, !call_fails(), MAP_FAILED,
+              (void *at, size_t size, int protection, int flags, int fd, off_t offset), at, size, protection, flags, fd,
+              offset)
+KRV_TEST_WRAP(ssize_t, pread, !call_fails(), -1, (int fd, void *buf, size_t count, off_t offset), fd, buf, count,
+              offset)
+KRV_TEST_WRAP(ssize_t, read, !call_fails(), -1, (int fd, void *buf, size_t count), fd, buf, count)
+KRV_TEST_WRAP(DIR *, opendir, !call_fails(), nullptr, (const char *path), path)
+KRV_TEST_WRAP(ssize_t, process_vm_readv, !call_fails(), -1,
               (pid_t pid, const iovec *local, unsigned long locals, const iovec *remote, unsigned long remotes,
                unsigned long flags),
               pid, local, locals, remote, remotes, flags)
 
 // Of the requests those that can fail while the thread lives. The others fail when it has been killed: proc_test does.
-extern "C" long __real_ptrace(int request, pid_t tid, void *address, void *data);
-extern "C" long __wrap_ptrace(int request, pid_t tid, void *address, void *data)
-{
-    const bool may_fail = request == PTRACE_SEIZE || request == PTRACE_GETREGSET;
-    return may_fail && call_fails() ? -1 : __real_ptrace(request, tid, address, data);
-}
+KRV_TEST_WRAP(long, ptrace, (request != PTRACE_SEIZE && request != PTRACE_GETREGSET) || !call_fails(), -1,
+              (int request, pid_t tid, void *address, void *data), request, tid, address, data)
 
 namespace
 {

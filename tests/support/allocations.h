@@ -11,29 +11,18 @@
 
 static bool granted(size_t size); // the test's own
 
-extern "C" {
-void *__real_malloc(size_t size);
-void *__real_calloc(size_t count, size_t size);
-void *__real_realloc(void *p, size_t size);
-char *__real_strdup(const char *s);
+// The linker leads the libraries' calls of a function here (--wrap=NAME).
+#define KRV_TEST_WRAP(result, name, allowed, failed, parameters, ...)                                                  \
+    extern "C" result __real_##name parameters;                                                                        \
+    extern "C" result __wrap_##name parameters                                                                         \
+    {                                                                                                                  \
+        return (allowed) ? __real_##name(__VA_ARGS__) : (failed);                                                      \
+    }
 
-void *__wrap_malloc(size_t size)
-{
-    return granted(size) ? __real_malloc(size) : nullptr;
-}
-void *__wrap_calloc(size_t count, size_t size)
-{
-    return granted(count * size) ? __real_calloc(count, size) : nullptr;
-}
-void *__wrap_realloc(void *p, size_t size)
-{
-    return granted(size) ? __real_realloc(p, size) : nullptr;
-}
-char *__wrap_strdup(const char *s)
-{
-    return granted(0) ? __real_strdup(s) : nullptr;
-}
-}
+KRV_TEST_WRAP(void *, malloc, granted(size), nullptr, (size_t size), size)
+KRV_TEST_WRAP(void *, calloc, granted(count *size), nullptr, (size_t count, size_t size), count, size)
+KRV_TEST_WRAP(void *, realloc, granted(size), nullptr, (void *p, size_t size), p, size)
+KRV_TEST_WRAP(char *, strdup, granted(0), nullptr, (const char *s), s)
 
 #ifdef KRV_TEST_NEW
 void *operator new(size_t size, const std::nothrow_t &) noexcept

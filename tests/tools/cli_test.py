@@ -114,7 +114,7 @@ def test_standard_input(korva, program, folder):
         talk.stdout.readline()
         os.truncate(cut, 4096)
         _, told = talk.communicate('weigh_twice\n')
-        if talk.returncode != 1 or 'korva: a file became shorter while it was read' not in told:
+        if talk.returncode != 1 or f'korva: {cut}: the file became shorter while it was read' not in told:
             fail(f'addr: of a file that shrinks: status {talk.returncode}, {told}')
 
 
@@ -245,13 +245,14 @@ def test_damaged_units(korva, program, folder):
         file.seek(start + offset)
         file.write(struct.pack('<I', 0x7fffffff))
     for flags in ([], ['--raw']):
-        told = (rf'(korva: [^\n]*\n)*korva: \S+: unit table ends early, at offset {offset:#x} of [^\n]*: unit_length '
-                rf'\(2147483647\) too large for existing section size \(\d+\); failed to read CU header at offset '
-                rf'{offset} in .debug_info; failed to obtain CU at offset {offset} in .debug_info\n')
-        korva.expect(['units', *flags, damaged], 1, r'0x0 [^\n]*/main.c [^\n]*\n', told)
-        korva.expect(['addr', '-s', *flags, '-e', damaged, 'main'], 0, rf'\w+  main  main.c:{MAIN}\n')
-        korva.expect(['addr', '-s', *flags, '-e', damaged, 'table_sum'], 1, r'\w+  table_sum  \?\?:0\n',
-                     rf'(korva: [^\n]*\n)*korva: \S+: unit table ends early, at offset {offset:#x} of [^\n]*\n')
+        told = (rf'(korva: [^\n]*\n)*korva: \S+: unit table ends early, at offset {offset:#x} of \w+ of .debug_info: '
+                'the units behind it cannot be read')
+        why = (rf': unit_length \(2147483647\) too large for existing section size \(\d+\); failed to read CU header at '
+               rf'offset {offset} in .debug_info; failed to obtain CU at offset {offset} in .debug_info\n')
+        korva.expect(['units', *flags, damaged], 1, r'0x0 [^\n]*/main.c [^\n]*\n', told + why)
+        # It is told where an answer is missing for it.
+        korva.expect(['addr', '-s', *flags, '-e', damaged, 'main', 'table_sum'], 1,
+                     rf'\w+  main  main.c:{MAIN}\n\w+  table_sum  \?\?:0\n', told + rf'({why}|\n)')
 
 
 def test_files(korva, program, folder):
@@ -270,6 +271,10 @@ def test_files(korva, program, folder):
     korva.expect(['addr', '-e', plain, 'main'], 1, r'\w+  main  \?\?:0\n', told)
     korva.expect(['addr', '-e', stripped, '0'], 2, r'\w+  \?\?  \?\?:0\n', told)
     korva.expect(['addr', '-e', program, '-j', '.nowhere', '0'], 2, '', 'korva: .*: no section .nowhere\n')
+    bloated = write(folder, 'bloated.s', '.section .debug_loc,"",@progbits\n.zero 0x400000\n')
+    answer_of('gcc', '-c', '-gz', bloated, '-o', bloated + '.o')
+    korva.expect(['sections', bloated + '.o'], 2, '', r'korva: \S+: its compressed sections claim to inflate to 4194304 .*\n')
+    korva.expect(['sections', '--inflate-any', bloated + '.o'], 0)
     korva.expect(['lines', '--unit', '7', program], 2, '', 'korva: .*: no unit starts at offset 7 of .debug_info\n')
 
 

@@ -9,8 +9,8 @@
 #include "symbol_kind.h"
 
 #include <filesystem>
-#include <iostream>
 #include <memory>
+#include <unistd.h>
 
 namespace korva::program
 {
@@ -37,18 +37,16 @@ struct question {
     bool is_one_of_several = false;
 };
 
-/** An answer as it is printed. */
+/** An answer as it is printed. Its texts are others'. */
 struct answer {
     bool has_function = false;
     bool has_row = false; /**< of a line table; its path or line may be unknown all the same */
-    std::string function;
-    std::string path;
-    uint32_t line = 0;
-    uint16_t column = 0;
-    uint16_t discriminator = 0;
-    const unit_record *unit = nullptr; /**< whose row it is */
+    std::string_view function;
+    std::string_view path;
+    source_view row;
+    std::optional<unit> owner; /**< of the row */
 
-    bool is_whole() const { return has_row && !path.empty() && line != 0; }
+    bool is_whole() const { return has_row && !path.empty() && row.line != 0; }
     bool is_empty() const { return !has_function && !has_row; }
 };
 
@@ -68,22 +66,25 @@ public:
         }
     }
 
-    void ask(const std::string &input);
+    void ask(std::string_view input);
     /** A blank line asks for nothing, and is answered so. */
-    void answer_nothing(const std::string &input) { print({.text = input, .shown = {}, .address = {}}, {}); }
+    void answer_nothing(std::string_view input) { print({.text = input, .shown = {}, .address = {}}, {}); }
     int finish();
 
     answers &out() { return m_out; }
 
 private:
     std::string why_no_address(const std::string &input);
-    std::vector<question> parse(const std::string &input);
+    question question_for(std::string_view text, const input_address &parsed) const;
+    void ask_for_names(std::string_view input);
     answer find(const question &q);
+    void answer_one(const question &q);
     void print(const question &q, const answer &a);
-    void print_text(const question &q, const answer &a);
-    void print_gnu(const question &q, const answer &a);
-    void print_json(const question &q, const answer &a);
-    std::string number(uint64_t address) const;
+    std::optional<std::string_view> unit_name(const answer &a);
+    void add_text(const question &q, const answer &a);
+    void add_gnu(const question &q, const answer &a);
+    void add_json(const question &q, const answer &a);
+    void add_address(uint64_t address) { append_hex(&m_line, address, m_digits); }
 
     const addr_options &m_options;
     object *m_object;
@@ -93,6 +94,13 @@ private:
     std::optional<extent> m_section;
     std::optional<other_symbols> m_others; // read for the first message about a name
     tally m_done;
+    const size_t m_digits = static_cast<size_t>(m_object->address_digits());
+    const bool m_is_gnu = m_options.format == output_format::gnu;
+    const bool m_shows_functions = !m_is_gnu || m_options.functions;
+    std::string m_line;     // that is being made
+    std::string m_function; // of the answer, demangled
+    std::optional<unit> m_named;
+    result<std::string> m_unit_name = error(); // of that one
 };
 
 } // namespace
@@ -117,29 +125,17 @@ std::string addr_run::why_no_address(const std::string &input)
     return fmt::format("\"{}\" is neither an address nor a function{}", input, hint_at_exe(m_options, input));
 }
 
-std::vector<question> addr_run::parse(const std::string &input)
+question addr_run::question_for(std::string_view text, const input_address &parsed) const
 {
-    std::vector<input_address> found = m_reader.read(input);
-    if (found.empty()) {
-        m_object->diagnose(why_no_address(input));
-        return {{.text = input, .shown = {}, .address = {}}};
-    }
-    const bool is_gnu = m_options.format == output_format::gnu;
-    if (is_gnu)
-        found.resize(1); // who asks in that way expects one answer for one line
-    std::vector<question> all;
-    for (const input_address &parsed : found) {
-        uint64_t value = parsed.value;
-        if (m_object->address_digits() == 8 && is_gnu)
-            value &= UINT32_MAX; // as GNU addr2line takes it
-        question q = {.text = input, .shown = value, .address = {}, .is_one_of_several = found.size() > 1};
-        if (!m_section || !parsed.is_number)
-            q.address = value;
-        else if (value < m_section->size)
-            q.address = m_section->address + value;
-        all.push_back(q);
-    }
-    return all;
+    uint64_t value = parsed.value;
+    if (m_digits == 8 && m_is_gnu)
+        value &= UINT32_MAX; // as GNU addr2line takes it
+    question q = {.text = text, .shown = value, .address = {}};
+    if (!m_section || !parsed.is_number)
+        q.address = value;
+    else if (value < m_section->size)
+        q.address = m_section->address + value;
+    return q;
 }
 
 answer addr_run::find(const question &q)
@@ -147,113 +143,174 @@ answer addr_run::find(const question &q)
     answer a;
     if (!q.address)
         return a;
-    location found = m_locator.find(*q.address);
+    const location found = m_locator.find(*q.address, m_shows_functions);
     if (found.function != nullptr) {
         a.has_function = true;
         const char *symbol = found.function->name;
-        if (m_options.format != output_format::gnu)
-            a.function = function_name(symbol, m_options.demangle);
-        else // whole, as GNU addr2line shows it
-            a.function = m_options.demangle ? demangle(symbol) : symbol;
+        if (m_options.demangle)
+            a.function = m_function = m_is_gnu ? demangle(symbol) : function_name(symbol, true);
+        else // GNU addr2line shows it whole
+            a.function = m_is_gnu ? symbol : unversioned(symbol);
     }
     if (found.source) {
         a.has_row = true;
-        a.path = std::move(found.source->path);
-        a.line = found.source->line;
-        a.column = found.source->column;
-        a.discriminator = found.source->discriminator;
-        a.unit = found.unit;
+        a.row = *found.source;
+        a.path = a.row.path == nullptr ? "" : a.row.path;
+        a.owner = found.owner;
     }
     if (m_options.basenames)
-        a.path.erase(0, a.path.rfind('/') + 1); // npos + 1 is 0
+        a.path.remove_prefix(a.path.rfind('/') + 1); // npos + 1 is 0
     return a;
 }
 
-std::string addr_run::number(uint64_t address) const
+static void append_path(std::string *line, const answer &a)
 {
-    return fmt::format("0x{:0{}x}", address, m_object->address_digits());
+    append_printable(line, a.path.empty() ? "??" : a.path);
 }
 
-static std::string line_text(const answer &a)
+static void append_line(std::string *line, const answer &a)
 {
-    if (a.line == 0)
-        return "?";
-    return a.discriminator == 0 ? fmt::format("{}", a.line)
-                                : fmt::format("{} (discriminator {})", a.line, a.discriminator);
+    if (a.row.line == 0) {
+        *line += '?';
+        return;
+    }
+    append_decimal(line, a.row.line);
+    if (a.row.discriminator != 0) {
+        *line += " (discriminator ";
+        append_decimal(line, a.row.discriminator);
+        *line += ')';
+    }
 }
 
-static std::string path_text(const answer &a)
+// Of the unit of the answer; nothing when there is none, or it has none. Kept, since the next answer is often of that too.
+std::optional<std::string_view> addr_run::unit_name(const answer &a)
 {
-    return a.path.empty() ? "??" : printable(a.path);
+    if (!a.owner)
+        return {};
+    if (!m_named || m_named->get() != a.owner->get()) {
+        m_named = a.owner;
+        m_unit_name = a.owner->name();
+    }
+    return m_unit_name ? std::optional<std::string_view>(*m_unit_name) : std::nullopt;
 }
 
-static std::optional<std::string> unit_name(const answer &a)
+void addr_run::add_text(const question &q, const answer &a)
 {
-    const auto name = a.unit == nullptr ? result<std::string>(error{}) : a.unit->unit.name();
-    return name ? std::optional(*name) : std::nullopt;
-}
-
-void addr_run::print_text(const question &q, const answer &a)
-{
-    m_out.print("{}  {}  {}", q.shown ? number(*q.shown) : printable(q.text),
-                a.has_function ? printable(a.function) : "??",
-                a.has_row ? fmt::format("{}:{}", path_text(a), line_text(a)) : "??:0");
-    if (q.is_one_of_several)
-        m_out.print("  (unit {})", printable(unit_name(a).value_or("??")));
-    m_out.write("\n");
+    if (q.shown)
+        add_address(*q.shown);
+    else
+        append_printable(&m_line, q.text);
+    m_line += "  ";
+    append_printable(&m_line, a.has_function ? a.function : "??");
+    m_line += "  ";
+    if (a.has_row) {
+        append_path(&m_line, a);
+        m_line += ':';
+        append_line(&m_line, a);
+    } else
+        m_line += "??:0";
+    if (q.is_one_of_several) {
+        m_line += "  (unit ";
+        append_printable(&m_line, unit_name(a).value_or("??"));
+        m_line += ')';
+    }
+    m_line += '\n';
 }
 
 // The layout of GNU addr2line, byte for byte. What it does not understand it takes for address 0.
-void addr_run::print_gnu(const question &q, const answer &a)
+void addr_run::add_gnu(const question &q, const answer &a)
 {
     const bool pretty = m_options.pretty;
-    const bool found = a.has_function || a.has_row;
-    if (m_options.addresses)
-        m_out.print("{}{}", number(q.shown.value_or(0)), pretty ? ": " : "\n");
-    if (m_options.functions)
-        m_out.print("{}{}", a.has_function ? printable(a.function) : "??", !pretty ? "\n" : found ? " at " : " ");
-    if (!found) {
-        m_out.write("??:0\n");
+    if (m_options.addresses) {
+        add_address(q.shown.value_or(0));
+        m_line += pretty ? ": " : "\n";
+    }
+    if (m_options.functions) {
+        append_printable(&m_line, a.has_function ? a.function : "??");
+        m_line += !pretty ? "\n" : a.is_empty() ? " " : " at ";
+    }
+    if (a.is_empty()) {
+        m_line += "??:0\n";
         return;
     }
-    m_out.print("{}:{}\n", path_text(a), line_text(a));
+    append_path(&m_line, a);
+    m_line += ':';
+    append_line(&m_line, a);
+    m_line += '\n';
 }
 
-void addr_run::print_json(const question &q, const answer &a)
+void addr_run::add_json(const question &q, const answer &a)
 {
-    const std::optional<std::string> unit = unit_name(a);
-    m_out.record({{"input", q.text},
-                  {"address", q.address ? hex(*q.address) : json_value(nullptr)},
-                  {"function", a.has_function ? json_value(a.function) : json_value(nullptr)},
-                  {"file", a.path.empty() ? json_value(nullptr) : json_value(a.path)},
-                  {"line", or_null(a.line)},
-                  {"column", or_null(a.column)},
-                  {"discriminator", a.has_row ? json_value(a.discriminator) : json_value(nullptr)},
-                  {"unit", unit ? json_value(*unit) : json_value(nullptr)}});
+    const auto text = [this](const char *key, std::optional<std::string_view> value) {
+        m_line += key;
+        value ? append_json(&m_line, *value) : void(m_line += "null");
+    };
+    const auto number = [this](const char *key, uint64_t value, bool is_known) {
+        m_line += key;
+        is_known ? append_decimal(&m_line, value) : void(m_line += "null");
+    };
+    text("{\"input\":", q.text);
+    const std::string address = q.address ? fmt::format("0x{:x}", *q.address) : "";
+    text(",\"address\":", q.address ? std::optional<std::string_view>(address) : std::nullopt);
+    text(",\"function\":", a.has_function ? std::optional(a.function) : std::nullopt);
+    text(",\"file\":", a.path.empty() ? std::nullopt : std::optional(a.path));
+    number(",\"line\":", a.row.line, a.row.line != 0);
+    number(",\"column\":", a.row.column, a.row.column != 0);
+    number(",\"discriminator\":", a.row.discriminator, a.has_row);
+    text(",\"unit\":", unit_name(a));
+    m_line += '}';
 }
 
 void addr_run::print(const question &q, const answer &a)
 {
-    if (m_out.is_json())
-        print_json(q, a);
-    else if (m_options.format == output_format::gnu)
-        print_gnu(q, a);
+    m_line.clear();
+    if (m_out.is_json()) {
+        add_json(q, a);
+        m_out.record_text(m_line);
+        return;
+    }
+    if (m_is_gnu)
+        add_gnu(q, a);
     else
-        print_text(q, a);
+        add_text(q, a);
+    m_out.write(m_line);
 }
 
-void addr_run::ask(const std::string &input)
+void addr_run::answer_one(const question &q)
 {
-    for (const question &q : parse(input)) {
-        const answer a = find(q);
-        if (a.is_whole())
-            m_done.answered();
-        else if (a.is_empty())
-            m_done.missed();
-        else
-            m_done.partly();
-        print(q, a);
+    const answer a = find(q);
+    if (a.is_whole())
+        m_done.answered();
+    else if (a.is_empty())
+        m_done.missed();
+    else
+        m_done.partly();
+    print(q, a);
+}
+
+void addr_run::ask_for_names(std::string_view input)
+{
+    std::vector<input_address> found = m_reader.read(input);
+    if (found.empty()) {
+        m_object->diagnose(why_no_address(std::string(input)));
+        answer_one({.text = input, .shown = {}, .address = {}});
+        return;
     }
+    if (m_is_gnu)
+        found.resize(1); // who asks in that way expects one answer for one line
+    for (const input_address &parsed : found) {
+        question q = question_for(input, parsed);
+        q.is_one_of_several = found.size() > 1;
+        answer_one(q);
+    }
+}
+
+void addr_run::ask(std::string_view input)
+{
+    if (const auto number = m_reader.read_number(input))
+        answer_one(question_for(input, {*number, true}));
+    else
+        ask_for_names(input);
 }
 
 int addr_run::finish()
@@ -265,7 +322,7 @@ int addr_run::finish()
 static std::unique_ptr<object> open_object(const addr_options &options)
 {
     try {
-        return std::make_unique<object>(options.file, options.raw, options.debug_dirs);
+        return std::make_unique<object>(options.file, options.flags(), options.debug_dirs);
     } catch (const failure &f) {
         throw failure(f.what() + (options.inputs.empty() ? "" : hint_at_exe(options, options.inputs[0])));
     }
@@ -276,13 +333,12 @@ static int run_addr(const addr_options &options)
     const std::unique_ptr<object> obj = open_object(options);
     addr_run run(options, obj.get());
     if (options.inputs.empty()) {
-        for (std::string line; std::getline(std::cin, line);) {
-            if (trim(line).empty())
-                run.answer_nothing(line);
+        line_reader lines(STDIN_FILENO);
+        while (const auto line = lines.next([&] { run.out().flush(); }))
+            if (trim(*line).empty())
+                run.answer_nothing(*line);
             else
-                run.ask(line);
-            run.out().flush();
-        }
+                run.ask(*line);
         return run.finish();
     }
     progress shown(fmt::format("{}: addresses", options.file), options.inputs.size(), progress::mode::answering);

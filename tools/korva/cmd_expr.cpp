@@ -132,6 +132,7 @@ public:
 
     std::vector<uint64_t> stack() const { return m_stack->values(); } // top first
     const korva::stack::object &value() const { return m_value; }
+    const byte_string &bytes() const { return m_bytes; }
     krv_handle_t *handle() const { return m_handle->get(); }
     int digits() const { return m_target == KRV_ACTIVATION_I386 ? 8 : 16; }
 
@@ -161,6 +162,7 @@ evaluation::evaluation(const expr_options &options)
     auto made = handle::make(m_target);
     if (!made)
         throw failure("no libkorva handle: out of memory, or disabled by LIBKORVA_OPTIONS");
+    korva_handle_set_opt(made->get(), KRV_OPT_EXT_DWARF5, uint64_t{1});
     m_handle.emplace(std::move(*made));
     auto frame = activation::make(*m_handle);
     auto stack = stack::make(*m_handle);
@@ -197,9 +199,13 @@ result<void> evaluation::evaluate()
                               : m_stack->evaluate(*m_activation, m_bytes.data(), m_bytes.size());
 }
 
-static std::string operand_text(const krv_operand_t &operand)
+static std::string operand_text(const evaluation &ev, const operation &op, const krv_operand_t &operand)
 {
     constexpr int32_t SIGNED = 5; // DW_ATE_signed
+    if (operand.sopt_size == 0) { // a block
+        const uint8_t *end = ev.bytes().data() + op.offset + op.size;
+        return fmt::format("[{:02x}]", fmt::join(end - operand.sopt_operand, end, " "));
+    }
     if (operand.sopt_encoding == SIGNED)
         return fmt::format("{}", static_cast<int64_t>(operand.sopt_operand));
     return fmt::format("0x{:x}", operand.sopt_operand);
@@ -249,13 +255,13 @@ void expression_printer::print(const operation &op)
     if (m_out.is_json()) {
         json_value operands = json_value::array();
         for (const krv_operand_t &operand : op.operands)
-            operands.push_back(operand_text(operand));
+            operands.push_back(operand_text(m_ev, op, operand));
         m_out.write(m_any ? "," : "");
         m_out.write(to_text({{"offset", hex(op.offset)}, {"operation", or_null(name)}, {"operands", operands}}));
     } else {
         std::string operands;
         for (const krv_operand_t &operand : op.operands)
-            operands += " " + operand_text(operand);
+            operands += " " + operand_text(m_ev, op, operand);
         m_out.print("0x{:04x}  {}{}\n", op.offset, name == nullptr ? "??" : name, operands);
     }
     m_any = true;

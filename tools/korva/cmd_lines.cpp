@@ -243,7 +243,7 @@ bool table_printer::print(bool program)
 
 static int run_lines(const lines_options &options)
 {
-    object obj(options.file, options.raw, options.debug_dirs);
+    object obj(options.file, options.flags(), options.debug_dirs);
     tally done;
     if (!obj.diagnose_notes())
         done.missed();

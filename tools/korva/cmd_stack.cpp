@@ -39,7 +39,8 @@ struct module_file {
 struct frame_place {
     std::string function{}; // empty when not known
     uint64_t offset = 0;    // of pc in the function
-    std::optional<korva::source> source{};
+    std::optional<source_view> source{};
+    std::string path{}; // of the source; empty when not known
 };
 
 class stack_run
@@ -85,7 +86,7 @@ stack_run::stack_run(const stack_options &options) : m_options(options), m_out(o
         throw failure(opened.error().text());
     m_proc.emplace(std::move(*opened));
     m_info = m_proc->info();
-    if (!m_proc->set_files(options.raw ? KRV_ELF_F_RAW : KRV_ELF_F_NONE, options.debug_dirs))
+    if (!m_proc->set_files(options.flags(), options.debug_dirs))
         throw std::bad_alloc();
 }
 
@@ -97,7 +98,7 @@ std::vector<krv_proc_thread_t> stack_run::threads()
     if (m_options.tid != 0 && all.empty())
         throw failure(fmt::format("no thread {}", m_options.tid));
     if (m_options.first_only && all.size() > 1)
-        all.resize(1);
+        all.erase(all.begin() + 1, all.end());
     return all;
 }
 
@@ -131,8 +132,8 @@ frame_place stack_run::look_up(const stack_frame &f)
     const uint64_t address = f.lookup_pc - f.module->bias;
     if (opened.lines != nullptr)
         at.source = opened.lines->find(address).source;
-    if (at.source && m_options.basenames)
-        at.source->path = basename_of(at.source->path);
+    if (at.source && at.source->path != nullptr)
+        at.path = m_options.basenames ? basename_of(at.source->path) : at.source->path;
     if (const krv_elf_symbol_t *symbol = opened.file->elf().symbol(address); symbol != nullptr) {
         at.function = function_name(symbol->name, m_options.demangle);
         at.offset = f.pc - f.module->bias - symbol->address;
@@ -157,8 +158,8 @@ void stack_run::print_frame(size_t index, const stack_frame &f, const frame_plac
         m_out.write("??");
     else
         m_out.print("{}+0x{:x}", printable(at.function), at.offset);
-    if (at.source && !at.source->path.empty())
-        m_out.print("  {}:{}", printable(at.source->path), at.source->line);
+    if (!at.path.empty())
+        m_out.print("  {}:{}", printable(at.path), at.source->line);
     if (f.module != nullptr && f.module->path[0] != '\0')
         m_out.print("  ({}{})", printable(basename_of(f.module->path)),
                     (f.module->flags & KRV_PROC_MODULE_F_DELETED) != 0 ? ", deleted" : "");
@@ -184,7 +185,7 @@ json_value stack_run::frame_record(size_t index, const stack_frame &f, const fra
                          {"module", f.module == nullptr ? json_value(nullptr) : known(f.module->path)},
                          {"function", known(at.function)},
                          {"offset", at.function.empty() ? json_value(nullptr) : json_value(at.offset)},
-                         {"file", at.source ? known(at.source->path) : json_value(nullptr)},
+                         {"file", known(at.path)},
                          {"line", at.source ? or_null(at.source->line) : json_value(nullptr)},
                          {"signal_frame", f.is_signal_frame}};
     if (f.module != nullptr) {

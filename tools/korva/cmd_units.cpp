@@ -33,7 +33,7 @@ static void print_unit(answers &out, const json_value &record)
 
 static int run_units(const common_options &options)
 {
-    object obj(options.file, options.raw, options.debug_dirs);
+    object obj(options.file, options.flags(), options.debug_dirs);
     tally done;
     if (!obj.diagnose_notes())
         done.missed();

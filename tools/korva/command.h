@@ -4,6 +4,7 @@
 // line. The subcommand's call-back does the work and stores the exit status.
 #pragma once
 
+#include "libkorva-elf.h"
 #include "output.h"
 #include "status.h"
 
@@ -20,13 +21,20 @@ struct common_options {
     std::string file;
     output_format format = output_format::text;
     bool raw = false;
+    bool inflate_any = false;
     std::vector<std::string> debug_dirs;
+
+    /** How files are opened: KRV_ELF_F_*. */
+    unsigned int flags() const
+    {
+        return (raw ? KRV_ELF_F_RAW : KRV_ELF_F_NONE) | (inflate_any ? KRV_ELF_F_INFLATE_ANY : KRV_ELF_F_NONE);
+    }
 };
 
 /** Adds --format, with the names of @p formats. */
 void add_format_option(CLI::App *verb, common_options *options, const format_names &formats);
 
-/** Adds --format, --raw and --debug-dir. */
+/** Adds --format, --raw, --inflate-any and --debug-dir. */
 void add_common_options(CLI::App *verb, common_options *options, const format_names &formats);
 
 } // namespace korva::program

@@ -146,9 +146,15 @@ std::string demangle(const char *name)
     return plain == nullptr || std::strlen(plain.get()) > MAX_PLAIN ? name : plain.get();
 }
 
+std::string_view unversioned(const char *symbol)
+{
+    const std::string_view whole(symbol);
+    return whole.substr(0, whole.find('@'));
+}
+
 std::string function_name(const char *symbol, bool demangled)
 {
-    const std::string name(symbol, std::strcspn(symbol, "@"));
+    const std::string name(unversioned(symbol));
     return demangled ? demangle(name.c_str()) : name;
 }
 

@@ -2,12 +2,16 @@
 #pragma once
 
 #include <string>
+#include <string_view>
 
 namespace korva::program
 {
 
 /** The C++ name behind a symbol's, or the name itself when it is no mangled one, or one that is too long to be shown. */
 std::string demangle(const char *name);
+
+/** A symbol's name without its version: f of f@@V_1. */
+std::string_view unversioned(const char *symbol);
 
 /** How a function is shown: its symbol's name without a version, as in f@@V_1; demangled when that is wanted. */
 std::string function_name(const char *symbol, bool demangled);

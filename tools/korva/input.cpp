@@ -4,10 +4,12 @@
 #include "demangle.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <charconv>
 #include <cstdlib>
 #include <cstring>
 #include <functional>
+#include <unistd.h>
 
 namespace korva::program
 {
@@ -20,6 +22,29 @@ std::string_view trim(std::string_view text)
     if (first == std::string_view::npos)
         return {};
     return text.substr(first, text.find_last_not_of(BLANKS) - first + 1);
+}
+
+std::string_view line_reader::take(size_t end, size_t newline)
+{
+    const std::string_view line = std::string_view(m_text).substr(m_at, end - m_at);
+    m_at = end + newline;
+    return line;
+}
+
+// False at the end, and where nothing can be read. What is left of a line then stands at the beginning.
+bool line_reader::read_more()
+{
+    constexpr size_t PIECE = size_t{1} << 16;
+    m_text.erase(0, m_at);
+    m_at = 0;
+    const size_t size = m_text.size();
+    m_text.resize(size + PIECE);
+    ssize_t count = 0;
+    do
+        count = read(m_fd, m_text.data() + size, PIECE);
+    while (count < 0 && errno == EINTR);
+    m_text.resize(size + static_cast<size_t>(std::max<ssize_t>(count, 0)));
+    return count > 0;
 }
 
 static std::optional<uint64_t> parse_whole(std::string_view text, int base)
@@ -102,13 +127,23 @@ std::vector<uint64_t> address_reader::read_symbol(std::string_view text)
     return found;
 }
 
-std::vector<input_address> address_reader::read(std::string_view text)
+// With lenient reading the first word alone.
+std::string_view address_reader::words_of(std::string_view text) const
 {
     text = trim(text);
+    return m_lenient ? text.substr(0, text.find_first_of(BLANKS)) : text;
+}
+
+std::optional<uint64_t> address_reader::read_number(std::string_view text) const
+{
+    return parse_hex(words_of(text));
+}
+
+std::vector<input_address> address_reader::read(std::string_view text)
+{
+    text = words_of(text);
     if (text.empty())
         return {};
-    if (m_lenient)
-        text = text.substr(0, text.find_first_of(BLANKS));
     if (const auto number = parse_hex(text))
         return {{*number, true}};
     const bool is_digit = text[0] >= '0' && text[0] <= '9';

@@ -21,6 +21,39 @@ std::string_view trim(std::string_view text);
 /** A hexadecimal number with or without 0x, and nothing else. */
 std::optional<uint64_t> parse_hex(std::string_view text);
 
+/** The lines of a file that may be a pipe: what there is of it is read at once. */
+class line_reader
+{
+public:
+    explicit line_reader(int fd) : m_fd(fd) {}
+
+    /**
+     * The next line, without its end, valid until the next call; nothing behind the last. @p before_waiting is called
+     * whenever more has to be read, which may take as long as somebody types.
+     */
+    template <typename F>
+    std::optional<std::string_view> next(F &&before_waiting)
+    {
+        for (size_t searched = m_at;;) {
+            const size_t end = m_text.find('\n', searched);
+            if (end != std::string::npos)
+                return take(end, 1);
+            searched = m_text.size() - m_at;
+            before_waiting();
+            if (!read_more())
+                return m_text.empty() ? std::optional<std::string_view>() : take(m_text.size(), 0);
+        }
+    }
+
+private:
+    std::string_view take(size_t end, size_t newline);
+    bool read_more();
+
+    int m_fd;
+    std::string m_text; // read, from the line before on
+    size_t m_at = 0;    // where the next line begins
+};
+
 /** What an input stands for. */
 struct input_address {
     uint64_t value;
@@ -38,6 +71,8 @@ public:
     /** With @p lenient whatever begins as an address is one, as for GNU addr2line: "12 main()" is 0x12. */
     address_reader(const object &obj, bool lenient) : m_object(obj), m_lenient(lenient) {}
 
+    /** What a text stands for that is a number. */
+    std::optional<uint64_t> read_number(std::string_view text) const;
     /**
      * What a text stands for: one address, or several ascending ones where functions share a name. Empty when it is no
      * address.
@@ -47,6 +82,7 @@ public:
 private:
     using symbol_list = std::vector<const krv_elf_symbol_t *>;
 
+    std::string_view words_of(std::string_view text) const;
     std::vector<uint64_t> find_symbol(const std::string &name);
     std::vector<uint64_t> read_symbol(std::string_view text);
 

@@ -7,58 +7,52 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <numeric>
 #include <utility>
 
 namespace korva::program
 {
 
-locator::locator(object *obj) : m_object(obj), m_has_units(obj->has_debug_info())
+// Reads the units, once. To be called before any scan: what is no and what is not known yet would look alike behind it.
+bool locator::read_units()
 {
-    if (!m_has_units)
-        obj->diagnose("no debugging information (.debug_info)");
-}
-
-// All of them, or NULL where none can be read, which is told once.
-std::vector<unit_record> *locator::units()
-{
-    if (!m_has_units)
-        return nullptr;
+    if (m_units != nullptr || m_no_units)
+        return !m_no_units;
     try {
-        return &m_object->units();
+        m_units = &m_object->units();
     } catch (const failure &f) {
-        m_has_units = false;
         diagnose(f.what());
-        return nullptr;
+        m_no_units = true;
+        return false;
     }
+    m_next.resize(m_units->size() + 1);
+    std::iota(m_next.begin(), m_next.end(), size_t{0});
+    for (unit_record &u : *m_units) {
+        const result<coverage> known = u.unit.covers(0, KRV_LOOKUP_F_FAST);
+        if (!known)
+            note_ranges_failed(known.error());
+        if (!known || *known == coverage::unknown)
+            m_unranged.push_back(&u);
+    }
+    return true;
 }
 
-location locator::find(uint64_t address)
+location locator::find(uint64_t address, bool names)
 {
     location found;
-    found.function = m_object->elf().symbol(address);
-    if (!m_has_units)
-        return found;
-
-    // Within its function an address between two sequences still belongs to one of them.
-    const extent range =
-        found.function != nullptr ? extent{found.function->address, found.function->size} : extent{address, 1};
-    if (ask_covering(range, address, &found) == outcome::absent) {
-        refuse_unread();
-        if (m_object->is_raw())
-            ask_sequences(range, address, &found);
-    }
+    if (!m_no_units && ask_covering(address, &found) == outcome::absent)
+        ask_sequences(address, &found);
+    if (found.function == nullptr && (names || !found.source))
+        found.function = m_object->elf().symbol(address);
     return found;
 }
 
-// A unit that is not read may be the one that covers the address.
-void locator::refuse_unread()
+// Within its function an address between two sequences still belongs to one of them.
+extent locator::range_around(uint64_t address, location *found) const
 {
-    std::vector<unit_record> *all = units();
-    if (all == nullptr)
-        return;
-    const auto unread = std::find_if(all->begin(), all->end(), [](const unit_record &u) { return !u.is_readable(); });
-    if (unread != all->end())
-        m_object->refuse_unread(*unread);
+    if (found->function == nullptr)
+        found->function = m_object->elf().symbol(address);
+    return found->function != nullptr ? extent{found->function->address, found->function->size} : extent{address, 1};
 }
 
 // Tells once that a question about ranges failed.
@@ -78,15 +72,33 @@ bool locator::covers(const unit_record &u, uint64_t address, krv_lookup_flag_t f
 
 void locator::refuse_lines(unit_record &u, const error &why)
 {
+    m_lines_refused = true;
     m_object->refuse(u, fmt::format("line table of unit at offset 0x{:x}: {}", u.header.offset, why.text()));
+}
+
+static bool has_no_lines(const unit_record &u)
+{
+    return u.lines && u.lines->start > u.lines->end;
 }
 
 // Many units may cover an address of which they know no line. Asked again, they are passed over.
 void locator::learn_lines(unit_record &u)
 {
+    if (u.lines)
+        return;
     u.lines = range{UINT64_MAX, 0};
     for (const range &r : u.unit.sequences().value_or({}))
         u.lines = range{std::min(u.lines->start, r.start), std::max(u.lines->end, r.end)};
+}
+
+// What a unit knows of the address itself, where nothing has to be told.
+std::optional<source_view> locator::ask_readable(const unit &u, uint64_t address) const
+{
+    const result<krv_cu_kind_t> kind = u.kind();
+    if (m_lines_refused || !kind || kind->kind == 0)
+        return {};
+    const result<source_view> source = u.source_view(address, address, 1);
+    return source ? std::optional(*source) : std::nullopt;
 }
 
 locator::outcome locator::ask(unit_record &u, const extent &range, uint64_t address, location *found)
@@ -97,10 +109,10 @@ locator::outcome locator::ask(unit_record &u, const extent &range, uint64_t addr
         m_object->refuse_unread(u);
         return outcome::refused;
     }
-    result<korva::source> source = u.unit.source(address, range.address, range.size);
+    const result<source_view> source = u.unit.source_view(address, range.address, range.size);
     if (source) {
-        found->source = std::move(*source);
-        found->unit = &u;
+        found->source = *source;
+        found->owner = u.unit;
         return outcome::found;
     }
     if (source.error().code == KRV_ERR_NOTFOUND) {
@@ -111,28 +123,61 @@ locator::outcome locator::ask(unit_record &u, const extent &range, uint64_t addr
     return outcome::refused;
 }
 
-locator::outcome locator::ask_covering(const extent &range, uint64_t address, location *found)
+// The first unit from `number` on that may have lines, or one behind the last. What was passed over once is not passed
+// over again.
+size_t locator::next_with_lines(size_t number)
 {
-    const auto may_know = [&](const unit_record &u) {
-        return !u.lines || (u.lines->end >= range.address &&
-                            (u.lines->start <= range.address || u.lines->start - range.address <= range.size));
-    };
+    size_t with = number;
+    for (; m_next[with] != with || (with < m_units->size() && has_no_lines((*m_units)[with])); with = m_next[with])
+        if (m_next[with] == with)
+            m_next[with] = with + 1;
+    while (number < with)
+        number = std::exchange(m_next[number], with);
+    return with;
+}
+
+// NULL: a unit that the table of units does not have, as damaged ranges may name one.
+unit_record *locator::record_of(const unit &u)
+{
+    const uint64_t offset = u.header().value_or({}).offset;
+    const auto found = std::lower_bound(m_units->begin(), m_units->end(), offset,
+                                        [](const unit_record &r, uint64_t wanted) { return r.header.offset < wanted; });
+    return found != m_units->end() && found->header.offset == offset ? &*found : nullptr;
+}
+
+locator::outcome locator::ask_covering(uint64_t address, location *found)
+{
     for (const krv_lookup_flag_t flags : {KRV_LOOKUP_F_FAST, KRV_LOOKUP_F_NONE}) {
+        if (flags == KRV_LOOKUP_F_NONE && !read_units())
+            break;
         const result<unit> covering = m_object->handle().lookup_unit(address, flags);
         if (!covering) {
-            const int code = covering.error().code;
-            if (code != KRV_ERR_NONE && code != KRV_ERR_NOTFOUND && units() != nullptr)
+            if (covering.error().code != KRV_ERR_NONE && covering.error().code != KRV_ERR_NOTFOUND && read_units())
                 note_ranges_failed(covering.error());
             continue;
         }
+        found->source = ask_readable(*covering, address);
+        if (found->source) {
+            found->owner = *covering;
+            return outcome::found;
+        }
+        if (!read_units())
+            break;
         // The first that covers it knows its line, but for units that overlap.
-        unit_record &first = m_object->record(*covering);
-        const uint64_t offset = first.header.offset;
-        outcome result = ask(first, range, address, found);
-        if (result == outcome::absent && units() != nullptr)
-            for (unit_record &u : *units())
-                if (result == outcome::absent && u.header.offset > offset && may_know(u) && covers(u, address, flags))
-                    result = ask(u, range, address, found);
+        unit_record *first = record_of(*covering);
+        if (first == nullptr)
+            continue;
+        const extent range = range_around(address, found);
+        const auto may_know = [&](const unit_record &u) {
+            return !u.lines || (u.lines->end >= range.address &&
+                                (u.lines->start <= range.address || u.lines->start - range.address <= range.size));
+        };
+        outcome result = ask(*first, range, address, found);
+        const auto behind = static_cast<size_t>(first - m_units->data()) + 1;
+        for (size_t i = next_with_lines(behind); result == outcome::absent && i < m_units->size();
+             i = next_with_lines(i + 1))
+            if (may_know((*m_units)[i]) && covers((*m_units)[i], address, flags))
+                result = ask((*m_units)[i], range, address, found);
         if (result != outcome::absent)
             return result;
     }
@@ -155,25 +200,25 @@ void locator::index_unit(unit_record &u)
             m_sequences.push_back({r, &u});
 }
 
-// Of a unit without ranges in .debug_aranges and without bounds of its own the strict reader finds the functions directly
+// Of a unit without ranges in .debug_aranges and without bounds of its own the library finds the functions directly
 // below the unit entry, not those in namespaces. The line tables of these units tell the rest.
 void locator::index_sequences()
 {
     m_indexed = true;
+    if (!read_units())
+        return;
     const progress shown(fmt::format("{}: reading line tables", m_object->path()), 0, progress::mode::silent);
-    if (units() != nullptr)
-        for (unit_record &u : *units()) { // "no" and "not known yet" differ
-            const result<coverage> known = u.unit.covers(0, KRV_LOOKUP_F_FAST);
-            if (!known)
-                note_ranges_failed(known.error());
-            if (!known || *known == coverage::unknown)
-                index_unit(u);
-        }
+    for (unit_record *u : m_unranged) {
+        if (u->is_readable())
+            index_unit(*u);
+        else
+            m_object->refuse_unread(*u);
+    }
     std::sort(m_sequences.begin(), m_sequences.end(),
               [](const sequence &a, const sequence &b) { return a.addresses.start < b.addresses.start; });
 }
 
-locator::outcome locator::ask_sequences(const extent &range, uint64_t address, location *found)
+locator::outcome locator::ask_sequences(uint64_t address, location *found)
 {
     if (!m_indexed)
         index_sequences();
@@ -181,7 +226,7 @@ locator::outcome locator::ask_sequences(const extent &range, uint64_t address, l
                                  [](uint64_t a, const sequence &s) { return a < s.addresses.start; });
     if (next == m_sequences.begin() || address >= (--next)->addresses.end)
         return outcome::absent;
-    return ask(*next->owner, range, address, found);
+    return ask(*next->owner, range_around(address, found), address, found);
 }
 
 } // namespace korva::program

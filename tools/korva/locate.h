@@ -15,22 +15,22 @@ namespace korva::program
 /** What is known of an address. */
 struct location {
     const krv_elf_symbol_t *function = nullptr;
-    std::optional<korva::source> source;
-    const unit_record *unit = nullptr; /**< that knows the source */
+    std::optional<source_view> source;
+    std::optional<unit> owner; /**< the unit that knows the source */
 };
 
 /**
- * Finds addresses in the units of a file: in those whose known ranges cover it, then in those whose entries do, and where
- * a file is read as it stands in those whose line tables do; of several the first that knows a line answers. A refused
- * unit that covers an address, or may, is diagnosed, once. Units are read as far as answers need them.
+ * Finds addresses in the units of a file: in those whose known ranges cover it, then in those whose entries do, then in
+ * those whose line tables do; of several the first that knows a line answers. A refused unit that covers an address, or
+ * may, is diagnosed, once, as is a file without readable units; its functions are found all the same.
  */
 class locator
 {
 public:
-    /** A file without readable units is diagnosed; its functions are found all the same. */
-    explicit locator(object *obj);
+    explicit locator(object *obj) : m_object(obj) {}
 
-    location find(uint64_t address);
+    /** Without @p names a function is looked for only where the line is not known without it. */
+    location find(uint64_t address, bool names = true);
 
 private:
     enum class outcome { found, absent, refused };
@@ -39,23 +39,30 @@ private:
         unit_record *owner;
     };
 
-    std::vector<unit_record> *units();
+    bool read_units();
     void note_ranges_failed(const error &why);
-    void refuse_unread();
+    unit_record *record_of(const unit &u);
     bool covers(const unit_record &u, uint64_t address, krv_lookup_flag_t flags);
     void refuse_lines(unit_record &u, const error &why);
     static void learn_lines(unit_record &u);
+    size_t next_with_lines(size_t number);
+    std::optional<source_view> ask_readable(const unit &u, uint64_t address) const;
+    extent range_around(uint64_t address, location *found) const;
     outcome ask(unit_record &u, const extent &range, uint64_t address, location *found);
-    outcome ask_covering(const extent &range, uint64_t address, location *found);
-    outcome ask_sequences(const extent &range, uint64_t address, location *found);
+    outcome ask_covering(uint64_t address, location *found);
+    outcome ask_sequences(uint64_t address, location *found);
     void index_sequences();
     void index_unit(unit_record &u);
 
     object *m_object;
-    bool m_has_units;
+    std::vector<unit_record> *m_units = nullptr; // read when an address is not known at once
+    bool m_no_units = false;                     // they cannot be read
+    std::vector<unit_record *> m_unranged;       // units whose ranges only a look at their entries can tell
+    std::vector<size_t> m_next;                  // of each unit known to have no lines, one to go on with behind it
+    bool m_lines_refused = false;                // of any unit
     bool m_ranges_failed = false;
     bool m_indexed = false;
-    std::vector<sequence> m_sequences; // of units whose ranges only a look at their entries can tell, ascending
+    std::vector<sequence> m_sequences; // of the unranged units, ascending
 };
 
 } // namespace korva::program

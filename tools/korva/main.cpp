@@ -3,6 +3,7 @@
 // korva: asks libkorva about ELF files from a shell. Each verb lives in cmd_NAME.cpp; this file joins them, and turns
 // what ends a verb early into diagnostics and exit statuses.
 #include "command.h"
+#include "object.h"
 
 #include "libkorva-elf.h"
 
@@ -51,6 +52,8 @@ void add_common_options(CLI::App *verb, common_options *options, const format_na
 {
     add_format_option(verb, options, formats);
     verb->add_flag("--raw", options->raw, "Read every section as it stands in the file, uncorrected");
+    verb->add_flag("--inflate-any", options->inflate_any,
+                   "Also inflate sections that claim far more than the file holds");
     verb->add_option("--debug-dir", options->debug_dirs, "Look for separate debug files here too; may be repeated")
         ->allow_extra_args(false)
         ->type_name("DIR");
@@ -101,10 +104,6 @@ static int run(int argc, char **argv)
         "`korva VERB --help` and `korva help VERB` show a verb's options and examples. Columns of text may hold\n"
         "spaces: --format=jsonl is the one to parse.");
     int status = ANSWERED;
-#define ADD(name) add_##name(app, &status);
-    KORVA_VERBS(ADD)
-#undef ADD
-
     std::vector<std::string> words(argv + 1, argv + argc);
     if (!words.empty() && words[0] == "help") { // help [VERB] is [VERB] --help
         words.erase(words.begin());
@@ -117,6 +116,12 @@ static int run(int argc, char **argv)
         return usage_error(fmt::format("there is no verb \"{}\"{}", words[0],
                                        meant.empty() ? "" : fmt::format("; did you mean \"{}\"?", meant)));
     }
+    const bool is_verb = !words.empty() && !words[0].starts_with("-"); // then no other has to be known
+#define ADD(name)                                                                                                      \
+    if (!is_verb || words[0] == #name)                                                                                 \
+        add_##name(app, &status);
+    KORVA_VERBS(ADD)
+#undef ADD
     std::reverse(words.begin(), words.end()); // as CLI11 takes them
     try {
         app.parse(std::move(words));
@@ -137,8 +142,6 @@ static void occupy_streams()
         if (fcntl(fd, F_GETFD) < 0)
             (void)open("/dev/null", O_RDONLY | O_CLOEXEC); // the lowest number that is free
 }
-
-static volatile std::sig_atomic_t file_was_cut;
 
 // A file that becomes shorter while it is read costs the answers that stood in what is missing, not the program.
 static void on_bus_error(int number, siginfo_t *info, void *)
@@ -169,7 +172,8 @@ int main(int argc, char **argv)
         const int status = run(argc, argv);
         if (file_was_cut == 0)
             return status;
-        diagnose("a file became shorter while it was read; nothing is known of what is missing");
+        if (!object::has_named_cut_file())
+            diagnose("a file became shorter while it was read; nothing is known of what is missing");
         return status == ANSWERED ? PARTLY : status;
     } catch (const broken_pipe &) {
         return ANSWERED;

@@ -12,20 +12,36 @@
 namespace korva::program
 {
 
-static elf open_elf(const std::string &path, bool raw, const std::vector<std::string> &debug_dirs)
+bool object::s_named_cut_file = false;
+
+static elf open_elf(const std::string &path, unsigned int flags, const std::vector<std::string> &debug_dirs)
 {
-    result<elf> opened = elf::open(path.c_str(), raw ? KRV_ELF_F_RAW : KRV_ELF_F_NONE, debug_dirs);
+    result<elf> opened = elf::open(path.c_str(), flags, debug_dirs);
     if (!opened)
         throw failure(opened.error().text()); // names the file
     return std::move(*opened);
 }
 
-object::object(const std::string &path, bool raw, const std::vector<std::string> &debug_dirs)
-    : m_path(path), m_own(open_elf(path, raw, debug_dirs)), m_elf(*m_own), m_info(m_elf.info()), m_raw(raw)
+object::object(const std::string &path, unsigned int flags, const std::vector<std::string> &debug_dirs)
+    : m_path(path), m_own(open_elf(path, flags, debug_dirs)), m_elf(*m_own), m_info(m_elf.info())
 {
 }
 
 object::object(elf_view elf, const std::string &path) : m_path(path), m_elf(elf), m_info(elf.info()) {}
+
+object::~object()
+{
+    if (file_was_cut == 0)
+        return;
+    try {
+        for (const krv_elf_note_t &note : m_elf.notes())
+            if (std::string_view(note.text).ends_with("became shorter while it was read")) {
+                diagnose(fmt::format("{}; nothing is known of what is missing", note.text));
+                s_named_cut_file = true;
+            }
+    } catch (const std::bad_alloc &) { // told without the name
+    }
+}
 
 // The bytes of .debug_info, 0 when the file has none.
 static uint64_t get_info_size(const elf_view &elf)
@@ -117,10 +133,7 @@ void object::read_units()
         const auto header = u.header();
         if (!header)
             throw failure(fmt::format("{}: no unit header: {}", m_path, header.error().text()));
-        const auto met = m_met.find(header->offset);
-        m_units.push_back(met != m_met.end()
-                              ? met->second
-                              : unit_record{.unit = u, .header = *header, .kind = u.kind().value_or({}), .lines = {}});
+        m_units.push_back({.unit = u, .header = *header, .kind = u.kind().value_or({}), .lines = {}});
     }
     const krv_cu_header_t &last = m_units.back().header;
     m_complete = last.offset + last.size == info_size;
@@ -128,7 +141,7 @@ void object::read_units()
         diagnose(fmt::format("unit table ends early, at offset 0x{:x} of 0x{:x} of .debug_info: the units behind it "
                              "cannot be read{}",
                              last.offset + last.size, info_size,
-                             end.messages.empty() ? "" : ": " + end.text())); // an earlier question may have met it
+                             end.messages.empty() ? "" : ": " + end.text())); // else an earlier question was told why
 }
 
 std::vector<unit_record> &object::units()
@@ -136,17 +149,6 @@ std::vector<unit_record> &object::units()
     if (m_units.empty())
         read_units();
     return m_units;
-}
-
-unit_record &object::record(const unit &u)
-{
-    const krv_cu_header_t header = u.header().value_or({});
-    const auto known = std::lower_bound(m_units.begin(), m_units.end(), header.offset,
-                                        [](const unit_record &r, uint64_t wanted) { return r.header.offset < wanted; });
-    if (known != m_units.end() && known->header.offset == header.offset)
-        return *known;
-    unit_record fresh = {.unit = u, .header = header, .kind = u.kind().value_or({}), .lines = {}};
-    return m_met.try_emplace(header.offset, fresh).first->second;
 }
 
 } // namespace korva::program

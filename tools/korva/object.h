@@ -5,8 +5,8 @@
 
 #include <korva.hpp>
 
+#include <csignal>
 #include <cstdint>
-#include <map>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -14,6 +14,9 @@
 
 namespace korva::program
 {
+
+/** Set by the handler of SIGBUS: some file became shorter while it was read. */
+inline volatile std::sig_atomic_t file_was_cut = 0;
 
 /** A compilation unit and what the program knows of it. */
 struct unit_record {
@@ -35,10 +38,14 @@ struct extent {
 class object
 {
 public:
-    /** Opens @p path; throws failure. */
-    object(const std::string &path, bool raw, const std::vector<std::string> &debug_dirs = {});
+    /** Opens @p path; @p flags: KRV_ELF_F_*. Throws failure. */
+    object(const std::string &path, unsigned int flags, const std::vector<std::string> &debug_dirs = {});
     /** Looks at a file that somebody else has opened and will close, later. */
     object(elf_view elf, const std::string &path);
+    /** Tells if the file became shorter while it was read. */
+    ~object();
+    object(const object &) = delete;
+    object &operator=(const object &) = delete;
 
     const std::string &path() const { return m_path; }
     const elf_view &elf() const { return m_elf; }
@@ -48,16 +55,14 @@ public:
     /** Whether a linker has placed its code: then no code lies at address 0. */
     bool is_linked() const;
     bool has_debug_info() const;
-    /** Whether sections are read as they stand, by the strict reader. */
-    bool is_raw() const { return m_raw; }
+    /** Whether any object told that. */
+    static bool has_named_cut_file() { return s_named_cut_file; }
 
     /**
      * The units in section order, read on first use; throws failure when none can be read. A unit table that ends
      * early is diagnosed, and is_complete() is false afterwards.
      */
     std::vector<unit_record> &units();
-    /** What is known of a unit that the handle gave; not all of them are read for that. */
-    unit_record &record(const unit &u);
     bool is_complete() const { return m_complete; }
 
     /** Prints a diagnostic that names the file. */
@@ -75,13 +80,13 @@ public:
 private:
     void read_units();
 
+    static bool s_named_cut_file;
+
     std::string m_path;
     std::optional<korva::elf> m_own; // unless somebody else owns it
     elf_view m_elf;
     krv_elf_info_t m_info;
     std::vector<unit_record> m_units;
-    std::map<uint64_t, unit_record> m_met; // by offset: those asked for before all were read
-    bool m_raw = false;
     bool m_complete = true;
     bool m_unread_refused = false; // told
 };

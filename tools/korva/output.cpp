@@ -3,9 +3,13 @@
 
 #include "progress.h"
 
+#include <algorithm>
 #include <cerrno>
+#include <charconv>
 #include <cstdio>
 #include <cstring>
+#include <iterator>
+#include <unistd.h>
 
 namespace korva::program
 {
@@ -42,26 +46,74 @@ void diagnose(std::string_view text) noexcept
     }
 }
 
-std::string printable(std::string_view text)
+// Whether there is a byte that may have to be escaped. All are looked at: that takes several at a time.
+static bool has_odd_bytes(std::string_view text)
 {
-    std::string safe;
-    safe.reserve(text.size());
+    unsigned int odd = 0;
+    for (const char c : text) {
+        const auto byte = static_cast<unsigned char>(c);
+        odd |= static_cast<unsigned int>(byte < 0x20) | static_cast<unsigned int>(byte == 0x7f) |
+               static_cast<unsigned int>(byte == 0xc2);
+    }
+    return odd != 0;
+}
+
+void append_printable(std::string *line, std::string_view text)
+{
+    if (!has_odd_bytes(text)) {
+        line->append(text);
+        return;
+    }
     for (size_t i = 0; i < text.size(); ++i) {
         const auto byte = static_cast<unsigned char>(text[i]);
         const auto next = static_cast<unsigned char>(i + 1 < text.size() ? text[i + 1] : 0);
         if (byte < 0x20 || byte == 0x7f)
-            safe += fmt::format("\\x{:02x}", byte);
+            *line += fmt::format("\\x{:02x}", byte);
         else if (byte == 0xc2 && next >= 0x80 && next < 0xa0) // U+0080 to U+009F, in UTF-8
-            safe += fmt::format("\\x{:02x}\\x{:02x}", byte, static_cast<unsigned char>(text[++i]));
+            *line += fmt::format("\\x{:02x}\\x{:02x}", byte, static_cast<unsigned char>(text[++i]));
         else
-            safe += text[i];
+            *line += text[i];
     }
+}
+
+std::string printable(std::string_view text)
+{
+    std::string safe;
+    append_printable(&safe, text);
     return safe;
+}
+
+static void append_number(std::string *line, uint64_t number, int base, size_t digits)
+{
+    char text[20]; // of 2^64 - 1 in decimal
+    const auto size = static_cast<size_t>(std::to_chars(text, std::end(text), number, base).ptr - text);
+    line->append(digits > size ? digits - size : 0, '0').append(text, size);
+}
+
+void append_hex(std::string *line, uint64_t number, size_t digits)
+{
+    line->append("0x");
+    append_number(line, number, 16, digits);
+}
+
+void append_decimal(std::string *line, uint64_t number)
+{
+    append_number(line, number, 10, 0);
 }
 
 std::string to_text(const json_value &value)
 {
     return value.dump(-1, ' ', false, json_value::error_handler_t::replace);
+}
+
+void append_json(std::string *line, std::string_view text)
+{
+    const bool is_plain =
+        std::all_of(text.begin(), text.end(), [](char c) { return c >= 0x20 && c < 0x7f && c != '"' && c != '\\'; });
+    if (is_plain)
+        line->append("\"").append(text).append("\"");
+    else
+        line->append(to_text(json_value(text)));
 }
 
 [[noreturn]] static void output_failed()
@@ -72,6 +124,14 @@ std::string to_text(const json_value &value)
     throw failure(fmt::format("standard output: {}", std::strerror(error)));
 }
 
+// Who reads a file or a pipe sees no difference between one large write and many small ones.
+answers::answers(output_format format) : m_format(format)
+{
+    static char room[size_t{1} << 16];
+    if (isatty(STDOUT_FILENO) == 0)
+        std::setvbuf(stdout, room, _IOFBF, sizeof(room));
+}
+
 void answers::write(std::string_view text)
 {
     if (std::fwrite(text.data(), 1, text.size(), stdout) != text.size())
@@ -80,8 +140,13 @@ void answers::write(std::string_view text)
 
 void answers::record(const json_value &record)
 {
+    record_text(to_text(record));
+}
+
+void answers::record_text(std::string_view record)
+{
     open_record();
-    write(to_text(record));
+    write(record);
     close_record();
 }
 

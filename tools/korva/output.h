@@ -59,6 +59,12 @@ public:
 
 /** @p text without what would break a line or drive a terminal: control characters become \xNN, all others stay. */
 std::string printable(std::string_view text);
+/** Adds it to a line so. */
+void append_printable(std::string *line, std::string_view text);
+
+/** Adds a number to a line: 0x and at least @p digits hexadecimal digits, or decimal ones. */
+void append_hex(std::string *line, uint64_t number, size_t digits);
+void append_decimal(std::string *line, uint64_t number);
 
 /**
  * Standard output. Every function throws broken_pipe when its reader is gone and failure when it cannot be written
@@ -67,7 +73,7 @@ std::string printable(std::string_view text);
 class answers
 {
 public:
-    explicit answers(output_format format) : m_format(format) {}
+    explicit answers(output_format format);
 
     bool is_json() const { return m_format == output_format::json || m_format == output_format::jsonl; }
 
@@ -80,6 +86,8 @@ public:
     }
     void write(std::string_view text);
     void record(const json_value &record);
+    /** One that is text already. */
+    void record_text(std::string_view record);
     /** A record written piece by piece goes between these. */
     void open_record();
     void close_record();
@@ -107,6 +115,8 @@ inline json_value or_null(uint64_t number)
 
 /** A value as JSON text. */
 std::string to_text(const json_value &value);
+/** Adds a string to a line, as JSON text. */
+void append_json(std::string *line, std::string_view text);
 
 /** An address or offset of a record. A string: numbers above 2^53 do not survive every JSON reader. */
 inline json_value hex(uint64_t number)

@@ -149,7 +149,7 @@ TEST_F(Loader, UnitsThatAreNotRead)
         {good(4, false) + unit{.dies = bytes().uleb(9)}.build() + good(4, false), "0:v4+12 12:v4+12 24:v4+12 ",
          "unit at offset 0xc of .debug_info cannot be read: abbreviation code 9 not found\n"},
         {good(4, false) + bytes().u32(0xfffffff2).fill(20), "0:v4+12 ",
-         "no unit from offset 0xc of .debug_info on can be read: reserved value (0xfffffff2) in 4-byte unit_length\n"},
+         ".debug_info cannot be read from offset 0xc on: reserved value (0xfffffff2) in 4-byte unit_length\n"},
     };
     for (const auto &row : rows) {
         SCOPED_TRACE(row.notes);

@@ -35,33 +35,28 @@ static void step(size_t count)
     std::abort();
 }
 
+static bool stepped()
+{
+    step(1);
+    return true;
+}
+
+KRV_TEST_WRAP(GElf_Sym *, gelf_getsymshndx, stepped(), nullptr,
+              (Elf_Data * symbols, Elf_Data *numbers, int n, GElf_Sym *symbol, Elf32_Word *number), symbols, numbers, n,
+              symbol, number)
+KRV_TEST_WRAP(GElf_Rela *, gelf_getrela, stepped(), nullptr, (Elf_Data * data, int n, GElf_Rela *relocation), data, n,
+              relocation)
+KRV_TEST_WRAP(int, strncmp, stepped(), 0, (const char *a, const char *b, size_t most), a, b, most)
+
 extern "C" {
-GElf_Sym *__real_gelf_getsymshndx(Elf_Data *symbols, Elf_Data *numbers, int n, GElf_Sym *symbol, Elf32_Word *number);
-GElf_Rela *__real_gelf_getrela(Elf_Data *data, int n, GElf_Rela *relocation);
 size_t __real_strnlen(const char *s, size_t most);
-int __real_strncmp(const char *a, const char *b, size_t most);
 void *__real_memchr(const void *s, int c, size_t most);
 
-GElf_Sym *__wrap_gelf_getsymshndx(Elf_Data *symbols, Elf_Data *numbers, int n, GElf_Sym *symbol, Elf32_Word *number)
-{
-    step(1);
-    return __real_gelf_getsymshndx(symbols, numbers, n, symbol, number);
-}
-GElf_Rela *__wrap_gelf_getrela(Elf_Data *data, int n, GElf_Rela *relocation)
-{
-    step(1);
-    return __real_gelf_getrela(data, n, relocation);
-}
 size_t __wrap_strnlen(const char *s, size_t most)
 {
     const size_t length = __real_strnlen(s, most);
     step(length);
     return length;
-}
-int __wrap_strncmp(const char *a, const char *b, size_t most)
-{
-    step(1);
-    return __real_strncmp(a, b, most);
 }
 void *__wrap_memchr(const void *s, int c, size_t most)
 {
