@@ -4,8 +4,8 @@
  * libkorva-elf: turns ELF files into libkorva handles.
  *
  * Where libkorva reads bytes and is strict, this loader opens files and is generous: it finds machine and target,
- * maps the file, inflates what is compressed, presents what compilers and linkers really write in the form that
- * libkorva reads, and says clearly what it cannot.
+ * maps the file, inflates what is compressed, has libkorva read what compilers and linkers really write, by its
+ * extensions, and says clearly what is not read.
  *
  * Conventions
  *
@@ -51,7 +51,7 @@ enum {
 /** Flags of korva_elf_open. */
 enum {
     KRV_ELF_F_NONE = 0,
-    /** attach every section as it stands in the file (inflated where compressed), uncorrected; look for no other file */
+    /** attach every section as it stands in the file (inflated where compressed), for the strict reader of DWARF 2 to 4; look for no other file */
     KRV_ELF_F_RAW = 1,
     /** take a file however much its compressed sections inflate to */
     KRV_ELF_F_INFLATE_ANY = 2
@@ -97,7 +97,7 @@ typedef struct krv_elf_section {
     uint64_t file_size; /**< bytes in the file */
     krv_secidx_t index; /**< under which the handle has it, or KRV_SEC_NONE */
     int compressed;     /**< 1 when it is stored compressed */
-    int copied;         /**< 1 when the handle reads a corrected copy, 0 when it reads the file's own bytes */
+    int copied;         /**< 1 when the handle reads a relocated copy, 0 when it reads the file's own bytes */
     int executable;     /**< 1 when it holds code */
 } krv_elf_section_t;
 
@@ -105,14 +105,14 @@ typedef struct krv_elf_section {
 typedef int krv_elf_iter_section_f(krv_elf_t *elf, const krv_elf_section_t *section, void *arg);
 
 /**
- * A correction that the loader made, or a part of the file that it could not present, as korva_elf_iter_notes visits
- * it: one line of text such as "unit at offset 0x2a of .debug_info is DWARF 5, ...".
+ * What was changed, left out or cannot be read, as korva_elf_iter_notes visits it: one line of text such as "unit at
+ * offset 0x2a of .debug_info is DWARF 6, ...".
  */
 typedef struct krv_elf_note {
-    const char *pass;    /**< name of the correcting pass, e.g. "unit-versions" */
+    const char *pass;    /**< what was being done: "attach", "debug-file", "relocations", or "reading" by the handle */
     const char *section; /**< section it speaks of */
     uint64_t offset;     /**< offset in that section */
-    int refused;         /**< 1: this part of the file cannot be read; 0: it was corrected and reads well */
+    int refused;         /**< 1: this part of the file cannot be read; 0: it reads well, as or without what the text names */
     const char *text;
 } krv_elf_note_t;
 
@@ -124,16 +124,10 @@ typedef int krv_elf_iter_note_f(krv_elf_t *elf, const krv_elf_note_t *note, void
  * uncompressed ones without a copy, .zdebug_* and SHF_COMPRESSED ones inflated: those that few questions read (as
  * .debug_frame and .debug_loc) when they are first read. @p flags is KRV_ELF_F_*.
  *
- * What compilers and linkers write and libkorva does not read is corrected in private copies when the handle, the
- * sections or the notes are first asked for, and noted, pass by pass:
- *
- *  - "relocations": those of a relocatable file are applied; its sections get addresses one behind the other
- *  - "unit-versions": units of other DWARF versions become empty units that keep their place, size and version
- *  - "alternate-strings": strings in the alternate file of .gnu_debugaltlink (dwz -m) are taken from there
- *  - "forms": attributes that lead into other units or files (DW_FORM_ref_addr, DW_FORM_GNU_*) become plain numbers
- *  - "long-numbers": positive DW_FORM_sdata of ten bytes become blocks of their 8 bytes, the least significant first
- *  - "line-sequences": lines of functions that the linker dropped are left out
- *  - "ranges": address ranges that .debug_aranges does not tell are taken from the units; a damaged set is left out
+ * Unless KRV_ELF_F_RAW is given, the handle has KRV_OPT_EXT_DWARF5 and KRV_OPT_EXT_AS_WRITTEN on, knows the executable
+ * sections and the sections of the alternate file of .gnu_debugaltlink (dwz -m), and tells what it leaves out, which is
+ * kept: korva_elf_iter_notes. Of a relocatable file the sections get addresses one behind the other, and the relocations
+ * are applied to copies. Nothing else is copied.
  *
  * A file without .debug_info gets its sections (and, when it has no .symtab, its symbols) from a separate debug file:
  * by build-id under /usr/lib/debug/.build-id, else by .gnu_debuglink beside the file, in .debug, or under
@@ -183,11 +177,14 @@ KORVA_API const char *korva_elf_get_debug_path(krv_elf_t *elf);
 KORVA_API void korva_elf_get_info(krv_elf_t *elf, krv_elf_info_t *infop);
 
 /**
- * Visits the file's sections in file order, then those attached from a separate debug file, then those that the loader
- * made itself (without bytes in a file). Returns 0 or the visitor's non-zero result. */
+ * Visits the file's sections in file order, then those attached from a separate debug file, then those of an alternate
+ * file (KRV_SEC_EXT_ALT_*). Returns 0 or the visitor's non-zero result. */
 KORVA_API int korva_elf_iter_sections(krv_elf_t *elf, krv_elf_iter_section_f *func, void *arg);
 
-/** Visits what the loader corrected or refused, in section order. Returns 0 or the visitor's non-zero result. */
+/**
+ * Visits what was noted so far, in section order: of the file when it was opened, of its contents as queries of the handle
+ * met it. A note is kept once, and some thousand of them at most. Returns 0 or the visitor's non-zero result.
+ */
 KORVA_API int korva_elf_iter_notes(krv_elf_t *elf, krv_elf_iter_note_f *func, void *arg);
 
 /**

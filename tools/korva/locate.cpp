@@ -208,12 +208,11 @@ void locator::index_sequences()
     if (!read_units())
         return;
     const progress shown(fmt::format("{}: reading line tables", m_object->path()), 0, progress::mode::silent);
-    for (unit_record *u : m_unranged) {
-        if (u->is_readable())
-            index_unit(*u);
-        else
-            m_object->refuse_unread(*u);
-    }
+    for (unit_record &u : *m_units)
+        if (!u.is_readable()) // it may be the one that covers the address
+            m_object->refuse_unread(u);
+    for (unit_record *u : m_unranged)
+        index_unit(*u);
     std::sort(m_sequences.begin(), m_sequences.end(),
               [](const sequence &a, const sequence &b) { return a.addresses.start < b.addresses.start; });
 }

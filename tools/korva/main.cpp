@@ -96,7 +96,7 @@ static int usage_error(std::string_view text)
 
 static int run(int argc, char **argv)
 {
-    CLI::App app("Reads DWARF 2 to 4 debugging information of ELF files for x86 and AMD64.", "korva");
+    CLI::App app("Reads DWARF 2 to 5 debugging information of ELF files for x86 and AMD64.", "korva");
     app.set_version_flag("-V,--version", "korva " KORVA_VERSION);
     app.require_subcommand(1);
     app.footer(
