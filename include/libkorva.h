@@ -1,7 +1,8 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /**
  * @file
- * libkorva: a reader of DWARF 2 to 4 debugging information.
+ * libkorva: a reader of DWARF 2 to 4 debugging information, and of DWARF 5 and of what compilers and linkers make of all
+ * of them for clients that ask for it (extensions.h).
  *
  * The library answers questions about bytes that its client hands over; it opens no files. A client
  *

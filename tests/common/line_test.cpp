@@ -200,7 +200,7 @@ TEST(Line, TablesOfVersion5)
     } rows[] = {
         {"/unit", dirs + names + bytes().u8(3).add(a0).add(a0).add(b1), "/build/a.c /build/a.c /unit/sub/b.c"},
         {nullptr, dirs + names + bytes().u8(2).add(a0).add(b1), "/build/a.c /build/sub/b.c"},
-        {"sub", bytes::hex("01 01 1f 01 07000000") + names + bytes().u8(1).add(a0), "sub/sub/a.c"}, // not sub/sub/a.c
+        {"sub", bytes::hex("01 01 1f 01 07000000") + names + bytes().u8(1).add(a0), "sub/sub/a.c"},
         {"/unit", bytes::hex("01 01 1f 01 07000000") + names + bytes().u8(1).add(a0), "/unit/sub/a.c"},
         {"/unit", none + names + bytes().u8(1).add(a0), "/unit/a.c"}, // directory 0 is not written
         {"/unit", dirs + names + bytes().u8(1).add(c9), "CORRUPT: file_names index (9) is out of range" + behind,
