@@ -222,12 +222,14 @@ static inline void copy_short_pairs(const uint8_t *from, krv_afpair_t *to)
     std::memcpy(to, &fields, sizeof(fields));
 }
 
-constexpr auto EXTENDED_FORMS = [] {
+static consteval std::array<krv_form_t, 256> make_extended_forms()
+{
     std::array<krv_form_t, 256> codes{};
     for (size_t i = 0; i < codes.size(); ++i)
         codes[i] = krv_extended_form(i);
     return codes;
-}();
+}
+constexpr auto EXTENDED_FORMS = make_extended_forms();
 
 static inline void map_forms(krv_afpair_t *pairs, uint32_t count)
 {

@@ -78,7 +78,8 @@ constexpr const char *EXT_NAMES[KRV_EXT_SECTIONS] = {".debug_line_str",
 
 const char *krv_section_name(krv_secidx_t sec)
 {
-    return sec >= KRV_SEC_EXT_LINE_STR ? EXT_NAMES[sec - KRV_SEC_EXT_LINE_STR] : NAMES[sec];
+    const unsigned int number = static_cast<unsigned int>(sec) - KRV_SEC_EXT_LINE_STR;
+    return number < KRV_EXT_SECTIONS ? EXT_NAMES[number] : NAMES[sec];
 }
 
 int korva_lookup_ext_section_index(const char *name, krv_secidx_t *secp, boolean_t *compressed)

@@ -84,7 +84,8 @@ struct krv_handle {
 // The cursor of a section, one of extensions included.
 inline krv_fd_t *krv_section(krv_handle_t *hp, krv_secidx_t sec)
 {
-    return sec >= KRV_SEC_EXT_LINE_STR ? &hp->sh_ext_sec[sec - KRV_SEC_EXT_LINE_STR] : &hp->sh_sec[sec];
+    const unsigned int number = static_cast<unsigned int>(sec) - KRV_SEC_EXT_LINE_STR;
+    return number < KRV_EXT_SECTIONS ? &hp->sh_ext_sec[number] : &hp->sh_sec[sec];
 }
 
 inline bool krv_reads_as_written(const krv_handle_t *hp)
