@@ -112,7 +112,7 @@ typedef struct krv_elf_note {
     const char *pass;    /**< what was being done: "attach", "debug-file", "relocations", or "reading" by the handle */
     const char *section; /**< section it speaks of */
     uint64_t offset;     /**< offset in that section */
-    int refused; /**< 1: this part of the file cannot be read; 0: it reads well, as or without what the text names */
+    int refused;         /**< 1: this cannot be read; 0: it reads well, as the text says */
     const char *text;
 } krv_elf_note_t;
 
