@@ -59,12 +59,13 @@ inline krv_encoding_t krv_encoding(const krv_handle_t *hp, uint32_t flags = 0)
 int krv_decode_form(krv_fd_t *fdp, krv_form_t form, const krv_encoding_t &encoding, bool is_signed, void *dst,
                     size_t size, size_t *sizep);
 
-// Widths of the numbers of each form that always have the same; 0 of the other forms.
+// Widths of the numbers of each form; 0 of the other forms, and where the unit's version counts, too.
 consteval std::array<uint8_t, krv_form_table.size()> krv_make_number_widths()
 {
     std::array<uint8_t, krv_form_table.size()> widths{};
     for (size_t form = 0; form < widths.size(); ++form)
-        widths[form] = krv_form_table[form].family == krv_family_t::number ? krv_form_table[form].width : 0;
+        if (krv_form_table[form].family == krv_family_t::number && krv_form_table[form].width != KRV_WIDTH_UNIT)
+            widths[form] = krv_form_table[form].width;
     return widths;
 }
 constexpr auto krv_number_widths = krv_make_number_widths();
@@ -74,9 +75,7 @@ inline size_t krv_number_width(krv_form_t form, const krv_encoding_t &encoding, 
     const size_t width = form < forms ? krv_number_widths[form] : 0;
     if (width <= sizeof(uint64_t))
         return width;
-    const bool is_address =
-        width == KRV_WIDTH_ADDRESS || (forms == KRV_ALL_FORMS && width == KRV_WIDTH_UNIT && encoding.version == 2);
-    const bool is_long = is_address ? encoding.address_size != 4 : encoding.is_dwarf64;
+    const bool is_long = width == KRV_WIDTH_ADDRESS ? encoding.address_size != 4 : encoding.is_dwarf64;
     return is_long ? 8 : 4;
 }
 

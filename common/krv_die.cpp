@@ -141,9 +141,20 @@ krv_au_t *krv_cu_abbrevs(krv_handle_t *hp, krv_ctu_t *cu)
 }
 
 // Values that entries of DWARF 5 have many of. False: none of them, and nothing has changed.
-static inline bool read_later_value(const krv_view_t &view, krv_form_t form, krv_value_t *value, uint64_t *done)
+static inline bool read_later_value(const krv_view_t &view, const krv_encoding_t &encoding, krv_form_t form,
+                                    krv_value_t *value, uint64_t *done)
 {
-    switch (krv_form_row(form, KRV_ALL_FORMS).family) {
+    const krv_form_row_t row = krv_form_row(form, KRV_ALL_FORMS);
+    switch (row.family) {
+    case krv_family_t::number: { // the offset of an entry, or at the section's end
+        const size_t width = krv_form_width(row, encoding);
+        if (*done > view.size || width > view.size - *done)
+            return false;
+        value->sa_u.su_unsigned = 0;
+        std::memcpy(&value->sa_u.su_unsigned, view.bytes + *done, width);
+        *done += width;
+        break;
+    }
     case krv_family_t::implicit: // resolve_values knows it
     case krv_family_t::present:
         value->sa_u.su_unsigned = 1;
@@ -185,7 +196,7 @@ static bool read_values(krv_fd_t *fdp, const krv_encoding_t &encoding, const krv
             done += width;
             continue;
         }
-        if (FORMS == KRV_ALL_FORMS && read_later_value(view, form, value, &done))
+        if (FORMS == KRV_ALL_FORMS && read_later_value(view, encoding, form, value, &done))
             continue;
         krv_fd_t fd = *fdp;
         krv_fd_advance(&fd, done);

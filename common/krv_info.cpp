@@ -174,8 +174,6 @@ static krv_ctu_t *keep_unit(krv_handle_t *hp, const krv_ctu_t *cu, const krv_sin
     if (kept == nullptr)
         return nullptr;
     *kept = *cu;
-    if (kept->dcu_kind == KRV_UNIT_COMPILE && die->dwdie_abbrev_cache->dwa_tag == DW_TAG_partial_unit)
-        kept->dcu_kind = KRV_UNIT_PARTIAL;
     if (by_itself)
         die->dwdie_abbrev_cache = copy_abbrev(&single->ssa_abbrev, reinterpret_cast<krv_abbrev_t *>(kept + 1));
     char *names = reinterpret_cast<char *>(kept + 1) + abbrev_size;

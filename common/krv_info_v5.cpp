@@ -70,6 +70,8 @@ int krv_info_read_later_header(krv_handle_t *hp, krv_ctu_t *cu, krv_fd_t *fdp)
 void krv_cu_take_bases(krv_ctu_t *cu, const krv_die_t *die)
 {
     const krv_abbrev_t *abbrev = die->dwdie_abbrev_cache;
+    if (cu->dcu_kind == KRV_UNIT_COMPILE && abbrev->dwa_tag == DW_TAG_partial_unit)
+        cu->dcu_kind = KRV_UNIT_PARTIAL;
     for (uint32_t i = 0; i < abbrev->dwa_nafpairs; ++i) {
         const uint64_t number = die->dwdie_attrs[i].sa_u.su_unsigned;
         switch (abbrev->dwa_afpairs[i].dwafp_attribute) {
