@@ -161,8 +161,9 @@ constexpr krv_expr_rows_t krv_expr_extended_rows = make_extended();
 
 static_assert(
     [] {
-#define KRV_ONE(name, value) +(krv_expr_extended_rows.rows[name].version == 5 ? 1 : 0)
-        return 0 KRV_DW_OP_EXT(KRV_ONE) == 23;
-#undef KRV_ONE
+        unsigned defined = 0;
+        for (const idata &row : krv_expr_extended_rows.rows)
+            defined += row.version == 5;
+        return defined == 23;
     }(),
     "a row for every operation");
