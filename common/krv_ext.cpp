@@ -33,12 +33,14 @@ static int too_late(krv_handle_t *hp, const char *what)
 
 int krv_ext_set_opt(krv_handle_t *hp, krv_opt_idx_t opt, uint64_t value)
 {
+    krv_opt_t option = {};
+    option.sopt_u.o_uint64 = value;
     if (opt == KRV_OPT_EXT_NOTE_FUNC) {
-        hp->sh_note_func = reinterpret_cast<krv_note_f *>(value);
+        hp->sh_note_func = reinterpret_cast<krv_note_f *>(option.sopt_u.o_addr);
         return 0;
     }
     if (opt == KRV_OPT_EXT_NOTE_FUNC_ARG) {
-        hp->sh_note_arg = reinterpret_cast<void *>(value);
+        hp->sh_note_arg = option.sopt_u.o_addr;
         return 0;
     }
     const uint32_t flag = opt == KRV_OPT_EXT_DWARF5 ? KRV_EXT_DWARF5 : KRV_EXT_AS_WRITTEN;
