@@ -256,8 +256,8 @@ krv_ctu_t *krv_cu_alloc(krv_handle_t *hp, krv_secidx_t sec, uint64_t offset, con
     std::unique_ptr<krv_die_t, krv_die_deleter> die;
     krv_ctu_t *kept = nullptr;
     if (krv_info_hdr_read(hp, &cu, sec, offset) == 0) {
-        if (cu.dcu_kind !=
-            0) { // NOLINT(clang-analyzer-core.UndefinedBinaryOperatorResult): the header was read into it
+        // The header was read into it. NOLINTNEXTLINE(clang-analyzer-core.UndefinedBinaryOperatorResult)
+        if (cu.dcu_kind != 0) {
             cu.dcu_compile_unit = krv_alloc_first_die(hp, &cu, &single);
             die.reset(cu.dcu_compile_unit);
             kept = die == nullptr ? nullptr : keep_unit(hp, &cu, &single, before);
