@@ -26,7 +26,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     std::vector<uint8_t> buffer(room);
     krv_fd_t block = {};
     korva_fd_attach(h, &block, room == 0 ? 1 : room, KRV_FD_TYPE_MEMORY, buffer.data());
-    const bool to_block = form == 0x03 || form == 0x04 || form == 0x09 || form == 0x0a || form == 0x18;
+    const bool to_block = form == 0x03 || form == 0x04 || form == 0x09 || form == 0x0a || form == 0x18 ||
+                          (in.is_extended() && form == 0x1e); // DW_FORM_data16
     for (int i = 0; i < 64 && form != 0x16; ++i)
         if (korva_decode_form(&fd, form, flags, to_block ? static_cast<void *>(&block) : buffer.data(), room,
                               nullptr) != 0)

@@ -25,7 +25,7 @@ enum {
     /**
      * (early) Units and line-number programs of DWARF 5 are read, and those of other versions than 2 to 5 are stepped
      * over and noted. Attribute forms up to DWARF 5, and those that GNU tools write for the alternate file of dwz and for
-     * split units, are known.
+     * split units, are known: korva_decode_form gives DW_FORM_data16 as a block, and values by index as the index.
      */
     KRV_OPT_EXT_DWARF5 = 0x1000,
     /**
