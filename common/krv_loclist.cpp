@@ -10,47 +10,24 @@
 #include "krv_ext.h"
 #include "krv_ranges.h"
 
-namespace
-{
-
-// Where an item of a list holds.
-enum class place { end, none, range, anywhere, failed };
-
-} // namespace
-
-static place place_of(krv_range_item item)
-{
-    switch (item) {
-    case krv_range_item::end:
-        return place::end;
-    case krv_range_item::none:
-        return place::none;
-    case krv_range_item::range:
-        return place::range;
-    case krv_range_item::failed:
-        break;
-    }
-    return place::failed;
-}
-
-static place read_item(krv_ranges_t *list, uint64_t *startp, uint64_t *endp)
+// An item of .debug_loclists. *is_default: it holds wherever no other does, and is no range.
+static krv_range_item read_item(krv_ranges_t *list, uint64_t *startp, uint64_t *endp, bool *is_default)
 {
     uint8_t kind = 0;
     if (krv_decode(&list->sr_fd, DW_FORM_data1, &kind) != 0)
-        return place::failed;
-    uint64_t view;
-    switch (kind) {
-    case DW_LLE_default_location:
-        return place::anywhere;
-    case DW_LLE_GNU_view_pair:
-        return krv_decode(&list->sr_fd, DW_FORM_udata, &view) == 0 &&
-                       krv_decode(&list->sr_fd, DW_FORM_udata, &view) == 0
-                   ? place::none
-                   : place::failed;
-    default: // those behind the default location are numbered one higher than in range lists
-        return place_of(krv_ranges_read_item(
-            list, kind < DW_LLE_default_location ? kind : static_cast<uint8_t>(kind - 1), startp, endp));
+        return krv_range_item::failed;
+    *is_default = kind == DW_LLE_default_location;
+    if (*is_default)
+        return krv_range_item::none;
+    if (kind == DW_LLE_GNU_view_pair) {
+        uint64_t view;
+        const bool sound =
+            krv_decode(&list->sr_fd, DW_FORM_udata, &view) == 0 && krv_decode(&list->sr_fd, DW_FORM_udata, &view) == 0;
+        return sound ? krv_range_item::none : krv_range_item::failed;
     }
+    if (kind > DW_LLE_default_location) // in range lists they are numbered one lower
+        --kind;
+    return krv_ranges_read_item(list, kind, startp, endp);
 }
 
 // Moves the list's cursor behind the expression, which is then *expr.
@@ -78,20 +55,21 @@ int krv_find_location(krv_handle_t *hp, const krv_ctu_t *cu, uint64_t offset, ui
     if (krv_ranges_begin_list(hp, cu, sec, offset, &list) != 1)
         return -1;
     krv_fd_t fallback = {};
-    place where = place::none;
-    while (where != place::end) { // each turn consumes a byte at least
+    krv_range_item item = krv_range_item::none;
+    while (item != krv_range_item::end) { // each turn consumes a byte at least
         uint64_t start = 0, end = 0;
+        bool is_default = false;
         krv_fd_t here = {};
-        where = is_v5 ? read_item(&list, &start, &end) : place_of(krv_ranges_read_pair(&list, &start, &end));
-        const bool has_expression = where == place::range || where == place::anywhere;
-        if (where == place::failed || (has_expression && !read_expression(&list, is_v5, &here)))
+        item = is_v5 ? read_item(&list, &start, &end, &is_default) : krv_ranges_read_pair(&list, &start, &end);
+        const bool is_range = item == krv_range_item::range;
+        if (item == krv_range_item::failed || ((is_range || is_default) && !read_expression(&list, is_v5, &here)))
             return krv_note(hp, "failed to read the location list at offset 0x%lx of %s",
                             static_cast<unsigned long>(offset), krv_section_name(sec));
-        if (where == place::range && start <= pc && pc < end) {
+        if (is_range && start <= pc && pc < end) {
             *expr = here;
             return 0;
         }
-        if (where == place::anywhere)
+        if (is_default)
             fallback = here;
     }
     krv_clear_error(hp);

@@ -114,7 +114,8 @@ KORVA_API int korva_find_location(krv_handle_t *hp, krv_ctu_t *cup, uint64_t lis
  * table does not have count as 0.
  */
 
-/** Kinds of units, DW_UT_* of DWARF 5; units of earlier versions are compile units, or partial ones by their tag. */
+/** Kinds of units, DW_UT_* of DWARF 5; units of earlier versions are compile units, or, where an extension is on,
+ * partial ones by their tag. */
 enum {
     KRV_UNIT_COMPILE = 1,
     KRV_UNIT_TYPE = 2,
@@ -142,7 +143,7 @@ typedef struct krv_cu_header {
     uint64_t offset;        /**< of the unit's first byte in .debug_info */
     uint64_t size;          /**< bytes of the whole unit, its length field included */
     uint64_t abbrev_offset; /**< of its abbreviation table in .debug_abbrev */
-    uint16_t version;       /**< as written; the library reads 2 to 4 and does not check it */
+    uint16_t version;       /**< as written; not checked unless an extension is on */
     uint8_t address_size;   /**< as written; addresses are read with the handle's size */
     uint8_t dwarf64;        /**< 1 when the unit uses the 64-bit DWARF format, else 0 */
 } krv_cu_header_t;
