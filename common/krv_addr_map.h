@@ -1,0 +1,62 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// From addresses to what covers them, of ranges that may overlap: units, functions, inlined calls.
+#ifndef KRV_ADDR_MAP_H
+#define KRV_ADDR_MAP_H
+
+#include "krv_mem.h"
+#include "krv_search.h"
+#include "krv_types.h"
+
+constexpr uint32_t KRV_ADDR_NOTHING = UINT32_MAX;
+
+// The bounds of all ranges, ascending, cut the address space into pieces; each piece belongs to one owner or none.
+struct krv_addr_map {
+    uint64_t *sam_bounds; // owned: where pieces begin
+    uint32_t *sam_owners; // owned: of each piece its owner, or KRV_ADDR_NOTHING
+    size_t sam_pieces;    // their number
+};
+
+struct krv_addr_range {
+    uint64_t start, end;
+    uint32_t owner;
+};
+
+// Ranges while they are collected.
+struct krv_addr_ranges {
+    krv_addr_range *ranges = nullptr;
+    size_t size = 0, entries = 0;
+
+    krv_addr_ranges() = default;
+    ~krv_addr_ranges() { krv_free(ranges); }
+    krv_addr_ranges(const krv_addr_ranges &) = delete;
+    krv_addr_ranges &operator=(const krv_addr_ranges &) = delete;
+
+    // Takes a range that covers at least one address. False: KRV_ERR_NOMEM.
+    bool append(krv_handle_t *hp, const krv_addr_range &range)
+    {
+        if (range.start >= range.end)
+            return true;
+        if (!krv_table_grow(hp, &ranges, &size, entries, size_t{16}))
+            return false;
+        ranges[entries++] = range;
+        return true;
+    }
+};
+
+// Which of several ranges that cover an address owns it.
+enum class krv_paint { first, last };
+
+// False with KRV_ERR_NOMEM: the map is to be freed all the same.
+bool krv_addr_map_make(krv_handle_t *hp, const krv_addr_ranges &ranges, krv_paint paint, krv_addr_map *map);
+void krv_addr_map_free(krv_addr_map *map);
+
+// The owner of an address, or KRV_ADDR_NOTHING.
+inline uint32_t krv_addr_map_find(const krv_addr_map *map, uint64_t address)
+{
+    const auto bound = [](uint64_t start) { return start; };
+    const size_t begun = krv_count_not_above(map->sam_bounds, map->sam_pieces, address, bound);
+    return begun == 0 ? KRV_ADDR_NOTHING : map->sam_owners[begun - 1];
+}
+
+#endif
