@@ -216,6 +216,16 @@ KORVA_API int korva_elf_lookup_source(krv_elf_t *elf, uint64_t address, krv_elf_
                                       krv_elf_error_t *errorp);
 
 /**
+ * The name in its language of a symbol of C++, Rust (both manglings) or D: as c++filt shows it, without Rust's hashes. Needs
+ * no file; any number of threads may ask.
+ *
+ * Stores it in the @p size bytes of @p buf, cut where it does not fit and always terminated, and returns its length, which
+ * is @p size or more when it was cut. Returns 0, with an empty text, for what is no such symbol, and for one that is too
+ * long (16 KiB; of C++ and D some 1,000 bytes), stands for more than 64 KiB, or finds no memory.
+ */
+KORVA_API size_t korva_elf_demangle(const char *name, char *buf, size_t size);
+
+/**
  * The load bias of the file when its byte at @p file_offset is mapped at @p address: what must be added to an address
  * of the file to get the address in memory (the value for KRV_OPT_BASE_ADDR).
  *

@@ -24,6 +24,18 @@ inline error loader_error(const krv_elf_error_t &why)
 
 } // namespace detail
 
+/** korva_elf_demangle: empty when the symbol is of no language that mangles its names, or of one that is too long. */
+inline std::string demangle(const char *name)
+{
+    std::string plain(127, '\0');
+    const std::size_t size = korva_elf_demangle(name, plain.data(), plain.size() + 1);
+    const bool was_cut = size > plain.size();
+    plain.resize(size);
+    if (was_cut)
+        korva_elf_demangle(name, plain.data(), plain.size() + 1);
+    return plain;
+}
+
 /** An opened file that somebody else owns. What it hands out lives as long as the file. */
 class elf_view
 {

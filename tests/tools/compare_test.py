@@ -308,10 +308,6 @@ def sample_addresses(functions):
 SPLIT = re.compile(r'(\.cold|\.part\.\d+|\.constprop\.\d+|\.isra\.\d+)+$')
 
 
-# Names that are demangled as those of C++, or not at all.
-RUST = re.compile(r'^_R|::h[0-9a-f]{16}$')
-
-
 class Names:
     """Which function name is right where addr2line does not name the symbol that holds the code."""
 
@@ -414,9 +410,7 @@ def compare_answer(flags, names, address, answer, other, known):
     *theirs, expected = other
     # Without a line addr2line still names a file for local symbols ("crtstuff.c:?"), from the symbol table.
     same_place = place == (known or expected)
-    if 'C' in flags[-1] and RUST.search(ours[-1]):
-        same_name = True
-    elif address in names.same:  # -f came first: the same symbol has the same C++ name
+    if address in names.same:  # -f came first: the same symbol has the same C++ name
         same_name = ours[-1] == theirs[-1]
     else:
         same_name = 'C' in flags[-1] or names.agree(address, ours[-1], theirs[-1])

@@ -148,7 +148,7 @@ answer addr_run::find(const question &q)
         a.has_function = true;
         const char *symbol = found.function->name;
         if (m_options.demangle)
-            a.function = m_function = m_is_gnu ? demangle(symbol) : function_name(symbol, true);
+            a.function = m_function = m_is_gnu ? demangle_or_keep(symbol) : function_name(symbol, true);
         else // GNU addr2line shows it whole
             a.function = m_is_gnu ? symbol : unversioned(symbol);
     }
@@ -359,7 +359,7 @@ void add_addr(CLI::App &app, int *status)
                      "Hexadecimal address, with or without 0x, or symbol+offset; from standard input, one a line, when "
                      "none is given");
     verb->add_option("-j,--section", options->section, "Addresses are offsets into this section");
-    verb->add_flag("-C,--demangle", options->demangle, "Show C++ functions by their C++ names");
+    verb->add_flag("-C,--demangle", options->demangle, "Show names of C++, Rust and D as these write them");
     verb->add_flag("-s,--basenames", options->basenames, "Show file names without folders");
     verb->add_flag("-a,--addresses", options->addresses, "Show the address (gnu; the other formats always do)");
     verb->add_flag("-f,--functions", options->functions, "Show the function (gnu; the other formats always do)");

@@ -338,7 +338,7 @@ void add_stack(CLI::App &app, int *status)
                      "Frames of a thread, at most (0: as many as there are, up to 4096)");
     verb->add_option("--tid", options->tid, "This thread only")->check(check_id)->type_name("TID");
     verb->add_flag("-1", options->first_only, "The first thread only: the main one, or the one that failed");
-    verb->add_flag("-C,--demangle", options->demangle, "Show C++ functions by their C++ names");
+    verb->add_flag("-C,--demangle", options->demangle, "Show names of C++, Rust and D as these write them");
     verb->add_flag("-s,--basenames", options->basenames, "Show file names without folders");
     verb->add_flag("-a,--arguments", options->wanted.arguments,
                    "Show arguments where the call-frame information has them");

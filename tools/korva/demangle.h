@@ -7,8 +7,8 @@
 namespace korva::program
 {
 
-/** The C++ name behind a symbol's, or the name itself when it is no mangled one, or one that is too long to be shown. */
-std::string demangle(const char *name);
+/** The name of C++, Rust or D behind a symbol's; or that itself when it is no mangled one, or one that is too long. */
+std::string demangle_or_keep(const std::string &symbol);
 
 /** A symbol's name without its version: f of f@@V_1. */
 std::string_view unversioned(const char *symbol);

@@ -78,7 +78,7 @@ static std::optional<uint64_t> parse_offset(std::string_view text, bool lenient)
     return parse_whole(text, is_hex ? 16 : 10);
 }
 
-// The functions of that name; else the C++ functions of that name; else the first of that name with a version.
+// The functions of that name; else those that it is demangled; else the first of that name with a version.
 std::vector<uint64_t> address_reader::find_symbol(const std::string &name)
 {
     const auto symbols = m_object.elf().symbols();
@@ -102,10 +102,10 @@ std::vector<uint64_t> address_reader::find_symbol(const std::string &name)
         if (m_plain.empty())
             for (const krv_elf_symbol_t &symbol : symbols)
                 if (symbol.name[0] == '_')
-                    m_plain.emplace(hash(demangle(symbol.name)), &symbol);
+                    m_plain.emplace(hash(demangle_or_keep(symbol.name)), &symbol);
         const auto [begin, end] = m_plain.equal_range(hash(name));
         for (auto at = begin; at != end; ++at)
-            if (demangle(at->second->name) == name)
+            if (demangle_or_keep(at->second->name) == name)
                 found.push_back(at->second->address);
         std::sort(found.begin(), found.end());
     }
