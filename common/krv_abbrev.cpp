@@ -473,7 +473,8 @@ static krv_au_t *make_unit(table_builder *t)
            t->pairs.size == 0 ? nullptr : pairs,
            t->pairs.size,
            nullptr,
-           t->offset};
+           t->offset,
+           {}};
     return in_order || sort_codes(t->hp, au.get()) == 0 ? au.release() : nullptr;
 }
 
@@ -507,6 +508,8 @@ krv_au_t *krv_abbrev_unit_alloc(krv_handle_t *hp, uint64_t offset)
 void krv_abbrev_unit_free(krv_au_t *au)
 {
     krv_free(au->sau_by_code);
+    for (krv_plan *plan : au->sau_plans)
+        krv_free(plan);
     krv_free(au);
 }
 

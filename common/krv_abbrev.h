@@ -6,6 +6,8 @@
 
 #include "krv_types.h"
 
+struct krv_plan;
+
 // One (attribute, form) pair.
 struct krv_afpair_t {
     krv_attribute_t dwafp_attribute;
@@ -36,6 +38,7 @@ struct krv_au_t {
     uint64_t sau_afpair_table_entries;
     uint32_t *sau_by_code;   // owned: indices by ascending code; NULL when the codes are 1, 2, 3, ... in section order
     krv_offset_t sau_offset; // in .debug_abbrev
+    krv_plan *sau_plans[4];  // owned: krv_cu_plan; NULL until entries are walked
 };
 
 // One abbreviation by itself, with its pairs.

@@ -38,6 +38,7 @@
     X(DW_AT_deleted, 0x8a) \
     X(DW_AT_defaulted, 0x8b) \
     X(DW_AT_loclists_base, 0x8c) \
+    X(DW_AT_MIPS_linkage_name, 0x2007) \
     X(DW_AT_sf_names, 0x2101) \
     X(DW_AT_src_info, 0x2102) \
     X(DW_AT_mac_info, 0x2103) \

@@ -4,76 +4,13 @@
 // memory are stepped over without a record.
 #include "krv_functions.h"
 
-#include "krv_code.h"
 #include "krv_dwarf.h"
 #include "krv_error.h"
 #include "krv_fd.h"
 #include "krv_mem.h"
+#include "krv_skip.h"
 
 using die_owner = std::unique_ptr<krv_die_t, krv_die_deleter>;
-
-// What follows a number of LEB128; NULL: cut off, or long.
-static const uint8_t *skip_number(const uint8_t *at, const uint8_t *end, uint64_t *valuep)
-{
-    if (const uint8_t *next = krv_scan_short_uleb128(at, end, valuep))
-        return next;
-    const unsigned int width = krv_scan_uleb128({at, static_cast<uint64_t>(end - at)}, valuep);
-    return width == 0 ? nullptr : at + width;
-}
-
-// What follows `count` bytes; NULL: there are not so many.
-static const uint8_t *skip_bytes(const uint8_t *at, const uint8_t *end, uint64_t count)
-{
-    return count > static_cast<uint64_t>(end - at) ? nullptr : at + count;
-}
-
-static const uint8_t *skip_block(const uint8_t *at, const uint8_t *end, unsigned int width)
-{
-    uint64_t length = 0;
-    const uint8_t *bytes = at;
-    if (width == 0) {
-        bytes = skip_number(at, end, &length);
-    } else {
-        bytes = skip_bytes(at, end, width);
-        if (bytes != nullptr)
-            std::memcpy(&length, at, width);
-    }
-    return bytes == nullptr ? nullptr : skip_bytes(bytes, end, length);
-}
-
-// What follows a value; NULL: cut off, or of a form that only its bytes tell.
-static const uint8_t *skip_value(const uint8_t *at, const uint8_t *end, krv_form_t form, const krv_encoding_t &encoding)
-{
-    if (const size_t width = krv_number_width(form, encoding, encoding.forms); width != 0)
-        return skip_bytes(at, end, width);
-    const krv_form_row_t row = krv_form_row(form, encoding.forms);
-    uint64_t unused;
-    switch (row.family) {
-    case krv_family_t::uleb128:
-    case krv_family_t::sleb128:
-        return skip_number(at, end, &unused);
-    case krv_family_t::string: {
-        const void *nul = std::memchr(at, 0, static_cast<size_t>(end - at));
-        return nul == nullptr ? nullptr : static_cast<const uint8_t *>(nul) + 1;
-    }
-    case krv_family_t::block:
-        return skip_block(at, end, row.width);
-    case krv_family_t::number:
-    case krv_family_t::strp:
-    case krv_family_t::opaque:
-    case krv_family_t::line_strp:
-    case krv_family_t::alt_strp:
-    case krv_family_t::bytes:
-        return skip_bytes(at, end, krv_form_width(row, encoding));
-    case krv_family_t::present:
-    case krv_family_t::implicit:
-        return at;
-    case krv_family_t::indirect:
-    case krv_family_t::unknown:
-        break;
-    }
-    return nullptr;
-}
 
 static bool is_function_with_code(const krv_abbrev_t *abbrev)
 {
@@ -94,14 +31,14 @@ static const uint8_t *skip_entries(const uint8_t *at, const uint8_t *end, const 
 {
     while (at != end) {
         uint64_t code = 0;
-        const uint8_t *value = skip_number(at, end, &code);
+        const uint8_t *value = krv_skip_number(at, end, &code);
         if (value != nullptr && code != 0) {
             const krv_abbrev_t *abbrev = krv_abbrev_at_its_code(au, code);
             if (abbrev == nullptr || is_function_with_code(abbrev) || abbrev->dwa_nafpairs > *left)
                 return at;
             *left -= abbrev->dwa_nafpairs;
             for (uint32_t i = 0; i < abbrev->dwa_nafpairs && value != nullptr; ++i)
-                value = skip_value(value, end, abbrev->dwa_afpairs[i].dwafp_form, encoding);
+                value = krv_skip_value(value, end, abbrev->dwa_afpairs[i].dwafp_form, encoding);
         }
         if (value == nullptr)
             return at;

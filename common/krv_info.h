@@ -16,6 +16,8 @@ constexpr uint32_t KRV_CU_FLAG_DWO_ID = 0x2;
 // The tables that values of entries may count in (DWARF 5, 7.26 to 7.29).
 enum krv_base_t : unsigned { KRV_BASE_STR_OFFSETS, KRV_BASE_ADDR, KRV_BASE_RNGLISTS, KRV_BASE_LOCLISTS, KRV_BASES };
 
+struct krv_calls;
+
 // One compilation unit. The fields from dcu_abbrev_unit on are filled on first use and published atomically, except
 // dcu_size and those of the first entry.
 struct krv_ctu {
@@ -39,6 +41,7 @@ struct krv_ctu {
     uint32_t dcu_flags;            // KRV_CU_FLAG_*
     uint8_t dcu_kind;              // KRV_UNIT_*; 0: stepped over, its first entry stands for none
     uint64_t dcu_bases[KRV_BASES]; // by krv_base_t, where values of its entries count from
+    krv_calls *dcu_calls;          // its functions by address, the handle's; NULL until they are asked for
 };
 
 // How the unit's values are encoded; addresses are as wide as the target's, whatever its header says.

@@ -5,12 +5,14 @@
 
 #include "krv_abbrev.h"
 #include "krv_addr_index.h"
+#include "krv_calls.h"
 #include "krv_error.h"
 #include "krv_ext.h"
 #include "krv_fd.h"
 #include "krv_frame_reader.h"
 #include "krv_line.h"
 #include "krv_mem.h"
+#include "krv_named.h"
 #include "krv_units.h"
 
 #include <cstdarg>
@@ -156,6 +158,8 @@ void korva_handle_free(krv_handle_t *hp)
         return;
     krv_destroy_reader(hp);
     krv_addr_index_destroy(hp);
+    krv_calls_destroy(hp);
+    krv_named_destroy(hp);
     krv_lookup_destroy_cu_caches(hp);
     krv_line_destroy_caches(hp);
     krv_abbrev_destroy_caches(hp);

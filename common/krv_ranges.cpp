@@ -69,7 +69,7 @@ int krv_ranges_begin_list(krv_handle_t *hp, const krv_ctu_t *cu, krv_secidx_t se
         return krv_fail(hp, KRV_ERR_CORRUPT, "%s list at offset 0x%lx leads out of %s",
                         sec == KRV_SEC_EXT_RANGES || sec == KRV_SEC_EXT_RNGLISTS ? "range" : "location",
                         static_cast<unsigned long>(offset), krv_section_name(sec));
-    const krv_value_t *base = find_code_values(cu->dcu_compile_unit).low;
+    const krv_value_t *base = cu->dcu_compile_unit == nullptr ? nullptr : find_code_values(cu->dcu_compile_unit).low;
     ranges->sr_base = is_of(base, KRV_CLASS_ADDRESS) ? base->sa_u.su_unsigned : 0;
     return 1;
 }
@@ -100,6 +100,48 @@ int krv_ranges_begin(krv_handle_t *hp, const krv_ctu_t *cu, const krv_die_t *die
     if (is_of(found.high, KRV_CLASS_CONSTANT)) // a length (DWARF 4, 2.17.2)
         ranges->sr_high = (ranges->sr_high + ranges->sr_low) & highest_address(hp);
     return 1;
+}
+
+int krv_ranges_begin_entry(krv_handle_t *hp, const krv_place_t &place, const krv_entry_t *entry, krv_ranges_t *ranges)
+{
+    krv_entry_t reading = *entry;
+    krv_entry_rewind(place, &reading);
+    bool has_low = false, has_high = false, has_list = false, is_length = false; // the first of a kind counts
+    uint64_t low = 0, high = 0, list = 0;
+    krv_attr_t attr;
+    int read;
+    while ((read = krv_entry_read_attr(hp, place, &reading, &attr)) == 1) {
+        switch (attr.attribute) {
+        case DW_AT_low_pc:
+            low = has_low ? low : attr.number;
+            has_low = has_low || attr.kind == KRV_ATTR_ADDRESS;
+            break;
+        case DW_AT_high_pc:
+            high = has_high ? high : attr.number;
+            is_length = has_high ? is_length : attr.kind == KRV_ATTR_CONSTANT;
+            has_high = has_high || attr.kind == KRV_ATTR_ADDRESS || attr.kind == KRV_ATTR_CONSTANT;
+            break;
+        case DW_AT_ranges:
+            list = has_list ? list : attr.number;
+            has_list = has_list || attr.kind == KRV_ATTR_SECTION || attr.kind == KRV_ATTR_CONSTANT;
+            break;
+        default:
+            break;
+        }
+    }
+    if (read != 0)
+        return -1;
+    const krv_ctu_t *cu = entry->unit;
+    if (has_list)
+        return krv_ranges_begin_list(hp, cu, cu->dcu_version < 5 ? KRV_SEC_EXT_RANGES : KRV_SEC_EXT_RNGLISTS, list,
+                                     ranges);
+    *ranges = {};
+    ranges->sr_hp = hp;
+    ranges->sr_cu = cu;
+    ranges->sr_section = KRV_SEC_NONE;
+    ranges->sr_low = low;
+    ranges->sr_high = is_length ? (low + high) & highest_address(hp) : high;
+    return has_low && has_high;
 }
 
 static unsigned long list_offset(const krv_ranges_t *ranges)

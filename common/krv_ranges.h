@@ -5,6 +5,7 @@
 #ifndef KRV_RANGES_H
 #define KRV_RANGES_H
 
+#include "krv_entry.h"
 #include "krv_info.h"
 #include "krv_types.h"
 
@@ -34,8 +35,9 @@ krv_range_item krv_ranges_read_pair(krv_ranges_t *ranges, uint64_t *startp, uint
 krv_range_item krv_ranges_read_item(krv_ranges_t *ranges, uint8_t kind, uint64_t *startp, uint64_t *endp);
 
 // Prepares to read the ranges of an entry of the unit. 1, 0 when the entry does not say where its code is, or -1 with
-// messages.
+// messages. The second of an entry in place.
 int krv_ranges_begin(krv_handle_t *hp, const krv_ctu_t *cu, const krv_die_t *die, krv_ranges_t *ranges);
+int krv_ranges_begin_entry(krv_handle_t *hp, const krv_place_t &place, const krv_entry_t *entry, krv_ranges_t *ranges);
 
 // The next range, which is not empty. 1, 0 behind the last one, or -1 with messages: KRV_ERR_CORRUPT where the list is
 // damaged, not ended, or too long for *sr_left.

@@ -9,7 +9,9 @@
 #include "krv_synch.h"
 
 struct krv_addr_index;
+struct krv_calls;
 struct krv_hash;
+struct krv_named;
 struct krv_reader;
 struct krv_retired;
 struct krv_sets;
@@ -73,8 +75,11 @@ struct krv_handle {
     krv_sets *sh_sets;                     // what .debug_aranges says, as written; built on first use, published last
     krv_addr_index *sh_addr_sets;          // units that it names by address, published by compare-and-swap
     krv_relaxed<uint64_t> sh_ranges_read;  // bytes of range lists that were read for units
+    krv_relaxed<uint64_t> sh_calls_read;   // and for functions and inlined calls
     krv_note_f *sh_note_func;              // NULL: nobody wants to know
     void *sh_note_arg;
+    krv_calls *sh_calls;       // owned: those of all units, in no order
+    krv_named *sh_named;       // owned: functions and variables by name; built on first use, published last
     krv_code_range_t *sh_code; // owned: see krv_is_code
     uint32_t sh_code_size;
     uint32_t sh_code_entries;

@@ -1,0 +1,511 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "krv_calls.h"
+
+#include "krv_addr_map.h"
+#include "krv_dwarf.h"
+#include "krv_entry_seek.h"
+#include "krv_entry_walk.h"
+#include "krv_error.h"
+#include "krv_ext.h"
+#include "krv_fd.h"
+#include "krv_line.h"
+#include "krv_ranges.h"
+
+#include <algorithm>
+
+namespace
+{
+
+constexpr uint32_t NONE = KRV_ADDR_NOTHING;
+constexpr unsigned int MOST_ORIGINS = 32; // entries that one function's name is looked for in
+constexpr uint64_t MOST_READINGS = 4;     // of a byte of range lists, on the average
+constexpr size_t MOST_CALLS = 256;        // of a chain that a visitor is shown
+
+// A call that was inlined into a function. They stand in section order: callers before what they inline.
+struct inlined_call {
+    uint32_t entry;  // offset from the function's
+    uint32_t caller; // the call that it was inlined into; NONE: the function
+};
+
+struct inlined_calls {
+    krv_addr_map map;
+    inlined_call calls[];
+};
+
+struct function {
+    uint64_t entry;         // offset in the section
+    inlined_calls *inlined; // owned: NULL until it is asked for
+    uint32_t outer, depth;  // while they are collected: the function that it is nested in, or NONE; its level
+    bool has_inlined;
+};
+
+} // namespace
+
+struct krv_calls {
+    krv_addr_map sc_map;
+    function *sc_functions; // owned
+    uint32_t sc_size, sc_count;
+    krv_calls *sc_next; // of the handle's
+};
+
+static void free_inlined(inlined_calls *inlined)
+{
+    if (inlined != nullptr)
+        krv_addr_map_free(&inlined->map);
+    krv_free(inlined);
+}
+
+static void free_calls(krv_calls *calls)
+{
+    for (uint32_t i = 0; i < calls->sc_count; ++i)
+        free_inlined(calls->sc_functions[i].inlined);
+    krv_free(calls->sc_functions);
+    krv_addr_map_free(&calls->sc_map);
+    krv_free(calls);
+}
+
+namespace
+{
+
+struct calls_deleter {
+    void operator()(krv_calls *calls) const { free_calls(calls); }
+};
+struct inlined_deleter {
+    void operator()(inlined_calls *calls) const { free_inlined(calls); }
+};
+
+} // namespace
+
+// ---------------------------------------------------------------------------------------------------------------
+// Collecting
+// ---------------------------------------------------------------------------------------------------------------
+
+static uint64_t most_list_bytes(krv_handle_t *hp)
+{
+    const uint64_t size =
+        krv_add_offset(krv_section(hp, KRV_SEC_EXT_RANGES)->sfd_size, krv_section(hp, KRV_SEC_EXT_RNGLISTS)->sfd_size);
+    return size > UINT64_MAX / MOST_READINGS ? UINT64_MAX : MOST_READINGS * size;
+}
+
+// Adds the ranges of an entry. What can be read of a list that is damaged counts. False: KRV_ERR_NOMEM.
+static bool add_ranges(krv_handle_t *hp, const krv_place_t &place, const krv_entry_t *entry, uint32_t owner,
+                       krv_addr_ranges *to)
+{
+    krv_ranges_t ranges;
+    if (krv_ranges_begin_entry(hp, place, entry, &ranges) != 1)
+        return hp->sh_errno != KRV_ERR_NOMEM;
+    const uint64_t most = most_list_bytes(hp), read = hp->sh_calls_read;
+    uint64_t left = read < most ? most - read : 0, start, end;
+    const uint64_t allowed = left;
+    ranges.sr_left = &left;
+    while (krv_ranges_next(&ranges, &start, &end) == 1)
+        if (!to->append(hp, {start, end, owner}))
+            return false;
+    hp->sh_calls_read = read + (allowed - left);
+    return true;
+}
+
+// What could not be walked is not known, and told.
+static void tell_of_rest(krv_handle_t *hp, const krv_ctu_t *cu)
+{
+    krv_tell(hp, cu->dcu_section, cu->dcu_offset, false,
+             "functions and inlined calls of the unit at offset 0x%lx of %s are not all known: %s",
+             static_cast<unsigned long>(cu->dcu_offset), krv_section_name(cu->dcu_section), krv_cause(hp).text);
+    krv_clear_error(hp);
+}
+
+static bool is_inlined_with_code(const krv_planned_t *planned)
+{
+    return planned->abbrev->dwa_tag == DW_TAG_inlined_subroutine && planned->has_code();
+}
+
+// Adds a function, or notes of the one around it that it has inlined calls. *innermost is the function that was met last.
+static bool add_function(krv_handle_t *hp, const krv_place_t &place, const krv_entry_t &entry, uint32_t level,
+                         krv_calls *calls, uint32_t *innermost, krv_addr_ranges *ranges)
+{
+    while (*innermost != NONE && calls->sc_functions[*innermost].depth >= level)
+        *innermost = calls->sc_functions[*innermost].outer;
+    if (entry.tag != DW_TAG_subprogram) {
+        if (*innermost != NONE)
+            calls->sc_functions[*innermost].has_inlined = true;
+        return true;
+    }
+    if (!krv_table_grow(hp, &calls->sc_functions, &calls->sc_size, calls->sc_count, 16U))
+        return false;
+    calls->sc_functions[calls->sc_count] = {entry.offset, nullptr, *innermost, entry.depth, false};
+    *innermost = calls->sc_count++;
+    return add_ranges(hp, place, &entry, *innermost, ranges);
+}
+
+// NULL: KRV_ERR_NOMEM, or the unit's entries are not in memory.
+static krv_calls *collect_functions(krv_handle_t *hp, const krv_place_t &place, const krv_entry_t &first)
+{
+    std::unique_ptr<krv_calls, calls_deleter> calls(krv_new<krv_calls>(hp));
+    if (calls == nullptr)
+        return nullptr;
+    krv_addr_ranges ranges;
+    uint32_t innermost = NONE;
+    const int walked = krv_entry_walk(
+        hp, place, first,
+        [](const krv_planned_t *planned) {
+            return planned->has_code() && (planned->abbrev->dwa_tag == DW_TAG_subprogram ||
+                                           planned->abbrev->dwa_tag == DW_TAG_inlined_subroutine);
+        },
+        [&](const krv_entry_t &entry, uint32_t level) {
+            return add_function(hp, place, entry, level, calls.get(), &innermost, &ranges) ? krv_step::next
+                                                                                           : krv_step::stop;
+        });
+    if (walked == 1)
+        return nullptr;
+    if (walked == -1)
+        tell_of_rest(hp, first.unit);
+    if (!krv_table_trim(hp, &calls->sc_functions, &calls->sc_size, calls->sc_count) ||
+        !krv_addr_map_make(hp, ranges, krv_paint::last, &calls->sc_map))
+        return nullptr;
+    krv_clear_error(hp); // of ranges that are damaged
+    return calls.release();
+}
+
+namespace
+{
+
+// The inlined calls of a function while they are collected.
+struct collected_calls {
+    struct one {
+        inlined_call call;
+        uint32_t depth;
+    };
+    one *calls = nullptr;
+    uint32_t size = 0, count = 0;
+    uint32_t innermost = NONE; // that was met last
+    krv_addr_ranges ranges;
+
+    collected_calls() = default;
+    ~collected_calls() { krv_free(calls); }
+    collected_calls(const collected_calls &) = delete;
+    collected_calls &operator=(const collected_calls &) = delete;
+};
+
+} // namespace
+
+static bool add_inlined(krv_handle_t *hp, const krv_place_t &place, uint64_t function_entry, const krv_entry_t &entry,
+                        uint32_t level, collected_calls *to)
+{
+    while (to->innermost != NONE && to->calls[to->innermost].depth >= level)
+        to->innermost = to->calls[to->innermost].call.caller;
+    if (!krv_table_grow(hp, &to->calls, &to->size, to->count, 16U))
+        return false;
+    to->calls[to->count] = {{static_cast<uint32_t>(entry.offset - function_entry), to->innermost}, entry.depth};
+    to->innermost = to->count++;
+    return add_ranges(hp, place, &entry, to->innermost, &to->ranges);
+}
+
+static inlined_calls *collect_inlined(krv_handle_t *hp, const krv_place_t &place, const krv_entry_t &of)
+{
+    collected_calls found;
+    const int walked = krv_entry_walk(
+        hp, place, of,
+        [](const krv_planned_t *planned) {
+            return planned->abbrev->dwa_tag == DW_TAG_subprogram || is_inlined_with_code(planned);
+        },
+        [&](const krv_entry_t &entry, uint32_t level) {
+            if (entry.tag == DW_TAG_subprogram || entry.offset - of.offset > UINT32_MAX)
+                return krv_step::skip; // another function, which is asked for itself
+            return add_inlined(hp, place, of.offset, entry, level, &found) ? krv_step::next : krv_step::stop;
+        });
+    if (walked == 1)
+        return nullptr;
+    if (walked == -1)
+        tell_of_rest(hp, of.unit);
+    std::unique_ptr<inlined_calls, inlined_deleter> inlined(
+        static_cast<inlined_calls *>(krv_alloc(hp, sizeof(inlined_calls) + found.count * sizeof(inlined_call))));
+    if (inlined == nullptr)
+        return nullptr;
+    inlined->map = {};
+    for (uint32_t i = 0; i < found.count; ++i)
+        inlined->calls[i] = found.calls[i].call;
+    if (!krv_addr_map_make(hp, found.ranges, krv_paint::last, &inlined->map))
+        return nullptr;
+    krv_clear_error(hp);
+    return inlined.release();
+}
+
+// ---------------------------------------------------------------------------------------------------------------
+// Answers
+// ---------------------------------------------------------------------------------------------------------------
+
+namespace
+{
+
+// What covers an address.
+struct covering {
+    krv_ctu_t *unit;
+    uint32_t function; // of the unit's
+    uint32_t inlined;  // the innermost of the function's, or NONE
+};
+
+} // namespace
+
+static void keep_calls(krv_handle_t *hp, krv_calls *calls)
+{
+    calls->sc_next = krv_load(&hp->sh_calls);
+    while (
+        !__atomic_compare_exchange_n(&hp->sh_calls, &calls->sc_next, calls, false, __ATOMIC_ACQ_REL, __ATOMIC_ACQUIRE))
+        ;
+}
+
+void krv_calls_destroy(krv_handle_t *hp)
+{
+    for (krv_calls *calls = hp->sh_calls, *next; calls != nullptr; calls = next) {
+        next = calls->sc_next;
+        free_calls(calls);
+    }
+    hp->sh_calls = nullptr;
+}
+
+static const krv_calls *get_calls(krv_handle_t *hp, krv_ctu_t *cu)
+{
+    if (const krv_calls *calls = krv_load(&cu->dcu_calls))
+        return calls;
+    krv_entry_t first;
+    krv_place_t place;
+    if (krv_entry_load_at(hp, cu, cu->dcu_offset + cu->dcu_header_size, &first) != 0 ||
+        !krv_entry_place(hp, cu, &place))
+        return nullptr;
+    krv_calls *fresh = collect_functions(hp, place, first);
+    krv_calls *calls = fresh == nullptr ? nullptr : krv_publish(&cu->dcu_calls, fresh, free_calls);
+    if (calls == fresh && fresh != nullptr)
+        keep_calls(hp, fresh);
+    return calls;
+}
+
+static const inlined_calls *get_inlined(krv_handle_t *hp, krv_ctu_t *cu, function *of)
+{
+    if (const inlined_calls *inlined = krv_load(&of->inlined))
+        return inlined;
+    krv_entry_t entry;
+    krv_place_t place;
+    if (krv_entry_load_at(hp, cu, of->entry, &entry) != 0 || !krv_entry_place(hp, cu, &place))
+        return nullptr;
+    inlined_calls *fresh = collect_inlined(hp, place, entry);
+    return fresh == nullptr ? nullptr : krv_publish(&of->inlined, fresh, free_inlined);
+}
+
+// 0, or -1: KRV_ERR_NOTFOUND when no function covers the address.
+static int find_covering(krv_handle_t *hp, uint64_t address, covering *found)
+{
+    krv_ctu_t *cu = korva_lookup_ctu_by_addr(hp, address, KRV_LOOKUP_F_NONE);
+    const krv_calls *calls = cu == nullptr ? nullptr : get_calls(hp, cu);
+    if (calls == nullptr)
+        return -1;
+    *found = {cu, krv_addr_map_find(&calls->sc_map, address), NONE};
+    if (found->function == NONE)
+        return krv_fail_code(hp, KRV_ERR_NOTFOUND);
+    function *of = &calls->sc_functions[found->function];
+    if (!of->has_inlined)
+        return 0;
+    const inlined_calls *inlined = get_inlined(hp, cu, of);
+    if (inlined == nullptr)
+        return -1;
+    found->inlined = krv_addr_map_find(&inlined->map, address);
+    return 0;
+}
+
+// Fills in what an entry says of its function, and finds the entry that says more. 1, 0 where none does, or -1.
+static int read_names(krv_handle_t *hp, krv_entry_t *entry, krv_call_t *call)
+{
+    krv_place_t place;
+    if (!krv_entry_place(hp, entry->unit, &place))
+        return -1;
+    krv_attr_t attr, origin = {};
+    int read;
+    while ((read = krv_entry_read_attr(hp, place, entry, &attr)) == 1) {
+        const char *text = attr.kind == KRV_ATTR_STRING ? reinterpret_cast<const char *>(attr.bytes) : nullptr;
+        switch (attr.attribute) {
+        case DW_AT_name:
+            call->name = call->name == nullptr ? text : call->name;
+            break;
+        case DW_AT_linkage_name:
+        case DW_AT_MIPS_linkage_name:
+            call->linkage_name = call->linkage_name == nullptr ? text : call->linkage_name;
+            break;
+        case DW_AT_decl_file:
+            if (call->decl_unit == nullptr && !entry->is_alternate) {
+                call->decl_unit = entry->unit;
+                call->decl_file = static_cast<uint32_t>(attr.number);
+            }
+            break;
+        case DW_AT_decl_line:
+            call->decl_line = call->decl_line == 0 ? static_cast<uint32_t>(attr.number) : call->decl_line;
+            break;
+        case DW_AT_abstract_origin:
+        case DW_AT_specification:
+            if (attr.kind == KRV_ATTR_REFERENCE)
+                origin = attr;
+            break;
+        default:
+            break;
+        }
+    }
+    return read != 0 || origin.kind == 0 ? read : krv_entry_follow(hp, entry, &origin, entry) == 0 ? 1 : -1;
+}
+
+void krv_call_find_names(krv_handle_t *hp, krv_call_t *call)
+{
+    krv_entry_t entry = call->entry;
+    for (unsigned int i = 0; i < MOST_ORIGINS && read_names(hp, &entry, call) == 1; ++i)
+        ;
+    krv_clear_error(hp);
+}
+
+static void read_place_of_call(krv_handle_t *hp, krv_call_t *call)
+{
+    krv_place_t place;
+    krv_attr_t attr;
+    krv_entry_t entry = call->entry;
+    if (!krv_entry_place(hp, entry.unit, &place))
+        return;
+    while (krv_entry_read_attr(hp, place, &entry, &attr) == 1) {
+        const auto number = attr.number <= UINT32_MAX ? static_cast<uint32_t>(attr.number) : 0;
+        switch (attr.attribute) {
+        case DW_AT_call_file:
+            call->call_file = number;
+            break;
+        case DW_AT_call_line:
+            call->call_line = number;
+            break;
+        case DW_AT_call_column:
+            call->call_column = number;
+            break;
+        case DW_AT_GNU_discriminator:
+            call->discriminator = number;
+            break;
+        default:
+            break;
+        }
+    }
+}
+
+// DW_LANG_* of a unit, or 0.
+static uint32_t language_of(const krv_ctu_t *cu)
+{
+    const krv_abbrev_t *abbrev = cu->dcu_compile_unit->dwdie_abbrev_cache;
+    for (uint32_t i = 0; i < abbrev->dwa_nafpairs; ++i)
+        if (abbrev->dwa_afpairs[i].dwafp_attribute == DW_AT_language)
+            return static_cast<uint32_t>(cu->dcu_compile_unit->dwdie_attrs[i].sa_u.su_unsigned);
+    return 0;
+}
+
+static int make_call(krv_handle_t *hp, krv_ctu_t *cu, uint64_t entry, bool is_inlined, krv_call_t *call)
+{
+    *call = {};
+    if (krv_entry_load_at(hp, cu, entry, &call->entry) != 0)
+        return -1;
+    call->is_inlined = is_inlined;
+    call->language = language_of(cu);
+    if (is_inlined)
+        read_place_of_call(hp, call);
+    krv_call_find_names(hp, call);
+    return 0;
+}
+
+// The chain, from the innermost call on, and in *countp its length. What there is no room for is left out before the last,
+// which is the function.
+static int make_chain(krv_handle_t *hp, const covering &at, krv_call_t *calls, size_t room, bool keeps_last,
+                      size_t *countp)
+{
+    const function *of = &krv_load(&at.unit->dcu_calls)->sc_functions[at.function];
+    const inlined_calls *inlined = at.inlined == NONE ? nullptr : krv_load(&of->inlined);
+    size_t count = 0;
+    for (uint32_t i = at.inlined; i != NONE; i = inlined->calls[i].caller, ++count)
+        if (count < room && make_call(hp, at.unit, of->entry + inlined->calls[i].entry, true, &calls[count]) != 0)
+            return -1;
+    const size_t last = keeps_last && count >= room ? room - 1 : count;
+    *countp = keeps_last ? last + 1 : count + 1;
+    return last < room ? make_call(hp, at.unit, of->entry, false, &calls[last]) : 0;
+}
+
+int korva_lookup_calls(krv_handle_t *hp, uint64_t address, krv_call_t *calls, size_t room, size_t *countp)
+{
+    if (hp == nullptr)
+        return -1;
+    if (countp == nullptr || (calls == nullptr && room != 0))
+        return krv_fail_code(hp, KRV_ERR_INVALID);
+    krv_clear_error(hp);
+    *countp = 0;
+    covering at;
+    return find_covering(hp, address, &at) == 0 ? make_chain(hp, at, calls, room, false, countp) : -1;
+}
+
+int korva_iter_calls(krv_handle_t *hp, const uint64_t *addresses, size_t count, krv_iter_calls_f *fn, void *arg)
+{
+    if (hp == nullptr)
+        return -1;
+    if (fn == nullptr || (addresses == nullptr && count != 0))
+        return krv_fail_code(hp, KRV_ERR_INVALID);
+    krv_clear_error(hp);
+    if (count > UINT32_MAX)
+        return krv_fail(hp, KRV_ERR_INVALID, "more than %u addresses at once", UINT32_MAX);
+    const krv_owner<uint32_t> order(static_cast<uint32_t *>(krv_alloc(hp, count * sizeof(uint32_t))));
+    const krv_owner<covering> found(static_cast<covering *>(krv_alloc(hp, count * sizeof(covering))));
+    const krv_owner<krv_call_t> calls(static_cast<krv_call_t *>(krv_alloc(hp, MOST_CALLS * sizeof(krv_call_t))));
+    if (order == nullptr || found == nullptr || calls == nullptr)
+        return -1;
+    for (size_t i = 0; i < count; ++i)
+        order.get()[i] = static_cast<uint32_t>(i);
+    std::sort(order.get(), order.get() + count,
+              [addresses](uint32_t a, uint32_t b) { return addresses[a] < addresses[b]; });
+    for (size_t i = 0; i < count; ++i) {
+        const uint32_t number = order.get()[i];
+        if (find_covering(hp, addresses[number], &found.get()[number]) != 0) {
+            found.get()[number].unit = nullptr;
+            if (hp->sh_errno == KRV_ERR_NOMEM)
+                return -1;
+        }
+    }
+    for (size_t i = 0; i < count; ++i) {
+        size_t length = 0;
+        const covering &at = found.get()[i];
+        if (at.unit != nullptr && make_chain(hp, at, calls.get(), MOST_CALLS, true, &length) != 0)
+            length = 0;
+        krv_clear_error(hp);
+        if (const int result = fn(hp, i, calls.get(), length, arg))
+            return result;
+    }
+    return 0;
+}
+
+int korva_cu_get_file(krv_handle_t *hp, krv_ctu_t *cup, uint64_t number, krv_lnfe_t **filep)
+{
+    if (hp == nullptr)
+        return -1;
+    if (cup == nullptr || filep == nullptr)
+        return krv_fail_code(hp, KRV_ERR_INVALID);
+    krv_lnph_t *header = korva_line_get_cu_lnph(hp, cup);
+    if (header == nullptr)
+        return -1;
+    *filep = krv_lnph_file(header, number);
+    return *filep == nullptr ? krv_fail_code(hp, KRV_ERR_NOTFOUND) : 0;
+}
+
+int korva_entry_iter_ranges(krv_handle_t *hp, const krv_entry_t *entryp, krv_iter_range_f *fn, void *arg)
+{
+    if (hp == nullptr)
+        return -1;
+    if (entryp == nullptr || fn == nullptr || entryp->unit == nullptr)
+        return krv_fail_code(hp, KRV_ERR_INVALID);
+    krv_clear_error(hp);
+    krv_place_t place;
+    krv_ranges_t ranges;
+    if (!krv_entry_place(hp, entryp->unit, &place))
+        return -1;
+    const int begun = krv_ranges_begin_entry(hp, place, entryp, &ranges);
+    if (begun != 1)
+        return begun == 0 ? krv_fail_code(hp, KRV_ERR_NOTFOUND) : -1;
+    krv_range_t range;
+    int next;
+    while ((next = krv_ranges_next(&ranges, &range.start, &range.end)) == 1)
+        if (const int result = fn(hp, &range, arg))
+            return result;
+    return next;
+}
