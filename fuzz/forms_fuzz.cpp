@@ -7,7 +7,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
     krv_fuzz::input in(data, size);
     krv_fuzz::handle h(in);
-    const auto form = static_cast<krv_form_t>(in.number(1));
+    auto form = static_cast<krv_form_t>(in.number(1));
+    if (in.is_extended() && form >= 0x80) // those of GNU tools
+        form = static_cast<krv_form_t>(0x1f00 | (form & 0x7f));
     const auto flags = static_cast<uint32_t>(in.number(1));
     const size_t room = in.number(1);
     h.attach(KRV_SEC_STR, in.part());

@@ -8,6 +8,7 @@
 #include "libkorva.h"
 
 #include <cstdint>
+#include <cstdlib>
 #include <cstring>
 #include <vector>
 
@@ -23,6 +24,13 @@ enum : unsigned {
     MODE_DWARF5 = 0x4000,    // KRV_OPT_EXT_DWARF5 is on
     MODE_AS_WRITTEN = 0x8000 // KRV_OPT_EXT_AS_WRITTEN is
 };
+
+// What is on in every run, whatever the input says: bits of MODE_* in KORVA_FUZZ_MODE, for runs with extensions.
+inline unsigned forced_mode()
+{
+    static const char *const forced = std::getenv("KORVA_FUZZ_MODE");
+    return forced == nullptr ? 0 : static_cast<unsigned>(std::strtoul(forced, nullptr, 0));
+}
 
 // A read call-back over a section, with a fault that the input chooses.
 struct source {
@@ -49,7 +57,10 @@ struct source {
 class input
 {
 public:
-    input(const uint8_t *data, size_t size) : at(data), left(size) { mode = static_cast<unsigned>(number(2)); }
+    input(const uint8_t *data, size_t size) : at(data), left(size)
+    {
+        mode = static_cast<unsigned>(number(2)) | forced_mode();
+    }
 
     uint64_t number(size_t width) // little-endian; short at the end of the input
     {
@@ -104,6 +115,8 @@ public:
             korva_handle_set_opt(hp, KRV_OPT_EXT_DWARF5, uint64_t{1});
         if (hp != nullptr && (mode & MODE_AS_WRITTEN) != 0)
             korva_handle_set_opt(hp, KRV_OPT_EXT_AS_WRITTEN, uint64_t{1});
+        if (hp != nullptr && in.is_extended())
+            korva_handle_set_opt(hp, KRV_OPT_EXT_NOTE_FUNC, read_note);
     }
     ~handle() { korva_handle_free(hp); }
     handle(const handle &) = delete;
@@ -124,6 +137,11 @@ public:
     operator krv_handle_t *() const { return hp; }
 
 private:
+    static void read_note(const krv_note_t *note, void *)
+    {
+        [[maybe_unused]] const volatile size_t length = std::strlen(note->text);
+    }
+
     krv_handle_t *hp;
     bool callback;
     unsigned mode;

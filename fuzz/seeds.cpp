@@ -15,6 +15,7 @@ using namespace krv_test;
 
 static std::filesystem::path folder;
 static constexpr size_t LARGEST = 16384;
+static constexpr unsigned EXTENDED = krv_fuzz::MODE_DWARF5 | krv_fuzz::MODE_AS_WRITTEN;
 
 static void write(const std::string &target, const bytes &contents)
 {
@@ -49,9 +50,13 @@ static bytes some_bytes(size_t count)
 
 static void forms_and_expressions()
 {
+    const bytes datum = bytes().u8(16).add(part(bytes().cstr("name"))).u32(1).u32(2).u64(3);
     for (unsigned form = 1; form <= 0x20; ++form)
-        write_modes("forms_fuzz",
-                    bytes().u8(form).u8(form & 3).u8(16).add(part(bytes().cstr("name"))).u32(1).u32(2).u64(3));
+        write_modes("forms_fuzz", bytes().u8(form).u8(form & 3).add(datum));
+    for (unsigned form = 0x1a; form <= 0x2c; ++form)
+        write_modes("forms_fuzz", bytes().u8(form).u8(form & 3).add(datum), EXTENDED);
+    for (const unsigned form : {0x81, 0x82, 0xa0, 0xa1}) // of GNU tools
+        write_modes("forms_fuzz", bytes().u8(form).u8(0).add(datum), EXTENDED);
     static const char *const expressions[] = {
         "30 31 22 23 04",                         // sums
         "08 ff 0a 01 80 0c 12 34 56 78 1a 21 27", // constants
@@ -69,7 +74,7 @@ static void forms_and_expressions()
     };
     for (const char *hex : extended)
         write_modes("expr_fuzz", bytes().u64(0x1000).u8(0).u8(16).add(part(some_bytes(64))).add(bytes::hex(hex)),
-                    krv_fuzz::MODE_DWARF5);
+                    EXTENDED);
     for (const char *hex : expressions)
         for (const unsigned flags : {0, 1})
             write_modes("expr_fuzz",
@@ -96,9 +101,30 @@ static void units()
     }
 }
 
+// Values that lead to other sections, with the bases that they need behind them; and location lists.
+static void written_units()
+{
+    const bytes abbrev = abbrevs(
+        "1 compile_unit+ name:0x1a 0x72:sec_offset 0x73:sec_offset comp_dir:0x1f producer:0x1d low_pc:0x1b "
+        "0x8c:sec_offset high_pc:0x21=64; 2 variable name:0x25 location:0x22 byte_size:0x1e;"
+        "3 subprogram name:0x1f21 type:0x1f20 abstract_origin:ref_addr decl_line:0x21=-1; 4 namespace+ name:strp");
+    const bytes offsets = bytes().u32(12).u16(5).u16(0).u32(0).u32(4),
+                addresses = bytes().u32(12).u16(5).u16(8).u64(0x1000);
+    const bytes lists = bytes().u32(25).u16(5).u16(8).u32(1).u32(4).add(bytes::hex("04 10 20 01 50 05 02 51 52 00"));
+    bytes dies = bytes().uleb(1).uleb(1).u32(8).u32(8).u32(0).u32(0).uleb(0).u32(12);
+    dies.uleb(2).u8(1).uleb(0).fill(16).uleb(4).u32(2).uleb(3).u32(1).u32(2).u32(3).u8(0).u8(0);
+    const bytes sections =
+        part(bytes().cstr("/dir")) + part(offsets) + part(addresses) + part(bytes().cstr("alt")) + part(lists);
+    for (const bytes &info :
+         {unit{.version = 5, .kind = KRV_UNIT_COMPILE, .dies = dies}.build(),
+          unit{.version = 5, .kind = KRV_UNIT_SKELETON, .extra = bytes().u64(9), .dies = dies}.build(),
+          unit{.dies = dies}.build()})
+        write_modes("info_fuzz", part(abbrev) + part(bytes().cstr("one").cstr("two")) + sections + info + info,
+                    EXTENDED);
+}
+
 static void written_ranges()
 {
-    constexpr unsigned MODE = krv_fuzz::MODE_DWARF5 | krv_fuzz::MODE_AS_WRITTEN;
     const bytes abbrev =
         abbrevs("1 compile_unit+ 0x73:sec_offset 0x74:sec_offset low_pc:0x1b ranges:0x23;"
                 "2 compile_unit+ low_pc:addr ranges:sec_offset; 3 namespace+ name:string; 4 compile_unit+;"
@@ -124,7 +150,7 @@ static void written_ranges()
                                 .add(part(lists))
                                 .add(part(addresses)) +
                             info,
-                        MODE);
+                        EXTENDED);
 }
 
 static void lines()
@@ -135,7 +161,6 @@ static void lines()
         u.program = program("def d.c 1 0 0 at 400 copy pc 4 sp 40 line -1 copy sp 200 end at 300 copy pc 16 end");
         write_modes("line_fuzz", bytes().u64(0x404).add(u.build()));
     }
-    constexpr unsigned EXTENDED = krv_fuzz::MODE_DWARF5 | krv_fuzz::MODE_AS_WRITTEN;
     const bytes strings = part(bytes().cstr("/dir").cstr("sub")) + part(bytes().cstr("b.c")) + part(bytes().u64(0));
     line_unit u{.v5 = true, .dirs = {"/dir", "sub"}, .files = {{"a.c", 0, 1, 2}, {"b.c", 1}}};
     u.program =
@@ -172,7 +197,7 @@ static void frames()
     write_modes("unwind_fuzz", bytes().u16(0).u16(0x40).u16(0x1004).u16(0xa0).add(part({})).fill(0x40).add(written),
                 krv_fuzz::MODE_AS_WRITTEN);
     for (const size_t size : {100, 400, 900})
-        for (const unsigned mode : {0U, krv_fuzz::MODE_DWARF5 | krv_fuzz::MODE_AS_WRITTEN})
+        for (const unsigned mode : {0U, EXTENDED})
             write_modes("frames_fuzz", some_bytes(size), mode);
 }
 
@@ -234,11 +259,28 @@ static void compiled(const char *path)
     write_modes("line_fuzz",
                 bytes().u64(0x10).add(part(section(hp, KRV_SEC_EXT_LINE_STR))).add(part({})).add(part({})) +
                     section(hp, KRV_SEC_LINE),
-                mode | krv_fuzz::MODE_DWARF5 | krv_fuzz::MODE_AS_WRITTEN);
+                mode | EXTENDED);
+    const auto parts = [hp](std::initializer_list<krv_secidx_t> sections) {
+        bytes b;
+        for (const krv_secidx_t sec : sections)
+            b.add(part(section(hp, sec)));
+        return b;
+    };
+    write_modes("info_fuzz",
+                parts({KRV_SEC_ABBREV, KRV_SEC_STR, KRV_SEC_EXT_LINE_STR, KRV_SEC_EXT_STR_OFFSETS, KRV_SEC_EXT_ADDR,
+                       KRV_SEC_EXT_ALT_STR}) +
+                    part(section(hp, KRV_SEC_LOC).add(section(hp, KRV_SEC_EXT_LOCLISTS))) + info,
+                mode | EXTENDED);
+    write_modes("lookup_fuzz",
+                bytes().u64(0x10).add(parts(
+                    {KRV_SEC_ARANGES, KRV_SEC_ABBREV, KRV_SEC_EXT_RANGES, KRV_SEC_EXT_RNGLISTS, KRV_SEC_EXT_ADDR})) +
+                    info,
+                mode | EXTENDED);
     const bytes where = bytes().u16(0).u16(0).u16(0x10).u16(0x80);
     const bytes frame = section(hp, KRV_SEC_FRAME), eh_frame = section(hp, KRV_SEC_EH_FRAME);
     write_modes("unwind_fuzz", where + part(frame) + some_bytes(256), mode);
     write_modes("unwind_fuzz", where + part({}) + eh_frame + some_bytes(256), mode);
+    write_modes("unwind_fuzz", where + part({}) + eh_frame + some_bytes(256), mode | EXTENDED);
     korva_elf_close(elf);
 }
 
@@ -249,6 +291,7 @@ int main(int argc, char **argv)
     folder = argv[1];
     forms_and_expressions();
     units();
+    written_units();
     written_ranges();
     lines();
     frames();

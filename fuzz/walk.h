@@ -21,11 +21,13 @@ inline void walk(krv_handle_t *hp, krv_activation_t *ap)
 {
     for (int frame = 0; frame < 20; ++frame) {
         krv_gregset_t gregs;
+        krv_frame_info_t info;
         uint64_t mask, count;
         unsigned int argc = 0;
         uint8_t value[16], valid[16], in_register[16];
         if (korva_activation_get_gregs(hp, ap, KRV_ACTIVATION_FRAME_CALLER, &gregs, &mask) != 0)
             break;
+        korva_activation_get_frame_info(hp, ap, &info);
         korva_activation_get_argc(hp, ap, &argc);
         for (unsigned int n = 1; n <= argc && n <= 3; ++n)
             korva_activation_get_argv(hp, ap, n, value, valid, in_register, sizeof(value), &count);
