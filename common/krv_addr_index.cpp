@@ -9,12 +9,16 @@
 #include "krv_sets.h"
 #include "krv_units.h"
 
+#include <algorithm>
+
 namespace
 {
 
 struct index_deleter {
     void operator()(krv_addr_index *index) const
     {
+        if (index->sai_layers != nullptr)
+            krv_addr_layers_free(index->sai_layers);
         krv_addr_map_free(&index->sai_map);
         krv_free(index->sai_unknown);
         krv_free(index);
@@ -24,14 +28,21 @@ using index_owner = std::unique_ptr<krv_addr_index, index_deleter>;
 
 } // namespace
 
-// Asks every unit for its ranges; as written, every one that no set names. False: KRV_ERR_NOMEM.
+// False: KRV_ERR_NOMEM.
+static bool append_pairs(krv_handle_t *hp, uint64_t *pairs, uint32_t unit, krv_addr_ranges *t)
+{
+    const uint64_t count = krv_ranges_count(pairs);
+    for (uint64_t i = 0; i < count; ++i)
+        if (!t->append(hp, {pairs[2 * i], pairs[2 * i + 1], unit}))
+            return false;
+    return true;
+}
+
+// Asks every unit for its ranges. False: KRV_ERR_NOMEM.
 static bool collect_ranges(krv_handle_t *hp, krv_lookup_flag_t flags, krv_addr_ranges *t, krv_addr_index *index)
 {
     uint32_t unknown_size = 0;
-    const krv_sets *sets = hp->sh_sets;
     for (uint32_t unit = 0; unit < hp->sh_cu_table_entries; ++unit) {
-        if (sets != nullptr && krv_sets_find(sets, hp->sh_cu_table[unit]->dcu_offset) != nullptr)
-            continue;
         uint64_t *pairs = nullptr;
         if (krv_lookup_get_ranges(hp, hp->sh_cu_table[unit], flags, &pairs) != 0)
             return false;
@@ -41,12 +52,26 @@ static bool collect_ranges(krv_handle_t *hp, krv_lookup_flag_t flags, krv_addr_r
             index->sai_unknown[index->sai_unknown_units++] = unit;
             continue;
         }
-        const uint64_t count = krv_ranges_count(pairs);
-        for (uint64_t i = 0; i < count; ++i)
-            if (!t->append(hp, {pairs[2 * i], pairs[2 * i + 1], unit}))
-                return false;
+        if (!append_pairs(hp, pairs, unit, t))
+            return false;
     }
     return true;
+}
+
+// The layers of an index, of the ranges that it was made of: those of units that were known. NULL: KRV_ERR_NOMEM.
+static const krv_addr_layers *get_layers(krv_handle_t *hp, krv_addr_index *index)
+{
+    if (const krv_addr_layers *layers = krv_load(&index->sai_layers))
+        return layers;
+    krv_addr_ranges t;
+    const uint32_t *unknown = index->sai_unknown, *const end = unknown + index->sai_unknown_units;
+    for (uint32_t unit = 0; unit < hp->sh_cu_table_entries; ++unit)
+        if (unknown != end && *unknown == unit)
+            ++unknown;
+        else if (!append_pairs(hp, krv_load(&hp->sh_cu_table[unit]->dcu_aranges), unit, &t))
+            return nullptr;
+    krv_addr_layers *fresh = krv_addr_layers_make(hp, &index->sai_map, t);
+    return fresh == nullptr ? nullptr : krv_publish(&index->sai_layers, fresh, krv_addr_layers_free);
 }
 
 // The ranges of sets; as units count the first sets that name them.
@@ -77,8 +102,7 @@ static krv_addr_index *build_index(krv_handle_t *hp, const Collect &collect)
 }
 
 // The index of units for the flags, published in the slot. NULL on failure.
-[[gnu::noinline]] static const krv_addr_index *make_index(krv_handle_t *hp, krv_lookup_flag_t flags,
-                                                          krv_addr_index **slot)
+[[gnu::noinline]] static krv_addr_index *make_index(krv_handle_t *hp, krv_lookup_flag_t flags, krv_addr_index **slot)
 {
     if (krv_lookup_prepare_ranges(hp) != 0 || krv_lookup_build_cu_caches(hp) != 0)
         return nullptr;
@@ -88,12 +112,12 @@ static krv_addr_index *build_index(krv_handle_t *hp, const Collect &collect)
 }
 
 // The index for the flags; one of all units serves both. NULL on failure.
-static const krv_addr_index *get_index(krv_handle_t *hp, krv_lookup_flag_t flags)
+static krv_addr_index *get_index(krv_handle_t *hp, krv_lookup_flag_t flags)
 {
-    if (const krv_addr_index *all = krv_load(&hp->sh_addr_all))
+    if (krv_addr_index *all = krv_load(&hp->sh_addr_all))
         return all;
     krv_addr_index **slot = (flags & KRV_LOOKUP_F_FAST) != 0 ? &hp->sh_addr_known : &hp->sh_addr_all;
-    const krv_addr_index *known = krv_load(slot);
+    krv_addr_index *known = krv_load(slot);
     return known != nullptr ? known : make_index(hp, flags, slot);
 }
 
@@ -107,15 +131,19 @@ static const krv_addr_index *get_index(krv_handle_t *hp, krv_lookup_flag_t flags
     return fresh == nullptr ? nullptr : krv_publish(&hp->sh_addr_sets, fresh, index_deleter());
 }
 
-// A unit that was unknown to the index and before `unit`, whose ranges a scan has found since and cover the address;
-// else `unit`.
-static uint32_t search_scanned(const krv_handle_t *hp, const krv_addr_index *index, uint64_t address, uint32_t unit)
+// A unit from `first` on, that was unknown to the index and before `unit`, whose ranges a scan has found since and cover
+// the address; else `unit`.
+static uint32_t search_scanned(const krv_handle_t *hp, const krv_addr_index *index, uint64_t address, uint32_t first,
+                               uint32_t unit)
 {
-    for (uint32_t i = 0; i < index->sai_unknown_units && index->sai_unknown[i] < unit; ++i) {
-        uint64_t *pairs = krv_load(&hp->sh_cu_table[index->sai_unknown[i]]->dcu_aranges);
+    if (index->sai_unknown_units == 0 || __atomic_load_n(&hp->sh_scanned_units, __ATOMIC_ACQUIRE) == 0)
+        return unit;
+    const uint32_t *const unknown = index->sai_unknown, *const end = unknown + index->sai_unknown_units;
+    for (const uint32_t *i = std::lower_bound(unknown, end, first); i != end && *i < unit; ++i) {
+        uint64_t *pairs = krv_load(&hp->sh_cu_table[*i]->dcu_aranges);
         for (uint64_t k = 0; pairs != nullptr && k < krv_ranges_count(pairs); ++k)
             if (pairs[2 * k] <= address && address < pairs[2 * k + 1])
-                return index->sai_unknown[i];
+                return *i;
     }
     return unit;
 }
@@ -144,6 +172,21 @@ static krv_ctu_t *find_by_sets(krv_handle_t *hp, uint64_t address)
     return nullptr;
 }
 
+// The number of units up to this one.
+static uint32_t count_units_to(const krv_handle_t *hp, const krv_ctu_t *cu)
+{
+    const auto offset = [](const krv_ctu_t *unit) { return unit->dcu_offset; };
+    return static_cast<uint32_t>(krv_count_not_above(hp->sh_cu_table, hp->sh_cu_table_entries, cu->dcu_offset, offset));
+}
+
+static krv_ctu_t *answer(krv_handle_t *hp, const krv_addr_index *index, uint32_t unit)
+{
+    if (unit != KRV_ADDR_NOTHING)
+        return hp->sh_cu_table[unit];
+    hp->sh_errno = index->sai_unknown_units != 0 ? KRV_ERR_NONE : KRV_ERR_NOTFOUND;
+    return nullptr;
+}
+
 krv_ctu_t *korva_lookup_ctu_by_addr(krv_handle_t *hp, uint64_t address, krv_lookup_flag_t flags)
 {
     if (hp == nullptr)
@@ -158,11 +201,18 @@ krv_ctu_t *korva_lookup_ctu_by_addr(krv_handle_t *hp, uint64_t address, krv_look
     const krv_addr_index *index = get_index(hp, flags);
     if (index == nullptr)
         return nullptr;
-    uint32_t unit = krv_addr_map_find(&index->sai_map, address);
-    if (index->sai_unknown_units != 0 && __atomic_load_n(&hp->sh_scanned_units, __ATOMIC_ACQUIRE) != 0)
-        unit = search_scanned(hp, index, address, unit);
-    if (unit != KRV_ADDR_NOTHING)
-        return hp->sh_cu_table[unit];
-    hp->sh_errno = index->sai_unknown_units != 0 ? KRV_ERR_NONE : KRV_ERR_NOTFOUND;
-    return nullptr;
+    return answer(hp, index, search_scanned(hp, index, address, 0, krv_addr_map_find(&index->sai_map, address)));
+}
+
+krv_ctu_t *korva_lookup_next_ctu_by_addr(krv_handle_t *hp, krv_ctu_t *cup, uint64_t address, krv_lookup_flag_t flags)
+{
+    if (hp == nullptr)
+        return nullptr;
+    krv_clear_error(hp);
+    krv_addr_index *index = get_index(hp, flags);
+    const krv_addr_layers *layers = index == nullptr ? nullptr : get_layers(hp, index);
+    if (layers == nullptr)
+        return nullptr;
+    const uint32_t first = cup == nullptr ? 0 : count_units_to(hp, cup);
+    return answer(hp, index, search_scanned(hp, index, address, first, krv_addr_layers_find(layers, address, first)));
 }

@@ -306,12 +306,14 @@ static int append_functions(krv_handle_t *hp, krv_ctu_t *cu, written_ranges *of)
     return of->refused ? guard.refuse() : krv_iter_functions(hp, cu, append_function, of);
 }
 
-// What sets say of a unit, else its own entry, else its functions. 1, 0 when flags forbid to look for those, or -1.
+// What sets say of a unit, and its own entry, which may tell more; of a unit without either its functions. 1, 0 when flags
+// forbid to look for those, or -1.
 static int append_unit_ranges(krv_handle_t *hp, krv_ctu_t *cu, krv_lookup_flag_t flags, written_ranges *of)
 {
     if (cu->dcu_kind == 0)
         return 1;
-    if (const krv_set_t *first = krv_sets_find(hp->sh_sets, cu->dcu_offset)) {
+    const krv_set_t *first = krv_sets_find(hp->sh_sets, cu->dcu_offset);
+    if (first != nullptr) {
         int result = 1;
         krv_sets_visit(hp->sh_sets, first, [&](const krv_set_t *set) {
             for (size_t i = 0; i < set->set_entries && result == 1; ++i)
@@ -319,12 +321,13 @@ static int append_unit_ranges(krv_handle_t *hp, krv_ctu_t *cu, krv_lookup_flag_t
                     0)
                     result = -1;
         });
-        return result;
+        if (result != 1)
+            return result;
     }
     const int own = append_entry_ranges(hp, cu, cu->dcu_compile_unit, of);
     if (own != 0)
         return own;
-    if (cu->dcu_kind != KRV_UNIT_COMPILE) // the functions of other kinds have their code elsewhere
+    if (first != nullptr || cu->dcu_kind != KRV_UNIT_COMPILE) // the functions of other kinds have their code elsewhere
         return 1;
     if ((flags & KRV_LOOKUP_F_FAST) != 0)
         return 0;

@@ -81,6 +81,16 @@ public:
         return unit(hp_, found);
     }
 
+    /** korva_lookup_next_ctu_by_addr: of units that overlap the next one behind @p behind. */
+    result<unit> lookup_next_unit(const unit &behind, std::uint64_t address,
+                                  krv_lookup_flag_t flags = KRV_LOOKUP_F_NONE) const
+    {
+        krv_ctu_t *found = korva_lookup_next_ctu_by_addr(hp_, behind.get(), address, flags);
+        if (found == nullptr)
+            return last_error(hp_);
+        return unit(hp_, found);
+    }
+
     /** The unit that covers @p address, or KRV_ERR_NOTFOUND. A unit whose ranges cannot be read is passed over. */
     result<unit> unit_of(std::uint64_t address) const
     {

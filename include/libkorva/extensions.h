@@ -160,15 +160,26 @@ KORVA_API int korva_cu_get_header(krv_handle_t *hp, krv_ctu_t *cup, krv_cu_heade
  * of every unit that needs it); later calls take time logarithmic in the number of ranges.
  *
  * With KRV_OPT_EXT_AS_WRITTEN, the sets of .debug_aranges come first: an address that they cover reads them, once, and the
- * one unit that they name, and no other unit, whether or not another one claims it too. A unit is then asked for its ranges
- * only if no set names it: it has those of DW_AT_ranges, else DW_AT_low_pc and DW_AT_high_pc, else those of its functions,
- * wherever they stand. The same holds for korva_cu_contains_addr. KRV_LOOKUP_F_FAST does without the functions. Ranges that
+ * one unit that they name, and no other unit, whether or not another one claims it too. For other addresses all units are asked
+ * for their ranges: a unit has those of its sets, which may leave some out, and those of DW_AT_ranges, else DW_AT_low_pc and
+ * DW_AT_high_pc; one without any of these has those of its functions, wherever they stand. korva_cu_contains_addr knows the
+ * same ranges. KRV_LOOKUP_F_FAST does without the functions. Ranges that
  * are no code (korva_handle_add_code) are left out; a list of ranges that is damaged counts as far as it can be read.
  *
  * Errors: KRV_ERR_NOTFOUND (no unit covers it, or no .debug_info); KRV_ERR_NONE when no unit is known to cover it but
  * KRV_LOOKUP_F_FAST left some unit's ranges unknown; otherwise as korva_cu_contains_addr.
  */
 KORVA_API krv_ctu_t *korva_lookup_ctu_by_addr(krv_handle_t *hp, uint64_t address, krv_lookup_flag_t flags);
+
+/**
+ * Where units overlap: the next unit in section order, behind @p cup (NULL: of all), for which korva_cu_contains_addr with
+ * the same @p flags is B_TRUE. The first call makes an index beside that of korva_lookup_ctu_by_addr, of at most as many
+ * entries as there are ranges times the logarithm of their number; an answer takes time in the square of that logarithm.
+ *
+ * Errors: as korva_lookup_ctu_by_addr.
+ */
+KORVA_API krv_ctu_t *korva_lookup_next_ctu_by_addr(krv_handle_t *hp, krv_ctu_t *cup, uint64_t address,
+                                                   krv_lookup_flag_t flags);
 
 /** What call-frame information covers a frame, as korva_activation_get_frame_info stores it. */
 typedef struct krv_frame_info {

@@ -105,6 +105,7 @@ TEST(Open, NullArguments)
     EXPECT_TRUE(fails(korva_fd_alloc, nullptr) && fails(korva_expr_alloc_stack, nullptr) &&
                 fails(korva_activation_alloc, nullptr) && fails(korva_print_define, nullptr) &&
                 fails(korva_lookup_ctu_by_start_offset, nullptr) && fails(korva_lookup_ctu_by_addr, nullptr) &&
+                fails(korva_lookup_next_ctu_by_addr, nullptr) &&
                 korva_attach_section(nullptr, KRV_SEC_INFO, 1, KRV_FD_TYPE_MEMORY, nullptr) == -1 &&
                 korva_handle_set_opt(nullptr, KRV_OPT_BASE_ADDR, 1UL) == -1);
     korva_handle_free(nullptr);

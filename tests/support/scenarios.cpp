@@ -145,6 +145,8 @@ static std::string ask_written_units(krv_handle_t *hp)
         if (!korva_cu_contains_addr(hp, cu, cu == found[0] ? 0x400 : 0x900, 0))
             return "!ranges";
     }
+    if (korva_lookup_next_ctu_by_addr(hp, found[0], 0x900, 0) != found[1])
+        return "!next";
     return answer;
 }
 

@@ -62,14 +62,6 @@ void locator::note_ranges_failed(const error &why)
         m_object->diagnose(fmt::format("cannot tell which units cover an address: {}", why.text()));
 }
 
-bool locator::covers(const unit_record &u, uint64_t address, krv_lookup_flag_t flags)
-{
-    const result<bool> covered = u.unit.contains(address, flags);
-    if (!covered)
-        note_ranges_failed(covered.error());
-    return covered && *covered;
-}
-
 void locator::refuse_lines(unit_record &u, const error &why)
 {
     m_lines_refused = true;
@@ -145,6 +137,25 @@ unit_record *locator::record_of(const unit &u)
     return found != m_units->end() && found->header.offset == offset ? &*found : nullptr;
 }
 
+// The next unit that covers the address and may have lines. NULL: none.
+unit_record *locator::next_covering(unit_record *behind, uint64_t address, krv_lookup_flag_t flags)
+{
+    while (true) {
+        const result<unit> covering = m_object->handle().lookup_next_unit(behind->unit, address, flags);
+        if (!covering && covering.error().code != KRV_ERR_NONE && covering.error().code != KRV_ERR_NOTFOUND)
+            note_ranges_failed(covering.error());
+        unit_record *const next = covering ? record_of(*covering) : nullptr;
+        if (next == nullptr)
+            return nullptr;
+        const size_t with = next_with_lines(static_cast<size_t>(next - m_units->data()));
+        if (with == m_units->size())
+            return nullptr;
+        if (&(*m_units)[with] == next)
+            return next;
+        behind = &(*m_units)[with - 1];
+    }
+}
+
 locator::outcome locator::ask_covering(uint64_t address, location *found)
 {
     for (const krv_lookup_flag_t flags : {KRV_LOOKUP_F_FAST, KRV_LOOKUP_F_NONE}) {
@@ -173,11 +184,10 @@ locator::outcome locator::ask_covering(uint64_t address, location *found)
                                 (u.lines->start <= range.address || u.lines->start - range.address <= range.size));
         };
         outcome result = ask(*first, range, address, found);
-        const auto behind = static_cast<size_t>(first - m_units->data()) + 1;
-        for (size_t i = next_with_lines(behind); result == outcome::absent && i < m_units->size();
-             i = next_with_lines(i + 1))
-            if (may_know((*m_units)[i]) && covers((*m_units)[i], address, flags))
-                result = ask((*m_units)[i], range, address, found);
+        for (unit_record *next = first;
+             result == outcome::absent && (next = next_covering(next, address, flags)) != nullptr;)
+            if (may_know(*next))
+                result = ask(*next, range, address, found);
         if (result != outcome::absent)
             return result;
     }

@@ -42,7 +42,7 @@ private:
     bool read_units();
     void note_ranges_failed(const error &why);
     unit_record *record_of(const unit &u);
-    bool covers(const unit_record &u, uint64_t address, krv_lookup_flag_t flags);
+    unit_record *next_covering(unit_record *behind, uint64_t address, krv_lookup_flag_t flags);
     void refuse_lines(unit_record &u, const error &why);
     static void learn_lines(unit_record &u);
     size_t next_with_lines(size_t number);
