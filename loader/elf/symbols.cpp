@@ -212,8 +212,8 @@ void symbol_table::sort(std::vector<entry> *entries)
         if (e.symbol.size == 0 && end > e.symbol.address)
             e.symbol.size = end - e.symbol.address;
     }
-    // What stands at the end of its section, as etext does, covers nothing.
-    std::erase_if(*entries, [](const entry &e) { return e.symbol.size == 0; });
+    // What stands at the end of its section, as etext does, or of the address space, covers nothing.
+    std::erase_if(*entries, [](const entry &e) { return end_of(e.symbol) <= e.symbol.address; });
 }
 
 // Symbols may nest and overlap. Laid flat once, they are searched like any sorted table.
