@@ -125,8 +125,8 @@ typedef int krv_elf_iter_note_f(krv_elf_t *elf, const krv_elf_note_t *note, void
  * .debug_frame and .debug_loc) when they are first read. @p flags is KRV_ELF_F_*.
  *
  * Unless KRV_ELF_F_RAW is given, the handle has KRV_OPT_EXT_DWARF5 and KRV_OPT_EXT_AS_WRITTEN on, knows the executable
- * sections and the sections of the alternate file of .gnu_debugaltlink (dwz -m), and tells what it leaves out, which is
- * kept: korva_elf_iter_notes. Of a relocatable file the sections get addresses one behind the other, and the relocations
+ * sections and the sections of the alternate file of .gnu_debugaltlink or .debug_sup (dwz -m), and tells what it leaves out,
+ * which is kept: korva_elf_iter_notes. Of a relocatable file the sections get addresses one behind the other, and the relocations
  * are applied to copies. Nothing else is copied.
  *
  * A file without .debug_info gets its sections (and, when it has no .symtab, its symbols) from a separate debug file:

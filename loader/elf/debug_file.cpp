@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "elf/debug_file.h"
 
+#include "elf/dwarf_cursor.h"
+
 #include <algorithm>
 #include <cstring>
 #include <filesystem>
@@ -62,6 +64,57 @@ std::optional<link> read_link(byte_span bytes)
     return link{std::string(bytes.begin(), end), bytes.subspan(length + 1)};
 }
 
+// What .debug_sup says (DWARF 5, 7.3.6): of the file that it names, or, where is_supplementary, of the file that it is in.
+struct supplement {
+    bool is_supplementary;
+    std::string name;
+    byte_span checksum;
+};
+
+std::optional<supplement> read_supplement(elf_file &of)
+{
+    constexpr uint64_t VERSION = 5;
+    const byte_span bytes = contents_of(of, ".debug_sup");
+    cursor c(bytes);
+    const uint64_t version = c.number(2);
+    const uint8_t is_supplementary = c.byte();
+    const std::string_view name = c.string();
+    const uint64_t length = c.uleb();
+    if (!c.ok() || version != VERSION || length > c.left())
+        return std::nullopt;
+    return supplement{is_supplementary != 0, std::string(name), bytes.subspan(c.at(), length)};
+}
+
+// What tells a file from others.
+struct id_kind {
+    const char *name;
+    byte_span (*of)(elf_file &file); // empty where a file has none
+};
+
+const id_kind BUILD_ID = {"build-id", [](elf_file &file) { return file.build_id(); }};
+const id_kind CHECKSUM = {"checksum in .debug_sup", [](elf_file &file) {
+                              const std::optional<supplement> own = read_supplement(file);
+                              return own && own->is_supplementary ? own->checksum : byte_span();
+                          }};
+
+// The link of a file to the one that several share.
+struct alternate_link {
+    const char *section;
+    std::string name;
+    id_kind kind;
+    byte_span id;
+};
+
+std::optional<alternate_link> read_alternate_link(elf_file &of)
+{
+    if (const std::optional<link> named = read_link(contents_of(of, ".gnu_debugaltlink")))
+        return alternate_link{".gnu_debugaltlink", named->name, BUILD_ID, named->rest};
+    const std::optional<supplement> named = read_supplement(of);
+    if (!named || named->is_supplementary || named->name.empty())
+        return std::nullopt;
+    return alternate_link{".debug_sup", named->name, CHECKSUM, named->checksum};
+}
+
 uint32_t crc_of(byte_span bytes)
 {
     return static_cast<uint32_t>(crc32_z(0, bytes.data(), bytes.size()));
@@ -104,13 +157,13 @@ private:
     debug_file found;
 };
 
-auto has_build_id(byte_span id)
+auto has_id(const id_kind &kind, byte_span wanted)
 {
-    return [id](const elf_file &file) {
-        return same_bytes(file.build_id(), id)
-                   ? std::string()
-                   : fmt::format("its build-id is {}, not {}",
-                                 file.build_id().empty() ? "missing" : hex(file.build_id()), hex(id));
+    return [kind, wanted](elf_file &file) {
+        const byte_span actual = kind.of(file);
+        return same_bytes(actual, wanted) ? std::string()
+                                          : fmt::format("its {} is {}, not {}", kind.name,
+                                                        actual.empty() ? "missing" : hex(actual), hex(wanted));
     };
 }
 
@@ -122,7 +175,7 @@ debug_file find_debug_file(elf_file &of, const std::vector<std::string> &folders
     const byte_span id = of.build_id();
     if (id.size() > 1)
         for (const std::string &folder : folders)
-            s.candidate(build_id_path(folder, id), has_build_id(id));
+            s.candidate(build_id_path(folder, id), has_id(BUILD_ID, id));
 
     constexpr size_t CRC_SIZE = 4, ALIGNMENT = 4;
     const byte_span bytes = contents_of(of, ".gnu_debuglink");
@@ -144,21 +197,22 @@ debug_file find_debug_file(elf_file &of, const std::vector<std::string> &folders
     return s.result();
 }
 
-bool has_alternate_file(elf_file &of)
+const char *alternate_link_of(elf_file &of)
 {
-    return read_link(contents_of(of, ".gnu_debugaltlink")).has_value();
+    const std::optional<alternate_link> named = read_alternate_link(of);
+    return named ? named->section : nullptr;
 }
 
 debug_file find_alternate_file(elf_file &of, const std::vector<std::string> &folders)
 {
     search s(of);
-    const std::optional<link> named = read_link(contents_of(of, ".gnu_debugaltlink"));
-    if (!named || named->rest.size() < 2)
+    const std::optional<alternate_link> named = read_alternate_link(of);
+    if (!named || named->id.size() < 2)
         return s.result();
-    const auto right = has_build_id(named->rest);
+    const auto right = has_id(named->kind, named->id);
     s.candidate(folder_of(of) / named->name, right); // an absolute name stays as it is
     for (const std::string &folder : folders)
-        s.candidate(build_id_path(folder, named->rest), right);
+        s.candidate(build_id_path(folder, named->id), right);
     return s.result();
 }
 

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // Debugging information that stands in a file of its own: found by build-id (.note.gnu.build-id), by name and CRC
-// (.gnu_debuglink), and, for what several files share, by .gnu_debugaltlink.
+// (.gnu_debuglink), and, for what several files share, by .gnu_debugaltlink or .debug_sup.
 #ifndef KRV_ELF_DEBUG_FILE_H
 #define KRV_ELF_DEBUG_FILE_H
 
@@ -21,11 +21,11 @@ struct debug_file {
 // The separate debug file of a file, looked for beside it and under the folders of `folders` (as /usr/lib/debug).
 debug_file find_debug_file(elf_file &of, const std::vector<std::string> &folders);
 
-// The file that .gnu_debugaltlink of a file names.
+// The file that .gnu_debugaltlink or .debug_sup of a file names.
 debug_file find_alternate_file(elf_file &of, const std::vector<std::string> &folders);
 
-// Whether a file names one.
-bool has_alternate_file(elf_file &of);
+// The section that names it; NULL: none does.
+const char *alternate_link_of(elf_file &of);
 
 } // namespace krv_elf_loader
 

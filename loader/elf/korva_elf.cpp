@@ -134,12 +134,12 @@ private:
     void make_view(bool raw_only)
     {
         made.reset();
-        const bool has_alternate = !raw_only && has_alternate_file(source());
-        if (has_alternate && alternate.file == nullptr)
+        const char *const linked = raw_only ? nullptr : alternate_link_of(source());
+        if (linked != nullptr && alternate.file == nullptr)
             alternate = find_alternate_file(source(), folders);
         made.emplace(source(), raw_only ? nullptr : alternate.file.get(), raw_only);
-        if (has_alternate && alternate.file == nullptr)
-            made->add_note({"debug-file", ".gnu_debugaltlink", 0, true,
+        if (linked != nullptr && alternate.file == nullptr)
+            made->add_note({"debug-file", linked, 0, true,
                             "the alternate file is not found: names that stand in it are not known"});
         for (const debug_file *searched : {&debug, &alternate})
             if (searched->file == nullptr)
