@@ -38,12 +38,20 @@ def build_rust(*flags):
     return make
 
 
+def build_d(*flags):
+    def make(program):
+        need('ldc2')
+        answer_of('ldc2', '-g', *flags, '-link-defaultlib-shared', 'main.d', f'-of={program}',
+                  f'-od={os.path.dirname(program)}', cwd=SOURCES)
+    return make
+
+
 def build_dwz(version, *more):
     def make(program):
         need('dwz')
         compiled('g++', f'-gdwarf-{version}', '-O2')(program)
-        if more:
-            compiled('clang++', '-gdwarf-4', '-O1')(f'{program}.other')
+        if more:  # dwz knows not all forms of clang's version 5
+            compiled('clang++' if version == 4 else 'g++', f'-gdwarf-{version}', '-O1')(f'{program}.other')
         answer_of('dwz', *more, program, *([f'{program}.other'] if more else []), cwd=os.path.dirname(program))
     return make
 
@@ -54,6 +62,19 @@ def build_separate(program):
     answer_of('objcopy', '--only-keep-debug', program, f'{program}.debug')
     answer_of('strip', program)
     answer_of('objcopy', f'--add-gnu-debuglink={program}.debug', program)
+
+
+def find_packaged(library):
+    """A library of the system, with what a package of the distribution says of it."""
+    def make(program):
+        file = os.path.realpath(library)
+        build_id = re.search(r'Build ID: (\w+)|$', answer_of('readelf', '-n', file))[1] or '--'
+        debug_file = f'/usr/lib/debug/.build-id/{build_id[:2]}/{build_id[2:]}.debug'
+        if not os.path.exists(debug_file):
+            skip(f'{debug_file} is not installed')
+        os.symlink(file, program)
+        os.symlink(debug_file, f'{program}.debug')
+    return make
 
 
 def build_zstd(program):
@@ -82,6 +103,7 @@ CONFIGURATIONS = {
            ('gz-gnu', ['-gdwarf-4', '-gz=zlib-gnu', '-O1'], 'zdebug', ('g++',)),
            ('shared', ['-g', '-shared', '-fPIC', '-O1'], 'version5', ('clang', 'g++')),
            ('lto', ['-g', '-O2', '-flto'], 'version5', ('g++',)),
+           ('lto', ['-g', '-O2', '-flto', '-fuse-ld=lld'], 'version5', ('clang',)),
            ('lto-4', ['-gdwarf-4', '-O2', '-flto'], 'version4', ('g++',)),
            ('sections', ['-gdwarf-4', '-O2', '-ffunction-sections'], 'version4', ('clang++',)),
            ('types', ['-g', '-fdebug-types-section'], 'types', ('g++', 'clang++')),
@@ -99,9 +121,13 @@ CONFIGURATIONS = {
     'go': (lambda program: build_go([], program), 'zlib'),
     'rust': (build_rust(), 'version4'),
     'rust-dwarf5': (build_rust('-Cdwarf-version=5'), 'dropped'),
+    'ldc': (build_d(), 'version4'),
+    'ldc-dwarf5': (build_d('-O2', '-dwarf-version=5'), 'version5'),
     'dwz': (build_dwz(4), 'partial'),
     'dwz-dwarf5': (build_dwz(5), 'partial'),
     'dwz-multifile': (build_dwz(4, '-m', 'shared.debug'), 'alternate'),
+    'dwz-multifile-5': (build_dwz(5, '-5', '-m', 'shared.debug'), 'alternate'),
+    'libc6-dbg': (find_packaged('/lib64/ld-linux-x86-64.so.2'), 'separate'),
     'separate': (build_separate, 'separate'),
     'zstd': (build_zstd, 'compressed'),
 }
@@ -199,7 +225,7 @@ def read_table(text, comp_dir):
     if int(re.search(r'^ +version: (\d+)$', text, re.M).group(1)) < 5:  # they are counted from 1
         folders.insert(0, '')
     # os.path.join drops what stands before an absolute part, as DWARF 4, 6.2.4 wants it.
-    paths = [os.path.join(comp_dir, folders[0], folders[int(folder)], name) for name, folder in files]
+    paths = [os.path.join(comp_dir or folders[0], folders[int(folder)], name) for name, folder in files]
     if folders[0] == '':
         paths.insert(0, None)
     rows = []
@@ -319,6 +345,8 @@ class Names:
                         if len(answer.splitlines()) > 3}
         self.split = {SPLIT.sub('', name) for _, _, name in functions if SPLIT.search(name)}
         self.same = set()  # addresses whose names are the same
+        mangled = [name for _, _, name in functions if name.startswith('_D')]  # which addr2line leaves so
+        self.of_d = dict(zip(mangled, answer_of('c++filt', '-s', 'dlang', text='\n'.join(mangled)).splitlines()))
 
     def holders(self, address):
         """The symbols that hold the address."""
@@ -347,7 +375,9 @@ class Places:
             for row in rows:
                 group.append(row)
                 if 'end_sequence' in row.flags:
-                    self.rows += [(row.address, number, row) for number, row in enumerate(group)]
+                    # A row at the end has no addresses.
+                    self.rows += [(row.address, number, row) for number, row in enumerate(group)
+                                  if row.address < group[-1].address or 'end_sequence' in row.flags]
                     group = []
         self.rows.sort(key=lambda entry: (entry[0], 'end_sequence' not in entry[2].flags, entry[1]))
         self.starts = [address for address, _, _ in self.rows]
@@ -408,10 +438,11 @@ def compare_answer(flags, names, address, answer, other, known):
         answer, other = ours.groups(), theirs.groups()
     *ours, place = answer
     *theirs, expected = other
+    expected = re.sub('^//', '/', expected)  # a folder "/" and what is in it
     # Without a line addr2line still names a file for local symbols ("crtstuff.c:?"), from the symbol table.
     same_place = place == (known or expected)
     if address in names.same:  # -f came first: the same symbol has the same C++ name
-        same_name = ours[-1] == theirs[-1]
+        same_name = ours[-1] == names.of_d.get(theirs[-1], theirs[-1])
     else:
         same_name = 'C' in flags[-1] or names.agree(address, ours[-1], theirs[-1])
     same_address = flags == ['-f'] or ours[0] == theirs[0]
