@@ -84,7 +84,8 @@ static session make_later_units()
                                             unit{.version = 6, .dies = dies}.build()},
                          {KRV_SEC_EXT_LINE_STR, bytes().fill(2).cstr("/build")},
                          {KRV_SEC_EXT_STR_OFFSETS, bytes().u32(12).add(header).u32(0).u32(4)},
-                         {KRV_SEC_EXT_ADDR, bytes().u32(12).add(header).u64(0x400)}},
+                         {KRV_SEC_EXT_ADDR, bytes().u32(12).add(header).u64(0x400)},
+                         {KRV_SEC_EXT_LOCLISTS, bytes::hex("03 00 08 01 50 00")}},
             .extended = true};
 }
 
@@ -107,6 +108,9 @@ static std::string ask_later_units(krv_handle_t *hp)
     const char *path = row == nullptr ? nullptr : krv_lnfe_absolute_path(hp, korva_lns_get_filep(hp, row));
     if (path == nullptr)
         return "!row";
+    krv_fd_t place;
+    if (korva_find_location(hp, cu, 0, 0, 0x407, &place) != 0)
+        return "!place";
     return path + std::string(" ") + cu->dcu_name + " " + std::to_string(low->sa_u.su_unsigned) + " " +
            std::to_string(language->sa_u.su_unsigned) + (next->dcu_kind != 0 ? " of a kind" : "");
 }
@@ -173,11 +177,13 @@ static bytes words()
     return memory;
 }
 
-template <bool EH, bool HDR>
+template <bool EH, bool HDR, bool EXTENDED = false>
 static session make_frames()
 {
-    const bytes section = framed(EH).build();
-    session s{.memory = words()};
+    bytes section = framed(EH).build();
+    if (EXTENDED && EH) // and a record that is left out
+        section += eh_cie{.augmentation = "eh"}.build();
+    session s{.memory = words(), .extended = EXTENDED};
     if (!EH) {
         s.sections[KRV_SEC_FRAME] = section;
         return s;
@@ -286,6 +292,8 @@ std::span<const scenario> scenarios()
         {".debug_frame", make_frames<false, false>, ask_frames, "7008 55; 7010 0; ", 15},
         {".eh_frame", make_frames<true, false>, ask_frames, "7008 0; 7010 0; ", 15},
         {".eh_frame_hdr", make_frames<true, true>, ask_frames, "7008 0; 7010 0; ", 15},
+        {".debug_frame as written", make_frames<false, false, true>, ask_frames, "7008 55; 7010 0; ", 15},
+        {".eh_frame as written", make_frames<true, false, true>, ask_frames, "7008 0; 7010 0; ", 15},
         {"expressions", make_expressions, ask_expressions, "7 106d 551110", 5},
     };
     return all;
@@ -297,9 +305,11 @@ void session::set_options(krv_handle_t *hp) const
         korva_handle_set_opt(hp, KRV_OPT_EH_FRAME_ADDR, eh_frame);
     if (hdr != 0)
         korva_handle_set_opt(hp, KRV_OPT_EH_FRAME_HDR_ADDR, hdr);
+    if (!extended)
+        return;
     for (const krv_opt_idx_t opt : {KRV_OPT_EXT_DWARF5, KRV_OPT_EXT_AS_WRITTEN})
-        if (extended)
-            korva_handle_set_opt(hp, opt, uint64_t{1});
+        korva_handle_set_opt(hp, opt, uint64_t{1});
+    korva_handle_add_code(hp, 0x300, 0x1000);
 }
 
 } // namespace krv_test
