@@ -6,6 +6,7 @@ usage: corpus.py DIR [UNITS]
 
   cxx-gcc, cxx-clang  UNITS (40) C++ units that use the standard library, DWARF 4
   c-many              15 times as many small C units
+  NAME-5              each of these as DWARF 5
   libchain.so         a chain of 50 calls among 1500 functions, for walking the stack
 
 Only what every contestant can take whole. Section groups are dissolved before linking, so that every copy of an inline
@@ -127,18 +128,20 @@ def main():
     if len(sys.argv) not in (2, 3):
         sys.exit(__doc__)
     top, units = sys.argv[1], int(sys.argv[2]) if len(sys.argv) == 3 else 40
-    for folder in ("src", "gcc", "clang", "c"):
+    kinds = [(name, version) for name in ("gcc", "clang", "c") for version in (4, 5)]
+    for folder in ("src", *(f"{name}{version}" for name, version in kinds)):
         os.makedirs(os.path.join(top, folder), exist_ok=True)
     os.chdir(top)
     r = random.Random(2)
     pool = concurrent.futures.ThreadPoolExecutor(os.cpu_count())
-    jobs, files = [], {"gcc": [], "clang": [], "c": []}
+    jobs, files = [], {kind: [] for kind in kinds}
     main_source = "src/main.c"
     write(main_source, "int main(void) { return 0; }\n")
     compilers = {"gcc": "g++ -O2 -std=c++17 -maccumulate-outgoing-args -fno-gnu-unique",
                  "clang": "clang++ -O1 -std=c++17 -gdwarf-aranges -mllvm -no-x86-call-frame-opt",
                  "c": "gcc -O1"}
-    for name, command in compilers.items():
+    for name, version in kinds:
+        command = compilers[name]
         if shutil.which(command.split()[0]) is None:
             print(f"corpus: no {command.split()[0]}, so no {name}", file=sys.stderr)
             continue
@@ -147,16 +150,18 @@ def main():
             source = f"src/{'c' if name == 'c' else 'cxx'}_{i}.{'c' if name == 'c' else 'cc'}"
             if not os.path.exists(source):
                 write(source, (C if name == "c" else CXX).format(i=i, a=r.randint(2, 9), b=r.randint(10, 99)))
-            made = f"{name}/{i}.o"
-            files[name].append(made)
-            full = command.split() + ["-gdwarf-4", "-fno-pie", "-w"]
+            made = f"{name}{version}/{i}.o"
+            files[name, version].append(made)
+            full = command.split() + [f"-gdwarf-{version}", "-fno-pie", "-w"]
             jobs.append(pool.submit(compile_unit, full, source, made))
     for job in jobs:
         job.result()
     run("gcc", "-g0", "-c", main_source, "-o", "src/main.o")
-    for name, out in (("gcc", "cxx-gcc"), ("clang", "cxx-clang"), ("c", "c-many")):
-        if files[name]:
-            run("gcc" if name == "c" else "g++", "-no-pie", "-o", out, "src/main.o", *files[name])
+    names = {"gcc": "cxx-gcc", "clang": "cxx-clang", "c": "c-many"}
+    for (name, version), objects in files.items():
+        if objects:
+            out = names[name] + ("" if version == 4 else f"-{version}")
+            run("gcc" if name == "c" else "g++", "-no-pie", "-o", out, "src/main.o", *objects)
     write("src/chain.c", chain())
     run("gcc", "-O2", "-fomit-frame-pointer", "-fno-optimize-sibling-calls", "-fcf-protection=none", "-w", "-fPIC",
         "-shared", "-o", "libchain.so", "src/chain.c")
