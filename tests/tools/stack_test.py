@@ -160,7 +160,7 @@ def test_stop(korva, targets, name):
     make, commands, function = STOPS[name]
     with tempfile.TemporaryDirectory() as scratch:
         command = make(targets)
-        core, executable = f'{scratch}/core', shutil.which(command[0])
+        core, executable = f'{scratch}/core', shutil.copy(shutil.which(command[0]), scratch)
         answer_of(*GDB, *(part for text in commands for part in ('-ex', text)), '-ex', f'gcore {core}', '-ex', 'kill',
                   '--args', executable, *command[1:])
         ours = stacks_of(korva, '--core', core, '-e', executable)
@@ -168,6 +168,10 @@ def test_stop(korva, targets, name):
         if not any(function in found for found in names):
             fail(f'it did not stop there: {names}')
         compare(ours, parse(run(*GDB, '-x', GDB_SCRIPT, executable, core).out), 'gdb')
+        shutil.copy(korva, executable)
+        told = run(korva, 'stack', '--core', core).err
+        if not re.search(rf'^korva: {re.escape(executable)}: .*build-id.*; say with -e FILE where the executable is$', told, re.M):
+            fail(f'of an executable that was replaced: {told}')
 
 
 def main():
