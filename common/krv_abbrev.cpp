@@ -55,14 +55,14 @@ struct growing_array {
 // A table while it is read.
 struct table_builder {
     krv_handle_t *hp;
-    krv_fd_t *fdp; // the handle's .debug_abbrev cursor, used in place
+    krv_fd_t *fdp; // the section's own cursor, used in place
     uint64_t offset;
     growing_array<krv_abbrev_t, 64> abbrevs;
     growing_array<krv_afpair_t, 512> pairs;
     growing_array<int64_t, 64> implicit;
 
-    table_builder(krv_handle_t *handle, uint64_t where)
-        : hp(handle), fdp(&handle->sh_sec[KRV_SEC_ABBREV]), offset(where)
+    table_builder(krv_handle_t *handle, uint64_t where, krv_secidx_t sec)
+        : hp(handle), fdp(krv_section(handle, sec)), offset(where)
     {
     }
     unsigned long shown_offset() const { return static_cast<unsigned long>(offset); }
@@ -485,10 +485,10 @@ uint32_t krv_abbrev_count_implicit(const krv_abbrev_t *abbrev)
                       [](krv_afpair_t pair) { return pair.dwafp_form == KRV_EXT_DW_FORM_implicit_const; }));
 }
 
-krv_au_t *krv_abbrev_unit_alloc(krv_handle_t *hp, uint64_t offset)
+krv_au_t *krv_abbrev_unit_alloc(krv_handle_t *hp, uint64_t offset, krv_secidx_t sec)
 {
     KRV_ASSERT(hp != NULL);
-    table_builder t(hp, offset);
+    table_builder t(hp, offset, sec);
     if (korva_fd_seek(t.fdp, offset, KRV_FD_SEEK_SET) != 0) {
         krv_note(hp, "can't seek to %lu in .debug_abbrev", t.shown_offset());
         return nullptr;
@@ -594,10 +594,10 @@ bool krv_abbrev_check_table(krv_handle_t *hp, krv_offset_t offset, uint64_t code
 
 // Tables of a sound section do not overlap. Of one where every unit names another tail of the same table, as many are
 // kept as would fill it some times over. The section's cursor stands behind the table.
-static bool may_keep(krv_handle_t *hp, krv_offset_t offset)
+static bool may_keep(krv_handle_t *hp, krv_offset_t offset, krv_secidx_t sec)
 {
     constexpr uint64_t MOST_READINGS = 4; // of a byte, on the average
-    const krv_fd_t *fdp = &hp->sh_sec[KRV_SEC_ABBREV];
+    const krv_fd_t *fdp = krv_section(hp, sec);
     const uint64_t kept = hp->sh_abbrev_bytes + (fdp->sfd_offset - offset);
     if (kept / MOST_READINGS > fdp->sfd_size + KRV_KEPT_SLACK) {
         krv_fail(hp, KRV_ERR_CORRUPT, "abbreviation table at offset %lu overlaps too many others",
@@ -608,19 +608,20 @@ static bool may_keep(krv_handle_t *hp, krv_offset_t offset)
     return true;
 }
 
-krv_au_t *krv_get_au_by_offset(krv_handle_t *hp, krv_offset_t offset)
+krv_au_t *krv_get_au_by_offset(krv_handle_t *hp, krv_offset_t offset, krv_secidx_t sec)
 {
     KRV_ASSERT(hp != NULL);
     krv_hash_t *hash = get_auphash(hp);
     if (hash == nullptr)
         return nullptr;
-    const krv_hash_key_t key = {.dwhk_u = offset};
+    // Those of both files share a cache; no section in memory has an offset with the highest bit.
+    const krv_hash_key_t key = {.dwhk_u = sec == KRV_SEC_ABBREV ? offset : offset | uint64_t{1} << 63};
     if (void *cached = krv_hash_lookup(hp, hash, &key))
         return static_cast<krv_au_t *>(cached);
-    krv_au_t *fresh = krv_abbrev_unit_alloc(hp, offset);
+    krv_au_t *fresh = krv_abbrev_unit_alloc(hp, offset, sec);
     if (fresh == nullptr)
         return nullptr;
-    if (!may_keep(hp, offset)) {
+    if (!may_keep(hp, offset, sec)) {
         krv_abbrev_unit_free(fresh);
         return nullptr;
     }

@@ -67,8 +67,9 @@ bool krv_abbrev_check_table(krv_handle_t *hp, krv_offset_t offset, uint64_t code
 // with KRV_ERR_NOMEM.
 int krv_abbrev_forget_checks(krv_handle_t *hp);
 
-// The table at `offset`, parsed and cached on first use; it lives until the handle is freed. NULL on failure.
-krv_au_t *krv_get_au_by_offset(krv_handle_t *hp, krv_offset_t offset);
+// The table at `offset`, parsed and cached on first use; it lives until the handle is freed. NULL on failure. `sec`: or
+// KRV_SEC_EXT_ALT_ABBREV.
+krv_au_t *krv_get_au_by_offset(krv_handle_t *hp, krv_offset_t offset, krv_secidx_t sec = KRV_SEC_ABBREV);
 
 // Compilers number abbreviations from 1 on. Then the code is the way into the table. NULL: it is not.
 inline krv_abbrev_t *krv_abbrev_at_its_code(const krv_au_t *au, uint64_t code)
@@ -80,8 +81,8 @@ inline krv_abbrev_t *krv_abbrev_at_its_code(const krv_au_t *au, uint64_t code)
 // The abbreviation with `code`; NULL with KRV_ERR_CORRUPT when the table lacks it.
 krv_abbrev_t *krv_get_abbrev(krv_handle_t *hp, krv_au_t *au, unsigned int code);
 
-// Parses one table, without caching it. Moves the handle's .debug_abbrev cursor.
-krv_au_t *krv_abbrev_unit_alloc(krv_handle_t *hp, uint64_t offset);
+// Parses one table, without caching it. Moves the section's own cursor.
+krv_au_t *krv_abbrev_unit_alloc(krv_handle_t *hp, uint64_t offset, krv_secidx_t sec = KRV_SEC_ABBREV);
 void krv_abbrev_unit_free(krv_au_t *au);
 
 // Teardown: frees every cached table.

@@ -135,7 +135,9 @@ krv_au_t *krv_cu_abbrevs(krv_handle_t *hp, krv_ctu_t *cu)
 {
     if (krv_au_t *au = krv_load(&cu->dcu_abbrev_unit))
         return au;
-    krv_au_t *au = krv_get_au_by_offset(hp, cu->dcu_debug_abbrev_offset);
+    krv_au_t *au = cu->dcu_section == KRV_SEC_EXT_ALT_INFO
+                       ? krv_get_au_by_offset(hp, cu->dcu_debug_abbrev_offset, KRV_SEC_EXT_ALT_ABBREV)
+                       : krv_get_au_by_offset(hp, cu->dcu_debug_abbrev_offset);
     // The table belongs to the handle's cache, so a lost race discards nothing.
     return au == nullptr ? nullptr : krv_publish(&cu->dcu_abbrev_unit, au, [](krv_au_t *) {});
 }

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "krv_entry_seek.h"
 
+#include "krv_alternate.h"
 #include "krv_error.h"
 #include "krv_ext.h"
 #include "krv_units.h"
@@ -10,6 +11,8 @@
 // The unit whose entries an offset of the section lies among, or NULL.
 static krv_ctu_t *find_unit(krv_handle_t *hp, krv_secidx_t sec, uint64_t offset)
 {
+    if (sec == KRV_SEC_EXT_ALT_INFO)
+        return krv_alternate_find(hp, offset);
     if (sec != KRV_SEC_INFO) {
         krv_fail(hp, KRV_ERR_INVALID, "invalid section (%d)", sec);
         return nullptr;

@@ -62,7 +62,7 @@ void krv_ext_destroy(krv_handle_t *hp)
 
 bool krv_ext_is_section(const krv_handle_t *hp, krv_secidx_t sec)
 {
-    return hp->sh_ext != 0 && sec >= KRV_SEC_EXT_LINE_STR && sec <= KRV_SEC_EXT_ALT_STR;
+    return hp->sh_ext != 0 && sec >= KRV_SEC_EXT_LINE_STR && sec <= KRV_SEC_EXT_ALT_ABBREV;
 }
 
 constexpr const char *NAMES[KRV_MAX_SEC] = {".debug_abbrev",     ".debug_aranges", ".debug_frame",    ".debug_info",
@@ -76,7 +76,8 @@ constexpr const char *EXT_NAMES[KRV_EXT_SECTIONS] = {".debug_line_str",
                                                      ".debug_loclists",
                                                      ".debug_ranges",
                                                      ".debug_info of the alternate file",
-                                                     ".debug_str of the alternate file"};
+                                                     ".debug_str of the alternate file",
+                                                     ".debug_abbrev of the alternate file"};
 
 const char *krv_section_name(krv_secidx_t sec)
 {

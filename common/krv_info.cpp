@@ -51,7 +51,7 @@ static bool is_base_version(uint16_t version)
 
 static bool read_header(krv_handle_t *hp, krv_ctu_t *cu, krv_secidx_t sec, uint64_t offset)
 {
-    krv_fd_t *fdp = &hp->sh_sec[sec];
+    krv_fd_t *fdp = krv_section(hp, sec);
     *cu = {};
     if (korva_fd_seek(fdp, offset, KRV_FD_SEEK_SET) != 0 || !read_unit_length(hp, cu, fdp, offset))
         return false;
@@ -59,7 +59,7 @@ static bool read_header(krv_handle_t *hp, krv_ctu_t *cu, krv_secidx_t sec, uint6
     if (!krv_read_field(fdp, DW_FORM_data2, &cu->dcu_version, "failed to read version"))
         return false;
     cu->dcu_kind = KRV_UNIT_COMPILE;
-    if (hp->sh_ext != 0 && sec == KRV_SEC_INFO && !is_base_version(cu->dcu_version)) {
+    if (hp->sh_ext != 0 && sec != KRV_SEC_TYPES && !is_base_version(cu->dcu_version)) {
         if (krv_info_read_later_header(hp, cu, fdp) != 0)
             return false;
     } else if (!read_base_fields(cu, sec, fdp, encoding)) {
@@ -75,7 +75,7 @@ int krv_info_hdr_read(krv_handle_t *hp, krv_ctu_t *cu, krv_secidx_t sec, uint64_
 {
     KRV_ASSERT(hp != NULL);
     KRV_ASSERT(cu != NULL);
-    if (sec != KRV_SEC_INFO && sec != KRV_SEC_TYPES)
+    if (sec != KRV_SEC_INFO && sec != KRV_SEC_TYPES && sec != KRV_SEC_EXT_ALT_INFO)
         return krv_fail(hp, KRV_ERR_INVALID, "invalid section (%d)", sec);
     if (!read_header(hp, cu, sec, offset))
         return krv_note(hp, "failed to read CU header at offset %lld in %s", static_cast<long long>(offset),

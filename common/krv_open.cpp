@@ -5,6 +5,7 @@
 
 #include "krv_abbrev.h"
 #include "krv_addr_index.h"
+#include "krv_alternate.h"
 #include "krv_calls.h"
 #include "krv_error.h"
 #include "krv_ext.h"
@@ -158,6 +159,7 @@ void korva_handle_free(krv_handle_t *hp)
         return;
     krv_destroy_reader(hp);
     krv_addr_index_destroy(hp);
+    krv_alternate_destroy(hp);
     krv_calls_destroy(hp);
     krv_named_destroy(hp);
     krv_lookup_destroy_cu_caches(hp);

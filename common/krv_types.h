@@ -9,6 +9,7 @@
 #include "krv_synch.h"
 
 struct krv_addr_index;
+struct krv_alternate;
 struct krv_calls;
 struct krv_hash;
 struct krv_named;
@@ -35,7 +36,7 @@ struct krv_opt_t {
 
 constexpr uint32_t KRV_EXT_DWARF5 = 0x1;     // sh_ext: KRV_OPT_EXT_DWARF5 is on
 constexpr uint32_t KRV_EXT_AS_WRITTEN = 0x2; // likewise
-constexpr unsigned KRV_EXT_SECTIONS = KRV_SEC_EXT_ALT_STR - KRV_SEC_EXT_LINE_STR + 1;
+constexpr unsigned KRV_EXT_SECTIONS = KRV_SEC_EXT_ALT_ABBREV - KRV_SEC_EXT_LINE_STR + 1;
 
 // Addresses of executable sections.
 struct krv_code_range_t {
@@ -78,9 +79,10 @@ struct krv_handle {
     krv_relaxed<uint64_t> sh_calls_read;   // and for functions and inlined calls
     krv_note_f *sh_note_func;              // NULL: nobody wants to know
     void *sh_note_arg;
-    krv_calls *sh_calls;       // owned: those of all units, in no order
-    krv_named *sh_named;       // owned: functions and variables by name; built on first use, published last
-    krv_code_range_t *sh_code; // owned: see krv_is_code
+    krv_calls *sh_calls;         // owned: those of all units, in no order
+    krv_alternate *sh_alternate; // owned: units of the alternate file; built on first use, published last
+    krv_named *sh_named;         // owned: functions and variables by name; built on first use, published last
+    krv_code_range_t *sh_code;   // owned: see krv_is_code
     uint32_t sh_code_size;
     uint32_t sh_code_entries;
     krv_rwlock_t sh_error_lock; // texts of the messages while they are stored; the last lock to be taken

@@ -110,7 +110,7 @@ public:
     explicit handle(const input &in)
         : hp(korva_handle_alloc(in.target())), callback(in.through_callback()), mode(in.mode)
     {
-        sections.reserve(size_t{KRV_MAX_SEC} + KRV_SEC_EXT_ALT_STR - KRV_SEC_EXT_LINE_STR + 1);
+        sections.reserve(size_t{KRV_MAX_SEC} + KRV_SEC_EXT_ALT_ABBREV - KRV_SEC_EXT_LINE_STR + 1);
         if (hp != nullptr && (mode & MODE_DWARF5) != 0)
             korva_handle_set_opt(hp, KRV_OPT_EXT_DWARF5, uint64_t{1});
         if (hp != nullptr && (mode & MODE_AS_WRITTEN) != 0)

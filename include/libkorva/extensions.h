@@ -49,6 +49,7 @@ enum {
     KRV_SEC_EXT_RANGES = 0x1005,      /**< .debug_ranges */
     KRV_SEC_EXT_ALT_INFO = 0x1006,    /**< .debug_info of the alternate (supplementary) file */
     KRV_SEC_EXT_ALT_STR = 0x1007,     /**< .debug_str of that file */
+    KRV_SEC_EXT_ALT_ABBREV = 0x1008,  /**< .debug_abbrev of that file: for its entries */
 };
 
 /** As korva_lookup_section_index, of the sections of extensions; those of the alternate file have no name of their own. */

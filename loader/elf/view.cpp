@@ -20,7 +20,7 @@ constexpr size_t MOST_NOTES = 4096;
 bool is_seldom_read(krv_secidx_t index)
 {
     return index == KRV_SEC_FRAME || index == KRV_SEC_LOC || index == KRV_SEC_PUBNAMES || index == KRV_SEC_PUBTYPES ||
-           index == KRV_SEC_TYPES || index == KRV_SEC_EXT_LOCLISTS || index == KRV_SEC_EXT_ALT_INFO;
+           index == KRV_SEC_TYPES || index == KRV_SEC_EXT_LOCLISTS;
 }
 
 // ".zdebug_x" is ".debug_x", compressed.
@@ -72,6 +72,8 @@ void view::take_alternate(elf_file &alternate)
             take(alternate, raw, KRV_SEC_EXT_ALT_INFO);
         else if (raw.file_size != 0 && plain_name(raw.name) == ".debug_str")
             take(alternate, raw, KRV_SEC_EXT_ALT_STR);
+        else if (raw.file_size != 0 && plain_name(raw.name) == ".debug_abbrev")
+            take(alternate, raw, KRV_SEC_EXT_ALT_ABBREV);
 }
 
 void view::take(elf_file &home, const raw_section &raw, krv_secidx_t index)

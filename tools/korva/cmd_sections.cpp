@@ -50,7 +50,7 @@ static void read_everything(const object &obj)
 
 static bool is_of_alternate_file(const krv_elf_section_t &section)
 {
-    return section.index == KRV_SEC_EXT_ALT_INFO || section.index == KRV_SEC_EXT_ALT_STR;
+    return section.index >= KRV_SEC_EXT_ALT_INFO && section.index <= KRV_SEC_EXT_ALT_ABBREV;
 }
 
 static int run_sections(const common_options &options)
