@@ -72,7 +72,6 @@ static bool has(const krv_planned_t *planned, krv_attribute_t first, krv_attribu
     });
 }
 
-// Functions with code, and what stands between them and is deeper is theirs; variables that are somewhere.
 static unsigned int kind_of(const krv_planned_t *planned)
 {
     if (planned->abbrev->dwa_tag == DW_TAG_subprogram)
@@ -82,18 +81,22 @@ static unsigned int kind_of(const krv_planned_t *planned)
     return 0;
 }
 
-static krv_step add_entry(krv_handle_t *hp, const krv_entry_t &entry, krv_named *to)
+// *function is the level of the function that the entry before lies in, or UINT32_MAX. False: KRV_ERR_NOMEM.
+static bool add_entry(krv_handle_t *hp, const krv_entry_t &entry, uint32_t level, uint32_t *function, krv_named *to)
 {
     const unsigned int kind = kind_of(krv_entry_planned(&entry));
-    if (kind == KRV_NAMED_VARIABLES || krv_entry_planned(&entry)->has_code()) {
+    const bool is_in_function = level > *function;
+    if (!is_in_function)
+        *function = kind == KRV_NAMED_FUNCTIONS ? entry.depth : UINT32_MAX;
+    if (kind == KRV_NAMED_VARIABLES ? !is_in_function : krv_entry_planned(&entry)->has_code()) {
         krv_call_t names = {};
         names.entry = entry;
         krv_call_find_names(hp, &names);
         if (!add_name(hp, to, names.name, kind, entry.offset) ||
             !add_name(hp, to, names.linkage_name, kind, entry.offset))
-            return krv_step::stop;
+            return false;
     }
-    return kind == KRV_NAMED_FUNCTIONS ? krv_step::skip : krv_step::next;
+    return true;
 }
 
 // Adds those of a unit. What cannot be read is left out. False: KRV_ERR_NOMEM.
@@ -104,8 +107,10 @@ static bool add_unit(krv_handle_t *hp, krv_ctu_t *cu, krv_named *to)
     if (krv_entry_load_at(hp, cu, cu->dcu_offset + cu->dcu_header_size, &first) != 0 ||
         !krv_entry_place(hp, cu, &place))
         return hp->sh_errno != KRV_ERR_NOMEM;
-    const int walked = krv_entry_walk(hp, place, first, kind_of,
-                                      [&](const krv_entry_t &entry, uint32_t) { return add_entry(hp, entry, to); });
+    uint32_t function = UINT32_MAX;
+    const int walked = krv_entry_walk(hp, place, first, kind_of, [&](const krv_entry_t &entry, uint32_t level) {
+        return add_entry(hp, entry, level, &function, to) ? krv_step::next : krv_step::stop;
+    });
     if (walked == -1 && hp->sh_errno != KRV_ERR_NOMEM)
         krv_tell(hp, KRV_SEC_INFO, cu->dcu_offset, false,
                  "names of the unit at offset 0x%lx of .debug_info are not all known: %s",

@@ -1,0 +1,373 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// Entries by cursor, their values, and the calls around an address.
+#include "builders/sections.h"
+#include "support/handle.h"
+
+#include <algorithm>
+#include <gtest/gtest.h>
+
+using namespace krv_test;
+
+namespace
+{
+
+std::string show(const krv_attr_t &a)
+{
+    const auto number = static_cast<unsigned long>(a.number);
+    const std::string bytes(reinterpret_cast<const char *>(a.bytes), a.size);
+    switch (a.kind) {
+    case KRV_ATTR_STRING:
+        return text("'%s'", bytes.c_str());
+    case KRV_ATTR_BLOCK:
+    case KRV_ATTR_EXPRESSION:
+        return text("%c%lu", a.kind == KRV_ATTR_BLOCK ? 'b' : 'x', a.size);
+    case KRV_ATTR_REFERENCE:
+        return text("%s%lu", a.is_alternate ? "alt" : "ref", number);
+    case KRV_ATTR_CONSTANT:
+        return a.is_signed ? text("%ld", static_cast<long>(a.number)) : text("%lu", number);
+    default:
+        return text("%d:0x%lx", a.kind, number);
+    }
+}
+
+// What attributes an entry has, or how reading them ends.
+std::string attributes(handle &h, krv_entry_t entry)
+{
+    std::string all;
+    krv_attr_t a;
+    int read;
+    while ((read = korva_entry_next_attr(h, &entry, &a)) == 1) {
+        all += (all.empty() ? "" : " ") + show(a);
+        krv_attr_t same; // of several the first
+        EXPECT_EQ(korva_entry_get_attr(h, &entry, a.attribute, &same), 0);
+        EXPECT_LE(a.attribute == DW_AT_const_value ? 0U : 1U, same.attribute == a.attribute ? 1U : 0U);
+    }
+    return read == 0 ? all : all + " " + h.error();
+}
+
+krv_entry_t first_of(handle &h, uint64_t unit_offset = 0)
+{
+    krv_entry_t entry = {};
+    krv_ctu_t *cu = korva_lookup_ctu_by_start_offset(h, KRV_SEC_INFO, unit_offset);
+    EXPECT_EQ(korva_entry_first(h, cu, &entry), 0) << h.error();
+    return entry;
+}
+
+} // namespace
+
+TEST(Entry, Values)
+{
+    const struct {
+        const char *form;
+        bytes value;
+        const char *expected;
+    } rows[] = {
+        {"data1", bytes().u8(0xff), "255"},
+        {"data8", bytes().u64(UINT64_MAX), "18446744073709551615"},
+        {"udata", bytes::hex("ffffffffffffffffff01"), "18446744073709551615"},
+        {"udata", bytes::hex("81808000"), "1"}, // padded
+        {"udata", bytes::hex("ffffffffffffffffff03"),
+         " CORRUPT: attribute 0x1c of the entry at offset 0xb of .debug_info is cut off, or too large"},
+        {"sdata", bytes().sleb(-129), "-129"},
+        {"sdata", bytes::hex("ffffffffffffffffff00"), "9223372036854775807"},
+        {"sdata", bytes::hex("ffffffffffffffffff7f"), "-1"},
+        {"addr", bytes().u64(0x1234), "1:0x1234"},
+        {"flag", bytes().u8(2), "3:0x2"},
+        {"flag_present", bytes(), "3:0x1"},
+        {"string", bytes().cstr("abc"), "'abc'"},
+        {"string", bytes().u8('a'), " CORRUPT: attribute 0x1c of the entry at offset 0xb of .debug_info is cut off"},
+        {"strp", bytes().u32(2), "'r'"},
+        {"strp", bytes().u32(4),
+         " CORRUPT: string at offset 0x4 leads out of .debug_str | "
+         "attribute 0x1c of the entry at offset 0xb of .debug_info cannot be read"},
+        {"line_strp", bytes().u32(1), "'ine'"},
+        {"strx1", bytes().u8(1), "'tr'"},
+        {"strx1", bytes().u8(2),
+         " CORRUPT: index 2 at base 0x8 leads out of .debug_str_offsets | "
+         "attribute 0x1c of the entry at offset 0xb of .debug_info cannot be read"},
+        {"addrx", bytes().uleb(1), "1:0x4000"},
+        {"block1", bytes().u8(2).u16(0), "b2"},
+        {"block4", bytes().u32(1), " CORRUPT: attribute 0x1c of the entry at offset 0xb of .debug_info is cut off"},
+        {"exprloc", bytes().uleb(1).u8(0x50), "x1"},
+        {"data16", bytes().fill(16), "b16"},
+        {"ref1", bytes().u8(0x20), "ref32"},
+        {"ref_addr", bytes().u32(0x999), "ref2457"},
+        {"GNU_ref_alt", bytes().u32(7), "alt7"},
+        {"ref_sig8", bytes().u64(5), "8:0x5"},
+        {"sec_offset", bytes().u32(9), "9:0x9"},
+        {"rnglistx", bytes().uleb(0), "9:0x10"},
+        {"implicit_const=-3", bytes(), "-3"},
+        {"indirect", bytes().uleb(0x16).uleb(0x0b).u8(7), "7"},
+        {"indirect", bytes().uleb(0x21),
+         " CORRUPT: attribute 0x1c of the entry at offset 0xb of .debug_info is of an unknown form"},
+        {"indirect", bytes().uleb(0x77),
+         " CORRUPT: attribute 0x1c of the entry at offset 0xb of .debug_info is of an unknown form"},
+    };
+    for (const auto &row : rows) {
+        SCOPED_TRACE(row.form);
+        handle h;
+        h.extend();
+        h.attach(KRV_SEC_ABBREV,
+                 abbrevs("1 compile_unit+; 2 variable name:data1 const_value:" + std::string(row.form)));
+        h.attach(KRV_SEC_STR, bytes().cstr("str"));
+        h.attach(KRV_SEC_EXT_LINE_STR, bytes().cstr("line"));
+        h.attach(KRV_SEC_EXT_STR_OFFSETS, bytes().u32(12).u16(5).u16(0).u32(0).u32(1));
+        h.attach(KRV_SEC_EXT_ADDR, bytes().u32(20).u16(5).u16(8).u64(0x3000).u64(0x4000));
+        h.attach(KRV_SEC_EXT_RNGLISTS, bytes().u32(13).u16(5).u16(8).u32(1).u32(4).u8(0));
+        const bytes dies = bytes().uleb(1).uleb(2).u8(1).add(row.value);
+        h.attach(KRV_SEC_INFO, unit{.version = 5, .kind = KRV_UNIT_COMPILE, .dies = dies}.build());
+        krv_entry_t entry = first_of(h);
+        ASSERT_EQ(korva_entry_next(h, &entry), 0) << h.error();
+        std::string expected = row.expected;
+        if (const size_t at = expected.find("0xb of"); at != std::string::npos)
+            expected.replace(at, 3, "0xd");
+        EXPECT_EQ(attributes(h, entry), (expected[0] == ' ' ? "1" : "1 ") + expected);
+    }
+}
+
+namespace
+{
+
+// Offset, depth and tag of the cursor.
+std::string where(const krv_entry_t &e)
+{
+    return text("%lu/%u/%x", e.offset, e.depth, e.tag);
+}
+
+const char *const TREE =
+    "1 compile_unit+; 2 namespace+; 3 structure_type+ sibling:ref1; 4 member name:string; 5 base_type+";
+
+// Entries at 11; 12 in it, with 13 and 17 in that, 13 linked past its member; 20, an entry with an empty list of children.
+bytes tree()
+{
+    return bytes().uleb(1).uleb(2).uleb(3).u8(19).uleb(4).cstr("m").u8(0).uleb(4).cstr("n").u8(0).uleb(5).u8(0).u8(0);
+}
+
+} // namespace
+
+TEST(Entry, Tree)
+{
+    handle h;
+    h.attach(KRV_SEC_ABBREV, abbrevs(TREE));
+    h.attach(KRV_SEC_INFO, unit{.dies = tree()}.build());
+    krv_entry_t e = first_of(h);
+    std::string all = where(e);
+    while (korva_entry_next(h, &e) == 0)
+        all += " " + where(e);
+    EXPECT_EQ(h.error(), "NOTFOUND");
+    EXPECT_EQ(all, "11/0/11 12/1/39 13/2/13 15/3/d 19/2/d 23/1/24");
+
+    const struct {
+        uint64_t offset;
+        const char *child, *sibling, *ancestors;
+    } rows[] = {
+        {11, "12/1/39", "NOTFOUND", ""},       {12, "13/1/13", "23/0/24", "11"},
+        {13, "15/1/d", "19/0/d", "11 12"},     {15, "NOTFOUND", "NOTFOUND", "11 12 13"},
+        {19, "NOTFOUND", "NOTFOUND", "11 12"}, {23, "NOTFOUND", "NOTFOUND", "11"},
+    };
+    for (const auto &row : rows) {
+        SCOPED_TRACE(row.offset);
+        krv_entry_t at, moved;
+        ASSERT_EQ(korva_entry_at(h, KRV_SEC_INFO, row.offset, &at), 0) << h.error();
+        moved = at;
+        EXPECT_EQ(korva_entry_child(h, &moved) == 0 ? where(moved) : h.error(), row.child);
+        moved = at;
+        EXPECT_EQ(korva_entry_sibling(h, &moved) == 0 ? where(moved) : h.error(), row.sibling);
+        krv_entry_t above[8];
+        size_t count = 0;
+        EXPECT_EQ(korva_entry_get_ancestors(h, &at, above, 8, &count), 0) << h.error();
+        std::string ancestors;
+        for (size_t i = 0; i < count; ++i)
+            ancestors += (i == 0 ? "" : " ") + std::to_string(above[i].offset);
+        EXPECT_EQ(ancestors, row.ancestors);
+    }
+    krv_entry_t none;
+    for (const uint64_t offset : {uint64_t{0}, uint64_t{10}, uint64_t{24}, uint64_t{26}, UINT64_MAX})
+        EXPECT_TRUE(refuses(h, korva_entry_at(h, KRV_SEC_INFO, offset, &none), "NOTFOUND")) << offset;
+}
+
+TEST(Entry, Damage)
+{
+    const struct {
+        const char *abbrevs;
+        bytes dies;
+        const char *error;
+    } rows[] = {
+        {"1 compile_unit+", bytes().uleb(1).u8(0x80), "CORRUPT: entry at offset 0xc of .debug_info is cut off"},
+        {"1 compile_unit+", bytes().uleb(1).uleb(7),
+         "CORRUPT: abbreviation code 7 not found | entry at offset 0xc of .debug_info cannot be read"},
+        {"1 compile_unit+; 2 member name:data8", bytes().uleb(1).uleb(2).u32(0),
+         "CORRUPT: entry at offset 0xc of .debug_info has values that are cut off or unknown"},
+        {"1 compile_unit+; 2 member name:0x7f", bytes().uleb(1).uleb(2).u32(0),
+         "CORRUPT: entry at offset 0xc of .debug_info has values that are cut off or unknown"},
+    };
+    for (const auto &row : rows) {
+        handle h;
+        h.attach(KRV_SEC_ABBREV, abbrevs(row.abbrevs));
+        h.attach(KRV_SEC_INFO, unit{.dies = row.dies}.build());
+        krv_entry_t e = first_of(h);
+        while (korva_entry_next(h, &e) == 0)
+            ;
+        EXPECT_EQ(h.error(), row.error);
+    }
+    handle h; // a sibling that leads back, and one that leads out
+    h.attach(KRV_SEC_ABBREV, abbrevs("1 compile_unit+; 2 namespace+ sibling:ref1"));
+    for (const uint8_t sibling : {uint8_t{12}, uint8_t{99}}) {
+        h.attach(KRV_SEC_INFO, unit{.dies = bytes().uleb(1).uleb(2).u8(sibling).u16(0)}.build());
+        krv_entry_t e = first_of(h);
+        ASSERT_EQ(korva_entry_next(h, &e), 0);
+        EXPECT_TRUE(refuses(h, korva_entry_sibling(h, &e),
+                            "CORRUPT: entry at offset 0xc of .debug_info has a sibling that does not lead forward"));
+    }
+}
+
+namespace
+{
+
+const char *const CALLS =
+    "1 compile_unit+ low_pc:addr high_pc:data4; 2 subprogram+ name:string low_pc:addr high_pc:data4; "
+    "3 inlined_subroutine+ abstract_origin:ref4 low_pc:addr high_pc:data4 call_file:data1 call_line:data1; 4 "
+    "lexical_block+; "
+    "5 subprogram name:string linkage_name:string decl_line:data1; 6 subprogram specification:ref4; "
+    "7 subprogram abstract_origin:ref4; 8 inlined_subroutine abstract_origin:ref4 ranges:sec_offset; "
+    "9 variable name:string const_value:data1";
+
+bytes function(const char *name, uint64_t low, uint64_t size)
+{
+    return bytes().uleb(2).cstr(name).u64(low).u32(size);
+}
+
+bytes inlined(const char *origin, uint64_t low, uint64_t size, uint8_t line)
+{
+    return bytes().uleb(3).offset_of(origin, 4).u64(low).u32(size).u8(0).u8(line);
+}
+
+std::string chain_of(handle &h, uint64_t address, size_t room = 8)
+{
+    krv_call_t calls[8];
+    size_t count = 0;
+    if (korva_lookup_calls(h, address, calls, room, &count) != 0)
+        return h.error();
+    std::string all;
+    for (size_t i = 0; i < std::min(count, room); ++i)
+        all += (i == 0 ? "" : " < ") + std::string(calls[i].name == nullptr ? "?" : calls[i].name) +
+               (calls[i].linkage_name == nullptr ? "" : text("(%s)", calls[i].linkage_name)) +
+               (calls[i].decl_line == 0 ? "" : text("#%u", calls[i].decl_line)) +
+               (calls[i].is_inlined != 0 ? text("@%u", calls[i].call_line) : "");
+    return count > room ? all + text(" < %lu", count - room) : all;
+}
+
+} // namespace
+
+TEST(Calls, Chain)
+{
+    handle h;
+    h.extend();
+    h.attach(KRV_SEC_ABBREV, abbrevs(CALLS));
+    bytes dies = bytes().uleb(1).u64(0x1000).u32(0x1000);
+    dies.label("decl").uleb(5).cstr("a").cstr("_Za").u8(7);
+    dies.label("a").uleb(6).offset_of("decl", 4); // what is inlined leads to its declaration
+    dies.label("b").uleb(7).offset_of("c", 4);    // in a circle
+    dies.label("c").uleb(7).offset_of("b", 4);
+    dies += function("f", 0x1000, 0x100);
+    dies += inlined("a", 0x1010, 0x20, 1) + inlined("b", 0x1018, 8, 2) + bytes().u8(0).u8(0);
+    dies += bytes().uleb(4) + inlined("a", 0x1020, 0x20, 3) + bytes().u8(0).u8(0); // overlaps: the one behind answers
+    dies += bytes().uleb(8).offset_of("a", 4).u32(0);                              // by its list
+    dies += bytes().uleb(8).offset_of("a", 4).u32(0x999);                          // no list: never met
+    dies += function("nested", 0x1200, 0x10) + inlined("a", 0x1208, 1, 4) + bytes().u8(0).u8(0) + bytes().u8(0);
+    dies += function("g", 0x1100, 0x10) + bytes().u8(0) + bytes().uleb(9).cstr("v").u8(1) + bytes().u8(0);
+    h.attach(KRV_SEC_INFO, unit{.dies = dies}.build());
+    h.attach(KRV_SEC_EXT_RANGES,
+             bytes().u64(UINT64_MAX).u64(0).u64(0x1080).u64(0x1088).u64(0x1090).u64(0x1098).u64(0).u64(0));
+    const struct {
+        uint64_t address;
+        const char *chain;
+    } rows[] = {
+        {0x0fff, "NOTFOUND"},
+        {0x1000, "f"},
+        {0x1010, "a(_Za)#7@1 < f"},
+        {0x1018, "?@2 < a(_Za)#7@1 < f"},
+        {0x101f, "?@2 < a(_Za)#7@1 < f"},
+        {0x1020, "a(_Za)#7@3 < f"},
+        {0x103f, "a(_Za)#7@3 < f"},
+        {0x1040, "f"},
+        {0x1087, "a(_Za)#7@0 < f"},
+        {0x1088, "f"},
+        {0x1090, "a(_Za)#7@0 < f"},
+        {0x1108, "g"},
+        {0x1110, "NOTFOUND"},
+        {0x1200, "nested"},
+        {0x1208, "a(_Za)#7@4 < nested"},
+    };
+    std::vector<uint64_t> addresses;
+    for (const auto &row : rows) {
+        EXPECT_EQ(chain_of(h, row.address), row.chain) << std::hex << row.address;
+        addresses.insert(addresses.begin(), row.address); // for the batch: descending
+    }
+    EXPECT_EQ(chain_of(h, 0x1018, 1), "?@2 < 2");
+
+    std::vector<size_t> lengths;
+    const auto visit = [](krv_handle_t *, size_t index, const krv_call_t *, size_t count, void *arg) {
+        auto *to = static_cast<std::vector<size_t> *>(arg);
+        EXPECT_EQ(index, to->size());
+        to->push_back(count);
+        return 0;
+    };
+    EXPECT_EQ(korva_iter_calls(h, addresses.data(), addresses.size(), visit, &lengths), 0);
+    EXPECT_EQ(lengths, (std::vector<size_t>{2, 1, 0, 1, 2, 1, 2, 1, 2, 2, 3, 3, 2, 1, 0}));
+
+    std::string named;
+    const auto add = [](krv_handle_t *, const krv_entry_t *entry, void *arg) {
+        *static_cast<std::string *>(arg) += text("%x ", entry->tag);
+        return 0;
+    };
+    for (const char *name : {"f", "nested", "v", "a", "_Za"})
+        EXPECT_EQ(korva_iter_named_entries(h, name, KRV_NAMED_FUNCTIONS | KRV_NAMED_VARIABLES, add, &named), 0);
+    EXPECT_EQ(korva_iter_named_entries(h, "v", KRV_NAMED_FUNCTIONS, add, &named), 0);
+    EXPECT_EQ(named, "2e 2e 34 ");
+}
+
+// What the alternate file has is found there, also where its strings lie.
+TEST(Calls, AlternateFile)
+{
+    handle h;
+    h.extend();
+    h.attach(KRV_SEC_ABBREV,
+             abbrevs("1 compile_unit+; 2 subprogram abstract_origin:GNU_ref_alt low_pc:addr high_pc:data1"));
+    const bytes header = unit{.dies = bytes().uleb(1).uleb(2).cstr("first")}.build();
+    h.attach(KRV_SEC_EXT_ALT_ABBREV,
+             abbrevs("1 partial_unit+; 2 subprogram name:string; 3 subprogram specification:ref4; "
+                     "4 subprogram name:strp"));
+    bytes dies = bytes().uleb(1).label("a").uleb(3).offset_of("d", 4).label("d").uleb(4).u32(1);
+    h.attach(KRV_SEC_EXT_ALT_INFO, header + unit{.dies = dies}.build());
+    h.attach(KRV_SEC_EXT_ALT_STR, bytes().cstr("xname"));
+    h.attach(KRV_SEC_INFO, unit{.dies = bytes().uleb(1).uleb(2).u32(header.size() + 12).u64(0x1000).u8(8)}.build());
+    EXPECT_EQ(chain_of(h, 0x1004), "name");
+}
+
+// Nested calls, and as many beside each other: each entry is walked a fixed number of times.
+TEST(Calls, Many)
+{
+    constexpr uint64_t MANY = 50000;
+    for (const bool nested : {true, false}) {
+        handle h;
+        h.extend();
+        h.attach(KRV_SEC_ABBREV, abbrevs(CALLS));
+        bytes dies = bytes().uleb(1).u64(0x1000).u32(4 * MANY).label("f") + function("f", 0x1000, 4 * MANY);
+        for (uint64_t i = 0; i < MANY; ++i) {
+            dies.uleb(3).u32(24).u64(0x1000 + i).u32(nested ? 2 * MANY - 2 * i : 1).u8(0).u8(i);
+            if (!nested)
+                dies.u8(0);
+        }
+        h.attach(KRV_SEC_INFO, unit{.dies = dies}.build());
+        krv_call_t calls[2];
+        size_t count = 0;
+        ASSERT_EQ(korva_lookup_calls(h, 0x1000 + MANY - 1, calls, 2, &count), 0) << h.error();
+        EXPECT_EQ(count, nested ? MANY + 1 : 2);
+        EXPECT_EQ(calls[0].call_line, (MANY - 1) & 0xff);
+        krv_entry_t above[1];
+        EXPECT_EQ(korva_entry_get_ancestors(h, &calls[0].entry, above, 1, &count), 0);
+        EXPECT_EQ(count, nested ? MANY + 1 : 2);
+    }
+}
