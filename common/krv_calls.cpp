@@ -3,11 +3,11 @@
 
 #include "krv_addr_map.h"
 #include "krv_dwarf.h"
-#include "krv_entry_seek.h"
 #include "krv_entry_walk.h"
 #include "krv_error.h"
 #include "krv_ext.h"
 #include "krv_fd.h"
+#include "krv_function_names.h"
 #include "krv_line.h"
 #include "krv_ranges.h"
 
@@ -17,14 +17,19 @@ namespace
 {
 
 constexpr uint32_t NONE = KRV_ADDR_NOTHING;
-constexpr unsigned int MOST_ORIGINS = 32; // entries that one function's name is looked for in
-constexpr uint64_t MOST_READINGS = 4;     // of a byte of range lists, on the average
-constexpr size_t MOST_CALLS = 256;        // of a chain that a visitor is shown
+constexpr uint64_t MOST_READINGS = 4; // of a byte of range lists, on the average
+constexpr size_t MOST_CALLS = 256;    // of a chain that a visitor is shown
 
-// A call that was inlined into a function. They stand in section order: callers before what they inline.
+// A call that was inlined into a function, as its entry says. They stand in section order: callers before what they inline.
 struct inlined_call {
-    uint32_t entry;  // offset from the function's
-    uint32_t caller; // the call that it was inlined into; NONE: the function
+    const krv_function_names *names; // NULL: it has none
+    uint32_t entry;                  // offset from the function's
+    uint32_t caller;                 // the call that it was inlined into; NONE: the function
+    uint32_t row;                    // of the abbreviation, in the unit's plan
+    uint32_t line;
+    uint16_t file, column, discriminator;
+    uint8_t code_size; // bytes of the abbreviation's code
+    bool is_cut;       // the numbers are larger than these fields: they are read again
 };
 
 struct inlined_calls {
@@ -33,9 +38,10 @@ struct inlined_calls {
 };
 
 struct function {
-    uint64_t entry;         // offset in the section
-    inlined_calls *inlined; // owned: NULL until it is asked for
-    uint32_t outer, depth;  // while they are collected: the function that it is nested in, or NONE; its level
+    uint64_t entry;                  // offset in the section
+    const krv_function_names *names; // NULL until they are asked for
+    inlined_calls *inlined;          // owned: NULL until it is asked for
+    uint32_t outer, depth;           // while they are collected: the function that it is nested in, or NONE; its level
     bool has_inlined;
 };
 
@@ -87,12 +93,12 @@ static uint64_t most_list_bytes(krv_handle_t *hp)
     return size > UINT64_MAX / MOST_READINGS ? UINT64_MAX : MOST_READINGS * size;
 }
 
-// Adds the ranges of an entry. What can be read of a list that is damaged counts. False: KRV_ERR_NOMEM.
-static bool add_ranges(krv_handle_t *hp, const krv_place_t &place, const krv_entry_t *entry, uint32_t owner,
+// Adds ranges. What can be read of a list that is damaged counts. False: KRV_ERR_NOMEM.
+static bool add_ranges(krv_handle_t *hp, const krv_ctu_t *cu, const krv_code_place_t &code, uint32_t owner,
                        krv_addr_ranges *to)
 {
     krv_ranges_t ranges;
-    if (krv_ranges_begin_entry(hp, place, entry, &ranges) != 1)
+    if (krv_ranges_begin_at(hp, cu, code, &ranges) != 1)
         return hp->sh_errno != KRV_ERR_NOMEM;
     const uint64_t most = most_list_bytes(hp), read = hp->sh_calls_read;
     uint64_t left = read < most ? most - read : 0, start, end;
@@ -132,9 +138,14 @@ static bool add_function(krv_handle_t *hp, const krv_place_t &place, const krv_e
     }
     if (!krv_table_grow(hp, &calls->sc_functions, &calls->sc_size, calls->sc_count, 16U))
         return false;
-    calls->sc_functions[calls->sc_count] = {entry.offset, nullptr, *innermost, entry.depth, false};
+    calls->sc_functions[calls->sc_count] = {entry.offset, nullptr, nullptr, *innermost, entry.depth, false};
     *innermost = calls->sc_count++;
-    return add_ranges(hp, place, &entry, *innermost, ranges);
+    krv_entry_t reading = entry;
+    krv_code_place_t code = {};
+    krv_attr_t attr;
+    while (krv_entry_read_attr(hp, place, &reading, &attr) == 1)
+        code.take(attr);
+    return add_ranges(hp, entry.unit, code, *innermost, ranges);
 }
 
 // NULL: KRV_ERR_NOMEM, or the unit's entries are not in memory.
@@ -188,6 +199,46 @@ struct collected_calls {
 
 } // namespace
 
+// Takes a number of an attribute into a field that may be too small for it.
+template <typename T>
+static void take_number(const krv_attr_t &attr, T *field, bool *is_cutp)
+{
+    *field = static_cast<T>(attr.number);
+    *is_cutp = *is_cutp || *field != attr.number;
+}
+
+// Reads what an entry says of the call. False: KRV_ERR_NOMEM.
+static bool read_inlined(krv_handle_t *hp, const krv_place_t &place, const krv_entry_t &entry, inlined_call *call,
+                         krv_code_place_t *code)
+{
+    krv_entry_t reading = entry;
+    krv_attr_t attr;
+    while (krv_entry_read_attr(hp, place, &reading, &attr) == 1) {
+        switch (attr.attribute) {
+        case DW_AT_call_file:
+            take_number(attr, &call->file, &call->is_cut);
+            break;
+        case DW_AT_call_line:
+            take_number(attr, &call->line, &call->is_cut);
+            break;
+        case DW_AT_call_column:
+            take_number(attr, &call->column, &call->is_cut);
+            break;
+        case DW_AT_GNU_discriminator:
+            take_number(attr, &call->discriminator, &call->is_cut);
+            break;
+        case DW_AT_abstract_origin:
+            if (attr.kind == KRV_ATTR_REFERENCE)
+                call->names = krv_function_names_keep(hp, entry, attr);
+            break;
+        default:
+            code->take(attr);
+            break;
+        }
+    }
+    return hp->sh_errno != KRV_ERR_NOMEM;
+}
+
 static bool add_inlined(krv_handle_t *hp, const krv_place_t &place, uint64_t function_entry, const krv_entry_t &entry,
                         uint32_t level, collected_calls *to)
 {
@@ -195,9 +246,18 @@ static bool add_inlined(krv_handle_t *hp, const krv_place_t &place, uint64_t fun
         to->innermost = to->calls[to->innermost].call.caller;
     if (!krv_table_grow(hp, &to->calls, &to->size, to->count, 16U))
         return false;
-    to->calls[to->count] = {{static_cast<uint32_t>(entry.offset - function_entry), to->innermost}, entry.depth};
+    inlined_call call = {};
+    krv_code_place_t code = {};
+    call.entry = static_cast<uint32_t>(entry.offset - function_entry);
+    call.caller = to->innermost;
+    call.row = static_cast<uint32_t>(krv_entry_planned(&entry) - place.plan->sp_planned);
+    call.code_size = static_cast<uint8_t>(entry.at - entry.offset);
+    call.is_cut = entry.at - entry.offset > UINT8_MAX; // padded
+    if (!read_inlined(hp, place, entry, &call, &code))
+        return false;
+    to->calls[to->count] = {call, entry.depth};
     to->innermost = to->count++;
-    return add_ranges(hp, place, &entry, to->innermost, &to->ranges);
+    return add_ranges(hp, entry.unit, code, to->innermost, &to->ranges);
 }
 
 static inlined_calls *collect_inlined(krv_handle_t *hp, const krv_place_t &place, const krv_entry_t &of)
@@ -311,53 +371,6 @@ static int find_covering(krv_handle_t *hp, uint64_t address, covering *found)
     return 0;
 }
 
-// Fills in what an entry says of its function, and finds the entry that says more. 1, 0 where none does, or -1.
-static int read_names(krv_handle_t *hp, krv_entry_t *entry, krv_call_t *call)
-{
-    krv_place_t place;
-    if (!krv_entry_place(hp, entry->unit, &place))
-        return -1;
-    krv_attr_t attr, origin = {};
-    int read;
-    while ((read = krv_entry_read_attr(hp, place, entry, &attr)) == 1) {
-        const char *text = attr.kind == KRV_ATTR_STRING ? reinterpret_cast<const char *>(attr.bytes) : nullptr;
-        switch (attr.attribute) {
-        case DW_AT_name:
-            call->name = call->name == nullptr ? text : call->name;
-            break;
-        case DW_AT_linkage_name:
-        case DW_AT_MIPS_linkage_name:
-            call->linkage_name = call->linkage_name == nullptr ? text : call->linkage_name;
-            break;
-        case DW_AT_decl_file:
-            if (call->decl_unit == nullptr && !entry->is_alternate) {
-                call->decl_unit = entry->unit;
-                call->decl_file = static_cast<uint32_t>(attr.number);
-            }
-            break;
-        case DW_AT_decl_line:
-            call->decl_line = call->decl_line == 0 ? static_cast<uint32_t>(attr.number) : call->decl_line;
-            break;
-        case DW_AT_abstract_origin:
-        case DW_AT_specification:
-            if (attr.kind == KRV_ATTR_REFERENCE)
-                origin = attr;
-            break;
-        default:
-            break;
-        }
-    }
-    return read != 0 || origin.kind == 0 ? read : krv_entry_follow(hp, entry, &origin, entry) == 0 ? 1 : -1;
-}
-
-void krv_call_find_names(krv_handle_t *hp, krv_call_t *call)
-{
-    krv_entry_t entry = call->entry;
-    for (unsigned int i = 0; i < MOST_ORIGINS && read_names(hp, &entry, call) == 1; ++i)
-        ;
-    krv_clear_error(hp);
-}
-
 static void read_place_of_call(krv_handle_t *hp, krv_call_t *call)
 {
     krv_place_t place;
@@ -396,16 +409,60 @@ static uint32_t language_of(const krv_ctu_t *cu)
     return 0;
 }
 
-static int make_call(krv_handle_t *hp, krv_ctu_t *cu, uint64_t entry, bool is_inlined, krv_call_t *call)
+static void take_names(const krv_function_names *names, krv_call_t *call)
+{
+    if (names == nullptr)
+        return;
+    call->name = names->name;
+    call->linkage_name = names->linkage_name;
+    call->decl_unit = names->decl_unit;
+    call->decl_file = names->decl_file;
+    call->decl_line = names->decl_line;
+}
+
+// What an inlined call is, without a look at its entry.
+static int make_inlined(krv_handle_t *hp, krv_ctu_t *cu, const krv_plan *plan, uint64_t entry, const inlined_call &from,
+                        krv_call_t *call)
 {
     *call = {};
-    if (krv_entry_load_at(hp, cu, entry, &call->entry) != 0)
-        return -1;
-    call->is_inlined = is_inlined;
-    call->language = language_of(cu);
-    if (is_inlined)
+    call->is_inlined = 1;
+    take_names(from.names, call);
+    if (from.is_cut) {
+        if (krv_entry_load_at(hp, cu, entry, &call->entry) != 0)
+            return -1;
         read_place_of_call(hp, call);
-    krv_call_find_names(hp, call);
+        return 0;
+    }
+    const krv_planned_t *planned = &plan->sp_planned[from.row];
+    call->entry.unit = cu;
+    call->entry.offset = entry;
+    call->entry.tag = planned->abbrev->dwa_tag;
+    call->entry.has_children = planned->has_children();
+    call->entry.at = entry + from.code_size;
+    call->entry.abbreviation = planned;
+    call->call_file = from.file;
+    call->call_line = from.line;
+    call->call_column = from.column;
+    call->discriminator = from.discriminator;
+    return 0;
+}
+
+static int make_function(krv_handle_t *hp, krv_ctu_t *cu, function *from, krv_call_t *call)
+{
+    *call = {};
+    if (krv_entry_load_at(hp, cu, from->entry, &call->entry) != 0)
+        return -1;
+    const krv_function_names *names = krv_load(&from->names);
+    if (names == nullptr) {
+        krv_attr_t itself = {};
+        itself.kind = KRV_ATTR_REFERENCE;
+        itself.number = from->entry;
+        names = krv_function_names_keep(hp, call->entry, itself);
+        if (names == nullptr)
+            return -1;
+        krv_store(&from->names, names);
+    }
+    take_names(names, call);
     return 0;
 }
 
@@ -414,15 +471,29 @@ static int make_call(krv_handle_t *hp, krv_ctu_t *cu, uint64_t entry, bool is_in
 static int make_chain(krv_handle_t *hp, const covering &at, krv_call_t *calls, size_t room, bool keeps_last,
                       size_t *countp)
 {
-    const function *of = &krv_load(&at.unit->dcu_calls)->sc_functions[at.function];
+    function *of = &krv_load(&at.unit->dcu_calls)->sc_functions[at.function];
     const inlined_calls *inlined = at.inlined == NONE ? nullptr : krv_load(&of->inlined);
+    const krv_plan *plan = krv_cu_plan(hp, at.unit);
+    if (plan == nullptr)
+        return -1;
+    const uint32_t language = language_of(at.unit);
     size_t count = 0;
-    for (uint32_t i = at.inlined; i != NONE; i = inlined->calls[i].caller, ++count)
-        if (count < room && make_call(hp, at.unit, of->entry + inlined->calls[i].entry, true, &calls[count]) != 0)
+    for (uint32_t i = at.inlined; i != NONE; i = inlined->calls[i].caller, ++count) {
+        const inlined_call &from = inlined->calls[i];
+        if (count >= room)
+            continue;
+        if (make_inlined(hp, at.unit, plan, of->entry + from.entry, from, &calls[count]) != 0)
             return -1;
+        calls[count].language = language;
+    }
     const size_t last = keeps_last && count >= room ? room - 1 : count;
     *countp = keeps_last ? last + 1 : count + 1;
-    return last < room ? make_call(hp, at.unit, of->entry, false, &calls[last]) : 0;
+    if (last >= room)
+        return 0;
+    if (make_function(hp, at.unit, of, &calls[last]) != 0)
+        return -1;
+    calls[last].language = language;
+    return 0;
 }
 
 int korva_lookup_calls(krv_handle_t *hp, uint64_t address, krv_call_t *calls, size_t room, size_t *countp)

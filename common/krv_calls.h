@@ -5,12 +5,8 @@
 #ifndef KRV_CALLS_H
 #define KRV_CALLS_H
 
-#include "krv_info.h"
 #include "krv_types.h"
 
 void krv_calls_destroy(krv_handle_t *hp); // teardown, before the units are freed
-
-// Finds the names of call->entry, through its origins, and where it is declared. What cannot be read stays unknown.
-void krv_call_find_names(krv_handle_t *hp, krv_call_t *call);
 
 #endif

@@ -4,12 +4,12 @@
 // read again, and compared.
 #include "krv_named.h"
 
-#include "krv_calls.h"
 #include "krv_dwarf.h"
 #include "krv_entry_seek.h"
 #include "krv_entry_walk.h"
 #include "krv_error.h"
 #include "krv_ext.h"
+#include "krv_function_names.h"
 #include "krv_mem.h"
 #include "krv_units.h"
 
@@ -89,9 +89,7 @@ static bool add_entry(krv_handle_t *hp, const krv_entry_t &entry, uint32_t level
     if (!is_in_function)
         *function = kind == KRV_NAMED_FUNCTIONS ? entry.depth : UINT32_MAX;
     if (kind == KRV_NAMED_VARIABLES ? !is_in_function : krv_entry_planned(&entry)->has_code()) {
-        krv_call_t names = {};
-        names.entry = entry;
-        krv_call_find_names(hp, &names);
+        const krv_function_names names = krv_function_names_find(hp, entry);
         if (!add_name(hp, to, names.name, kind, entry.offset) ||
             !add_name(hp, to, names.linkage_name, kind, entry.offset))
             return false;
@@ -161,14 +159,14 @@ int korva_iter_named_entries(krv_handle_t *hp, const char *name, unsigned int fl
     for (uint64_t before = UINT64_MAX; at != last && (at->hash_and_kind & ~KIND) == hash; ++at) {
         if ((at->hash_and_kind & flags) == 0 || at->entry == before)
             continue;
-        krv_call_t found = {};
-        if (krv_entry_seek(hp, KRV_SEC_INFO, at->entry, &found.entry) != 0)
+        krv_entry_t entry;
+        if (krv_entry_seek(hp, KRV_SEC_INFO, at->entry, &entry) != 0)
             return -1;
-        krv_call_find_names(hp, &found);
+        const krv_function_names found = krv_function_names_find(hp, entry);
         before = at->entry; // it may be there by both of its names
         if (!is_called(found.name, name) && !is_called(found.linkage_name, name))
             continue;
-        if (const int result = fn(hp, &found.entry, arg))
+        if (const int result = fn(hp, &entry, arg))
             return result;
     }
     krv_clear_error(hp);

@@ -7,6 +7,7 @@
 #include "krv_addr_index.h"
 #include "krv_alternate.h"
 #include "krv_calls.h"
+#include "krv_function_names.h"
 #include "krv_error.h"
 #include "krv_ext.h"
 #include "krv_fd.h"
@@ -161,6 +162,7 @@ void korva_handle_free(krv_handle_t *hp)
     krv_addr_index_destroy(hp);
     krv_alternate_destroy(hp);
     krv_calls_destroy(hp);
+    krv_function_names_destroy(hp);
     krv_named_destroy(hp);
     krv_lookup_destroy_cu_caches(hp);
     krv_line_destroy_caches(hp);

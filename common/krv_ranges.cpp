@@ -102,46 +102,46 @@ int krv_ranges_begin(krv_handle_t *hp, const krv_ctu_t *cu, const krv_die_t *die
     return 1;
 }
 
-int krv_ranges_begin_entry(krv_handle_t *hp, const krv_place_t &place, const krv_entry_t *entry, krv_ranges_t *ranges)
+void krv_code_place_t::take(const krv_attr_t &attr)
 {
-    krv_entry_t reading = *entry;
-    krv_entry_rewind(place, &reading);
-    bool has_low = false, has_high = false, has_list = false, is_length = false; // the first of a kind counts
-    uint64_t low = 0, high = 0, list = 0;
-    krv_attr_t attr;
-    int read;
-    while ((read = krv_entry_read_attr(hp, place, &reading, &attr)) == 1) {
-        switch (attr.attribute) {
-        case DW_AT_low_pc:
-            low = has_low ? low : attr.number;
-            has_low = has_low || attr.kind == KRV_ATTR_ADDRESS;
-            break;
-        case DW_AT_high_pc:
-            high = has_high ? high : attr.number;
-            is_length = has_high ? is_length : attr.kind == KRV_ATTR_CONSTANT;
-            has_high = has_high || attr.kind == KRV_ATTR_ADDRESS || attr.kind == KRV_ATTR_CONSTANT;
-            break;
-        case DW_AT_ranges:
-            list = has_list ? list : attr.number;
-            has_list = has_list || attr.kind == KRV_ATTR_SECTION || attr.kind == KRV_ATTR_CONSTANT;
-            break;
-        default:
-            break;
-        }
+    const bool is_number = attr.kind == KRV_ATTR_CONSTANT;
+    if (attr.attribute == DW_AT_low_pc && !has_low && attr.kind == KRV_ATTR_ADDRESS) {
+        has_low = true;
+        low = attr.number;
+    } else if (attr.attribute == DW_AT_high_pc && !has_high && (is_number || attr.kind == KRV_ATTR_ADDRESS)) {
+        has_high = true;
+        is_length = is_number; // DWARF 4, 2.17.2
+        high = attr.number;
+    } else if (attr.attribute == DW_AT_ranges && !has_list && (is_number || attr.kind == KRV_ATTR_SECTION)) {
+        has_list = true;
+        list = attr.number;
     }
-    if (read != 0)
-        return -1;
-    const krv_ctu_t *cu = entry->unit;
-    if (has_list)
-        return krv_ranges_begin_list(hp, cu, cu->dcu_version < 5 ? KRV_SEC_EXT_RANGES : KRV_SEC_EXT_RNGLISTS, list,
+}
+
+int krv_ranges_begin_at(krv_handle_t *hp, const krv_ctu_t *cu, const krv_code_place_t &code, krv_ranges_t *ranges)
+{
+    if (code.has_list)
+        return krv_ranges_begin_list(hp, cu, cu->dcu_version < 5 ? KRV_SEC_EXT_RANGES : KRV_SEC_EXT_RNGLISTS, code.list,
                                      ranges);
     *ranges = {};
     ranges->sr_hp = hp;
     ranges->sr_cu = cu;
     ranges->sr_section = KRV_SEC_NONE;
-    ranges->sr_low = low;
-    ranges->sr_high = is_length ? (low + high) & highest_address(hp) : high;
-    return has_low && has_high;
+    ranges->sr_low = code.low;
+    ranges->sr_high = code.is_length ? (code.low + code.high) & highest_address(hp) : code.high;
+    return code.has_low && code.has_high;
+}
+
+int krv_ranges_begin_entry(krv_handle_t *hp, const krv_place_t &place, const krv_entry_t *entry, krv_ranges_t *ranges)
+{
+    krv_entry_t reading = *entry;
+    krv_entry_rewind(place, &reading);
+    krv_code_place_t code = {};
+    krv_attr_t attr;
+    int read;
+    while ((read = krv_entry_read_attr(hp, place, &reading, &attr)) == 1)
+        code.take(attr);
+    return read != 0 ? -1 : krv_ranges_begin_at(hp, entry->unit, code, ranges);
 }
 
 static unsigned long list_offset(const krv_ranges_t *ranges)

@@ -39,6 +39,15 @@ krv_range_item krv_ranges_read_item(krv_ranges_t *ranges, uint8_t kind, uint64_t
 int krv_ranges_begin(krv_handle_t *hp, const krv_ctu_t *cu, const krv_die_t *die, krv_ranges_t *ranges);
 int krv_ranges_begin_entry(krv_handle_t *hp, const krv_place_t &place, const krv_entry_t *entry, krv_ranges_t *ranges);
 
+// What an entry in place says of where its code is; the first of a kind counts.
+struct krv_code_place_t {
+    bool has_low, has_high, has_list, is_length;
+    uint64_t low, high, list;
+
+    void take(const krv_attr_t &attr);
+};
+int krv_ranges_begin_at(krv_handle_t *hp, const krv_ctu_t *cu, const krv_code_place_t &code, krv_ranges_t *ranges);
+
 // The next range, which is not empty. 1, 0 behind the last one, or -1 with messages: KRV_ERR_CORRUPT where the list is
 // damaged, not ended, or too long for *sr_left.
 int krv_ranges_next(krv_ranges_t *ranges, uint64_t *startp, uint64_t *endp);

@@ -81,6 +81,7 @@ struct krv_handle {
     void *sh_note_arg;
     krv_calls *sh_calls;         // owned: those of all units, in no order
     krv_alternate *sh_alternate; // owned: units of the alternate file; built on first use, published last
+    krv_hash *sh_function_names; // krv_function_names by the entry that has them, built on first use
     krv_named *sh_named;         // owned: functions and variables by name; built on first use, published last
     krv_code_range_t *sh_code;   // owned: see krv_is_code
     uint32_t sh_code_size;

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// libkorva as its clients have it, through the shared library: U, L, A and S.
+// libkorva as its clients have it, through the shared library: U, E, L, A and S.
 #include "contest.h"
 #include "korva_file.h"
 
@@ -19,6 +19,38 @@ static bool list_units(run *r, krv_handle_t *hp)
         const bool has_directory = korva_get_die_at_comp_dir(handle, die, directory, sizeof(directory)) == 0;
         to->check += unit_check(has_name ? name : nullptr, has_directory ? directory : nullptr);
         ++to->items;
+        return 0;
+    };
+    return korva_iter_cu(hp, KRV_SEC_INFO, visit, r) == 0;
+}
+
+static uint64_t value_check(const krv_attr_t &attr)
+{
+    switch (attr.kind) {
+    case KRV_ATTR_STRING:
+    case KRV_ATTR_BLOCK:
+    case KRV_ATTR_EXPRESSION:
+        return attr.size;
+    default:
+        return attr.number;
+    }
+}
+
+static bool read_entries(run *r, krv_handle_t *hp)
+{
+    const auto visit = [](krv_handle_t *handle, krv_ctu_t *cu, void *arg) {
+        auto *to = static_cast<run *>(arg);
+        krv_cu_header_t header;
+        korva_cu_get_header(handle, cu, &header);
+        krv_entry_t entry;
+        int moved = korva_entry_first(handle, cu, &entry);
+        for (; moved == 0; moved = korva_entry_next(handle, &entry)) {
+            krv_attr_t attr;
+            ++to->items;
+            while (korva_entry_next_attr(handle, &entry, &attr) == 1)
+                // The others sum what is written: references count from their unit.
+                to->check += attr.kind == KRV_ATTR_REFERENCE ? attr.number - header.offset : value_check(attr);
+        }
         return 0;
     };
     return korva_iter_cu(hp, KRV_SEC_INFO, visit, r) == 0;
@@ -125,12 +157,14 @@ bool contest::play(run *r)
 {
     if (r->job == 'S')
         return run_chain(r->file, at_leaf, r);
-    if (std::strchr("ULA", r->job) == nullptr)
+    if (std::strchr("UELA", r->job) == nullptr)
         return false;
     const uint64_t started = now();
     const korva_file file(r->file);
     if (r->job == 'U')
         return list_units(r, file.hp);
+    if (r->job == 'E')
+        return read_entries(r, file.hp);
     if (r->job == 'L')
         return read_lines(r, file.hp);
     find_places(r, started, [&](const query &q) { return place(file.hp, q); });

@@ -1,49 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// libkorva's jobs behind its public interface, on its objects: E and F.
+// libkorva's job behind its public interface, on its objects: F.
 #include "contest.h"
 #include "korva_file.h"
-#include "krv_info.h"
 #include "krv_unwind.h"
 
 using namespace contest;
-
-static uint64_t value_check(krv_form_t form, const krv_value_t *value)
-{
-    switch (form) {
-    case 0x08: // DW_FORM_string
-    case 0x0e: // DW_FORM_strp
-        return std::strlen(static_cast<const char *>(value->sa_u.su_addr));
-    case 0x03: // blocks
-    case 0x04:
-    case 0x09:
-    case 0x0a:
-    case 0x18:
-        return static_cast<const krv_fd_t *>(value->sa_u.su_addr)->sfd_size;
-    default:
-        return value->sa_u.su_unsigned;
-    }
-}
-
-// Entries in section order, each read by itself as navigation does.
-static int walk_unit(krv_handle_t *hp, krv_ctu_t *cu, void *arg)
-{
-    auto *r = static_cast<run *>(arg);
-    for (uint64_t offset = cu->dcu_header_size; offset < cu->dcu_size;) {
-        krv_die_t *die = krv_alloc_die_by_cu_offset(hp, cu, offset);
-        if (die == nullptr && hp->sh_errno != KRV_ERR_NOTFOUND)
-            return -1;
-        offset = hp->sh_sec[KRV_SEC_INFO].sfd_offset - cu->dcu_offset;
-        if (die == nullptr)
-            continue;
-        ++r->items;
-        const krv_abbrev_t *abbrev = die->dwdie_abbrev_cache;
-        for (uint32_t i = 0; i < abbrev->dwa_nafpairs; ++i)
-            r->check += value_check(abbrev->dwa_afpairs[i].dwafp_form, &die->dwdie_attrs[i]);
-        krv_free_die(die);
-    }
-    return 0;
-}
 
 // ---------------------------------------------------------------------------------------------------------------
 // Frames
@@ -94,11 +56,9 @@ static void find_rows(run *r, korva_file *file)
 
 bool contest::play(run *r)
 {
-    if (r->job != 'E' && r->job != 'F')
+    if (r->job != 'F')
         return false;
     korva_file file(r->file);
-    if (r->job == 'E')
-        return korva_iter_cu(file.hp, KRV_SEC_INFO, walk_unit, r) == 0;
     find_rows(r, &file);
     return true;
 }

@@ -1,0 +1,110 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "krv_function_names.h"
+
+#include "krv_dwarf.h"
+#include "krv_entry_seek.h"
+#include "krv_error.h"
+#include "krv_hash.h"
+#include "krv_mem.h"
+
+constexpr unsigned int MOST_ORIGINS = 32; // entries that one function's names are looked for in
+
+static uint32_t small_number(const krv_attr_t &attr)
+{
+    return attr.number <= UINT32_MAX ? static_cast<uint32_t>(attr.number) : 0;
+}
+
+// Takes what an entry says, and moves on to the one that it leads to. 1, 0 where it leads nowhere, or -1.
+static int read_names(krv_handle_t *hp, krv_entry_t *entry, krv_function_names *names)
+{
+    krv_place_t place;
+    if (!krv_entry_place(hp, entry->unit, &place))
+        return -1;
+    krv_attr_t attr, origin = {};
+    int read;
+    while ((read = krv_entry_read_attr(hp, place, entry, &attr)) == 1) {
+        const char *text = attr.kind == KRV_ATTR_STRING ? reinterpret_cast<const char *>(attr.bytes) : nullptr;
+        switch (attr.attribute) {
+        case DW_AT_name:
+            names->name = names->name == nullptr ? text : names->name;
+            break;
+        case DW_AT_linkage_name:
+        case DW_AT_MIPS_linkage_name:
+            names->linkage_name = names->linkage_name == nullptr ? text : names->linkage_name;
+            break;
+        case DW_AT_decl_file:
+            if (names->decl_unit == nullptr && !entry->is_alternate) {
+                names->decl_unit = entry->unit;
+                names->decl_file = small_number(attr);
+            }
+            break;
+        case DW_AT_decl_line:
+            names->decl_line = names->decl_line == 0 ? small_number(attr) : names->decl_line;
+            break;
+        case DW_AT_abstract_origin:
+        case DW_AT_specification:
+            origin = attr.kind == KRV_ATTR_REFERENCE ? attr : origin;
+            break;
+        default:
+            break;
+        }
+    }
+    if (read != 0 || origin.kind == 0)
+        return read;
+    return krv_entry_follow(hp, entry, &origin, entry) == 0 ? 1 : -1;
+}
+
+krv_function_names krv_function_names_find(krv_handle_t *hp, const krv_entry_t &of)
+{
+    krv_function_names names = {};
+    krv_entry_t entry = of;
+    for (unsigned int i = 0; i < MOST_ORIGINS && read_names(hp, &entry, &names) == 1; ++i)
+        ;
+    krv_clear_error(hp);
+    return names;
+}
+
+static krv_hash_t *get_kept(krv_handle_t *hp)
+{
+    if (krv_hash_t *kept = krv_load(&hp->sh_function_names))
+        return kept;
+    krv_hash_t *fresh = krv_hash_create(hp, 0, KRV_HASH_UINT64);
+    return fresh == nullptr ? nullptr : krv_publish(&hp->sh_function_names, fresh, krv_hash_destroy);
+}
+
+const krv_function_names *krv_function_names_keep(krv_handle_t *hp, const krv_entry_t &entry, const krv_attr_t &origin)
+{
+    krv_hash_t *kept = get_kept(hp);
+    if (kept == nullptr)
+        return nullptr;
+    // No section in memory has an offset with the highest bit.
+    const krv_hash_key_t key = {.dwhk_u = origin.is_alternate ? origin.number | uint64_t{1} << 63 : origin.number};
+    if (const void *known = krv_hash_lookup(hp, kept, &key))
+        return static_cast<const krv_function_names *>(known);
+    krv_owner<krv_function_names> fresh(krv_new<krv_function_names>(hp));
+    if (fresh == nullptr)
+        return nullptr;
+    krv_entry_t to;
+    if (krv_entry_follow(hp, &entry, &origin, &to) == 0)
+        *fresh = krv_function_names_find(hp, to);
+    void *stored = krv_hash_insert(hp, kept, &key, fresh.get());
+    if (stored == fresh.get())
+        static_cast<void>(fresh.release());
+    krv_clear_error(hp);
+    return static_cast<const krv_function_names *>(stored);
+}
+
+static int free_names(void *names)
+{
+    krv_free(names);
+    return 0;
+}
+
+void krv_function_names_destroy(krv_handle_t *hp)
+{
+    if (hp->sh_function_names == nullptr)
+        return;
+    krv_hash_iter(hp->sh_function_names, free_names);
+    krv_hash_destroy(hp->sh_function_names);
+    hp->sh_function_names = nullptr;
+}

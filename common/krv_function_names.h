@@ -1,0 +1,23 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// What functions are called, and where they are declared. That may stand in the entry itself, or in those that it leads to
+// (DW_AT_abstract_origin, DW_AT_specification), in other units or the alternate file.
+#ifndef KRV_FUNCTION_NAMES_H
+#define KRV_FUNCTION_NAMES_H
+
+#include "krv_entry.h"
+
+struct krv_function_names {
+    const char *name, *linkage_name; // NULL: none
+    krv_ctu_t *decl_unit;            // whose files decl_file counts in, or NULL
+    uint32_t decl_file, decl_line;   // 0: not known
+};
+
+// What cannot be read stays unknown. Leaves no error.
+krv_function_names krv_function_names_find(krv_handle_t *hp, const krv_entry_t &entry);
+
+// The same of what an attribute of an entry leads to, found once and kept until the handle is freed. NULL: KRV_ERR_NOMEM.
+const krv_function_names *krv_function_names_keep(krv_handle_t *hp, const krv_entry_t &entry, const krv_attr_t &origin);
+void krv_function_names_destroy(krv_handle_t *hp);
+
+#endif

@@ -1,0 +1,51 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// Entries by cursor with all their values, the calls around addresses, and names.
+#include "input.h"
+
+static int look_at(krv_handle_t *hp, krv_ctu_t *cu, void *)
+{
+    krv_entry_t entry;
+    unsigned budget = 500;
+    for (int moved = korva_entry_first(hp, cu, &entry); moved == 0 && budget != 0;
+         moved = korva_entry_next(hp, &entry)) {
+        krv_entry_t other = entry, above[4];
+        krv_attr_t attr;
+        size_t count;
+        while (korva_entry_next_attr(hp, &entry, &attr) == 1)
+            if (korva_entry_follow(hp, &entry, &attr, &other) == 0)
+                korva_entry_get_attr(hp, &other, attr.attribute, &attr);
+        other = entry;
+        korva_entry_sibling(hp, &other);
+        if (budget-- % 16 == 0)
+            korva_entry_get_ancestors(hp, &entry, above, 4, &count);
+        const auto ignore = [](krv_handle_t *, const krv_range_t *, void *) { return 0; };
+        korva_entry_iter_ranges(hp, &entry, ignore, nullptr);
+    }
+    return 0;
+}
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
+{
+    krv_fuzz::input in(data, size);
+    krv_fuzz::handle h(in);
+    const uint64_t addresses[4] = {0x1000, 0x1010, in.number(8), UINT64_MAX};
+    h.attach(KRV_SEC_ABBREV, in.part());
+    h.attach(KRV_SEC_STR, in.part());
+    if (in.is_extended())
+        for (const krv_secidx_t sec : {KRV_SEC_EXT_STR_OFFSETS, KRV_SEC_EXT_ADDR, KRV_SEC_EXT_RANGES,
+                                       KRV_SEC_EXT_RNGLISTS, KRV_SEC_EXT_ALT_ABBREV, KRV_SEC_EXT_ALT_INFO})
+            h.attach(sec, in.part());
+    h.attach(KRV_SEC_INFO, in.rest());
+    korva_iter_cu(h, KRV_SEC_INFO, look_at, nullptr);
+    krv_call_t calls[4];
+    size_t count;
+    for (const uint64_t address : addresses)
+        korva_lookup_calls(h, address, calls, 4, &count);
+    const auto visit = [](krv_handle_t *, size_t, const krv_call_t *, size_t, void *) { return 0; };
+    korva_iter_calls(h, addresses, 4, visit, nullptr);
+    const auto named = [](krv_handle_t *, const krv_entry_t *, void *) { return 0; };
+    for (const char *name : {"f", "main"})
+        korva_iter_named_entries(h, name, KRV_NAMED_FUNCTIONS | KRV_NAMED_VARIABLES, named, nullptr);
+    return 0;
+}
