@@ -12,7 +12,8 @@ int krv_entry_refuse(krv_handle_t *hp, const krv_entry_t *entry, const char *wha
                     krv_section_name(entry->unit->dcu_section), what);
 }
 
-bool krv_entry_place(krv_handle_t *hp, krv_ctu_t *cu, krv_place_t *place)
+// All but the plan.
+static inline bool find_bytes(krv_handle_t *hp, const krv_ctu_t *cu, krv_place_t *place)
 {
     const krv_fd_t *section = krv_section(hp, cu->dcu_section);
     if (krv_fd_is_cb(section)) {
@@ -27,8 +28,32 @@ bool krv_entry_place(krv_handle_t *hp, krv_ctu_t *cu, krv_place_t *place)
     }
     place->section = section->sfd_u.buf;
     place->end = place->section + cu->dcu_offset + cu->dcu_size;
-    place->plan = krv_cu_plan(hp, cu);
-    return place->plan != nullptr;
+    return true;
+}
+
+bool krv_entry_place(krv_handle_t *hp, krv_ctu_t *cu, krv_place_t *place)
+{
+    return find_bytes(hp, cu, place) && (place->plan = krv_cu_plan(hp, cu)) != nullptr;
+}
+
+bool krv_entry_place_of(krv_handle_t *hp, const krv_entry_t *entry, krv_place_t *place)
+{
+    place->plan = krv_entry_planned(entry)->plan;
+    return find_bytes(hp, entry->unit, place);
+}
+
+// NULL: the abbreviation's messages are there already.
+[[gnu::noinline]] static krv_found refuse_head(krv_handle_t *hp, krv_ctu_t *cu, uint64_t offset, const char *what)
+{
+    krv_entry_t entry = {};
+    entry.unit = cu;
+    entry.offset = offset;
+    if (what != nullptr)
+        krv_entry_refuse(hp, &entry, what);
+    else
+        krv_note(hp, "entry at offset 0x%lx of %s cannot be read", static_cast<unsigned long>(offset),
+                 krv_section_name(cu->dcu_section));
+    return krv_found::failed;
 }
 
 krv_found krv_entry_load(krv_handle_t *hp, krv_ctu_t *cu, const krv_place_t &place, uint64_t offset, krv_entry_t *entry,
@@ -43,29 +68,22 @@ krv_found krv_entry_load(krv_handle_t *hp, krv_ctu_t *cu, const krv_place_t &pla
         *behind = place.offset_of(at);
         return krv_found::null;
     }
-    krv_entry_t found = {};
-    found.unit = cu;
-    found.offset = offset;
-    if (at == nullptr) {
-        krv_entry_refuse(hp, &found, "is cut off");
-        return krv_found::failed;
-    }
-    const krv_planned_t *planned = krv_plan_find(hp, place.plan, code);
-    if (planned == nullptr) {
-        krv_note(hp, "entry at offset 0x%lx of %s cannot be read", static_cast<unsigned long>(offset),
-                 krv_section_name(cu->dcu_section));
-        return krv_found::failed;
-    }
-    if (planned->flags == KRV_PLAN_TOO_MANY) {
-        krv_entry_refuse(hp, &found, "has too many attributes");
-        return krv_found::failed;
-    }
-    found.tag = planned->abbrev->dwa_tag;
-    found.has_children = planned->has_children();
-    found.is_alternate = cu->dcu_section == KRV_SEC_EXT_ALT_INFO;
-    found.at = place.offset_of(at);
-    found.abbreviation = planned;
-    *entry = found;
+    const krv_planned_t *planned = at == nullptr ? nullptr : krv_plan_find(hp, place.plan, code);
+    if (planned == nullptr || planned->flags == KRV_PLAN_TOO_MANY)
+        return refuse_head(hp, cu, offset,
+                           at == nullptr        ? "is cut off"
+                           : planned == nullptr ? nullptr
+                                                : "has too many attributes");
+    *entry = {.unit = cu,
+              .offset = offset,
+              .tag = planned->abbrev->dwa_tag,
+              .depth = 0,
+              .has_children = planned->has_children(),
+              .is_alternate = cu->dcu_section == KRV_SEC_EXT_ALT_INFO,
+              .attrs_read = 0,
+              .implicit_read = 0,
+              .at = place.offset_of(at),
+              .abbreviation = planned};
     return krv_found::entry;
 }
 
@@ -78,11 +96,15 @@ void krv_entry_rewind(const krv_place_t &place, krv_entry_t *entry)
 }
 
 // The offset behind an entry's values. False: KRV_ERR_CORRUPT.
-static bool find_end(krv_handle_t *hp, const krv_place_t &place, const krv_entry_t *entry, uint64_t *endp)
+static inline bool find_end(krv_handle_t *hp, const krv_place_t &place, const krv_entry_t *entry, uint64_t *endp)
 {
     const krv_planned_t *planned = krv_entry_planned(entry);
     const krv_abbrev_t *abbrev = planned->abbrev;
     const uint8_t *at = place.at(entry->at);
+    if (entry->attrs_read == planned->value_count) {
+        *endp = entry->at;
+        return true;
+    }
     if (entry->attrs_read == 0) {
         at = krv_plan_skip(planned, at, place.end, place.plan->sp_encoding);
     } else {
@@ -98,7 +120,8 @@ static bool find_end(krv_handle_t *hp, const krv_place_t &place, const krv_entry
 }
 
 // Moves to the entry at an offset, `depth` levels down, or to the first behind it that is none above.
-static int move_to(krv_handle_t *hp, const krv_place_t &place, krv_entry_t *entry, uint64_t offset, uint32_t depth)
+static inline int move_to(krv_handle_t *hp, const krv_place_t &place, krv_entry_t *entry, uint64_t offset,
+                          uint32_t depth)
 {
     for (;;) {
         switch (krv_entry_load(hp, entry->unit, place, offset, entry, &offset)) {
@@ -204,7 +227,7 @@ static bool begin_move(krv_handle_t *hp, const krv_entry_t *entry, krv_place_t *
         return false;
     }
     krv_clear_error(hp);
-    return krv_entry_place(hp, entry->unit, place);
+    return krv_entry_place_of(hp, entry, place);
 }
 
 int korva_entry_next(krv_handle_t *hp, krv_entry_t *entryp)

@@ -22,6 +22,9 @@ struct krv_place_t {
 // False: KRV_ERR_UNSUPPORTED when the section is not in memory, or messages of the abbreviation table.
 bool krv_entry_place(krv_handle_t *hp, krv_ctu_t *cu, krv_place_t *place);
 
+// The same of an entry that a cursor is on.
+bool krv_entry_place_of(krv_handle_t *hp, const krv_entry_t *entry, krv_place_t *place);
+
 // What stands at an offset. `end`: nothing does.
 enum class krv_found { entry, null, end, failed };
 

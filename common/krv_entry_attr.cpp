@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Values of attributes. Each form says how its bytes are read (krv_form) and what they then stand for: a row of MEANINGS.
+// Values of attributes, read as the plan of their abbreviation says.
 #include "krv_entry.h"
 
 #include "krv_dwarf.h"
@@ -9,82 +9,6 @@
 
 namespace
 {
-
-// What has to be done to a number that was read.
-enum class then : uint8_t { nothing, string_index, address_index, rnglist_index, loclist_index, in_unit, in_alternate };
-
-struct meaning {
-    uint16_t written; // the form's number
-    uint8_t kind;     // KRV_ATTR_*
-    then what;
-};
-
-constexpr uint8_t kind_of(uint32_t classes)
-{
-    switch (classes) {
-    case KRV_CLASS_ADDRESS:
-        return KRV_ATTR_ADDRESS;
-    case KRV_CLASS_BLOCK:
-        return KRV_ATTR_BLOCK;
-    case KRV_CLASS_CONSTANT:
-        return KRV_ATTR_CONSTANT;
-    case KRV_CLASS_EXPRLOC:
-        return KRV_ATTR_EXPRESSION;
-    case KRV_CLASS_FLAG:
-        return KRV_ATTR_FLAG;
-    case KRV_CLASS_REFERENCE:
-        return KRV_ATTR_REFERENCE;
-    case KRV_CLASS_STRING:
-        return KRV_ATTR_STRING;
-    default:
-        return KRV_ATTR_SECTION;
-    }
-}
-
-constexpr bool is_text(krv_family_t family)
-{
-    return family == krv_family_t::string || family == krv_family_t::strp || family == krv_family_t::line_strp ||
-           family == krv_family_t::alt_strp;
-}
-
-constexpr then what_of(uint8_t code, const krv_form_row_t &row)
-{
-    switch (code) {
-    case KRV_EXT_DW_FORM_loclistx:
-        return then::loclist_index;
-    case KRV_EXT_DW_FORM_rnglistx:
-        return then::rnglist_index;
-    case KRV_EXT_DW_FORM_GNU_ref_alt:
-    case KRV_EXT_DW_FORM_ref_sup4:
-    case KRV_EXT_DW_FORM_ref_sup8:
-        return then::in_alternate;
-    case DW_FORM_ref1:
-    case DW_FORM_ref2:
-    case DW_FORM_ref4:
-    case DW_FORM_ref8:
-    case DW_FORM_ref_udata:
-        return then::in_unit;
-    case DW_FORM_addr:
-        return then::nothing;
-    default:
-        break;
-    }
-    if (row.classes == KRV_CLASS_ADDRESS)
-        return then::address_index;
-    return row.classes == KRV_CLASS_STRING && !is_text(row.family) ? then::string_index : then::nothing;
-}
-
-constexpr auto MEANINGS = [] {
-    std::array<meaning, KRV_ALL_FORMS> rows{};
-    for (unsigned int code = 0; code < rows.size(); ++code)
-        rows[code] = {static_cast<uint16_t>(code), kind_of(krv_form_table[code].classes),
-                      what_of(static_cast<uint8_t>(code), krv_form_table[code])};
-#define KRV_ROW(name, number, code, ...) rows[code].written = (number);
-    KRV_DW_FORM_EXT(KRV_ROW)
-#undef KRV_ROW
-    rows[DW_FORM_ref_sig8].kind = KRV_ATTR_SIGNATURE;
-    return rows;
-}();
 
 // One attribute while it is read.
 struct reading {
@@ -169,19 +93,28 @@ static bool read_unsigned(reading *r)
     return true;
 }
 
-// Reads what the form says, up to numbers that lead elsewhere.
-static bool read_form(reading *r, const krv_form_row_t &row, int64_t implicit)
+static bool read_text(reading *r)
 {
-    const krv_encoding_t &encoding = r->place.plan->sp_encoding;
+    const auto *nul = static_cast<const uint8_t *>(std::memchr(r->at, 0, static_cast<size_t>(r->place.end - r->at)));
+    if (nul == nullptr)
+        return refuse(*r, "is cut off");
+    take_bytes(r, r->at, static_cast<uint64_t>(nul - r->at));
+    ++r->at;
+    return true;
+}
+
+// Reads what the form says, up to numbers that lead elsewhere.
+static bool read_form(reading *r, const krv_plan_value &value, int64_t implicit)
+{
     const bool is_alternate = r->entry->is_alternate != 0;
-    switch (row.family) {
+    switch (value.family) {
     case krv_family_t::number:
     case krv_family_t::opaque:
-        return read_number(r, krv_form_width(row, encoding));
-    case krv_family_t::uleb128:
-        return read_unsigned(r);
-    case krv_family_t::sleb128:
-        return read_signed(r);
+        return read_number(r, value.width);
+    case krv_family_t::strp:
+        return read_number(r, value.width) &&
+               find_string(*r, is_alternate ? krv_secidx_t{KRV_SEC_EXT_ALT_STR} : krv_secidx_t{KRV_SEC_STR},
+                           r->attr->number);
     case krv_family_t::present:
         r->attr->number = 1;
         return true;
@@ -189,28 +122,21 @@ static bool read_form(reading *r, const krv_form_row_t &row, int64_t implicit)
         r->attr->number = static_cast<uint64_t>(implicit);
         r->attr->is_signed = 1;
         return true;
-    case krv_family_t::string: {
-        const auto *nul =
-            static_cast<const uint8_t *>(std::memchr(r->at, 0, static_cast<size_t>(r->place.end - r->at)));
-        if (nul == nullptr)
-            return refuse(*r, "is cut off");
-        take_bytes(r, r->at, static_cast<uint64_t>(nul - r->at));
-        ++r->at;
-        return true;
-    }
-    case krv_family_t::strp:
-        return read_number(r, krv_form_width(row, encoding)) &&
-               find_string(*r, is_alternate ? krv_secidx_t{KRV_SEC_EXT_ALT_STR} : krv_secidx_t{KRV_SEC_STR},
-                           r->attr->number);
+    case krv_family_t::uleb128:
+        return read_unsigned(r);
+    case krv_family_t::sleb128:
+        return read_signed(r);
+    case krv_family_t::string:
+        return read_text(r);
     case krv_family_t::line_strp:
-        return read_number(r, krv_form_width(row, encoding)) && find_string(*r, KRV_SEC_EXT_LINE_STR, r->attr->number);
+        return read_number(r, value.width) && find_string(*r, KRV_SEC_EXT_LINE_STR, r->attr->number);
     case krv_family_t::alt_strp:
-        return read_number(r, krv_form_width(row, encoding)) && find_string(*r, KRV_SEC_EXT_ALT_STR, r->attr->number);
+        return read_number(r, value.width) && find_string(*r, KRV_SEC_EXT_ALT_STR, r->attr->number);
     case krv_family_t::bytes:
-        return take_bytes(r, r->at, row.width);
+        return take_bytes(r, r->at, value.width);
     case krv_family_t::block: {
         uint64_t size = 0;
-        const uint8_t *bytes = krv_skip_length(r->at, r->place.end, row.width, &size);
+        const uint8_t *bytes = krv_skip_length(r->at, r->place.end, value.width, &size);
         return take_bytes(r, bytes, size);
     }
     case krv_family_t::indirect:
@@ -226,26 +152,30 @@ static bool read_indexed(const reading &r, krv_base_t base)
            refuse(r, "cannot be read");
 }
 
-static bool resolve(const reading &r, then what)
+static bool resolve(const reading &r, krv_then then)
 {
     krv_attr_t *attr = r.attr;
-    switch (what) {
-    case then::nothing:
+    switch (then) {
+    case krv_then::nothing:
+    case krv_then::other:
+    case krv_then::is_set:
+    case krv_then::find_string:
         attr->is_alternate = attr->kind == KRV_ATTR_REFERENCE && r.entry->is_alternate != 0;
         return true;
-    case then::string_index:
+    case krv_then::string_index:
         return read_indexed(r, KRV_BASE_STR_OFFSETS) && find_string(r, KRV_SEC_STR, attr->number);
-    case then::address_index:
+    case krv_then::address_index:
         return read_indexed(r, KRV_BASE_ADDR);
-    case then::rnglist_index:
+    case krv_then::rnglist_index:
         return read_indexed(r, KRV_BASE_RNGLISTS);
-    case then::loclist_index:
+    case krv_then::loclist_index:
         return read_indexed(r, KRV_BASE_LOCLISTS);
-    case then::in_unit:
+    case krv_then::in_unit:
+    case krv_then::in_unit_by_leb128:
         attr->number = krv_add_offset(attr->number, r.entry->unit->dcu_offset);
         attr->is_alternate = r.entry->is_alternate;
         return true;
-    case then::in_alternate:
+    case krv_then::in_alternate:
         attr->is_alternate = 1;
         return true;
     }
@@ -268,34 +198,132 @@ static bool read_indirect(reading *r, krv_form_t *formp)
     return *formp != KRV_EXT_DW_FORM_implicit_const || refuse(*r, "is of an unknown form");
 }
 
-// Reads the attribute that the cursor is at, and moves it on.
-static int read_attr(krv_handle_t *hp, const krv_place_t &place, krv_entry_t *entry, krv_attr_t *attr)
+// Reads a value that is no plain number.
+[[gnu::noinline]] static int read_other(krv_handle_t *hp, const krv_place_t &place, krv_entry_t *entry,
+                                        krv_attr_t *attr)
 {
-    const krv_abbrev_t *abbrev = krv_entry_planned(entry)->abbrev;
-    const krv_afpair_t pair = abbrev->dwa_afpairs[entry->attrs_read];
+    const krv_planned_t *planned = krv_entry_planned(entry);
+    const krv_plan_value *value = &planned->values[entry->attrs_read];
+    krv_plan_value indirect;
     reading r{hp, place, entry, attr, place.at(entry->at)};
     *attr = {};
-    attr->attribute = pair.dwafp_attribute;
-    krv_form_t form = pair.dwafp_form;
+    attr->attribute = value->attribute;
     int64_t implicit = 0;
-    if (form == KRV_EXT_DW_FORM_implicit_const && place.plan->sp_encoding.is_extended())
-        implicit = abbrev->dwa_implicit[entry->implicit_read++];
-    else if (form == DW_FORM_indirect && !read_indirect(&r, &form))
-        return -1;
-    const krv_form_row_t row = krv_form_row(form, place.plan->sp_encoding.forms);
-    const meaning &means = MEANINGS[row.family == krv_family_t::unknown ? 0 : form];
-    attr->form = means.written;
-    attr->kind = means.kind;
-    if (!read_form(&r, row, implicit) || !resolve(r, means.what))
+    if (value->family == krv_family_t::implicit) {
+        implicit = planned->abbrev->dwa_implicit[entry->implicit_read++];
+    } else if (value->family == krv_family_t::indirect) {
+        krv_form_t form = DW_FORM_indirect;
+        if (!read_indirect(&r, &form))
+            return -1;
+        indirect = krv_plan_value_of(value->attribute, form, place.plan->sp_encoding);
+        value = &indirect;
+    }
+    attr->form = value->written;
+    attr->kind = value->kind;
+    if (!read_form(&r, *value, implicit) || !resolve(r, value->then))
         return -1;
     ++entry->attrs_read;
     entry->at = place.offset_of(r.at);
     return 1;
 }
 
+// The string at an offset of .debug_str in memory. False: there is none.
+static inline bool find_common_string(const krv_handle_t *hp, uint64_t offset, krv_attr_t *attr)
+{
+    const krv_fd_t *section = &hp->sh_sec[KRV_SEC_STR];
+    if (krv_fd_is_cb(section) || offset >= section->sfd_size)
+        return false;
+    attr->bytes = section->sfd_u.buf + offset;
+    const void *nul = std::memchr(attr->bytes, 0, section->sfd_size - offset);
+    attr->size = static_cast<uint64_t>(static_cast<const uint8_t *>(nul) - attr->bytes);
+    attr->number = 0;
+    return nul != nullptr;
+}
+
+// Reads what most values are, up to the first that is another, or cannot be read so: numbers, references within the unit,
+// flags without bytes, and strings of .debug_str. Returns how many.
+static size_t read_common(krv_handle_t *hp, const krv_place_t &place, krv_entry_t *entry, krv_attr_t *attrs,
+                          size_t room)
+{
+    const krv_planned_t *planned = krv_entry_planned(entry);
+    const krv_plan_value *value = planned->values + entry->attrs_read;
+    const size_t left = planned->value_count - entry->attrs_read, most = left < room ? left : room;
+    const uint8_t *at = place.at(entry->at);
+    size_t count = 0;
+    for (; count < most && static_cast<uint64_t>(place.end - at) >= sizeof(uint64_t); ++count, ++value) {
+        uint64_t number;
+        std::memcpy(&number, at, sizeof(number));
+        number &= UINT64_MAX >> ((64 - 8 * value->width) & 63);
+        krv_attr_t *attr = attrs + count;
+        *attr = {.attribute = value->attribute,
+                 .form = value->written,
+                 .kind = value->kind,
+                 .is_signed = 0,
+                 .is_alternate = 0,
+                 .reserved = {},
+                 .number = number,
+                 .bytes = nullptr,
+                 .size = 0};
+        bool is_common = true;
+        switch (value->then) {
+        case krv_then::nothing:
+            break;
+        case krv_then::in_unit:
+            attr->number = krv_add_offset(number, entry->unit->dcu_offset);
+            break;
+        case krv_then::find_string:
+            is_common = find_common_string(hp, number, attr);
+            break;
+        case krv_then::is_set:
+            attr->number = 1;
+            break;
+        default:
+            is_common = false;
+            break;
+        }
+        if (!is_common)
+            break;
+        at += value->width;
+    }
+    entry->attrs_read = static_cast<uint16_t>(entry->attrs_read + count);
+    entry->at = place.offset_of(at);
+    return count;
+}
+
+// Reads the attribute that the cursor is at, and moves it on. 1 or -1.
+static inline int read_attr(krv_handle_t *hp, const krv_place_t &place, krv_entry_t *entry, krv_attr_t *attr)
+{
+    const bool is_common = entry->is_alternate == 0 && read_common(hp, place, entry, attr, 1) == 1;
+    return is_common ? 1 : read_other(hp, place, entry, attr);
+}
+
 int krv_entry_read_attr(krv_handle_t *hp, const krv_place_t &place, krv_entry_t *entry, krv_attr_t *attr)
 {
-    return entry->attrs_read < krv_entry_planned(entry)->abbrev->dwa_nafpairs ? read_attr(hp, place, entry, attr) : 0;
+    return entry->attrs_read < krv_entry_planned(entry)->value_count ? read_attr(hp, place, entry, attr) : 0;
+}
+
+int korva_entry_get_attrs(krv_handle_t *hp, krv_entry_t *entryp, krv_attr_t *attrs, size_t room, size_t *countp)
+{
+    if (hp == nullptr)
+        return -1;
+    if (entryp == nullptr || countp == nullptr || entryp->unit == nullptr || (attrs == nullptr && room != 0))
+        return krv_fail_code(hp, KRV_ERR_INVALID);
+    krv_clear_error(hp);
+    krv_place_t place;
+    if (!krv_entry_place_of(hp, entryp, &place))
+        return -1;
+    if (entryp->attrs_read != 0)
+        krv_entry_rewind(place, entryp);
+    const uint32_t count = krv_entry_planned(entryp)->value_count;
+    *countp = count;
+    const size_t most = count < room ? count : room;
+    for (size_t i = 0; i < most;) {
+        if (entryp->is_alternate == 0)
+            i += read_common(hp, place, entryp, attrs + i, most - i);
+        if (i < most && read_other(hp, place, entryp, &attrs[i++]) != 1)
+            return -1;
+    }
+    return 0;
 }
 
 int korva_entry_next_attr(krv_handle_t *hp, krv_entry_t *entryp, krv_attr_t *attrp)
@@ -306,7 +334,7 @@ int korva_entry_next_attr(krv_handle_t *hp, krv_entry_t *entryp, krv_attr_t *att
         return krv_fail_code(hp, KRV_ERR_INVALID);
     krv_clear_error(hp);
     krv_place_t place;
-    return krv_entry_place(hp, entryp->unit, &place) ? krv_entry_read_attr(hp, place, entryp, attrp) : -1;
+    return krv_entry_place_of(hp, entryp, &place) ? krv_entry_read_attr(hp, place, entryp, attrp) : -1;
 }
 
 int korva_entry_get_attr(krv_handle_t *hp, const krv_entry_t *entryp, uint32_t attribute, krv_attr_t *attrp)
@@ -323,7 +351,7 @@ int korva_entry_get_attr(krv_handle_t *hp, const krv_entry_t *entryp, uint32_t a
     if (wanted == abbrev->dwa_nafpairs)
         return krv_fail_code(hp, KRV_ERR_NOTFOUND);
     krv_place_t place;
-    if (!krv_entry_place(hp, entryp->unit, &place))
+    if (!krv_entry_place_of(hp, entryp, &place))
         return -1;
     krv_entry_t entry = *entryp;
     if (entry.attrs_read > wanted)

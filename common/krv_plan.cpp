@@ -4,50 +4,136 @@
 #include "krv_dwarf.h"
 #include "krv_mem.h"
 
-// Bytes of a value that its form alone tells. False: its bytes do.
-static bool is_fixed(krv_form_t form, const krv_encoding_t &encoding, uint32_t *widthp)
+namespace
+{
+
+constexpr uint8_t kind_of(uint32_t classes)
+{
+    switch (classes) {
+    case KRV_CLASS_ADDRESS:
+        return KRV_ATTR_ADDRESS;
+    case KRV_CLASS_BLOCK:
+        return KRV_ATTR_BLOCK;
+    case KRV_CLASS_CONSTANT:
+        return KRV_ATTR_CONSTANT;
+    case KRV_CLASS_EXPRLOC:
+        return KRV_ATTR_EXPRESSION;
+    case KRV_CLASS_FLAG:
+        return KRV_ATTR_FLAG;
+    case KRV_CLASS_REFERENCE:
+        return KRV_ATTR_REFERENCE;
+    case KRV_CLASS_STRING:
+        return KRV_ATTR_STRING;
+    default:
+        return KRV_ATTR_SECTION;
+    }
+}
+
+constexpr bool is_text(krv_family_t family)
+{
+    return family == krv_family_t::string || family == krv_family_t::strp || family == krv_family_t::line_strp ||
+           family == krv_family_t::alt_strp;
+}
+
+constexpr krv_then then_of(uint8_t code, const krv_form_row_t &row)
+{
+    switch (code) {
+    case KRV_EXT_DW_FORM_loclistx:
+        return krv_then::loclist_index;
+    case KRV_EXT_DW_FORM_rnglistx:
+        return krv_then::rnglist_index;
+    case KRV_EXT_DW_FORM_GNU_ref_alt:
+    case KRV_EXT_DW_FORM_ref_sup4:
+    case KRV_EXT_DW_FORM_ref_sup8:
+        return krv_then::in_alternate;
+    case DW_FORM_ref1:
+    case DW_FORM_ref2:
+    case DW_FORM_ref4:
+    case DW_FORM_ref8:
+        return krv_then::in_unit;
+    case DW_FORM_ref_udata:
+        return krv_then::in_unit_by_leb128;
+    case DW_FORM_addr:
+        return krv_then::nothing;
+    default:
+        break;
+    }
+    if (row.family == krv_family_t::strp)
+        return krv_then::find_string;
+    if (row.family == krv_family_t::present)
+        return krv_then::is_set;
+    if (row.classes == KRV_CLASS_ADDRESS)
+        return krv_then::address_index;
+    if (row.classes == KRV_CLASS_STRING && !is_text(row.family))
+        return krv_then::string_index;
+    return row.family == krv_family_t::number || row.family == krv_family_t::opaque ? krv_then::nothing
+                                                                                    : krv_then::other;
+}
+
+// What a value of each form comes to, but for its width; by code.
+constexpr auto VALUES = [] {
+    std::array<krv_plan_value, KRV_ALL_FORMS> rows{};
+    for (unsigned int code = 0; code < rows.size(); ++code)
+        rows[code] = {.attribute = 0,
+                      .written = static_cast<uint16_t>(code),
+                      .kind = kind_of(krv_form_table[code].classes),
+                      .family = krv_form_table[code].family,
+                      .width = 0,
+                      .then = then_of(static_cast<uint8_t>(code), krv_form_table[code])};
+#define KRV_ROW(name, number, code, ...) rows[code].written = (number);
+    KRV_DW_FORM_EXT(KRV_ROW)
+#undef KRV_ROW
+    rows[DW_FORM_ref_sig8].kind = KRV_ATTR_SIGNATURE;
+    return rows;
+}();
+
+} // namespace
+
+krv_plan_value krv_plan_value_of(krv_attribute_t attribute, krv_form_t form, const krv_encoding_t &encoding)
 {
     const krv_form_row_t row = krv_form_row(form, encoding.forms);
-    switch (row.family) {
+    krv_plan_value value = VALUES[row.family == krv_family_t::unknown ? 0 : form];
+    value.attribute = attribute;
+    value.width = row.family == krv_family_t::block ? row.width : static_cast<uint8_t>(krv_form_width(row, encoding));
+    return value;
+}
+
+static bool is_fixed(krv_family_t family)
+{
+    switch (family) {
     case krv_family_t::number:
     case krv_family_t::strp:
     case krv_family_t::opaque:
     case krv_family_t::line_strp:
     case krv_family_t::alt_strp:
     case krv_family_t::bytes:
-        *widthp = static_cast<uint32_t>(krv_form_width(row, encoding));
-        return true;
     case krv_family_t::present:
     case krv_family_t::implicit:
-        *widthp = 0;
         return true;
     default:
         return false;
     }
 }
 
-// Writes the steps of an abbreviation; NULL: only counts them.
-static uint32_t make_steps(const krv_abbrev_t *abbrev, const krv_encoding_t &encoding, krv_plan_step *steps)
+// Fills in how the values of an abbreviation are read, and the steps over them. Returns the number of steps.
+static uint32_t plan_values(const krv_abbrev_t *abbrev, const krv_encoding_t &encoding, krv_plan_value *values,
+                            krv_plan_step *steps)
 {
     uint32_t count = 0;
     krv_plan_step step = {};
-    const auto end_step = [&](krv_form_t form) {
-        step.form = form;
-        if (steps != nullptr)
-            steps[count] = step;
-        ++count;
-        step = {};
-    };
     for (uint32_t i = 0; i < abbrev->dwa_nafpairs; ++i) {
-        const krv_form_t form = abbrev->dwa_afpairs[i].dwafp_form;
-        uint32_t width = 0;
-        if (is_fixed(form, encoding, &width))
-            step.bytes += width;
-        else
-            end_step(form);
+        const krv_afpair_t pair = abbrev->dwa_afpairs[i];
+        values[i] = krv_plan_value_of(pair.dwafp_attribute, pair.dwafp_form, encoding);
+        if (is_fixed(values[i].family)) {
+            step.bytes += values[i].width;
+            continue;
+        }
+        step.form = pair.dwafp_form;
+        steps[count++] = step;
+        step = {};
     }
     if (step.bytes != 0)
-        end_step(0);
+        steps[count++] = step;
     return count;
 }
 
@@ -66,26 +152,29 @@ static uint8_t flags_of(const krv_abbrev_t *abbrev)
 
 static krv_plan *make_plan(krv_handle_t *hp, krv_au_t *au, const krv_encoding_t &encoding)
 {
-    uint64_t steps = 0;
     const auto count = static_cast<size_t>(au->sau_abbrev_table_entries);
-    for (size_t i = 0; i < count; ++i)
-        if (const krv_abbrev_t *abbrev = &au->sau_abbrev_table[i]; flags_of(abbrev) != KRV_PLAN_TOO_MANY)
-            steps += make_steps(abbrev, encoding, nullptr);
+    // At most a step for each pair, and one behind them.
+    const uint64_t values = au->sau_afpair_table_entries, steps = values + count;
     // The sizes are of arrays that are in memory.
     const size_t rows_size = sizeof(krv_plan) + count * sizeof(krv_planned_t);
-    auto *plan = static_cast<krv_plan *>(krv_alloc(hp, rows_size + steps * sizeof(krv_plan_step)));
+    const size_t steps_size = steps * sizeof(krv_plan_step);
+    auto *plan = static_cast<krv_plan *>(krv_alloc(hp, rows_size + steps_size + values * sizeof(krv_plan_value)));
     if (plan == nullptr)
         return nullptr;
     plan->sp_au = au;
     plan->sp_encoding = encoding;
     auto *step = reinterpret_cast<krv_plan_step *>(reinterpret_cast<uint8_t *>(plan) + rows_size);
+    auto *value = reinterpret_cast<krv_plan_value *>(reinterpret_cast<uint8_t *>(step) + steps_size);
     for (size_t i = 0; i < count; ++i) {
         krv_planned_t *row = &plan->sp_planned[i];
-        *row = {&au->sau_abbrev_table[i], step, 0, flags_of(&au->sau_abbrev_table[i])};
+        const krv_abbrev_t *abbrev = &au->sau_abbrev_table[i];
+        *row = {plan, abbrev, step, value, 0, 0, flags_of(abbrev)};
         if (row->flags == KRV_PLAN_TOO_MANY)
             continue;
-        row->step_count = make_steps(row->abbrev, encoding, step);
+        row->step_count = plan_values(abbrev, encoding, value, step);
+        row->value_count = abbrev->dwa_nafpairs;
         step += row->step_count;
+        value += row->value_count;
     }
     return plan;
 }

@@ -17,6 +17,31 @@ struct krv_plan_step {
     krv_form_t form; // and then a value of this form; 0: none
 };
 
+// What has to be done to a number that was read, the commonest first; `other`: what was read is none.
+enum class krv_then : uint8_t {
+    nothing,
+    in_unit,
+    find_string, // in .debug_str
+    is_set,
+    other,
+    in_unit_by_leb128,
+    string_index,
+    address_index,
+    rnglist_index,
+    loclist_index,
+    in_alternate
+};
+
+// How a value is read, and what it then stands for.
+struct krv_plan_value {
+    krv_attribute_t attribute;
+    uint16_t written; // the form's number
+    uint8_t kind;     // KRV_ATTR_*
+    krv_family_t family;
+    uint8_t width; // of a number or an offset; of a block's length
+    krv_then then;
+};
+
 enum krv_plan_flag_t : uint8_t {
     KRV_PLAN_CODE = 1,     // entries say where their code is
     KRV_PLAN_TOO_MANY = 2, // more than KRV_MOST_ATTRIBUTES: no entry is read
@@ -24,9 +49,11 @@ enum krv_plan_flag_t : uint8_t {
 
 // One abbreviation.
 struct krv_planned_t {
+    const krv_plan *plan;
     const krv_abbrev_t *abbrev;
     const krv_plan_step *steps;
-    uint32_t step_count;
+    const krv_plan_value *values;
+    uint32_t step_count, value_count;
     uint8_t flags; // krv_plan_flag_t
 
     bool has_children() const { return (abbrev->dwa_flags & KRV_ABBREV_FLAG_PARENT) != 0; }
@@ -39,6 +66,9 @@ struct krv_plan {
     krv_encoding_t sp_encoding;
     krv_planned_t sp_planned[];
 };
+
+// How a value of a form is read; an unknown form has the family `unknown`.
+krv_plan_value krv_plan_value_of(krv_attribute_t attribute, krv_form_t form, const krv_encoding_t &encoding);
 
 // The plan of a unit's entries; it lives as its abbreviation table does. NULL on failure.
 const krv_plan *krv_cu_plan(krv_handle_t *hp, krv_ctu_t *cu);

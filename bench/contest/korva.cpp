@@ -45,11 +45,14 @@ static bool read_entries(run *r, krv_handle_t *hp)
         krv_entry_t entry;
         int moved = korva_entry_first(handle, cu, &entry);
         for (; moved == 0; moved = korva_entry_next(handle, &entry)) {
-            krv_attr_t attr;
+            krv_attr_t attrs[256];
+            size_t count;
             ++to->items;
-            while (korva_entry_next_attr(handle, &entry, &attr) == 1)
-                // The others sum what is written: references count from their unit.
-                to->check += attr.kind == KRV_ATTR_REFERENCE ? attr.number - header.offset : value_check(attr);
+            if (korva_entry_get_attrs(handle, &entry, attrs, 256, &count) != 0)
+                return -1;
+            for (size_t i = 0; i < count; ++i) // the others sum what is written: references count from their unit
+                to->check +=
+                    attrs[i].kind == KRV_ATTR_REFERENCE ? attrs[i].number - header.offset : value_check(attrs[i]);
         }
         return 0;
     };

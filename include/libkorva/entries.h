@@ -102,6 +102,13 @@ KORVA_API int korva_entry_get_ancestors(krv_handle_t *hp, const krv_entry_t *ent
  */
 KORVA_API int korva_entry_next_attr(krv_handle_t *hp, krv_entry_t *entryp, krv_attr_t *attrp);
 
+/**
+ * All of them at once, from the first: stores at most @p room, in their order, and in *@p countp how many the entry has.
+ * Returns 0, or -1 when one of these cannot be read.
+ */
+KORVA_API int korva_entry_get_attrs(krv_handle_t *hp, krv_entry_t *entryp, krv_attr_t *attrs, size_t room,
+                                    size_t *countp);
+
 /** The first attribute of that name. 0, or -1 with KRV_ERR_NOTFOUND without a message when the entry has none. */
 KORVA_API int korva_entry_get_attr(krv_handle_t *hp, const krv_entry_t *entryp, uint32_t attribute, krv_attr_t *attrp);
 

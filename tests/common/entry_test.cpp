@@ -35,15 +35,22 @@ std::string show(const krv_attr_t &a)
 std::string attributes(handle &h, krv_entry_t entry)
 {
     std::string all;
-    krv_attr_t a;
+    krv_attr_t a, at_once[4];
+    size_t count = 0, i = 0;
+    krv_entry_t copy = entry;
+    const bool whole = korva_entry_get_attrs(h, &copy, at_once, 4, &count) == 0;
     int read;
     while ((read = korva_entry_next_attr(h, &entry, &a)) == 1) {
         all += (all.empty() ? "" : " ") + show(a);
+        EXPECT_TRUE(i < count && show(at_once[i]) == show(a) && at_once[i++].form == a.form);
         krv_attr_t same; // of several the first
         EXPECT_EQ(korva_entry_get_attr(h, &entry, a.attribute, &same), 0);
         EXPECT_LE(a.attribute == DW_AT_const_value ? 0U : 1U, same.attribute == a.attribute ? 1U : 0U);
     }
-    return read == 0 ? all : all + " " + h.error();
+    const std::string error = h.error();
+    EXPECT_EQ(read == 0 && i == count, whole);
+    EXPECT_EQ(copy.at, entry.at);
+    return read == 0 ? all : all + " " + error;
 }
 
 krv_entry_t first_of(handle &h, uint64_t unit_offset = 0)
@@ -92,6 +99,7 @@ TEST(Entry, Values)
         {"exprloc", bytes().uleb(1).u8(0x50), "x1"},
         {"data16", bytes().fill(16), "b16"},
         {"ref1", bytes().u8(0x20), "ref32"},
+        {"ref_udata", bytes().uleb(0x81).fill(8), "ref129"},
         {"ref_addr", bytes().u32(0x999), "ref2457"},
         {"GNU_ref_alt", bytes().u32(7), "alt7"},
         {"ref_sig8", bytes().u64(5), "8:0x5"},
