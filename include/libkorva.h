@@ -65,5 +65,6 @@
 #include "libkorva/names.h"
 #include "libkorva/types.h"
 #include "libkorva/units.h"
+#include "libkorva/variables.h"
 
 #endif /* LIBKORVA_H */

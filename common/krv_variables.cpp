@@ -1,0 +1,224 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// The variables of a function or inlined call, and their values in a frame.
+#include "krv_dwarf.h"
+#include "krv_entry_walk.h"
+#include "krv_error.h"
+#include "krv_expr_eval.h"
+#include "krv_ext.h"
+#include "krv_fd.h"
+#include "krv_loclist.h"
+#include "krv_ranges.h"
+#include "krv_type.h"
+
+#include <algorithm>
+
+static bool is_variable(uint32_t tag)
+{
+    return tag == DW_TAG_variable || tag == DW_TAG_formal_parameter;
+}
+
+// Whether a block covers an address: one that does not say what it covers does.
+static bool covers(krv_handle_t *hp, const krv_place_t &place, const krv_entry_t &block, uint64_t address)
+{
+    krv_ranges_t ranges;
+    if (krv_ranges_begin_entry(hp, place, &block, &ranges) != 1)
+        return true;
+    uint64_t start, end;
+    while (krv_ranges_next(&ranges, &start, &end) == 1)
+        if (start <= address && address < end)
+            return true;
+    return false;
+}
+
+static krv_variable_t variable_of(krv_handle_t *hp, const krv_entry_t &entry)
+{
+    krv_variable_t variable = {};
+    krv_entry_t where;
+    krv_attr_t attr;
+    variable.entry = entry;
+    variable.is_parameter = entry.tag == DW_TAG_formal_parameter;
+    if (krv_entry_find_attr(hp, entry, DW_AT_name, &where, &attr) == 0 && attr.kind == KRV_ATTR_STRING)
+        variable.name = reinterpret_cast<const char *>(attr.bytes);
+    if (krv_entry_find_attr(hp, entry, DW_AT_decl_line, &where, &attr) == 0 && attr.number <= UINT32_MAX)
+        variable.decl_line = static_cast<uint32_t>(attr.number);
+    krv_clear_error(hp);
+    return variable;
+}
+
+int korva_iter_variables(krv_handle_t *hp, const krv_entry_t *entryp, uint64_t address, krv_iter_variable_f *fn,
+                         void *arg)
+{
+    if (hp == nullptr)
+        return -1;
+    if (entryp == nullptr || fn == nullptr || entryp->unit == nullptr)
+        return krv_fail_code(hp, KRV_ERR_INVALID);
+    krv_clear_error(hp);
+    krv_place_t place;
+    if (!krv_entry_place_of(hp, entryp, &place))
+        return -1;
+    int result = 0;
+    const auto wants = [](const krv_planned_t *planned) {
+        return planned->has_children() || is_variable(planned->abbrev->dwa_tag);
+    };
+    const int walked = krv_entry_walk(hp, place, *entryp, wants, [&](const krv_entry_t &entry, uint32_t) {
+        if (is_variable(entry.tag)) {
+            const krv_variable_t variable = variable_of(hp, entry);
+            result = fn(hp, &variable, arg);
+            return result != 0 ? krv_step::stop : krv_step::skip;
+        }
+        const bool is_block =
+            entry.tag == DW_TAG_lexical_block || entry.tag == DW_TAG_try_block || entry.tag == DW_TAG_catch_block;
+        return is_block && covers(hp, place, entry, address) ? krv_step::next : krv_step::skip;
+    });
+    if (walked == 0)
+        krv_clear_error(hp);
+    return walked == 1 ? result : walked;
+}
+
+// ---------------------------------------------------------------------------------------------------------------
+// Values
+// ---------------------------------------------------------------------------------------------------------------
+
+// The expression that an attribute has for an address. 0, or -1: KRV_ERR_NOTFOUND when it has none there.
+static int find_expression(krv_handle_t *hp, const krv_entry_t &entry, const krv_attr_t &attr, uint64_t address,
+                           krv_fd_t *expression)
+{
+    switch (attr.kind) {
+    case KRV_ATTR_EXPRESSION:
+    case KRV_ATTR_BLOCK: // before DWARF 4
+        krv_fd_attach_mem(hp, expression, attr.size, const_cast<uint8_t *>(attr.bytes));
+        break;
+    case KRV_ATTR_SECTION:
+    case KRV_ATTR_CONSTANT: // likewise
+        if (krv_find_location(hp, entry.unit, attr.number, address, expression) != 0)
+            return -1;
+        break;
+    default:
+        return krv_fail(hp, KRV_ERR_UNSUPPORTED, "attribute 0x%x is no location", attr.attribute);
+    }
+    return expression->sfd_remaining == 0 ? krv_fail_code(hp, KRV_ERR_NOTFOUND) : 0; // nowhere
+}
+
+namespace
+{
+
+// What DW_OP_fbreg counts from.
+struct frame_base {
+    bool is_known;
+    uint64_t address;
+};
+
+} // namespace
+
+static int replace_fbreg(krv_handle_t *hp, krv_exprstack_t *, krv_activation_t *, uint32_t, krv_fd_t **,
+                         krv_operation_t *op, void *arg)
+{
+    const auto *base = static_cast<const frame_base *>(arg);
+    if (op->opcode != DW_OP_fbreg)
+        return 0;
+    if (!base->is_known)
+        return krv_note(hp, "the base of the frame is not known");
+    op->opcode = DW_OP_const8u;
+    op->operand[0].sa_u.su_unsigned += base->address;
+    return 0;
+}
+
+static uint32_t flags_of(const krv_ctu_t *cu)
+{
+    return (cu->dcu_flags & KRV_CU_FLAG_DWARF64) != 0 ? KRV_EXPR_F_DWARF64 : 0;
+}
+
+// A register by itself says that the base is its contents.
+static int evaluate_base(krv_handle_t *hp, krv_activation_t *ap, const krv_ctu_t *cu, krv_fd_t *expression,
+                         uint64_t *addressp)
+{
+    const krv_view_t view = krv_fd_view(expression);
+    if (view.size == 1 && view.bytes[0] >= DW_OP_reg0 && view.bytes[0] <= DW_OP_reg31) {
+        krv_greg_t value = 0;
+        if (korva_activation_get_greg(hp, ap, KRV_ACTIVATION_REG_DWARF, KRV_ACTIVATION_FRAME_CURRENT,
+                                      view.bytes[0] - unsigned{DW_OP_reg0}, &value) != 0)
+            return -1;
+        *addressp = static_cast<uint64_t>(value);
+        return 0;
+    }
+    if (korva_expr_reset_stack(hp, ap->sa_exprstack) != 0 ||
+        korva_expr_execute_expression(hp, ap->sa_exprstack, ap, expression, flags_of(cu), nullptr, nullptr, nullptr) !=
+            0)
+        return -1;
+    return korva_expr_stack_pop(hp, ap->sa_exprstack, addressp);
+}
+
+// A base that cannot be had fails only who asks for it.
+static frame_base find_base(krv_handle_t *hp, krv_activation_t *ap, const krv_entry_t &function, uint64_t address)
+{
+    frame_base base = {};
+    krv_attr_t attr;
+    krv_fd_t expression;
+    base.is_known = korva_entry_get_attr(hp, &function, DW_AT_frame_base, &attr) == 0 &&
+                    find_expression(hp, function, attr, address, &expression) == 0 &&
+                    evaluate_base(hp, ap, function.unit, &expression, &base.address) == 0;
+    krv_clear_error(hp);
+    return base;
+}
+
+// A value that the program does not have, but the compiler knew.
+static int copy_constant(krv_handle_t *hp, const krv_attr_t &attr, uint8_t *value, uint64_t size, uint64_t *countp)
+{
+    const uint8_t *bytes = attr.bytes;
+    uint64_t count = attr.size;
+    if (attr.kind == KRV_ATTR_STRING)
+        ++count; // its NUL
+    if (attr.kind == KRV_ATTR_CONSTANT || attr.kind == KRV_ATTR_FLAG) {
+        bytes = reinterpret_cast<const uint8_t *>(&attr.number);
+        count = sizeof(attr.number);
+    }
+    if (bytes == nullptr && count != 0)
+        return krv_fail(hp, KRV_ERR_UNSUPPORTED, "attribute 0x%x is no value", attr.attribute);
+    *countp = std::min(count, size);
+    if (*countp != 0)
+        std::memcpy(value, bytes, *countp);
+    return 0;
+}
+
+int korva_variable_read(krv_handle_t *hp, krv_activation_t *ap, const krv_entry_t *functionp,
+                        const krv_variable_t *variable, uint64_t address, uint8_t *value, uint8_t *valid,
+                        uint8_t *inreg, uint64_t size, uint64_t *countp)
+{
+    if (hp == nullptr)
+        return -1;
+    if (ap == nullptr || functionp == nullptr || variable == nullptr || value == nullptr || valid == nullptr ||
+        inreg == nullptr || countp == nullptr || functionp->unit == nullptr || variable->entry.unit == nullptr)
+        return krv_fail_code(hp, KRV_ERR_INVALID);
+    krv_clear_error(hp);
+    *countp = 0;
+    krv_entry_t where;
+    krv_attr_t attr;
+    if (krv_entry_find_attr(hp, variable->entry, DW_AT_const_value, &where, &attr) == 0) {
+        if (copy_constant(hp, attr, value, size, countp) != 0)
+            return -1;
+        std::memset(valid, 0xff, *countp);
+        std::memset(inreg, 0, *countp);
+        return 0;
+    }
+    krv_fd_t expression;
+    if (hp->sh_errno != KRV_ERR_NOTFOUND ||
+        krv_entry_find_attr(hp, variable->entry, DW_AT_location, &where, &attr) != 0 ||
+        find_expression(hp, where, attr, address, &expression) != 0)
+        return -1;
+    frame_base base = find_base(hp, ap, *functionp, address);
+    if (korva_expr_reset_stack(hp, ap->sa_exprstack) != 0)
+        return -1;
+    krv_fd_t outputs[3];
+    krv_fd_t *to[3] = {&outputs[0], &outputs[1], &outputs[2]};
+    uint8_t *const buffers[3] = {value, valid, inreg};
+    for (int i = 0; i < 3; ++i)
+        krv_fd_attach_mem(hp, to[i], size, buffers[i]);
+    const int result = korva_expr_execute_expression(
+        hp, ap->sa_exprstack, ap, &expression, KRV_EXPR_F_LOCATION | flags_of(where.unit), to, replace_fbreg, &base);
+    const bool is_there = result == 0 || hp->sh_errno == KRV_ERR_NOSPACE; // a register is wider than the object
+    *countp = is_there ? outputs[0].sfd_offset : 0;
+    if (result != 0 && is_there)
+        krv_clear_error(hp);
+    return is_there ? 0 : -1;
+}
