@@ -103,24 +103,31 @@ static int find_expression(krv_handle_t *hp, const krv_entry_t &entry, const krv
 namespace
 {
 
-// What DW_OP_fbreg counts from.
-struct frame_base {
-    bool is_known;
-    uint64_t address;
+constexpr size_t MOST_BYTES = 4096; // of an expression that is not in memory
+
+// An expression of the entries' handle, evaluated in a frame of another.
+struct evaluation {
+    const krv_variable_frame_t *frame;
+    bool has_base = false;
+    uint64_t base = 0; // what DW_OP_fbreg counts from
+    uint8_t room[MOST_BYTES];
 };
 
 } // namespace
 
-static int replace_fbreg(krv_handle_t *hp, krv_exprstack_t *, krv_activation_t *, uint32_t, krv_fd_t **,
-                         krv_operation_t *op, void *arg)
+// Addresses become those of memory, and offsets from the frame's base too.
+static int replace_addresses(krv_handle_t *hp, krv_exprstack_t *, krv_activation_t *, uint32_t, krv_fd_t **,
+                             krv_operation_t *op, void *arg)
 {
-    const auto *base = static_cast<const frame_base *>(arg);
-    if (op->opcode != DW_OP_fbreg)
-        return 0;
-    if (!base->is_known)
-        return krv_note(hp, "the base of the frame is not known");
-    op->opcode = DW_OP_const8u;
-    op->operand[0].sa_u.su_unsigned += base->address;
+    const auto *of = static_cast<const evaluation *>(arg);
+    if (op->opcode == DW_OP_addr) {
+        op->operand[0].sa_u.su_unsigned += of->frame->bias;
+    } else if (op->opcode == DW_OP_fbreg) {
+        if (!of->has_base)
+            return krv_fail(hp, KRV_ERR_NOTFOUND, "the base of the frame is not known");
+        op->opcode = DW_OP_const8u;
+        op->operand[0].sa_u.su_unsigned += of->base;
+    }
     return 0;
 }
 
@@ -129,37 +136,58 @@ static uint32_t flags_of(const krv_ctu_t *cu)
     return (cu->dcu_flags & KRV_CU_FLAG_DWARF64) != 0 ? KRV_EXPR_F_DWARF64 : 0;
 }
 
-// A register by itself says that the base is its contents.
-static int evaluate_base(krv_handle_t *hp, krv_activation_t *ap, const krv_ctu_t *cu, krv_fd_t *expression,
-                         uint64_t *addressp)
+// The same bytes under the frame's handle.
+static int move_expression(krv_handle_t *hp, krv_fd_t *expression, evaluation *of)
 {
+    const uint64_t size = expression->sfd_remaining;
+    krv_view_t view = krv_fd_view(expression);
+    if (view.size < size) {
+        if (size > MOST_BYTES || korva_fd_to_mem(expression, of->room, size) != 0)
+            return krv_fail(hp, KRV_ERR_UNSUPPORTED, "an expression of %lu bytes cannot be read",
+                            static_cast<unsigned long>(size));
+        view.bytes = of->room;
+    }
+    krv_fd_attach_mem(of->frame->handle, expression, size, const_cast<uint8_t *>(view.bytes));
+    return 0;
+}
+
+static int execute(evaluation *of, krv_fd_t *expression, uint32_t flags, krv_fd_t **outputs)
+{
+    krv_handle_t *hp = of->frame->handle;
+    krv_activation_t *ap = of->frame->activation;
+    if (korva_expr_reset_stack(hp, ap->sa_exprstack) != 0)
+        return -1;
+    return korva_expr_execute_expression(hp, ap->sa_exprstack, ap, expression, flags, outputs, replace_addresses, of);
+}
+
+// A register by itself says that the base is its contents.
+static bool evaluate_base(evaluation *of, const krv_ctu_t *cu, krv_fd_t *expression)
+{
+    krv_handle_t *hp = of->frame->handle;
+    krv_activation_t *ap = of->frame->activation;
     const krv_view_t view = krv_fd_view(expression);
     if (view.size == 1 && view.bytes[0] >= DW_OP_reg0 && view.bytes[0] <= DW_OP_reg31) {
         krv_greg_t value = 0;
         if (korva_activation_get_greg(hp, ap, KRV_ACTIVATION_REG_DWARF, KRV_ACTIVATION_FRAME_CURRENT,
                                       view.bytes[0] - unsigned{DW_OP_reg0}, &value) != 0)
-            return -1;
-        *addressp = static_cast<uint64_t>(value);
-        return 0;
+            return false;
+        of->base = static_cast<uint64_t>(value);
+        return true;
     }
-    if (korva_expr_reset_stack(hp, ap->sa_exprstack) != 0 ||
-        korva_expr_execute_expression(hp, ap->sa_exprstack, ap, expression, flags_of(cu), nullptr, nullptr, nullptr) !=
-            0)
-        return -1;
-    return korva_expr_stack_pop(hp, ap->sa_exprstack, addressp);
+    return execute(of, expression, flags_of(cu), nullptr) == 0 &&
+           korva_expr_stack_pop(hp, ap->sa_exprstack, &of->base) == 0;
 }
 
 // A base that cannot be had fails only who asks for it.
-static frame_base find_base(krv_handle_t *hp, krv_activation_t *ap, const krv_entry_t &function, uint64_t address)
+static void find_base(krv_handle_t *hp, evaluation *of)
 {
-    frame_base base = {};
+    const krv_entry_t &function = *of->frame->function;
     krv_attr_t attr;
     krv_fd_t expression;
-    base.is_known = korva_entry_get_attr(hp, &function, DW_AT_frame_base, &attr) == 0 &&
-                    find_expression(hp, function, attr, address, &expression) == 0 &&
-                    evaluate_base(hp, ap, function.unit, &expression, &base.address) == 0;
+    of->has_base = korva_entry_get_attr(hp, &function, DW_AT_frame_base, &attr) == 0 &&
+                   find_expression(hp, function, attr, of->frame->address, &expression) == 0 &&
+                   move_expression(hp, &expression, of) == 0 && evaluate_base(of, function.unit, &expression);
     krv_clear_error(hp);
-    return base;
 }
 
 // A value that the program does not have, but the compiler knew.
@@ -181,14 +209,14 @@ static int copy_constant(krv_handle_t *hp, const krv_attr_t &attr, uint8_t *valu
     return 0;
 }
 
-int korva_variable_read(krv_handle_t *hp, krv_activation_t *ap, const krv_entry_t *functionp,
-                        const krv_variable_t *variable, uint64_t address, uint8_t *value, uint8_t *valid,
-                        uint8_t *inreg, uint64_t size, uint64_t *countp)
+int korva_variable_read(krv_handle_t *hp, const krv_variable_t *variable, const krv_variable_frame_t *frame,
+                        uint8_t *value, uint8_t *valid, uint8_t *inreg, uint64_t size, uint64_t *countp)
 {
     if (hp == nullptr)
         return -1;
-    if (ap == nullptr || functionp == nullptr || variable == nullptr || value == nullptr || valid == nullptr ||
-        inreg == nullptr || countp == nullptr || functionp->unit == nullptr || variable->entry.unit == nullptr)
+    if (variable == nullptr || frame == nullptr || value == nullptr || valid == nullptr || inreg == nullptr ||
+        countp == nullptr || variable->entry.unit == nullptr || frame->handle == nullptr ||
+        frame->activation == nullptr || frame->function == nullptr || frame->function->unit == nullptr)
         return krv_fail_code(hp, KRV_ERR_INVALID);
     krv_clear_error(hp);
     *countp = 0;
@@ -204,21 +232,25 @@ int korva_variable_read(krv_handle_t *hp, krv_activation_t *ap, const krv_entry_
     krv_fd_t expression;
     if (hp->sh_errno != KRV_ERR_NOTFOUND ||
         krv_entry_find_attr(hp, variable->entry, DW_AT_location, &where, &attr) != 0 ||
-        find_expression(hp, where, attr, address, &expression) != 0)
+        find_expression(hp, where, attr, frame->address, &expression) != 0)
         return -1;
-    frame_base base = find_base(hp, ap, *functionp, address);
-    if (korva_expr_reset_stack(hp, ap->sa_exprstack) != 0)
+    evaluation of; // its room needs no initial value
+    of.frame = frame;
+    find_base(hp, &of);
+    if (move_expression(hp, &expression, &of) != 0)
         return -1;
     krv_fd_t outputs[3];
     krv_fd_t *to[3] = {&outputs[0], &outputs[1], &outputs[2]};
     uint8_t *const buffers[3] = {value, valid, inreg};
     for (int i = 0; i < 3; ++i)
-        krv_fd_attach_mem(hp, to[i], size, buffers[i]);
-    const int result = korva_expr_execute_expression(
-        hp, ap->sa_exprstack, ap, &expression, KRV_EXPR_F_LOCATION | flags_of(where.unit), to, replace_fbreg, &base);
-    const bool is_there = result == 0 || hp->sh_errno == KRV_ERR_NOSPACE; // a register is wider than the object
-    *countp = is_there ? outputs[0].sfd_offset : 0;
-    if (result != 0 && is_there)
-        krv_clear_error(hp);
-    return is_there ? 0 : -1;
+        krv_fd_attach_mem(frame->handle, to[i], size, buffers[i]);
+    const bool failed = execute(&of, &expression, KRV_EXPR_F_LOCATION | flags_of(where.unit), to) != 0;
+    if (failed && frame->handle->sh_errno != KRV_ERR_NOSPACE) { // else: a register is wider than the object
+        if (frame->handle != hp)
+            krv_fail(hp, KRV_ERR_EVAL, "the location cannot be evaluated: %s", krv_cause(frame->handle).text);
+        return -1;
+    }
+    *countp = outputs[0].sfd_offset;
+    krv_clear_error(frame->handle);
+    return 0;
 }

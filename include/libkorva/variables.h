@@ -54,20 +54,28 @@ KORVA_API int korva_entry_get_type(krv_handle_t *hp, const krv_entry_t *entryp, 
  */
 KORVA_API int korva_entry_get_type_text(krv_handle_t *hp, const krv_entry_t *entryp, char *buf, size_t size);
 
+/** The frame that variables are read in. */
+typedef struct krv_variable_frame {
+    krv_handle_t
+        *handle; /**< of the activation, with the target's memory; it may be another than that of the entries */
+    krv_activation_t *activation; /**< whose current frame it is */
+    const krv_entry_t *function;  /**< that has the code, the last of the chain of calls: it tells the frame's base */
+    uint64_t
+        address;   /**< the program counter, of a frame that called another one less, in the unit's own address space */
+    uint64_t bias; /**< what is added to addresses of the unit to get those of memory */
+} krv_variable_frame_t;
+
 /**
- * Copies the value that a variable has in the current frame of an activation while the program is at @p address, the frame's
- * program counter in the unit's own address space (of a frame that called another, one less). @p functionp is the function that
- * has the code, the last of the chain of calls, which tells the frame's base. @p value has room for @p size bytes, and *@p
- * countp becomes the number of those that are there; @p valid and @p inreg, as long each, get one byte for every byte of the
- * value: 0xff or 0x00, whether the byte is known, and whether it came from a register. Ask for as many bytes as the type has.
+ * Copies the value that a variable has in a frame. @p value has room for @p size bytes, and *@p countp becomes the number of
+ * those that are there; @p valid and @p inreg, as long each, get one byte for every byte of the value: 0xff or 0x00,
+ * whether the byte is known, and whether it came from a register. Ask for as many bytes as the type has.
  *
- * Errors: KRV_ERR_NOTFOUND without a message when the variable has no location there: it was optimised out;
- * KRV_ERR_UNSUPPORTED where the entries tell of a location in another way; those of korva_expr_execute_expression, which
- * needs an address space, and of korva_find_location.
+ * Errors, in the handle of the entries: KRV_ERR_NOTFOUND without a message when the variable is nowhere at that address: it was
+ * optimised out; KRV_ERR_UNSUPPORTED where the entry tells of a location in another way; those of korva_find_location.
+ * In that of the frame, with KRV_ERR_EVAL here: those of korva_expr_execute_expression, which needs an address space.
  */
-KORVA_API int korva_variable_read(krv_handle_t *hp, krv_activation_t *ap, const krv_entry_t *functionp,
-                                  const krv_variable_t *variable, uint64_t address, uint8_t *value, uint8_t *valid,
-                                  uint8_t *inreg, uint64_t size, uint64_t *countp);
+KORVA_API int korva_variable_read(krv_handle_t *hp, const krv_variable_t *variable, const krv_variable_frame_t *frame,
+                                  uint8_t *value, uint8_t *valid, uint8_t *inreg, uint64_t size, uint64_t *countp);
 
 #ifdef __cplusplus
 }

@@ -26,6 +26,7 @@ krv_handle_t *new_handle(krv_activation_type_t target)
     if (hp == nullptr)
         throw failure(KRV_ELF_ERR_NOMEM, "no libkorva handle: out of memory, or disabled by LIBKORVA_OPTIONS");
     korva_handle_set_opt(hp, KRV_OPT_EXT_AS_WRITTEN, uint64_t{1});
+    korva_handle_set_opt(hp, KRV_OPT_EXT_DWARF5, uint64_t{1}); // for expressions
     return hp;
 }
 

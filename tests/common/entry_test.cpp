@@ -379,3 +379,92 @@ TEST(Calls, Many)
         EXPECT_EQ(count, nested ? MANY + 1 : 2);
     }
 }
+
+// Types as C writes them, and how large an object of them is.
+TEST(Variables, Types)
+{
+    handle h;
+    h.attach(
+        KRV_SEC_ABBREV,
+        abbrevs("1 compile_unit+ language:data1; 2 base_type name:string byte_size:data1 encoding:data1; "
+                "3 pointer_type type:ref4; 4 const_type type:ref4; 5 array_type+ type:ref4; "
+                "6 subrange_type upper_bound:data1; 7 subroutine_type type:ref4; 8 structure_type name:string "
+                "byte_size:data1; "
+                "9 typedef name:string type:ref4; 10 pointer_type; 11 subrange_type; 12 union_type byte_size:data1; "
+                "13 variable type:ref4; 14 variable; 15 subprogram abstract_origin:ref4; 16 reference_type type:ref4"));
+    const char *const types[] = {"int", "pc", "cc", "cpc", "a", "pa", "ap", "fp", "s", "t", "u", "open", "loop", "ref"};
+    bytes dies = bytes().uleb(1).u8(0x0c);
+    dies.label("int").uleb(2).cstr("int").u8(4).u8(5);
+    dies.label("char").uleb(2).cstr("char").u8(1).u8(6);
+    const auto to = [&dies](const char *label, uint64_t code, const char *type) {
+        dies.label(label).uleb(code).offset_of(type, 4);
+    };
+    to("cc", 4, "char");
+    to("pc", 3, "cc");
+    to("cpc", 4, "pc");
+    to("a", 5, "int");
+    dies.uleb(6).u8(1).uleb(6).u8(2).u8(0);
+    to("pa", 3, "a");
+    to("ap", 5, "pc");
+    dies.uleb(6).u8(3).u8(0);
+    to("f", 7, "int");
+    to("fp", 3, "f");
+    dies.label("s").uleb(8).cstr("s").u8(12);
+    to("ct", 4, "t");
+    dies.label("t").uleb(9).cstr("t").offset_of("pa", 4);
+    dies.label("u").uleb(12).u8(16);
+    to("open", 5, "int");
+    dies.uleb(11).u8(0);
+    to("loop", 4, "loop");
+    to("ref", 16, "ct");
+    for (const char *type : types)
+        to(text("v%s", type).c_str(), 13, type);
+    dies.label("none").uleb(14).u8(0);
+    h.attach(KRV_SEC_INFO, unit{.dies = dies}.build());
+    std::string all;
+    krv_entry_t e = first_of(h);
+    while (korva_entry_next(h, &e) == 0) {
+        if (e.tag != DW_TAG_variable)
+            continue;
+        char buf[64];
+        krv_type_t type;
+        const bool found = korva_entry_get_type_text(h, &e, buf, sizeof(buf)) == 0;
+        all += found ? std::string(buf) : h.error();
+        EXPECT_EQ(korva_entry_get_type(h, &e, &type), found ? 0 : -1);
+        all += text(" %lu\n", found ? type.size : 0);
+    }
+    EXPECT_EQ(all, "int 4\nconst char * 8\nconst char 1\nconst char *const 8\nint [2][3] 24\nint (*)[2][3] 8\n"
+                   "const char *[4] 32\nint (*)(...) 8\nstruct s 12\nt 8\nunion {...} 16\nint [] 0\n"
+                   "CORRUPT: entry at offset 0x" +
+                       text("%zx", dies.where("vloop") + unit{}.header_size()) +
+                       " of .debug_info has a type that leads to too many others 0\nconst t & 8\nvoid 0\n");
+}
+
+// Blocks that do not cover the address, and what was inlined, keep their variables to themselves.
+TEST(Variables, Scope)
+{
+    handle h;
+    h.attach(KRV_SEC_ABBREV,
+             abbrevs("1 compile_unit+; 2 subprogram+; 3 lexical_block+ low_pc:addr high_pc:data1; "
+                     "4 formal_parameter name:string; 5 variable name:string; 6 inlined_subroutine+; 7 lexical_block+; "
+                     "8 variable abstract_origin:ref4"));
+    const auto named = [](uint64_t code, const char *name) { return bytes().uleb(code).cstr(name); };
+    const bytes end = bytes().u8(0);
+    bytes dies = bytes().uleb(1).label("out") + named(5, "out") + bytes().uleb(2) + named(4, "p") + named(5, "v");
+    dies += bytes().uleb(3).u64(0x1000).u8(8) + named(5, "a") + end;
+    dies += bytes().uleb(3).u64(0x1008).u8(8) + named(5, "b") + bytes().uleb(7) + named(5, "c") + end + end;
+    dies += bytes().uleb(6) + named(4, "i") + end + bytes().uleb(8).offset_of("out", 4) + end;
+    h.attach(KRV_SEC_INFO, unit{.dies = dies}.build());
+    krv_entry_t function = first_of(h);
+    ASSERT_EQ(korva_entry_next(h, &function), 0);
+    ASSERT_EQ(korva_entry_next(h, &function), 0);
+    const auto add = [](krv_handle_t *, const krv_variable_t *variable, void *arg) {
+        *static_cast<std::string *>(arg) += text("%s%s ", variable->name, variable->is_parameter != 0 ? "()" : "");
+        return 0;
+    };
+    std::string first, second;
+    EXPECT_EQ(korva_iter_variables(h, &function, 0x1004, add, &first), 0);
+    EXPECT_EQ(korva_iter_variables(h, &function, 0x100f, add, &second), 0);
+    EXPECT_EQ(first, "p() v a out ");
+    EXPECT_EQ(second, "p() v b c out ");
+}
