@@ -173,8 +173,7 @@ static krv_calls *collect_functions(krv_handle_t *hp, const krv_place_t &place, 
     if (!krv_table_trim(hp, &calls->sc_functions, &calls->sc_size, calls->sc_count) ||
         !krv_addr_map_make(hp, ranges, krv_paint::last, &calls->sc_map))
         return nullptr;
-    krv_clear_error(hp); // of ranges that are damaged
-    return calls.release();
+    return krv_forgive(hp) ? calls.release() : nullptr; // ranges that are damaged
 }
 
 namespace
@@ -286,8 +285,7 @@ static inlined_calls *collect_inlined(krv_handle_t *hp, const krv_place_t &place
         inlined->calls[i] = found.calls[i].call;
     if (!krv_addr_map_make(hp, found.ranges, krv_paint::last, &inlined->map))
         return nullptr;
-    krv_clear_error(hp);
-    return inlined.release();
+    return krv_forgive(hp) ? inlined.release() : nullptr;
 }
 
 // ---------------------------------------------------------------------------------------------------------------

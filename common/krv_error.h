@@ -14,6 +14,15 @@ inline void krv_clear_error(krv_handle_t *hp)
     hp->sh_errno = KRV_ERR_NONE;
 }
 
+// Forgets what stands in the way of no answer. False: memory ran out, which does.
+inline bool krv_forgive(krv_handle_t *hp)
+{
+    if (hp->sh_errno == KRV_ERR_NOMEM)
+        return false;
+    krv_clear_error(hp);
+    return true;
+}
+
 // Appends one message, cut to 255 characters; a 17th is dropped. Never touches the code.
 [[gnu::format(printf, 2, 3)]] void krv_push_error(krv_handle_t *hp, const char *format, ...);
 

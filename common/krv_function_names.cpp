@@ -54,14 +54,13 @@ static int read_names(krv_handle_t *hp, krv_entry_t *entry, krv_function_names *
     return krv_entry_follow(hp, entry, &origin, entry) == 0 ? 1 : -1;
 }
 
-krv_function_names krv_function_names_find(krv_handle_t *hp, const krv_entry_t &of)
+bool krv_function_names_find(krv_handle_t *hp, const krv_entry_t &of, krv_function_names *names)
 {
-    krv_function_names names = {};
+    *names = {};
     krv_entry_t entry = of;
-    for (unsigned int i = 0; i < MOST_ORIGINS && read_names(hp, &entry, &names) == 1; ++i)
+    for (unsigned int i = 0; i < MOST_ORIGINS && read_names(hp, &entry, names) == 1; ++i)
         ;
-    krv_clear_error(hp);
-    return names;
+    return krv_forgive(hp);
 }
 
 static krv_hash_t *get_kept(krv_handle_t *hp)
@@ -85,12 +84,12 @@ const krv_function_names *krv_function_names_keep(krv_handle_t *hp, const krv_en
     if (fresh == nullptr)
         return nullptr;
     krv_entry_t to;
-    if (krv_entry_follow(hp, &entry, &origin, &to) == 0)
-        *fresh = krv_function_names_find(hp, to);
-    void *stored = krv_hash_insert(hp, kept, &key, fresh.get());
+    const bool found = krv_entry_follow(hp, &entry, &origin, &to) == 0 ? krv_function_names_find(hp, to, fresh.get())
+                                                                       : krv_forgive(hp);
+    void *stored = found ? krv_hash_insert(hp, kept, &key, fresh.get()) : nullptr;
     if (stored == fresh.get())
         static_cast<void>(fresh.release());
-    krv_clear_error(hp);
+    krv_forgive(hp);
     return static_cast<const krv_function_names *>(stored);
 }
 

@@ -13,8 +13,8 @@ struct krv_function_names {
     uint32_t decl_file, decl_line;   // 0: not known
 };
 
-// What cannot be read stays unknown. Leaves no error.
-krv_function_names krv_function_names_find(krv_handle_t *hp, const krv_entry_t &entry);
+// What cannot be read stays unknown. False: KRV_ERR_NOMEM; there is no other error.
+bool krv_function_names_find(krv_handle_t *hp, const krv_entry_t &entry, krv_function_names *names);
 
 // The same of what an attribute of an entry leads to, found once and kept until the handle is freed. NULL: KRV_ERR_NOMEM.
 const krv_function_names *krv_function_names_keep(krv_handle_t *hp, const krv_entry_t &entry, const krv_attr_t &origin);

@@ -89,8 +89,8 @@ static bool add_entry(krv_handle_t *hp, const krv_entry_t &entry, uint32_t level
     if (!is_in_function)
         *function = kind == KRV_NAMED_FUNCTIONS ? entry.depth : UINT32_MAX;
     if (kind == KRV_NAMED_VARIABLES ? !is_in_function : krv_entry_planned(&entry)->has_code()) {
-        const krv_function_names names = krv_function_names_find(hp, entry);
-        if (!add_name(hp, to, names.name, kind, entry.offset) ||
+        krv_function_names names;
+        if (!krv_function_names_find(hp, entry, &names) || !add_name(hp, to, names.name, kind, entry.offset) ||
             !add_name(hp, to, names.linkage_name, kind, entry.offset))
             return false;
     }
@@ -162,7 +162,9 @@ int korva_iter_named_entries(krv_handle_t *hp, const char *name, unsigned int fl
         krv_entry_t entry;
         if (krv_entry_seek(hp, KRV_SEC_INFO, at->entry, &entry) != 0)
             return -1;
-        const krv_function_names found = krv_function_names_find(hp, entry);
+        krv_function_names found;
+        if (!krv_function_names_find(hp, entry, &found))
+            return -1;
         before = at->entry; // it may be there by both of its names
         if (!is_called(found.name, name) && !is_called(found.linkage_name, name))
             continue;

@@ -160,8 +160,7 @@ int korva_entry_get_type(krv_handle_t *hp, const krv_entry_t *entryp, krv_type_t
         typep->encoding = static_cast<uint32_t>(constant_of(hp, walk.at, DW_AT_encoding));
         typep->size = size_of(&walk);
     }
-    krv_clear_error(hp);
-    return 0;
+    return krv_forgive(hp) ? 0 : -1;
 }
 
 // ---------------------------------------------------------------------------------------------------------------
@@ -332,7 +331,8 @@ int korva_entry_get_type_text(krv_handle_t *hp, const krv_entry_t *entryp, char 
         return -1;
     if (next == 1)
         print_name(hp, walk.at, name);
-    krv_clear_error(hp);
+    if (!krv_forgive(hp))
+        return -1;
     std::snprintf(buf, size, "%s%s%s%s", qualifiers, name, around.is_empty() ? "" : " ", around.c_str());
     size_t length = std::strlen(buf); // "char *const " of a pointer that is constant itself
     while (length != 0 && buf[length - 1] == ' ')

@@ -31,9 +31,11 @@ static bool covers(krv_handle_t *hp, const krv_place_t &place, const krv_entry_t
     return false;
 }
 
-static krv_variable_t variable_of(krv_handle_t *hp, const krv_entry_t &entry)
+// What cannot be read stays unknown. False: KRV_ERR_NOMEM.
+static bool make_variable(krv_handle_t *hp, const krv_entry_t &entry, krv_variable_t *variablep)
 {
-    krv_variable_t variable = {};
+    krv_variable_t &variable = *variablep;
+    variable = {};
     krv_entry_t where;
     krv_attr_t attr;
     variable.entry = entry;
@@ -42,8 +44,7 @@ static krv_variable_t variable_of(krv_handle_t *hp, const krv_entry_t &entry)
         variable.name = reinterpret_cast<const char *>(attr.bytes);
     if (krv_entry_find_attr(hp, entry, DW_AT_decl_line, &where, &attr) == 0 && attr.number <= UINT32_MAX)
         variable.decl_line = static_cast<uint32_t>(attr.number);
-    krv_clear_error(hp);
-    return variable;
+    return krv_forgive(hp);
 }
 
 int korva_iter_variables(krv_handle_t *hp, const krv_entry_t *entryp, uint64_t address, krv_iter_variable_f *fn,
@@ -63,8 +64,8 @@ int korva_iter_variables(krv_handle_t *hp, const krv_entry_t *entryp, uint64_t a
     };
     const int walked = krv_entry_walk(hp, place, *entryp, wants, [&](const krv_entry_t &entry, uint32_t) {
         if (is_variable(entry.tag)) {
-            const krv_variable_t variable = variable_of(hp, entry);
-            result = fn(hp, &variable, arg);
+            krv_variable_t variable;
+            result = make_variable(hp, entry, &variable) ? fn(hp, &variable, arg) : -1;
             return result != 0 ? krv_step::stop : krv_step::skip;
         }
         const bool is_block =

@@ -52,7 +52,10 @@ static void attach(krv_handle_t *hp, const session &data, readers *sources)
     };
     data.set_options(hp);
     for (const auto &[sec, contents] : data.sections)
-        korva_attach_section(hp, sec, contents.size(), KRV_FD_TYPE_CB, read_counted, keep(contents));
+        if (data.in_memory)
+            korva_attach_section(hp, sec, contents.size(), KRV_FD_TYPE_MEMORY, keep(contents)->contents.data());
+        else
+            korva_attach_section(hp, sec, contents.size(), KRV_FD_TYPE_CB, read_counted, keep(contents));
     if (data.memory.size() != 0)
         korva_attach_as(hp, read_counted, keep(data.memory, stack_address));
 }

@@ -154,6 +154,57 @@ static std::string ask_written_units(krv_handle_t *hp)
     return answer;
 }
 
+// Calls and variables, whose names stand in another unit and in the alternate file.
+
+static session make_calls()
+{
+    const bytes end = bytes().u8(0);
+    const bytes other = unit{.dies = bytes().uleb(5).uleb(6).cstr("int").u8(4).uleb(7).cstr("g").add(end)}.build();
+    const bytes alternate = unit{.dies = bytes().uleb(1).uleb(2).cstr("far").add(end)}.build();
+    bytes dies = bytes().uleb(1).u64(0x400).u8(0x40).uleb(2).cstr("f").u64(0x400).u8(0x20);
+    dies += bytes().uleb(3).u32(18).u64(0x408).u8(8) + bytes().uleb(4).u32(12).u64(0x40a).u8(2) + end;
+    dies += bytes().uleb(8).cstr("v").u32(12) + end + end;
+    return {
+        .sections = {{KRV_SEC_ABBREV,
+                      abbrevs(
+                          "1 compile_unit+ low_pc:addr high_pc:data1; 2 subprogram+ name:string low_pc:addr "
+                          "high_pc:data1; 3 inlined_subroutine+ abstract_origin:ref_addr low_pc:addr high_pc:data1; "
+                          "4 inlined_subroutine abstract_origin:GNU_ref_alt low_pc:addr high_pc:data1; "
+                          "5 compile_unit+; 6 base_type name:string byte_size:data1; 7 subprogram name:string; "
+                          "8 variable name:string type:ref_addr")},
+                     {KRV_SEC_INFO, other + unit{.dies = dies}.build()},
+                     {KRV_SEC_EXT_ALT_ABBREV, abbrevs("1 partial_unit+; 2 subprogram name:string")},
+                     {KRV_SEC_EXT_ALT_INFO, alternate}},
+        .extended = true,
+        .in_memory = true};
+}
+
+static std::string ask_calls(krv_handle_t *hp)
+{
+    krv_call_t calls[4];
+    size_t count;
+    if (korva_lookup_calls(hp, 0x40a, calls, 4, &count) != 0)
+        return "!calls";
+    std::string answer;
+    for (size_t i = 0; i < count; ++i)
+        answer += text("%s ", calls[i].name);
+    const auto add = [](krv_handle_t *handle, const krv_variable_t *variable, void *arg) {
+        char type[16];
+        if (korva_entry_get_type_text(handle, &variable->entry, type, sizeof(type)) != 0)
+            return -1;
+        *static_cast<std::string *>(arg) += text("%s %s ", type, variable->name);
+        return 0;
+    };
+    if (korva_iter_variables(hp, &calls[count - 1].entry, 0x400, add, &answer) != 0)
+        return "!variables";
+    const auto named = [](krv_handle_t *, const krv_entry_t *entry, void *arg) {
+        *static_cast<std::string *>(arg) += text("%x", entry->tag);
+        return 0;
+    };
+    const int found = korva_iter_named_entries(hp, "f", KRV_NAMED_FUNCTIONS, named, &answer);
+    return found == 0 ? answer : "!named";
+}
+
 // Frames
 
 static function framed(bool eh)
@@ -289,6 +340,7 @@ std::span<const scenario> scenarios()
         {"units", make_units, ask_units, "a.c /build/src/a.c; b.c /build/src/a.c; ", 60},
         {"later units", make_later_units, ask_later_units, "/build/a.c a.c 1024 33", 20},
         {"units as written", make_written_units, ask_written_units, "a.c b.c ", 20},
+        {"calls", make_calls, ask_calls, "far g f int v 2e", 0},
         {".debug_frame", make_frames<false, false>, ask_frames, "7008 55; 7010 0; ", 15},
         {".eh_frame", make_frames<true, false>, ask_frames, "7008 0; 7010 0; ", 15},
         {".eh_frame_hdr", make_frames<true, true>, ask_frames, "7008 0; 7010 0; ", 15},
