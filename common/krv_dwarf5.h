@@ -102,14 +102,15 @@
     X(DW_LANG_C11, 0x1d) \
     X(DW_LANG_Swift, 0x1e) \
     X(DW_LANG_Julia, 0x1f) \
-    X(DW_LANG_C_plus_plus_14, 0x20) \
-    X(DW_LANG_Fortran03, 0x21) \
-    X(DW_LANG_Fortran08, 0x22) \
-    X(DW_LANG_RenderScript, 0x23) \
-    X(DW_LANG_BLISS, 0x24) \
-    X(DW_LANG_Kotlin, 0x25) \
-    X(DW_LANG_Zig, 0x26) \
-    X(DW_LANG_Crystal, 0x27) \
+    X(DW_LANG_Dylan, 0x20) \
+    X(DW_LANG_C_plus_plus_14, 0x21) \
+    X(DW_LANG_Fortran03, 0x22) \
+    X(DW_LANG_Fortran08, 0x23) \
+    X(DW_LANG_RenderScript, 0x24) \
+    X(DW_LANG_BLISS, 0x25) \
+    X(DW_LANG_Kotlin, 0x26) \
+    X(DW_LANG_Zig, 0x27) \
+    X(DW_LANG_Crystal, 0x28) \
     X(DW_LANG_C_plus_plus_17, 0x2a) \
     X(DW_LANG_C_plus_plus_20, 0x2b) \
     X(DW_LANG_C17, 0x2c) \

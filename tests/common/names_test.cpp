@@ -39,6 +39,7 @@ TEST(Names, Print)
         {KRV_DEF_FORM, 0x1f21, "DW_FORM_GNU_strp_alt"},
         {KRV_DEF_OP, 0xa3, "DW_OP_entry_value"},
         {KRV_DEF_LANG, 0x1c, "DW_LANG_Rust"},
+        {KRV_DEF_LANG, 0x21, "DW_LANG_C_plus_plus_14"}, // 33, as other tools print it
         {KRV_DEF_ATE, 0x12, "DW_ATE_ASCII"},
         {KRV_DEF_CC, 5, "DW_CC_pass_by_value"},
         {KRV_DEF_EH, 0x80, "DW_EH_PE_indirect"},
