@@ -79,6 +79,40 @@ typedef struct krv_elf_source {
     const char *function; /**< name of the function symbol that covers the address; "" when none does */
 } krv_elf_source_t;
 
+/** What is known of a frame comes from there. */
+enum {
+    KRV_ELF_FRAME_NOWHERE = 0, /**< no function is known, a line is */
+    KRV_ELF_FRAME_ENTRIES = 1, /**< the function from the entries of the debugging information */
+    KRV_ELF_FRAME_SYMBOLS = 2  /**< from the symbol table */
+};
+
+/** One of the functions around an address, as korva_elf_symbolize stores it. No text is NULL; "" is not known. */
+typedef struct krv_elf_frame {
+    const char *function; /**< its name as the flags want it: of languages that mangle names the mangled or demangled
+                                   one, else that of the source; of symbols without their version */
+    const char *linkage_name; /**< the mangled name; of symbols as in the file, with its version */
+    const char *file;         /**< path, composed with the folder of the compilation */
+    uint32_t line;            /**< where the code is in this function: of an outer frame the place of the call;
+                                   counted from 1, 0 when it is not known, or the compiler names none */
+    uint32_t column;          /**< likewise */
+    uint32_t discriminator;   /**< of the place; 0 when it has none */
+    uint8_t is_inlined;       /**< 1: a call that was inlined into the next frame */
+    uint8_t origin;           /**< KRV_ELF_FRAME_* */
+    uint8_t has_row;          /**< 1: the place is that of a row of the line numbers, the innermost frame's */
+    uint8_t reserved;         /**< 0 */
+    uint64_t start;           /**< where the function begins; 0 for inlined calls */
+    krv_ctu_t *unit;          /**< that knows it; NULL when none does */
+} krv_elf_frame_t;
+
+/** Flags of korva_elf_symbolize. */
+enum {
+    KRV_ELF_FRAMES_F_NONE = 0,
+    KRV_ELF_FRAMES_F_DEMANGLE = 1 /**< functions as C++, Rust and D write them: korva_elf_demangle */
+};
+
+/** Visitor of korva_elf_symbolize_all: the frames of element @p index. Non-zero stops it and is returned. */
+typedef int krv_elf_iter_frames_f(krv_elf_t *elf, size_t index, const krv_elf_frame_t *frames, size_t count, void *arg);
+
 /** What an opened file is. */
 typedef struct krv_elf_info {
     uint16_t machine;             /**< EM_386 or EM_X86_64 */
@@ -214,6 +248,27 @@ KORVA_API const krv_elf_symbol_t *korva_elf_lookup_symbol_by_name(krv_elf_t *elf
  */
 KORVA_API int korva_elf_lookup_source(krv_elf_t *elf, uint64_t address, krv_elf_source_t *sourcep,
                                       krv_elf_error_t *errorp);
+
+/**
+ * The functions around an address of the file, innermost first: the calls that the compiler inlined there, and last the
+ * function that has the code. Functions come from entries (korva_lookup_calls), else from symbols, then as one frame; the
+ * innermost frame's place from the line numbers, those of the others from the calls. @p flags is KRV_ELF_FRAMES_F_*.
+ *
+ * Stores at most @p room frames, from the innermost on, and in *@p countp how many there are, at least 1. Texts live until
+ * korva_elf_close; demangled ones are kept once, up to 16 bytes a byte of the file, and 1 MiB: names beyond stay mangled.
+ *
+ * Returns 0; or -1 when neither function nor line is known, with the codes and messages of korva_elf_lookup_source.
+ */
+KORVA_API int korva_elf_symbolize(krv_elf_t *elf, uint64_t address, unsigned int flags, krv_elf_frame_t *frames,
+                                  size_t room, size_t *countp, krv_elf_error_t *errorp);
+
+/**
+ * korva_elf_symbolize of many addresses, which are looked up together (korva_iter_calls) and visited in the order of the
+ * array; @p count of the visitor is 0 where nothing is known, and at most 256. Returns 0, @p func's result, or -1 with
+ * KRV_ELF_ERR_NOMEM.
+ */
+KORVA_API int korva_elf_symbolize_all(krv_elf_t *elf, const uint64_t *addresses, size_t count, unsigned int flags,
+                                      krv_elf_iter_frames_f *func, void *arg, krv_elf_error_t *errorp);
 
 /**
  * The name in its language of a symbol of C++, Rust (both manglings) or D: as c++filt shows it, without Rust's hashes. Needs

@@ -136,6 +136,47 @@ public:
         return why;
     }
 
+    /**
+     * The functions around an address of the file, innermost first: korva_elf_symbolize, with its flags
+     * (KRV_ELF_FRAMES_F_*). At most @p most of them.
+     */
+    result<std::vector<krv_elf_frame_t>> frames(std::uint64_t address, unsigned int flags = KRV_ELF_FRAMES_F_NONE,
+                                                std::size_t most = SIZE_MAX) const
+    {
+        std::vector<krv_elf_frame_t> found(std::min<std::size_t>(most, 8));
+        for (;;) {
+            krv_elf_error_t why;
+            std::size_t count = 0;
+            if (korva_elf_symbolize(elf_, address, flags, found.data(), found.size(), &count, &why) != 0)
+                return detail::loader_error(why);
+            const bool is_whole = std::min(count, most) <= found.size();
+            found.resize(std::min(count, most));
+            if (is_whole)
+                return found;
+        }
+    }
+
+    /**
+     * The frames of many addresses, looked up together and visited in their order: korva_elf_symbolize_all. Calls
+     * func(index, span of frames), which does not throw, and may return false to stop; false when it did.
+     */
+    template <typename F>
+    result<bool> each_frames(const std::vector<std::uint64_t> &addresses, unsigned int flags, F &&func) const
+    {
+        using Func = std::remove_reference_t<F>;
+        krv_elf_error_t why;
+        why.code = KRV_ELF_ERR_NONE;
+        const int stopped = korva_elf_symbolize_all(
+            elf_, addresses.data(), addresses.size(), flags,
+            [](krv_elf_t *, std::size_t index, const krv_elf_frame_t *frames, std::size_t count, void *arg) {
+                return detail::visit(*static_cast<Func *>(arg), index, span<const krv_elf_frame_t>(frames, count));
+            },
+            detail::argument(func), &why);
+        if (why.code != KRV_ELF_ERR_NONE)
+            return detail::loader_error(why);
+        return stopped == 0;
+    }
+
     /** What to add to addresses of the file when its byte at @p file_offset is mapped at @p address. */
     result<std::uint64_t> load_bias(std::uint64_t address, std::uint64_t file_offset) const
     {

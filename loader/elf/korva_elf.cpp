@@ -5,6 +5,7 @@
 
 #include "elf/debug_file.h"
 #include "elf/file.h"
+#include "elf/symbolizer.h"
 #include "elf/symbols.h"
 #include "elf/view.h"
 #include "failure.h"
@@ -49,6 +50,16 @@ struct krv_elf {
     elf_file &source() { return debug.file != nullptr ? *debug.file : file; }
     const symbol_table &symbols() const { return debug_symbols ? *debug_symbols : own_symbols; }
 
+    symbolizer &frames()
+    {
+        if (!described) {
+            shown();
+            described.emplace(hp.get(), symbols(),
+                              16 * (file.image().size() + source().image().size()) + (uint64_t{1} << 20));
+        }
+        return *described;
+    }
+
     // Makes the view, once, and attaches its sections. Without memory for corrections the file is shown as it stands.
     view &shown()
     {
@@ -76,7 +87,8 @@ struct krv_elf {
     std::optional<symbol_table> debug_symbols;
     debug_file alternate;
     std::optional<view> made;
-    std::unique_ptr<krv_handle_t, handle_deleter> hp; // last: it reads what stands before it
+    std::unique_ptr<krv_handle_t, handle_deleter> hp; // behind all that it reads
+    std::optional<symbolizer> described;
 
 private:
     // The handle reads files as they are written, and tells what it leaves out.
@@ -346,19 +358,70 @@ int korva_elf_lookup_source(krv_elf_t *elf, uint64_t address, krv_elf_source_t *
         elf->shown();
         krv_handle_t *hp = elf->hp.get();
         krv_ctu_t *unit = korva_lookup_ctu_by_addr(hp, address, KRV_LOOKUP_F_NONE);
-        krv_lns_t *row =
-            unit == nullptr ? nullptr : korva_lookup_source_by_cu_and_addr(hp, unit, start, size, address, 0);
-        uint16_t column = 0;
-        char *path = nullptr;
-        if (row == nullptr || korva_get_fields(hp, KRV_STRUCT_LNS, row, 2, KRV_FIELD_LNS_LINE, &sourcep->line,
-                                               KRV_FIELD_LNS_COLUMN, &column) != 0)
+        source_place place;
+        if (unit == nullptr || !find_place(hp, unit, start, size, address, &place))
             throw no_source(*elf, address);
-        krv_lnfe_t *file = korva_lns_get_filep(hp, row);
-        if (file != nullptr && korva_get_fields(hp, KRV_STRUCT_LNFE, file, 1, KRV_FIELD_LNFE_ABSOLUTE_PATH, &path) != 0)
-            throw no_source(*elf, address);
-        sourcep->file = path == nullptr ? "" : path;
-        sourcep->column = column;
+        sourcep->file = place.path == nullptr ? "" : place.path;
+        sourcep->line = place.line;
+        sourcep->column = place.column;
         return 0;
+    });
+}
+
+int korva_elf_symbolize(krv_elf_t *elf, uint64_t address, unsigned int flags, krv_elf_frame_t *frames, size_t room,
+                        size_t *countp, krv_elf_error_t *errorp)
+{
+    *countp = 0;
+    return guarded(errorp, -1, [=] {
+        *countp = elf->frames().find(address, flags, frames, room);
+        if (*countp == 0 && errorp != nullptr)
+            throw no_source(*elf, address);
+        return *countp == 0 ? -1 : 0;
+    });
+}
+
+namespace
+{
+
+struct visited_frames {
+    krv_elf_t *elf;
+    const uint64_t *addresses;
+    unsigned int flags;
+    krv_elf_iter_frames_f *func;
+    void *arg;
+    bool is_stopped = false; // by the visitor
+    std::vector<krv_elf_frame_t> frames{};
+
+    // Not 0 without having been stopped: no memory.
+    int show(size_t index, const krv_call_t *calls, size_t count)
+    {
+        size_t known = 0;
+        const bool described = guarded(nullptr, false, [&] {
+            frames.resize(std::max({frames.size(), count, size_t{1}}));
+            known = elf->frames().describe(addresses[index], flags, calls, count, frames.data(), frames.size());
+            return true;
+        });
+        const int result = described ? func(elf, index, frames.data(), known, arg) : -1;
+        is_stopped = described && result != 0;
+        return result;
+    }
+};
+
+} // namespace
+
+int korva_elf_symbolize_all(krv_elf_t *elf, const uint64_t *addresses, size_t count, unsigned int flags,
+                            krv_elf_iter_frames_f *func, void *arg, krv_elf_error_t *errorp)
+{
+    return guarded(errorp, -1, [=] {
+        visited_frames all = {elf, addresses, flags, func, arg};
+        elf->frames();
+        const auto visit = [](krv_handle_t *, size_t index, const krv_call_t *calls, size_t found, void *to) {
+            return static_cast<visited_frames *>(to)->show(index, calls, found);
+        };
+        const int result = korva_iter_calls(elf->hp.get(), addresses, count, visit, &all);
+        if (result != 0 && !all.is_stopped)
+            throw std::bad_alloc();
+        return result;
     });
 }
 

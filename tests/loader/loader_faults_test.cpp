@@ -103,6 +103,14 @@ void ask_elf(krv_elf_t *elf, answer *a)
     krv_handle_t *hp = korva_elf_get_handle(elf);
     if (korva_iter_cu(hp, KRV_SEC_INFO, add_unit, a) != 0)
         a->told = a->told || korva_handle_get_errno(hp) == KRV_ERR_NOMEM;
+    for (const uint64_t address : {0x401000, 0x401020}) {
+        krv_elf_frame_t frame = {};
+        krv_elf_error_t error = {};
+        size_t count = 0;
+        korva_elf_symbolize(elf, address, KRV_ELF_FRAMES_F_DEMANGLE, &frame, 1, &count, &error);
+        a->told = a->told || error.code == KRV_ELF_ERR_NOMEM;
+        a->add("%zu %s %s:%u; ", count, count == 0 ? "" : frame.function, count == 0 ? "" : frame.file, frame.line);
+    }
     each(korva_elf_iter_notes, elf, [a](const krv_elf_note_t *note) {
         a->add("%s: %s; ", note->pass, note->text);
         a->told = a->told || std::strstr(note->text, "out of memory") != nullptr ||
