@@ -89,6 +89,30 @@ def test_gnu_layout(korva, program):
             fail(f'addr --format=gnu {flags}:\n{ours.out}but addr2line:\n{theirs}')
 
 
+def test_inlines(korva, folder):
+    """Calls that were inlined: in each layout, with and without them."""
+    inlined = os.path.join(folder, 'inlined')
+    build('gcc', ['-O2', '-gdwarf-4'], ['inlined.c'], inlined)
+    start, size = (int(n, 16) for n in re.search(r'^0*(\w+) 0*(\w+) . hold$', answer_of('nm', '-S', inlined), re.M).groups())
+    addresses = ''.join(f'{start + i:x}\n' for i in range(size))
+    for flags in (['-i'], ['-f', '-i'], ['-a', '-f', '-i', '-p', '-s'], ['-C', '-f', '-i', '-p'], ['-f']):
+        ours = korva.run('addr', '--format=gnu', '-e', inlined, *flags, text=addresses)
+        theirs = answer_of('addr2line', '-e', inlined, *flags, text=addresses)
+        if ours.out != theirs:
+            fail(f'addr --format=gnu {flags}:\n{ours.out}but addr2line:\n{theirs}')
+    records = [json.loads(line) for line in korva.run('addr', '--format=jsonl', '-e', inlined, text=addresses).out.splitlines()]
+    deepest = max(records, key=lambda record: len(record['frames']))
+    if [(f['function'], f['inlined'], f['from']) for f in deepest['frames']] != [
+            ('wait_there', True, 'entries'), ('pass_on', True, 'entries'), ('hold', False, 'entries')]:
+        fail(f'addr --format=jsonl: {deepest}')
+    innermost = rf'{int(deepest["address"], 16):#018x}  wait_there  inlined.c:\d+\n'
+    by = r' {6}\(inlined by\)  '
+    korva.expect(['addr', '-s', '-e', inlined, deepest['address']], 0,
+                 rf'{innermost}{by}pass_on  inlined.c:\d+\n{by}hold  inlined.c:\d+\n')
+    korva.expect(['addr', '-ns', '-e', inlined, deepest['address']], 0, innermost)
+    korva.expect(['addr', '-ni', '-e', inlined, '0'], 64, '', 'korva: .*excludes.*')
+
+
 def test_standard_input(korva, program, folder):
     with korva.talk('addr', '-s', '-e', program) as talk:
         for name, line in (('main', MAIN), ('weigh_twice', WEIGH), ('main', MAIN)):

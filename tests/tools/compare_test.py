@@ -5,7 +5,7 @@
   compare_test.py --list                         the configurations
   compare_test.py --korva PROGRAM CONFIGURATION  builds it and compares
         addr             with GNU addr2line, byte for byte, for every function and addresses within; of DWARF 5 the
-                         places with llvm-dwarfdump's rows
+                         places with llvm-dwarfdump's rows; inlined calls with llvm-symbolizer
         units            with GNU readelf
         lines            with llvm-dwarfdump, row by row; paths and canonical addresses are computed here, and the rows
                          of functions that the linker dropped left out
@@ -17,6 +17,7 @@ import json
 import os
 import random
 import re
+import shutil
 import tempfile
 
 from support import SOURCES, answer_of, build, build_go, fail, need, run, skip
@@ -50,6 +51,7 @@ def build_dwz(version, *more):
     def make(program):
         need('dwz')
         compiled('g++', f'-gdwarf-{version}', '-O2')(program)
+        shutil.copy(program, f'{program}.whole')  # for readers that do not follow what dwz makes
         if more:  # dwz knows not all forms of clang's version 5
             compiled('clang++' if version == 4 else 'g++', f'-gdwarf-{version}', '-O1')(f'{program}.other')
         answer_of('dwz', *more, program, *([f'{program}.other'] if more else []), cwd=os.path.dirname(program))
@@ -330,38 +332,52 @@ def sample_addresses(functions):
     return addresses
 
 
-# Parts of a function that the compiler split off: their symbols have the function's name and one of these.
-SPLIT = re.compile(r'(\.cold|\.part\.\d+|\.constprop\.\d+|\.isra\.\d+)+$')
+# Marks of parts that the compiler split off, and of a way of calling, behind the name of the function.
+SPLIT = re.compile(r'(\.cold|\.part\.\d+|\.constprop\.\d+|\.isra\.\d+|\.abi0)+$')
 
 
-class Names:
-    """Which function name is right where addr2line does not name the symbol that holds the code."""
+class Chains:
+    """The functions around addresses, innermost first, as llvm-symbolizer shows them: [(name, file:line:column)]."""
 
-    def __init__(self, program, functions, addresses):
+    def __init__(self, program, functions, addresses, is_split):
         self.functions = functions
-        text = answer_of('addr2line', '-afi', '-e', program, text=''.join(f'{a:x}\n' for a in addresses))
-        # Lines of an answer: the address, then function and place of every inlined frame, the innermost first.
-        self.inlined = {int(answer.split('\n')[0], 16) for answer in re.split(r'^0x', text, flags=re.M)[1:]
-                        if len(answer.splitlines()) > 3}
-        self.split = {SPLIT.sub('', name) for _, _, name in functions if SPLIT.search(name)}
-        self.same = set()  # addresses whose names are the same
+        self.is_split = is_split
+        self.same = set()  # addresses whose names are those of addr2line
         mangled = [name for _, _, name in functions if name.startswith('_D')]  # which addr2line leaves so
         self.of_d = dict(zip(mangled, answer_of('c++filt', '-s', 'dlang', text='\n'.join(mangled)).splitlines()))
+        text = answer_of('llvm-symbolizer', '--inlines', '--no-demangle', '-e', program,
+                         text=''.join(f'{a:#x}\n' for a in addresses))
+        lines = [answer.strip('\n').split('\n') for answer in text.split('\n\n')]
+        self.known = {address: list(zip(answer[::2], answer[1::2])) for address, answer in zip(addresses, lines)}
 
     def holders(self, address):
         """The symbols that hold the address."""
         return {name for start, size, name in self.functions if start <= address < start + max(size, 1)}
 
-    def agree(self, address, ours, theirs):
-        """ours is right when it is the same name, and it may differ for three reasons only:
-        aliases, of which one is as good as another; code inlined from another function, whose name the entries know
-        and the symbols do not (addr2line even changes its answer when asked twice); functions that have split-off
-        parts, for which addr2line takes the entry's plain name once it has been asked for such a part."""
+    def agrees(self, address, ours, theirs):
+        """Whether ours is a right name of the innermost function, but for what marks a part that was split off:
+        addr2line's, llvm-symbolizer's, or one of several symbols of the function. addr2line takes symbols for functions
+        whose entries know no mangled name, or the name that was asked for before."""
         if ours == theirs:
             self.same.add(address)
-            return True
-        holders = self.holders(address)
-        return ours in holders and (theirs in holders or address in self.inlined or SPLIT.sub('', ours) in self.split)
+        names = {theirs, self.known[address][0][0], *self.holders(address)}
+        return SPLIT.sub('', ours) in {SPLIT.sub('', name) for name in names}
+
+    def compare(self, address, frames):
+        """Holds the frames of `korva addr` against these."""
+        expected = self.known[address]
+        if self.is_split:
+            return  # what was inlined stands in other files
+        if not frames or frames[0]['file'] is None and frames[0]['line'] is None:
+            if len(expected) > 1:
+                fail(f'addr {address:#x}: {frames}\n  llvm-symbolizer: {expected}')
+            return  # it names the file of a local symbol
+        ours = [(frame['linkage_name'] or frame['function'] or '??',
+                 f'{frame["file"] or "??"}:{frame["line"] or 0}:{frame["column"] or 0}') for frame in frames]
+        # The function that has the code it names by a symbol: of a part that was split off, or an alias.
+        if ours != expected and (ours[:-1] != expected[:-1] or ours[-1][1] != expected[-1][1] or
+                                 expected[-1][0] not in self.holders(address)):
+            fail(f'addr {address:#x}:\n  korva: {ours}\n  llvm-symbolizer: {expected}')
 
 
 class Places:
@@ -392,11 +408,11 @@ class Places:
         return f'{path}:{row.line or "?"}{discriminator}'
 
 
-def compare_addresses(korva, program, tables, places, debug_file=None):
-    """debug_file: where readelf finds the symbols."""
+def compare_addresses(korva, program, tables, places, is_split, whole, debug_file):
+    """whole: what llvm-symbolizer reads; debug_file: where readelf finds the symbols."""
     functions = read_functions(debug_file or program)
     addresses = sample_addresses(functions)
-    names = Names(program, functions, addresses)
+    chains = Chains(whole, functions, addresses, is_split)
     text = ''.join(f'{a:#x}\n' for a in addresses)
     read = [span for rows in tables.values() for span in sequences(rows)]
     has_line = {a for a in addresses if any(start <= a < end for start, end in read)}
@@ -411,9 +427,9 @@ def compare_addresses(korva, program, tables, places, debug_file=None):
         unknown = 0
         for number, address in enumerate(addresses):
             answer = mine[per_answer * number:per_answer * (number + 1)]
-            other = others[per_answer * number:per_answer * (number + 1)]
+            other_answer = others[per_answer * number:per_answer * (number + 1)]
             known = places.find(address, flags == ['-afpsC'])
-            place = compare_answer(flags, names, address, answer, other, known if address in has_line else '??:?')
+            place = compare_answer(flags, chains, address, answer, other_answer, known if address in has_line else '??:?')
             unknown += place.endswith(':?')
         if not unknown < len(addresses):
             fail(f'addr {flags}: no address has a line')
@@ -421,13 +437,19 @@ def compare_addresses(korva, program, tables, places, debug_file=None):
             fail(f'addr {flags}: status {ours.status} with {unknown} of {len(addresses)} addresses unknown')
         if ours.err:
             fail(f'addr {flags}: {ours.err}')
-    if len(names.same) < len(functions):
-        fail(f'only {len(names.same)} function names are those of addr2line')
+    if len(chains.same) < len(functions):
+        fail(f'only {len(chains.same)} function names are those of addr2line')
+    records = run(korva, 'addr', '--format=jsonl', '-e', program, text=text).out
+    inlined = 0
+    for address, record in zip(addresses, records.splitlines(), strict=True):
+        frames = json.loads(record)['frames']
+        chains.compare(address, frames)
+        inlined += len(frames) > 1
     compare_arguments(korva, program, addresses[:20])
-    print(f'{len(addresses)} addresses in {len(functions)} functions, {len(names.inlined)} of them in inlined code')
+    print(f'{len(addresses)} addresses in {len(functions)} functions, {inlined} of them in inlined code')
 
 
-def compare_answer(flags, names, address, answer, other, known):
+def compare_answer(flags, chains, address, answer, other, known):
     """Compares the answer to one address; the lines of the answer are given, and the place where another reader than
     addr2line knows it. The place it names."""
     if flags == ['-afpsC']:
@@ -441,10 +463,10 @@ def compare_answer(flags, names, address, answer, other, known):
     expected = re.sub('^//', '/', expected)  # a folder "/" and what is in it
     # Without a line addr2line still names a file for local symbols ("crtstuff.c:?"), from the symbol table.
     same_place = place == (known or expected)
-    if address in names.same:  # -f came first: the same symbol has the same C++ name
-        same_name = ours[-1] == names.of_d.get(theirs[-1], theirs[-1])
+    if 'C' in flags[-1]:  # -f came first: the same symbol has the same name
+        same_name = ours[-1] == chains.of_d.get(theirs[-1], theirs[-1]) or address not in chains.same
     else:
-        same_name = 'C' in flags[-1] or names.agree(address, ours[-1], theirs[-1])
+        same_name = chains.agrees(address, ours[-1], theirs[-1])
     same_address = flags == ['-f'] or ours[0] == theirs[0]
     if not (same_place and same_name and same_address):
         fail(f'addr {flags} {address:#x}:\n  korva: {answer}\n  others: {other}, {known}')
@@ -475,7 +497,7 @@ def main():
     if options.list:
         print('\n'.join(CONFIGURATIONS))
         return
-    need('addr2line', 'readelf', 'llvm-dwarfdump')
+    need('addr2line', 'readelf', 'llvm-dwarfdump', 'llvm-symbolizer')
     make, proof = CONFIGURATIONS[options.configuration]
     with tempfile.TemporaryDirectory() as folder:
         program = os.path.join(folder, 'program')
@@ -494,8 +516,9 @@ def main():
             fail(f'{options.configuration} did not give what is to be tested ({proof})')
         compare_units(options.korva, program, units)
         compare_lines(options.korva, program, tables)
+        whole = f'{program}.whole' if os.path.exists(f'{program}.whole') else other
         places = Places(tables[unit['offset']] for unit in units if unit['version'] == 5 and unit['offset'] in tables)
-        compare_addresses(options.korva, program, tables, places, debug_file)
+        compare_addresses(options.korva, program, tables, places, proof == 'skeleton', whole, debug_file)
         print(f'{len(units)} units, {sum(len(rows) for rows in tables.values())} rows, {sum(dropped.values())} sequences '
               'left out')
 

@@ -32,6 +32,14 @@ def build_32(folder):
     return [output]
 
 
+def build_inlined(compiler):
+    def make(_, folder):
+        output = os.path.join(folder, 'inlined')
+        build(compiler, ['-O2', '-g'], ['inlined.c'], output)
+        return [output]
+    return make
+
+
 # What runs, given the folder of the test's targets and a scratch folder; and the threads it has.
 CASES = {
     'sleep': (lambda targets, scratch: ['sleep', '1000'], 1),
@@ -45,6 +53,8 @@ CASES = {
     'debug-frame': (lambda targets, scratch: [f'{targets}/target_debug_frame', 'threads', '5'], 6),
     'signal': (lambda targets, scratch: [f'{targets}/target_o2', 'altstack'], 1),
     'm32': (lambda targets, scratch: build_32(scratch), 1),
+    'inlined': (build_inlined('gcc'), 1),
+    'inlined-clang': (build_inlined('clang'), 1),
 }
 
 
@@ -87,6 +97,36 @@ def parse(text):
         elif frames is not None and (found := re.match(r'#\d+ +0x([0-9a-f]+)(?: +(?:- \d+ +)?([^@\s]+))?', line)):
             frames.append((int(found.group(1), 16), found.group(2)))
     return stacks
+
+
+def parse_calls(text):
+    """What gdb sees in each frame: {thread: [[(function, file, line)]]}; nothing for a function without a line."""
+    stacks, frames = {}, None
+    for line in text.splitlines():
+        if found := re.match(r'TID (\d+):', line):
+            frames = stacks.setdefault(int(found.group(1)), [])
+        elif frames is not None and line.startswith('#'):
+            frames.append([])
+        elif frames is not None and (found := re.match(r'= (.+)\t(.*):(\d+)$', line)):
+            frames[-1].append((found.group(1), os.path.realpath(found.group(2)), int(found.group(3))))
+    return stacks
+
+
+def compare_calls(ours, text):
+    """The functions of every frame, inlined ones too, and their lines, with those of gdb; the most in one frame."""
+    most = 0
+    for tid, expected in parse_calls(text).items():
+        for frame, theirs in zip(ours[tid]['frames'], expected):
+            mine = [(call['linkage_name'] or call['function'], call['file'] and os.path.realpath(call['file']), call['line'])
+                    for call in frame.get('calls', [])]
+            names = answer_of('c++filt', '-p', text='\n'.join(name or '' for name, *_ in mine)).split('\n')
+            mine = [(name, *place) for name, (_, *place) in zip(names, mine)]
+            # gdb names no function around one that is local to it, where the entry has no mangled name.
+            if theirs and not (len(mine) == len(theirs) and all(
+                    a[1:] == b[1:] and f'::{a[0]}'.endswith(f'::{b[0]}') for a, b in zip(mine, theirs))):
+                fail(f'thread {tid}, {frame["pc"]}:\n  ours   {mine}\n  gdb    {theirs}')
+            most = max(most, len(theirs))
+    return most
 
 
 def same_place(module, one, other):
@@ -139,7 +179,10 @@ def test_case(korva, targets, name):
                 live = stacks_of(korva, '-p', pid)
                 if len(live) != threads:
                     fail(f'{len(live)} threads, expected {threads}')
-                compare(live, parse(run(*GDB, '-x', GDB_SCRIPT, '-p', pid).out), 'gdb')
+                of_gdb = run(*GDB, '-x', GDB_SCRIPT, '-p', pid).out
+                compare(live, parse(of_gdb), 'gdb')
+                if compare_calls(live, of_gdb) < (3 if 'inlined' in name else 0):
+                    fail('gdb sees no inlined calls')
                 # eu-stack does not get out of a 32-bit main, which realigns its stack.
                 compare(live, parse(run('eu-stack', '-r', '-n', '0', '-p', pid).out), 'eu-stack', name == 'm32')
                 answer_of(*GDB, '-ex', f'gcore {scratch}/core', '-p', pid)
@@ -147,7 +190,9 @@ def test_case(korva, targets, name):
                 for tid, thread in of_core.items():
                     if thread['frames'] != live[tid]['frames']:
                         fail(f'thread {tid} of the core: {thread["frames"]}\nlive: {live[tid]["frames"]}')
-                compare(of_core, parse(run(*GDB, '-x', GDB_SCRIPT, executable, f'{scratch}/core').out), 'gdb')
+                of_gdb = run(*GDB, '-x', GDB_SCRIPT, executable, f'{scratch}/core').out
+                compare(of_core, parse(of_gdb), 'gdb')
+                compare_calls(of_core, of_gdb)
                 if (after := state_of(pid, pid)) != 'S':
                     fail(f'the process was left in state {after}')
             finally:

@@ -1,8 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// korva addr: function and source line of addresses.
+// korva addr: functions and source lines of addresses.
 #include "command.h"
-#include "demangle.h"
 #include "input.h"
 #include "locate.h"
 #include "progress.h"
@@ -10,6 +9,7 @@
 
 #include <filesystem>
 #include <memory>
+#include <span>
 #include <unistd.h>
 
 namespace korva::program
@@ -26,6 +26,8 @@ struct addr_options : common_options {
     bool demangle = false;
     bool pretty = false;
     bool basenames = false;
+    bool inlines = false;
+    bool no_inlines = false;
     bool has_exe = false;
 };
 
@@ -37,18 +39,8 @@ struct question {
     bool is_one_of_several = false;
 };
 
-/** An answer as it is printed. Its texts are others'. */
-struct answer {
-    bool has_function = false;
-    bool has_row = false; /**< of a line table; its path or line may be unknown all the same */
-    std::string_view function;
-    std::string_view path;
-    source_view row;
-    std::optional<unit> owner; /**< of the row */
-
-    bool is_whole() const { return has_row && !path.empty() && row.line != 0; }
-    bool is_empty() const { return !has_function && !has_row; }
-};
+/** What is known, the innermost function first; empty when nothing is. Valid until the next answer. */
+using answer = std::span<const krv_elf_frame_t>;
 
 /** One run: everything that answering one input needs. */
 class addr_run
@@ -79,11 +71,17 @@ private:
     void ask_for_names(std::string_view input);
     answer find(const question &q);
     void answer_one(const question &q);
-    void print(const question &q, const answer &a);
-    std::optional<std::string_view> unit_name(const answer &a);
-    void add_text(const question &q, const answer &a);
-    void add_gnu(const question &q, const answer &a);
-    void add_json(const question &q, const answer &a);
+    void print(const question &q, answer a);
+    std::optional<std::string_view> unit_name(answer a);
+    std::string_view path_of(const krv_elf_frame_t &frame) const;
+    void add_place(const krv_elf_frame_t &frame, uint32_t discriminator);
+    void add_text(const question &q, answer a);
+    void add_gnu_function(const krv_elf_frame_t &frame);
+    void add_gnu(const question &q, answer a);
+    void add_json_frame(const krv_elf_frame_t &frame);
+    void add_json(const question &q, answer a);
+    void add_json_text(const char *key, std::optional<std::string_view> value);
+    void add_json_number(const char *key, uint64_t value, bool is_known);
     void add_address(uint64_t address) { append_hex(&m_line, address, m_digits); }
 
     const addr_options &m_options;
@@ -96,10 +94,9 @@ private:
     tally m_done;
     const size_t m_digits = static_cast<size_t>(m_object->address_digits());
     const bool m_is_gnu = m_options.format == output_format::gnu;
-    const bool m_shows_functions = !m_is_gnu || m_options.functions;
-    std::string m_line;     // that is being made
-    std::string m_function; // of the answer, demangled
-    std::optional<unit> m_named;
+    const size_t m_most_frames = (m_is_gnu ? m_options.inlines : !m_options.no_inlines) ? SIZE_MAX : 1;
+    std::string m_line; // that is being made
+    krv_ctu_t *m_named = nullptr;
     result<std::string> m_unit_name = error(); // of that one
 };
 
@@ -140,74 +137,63 @@ question addr_run::question_for(std::string_view text, const input_address &pars
 
 answer addr_run::find(const question &q)
 {
-    answer a;
     if (!q.address)
-        return a;
-    const location found = m_locator.find(*q.address, m_shows_functions);
-    if (found.function != nullptr) {
-        a.has_function = true;
-        const char *symbol = found.function->name;
-        if (m_options.demangle)
-            a.function = m_function = m_is_gnu ? demangle_or_keep(symbol) : function_name(symbol, true);
-        else // GNU addr2line shows it whole
-            a.function = m_is_gnu ? symbol : unversioned(symbol);
-    }
-    if (found.source) {
-        a.has_row = true;
-        a.row = *found.source;
-        a.path = a.row.path == nullptr ? "" : a.row.path;
-        a.owner = found.owner;
-    }
+        return {};
+    return m_locator.frames(*q.address, m_options.demangle ? KRV_ELF_FRAMES_F_DEMANGLE : KRV_ELF_FRAMES_F_NONE,
+                            m_most_frames);
+}
+
+// Empty when it is not known.
+std::string_view addr_run::path_of(const krv_elf_frame_t &frame) const
+{
+    std::string_view path(frame.file);
     if (m_options.basenames)
-        a.path.remove_prefix(a.path.rfind('/') + 1); // npos + 1 is 0
-    return a;
+        path.remove_prefix(path.rfind('/') + 1); // npos + 1 is 0
+    return path;
 }
 
-static void append_path(std::string *line, const answer &a)
+void addr_run::add_place(const krv_elf_frame_t &frame, uint32_t discriminator)
 {
-    append_printable(line, a.path.empty() ? "??" : a.path);
-}
-
-static void append_line(std::string *line, const answer &a)
-{
-    if (a.row.line == 0) {
-        *line += '?';
+    const std::string_view path = path_of(frame);
+    append_printable(&m_line, path.empty() ? "??" : path);
+    m_line += ':';
+    if (frame.line == 0) {
+        m_line += '?';
         return;
     }
-    append_decimal(line, a.row.line);
-    if (a.row.discriminator != 0) {
-        *line += " (discriminator ";
-        append_decimal(line, a.row.discriminator);
-        *line += ')';
+    append_decimal(&m_line, frame.line);
+    if (discriminator != 0) {
+        m_line += " (discriminator ";
+        append_decimal(&m_line, discriminator);
+        m_line += ')';
     }
 }
 
 // Of the unit of the answer; nothing when there is none, or it has none. Kept, since the next answer is often of that too.
-std::optional<std::string_view> addr_run::unit_name(const answer &a)
+std::optional<std::string_view> addr_run::unit_name(answer a)
 {
-    if (!a.owner)
+    if (a.empty() || a[0].has_row == 0 || a[0].unit == nullptr)
         return {};
-    if (!m_named || m_named->get() != a.owner->get()) {
-        m_named = a.owner;
-        m_unit_name = a.owner->name();
+    if (m_named != a[0].unit) {
+        m_named = a[0].unit;
+        m_unit_name = unit(m_object->handle().get(), m_named).name();
     }
     return m_unit_name ? std::optional<std::string_view>(*m_unit_name) : std::nullopt;
 }
 
-void addr_run::add_text(const question &q, const answer &a)
+void addr_run::add_text(const question &q, answer a)
 {
     if (q.shown)
         add_address(*q.shown);
     else
         append_printable(&m_line, q.text);
+    const bool has_function = !a.empty() && a[0].function[0] != '\0';
     m_line += "  ";
-    append_printable(&m_line, a.has_function ? a.function : "??");
+    append_printable(&m_line, has_function ? a[0].function : "??");
     m_line += "  ";
-    if (a.has_row) {
-        append_path(&m_line, a);
-        m_line += ':';
-        append_line(&m_line, a);
-    } else
+    if (!a.empty() && a[0].has_row != 0)
+        add_place(a[0], a[0].discriminator);
+    else
         m_line += "??:0";
     if (q.is_one_of_several) {
         m_line += "  (unit ";
@@ -215,53 +201,104 @@ void addr_run::add_text(const question &q, const answer &a)
         m_line += ')';
     }
     m_line += '\n';
+    for (const krv_elf_frame_t &caller : a.subspan(std::min<size_t>(a.size(), 1))) {
+        m_line += m_digits == 8 ? "(inlined by)  " : "      (inlined by)  "; // as wide as an address
+        append_printable(&m_line, caller.function[0] == '\0' ? "??" : caller.function);
+        m_line += "  ";
+        add_place(caller, caller.discriminator);
+        m_line += '\n';
+    }
+}
+
+// GNU addr2line shows the versions of symbols.
+void addr_run::add_gnu_function(const krv_elf_frame_t &frame)
+{
+    const std::string_view whole(frame.linkage_name);
+    const size_t version = frame.origin == KRV_ELF_FRAME_SYMBOLS ? whole.find('@') : std::string_view::npos;
+    append_printable(&m_line, frame.function[0] == '\0' ? "??" : frame.function);
+    if (version != std::string_view::npos)
+        append_printable(&m_line, whole.substr(version));
 }
 
 // The layout of GNU addr2line, byte for byte. What it does not understand it takes for address 0.
-void addr_run::add_gnu(const question &q, const answer &a)
+void addr_run::add_gnu(const question &q, answer a)
 {
     const bool pretty = m_options.pretty;
     if (m_options.addresses) {
         add_address(q.shown.value_or(0));
         m_line += pretty ? ": " : "\n";
     }
-    if (m_options.functions) {
-        append_printable(&m_line, a.has_function ? a.function : "??");
-        m_line += !pretty ? "\n" : a.is_empty() ? " " : " at ";
-    }
-    if (a.is_empty()) {
+    if (a.empty()) {
+        if (m_options.functions)
+            m_line += pretty ? "?? " : "??\n";
         m_line += "??:0\n";
         return;
     }
-    append_path(&m_line, a);
-    m_line += ':';
-    append_line(&m_line, a);
-    m_line += '\n';
+    for (const krv_elf_frame_t &frame : a) {
+        if (pretty && &frame != a.data())
+            m_line += " (inlined by) ";
+        if (m_options.functions) {
+            add_gnu_function(frame);
+            m_line += pretty ? " at " : "\n";
+        }
+        add_place(frame, a[0].discriminator); // it shows that of the innermost frame beside each
+        m_line += '\n';
+    }
 }
 
-void addr_run::add_json(const question &q, const answer &a)
+void addr_run::add_json_text(const char *key, std::optional<std::string_view> value)
 {
-    const auto text = [this](const char *key, std::optional<std::string_view> value) {
-        m_line += key;
-        value ? append_json(&m_line, *value) : void(m_line += "null");
-    };
-    const auto number = [this](const char *key, uint64_t value, bool is_known) {
-        m_line += key;
-        is_known ? append_decimal(&m_line, value) : void(m_line += "null");
-    };
-    text("{\"input\":", q.text);
-    const std::string address = q.address ? fmt::format("0x{:x}", *q.address) : "";
-    text(",\"address\":", q.address ? std::optional<std::string_view>(address) : std::nullopt);
-    text(",\"function\":", a.has_function ? std::optional(a.function) : std::nullopt);
-    text(",\"file\":", a.path.empty() ? std::nullopt : std::optional(a.path));
-    number(",\"line\":", a.row.line, a.row.line != 0);
-    number(",\"column\":", a.row.column, a.row.column != 0);
-    number(",\"discriminator\":", a.row.discriminator, a.has_row);
-    text(",\"unit\":", unit_name(a));
+    m_line += key;
+    value ? append_json(&m_line, *value) : void(m_line += "null");
+}
+
+void addr_run::add_json_number(const char *key, uint64_t value, bool is_known)
+{
+    m_line += key;
+    is_known ? append_decimal(&m_line, value) : void(m_line += "null");
+}
+
+static std::optional<std::string_view> known(std::string_view text)
+{
+    return text.empty() ? std::nullopt : std::optional(text);
+}
+
+void addr_run::add_json_frame(const krv_elf_frame_t &frame)
+{
+    add_json_text("{\"function\":", known(frame.function));
+    add_json_text(",\"linkage_name\":", known(frame.linkage_name));
+    add_json_text(",\"from\":", frame.origin == KRV_ELF_FRAME_ENTRIES   ? "entries"
+                                : frame.origin == KRV_ELF_FRAME_SYMBOLS ? std::optional("symbols")
+                                                                        : std::nullopt);
+    m_line += frame.is_inlined != 0 ? ",\"inlined\":true" : ",\"inlined\":false";
+    add_json_text(",\"file\":", known(path_of(frame)));
+    add_json_number(",\"line\":", frame.line, frame.line != 0);
+    add_json_number(",\"column\":", frame.column, frame.column != 0);
+    add_json_number(",\"discriminator\":", frame.discriminator, frame.line != 0);
     m_line += '}';
 }
 
-void addr_run::print(const question &q, const answer &a)
+void addr_run::add_json(const question &q, answer a)
+{
+    const krv_elf_frame_t first = a.empty() ? nothing_known() : a[0];
+    add_json_text("{\"input\":", q.text);
+    const std::string address = q.address ? fmt::format("0x{:x}", *q.address) : "";
+    add_json_text(",\"address\":", known(address));
+    add_json_text(",\"function\":", known(first.function));
+    add_json_text(",\"file\":", known(path_of(first)));
+    add_json_number(",\"line\":", first.line, first.line != 0);
+    add_json_number(",\"column\":", first.column, first.column != 0);
+    add_json_number(",\"discriminator\":", first.discriminator, first.has_row != 0);
+    add_json_text(",\"unit\":", unit_name(a));
+    m_line += ",\"frames\":[";
+    for (const krv_elf_frame_t &frame : a) {
+        m_line += &frame == a.data() ? "" : ",";
+        add_json_frame(frame);
+    }
+    m_line += "]}";
+}
+
+void addr_run::print(const question &q, answer a)
 {
     m_line.clear();
     if (m_out.is_json()) {
@@ -279,10 +316,10 @@ void addr_run::print(const question &q, const answer &a)
 void addr_run::answer_one(const question &q)
 {
     const answer a = find(q);
-    if (a.is_whole())
-        m_done.answered();
-    else if (a.is_empty())
+    if (a.empty())
         m_done.missed();
+    else if (a[0].has_row != 0 && a[0].file[0] != '\0' && a[0].line != 0)
+        m_done.answered();
     else
         m_done.partly();
     print(q, a);
@@ -360,6 +397,9 @@ void add_addr(CLI::App &app, int *status)
                      "none is given");
     verb->add_option("-j,--section", options->section, "Addresses are offsets into this section");
     verb->add_flag("-C,--demangle", options->demangle, "Show names of C++, Rust and D as these write them");
+    CLI::Option *inlines = verb->add_flag("-i,--inlines", options->inlines,
+                                          "Show the functions that an inlined one stands in (gnu; the others do)");
+    verb->add_flag("-n,--no-inlines", options->no_inlines, "Show the innermost function alone")->excludes(inlines);
     verb->add_flag("-s,--basenames", options->basenames, "Show file names without folders");
     verb->add_flag("-a,--addresses", options->addresses, "Show the address (gnu; the other formats always do)");
     verb->add_flag("-f,--functions", options->functions, "Show the function (gnu; the other formats always do)");
@@ -371,8 +411,8 @@ void add_addr(CLI::App &app, int *status)
                         {"jsonl", output_format::jsonl}});
     verb->footer(
         "What is not known is ?? or line 0 in text, null in JSON. --format=gnu is the layout of GNU addr2line, with\n"
-        "control characters as \\xNN. The line is that of the innermost inlined call, the function beside it that of\n"
-        "the ELF symbol. A name that several functions have is answered for each, with its unit (gnu: the first).\n"
+        "control characters as \\xNN. Functions that others were inlined into follow, each with the line of the call.\n"
+        "A name that several functions have is answered for each, with its unit (gnu: the first).\n"
         "A text that could be both is a number: `add` is 0xadd, `add+0` the function. Offsets behind + are\n"
         "decimal, or hexadecimal with 0x. Bytes that are not UTF-8 become U+FFFD in JSON.\n"
         "Examples:\n"

@@ -26,8 +26,12 @@ struct stack_options : common_options { // file: the core
     bool demangle = false;
     bool basenames = false;
     bool quiet = false;
+    bool no_inlines = false;
+    bool no_source = false;
     stack_request wanted;
 };
+
+constexpr size_t MOST_CALLS = 256; // of a frame
 
 /** A module's file with what is known of its lines; empty when it cannot be opened. */
 struct module_file {
@@ -37,10 +41,11 @@ struct module_file {
 
 /** What a frame's address means. */
 struct frame_place {
-    std::string function{}; // empty when not known
-    uint64_t offset = 0;    // of pc in the function
-    std::optional<source_view> source{};
-    std::string path{}; // of the source; empty when not known
+    std::string function{};               // empty when not known
+    uint64_t offset = 0;                  // of pc in the function
+    std::vector<krv_elf_frame_t> calls{}; // inlined there, innermost first, then the function; without --no-inlines
+    std::string path{};                   // of the innermost; empty when not known
+    uint32_t line = 0;                    // likewise; 0 when not known
 };
 
 class stack_run
@@ -55,7 +60,10 @@ private:
     void show(const thread_stack &stack);
     module_file &open_module(const krv_proc_module_t *module);
     frame_place look_up(const stack_frame &f);
+    std::string path_of(const krv_elf_frame_t &call) const;
+    void print_place(const std::string &path, uint32_t line);
     void print_frame(size_t index, const stack_frame &f, const frame_place &at);
+    json_value call_record(const krv_elf_frame_t &call) const;
     json_value frame_record(size_t index, const stack_frame &f, const frame_place &at) const;
     void tell_notes();
 
@@ -130,15 +138,33 @@ frame_place stack_run::look_up(const stack_frame &f)
     if (opened.file == nullptr)
         return at;
     const uint64_t address = f.lookup_pc - f.module->bias;
-    if (opened.lines != nullptr)
-        at.source = opened.lines->find(address).source;
-    if (at.source && at.source->path != nullptr)
-        at.path = m_options.basenames ? basename_of(at.source->path) : at.source->path;
     if (const krv_elf_symbol_t *symbol = opened.file->elf().symbol(address); symbol != nullptr) {
         at.function = function_name(symbol->name, m_options.demangle);
         at.offset = f.pc - f.module->bias - symbol->address;
     }
+    if (opened.lines == nullptr || (m_options.no_inlines && m_options.no_source))
+        return at;
+    const auto calls =
+        opened.lines->frames(address, m_options.demangle ? KRV_ELF_FRAMES_F_DEMANGLE : KRV_ELF_FRAMES_F_NONE,
+                             m_options.no_inlines ? 1 : MOST_CALLS);
+    if (calls.empty())
+        return at;
+    at.path = path_of(calls[0]);
+    at.line = m_options.no_source ? 0 : calls[0].line;
+    if (!m_options.no_inlines)
+        at.calls.assign(calls.begin(), calls.end());
     return at;
+}
+
+std::string stack_run::path_of(const krv_elf_frame_t &call) const
+{
+    return m_options.no_source ? "" : m_options.basenames ? basename_of(call.file) : call.file;
+}
+
+void stack_run::print_place(const std::string &path, uint32_t line)
+{
+    if (!path.empty())
+        m_out.print("  {}:{}", printable(path), line);
 }
 
 static std::string bytes_text(const argument &bytes)
@@ -153,13 +179,22 @@ static std::string bytes_text(const argument &bytes)
 
 void stack_run::print_frame(size_t index, const stack_frame &f, const frame_place &at)
 {
-    m_out.print("#{:<3} 0x{:0{}x}  ", index, f.pc, m_info.target == KRV_ACTIVATION_I386 ? 8 : 16);
+    const int digits = m_info.target == KRV_ACTIVATION_I386 ? 8 : 16;
+    m_out.print("#{:<3} 0x{:0{}x}  ", index, f.pc, digits);
+    std::string path = at.path;
+    uint32_t line = at.line;
+    for (size_t i = 0; i + 1 < at.calls.size(); ++i) {
+        m_out.write(printable(at.calls[i].function[0] == '\0' ? "??" : at.calls[i].function));
+        print_place(path, line);
+        m_out.print("  (inlined)\n{:{}}", "", digits + 9); // as far as the function in the line above
+        path = path_of(at.calls[i + 1]);
+        line = at.calls[i + 1].line;
+    }
     if (at.function.empty())
         m_out.write("??");
     else
         m_out.print("{}+0x{:x}", printable(at.function), at.offset);
-    if (!at.path.empty())
-        m_out.print("  {}:{}", printable(at.path), at.source->line);
+    print_place(path, line);
     if (f.module != nullptr && f.module->path[0] != '\0')
         m_out.print("  ({}{})", printable(basename_of(f.module->path)),
                     (f.module->flags & KRV_PROC_MODULE_F_DELETED) != 0 ? ", deleted" : "");
@@ -176,6 +211,21 @@ static json_value build_id_of(const krv_proc_module_t &module)
     return digits.empty() ? json_value(nullptr) : json_value(digits);
 }
 
+json_value stack_run::call_record(const krv_elf_frame_t &call) const
+{
+    const auto known = [](const std::string &text) { return text.empty() ? json_value(nullptr) : json_value(text); };
+    json_value record = {{"function", known(call.function)},
+                         {"linkage_name", known(call.linkage_name)},
+                         {"from", call.origin == KRV_ELF_FRAME_ENTRIES   ? json_value("entries")
+                                  : call.origin == KRV_ELF_FRAME_SYMBOLS ? json_value("symbols")
+                                                                         : json_value(nullptr)},
+                         {"inlined", call.is_inlined != 0},
+                         {"file", known(path_of(call))}};
+    record["line"] = m_options.no_source ? json_value(nullptr) : or_null(call.line);
+    record["column"] = m_options.no_source ? json_value(nullptr) : or_null(call.column);
+    return record;
+}
+
 json_value stack_run::frame_record(size_t index, const stack_frame &f, const frame_place &at) const
 {
     const auto known = [](const std::string &text) { return text.empty() ? json_value(nullptr) : json_value(text); };
@@ -186,7 +236,7 @@ json_value stack_run::frame_record(size_t index, const stack_frame &f, const fra
                          {"function", known(at.function)},
                          {"offset", at.function.empty() ? json_value(nullptr) : json_value(at.offset)},
                          {"file", known(at.path)},
-                         {"line", at.source ? or_null(at.source->line) : json_value(nullptr)},
+                         {"line", or_null(at.line)},
                          {"signal_frame", f.is_signal_frame}};
     if (f.module != nullptr) {
         const auto offset = m_proc->file_offset(f.lookup_pc);
@@ -195,6 +245,8 @@ json_value stack_run::frame_record(size_t index, const stack_frame &f, const fra
         record["address"] = hex(f.lookup_pc - f.module->bias);
         record["file_offset"] = offset ? hex(*offset) : json_value(nullptr);
     }
+    for (const krv_elf_frame_t &call : at.calls)
+        record["calls"].push_back(call_record(call));
     if (f.arguments.empty())
         return record;
     json_value arguments = json_value::array();
@@ -340,6 +392,8 @@ void add_stack(CLI::App &app, int *status)
     verb->add_flag("-1", options->first_only, "The first thread only: the main one, or the one that failed");
     verb->add_flag("-C,--demangle", options->demangle, "Show names of C++, Rust and D as these write them");
     verb->add_flag("-s,--basenames", options->basenames, "Show file names without folders");
+    verb->add_flag("--no-inlines", options->no_inlines, "Leave out the calls that were inlined");
+    verb->add_flag("--no-source", options->no_source, "Leave out files and lines");
     verb->add_flag("-a,--arguments", options->wanted.arguments,
                    "Show arguments where the call-frame information has them");
     verb->add_flag("-r,--registers", options->wanted.registers, "Show the registers of each thread");

@@ -37,13 +37,51 @@ bool locator::read_units()
     return true;
 }
 
-location locator::find(uint64_t address, bool names)
+krv_elf_frame_t nothing_known()
+{
+    krv_elf_frame_t frame = {};
+    frame.function = frame.linkage_name = frame.file = "";
+    return frame;
+}
+
+std::span<const krv_elf_frame_t> locator::frames(uint64_t address, unsigned int flags, size_t most)
+{
+    m_frames.resize(std::max<size_t>(m_frames.size(), 8));
+    size_t count = 0;
+    const auto ask = [&] {
+        korva_elf_symbolize(m_object->elf().get(), address, flags, m_frames.data(), std::min(most, m_frames.size()),
+                            &count, nullptr);
+        count = std::min(count, most);
+    };
+    ask();
+    if (count > m_frames.size()) {
+        m_frames.resize(count);
+        ask();
+    }
+    if (count == 0 || m_frames[0].has_row == 0) {
+        const location found = find(address);
+        if (found.source && count == 0) {
+            m_frames[0] = nothing_known();
+            count = 1;
+        }
+        if (found.source) {
+            m_frames[0].file = found.source->path == nullptr ? "" : found.source->path;
+            m_frames[0].line = found.source->line;
+            m_frames[0].column = found.source->column;
+            m_frames[0].discriminator = found.source->discriminator;
+            m_frames[0].has_row = 1;
+            m_frames[0].unit = found.owner->get();
+        }
+    }
+    return std::span(m_frames).first(count);
+}
+
+// What the symboliser does not know of an address, or cannot tell why.
+location locator::find(uint64_t address)
 {
     location found;
     if (!m_no_units && ask_covering(address, &found) == outcome::absent)
         ask_sequences(address, &found);
-    if (found.function == nullptr && (names || !found.source))
-        found.function = m_object->elf().symbol(address);
     return found;
 }
 

@@ -1,12 +1,13 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// From an address to its function and source line.
+// From an address to its functions and source lines.
 #pragma once
 
 #include "object.h"
 
 #include <cstdint>
 #include <optional>
+#include <span>
 #include <vector>
 
 namespace korva::program
@@ -19,6 +20,9 @@ struct location {
     std::optional<unit> owner; /**< the unit that knows the source */
 };
 
+/** A frame whose texts are all "". */
+krv_elf_frame_t nothing_known();
+
 /**
  * Finds addresses in the units of a file: in those whose known ranges cover it, then in those whose entries do, then in
  * those whose line tables do; of several the first that knows a line answers. A refused unit that covers an address, or
@@ -29,10 +33,14 @@ class locator
 public:
     explicit locator(object *obj) : m_object(obj) {}
 
-    /** Without @p names a function is looked for only where the line is not known without it. */
-    location find(uint64_t address, bool names = true);
+    /**
+     * The functions around an address, innermost first, at most @p most of them; flags: KRV_ELF_FRAMES_F_*. Empty when
+     * nothing is known. Valid until the next call.
+     */
+    std::span<const krv_elf_frame_t> frames(uint64_t address, unsigned int flags, size_t most);
 
 private:
+    location find(uint64_t address);
     enum class outcome { found, absent, refused };
     struct sequence {
         range addresses;
@@ -55,6 +63,7 @@ private:
     void index_unit(unit_record &u);
 
     object *m_object;
+    std::vector<krv_elf_frame_t> m_frames;
     std::vector<unit_record> *m_units = nullptr; // read when an address is not known at once
     bool m_no_units = false;                     // they cannot be read
     std::vector<unit_record *> m_unranged;       // units whose ranges only a look at their entries can tell
