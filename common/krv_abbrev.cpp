@@ -55,14 +55,15 @@ struct growing_array {
 // A table while it is read.
 struct table_builder {
     krv_handle_t *hp;
-    krv_fd_t *fdp; // the section's own cursor, used in place
+    krv_fd_t fd;
+    krv_fd_t *fdp = &fd;
     uint64_t offset;
     growing_array<krv_abbrev_t, 64> abbrevs;
     growing_array<krv_afpair_t, 512> pairs;
     growing_array<int64_t, 64> implicit;
 
     table_builder(krv_handle_t *handle, uint64_t where, krv_secidx_t sec)
-        : hp(handle), fdp(krv_section(handle, sec)), offset(where)
+        : hp(handle), fd(*krv_section(handle, sec)), offset(where)
     {
     }
     unsigned long shown_offset() const { return static_cast<unsigned long>(offset); }
@@ -485,7 +486,7 @@ uint32_t krv_abbrev_count_implicit(const krv_abbrev_t *abbrev)
                       [](krv_afpair_t pair) { return pair.dwafp_form == KRV_EXT_DW_FORM_implicit_const; }));
 }
 
-krv_au_t *krv_abbrev_unit_alloc(krv_handle_t *hp, uint64_t offset, krv_secidx_t sec)
+krv_au_t *krv_abbrev_unit_alloc(krv_handle_t *hp, uint64_t offset, krv_secidx_t sec, uint64_t *endp)
 {
     KRV_ASSERT(hp != NULL);
     table_builder t(hp, offset, sec);
@@ -502,6 +503,8 @@ krv_au_t *krv_abbrev_unit_alloc(krv_handle_t *hp, uint64_t offset, krv_secidx_t 
         if (abbrev == outcome::done)
             break;
     }
+    if (endp != nullptr)
+        *endp = t.fdp->sfd_offset;
     return make_unit(&t);
 }
 
@@ -593,12 +596,12 @@ bool krv_abbrev_check_table(krv_handle_t *hp, krv_offset_t offset, uint64_t code
 }
 
 // Tables of a sound section do not overlap. Of one where every unit names another tail of the same table, as many are
-// kept as would fill it some times over. The section's cursor stands behind the table.
-static bool may_keep(krv_handle_t *hp, krv_offset_t offset, krv_secidx_t sec)
+// kept as would fill it some times over.
+static bool may_keep(krv_handle_t *hp, krv_offset_t offset, uint64_t end, krv_secidx_t sec)
 {
     constexpr uint64_t MOST_READINGS = 4; // of a byte, on the average
     const krv_fd_t *fdp = krv_section(hp, sec);
-    const uint64_t kept = hp->sh_abbrev_bytes + (fdp->sfd_offset - offset);
+    const uint64_t kept = hp->sh_abbrev_bytes + (end - offset);
     if (kept / MOST_READINGS > fdp->sfd_size + KRV_KEPT_SLACK) {
         krv_fail(hp, KRV_ERR_CORRUPT, "abbreviation table at offset %lu overlaps too many others",
                  static_cast<unsigned long>(offset));
@@ -618,10 +621,11 @@ krv_au_t *krv_get_au_by_offset(krv_handle_t *hp, krv_offset_t offset, krv_secidx
     const krv_hash_key_t key = {.dwhk_u = sec == KRV_SEC_ABBREV ? offset : offset | uint64_t{1} << 63};
     if (void *cached = krv_hash_lookup(hp, hash, &key))
         return static_cast<krv_au_t *>(cached);
-    krv_au_t *fresh = krv_abbrev_unit_alloc(hp, offset, sec);
+    uint64_t end = 0;
+    krv_au_t *fresh = krv_abbrev_unit_alloc(hp, offset, sec, &end);
     if (fresh == nullptr)
         return nullptr;
-    if (!may_keep(hp, offset, sec)) {
+    if (!may_keep(hp, offset, end, sec)) {
         krv_abbrev_unit_free(fresh);
         return nullptr;
     }

@@ -81,8 +81,9 @@ inline krv_abbrev_t *krv_abbrev_at_its_code(const krv_au_t *au, uint64_t code)
 // The abbreviation with `code`; NULL with KRV_ERR_CORRUPT when the table lacks it.
 krv_abbrev_t *krv_get_abbrev(krv_handle_t *hp, krv_au_t *au, unsigned int code);
 
-// Parses one table, without caching it. Moves the section's own cursor.
-krv_au_t *krv_abbrev_unit_alloc(krv_handle_t *hp, uint64_t offset, krv_secidx_t sec = KRV_SEC_ABBREV);
+// Parses one table, without caching it; *endp, unless NULL, is the offset behind it. Moves no cursor of the handle.
+krv_au_t *krv_abbrev_unit_alloc(krv_handle_t *hp, uint64_t offset, krv_secidx_t sec = KRV_SEC_ABBREV,
+                                uint64_t *endp = nullptr);
 void krv_abbrev_unit_free(krv_au_t *au);
 
 // Teardown: frees every cached table.
