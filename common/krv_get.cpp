@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// One table says for each field which record has it and where it lies; four short readers copy from it.
+// One table says for each field which record has it and where it lies; short readers copy from it. Rows do not lie
+// anywhere as they are described: their fields are cases of a switch, for one of them and for a column alike.
 #include "krv_get.h"
 
 #include "krv_error.h"
@@ -19,23 +20,18 @@ static_assert(NFIELDS <= 64); // a set of them is a word
 
 struct field_row {
     unsigned records; // which records have the field
-    size_t offset;    // in the record (in a row, for a matrix)
+    size_t offset;    // in the record
     size_t size;      // bytes; 0 for a field that is computed
-    uint32_t flag;    // rows: the bit of slns_flags that a boolean field shows
 };
 
 // offsetof and sizeof of one member, by the record that owns it.
 #define KRV_MEMBER(records, type, member)                                                                              \
     {                                                                                                                  \
-        (records), offsetof(type, member), sizeof(type::member), 0                                                     \
-    }
-#define KRV_ROW_FLAG(flag)                                                                                             \
-    {                                                                                                                  \
-        LNS | LNP, offsetof(krv_lns_t, slns_flags), 0, (flag)                                                          \
+        (records), offsetof(type, member), sizeof(type::member)                                                        \
     }
 #define KRV_COMPUTED(records)                                                                                          \
     {                                                                                                                  \
-        (records), 0, 0, 0                                                                                             \
+        (records), 0, 0                                                                                                \
     }
 
 consteval std::array<field_row, NFIELDS> make_field_table()
@@ -61,25 +57,13 @@ consteval std::array<field_row, NFIELDS> make_field_table()
     t[KRV_FIELD_LNFE_DIRIDX] = KRV_MEMBER(LNFE, krv_lnfe_t, slnfe_diridx);
     t[KRV_FIELD_LNFE_MTIME] = KRV_MEMBER(LNFE, krv_lnfe_t, slnfe_mtime);
     t[KRV_FIELD_LNFE_SIZE] = KRV_MEMBER(LNFE, krv_lnfe_t, slnfe_size);
-    t[KRV_FIELD_LNS_ADDRESS] = KRV_MEMBER(LNS | LNP, krv_lns_t, slns_address);
-    t[KRV_FIELD_LNS_OP_INDEX] = KRV_MEMBER(LNS | LNP, krv_lns_t, slns_op_index);
-    t[KRV_FIELD_LNS_FILE] = KRV_MEMBER(LNS | LNP, krv_lns_t, slns_file);
-    t[KRV_FIELD_LNS_LINE] = KRV_MEMBER(LNS | LNP, krv_lns_t, slns_line);
-    t[KRV_FIELD_LNS_COLUMN] = KRV_MEMBER(LNS | LNP, krv_lns_t, slns_column);
-    t[KRV_FIELD_LNS_ISA] = KRV_MEMBER(LNS | LNP, krv_lns_t, slns_isa);
-    t[KRV_FIELD_LNS_DISCRIMINATOR] = KRV_MEMBER(LNS | LNP, krv_lns_t, slns_discriminator);
-    t[KRV_FIELD_LNS_IS] = KRV_ROW_FLAG(KRV_LNS_FLAG_IS);
-    t[KRV_FIELD_LNS_BB] = KRV_ROW_FLAG(KRV_LNS_FLAG_BB);
-    t[KRV_FIELD_LNS_ES] = KRV_ROW_FLAG(KRV_LNS_FLAG_ES);
-    t[KRV_FIELD_LNS_PE] = KRV_ROW_FLAG(KRV_LNS_FLAG_PE);
-    t[KRV_FIELD_LNS_EB] = KRV_ROW_FLAG(KRV_LNS_FLAG_EB);
-    t[KRV_FIELD_LNS_C_ADDRESS] = KRV_MEMBER(LNS | LNP, krv_lns_t, slns_u.slnsu_c_address);
+    for (unsigned field = KRV_FIELD_LNS_ADDRESS; field <= KRV_FIELD_LNS_C_ADDRESS; ++field)
+        t[field] = KRV_COMPUTED(LNS | LNP); // see write_rows
     t[KRV_FIELD_LNP_ENTRIES] = KRV_MEMBER(LNP, krv_lnp_t, slnp_lnsp_entries);
     return t;
 }
 
 #undef KRV_MEMBER
-#undef KRV_ROW_FLAG
 #undef KRV_COMPUTED
 
 constexpr auto field_table = make_field_table();
@@ -103,8 +87,9 @@ struct destinations {
     {
         if (void *where = find(field))
             std::memcpy(where, value, size);
-        wanted &= ~(uint64_t{1} << field);
+        forget(field);
     }
+    void forget(unsigned field) { wanted &= ~(uint64_t{1} << field); }
 };
 
 // The fields of a set of them, ascending.
@@ -153,44 +138,91 @@ static int scan_fields(krv_handle_t *hp, unsigned record, unsigned int nfields, 
     return result;
 }
 
-// Writes one plain field of a record, or element i of a matrix's column.
-static void write_field(const destinations *dst, unsigned field, const void *record, size_t i)
+static void write_field(const destinations *dst, unsigned field, const void *record)
 {
     const field_row *row = &field_table[field];
-    const auto *from = static_cast<const uint8_t *>(record) + row->offset;
-    if (row->flag == 0) {
-        std::memcpy(static_cast<uint8_t *>(dst->of[field]) + i * row->size, from, row->size);
-        return;
+    std::memcpy(dst->of[field], static_cast<const uint8_t *>(record) + row->offset, row->size);
+}
+
+namespace
+{
+
+// Where the fields of one row come from, and those of all rows of a matrix: each calls func(number, state).
+struct one_row {
+    krv_lns_t *row;
+
+    template <typename F>
+    void each(F func) const
+    {
+        func(0, krv_lns_get(row));
     }
-    uint32_t flags;
-    std::memcpy(&flags, from, sizeof(flags));
-    static_cast<boolean_t *>(dst->of[field])[i] = (flags & row->flag) != 0 ? B_TRUE : B_FALSE;
+};
+
+struct all_rows {
+    krv_lnp_t *matrix;
+
+    template <typename F>
+    void each(F func) const
+    {
+        matrix->slnp_rows.in_form([&](const auto &rows) {
+            for (uint32_t i = 0; i < matrix->slnp_lnsp_entries; ++i)
+                func(i, rows.get(i, matrix->slnp_rows.base));
+        });
+    }
+};
+
+} // namespace
+
+template <auto MEMBER, typename T, typename Rows>
+static void write_member(const Rows &rows, T *to)
+{
+    rows.each([to](uint32_t i, const krv_line_state_t &row) { to[i] = row.*MEMBER; });
 }
 
-// As write_field, for every row: plain fields by their width.
-template <typename T>
-static void copy_column(const krv_lnp_t *matrix, size_t offset, void *to)
+template <uint32_t FLAG, typename Rows>
+static void write_flag(const Rows &rows, boolean_t *to)
 {
-    for (unsigned int i = 0; i < matrix->slnp_lnsp_entries; ++i)
-        std::memcpy(static_cast<T *>(to) + i, reinterpret_cast<const uint8_t *>(&matrix->slnp_lnsp[i]) + offset,
-                    sizeof(T));
+    rows.each([to](uint32_t i, const krv_line_state_t &row) {
+        to[i] = (row.slns_flags & FLAG) != 0 ? B_TRUE : B_FALSE;
+    });
 }
 
-static void write_column(const destinations *dst, unsigned field, const krv_lnp_t *matrix)
+// Writes a field of rows, but for the canonical address, to consecutive elements of its destination type.
+template <typename Rows>
+static void write_rows(unsigned field, const Rows &rows, void *to)
 {
-    const field_row *row = &field_table[field];
-    if (row->size == sizeof(uint64_t))
-        copy_column<uint64_t>(matrix, row->offset, dst->of[field]);
-    else if (row->size == sizeof(uint32_t))
-        copy_column<uint32_t>(matrix, row->offset, dst->of[field]);
-    else
-        for (unsigned int i = 0; i < matrix->slnp_lnsp_entries; ++i)
-            write_field(dst, field, &matrix->slnp_lnsp[i], i);
+    using state = krv_line_state_t;
+    switch (field) {
+    case KRV_FIELD_LNS_ADDRESS:
+        return write_member<&state::slns_address>(rows, static_cast<uint64_t *>(to));
+    case KRV_FIELD_LNS_OP_INDEX:
+        return write_member<&state::slns_op_index>(rows, static_cast<uint32_t *>(to));
+    case KRV_FIELD_LNS_FILE:
+        return write_member<&state::slns_file>(rows, static_cast<uint32_t *>(to));
+    case KRV_FIELD_LNS_LINE:
+        return write_member<&state::slns_line>(rows, static_cast<uint32_t *>(to));
+    case KRV_FIELD_LNS_COLUMN:
+        return write_member<&state::slns_column>(rows, static_cast<uint16_t *>(to));
+    case KRV_FIELD_LNS_ISA:
+        return write_member<&state::slns_isa>(rows, static_cast<uint16_t *>(to));
+    case KRV_FIELD_LNS_DISCRIMINATOR:
+        return write_member<&state::slns_discriminator>(rows, static_cast<uint16_t *>(to));
+    case KRV_FIELD_LNS_IS:
+        return write_flag<KRV_LNS_FLAG_IS>(rows, static_cast<boolean_t *>(to));
+    case KRV_FIELD_LNS_BB:
+        return write_flag<KRV_LNS_FLAG_BB>(rows, static_cast<boolean_t *>(to));
+    case KRV_FIELD_LNS_ES:
+        return write_flag<KRV_LNS_FLAG_ES>(rows, static_cast<boolean_t *>(to));
+    case KRV_FIELD_LNS_PE:
+        return write_flag<KRV_LNS_FLAG_PE>(rows, static_cast<boolean_t *>(to));
+    default: // KRV_FIELD_LNS_EB
+        return write_flag<KRV_LNS_FLAG_EB>(rows, static_cast<boolean_t *>(to));
+    }
 }
 
 static void write_record(const destinations *dst, const void *structp)
 {
-    for_each_field(dst->wanted, [&](unsigned field) { write_field(dst, field, structp, 0); });
+    for_each_field(dst->wanted, [&](unsigned field) { write_field(dst, field, structp); });
 }
 
 int krv_get_fields_lnfe(krv_handle_t *hp, krv_lnfe_t *structp, unsigned int nfields, va_list ap)
@@ -234,7 +266,11 @@ int krv_get_fields_lns(krv_handle_t *hp, krv_lns_t *structp, unsigned int nfield
     destinations dst;
     if (scan_fields(hp, LNS, nfields, ap, &dst) != 0)
         return -1;
-    write_record(&dst, structp);
+    if (dst.find(KRV_FIELD_LNS_C_ADDRESS) != nullptr) {
+        const uint64_t address = krv_lns_canonical_address(hp, structp);
+        dst.take(KRV_FIELD_LNS_C_ADDRESS, &address, sizeof(address));
+    }
+    for_each_field(dst.wanted, [&](unsigned field) { write_rows(field, one_row{structp}, dst.of[field]); });
     return 0;
 }
 
@@ -245,11 +281,16 @@ int krv_get_fields_lnp(krv_handle_t *hp, krv_lnp_t *structp, unsigned int nfield
     destinations dst;
     if (scan_fields(hp, LNP, nfields, ap, &dst) != 0)
         return -1;
+    if (auto *addresses = static_cast<uint64_t *>(dst.find(KRV_FIELD_LNS_C_ADDRESS))) {
+        if (krv_lnp_canonical_addresses(hp, structp, addresses) != 0)
+            return -1;
+        dst.forget(KRV_FIELD_LNS_C_ADDRESS);
+    }
     for_each_field(dst.wanted, [&](unsigned field) {
         if (is_row_field(field))
-            write_column(&dst, field, structp);
+            write_rows(field, all_rows{structp}, dst.of[field]);
         else // KRV_FIELD_LNP_ENTRIES
-            write_field(&dst, field, structp, 0);
+            write_field(&dst, field, structp);
     });
     return 0;
 }

@@ -21,6 +21,17 @@ static uint64_t bias(const krv_handle_t *hp)
 // Source lookup
 // ---------------------------------------------------------------------------------------------------------------
 
+namespace
+{
+
+struct place {
+    krv_lnp_t *matrix;
+    uint32_t number; // of the row
+};
+constexpr uint32_t NO_ROW = UINT32_MAX;
+
+} // namespace
+
 // The index of the last sequence that starts at or below the address, or -1.
 static int64_t last_starting_at_or_below(const krv_lnp_t *lnpp, uint64_t address)
 {
@@ -28,43 +39,41 @@ static int64_t last_starting_at_or_below(const krv_lnp_t *lnpp, uint64_t address
     return static_cast<int64_t>(krv_count_not_above(lnpp->slnp_lnbp, lnpp->slnp_lnbp_entries, address, start)) - 1;
 }
 
-// The row at or below the address whose successor lies above it; the last of several at one address. NULL when the
+// The row at or below the address whose successor lies above it; the last of several at one address. NO_ROW when the
 // sequence's rows are out of order.
-static krv_lns_t *find_row(const krv_lnp_t *lnpp, const krv_lnb_t *seq, uint64_t address)
+static uint32_t find_row(const krv_lnp_t *lnpp, const krv_lnb_t *seq, uint64_t address)
 {
-    if ((lnpp->slnp_flags & KRV_LNP_FLAG_DESCENDING) == 0 && seq->slnb_start_index < seq->slnb_end_index) {
-        krv_lns_t *first = &lnpp->slnp_lnsp[seq->slnb_start_index]; // which is not above the address
-        const auto key = [](const krv_lns_t &row) { return row.slns_address; };
-        const size_t count = seq->slnb_end_index - seq->slnb_start_index;
+    const uint32_t first = seq->slnb_start_index; // which is not above the address
+    if ((lnpp->slnp_flags & KRV_LNP_FLAG_DESCENDING) == 0 && first < seq->slnb_end_index) {
+        const size_t count = seq->slnb_end_index - first;
         const uint64_t span = seq->slnb_end_addr - seq->slnb_start_addr, skip = address - seq->slnb_start_addr;
         const size_t guess = span <= UINT32_MAX ? skip * count / span : count / 2; // rows lie evenly, more or less
-        return first + krv_count_not_above_near(first, count, guess, address, key) - 1;
+        return first + static_cast<uint32_t>(lnpp->slnp_rows.count_not_above(first, count, guess, address)) - 1;
     }
-    int64_t lo = seq->slnb_start_index, hi = int64_t{seq->slnb_end_index} - 1;
+    int64_t lo = first, hi = int64_t{seq->slnb_end_index} - 1;
     while (lo <= hi) {
-        const int64_t mid = (lo + hi) / 2;
-        krv_lns_t *row = &lnpp->slnp_lnsp[mid];
-        if (row->slns_address > address)
-            hi = mid - 1;
-        else if (row[1].slns_address <= address)
-            lo = mid + 1;
+        const auto mid = static_cast<uint32_t>((lo + hi) / 2);
+        if (lnpp->slnp_rows.address(mid) > address)
+            hi = int64_t{mid} - 1;
+        else if (lnpp->slnp_rows.address(mid + 1) <= address)
+            lo = int64_t{mid} + 1;
         else
-            return row;
+            return mid;
     }
-    return nullptr;
+    return NO_ROW;
 }
 
 // An address between two sequences belongs to the one of them that the caller's range [start, end) reaches into, if
 // it reaches into one only.
-static krv_lns_t *find_gap_row(const krv_lnp_t *lnpp, int64_t prev, uint64_t start, uint64_t end)
+static uint32_t find_gap_row(const krv_lnp_t *lnpp, int64_t prev, uint64_t start, uint64_t end)
 {
     const krv_lnb_t *before = prev < 0 ? nullptr : &lnpp->slnp_lnbp[prev];
     const krv_lnb_t *after = prev + 1 < int64_t{lnpp->slnp_lnbp_entries} ? &lnpp->slnp_lnbp[prev + 1] : nullptr;
     const bool reaches_before = (before == nullptr ? 0 : before->slnb_end_addr) > start;
     const bool reaches_after = after != nullptr && after->slnb_start_addr < end;
     if (reaches_before == reaches_after)
-        return nullptr;
-    return &lnpp->slnp_lnsp[reaches_before ? before->slnb_end_index - 1 : after->slnb_start_index];
+        return NO_ROW;
+    return reaches_before ? before->slnb_end_index - 1 : after->slnb_start_index;
 }
 
 krv_lnph_t *korva_line_get_cu_lnph(krv_handle_t *hp, krv_ctu_t *cup)
@@ -89,6 +98,44 @@ krv_lnph_t *korva_line_get_cu_lnph(krv_handle_t *hp, krv_ctu_t *cup)
     return fresh == nullptr ? nullptr : krv_publish(&cup->dcu_lnphp, fresh, krv_lnph_free);
 }
 
+// The row for an address, and its matrix. False: messages pushed, or KRV_ERR_NOTFOUND alone.
+static bool find_place(krv_handle_t *hp, krv_ctu_t *cup, uint64_t start, uint64_t size, uint64_t addr, place *found)
+{
+    if (addr < start || addr >= start + size) {
+        krv_fail(hp, KRV_ERR_INVALID, "addr (0x%lx) does not lie in range described by start (0x%lx) and size (0x%lx)",
+                 static_cast<unsigned long>(addr), static_cast<unsigned long>(start), static_cast<unsigned long>(size));
+        return false;
+    }
+    krv_lnph_t *lnphp = korva_line_get_cu_lnph(hp, cup);
+    if (lnphp == nullptr) {
+        krv_note(hp, "couldn't find line number header for CU");
+        return false;
+    }
+    krv_lnp_t *lnpp = krv_line_get_matrix(hp, lnphp);
+    if (lnpp == nullptr) {
+        krv_note(hp, "couldn't find line number program for CU");
+        return false;
+    }
+
+    const uint64_t address = addr - bias(hp);
+    const uint64_t range_start = start - bias(hp);
+    const int64_t prev = last_starting_at_or_below(lnpp, address);
+    const krv_lnb_t *seq = prev < 0 ? nullptr : &lnpp->slnp_lnbp[prev];
+    const bool is_inside = seq != nullptr && address < seq->slnb_end_addr;
+    const uint32_t number =
+        is_inside ? find_row(lnpp, seq, address) : find_gap_row(lnpp, prev, range_start, range_start + size);
+    if (number != NO_ROW) {
+        *found = {lnpp, number};
+        return true;
+    }
+    if (is_inside)
+        krv_fail(hp, KRV_ERR_CORRUPT, "corrupt line number sequence in rows %u--%ufor address 0x%lx",
+                 seq->slnb_start_index, seq->slnb_end_index, static_cast<unsigned long>(address));
+    else
+        hp->sh_errno = KRV_ERR_NOTFOUND;
+    return false;
+}
+
 krv_lns_t *korva_lookup_source_by_cu_and_addr(krv_handle_t *hp, krv_ctu_t *cup, uint64_t start, uint64_t size,
                                               uint64_t addr, unsigned int)
 {
@@ -99,37 +146,29 @@ krv_lns_t *korva_lookup_source_by_cu_and_addr(krv_handle_t *hp, krv_ctu_t *cup, 
         return nullptr;
     }
     krv_clear_error(hp);
-    if (addr < start || addr >= start + size) {
-        krv_fail(hp, KRV_ERR_INVALID, "addr (0x%lx) does not lie in range described by start (0x%lx) and size (0x%lx)",
-                 static_cast<unsigned long>(addr), static_cast<unsigned long>(start), static_cast<unsigned long>(size));
-        return nullptr;
-    }
-    krv_lnph_t *lnphp = korva_line_get_cu_lnph(hp, cup);
-    if (lnphp == nullptr) {
-        krv_note(hp, "couldn't find line number header for CU");
-        return nullptr;
-    }
-    const krv_lnp_t *lnpp = krv_line_get_matrix(hp, lnphp);
-    if (lnpp == nullptr) {
-        krv_note(hp, "couldn't find line number program for CU");
-        return nullptr;
-    }
+    place found;
+    return find_place(hp, cup, start, size, addr, &found) ? krv_lnp_hand_out(hp, found.matrix, found.number) : nullptr;
+}
 
-    const uint64_t address = addr - bias(hp);
-    const uint64_t range_start = start - bias(hp);
-    const int64_t prev = last_starting_at_or_below(lnpp, address);
-    if (prev >= 0 && address < lnpp->slnp_lnbp[prev].slnb_end_addr) {
-        const krv_lnb_t *seq = &lnpp->slnp_lnbp[prev];
-        krv_lns_t *row = find_row(lnpp, seq, address);
-        if (row == nullptr)
-            krv_fail(hp, KRV_ERR_CORRUPT, "corrupt line number sequence in rows %u--%ufor address 0x%lx",
-                     seq->slnb_start_index, seq->slnb_end_index, static_cast<unsigned long>(address));
-        return row;
-    }
-    krv_lns_t *row = find_gap_row(lnpp, prev, range_start, range_start + size);
-    if (row == nullptr)
-        hp->sh_errno = KRV_ERR_NOTFOUND;
-    return row;
+int korva_lookup_row(krv_handle_t *hp, krv_ctu_t *cup, uint64_t start, uint64_t size, uint64_t addr, krv_row_t *rowp)
+{
+    if (hp == nullptr)
+        return -1;
+    if (cup == nullptr || rowp == nullptr)
+        return krv_fail_code(hp, KRV_ERR_INVALID);
+    krv_clear_error(hp);
+    place found;
+    if (!find_place(hp, cup, start, size, addr, &found))
+        return -1;
+    const krv_line_state_t row = found.matrix->slnp_rows.get(found.number);
+    *rowp = {.address = row.slns_address + bias(hp),
+             .file = krv_lnp_file(found.matrix, row),
+             .number = found.number,
+             .line = row.slns_line,
+             .column = row.slns_column,
+             .discriminator = row.slns_discriminator,
+             .is_stmt = (row.slns_flags & KRV_LNS_FLAG_IS) != 0 ? uint8_t{1} : uint8_t{0}};
+    return 0;
 }
 
 int korva_iter_line_entry(krv_handle_t *hp, krv_lnph_t *lnphp, krv_iter_lne_f *func, void *arg)
@@ -165,7 +204,7 @@ static int get_flag(krv_handle_t *hp, const krv_lns_t *lnsp, uint32_t flag, bool
 {
     if (enter_row(hp, lnsp, resultp) != 0)
         return -1;
-    *resultp = (lnsp->slns_flags & flag) != 0 ? B_TRUE : B_FALSE;
+    *resultp = (krv_lns_get(lnsp).slns_flags & flag) != 0 ? B_TRUE : B_FALSE;
     return 0;
 }
 
@@ -173,7 +212,7 @@ int korva_lns_get_address(krv_handle_t *hp, krv_lns_t *lnsp, uint64_t *addrp)
 {
     if (enter_row(hp, lnsp, addrp) != 0)
         return -1;
-    *addrp = lnsp->slns_address + bias(hp);
+    *addrp = krv_lns_get(lnsp).slns_address + bias(hp);
     return 0;
 }
 
@@ -181,7 +220,7 @@ int korva_lns_get_canonical_address(krv_handle_t *hp, krv_lns_t *lnsp, uint64_t 
 {
     if (enter_row(hp, lnsp, addrp) != 0)
         return -1;
-    *addrp = lnsp->slns_u.slnsu_c_address + bias(hp);
+    *addrp = krv_lns_canonical_address(hp, lnsp) + bias(hp);
     return 0;
 }
 
@@ -189,7 +228,7 @@ int korva_lns_get_op_index(krv_handle_t *hp, krv_lns_t *lnsp, uint32_t *op_index
 {
     if (enter_row(hp, lnsp, op_indexp) != 0)
         return -1;
-    *op_indexp = lnsp->slns_op_index;
+    *op_indexp = krv_lns_get(lnsp).slns_op_index;
     return 0;
 }
 
@@ -197,7 +236,7 @@ int korva_lns_get_file(krv_handle_t *hp, krv_lns_t *lnsp, uint32_t *filep)
 {
     if (enter_row(hp, lnsp, filep) != 0)
         return -1;
-    *filep = lnsp->slns_file;
+    *filep = krv_lns_get(lnsp).slns_file;
     return 0;
 }
 
@@ -205,7 +244,7 @@ int korva_lns_get_line(krv_handle_t *hp, krv_lns_t *lnsp, uint32_t *linep)
 {
     if (enter_row(hp, lnsp, linep) != 0)
         return -1;
-    *linep = lnsp->slns_line;
+    *linep = krv_lns_get(lnsp).slns_line;
     return 0;
 }
 
@@ -213,7 +252,7 @@ int korva_lns_get_column(krv_handle_t *hp, krv_lns_t *lnsp, uint16_t *columnp)
 {
     if (enter_row(hp, lnsp, columnp) != 0)
         return -1;
-    *columnp = lnsp->slns_column;
+    *columnp = krv_lns_get(lnsp).slns_column;
     return 0;
 }
 
@@ -246,7 +285,7 @@ int korva_lns_get_isa(krv_handle_t *hp, krv_lns_t *lnsp, uint16_t *isap)
 {
     if (enter_row(hp, lnsp, isap) != 0)
         return -1;
-    *isap = lnsp->slns_isa;
+    *isap = krv_lns_get(lnsp).slns_isa;
     return 0;
 }
 
@@ -254,13 +293,13 @@ int korva_lns_get_discriminator(krv_handle_t *hp, krv_lns_t *lnsp, uint16_t *dis
 {
     if (enter_row(hp, lnsp, discriminatorp) != 0)
         return -1;
-    *discriminatorp = lnsp->slns_discriminator;
+    *discriminatorp = krv_lns_get(lnsp).slns_discriminator;
     return 0;
 }
 
 krv_lnfe_t *korva_lns_get_filep(krv_handle_t *hp, krv_lns_t *lnsp)
 {
-    return enter_row(hp, lnsp, lnsp) != 0 ? nullptr : lnsp->slns_filep;
+    return enter_row(hp, lnsp, lnsp) != 0 ? nullptr : krv_lns_file(lnsp);
 }
 
 // ---------------------------------------------------------------------------------------------------------------

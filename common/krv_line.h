@@ -1,13 +1,14 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // Line numbers: the header of a unit's line-number program (krv_line_header.cpp, krv_line_header_v5.cpp) with its files
-// (krv_line_files.cpp), its execution (krv_line_program.cpp) into a matrix (krv_line_matrix.cpp) whose sequences may need a
-// choice (krv_line_sequences.cpp), what units have in common of these (krv_line_share.cpp), and the client's view of it all
-// (krv_line.cpp).
+// (krv_line_files.cpp), its execution (krv_line_program.cpp) into the draft of a matrix (krv_line_draft.h) whose sequences may
+// need a choice (krv_line_sequences.cpp), what units have in common of these (krv_line_share.cpp), and the client's view of it
+// all (krv_line.cpp).
 #ifndef KRV_LINE_H
 #define KRV_LINE_H
 
 #include "krv_info.h"
+#include "krv_line_rows.h"
 #include "krv_types.h"
 
 struct krv_line_common;
@@ -64,60 +65,6 @@ struct krv_line_common {
     krv_lnp_t *slc_matrix; // owned: of that section, where the program defines no files; NULL until a unit has built it
 };
 
-enum krv_lns_flag_t : uint32_t {
-    KRV_LNS_FLAG_IS = 1,  // is_stmt
-    KRV_LNS_FLAG_BB = 2,  // basic_block
-    KRV_LNS_FLAG_ES = 4,  // end_sequence
-    KRV_LNS_FLAG_PE = 8,  // prologue_end
-    KRV_LNS_FLAG_EB = 16, // epilogue_begin
-};
-
-// The registers of the state machine, and a row of the matrix.
-struct krv_lns {
-    uint64_t slns_address; // in the unit's own address space: never biased
-    unsigned int slns_op_index;
-    unsigned int slns_file;
-    unsigned int slns_line;
-    unsigned short slns_column;
-    uint32_t slns_flags; // KRV_LNS_FLAG_*
-    unsigned short slns_isa;
-    unsigned short slns_discriminator;
-    krv_lnfe_t *slns_filep; // rows: the file, or NULL when the table has none of that number
-    union {
-        uint64_t slnsu_index;     // during the canonical pass: the slot of the row's file and line
-        uint64_t slnsu_c_address; // rows of a matrix
-    } slns_u;
-};
-
-// One address sequence.
-struct krv_lnb_t {
-    uint64_t slnb_start_addr;      // of its first row
-    uint64_t slnb_end_addr;        // of its end_sequence row
-    unsigned int slnb_start_index; // of its first row
-    unsigned int slnb_end_index;   // of its end_sequence row
-};
-
-enum krv_lnp_flag_t : uint32_t {
-    KRV_LNP_FLAG_IN_SEQUENCE = 1, // a sequence is open
-    KRV_LNP_FLAG_UNSORTED = 2,    // some sequence starts below the one before it
-    KRV_LNP_FLAG_DESCENDING = 4,  // some row lies below the one before it in its sequence
-    KRV_LNP_FLAG_DEFINES = 8,     // the program defines files: the matrix is of one header alone
-};
-
-// A matrix. Finished: sequences ascend by start address, are not inverted and do not overlap; the rows of each are
-// contiguous and end with its end_sequence row. Rows stand in program order.
-struct krv_lnp {
-    krv_lns_t slnp_current; // the registers during execution
-    krv_lns_t *slnp_lnsp;   // owned: rows
-    unsigned int slnp_lnsp_size;
-    unsigned int slnp_lnsp_entries;
-    krv_lnb_t *slnp_lnbp; // owned, unless it is slnp_first_lnb: closed sequences
-    unsigned int slnp_lnbp_size;
-    unsigned int slnp_lnbp_entries;
-    uint32_t slnp_flags;      // KRV_LNP_FLAG_*
-    krv_lnb_t slnp_first_lnb; // most matrices have one sequence
-};
-
 // Reads the header at `offset` of .debug_line. cup gives the compilation directory, which is to live as long, and may be
 // NULL. NULL on failure.
 krv_lnph_t *krv_lnph_alloc(krv_handle_t *hp, krv_ctu_t *cup, uint64_t offset);
@@ -155,6 +102,9 @@ int krv_lnph_add_file(krv_handle_t *hp, krv_lnph_t *lnphp, krv_ctu_t *cup, const
 // The file table as any thread may read it: the array, with at least *countp elements.
 krv_lnfe_t **krv_lnph_files(krv_lnph_t *lnphp, uint64_t *countp);
 
+// Whether it is still that of the header whose tables it borrows.
+bool krv_lnph_has_borrowed_files(const krv_lnph_t *lnphp);
+
 // The file that a file register's value names, and the directory that a file's index names: both are numbered from
 // sln_first. NULL where the table has none of that number, as directory 0 before version 5, which is the unit's.
 krv_lnfe_t *krv_lnph_file(krv_lnph_t *lnphp, uint64_t number);
@@ -172,23 +122,9 @@ int krv_line_build_program(krv_handle_t *hp, krv_lnph_t *lnphp, krv_lnp_t **lnpp
 // The header's matrix, built and published on first use, for all who share the program if it can be. NULL on failure.
 krv_lnp_t *krv_line_get_matrix(krv_handle_t *hp, krv_lnph_t *lnphp);
 
-krv_lnp_t *krv_line_alloc_program(krv_handle_t *hp);
-void krv_line_free_program(krv_lnp_t *lnpp);
-uint64_t krv_line_program_bytes(const krv_lnp_t *lnpp); // of memory that it takes
-void krv_lns_init(krv_lnph_t *lnphp, krv_lns_t *lnsp);
+void krv_lns_init(const krv_lnph_t *lnphp, krv_line_state_t *registers);
 
-// Appends a row. 0, or -1 with KRV_ERR_NOMEM.
-int krv_line_push_entry(krv_handle_t *hp, krv_lnph_t *lnphp, krv_lnp_t *lnpp, krv_lns_t *rp);
-
-// When all rows are there: checks and sorts the sequences, and gives each row its canonical address. 0 or -1.
-int krv_line_finish_program(krv_handle_t *hp, krv_lnp_t *lnpp);
-
-// Before that, for input as it is written: leaves out the sequences that describe no code or overlap others, with their
-// rows, and tells so if it is to. What is kept is sound, and in order. 0, or -1 with KRV_ERR_NOMEM.
-int krv_line_keep_sound(krv_handle_t *hp, krv_lnph_t *lnphp, krv_lnp_t *lnpp, bool tells);
-
-int krv_subrange_compare(const void *a, const void *b);  // krv_lnb_t by start address
-int krv_canonical_compare(const void *a, const void *b); // krv_lns_t by file, line, address
+int krv_subrange_compare(const void *a, const void *b); // krv_lnb_t by start address
 
 // Accessors of the same shape as the exported ones, for the library itself.
 int korva_lns_get_address(krv_handle_t *hp, krv_lns_t *lnsp, uint64_t *addrp);

@@ -51,7 +51,7 @@ struct file_array {
 
 bool krv_line_has_room(krv_handle_t *hp, uint64_t bytes)
 {
-    constexpr uint64_t MOST_BYTES = 64; // of memory a byte of section; a row of one byte, the dearest, takes 48
+    constexpr uint64_t MOST_BYTES = 64; // of memory a byte of section; a row of one byte, the dearest, takes 36
     const uint64_t kept = hp->sh_line_bytes + bytes;
     const uint64_t size =
         krv_add_offset(hp->sh_sec[KRV_SEC_LINE].sfd_size, krv_section(hp, KRV_SEC_EXT_LINE_STR)->sfd_size);
@@ -75,7 +75,7 @@ static file_array *array_of(krv_lnfe_t **files)
                : reinterpret_cast<file_array *>(reinterpret_cast<uint8_t *>(files) - offsetof(file_array, files));
 }
 
-static bool is_borrowed(const krv_lnph_t *lnphp)
+bool krv_lnph_has_borrowed_files(const krv_lnph_t *lnphp)
 {
     return lnphp->sln_common != nullptr && lnphp->sln_files == lnphp->sln_common->slc_header->sln_files;
 }
@@ -88,7 +88,7 @@ void krv_lnph_free_files(krv_lnph_t *lnphp)
         krv_free(lnphp->sln_files[i]);
     }
     file_array *older;
-    for (file_array *array = is_borrowed(lnphp) ? nullptr : array_of(lnphp->sln_files); array; array = older) {
+    for (file_array *array = krv_lnph_has_borrowed_files(lnphp) ? nullptr : array_of(lnphp->sln_files); array; array = older) {
         older = array->older;
         krv_free(array);
     }
@@ -107,7 +107,7 @@ static bool may_add(krv_handle_t *hp, krv_lnph_t *lnphp, uint64_t bytes)
 static bool grow_files(krv_handle_t *hp, krv_lnph_t *lnphp)
 {
     const uint64_t size = lnphp->sln_files_size, entries = lnphp->sln_files_entries;
-    if (entries < size && !is_borrowed(lnphp))
+    if (entries < size && !krv_lnph_has_borrowed_files(lnphp))
         return true;
     if (size > SIZE_MAX / sizeof(krv_lnfe_t *) / 4) {
         hp->sh_errno = KRV_ERR_NOMEM;
@@ -118,7 +118,7 @@ static bool grow_files(krv_handle_t *hp, krv_lnph_t *lnphp)
     auto *array = may_add(hp, lnphp, bytes) ? static_cast<file_array *>(krv_zalloc(hp, bytes)) : nullptr;
     if (array == nullptr)
         return false;
-    array->older = is_borrowed(lnphp) ? nullptr : array_of(lnphp->sln_files);
+    array->older = krv_lnph_has_borrowed_files(lnphp) ? nullptr : array_of(lnphp->sln_files);
     if (entries != 0)
         std::memcpy(array->files, lnphp->sln_files, entries * sizeof(krv_lnfe_t *));
     lnphp->sln_files_size = grown;

@@ -8,18 +8,20 @@
 #include "krv_dwarf.h"
 #include "krv_error.h"
 #include "krv_fd.h"
-#include "krv_line.h"
+#include "krv_line_draft.h"
 #include "krv_mem.h"
 #include "krv_names.h"
 
-void krv_lns_init(krv_lnph_t *lnphp, krv_lns_t *lnsp)
+#include <algorithm>
+
+void krv_lns_init(const krv_lnph_t *lnphp, krv_line_state_t *registers)
 {
     KRV_ASSERT(lnphp != NULL);
-    KRV_ASSERT(lnsp != NULL);
-    *lnsp = {};
-    lnsp->slns_file = 1;
-    lnsp->slns_line = 1;
-    lnsp->slns_flags = lnphp->sln_default_is_stmt == 1 ? uint32_t{KRV_LNS_FLAG_IS} : 0;
+    KRV_ASSERT(registers != NULL);
+    *registers = {};
+    registers->slns_file = 1;
+    registers->slns_line = 1;
+    registers->slns_flags = lnphp->sln_default_is_stmt == 1 ? uint32_t{KRV_LNS_FLAG_IS} : 0;
 }
 
 // ---------------------------------------------------------------------------------------------------------------
@@ -92,7 +94,7 @@ inline bool execute_special(M &m, unsigned int opcode)
 template <typename M>
 inline bool execute_standard(M &m, unsigned int opcode)
 {
-    krv_lns_t &regs = m.regs;
+    krv_line_state_t &regs = m.regs;
     switch (opcode) {
     case DW_LNS_copy:
         return m.has_room() && emit_row(m);
@@ -140,7 +142,7 @@ inline bool execute_standard(M &m, unsigned int opcode)
         regs.slns_flags |= KRV_LNS_FLAG_EB;
         return true;
     case DW_LNS_set_isa:
-        return m.template operand<DW_FORM_udata>(&regs.slns_isa);
+        return M::KNOWS_ISA && m.template operand<DW_FORM_udata>(&regs.slns_isa);
     default: // also where the header declares the operands of more
         return m.unsupported("standard", opcode);
     }
@@ -150,7 +152,7 @@ inline bool execute_standard(M &m, unsigned int opcode)
 template <typename M>
 inline bool execute_operation(M &m)
 {
-    krv_lns_t &regs = m.regs;
+    krv_line_state_t &regs = m.regs;
     uint64_t number;
     if (!m.template operand<DW_FORM_udata>(&number))
         return false;
@@ -198,19 +200,24 @@ constexpr unsigned NVALUES = 10;
 struct careful {
     krv_handle_t *hp;
     krv_lnph_t *lnphp;
-    krv_lnp_t *lnpp;
+    krv_line_draft *draft;
     krv_fd_t fd;
     line_scale scale;
-    krv_lns_t &regs;
+    krv_line_registers registers; // as the client sees them
+    krv_line_state_t &regs;
     uint8_t opcode = 0;       // at hand: 0 for every extended one
     unsigned int nvalues = 0; // of its operands, for the client
     krv_value_t values[NVALUES] = {};
     krv_value_t *valueps[NVALUES];
     char path[KRV_STRING_BUFSZ]; // DW_LNE_define_file
 
-    careful(krv_handle_t *handle, krv_lnph_t *header, krv_lnp_t *matrix, const krv_fd_t &program)
-        : hp(handle), lnphp(header), lnpp(matrix), fd(program), scale(header), regs(matrix->slnp_current)
+    static constexpr bool KNOWS_ISA = true;
+
+    careful(krv_handle_t *handle, krv_lnph_t *header, krv_line_draft *rows, const krv_fd_t &program)
+        : hp(handle), lnphp(header), draft(rows), fd(program), scale(header), registers{{KRV_LNS_REGISTERS}, {}},
+          regs(registers.state)
     {
+        krv_lns_init(header, &regs);
         for (unsigned int i = 0; i < NVALUES; ++i)
             valueps[i] = &values[i];
         path[0] = '\0';
@@ -229,13 +236,13 @@ struct careful {
     bool read_length(uint64_t *length) { return krv_decode(&fd, DW_FORM_udata, length) == 0; }
 
     static bool has_room() { return true; } // the table grows
-    bool push_row() { return krv_line_push_entry(hp, lnphp, lnpp, &regs) == 0; }
+    bool push_row() { return krv_line_draft_push(hp, lnphp, draft, regs); }
     static void file_has_changed() {} // a row looks for its file
     uint64_t mopi() const { return lnphp->sln_mopi; }
     bool has_operations() { return mopi() != 0 || corrupt("maximum_operations_per_instruction is zero"); }
     bool has_line_range() { return scale.line_range != 0 || corrupt("line_range is zero"); }
     bool has_file(uint32_t number);
-    int finish(bool) { return krv_line_finish_program(hp, lnpp); }
+    int finish(bool) { return krv_line_draft_check(hp, draft); }
     bool end_sequence();
     bool define_file();
     bool corrupt(const char *what);
@@ -291,7 +298,7 @@ bool careful::define_file()
         krv_note(hp, "couldn't add dynamically-defined file %s", path);
         return false;
     }
-    lnpp->slnp_flags |= KRV_LNP_FLAG_DEFINES;
+    draft->flags |= KRV_LNP_FLAG_DEFINES;
     return true;
 }
 
@@ -325,10 +332,7 @@ struct careful_as_written : careful {
                 return false;
         return true;
     }
-    int finish(bool watched)
-    {
-        return krv_line_keep_sound(hp, lnphp, lnpp, !watched) != 0 ? -1 : krv_line_finish_program(hp, lnpp);
-    }
+    int finish(bool watched) { return krv_line_draft_keep_sound(hp, lnphp, draft, regs, !watched); }
 };
 
 // Its operands end with it, and it ends where its length says.
@@ -353,28 +357,38 @@ inline bool execute_extended(careful_as_written &m)
 // The swift executor
 // ---------------------------------------------------------------------------------------------------------------
 
-// For when nobody watches, within a sequence, while the row table has room, and with one operation an instruction:
-// nothing can fail then. The registers are its own, not the matrix's: stored to memory one by one, they could not be
+// For when nobody watches, within a sequence, while the tables have room, with one operation an instruction, and for rows
+// in their short form: nothing can fail then. The registers are its own: stored to memory one by one, they could not be
 // loaded as parts of a row without a stall.
 struct swift {
+    using rows_t = krv_short_rows_t;
+
     const uint8_t *at; // the operand at hand; MOST_BYTES of an opcode are in view
     const line_scale scale;
     krv_lnph_t *const lnphp;
-    krv_lns_t regs;
-    krv_lnfe_t *filep; // of the file register
-    krv_lns_t *row, *const full;
+    krv_line_state_t regs;
+    const uint64_t base;
+    uint64_t last; // address of the row before, which is of the same sequence
+    int32_t *distance;
+    const int32_t *const full;
+    rows_t::rest_t *rest;
+    uint32_t no_file; // KRV_LNS_FLAG_NO_FILE, where the file register names none
     bool descends = false;
-    uint64_t files_end; // the first number behind those of files
+    uint64_t files_end; // the first number behind those of files that it takes
 
+    static constexpr bool KNOWS_ISA = false;
     static constexpr uint64_t MOST_BYTES = 7; // DW_LNE_set_discriminator, two of each of its three numbers
+    // A special opcode adds no more to an address that has_room has seen.
+    static_assert(rows_t::SPAN / 2 + 255 * 255 <= INT32_MAX);
 
-    swift(krv_lnph_t *header, krv_lnp_t *lnpp)
-        : at(nullptr), scale(header), lnphp(header), regs(lnpp->slnp_current),
-          filep(krv_lnph_file(header, regs.slns_file)), row(lnpp->slnp_lnsp + lnpp->slnp_lnsp_entries),
-          full(lnpp->slnp_lnsp + lnpp->slnp_lnsp_size)
+    swift(krv_lnph_t *header, krv_line_draft *draft, const krv_line_state_t &registers)
+        : at(nullptr), scale(header), lnphp(header), regs(registers), base(draft->rows.base), last(draft->last),
+          distance(draft->rows.as_short.distances + draft->entries),
+          full(draft->rows.as_short.distances + draft->size), rest(draft->rows.as_short.rests + draft->entries)
     {
         krv_lnph_files(header, &files_end);
-        files_end += header->sln_first;
+        files_end = std::min<uint64_t>(files_end + header->sln_first, rows_t::MOST_FILE + 1);
+        file_has_changed();
     }
 
     // LEB128 numbers of at most two bytes.
@@ -394,15 +408,27 @@ struct swift {
     }
     bool read_length(uint64_t *length) { return operand<DW_FORM_udata>(length); }
 
-    bool has_room() const { return row != full; }
+    bool has_room() const
+    {
+        return distance != full && regs.slns_address - rows_t::lowest(base) < rows_t::SPAN;
+    }
     bool push_row()
     {
-        descends |= regs.slns_address < row[-1].slns_address; // which is of the same sequence
-        *row++ = {regs.slns_address, regs.slns_op_index, regs.slns_file,          regs.slns_line, regs.slns_column,
-                  regs.slns_flags,   regs.slns_isa,      regs.slns_discriminator, filep,          {0}};
+        descends |= regs.slns_address < last;
+        last = regs.slns_address;
+        *distance++ = static_cast<int32_t>(regs.slns_address - base);
+        *rest++ = {regs.slns_line,
+                   static_cast<uint16_t>(regs.slns_file),
+                   regs.slns_column,
+                   regs.slns_discriminator,
+                   static_cast<uint8_t>(regs.slns_isa),
+                   static_cast<uint8_t>(regs.slns_flags | no_file)};
         return true;
     }
-    void file_has_changed() { filep = krv_lnph_file(lnphp, regs.slns_file); }
+    void file_has_changed()
+    {
+        no_file = krv_lnph_file(lnphp, regs.slns_file) == nullptr ? uint32_t{KRV_LNS_FLAG_NO_FILE} : 0;
+    }
     bool has_file(uint32_t number) const { return number < files_end; }
     static constexpr uint64_t mopi() { return 1; }
     static constexpr bool has_operations() { return true; }
@@ -436,12 +462,12 @@ inline bool execute_extended(swift_as_written &m)
 template <typename S>
 [[gnu::noinline]] static void execute_swiftly(careful *m)
 {
-    krv_lnp_t *lnpp = m->lnpp;
+    krv_line_draft *draft = m->draft;
     const krv_view_t view = krv_fd_view(&m->fd);
-    if (m->lnphp->sln_mopi != 1 || m->scale.line_range == 0 || (lnpp->slnp_flags & KRV_LNP_FLAG_IN_SEQUENCE) == 0 ||
-        view.size <= swift::MOST_BYTES)
+    if (m->lnphp->sln_mopi != 1 || m->scale.line_range == 0 || (draft->flags & KRV_LNP_FLAG_IN_SEQUENCE) == 0 ||
+        view.size <= swift::MOST_BYTES || draft->rows.is_long || !krv_short_rows_t::fits(m->regs, draft->rows.base))
         return;
-    S s(m->lnphp, lnpp);
+    S s(m->lnphp, draft, m->regs);
     const uint8_t *opcode = view.bytes;
     const uint8_t *const last = view.bytes + view.size - swift::MOST_BYTES;
     while (opcode < last) {
@@ -450,12 +476,11 @@ template <typename S>
             break;
         opcode = s.at;
     }
-    m->regs = {
-        s.regs.slns_address, s.regs.slns_op_index, s.regs.slns_file,          s.regs.slns_line,   s.regs.slns_column,
-        s.regs.slns_flags,   s.regs.slns_isa,      s.regs.slns_discriminator, m->regs.slns_filep, {0}};
+    m->regs = s.regs;
     if (s.descends)
-        lnpp->slnp_flags |= KRV_LNP_FLAG_DESCENDING;
-    lnpp->slnp_lnsp_entries = static_cast<unsigned int>(s.row - lnpp->slnp_lnsp);
+        draft->flags |= KRV_LNP_FLAG_DESCENDING;
+    draft->last = s.last;
+    draft->entries = static_cast<uint32_t>(s.distance - draft->rows.as_short.distances);
     krv_fd_advance(&m->fd, static_cast<uint64_t>(opcode - view.bytes));
 }
 
@@ -481,10 +506,10 @@ static int opcode_failed(careful *m)
 }
 
 template <typename M, typename S>
-static int execute(krv_handle_t *hp, krv_lnph_t *lnphp, krv_lnp_t *lnpp, const krv_fd_t &program, krv_iter_lne_f *func,
-                   void *arg)
+static int execute(krv_handle_t *hp, krv_lnph_t *lnphp, krv_line_draft *draft, const krv_fd_t &program,
+                   krv_iter_lne_f *func, void *arg)
 {
-    M m(hp, lnphp, lnpp, program);
+    M m(hp, lnphp, draft, program);
     while (m.fd.sfd_remaining > 0) {
         if (func == nullptr)
             execute_swiftly<S>(&m); // which leaves a byte at least
@@ -499,7 +524,7 @@ static int execute(krv_handle_t *hp, krv_lnph_t *lnphp, krv_lnp_t *lnpp, const k
             return opcode_failed(&m);
         if (func == nullptr)
             continue;
-        if (const int result = func(hp, offset, m.opcode, m.valueps, m.nvalues, &m.regs, arg)) {
+        if (const int result = func(hp, offset, m.opcode, m.valueps, m.nvalues, &m.registers, arg)) {
             hp->sh_errno = KRV_ERR_IO;
             return result;
         }
@@ -510,10 +535,20 @@ static int execute(krv_handle_t *hp, krv_lnph_t *lnphp, krv_lnp_t *lnpp, const k
 namespace
 {
 
-struct matrix_deleter {
-    void operator()(krv_lnp_t *lnpp) const { krv_line_free_program(lnpp); }
+// Owns a draft until its matrix is made.
+struct draft_guard {
+    krv_handle_t *hp;
+    krv_line_draft *draft;
+
+    explicit draft_guard(krv_handle_t *handle) : hp(handle), draft(krv_line_draft_begin(handle)) {}
+    ~draft_guard()
+    {
+        if (draft != nullptr)
+            krv_line_draft_end(hp, draft);
+    }
+    draft_guard(const draft_guard &) = delete;
+    draft_guard &operator=(const draft_guard &) = delete;
 };
-using matrix_owner = std::unique_ptr<krv_lnp_t, matrix_deleter>;
 
 } // namespace
 
@@ -524,17 +559,24 @@ int krv_line_build_program(krv_handle_t *hp, krv_lnph_t *lnphp, krv_lnp_t **lnpp
     KRV_ASSERT(lnppp != NULL);
     krv_fd_t fd = hp->sh_sec[KRV_SEC_LINE];
     KRV_ASSERT(fd.sfd_size != 0);
-    matrix_owner matrix(krv_line_alloc_program(hp));
-    if (matrix == nullptr)
+    const draft_guard guard(hp);
+    if (guard.draft == nullptr)
         return -1;
     if (korva_fd_seek(&fd, lnphp->sln_program_offset, KRV_FD_SEEK_SET) != 0 ||
         korva_fd_truncate(&fd, lnphp->sln_program_size) != 0)
         return -1; // the section was replaced by a shorter one
-    krv_lns_init(lnphp, &matrix->slnp_current);
     const auto execute_all =
         krv_reads_as_written(hp) ? execute<careful_as_written, swift_as_written> : execute<careful, swift>;
-    const int result = execute_all(hp, lnphp, matrix.get(), fd, func, arg);
-    if (result == 0)
-        *lnppp = matrix.release();
-    return result;
+    const int result = execute_all(hp, lnphp, guard.draft, fd, func, arg);
+    if (result != 0)
+        return result;
+    krv_lnp_t *matrix = krv_line_draft_seal(hp, lnphp, guard.draft);
+    if (matrix == nullptr)
+        return -1;
+    if (!krv_reads_as_written(hp) && krv_lnp_reserve_canonical(hp, matrix) != 0) {
+        krv_line_free_program(matrix);
+        return -1;
+    }
+    *lnppp = matrix;
+    return 0;
 }

@@ -4,35 +4,35 @@
 // group's other copies, --gc-sections) leaves its lines behind, at address 0, 1, -1 or -2 or wherever its relocation came to
 // lie: they overlap each other and live code.
 #include "krv_ext.h"
-#include "krv_line.h"
+#include "krv_line_draft.h"
+#include "krv_mem.h"
 
 #include <algorithm>
+#include <numeric>
 
-// A sequence that the program leaves open ends at its last address.
-static int close_last(krv_handle_t *hp, krv_lnph_t *lnphp, krv_lnp_t *lnpp)
+// Rows as they came, to be put in another order.
+static bool begin_order(krv_handle_t *hp, krv_line_draft *draft)
 {
-    if ((lnpp->slnp_flags & KRV_LNP_FLAG_IN_SEQUENCE) == 0)
-        return 0;
-    lnpp->slnp_current.slns_flags |= KRV_LNS_FLAG_ES;
-    return krv_line_push_entry(hp, lnphp, lnpp, &lnpp->slnp_current);
+    draft->order = static_cast<uint32_t *>(krv_alloc(hp, draft->entries * sizeof(uint32_t)));
+    if (draft->order != nullptr)
+        std::iota(draft->order, draft->order + draft->entries, 0U);
+    return draft->order != nullptr;
 }
 
 // Rows that descend within a sequence are put in order; those of one address stay as they came.
-static void sort_rows(krv_lnp_t *lnpp)
+static void sort_rows(krv_line_draft *draft)
 {
-    const auto is_before = [](const krv_lns_t &a, const krv_lns_t &b) {
-        return a.slns_address != b.slns_address ? a.slns_address < b.slns_address
-                                                : a.slns_u.slnsu_index < b.slns_u.slnsu_index;
+    const krv_rows_t &rows = draft->rows;
+    const auto is_before = [&rows](uint32_t a, uint32_t b) {
+        const uint64_t at_a = rows.address(a), at_b = rows.address(b);
+        return at_a != at_b ? at_a < at_b : a < b;
     };
-    for (unsigned int i = 0; i < lnpp->slnp_lnsp_entries; ++i)
-        lnpp->slnp_lnsp[i].slns_u.slnsu_index = i;
-    for (unsigned int i = 0; i < lnpp->slnp_lnbp_entries; ++i) {
-        krv_lnb_t *seq = &lnpp->slnp_lnbp[i];
-        krv_lns_t *first = lnpp->slnp_lnsp + seq->slnb_start_index;
-        std::sort(first, lnpp->slnp_lnsp + seq->slnb_end_index, is_before);
-        seq->slnb_start_addr = first->slns_address;
+    for (uint32_t i = 0; i < draft->lnbp_entries; ++i) {
+        krv_lnb_t *seq = &draft->lnbp[i];
+        std::sort(draft->order + seq->slnb_start_index, draft->order + seq->slnb_end_index, is_before);
+        seq->slnb_start_addr = rows.address(draft->order[seq->slnb_start_index]);
     }
-    lnpp->slnp_flags &= ~uint32_t{KRV_LNP_FLAG_DESCENDING};
+    draft->flags &= ~uint32_t{KRV_LNP_FLAG_DESCENDING};
 }
 
 // Of two that overlap one goes: that which begins where linkers put what they dropped, else the later one.
@@ -67,42 +67,57 @@ static unsigned int choose_sequences(const krv_handle_t *hp, krv_lnb_t *seqs, un
     return static_cast<unsigned int>(kept - seqs);
 }
 
-// Rows of no sequence go; the others move up.
-static void keep_rows(krv_lnp_t *lnpp)
+static uint32_t rows_of_sequences(const krv_line_draft *draft)
 {
-    krv_lnb_t *const seqs = lnpp->slnp_lnbp, *const end = seqs + lnpp->slnp_lnbp_entries;
-    uint64_t wanted = 0;
-    for (const krv_lnb_t *seq = seqs; seq != end; ++seq)
-        wanted += uint64_t{seq->slnb_end_index} - seq->slnb_start_index + 1;
-    if (wanted == lnpp->slnp_lnsp_entries)
-        return;
+    return std::accumulate(draft->lnbp, draft->lnbp + draft->lnbp_entries, 0U, [](uint32_t sum, const krv_lnb_t &seq) {
+        return sum + seq.slnb_end_index - seq.slnb_start_index + 1;
+    });
+}
+
+// Rows of no sequence go; the others move up.
+static void keep_rows(krv_line_draft *draft)
+{
+    krv_lnb_t *const seqs = draft->lnbp, *const end = seqs + draft->lnbp_entries;
     std::sort(seqs, end,
               [](const krv_lnb_t &a, const krv_lnb_t &b) { return a.slnb_start_index < b.slnb_start_index; });
-    krv_lns_t *to = lnpp->slnp_lnsp;
+    uint32_t *const order = draft->order, *to = order;
     for (krv_lnb_t *seq = seqs; seq != end; ++seq) {
-        const auto start = static_cast<unsigned int>(to - lnpp->slnp_lnsp);
-        to = std::move(lnpp->slnp_lnsp + seq->slnb_start_index, lnpp->slnp_lnsp + seq->slnb_end_index + 1, to);
+        const auto start = static_cast<uint32_t>(to - order);
+        to = std::move(order + seq->slnb_start_index, order + seq->slnb_end_index + 1, to);
         seq->slnb_end_index -= seq->slnb_start_index - start;
         seq->slnb_start_index = start;
     }
-    lnpp->slnp_lnsp_entries = static_cast<unsigned int>(to - lnpp->slnp_lnsp);
+    draft->kept = static_cast<uint32_t>(to - order);
     std::sort(seqs, end, [](const krv_lnb_t &a, const krv_lnb_t &b) { return a.slnb_start_addr < b.slnb_start_addr; });
 }
 
-int krv_line_keep_sound(krv_handle_t *hp, krv_lnph_t *lnphp, krv_lnp_t *lnpp, bool tells)
+int krv_line_draft_keep_sound(krv_handle_t *hp, krv_lnph_t *lnphp, krv_line_draft *draft, const krv_line_state_t &registers,
+                              bool tells)
 {
-    if (close_last(hp, lnphp, lnpp) != 0)
+    if ((draft->flags & KRV_LNP_FLAG_IN_SEQUENCE) != 0) { // it ends at its last address
+        krv_line_state_t end = registers;
+        end.slns_flags |= KRV_LNS_FLAG_ES;
+        if (!krv_line_draft_push(hp, lnphp, draft, end))
+            return -1;
+    }
+    const bool descends = (draft->flags & KRV_LNP_FLAG_DESCENDING) != 0;
+    if (descends && !begin_order(hp, draft))
         return -1;
-    if ((lnpp->slnp_flags & KRV_LNP_FLAG_DESCENDING) != 0)
-        sort_rows(lnpp);
-    const unsigned int count = lnpp->slnp_lnbp_entries;
-    lnpp->slnp_lnbp_entries = choose_sequences(hp, lnpp->slnp_lnbp, count);
-    lnpp->slnp_flags &= ~uint32_t{KRV_LNP_FLAG_UNSORTED};
-    keep_rows(lnpp);
-    if (tells && lnpp->slnp_lnbp_entries != count)
+    if (descends)
+        sort_rows(draft);
+    const uint32_t count = draft->lnbp_entries;
+    draft->lnbp_entries = choose_sequences(hp, draft->lnbp, count);
+    draft->flags &= ~uint32_t{KRV_LNP_FLAG_UNSORTED};
+    draft->kept = draft->entries;
+    if (rows_of_sequences(draft) != draft->entries) {
+        if (draft->order == nullptr && !begin_order(hp, draft))
+            return -1;
+        keep_rows(draft);
+    }
+    if (tells && draft->lnbp_entries != count)
         krv_tell(hp, KRV_SEC_LINE, lnphp->sln_offset, false,
                  "%u of %u sequences of the line-number program at offset 0x%lx describe code that is not in the file: "
                  "left out",
-                 count - lnpp->slnp_lnbp_entries, count, static_cast<unsigned long>(lnphp->sln_offset));
+                 count - draft->lnbp_entries, count, static_cast<unsigned long>(lnphp->sln_offset));
     return 0;
 }

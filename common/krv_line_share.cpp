@@ -6,7 +6,7 @@
 #include "krv_error.h"
 #include "krv_fd.h"
 #include "krv_hash.h"
-#include "krv_line.h"
+#include "krv_line_draft.h"
 #include "krv_mem.h"
 
 namespace
@@ -118,6 +118,9 @@ krv_lnph_t *krv_line_share_header(krv_handle_t *hp, krv_ctu_t *cup, uint64_t off
 
 void krv_line_destroy_caches(krv_handle_t *hp)
 {
+    if (hp->sh_line_draft != nullptr)
+        krv_line_draft_free(hp->sh_line_draft);
+    hp->sh_line_draft = nullptr;
     if (hp->sh_line_headers == nullptr)
         return;
     krv_hash_iter(hp->sh_line_headers, [](void *common) {
@@ -138,9 +141,7 @@ static krv_lnp_t *build_matrix(krv_handle_t *hp, krv_lnph_t *lnphp)
     krv_lnp_t *fresh = nullptr;
     if (!krv_line_may_keep(hp, 0) || krv_line_build_program(hp, lnphp, &fresh, nullptr, nullptr) != 0)
         return nullptr;
-    // The matrix is kept: what its tables do not use is given back.
-    if (krv_table_trim(hp, &fresh->slnp_lnsp, &fresh->slnp_lnsp_size, fresh->slnp_lnsp_entries) &&
-        krv_line_may_keep(hp, krv_line_program_bytes(fresh)))
+    if (krv_line_may_keep(hp, krv_lnp_bytes(fresh)))
         return fresh;
     krv_line_free_program(fresh);
     return nullptr;
@@ -160,7 +161,7 @@ krv_lnp_t *krv_line_get_matrix(krv_handle_t *hp, krv_lnph_t *lnphp)
         lnpp = build_matrix(hp, lnphp);
         if (lnpp == nullptr)
             return nullptr;
-        if ((lnpp->slnp_flags & KRV_LNP_FLAG_DEFINES) != 0)
+        if ((lnpp->slnp_flags & KRV_LNP_FLAG_DEFINES) != 0 || !krv_lnph_has_borrowed_files(lnphp))
             common = nullptr;
         if (common != nullptr)
             lnpp = krv_publish(&common->slc_matrix, lnpp, krv_line_free_program);

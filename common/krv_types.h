@@ -12,6 +12,7 @@ struct krv_addr_index;
 struct krv_alternate;
 struct krv_calls;
 struct krv_hash;
+struct krv_line_draft;
 struct krv_named;
 struct krv_reader;
 struct krv_retired;
@@ -70,6 +71,7 @@ struct krv_handle {
     krv_offset_t sh_abbrev_checked_end;    // what it has read lies before this; 0: nothing yet
     uint64_t sh_abbrev_scanned;            // bytes that it has read where input is read as written
     krv_hash *sh_line_headers;             // what units share of .debug_line, built on first use
+    krv_line_draft *sh_line_draft;         // owned: tables for the rows of the next program, while no program has them
     krv_relaxed<uint64_t> sh_line_bytes;   // of memory in line headers, files and matrices
     uint32_t sh_ext;                       // KRV_EXT_*, fixed before the first query
     krv_fd_t sh_ext_sec[KRV_EXT_SECTIONS]; // one cursor a section of extensions

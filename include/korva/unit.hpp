@@ -183,24 +183,29 @@ public:
     /** The source of @p address, which lies in the function [@p start, @p start + @p size). */
     result<korva::source> source(std::uint64_t address, std::uint64_t start, std::uint64_t size) const
     {
+        const result<korva::source_view> seen = source_view(address, start, size);
+        if (!seen)
+            return seen.error();
         krv_lns_t *row = korva_lookup_source_by_cu_and_addr(hp_, cup_, start, size, address, 0);
-        korva::source_view seen;
         korva::source found;
-        if (!read_row(row, &seen) || korva_lns_get_canonical_address(hp_, row, &found.canonical_address) != 0)
+        if (row == nullptr || korva_lns_get_canonical_address(hp_, row, &found.canonical_address) != 0)
             return last_error(hp_);
-        found.path = seen.path == nullptr ? "" : seen.path;
-        found.line = seen.line;
-        found.column = seen.column;
-        found.discriminator = seen.discriminator;
+        found.path = seen->path == nullptr ? "" : seen->path;
+        found.line = seen->line;
+        found.column = seen->column;
+        found.discriminator = seen->discriminator;
         return found;
     }
     /** As source(), without copies. */
     result<korva::source_view> source_view(std::uint64_t address, std::uint64_t start, std::uint64_t size) const
     {
-        korva::source_view seen;
-        if (!read_row(korva_lookup_source_by_cu_and_addr(hp_, cup_, start, size, address, 0), &seen))
+        krv_row_t row;
+        char *path = nullptr;
+        if (korva_lookup_row(hp_, cup_, start, size, address, &row) != 0 ||
+            (row.file != nullptr &&
+             korva_get_fields(hp_, KRV_STRUCT_LNFE, row.file, 1, KRV_FIELD_LNFE_ABSOLUTE_PATH, &path) != 0))
             return last_error(hp_);
-        return seen;
+        return korva::source_view{path, row.line, row.column, row.discriminator};
     }
 
     /** The unit's line-number header, for the C functions. KRV_ERR_NOTFOUND when the unit has no line numbers. */
@@ -311,21 +316,6 @@ public:
     }
 
 private:
-    bool read_row(krv_lns_t *row, korva::source_view *seen) const
-    {
-        if (row == nullptr ||
-            korva_get_fields(hp_, KRV_STRUCT_LNS, row, 3, KRV_FIELD_LNS_LINE, &seen->line, KRV_FIELD_LNS_COLUMN,
-                             &seen->column, KRV_FIELD_LNS_DISCRIMINATOR, &seen->discriminator) != 0)
-            return false;
-        char *path = nullptr;
-        krv_lnfe_t *file = korva_lns_get_filep(hp_, row);
-        if (file != nullptr &&
-            korva_get_fields(hp_, KRV_STRUCT_LNFE, file, 1, KRV_FIELD_LNFE_ABSOLUTE_PATH, &path) != 0)
-            return false;
-        seen->path = path;
-        return true;
-    }
-
     krv_lnp_t *open_matrix(unsigned int *countp) const
     {
         krv_lnph_t *header = korva_line_get_cu_lnph(hp_, cup_);

@@ -182,6 +182,26 @@ KORVA_API krv_ctu_t *korva_lookup_ctu_by_addr(krv_handle_t *hp, uint64_t address
 KORVA_API krv_ctu_t *korva_lookup_next_ctu_by_addr(krv_handle_t *hp, krv_ctu_t *cup, uint64_t address,
                                                    krv_lookup_flag_t flags);
 
+/** A row of a line-number matrix as a value, as korva_lookup_row stores it. */
+typedef struct krv_row {
+    uint64_t address;       /**< first that it describes, with the bias of KRV_OPT_BASE_ADDR */
+    krv_lnfe_t *file;       /**< lives as long as the unit; NULL when the row names no file of the table */
+    uint32_t number;        /**< of the row in its matrix: the element of what KRV_FIELD_LNS_* of a matrix store */
+    uint32_t line;          /**< counted from 1; 0 where the program knows none */
+    uint16_t column;        /**< counted from 1; 0 where the program knows none */
+    uint16_t discriminator; /**< 0 where there is none */
+    uint8_t is_stmt;        /**< 1: a recommended place for a breakpoint */
+} krv_row_t;
+
+/**
+ * As korva_lookup_source_by_cu_and_addr, but stores what the row says. Nothing is made or kept for it beyond the unit's
+ * matrix: the way for many addresses. Other threads may ask at the same time, as there.
+ *
+ * Errors, and then nothing is stored: those of korva_lookup_source_by_cu_and_addr; KRV_ERR_INVALID for a NULL argument.
+ */
+KORVA_API int korva_lookup_row(krv_handle_t *hp, krv_ctu_t *cup, uint64_t start, uint64_t size, uint64_t addr,
+                               krv_row_t *rowp);
+
 /** What call-frame information covers a frame, as korva_activation_get_frame_info stores it. */
 typedef struct krv_frame_info {
     uint64_t start; /**< first address that it covers */
