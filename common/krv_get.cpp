@@ -182,9 +182,8 @@ static void write_member(const Rows &rows, T *to)
 template <uint32_t FLAG, typename Rows>
 static void write_flag(const Rows &rows, boolean_t *to)
 {
-    rows.each([to](uint32_t i, const krv_line_state_t &row) {
-        to[i] = (row.slns_flags & FLAG) != 0 ? B_TRUE : B_FALSE;
-    });
+    rows.each(
+        [to](uint32_t i, const krv_line_state_t &row) { to[i] = (row.slns_flags & FLAG) != 0 ? B_TRUE : B_FALSE; });
 }
 
 // Writes a field of rows, but for the canonical address, to consecutive elements of its destination type.

@@ -12,6 +12,7 @@
 #include "krv_types.h"
 
 struct krv_line_common;
+struct krv_line_failure;
 
 // One file of a header's table. Allocated by itself, so that it stays where it is while the table grows.
 struct krv_lnfe {
@@ -60,9 +61,11 @@ struct krv_lnph {
 // What units of one program and one compilation directory have in common. Counted: by their headers and the handle.
 struct krv_line_common {
     krv_refcnt_t slc_refcnt;
-    krv_fd_t slc_section;   // .debug_line as it was attached when the header was read
-    krv_lnph_t *slc_header; // owned: as it was read; never executed
+    krv_fd_t slc_section;    // .debug_line as it was attached when the header was read
+    krv_offset_t slc_offset; // of the header in it
+    krv_lnph_t *slc_header;  // owned: as it was read; never executed; NULL where that failed
     krv_lnp_t *slc_matrix; // owned: of that section, where the program defines no files; NULL until a unit has built it
+    krv_line_failure *slc_failure; // owned: of the header, or of such a program, where it is kept; else NULL
 };
 
 // Reads the header at `offset` of .debug_line. cup gives the compilation directory, which is to live as long, and may be

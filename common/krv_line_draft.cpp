@@ -71,8 +71,9 @@ static bool grow_rows(krv_handle_t *hp, const krv_lnph_t *lnphp, krv_line_draft 
         return false;
     }
     krv_rows_t &rows = draft->rows;
-    const bool grown = rows.is_long ? resize(hp, &rows.as_long.addresses, size) && resize(hp, &rows.as_long.rests, size)
-                                    : resize(hp, &rows.as_short.distances, size) && resize(hp, &rows.as_short.rests, size);
+    const bool grown = rows.is_long
+                           ? resize(hp, &rows.as_long.addresses, size) && resize(hp, &rows.as_long.rests, size)
+                           : resize(hp, &rows.as_short.distances, size) && resize(hp, &rows.as_short.rests, size);
     if (grown)
         draft->size = static_cast<uint32_t>(size);
     return grown;
@@ -176,8 +177,8 @@ int krv_line_draft_check(krv_handle_t *hp, krv_line_draft *draft)
         if (i > 0 && seq->slnb_start_addr < seq[-1].slnb_end_addr) {
             krv_fail(hp, KRV_ERR_CORRUPT, "matrix contains overlapping sequences (0x%lx--0x%lx and 0x%lx--0x%lx)",
                      static_cast<unsigned long>(seq[-1].slnb_start_addr),
-                     static_cast<unsigned long>(seq[-1].slnb_end_addr), static_cast<unsigned long>(seq->slnb_start_addr),
-                     static_cast<unsigned long>(seq->slnb_end_addr));
+                     static_cast<unsigned long>(seq[-1].slnb_end_addr),
+                     static_cast<unsigned long>(seq->slnb_start_addr), static_cast<unsigned long>(seq->slnb_end_addr));
             return krv_note(hp, "error sorting matrix sequences");
         }
     }
@@ -204,8 +205,8 @@ krv_lnp_t *krv_line_draft_seal(krv_handle_t *hp, krv_lnph_t *lnphp, const krv_li
     const size_t count = draft->kept, sequences = draft->lnbp_entries * sizeof(krv_lnb_t);
     const size_t address_bytes = rows.in_form([](const auto &form) { return form.ADDRESS_BYTES; });
     const size_t rest_bytes = rows.in_form([](const auto &form) { return form.REST_BYTES; });
-    auto *lnpp = static_cast<krv_lnp_t *>(
-        krv_alloc(hp, sizeof(krv_lnp_t) + sequences + count * (address_bytes + rest_bytes)));
+    auto *lnpp =
+        static_cast<krv_lnp_t *>(krv_alloc(hp, sizeof(krv_lnp_t) + sequences + count * (address_bytes + rest_bytes)));
     if (lnpp == nullptr)
         return nullptr;
     uint64_t nfiles;

@@ -14,13 +14,13 @@ struct krv_line_draft {
     krv_rows_t rows; // owned tables of `size` rows, of which `entries` are there
     uint32_t size;
     uint32_t entries;
-    uint64_t last; // address of the last row
+    uint64_t last;   // address of the last row
     krv_lnb_t *lnbp; // owned: sequences; `lnbp_entries` are closed, one more may be open
     uint32_t lnbp_size;
     uint32_t lnbp_entries;
-    uint32_t flags;      // KRV_LNP_FLAG_*
-    uint32_t kept;       // rows of the matrix to be
-    uint32_t *order;     // owned: their numbers in the tables; NULL: all, as they came
+    uint32_t flags;  // KRV_LNP_FLAG_*
+    uint32_t kept;   // rows of the matrix to be
+    uint32_t *order; // owned: their numbers in the tables; NULL: all, as they came
 };
 
 // An empty draft, and its end: the handle keeps it, or what it has is freed. NULL with KRV_ERR_NOMEM.
@@ -36,8 +36,8 @@ int krv_line_draft_check(krv_handle_t *hp, krv_line_draft *draft);
 
 // The same for input as it is written: leaves out the sequences that describe no code or overlap others, with their rows,
 // and tells so if it is to. What is kept is sound, and in order. 0, or -1 with KRV_ERR_NOMEM.
-int krv_line_draft_keep_sound(krv_handle_t *hp, krv_lnph_t *lnphp, krv_line_draft *draft, const krv_line_state_t &registers,
-                              bool tells);
+int krv_line_draft_keep_sound(krv_handle_t *hp, krv_lnph_t *lnphp, krv_line_draft *draft,
+                              const krv_line_state_t &registers, bool tells);
 
 // Then makes the matrix. NULL with KRV_ERR_NOMEM.
 krv_lnp_t *krv_line_draft_seal(krv_handle_t *hp, krv_lnph_t *lnphp, const krv_line_draft *draft);

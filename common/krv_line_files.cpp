@@ -88,7 +88,8 @@ void krv_lnph_free_files(krv_lnph_t *lnphp)
         krv_free(lnphp->sln_files[i]);
     }
     file_array *older;
-    for (file_array *array = krv_lnph_has_borrowed_files(lnphp) ? nullptr : array_of(lnphp->sln_files); array; array = older) {
+    for (file_array *array = krv_lnph_has_borrowed_files(lnphp) ? nullptr : array_of(lnphp->sln_files); array;
+         array = older) {
         older = array->older;
         krv_free(array);
     }

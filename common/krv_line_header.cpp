@@ -46,6 +46,7 @@ void krv_line_release(krv_line_common *common)
         krv_line_free_program(common->slc_matrix);
     if (common->slc_header != nullptr)
         krv_lnph_free(common->slc_header);
+    krv_free(common->slc_failure);
     krv_free(common);
 }
 

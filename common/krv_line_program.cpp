@@ -383,8 +383,8 @@ struct swift {
 
     swift(krv_lnph_t *header, krv_line_draft *draft, const krv_line_state_t &registers)
         : at(nullptr), scale(header), lnphp(header), regs(registers), base(draft->rows.base), last(draft->last),
-          distance(draft->rows.as_short.distances + draft->entries),
-          full(draft->rows.as_short.distances + draft->size), rest(draft->rows.as_short.rests + draft->entries)
+          distance(draft->rows.as_short.distances + draft->entries), full(draft->rows.as_short.distances + draft->size),
+          rest(draft->rows.as_short.rests + draft->entries)
     {
         krv_lnph_files(header, &files_end);
         files_end = std::min<uint64_t>(files_end + header->sln_first, rows_t::MOST_FILE + 1);
@@ -408,10 +408,7 @@ struct swift {
     }
     bool read_length(uint64_t *length) { return operand<DW_FORM_udata>(length); }
 
-    bool has_room() const
-    {
-        return distance != full && regs.slns_address - rows_t::lowest(base) < rows_t::SPAN;
-    }
+    bool has_room() const { return distance != full && regs.slns_address - rows_t::lowest(base) < rows_t::SPAN; }
     bool push_row()
     {
         descends |= regs.slns_address < last;

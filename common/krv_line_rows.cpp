@@ -12,7 +12,8 @@
 
 uint64_t krv_lnp_bytes(const krv_lnp_t *lnpp)
 {
-    const uint64_t a_row = lnpp->slnp_rows.in_form([](const auto &rows) { return rows.ADDRESS_BYTES + rows.REST_BYTES; });
+    const uint64_t a_row =
+        lnpp->slnp_rows.in_form([](const auto &rows) { return rows.ADDRESS_BYTES + rows.REST_BYTES; });
     return sizeof(krv_lnp_t) + lnpp->slnp_lnbp_entries * sizeof(krv_lnb_t) + sizeof(krv_lns_table) +
            lnpp->slnp_lnsp_entries * (a_row + sizeof(krv_lns_t) + sizeof(uint32_t));
 }
@@ -37,8 +38,7 @@ krv_lns_t *krv_lnp_hand_out(krv_handle_t *hp, krv_lnp_t *lnpp, uint32_t number)
     krv_lns_table *table = krv_load(&lnpp->slnp_handed_out);
     if (table == nullptr) {
         const size_t count = lnpp->slnp_lnsp_entries;
-        auto *fresh =
-            static_cast<krv_lns_table *>(krv_alloc(hp, sizeof(krv_lns_table) + count * sizeof(krv_lns_t)));
+        auto *fresh = static_cast<krv_lns_table *>(krv_alloc(hp, sizeof(krv_lns_table) + count * sizeof(krv_lns_t)));
         if (fresh == nullptr)
             return nullptr;
         fresh->matrix = lnpp;
@@ -117,9 +117,8 @@ uint64_t krv_lnp_canonical_address(krv_handle_t *hp, krv_lnp_t *lnpp, uint32_t n
         krv_clear_error(hp);
         return scan_for_lowest(lnpp, row);
     }
-    return rows.address(*std::partition_point(by_line, by_line + lnpp->slnp_lnsp_entries, [&](uint32_t i) {
-        return compare_lines(rows.get(i), row) < 0;
-    }));
+    return rows.address(*std::partition_point(by_line, by_line + lnpp->slnp_lnsp_entries,
+                                              [&](uint32_t i) { return compare_lines(rows.get(i), row) < 0; }));
 }
 
 int krv_lnp_canonical_addresses(krv_handle_t *hp, krv_lnp_t *lnpp, uint64_t *addresses)

@@ -82,10 +82,7 @@ struct krv_short_rows_t {
                s.slns_op_index == 0;
     }
 
-    uint64_t address(uint32_t i, uint64_t base) const
-    {
-        return base + static_cast<uint64_t>(int64_t{distances[i]});
-    }
+    uint64_t address(uint32_t i, uint64_t base) const { return base + static_cast<uint64_t>(int64_t{distances[i]}); }
     krv_line_state_t get(uint32_t i, uint64_t base) const
     {
         const rest_t &r = rests[i];
@@ -94,12 +91,8 @@ struct krv_short_rows_t {
     void set(uint32_t i, uint64_t base, const krv_line_state_t &s)
     {
         distances[i] = static_cast<int32_t>(s.slns_address - base);
-        rests[i] = {s.slns_line,
-                    static_cast<uint16_t>(s.slns_file),
-                    s.slns_column,
-                    s.slns_discriminator,
-                    static_cast<uint8_t>(s.slns_isa),
-                    static_cast<uint8_t>(s.slns_flags)};
+        rests[i] = {s.slns_line,          static_cast<uint16_t>(s.slns_file), s.slns_column,
+                    s.slns_discriminator, static_cast<uint8_t>(s.slns_isa),   static_cast<uint8_t>(s.slns_flags)};
     }
 };
 
@@ -122,14 +115,19 @@ struct krv_long_rows_t {
     void set(uint32_t i, uint64_t, const krv_line_state_t &s)
     {
         addresses[i] = s.slns_address;
-        rests[i] = {s.slns_line,   s.slns_file, s.slns_op_index, s.slns_column, s.slns_discriminator,
-                    s.slns_isa,    static_cast<uint16_t>(s.slns_flags)};
+        rests[i] = {s.slns_line,
+                    s.slns_file,
+                    s.slns_op_index,
+                    s.slns_column,
+                    s.slns_discriminator,
+                    s.slns_isa,
+                    static_cast<uint16_t>(s.slns_flags)};
     }
 };
 
 // Rows of the one form or the other.
 struct krv_rows_t {
-    uint64_t base;  // short ones: the address that distances count from
+    uint64_t base; // short ones: the address that distances count from
     bool is_long;
     krv_short_rows_t as_short;
     krv_long_rows_t as_long;
@@ -140,10 +138,7 @@ struct krv_rows_t {
     {
         return is_long ? func(as_long) : func(as_short);
     }
-    uint64_t address(uint32_t i) const
-    {
-        return is_long ? as_long.address(i, base) : as_short.address(i, base);
-    }
+    uint64_t address(uint32_t i) const { return is_long ? as_long.address(i, base) : as_short.address(i, base); }
     // Of `count` rows from `first` on, whose addresses never descend, how many are not above this one; searched from the
     // `guess`th on.
     size_t count_not_above(uint32_t first, size_t count, size_t guess, uint64_t address) const

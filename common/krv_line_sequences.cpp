@@ -91,8 +91,8 @@ static void keep_rows(krv_line_draft *draft)
     std::sort(seqs, end, [](const krv_lnb_t &a, const krv_lnb_t &b) { return a.slnb_start_addr < b.slnb_start_addr; });
 }
 
-int krv_line_draft_keep_sound(krv_handle_t *hp, krv_lnph_t *lnphp, krv_line_draft *draft, const krv_line_state_t &registers,
-                              bool tells)
+int krv_line_draft_keep_sound(krv_handle_t *hp, krv_lnph_t *lnphp, krv_line_draft *draft,
+                              const krv_line_state_t &registers, bool tells)
 {
     if ((draft->flags & KRV_LNP_FLAG_IN_SEQUENCE) != 0) { // it ends at its last address
         krv_line_state_t end = registers;

@@ -2,7 +2,8 @@
 //
 // What units share of their line numbers. Many may name one header of .debug_line: partial units do, and whoever wants
 // memory to grow with the product of both. It is read once for each compilation directory, which is part of its files'
-// paths, and executed once, unless its program defines files: they are added to the table of the unit that asked.
+// paths, and executed once, unless its program defines files: they are added to the table of the unit that asked. In input
+// as it is written that holds for what fails, too.
 #include "krv_error.h"
 #include "krv_fd.h"
 #include "krv_hash.h"
@@ -23,6 +24,57 @@ using common_owner = std::unique_ptr<krv_line_common, common_deleter>;
 static bool is_current(const krv_handle_t *hp, const krv_line_common *common)
 {
     return krv_fd_same_source(&common->slc_section, &hp->sh_sec[KRV_SEC_LINE]);
+}
+
+// ---------------------------------------------------------------------------------------------------------------
+// Failures
+// ---------------------------------------------------------------------------------------------------------------
+
+// An error state: its code and its messages, one behind the other, each with its NUL.
+struct krv_line_failure {
+    int code;
+    unsigned int nmessages;
+    char messages[];
+};
+
+// The error state, if reading again can only fail in the same way and there is room to keep that. Else NULL, as it is left.
+static krv_line_failure *copy_failure(krv_handle_t *hp)
+{
+    const int code = hp->sh_errno;
+    if (!krv_reads_as_written(hp) || krv_fd_is_cb(&hp->sh_sec[KRV_SEC_LINE]) || code == KRV_ERR_NOMEM)
+        return nullptr;
+    unsigned int count = 0;
+    char **messages = korva_handle_get_errmsgs(hp, &count);
+    size_t sizes[KRV_MAX_ERRORS], bytes = sizeof(krv_line_failure);
+    for (unsigned int i = 0; i < count; ++i) {
+        sizes[i] = strnlen(messages[i], KRV_MAX_ERROR_SIZE - 1);
+        bytes += sizes[i] + 1;
+    }
+    if (!krv_line_has_room(hp, bytes))
+        return nullptr;
+    auto *failure = static_cast<krv_line_failure *>(krv_zalloc(hp, bytes));
+    hp->sh_errno = code;
+    if (failure == nullptr)
+        return nullptr;
+    krv_line_may_keep(hp, bytes);
+    *failure = {code, count};
+    char *to = failure->messages;
+    for (unsigned int i = 0; i < count; ++i) {
+        std::memcpy(to, messages[i], sizes[i]);
+        to += sizes[i] + 1;
+    }
+    return failure;
+}
+
+static void fail_again(krv_handle_t *hp, const krv_line_failure *failure)
+{
+    krv_clear_error(hp);
+    const char *message = failure->messages;
+    for (unsigned int i = 0; i < failure->nmessages; ++i) {
+        krv_push_error(hp, "%s", message);
+        message += std::strlen(message) + 1;
+    }
+    hp->sh_errno = failure->code;
 }
 
 // ---------------------------------------------------------------------------------------------------------------
@@ -74,9 +126,15 @@ static krv_line_common *add_common(krv_handle_t *hp, krv_hash_t *headers, const 
         return nullptr;
     fresh->slc_refcnt = 1;
     fresh->slc_section = hp->sh_sec[KRV_SEC_LINE];
+    fresh->slc_offset = offset;
     fresh->slc_header = read_header(hp, cup, offset);
-    if (fresh->slc_header == nullptr)
-        return nullptr;
+    if (fresh->slc_header == nullptr) {
+        // Which strings a header of version 5 has may depend on the unit.
+        const bool is_for_all = krv_section(hp, KRV_SEC_EXT_STR_OFFSETS)->sfd_size == 0;
+        fresh->slc_failure = is_for_all ? copy_failure(hp) : nullptr;
+        if (fresh->slc_failure == nullptr)
+            return nullptr;
+    }
     auto *stored = static_cast<krv_line_common *>(krv_hash_insert(hp, headers, key, fresh.get()));
     if (stored == fresh.get())
         static_cast<void>(fresh.release()); // the handle's now
@@ -110,8 +168,14 @@ krv_lnph_t *krv_line_share_header(krv_handle_t *hp, krv_ctu_t *cup, uint64_t off
     if (common == nullptr)
         return nullptr;
     const krv_lnph_t *header = common->slc_header;
-    const bool is_same = header->sln_offset == offset && is_current(hp, common) &&
-                         (header->sln_string_unit == nullptr || header->sln_string_unit == cup) &&
+    if (common->slc_offset != offset || !is_current(hp, common))
+        return read_header(hp, cup, offset);
+    if (header == nullptr) {
+        if (hp->sh_errno == KRV_ERR_NONE) // else it has just failed so
+            fail_again(hp, common->slc_failure);
+        return nullptr;
+    }
+    const bool is_same = (header->sln_string_unit == nullptr || header->sln_string_unit == cup) &&
                          std::strcmp(text_of(header->sln_comp_dir), text_of(cup->dcu_comp_dir)) == 0;
     return is_same ? borrow(hp, common) : read_header(hp, cup, offset);
 }
@@ -147,6 +211,15 @@ static krv_lnp_t *build_matrix(krv_handle_t *hp, krv_lnph_t *lnphp)
     return nullptr;
 }
 
+// Of a program whose matrix was to be built. One that defines files does so each time.
+static void keep_failure(krv_handle_t *hp, const krv_lnph_t *lnphp, krv_line_common *common)
+{
+    if (common == nullptr || !krv_lnph_has_borrowed_files(lnphp))
+        return;
+    if (krv_line_failure *failure = copy_failure(hp))
+        krv_publish(&common->slc_failure, failure, krv_free);
+}
+
 krv_lnp_t *krv_line_get_matrix(krv_handle_t *hp, krv_lnph_t *lnphp)
 {
     KRV_ASSERT(hp != NULL);
@@ -156,11 +229,17 @@ krv_lnp_t *krv_line_get_matrix(krv_handle_t *hp, krv_lnph_t *lnphp)
     krv_line_common *common = lnphp->sln_common;
     if (common != nullptr && !is_current(hp, common))
         common = nullptr;
+    if (const krv_line_failure *failure = common == nullptr ? nullptr : krv_load(&common->slc_failure)) {
+        fail_again(hp, failure);
+        return nullptr;
+    }
     krv_lnp_t *lnpp = common == nullptr ? nullptr : krv_load(&common->slc_matrix);
     if (lnpp == nullptr) {
         lnpp = build_matrix(hp, lnphp);
-        if (lnpp == nullptr)
+        if (lnpp == nullptr) {
+            keep_failure(hp, lnphp, common);
             return nullptr;
+        }
         if ((lnpp->slnp_flags & KRV_LNP_FLAG_DEFINES) != 0 || !krv_lnph_has_borrowed_files(lnphp))
             common = nullptr;
         if (common != nullptr)

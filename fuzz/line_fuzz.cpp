@@ -43,14 +43,22 @@ static int ask(krv_handle_t *hp, krv_ctu_t *cu, void *arg)
         std::vector<boolean_t> ends(nrows);
         korva_get_fields(hp, KRV_STRUCT_LNP, matrix, 2, KRV_FIELD_LNS_ADDRESS, addresses.data(), KRV_FIELD_LNS_ES,
                          ends.data());
+        korva_get_fields(hp, KRV_STRUCT_LNP, matrix, 1, KRV_FIELD_LNS_C_ADDRESS, addresses.data());
     }
     for (const uint64_t size : {uint64_t{1}, uint64_t{0x100}, UINT64_MAX}) {
         krv_lns_t *row = korva_lookup_source_by_cu_and_addr(hp, cu, address, size, address, 0);
-        uint32_t line;
+        uint32_t line = 0;
+        uint64_t canonical;
+        const krv_lnfe_t *file = nullptr;
         if (row != nullptr) {
             korva_lns_get_line(hp, row, &line);
-            korva_lns_get_filep(hp, row);
+            korva_lns_get_canonical_address(hp, row, &canonical);
+            file = korva_lns_get_filep(hp, row);
         }
+        krv_row_t value = {};
+        if ((korva_lookup_row(hp, cu, address, size, address, &value) == 0) != (row != nullptr) || value.line != line ||
+            value.file != file)
+            __builtin_trap(); // two ways to one row
     }
     return 0;
 }

@@ -112,7 +112,9 @@ KORVA_API int korva_find_location(krv_handle_t *hp, krv_ctu_t *cup, uint64_t lis
  * shows every opcode all the same: one that the library does not know with its number alone, one of no bytes as extended
  * opcode 0. Programs begin where header_length says, opcodes end where their length says; file numbers that the table does
  * not have give rows without file, numbers beyond a row's field the largest that it can have, and directories that the
- * table does not have count as 0.
+ * table does not have count as 0. A header or program that fails is read once for all units that name it. Memory for the
+ * canonical addresses of a matrix is taken when they are first asked for: KRV_FIELD_LNS_C_ADDRESS of a matrix may fail with
+ * KRV_ERR_NOMEM.
  */
 
 /** Kinds of units, DW_UT_* of DWARF 5; units of earlier versions are compile units, or, where an extension is on,

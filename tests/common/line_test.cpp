@@ -9,6 +9,7 @@
 #include "support/handle.h"
 
 #include <algorithm>
+#include <utility>
 
 using namespace krv_test;
 
@@ -577,6 +578,42 @@ TEST(Line, UnitsOfOneProgram)
             }
         }
     }
+}
+
+// What fails for one unit fails for the next without being read again, in input as it is written: a section that was set
+// right meanwhile shows it. Otherwise it is read each time.
+TEST(Line, FailuresOfOneProgram)
+{
+    const bytes sound = line_unit{.program = program("at 400 copy pc 16 copy end")}.build();
+    const size_t version = 4, header_length = 6, last = sound.size() - 1; // the number of the last opcode
+    const struct {
+        size_t at;
+        uint8_t wrong;
+    } rows[] = {{header_length, 0xff}, {last, 0x81}, {version, 6}};
+    for (const auto &row : rows)
+        for (const bool extended : {false, true}) {
+            if (!extended && row.at == version)
+                continue; // is any
+            handle h;
+            if (extended)
+                h.extend();
+            bytes info, section = sound;
+            for (unsigned i = 0; i < 2; ++i)
+                info += unit{.dies = bytes().u8(1).u32(0)}.build();
+            h.attach(KRV_SEC_ABBREV, abbrevs("1 compile_unit stmt_list:sec_offset")).attach(KRV_SEC_INFO, info);
+            h.attach(KRV_SEC_LINE, section);
+            uint8_t *at = h->sh_sec[KRV_SEC_LINE].sfd_u.buf + row.at;
+            const uint8_t right = std::exchange(*at, row.wrong);
+            std::string seen;
+            for (const korva::unit &u : korva::handle_view(h).units()) {
+                const bool found = korva_lookup_source_by_cu_and_addr(h, u.get(), 0, MAX, 0x402, 0) != nullptr;
+                seen += found ? "found" : h.error() + "; ";
+                *at = right;
+            }
+            const std::string once = seen.substr(0, seen.find("; ") + 2);
+            EXPECT_GT(once.size(), 20U) << seen;
+            EXPECT_EQ(seen, once + (extended ? once : "found"));
+        }
 }
 
 // Lookup and fields
