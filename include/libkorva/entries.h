@@ -164,12 +164,14 @@ typedef struct krv_call {
  * the alternate file.
  *
  * The first question about a unit walks its entries once, for the addresses of its functions; the first about a function
- * that has inlined calls walks these. What was found is kept, in some 40 bytes a range. Of ranges that overlap without one
- * being nested in the other the one behind answers.
+ * that has inlined calls walks these, and finds the names of what was inlined. What was found is kept until the handle is
+ * freed: some 24 bytes a range, 32 an inlined call, and 100 a function whose name was asked for. Names point into the
+ * sections, which may not be attached anew then. Of ranges that overlap without one being nested in the other the one
+ * behind answers. Entries of a unit behind one that cannot be read are not known, and this is noted; range lists are read
+ * up to 4 times their bytes, and what goes beyond covers nothing.
  *
- * Returns 0, or -1: KRV_ERR_NOTFOUND without a message when no function is known to cover the address; KRV_ERR_CORRUPT for
- * entries that cannot be read, for origins that lead to more than 32 entries or in a circle (the call is then without a
- * name, and this no error), and where entries share lists of ranges so that these would be read more than 16 times.
+ * Returns 0, or -1: KRV_ERR_NOTFOUND without a message when no function is known to cover the address; those of reading
+ * the abbreviations; KRV_ERR_NOMEM. A name is looked for in at most 32 entries that lead to one another.
  */
 KORVA_API int korva_lookup_calls(krv_handle_t *hp, uint64_t address, krv_call_t *calls, size_t room, size_t *countp);
 
@@ -178,7 +180,7 @@ KORVA_API int korva_lookup_calls(krv_handle_t *hp, uint64_t address, krv_call_t 
 typedef int krv_iter_calls_f(krv_handle_t *hp, size_t index, const krv_call_t *calls, size_t count, void *arg);
 
 /**
- * korva_lookup_calls of many addresses, which are looked up in ascending order, and visited in that of the array. Takes 24
+ * korva_lookup_calls of many addresses, which are looked up in ascending order, and visited in that of the array. Takes 20
  * bytes of memory an address while it runs. Returns 0, @p fn's result, or -1 with KRV_ERR_NOMEM. A chain of more than 256
  * calls is cut at its outer end, the last element being the function that has the code.
  */
@@ -187,7 +189,7 @@ KORVA_API int korva_iter_calls(krv_handle_t *hp, const uint64_t *addresses, size
 
 /** Flags of korva_iter_named_entries. */
 enum {
-    KRV_NAMED_FUNCTIONS = 1, /**< entries of functions with code, and of their declarations where there is none */
+    KRV_NAMED_FUNCTIONS = 1, /**< entries of functions that have code */
     KRV_NAMED_VARIABLES = 2, /**< those of variables that have a location outside functions */
 };
 
