@@ -62,6 +62,7 @@ private:
     frame_place look_up(const stack_frame &f);
     std::string path_of(const krv_elf_frame_t &call) const;
     void print_place(const std::string &path, uint32_t line);
+    void print_variables(const call_variables &variables);
     void print_frame(size_t index, const stack_frame &f, const frame_place &at);
     json_value call_record(const krv_elf_frame_t &call) const;
     json_value frame_record(size_t index, const stack_frame &f, const frame_place &at) const;
@@ -177,6 +178,13 @@ static std::string bytes_text(const argument &bytes)
     return text;
 }
 
+void stack_run::print_variables(const call_variables &variables)
+{
+    for (const shown_variable &v : variables)
+        m_out.print("       {} {} = {}\n", printable(v.type), printable(v.name.empty() ? "(unnamed)" : v.name),
+                    printable(v.value));
+}
+
 void stack_run::print_frame(size_t index, const stack_frame &f, const frame_place &at)
 {
     const int digits = m_info.target == KRV_ACTIVATION_I386 ? 8 : 16;
@@ -186,7 +194,10 @@ void stack_run::print_frame(size_t index, const stack_frame &f, const frame_plac
     for (size_t i = 0; i + 1 < at.calls.size(); ++i) {
         m_out.write(printable(at.calls[i].function[0] == '\0' ? "??" : at.calls[i].function));
         print_place(path, line);
-        m_out.print("  (inlined)\n{:{}}", "", digits + 9); // as far as the function in the line above
+        m_out.write("  (inlined)\n");
+        if (i < f.variables.size())
+            print_variables(f.variables[i]);
+        m_out.print("{:{}}", "", digits + 9); // as far as the function in the line above
         path = path_of(at.calls[i + 1]);
         line = at.calls[i + 1].line;
     }
@@ -201,6 +212,8 @@ void stack_run::print_frame(size_t index, const stack_frame &f, const frame_plac
     m_out.write(f.is_signal_frame ? "  <signal handler called>\n" : "\n");
     for (size_t i = 0; i < f.arguments.size(); ++i)
         m_out.print("       argument {}: {}\n", i + 1, bytes_text(f.arguments[i]));
+    if (!f.variables.empty())
+        print_variables(f.variables.back());
 }
 
 static json_value build_id_of(const krv_proc_module_t &module)
@@ -226,6 +239,14 @@ json_value stack_run::call_record(const krv_elf_frame_t &call) const
     return record;
 }
 
+static json_value variables_record(const call_variables &variables)
+{
+    json_value all = json_value::array();
+    for (const shown_variable &v : variables)
+        all.push_back({{"name", v.name}, {"type", v.type}, {"value", v.value}, {"parameter", v.is_parameter}});
+    return all;
+}
+
 json_value stack_run::frame_record(size_t index, const stack_frame &f, const frame_place &at) const
 {
     const auto known = [](const std::string &text) { return text.empty() ? json_value(nullptr) : json_value(text); };
@@ -247,6 +268,10 @@ json_value stack_run::frame_record(size_t index, const stack_frame &f, const fra
     }
     for (const krv_elf_frame_t &call : at.calls)
         record["calls"].push_back(call_record(call));
+    for (size_t i = 0; i < at.calls.size() && i < f.variables.size(); ++i)
+        record["calls"][i]["variables"] = variables_record(f.variables[i]);
+    if (!f.variables.empty())
+        record["variables"] = variables_record(f.variables.back());
     if (f.arguments.empty())
         return record;
     json_value arguments = json_value::array();
@@ -396,6 +421,8 @@ void add_stack(CLI::App &app, int *status)
     verb->add_flag("--no-source", options->no_source, "Leave out files and lines");
     verb->add_flag("-a,--arguments", options->wanted.arguments,
                    "Show arguments where the call-frame information has them");
+    verb->add_flag("-v,--variables", options->wanted.variables,
+                   "Show parameters and variables with their values, where the debugging information has them");
     verb->add_flag("-r,--registers", options->wanted.registers, "Show the registers of each thread");
     verb->add_flag("-q,--quiet", options->quiet, "Leave out the notes on what could not be read");
     add_common_options(verb, options.get(),

@@ -108,7 +108,8 @@ thread_stack read_stack(const process &proc, const krv_proc_thread_t &thread, co
              .lookup_pc = frame.lookup_pc,
              .module = frame.module,
              .is_signal_frame = frame.is_signal_frame != 0,
-             .arguments = wanted.arguments ? read_arguments(frame, thread.target) : std::vector<argument>()});
+             .arguments = wanted.arguments ? read_arguments(frame, thread.target) : std::vector<argument>(),
+             .variables = wanted.variables ? read_variables(proc, frame) : std::vector<call_variables>()});
     });
     const krv_proc_end_t end = proc.walk(thread.tid, take, wanted.max_frames);
     take.rethrow();

@@ -4,6 +4,8 @@
 // that it may run on.
 #pragma once
 
+#include "variables.h"
+
 #include <korva.hpp>
 
 #include <cstdint>
@@ -24,6 +26,7 @@ struct stack_frame {
     const krv_proc_module_t *module; /**< NULL when it is in none */
     bool is_signal_frame;
     std::vector<argument> arguments;
+    std::vector<call_variables> variables; /**< of each call there, inlined ones first */
 };
 
 /** A thread with its frames, the innermost first. */
@@ -41,6 +44,7 @@ struct stack_request {
     unsigned int max_frames = 0; /**< 0: as many as the library walks */
     bool arguments = false;
     bool registers = false;
+    bool variables = false; /**< opens the modules' files while the process stands still */
 };
 
 /** Walks a thread. A failure is the end of its frames. */
