@@ -34,16 +34,13 @@ static bool mangles_names(uint32_t language)
 
 bool find_place(krv_handle_t *hp, krv_ctu_t *unit, uint64_t start, uint64_t size, uint64_t address, source_place *place)
 {
-    krv_lns_t *row = korva_lookup_source_by_cu_and_addr(hp, unit, start, size, address, 0);
-    if (row == nullptr ||
-        korva_get_fields(hp, KRV_STRUCT_LNS, row, 3, KRV_FIELD_LNS_LINE, &place->line, KRV_FIELD_LNS_COLUMN,
-                         &place->column, KRV_FIELD_LNS_DISCRIMINATOR, &place->discriminator) != 0)
-        return false;
-    krv_lnfe_t *file = korva_lns_get_filep(hp, row);
+    krv_row_t row;
     char *path = nullptr;
-    if (file != nullptr && korva_get_fields(hp, KRV_STRUCT_LNFE, file, 1, KRV_FIELD_LNFE_ABSOLUTE_PATH, &path) != 0)
+    if (korva_lookup_row(hp, unit, start, size, address, &row) != 0 ||
+        (row.file != nullptr &&
+         korva_get_fields(hp, KRV_STRUCT_LNFE, row.file, 1, KRV_FIELD_LNFE_ABSOLUTE_PATH, &path) != 0))
         return false;
-    place->path = path;
+    *place = {path, row.line, row.column, row.discriminator};
     return true;
 }
 
