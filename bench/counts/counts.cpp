@@ -17,14 +17,36 @@ using namespace krv_test;
 
 constexpr unsigned LOOKUPS = 500;
 
+namespace
+{
+
+// What a job reads. That of compilers is read with both extensions on.
+struct input {
+    const char *suffix; // of the job's name
+    uint16_t version;
+    bool is_compilers;
+
+    bool is_v5() const { return version == 5; }
+    uint8_t unit_kind() const { return is_v5() ? KRV_UNIT_COMPILE : 0; }
+    void prepare(handle &h) const
+    {
+        if (is_compilers)
+            h.extend();
+    }
+};
+
+constexpr input PLAIN = {"", 4, false}, DWARF_4 = {"4", 4, true}, DWARF_5 = {"5", 5, true};
+
+} // namespace
+
 // Names what was counted between measure_begin and here: job, size, and the items that it handled.
 static void measure_begin()
 {
     CALLGRIND_ZERO_STATS;
 }
-static void measure_end(const char *job, unsigned size, unsigned items)
+static void measure_end(const char *job, unsigned size, unsigned items, const input &in = PLAIN)
 {
-    const std::string name = text("%s %u %u", job, size, items);
+    const std::string name = text("%s%s %u %u", job, in.suffix, size, items);
     CALLGRIND_DUMP_STATS_AT(name.c_str());
 }
 
@@ -44,63 +66,77 @@ static uint64_t next_number(uint64_t *seed)
 
 // Units with an abbreviation table each, as small C units have them, covering 16 addresses from 0x1000 + 16 * n on; then
 // the unit of an address.
-static void units(unsigned count)
+static void units(unsigned count, const input &in)
 {
-    const bytes table = abbrevs("1 compile_unit+ producer:string name:string comp_dir:string low_pc:addr high_pc:data4;"
+    const char *const form = !in.is_compilers ? "string" : in.is_v5() ? "line_strp" : "strp";
+    const bytes table = abbrevs(text("1 compile_unit+ producer:string name:%s comp_dir:%s ", form, form) +
+                                "low_pc:addr high_pc:data4;"
                                 "2 subprogram+ name:string decl_file:data1 decl_line:data2 type:ref4; 3 base_type "
                                 "byte_size:data1 encoding:data1 name:string; 4 variable name:string type:ref4");
-    bytes abbrev_section, info;
+    bytes abbrev_section, info, strings = bytes().cstr("/build/project");
     for (unsigned i = 0; i < count; ++i) {
-        bytes die = bytes().uleb(1).cstr("a compiler").cstr(text("source-%u.c", i)).cstr("/build/project");
+        const std::string name = text("source-%u.c", i);
+        bytes die = bytes().uleb(1).cstr("a compiler");
+        if (in.is_compilers)
+            die.u32(strings.size()).u32(0);
+        else
+            die.cstr(name).cstr("/build/project");
+        strings.cstr(name);
         die.u64(0x1000 + 16 * i).u32(16).u8(0);
-        info += unit{.abbrev_offset = abbrev_section.size(), .dies = die}.build();
+        info += unit{.version = in.version, .abbrev_offset = abbrev_section.size(), .kind = in.unit_kind(), .dies = die}
+                    .build();
         abbrev_section += table;
     }
     handle h;
+    in.prepare(h);
     h.attach(KRV_SEC_ABBREV, abbrev_section).attach(KRV_SEC_INFO, info);
+    if (in.is_compilers)
+        h.attach(in.is_v5() ? krv_secidx_t{KRV_SEC_EXT_LINE_STR} : krv_secidx_t{KRV_SEC_STR}, strings);
     const auto visit = [](krv_handle_t *, krv_ctu_t *, void *) { return 0; };
     measure_begin();
     check(korva_iter_cu(h, KRV_SEC_INFO, visit, nullptr) == 0, "units");
-    measure_end("units", count, count);
+    measure_end("units", count, count, in);
 
     measure_begin();
     check(korva_lookup_ctu_by_addr(h, 0x1000, 0) != nullptr, "index");
-    measure_end("index", count, count);
+    measure_end("index", count, count, in);
     measure_begin();
     for (uint64_t i = 0, seed = 1; i < LOOKUPS; ++i)
         check(korva_lookup_ctu_by_addr(h, 0x1000 + next_number(&seed) % (16 * count), 0) != nullptr, "address");
-    measure_end("lookup", count, LOOKUPS);
+    measure_end("lookup", count, LOOKUPS, in);
 }
 
 // Lexical blocks, each inside the one before, below a subprogram without a sibling link: a scan has to pass them.
-static void nesting(unsigned depth)
+static void nesting(unsigned depth, const input &in)
 {
     bytes dies = bytes().uleb(1).uleb(2);
     for (unsigned i = 0; i < depth; ++i)
         dies.uleb(3).u64(0x1000 + i).cstr("variable").u32(0);
     dies.fill(depth + 2);
     handle h;
+    in.prepare(h);
     h.attach(KRV_SEC_ABBREV,
              abbrevs("1 compile_unit+; 2 subprogram+; 3 lexical_block+ low_pc:addr name:string type:ref4"));
-    h.attach(KRV_SEC_INFO, unit{.dies = dies}.build());
+    h.attach(KRV_SEC_INFO, unit{.version = in.version, .kind = in.unit_kind(), .dies = dies}.build());
     krv_ctu_t *cu = korva_lookup_ctu_by_start_offset(h, KRV_SEC_INFO, 0);
     measure_begin();
     check(korva_cu_contains_addr(h, cu, 0x1000, 0) == B_FALSE, "nesting");
-    measure_end("entries", depth, depth);
+    measure_end("entries", depth, depth, in);
 }
 
-static void rows(unsigned count)
+static void rows(unsigned count, const input &in)
 {
     std::string recipe = "at 400 copy ";
     for (unsigned i = 0; i < count / 4; ++i)
         recipe += i % 8 == 0 ? "line -30 sp 75 col 7 sp 102 stmt sp 44 disc 2 pc 3 copy "
                              : "line 9 sp 75 col 3 sp 102 stmt sp 44 pc 200 copy ";
     handle h;
-    h.attach(KRV_SEC_LINE, line_unit{.program = program(recipe + "pc 4 end")}.build());
+    in.prepare(h);
+    h.attach(KRV_SEC_LINE, line_unit{.v5 = in.is_v5(), .program = program(recipe + "pc 4 end")}.build());
     krv_lnph_t *header = krv_lnph_alloc(h, nullptr, 0);
     measure_begin();
     check(krv_line_get_matrix(h, header) != nullptr, "rows");
-    measure_end("rows", count, count);
+    measure_end("rows", count, count, in);
     krv_lnph_free(header);
 }
 
@@ -184,11 +220,17 @@ static void frames(unsigned count)
 int main()
 {
     for (unsigned times = 1; times <= 8; times *= 2) {
-        units(100 * times);
-        nesting(500 * times);
-        rows(1000 * times);
+        units(100 * times, PLAIN);
+        nesting(500 * times, PLAIN);
+        rows(1000 * times, PLAIN);
         functions(200 * times);
         frames(50 * times);
     }
+    for (unsigned times = 1; times <= 8; times *= 2)
+        for (const input &in : {DWARF_4, DWARF_5}) {
+            units(100 * times, in);
+            nesting(500 * times, in);
+            rows(1000 * times, in);
+        }
     return 0;
 }

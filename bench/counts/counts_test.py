@@ -5,6 +5,7 @@
 counts_test.py --counts PROGRAM --compiler NAME check|update
 
   check   growth: doubling a job doubles its count; a search among twice as many takes a step more, not twice as long;
+          versions: a job on what compilers write as DWARF 5 (its name ends in 5) takes at most 1.15 of the same as DWARF 4;
           baseline: the counts an item are within 5 % of baseline.json, if that is the same compiler's
   update  writes baseline.json: for a change that is meant to move the counts, or another compiler
 
@@ -22,7 +23,7 @@ import sys
 import tempfile
 
 BASELINE = os.path.join(os.path.dirname(os.path.abspath(__file__)), "baseline.json")
-SEARCHES = {"lookup", "rules"}  # a fixed number of searches; the size is what they search in
+SEARCHES = {"lookup", "lookup4", "lookup5", "rules"}  # a fixed number of searches; the size is what they search in
 SKIPPED = 77
 
 
@@ -58,6 +59,16 @@ def check_growth(counts):
     return 1 if wrong or not counts else 0
 
 
+def check_versions(counts):
+    wrong = 0
+    for job in sorted(job for job in counts if job + "5" in counts):
+        ratio = counts[job + "5"][-1][1] / counts[job + "4"][-1][1]
+        sound = ratio <= 1.15
+        wrong += not sound
+        print(f"{'ok   ' if sound else 'WRONG'} {job:8} of DWARF 5: {ratio:.2f} of DWARF 4")
+    return 1 if wrong else 0
+
+
 def check_baseline(counts, compiler):
     baseline = json.load(open(BASELINE))
     if baseline["compiler"] != compiler:
@@ -86,7 +97,7 @@ def main():
         return SKIPPED
     counts = count(args.counts)
     if args.what == "check":
-        return max(check_growth(counts), check_baseline(counts, args.compiler))
+        return max(check_growth(counts), check_versions(counts), check_baseline(counts, args.compiler))
     with open(BASELINE, "w") as f:
         json.dump({"compiler": args.compiler, "per item": {j: round(s[-1][1], 1) for j, s in counts.items()}}, f, indent=2)
         f.write("\n")

@@ -28,8 +28,8 @@ struct core32 {
     std::string program = target_path("frames32");
     uint32_t pc = 0, ebp = sp + 44;
     bytes stack_bytes = {};
-    bool files_of_pages = false; // by a name of its own for each page of the program
-    uint32_t note_size = 0;      // of NT_FILE as it claims; 0: as it has
+    uint32_t names = 1;     // of the program; when there are more, each for one page
+    uint32_t note_size = 0; // of NT_FILE as it claims; 0: as it has
 
     // The stack: return address of deepest; leaf's 12 bytes and return address; middle's 24 bytes, %ebp, return address.
     core32() : pc(symbol("in_deepest"))
@@ -48,17 +48,27 @@ struct core32 {
         return address;
     }
 
+    // A name of the program.
+    std::string name(uint32_t number) const
+    {
+        std::string way;
+        for (uint32_t left = number % names; left != 0; left /= 2)
+            way += left % 2 == 0 ? "/" : "/.";
+        return way + program;
+    }
+
     bytes build() const
     {
         bytes status, auxv, files;
         status.fill(12).u16(SIGSEGV).fill(10).u32(4711).fill(44); // pr_cursig, pr_pid, then pr_reg
         status.fill(5 * 4).u32(ebp).fill(6 * 4).u32(pc).fill(8).u32(sp).u32(0).u32(0);
         auxv.u32(AT_ENTRY).u32(symbol("_start")).u32(AT_NULL).u32(0);
-        files.u32(3).u32(4096); // the first three pages of the file
-        for (uint32_t page = 0; page < 3; ++page)
-            files.u32(bias + page * 4096).u32(bias + (page + 1) * 4096).u32(page);
-        for (size_t page = 0; page < 3; ++page)
-            files.cstr(std::string(files_of_pages ? page : 0, '/') + program);
+        const uint32_t pages = std::max(names, 3U); // of the file the first three, again and again
+        files.u32(pages).u32(4096);
+        for (uint32_t page = 0; page < pages; ++page)
+            files.u32(bias + page * 4096).u32(bias + (page + 1) * 4096).u32(page % 3);
+        for (uint32_t page = 0; page < pages; ++page)
+            files.cstr(name(page));
         const bytes notes =
             core_note(NT_PRSTATUS, status) + core_note(NT_AUXV, auxv) + core_note(NT_FILE, files, note_size);
         const elf_image core{.wide = false, .type = ET_CORE, .segments = 2};
