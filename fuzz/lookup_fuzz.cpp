@@ -27,8 +27,13 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     korva_lookup_ctu_by_addr(h, addresses[3], KRV_LOOKUP_F_FAST);
     korva_lookup_ctu_by_addr(h, addresses[3], KRV_LOOKUP_F_NONE);
     korva_iter_cu(h, KRV_SEC_INFO, ask, addresses);
-    for (const uint64_t address : addresses)
+    for (const uint64_t address : addresses) {
         korva_lookup_ctu_by_addr(h, address, KRV_LOOKUP_F_NONE);
+        for (krv_ctu_t *cu = nullptr;
+             (cu = korva_lookup_next_ctu_by_addr(h, cu, address, KRV_LOOKUP_F_NONE)) != nullptr;)
+            if (korva_cu_contains_addr(h, cu, address, KRV_LOOKUP_F_NONE) != B_TRUE)
+                __builtin_trap(); // each of them covers it
+    }
     korva_lookup_ctu_by_start_offset(h, KRV_SEC_INFO, addresses[3]);
     return 0;
 }
