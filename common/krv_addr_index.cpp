@@ -133,11 +133,9 @@ static krv_addr_index *get_index(krv_handle_t *hp, krv_lookup_flag_t flags)
 
 // A unit from `first` on, that was unknown to the index and before `unit`, whose ranges a scan has found since and cover
 // the address; else `unit`.
-static uint32_t search_scanned(const krv_handle_t *hp, const krv_addr_index *index, uint64_t address, uint32_t first,
-                               uint32_t unit)
+[[gnu::noinline]] static uint32_t search_scanned(const krv_handle_t *hp, const krv_addr_index *index, uint64_t address,
+                                                 uint32_t first, uint32_t unit)
 {
-    if (index->sai_unknown_units == 0 || __atomic_load_n(&hp->sh_scanned_units, __ATOMIC_ACQUIRE) == 0)
-        return unit;
     const uint32_t *const unknown = index->sai_unknown, *const end = unknown + index->sai_unknown_units;
     for (const uint32_t *i = std::lower_bound(unknown, end, first); i != end && *i < unit; ++i) {
         uint64_t *pairs = krv_load(&hp->sh_cu_table[*i]->dcu_aranges);
@@ -179,8 +177,12 @@ static uint32_t count_units_to(const krv_handle_t *hp, const krv_ctu_t *cu)
     return static_cast<uint32_t>(krv_count_not_above(hp->sh_cu_table, hp->sh_cu_table_entries, cu->dcu_offset, offset));
 }
 
-static krv_ctu_t *answer(krv_handle_t *hp, const krv_addr_index *index, uint32_t unit)
+// The answer of an index, `unit` or KRV_ADDR_NOTHING, of the units from `first` on.
+[[gnu::always_inline]] static inline krv_ctu_t *answer(krv_handle_t *hp, const krv_addr_index *index, uint64_t address,
+                                                       uint32_t first, uint32_t unit)
 {
+    if (index->sai_unknown_units != 0 && __atomic_load_n(&hp->sh_scanned_units, __ATOMIC_ACQUIRE) != 0)
+        unit = search_scanned(hp, index, address, first, unit);
     if (unit != KRV_ADDR_NOTHING)
         return hp->sh_cu_table[unit];
     hp->sh_errno = index->sai_unknown_units != 0 ? KRV_ERR_NONE : KRV_ERR_NOTFOUND;
@@ -201,7 +203,7 @@ krv_ctu_t *korva_lookup_ctu_by_addr(krv_handle_t *hp, uint64_t address, krv_look
     const krv_addr_index *index = get_index(hp, flags);
     if (index == nullptr)
         return nullptr;
-    return answer(hp, index, search_scanned(hp, index, address, 0, krv_addr_map_find(&index->sai_map, address)));
+    return answer(hp, index, address, 0, krv_addr_map_find(&index->sai_map, address));
 }
 
 krv_ctu_t *korva_lookup_next_ctu_by_addr(krv_handle_t *hp, krv_ctu_t *cup, uint64_t address, krv_lookup_flag_t flags)
@@ -214,5 +216,5 @@ krv_ctu_t *korva_lookup_next_ctu_by_addr(krv_handle_t *hp, krv_ctu_t *cup, uint6
     if (layers == nullptr)
         return nullptr;
     const uint32_t first = cup == nullptr ? 0 : count_units_to(hp, cup);
-    return answer(hp, index, search_scanned(hp, index, address, first, krv_addr_layers_find(layers, address, first)));
+    return answer(hp, index, address, first, krv_addr_layers_find(layers, address, first));
 }

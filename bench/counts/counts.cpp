@@ -73,15 +73,18 @@ static void units(unsigned count, const input &in)
                                 "low_pc:addr high_pc:data4;"
                                 "2 subprogram+ name:string decl_file:data1 decl_line:data2 type:ref4; 3 base_type "
                                 "byte_size:data1 encoding:data1 name:string; 4 variable name:string type:ref4");
-    bytes abbrev_section, info, strings = bytes().cstr("/build/project");
+    bytes abbrev_section, info, strings;
+    if (in.is_compilers)
+        strings.cstr("/build/project");
     for (unsigned i = 0; i < count; ++i) {
         const std::string name = text("source-%u.c", i);
         bytes die = bytes().uleb(1).cstr("a compiler");
-        if (in.is_compilers)
+        if (in.is_compilers) {
             die.u32(strings.size()).u32(0);
-        else
+            strings.cstr(name);
+        } else {
             die.cstr(name).cstr("/build/project");
-        strings.cstr(name);
+        }
         die.u64(0x1000 + 16 * i).u32(16).u8(0);
         info += unit{.version = in.version, .abbrev_offset = abbrev_section.size(), .kind = in.unit_kind(), .dies = die}
                     .build();
