@@ -506,6 +506,28 @@ int korva_lookup_calls(krv_handle_t *hp, uint64_t address, krv_call_t *calls, si
     return find_covering(hp, address, &at) == 0 ? make_chain(hp, at, calls, room, false, countp) : -1;
 }
 
+int korva_entry_get_call(krv_handle_t *hp, const krv_entry_t *entryp, krv_call_t *callp)
+{
+    if (hp == nullptr)
+        return -1;
+    if (entryp == nullptr || callp == nullptr || entryp->unit == nullptr)
+        return krv_fail_code(hp, KRV_ERR_INVALID);
+    krv_clear_error(hp);
+    krv_call_t call = {};
+    if (krv_entry_load_at(hp, entryp->unit, entryp->offset, &call.entry) != 0)
+        return -1;
+    call.is_inlined = call.entry.tag == DW_TAG_inlined_subroutine;
+    call.language = language_of(entryp->unit);
+    if (call.is_inlined != 0)
+        read_place_of_call(hp, &call);
+    krv_function_names names;
+    if (!krv_function_names_find(hp, call.entry, &names))
+        return -1;
+    take_names(&names, &call);
+    *callp = call;
+    return 0;
+}
+
 int korva_iter_calls(krv_handle_t *hp, const uint64_t *addresses, size_t count, krv_iter_calls_f *fn, void *arg)
 {
     if (hp == nullptr)

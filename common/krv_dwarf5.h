@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// What DWARF 5 and GNU tools add to the lists of krv_dwarf.h, in lists of the same kind. Their names are known to handles
+// What DWARF 5, GNU tools and Go add to the lists of krv_dwarf.h, in lists of the same kind. Their names are known to handles
 // with extensions. The forms are in krv_form.h.
 #ifndef KRV_DWARF5_H
 #define KRV_DWARF5_H
@@ -46,6 +46,13 @@
     X(DW_AT_body_begin, 0x2105) \
     X(DW_AT_body_end, 0x2106) \
     X(DW_AT_GNU_vector, 0x2107) \
+    X(DW_AT_GNU_guarded_by, 0x2108) \
+    X(DW_AT_GNU_pt_guarded_by, 0x2109) \
+    X(DW_AT_GNU_guarded, 0x210a) \
+    X(DW_AT_GNU_pt_guarded, 0x210b) \
+    X(DW_AT_GNU_locks_excluded, 0x210c) \
+    X(DW_AT_GNU_exclusive_locks_required, 0x210d) \
+    X(DW_AT_GNU_shared_locks_required, 0x210e) \
     X(DW_AT_GNU_odr_signature, 0x210f) \
     X(DW_AT_GNU_template_name, 0x2110) \
     X(DW_AT_GNU_call_site_value, 0x2111) \
@@ -66,7 +73,19 @@
     X(DW_AT_GNU_pubtypes, 0x2135) \
     X(DW_AT_GNU_discriminator, 0x2136) \
     X(DW_AT_GNU_locviews, 0x2137) \
-    X(DW_AT_GNU_entry_view, 0x2138)
+    X(DW_AT_GNU_entry_view, 0x2138) \
+    X(DW_AT_use_GNAT_descriptive_type, 0x2301) \
+    X(DW_AT_GNAT_descriptive_type, 0x2302) \
+    X(DW_AT_GNU_numerator, 0x2303) \
+    X(DW_AT_GNU_denominator, 0x2304) \
+    X(DW_AT_GNU_bias, 0x2305) \
+    X(DW_AT_go_kind, 0x2900) \
+    X(DW_AT_go_key, 0x2901) \
+    X(DW_AT_go_elem, 0x2902) \
+    X(DW_AT_go_embedded_field, 0x2903) \
+    X(DW_AT_go_runtime_type, 0x2904) \
+    X(DW_AT_go_package_name, 0x2905) \
+    X(DW_AT_go_dict_index, 0x2906)
 
 // DWARF 5, 7.8
 #define KRV_DW_ATE_EXT(X) \

@@ -29,6 +29,7 @@
 #ifndef KORVA_HPP
 #define KORVA_HPP
 
+#include "korva/entries.hpp"
 #include "korva/error.hpp"
 #include "korva/expression.hpp"
 #include "korva/handle.hpp"

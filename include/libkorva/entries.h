@@ -175,6 +175,13 @@ typedef struct krv_call {
  */
 KORVA_API int korva_lookup_calls(krv_handle_t *hp, uint64_t address, krv_call_t *calls, size_t room, size_t *countp);
 
+/**
+ * What an entry says of its function: its names, and where it is declared, found as korva_lookup_calls finds them; of an
+ * inlined call also its place. Entries of other things than functions have names and declarations likewise. The entry
+ * stored has the depth 0. What cannot be read stays unknown. Errors: those of korva_entry_first.
+ */
+KORVA_API int korva_entry_get_call(krv_handle_t *hp, const krv_entry_t *entryp, krv_call_t *callp);
+
 /** Visitor of korva_iter_calls: the chain of element @p index; @p count 0 where korva_lookup_calls would fail. Non-zero
  * stops it and is returned. */
 typedef int krv_iter_calls_f(krv_handle_t *hp, size_t index, const krv_call_t *calls, size_t count, void *arg);

@@ -36,7 +36,7 @@ enum {
 
 /**
  * The name of a DWARF constant, e.g. class KRV_DEF_AT and key 3 give "DW_AT_name". The text is static: never free
- * or change it. A handle with extensions knows the names of DWARF 5 and of GNU tools, too.
+ * or change it. A handle with extensions knows the names of DWARF 5, of GNU tools and of Go, too.
  *
  * Errors: KRV_ERR_INVALID for an unknown class or key.
  */

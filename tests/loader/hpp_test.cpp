@@ -166,6 +166,50 @@ TEST(Hpp, UnitsAreFoundByAddress)
     EXPECT_EQ(*elf.load_bias(0x10000, 0), 0x10000u);
 }
 
+TEST(Hpp, EntriesAreWalkedInEveryDirection)
+{
+    const auto elf = open_target();
+    const auto handle = elf.handle();
+    std::vector<korva::entry> named;
+    ASSERT_TRUE(korva::each_named_entry(handle, "answer", KRV_NAMED_FUNCTIONS,
+                                        [&](const korva::entry &e) { named.push_back(e); }));
+    ASSERT_EQ(named.size(), 1u);
+    const auto above = named[0].ancestors();
+    ASSERT_TRUE(above);
+    ASSERT_EQ(above->size(), 1u);
+    std::vector<std::uint64_t> children, siblings, below;
+    auto all = above->front().children();
+    for (const korva::entry &child : all)
+        children.push_back(child.offset());
+    EXPECT_FALSE(all.failure());
+    auto at = *korva::entry::at(handle, children.front());
+    do
+        siblings.push_back(at.offset());
+    while (*at.next_sibling());
+    EXPECT_EQ(children, siblings);
+    EXPECT_EQ(std::count(children.begin(), children.end(), named[0].offset()), 1);
+    for (const korva::entry &e : named[0].descendants())
+        below.push_back(e.offset());
+    EXPECT_TRUE(below.empty()); // not its siblings
+
+    constexpr std::uint32_t DW_AT_name = 3, DW_AT_type = 0x49, DW_AT_low_pc = 0x11;
+    EXPECT_EQ(named[0].find(DW_AT_name)->text(), "answer");
+    EXPECT_EQ(named[0].follow(*named[0].find(DW_AT_type))->find(DW_AT_name)->text(), "int");
+    EXPECT_EQ(above->front().find(DW_AT_type).error().code, KRV_ERR_NOTFOUND);
+    EXPECT_FALSE(named[0].follow(*named[0].find(DW_AT_name)));
+
+    const auto ranges = named[0].ranges();
+    ASSERT_TRUE(ranges);
+    EXPECT_EQ(ranges->front().start, named[0].find(DW_AT_low_pc)->number);
+    const std::uint64_t asked[] = {1, ranges->front().start};
+    std::vector<std::size_t> lengths;
+    EXPECT_TRUE(*korva::each_calls(
+        handle, asked, 2, [&](std::size_t, korva::span<const krv_call_t> chain) { lengths.push_back(chain.size()); }));
+    EXPECT_EQ(lengths, (std::vector<std::size_t>{0, 1}));
+    const auto file = korva::file_of(handle, named[0].unit(), named[0].call()->decl_file);
+    EXPECT_EQ(file->path.substr(file->path.rfind('/') + 1), "target.c");
+}
+
 TEST(Hpp, RegistersGoInAndOut)
 {
     auto handle = korva::handle::make(KRV_ACTIVATION_AMD64);
