@@ -17,7 +17,7 @@ import tempfile
 
 from support import SOURCES, answer_of, build, fail, need, run, write
 
-VERBS = ('addr', 'units', 'lines', 'sections', 'stack', 'expr')
+VERBS = ('addr', 'units', 'lines', 'funcs', 'entries', 'sections', 'stack', 'expr')
 
 
 def first_line_of(function):
@@ -277,6 +277,63 @@ def test_damaged_units(korva, program, folder):
         # It is told where an answer is missing for it.
         korva.expect(['addr', '-s', *flags, '-e', damaged, 'main', 'table_sum'], 1,
                      rf'\w+  main  main.c:{MAIN}\n\w+  table_sum  \?\?:0\n', told + rf'({why}|\n)')
+
+
+# Two units, as an assembler writes them: entries nested deeply, of numbers without names; a name that would drive a
+# terminal, an expression that is cut off, and an entry that no abbreviation describes.
+UNITS = r"""
+        .section .debug_abbrev
+        .byte 1, 0x11, 1, 0, 0, 2, 0xb, 1, 0, 0
+        .byte 3, 0xa1, 0x86, 1, 0,  3, 8,  2, 0x18,  0xff, 0x7f, 0xb,  0, 0, 0
+        .section .debug_info
+1:      .long 3f - 2f
+2:      .short 4
+        .long 0
+        .byte 8, 1
+        .fill {levels}, 1, 2
+        .fill {levels} + 1, 1, 0
+3:      .long 5f - 4f
+4:      .short 4
+        .long 0
+        .byte 8, 1
+        .byte 3
+        .asciz "\033[2J\n"
+        .byte 2, 3, 0, 7
+damage: .byte 9, 0
+5:      .globl damage
+"""
+
+
+def test_entries(korva, program, folder):
+    levels = 50000
+    made = os.path.join(folder, 'units.o')
+    answer_of('gcc', '-c', write(folder, 'units.s', UNITS.format(levels=levels)), '-o', made)
+    start = 2 * levels + 13
+    damage = r'korva: \S+: entries of unit at offset 0x%x end early: .*offset 0x%x of .debug_info.*\n' % (start, symbol(made, 'damage'))
+    head = rf'unit {start:#x}:\n{start + 11:#010x}   0  DW_TAG_compile_unit\n'
+    shown = head + rf'{start + 12:#010x}   1    0x4321\n +DW_AT_name +"\\x1b\[2J\\x0a"\n' \
+        r' +DW_AT_location +\[03 00\]  \(the listing ends early: .*\)\n +0x3fff +7\n\n'
+    whole = korva.expect(['entries', made], 1, None, damage)
+    if f'\n{11 + levels:#010x} {levels}  ' + 64 * ' ' + 'DW_TAG_lexical_block\n' not in whole:
+        fail('entries: the innermost')
+    korva.expect(['entries', '--depth', '1', made], 1, rf'unit 0x0:\n.*   1    DW_TAG_lexical_block\n\n{shown}', damage)
+    # An entry alone, in JSON; what stands behind it is not looked at.
+    record = json.loads(korva.expect(['entries', '--offset', f'{start + 12:x}', '--depth', '0', '--format=jsonl', made], 0))
+    if record['depth'] != 1 or record['attributes'][:2] != [
+            {'name': 'DW_AT_name', 'form': 'DW_FORM_string', 'kind': 'string', 'value': '\x1b[2J\n'},
+            {'name': 'DW_AT_location', 'form': 'DW_FORM_exprloc', 'kind': 'expression', 'value': '03 00', 'operations': [],
+             'meaning': record['attributes'][1]['meaning']}]:
+        fail(f'entries: {record}')
+    for offset in ('0', hex(start + 13), 'ffffff'):
+        korva.expect(['entries', '--offset', offset, made], 2, '', f'korva: .* at offset 0x{int(offset, 16):x} of .debug_info.*')
+
+
+def test_funcs(korva, program, cxx):
+    start = symbol(program, 'main')
+    korva.expect(['funcs', '-s', program, 'main'], 0, rf'{start:#018x}-0x\w+  main  main.c:{MAIN - 1}\n')
+    for name in ('count_calls', '_ZN6shapes6detail11count_callsEi'):
+        korva.expect(['funcs', '-Cs', cxx, name], 0, r'0x\w{16}-0x\w{16}  shapes::detail::count_calls\(int\)  circle.cpp:\d+\n')
+    korva.expect(['funcs', program, 'nothing'], 2, '', 'korva: .*: no function "nothing" has code here\n')
 
 
 def test_files(korva, program, folder):

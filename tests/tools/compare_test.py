@@ -7,6 +7,7 @@
         addr             with GNU addr2line, byte for byte, for every function and addresses within; of DWARF 5 the
                          places with llvm-dwarfdump's rows; inlined calls with llvm-symbolizer
         units            with GNU readelf
+        entries          with GNU readelf, where there are fewer than 200 KB of them: tag, depth, attributes, values
         lines            with llvm-dwarfdump, row by row; paths and canonical addresses are computed here, and the rows
                          of functions that the linker dropped left out
 """
@@ -208,6 +209,69 @@ def compare_units(korva, program, units):
     expect_equal('units', [json.loads(line) for line in ours.out.splitlines()], theirs)
     if ours.status != 0 or ours.err:
         fail(f'units: status {ours.status}, {ours.err}')
+
+
+# --- entries --------------------------------------------------------------------------------------------------
+
+# How readelf introduces what it looked up; indexed strings it takes from the wrong place.
+LOOKED_UP = re.compile(r'\((?:alt )?indirect (?:line )?string, offset: \w+\):? |\(\w+: \w+\): |signature: ')
+
+# Names that binutils has of its own.
+TAGS = {f'DW_TAG_template_{kind}_param': f'DW_TAG_template_{kind}_parameter' for kind in ('type', 'value')}
+
+
+def read_entries(program):
+    """Offset, depth and tag of every entry of the file itself, each with the names and values of its attributes."""
+    text = answer_of('readelf', '--debug-dump=info', program)
+    text = next(part for part in re.split(r'^Contents of the ', text, flags=re.M) if re.match(r'\S+info section', part))
+    parts = re.split(r'^ <(\w+)><(\w+)>: Abbrev Number: \d+ \((\w+)\)$', text, flags=re.M)
+    return [(int(offset, 16), int(depth), TAGS.get(tag, tag), re.findall(r'^    <\w+>   (DW_AT_\w+) *: ?(.*?)\t?$', rest, re.M))
+            for depth, offset, tag, rest in zip(*(parts[i::4] for i in range(1, 5)))]
+
+
+def is_same_value(attribute, text):
+    """Whether readelf shows the value of an attribute so."""
+    value, kind = attribute['value'], attribute['kind']
+    if text.startswith('(indexed string'):
+        return kind == 'string'
+    text = LOOKED_UP.sub('', text, count=1)
+    if kind == 'string':
+        return value == text
+    if text.startswith('\t(DW_OP_addrx <'):  # it does not show these bytes
+        return value.startswith('a1 ') and len(attribute['operations']) == 1
+    if kind in ('block', 'expression'):
+        size, digits = re.match(r'(\d+) byte block: ([0-9a-f ]*)', text).groups()
+        return [int(byte, 16) for byte in value.split()] == [int(byte, 16) for byte in digits.split()[:int(size)]]
+    number = int(re.match(r'<?(?:alt )?(-?\w+)', text).group(1), 0)
+    ours = int(value, 0) if isinstance(value, str) else int(value)
+    return (number - ours) % 2**64 == 0 and attribute.get('alternate', False) == text.startswith('<alt')
+
+
+def compare_entries(korva, program, other):
+    ours = [json.loads(line) for line in answer_of(korva, 'entries', '--format=jsonl', program).splitlines()]
+    theirs = read_entries(other)
+    expect_equal('entries', [(int(entry['offset'], 16), entry['depth'], entry['tag'],
+                              [attribute['name'] for attribute in entry['attributes']]) for entry in ours],
+                 [(*entry[:3], [name for name, _ in entry[3]]) for entry in theirs])
+    for entry, other in zip(ours, theirs):
+        for attribute, (_, text) in zip(entry['attributes'], other[3]):
+            if not is_same_value(attribute, text):
+                fail(f'entry {entry["offset"]}: {attribute}, but readelf: {text}')
+
+
+def compare_functions(korva, program, symbols):
+    """The ranges of functions are those of symbols, and so are their names as far as they have them."""
+    named = collections.defaultdict(set)
+    for start, size, name in symbols:
+        named[start, start + size].add(SPLIT.sub('', name))
+    functions = [json.loads(line) for line in answer_of(korva, 'funcs', '--format=jsonl', program).splitlines()]
+    for function in functions:
+        for part in function['ranges']:
+            names = named[int(part['start'], 16), int(part['end'], 16)]
+            if not names or (function['linkage_name'] and function['linkage_name'] not in names):
+                fail(f'funcs: {function}, symbols: {names}')
+    if not functions:
+        fail('funcs: none')
 
 
 # --- lines ----------------------------------------------------------------------------------------------------
@@ -515,6 +579,9 @@ def main():
         if not PROOFS[proof](Facts(units, dropped, headers, sections, debug_file)):
             fail(f'{options.configuration} did not give what is to be tested ({proof})')
         compare_units(options.korva, program, units)
+        if sum(unit['size'] for unit in units) < 200000:
+            compare_entries(options.korva, program, other)
+            compare_functions(options.korva, program, read_functions(other))
         compare_lines(options.korva, program, tables)
         whole = f'{program}.whole' if os.path.exists(f'{program}.whole') else other
         places = Places(tables[unit['offset']] for unit in units if unit['version'] == 5 and unit['offset'] in tables)

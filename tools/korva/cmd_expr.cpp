@@ -2,6 +2,7 @@
 //
 // korva expr: lists and evaluates one DWARF expression.
 #include "command.h"
+#include "operations.h"
 #include "output.h"
 #include "visitor.h"
 
@@ -199,18 +200,6 @@ result<void> evaluation::evaluate()
                               : m_stack->evaluate(*m_activation, m_bytes.data(), m_bytes.size());
 }
 
-static std::string operand_text(const evaluation &ev, const operation &op, const krv_operand_t &operand)
-{
-    constexpr int32_t SIGNED = 5; // DW_ATE_signed
-    if (operand.sopt_size == 0) { // a block
-        const uint8_t *end = ev.bytes().data() + op.offset + op.size;
-        return fmt::format("[{:02x}]", fmt::join(end - operand.sopt_operand, end, " "));
-    }
-    if (operand.sopt_encoding == SIGNED)
-        return fmt::format("{}", static_cast<int64_t>(operand.sopt_operand));
-    return fmt::format("0x{:x}", operand.sopt_operand);
-}
-
 // The bytes of the value in order, each two digits, ?? where it is not known.
 static std::string value_text(const stack::object &value)
 {
@@ -251,18 +240,16 @@ private:
 
 void expression_printer::print(const operation &op)
 {
-    const char *name = korva_print_define(m_ev.handle(), KRV_DEF_OP, op.opcode);
+    const uint8_t *expression = m_ev.bytes().data();
     if (m_out.is_json()) {
+        const char *name = korva_print_define(m_ev.handle(), KRV_DEF_OP, op.opcode);
         json_value operands = json_value::array();
         for (const krv_operand_t &operand : op.operands)
-            operands.push_back(operand_text(m_ev, op, operand));
+            operands.push_back(operand_text(expression, op, operand));
         m_out.write(m_any ? "," : "");
         m_out.write(to_text({{"offset", hex(op.offset)}, {"operation", or_null(name)}, {"operands", operands}}));
     } else {
-        std::string operands;
-        for (const krv_operand_t &operand : op.operands)
-            operands += " " + operand_text(m_ev, op, operand);
-        m_out.print("0x{:04x}  {}{}\n", op.offset, name == nullptr ? "??" : name, operands);
+        m_out.print("0x{:04x}  {}\n", op.offset, operation_text(m_ev.handle(), expression, op));
     }
     m_any = true;
 }

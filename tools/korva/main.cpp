@@ -22,6 +22,8 @@
     VERB(addr)                                                                                                         \
     VERB(units)                                                                                                        \
     VERB(lines)                                                                                                        \
+    VERB(funcs)                                                                                                        \
+    VERB(entries)                                                                                                      \
     VERB(sections)                                                                                                     \
     VERB(stack)                                                                                                        \
     VERB(expr)
