@@ -71,21 +71,26 @@ constexpr krv_then then_of(uint8_t code, const krv_form_row_t &row)
 }
 
 // What a value of each form comes to, but for its width; by code.
-constexpr auto VALUES = [] {
-    std::array<krv_plan_value, KRV_ALL_FORMS> rows{};
-    for (unsigned int code = 0; code < rows.size(); ++code)
-        rows[code] = {.attribute = 0,
-                      .written = static_cast<uint16_t>(code),
-                      .kind = kind_of(krv_form_table[code].classes),
-                      .family = krv_form_table[code].family,
-                      .width = 0,
-                      .then = then_of(static_cast<uint8_t>(code), krv_form_table[code])};
+using value_table = std::array<krv_plan_value, KRV_ALL_FORMS>;
+
+consteval value_table make_values()
+{
+    value_table rows{};
+    for (size_t code = 0; code < rows.size(); ++code)
+        rows[code] = {0,
+                      static_cast<uint16_t>(code),
+                      kind_of(krv_form_table[code].classes),
+                      krv_form_table[code].family,
+                      0,
+                      then_of(static_cast<uint8_t>(code), krv_form_table[code])};
 #define KRV_ROW(name, number, code, ...) rows[code].written = (number);
     KRV_DW_FORM_EXT(KRV_ROW)
 #undef KRV_ROW
     rows[DW_FORM_ref_sig8].kind = KRV_ATTR_SIGNATURE;
     return rows;
-}();
+}
+
+constexpr value_table VALUES = make_values();
 
 } // namespace
 

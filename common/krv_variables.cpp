@@ -64,7 +64,7 @@ int korva_iter_variables(krv_handle_t *hp, const krv_entry_t *entryp, uint64_t a
     };
     const int walked = krv_entry_walk(hp, place, *entryp, wants, [&](const krv_entry_t &entry, uint32_t) {
         if (is_variable(entry.tag)) {
-            krv_variable_t variable;
+            krv_variable_t variable = {};
             result = make_variable(hp, entry, &variable) ? fn(hp, &variable, arg) : -1;
             return result != 0 ? krv_step::stop : krv_step::skip;
         }
@@ -110,8 +110,11 @@ constexpr size_t MOST_BYTES = 4096; // of an expression that is not in memory
 struct evaluation {
     const krv_variable_frame_t *frame;
     bool has_base = false;
-    uint64_t base = 0; // what DW_OP_fbreg counts from
-    uint8_t room[MOST_BYTES];
+    uint64_t base = 0;        // what DW_OP_fbreg counts from
+    uint8_t room[MOST_BYTES]; // needs no initial value
+
+    // cppcheck-suppress uninitMemberVar
+    explicit evaluation(const krv_variable_frame_t *at) : frame(at) {}
 };
 
 } // namespace
@@ -184,7 +187,7 @@ static void find_base(krv_handle_t *hp, evaluation *of)
 {
     const krv_entry_t &function = *of->frame->function;
     krv_attr_t attr;
-    krv_fd_t expression;
+    krv_fd_t expression = {};
     of->has_base = korva_entry_get_attr(hp, &function, DW_AT_frame_base, &attr) == 0 &&
                    find_expression(hp, function, attr, of->frame->address, &expression) == 0 &&
                    move_expression(hp, &expression, of) == 0 && evaluate_base(of, function.unit, &expression);
@@ -230,13 +233,12 @@ int korva_variable_read(krv_handle_t *hp, const krv_variable_t *variable, const 
         std::memset(inreg, 0, *countp);
         return 0;
     }
-    krv_fd_t expression;
+    krv_fd_t expression = {};
     if (hp->sh_errno != KRV_ERR_NOTFOUND ||
         krv_entry_find_attr(hp, variable->entry, DW_AT_location, &where, &attr) != 0 ||
         find_expression(hp, where, attr, frame->address, &expression) != 0)
         return -1;
-    evaluation of; // its room needs no initial value
-    of.frame = frame;
+    evaluation of(frame);
     find_base(hp, &of);
     if (move_expression(hp, &expression, &of) != 0)
         return -1;
