@@ -40,6 +40,7 @@ struct inlined_calls {
 struct function {
     uint64_t entry;                  // offset in the section
     const krv_function_names *names; // NULL until they are asked for
+    uint64_t start;                  // of its first range
     inlined_calls *inlined;          // owned: NULL until it is asked for
     uint32_t outer, depth;           // while they are collected: the function that it is nested in, or NONE; its level
     bool has_inlined;
@@ -138,14 +139,19 @@ static bool add_function(krv_handle_t *hp, const krv_place_t &place, const krv_e
     }
     if (!krv_table_grow(hp, &calls->sc_functions, &calls->sc_size, calls->sc_count, 16U))
         return false;
-    calls->sc_functions[calls->sc_count] = {entry.offset, nullptr, nullptr, *innermost, entry.depth, false};
+    calls->sc_functions[calls->sc_count] = {entry.offset, nullptr, 0, nullptr, *innermost, entry.depth, false};
     *innermost = calls->sc_count++;
     krv_entry_t reading = entry;
     krv_code_place_t code = {};
     krv_attr_t attr;
     while (krv_entry_read_attr(hp, place, &reading, &attr) == 1)
         code.take(attr);
-    return add_ranges(hp, entry.unit, code, *innermost, ranges);
+    const size_t before = ranges->entries;
+    if (!add_ranges(hp, entry.unit, code, *innermost, ranges))
+        return false;
+    if (ranges->entries != before)
+        calls->sc_functions[*innermost].start = ranges->ranges[before].start;
+    return true;
 }
 
 // NULL: KRV_ERR_NOMEM, or the unit's entries are not in memory.
@@ -461,6 +467,7 @@ static int make_function(krv_handle_t *hp, krv_ctu_t *cu, function *from, krv_ca
         krv_store(&from->names, names);
     }
     take_names(names, call);
+    call->start = from->start;
     return 0;
 }
 

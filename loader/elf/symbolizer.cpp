@@ -128,10 +128,12 @@ krv_elf_frame_t symbolizer::frame_of(const krv_call_t &call, uint64_t address, u
     frame.unit = call.entry.unit;
     frame.is_inlined = call.is_inlined != 0;
     if (!frame.is_inlined) {
-        const beginnings parts(hp, call.entry);
-        frame.start = parts.at[0];
-        for (size_t i = 0; i < parts.count && mangled == nullptr && mangles_names(call.language); ++i)
-            mangled = mangled_symbol(parts.at[i]);
+        frame.start = call.start;
+        if (mangled == nullptr && mangles_names(call.language)) {
+            const beginnings parts(hp, call.entry);
+            for (size_t i = 0; i < parts.count && mangled == nullptr; ++i)
+                mangled = mangled_symbol(parts.at[i]);
+        }
         if (mangled == nullptr && call.name == nullptr && take_symbol(address, flags, &frame))
             return frame;
     }
