@@ -11,10 +11,12 @@
 struct krv_alternate {
     krv_ctu_t *sa_units; // owned: in section order
     size_t sa_size, sa_count;
+    krv_die_t *sa_no_die; // owned: in place of the first entry of each, which nobody reads into a record
 };
 
 static void free_alternate(krv_alternate *alternate)
 {
+    krv_free_die(alternate->sa_no_die);
     krv_free(alternate->sa_units);
     krv_free(alternate);
 }
@@ -44,6 +46,10 @@ static krv_alternate *read_units(krv_handle_t *hp)
     }
     if (hp->sh_errno == KRV_ERR_NOMEM)
         return nullptr;
+    if (units->sa_count != 0 && (units->sa_no_die = krv_alloc_no_die(hp, units->sa_units)) == nullptr)
+        return nullptr;
+    for (size_t i = 0; i < units->sa_count; ++i)
+        units->sa_units[i].dcu_compile_unit = units->sa_no_die;
     return units.release();
 }
 

@@ -155,7 +155,8 @@ typedef struct krv_call {
     uint32_t discriminator; /**< of the call; 0 when it has none */
     uint32_t is_inlined;    /**< 1: an inlined call; 0: the function that has the code */
     uint32_t language;      /**< DW_LANG_* of the unit; 0 when it is not known */
-    uint64_t start;         /**< where the first range of the function that has the code begins; of inlined calls 0 */
+    uint64_t start;         /**< where the first range of the function that has the code begins; 0 of inlined calls, and
+                                   as korva_entry_get_call stores it */
 } krv_call_t;
 
 /**

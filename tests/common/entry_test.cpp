@@ -352,6 +352,12 @@ TEST(Calls, AlternateFile)
     h.attach(KRV_SEC_EXT_ALT_STR, bytes().cstr("xname"));
     h.attach(KRV_SEC_INFO, unit{.dies = bytes().uleb(1).uleb(2).u32(header.size() + 12).u64(0x1000).u8(8)}.build());
     EXPECT_EQ(chain_of(h, 0x1004), "name");
+    krv_entry_t there; // whose unit is one like others, but without a first entry and addresses
+    krv_call_t call;
+    ASSERT_EQ(korva_entry_at(h, KRV_SEC_EXT_ALT_INFO, header.size() + 11, &there), 0) << h.error();
+    EXPECT_EQ(korva_entry_get_call(h, &there, &call), 0);
+    EXPECT_FALSE(korva_cu_contains_addr(h, there.unit, 0x1004, 0));
+    EXPECT_EQ(korva_line_get_cu_lnph(h, there.unit), nullptr);
 }
 
 // Nested calls, and as many beside each other: each entry is walked a fixed number of times.
