@@ -2,6 +2,7 @@
 //
 // The variables of a function or inlined call, and their values in a frame.
 #include "krv_dwarf.h"
+#include "krv_dwarf5.h"
 #include "krv_entry_walk.h"
 #include "krv_error.h"
 #include "krv_expr_eval.h"
@@ -106,15 +107,20 @@ namespace
 
 constexpr size_t MOST_BYTES = 4096; // of an expression that is not in memory
 
-// An expression of the entries' handle, evaluated in a frame of another.
+// An expression of a unit of one handle, evaluated in a frame of another.
 struct evaluation {
+    krv_handle_t *hp;
+    const krv_ctu_t *unit;
     const krv_variable_frame_t *frame;
     bool has_base = false;
     uint64_t base = 0;        // what DW_OP_fbreg counts from
     uint8_t room[MOST_BYTES]; // needs no initial value
 
     // cppcheck-suppress uninitMemberVar
-    explicit evaluation(const krv_variable_frame_t *at) : frame(at) {}
+    evaluation(krv_handle_t *handle, const krv_ctu_t *cu, const krv_variable_frame_t *at)
+        : hp(handle), unit(cu), frame(at)
+    {
+    }
 };
 
 } // namespace
@@ -124,15 +130,30 @@ static int replace_addresses(krv_handle_t *hp, krv_exprstack_t *, krv_activation
                              krv_operation_t *op, void *arg)
 {
     const auto *of = static_cast<const evaluation *>(arg);
-    if (op->opcode == DW_OP_addr) {
-        op->operand[0].sa_u.su_unsigned += of->frame->bias;
-    } else if (op->opcode == DW_OP_fbreg) {
-        if (!of->has_base)
-            return krv_fail(hp, KRV_ERR_NOTFOUND, "the base of the frame is not known");
+    uint64_t *operand = &op->operand[0].sa_u.su_unsigned;
+    switch (op->opcode) {
+    case DW_OP_addrx:
+    case DW_OP_GNU_addr_index:
+        op->opcode = DW_OP_addr;
+        if (!krv_cu_read_indexed(of->hp, of->unit, KRV_BASE_ADDR, *operand, operand))
+            return krv_fail(hp, KRV_ERR_CORRUPT, "%s", krv_cause(of->hp).text);
+        [[fallthrough]];
+    case DW_OP_addr:
+        *operand += of->frame->bias;
+        return 0;
+    case DW_OP_constx:
+    case DW_OP_GNU_const_index:
         op->opcode = DW_OP_const8u;
-        op->operand[0].sa_u.su_unsigned += of->base;
+        if (!krv_cu_read_indexed(of->hp, of->unit, KRV_BASE_ADDR, *operand, operand))
+            return krv_fail(hp, KRV_ERR_CORRUPT, "%s", krv_cause(of->hp).text);
+        return 0;
+    case DW_OP_fbreg:
+        op->opcode = DW_OP_const8u;
+        *operand += of->base;
+        return of->has_base ? 0 : krv_fail(hp, KRV_ERR_NOTFOUND, "the base of the frame is not known");
+    default:
+        return 0;
     }
-    return 0;
 }
 
 static uint32_t flags_of(const krv_ctu_t *cu)
@@ -238,7 +259,7 @@ int korva_variable_read(krv_handle_t *hp, const krv_variable_t *variable, const 
         krv_entry_find_attr(hp, variable->entry, DW_AT_location, &where, &attr) != 0 ||
         find_expression(hp, where, attr, frame->address, &expression) != 0)
         return -1;
-    evaluation of(frame);
+    evaluation of(hp, where.unit, frame);
     find_base(hp, &of);
     if (move_expression(hp, &expression, &of) != 0)
         return -1;
