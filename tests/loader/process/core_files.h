@@ -49,10 +49,10 @@ struct core32 {
     }
 
     // A name of the program.
-    std::string name(uint32_t number) const
+    std::string name(uint32_t file) const
     {
         std::string way;
-        for (uint32_t left = number % names; left != 0; left /= 2)
+        for (uint32_t left = file % names; left != 0; left /= 2)
             way += left % 2 == 0 ? "/" : "/.";
         return way + program;
     }
