@@ -244,6 +244,8 @@ def is_same_value(attribute, text):
         return [int(byte, 16) for byte in value.split()] == [int(byte, 16) for byte in digits.split()[:int(size)]]
     number = int(re.match(r'<?(?:alt )?(-?\w+)', text).group(1), 0)
     ours = int(value, 0) if isinstance(value, str) else int(value)
+    if attribute['form'].startswith('DW_FORM_ref_sup'):  # which readelf counts from the unit
+        return attribute['alternate']
     return (number - ours) % 2**64 == 0 and attribute.get('alternate', False) == text.startswith('<alt')
 
 
@@ -407,12 +409,13 @@ class Chains:
         self.functions = functions
         self.is_split = is_split
         self.same = set()  # addresses whose names are those of addr2line
-        mangled = [name for _, _, name in functions if name.startswith('_D')]  # which addr2line leaves so
-        self.of_d = dict(zip(mangled, answer_of('c++filt', '-s', 'dlang', text='\n'.join(mangled)).splitlines()))
         text = answer_of('llvm-symbolizer', '--inlines', '--no-demangle', '-e', program,
                          text=''.join(f'{a:#x}\n' for a in addresses))
         lines = [answer.strip('\n').split('\n') for answer in text.split('\n\n')]
         self.known = {address: list(zip(answer[::2], answer[1::2])) for address, answer in zip(addresses, lines)}
+        names = {name for _, _, name in functions} | {name for calls in self.known.values() for name, _ in calls}
+        mangled = sorted(name for name in names if name.startswith('_D'))  # which addr2line leaves so
+        self.of_d = dict(zip(mangled, answer_of('c++filt', '-s', 'dlang', text='\n'.join(mangled)).splitlines()))
 
     def holders(self, address):
         """The symbols that hold the address."""
@@ -581,7 +584,8 @@ def main():
         compare_units(options.korva, program, units)
         if sum(unit['size'] for unit in units) < 200000:
             compare_entries(options.korva, program, other)
-            compare_functions(options.korva, program, read_functions(other))
+            if proof != 'skeleton':  # their functions stand in other files
+                compare_functions(options.korva, program, read_functions(other))
         compare_lines(options.korva, program, tables)
         whole = f'{program}.whole' if os.path.exists(f'{program}.whole') else other
         places = Places(tables[unit['offset']] for unit in units if unit['version'] == 5 and unit['offset'] in tables)
