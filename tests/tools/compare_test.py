@@ -234,6 +234,8 @@ def is_same_value(attribute, text):
     value, kind = attribute['value'], attribute['kind']
     if text.startswith('(indexed string'):
         return kind == 'string'
+    if '_sup' in attribute['form']:  # of these readelf counts references from the unit, and strings it does not look up
+        return kind == 'string' or attribute['alternate']
     text = LOOKED_UP.sub('', text, count=1)
     if kind == 'string':
         return value == text
@@ -244,8 +246,6 @@ def is_same_value(attribute, text):
         return [int(byte, 16) for byte in value.split()] == [int(byte, 16) for byte in digits.split()[:int(size)]]
     number = int(re.match(r'<?(?:alt )?(-?\w+)', text).group(1), 0)
     ours = int(value, 0) if isinstance(value, str) else int(value)
-    if attribute['form'].startswith('DW_FORM_ref_sup'):  # which readelf counts from the unit
-        return attribute['alternate']
     return (number - ours) % 2**64 == 0 and attribute.get('alternate', False) == text.startswith('<alt')
 
 
