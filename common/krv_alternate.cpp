@@ -16,6 +16,9 @@ struct krv_alternate {
 
 static void free_alternate(krv_alternate *alternate)
 {
+    for (size_t i = 0; i < alternate->sa_count; ++i)
+        if (uint64_t *ranges = alternate->sa_units[i].dcu_aranges; ranges != nullptr)
+            krv_free(krv_ranges_list(ranges));
     krv_free_die(alternate->sa_no_die);
     krv_free(alternate->sa_units);
     krv_free(alternate);
