@@ -193,10 +193,12 @@ size_t symbolizer::describe(uint64_t address, unsigned int flags, const krv_call
                             krv_elf_frame_t *frames, size_t room)
 {
     krv_elf_frame_t innermost = nothing_known();
+    const bool has_functions = (flags & KRV_ELF_FRAMES_F_NO_FUNCTIONS) == 0;
+    count = has_functions ? count : 0;
     bool is_known = count != 0;
     if (count != 0)
         innermost = frame_of(chain[0], address, flags);
-    else
+    else if (has_functions)
         is_known = take_symbol(address, flags, &innermost);
     if (!place_innermost(address, &innermost) && !is_known)
         return 0;
@@ -219,9 +221,11 @@ size_t symbolizer::find(uint64_t address, unsigned int flags, krv_elf_frame_t *f
             count = 0;
         }
     };
-    look_up(16);
-    if (std::min(count, room) > calls.size())
-        look_up(std::min(count, room));
+    if ((flags & KRV_ELF_FRAMES_F_NO_FUNCTIONS) == 0) {
+        look_up(16);
+        if (std::min(count, room) > calls.size())
+            look_up(std::min(count, room));
+    }
     return describe(address, flags, calls.data(), count, frames, room);
 }
 

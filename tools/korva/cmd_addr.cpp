@@ -139,8 +139,10 @@ answer addr_run::find(const question &q)
 {
     if (!q.address)
         return {};
-    return m_locator.frames(*q.address, m_options.demangle ? KRV_ELF_FRAMES_F_DEMANGLE : KRV_ELF_FRAMES_F_NONE,
-                            m_most_frames);
+    const unsigned int names =
+        !m_is_gnu || m_options.functions || m_most_frames != 1 ? KRV_ELF_FRAMES_F_NONE : KRV_ELF_FRAMES_F_NO_FUNCTIONS;
+    const unsigned int demangled = m_options.demangle ? KRV_ELF_FRAMES_F_DEMANGLE : KRV_ELF_FRAMES_F_NONE;
+    return m_locator.frames(*q.address, names | demangled, m_most_frames);
 }
 
 // Empty when it is not known.
