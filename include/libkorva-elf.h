@@ -107,8 +107,9 @@ typedef struct krv_elf_frame {
 /** Flags of korva_elf_symbolize. */
 enum {
     KRV_ELF_FRAMES_F_NONE = 0,
-    KRV_ELF_FRAMES_F_DEMANGLE = 1,    /**< functions as C++, Rust and D write them: korva_elf_demangle */
-    KRV_ELF_FRAMES_F_NO_FUNCTIONS = 2 /**< the place alone, of one frame without a function: no entry is read for it */
+    KRV_ELF_FRAMES_F_DEMANGLE = 1, /**< functions as C++, Rust and D write them: korva_elf_demangle */
+    KRV_ELF_FRAMES_F_NO_FUNCTIONS =
+        2 /**< the place alone, of one frame: no entry is read, and a symbol only where there is no place */
 };
 
 /** Visitor of korva_elf_symbolize_all: the frames of element @p index. Non-zero stops it and is returned. */

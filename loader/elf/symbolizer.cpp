@@ -200,7 +200,10 @@ size_t symbolizer::describe(uint64_t address, unsigned int flags, const krv_call
         innermost = frame_of(chain[0], address, flags);
     else if (has_functions)
         is_known = take_symbol(address, flags, &innermost);
-    if (!place_innermost(address, &innermost) && !is_known)
+    const bool is_placed = place_innermost(address, &innermost);
+    if (!has_functions && !is_placed)
+        is_known = take_symbol(address, flags, &innermost);
+    if (!is_placed && !is_known)
         return 0;
     if (room != 0)
         frames[0] = innermost;
