@@ -182,22 +182,6 @@ static bool resolve(const reading &r, krv_then then)
     return false;
 }
 
-// The form behind DW_FORM_indirect.
-static bool read_indirect(reading *r, krv_form_t *formp)
-{
-    const bool is_extended = r->place.plan->sp_encoding.is_extended();
-    while (*formp == DW_FORM_indirect) {
-        uint64_t written = 0;
-        r->at = krv_skip_number(r->at, r->place.end, &written);
-        if (r->at == nullptr)
-            return refuse(*r, "is cut off");
-        *formp = is_extended                ? krv_extended_form(written)
-                 : written < KRV_BASE_FORMS ? static_cast<krv_form_t>(written)
-                                            : KRV_BASE_FORMS;
-    }
-    return *formp != KRV_EXT_DW_FORM_implicit_const || refuse(*r, "is of an unknown form");
-}
-
 // Reads a value that is no plain number.
 [[gnu::noinline]] static int read_other(krv_handle_t *hp, const krv_place_t &place, krv_entry_t *entry,
                                         krv_attr_t *attr)
@@ -212,9 +196,12 @@ static bool read_indirect(reading *r, krv_form_t *formp)
     if (value->family == krv_family_t::implicit) {
         implicit = planned->abbrev->dwa_implicit[entry->implicit_read++];
     } else if (value->family == krv_family_t::indirect) {
-        krv_form_t form = DW_FORM_indirect;
-        if (!read_indirect(&r, &form))
+        krv_form_t form = 0;
+        r.at = krv_plan_skip_indirect(r.at, place.end, place.plan->sp_encoding, &form);
+        if (r.at == nullptr) {
+            refuse(r, "is cut off, or of an unknown form");
             return -1;
+        }
         indirect = krv_plan_value_of(value->attribute, form, place.plan->sp_encoding);
         value = &indirect;
     }

@@ -205,19 +205,25 @@ const krv_planned_t *krv_plan_find_other(krv_handle_t *hp, const krv_plan *plan,
     return abbrev == nullptr ? nullptr : &plan->sp_planned[abbrev - plan->sp_au->sau_abbrev_table];
 }
 
-const uint8_t *krv_plan_skip_form(const uint8_t *at, const uint8_t *end, krv_form_t form,
-                                  const krv_encoding_t &encoding)
+const uint8_t *krv_plan_skip_indirect(const uint8_t *at, const uint8_t *end, const krv_encoding_t &encoding,
+                                      krv_form_t *formp)
 {
-    while (form == DW_FORM_indirect) {
+    for (*formp = DW_FORM_indirect; *formp == DW_FORM_indirect;) {
         uint64_t written = 0;
         at = krv_skip_number(at, end, &written);
         if (at == nullptr)
             return nullptr;
-        form = encoding.is_extended()     ? krv_extended_form(written)
-               : written < KRV_BASE_FORMS ? static_cast<krv_form_t>(written)
-                                          : KRV_BASE_FORMS;
-        if (form == KRV_EXT_DW_FORM_implicit_const)
-            return nullptr;
+        *formp = encoding.is_extended()     ? krv_extended_form(written)
+                 : written < KRV_BASE_FORMS ? static_cast<krv_form_t>(written)
+                                            : KRV_BASE_FORMS;
     }
-    return krv_skip_value(at, end, form, encoding);
+    return *formp == KRV_EXT_DW_FORM_implicit_const ? nullptr : at;
+}
+
+const uint8_t *krv_plan_skip_form(const uint8_t *at, const uint8_t *end, krv_form_t form,
+                                  const krv_encoding_t &encoding)
+{
+    if (form == DW_FORM_indirect)
+        at = krv_plan_skip_indirect(at, end, encoding, &form);
+    return at == nullptr ? nullptr : krv_skip_value(at, end, form, encoding);
 }

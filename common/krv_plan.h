@@ -81,6 +81,11 @@ inline const krv_planned_t *krv_plan_find(krv_handle_t *hp, const krv_plan *plan
     return is_index ? &plan->sp_planned[code - 1] : krv_plan_find_other(hp, plan, code);
 }
 
+// What follows the codes that stand behind DW_FORM_indirect, and the form that they lead to; NULL: cut off, or a form that has no
+// value there.
+const uint8_t *krv_plan_skip_indirect(const uint8_t *at, const uint8_t *end, const krv_encoding_t &encoding,
+                                      krv_form_t *formp);
+
 // What follows a value whose form may be DW_FORM_indirect.
 const uint8_t *krv_plan_skip_form(const uint8_t *at, const uint8_t *end, krv_form_t form,
                                   const krv_encoding_t &encoding);
