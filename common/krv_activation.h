@@ -53,6 +53,7 @@ struct krv_activation {
     krv_activation_args_t sa_args;
     krv_fd_t sa_cie_fd;           // the cursor through which the expressions of rules and arguments are read
     krv_frame_info_t sa_function; // what covers the program counter, of the last evaluation; its size is 0: nothing
+    uint64_t sa_spared_pc;        // not 0: its rules were kept, and what covers it was not looked up
     krv_evaluation_t sa_state;
     krv_exprstack_t *sa_exprstack;
     krv_fd_t *sa_arg_fd[3]; // output cursors of argument evaluation

@@ -99,9 +99,12 @@ int korva_activation_get_frame_info(krv_handle_t *hp, krv_activation_t *ap, krv_
         return krv_fail_code(hp, KRV_ERR_INVALID);
     if (ap->sa_state == KRV_EVALUATION_UNTRIED) {
         ap->sa_function.size = 0;
-        if (krv_evaluate_activation(hp, ap) != 0 && ap->sa_function.size == 0)
+        ap->sa_spared_pc = 0;
+        if (krv_evaluate_activation(hp, ap) != 0 && ap->sa_function.size == 0 && ap->sa_spared_pc == 0)
             return -1;
     }
+    if (krv_find_function(hp, ap) != 0)
+        return -1;
     if (ap->sa_function.size == 0)
         return krv_fail_code(hp, KRV_ERR_NOTFOUND);
     krv_clear_error(hp); // of registers that could not be computed

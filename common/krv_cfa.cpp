@@ -113,6 +113,8 @@ static row new_row(cfi_run *run, uint64_t location)
         return bad(run, KRV_ERR_CORRUPT, "decreasing location");
     if (location > run->rules->pc)
         return row::reached;
+    if (run->rules->row != nullptr && location != run->location)
+        run->rules->row(run->rules->row_arg, run->location, location);
     run->location = location;
     return row::next;
 }

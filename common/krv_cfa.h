@@ -7,6 +7,9 @@
 #include "krv_cfa_decode.h"
 #include "krv_rule.h"
 
+// A row that is not empty: its rules are those in hand, of all addresses from `start` up to `end`.
+typedef void krv_row_f(void *arg, uint64_t start, uint64_t end);
+
 // What instructions are executed on: rules, one a slot, the last one the CFA's.
 //
 //  - Of a CIE: argsp is given, initialp NULL, pc, slocation and arange 0. Everything is executed; no row may be created.
@@ -25,6 +28,8 @@ struct krv_ruleset_t {
     uint64_t slocation;  // first address
     uint64_t arange;     // bytes
     krv_slots_t changed; // out: slots whose rules were set
+    krv_row_f *row;      // called for every row that ends before the one that contains pc, or NULL
+    void *row_arg;
 };
 
 // Executes the instructions in fdp, which is limited to them. -1 with messages, of which the last tells the offset; the

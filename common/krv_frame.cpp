@@ -115,6 +115,12 @@ static krv_linear_t *get_linear_table(krv_handle_t *hp, krv_reader_t *reader)
     return fresh == nullptr ? nullptr : krv_publish(&reader->sr_lt, fresh, krv_linear_deleter());
 }
 
+const krv_linear_t *krv_get_linear_table(krv_handle_t *hp)
+{
+    krv_reader_t *reader = krv_need_reader(hp);
+    return reader == nullptr ? nullptr : get_linear_table(hp, reader);
+}
+
 static int search_linear_table(krv_handle_t *hp, const krv_linear_t *lt, uint64_t address, index_entry *entry)
 {
     const krv_lie_t *table = lt->sl_table;
@@ -173,10 +179,9 @@ static uint64_t last_address(const krv_fde_t *fdep)
     return fdep->sfde_target_address + fdep->sfde_address_range - 1;
 }
 
-static bool is_consistent(const index_entry *entry, const krv_fde_t *fdep)
+bool krv_fde_is_consistent(const krv_fde_t *fdep, uint64_t start, uint64_t next)
 {
-    return fdep->sfde_target_address == entry->start &&
-           (entry->next == entry->start || last_address(fdep) < entry->next);
+    return fdep->sfde_target_address == start && (next == start || last_address(fdep) < next);
 }
 
 // The address is not below the FDE. The second condition is for the empty FDE at 0, whose last address is no address
@@ -210,7 +215,7 @@ krv_fde_t *krv_get_fde_by_address(krv_handle_t *hp, uint64_t address)
         krv_fde_owner fdep(reader->sr_ops->sro_gfbo(hp, reader, entry.offset), {hp});
         if (fdep == nullptr)
             return nullptr;
-        if (is_consistent(&entry, fdep.get())) {
+        if (krv_fde_is_consistent(fdep.get(), entry.start, entry.next)) {
             if (covers(fdep.get(), address))
                 return fdep.release();
             krv_fail_code(hp, KRV_ERR_NOTFOUND);

@@ -16,6 +16,12 @@ int krv_get_fde_offset_by_address(krv_handle_t *hp, uint64_t address, boolean_t 
 // other, or the code of a failed read.
 krv_fde_t *krv_get_fde_by_address(krv_handle_t *hp, uint64_t address);
 
+// Every FDE of the section, read once and kept. NULL with the code of a failed read, KRV_ERR_NOTFOUND when there is none.
+const krv_linear_t *krv_get_linear_table(krv_handle_t *hp);
+
+// Whether an FDE ends before the one that the table has behind its entry; if not, neither is found.
+bool krv_fde_is_consistent(const krv_fde_t *fdep, uint64_t start, uint64_t next);
+
 // Three-way comparison of two krv_lie_t by first address.
 int krv_fde_compar(const void *a, const void *b);
 

@@ -7,6 +7,7 @@
 #include "krv_addr_index.h"
 #include "krv_alternate.h"
 #include "krv_calls.h"
+#include "krv_compact.h"
 #include "krv_error.h"
 #include "krv_ext.h"
 #include "krv_fd.h"
@@ -151,6 +152,7 @@ krv_handle_t *korva_handle_alloc(krv_activation_type_t type)
     krv_rwlock_init(&hp->sh_rwlock);
     krv_rwlock_init(&hp->sh_error_lock);
     hp->sh_refcnt = 1;
+    hp->sh_cache_bits = KRV_CACHE_BITS;
     return hp;
 }
 
@@ -159,6 +161,7 @@ void korva_handle_free(krv_handle_t *hp)
     if (hp == nullptr)
         return;
     krv_destroy_reader(hp);
+    krv_compact_destroy(hp);
     krv_addr_index_destroy(hp);
     krv_alternate_destroy(hp);
     krv_calls_destroy(hp);
@@ -190,13 +193,15 @@ int korva_handle_set_opt(krv_handle_t *hp, krv_opt_idx_t opt, ...)
     if (hp == nullptr)
         return -1;
     krv_clear_error(hp);
-    const bool is_extension = krv_ext_is_option(opt);
+    const bool is_extension = krv_ext_is_option(opt) || krv_compact_is_option(opt);
     if (opt < 0 || (opt >= KRV_MAX_OPT && !is_extension))
         return krv_fail_code(hp, KRV_ERR_INVALID);
     va_list ap;
     va_start(ap, opt);
     const uint64_t value = va_arg(ap, uint64_t); // every option's type fills one 64-bit argument
     va_end(ap);
+    if (krv_compact_is_option(opt))
+        return krv_compact_set_opt(hp, opt, value);
     if (is_extension)
         return krv_ext_set_opt(hp, opt, value);
     set_opt(hp, opt, value);
@@ -220,6 +225,8 @@ int korva_attach_section(krv_handle_t *hp, krv_secidx_t sec, uint64_t size, krv_
     if (result != 0 || krv_units_keep_section(hp, sec) != 0)
         return -1;
     *krv_section(hp, sec) = section;
+    if (sec == KRV_SEC_FRAME)
+        krv_compact_forget(hp);
     return 0;
 }
 
@@ -232,6 +239,7 @@ int korva_attach_as(krv_handle_t *hp, krv_fd_cb_f *func, void *arg)
         return krv_fail(hp, KRV_ERR_INVALID, "NULL callback specified");
     krv_fd_attach_cb(hp, &hp->sh_as, UINT64_MAX, func, arg);
     krv_destroy_reader(hp); // the next query chooses again, with the new memory
+    krv_compact_forget(hp);
     return 0;
 }
 

@@ -11,6 +11,7 @@
 struct krv_addr_index;
 struct krv_alternate;
 struct krv_calls;
+struct krv_compact;
 struct krv_hash;
 struct krv_line_draft;
 struct krv_named;
@@ -62,6 +63,8 @@ struct krv_handle {
     krv_relaxed<int32_t> sh_errno;    // KRV_ERR_*
     krv_opt_t sh_opts[KRV_MAX_OPT];   // by KRV_OPT_*
     krv_reader *sh_frame_reader;      // built on first use, published by compare-and-swap
+    krv_compact *sh_compact;          // owned: rules that are kept; NULL unless memory is promised to be constant
+    unsigned sh_cache_bits;           // for 2^that program counters; 0: none
     krv_hash *sh_auphash;             // abbreviation tables by .debug_abbrev offset, likewise
     krv_addr_index *sh_addr_known;    // units by address, of those whose ranges need no scan, likewise
     krv_addr_index *sh_addr_all;      // units by address, all of them, likewise

@@ -4,7 +4,7 @@
 // return address. Expressions are read through a copy of the CIE's cursor, memory through the address space.
 #include "krv_unwind.h"
 
-#include "krv_cfa.h"
+#include "krv_compact.h"
 #include "krv_error.h"
 #include "krv_expr_eval.h"
 #include "krv_fd.h"
@@ -80,7 +80,8 @@ static int generate_cie_rules(krv_handle_t *hp, krv_activation_t *ap, krv_cie_t 
     return result;
 }
 
-static int generate_fde_rules(krv_handle_t *hp, krv_activation_t *ap, krv_fde_t *fde, uint64_t pc)
+static int generate_fde_rules(krv_handle_t *hp, krv_activation_t *ap, krv_fde_t *fde, uint64_t pc,
+                              krv_row_f *row = nullptr, void *row_arg = nullptr)
 {
     const krv_cie_t *cie = fde->sfde_cie;
     krv_fd_t fd = krv_fd_windowed(&cie->scie_fd, &fde->sfde_window);
@@ -95,17 +96,23 @@ static int generate_fde_rules(krv_handle_t *hp, krv_activation_t *ap, krv_fde_t 
     rules.pc = pc;
     rules.slocation = fde->sfde_target_address;
     rules.arange = fde->sfde_address_range;
+    rules.row = row;
+    rules.row_arg = row_arg;
     const int result = krv_generate_ruleset(hp, &fd, &rules);
     ap->sa_current_changed.add(rules.changed);
     return result;
 }
 
-int krv_generate_rules(krv_handle_t *hp, krv_activation_t *ap, uint64_t pc, uint64_t *columnp)
+// What the rules of an FDE are read by, and what is told of it.
+static void enter_function(krv_activation_t *ap, const krv_fde_t *fde)
 {
-    KRV_ASSERT(hp != NULL);
-    KRV_ASSERT(ap != NULL);
-    KRV_ASSERT(columnp != NULL);
-    ap->sa_function.size = 0;
+    ap->sa_cie_fd = fde->sfde_cie->scie_fd;
+    ap->sa_function = {fde->sfde_target_address, fde->sfde_address_range, fde->sfde_cie->scie_signal ? 1 : 0};
+}
+
+// What the records say.
+static int read_rules(krv_handle_t *hp, krv_activation_t *ap, uint64_t pc, uint64_t *columnp)
+{
     const krv_fde_owner fde(krv_get_fde_by_address(hp, pc), {hp});
     if (fde == nullptr)
         return krv_note(hp, "unable to get FDE for PC 0x%lx", static_cast<unsigned long>(pc));
@@ -114,13 +121,50 @@ int krv_generate_rules(krv_handle_t *hp, krv_activation_t *ap, uint64_t pc, uint
         return krv_fail(hp, KRV_ERR_NOTFOUND, "unable to get FDE for PC 0x%lx", static_cast<unsigned long>(pc));
 
     krv_cie_t *cie = fde->sfde_cie;
-    ap->sa_cie_fd = cie->scie_fd;
-    ap->sa_function = {fde->sfde_target_address, fde->sfde_address_range, cie->scie_signal ? 1 : 0};
+    enter_function(ap, fde.get());
     *columnp = cie->scie_return_address_register;
     if (generate_cie_rules(hp, ap, cie) != 0)
         return krv_note(hp, "failed to generate CIE's rules");
     if (generate_fde_rules(hp, ap, fde.get(), pc) != 0)
         return krv_note(hp, "failed to generate FDE's rules");
+    return 0;
+}
+
+int krv_generate_rules(krv_handle_t *hp, krv_activation_t *ap, uint64_t pc, uint64_t *columnp)
+{
+    KRV_ASSERT(hp != NULL);
+    KRV_ASSERT(ap != NULL);
+    KRV_ASSERT(columnp != NULL);
+    ap->sa_function.size = 0;
+    ap->sa_spared_pc = 0;
+    if (hp->sh_compact == nullptr)
+        return read_rules(hp, ap, pc, columnp);
+    if (pc != 0 && krv_compact_apply(hp, ap, pc, columnp)) {
+        ap->sa_spared_pc = pc;
+        return 0;
+    }
+    if (read_rules(hp, ap, pc, columnp) != 0)
+        return -1;
+    krv_compact_learn(hp, ap, pc, *columnp);
+    return 0;
+}
+
+int krv_generate_rows(krv_handle_t *hp, krv_activation_t *ap, krv_fde_t *fde, krv_row_f *row, void *arg)
+{
+    KRV_ASSERT(fde->sfde_address_range != 0);
+    enter_function(ap, fde);
+    const uint64_t last = fde->sfde_target_address + fde->sfde_address_range - 1;
+    return generate_cie_rules(hp, ap, fde->sfde_cie) != 0 ? -1 : generate_fde_rules(hp, ap, fde, last, row, arg);
+}
+
+int krv_find_function(krv_handle_t *hp, krv_activation_t *ap)
+{
+    if (ap->sa_function.size != 0 || ap->sa_spared_pc == 0)
+        return 0;
+    const krv_fde_owner fde(krv_get_fde_by_address(hp, ap->sa_spared_pc), {hp});
+    if (fde == nullptr)
+        return -1;
+    enter_function(ap, fde.get());
     return 0;
 }
 

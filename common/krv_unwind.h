@@ -5,10 +5,19 @@
 #define KRV_UNWIND_H
 
 #include "krv_activation.h"
+#include "krv_cfa.h"
+#include "krv_frame_reader.h"
 
 // Fills the rules at a program counter: sa_initial, sa_current, sa_args and sa_cie_fd; *columnp is the return-address
 // register. -1 with code and messages.
 int krv_generate_rules(krv_handle_t *hp, krv_activation_t *ap, uint64_t pc, uint64_t *columnp);
+
+// Calls `row` for the rows of an FDE that is not empty, with their rules in sa_current, all but the last one, whose rules
+// are there afterwards. -1 with code and messages when a row cannot be read; those before it were visited.
+int krv_generate_rows(krv_handle_t *hp, krv_activation_t *ap, krv_fde_t *fde, krv_row_f *row, void *arg);
+
+// Fills sa_function, if that was spared.
+int krv_find_function(krv_handle_t *hp, krv_activation_t *ap);
 
 // Computes the caller's frame unless its outcome is known. -1 with code and messages, of a remembered failure without.
 int krv_evaluate_activation(krv_handle_t *hp, krv_activation_t *ap);

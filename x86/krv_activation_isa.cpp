@@ -185,16 +185,22 @@ consteval bool table_sound(const krv_reg_def_t (&rows)[N], size_t count, int las
 static_assert(table_sound(krv_def_amd64, 63, 66), "AMD64 register table");
 static_assert(table_sound(krv_def_i386, 43, 49), "32-bit x86 register table");
 
-template <size_t N>
-consteval krv_mach_def_t machine(const krv_reg_def_t (&rows)[N], unsigned int sp, unsigned int fp, unsigned int pc)
+// %rbx %rbp %r12 to %r15; %ebx %ebp %esi %edi; and the return address.
+constexpr uint8_t kept_amd64[] = {3, 6, 12, 13, 14, 15, 16};
+constexpr uint8_t kept_i386[] = {3, 5, 6, 7, 8};
+
+template <size_t N, size_t K>
+consteval krv_mach_def_t machine(const krv_reg_def_t (&rows)[N], const uint8_t (&kept)[K], unsigned int sp,
+                                 unsigned int fp)
 {
-    return {rows, N, sp, fp, pc};
+    static_assert(K <= KRV_MAX_KEPT);
+    return {rows, N, sp, fp, kept[K - 1], kept, K};
 }
 
 } // namespace
 
-constexpr krv_mach_def_t amd64_mach = machine(krv_def_amd64, 7, 6, 16);
-constexpr krv_mach_def_t i386_mach = machine(krv_def_i386, 4, 5, 8);
+constexpr krv_mach_def_t amd64_mach = machine(krv_def_amd64, kept_amd64, 7, 6);
+constexpr krv_mach_def_t i386_mach = machine(krv_def_i386, kept_i386, 4, 5);
 
 const krv_mach_def_t *krv_activation_isa_alloc(const krv_handle_t *hp)
 {

@@ -37,6 +37,17 @@ enum {
     KRV_OPT_EXT_AS_WRITTEN = 0x1001,
     KRV_OPT_EXT_NOTE_FUNC = 0x1002,     /**< krv_note_f *: called for what is left out or stepped over, as it is met */
     KRV_OPT_EXT_NOTE_FUNC_ARG = 0x1003, /**< void *: second argument of that function; NULL while unset */
+    /**
+     * (early) A promise of the client: call-frame information, in the target's memory and in .debug_frame, stays as it is
+     * while the handle has it. Rules that were found for a program counter are then kept and used again without a look at
+     * memory, and korva_frames_prefill can be asked for (stacks.h). Of the stack nothing is promised. Answers are the same.
+     */
+    KRV_OPT_EXT_CONSTANT_FRAMES = 0x1010,
+    /**
+     * (early) For how many program counters rules are kept, rounded up to a power of two, of 8 bytes each; 4096 while
+     * unset, 2^24 at most. 0: for none but those of korva_frames_prefill.
+     */
+    KRV_OPT_EXT_FRAME_CACHE = 0x1011,
 };
 
 /** Sections of extensions, for korva_attach_section, once KRV_OPT_EXT_DWARF5 or KRV_OPT_EXT_AS_WRITTEN is on. */

@@ -35,7 +35,9 @@ struct machine {
                                .pc = is_fde ? pc : 0,
                                .slocation = is_fde ? uint64_t{0x1000} : 0,
                                .arange = is_fde ? uint64_t{0x100} : 0,
-                               .changed = {}};
+                               .changed = {},
+                               .row = nullptr,
+                               .row_arg = nullptr};
         return krv_generate_ruleset(s.h, &fd, &rules);
     }
 

@@ -286,6 +286,43 @@ static std::string ask_frames(krv_handle_t *hp)
     return answer;
 }
 
+template <bool EH, bool HDR>
+static session make_constant_frames()
+{
+    session s = make_frames<EH, HDR, true>();
+    s.constant = true;
+    return s;
+}
+
+// The same before there are rules to be used again, with some, with a table of all, and then by that alone.
+static std::string ask_constant_frames(krv_handle_t *hp)
+{
+    const std::string first = ask_frames(hp);
+    if (first[0] == '!' || ask_frames(hp) != first)
+        return first[0] == '!' ? first : "!again";
+    if (korva_frames_prefill(hp) != 0)
+        return "!table";
+    if (ask_frames(hp) != first)
+        return "!by the table";
+    const krv_stack_module_t module = {hp, 0};
+    krv_stack_t stack = {};
+    stack.modules = &module;
+    stack.nmodules = 1;
+    stack.gregs[KRV_HOST_RSP] = stack_address;
+    stack.gregs[KRV_HOST_RIP] = 0x1008;
+    stack.mask = 1 << KRV_HOST_RSP | 1 << KRV_HOST_RIP;
+    stack.read = hp->sh_as.sfd_u.cb.func;
+    stack.arg = hp->sh_as.sfd_u.cb.arg;
+    uint64_t addresses[4];
+    krv_stack_end_t end;
+    const size_t count = korva_stack_addresses(&stack, addresses, std::size(addresses), &end);
+    if (end.reason == KRV_STACK_MEMORY) {
+        krv_fail(hp, KRV_ERR_IO, "read callback failed");
+        return "!stack";
+    }
+    return first + text("%zu %lx %d", count, end.pc, end.reason);
+}
+
 // Expressions on their own
 
 static bytes value_expression()
@@ -346,6 +383,9 @@ std::span<const scenario> scenarios()
         {".eh_frame_hdr", make_frames<true, true>, ask_frames, "7008 0; 7010 0; ", 15},
         {".debug_frame as written", make_frames<false, false, true>, ask_frames, "7008 55; 7010 0; ", 15},
         {".eh_frame as written", make_frames<true, false, true>, ask_frames, "7008 0; 7010 0; ", 15},
+        {"constant .debug_frame", make_constant_frames<false, false>, ask_constant_frames, "7008 55; 7010 0; 4 1012 6",
+         15},
+        {"constant .eh_frame", make_constant_frames<true, true>, ask_constant_frames, "7008 0; 7010 0; 4 1012 6", 15},
         {"expressions", make_expressions, ask_expressions, "7 106d 551110", 5},
     };
     return all;
@@ -357,6 +397,9 @@ void session::set_options(krv_handle_t *hp) const
         korva_handle_set_opt(hp, KRV_OPT_EH_FRAME_ADDR, eh_frame);
     if (hdr != 0)
         korva_handle_set_opt(hp, KRV_OPT_EH_FRAME_HDR_ADDR, hdr);
+    for (int tries = 2; constant && tries > 0; --tries) // memory may run out once
+        if (korva_handle_set_opt(hp, KRV_OPT_EXT_CONSTANT_FRAMES, uint64_t{1}) == 0)
+            break;
     if (!extended)
         return;
     for (const krv_opt_idx_t opt : {KRV_OPT_EXT_DWARF5, KRV_OPT_EXT_AS_WRITTEN})

@@ -1,0 +1,123 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// Rules that are kept while call-frame information is promised to be constant: each kind once, in a few bytes; which one
+// holds at a program counter, by a table of all code or else by a cache of those that were asked for.
+#ifndef KRV_COMPACT_H
+#define KRV_COMPACT_H
+
+#include "krv_activation.h"
+
+constexpr unsigned KRV_WALK_REGISTERS = 17; // DWARF numbers below this one have an origin in a rule, on either target
+
+// How the value of a register of the caller is come by; what an expression may say, as far as compilers write it.
+typedef uint8_t krv_origin_kind_t;
+enum {
+    KRV_ORIGIN_UNDEFINED = 0,
+    KRV_ORIGIN_SAME = 1,
+    KRV_ORIGIN_REGISTER = 2,    // what reg has
+    KRV_ORIGIN_IN_MEMORY = 3,   // at base + offset
+    KRV_ORIGIN_IS_ADDRESS = 4,  // base + offset
+    KRV_ORIGIN_LOADED = 5,      // the CFA only: what is at base + offset, plus more
+    KRV_ORIGIN_OF_PLT_ENTRY = 6 // the CFA only: one word above the stack pointer, two from byte `more` of an entry on
+};
+constexpr uint8_t KRV_ORIGIN_CFA = UINT8_MAX; // reg: the base is the CFA
+
+constexpr unsigned KRV_CACHE_BITS = 12, KRV_MAX_CACHE_BITS = 24; // of KRV_OPT_EXT_FRAME_CACHE
+
+struct krv_origin_t {
+    krv_origin_kind_t kind;
+    uint8_t reg; // DWARF number of what offset is added to
+    uint16_t unused;
+    int32_t offset;
+    int32_t more;
+};
+
+// Where a kept register is: words from the CFA, or
+constexpr int16_t KRV_KEPT_SAME = INT16_MIN, KRV_KEPT_UNDEFINED = INT16_MIN + 1;
+
+enum : uint16_t {
+    KRV_COMPACT_SIGNAL = 1, // the caller was interrupted
+    KRV_COMPACT_ORIGINS = 2 // the rules of registers are origins; else activations may be given this rule: it says all
+};
+
+struct krv_compact_t {
+    krv_origin_t cfa;
+    uint16_t flags;             // KRV_COMPACT_SIGNAL, KRV_COMPACT_ORIGINS
+    int16_t kept[KRV_MAX_KEPT]; // by smd_kept; the stack pointer is the CFA, others are undefined
+    uint32_t origins;           // with that flag: number of the first of KRV_WALK_REGISTERS in the table
+};
+
+// Numbers of rules: two that are none.
+typedef uint16_t krv_compact_number_t;
+enum : uint16_t {
+    KRV_COMPACT_NONE = 0, // nothing describes this code
+    KRV_COMPACT_ASK = 1,  // what does, the records tell
+    KRV_COMPACT_FIRST = 2
+};
+
+// All code of a module, from row to row. Does not change once published.
+struct krv_compact_table {
+    uint64_t base, size; // bytes, less than 2^32
+    uint32_t *offsets;   // where rows begin, from base, ascending; the first is 0
+    krv_compact_number_t *rules;
+    uint32_t *blocks; // by offset >> shift: the row at the block's first byte; one more than there are blocks
+    unsigned shift;
+    uint64_t rows, capacity;
+    krv_origin_t *origins;
+    uint32_t norigins, origins_capacity;
+};
+
+// What a handle with KRV_OPT_EXT_CONSTANT_FRAMES keeps.
+struct krv_compact {
+    static constexpr unsigned CHUNK = 256;
+    krv_compact_t *chunks[UINT16_MAX / CHUNK + 1]; // rules never move
+    uint32_t count;                                // of numbers in use
+    krv_compact_number_t *index;                   // open addressing: rules by what they say, at most half full
+    uint32_t index_size;
+    krv_compact_table *table; // published by compare-and-swap
+    uint64_t *cache;          // pc << 16 | number, 2^sh_cache_bits of them, each by itself; published once
+
+    const krv_compact_t *rule(krv_compact_number_t number) const { return &chunks[number / CHUNK][number % CHUNK]; }
+};
+
+// KRV_OPT_EXT_CONSTANT_FRAMES and KRV_OPT_EXT_FRAME_CACHE. 0 or -1.
+inline bool krv_compact_is_option(krv_opt_idx_t opt)
+{
+    return opt == KRV_OPT_EXT_CONSTANT_FRAMES || opt == KRV_OPT_EXT_FRAME_CACHE;
+}
+int krv_compact_set_opt(krv_handle_t *hp, krv_opt_idx_t opt, uint64_t value);
+
+// Forgets what was kept; with the switch.
+void krv_compact_destroy(krv_handle_t *hp);
+void krv_compact_forget(krv_handle_t *hp);
+
+void krv_compact_table_free(krv_compact_table *table);
+
+// What the rules of an activation say, if a compact rule can.
+bool krv_compact_encode(const krv_activation_t *ap, uint64_t column, krv_compact_t *rule);
+
+// The number of a rule; KRV_COMPACT_ASK when there are too many, or, with KRV_ERR_NOMEM, no memory.
+krv_compact_number_t krv_compact_intern(krv_handle_t *hp, krv_compact *c, const krv_compact_t *rule);
+
+// Fills the rules at a program counter, as krv_generate_rules does, if they are kept; what covers it stays unknown.
+bool krv_compact_apply(krv_handle_t *hp, krv_activation_t *ap, uint64_t pc, uint64_t *columnp);
+
+// Keeps the rules that an activation has for a program counter.
+void krv_compact_learn(krv_handle_t *hp, const krv_activation_t *ap, uint64_t pc, uint64_t column);
+
+// The rule at a program counter within the table.
+inline krv_compact_number_t krv_compact_search(const krv_compact_table *table, uint64_t pc)
+{
+    const auto offset = static_cast<uint32_t>(pc - table->base);
+    const uint32_t *block = &table->blocks[offset >> table->shift];
+    uint32_t row = block[0], last = block[1];
+    while (last - row > 8) { // the last one that does not begin behind it
+        const uint32_t middle = row + (last - row) / 2;
+        (table->offsets[middle] <= offset ? row : last) = middle;
+    }
+    while (row < last && table->offsets[row + 1] <= offset)
+        ++row;
+    return table->rules[row];
+}
+
+#endif

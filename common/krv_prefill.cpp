@@ -1,0 +1,317 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// The table of the rules of all code: every FDE of the section, as krv_get_fde_by_address finds it, row by row.
+#include "krv_compact.h"
+#include "krv_dwarf.h"
+#include "krv_error.h"
+#include "krv_fd.h"
+#include "krv_frame.h"
+#include "krv_mem.h"
+#include "krv_unwind.h"
+
+#include <algorithm>
+#include <bit>
+#include <cstring>
+
+namespace
+{
+
+struct table_deleter {
+    void operator()(krv_compact_table *table) const { krv_compact_table_free(table); }
+};
+using table_owner = std::unique_ptr<krv_compact_table, table_deleter>;
+
+constexpr uint64_t MOST_CODE = UINT32_MAX;
+
+// The table while it is filled.
+struct filling {
+    krv_handle_t *hp;
+    krv_activation_t *ap;
+    krv_compact_table *table;
+    uint64_t column; // of the FDE in hand
+    uint64_t behind; // where its next row begins
+    uint64_t bytes;  // of instructions that were read
+    int32_t failure; // KRV_ERR_NOMEM or KRV_ERR_IO: a row is missing that another time might be there
+};
+
+// What an expression says, if it is one of those that compilers and linkers write.
+struct expression {
+    bool known;
+    krv_origin_t origin;
+};
+
+} // namespace
+
+// ---------------------------------------------------------------------------------------------------------------
+// Places
+// ---------------------------------------------------------------------------------------------------------------
+
+// A number of a single or several bytes, as far as 32 bits reach.
+static bool scan_offset(const uint8_t **at, const uint8_t *end, bool is_signed, int32_t *valuep)
+{
+    int64_t value = 0;
+    unsigned shift = 0;
+    for (; *at != end && shift < 35; shift += 7) {
+        const uint8_t byte = *(*at)++;
+        value |= static_cast<int64_t>(uint64_t{byte & 0x7fU} << shift);
+        if ((byte & 0x80) != 0)
+            continue;
+        if (is_signed && (byte & 0x40) != 0)
+            value -= int64_t{1} << (shift + 7);
+        *valuep = static_cast<int32_t>(value);
+        return value >= INT32_MIN && value <= INT32_MAX;
+    }
+    return false;
+}
+
+// A PLT entry of `word` bytes a word pushes a number at some byte of its 16: the stack pointer moves behind it.
+static bool is_plt_entry(const krv_activation_t *ap, size_t word, const uint8_t *bytes, size_t size,
+                         krv_origin_t *origin)
+{
+    const auto sp = static_cast<uint8_t>(DW_OP_breg0 + ap->sa_mach_def->smd_sp);
+    const auto pc = static_cast<uint8_t>(DW_OP_breg0 + ap->sa_mach_def->smd_pc);
+    const auto shift = static_cast<uint8_t>(DW_OP_lit0 + static_cast<unsigned>(std::countr_zero(word)));
+    const uint8_t known[] = {sp,          static_cast<uint8_t>(word),
+                             pc,          0,
+                             DW_OP_lit15, DW_OP_and,
+                             0, // compared with
+                             DW_OP_ge,    shift,
+                             DW_OP_shl,   DW_OP_plus};
+    constexpr size_t BYTE = 6;
+    if (size != sizeof(known) || std::memcmp(bytes, known, BYTE) != 0 ||
+        std::memcmp(bytes + BYTE + 1, known + BYTE + 1, size - BYTE - 1) != 0 || bytes[BYTE] < DW_OP_lit0 ||
+        bytes[BYTE] > DW_OP_lit31)
+        return false;
+    *origin = {KRV_ORIGIN_OF_PLT_ENTRY, static_cast<uint8_t>(ap->sa_mach_def->smd_sp), 0, 0,
+               static_cast<int32_t>(bytes[BYTE]) - static_cast<int32_t>(DW_OP_lit0)};
+    return true;
+}
+
+// A register and an offset; of the CFA perhaps loaded from there, perhaps with another offset.
+static bool read_expression(const filling *f, const krv_cfarule_t *rule, bool is_cfa, krv_origin_t *origin)
+{
+    uint8_t bytes[16];
+    krv_fd_t fd = f->ap->sa_cie_fd;
+    const uint64_t size = rule->size;
+    if (size == 0 || size > sizeof(bytes) || krv_fd_seek(&fd, rule->offset) != 0 ||
+        korva_fd_to_mem(&fd, bytes, static_cast<size_t>(size)) != 0)
+        return false;
+    if (is_cfa && is_plt_entry(f->ap, f->hp->sh_target_size, bytes, static_cast<size_t>(size), origin))
+        return true;
+    const uint8_t *at = bytes, *const end = bytes + size;
+    const unsigned reg = *at++ - unsigned{DW_OP_breg0};
+    *origin = {KRV_ORIGIN_IS_ADDRESS, static_cast<uint8_t>(reg), 0, 0, 0};
+    if (reg >= KRV_WALK_REGISTERS || !scan_offset(&at, end, true, &origin->offset))
+        return false;
+    if (at != end && is_cfa && *at == DW_OP_deref) {
+        origin->kind = KRV_ORIGIN_LOADED;
+        ++at;
+        if (at != end && *at++ == DW_OP_plus_uconst && !scan_offset(&at, end, false, &origin->more))
+            return false;
+    }
+    return at == end;
+}
+
+static bool find_cfa_origin(const filling *f, const krv_cfarule_t *rule, krv_origin_t *origin)
+{
+    if (rule->desc == KRV_CFA_RULE_EXPRESSION)
+        return read_expression(f, rule, true, origin);
+    const uint64_t base = rule->arg >> 32;
+    *origin = {KRV_ORIGIN_IS_ADDRESS, static_cast<uint8_t>(base), 0, static_cast<int32_t>(rule->arg & UINT32_MAX), 0};
+    return rule->desc == KRV_CFA_RULE_REG_OFFSET && base < KRV_WALK_REGISTERS;
+}
+
+static bool find_origin(const filling *f, const krv_cfarule_t *rule, krv_origin_t *origin)
+{
+    const auto offset = static_cast<int64_t>(rule->arg);
+    *origin = {KRV_ORIGIN_UNDEFINED, KRV_ORIGIN_CFA, 0, static_cast<int32_t>(offset), 0};
+    switch (rule->desc) {
+    case KRV_CFA_RULE_UNDEFINED:
+        return true;
+    case KRV_CFA_RULE_SAME_VALUE:
+        origin->kind = KRV_ORIGIN_SAME;
+        return true;
+    case KRV_CFA_RULE_REGISTER:
+        origin->kind = KRV_ORIGIN_REGISTER;
+        origin->reg = static_cast<uint8_t>(rule->arg);
+        return rule->arg < KRV_WALK_REGISTERS;
+    case KRV_CFA_RULE_OFFSET:
+    case KRV_CFA_RULE_VAL_OFFSET:
+        origin->kind = rule->desc == KRV_CFA_RULE_OFFSET ? KRV_ORIGIN_IN_MEMORY : KRV_ORIGIN_IS_ADDRESS;
+        return offset >= INT32_MIN && offset <= INT32_MAX;
+    case KRV_CFA_RULE_EXPRESSION:
+    case KRV_CFA_RULE_VAL_EXPRESSION:
+        if (!read_expression(f, rule, false, origin))
+            return false;
+        if (rule->desc == KRV_CFA_RULE_EXPRESSION)
+            origin->kind = KRV_ORIGIN_IN_MEMORY;
+        return true;
+    default:
+        return false;
+    }
+}
+
+// Rules that no compact one expresses: an origin for each register, as many as instructions make likely.
+static bool add_origins(filling *f, krv_compact_t *rule)
+{
+    krv_compact_table *table = f->table;
+    const krv_activation_t *ap = f->ap;
+    krv_origin_t origins[KRV_WALK_REGISTERS] = {};
+    *rule = {};
+    if (f->column != ap->sa_mach_def->smd_pc || table->norigins > (64 + f->bytes) * 2 ||
+        !find_cfa_origin(f, &ap->sa_current[krv_library_slot(ap, KRV_REG_CFA)], &rule->cfa))
+        return false;
+    for (unsigned reg = 0; reg <= f->column; ++reg)
+        if (!find_origin(f, &ap->sa_current[reg], &origins[reg]))
+            return false;
+    for (uint32_t i = 0; i < KRV_WALK_REGISTERS; ++i) {
+        if (!krv_table_grow(f->hp, &table->origins, &table->origins_capacity, table->norigins + i, 64U))
+            return false;
+        table->origins[table->norigins + i] = origins[i];
+    }
+    rule->flags = KRV_COMPACT_ORIGINS | (ap->sa_function.is_signal != 0 ? KRV_COMPACT_SIGNAL : 0);
+    rule->origins = table->norigins;
+    table->norigins += KRV_WALK_REGISTERS;
+    return true;
+}
+
+// ---------------------------------------------------------------------------------------------------------------
+// Rows
+// ---------------------------------------------------------------------------------------------------------------
+
+// Appends a row; one that says what the row before it says is part of that.
+static void add_row(filling *f, uint64_t start, krv_compact_number_t number)
+{
+    krv_compact_table *table = f->table;
+    const uint64_t offset = start - table->base;
+    if (offset > MOST_CODE)
+        return;
+    if (table->rows != 0 && table->offsets[table->rows - 1] == offset)
+        --table->rows;
+    if (table->rows != 0 && table->rules[table->rows - 1] == number)
+        return;
+    uint64_t capacity = table->capacity;
+    if (!krv_table_grow(f->hp, &table->rules, &capacity, table->rows, uint64_t{64}) ||
+        !krv_table_grow(f->hp, &table->offsets, &table->capacity, table->rows, uint64_t{64})) {
+        f->failure = KRV_ERR_NOMEM;
+        return;
+    }
+    table->offsets[table->rows] = static_cast<uint32_t>(offset);
+    table->rules[table->rows++] = number;
+}
+
+static krv_compact_number_t give_up(filling *f)
+{
+    const int32_t code = f->hp->sh_errno;
+    if (code == KRV_ERR_NOMEM || code == KRV_ERR_IO)
+        f->failure = code;
+    return KRV_COMPACT_ASK;
+}
+
+// The rules that the activation has.
+static krv_compact_number_t number_rules(filling *f)
+{
+    krv_compact_t rule;
+    krv_clear_error(f->hp);
+    if (!krv_compact_encode(f->ap, f->column, &rule) && !add_origins(f, &rule))
+        return give_up(f);
+    const krv_compact_number_t number = krv_compact_intern(f->hp, f->hp->sh_compact, &rule);
+    return number == KRV_COMPACT_ASK ? give_up(f) : number;
+}
+
+static void visit_row(void *arg, uint64_t start, uint64_t end)
+{
+    auto *f = static_cast<filling *>(arg);
+    add_row(f, start, number_rules(f));
+    f->behind = end;
+}
+
+// An FDE that is not found by every address, or whose rows cannot be read, is left to those who ask for it. False, with
+// code and messages: it cannot be read this time.
+static bool add_function(filling *f, const krv_lie_t *entry, uint64_t next)
+{
+    const krv_fde_owner fde(krv_get_fde_by_offset(f->hp, entry->sle_offset), {f->hp});
+    const uint64_t start = entry->sle_start;
+    if (fde == nullptr)
+        return false;
+    const uint64_t size = fde->sfde_address_range;
+    if (!krv_fde_is_consistent(fde.get(), start, next) || size == 0 || size > UINT64_MAX - start) {
+        add_row(f, start, KRV_COMPACT_ASK);
+        return f->failure == 0;
+    }
+    f->column = fde->sfde_cie->scie_return_address_register;
+    f->bytes += fde->sfde_cfi_size;
+    f->behind = start;
+    const bool whole = krv_generate_rows(f->hp, f->ap, fde.get(), visit_row, f) == 0;
+    add_row(f, f->behind, whole ? number_rules(f) : give_up(f));
+    add_row(f, start + size, KRV_COMPACT_NONE);
+    if (f->failure != 0)
+        f->hp->sh_errno = f->failure;
+    return f->failure == 0;
+}
+
+// About one block a row.
+static bool index_rows(filling *f)
+{
+    krv_compact_table *table = f->table;
+    const uint64_t last = table->offsets[table->rows - 1];
+    table->size = last + 1;
+    table->shift = static_cast<unsigned>(std::bit_width(table->size / table->rows));
+    const uint64_t blocks = (last >> table->shift) + 1;
+    table->blocks = static_cast<uint32_t *>(krv_alloc(f->hp, (blocks + 1) * sizeof(uint32_t)));
+    if (table->blocks == nullptr)
+        return false;
+    uint32_t row = 0;
+    for (uint64_t block = 0; block < blocks; ++block) {
+        while (row + 1 < table->rows && table->offsets[row + 1] <= block << table->shift)
+            ++row;
+        table->blocks[block] = row;
+    }
+    table->blocks[blocks] = static_cast<uint32_t>(table->rows - 1);
+    return true;
+}
+
+static bool fill(filling *f, const krv_linear_t *lt)
+{
+    const krv_lie_t *entries = lt->sl_table;
+    f->table->base = entries[0].sle_start;
+    for (uint64_t i = 0; i < lt->sl_table_entries; ++i) {
+        const bool is_last = i + 1 == lt->sl_table_entries;
+        const uint64_t next = is_last ? entries[i].sle_start : entries[i + 1].sle_start;
+        if (!is_last && next == entries[i].sle_start)
+            continue; // of those that begin at one address the last one is found
+        if (!add_function(f, &entries[i], next))
+            return false;
+    }
+    krv_clear_error(f->hp); // of rows that are left to others
+    return index_rows(f);
+}
+
+static int prefill(krv_handle_t *hp)
+{
+    krv_compact *c = hp->sh_compact;
+    if (c == nullptr)
+        return krv_fail(hp, KRV_ERR_INVALID, "call-frame information is not promised to be constant");
+    if (krv_load(&c->table) != nullptr)
+        return 0;
+    const krv_linear_t *lt = krv_get_linear_table(hp);
+    if (lt == nullptr)
+        return -1;
+    const krv_activation_owner ap(korva_activation_alloc(hp));
+    table_owner table(krv_new<krv_compact_table>(hp));
+    if (ap == nullptr || table == nullptr)
+        return -1;
+    filling f = {hp, ap.get(), table.get(), 0, 0, 0, 0};
+    if (!fill(&f, lt))
+        return -1;
+    krv_publish(&c->table, table.release(), krv_compact_table_free);
+    return 0;
+}
+
+int korva_frames_prefill(krv_handle_t *hp)
+{
+    if (hp == nullptr)
+        return -1;
+    krv_clear_error(hp);
+    return prefill(hp);
+}

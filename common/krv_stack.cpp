@@ -1,0 +1,246 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// The program counters of a whole stack, by the tables of rules alone. Safe in a signal handler: what is not on the stack
+// of the call is only read, and no handle's error state is touched. Of a register that was saved only the address is
+// noted; few are ever asked for.
+#include "krv_activation_isa.h"
+#include "krv_compact.h"
+#include "krv_expr.h"
+
+#include <cstring>
+
+namespace
+{
+
+// What is known of a register of the frame in hand.
+struct known_register {
+    uint64_t value;
+    enum : uint8_t { nothing, is, is_at } how; // the value, or where it is in memory
+};
+
+struct stack_walk {
+    const krv_stack_t *stack;
+    const krv_mach_def_t *mach;
+    krv_activation_type_t target;
+    uint64_t word, mask; // bytes of one, and its bits
+    size_t module;       // that had the last program counter
+    uint64_t pc, cfa;
+    int reason; // KRV_STACK_*, when it has ended
+    known_register registers[KRV_WALK_REGISTERS];
+
+    bool end(int why)
+    {
+        reason = why;
+        return false;
+    }
+};
+
+} // namespace
+
+// ---------------------------------------------------------------------------------------------------------------
+// Memory and registers
+// ---------------------------------------------------------------------------------------------------------------
+
+static bool read_word(stack_walk *w, uint64_t address, uint64_t *valuep)
+{
+    const krv_stack_t *s = w->stack;
+    uint64_t value = 0;
+    if (s->read != nullptr) {
+        if (s->read(s->arg, &value, static_cast<size_t>(w->word), address) != static_cast<int64_t>(w->word))
+            return w->end(KRV_STACK_MEMORY);
+    } else {
+        if (address < s->low || address > s->high || s->high - address < w->word)
+            return w->end(KRV_STACK_MEMORY);
+        std::memcpy(&value, reinterpret_cast<const void *>(address), static_cast<size_t>(w->word));
+    }
+    *valuep = value;
+    return true;
+}
+
+static bool read_register(stack_walk *w, unsigned reg, uint64_t *valuep)
+{
+    known_register *r = &w->registers[reg];
+    if (r->how == known_register::is_at) {
+        if (!read_word(w, r->value, &r->value))
+            return false;
+        r->how = known_register::is;
+    }
+    *valuep = r->value;
+    return r->how == known_register::is || w->end(KRV_STACK_REGISTER);
+}
+
+// The registers that the client gives, by DWARF number.
+static void load_registers(stack_walk *w)
+{
+    for (unsigned i = 0; i < w->mach->smd_n_defs && w->mach->smd_defs[i].srd_dwarf <= static_cast<int>(w->mach->smd_pc);
+         ++i) {
+        const krv_reg_def_t *row = &w->mach->smd_defs[i];
+        if ((w->stack->mask >> row->srd_host & 1) != 0)
+            w->registers[row->srd_dwarf] = {static_cast<uint64_t>(w->stack->gregs[row->srd_host]) & w->mask,
+                                            known_register::is};
+    }
+}
+
+// ---------------------------------------------------------------------------------------------------------------
+// Rules
+// ---------------------------------------------------------------------------------------------------------------
+
+// The rule at a program counter of a module, or NULL.
+static const krv_compact_t *rule_in(const stack_walk *w, size_t module, uint64_t pc)
+{
+    const krv_handle_t *hp = w->stack->modules[module].handle;
+    const krv_compact *c = hp->sh_compact;
+    const krv_compact_table *table = c == nullptr ? nullptr : krv_load(&c->table);
+    const uint64_t at = pc - w->stack->modules[module].bias;
+    if (table == nullptr || hp->sh_target != w->target || at - table->base >= table->size)
+        return nullptr;
+    const krv_compact_number_t number = krv_compact_search(table, at);
+    return number < KRV_COMPACT_FIRST ? nullptr : c->rule(number);
+}
+
+// Most frames are of the module of the frame before. Modules may lie within the span of another.
+static const krv_compact_t *find_rule(stack_walk *w, uint64_t pc)
+{
+    if (const krv_compact_t *rule = rule_in(w, w->module, pc))
+        return rule;
+    for (size_t i = 0; i < w->stack->nmodules; ++i)
+        if (const krv_compact_t *rule = rule_in(w, i, pc)) {
+            w->module = i;
+            return rule;
+        }
+    return nullptr;
+}
+
+static bool find_cfa(stack_walk *w, const krv_origin_t *origin, uint64_t *cfap)
+{
+    uint64_t base = 0;
+    if (!read_register(w, origin->reg, &base))
+        return false;
+    const auto offset = static_cast<uint64_t>(int64_t{origin->offset}),
+               more = static_cast<uint64_t>(int64_t{origin->more});
+    *cfap = (base + offset) & w->mask;
+    if (origin->kind == KRV_ORIGIN_LOADED) {
+        if (!read_word(w, *cfap, &base))
+            return false;
+        *cfap = (base + more) & w->mask;
+    } else if (origin->kind == KRV_ORIGIN_OF_PLT_ENTRY) {
+        *cfap = (base + ((w->pc & 15) >= more ? 2 * w->word : w->word)) & w->mask;
+    }
+    return true;
+}
+
+// Registers that calls preserve; a register that is not undefined by the rule of AMD64, but for want of one, is preserved.
+static void keep_registers(stack_walk *w, const krv_compact_t *rule)
+{
+    known_register kept[KRV_WALK_REGISTERS] = {};
+    for (unsigned i = 0; i < w->mach->smd_n_kept; ++i) {
+        const unsigned reg = w->mach->smd_kept[i];
+        const int16_t words = rule->kept[i];
+        if (words == KRV_KEPT_UNDEFINED && (w->target == KRV_ACTIVATION_AMD64 || reg == w->mach->smd_pc))
+            continue;
+        if (words == KRV_KEPT_SAME || words == KRV_KEPT_UNDEFINED)
+            kept[reg] = w->registers[reg];
+        else
+            kept[reg] = {(w->cfa + static_cast<uint64_t>(int64_t{words}) * w->word) & w->mask, known_register::is_at};
+    }
+    std::memcpy(w->registers, kept, sizeof(kept));
+}
+
+// Registers by an origin for each.
+static bool apply_origins(stack_walk *w, const krv_origin_t *origins)
+{
+    known_register placed[KRV_WALK_REGISTERS] = {};
+    for (unsigned reg = 0; reg <= w->mach->smd_pc; ++reg) {
+        const krv_origin_t *origin = &origins[reg];
+        uint64_t base = w->cfa;
+        switch (origin->kind) {
+        case KRV_ORIGIN_UNDEFINED:
+            break;
+        case KRV_ORIGIN_SAME:
+            placed[reg] = w->registers[reg];
+            break;
+        case KRV_ORIGIN_REGISTER:
+            placed[reg] = w->registers[origin->reg];
+            break;
+        default:
+            if (origin->reg != KRV_ORIGIN_CFA && !read_register(w, origin->reg, &base))
+                return false;
+            placed[reg] = {(base + static_cast<uint64_t>(int64_t{origin->offset})) & w->mask,
+                           origin->kind == KRV_ORIGIN_IN_MEMORY ? known_register::is_at : known_register::is};
+        }
+    }
+    std::memcpy(w->registers, placed, sizeof(placed));
+    return true;
+}
+
+// ---------------------------------------------------------------------------------------------------------------
+// Frames
+// ---------------------------------------------------------------------------------------------------------------
+
+// From a frame to its caller. `is_exact`: it was interrupted, and did not call; becomes that of the caller.
+static bool leave(stack_walk *w, bool *is_exact)
+{
+    const krv_compact_t *rule = find_rule(w, *is_exact ? w->pc : w->pc - 1);
+    if (rule == nullptr)
+        return w->end(KRV_STACK_NO_RULE);
+    const unsigned pc = w->mach->smd_pc;
+    const uint64_t last_pc = w->pc, last_cfa = w->cfa;
+    w->registers[pc] = {w->pc, known_register::is};
+    if (!find_cfa(w, &rule->cfa, &w->cfa))
+        return false;
+    if ((rule->flags & KRV_COMPACT_ORIGINS) == 0) {
+        keep_registers(w, rule);
+        w->registers[w->mach->smd_sp] = {w->cfa, known_register::is};
+    } else if (!apply_origins(w, w->stack->modules[w->module].handle->sh_compact->table->origins + rule->origins)) {
+        return false;
+    }
+    if (w->registers[pc].how == known_register::nothing)
+        return w->end(KRV_STACK_END);
+    if (!read_register(w, pc, &w->pc))
+        return false;
+    if (w->pc == 0)
+        return w->end(KRV_STACK_END);
+    *is_exact = (rule->flags & KRV_COMPACT_SIGNAL) != 0;
+    return (w->pc != last_pc || w->cfa != last_cfa) || w->end(KRV_STACK_NO_PROGRESS);
+}
+
+static size_t walk(stack_walk *w, uint64_t *addresses, size_t room)
+{
+    uint64_t pc = 0;
+    load_registers(w);
+    if (!read_register(w, w->mach->smd_pc, &pc))
+        return 0;
+    w->pc = pc;
+    size_t count = 0;
+    bool is_exact = true;
+    do {
+        if (count == room) {
+            w->reason = KRV_STACK_LIMIT;
+            break;
+        }
+        addresses[count++] = w->pc;
+    } while (leave(w, &is_exact));
+    return count;
+}
+
+size_t korva_stack_addresses(const krv_stack_t *stack, uint64_t *addresses, size_t room, krv_stack_end_t *endp)
+{
+    if (stack == nullptr || (addresses == nullptr && room != 0))
+        return 0;
+    size_t count = 0;
+    krv_stack_end_t end = {.reason = KRV_STACK_NO_RULE, .pc = 0};
+    if (stack->nmodules != 0) {
+        const krv_handle_t *hp = stack->modules[0].handle;
+        stack_walk w = {};
+        w.stack = stack;
+        w.mach = krv_activation_isa_alloc(hp);
+        w.target = hp->sh_target;
+        w.word = hp->sh_target_size;
+        w.mask = krv_expr_truncate(hp, UINT64_MAX);
+        count = walk(&w, addresses, room);
+        end = {.reason = w.reason, .pc = count == 0 ? w.pc : addresses[count - 1]};
+    }
+    if (endp != nullptr)
+        *endp = end;
+    return count;
+}
