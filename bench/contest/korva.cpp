@@ -92,17 +92,13 @@ static bool read_lines(run *r, krv_handle_t *hp)
 static uint64_t place(krv_handle_t *hp, const query &q)
 {
     krv_ctu_t *cu = korva_lookup_ctu_by_addr(hp, q.address, KRV_LOOKUP_F_NONE);
-    krv_lns_t *row =
-        cu == nullptr ? nullptr : korva_lookup_source_by_cu_and_addr(hp, cu, q.start, q.size, q.address, 0);
-    if (row == nullptr)
+    krv_row_t row;
+    if (cu == nullptr || korva_lookup_row(hp, cu, q.start, q.size, q.address, &row) != 0)
         return 0;
-    uint32_t line;
     char *path = nullptr;
-    korva_lns_get_line(hp, row, &line);
-    krv_lnfe_t *file = korva_lns_get_filep(hp, row);
-    if (file != nullptr)
-        korva_get_fields(hp, KRV_STRUCT_LNFE, file, 1, KRV_FIELD_LNFE_PATH, &path);
-    return place_check(path, line);
+    if (row.file != nullptr)
+        korva_get_fields(hp, KRV_STRUCT_LNFE, row.file, 1, KRV_FIELD_LNFE_PATH, &path);
+    return place_check(path, row.line);
 }
 
 // ---------------------------------------------------------------------------------------------------------------

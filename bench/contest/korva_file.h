@@ -61,12 +61,18 @@ private:
         const Elf64_Shdr *names = sections() + header()->e_shstrndx;
         return reinterpret_cast<const char *>(image) + names->sh_offset + s->sh_name;
     }
+    // As libkorva-elf attaches them: what compilers and linkers write is read as it is written.
     void attach_sections()
     {
+        korva_handle_set_opt(hp, KRV_OPT_EXT_DWARF5, uint64_t{1});
+        korva_handle_set_opt(hp, KRV_OPT_EXT_AS_WRITTEN, uint64_t{1});
         for (const Elf64_Shdr *s = sections(); s < sections() + header()->e_shnum; ++s) {
             krv_secidx_t index;
             boolean_t compressed;
-            if (korva_lookup_section_index(section_name(s), &index, &compressed) == 0)
+            if ((s->sh_flags & SHF_EXECINSTR) != 0)
+                korva_handle_add_code(hp, s->sh_addr, s->sh_size);
+            if (korva_lookup_section_index(section_name(s), &index, &compressed) == 0 ||
+                korva_lookup_ext_section_index(section_name(s), &index, &compressed) == 0)
                 korva_attach_section(hp, index, s->sh_size, KRV_FD_TYPE_MEMORY, image + s->sh_offset);
         }
     }
