@@ -13,18 +13,12 @@ struct layers_deleter {
 
 } // namespace
 
-// The number of pieces that begin at the address or before.
-static size_t count_pieces(const krv_addr_map *map, uint64_t address)
-{
-    return krv_count_not_above(map->sam_bounds, map->sam_pieces, address, [](uint64_t start) { return start; });
-}
-
 // Calls visit(node) for the fewest nodes that have the pieces of a range below them, and no others.
 template <typename Visit>
 static void visit_nodes(const krv_addr_map *map, const krv_addr_range &range, const Visit &visit)
 {
-    size_t first = map->sam_pieces + count_pieces(map, range.start) - 1;
-    size_t behind = map->sam_pieces + count_pieces(map, range.end) - 1;
+    size_t first = map->sam_pieces + krv_addr_map_count(map, range.start) - 1;
+    size_t behind = map->sam_pieces + krv_addr_map_count(map, range.end) - 1;
     for (; first < behind; first /= 2, behind /= 2) {
         if (first % 2 != 0)
             visit(first++);
@@ -81,7 +75,7 @@ void krv_addr_layers_free(krv_addr_layers *layers)
 
 uint32_t krv_addr_layers_find(const krv_addr_layers *layers, uint64_t address, uint32_t first)
 {
-    const size_t begun = count_pieces(layers->sal_map, address);
+    const size_t begun = krv_addr_map_count(layers->sal_map, address);
     uint32_t least = KRV_ADDR_NOTHING;
     for (size_t node = begun == 0 ? 0 : layers->sal_map->sam_pieces + begun - 1; node != 0; node /= 2) {
         const uint32_t *const owners = layers->sal_owners, *const end = owners + layers->sal_begins[node + 1];

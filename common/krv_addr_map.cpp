@@ -4,19 +4,10 @@
 // piece keeps its first colour.
 #include "krv_addr_map.h"
 
+#include "krv_radix.h"
+
 #include <algorithm>
 #include <numeric>
-
-namespace
-{
-
-// One of the two bounds of a range, numbered in the order of the ranges: starts are even.
-struct bound {
-    uint64_t address;
-    size_t number;
-};
-
-} // namespace
 
 template <typename T>
 static T *alloc_array(krv_handle_t *hp, size_t count)
@@ -24,40 +15,20 @@ static T *alloc_array(krv_handle_t *hp, size_t count)
     return static_cast<T *>(krv_alloc(hp, count * sizeof(T)));
 }
 
-// Sorts by address, digit after digit from the lowest: addresses of a program differ in few bytes, and comparisons of
-// them could not be predicted. `spare` is as long. Returns the one of both that is sorted.
-static bound *sort_bounds(bound *bounds, bound *spare, size_t count)
-{
-    uint64_t varying = 0; // bits in which any two differ
-    for (size_t i = 1; i < count; ++i)
-        varying |= bounds[i].address ^ bounds[0].address;
-    for (unsigned int shift = 0; shift < 64; shift += 8) {
-        if ((varying >> shift & 0xff) == 0)
-            continue;
-        size_t begin[257] = {}; // where the bounds with each digit go, once the counts are summed
-        for (size_t i = 0; i < count; ++i)
-            ++begin[(bounds[i].address >> shift & 0xff) + 1];
-        std::partial_sum(begin, begin + 257, begin);
-        for (size_t i = 0; i < count; ++i)
-            spare[begin[bounds[i].address >> shift & 0xff]++] = bounds[i];
-        std::swap(bounds, spare);
-    }
-    return bounds;
-}
-
 // Finds the pieces. Range i covers those from pieces[2 * i] to before pieces[2 * i + 1].
 static bool find_pieces(krv_handle_t *hp, const krv_addr_ranges &t, krv_addr_map *map, size_t *pieces)
 {
     const size_t count = 2 * t.entries;
     map->sam_bounds = alloc_array<uint64_t>(hp, count);
-    const krv_owner<bound> room(alloc_array<bound>(hp, 2 * count));
+    // The bounds of range i are numbers 2 * i and 2 * i + 1.
+    const krv_owner<krv_numbered_address> room(alloc_array<krv_numbered_address>(hp, 2 * count));
     if (map->sam_bounds == nullptr || room == nullptr)
         return false;
     for (size_t i = 0; i < t.entries; ++i) {
         room.get()[2 * i] = {t.ranges[i].start, 2 * i};
         room.get()[2 * i + 1] = {t.ranges[i].end, 2 * i + 1};
     }
-    const bound *sorted = count == 0 ? nullptr : sort_bounds(room.get(), room.get() + count, count);
+    const krv_numbered_address *sorted = krv_radix_sort(room.get(), room.get() + count, count);
     for (size_t i = 0; i < count; ++i) {
         if (i == 0 || sorted[i].address != sorted[i - 1].address)
             map->sam_bounds[map->sam_pieces++] = sorted[i].address;
@@ -101,16 +72,42 @@ static bool paint_pieces(krv_handle_t *hp, const krv_addr_ranges &t, krv_paint p
     return true;
 }
 
+// A table from blocks of addresses, all of one size and hardly more than there are pieces, to the pieces that begin in them:
+// from there to the one that is asked for it is a step or two where pieces lie evenly.
+static bool make_blocks(krv_handle_t *hp, krv_addr_map *map)
+{
+    constexpr size_t FEWEST = 16; // pieces that are worth it
+    const size_t pieces = map->sam_pieces;
+    if (pieces < FEWEST || pieces >= UINT32_MAX)
+        return true;
+    const uint64_t first = map->sam_bounds[0], span = map->sam_bounds[pieces - 1] - first;
+    while (span >> map->sam_shift >= pieces)
+        ++map->sam_shift;
+    const size_t count = static_cast<size_t>(span >> map->sam_shift) + 1;
+    map->sam_blocks = alloc_array<uint32_t>(hp, count + 1);
+    if (map->sam_blocks == nullptr)
+        return false;
+    map->sam_nblocks = count;
+    uint32_t piece = 0;
+    for (size_t block = 0; block <= count; ++block) {
+        while (piece < pieces && (map->sam_bounds[piece] - first) >> map->sam_shift < block)
+            ++piece;
+        map->sam_blocks[block] = piece;
+    }
+    return true;
+}
+
 bool krv_addr_map_make(krv_handle_t *hp, const krv_addr_ranges &ranges, krv_paint paint, krv_addr_map *map)
 {
     *map = {};
     const krv_owner<size_t> pieces(alloc_array<size_t>(hp, 2 * ranges.entries));
     return pieces != nullptr && find_pieces(hp, ranges, map, pieces.get()) &&
-           paint_pieces(hp, ranges, paint, map, pieces.get());
+           paint_pieces(hp, ranges, paint, map, pieces.get()) && make_blocks(hp, map);
 }
 
 void krv_addr_map_free(krv_addr_map *map)
 {
     krv_free(map->sam_bounds);
     krv_free(map->sam_owners);
+    krv_free(map->sam_blocks);
 }

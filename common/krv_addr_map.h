@@ -15,6 +15,10 @@ struct krv_addr_map {
     uint64_t *sam_bounds; // owned: where pieces begin
     uint32_t *sam_owners; // owned: of each piece its owner, or KRV_ADDR_NOTHING
     size_t sam_pieces;    // their number
+    uint32_t *sam_blocks; // owned: of each block of 1 << sam_shift addresses, from the first bound on, the number of pieces
+                          // that begin before it, and behind them all pieces; NULL where pieces are few
+    size_t sam_nblocks;
+    unsigned int sam_shift;
 };
 
 struct krv_addr_range {
@@ -51,11 +55,27 @@ enum class krv_paint { first, last };
 bool krv_addr_map_make(krv_handle_t *hp, const krv_addr_ranges &ranges, krv_paint paint, krv_addr_map *map);
 void krv_addr_map_free(krv_addr_map *map);
 
+// The number of pieces that begin at the address or before.
+inline size_t krv_addr_map_count(const krv_addr_map *map, uint64_t address)
+{
+    size_t first = 0, behind = map->sam_pieces;
+    if (map->sam_blocks != nullptr) {
+        if (address < map->sam_bounds[0])
+            return 0;
+        const uint64_t block = (address - map->sam_bounds[0]) >> map->sam_shift;
+        if (block >= map->sam_nblocks)
+            return behind;
+        first = map->sam_blocks[block];
+        behind = map->sam_blocks[block + 1];
+    }
+    const auto bound = [](uint64_t start) { return start; };
+    return first + krv_count_not_above(map->sam_bounds + first, behind - first, address, bound);
+}
+
 // The owner of an address, or KRV_ADDR_NOTHING.
 inline uint32_t krv_addr_map_find(const krv_addr_map *map, uint64_t address)
 {
-    const auto bound = [](uint64_t start) { return start; };
-    const size_t begun = krv_count_not_above(map->sam_bounds, map->sam_pieces, address, bound);
+    const size_t begun = krv_addr_map_count(map, address);
     return begun == 0 ? KRV_ADDR_NOTHING : map->sam_owners[begun - 1];
 }
 
