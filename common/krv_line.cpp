@@ -6,8 +6,8 @@
 
 #include "krv_dwarf.h"
 #include "krv_error.h"
+#include "krv_line_search.h"
 #include "krv_mem.h"
-#include "krv_search.h"
 
 #include <cstring>
 
@@ -28,29 +28,12 @@ struct place {
     krv_lnp_t *matrix;
     uint32_t number; // of the row
 };
-constexpr uint32_t NO_ROW = UINT32_MAX;
 
 } // namespace
 
-// The index of the last sequence that starts at or below the address, or -1.
-static int64_t last_starting_at_or_below(const krv_lnp_t *lnpp, uint64_t address)
+uint32_t krv_lnp_search_descending(const krv_lnp_t *lnpp, const krv_lnb_t *seq, uint64_t address)
 {
-    const auto start = [](const krv_lnb_t &seq) { return seq.slnb_start_addr; };
-    return static_cast<int64_t>(krv_count_not_above(lnpp->slnp_lnbp, lnpp->slnp_lnbp_entries, address, start)) - 1;
-}
-
-// The row at or below the address whose successor lies above it; the last of several at one address. NO_ROW when the
-// sequence's rows are out of order.
-static uint32_t find_row(const krv_lnp_t *lnpp, const krv_lnb_t *seq, uint64_t address)
-{
-    const uint32_t first = seq->slnb_start_index; // which is not above the address
-    if ((lnpp->slnp_flags & KRV_LNP_FLAG_DESCENDING) == 0 && first < seq->slnb_end_index) {
-        const size_t count = seq->slnb_end_index - first;
-        const uint64_t span = seq->slnb_end_addr - seq->slnb_start_addr, skip = address - seq->slnb_start_addr;
-        const size_t guess = span <= UINT32_MAX ? skip * count / span : count / 2; // rows lie evenly, more or less
-        return first + static_cast<uint32_t>(lnpp->slnp_rows.count_not_above(first, count, guess, address)) - 1;
-    }
-    int64_t lo = first, hi = int64_t{seq->slnb_end_index} - 1;
+    int64_t lo = seq->slnb_start_index, hi = int64_t{seq->slnb_end_index} - 1;
     while (lo <= hi) {
         const auto mid = static_cast<uint32_t>((lo + hi) / 2);
         if (lnpp->slnp_rows.address(mid) > address)
@@ -60,7 +43,7 @@ static uint32_t find_row(const krv_lnp_t *lnpp, const krv_lnb_t *seq, uint64_t a
         else
             return mid;
     }
-    return NO_ROW;
+    return KRV_NO_ROW;
 }
 
 // An address between two sequences belongs to the one of them that the caller's range [start, end) reaches into, if
@@ -72,7 +55,7 @@ static uint32_t find_gap_row(const krv_lnp_t *lnpp, int64_t prev, uint64_t start
     const bool reaches_before = (before == nullptr ? 0 : before->slnb_end_addr) > start;
     const bool reaches_after = after != nullptr && after->slnb_start_addr < end;
     if (reaches_before == reaches_after)
-        return NO_ROW;
+        return KRV_NO_ROW;
     return reaches_before ? before->slnb_end_index - 1 : after->slnb_start_index;
 }
 
@@ -119,12 +102,12 @@ static bool find_place(krv_handle_t *hp, krv_ctu_t *cup, uint64_t start, uint64_
 
     const uint64_t address = addr - bias(hp);
     const uint64_t range_start = start - bias(hp);
-    const int64_t prev = last_starting_at_or_below(lnpp, address);
+    const int64_t prev = krv_lnp_sequence_below(lnpp, address);
     const krv_lnb_t *seq = prev < 0 ? nullptr : &lnpp->slnp_lnbp[prev];
     const bool is_inside = seq != nullptr && address < seq->slnb_end_addr;
     const uint32_t number =
-        is_inside ? find_row(lnpp, seq, address) : find_gap_row(lnpp, prev, range_start, range_start + size);
-    if (number != NO_ROW) {
+        is_inside ? krv_lnp_find_row(lnpp, seq, address, krv_lnb_guess(seq, address)) : find_gap_row(lnpp, prev, range_start, range_start + size);
+    if (number != KRV_NO_ROW) {
         *found = {lnpp, number};
         return true;
     }
@@ -160,14 +143,7 @@ int korva_lookup_row(krv_handle_t *hp, krv_ctu_t *cup, uint64_t start, uint64_t 
     place found;
     if (!find_place(hp, cup, start, size, addr, &found))
         return -1;
-    const krv_line_state_t row = found.matrix->slnp_rows.get(found.number);
-    *rowp = {.address = row.slns_address + bias(hp),
-             .file = krv_lnp_file(found.matrix, row),
-             .number = found.number,
-             .line = row.slns_line,
-             .column = row.slns_column,
-             .discriminator = row.slns_discriminator,
-             .is_stmt = (row.slns_flags & KRV_LNS_FLAG_IS) != 0 ? uint8_t{1} : uint8_t{0}};
+    *rowp = krv_lnp_show_row(found.matrix, found.number, bias(hp));
     return 0;
 }
 
