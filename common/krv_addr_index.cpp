@@ -21,6 +21,7 @@ struct index_deleter {
             krv_addr_layers_free(index->sai_layers);
         krv_addr_map_free(&index->sai_map);
         krv_free(index->sai_unknown);
+        krv_free(index->sai_hints);
         krv_free(index);
     }
 };
@@ -97,6 +98,10 @@ static krv_addr_index *build_index(krv_handle_t *hp, const Collect &collect)
     krv_addr_ranges t;
     if (index == nullptr || !collect(&t, index.get()) || !krv_addr_map_make(hp, t, krv_paint::first, &index->sai_map))
         return nullptr;
+    index->sai_hints =
+        static_cast<krv_addr_hint *>(krv_zalloc(hp, index->sai_map.sam_pieces * sizeof(krv_addr_hint)));
+    if (index->sai_hints == nullptr && index->sai_map.sam_pieces != 0)
+        return nullptr;
     krv_clear_error(hp); // of scans that found nothing
     return index.release();
 }
@@ -156,18 +161,35 @@ void krv_addr_index_destroy(krv_handle_t *hp)
     }
 }
 
+// The piece of an address: its owner, or KRV_ADDR_NOTHING.
+static inline uint32_t find_piece(const krv_addr_index *index, uint64_t address, krv_addr_stretch *stretch)
+{
+    const krv_addr_map &map = index->sai_map;
+    const size_t begun = krv_addr_map_count(&map, address);
+    stretch->last = begun == map.sam_pieces ? UINT64_MAX : map.sam_bounds[begun] - 1;
+    stretch->first = begun == 0 ? 0 : map.sam_bounds[begun - 1];
+    stretch->hint = begun == 0 ? nullptr : &index->sai_hints[begun - 1];
+    return begun == 0 ? KRV_ADDR_NOTHING : map.sam_owners[begun - 1];
+}
+
 // The unit that a set names for the address, with nothing else read of .debug_info. NULL: KRV_ERR_NOTFOUND, or with the
 // code of what failed.
-static krv_ctu_t *find_by_sets(krv_handle_t *hp, uint64_t address)
+static krv_ctu_t *find_by_sets(krv_handle_t *hp, uint64_t address, krv_addr_stretch *stretch)
 {
     const krv_addr_index *index = krv_load(&hp->sh_addr_sets);
     if (index == nullptr && (index = make_sets_index(hp)) == nullptr)
         return nullptr;
-    const uint32_t first = krv_addr_map_find(&index->sai_map, address);
-    if (first != KRV_ADDR_NOTHING)
-        return krv_units_get_named(hp, &hp->sh_sets->ss_sets[first]);
-    hp->sh_errno = KRV_ERR_NOTFOUND;
-    return nullptr;
+    const uint32_t first = find_piece(index, address, stretch);
+    if (first == KRV_ADDR_NOTHING) {
+        hp->sh_errno = KRV_ERR_NOTFOUND;
+        return nullptr;
+    }
+    if (krv_ctu_t *known = krv_load(&stretch->hint->sah_unit))
+        return known;
+    krv_ctu_t *cu = krv_units_get_named(hp, &hp->sh_sets->ss_sets[first]);
+    if (cu != nullptr)
+        krv_store(&stretch->hint->sah_unit, cu);
+    return cu;
 }
 
 // The number of units up to this one.
@@ -189,13 +211,11 @@ static uint32_t count_units_to(const krv_handle_t *hp, const krv_ctu_t *cu)
     return nullptr;
 }
 
-krv_ctu_t *korva_lookup_ctu_by_addr(krv_handle_t *hp, uint64_t address, krv_lookup_flag_t flags)
+krv_ctu_t *krv_addr_index_find(krv_handle_t *hp, uint64_t address, krv_lookup_flag_t flags, krv_addr_stretch *stretch)
 {
-    if (hp == nullptr)
-        return nullptr;
-    krv_clear_error(hp);
+    *stretch = {0, UINT64_MAX, nullptr};
     if (krv_reads_as_written(hp)) {
-        krv_ctu_t *cu = find_by_sets(hp, address);
+        krv_ctu_t *cu = find_by_sets(hp, address, stretch);
         if (cu != nullptr || hp->sh_errno != KRV_ERR_NOTFOUND || hp->sh_nerrors != 0)
             return cu;
         krv_clear_error(hp);
@@ -203,7 +223,22 @@ krv_ctu_t *korva_lookup_ctu_by_addr(krv_handle_t *hp, uint64_t address, krv_look
     const krv_addr_index *index = get_index(hp, flags);
     if (index == nullptr)
         return nullptr;
-    return answer(hp, index, address, 0, krv_addr_map_find(&index->sai_map, address));
+    krv_addr_stretch piece;
+    const uint32_t unit = find_piece(index, address, &piece);
+    if (index->sai_unknown_units != 0) // whose ranges a scan may find meanwhile
+        *stretch = {address, address, nullptr};
+    else
+        *stretch = {std::max(stretch->first, piece.first), std::min(stretch->last, piece.last), piece.hint};
+    return answer(hp, index, address, 0, unit);
+}
+
+krv_ctu_t *korva_lookup_ctu_by_addr(krv_handle_t *hp, uint64_t address, krv_lookup_flag_t flags)
+{
+    if (hp == nullptr)
+        return nullptr;
+    krv_clear_error(hp);
+    krv_addr_stretch stretch;
+    return krv_addr_index_find(hp, address, flags, &stretch);
 }
 
 krv_ctu_t *korva_lookup_next_ctu_by_addr(krv_handle_t *hp, krv_ctu_t *cup, uint64_t address, krv_lookup_flag_t flags)

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // An index from addresses to units over the ranges of krv_lookup, built on first use and kept until the handle is
-// freed. Behind korva_lookup_ctu_by_addr and its next one.
+// freed. Behind korva_lookup_ctu_by_addr and its next one, and korva_lookup_rows.
 #ifndef KRV_ADDR_INDEX_H
 #define KRV_ADDR_INDEX_H
 
@@ -9,12 +9,29 @@
 #include "krv_addr_map.h"
 #include "krv_types.h"
 
+// What was found for addresses of a piece; from then on it is the same, but for the sequence.
+struct krv_addr_hint {
+    krv_ctu_t *sah_unit;   // NULL while unknown, published
+    krv_lnp_t *sah_matrix; // the unit's, likewise
+    uint32_t sah_sequence; // of the matrix: one that covered an address of the piece
+};
+
 struct krv_addr_index {
     krv_addr_map sai_map;        // units as indices of the unit table
     uint32_t *sai_unknown;       // owned: units whose ranges were not known, ascending
     uint32_t sai_unknown_units;  // their number
     krv_addr_layers *sai_layers; // owned: further units of each address; NULL until asked for, published
+    krv_addr_hint *sai_hints;    // owned: one a piece
 };
+
+// Addresses that a query has the same answer for.
+struct krv_addr_stretch {
+    uint64_t first, last;
+    krv_addr_hint *hint; // or NULL
+};
+
+// As korva_lookup_ctu_by_addr, without clearing the error state first; *stretch has the address in it, also without a unit.
+krv_ctu_t *krv_addr_index_find(krv_handle_t *hp, uint64_t address, krv_lookup_flag_t flags, krv_addr_stretch *stretch);
 
 // Teardown, before the units are freed.
 void krv_addr_index_destroy(krv_handle_t *hp);

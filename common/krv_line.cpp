@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // The client's view of line numbers: the row for an address, the walk over a program, and the fields of rows and
-// files. Rows hold addresses of the unit's own address space; KRV_OPT_BASE_ADDR is applied here and nowhere else.
+// files. Rows hold addresses of the unit's own address space; KRV_OPT_BASE_ADDR is applied here and in krv_places alone.
 #include "krv_line.h"
 
 #include "krv_dwarf.h"
@@ -10,12 +10,6 @@
 #include "krv_mem.h"
 
 #include <cstring>
-
-static uint64_t bias(const krv_handle_t *hp)
-{
-    const krv_opt_t *opt = &hp->sh_opts[KRV_OPT_BASE_ADDR];
-    return opt->sopt_set == B_TRUE ? opt->sopt_u.o_ulong : 0;
-}
 
 // ---------------------------------------------------------------------------------------------------------------
 // Source lookup
@@ -100,8 +94,8 @@ static bool find_place(krv_handle_t *hp, krv_ctu_t *cup, uint64_t start, uint64_
         return false;
     }
 
-    const uint64_t address = addr - bias(hp);
-    const uint64_t range_start = start - bias(hp);
+    const uint64_t address = addr - krv_line_bias(hp);
+    const uint64_t range_start = start - krv_line_bias(hp);
     const int64_t prev = krv_lnp_sequence_below(lnpp, address);
     const krv_lnb_t *seq = prev < 0 ? nullptr : &lnpp->slnp_lnbp[prev];
     const bool is_inside = seq != nullptr && address < seq->slnb_end_addr;
@@ -143,7 +137,7 @@ int korva_lookup_row(krv_handle_t *hp, krv_ctu_t *cup, uint64_t start, uint64_t 
     place found;
     if (!find_place(hp, cup, start, size, addr, &found))
         return -1;
-    *rowp = krv_lnp_show_row(found.matrix, found.number, bias(hp));
+    *rowp = krv_lnp_show_row(found.matrix, found.number, krv_line_bias(hp));
     return 0;
 }
 
@@ -188,7 +182,7 @@ int korva_lns_get_address(krv_handle_t *hp, krv_lns_t *lnsp, uint64_t *addrp)
 {
     if (enter_row(hp, lnsp, addrp) != 0)
         return -1;
-    *addrp = krv_lns_get(lnsp).slns_address + bias(hp);
+    *addrp = krv_lns_get(lnsp).slns_address + krv_line_bias(hp);
     return 0;
 }
 
@@ -196,7 +190,7 @@ int korva_lns_get_canonical_address(krv_handle_t *hp, krv_lns_t *lnsp, uint64_t 
 {
     if (enter_row(hp, lnsp, addrp) != 0)
         return -1;
-    *addrp = krv_lns_canonical_address(hp, lnsp) + bias(hp);
+    *addrp = krv_lns_canonical_address(hp, lnsp) + krv_line_bias(hp);
     return 0;
 }
 

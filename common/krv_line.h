@@ -125,6 +125,13 @@ int krv_line_build_program(krv_handle_t *hp, krv_lnph_t *lnphp, krv_lnp_t **lnpp
 // The header's matrix, built and published on first use, for all who share the program if it can be. NULL on failure.
 krv_lnp_t *krv_line_get_matrix(krv_handle_t *hp, krv_lnph_t *lnphp);
 
+// What the client adds to addresses of the unit's own address space: KRV_OPT_BASE_ADDR.
+inline uint64_t krv_line_bias(const krv_handle_t *hp)
+{
+    const krv_opt_t *opt = &hp->sh_opts[KRV_OPT_BASE_ADDR];
+    return opt->sopt_set == B_TRUE ? opt->sopt_u.o_ulong : 0;
+}
+
 void krv_lns_init(const krv_lnph_t *lnphp, krv_line_state_t *registers);
 
 int krv_subrange_compare(const void *a, const void *b); // krv_lnb_t by start address

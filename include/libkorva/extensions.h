@@ -215,6 +215,26 @@ typedef struct krv_row {
 KORVA_API int korva_lookup_row(krv_handle_t *hp, krv_ctu_t *cup, uint64_t start, uint64_t size, uint64_t addr,
                                krv_row_t *rowp);
 
+/** krv_row_t.number where there is no row. */
+#define KRV_ROW_NONE UINT32_MAX
+
+/**
+ * The rows of many addresses, for callers who have no functions to go with them: element i of @p rows becomes what
+ * korva_lookup_row stores for @p addrs [i] in a range of that address alone, in the unit that korva_lookup_ctu_by_addr
+ * finds for it with these @p flags, and element i of @p units, unless NULL, that unit. Without a unit that is NULL; without
+ * a row, also where the unit's line numbers cannot be read, number is KRV_ROW_NONE and everything else 0. All three are
+ * arrays of @p count. Addresses are as korva_lookup_row takes them; the order is the caller's, and several may be the same.
+ *
+ * Addresses that ascend are answered by one walk over the rows; others are sorted for it first, in 32 bytes of memory an
+ * address that are freed before the call returns. One at a time is faster than by the two functions, too. Other threads may
+ * ask at the same time.
+ *
+ * Errors, and then what is stored is not defined: KRV_ERR_INVALID for a NULL argument; KRV_ERR_NOMEM; KRV_ERR_IO where a
+ * section cannot be read; those of korva_lookup_ctu_by_addr that speak of all addresses.
+ */
+KORVA_API int korva_lookup_rows(krv_handle_t *hp, const uint64_t *addrs, size_t count, krv_lookup_flag_t flags,
+                                krv_ctu_t **units, krv_row_t *rows);
+
 /** What call-frame information covers a frame, as korva_activation_get_frame_info stores it. */
 typedef struct krv_frame_info {
     uint64_t start; /**< first address that it covers */
