@@ -302,6 +302,13 @@ int korva_lnfe_get_path(krv_handle_t *hp, krv_lnfe_t *lnfep, char *buf, size_t l
     return 0;
 }
 
+const char *korva_lnfe_path(krv_handle_t *hp, krv_lnfe_t *lnfep, boolean_t absolute)
+{
+    if (enter_file(hp, lnfep, lnfep) != 0)
+        return nullptr;
+    return absolute == B_TRUE ? krv_lnfe_absolute_path(hp, lnfep) : lnfep->slnfe_path;
+}
+
 int korva_lnfe_get_mtime(krv_handle_t *hp, krv_lnfe_t *lnfep, uint64_t *mtimep)
 {
     if (enter_file(hp, lnfep, mtimep) != 0)

@@ -91,14 +91,10 @@ static bool read_lines(run *r, krv_handle_t *hp)
 
 static uint64_t place(krv_handle_t *hp, const query &q)
 {
-    krv_ctu_t *cu = korva_lookup_ctu_by_addr(hp, q.address, KRV_LOOKUP_F_NONE);
     krv_row_t row;
-    if (cu == nullptr || korva_lookup_row(hp, cu, q.start, q.size, q.address, &row) != 0)
+    if (korva_lookup_rows(hp, &q.address, 1, KRV_LOOKUP_F_NONE, nullptr, &row) != 0 || row.number == KRV_ROW_NONE)
         return 0;
-    char *path = nullptr;
-    if (row.file != nullptr)
-        korva_get_fields(hp, KRV_STRUCT_LNFE, row.file, 1, KRV_FIELD_LNFE_PATH, &path);
-    return place_check(path, row.line);
+    return place_check(row.file == nullptr ? nullptr : korva_lnfe_path(hp, row.file, B_FALSE), row.line);
 }
 
 // ---------------------------------------------------------------------------------------------------------------

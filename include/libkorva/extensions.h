@@ -215,6 +215,14 @@ typedef struct krv_row {
 KORVA_API int korva_lookup_row(krv_handle_t *hp, krv_ctu_t *cup, uint64_t start, uint64_t size, uint64_t addr,
                                krv_row_t *rowp);
 
+/**
+ * The path of a row's file: with @p absolute, what KRV_FIELD_LNFE_ABSOLUTE_PATH gives, which is composed when it is first
+ * asked for; else the name as it is written. It lives as long as the file; nothing is copied. NULL on failure.
+ *
+ * Errors: KRV_ERR_INVALID for a NULL argument; with @p absolute those of composing it.
+ */
+KORVA_API const char *korva_lnfe_path(krv_handle_t *hp, krv_lnfe_t *lnfep, boolean_t absolute);
+
 /** krv_row_t.number where there is no row. */
 #define KRV_ROW_NONE UINT32_MAX
 
