@@ -98,8 +98,7 @@ static krv_addr_index *build_index(krv_handle_t *hp, const Collect &collect)
     krv_addr_ranges t;
     if (index == nullptr || !collect(&t, index.get()) || !krv_addr_map_make(hp, t, krv_paint::first, &index->sai_map))
         return nullptr;
-    index->sai_hints =
-        static_cast<krv_addr_hint *>(krv_zalloc(hp, index->sai_map.sam_pieces * sizeof(krv_addr_hint)));
+    index->sai_hints = static_cast<krv_addr_hint *>(krv_zalloc(hp, index->sai_map.sam_pieces * sizeof(krv_addr_hint)));
     if (index->sai_hints == nullptr && index->sai_map.sam_pieces != 0)
         return nullptr;
     krv_clear_error(hp); // of scans that found nothing

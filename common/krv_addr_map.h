@@ -15,8 +15,9 @@ struct krv_addr_map {
     uint64_t *sam_bounds; // owned: where pieces begin
     uint32_t *sam_owners; // owned: of each piece its owner, or KRV_ADDR_NOTHING
     size_t sam_pieces;    // their number
-    uint32_t *sam_blocks; // owned: of each block of 1 << sam_shift addresses, from the first bound on, the number of pieces
-                          // that begin before it, and behind them all pieces; NULL where pieces are few
+    uint32_t
+        *sam_blocks; // owned: of each block of 1 << sam_shift addresses, from the first bound on, the number of pieces
+                     // that begin before it, and behind them all pieces; NULL where pieces are few
     size_t sam_nblocks;
     unsigned int sam_shift;
 };

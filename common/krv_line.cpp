@@ -99,8 +99,8 @@ static bool find_place(krv_handle_t *hp, krv_ctu_t *cup, uint64_t start, uint64_
     const int64_t prev = krv_lnp_sequence_below(lnpp, address);
     const krv_lnb_t *seq = prev < 0 ? nullptr : &lnpp->slnp_lnbp[prev];
     const bool is_inside = seq != nullptr && address < seq->slnb_end_addr;
-    const uint32_t number =
-        is_inside ? krv_lnp_find_row(lnpp, seq, address, krv_lnb_guess(seq, address)) : find_gap_row(lnpp, prev, range_start, range_start + size);
+    const uint32_t number = is_inside ? krv_lnp_find_row(lnpp, seq, address, krv_lnb_guess(seq, address))
+                                      : find_gap_row(lnpp, prev, range_start, range_start + size);
     if (number != KRV_NO_ROW) {
         *found = {lnpp, number};
         return true;

@@ -103,8 +103,7 @@ bool walk::answer(uint64_t addr, krv_ctu_t **unitp, krv_row_t *rowp)
     if (unitp != nullptr)
         *unitp = unit;
     if (matrix != nullptr && enter_sequence(address)) {
-        row = krv_lnp_find_row(matrix, sequence, address,
-                               row != KRV_NO_ROW ? row : krv_lnb_guess(sequence, address));
+        row = krv_lnp_find_row(matrix, sequence, address, row != KRV_NO_ROW ? row : krv_lnb_guess(sequence, address));
         if (row != KRV_NO_ROW) {
             *rowp = krv_lnp_show_row(matrix, row, bias);
             return true;

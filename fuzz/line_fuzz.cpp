@@ -59,6 +59,10 @@ static int ask(krv_handle_t *hp, krv_ctu_t *cu, void *arg)
         if ((korva_lookup_row(hp, cu, address, size, address, &value) == 0) != (row != nullptr) || value.line != line ||
             value.file != file)
             __builtin_trap(); // two ways to one row
+        krv_ctu_t *unit;
+        if (size == 1 && korva_lookup_rows(hp, &address, 1, KRV_LOOKUP_F_NONE, &unit, &value) == 0 && unit == cu &&
+            (value.number != KRV_ROW_NONE) != (row != nullptr))
+            __builtin_trap(); // and a third
     }
     return 0;
 }
@@ -80,6 +84,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
         for (const int sec : {int{KRV_SEC_EXT_LINE_STR}, int{KRV_SEC_STR}, int{KRV_SEC_EXT_STR_OFFSETS}})
             h.attach(sec, in.part());
     }
+    static const uint8_t aranges[] = {28, 0, 0, 0, 2, 0, 0, 0, 0, 0,  8, 0, 0, 0, 0, 0, // the first unit's
+                                      0,  4, 0, 0, 0, 0, 0, 0, 0, 16, 0, 0, 0, 0, 0, 0};
+    h.attach(KRV_SEC_ARANGES, std::vector<uint8_t>(aranges, aranges + sizeof(aranges)));
     h.attach(KRV_SEC_ABBREV, std::vector<uint8_t>(abbrev, abbrev + sizeof(abbrev)));
     h.attach(KRV_SEC_INFO, info);
     h.attach(KRV_SEC_LINE, in.rest());

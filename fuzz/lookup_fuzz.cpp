@@ -3,6 +3,8 @@
 // Address ranges and unit lookup.
 #include "input.h"
 
+#include <algorithm>
+
 static int ask(krv_handle_t *hp, krv_ctu_t *cu, void *arg)
 {
     const uint64_t *addresses = static_cast<const uint64_t *>(arg);
@@ -27,8 +29,13 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     korva_lookup_ctu_by_addr(h, addresses[3], KRV_LOOKUP_F_FAST);
     korva_lookup_ctu_by_addr(h, addresses[3], KRV_LOOKUP_F_NONE);
     korva_iter_cu(h, KRV_SEC_INFO, ask, addresses);
+    krv_ctu_t *units[4];
+    krv_row_t rows[4];
+    const bool known = korva_lookup_rows(h, addresses, 4, KRV_LOOKUP_F_NONE, units, rows) == 0;
     for (const uint64_t address : addresses) {
-        korva_lookup_ctu_by_addr(h, address, KRV_LOOKUP_F_NONE);
+        const krv_ctu_t *first = korva_lookup_ctu_by_addr(h, address, KRV_LOOKUP_F_NONE);
+        if (known && std::find(std::begin(units), std::end(units), first) == std::end(units))
+            __builtin_trap(); // two ways to one unit
         for (krv_ctu_t *cu = nullptr;
              (cu = korva_lookup_next_ctu_by_addr(h, cu, address, KRV_LOOKUP_F_NONE)) != nullptr;)
             if (korva_cu_contains_addr(h, cu, address, KRV_LOOKUP_F_NONE) != B_TRUE)

@@ -703,6 +703,8 @@ TEST(Line, Fields)
                                &u64[1], KRV_FIELD_LNFE_SIZE, &u64[2]),
               0);
     EXPECT_EQ(text("%s %s %lu %lu %lu", path[0], path[1], u64[0], u64[1], u64[2]), "/build/src/a.c a.c 1 2 3");
+    EXPECT_TRUE(korva_lnfe_path(t.h, files[0], B_TRUE) == path[0] &&
+                korva_lnfe_path(t.h, files[0], B_FALSE) == path[1]);
     EXPECT_EQ(korva_lnfe_get_mtime(t.h, files[0], &u64[3]) + korva_lnfe_get_size(t.h, files[0], &u64[4]), 0);
     EXPECT_TRUE(u64[3] == 2 && u64[4] == 3);
 

@@ -7,7 +7,9 @@
 #include "korva.hpp"
 #include "support/handle.h"
 
+#include <algorithm>
 #include <sstream>
+#include <tuple>
 
 using namespace krv_test;
 
@@ -428,6 +430,39 @@ static offsets ask_index(krv_handle_t *hp, uint64_t address, krv_lookup_flag_t f
     return found;
 }
 
+// Many addresses at once have the answers that each has by itself.
+static testing::AssertionResult same_at_once(krv_handle_t *hp, const std::vector<uint64_t> &addrs,
+                                             krv_lookup_flag_t flags)
+{
+    std::vector<krv_ctu_t *> units(addrs.size());
+    std::vector<krv_row_t> rows(addrs.size());
+    const int result = korva_lookup_rows(hp, addrs.data(), addrs.size(), flags, units.data(), rows.data());
+    const std::string error = error_line(hp);
+    const krv_opt_t &bias = hp->sh_opts[KRV_OPT_BASE_ADDR];
+    for (size_t i = 0; i < addrs.size(); ++i) {
+        krv_ctu_t *unit = korva_lookup_ctu_by_addr(hp, addrs[i] - bias.sopt_u.o_ulong, flags);
+        const int errnum = korva_handle_get_errno(hp);
+        if (unit == nullptr && errnum != KRV_ERR_NOTFOUND && errnum != KRV_ERR_NONE)
+            return result == -1 && error == error_line(hp) ? testing::AssertionSuccess()
+                                                           : testing::AssertionFailure() << error;
+        krv_row_t row;
+        if (unit == nullptr || korva_lookup_row(hp, unit, addrs[i], 1, addrs[i], &row) != 0)
+            row = {.address = 0,
+                   .file = nullptr,
+                   .number = KRV_ROW_NONE,
+                   .line = 0,
+                   .column = 0,
+                   .discriminator = 0,
+                   .is_stmt = 0};
+        const auto values = [](const krv_row_t &r) {
+            return std::tie(r.address, r.file, r.number, r.line, r.column, r.discriminator, r.is_stmt);
+        };
+        if (result != 0 || units[i] != unit || values(rows[i]) != values(row))
+            return testing::AssertionFailure() << error << ": " << std::hex << addrs[i] << ", row " << rows[i].number;
+    }
+    return testing::AssertionSuccess();
+}
+
 TEST(Lookup, UnitOfAnAddress)
 {
     const bytes bare = bytes().uleb(1), low = entry(2, 0x1000, 0x2000), wide = entry(2, 0x800, 0x3000);
@@ -467,6 +502,7 @@ TEST(Lookup, UnitOfAnAddress)
                                                   0x2800, 0x2f00, 0x3000, 0x3008, MAX - 15, MAX};
             // FAST before anything is scanned, then after everything is; in between one unit after the other.
             for (const krv_lookup_flag_t flags : {KRV_LOOKUP_F_FAST, KRV_LOOKUP_F_NONE, KRV_LOOKUP_F_FAST}) {
+                EXPECT_TRUE(same_at_once(mixed, {bounds.rbegin(), bounds.rend()}, flags));
                 for (const uint64_t bound : bounds) {
                     for (const uint64_t address : {bound - 1, bound, bound + 1}) {
                         offsets expected = ask_units(asked, address, flags);
@@ -480,6 +516,48 @@ TEST(Lookup, UnitOfAnAddress)
                 }
             }
         }
+}
+
+TEST(Lookup, RowsOfManyAddresses)
+{
+    // Sequences out of order, rows that descend, rows of one address, a gap; then a program that fails, and no program.
+    std::string dense = "at 1300 copy pc 16 end at 1000 ";
+    for (int i = 0; i < 40; ++i)
+        dense += i % 7 == 0 ? "copy line 1 copy pc 3 " : "copy line 2 pc 5 ";
+    const bytes program_1 = line_unit{.program = program(dense + "end")}.build();
+    const bytes program_2 =
+        line_unit{.program = program("at 2000 copy at 2040 line 1 copy at 2010 line 1 copy at 2080 end")}.build();
+    const bytes failing = line_unit{.program = program("at 3000 copy pc 16 end") + bytes().u8(0).uleb(9)}.build();
+    const auto unit_at = [&](const bytes &before, uint64_t low, uint64_t size) {
+        return unit{.dies = bytes().uleb(1).u32(static_cast<uint32_t>(before.size())).u64(low).u64(size)}.build();
+    };
+    const bytes second = program_1 + program_2;
+    const bytes info = unit_at({}, 0x1000, 0x400) + unit_at(program_1, 0x2000, 0x100) + unit_at(second, 0x3000, 0x20) +
+                       unit{.dies = bytes().uleb(2).u64(0x3010).u64(0x40)}.build() + unit_at({}, 0x1200, 0x1000);
+    std::vector<uint64_t> addrs;
+    for (uint64_t i = 0; i < 3000; ++i)
+        addrs.push_back(0xfe0 + i * 7919 % 0x20a0);
+    addrs.insert(addrs.end(), {0x1300, 0x1300, 0, MAX, 0x1234});
+    for (const uint32_t extensions : {0U, KRV_EXT_AS_WRITTEN, KRV_EXT_AS_WRITTEN | KRV_EXT_DWARF5})
+        for (const uint64_t bias : {uint64_t{0}, uint64_t{0x1000}, MAX}) {
+            handle h;
+            h.extend(extensions).attach(KRV_SEC_LINE, second + failing).attach(KRV_SEC_INFO, info);
+            h.attach(KRV_SEC_ABBREV, abbrevs("1 compile_unit stmt_list:sec_offset low_pc:addr high_pc:data8;"
+                                             "2 compile_unit low_pc:addr high_pc:data8"));
+            if (extensions == KRV_EXT_AS_WRITTEN) // of some of what the units claim
+                h.attach(KRV_SEC_ARANGES, aranges_set{.tuples = {{0x1000, 0x80}, {0x1300, 0x10}}}.build());
+            if (bias != 0)
+                korva_handle_set_opt(h, KRV_OPT_BASE_ADDR, bias);
+            EXPECT_TRUE(same_at_once(h, {0x1000 + bias}, 0)); // the unit, the matrix and the sequence are known then
+            EXPECT_TRUE(same_at_once(h, addrs, 0));
+            std::sort(addrs.begin(), addrs.end());
+            EXPECT_TRUE(same_at_once(h, addrs, KRV_LOOKUP_F_FAST));
+            std::reverse(addrs.begin(), addrs.end());
+        }
+    handle h;
+    EXPECT_EQ(korva_lookup_rows(h, nullptr, 0, 0, nullptr, nullptr), 0);
+    EXPECT_TRUE(refuses(h, korva_lookup_rows(h, addrs.data(), 1, 0, nullptr, nullptr), "INVALID"));
+    EXPECT_EQ(korva_lookup_rows(nullptr, nullptr, 0, 0, nullptr, nullptr), -1);
 }
 
 TEST(Lookup, UnitOfAnAddressSaysWhyNot)

@@ -91,12 +91,12 @@ TEST(Open, NullArguments)
                korva_line_get_cu_lnph, korva_iter_line_entry, korva_lookup_source_by_cu_and_addr, korva_lns_get_address,
                korva_lns_get_op_index, korva_lns_get_file, korva_lns_get_line, korva_lns_get_column, korva_lns_get_isa,
                korva_lns_get_discriminator, korva_lns_get_is, korva_lns_get_canonical_address, korva_lns_get_filep,
-               korva_lnfe_get_path, korva_lnfe_get_mtime, korva_lnfe_get_size, korva_expr_get_stack_depth,
-               korva_expr_stack_push, korva_expr_stack_pop, korva_expr_stack_peek, korva_expr_reset_stack,
-               korva_expr_iter_instruction, korva_expr_execute_expression, korva_activation_reset,
-               korva_activation_get_reg, korva_activation_get_greg, korva_activation_set_reg, korva_activation_set_greg,
-               korva_activation_set_regs, korva_activation_get_gregs, korva_activation_unwind,
-               korva_activation_get_argc, korva_activation_get_argv);
+               korva_lnfe_get_path, korva_lnfe_path, korva_lnfe_get_mtime, korva_lnfe_get_size,
+               korva_expr_get_stack_depth, korva_expr_stack_push, korva_expr_stack_pop, korva_expr_stack_peek,
+               korva_expr_reset_stack, korva_expr_iter_instruction, korva_expr_execute_expression,
+               korva_activation_reset, korva_activation_get_reg, korva_activation_get_greg, korva_activation_set_reg,
+               korva_activation_set_greg, korva_activation_set_regs, korva_activation_get_gregs,
+               korva_activation_unwind, korva_activation_get_argc, korva_activation_get_argv);
     for (krv_handle_t *hp : {static_cast<krv_handle_t *>(nullptr), static_cast<krv_handle_t *>(h)})
         EXPECT_TRUE(korva_fd_attach(hp, nullptr, 1, KRV_FD_TYPE_MEMORY, nullptr) == -1 &&
                     korva_get_fields(hp, KRV_STRUCT_LNS, nullptr, 0) == -1 &&

@@ -5,6 +5,8 @@
 #include "krv_info.h"
 #include "krv_line.h"
 
+#include <algorithm>
+
 namespace krv_test
 {
 
@@ -60,6 +62,13 @@ static std::string ask_units(krv_handle_t *hp)
             return "!path";
         answer += std::string(cu->dcu_name) + " " + path + "; ";
     }
+    uint64_t falling[20];
+    krv_row_t rows[20];
+    std::generate(falling, falling + 20, [address = 0x412UL]() mutable { return address--; });
+    if (korva_lookup_rows(hp, falling, 20, 0, nullptr, rows) != 0)
+        return "!rows";
+    for (const krv_row_t &row : rows)
+        answer += row.number == KRV_ROW_NONE ? '-' : '=';
     return answer;
 }
 
@@ -374,7 +383,7 @@ static std::string ask_expressions(krv_handle_t *hp)
 std::span<const scenario> scenarios()
 {
     static const scenario all[] = {
-        {"units", make_units, ask_units, "a.c /build/src/a.c; b.c /build/src/a.c; ", 60},
+        {"units", make_units, ask_units, "a.c /build/src/a.c; b.c /build/src/a.c; ---================-", 60},
         {"later units", make_later_units, ask_later_units, "/build/a.c a.c 1024 33", 20},
         {"units as written", make_written_units, ask_written_units, "a.c b.c ", 20},
         {"calls", make_calls, ask_calls, "far g f int v 2e", 0},
