@@ -93,7 +93,7 @@ bool krv_compact_encode(const krv_activation_t *ap, uint64_t column, krv_compact
     const krv_cfarule_t *sp = &rules[mach->smd_sp];
     const uint64_t base = cfa->arg >> 32;
     if (column != mach->smd_pc || ap->sa_args.sa_argc != 0 || cfa->desc != KRV_CFA_RULE_REG_OFFSET ||
-        base >= KRV_WALK_REGISTERS || sp->desc != KRV_CFA_RULE_VAL_OFFSET || sp->arg != 0)
+        base > mach->smd_pc || sp->desc != KRV_CFA_RULE_VAL_OFFSET || sp->arg != 0)
         return false;
     *rule = {};
     rule->cfa = {KRV_ORIGIN_IS_ADDRESS, static_cast<uint8_t>(base), 0, static_cast<int32_t>(cfa->arg & UINT32_MAX), 0};

@@ -211,6 +211,35 @@ static bool read_bulk(const krv_fd_t *as, void *buf, size_t size, uint64_t addre
     return outcome == krv_bulk::read;
 }
 
+// Enters a record whose bytes the window holds, from `skip` bytes behind its beginning on.
+static void enter_held(record_reader *r, krv_handle_t *hp, krv_window_t *window, uint64_t address, uint32_t length,
+                       uint64_t skip)
+{
+    krv_clear_error(hp);
+    window->sw_offset = address + skip;
+    window->sw_size = EH_LENGTH_SIZE + length - skip;
+    krv_fd_attach_mem(hp, &r->fd, length, window->sw_bytes + (EH_LENGTH_SIZE - skip));
+    r->origin = address + EH_LENGTH_SIZE;
+    r->length = length;
+}
+
+// Reads a record in one call, if it has no more bytes than it is likely to have. False: it has, or something is amiss.
+static bool hold_likely_record(record_reader *r, krv_handle_t *hp, krv_window_t *window, uint64_t address,
+                               uint64_t size)
+{
+    const krv_fd_t *as = &hp->sh_as;
+    uint32_t length;
+    if (size <= EH_LENGTH_SIZE || size > sizeof(window->sw_bytes) || !krv_fd_is_cb(as) ||
+        !krv_extent_fits(as->sfd_size, address, 0, size) ||
+        !read_bulk(as, window->sw_bytes, static_cast<size_t>(size), address, window))
+        return false;
+    std::memcpy(&length, window->sw_bytes, sizeof(length));
+    if (length == 0 || length > size - EH_LENGTH_SIZE)
+        return false;
+    enter_held(r, hp, window, address, length, 0);
+    return true;
+}
+
 // Reads a record in two calls, when the window has room for it: the twin of reading field by field, to which false
 // leads. False: it has not, or something is amiss.
 static bool hold_record(record_reader *r, krv_handle_t *hp, krv_window_t *window, uint64_t address)
@@ -222,20 +251,16 @@ static bool hold_record(record_reader *r, krv_handle_t *hp, krv_window_t *window
         !krv_extent_fits(as->sfd_size, address, EH_LENGTH_SIZE, length) ||
         !read_bulk(as, window->sw_bytes, length, address + EH_LENGTH_SIZE, window))
         return false;
-    krv_clear_error(hp);
-    window->sw_offset = address + EH_LENGTH_SIZE;
-    window->sw_size = length;
-    krv_fd_attach_mem(hp, &r->fd, length, window->sw_bytes);
-    r->origin = window->sw_offset;
-    r->length = length;
+    enter_held(r, hp, window, address, length, EH_LENGTH_SIZE);
     return true;
 }
 
-// Enters the record at an address.
-static bool enter_record(record_reader *r, krv_handle_t *hp, krv_window_t *window, uint64_t eh_frame, uint64_t address)
+// Enters the record at an address, which has `likely` bytes; 0: not known.
+static bool enter_record(record_reader *r, krv_handle_t *hp, krv_window_t *window, uint64_t eh_frame, uint64_t address,
+                         uint64_t likely = 0)
 {
     r->eh_frame = eh_frame;
-    if (hold_record(r, hp, window, address))
+    if (hold_likely_record(r, hp, window, address, likely) || hold_record(r, hp, window, address))
         return true;
     const krv_fd_t as = krv_eh_address_space(hp);
     r->origin = r->length = 0;
@@ -513,9 +538,11 @@ static bool read_fde_augmentation(krv_handle_t *hp, record_reader *r, const krv_
 
 [[gnu::flatten]] static bool read_fde(krv_handle_t *hp, krv_eh_fde *record, uint64_t eh_frame, uint64_t offset)
 {
+    const krv_eh_frame_reader_data *data = reader_data(record->reader);
     krv_fde_t *fdep = &record->fde;
     record_reader r;
-    const bool entered = enter_record(&r, hp, &fdep->sfde_window, eh_frame, eh_frame + offset);
+    const uint64_t likely = data->sefh_likely_address == eh_frame + offset ? uint64_t{data->sefh_likely_size} : 0;
+    const bool entered = enter_record(&r, hp, &fdep->sfde_window, eh_frame, eh_frame + offset, likely);
     fdep->sfde_length = r.length;
     fdep->sfde_section_length = r.length + EH_LENGTH_SIZE;
     if (!entered || !krv_read_field(&r.fd, DW_FORM_data4, &fdep->sfde_pointer, "failed to read CIE pointer"))
@@ -622,6 +649,7 @@ static int krv_eh_frame_step_over(krv_handle_t *hp, krv_reader_t *reader, uint64
 static void krv_eh_frame_destroy_reader(krv_reader_t *reader)
 {
     krv_free(reader_data(reader)->sefh_spare);
+    krv_free(reader_data(reader)->sefh_guide);
     krv_free(reader->sr_data);
     krv_free(reader);
 }

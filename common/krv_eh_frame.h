@@ -27,6 +27,9 @@ struct krv_eh_frame_reader_data {
     uint64_t sefh_table_offset;    // target address of the first
     uint8_t sefh_width;            // bytes of one field: 2, 4 or 8
     struct krv_eh_fde *sefh_spare; // a record that is free for the next query, or NULL; taken and put back atomically
+    struct krv_eh_guide_node *sefh_guide;      // what searches of the table have seen, published by compare-and-swap
+    krv_relaxed<uint64_t> sefh_likely_address; // of the record that a search has found last,
+    krv_relaxed<uint64_t> sefh_likely_size;    // and its bytes, if the next record of the table follows it; else 0
 };
 
 // scie_augmentation_data of a CIE with an augmentation string.

@@ -9,7 +9,10 @@
 #include "krv_dwarf.h"
 #include "krv_error.h"
 #include "krv_fd.h"
+#include "krv_mem.h"
 
+#include <algorithm>
+#include <bit>
 #include <cstring>
 
 // Bytes of a field of the table; 0 for a format that a table cannot have.
@@ -103,6 +106,7 @@ struct range {
     {
         return first + static_cast<int32_t>((static_cast<uint32_t>(last) - static_cast<uint32_t>(first)) / 2);
     }
+    uint64_t entries() const { return static_cast<uint64_t>(int64_t{last} - first + 1); } // likewise
 };
 
 struct entry {
@@ -111,15 +115,36 @@ struct entry {
     uint64_t next;        // the initial_location behind it, or start when that was not looked at
 };
 
-enum class found { yes, no, failed };
+enum class found { yes, no, failed, astray };
+
+constexpr uint64_t MOST_NODES = 4096;
+constexpr uint64_t LAST_ENTRIES = 32; // nodes are of ranges with more
+constexpr uint64_t PART_SIZE = 2048;  // bytes of the table that are read in one call
+
+} // namespace
+
+// Searches halve the same ranges again and again: range n, and then 2n + 1 or 2n + 2. What was seen of the entry in the
+// middle of one spares a call. The entries among which the search ends are always read, and show when it was led astray,
+// since memory has changed.
+struct krv_eh_guide_node {
+    uint64_t known; // 1; stored last
+    krv_relaxed<uint64_t> start, next;
+};
+
+namespace
+{
 
 // The table while it is searched.
 struct table_search {
     krv_handle_t *hp;
     const krv_eh_frame_reader_data *data;
-    uint64_t address; // that is looked for
+    uint64_t address;         // that is looked for
+    krv_eh_guide_node *guide; // NULL: there is none
+    uint64_t nodes;           // of it
+    uint64_t node;            // of the range
     range among;
     entry at;
+    uint64_t likely_size; // of the record
 
     // Formed modulo 2^64.
     uint64_t field_address(int32_t number, unsigned int field) const
@@ -136,6 +161,18 @@ struct table_search {
         krv_note(hp, "%s", message);
         return false;
     }
+
+    void go_left(int32_t mid)
+    {
+        among.last = mid - 1;
+        node = 2 * node + 1;
+    }
+    void go_right(int32_t mid)
+    {
+        among.first = mid + 1;
+        node = 2 * node + 2;
+    }
+    bool is_guided() const { return node < nodes && among.entries() > LAST_ENTRIES; }
 };
 
 // Fields that were read ahead, of entries from `first` on: the twin of table_search, the same numbers as read_pointer.
@@ -146,14 +183,26 @@ struct held_fields {
     uint64_t base;     // of the first field
     uint64_t relative; // all ones when each field has its own base, else 0
 
-    bool operator()(int32_t number, unsigned int field, uint64_t *datump, const char *) const
+    uint64_t field(int32_t number, unsigned int which) const
     {
-        const uint64_t skip = (2 * static_cast<uint64_t>(number - first) + field) * sizeof(T);
+        const uint64_t skip = (2 * static_cast<uint64_t>(int64_t{number} - first) + which) * sizeof(T);
         T value;
         std::memcpy(&value, bytes + skip, sizeof(value));
-        *datump = static_cast<uint64_t>(value) + base + (skip & relative);
+        return static_cast<uint64_t>(value) + base + (skip & relative);
+    }
+    bool operator()(int32_t number, unsigned int which, uint64_t *datump, const char *) const
+    {
+        *datump = field(number, which);
         return true;
     }
+};
+
+// What is read in one call.
+struct part {
+    range entries;
+    bool is_whole;  // all of them; else the one in the middle and the location behind it
+    bool is_guided; // to these
+    bool has_next;  // and the location behind them
 };
 
 } // namespace
@@ -166,50 +215,85 @@ static inline found search_step(table_search *s, Read &read)
     if (!read(mid, 0, &s->at.start, "failed to read VA"))
         return found::failed;
     if (s->address < s->at.start) {
-        s->among.last = mid - 1;
+        s->go_left(mid);
         return found::no;
     }
     s->at.next = s->at.start;
     if (mid != s->among.last && !read(mid + 1, 0, &s->at.next, "failed to read VA"))
         return found::failed;
     if (mid != s->among.last && s->address >= s->at.next) {
-        s->among.first = mid + 1;
+        s->go_right(mid);
         return found::no;
     }
     return read(mid, 1, &s->at.fde_address, "failed to read location") ? found::yes : found::failed;
 }
 
+// The same by what the guide knows. False: it does not, or the entry is the one, which has to be read.
+static inline bool guided_step(table_search *s)
+{
+    krv_eh_guide_node *node = &s->guide[s->node];
+    if (krv_load(&node->known) == 0)
+        return false;
+    const int32_t mid = s->among.middle();
+    if (s->address < node->start)
+        s->go_left(mid);
+    else if (s->address >= node->next)
+        s->go_right(mid);
+    else
+        return false;
+    return true;
+}
+
 template <typename T>
-static found search_held(table_search *s, bool all, held_fields<T> fields)
+static inline void note_middle(table_search *s, const held_fields<T> &fields)
+{
+    krv_eh_guide_node *node = &s->guide[s->node];
+    node->start = fields.field(s->among.middle(), 0);
+    node->next = fields.field(s->among.middle() + 1, 0);
+    krv_store(&node->known, uint64_t{1});
+}
+
+template <typename T>
+static found search_held(table_search *s, const part &p, held_fields<T> fields)
 {
     found result;
-    do
+    do {
+        if (s->is_guided())
+            note_middle(s, fields);
         result = search_step(s, fields);
-    while (all && result == found::no && s->among.first <= s->among.last);
+    } while (p.is_whole && result == found::no && s->among.first <= s->among.last);
+    if (p.is_guided && ((p.has_next && s->address >= fields.field(p.entries.last + 1, 0)) ||
+                        (p.is_whole && p.entries.first != 0 && s->address < fields.field(p.entries.first, 0))))
+        return found::astray;
+    if (result == found::yes) {
+        const int32_t mid = s->among.middle();
+        s->likely_size = p.is_whole && mid != p.entries.last ? fields.field(mid + 1, 1) - s->at.fde_address : 0;
+    }
     return result;
 }
 
 // The numbers of a table by width and sign.
-static inline found search_numbers(table_search *s, bool all, const uint8_t *bytes, int32_t first, uint64_t base,
+static inline found search_numbers(table_search *s, const part &p, const uint8_t *bytes, int32_t first, uint64_t base,
                                    uint64_t relative)
 {
     const bool is_signed = (s->data->sefh_te & 0x08) != 0;
     switch (s->data->sefh_width) {
     case 2:
-        return is_signed ? search_held<int16_t>(s, all, {bytes, first, base, relative})
-                         : search_held<uint16_t>(s, all, {bytes, first, base, relative});
+        return is_signed ? search_held<int16_t>(s, p, {bytes, first, base, relative})
+                         : search_held<uint16_t>(s, p, {bytes, first, base, relative});
     case 4:
-        return is_signed ? search_held<int32_t>(s, all, {bytes, first, base, relative})
-                         : search_held<uint32_t>(s, all, {bytes, first, base, relative});
+        return is_signed ? search_held<int32_t>(s, p, {bytes, first, base, relative})
+                         : search_held<uint32_t>(s, p, {bytes, first, base, relative});
     default:
-        return search_held<uint64_t>(s, all, {bytes, first, base, relative});
+        return search_held<uint64_t>(s, p, {bytes, first, base, relative});
     }
 }
 
-// A step takes a call, which reads the entry in the middle and the location behind it; the last call reads all entries
-// that are left, when they are few. Where that fails, the step is made through a cursor, which reports the field.
+// A step takes a call, which reads the entry in the middle and the location behind it, unless the guide knows it; the last
+// call reads all entries that are left, when they are few. Where that fails, the step is made through a cursor, which
+// reports the field.
 // The indices have 32 bits, and so has what counts of fde_count: a count whose low half is negative finds nothing.
-static found search_table(table_search *s)
+static found search_by(table_search *s)
 {
     const krv_fd_t *as = &s->hp->sh_as;
     const uint64_t width = s->data->sefh_width;
@@ -218,19 +302,28 @@ static found search_table(table_search *s)
                                             application == DW_EH_PE_datarel);
     const uint64_t base = application == DW_EH_PE_datarel ? s->data->sefh_eh_frame_hdr : 0;
     const uint64_t relative = application == DW_EH_PE_pcrel ? UINT64_MAX : 0;
-    uint8_t bytes[2048];
+    uint8_t bytes[PART_SIZE + sizeof(uint64_t)];
     s->among = {0, static_cast<int32_t>(s->data->sefh_fde_count - 1)};
+    s->node = 0;
+    const int32_t last = s->among.last;
+    bool is_guided = false;
     found outcome = found::no;
     while (outcome == found::no && s->among.first <= s->among.last) {
-        const uint64_t left = static_cast<uint64_t>(int64_t{s->among.last} - s->among.first + 1) * 2 * width;
-        const bool all = left <= sizeof(bytes);
-        const int32_t first = all ? s->among.first : s->among.middle();
-        const uint64_t address = s->field_address(first, 0), size = all ? left : 3 * width;
+        if (s->is_guided() && guided_step(s)) {
+            is_guided = true;
+            continue;
+        }
+        const uint64_t left = s->among.entries() * 2 * width;
+        part p = {s->among, left <= PART_SIZE, is_guided, false};
+        p.has_next = p.is_whole && is_guided && s->among.last != last;
+        const int32_t first = p.is_whole ? s->among.first : s->among.middle();
+        const uint64_t address = s->field_address(first, 0);
+        const uint64_t size = p.is_whole ? left + (p.has_next ? width : 0) : 3 * width;
         const krv_bulk bulk = known && krv_extent_fits(as->sfd_size, address, 0, size)
-                                  ? krv_read_bulk(as, bytes, size, address)
+                                  ? krv_read_bulk(as, bytes, static_cast<size_t>(size), address)
                                   : krv_bulk::refused;
         if (bulk == krv_bulk::refused) {
-            outcome = search_step(s, *s);
+            outcome = is_guided ? found::astray : search_step(s, *s);
             continue;
         }
         krv_clear_error(s->hp);
@@ -239,9 +332,39 @@ static found search_table(table_search *s)
             krv_note(s->hp, "failed to read VA");
             return found::failed;
         }
-        outcome = search_numbers(s, all, bytes, first, base + (address & relative), relative);
+        outcome = search_numbers(s, p, bytes, first, base + (address & relative), relative);
     }
     return outcome;
+}
+
+// As many nodes as there are ranges with more than the last entries, within reason. None where memory is short.
+static void find_guide(table_search *s, krv_eh_frame_reader_data *data)
+{
+    const auto count = static_cast<uint32_t>(data->sefh_fde_count);
+    const uint64_t nodes = std::min(std::bit_ceil(uint64_t{count} / LAST_ENTRIES) * 2, MOST_NODES);
+    s->nodes = 0;
+    if (count <= LAST_ENTRIES || count > INT32_MAX)
+        return;
+    s->guide = krv_load(&data->sefh_guide);
+    if (s->guide == nullptr) {
+        auto *fresh = static_cast<krv_eh_guide_node *>(krv_zalloc(s->hp, nodes * sizeof(krv_eh_guide_node)));
+        krv_clear_error(s->hp);
+        if (fresh == nullptr)
+            return;
+        s->guide = krv_publish(&data->sefh_guide, fresh, krv_free);
+    }
+    s->nodes = nodes;
+}
+
+static found search_table(table_search *s)
+{
+    const found outcome = search_by(s);
+    if (outcome != found::astray)
+        return outcome;
+    for (uint64_t node = 0; node < s->nodes; ++node)
+        krv_store(&s->guide[node].known, uint64_t{0});
+    s->nodes = 0;
+    return search_by(s);
 }
 
 static int abandon_table(krv_handle_t *hp, krv_eh_frame_reader_data *data)
@@ -268,8 +391,12 @@ int krv_eh_frame_gfoba(krv_handle_t *hp, krv_reader_t *reader, uint64_t address,
     s.hp = hp;
     s.data = data;
     s.address = address;
+    s.likely_size = 0;
+    find_guide(&s, data);
     switch (search_table(&s)) {
     case found::yes:
+        data->sefh_likely_address = s.at.fde_address;
+        data->sefh_likely_size = s.likely_size;
         *taddrp = s.at.start;
         *toffp = s.at.fde_address - data->sefh_eh_frame;
         *naddrp = s.at.next;
@@ -277,6 +404,7 @@ int krv_eh_frame_gfoba(krv_handle_t *hp, krv_reader_t *reader, uint64_t address,
     case found::no:
         return krv_fail_code(hp, KRV_ERR_NOTFOUND);
     case found::failed:
+    case found::astray:
         break;
     }
     return abandon_table(hp, data);

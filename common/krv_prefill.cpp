@@ -101,7 +101,7 @@ static bool read_expression(const filling *f, const krv_cfarule_t *rule, bool is
     const uint8_t *at = bytes, *const end = bytes + size;
     const unsigned reg = *at++ - unsigned{DW_OP_breg0};
     *origin = {KRV_ORIGIN_IS_ADDRESS, static_cast<uint8_t>(reg), 0, 0, 0};
-    if (reg >= KRV_WALK_REGISTERS || !scan_offset(&at, end, true, &origin->offset))
+    if (reg > f->ap->sa_mach_def->smd_pc || !scan_offset(&at, end, true, &origin->offset))
         return false;
     if (at != end && is_cfa && *at == DW_OP_deref) {
         origin->kind = KRV_ORIGIN_LOADED;
@@ -118,7 +118,7 @@ static bool find_cfa_origin(const filling *f, const krv_cfarule_t *rule, krv_ori
         return read_expression(f, rule, true, origin);
     const uint64_t base = rule->arg >> 32;
     *origin = {KRV_ORIGIN_IS_ADDRESS, static_cast<uint8_t>(base), 0, static_cast<int32_t>(rule->arg & UINT32_MAX), 0};
-    return rule->desc == KRV_CFA_RULE_REG_OFFSET && base < KRV_WALK_REGISTERS;
+    return rule->desc == KRV_CFA_RULE_REG_OFFSET && base <= f->ap->sa_mach_def->smd_pc;
 }
 
 static bool find_origin(const filling *f, const krv_cfarule_t *rule, krv_origin_t *origin)
@@ -134,7 +134,7 @@ static bool find_origin(const filling *f, const krv_cfarule_t *rule, krv_origin_
     case KRV_CFA_RULE_REGISTER:
         origin->kind = KRV_ORIGIN_REGISTER;
         origin->reg = static_cast<uint8_t>(rule->arg);
-        return rule->arg < KRV_WALK_REGISTERS;
+        return rule->arg <= f->ap->sa_mach_def->smd_pc;
     case KRV_CFA_RULE_OFFSET:
     case KRV_CFA_RULE_VAL_OFFSET:
         origin->kind = rule->desc == KRV_CFA_RULE_OFFSET ? KRV_ORIGIN_IN_MEMORY : KRV_ORIGIN_IS_ADDRESS;

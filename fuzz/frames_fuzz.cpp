@@ -126,8 +126,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     const auto functions = in.ConsumeIntegralInRange<unsigned>(1, 5);
 
     bytes memory;
+    std::vector<uint8_t> section; // .debug_frame, else .eh_frame is in memory
+    bool has_table = false;
     if (in.ConsumeBool()) {
-        h.attach(KRV_SEC_FRAME, contents(debug_frame(in, functions, word)));
+        section = contents(debug_frame(in, functions, word));
     } else {
         eh_hdr table{.fp_encoding = broken<uint8_t>(in, 0x1b), .count_encoding = broken<uint8_t>(in, 0x03)};
         table.table_encoding = broken<uint8_t>(in, 0x3b);
@@ -135,25 +137,56 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
         const bytes frames = eh_frame(in, functions, word, &table);
         memory = table.build(HDR, EH_FRAME);
         memory.fill(EH_FRAME - HDR - memory.size()).add(frames);
-        korva_handle_set_opt(h, KRV_OPT_EH_FRAME_ADDR, EH_FRAME);
-        if (in.ConsumeBool())
-            korva_handle_set_opt(h, KRV_OPT_EH_FRAME_HDR_ADDR, HDR);
+        has_table = in.ConsumeBool();
     }
     if (memory.size() < STACK - HDR)
         memory.fill(STACK - HDR - memory.size());
     for (unsigned i = 0; i < 32; ++i) // return addresses and frame pointers
         memory.uint(i % 2 == 0 ? TEXT + i * 8 : STACK + i * word, word);
     krv_fuzz::source target{contents(memory), how.mode, 0};
-    korva_attach_as(h, krv_fuzz::read_memory, &target);
+    const auto attach = [&](krv_fuzz::handle &of) {
+        of.attach(KRV_SEC_FRAME, section);
+        if (section.empty())
+            korva_handle_set_opt(of, KRV_OPT_EH_FRAME_ADDR, EH_FRAME);
+        if (has_table)
+            korva_handle_set_opt(of, KRV_OPT_EH_FRAME_HDR_ADDR, HDR);
+        korva_attach_as(of, krv_fuzz::read_memory, &target);
+    };
+    attach(h);
 
     krv_activation_t *ap = korva_activation_alloc(h);
     krv_gregset_t gregs = {};
     for (krv_greg_t &reg : gregs)
         reg = static_cast<krv_greg_t>(STACK);
-    for (const uint64_t pc : {TEXT + FUNCTION / 2, TEXT + FUNCTION, broken<uint64_t>(in, TEXT + 5 * FUNCTION - 1)}) {
-        korva_activation_set_regs(h, ap, gregs, UINT64_MAX, nullptr);
-        korva_activation_set_greg(h, ap, KRV_ACTIVATION_REG_LIBRARY, KRV_REG_PC, static_cast<krv_greg_t>(pc));
+    const auto load = [&gregs](krv_handle_t *hp, krv_activation_t *of, uint64_t pc) {
+        gregs[KRV_HOST_RIP] = static_cast<krv_greg_t>(pc);
+        korva_activation_set_regs(hp, of, gregs, UINT64_MAX, nullptr);
+        korva_activation_set_greg(hp, of, KRV_ACTIVATION_REG_LIBRARY, KRV_REG_PC, static_cast<krv_greg_t>(pc));
+    };
+    const uint64_t pcs[] = {TEXT + FUNCTION / 2, TEXT + FUNCTION, broken<uint64_t>(in, TEXT + 5 * FUNCTION - 1)};
+    for (const uint64_t pc : pcs) {
+        load(h, ap, pc);
         krv_fuzz::walk(h, ap);
+    }
+    // Twice by a cache, then by a table, which knows the records alone. Faulty reads are no constant memory.
+    for (const bool filled : {false, true}) {
+        if (how.has_faults() || (filled && has_table))
+            continue;
+        krv_fuzz::handle kept(how);
+        attach(kept);
+        korva_handle_set_opt(kept, KRV_OPT_EXT_CONSTANT_FRAMES, uint64_t{1});
+        if (filled)
+            korva_frames_prefill(kept);
+        krv_activation_t *ap_kept = korva_activation_alloc(kept);
+        for (const uint64_t pc : {pcs[0], pcs[0], pcs[1], pcs[2], pcs[2]}) {
+            load(h, ap, pc);
+            load(kept, ap_kept, pc);
+            krv_fuzz::walk_alike(h, ap, kept, ap_kept);
+            load(h, ap, pc);
+            if (filled)
+                krv_fuzz::walk_by_table(h, ap, kept, gregs, &target);
+        }
+        korva_activation_free(ap_kept);
     }
     korva_activation_free(ap);
     return 0;

@@ -86,6 +86,7 @@ public:
         return (mode & MODE_I386) != 0 ? KRV_ACTIVATION_I386 : KRV_ACTIVATION_AMD64;
     }
     bool through_callback() const { return (mode & MODE_CALLBACK) != 0; }
+    bool has_faults() const { return mode % MODE_DWARF5 / MODE_FAULT != 0; }
     bool is_extended() const { return (mode & (MODE_DWARF5 | MODE_AS_WRITTEN)) != 0; }
 
     unsigned mode = 0;

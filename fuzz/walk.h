@@ -17,6 +17,62 @@ inline int64_t read_memory(void *arg, void *buf, size_t count, uint64_t address)
     return address < BASE ? -1 : source::read(arg, buf, count, address - BASE);
 }
 
+// What the calls for a frame say of it.
+struct frame_answer {
+    int result, code;
+    krv_gregset_t gregs;
+    uint64_t mask;
+    krv_frame_info_t info;
+    unsigned int argc;
+
+    frame_answer(krv_handle_t *hp, krv_activation_t *ap)
+    {
+        std::memset(this, 0, sizeof(*this)); // padding, too
+        result = korva_activation_get_gregs(hp, ap, KRV_ACTIVATION_FRAME_CALLER, &gregs, &mask);
+        code = korva_handle_get_errno(hp);
+        korva_activation_get_frame_info(hp, ap, &info);
+        korva_activation_get_argc(hp, ap, &argc);
+    }
+};
+
+// Walks with and without the promise that call-frame information is constant, frame by frame: who has it must be told the
+// same. `kept` was asked nothing else before, or has been prefilled.
+inline void walk_alike(krv_handle_t *hp, krv_activation_t *ap, krv_handle_t *kept, krv_activation_t *ap_kept)
+{
+    for (int frame = 0; frame < 20; ++frame) {
+        const frame_answer one(hp, ap), other(kept, ap_kept);
+        if (std::memcmp(&one, &other, sizeof(one)) != 0)
+            std::abort();
+        if (korva_activation_unwind(hp, ap) != 0 || korva_activation_unwind(kept, ap_kept) != 0)
+            break;
+    }
+}
+
+// A walk by the tables of a prefilled handle alone; its first step is that of an activation which knows as many registers.
+inline void walk_by_table(krv_handle_t *hp, krv_activation_t *ap, krv_handle_t *filled, const krv_gregset_t &gregs,
+                          source *memory)
+{
+    const krv_stack_module_t module = {filled, 0};
+    krv_stack_t stack = {};
+    stack.modules = &module;
+    stack.nmodules = 1;
+    std::memcpy(stack.gregs, gregs, sizeof(stack.gregs));
+    stack.mask = UINT64_MAX;
+    stack.read = read_memory;
+    stack.arg = memory;
+    uint64_t addresses[20];
+    krv_stack_end_t end;
+    const size_t count = korva_stack_addresses(&stack, addresses, 20, &end);
+    krv_greg_t pc = 0;
+    const bool stepped = korva_activation_unwind(hp, ap) == 0;
+    const bool has_caller = stepped && korva_activation_get_greg(hp, ap, KRV_ACTIVATION_REG_LIBRARY,
+                                                                 KRV_ACTIVATION_FRAME_CURRENT, KRV_REG_PC, &pc) == 0;
+    const bool is_last = count == 1 && end.reason == KRV_STACK_END;
+    if (stepped && ((count > 1 && (!has_caller || static_cast<uint64_t>(pc) != addresses[1])) ||
+                    (is_last && has_caller && pc != 0)))
+        std::abort();
+}
+
 inline void walk(krv_handle_t *hp, krv_activation_t *ap)
 {
     for (int frame = 0; frame < 20; ++frame) {
