@@ -486,3 +486,44 @@ TEST(EhFrameHdr, AtOnceOrFieldByField)
     }
     EXPECT_GT(outcomes.size(), 100U);
 }
+
+// What searches saw on their way spares reads and changes no answer: in tables in order or not, and, of those that are in
+// order, when memory has changed since.
+TEST(EhFrameHdr, RemembersItsWay)
+{
+    std::mt19937 random(2);
+    const auto find = [](loaded &p, uint64_t address) {
+        uint64_t start = 0, offset = 0, next = 0;
+        const int result = krv_get_fde_offset_by_address(p.h, address, B_FALSE, &start, &offset, &next);
+        return text("%d %d %lx %lx %lx", result, korva_handle_get_errno(p.h), start, offset, next);
+    };
+    for (const unsigned count : {20U, 33U, 300U, 3000U})
+        for (const unsigned swaps : {0U, 1U, count / 4}) {
+            eh_hdr table;
+            for (uint64_t i = 0; i < count; ++i)
+                table.entries.emplace_back(0x1000 + 16 * i, EH + 8 * i);
+            for (unsigned n = 0; n < swaps; ++n)
+                std::swap(table.entries[random() % count], table.entries[random() % count]);
+            loaded old({}, table.build(HDR, EH));
+            unsigned reads = 0;
+            const auto compare = [&](unsigned times) {
+                loaded fresh({}, table.build(HDR, EH));
+                for (unsigned n = 0; n < times; ++n) {
+                    const uint64_t address = 0xff0 + random() % (16 * count + 32);
+                    krv_destroy_reader(fresh.h);
+                    ASSERT_EQ(find(old, address), find(fresh, address))
+                        << count << " entries, " << swaps << " swaps, " << std::hex << address;
+                }
+                reads += fresh.memory.reads;
+            };
+            compare(200);
+            EXPECT_TRUE(count < 3000 || swaps != 0 || old.memory.reads < reads / 3) << old.memory.reads << " " << reads;
+            if (swaps != 0)
+                continue;
+            for (auto &entry : table.entries) // everything moves down
+                entry.first = 0x1000 + (entry.first - 0x1000) / 2 + (random() % 2 == 0 ? 0 : 4);
+            std::sort(table.entries.begin(), table.entries.end());
+            old.memory.contents = loaded({}, table.build(HDR, EH)).memory.contents;
+            compare(200);
+        }
+}
