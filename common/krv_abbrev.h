@@ -30,6 +30,14 @@ struct krv_abbrev_t {
     int64_t *dwa_implicit; // values of its pairs of DW_FORM_implicit_const, in their order; inside the table's array
 };
 
+inline bool krv_has_attribute(const krv_abbrev_t *abbrev, krv_attribute_t attribute)
+{
+    for (uint32_t i = 0; i < abbrev->dwa_nafpairs; ++i)
+        if (abbrev->dwa_afpairs[i].dwafp_attribute == attribute)
+            return true;
+    return false;
+}
+
 // One table.
 struct krv_au_t {
     krv_abbrev_t *sau_abbrev_table; // in section order

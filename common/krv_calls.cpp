@@ -386,6 +386,7 @@ static void read_place_of_call(krv_handle_t *hp, krv_call_t *call)
         const auto number = attr.number <= UINT32_MAX ? static_cast<uint32_t>(attr.number) : 0;
         switch (attr.attribute) {
         case DW_AT_call_file:
+            call->call_unit = attr.number <= UINT32_MAX ? entry.unit : nullptr;
             call->call_file = number;
             break;
         case DW_AT_call_line:
@@ -444,6 +445,7 @@ static int make_inlined(krv_handle_t *hp, krv_ctu_t *cu, const krv_plan *plan, u
     call->entry.has_children = planned->has_children();
     call->entry.at = entry + from.code_size;
     call->entry.abbreviation = planned;
+    call->call_unit = from.file != 0 || krv_has_attribute(planned->abbrev, DW_AT_call_file) ? cu : nullptr;
     call->call_file = from.file;
     call->call_line = from.line;
     call->call_column = from.column;

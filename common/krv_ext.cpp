@@ -62,7 +62,7 @@ void krv_ext_destroy(krv_handle_t *hp)
 
 bool krv_ext_is_section(const krv_handle_t *hp, krv_secidx_t sec)
 {
-    return hp->sh_ext != 0 && sec >= KRV_SEC_EXT_LINE_STR && sec <= KRV_SEC_EXT_ALT_ABBREV;
+    return hp->sh_ext != 0 && sec >= KRV_SEC_EXT_LINE_STR && sec <= KRV_SEC_EXT_GNU_PUBNAMES;
 }
 
 constexpr const char *NAMES[KRV_MAX_SEC] = {".debug_abbrev",     ".debug_aranges", ".debug_frame",    ".debug_info",
@@ -77,7 +77,10 @@ constexpr const char *EXT_NAMES[KRV_EXT_SECTIONS] = {".debug_line_str",
                                                      ".debug_ranges",
                                                      ".debug_info of the alternate file",
                                                      ".debug_str of the alternate file",
-                                                     ".debug_abbrev of the alternate file"};
+                                                     ".debug_abbrev of the alternate file",
+                                                     ".debug_names",
+                                                     ".gdb_index",
+                                                     ".debug_gnu_pubnames"};
 
 const char *krv_section_name(krv_secidx_t sec)
 {
@@ -90,7 +93,9 @@ int korva_lookup_ext_section_index(const char *name, krv_secidx_t *secp, boolean
     if (name == nullptr || secp == nullptr || compressed == nullptr)
         return -1;
     const bool is_compressed = std::strncmp(name, ".zdebug_", sizeof(".zdebug_") - 1) == 0;
-    for (krv_secidx_t sec = KRV_SEC_EXT_LINE_STR; sec <= KRV_SEC_EXT_RANGES; ++sec) {
+    for (krv_secidx_t sec = KRV_SEC_EXT_LINE_STR; sec <= KRV_SEC_EXT_GNU_PUBNAMES; ++sec) {
+        if (sec >= KRV_SEC_EXT_ALT_INFO && sec <= KRV_SEC_EXT_ALT_ABBREV)
+            continue;
         const char *known = krv_section_name(sec); // ".debug_x", which compressed is ".zdebug_x"
         if (name[0] != '.' || std::strcmp(name + (is_compressed ? 2 : 1), known + 1) != 0)
             continue;

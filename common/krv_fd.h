@@ -10,6 +10,7 @@
 #include "krv_types.h"
 
 #include <cstdarg>
+#include <cstring>
 
 krv_fd_t *krv_fd_alloc(krv_handle_t *hp); // as korva_fd_alloc, without clearing errors
 void krv_fd_free(krv_fd_t *fdp);
@@ -118,6 +119,23 @@ inline krv_view_t krv_fd_view(const krv_fd_t *fdp)
         return {nullptr, 0};
     const uint64_t held = window->sw_size - skip;
     return {window->sw_bytes + skip, held < fdp->sfd_remaining ? held : fdp->sfd_remaining};
+}
+
+// The number of `width` bytes at an offset of such bytes. False: they end before.
+inline bool krv_view_read(const krv_view_t &view, uint64_t offset, size_t width, uint64_t *valuep)
+{
+    *valuep = 0;
+    if (offset > view.size || width > view.size - offset)
+        return false;
+    std::memcpy(valuep, view.bytes + offset, width);
+    return true;
+}
+
+// A whole section that is in memory; of one behind a call-back nothing.
+inline krv_view_t krv_section_view(krv_handle_t *hp, krv_secidx_t sec)
+{
+    const krv_fd_t *section = krv_section(hp, sec);
+    return krv_fd_is_cb(section) ? krv_view_t{nullptr, 0} : krv_view_t{section->sfd_u.buf, section->sfd_size};
 }
 
 // Whether two cursors read the same bytes, wherever each of them stands.

@@ -33,7 +33,7 @@ static int read_names(krv_handle_t *hp, krv_entry_t *entry, krv_function_names *
             names->linkage_name = names->linkage_name == nullptr ? text : names->linkage_name;
             break;
         case DW_AT_decl_file:
-            if (names->decl_unit == nullptr && !entry->is_alternate) {
+            if (names->decl_unit == nullptr && !entry->is_alternate && attr.number <= UINT32_MAX) {
                 names->decl_unit = entry->unit;
                 names->decl_file = small_number(attr);
             }

@@ -10,7 +10,7 @@
 struct krv_function_names {
     const char *name, *linkage_name; // NULL: none
     krv_ctu_t *decl_unit;            // whose files decl_file counts in, or NULL
-    uint32_t decl_file, decl_line;   // 0: not known
+    uint32_t decl_file, decl_line;   // line 0: not known
 };
 
 // What cannot be read stays unknown. False: KRV_ERR_NOMEM; there is no other error.

@@ -38,7 +38,7 @@ struct krv_opt_t {
 
 constexpr uint32_t KRV_EXT_DWARF5 = 0x1;     // sh_ext: KRV_OPT_EXT_DWARF5 is on
 constexpr uint32_t KRV_EXT_AS_WRITTEN = 0x2; // likewise
-constexpr unsigned KRV_EXT_SECTIONS = KRV_SEC_EXT_ALT_ABBREV - KRV_SEC_EXT_LINE_STR + 1;
+constexpr unsigned KRV_EXT_SECTIONS = KRV_SEC_EXT_GNU_PUBNAMES - KRV_SEC_EXT_LINE_STR + 1;
 
 // Addresses of executable sections.
 struct krv_code_range_t {
@@ -87,7 +87,7 @@ struct krv_handle {
     krv_calls *sh_calls;         // owned: those of all units, in no order
     krv_alternate *sh_alternate; // owned: units of the alternate file; built on first use, published last
     krv_hash *sh_function_names; // krv_function_names by the entry that has them, built on first use
-    krv_named *sh_named;         // owned: functions and variables by name; built on first use, published last
+    krv_named *sh_named;         // owned: functions and variables by name; built on first use
     krv_code_range_t *sh_code;   // owned: see krv_is_code
     uint32_t sh_code_size;
     uint32_t sh_code_entries;

@@ -15,7 +15,7 @@ static const char *file_of_call(krv_handle_t *hp, const krv_call_t *inlined)
 {
     krv_lnfe_t *file = NULL;
     char *path = NULL;
-    if (korva_cu_get_file(hp, inlined->entry.unit, inlined->call_file, &file) == 0)
+    if (inlined->call_unit != NULL && korva_cu_get_file(hp, inlined->call_unit, inlined->call_file, &file) == 0)
         korva_get_fields(hp, KRV_STRUCT_LNFE, file, 1, KRV_FIELD_LNFE_ABSOLUTE_PATH, &path);
     return path;
 }

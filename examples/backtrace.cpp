@@ -27,7 +27,7 @@ static void print_frame(const korva::process &process, const krv_proc_frame_t &f
         if (call.is_inlined == 0)
             break;
         // The next one has it, at:
-        const korva::unit unit(elf->handle().get(), call.entry.unit);
+        const korva::unit unit(elf->handle().get(), call.call_unit);
         const auto file = korva::file_of(elf->handle(), unit, call.call_file);
         path = file ? file->path : "??";
         line = call.call_line;

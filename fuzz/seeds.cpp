@@ -255,13 +255,16 @@ static void compiled(const char *path)
     const bytes abbrev = part(section(hp, KRV_SEC_ABBREV)), info = section(hp, KRV_SEC_INFO);
     write_modes("info_fuzz", abbrev + part(section(hp, KRV_SEC_STR)) + info, mode);
     write_modes("lookup_fuzz", bytes().u64(0x10).add(part(section(hp, KRV_SEC_ARANGES))).add(abbrev).add(info), mode);
-    bytes lists;
+    bytes lists, indexes;
+    for (const krv_secidx_t sec : {krv_secidx_t{KRV_SEC_EXT_NAMES}, krv_secidx_t{KRV_SEC_EXT_GDB_INDEX},
+                                   krv_secidx_t{KRV_SEC_EXT_GNU_PUBNAMES}, krv_secidx_t{KRV_SEC_PUBNAMES}})
+        indexes += part(section(hp, sec));
     for (const krv_secidx_t sec : {KRV_SEC_EXT_STR_OFFSETS, KRV_SEC_EXT_ADDR, KRV_SEC_EXT_RANGES, KRV_SEC_EXT_RNGLISTS})
         lists += part(section(hp, sec));
     write_modes(
         "entries_fuzz",
         bytes().u64(0x1139).add(abbrev).add(part(section(hp, KRV_SEC_STR))).add(lists).add(part({})).add(part({})) +
-            info,
+            indexes + info,
         mode | krv_fuzz::MODE_DWARF5 | krv_fuzz::MODE_AS_WRITTEN);
     write_modes("line_fuzz", bytes().u64(0x10).add(section(hp, KRV_SEC_LINE)), mode);
     write_modes("line_fuzz",

@@ -146,11 +146,12 @@ typedef struct krv_call {
     const char *name;         /**< DW_AT_name of the function; NULL when it has none */
     const char *linkage_name; /**< DW_AT_linkage_name; NULL likewise */
     krv_ctu_t *decl_unit;     /**< whose file table decl_file counts in; NULL when the declaration is not known */
-    uint32_t decl_file;       /**< where the function is declared; 0 when it is not known */
-    uint32_t decl_line;       /**< likewise */
-    uint32_t call_file;     /**< of an inlined call: the place of the call, in the next element's function, by the file
-                                   table of entry.unit; 0 when it is not known */
-    uint32_t call_line;     /**< likewise */
+    uint32_t decl_file;       /**< where the function is declared; from DWARF 5 on 0 is a file like others */
+    uint32_t decl_line;       /**< likewise; 0 when it is not known */
+    krv_ctu_t
+        *call_unit; /**< of an inlined call: whose file table call_file counts in; NULL when the file is not known */
+    uint32_t call_file;     /**< the place of the call, in the next element's function */
+    uint32_t call_line;     /**< likewise; 0 when it is not known */
     uint32_t call_column;   /**< likewise */
     uint32_t discriminator; /**< of the call; 0 when it has none */
     uint32_t is_inlined;    /**< 1: an inlined call; 0: the function that has the code */
@@ -200,14 +201,26 @@ KORVA_API int korva_iter_calls(krv_handle_t *hp, const uint64_t *addresses, size
 enum {
     KRV_NAMED_FUNCTIONS = 1, /**< entries of functions that have code */
     KRV_NAMED_VARIABLES = 2, /**< those of variables that have a location outside functions */
+    KRV_NAMED_INDEXED = 4    /**< beside these: what the file's own indexes name is enough */
 };
 
 /** Visitor of korva_iter_named_entries; non-zero stops it and is returned. */
 typedef int krv_iter_entry_f(krv_handle_t *hp, const krv_entry_t *entryp, void *arg);
 
 /**
- * Visits the functions and variables (KRV_NAMED_*) whose DW_AT_name or DW_AT_linkage_name is @p name, in section order.
- * The first call walks all units, and keeps what it found, in some 16 bytes a name.
+ * Visits the functions and variables (KRV_NAMED_*) whose DW_AT_name or DW_AT_linkage_name is @p name, in section order. Units
+ * are walked for it, each once, and what was found is kept, in some 16 bytes a name.
+ *
+ * All units are walked, unless the file has an index that lists every function by both of its names: .debug_names
+ * (KRV_SEC_EXT_NAMES) as LLVM's compilers and linkers write it. Then, for functions alone, only the units are that it
+ * names, and those that it does not speak of. With KRV_NAMED_INDEXED other producers' .debug_names,
+ * .gdb_index (KRV_SEC_EXT_GDB_INDEX), .debug_gnu_pubnames (KRV_SEC_EXT_GNU_PUBNAMES) and .debug_pubnames serve as well: of
+ * the units that they speak of only those are walked that they name. What they leave out is then not visited: linkage names,
+ * functions within functions, in .debug_pubnames what is static; and where nothing is found all units are walked.
+ * Whatever an index lists is read in its unit. One that is damaged, or lists what is not there, is
+ * noted and not used.
+ *
+ * Returns 0, @p fn's result, or -1: those of korva_entry_first; KRV_ERR_NOMEM. Units that cannot be read are noted.
  */
 KORVA_API int korva_iter_named_entries(krv_handle_t *hp, const char *name, unsigned int flags, krv_iter_entry_f *fn,
                                        void *arg);

@@ -52,15 +52,18 @@ enum {
 
 /** Sections of extensions, for korva_attach_section, once KRV_OPT_EXT_DWARF5 or KRV_OPT_EXT_AS_WRITTEN is on. */
 enum {
-    KRV_SEC_EXT_LINE_STR = 0x1000,    /**< .debug_line_str */
-    KRV_SEC_EXT_STR_OFFSETS = 0x1001, /**< .debug_str_offsets */
-    KRV_SEC_EXT_ADDR = 0x1002,        /**< .debug_addr */
-    KRV_SEC_EXT_RNGLISTS = 0x1003,    /**< .debug_rnglists */
-    KRV_SEC_EXT_LOCLISTS = 0x1004,    /**< .debug_loclists */
-    KRV_SEC_EXT_RANGES = 0x1005,      /**< .debug_ranges */
-    KRV_SEC_EXT_ALT_INFO = 0x1006,    /**< .debug_info of the alternate (supplementary) file */
-    KRV_SEC_EXT_ALT_STR = 0x1007,     /**< .debug_str of that file */
-    KRV_SEC_EXT_ALT_ABBREV = 0x1008,  /**< .debug_abbrev of that file: for its entries */
+    KRV_SEC_EXT_LINE_STR = 0x1000,     /**< .debug_line_str */
+    KRV_SEC_EXT_STR_OFFSETS = 0x1001,  /**< .debug_str_offsets */
+    KRV_SEC_EXT_ADDR = 0x1002,         /**< .debug_addr */
+    KRV_SEC_EXT_RNGLISTS = 0x1003,     /**< .debug_rnglists */
+    KRV_SEC_EXT_LOCLISTS = 0x1004,     /**< .debug_loclists */
+    KRV_SEC_EXT_RANGES = 0x1005,       /**< .debug_ranges */
+    KRV_SEC_EXT_ALT_INFO = 0x1006,     /**< .debug_info of the alternate (supplementary) file */
+    KRV_SEC_EXT_ALT_STR = 0x1007,      /**< .debug_str of that file */
+    KRV_SEC_EXT_ALT_ABBREV = 0x1008,   /**< .debug_abbrev of that file: for its entries */
+    KRV_SEC_EXT_NAMES = 0x1009,        /**< .debug_names */
+    KRV_SEC_EXT_GDB_INDEX = 0x100a,    /**< .gdb_index */
+    KRV_SEC_EXT_GNU_PUBNAMES = 0x100b, /**< .debug_gnu_pubnames */
 };
 
 /** As korva_lookup_section_index, of the sections of extensions; those of the alternate file have no name of their own. */

@@ -176,10 +176,7 @@ void symbolizer::place_caller(const krv_call_t &call, krv_elf_frame_t *caller)
 {
     krv_lnfe_t *file = nullptr;
     char *path = nullptr;
-    krv_attr_t number;
-    // In DWARF 5 the unit's own file may be number 0, which is what stands here too when the call names none.
-    const bool has_file = call.call_file != 0 || korva_entry_get_attr(hp, &call.entry, DW_AT_call_file, &number) == 0;
-    if (has_file && korva_cu_get_file(hp, call.entry.unit, call.call_file, &file) == 0 &&
+    if (call.call_unit != nullptr && korva_cu_get_file(hp, call.call_unit, call.call_file, &file) == 0 &&
         korva_get_fields(hp, KRV_STRUCT_LNFE, file, 1, KRV_FIELD_LNFE_ABSOLUTE_PATH, &path) == 0 && path != nullptr)
         caller->file = path;
     else

@@ -20,7 +20,8 @@ constexpr size_t MOST_NOTES = 4096;
 bool is_seldom_read(krv_secidx_t index)
 {
     return index == KRV_SEC_FRAME || index == KRV_SEC_LOC || index == KRV_SEC_PUBNAMES || index == KRV_SEC_PUBTYPES ||
-           index == KRV_SEC_TYPES || index == KRV_SEC_EXT_LOCLISTS;
+           index == KRV_SEC_TYPES || index == KRV_SEC_EXT_LOCLISTS || index == KRV_SEC_EXT_NAMES ||
+           index == KRV_SEC_EXT_GNU_PUBNAMES;
 }
 
 // ".zdebug_x" is ".debug_x", compressed.

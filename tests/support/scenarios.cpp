@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "support/scenarios.h"
 
+#include "builders/indexes.h"
 #include "krv_fd.h"
 #include "krv_info.h"
 #include "krv_line.h"
@@ -173,6 +174,8 @@ static session make_calls()
     bytes dies = bytes().uleb(1).u64(0x400).u8(0x40).uleb(2).cstr("f").u64(0x400).u8(0x20);
     dies += bytes().uleb(3).u32(18).u64(0x408).u8(8) + bytes().uleb(4).u32(12).u64(0x40a).u8(2) + end;
     dies += bytes().uleb(8).cstr("v").u32(12) + end + end;
+    bytes strings;
+    const bytes index = name_index{.units = {other.size()}, .entries = {{"f", 0, 21}}}.build(&strings);
     return {
         .sections = {{KRV_SEC_ABBREV,
                       abbrevs(
@@ -182,6 +185,8 @@ static session make_calls()
                           "5 compile_unit+; 6 base_type name:string byte_size:data1; 7 subprogram name:string; "
                           "8 variable name:string type:ref_addr")},
                      {KRV_SEC_INFO, other + unit{.dies = dies}.build()},
+                     {KRV_SEC_EXT_NAMES, index},
+                     {KRV_SEC_STR, strings},
                      {KRV_SEC_EXT_ALT_ABBREV, abbrevs("1 partial_unit+; 2 subprogram name:string")},
                      {KRV_SEC_EXT_ALT_INFO, alternate}},
         .extended = true,

@@ -113,6 +113,8 @@ CONFIGURATIONS = {
            ('types-4', ['-gdwarf-4', '-fdebug-types-section'], 'version4', ('g++',)),
            ('split', ['-g', '-O1', '-gsplit-dwarf'], 'skeleton', ('gcc', 'clang++')),
            ('split-4', ['-gdwarf-4', '-O1', '-gsplit-dwarf'], 'skeleton', ('gcc', 'clang')),
+           ('names', ['-gdwarf-5', '-gpubnames', '-O1', '-fuse-ld=lld'], 'names', ('clang++',)),
+           ('gdb-index', ['-gdwarf-4', '-ggnu-pubnames', '-fuse-ld=lld', '-Wl,--gdb-index'], 'gdb-index', ('g++',)),
            # Functions that nobody calls are dropped.
            ('gc', ['-g', '-ffunction-sections', '-Wl,--gc-sections', '-O0'], 'dropped', ('g++', 'clang++')),
            ('gc-4', ['-gdwarf-4', '-ffunction-sections', '-Wl,--gc-sections', '-O0'], 'dropped', ('g++', 'clang++')))
@@ -137,6 +139,8 @@ CONFIGURATIONS = {
 PROOFS = {
     '32-bit': lambda facts: 'ELF32' in facts.headers,
     'dwarf64': lambda facts: all(unit['dwarf64'] for unit in facts.units),
+    'names': lambda facts: '.debug_names' in facts.headers,
+    'gdb-index': lambda facts: '.gdb_index' in facts.headers,
     'compressed': lambda facts: re.search(r'\.debug_line .* MSC|\.debug_line .* C ', facts.headers),
     'zdebug': lambda facts: '.zdebug_line' in facts.headers,
     'zlib': lambda facts: re.search(r'\.zdebug_line|\.debug_line .* C ', facts.headers),
@@ -274,6 +278,19 @@ def compare_functions(korva, program, symbols):
                 fail(f'funcs: {function}, symbols: {names}')
     if not functions:
         fail('funcs: none')
+    compare_named(korva, program, functions)
+
+
+def compare_named(korva, program, functions):
+    """What the file's own indexes list is what a walk of all entries finds, which knows nothing of them."""
+    asked = collections.defaultdict(list)
+    for function in functions:
+        for name in {function['name'], function['linkage_name']} - {None}:
+            asked[name].append(function)
+    for name in random.Random(1).sample(sorted(asked), min(len(asked), 12)):
+        for flags in ((), ('--indexed',)):
+            answers = answer_of(korva, 'funcs', '--format=jsonl', *flags, program, name).splitlines()
+            expect_equal(f'functions {name} {flags}', [json.loads(line) for line in answers], asked[name])
 
 
 # --- lines ----------------------------------------------------------------------------------------------------

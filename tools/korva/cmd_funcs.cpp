@@ -27,6 +27,7 @@ struct funcs_options : common_options {
     std::string name;
     bool demangle = false;
     bool basenames = false;
+    bool indexed = false;
 };
 
 /** Prints functions, and counts them. */
@@ -90,7 +91,7 @@ bool function_printer::print(const entry &e)
     if (!known)
         return refuse(e, known.error());
     std::string_view path;
-    if (known->decl_unit != nullptr && known->decl_file != 0) {
+    if (known->decl_unit != nullptr) {
         const handle_view handle = m_object->handle();
         const auto declared = file_of(handle, unit(handle.get(), known->decl_unit), known->decl_file);
         if (declared)
@@ -157,11 +158,12 @@ static bool print_unit_functions(object *obj, unit_record &u, function_printer &
 }
 
 // The functions of a name. False: not all is known of them, which has been told.
-static bool print_named(object *obj, const std::string &name, function_printer &printer)
+static bool print_named(object *obj, const std::string &name, bool indexed, function_printer &printer)
 {
     bool is_complete = true;
     visitor print([&](const entry &e) { is_complete = printer.print(e) && is_complete; });
-    const auto found = each_named_entry(obj->handle(), name.c_str(), KRV_NAMED_FUNCTIONS, print);
+    const unsigned int flags = KRV_NAMED_FUNCTIONS | (indexed ? KRV_NAMED_INDEXED : 0U);
+    const auto found = each_named_entry(obj->handle(), name.c_str(), flags, print);
     print.rethrow();
     if (!found)
         throw failure(fmt::format("{}: functions by name: {}", obj->path(), found.error().text()));
@@ -182,7 +184,7 @@ static int run_funcs(const funcs_options &options)
     answers out(options.format);
     function_printer printer(options, &obj, &out);
     if (!options.name.empty()) {
-        if (!print_named(&obj, options.name, printer))
+        if (!print_named(&obj, options.name, options.indexed, printer))
             done.missed();
     } else {
         const progress shown(fmt::format("{}: functions", obj.path()), units.size(), progress::mode::answering);
@@ -205,6 +207,7 @@ void add_funcs(CLI::App &app, int *status)
     verb->add_option("NAME", options->name, "Only functions of this name, or this linkage name");
     verb->add_flag("-C,--demangle", options->demangle, "Show names of C++, Rust and D as these write them");
     verb->add_flag("-s,--basenames", options->basenames, "Show file names without folders");
+    verb->add_flag("--indexed", options->indexed, "What an index of names in the file lists of NAME is enough");
     add_common_options(verb, options.get(),
                        {{"text", output_format::text}, {"json", output_format::json}, {"jsonl", output_format::jsonl}});
     verb->footer(
