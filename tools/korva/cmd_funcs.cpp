@@ -162,7 +162,9 @@ static bool print_named(object *obj, const std::string &name, bool indexed, func
 {
     bool is_complete = true;
     visitor print([&](const entry &e) { is_complete = printer.print(e) && is_complete; });
-    const unsigned int flags = KRV_NAMED_FUNCTIONS | (indexed ? KRV_NAMED_INDEXED : 0U);
+    unsigned int flags = KRV_NAMED_FUNCTIONS;
+    if (indexed)
+        flags |= KRV_NAMED_INDEXED;
     const auto found = each_named_entry(obj->handle(), name.c_str(), flags, print);
     print.rethrow();
     if (!found)
