@@ -246,6 +246,14 @@ static krv_ctu_t *keep_empty_unit(krv_handle_t *hp, const krv_ctu_t *cu)
     return kept->dcu_compile_unit == nullptr ? nullptr : kept.release();
 }
 
+// Units stand far apart, and the next one is wanted soon: its header is fetched while this one's entry is read.
+static void prefetch_unit(const krv_fd_t *fdp, uint64_t offset)
+{
+    constexpr uint64_t LINE = 64;
+    for (uint64_t at = offset; !krv_fd_is_cb(fdp) && at < fdp->sfd_size && at - offset < 2 * LINE; at += LINE)
+        __builtin_prefetch(fdp->sfd_u.buf + at);
+}
+
 krv_ctu_t *krv_cu_alloc(krv_handle_t *hp, krv_secidx_t sec, uint64_t offset, const krv_ctu_t *before)
 {
     KRV_ASSERT(hp != NULL);
@@ -256,6 +264,7 @@ krv_ctu_t *krv_cu_alloc(krv_handle_t *hp, krv_secidx_t sec, uint64_t offset, con
     std::unique_ptr<krv_die_t, krv_die_deleter> die;
     krv_ctu_t *kept = nullptr;
     if (krv_info_hdr_read(hp, &cu, sec, offset) == 0) {
+        prefetch_unit(krv_section(hp, sec), krv_add_offset(offset, cu.dcu_size));
         // The header was read into it. NOLINTNEXTLINE(clang-analyzer-core.UndefinedBinaryOperatorResult)
         if (cu.dcu_kind != 0) {
             cu.dcu_compile_unit = krv_alloc_first_die(hp, &cu, &single);

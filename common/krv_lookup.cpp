@@ -262,6 +262,8 @@ namespace
 struct written_ranges {
     krv_lcpc_t list = {};
     uint64_t left = 0;    // bytes of range lists that may still be read for units
+    size_t of_sets = 0;   // ranges at the front of the list: those that sets have
+    size_t latest = 0;    // the one of them that the latest range of the entry lay in
     uint64_t dead = 0;    // ranges that were left out
     bool refused = false; // a call-back asked
 };
@@ -277,6 +279,18 @@ static uint64_t most_list_bytes(krv_handle_t *hp)
     return size > UINT64_MAX / MOST_READINGS ? UINT64_MAX : MOST_READINGS * size;
 }
 
+// Whether a set has the range, as part of one: compilers write both in one order. What is not seen is there twice.
+static bool is_known(written_ranges *of, uint64_t start, uint64_t end)
+{
+    const auto covers = [=](size_t i) {
+        const uint64_t *const pairs = of->list.slpc_aranges;
+        return i < of->of_sets && pairs[2 * i] <= start && end <= pairs[2 * i + 1];
+    };
+    if (!covers(of->latest) && covers(of->latest + 1))
+        ++of->latest;
+    return covers(of->latest);
+}
+
 // Appends the ranges of an entry. 1, 0 when it has none, or -1.
 static int append_entry_ranges(krv_handle_t *hp, const krv_ctu_t *cu, const krv_die_t *die, written_ranges *of)
 {
@@ -288,7 +302,7 @@ static int append_entry_ranges(krv_handle_t *hp, const krv_ctu_t *cu, const krv_
     uint64_t start, end;
     int next;
     while ((next = krv_ranges_next(&ranges, &start, &end)) == 1)
-        if (krv_lookup_insert_arange_entry(hp, start, end, &of->list) != 0)
+        if (!is_known(of, start, end) && krv_lookup_insert_arange_entry(hp, start, end, &of->list) != 0)
             return -1;
     of->dead += ranges.sr_dead;
     return next == 0 ? 1 : -1;
@@ -323,6 +337,7 @@ static int append_unit_ranges(krv_handle_t *hp, krv_ctu_t *cu, krv_lookup_flag_t
         });
         if (result != 1)
             return result;
+        of->of_sets = of->list.slpc_aranges_entries;
     }
     const int own = append_entry_ranges(hp, cu, cu->dcu_compile_unit, of);
     if (own != 0)

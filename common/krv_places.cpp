@@ -114,23 +114,32 @@ bool walk::answer(uint64_t addr, krv_ctu_t **unitp, krv_row_t *rowp)
     return true;
 }
 
-// The numbers of the addresses in ascending order. False: KRV_ERR_NOMEM.
-static bool walk_sorted(walk *w, const uint64_t *addrs, size_t count, krv_ctu_t **units, krv_row_t *rows)
+// False: the walk ended, or KRV_ERR_NOMEM. T: what has room for distances from the lowest address, and for numbers.
+template <typename T>
+static bool walk_sorted(walk *w, const uint64_t *addrs, size_t count, uint64_t lowest, krv_ctu_t **units,
+                        krv_row_t *rows)
 {
-    if (count > SIZE_MAX / (2 * sizeof(krv_numbered_address))) {
-        w->hp->sh_errno = KRV_ERR_NOMEM;
-        return false;
-    }
-    const krv_owner<krv_numbered_address> room(
-        static_cast<krv_numbered_address *>(krv_alloc(w->hp, 2 * count * sizeof(krv_numbered_address))));
+    const krv_owner<krv_numbered<T>> room(
+        static_cast<krv_numbered<T> *>(krv_alloc(w->hp, 2 * count * sizeof(krv_numbered<T>))));
     if (room == nullptr)
         return false;
     for (size_t i = 0; i < count; ++i)
-        room.get()[i] = {addrs[i] - w->bias, i};
-    const krv_numbered_address *sorted = krv_radix_sort(room.get(), room.get() + count, count);
-    return std::all_of(sorted, sorted + count, [=](const krv_numbered_address &a) {
+        room.get()[i] = {static_cast<T>(addrs[i] - lowest), static_cast<T>(i)};
+    const krv_numbered<T> *sorted = krv_radix_sort(room.get(), room.get() + count, count);
+    return std::all_of(sorted, sorted + count, [=](const krv_numbered<T> &a) {
         return w->answer(addrs[a.number], units == nullptr ? nullptr : &units[a.number], &rows[a.number]);
     });
+}
+
+static bool walk_any(walk *w, const uint64_t *addrs, size_t count, krv_ctu_t **units, krv_row_t *rows)
+{
+    if (count > SIZE_MAX / (2 * sizeof(krv_numbered<uint64_t>))) {
+        w->hp->sh_errno = KRV_ERR_NOMEM;
+        return false;
+    }
+    const auto [lowest, highest] = std::minmax_element(addrs, addrs + count);
+    const bool is_small = count <= UINT32_MAX && *highest - *lowest <= UINT32_MAX;
+    return (is_small ? walk_sorted<uint32_t> : walk_sorted<uint64_t>)(w, addrs, count, *lowest, units, rows);
 }
 
 int korva_lookup_rows(krv_handle_t *hp, const uint64_t *addrs, size_t count, krv_lookup_flag_t flags, krv_ctu_t **units,
@@ -144,7 +153,7 @@ int korva_lookup_rows(krv_handle_t *hp, const uint64_t *addrs, size_t count, krv
     constexpr size_t FEW = 16; // that are not worth being sorted
     walk w{.hp = hp, .flags = flags, .bias = krv_line_bias(hp)};
     if (count > FEW && !std::is_sorted(addrs, addrs + count))
-        return walk_sorted(&w, addrs, count, units, rows) ? 0 : -1;
+        return walk_any(&w, addrs, count, units, rows) ? 0 : -1;
     for (size_t i = 0; i < count; ++i)
         if (!w.answer(addrs[i], units == nullptr ? nullptr : &units[i], &rows[i]))
             return -1;

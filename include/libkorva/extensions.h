@@ -236,8 +236,8 @@ KORVA_API const char *korva_lnfe_path(krv_handle_t *hp, krv_lnfe_t *lnfep, boole
  * a row, also where the unit's line numbers cannot be read, number is KRV_ROW_NONE and everything else 0. All three are
  * arrays of @p count. Addresses are as korva_lookup_row takes them; the order is the caller's, and several may be the same.
  *
- * Addresses that ascend are answered by one walk over the rows; others are sorted for it first, in 32 bytes of memory an
- * address that are freed before the call returns. One at a time is faster than by the two functions, too. Other threads may
+ * Addresses that ascend are answered by one walk over the rows; others are sorted for it first, in 16 bytes of memory an
+ * address (32 beyond 4 GiB of addresses) that are freed before the call returns. One at a time is faster than by the two functions, too. Other threads may
  * ask at the same time.
  *
  * Errors, and then what is stored is not defined: KRV_ERR_INVALID for a NULL argument; KRV_ERR_NOMEM; KRV_ERR_IO where a
