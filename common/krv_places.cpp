@@ -127,7 +127,7 @@ static bool walk_sorted(walk *w, const uint64_t *addrs, size_t count, uint64_t l
         room.get()[i] = {static_cast<T>(addrs[i] - lowest), static_cast<T>(i)};
     const krv_numbered<T> *sorted = krv_radix_sort(room.get(), room.get() + count, count);
     return std::all_of(sorted, sorted + count, [=](const krv_numbered<T> &a) {
-        return w->answer(addrs[a.number], units == nullptr ? nullptr : &units[a.number], &rows[a.number]);
+        return w->answer(lowest + a.distance, units == nullptr ? nullptr : &units[a.number], &rows[a.number]);
     });
 }
 
