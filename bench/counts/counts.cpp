@@ -8,10 +8,12 @@
 #include "krv_line.h"
 #include "krv_unwind.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <valgrind/callgrind.h>
+#include <vector>
 
 using namespace krv_test;
 
@@ -141,6 +143,22 @@ static void rows(unsigned count, const input &in)
     check(krv_line_get_matrix(h, header) != nullptr, "rows");
     measure_end("rows", count, count, in);
     krv_lnph_free(header);
+
+    const bytes root = bytes().uleb(1).u32(0).u64(0x400).u32(48 * count);
+    h.attach(KRV_SEC_ABBREV, abbrevs("1 compile_unit stmt_list:sec_offset low_pc:addr high_pc:data4"));
+    h.attach(KRV_SEC_INFO, unit{.version = in.version, .kind = in.unit_kind(), .dies = root}.build());
+    std::vector<uint64_t> addresses(LOOKUPS);
+    std::generate(addresses.begin(), addresses.end(),
+                  [count, seed = uint64_t{1}]() mutable { return 0x400 + next_number(&seed) % (40 * count); });
+    std::vector<krv_row_t> found(LOOKUPS);
+    check(korva_lookup_rows(h, addresses.data(), 1, 0, nullptr, found.data()) == 0, "first place");
+    measure_begin();
+    for (const uint64_t address : addresses)
+        check(korva_lookup_rows(h, &address, 1, 0, nullptr, found.data()) == 0, "place");
+    measure_end("place", count, LOOKUPS, in);
+    measure_begin();
+    check(korva_lookup_rows(h, addresses.data(), LOOKUPS, 0, nullptr, found.data()) == 0, "places");
+    measure_end("places", count, LOOKUPS, in);
 }
 
 // ---------------------------------------------------------------------------------------------------------------
