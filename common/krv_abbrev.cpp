@@ -475,6 +475,7 @@ static krv_au_t *make_unit(table_builder *t)
            t->pairs.size,
            nullptr,
            t->offset,
+           0,
            {}};
     return in_order || sort_codes(t->hp, au.get()) == 0 ? au.release() : nullptr;
 }
@@ -516,12 +517,12 @@ void krv_abbrev_unit_free(krv_au_t *au)
     krv_free(au);
 }
 
-static krv_hash_t *get_auphash(krv_handle_t *hp)
+static krv_hash_t *get_hash(krv_handle_t *hp, krv_hash_t **slot)
 {
-    if (krv_hash_t *hash = krv_load(&hp->sh_auphash))
+    if (krv_hash_t *hash = krv_load(slot))
         return hash;
     krv_hash_t *fresh = krv_hash_create(hp, 0, KRV_HASH_UINT64);
-    return fresh == nullptr ? nullptr : krv_publish(&hp->sh_auphash, fresh, krv_hash_destroy);
+    return fresh == nullptr ? nullptr : krv_publish(slot, fresh, krv_hash_destroy);
 }
 
 // Checks a table, or, when `wanted_only`, reads it up to the abbreviation with the code. *where stops behind it, or where it
@@ -611,20 +612,83 @@ static bool may_keep(krv_handle_t *hp, krv_offset_t offset, uint64_t end, krv_se
     return true;
 }
 
+// ---------------------------------------------------------------------------------------------------------------
+// Compilers write the same table for many units.
+// ---------------------------------------------------------------------------------------------------------------
+
+// Bytes of a table that is in memory and regular; 0: it is not, or too many were read for this already.
+static uint64_t sound_size(krv_handle_t *hp, krv_offset_t offset)
+{
+    constexpr uint64_t MOST_READINGS = 4; // of a byte, on the average
+    const krv_fd_t *fdp = &hp->sh_sec[KRV_SEC_ABBREV];
+    if (krv_fd_is_cb(fdp) || offset >= fdp->sfd_size || hp->sh_abbrev_compared / MOST_READINGS > fdp->sfd_size)
+        return 0;
+    const uint8_t *const begin = fdp->sfd_u.buf + offset, *at = begin;
+    krv_single_abbrev_t first;
+    const auto check = hp->sh_ext == 0 ? check_abbrevs<base_forms> : check_abbrevs<extended_forms>;
+    const bool is_sound = check(&at, fdp->sfd_u.buf + fdp->sfd_size, 1, false, &first);
+    const auto size = static_cast<uint64_t>(at - begin);
+    hp->sh_abbrev_compared = hp->sh_abbrev_compared + size;
+    return is_sound ? size : 0;
+}
+
+static uint64_t digest(const uint8_t *at, uint64_t size)
+{
+    uint64_t sum = size;
+    for (uint64_t word; size >= sizeof(word); at += sizeof(word), size -= sizeof(word)) {
+        std::memcpy(&word, at, sizeof(word));
+        sum = (sum ^ word) * 0x9e3779b97f4a7c15;
+        sum ^= sum >> 32;
+    }
+    uint64_t rest = 0;
+    std::memcpy(&rest, at, size);
+    return (sum ^ rest) * 0x9e3779b97f4a7c15;
+}
+
+// A table with the same bytes, or NULL; *size are those of the table, and *key is what it is found by.
+static krv_au_t *find_same(krv_handle_t *hp, krv_offset_t offset, uint64_t *size, krv_hash_key_t *key)
+{
+    *size = sound_size(hp, offset);
+    if (*size == 0)
+        return nullptr;
+    const uint8_t *section = hp->sh_sec[KRV_SEC_ABBREV].sfd_u.buf;
+    key->dwhk_u = digest(section + offset, *size);
+    krv_hash_t *hash = krv_load(&hp->sh_au_same);
+    auto *au = hash == nullptr ? nullptr : static_cast<krv_au_t *>(krv_hash_lookup(hp, hash, key));
+    const bool is_same =
+        au != nullptr && au->sau_size == *size && std::memcmp(section + au->sau_offset, section + offset, *size) == 0;
+    if (is_same)
+        krv_clear_error(hp);
+    return is_same ? au : nullptr;
+}
+
+// Where memory does not suffice, others have tables of their own.
+static void offer(krv_handle_t *hp, krv_au_t *au, uint64_t key)
+{
+    const krv_hash_key_t digested = {.dwhk_u = key};
+    if (krv_hash_t *hash = get_hash(hp, &hp->sh_au_same))
+        krv_hash_insert(hp, hash, &digested, au);
+    krv_clear_error(hp);
+}
+
 krv_au_t *krv_get_au_by_offset(krv_handle_t *hp, krv_offset_t offset, krv_secidx_t sec)
 {
     KRV_ASSERT(hp != NULL);
-    krv_hash_t *hash = get_auphash(hp);
+    krv_hash_t *hash = get_hash(hp, &hp->sh_auphash);
     if (hash == nullptr)
         return nullptr;
     // Those of both files share a cache; no section in memory has an offset with the highest bit.
     const krv_hash_key_t key = {.dwhk_u = sec == KRV_SEC_ABBREV ? offset : offset | uint64_t{1} << 63};
     if (void *cached = krv_hash_lookup(hp, hash, &key))
         return static_cast<krv_au_t *>(cached);
-    uint64_t end = 0;
+    uint64_t end = 0, size = 0;
+    krv_hash_key_t same = {};
+    if (krv_au_t *au = sec == KRV_SEC_ABBREV ? find_same(hp, offset, &size, &same) : nullptr)
+        return au;
     krv_au_t *fresh = krv_abbrev_unit_alloc(hp, offset, sec, &end);
     if (fresh == nullptr)
         return nullptr;
+    fresh->sau_size = size;
     if (!may_keep(hp, offset, end, sec)) {
         krv_abbrev_unit_free(fresh);
         return nullptr;
@@ -632,6 +696,8 @@ krv_au_t *krv_get_au_by_offset(krv_handle_t *hp, krv_offset_t offset, krv_secidx
     auto *stored = static_cast<krv_au_t *>(krv_hash_insert(hp, hash, &key, fresh));
     if (stored != fresh)
         krv_abbrev_unit_free(fresh);
+    else if (size != 0)
+        offer(hp, fresh, same.dwhk_u);
     return stored;
 }
 
@@ -653,12 +719,21 @@ krv_abbrev_t *krv_get_abbrev(krv_handle_t *hp, krv_au_t *au, unsigned int code)
     return nullptr;
 }
 
+// What stands at their offsets is about to change.
+static void forget_same(krv_handle_t *hp)
+{
+    if (hp->sh_au_same != nullptr)
+        krv_hash_destroy(hp->sh_au_same);
+    hp->sh_au_same = nullptr;
+}
+
 int krv_abbrev_forget_checks(krv_handle_t *hp)
 {
     if (hp->sh_abbrev_checked_end != 0 && hp->sh_abbrev_checked != NONE &&
         krv_get_au_by_offset(hp, hp->sh_abbrev_checked) == nullptr && hp->sh_errno == KRV_ERR_NOMEM)
         return -1;
     hp->sh_abbrev_checked_end = 0;
+    forget_same(hp);
     return 0;
 }
 
@@ -671,6 +746,7 @@ static int free_cached(void *value)
 void krv_abbrev_destroy_caches(krv_handle_t *hp)
 {
     KRV_ASSERT(hp != NULL);
+    forget_same(hp);
     if (hp->sh_auphash == nullptr)
         return;
     krv_hash_iter(hp->sh_auphash, free_cached);

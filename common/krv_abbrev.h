@@ -45,7 +45,8 @@ struct krv_au_t {
     krv_afpair_t *sau_afpair_table; // the pairs of all abbreviations, back to back
     uint64_t sau_afpair_table_entries;
     uint32_t *sau_by_code;   // owned: indices by ascending code; NULL when the codes are 1, 2, 3, ... in section order
-    krv_offset_t sau_offset; // in .debug_abbrev
+    krv_offset_t sau_offset; // in .debug_abbrev, of the first of those that have the same bytes
+    uint64_t sau_size;       // bytes there; 0 unless others may share it
     krv_plan *sau_plans[4];  // owned: krv_cu_plan; NULL until entries are walked
 };
 
@@ -75,8 +76,8 @@ bool krv_abbrev_check_table(krv_handle_t *hp, krv_offset_t offset, uint64_t code
 // with KRV_ERR_NOMEM.
 int krv_abbrev_forget_checks(krv_handle_t *hp);
 
-// The table at `offset`, parsed and cached on first use; it lives until the handle is freed. NULL on failure. `sec`: or
-// KRV_SEC_EXT_ALT_ABBREV.
+// The table at `offset`, parsed and cached on first use; it lives until the handle is freed. Those of the same bytes are
+// one. NULL on failure. `sec`: or KRV_SEC_EXT_ALT_ABBREV.
 krv_au_t *krv_get_au_by_offset(krv_handle_t *hp, krv_offset_t offset, krv_secidx_t sec = KRV_SEC_ABBREV);
 
 // Compilers number abbreviations from 1 on. Then the code is the way into the table. NULL: it is not.

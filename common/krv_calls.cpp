@@ -123,7 +123,7 @@ static void tell_of_rest(krv_handle_t *hp, const krv_ctu_t *cu)
 
 static bool is_inlined_with_code(const krv_planned_t *planned)
 {
-    return planned->abbrev->dwa_tag == DW_TAG_inlined_subroutine && planned->has_code();
+    return planned->tag == DW_TAG_inlined_subroutine && planned->has_code();
 }
 
 // Adds a function, or notes of the one around it that it has inlined calls. *innermost is the function that was met last.
@@ -165,8 +165,8 @@ static krv_calls *collect_functions(krv_handle_t *hp, const krv_place_t &place, 
     const int walked = krv_entry_walk(
         hp, place, first,
         [](const krv_planned_t *planned) {
-            return planned->has_code() && (planned->abbrev->dwa_tag == DW_TAG_subprogram ||
-                                           planned->abbrev->dwa_tag == DW_TAG_inlined_subroutine);
+            return planned->has_code() && (planned->tag == DW_TAG_subprogram ||
+                                           planned->tag == DW_TAG_inlined_subroutine);
         },
         [&](const krv_entry_t &entry, uint32_t level) {
             return add_function(hp, place, entry, level, calls.get(), &innermost, &ranges) ? krv_step::next
@@ -271,7 +271,7 @@ static inlined_calls *collect_inlined(krv_handle_t *hp, const krv_place_t &place
     const int walked = krv_entry_walk(
         hp, place, of,
         [](const krv_planned_t *planned) {
-            return planned->abbrev->dwa_tag == DW_TAG_subprogram || is_inlined_with_code(planned);
+            return planned->tag == DW_TAG_subprogram || is_inlined_with_code(planned);
         },
         [&](const krv_entry_t &entry, uint32_t level) {
             if (entry.tag == DW_TAG_subprogram || entry.offset - of.offset > UINT32_MAX)
@@ -441,7 +441,7 @@ static int make_inlined(krv_handle_t *hp, krv_ctu_t *cu, const krv_plan *plan, u
     const krv_planned_t *planned = &plan->sp_planned[from.row];
     call->entry.unit = cu;
     call->entry.offset = entry;
-    call->entry.tag = planned->abbrev->dwa_tag;
+    call->entry.tag = planned->tag;
     call->entry.has_children = planned->has_children();
     call->entry.at = entry + from.code_size;
     call->entry.abbreviation = planned;

@@ -12,34 +12,20 @@ int krv_entry_refuse(krv_handle_t *hp, const krv_entry_t *entry, const char *wha
                     krv_section_name(entry->unit->dcu_section), what);
 }
 
-// All but the plan.
-static inline bool find_bytes(krv_handle_t *hp, const krv_ctu_t *cu, krv_place_t *place)
+bool krv_entry_refuse_place(krv_handle_t *hp, const krv_ctu_t *cu)
 {
-    const krv_fd_t *section = krv_section(hp, cu->dcu_section);
-    if (krv_fd_is_cb(section)) {
+    if (krv_fd_is_cb(krv_section(hp, cu->dcu_section)))
         krv_fail(hp, KRV_ERR_UNSUPPORTED, "entries are walked only where %s is in memory",
                  krv_section_name(cu->dcu_section));
-        return false;
-    }
-    if (!krv_extent_fits(section->sfd_size, cu->dcu_offset, 0, cu->dcu_size)) {
+    else
         krv_fail(hp, KRV_ERR_CORRUPT, "unit at offset 0x%lx leads out of %s",
                  static_cast<unsigned long>(cu->dcu_offset), krv_section_name(cu->dcu_section));
-        return false;
-    }
-    place->section = section->sfd_u.buf;
-    place->end = place->section + cu->dcu_offset + cu->dcu_size;
-    return true;
+    return false;
 }
 
 bool krv_entry_place(krv_handle_t *hp, krv_ctu_t *cu, krv_place_t *place)
 {
-    return find_bytes(hp, cu, place) && (place->plan = krv_cu_plan(hp, cu)) != nullptr;
-}
-
-bool krv_entry_place_of(krv_handle_t *hp, const krv_entry_t *entry, krv_place_t *place)
-{
-    place->plan = krv_entry_planned(entry)->plan;
-    return find_bytes(hp, entry->unit, place);
+    return krv_entry_find_bytes(hp, cu, place) && (place->plan = krv_cu_plan(hp, cu)) != nullptr;
 }
 
 // NULL: the abbreviation's messages are there already.
@@ -56,28 +42,28 @@ bool krv_entry_place_of(krv_handle_t *hp, const krv_entry_t *entry, krv_place_t 
     return krv_found::failed;
 }
 
-krv_found krv_entry_load(krv_handle_t *hp, krv_ctu_t *cu, const krv_place_t &place, uint64_t offset, krv_entry_t *entry,
-                         uint64_t *behind)
+// *behind is only set for a null entry.
+static inline krv_found load(krv_handle_t *hp, krv_ctu_t *cu, const krv_place_t &place, const uint8_t *head,
+                             uint32_t depth, krv_entry_t *entry, const uint8_t **behind)
 {
-    const uint8_t *at = place.at(offset);
-    if (at >= place.end)
+    if (head >= place.end)
         return krv_found::end;
     uint64_t code = 0;
-    at = krv_skip_number(at, place.end, &code);
+    const uint8_t *at = krv_skip_number(head, place.end, &code);
     if (at != nullptr && code == 0) {
-        *behind = place.offset_of(at);
+        *behind = at;
         return krv_found::null;
     }
     const krv_planned_t *planned = at == nullptr ? nullptr : krv_plan_find(hp, place.plan, code);
-    if (planned == nullptr || planned->flags == KRV_PLAN_TOO_MANY)
-        return refuse_head(hp, cu, offset,
+    if (planned == nullptr || (planned->flags & KRV_PLAN_TOO_MANY) != 0)
+        return refuse_head(hp, cu, place.offset_of(head),
                            at == nullptr        ? "is cut off"
                            : planned == nullptr ? nullptr
                                                 : "has too many attributes");
     *entry = {.unit = cu,
-              .offset = offset,
-              .tag = planned->abbrev->dwa_tag,
-              .depth = 0,
+              .offset = place.offset_of(head),
+              .tag = planned->tag,
+              .depth = depth,
               .has_children = planned->has_children(),
               .is_alternate = cu->dcu_section == KRV_SEC_EXT_ALT_INFO,
               .attrs_read = 0,
@@ -85,6 +71,12 @@ krv_found krv_entry_load(krv_handle_t *hp, krv_ctu_t *cu, const krv_place_t &pla
               .at = place.offset_of(at),
               .abbreviation = planned};
     return krv_found::entry;
+}
+
+krv_found krv_entry_load(krv_handle_t *hp, krv_ctu_t *cu, const krv_place_t &place, uint64_t offset, krv_entry_t *entry)
+{
+    const uint8_t *behind;
+    return load(hp, cu, place, place.at(offset), 0, entry, &behind);
 }
 
 void krv_entry_rewind(const krv_place_t &place, krv_entry_t *entry)
@@ -95,38 +87,31 @@ void krv_entry_rewind(const krv_place_t &place, krv_entry_t *entry)
     entry->implicit_read = 0;
 }
 
-// The offset behind an entry's values. False: KRV_ERR_CORRUPT.
-static inline bool find_end(krv_handle_t *hp, const krv_place_t &place, const krv_entry_t *entry, uint64_t *endp)
+// What follows an entry's values. NULL: KRV_ERR_CORRUPT.
+static inline const uint8_t *find_end(krv_handle_t *hp, const krv_place_t &place, const krv_entry_t *entry)
 {
     const krv_planned_t *planned = krv_entry_planned(entry);
-    const krv_abbrev_t *abbrev = planned->abbrev;
     const uint8_t *at = place.at(entry->at);
-    if (entry->attrs_read == planned->value_count) {
-        *endp = entry->at;
-        return true;
-    }
+    if (entry->attrs_read == planned->pair_count)
+        return at;
     if (entry->attrs_read == 0) {
         at = krv_plan_skip(planned, at, place.end, place.plan->sp_encoding);
     } else {
-        for (uint32_t i = entry->attrs_read; i < abbrev->dwa_nafpairs && at != nullptr; ++i)
-            at = krv_plan_skip_form(at, place.end, abbrev->dwa_afpairs[i].dwafp_form, place.plan->sp_encoding);
+        for (uint32_t i = entry->attrs_read; i < planned->pair_count && at != nullptr; ++i)
+            at = krv_plan_skip_form(at, place.end, planned->pairs[i].dwafp_form, place.plan->sp_encoding);
     }
-    if (at == nullptr) {
+    if (at == nullptr)
         krv_entry_refuse(hp, entry, "has values that are cut off or unknown");
-        return false;
-    }
-    *endp = place.offset_of(at);
-    return true;
+    return at;
 }
 
-// Moves to the entry at an offset, `depth` levels down, or to the first behind it that is none above.
-static inline int move_to(krv_handle_t *hp, const krv_place_t &place, krv_entry_t *entry, uint64_t offset,
+// Moves to the entry at a byte, `depth` levels down, or to the first behind it that is none above.
+static inline int move_to(krv_handle_t *hp, const krv_place_t &place, krv_entry_t *entry, const uint8_t *at,
                           uint32_t depth)
 {
     for (;;) {
-        switch (krv_entry_load(hp, entry->unit, place, offset, entry, &offset)) {
+        switch (load(hp, entry->unit, place, at, depth, entry, &at)) {
         case krv_found::entry:
-            entry->depth = depth;
             return 0;
         case krv_found::null:
             if (depth-- == 0)
@@ -140,14 +125,19 @@ static inline int move_to(krv_handle_t *hp, const krv_place_t &place, krv_entry_
     }
 }
 
-int krv_entry_next(krv_handle_t *hp, const krv_place_t &place, krv_entry_t *entry)
+static inline int move_on(krv_handle_t *hp, const krv_place_t &place, krv_entry_t *entry)
 {
-    uint64_t end = 0;
-    if (!find_end(hp, place, entry, &end))
+    const uint8_t *end = find_end(hp, place, entry);
+    if (end == nullptr)
         return -1;
     if (entry->depth == UINT32_MAX)
         return krv_entry_refuse(hp, entry, "is nested too deeply");
     return move_to(hp, place, entry, end, entry->depth + entry->has_children);
+}
+
+int krv_entry_next(krv_handle_t *hp, const krv_place_t &place, krv_entry_t *entry)
+{
+    return move_on(hp, place, entry);
 }
 
 // Where DW_AT_sibling leads: forward, within the unit. 1, 0 when the entry has none, or -1.
@@ -156,10 +146,11 @@ static int find_sibling_link(krv_handle_t *hp, const krv_place_t &place, const k
     krv_attr_t attr;
     if (korva_entry_get_attr(hp, entry, DW_AT_sibling, &attr) != 0)
         return hp->sh_errno == KRV_ERR_NOTFOUND ? 0 : -1;
-    uint64_t end = 0;
-    if (!find_end(hp, place, entry, &end))
+    const uint8_t *end = find_end(hp, place, entry);
+    if (end == nullptr)
         return -1;
-    if (attr.kind != KRV_ATTR_REFERENCE || attr.number < end || attr.number >= place.offset_of(place.end))
+    if (attr.kind != KRV_ATTR_REFERENCE || attr.number < place.offset_of(end) ||
+        attr.number >= place.offset_of(place.end))
         return krv_entry_refuse(hp, entry, "has a sibling that does not lead forward");
     *offsetp = attr.number;
     return 1;
@@ -174,7 +165,7 @@ static int move_to_sibling(krv_handle_t *hp, const krv_place_t &place, krv_entry
         return -1;
     krv_entry_t next = *entry;
     if (linked == 1) {
-        if (move_to(hp, place, &next, offset, 0) != 0)
+        if (move_to(hp, place, &next, place.at(offset), 0) != 0)
             return -1;
         next.depth = depth;
     } else {
@@ -192,12 +183,11 @@ static int move_to_sibling(krv_handle_t *hp, const krv_place_t &place, krv_entry
 int krv_entry_load_at(krv_handle_t *hp, krv_ctu_t *cu, uint64_t offset, krv_entry_t *entry)
 {
     krv_place_t place;
-    uint64_t behind;
     if (cu->dcu_kind == 0)
         return krv_fail_code(hp, KRV_ERR_NOTFOUND);
     if (!krv_entry_place(hp, cu, &place))
         return -1;
-    const krv_found found = krv_entry_load(hp, cu, place, offset, entry, &behind);
+    const krv_found found = krv_entry_load(hp, cu, place, offset, entry);
     if (found == krv_found::null || found == krv_found::end)
         return krv_fail_code(hp, KRV_ERR_NOTFOUND);
     return found == krv_found::entry ? 0 : -1;
@@ -218,7 +208,7 @@ int korva_entry_first(krv_handle_t *hp, krv_ctu_t *cup, krv_entry_t *entryp)
 }
 
 // What all moves begin with. False: nothing is to be moved.
-static bool begin_move(krv_handle_t *hp, const krv_entry_t *entry, krv_place_t *place)
+static inline bool begin_move(krv_handle_t *hp, const krv_entry_t *entry, krv_place_t *place)
 {
     if (hp == nullptr)
         return false;
@@ -233,7 +223,7 @@ static bool begin_move(krv_handle_t *hp, const krv_entry_t *entry, krv_place_t *
 int korva_entry_next(krv_handle_t *hp, krv_entry_t *entryp)
 {
     krv_place_t place;
-    return begin_move(hp, entryp, &place) ? krv_entry_next(hp, place, entryp) : -1;
+    return begin_move(hp, entryp, &place) ? move_on(hp, place, entryp) : -1;
 }
 
 int korva_entry_child(krv_handle_t *hp, krv_entry_t *entryp)
@@ -245,8 +235,8 @@ int korva_entry_child(krv_handle_t *hp, krv_entry_t *entryp)
         return krv_fail_code(hp, KRV_ERR_NOTFOUND);
     krv_entry_t child = *entryp;
     child.depth = 0; // a null entry in its place ends the walk
-    uint64_t end = 0;
-    if (!find_end(hp, place, &child, &end) || move_to(hp, place, &child, end, 0) != 0)
+    const uint8_t *end = find_end(hp, place, &child);
+    if (end == nullptr || move_to(hp, place, &child, end, 0) != 0)
         return -1;
     child.depth = entryp->depth + 1;
     *entryp = child;
@@ -277,8 +267,9 @@ int korva_entry_get_ancestors(krv_handle_t *hp, const krv_entry_t *entryp, krv_e
         const int linked = at.has_children ? find_sibling_link(hp, place, &at, &sibling) : 0;
         if (linked == -1)
             return -1;
-        const int moved = linked == 1 && sibling <= entryp->offset ? move_to(hp, place, &at, sibling, at.depth)
-                                                                   : krv_entry_next(hp, place, &at);
+        const int moved = linked == 1 && sibling <= entryp->offset
+                              ? move_to(hp, place, &at, place.at(sibling), at.depth)
+                              : krv_entry_next(hp, place, &at);
         if (moved != 0)
             break;
     }

@@ -104,7 +104,7 @@ static bool read_text(reading *r)
 }
 
 // Reads what the form says, up to numbers that lead elsewhere.
-static bool read_form(reading *r, const krv_plan_value &value, int64_t implicit)
+static bool read_form(reading *r, const krv_value_row &value, int64_t implicit)
 {
     const bool is_alternate = r->entry->is_alternate != 0;
     switch (value.family) {
@@ -157,9 +157,11 @@ static bool resolve(const reading &r, krv_then then)
     krv_attr_t *attr = r.attr;
     switch (then) {
     case krv_then::nothing:
-    case krv_then::other:
-    case krv_then::is_set:
     case krv_then::find_string:
+    case krv_then::is_set:
+    case krv_then::small_block:
+    case krv_then::implicit:
+    case krv_then::other:
         attr->is_alternate = attr->kind == KRV_ATTR_REFERENCE && r.entry->is_alternate != 0;
         return true;
     case krv_then::string_index:
@@ -171,7 +173,7 @@ static bool resolve(const reading &r, krv_then then)
     case krv_then::loclist_index:
         return read_indexed(r, KRV_BASE_LOCLISTS);
     case krv_then::in_unit:
-    case krv_then::in_unit_by_leb128:
+    case krv_then::in_unit_by_wide_number:
         attr->number = krv_add_offset(attr->number, r.entry->unit->dcu_offset);
         attr->is_alternate = r.entry->is_alternate;
         return true;
@@ -182,19 +184,19 @@ static bool resolve(const reading &r, krv_then then)
     return false;
 }
 
-// Reads a value that is no plain number.
+// Reads a value of any kind.
 [[gnu::noinline]] static int read_other(krv_handle_t *hp, const krv_place_t &place, krv_entry_t *entry,
                                         krv_attr_t *attr)
 {
     const krv_planned_t *planned = krv_entry_planned(entry);
-    const krv_plan_value *value = &planned->values[entry->attrs_read];
-    krv_plan_value indirect;
+    const krv_afpair_t pair = planned->pairs[entry->attrs_read];
+    const krv_value_row *value = &place.plan->row(pair.dwafp_form);
     reading r{hp, place, entry, attr, place.at(entry->at)};
     *attr = {};
-    attr->attribute = value->attribute;
+    attr->attribute = pair.dwafp_attribute;
     int64_t implicit = 0;
     if (value->family == krv_family_t::implicit) {
-        implicit = planned->abbrev->dwa_implicit[entry->implicit_read++];
+        implicit = planned->abbrev()->dwa_implicit[entry->implicit_read++];
     } else if (value->family == krv_family_t::indirect) {
         krv_form_t form = 0;
         r.at = krv_plan_skip_indirect(r.at, place.end, place.plan->sp_encoding, &form);
@@ -202,8 +204,7 @@ static bool resolve(const reading &r, krv_then then)
             refuse(r, "is cut off, or of an unknown form");
             return -1;
         }
-        indirect = krv_plan_value_of(value->attribute, form, place.plan->sp_encoding);
-        value = &indirect;
+        value = &place.plan->row(form);
     }
     attr->form = value->written;
     attr->kind = value->kind;
@@ -227,51 +228,60 @@ static inline bool find_common_string(const krv_handle_t *hp, uint64_t offset, k
     return nul != nullptr;
 }
 
-// Reads what most values are, up to the first that is another, or cannot be read so: numbers, references within the unit,
-// flags without bytes, and strings of .debug_str. Returns how many.
-static size_t read_common(krv_handle_t *hp, const krv_place_t &place, krv_entry_t *entry, krv_attr_t *attrs,
-                          size_t room)
+// A block or an expression whose length takes a byte.
+static inline bool take_small_block(const krv_value_row &row, const uint8_t *at, const uint8_t *end, krv_attr_t *attr)
+{
+    attr->number = 0;
+    attr->size = *at;
+    attr->bytes = at + 1;
+    return attr->size <= static_cast<uint64_t>(end - at) - 1 && (attr->size < 0x80 || row.width == 1);
+}
+
+static_assert(offsetof(krv_attr_t, kind) - offsetof(krv_attr_t, form) == offsetof(krv_value_row, kind) &&
+              offsetof(krv_attr_t, is_signed) - offsetof(krv_attr_t, form) == offsetof(krv_value_row, is_signed));
+
+// Reads what most values are, up to the first that is another, or cannot be read so. Returns how many.
+static inline size_t read_common(krv_handle_t *hp, const krv_place_t &place, krv_entry_t *entry, krv_attr_t *attrs,
+                                 size_t room)
 {
     const krv_planned_t *planned = krv_entry_planned(entry);
-    const krv_plan_value *value = planned->values + entry->attrs_read;
-    const size_t left = planned->value_count - entry->attrs_read, most = left < room ? left : room;
-    const uint8_t *at = place.at(entry->at);
-    size_t count = 0;
-    for (; count < most && static_cast<uint64_t>(place.end - at) >= sizeof(uint64_t); ++count, ++value) {
+    const krv_value_row *const rows = place.plan->sp_rows;
+    const krv_form_t forms = place.plan->sp_encoding.forms;
+    const krv_afpair_t *pair = planned->pairs + entry->attrs_read;
+    const size_t left = planned->pair_count - entry->attrs_read, most = left < room ? left : room;
+    const uint64_t unit_offset = entry->unit->dcu_offset;
+    const uint8_t *at = place.at(entry->at), *const end = place.end;
+    krv_attr_t *attr = attrs, *const last = attrs + most;
+    for (; attr != last && static_cast<uint64_t>(end - at) >= sizeof(uint64_t); ++attr, ++pair) {
+        const krv_value_row &row = rows[pair->dwafp_form < forms ? pair->dwafp_form : 0];
         uint64_t number;
         std::memcpy(&number, at, sizeof(number));
-        number &= UINT64_MAX >> ((64 - 8 * value->width) & 63);
-        krv_attr_t *attr = attrs + count;
-        *attr = {.attribute = value->attribute,
-                 .form = value->written,
-                 .kind = value->kind,
-                 .is_signed = 0,
-                 .is_alternate = 0,
-                 .reserved = {},
-                 .number = number,
-                 .bytes = nullptr,
-                 .size = 0};
-        bool is_common = true;
-        switch (value->then) {
-        case krv_then::nothing:
-            break;
-        case krv_then::in_unit:
-            attr->number = krv_add_offset(number, entry->unit->dcu_offset);
-            break;
-        case krv_then::find_string:
-            is_common = find_common_string(hp, number, attr);
-            break;
-        case krv_then::is_set:
+        number &= UINT64_MAX >> row.unused;
+        attr->attribute = pair->dwafp_attribute;
+        std::memcpy(&attr->form, &row, sizeof(uint32_t)); // form, kind and is_signed
+        std::memset(&attr->is_alternate, 0, offsetof(krv_attr_t, number) - offsetof(krv_attr_t, is_alternate));
+        attr->number = number;
+        attr->bytes = nullptr;
+        attr->size = 0;
+        if (row.then == krv_then::nothing) {
+        } else if (row.then == krv_then::in_unit) {
+            attr->number = krv_add_offset(number, unit_offset);
+        } else if (row.then == krv_then::find_string) {
+            if (!find_common_string(hp, number, attr))
+                break;
+        } else if (row.then == krv_then::is_set) {
             attr->number = 1;
-            break;
-        default:
-            is_common = false;
+        } else if (row.then == krv_then::small_block) {
+            if (!take_small_block(row, at, end, attr))
+                break;
+            at = attr->bytes + attr->size;
+            continue;
+        } else {
             break;
         }
-        if (!is_common)
-            break;
-        at += value->width;
+        at += row.width;
     }
+    const auto count = static_cast<size_t>(attr - attrs);
     entry->attrs_read = static_cast<uint16_t>(entry->attrs_read + count);
     entry->at = place.offset_of(at);
     return count;
@@ -286,7 +296,7 @@ static inline int read_attr(krv_handle_t *hp, const krv_place_t &place, krv_entr
 
 int krv_entry_read_attr(krv_handle_t *hp, const krv_place_t &place, krv_entry_t *entry, krv_attr_t *attr)
 {
-    return entry->attrs_read < krv_entry_planned(entry)->value_count ? read_attr(hp, place, entry, attr) : 0;
+    return entry->attrs_read < krv_entry_planned(entry)->pair_count ? read_attr(hp, place, entry, attr) : 0;
 }
 
 int korva_entry_get_attrs(krv_handle_t *hp, krv_entry_t *entryp, krv_attr_t *attrs, size_t room, size_t *countp)
@@ -301,7 +311,7 @@ int korva_entry_get_attrs(krv_handle_t *hp, krv_entry_t *entryp, krv_attr_t *att
         return -1;
     if (entryp->attrs_read != 0)
         krv_entry_rewind(place, entryp);
-    const uint32_t count = krv_entry_planned(entryp)->value_count;
+    const uint32_t count = krv_entry_planned(entryp)->pair_count;
     *countp = count;
     const size_t most = count < room ? count : room;
     for (size_t i = 0; i < most;) {
@@ -331,11 +341,11 @@ int korva_entry_get_attr(krv_handle_t *hp, const krv_entry_t *entryp, uint32_t a
     if (entryp == nullptr || attrp == nullptr || entryp->unit == nullptr)
         return krv_fail_code(hp, KRV_ERR_INVALID);
     krv_clear_error(hp);
-    const krv_abbrev_t *abbrev = krv_entry_planned(entryp)->abbrev;
+    const krv_planned_t *planned = krv_entry_planned(entryp);
     uint32_t wanted = 0;
-    while (wanted < abbrev->dwa_nafpairs && abbrev->dwa_afpairs[wanted].dwafp_attribute != attribute)
+    while (wanted < planned->pair_count && planned->pairs[wanted].dwafp_attribute != attribute)
         ++wanted;
-    if (wanted == abbrev->dwa_nafpairs)
+    if (wanted == planned->pair_count)
         return krv_fail_code(hp, KRV_ERR_NOTFOUND);
     krv_place_t place;
     if (!krv_entry_place_of(hp, entryp, &place))
@@ -345,7 +355,7 @@ int korva_entry_get_attr(krv_handle_t *hp, const krv_entry_t *entryp, uint32_t a
         krv_entry_rewind(place, &entry);
     const uint8_t *at = place.at(entry.at);
     for (; entry.attrs_read < wanted && at != nullptr; ++entry.attrs_read) {
-        const krv_form_t form = abbrev->dwa_afpairs[entry.attrs_read].dwafp_form;
+        const krv_form_t form = planned->pairs[entry.attrs_read].dwafp_form;
         entry.implicit_read += form == KRV_EXT_DW_FORM_implicit_const;
         at = krv_plan_skip_form(at, place.end, form, place.plan->sp_encoding);
     }

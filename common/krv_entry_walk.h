@@ -35,12 +35,11 @@ int krv_entry_walk(krv_handle_t *hp, const krv_place_t &place, const krv_entry_t
             continue;
         }
         const krv_planned_t *planned = at == nullptr ? nullptr : krv_plan_find(hp, place.plan, code);
-        const uint8_t *end = planned == nullptr || planned->flags == KRV_PLAN_TOO_MANY
+        const uint8_t *end = planned == nullptr || (planned->flags & KRV_PLAN_TOO_MANY) != 0
                                  ? nullptr
                                  : krv_plan_skip(planned, at, place.end, encoding);
         if (end == nullptr || depth >= UINT32_MAX) { // read once more for what is wrong with it
-            uint64_t behind;
-            if (krv_entry_load(hp, top.unit, place, place.offset_of(head), &entry, &behind) == krv_found::entry)
+            if (krv_entry_load(hp, top.unit, place, place.offset_of(head), &entry) == krv_found::entry)
                 krv_entry_refuse(hp, &entry, "has values that are cut off or unknown");
             return -1;
         }
@@ -51,7 +50,7 @@ int krv_entry_walk(krv_handle_t *hp, const krv_place_t &place, const krv_entry_t
                 entry = {};
                 entry.unit = top.unit;
                 entry.offset = place.offset_of(head);
-                entry.tag = planned->abbrev->dwa_tag;
+                entry.tag = planned->tag;
                 entry.depth = static_cast<uint32_t>(depth);
                 entry.has_children = planned->has_children();
                 entry.is_alternate = top.is_alternate;

@@ -81,11 +81,11 @@ static bool add_name(krv_handle_t *hp, name_list *to, const char *name, unsigned
 
 static unsigned int kind_of(const krv_planned_t *planned)
 {
-    if (planned->abbrev->dwa_tag == DW_TAG_subprogram)
+    if (planned->tag == DW_TAG_subprogram)
         return KRV_NAMED_FUNCTIONS;
     const bool is_variable =
-        planned->abbrev->dwa_tag == DW_TAG_variable &&
-        (krv_has_attribute(planned->abbrev, DW_AT_location) || krv_has_attribute(planned->abbrev, DW_AT_const_value));
+        planned->tag == DW_TAG_variable && (krv_has_attribute(planned->abbrev(), DW_AT_location) ||
+                                            krv_has_attribute(planned->abbrev(), DW_AT_const_value));
     return is_variable ? KRV_NAMED_VARIABLES : 0;
 }
 

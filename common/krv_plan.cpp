@@ -49,10 +49,14 @@ constexpr krv_then then_of(uint8_t code, const krv_form_row_t &row)
     case DW_FORM_ref1:
     case DW_FORM_ref2:
     case DW_FORM_ref4:
-    case DW_FORM_ref8:
         return krv_then::in_unit;
+    case DW_FORM_ref8:
     case DW_FORM_ref_udata:
-        return krv_then::in_unit_by_leb128;
+        return krv_then::in_unit_by_wide_number;
+    case DW_FORM_block1:
+    case DW_FORM_block:
+    case DW_FORM_exprloc:
+        return krv_then::small_block;
     case DW_FORM_addr:
         return krv_then::nothing;
     default:
@@ -62,6 +66,8 @@ constexpr krv_then then_of(uint8_t code, const krv_form_row_t &row)
         return krv_then::find_string;
     if (row.family == krv_family_t::present)
         return krv_then::is_set;
+    if (row.family == krv_family_t::implicit)
+        return krv_then::implicit;
     if (row.classes == KRV_CLASS_ADDRESS)
         return krv_then::address_index;
     if (row.classes == KRV_CLASS_STRING && !is_text(row.family))
@@ -70,19 +76,22 @@ constexpr krv_then then_of(uint8_t code, const krv_form_row_t &row)
                                                                                     : krv_then::other;
 }
 
-// What a value of each form comes to, but for its width; by code.
-using value_table = std::array<krv_plan_value, KRV_ALL_FORMS>;
+using value_rows = std::array<krv_value_row, KRV_ALL_FORMS>;
 
-consteval value_table make_values()
+consteval value_rows make_rows(const krv_encoding_t &encoding)
 {
-    value_table rows{};
-    for (size_t code = 0; code < rows.size(); ++code)
-        rows[code] = {0,
-                      static_cast<uint16_t>(code),
-                      kind_of(krv_form_table[code].classes),
-                      krv_form_table[code].family,
-                      0,
-                      then_of(static_cast<uint8_t>(code), krv_form_table[code])};
+    value_rows rows{};
+    for (size_t code = 0; code < rows.size(); ++code) {
+        const krv_form_row_t form = krv_form_table[code];
+        const size_t width = form.family == krv_family_t::block ? form.width : krv_form_width(form, encoding);
+        rows[code] = {static_cast<uint16_t>(code),
+                      kind_of(form.classes),
+                      form.family == krv_family_t::implicit || form.family == krv_family_t::sleb128,
+                      form.family,
+                      static_cast<uint8_t>(width),
+                      static_cast<uint8_t>(width < sizeof(uint64_t) ? 64 - 8 * width : 0),
+                      then_of(static_cast<uint8_t>(code), form)};
+    }
 #define KRV_ROW(name, number, code, ...) rows[code].written = (number);
     KRV_DW_FORM_EXT(KRV_ROW)
 #undef KRV_ROW
@@ -90,18 +99,28 @@ consteval value_table make_values()
     return rows;
 }
 
-constexpr value_table VALUES = make_values();
+// Which of its encodings a value's width depends on, as a number. Versions from 3 on differ in no width.
+constexpr size_t MANNERS = 8;
+constexpr size_t manner_of(const krv_encoding_t &encoding)
+{
+    return (encoding.is_dwarf64 ? 1U : 0U) + (encoding.version == 2 ? 2U : 0U) + (encoding.address_size == 4 ? 4U : 0U);
+}
+
+consteval std::array<value_rows, MANNERS> make_all_rows()
+{
+    std::array<value_rows, MANNERS> all{};
+    for (const bool is_dwarf64 : {false, true})
+        for (const uint16_t version : {uint16_t{2}, uint16_t{4}})
+            for (const uint8_t address_size : {uint8_t{4}, uint8_t{8}}) {
+                const krv_encoding_t encoding = {is_dwarf64, address_size, version, KRV_ALL_FORMS};
+                all[manner_of(encoding)] = make_rows(encoding);
+            }
+    return all;
+}
+
+constexpr std::array<value_rows, MANNERS> ROWS = make_all_rows();
 
 } // namespace
-
-krv_plan_value krv_plan_value_of(krv_attribute_t attribute, krv_form_t form, const krv_encoding_t &encoding)
-{
-    const krv_form_row_t row = krv_form_row(form, encoding.forms);
-    krv_plan_value value = VALUES[row.family == krv_family_t::unknown ? 0 : form];
-    value.attribute = attribute;
-    value.width = row.family == krv_family_t::block ? row.width : static_cast<uint8_t>(krv_form_width(row, encoding));
-    return value;
-}
 
 static bool is_fixed(krv_family_t family)
 {
@@ -120,67 +139,53 @@ static bool is_fixed(krv_family_t family)
     }
 }
 
-// Fills in how the values of an abbreviation are read, and the steps over them. Returns the number of steps.
-static uint32_t plan_values(const krv_abbrev_t *abbrev, const krv_encoding_t &encoding, krv_plan_value *values,
-                            krv_plan_step *steps)
+static_assert(KRV_MOST_ATTRIBUTES * 16 <= UINT16_MAX, "a step's bytes");
+
+// Fills in the row of an abbreviation, and its steps. Returns what follows them.
+static krv_plan_step *plan_abbrev(const krv_plan *plan, const krv_abbrev_t &abbrev, krv_plan_step *steps,
+                                  krv_planned_t *planned)
 {
-    uint32_t count = 0;
+    *planned = {plan, abbrev.dwa_afpairs, steps, 0, 0, abbrev.dwa_tag, 0};
+    if ((abbrev.dwa_flags & KRV_ABBREV_FLAG_PARENT) != 0)
+        planned->flags |= KRV_PLAN_PARENT;
+    if (abbrev.dwa_nafpairs > KRV_MOST_ATTRIBUTES) {
+        planned->flags |= KRV_PLAN_TOO_MANY;
+        return steps;
+    }
+    planned->pair_count = static_cast<uint16_t>(abbrev.dwa_nafpairs);
     krv_plan_step step = {};
-    for (uint32_t i = 0; i < abbrev->dwa_nafpairs; ++i) {
-        const krv_afpair_t pair = abbrev->dwa_afpairs[i];
-        values[i] = krv_plan_value_of(pair.dwafp_attribute, pair.dwafp_form, encoding);
-        if (is_fixed(values[i].family)) {
-            step.bytes += values[i].width;
+    for (const krv_afpair_t *pair = planned->pairs, *const end = pair + planned->pair_count; pair != end; ++pair) {
+        if (pair->dwafp_attribute == DW_AT_low_pc || pair->dwafp_attribute == DW_AT_ranges)
+            planned->flags |= KRV_PLAN_CODE;
+        const krv_value_row &row = plan->row(pair->dwafp_form);
+        if (is_fixed(row.family)) {
+            step.bytes = static_cast<uint16_t>(step.bytes + row.width);
             continue;
         }
-        step.form = pair.dwafp_form;
-        steps[count++] = step;
+        step.form = pair->dwafp_form;
+        *steps++ = step;
         step = {};
     }
     if (step.bytes != 0)
-        steps[count++] = step;
-    return count;
-}
-
-static uint8_t flags_of(const krv_abbrev_t *abbrev)
-{
-    if (abbrev->dwa_nafpairs > KRV_MOST_ATTRIBUTES)
-        return KRV_PLAN_TOO_MANY;
-    uint8_t flags = 0;
-    for (uint32_t i = 0; i < abbrev->dwa_nafpairs; ++i) {
-        const krv_attribute_t attribute = abbrev->dwa_afpairs[i].dwafp_attribute;
-        if (attribute == DW_AT_low_pc || attribute == DW_AT_ranges)
-            flags |= KRV_PLAN_CODE;
-    }
-    return flags;
+        *steps++ = step;
+    planned->step_count = static_cast<uint16_t>(steps - planned->steps);
+    return steps;
 }
 
 static krv_plan *make_plan(krv_handle_t *hp, krv_au_t *au, const krv_encoding_t &encoding)
 {
     const auto count = static_cast<size_t>(au->sau_abbrev_table_entries);
-    // At most a step for each pair, and one behind them.
-    const uint64_t values = au->sau_afpair_table_entries, steps = values + count;
-    // The sizes are of arrays that are in memory.
+    const krv_plan like = {au, ROWS[manner_of(encoding)].data(), encoding};
+    // At most a step for each pair, and one behind them. The sizes are of arrays that are in memory.
     const size_t rows_size = sizeof(krv_plan) + count * sizeof(krv_planned_t);
-    const size_t steps_size = steps * sizeof(krv_plan_step);
-    auto *plan = static_cast<krv_plan *>(krv_alloc(hp, rows_size + steps_size + values * sizeof(krv_plan_value)));
+    const size_t steps_size = (au->sau_afpair_table_entries + count) * sizeof(krv_plan_step);
+    auto *plan = static_cast<krv_plan *>(krv_alloc(hp, rows_size + steps_size));
     if (plan == nullptr)
         return nullptr;
-    plan->sp_au = au;
-    plan->sp_encoding = encoding;
+    *plan = like;
     auto *step = reinterpret_cast<krv_plan_step *>(reinterpret_cast<uint8_t *>(plan) + rows_size);
-    auto *value = reinterpret_cast<krv_plan_value *>(reinterpret_cast<uint8_t *>(step) + steps_size);
-    for (size_t i = 0; i < count; ++i) {
-        krv_planned_t *row = &plan->sp_planned[i];
-        const krv_abbrev_t *abbrev = &au->sau_abbrev_table[i];
-        *row = {plan, abbrev, step, value, 0, 0, flags_of(abbrev)};
-        if (row->flags == KRV_PLAN_TOO_MANY)
-            continue;
-        row->step_count = plan_values(abbrev, encoding, value, step);
-        row->value_count = abbrev->dwa_nafpairs;
-        step += row->step_count;
-        value += row->value_count;
-    }
+    for (size_t i = 0; i < count; ++i)
+        step = plan_abbrev(plan, au->sau_abbrev_table[i], step, &plan->sp_planned[i]);
     return plan;
 }
 
@@ -190,8 +195,8 @@ const krv_plan *krv_cu_plan(krv_handle_t *hp, krv_ctu_t *cu)
     if (au == nullptr)
         return nullptr;
     const krv_encoding_t encoding = krv_cu_encoding(hp, cu);
-    // Versions from 3 on differ in no width.
-    krv_plan **slot = &au->sau_plans[(encoding.is_dwarf64 ? 1 : 0) + (encoding.version == 2 ? 2 : 0)];
+    krv_plan **slot =
+        &au->sau_plans[manner_of(encoding) % std::size(au->sau_plans)]; // addresses of a handle have one width
     if (const krv_plan *plan = krv_load(slot))
         return plan;
     krv_plan *fresh = make_plan(hp, au, encoding);

@@ -13,18 +13,20 @@
 constexpr uint32_t KRV_MOST_ATTRIBUTES = 256; // of an entry that is walked; compilers write a tenth
 
 struct krv_plan_step {
-    uint32_t bytes;  // to pass
+    uint16_t bytes;  // to pass
     krv_form_t form; // and then a value of this form; 0: none
 };
 
-// What has to be done to a number that was read, the commonest first; `other`: what was read is none.
+// What has to be done for a value, the commonest first; up to `small_block` krv_entry_attr.cpp reads it in a loop of its own.
 enum class krv_then : uint8_t {
-    nothing,
-    in_unit,
+    nothing,     // it is a number, which says it all
+    in_unit,     // a narrow number that counts from the unit
     find_string, // in .debug_str
     is_set,
-    other,
-    in_unit_by_leb128,
+    small_block, // whose length mostly takes a byte
+    implicit,
+    other, // what was read is no number
+    in_unit_by_wide_number,
     string_index,
     address_index,
     rnglist_index,
@@ -32,43 +34,52 @@ enum class krv_then : uint8_t {
     in_alternate
 };
 
-// How a value is read, and what it then stands for.
-struct krv_plan_value {
-    krv_attribute_t attribute;
-    uint16_t written; // the form's number
-    uint8_t kind;     // KRV_ATTR_*
+// How a value of a form is read, and what it then stands for.
+struct krv_value_row {
+    uint16_t written;  // the form's number
+    uint8_t kind;      // KRV_ATTR_*
+    uint8_t is_signed; // 1: always
     krv_family_t family;
-    uint8_t width; // of a number or an offset; of a block's length
+    uint8_t width;  // of a number or an offset; of a block's length
+    uint8_t unused; // bits of 8 bytes that are not the value's
     krv_then then;
 };
 
 enum krv_plan_flag_t : uint8_t {
     KRV_PLAN_CODE = 1,     // entries say where their code is
     KRV_PLAN_TOO_MANY = 2, // more than KRV_MOST_ATTRIBUTES: no entry is read
+    KRV_PLAN_PARENT = 4,   // entries have children
 };
 
-// One abbreviation.
+// One abbreviation, as far as stepping over entries needs it.
 struct krv_planned_t {
     const krv_plan *plan;
-    const krv_abbrev_t *abbrev;
+    const krv_afpair_t *pairs;
     const krv_plan_step *steps;
-    const krv_plan_value *values;
-    uint32_t step_count, value_count;
+    uint16_t step_count, pair_count;
+    krv_tag_t tag;
     uint8_t flags; // krv_plan_flag_t
 
-    bool has_children() const { return (abbrev->dwa_flags & KRV_ABBREV_FLAG_PARENT) != 0; }
+    bool has_children() const { return (flags & KRV_PLAN_PARENT) != 0; }
     bool has_code() const { return (flags & KRV_PLAN_CODE) != 0; }
+    inline const krv_abbrev_t *abbrev() const;
 };
 
 // Those of a table, in its order; the steps are behind them, in the same allocation.
 struct krv_plan {
     krv_au_t *sp_au;
+    const krv_value_row *sp_rows; // by form
     krv_encoding_t sp_encoding;
     krv_planned_t sp_planned[];
+
+    // An unknown form has the family `unknown`.
+    const krv_value_row &row(krv_form_t form) const { return sp_rows[form < sp_encoding.forms ? form : 0]; }
 };
 
-// How a value of a form is read; an unknown form has the family `unknown`.
-krv_plan_value krv_plan_value_of(krv_attribute_t attribute, krv_form_t form, const krv_encoding_t &encoding);
+inline const krv_abbrev_t *krv_planned_t::abbrev() const
+{
+    return &plan->sp_au->sau_abbrev_table[this - plan->sp_planned];
+}
 
 // The plan of a unit's entries; it lives as its abbreviation table does. NULL on failure.
 const krv_plan *krv_cu_plan(krv_handle_t *hp, krv_ctu_t *cu);

@@ -69,6 +69,8 @@ struct krv_handle {
     krv_addr_index *sh_addr_known;    // units by address, of those whose ranges need no scan, likewise
     krv_addr_index *sh_addr_all;      // units by address, all of them, likewise
     uint32_t sh_scanned_units;        // units whose ranges a scan has found
+    krv_hash *sh_au_same;             // those that others may share, by a digest of their bytes, likewise
+    krv_relaxed<uint64_t> sh_abbrev_compared; // bytes that were read to find these
     krv_relaxed<uint64_t> sh_abbrev_bytes; // of .debug_abbrev in the tables of sh_auphash
     krv_offset_t sh_abbrev_checked;        // where the table begins that krv_abbrev_check_table has found sound last
     krv_offset_t sh_abbrev_checked_end;    // what it has read lies before this; 0: nothing yet

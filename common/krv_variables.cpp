@@ -61,7 +61,7 @@ int korva_iter_variables(krv_handle_t *hp, const krv_entry_t *entryp, uint64_t a
         return -1;
     int result = 0;
     const auto wants = [](const krv_planned_t *planned) {
-        return planned->has_children() || is_variable(planned->abbrev->dwa_tag);
+        return planned->has_children() || is_variable(planned->tag);
     };
     const int walked = krv_entry_walk(hp, place, *entryp, wants, [&](const krv_entry_t &entry, uint32_t) {
         if (is_variable(entry.tag)) {
