@@ -7,8 +7,10 @@
 #include "progress.h"
 #include "symbol_kind.h"
 
+#include <algorithm>
 #include <filesystem>
 #include <memory>
+#include <numeric>
 #include <span>
 #include <unistd.h>
 
@@ -42,6 +44,14 @@ struct question {
 /** What is known, the innermost function first; empty when nothing is. Valid until the next answer. */
 using answer = std::span<const krv_elf_frame_t>;
 
+/** A question about an address that waits for others, and the text of its answer. */
+struct waiting_question {
+    std::string input;
+    question asked; // but for its text
+    size_t at = 0, size = 0;
+    bool is_answered = false;
+};
+
 /** One run: everything that answering one input needs. */
 class addr_run
 {
@@ -58,9 +68,9 @@ public:
         }
     }
 
+    /** Asks; the answer may wait. */
     void ask(std::string_view input);
-    /** A blank line asks for nothing, and is answered so. */
-    void answer_nothing(std::string_view input) { print({.text = input, .shown = {}, .address = {}}, {}); }
+    void answer_waiting();
     int finish();
 
     answers &out() { return m_out; }
@@ -71,7 +81,9 @@ private:
     void ask_for_names(std::string_view input);
     answer find(const question &q);
     void answer_one(const question &q);
-    void print(const question &q, answer a);
+    void make_answer(const question &q);
+    void make_text(const question &q, answer a);
+    void print(std::string_view text);
     std::optional<std::string_view> unit_name(answer a);
     std::string_view path_of(const krv_elf_frame_t &frame) const;
     void add_place(const krv_elf_frame_t &frame, uint32_t discriminator);
@@ -96,6 +108,9 @@ private:
     const bool m_is_gnu = m_options.format == output_format::gnu;
     const size_t m_most_frames = (m_is_gnu ? m_options.inlines : !m_options.no_inlines) ? SIZE_MAX : 1;
     std::string m_line; // that is being made
+    std::vector<waiting_question> m_waiting;
+    std::vector<uint32_t> m_order; // in which these are answered
+    std::string m_texts;           // of their answers
     krv_ctu_t *m_named = nullptr;
     result<std::string> m_unit_name = error(); // of that one
 };
@@ -300,22 +315,26 @@ void addr_run::add_json(const question &q, answer a)
     m_line += "]}";
 }
 
-void addr_run::print(const question &q, answer a)
+void addr_run::make_text(const question &q, answer a)
 {
     m_line.clear();
-    if (m_out.is_json()) {
+    if (m_out.is_json())
         add_json(q, a);
-        m_out.record_text(m_line);
-        return;
-    }
-    if (m_is_gnu)
+    else if (m_is_gnu)
         add_gnu(q, a);
     else
         add_text(q, a);
-    m_out.write(m_line);
 }
 
-void addr_run::answer_one(const question &q)
+void addr_run::print(std::string_view text)
+{
+    if (m_out.is_json())
+        m_out.record_text(text);
+    else
+        m_out.write(text);
+}
+
+void addr_run::make_answer(const question &q)
 {
     const answer a = find(q);
     if (a.empty())
@@ -324,7 +343,43 @@ void addr_run::answer_one(const question &q)
         m_done.answered();
     else
         m_done.partly();
-    print(q, a);
+    make_text(q, a);
+}
+
+void addr_run::answer_one(const question &q)
+{
+    make_answer(q);
+    print(m_line);
+}
+
+// Neighbours have their unit, their function and most of their rows in common: in the order of addresses these are at hand. Of
+// answers that are too long to be kept all, the rest is made when its turn comes.
+void addr_run::answer_waiting()
+{
+    constexpr size_t MOST_TEXT = size_t{8} << 20;
+    m_order.resize(m_waiting.size());
+    std::iota(m_order.begin(), m_order.end(), 0U);
+    std::sort(m_order.begin(), m_order.end(),
+              [&](uint32_t a, uint32_t b) { return m_waiting[a].asked.address < m_waiting[b].asked.address; });
+    for (auto &waiting : m_waiting)
+        waiting.asked.text = waiting.input;
+    m_texts.clear();
+    for (const uint32_t number : m_order) {
+        if (m_texts.size() >= MOST_TEXT)
+            break;
+        waiting_question &waiting = m_waiting[number];
+        make_answer(waiting.asked);
+        waiting.is_answered = true;
+        waiting.at = m_texts.size();
+        waiting.size = m_line.size();
+        m_texts += m_line;
+    }
+    for (const waiting_question &waiting : m_waiting)
+        if (waiting.is_answered)
+            print(std::string_view(m_texts).substr(waiting.at, waiting.size));
+        else
+            answer_one(waiting.asked);
+    m_waiting.clear();
 }
 
 void addr_run::ask_for_names(std::string_view input)
@@ -346,14 +401,24 @@ void addr_run::ask_for_names(std::string_view input)
 
 void addr_run::ask(std::string_view input)
 {
-    if (const auto number = m_reader.read_number(input))
-        answer_one(question_for(input, {*number, true}));
-    else
+    constexpr size_t MOST_WAITING = 8192;
+    if (trim(input).empty()) { // asks for nothing, and is answered so
+        answer_waiting();
+        make_text({.text = input, .shown = {}, .address = {}}, {});
+        print(m_line);
+    } else if (const auto number = m_reader.read_number(input)) {
+        m_waiting.push_back({std::string(input), question_for({}, {*number, true})});
+        if (m_waiting.size() == MOST_WAITING)
+            answer_waiting();
+    } else {
+        answer_waiting();
         ask_for_names(input);
+    }
 }
 
 int addr_run::finish()
 {
+    answer_waiting();
     m_out.finish();
     return m_done.status();
 }
@@ -373,16 +438,20 @@ static int run_addr(const addr_options &options)
     addr_run run(options, obj.get());
     if (options.inputs.empty()) {
         line_reader lines(STDIN_FILENO);
-        while (const auto line = lines.next([&] { run.out().flush(); }))
-            if (trim(*line).empty())
-                run.answer_nothing(*line);
-            else
-                run.ask(*line);
+        const auto before_reading = [&] {
+            if (lines.is_ready())
+                return;
+            run.answer_waiting();
+            run.out().flush();
+        };
+        while (const auto line = lines.next(before_reading))
+            run.ask(*line);
         return run.finish();
     }
     progress shown(fmt::format("{}: addresses", options.file), options.inputs.size(), progress::mode::answering);
     for (const std::string &input : options.inputs) {
         run.ask(input);
+        run.answer_waiting();
         shown.step();
     }
     return run.finish();

@@ -9,6 +9,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <functional>
+#include <poll.h>
 #include <unistd.h>
 
 namespace korva::program
@@ -32,6 +33,12 @@ std::string_view line_reader::take(size_t end, size_t newline)
 }
 
 // False at the end, and where nothing can be read. What is left of a line then stands at the beginning.
+bool line_reader::is_ready() const
+{
+    pollfd of = {m_fd, POLLIN, 0};
+    return poll(&of, 1, 0) > 0;
+}
+
 bool line_reader::read_more()
 {
     constexpr size_t PIECE = size_t{1} << 16;

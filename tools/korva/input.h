@@ -45,6 +45,9 @@ public:
         }
     }
 
+    /** Whether reading would not wait. */
+    bool is_ready() const;
+
 private:
     std::string_view take(size_t end, size_t newline);
     bool read_more();
