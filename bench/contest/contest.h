@@ -8,6 +8,7 @@
 //     E  every entry of every unit, every value decoded (strings to their end)         items: entries
 //     L  every unit's line table, every row read                                       items: rows
 //     A  the addresses to file and line, twice: a cold pass and a warm one             items: addresses
+//     I  the functions and inlined calls at the addresses, with their lines, likewise  items: addresses
 //     F  frame description and unwind row at the addresses                             items: addresses
 //     S  walk of the own stack inside the library FILE, memory read by a call-back     items: frames
 //
@@ -34,7 +35,7 @@ struct run {
     uint64_t nqueries;
     uint64_t items, check;
     uint64_t ns;                         // 0: the whole call counts
-    uint64_t ns_first, ns_cold, ns_warm; // job A
+    uint64_t ns_first, ns_cold, ns_warm; // jobs A and I
     uint64_t reads;                      // job S: calls of the memory call-back
 };
 
@@ -84,6 +85,12 @@ inline uint64_t place_check(const char *path, uint64_t line)
     return text_check(slash != nullptr ? slash + 1 : path) * 31 + line;
 }
 
+// One of a chain of calls: its function, and where it is in that.
+inline uint64_t call_check(const char *function, const char *path, uint64_t line)
+{
+    return text_check(function) * 7 + place_check(path, line);
+}
+
 // An unwind row: register and offset of the CFA, and where the registers that a function may save are saved.
 inline uint64_t cfa_check(uint64_t reg, int64_t offset)
 {
@@ -95,7 +102,7 @@ inline uint64_t saved_check(unsigned reg, int64_t offset)
 }
 constexpr unsigned char saved_registers[] = {3, 6, 12, 13, 14, 15, 16}; // DWARF numbers of AMD64
 
-// Runs job A: `place` answers one address by its place_check.
+// Runs jobs A and I: `place` answers one address by its place_check, or the sum of its call_checks.
 template <typename Place>
 void find_places(run *r, uint64_t started, Place place)
 {

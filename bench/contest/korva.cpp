@@ -1,9 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// libkorva as its clients have it, through the shared library: U, E, L, A and S.
+// libkorva as its clients have it, through the shared library: U, E, L, A, I and S.
 #include "contest.h"
 #include "korva_file.h"
 
+#include <algorithm>
+#include <iterator>
 #include <vector>
 
 using namespace contest;
@@ -97,6 +99,29 @@ static uint64_t place(krv_handle_t *hp, const query &q)
     return place_check(row.file == nullptr ? nullptr : korva_lnfe_path(hp, row.file, B_FALSE), row.line);
 }
 
+static uint64_t chain_at(krv_handle_t *hp, uint64_t address)
+{
+    krv_row_t row;
+    if (korva_lookup_rows(hp, &address, 1, KRV_LOOKUP_F_NONE, nullptr, &row) != 0 || row.number == KRV_ROW_NONE)
+        row = {};
+    krv_lnfe_t *file = row.file;
+    uint64_t line = row.line, check = 0;
+    krv_call_t calls[64];
+    size_t count = 0;
+    korva_lookup_calls(hp, address, calls, std::size(calls), &count);
+    for (size_t i = 0; i < std::max<size_t>(count, 1); ++i) {
+        const char *path = file == nullptr ? nullptr : korva_lnfe_path(hp, file, B_FALSE);
+        if (i == count)
+            return call_check(nullptr, path, line);
+        const krv_call_t &call = calls[i];
+        check += call_check(call.linkage_name != nullptr ? call.linkage_name : call.name, path, line);
+        line = call.call_line;
+        if (call.is_inlined == 0 || korva_cu_get_file(hp, call.entry.unit, call.call_file, &file) != 0)
+            file = nullptr;
+    }
+    return check;
+}
+
 // ---------------------------------------------------------------------------------------------------------------
 // The walk
 // ---------------------------------------------------------------------------------------------------------------
@@ -152,7 +177,7 @@ bool contest::play(run *r)
 {
     if (r->job == 'S')
         return run_chain(r->file, at_leaf, r);
-    if (std::strchr("UELA", r->job) == nullptr)
+    if (std::strchr("UELAI", r->job) == nullptr)
         return false;
     const uint64_t started = now();
     const korva_file file(r->file);
@@ -162,6 +187,9 @@ bool contest::play(run *r)
         return read_entries(r, file.hp);
     if (r->job == 'L')
         return read_lines(r, file.hp);
-    find_places(r, started, [&](const query &q) { return place(file.hp, q); });
+    if (r->job == 'I')
+        find_places(r, started, [&](const query &q) { return chain_at(file.hp, q.address); });
+    else
+        find_places(r, started, [&](const query &q) { return place(file.hp, q); });
     return true;
 }

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// LLVM's DebugInfo/DWARF: U, E, L and A. (Its unwind rows forget to bring the CFA back, and it has no stack walker.)
+// LLVM's DebugInfo/DWARF: U, E, L, A and I. (Its unwind rows forget to bring the CFA back, and it has no stack walker.)
 #include "contest.h"
 
 #include <llvm/DebugInfo/DWARF/DWARFContext.h>
@@ -60,9 +60,23 @@ static void read_lines(run *r, DWARFContext &context)
         }
 }
 
+static uint64_t chain_at(DWARFContext &context, uint64_t address)
+{
+    const DIInliningInfo chain = context.getInliningInfoForAddress(
+        {address, object::SectionedAddress::UndefSection},
+        {DILineInfoSpecifier::FileLineInfoKind::AbsoluteFilePath, DINameKind::LinkageName});
+    uint64_t check = 0;
+    for (uint32_t i = 0; i < chain.getNumberOfFrames(); ++i) {
+        const DILineInfo &call = chain.getFrame(i);
+        const auto known = [](const std::string &s) { return s == DILineInfo::BadString ? nullptr : s.c_str(); };
+        check += call_check(known(call.FunctionName), known(call.FileName), call.Line);
+    }
+    return check;
+}
+
 bool contest::play(run *r)
 {
-    if (std::strchr("UELA", r->job) == nullptr)
+    if (std::strchr("UELAI", r->job) == nullptr)
         return false;
     const uint64_t started = now();
     auto object = object::ObjectFile::createObjectFile(r->file);
@@ -75,6 +89,8 @@ bool contest::play(run *r)
         walk_entries(r, *context);
     else if (r->job == 'L')
         read_lines(r, *context);
+    else if (r->job == 'I')
+        find_places(r, started, [&](const query &q) { return chain_at(*context, q.address); });
     else
         find_places(r, started, [&](const query &q) {
             const DILineInfo line = context->getLineInfoForAddress(

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// gimli and addr2line: U, E, L, A and F; S over gimli's rows, whose rules are applied here. See contest.h.
+// gimli and addr2line: U, E, L, A, I and F; S over gimli's rows, whose rules are applied here. See contest.h.
 use gimli::{
     AttributeValue, BaseAddresses, CfaRule, EndianSlice, LittleEndian, Reader, Register, RegisterRule,
     UnwindContext, UnwindSection,
@@ -160,16 +160,33 @@ fn lines(b: &mut Bench, d: &gimli::Dwarf<R>) {
     }
 }
 
-fn places(b: &mut Bench, d: gimli::Dwarf<R>, t0: Instant) {
-    let ctx = addr2line::Context::from_dwarf(d).unwrap();
+type Context = addr2line::Context<R>;
+
+fn place_at(ctx: &Context, address: u64) -> u64 {
+    match ctx.find_location(address) {
+        Ok(Some(l)) => l.file.map_or(0, |f| place_check(f, l.line.unwrap_or(0) as u64)),
+        _ => 0,
+    }
+}
+
+fn chain_at(ctx: &Context, address: u64) -> u64 {
+    let mut check = 0u64;
+    let mut frames = ctx.find_frames(address).unwrap();
+    while let Some(frame) = frames.next().unwrap() {
+        let name = frame.function.as_ref().map_or(0, |f| name_check(f.name.slice()));
+        let place = frame.location.map_or(0, |l| l.file.map_or(0, |f| place_check(f, l.line.unwrap_or(0) as u64)));
+        check = check.wrapping_add(name.wrapping_mul(7)).wrapping_add(place);
+    }
+    check
+}
+
+fn places(b: &mut Bench, d: gimli::Dwarf<R>, t0: Instant, answer: fn(&Context, u64) -> u64) {
+    let ctx = Context::from_dwarf(d).unwrap();
     for pass in 0..2 {
         let t1 = Instant::now();
         b.check = 0;
         for i in 0..b.queries.len() {
-            let c = match ctx.find_location(b.queries[i][0]) {
-                Ok(Some(l)) => l.file.map_or(0, |f| place_check(f, l.line.unwrap_or(0) as u64)),
-                _ => 0,
-            };
+            let c = answer(&ctx, b.queries[i][0]);
             b.check = b.check.wrapping_add(c);
             if i == 0 && pass == 0 {
                 b.ns_first = t0.elapsed().as_nanos() as u64;
@@ -315,7 +332,8 @@ fn play(b: &mut Bench) -> bool {
         'U' => units(b, &load(&b.file).1),
         'E' => entries(b, &load(&b.file).1),
         'L' => lines(b, &load(&b.file).1),
-        'A' => places(b, load(&b.file).1, started),
+        'A' => places(b, load(&b.file).1, started, place_at),
+        'I' => places(b, load(&b.file).1, started, chain_at),
         'F' => {
             let obj = object::File::parse(map_file(&b.file)).unwrap();
             frames(b, &obj)
