@@ -96,7 +96,8 @@ static krv_addr_index *build_index(krv_handle_t *hp, const Collect &collect)
 {
     index_owner index(krv_new<krv_addr_index>(hp));
     krv_addr_ranges t;
-    if (index == nullptr || !collect(&t, index.get()) || !krv_addr_map_make(hp, t, krv_paint::first, &index->sai_map))
+    if (index == nullptr || !collect(&t, index.get()) || !krv_addr_map_make(hp, t, krv_paint::first, &index->sai_map) ||
+        !krv_addr_map_add_blocks(hp, &index->sai_map))
         return nullptr;
     index->sai_hints = static_cast<krv_addr_hint *>(krv_zalloc(hp, index->sai_map.sam_pieces * sizeof(krv_addr_hint)));
     if (index->sai_hints == nullptr && index->sai_map.sam_pieces != 0)

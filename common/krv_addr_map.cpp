@@ -87,7 +87,7 @@ static bool paint_pieces(krv_handle_t *hp, const krv_addr_ranges &t, krv_paint p
 
 // A table from blocks of addresses, all of one size and hardly more than there are pieces, to the pieces that begin in them:
 // from there to the one that is asked for it is a step or two where pieces lie evenly.
-static bool make_blocks(krv_handle_t *hp, krv_addr_map *map)
+bool krv_addr_map_add_blocks(krv_handle_t *hp, krv_addr_map *map)
 {
     constexpr size_t FEWEST = 16; // pieces that are worth it
     const size_t pieces = map->sam_pieces;
@@ -119,7 +119,7 @@ bool krv_addr_map_make(krv_handle_t *hp, const krv_addr_ranges &ranges, krv_pain
     }
     const krv_owner<uint32_t> pieces(alloc_array<uint32_t>(hp, 2 * ranges.entries));
     return pieces != nullptr && find_pieces(hp, ranges, map, pieces.get()) &&
-           paint_pieces(hp, ranges, paint, map, pieces.get()) && make_blocks(hp, map);
+           paint_pieces(hp, ranges, paint, map, pieces.get());
 }
 
 void krv_addr_map_free(krv_addr_map *map)

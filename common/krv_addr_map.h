@@ -52,8 +52,9 @@ struct krv_addr_ranges {
 // Which of several ranges that cover an address owns it.
 enum class krv_paint { first, last };
 
-// False with KRV_ERR_NOMEM: the map is to be freed all the same.
+// False with KRV_ERR_NOMEM: the map is to be freed all the same. The second adds the blocks.
 bool krv_addr_map_make(krv_handle_t *hp, const krv_addr_ranges &ranges, krv_paint paint, krv_addr_map *map);
+bool krv_addr_map_add_blocks(krv_handle_t *hp, krv_addr_map *map);
 void krv_addr_map_free(krv_addr_map *map);
 
 // The number of pieces that begin at the address or before.

@@ -29,12 +29,20 @@ struct inlined_call {
     uint32_t line;
     uint16_t file, column, discriminator;
     uint8_t code_size; // bytes of the abbreviation's code
-    bool is_cut;       // the numbers are larger than these fields: they are read again
+    bool is_cut : 1;   // the numbers are larger than these fields: they are read again
+    bool has_children : 1, has_file : 1;
 };
 
+// In one block, so that what an address needs of it lies together: where the pieces of an address map begin, the calls,
+// and the owners of the pieces.
 struct inlined_calls {
-    krv_addr_map map;
-    inlined_call calls[];
+    uint32_t pieces, count;
+    uint64_t bounds[];
+
+    inlined_call *calls() { return reinterpret_cast<inlined_call *>(bounds + pieces); }
+    const inlined_call *calls() const { return reinterpret_cast<const inlined_call *>(bounds + pieces); }
+    uint32_t *owners() { return reinterpret_cast<uint32_t *>(calls() + count); }
+    const uint32_t *owners() const { return reinterpret_cast<const uint32_t *>(calls() + count); }
 };
 
 struct function {
@@ -43,29 +51,26 @@ struct function {
     uint64_t start;                  // of its first range
     inlined_calls *inlined;          // owned: NULL until it is asked for
     uint32_t outer, depth;           // while they are collected: the function that it is nested in, or NONE; its level
-    bool has_inlined;
+    uint32_t row;                    // as those of inlined_call
+    uint8_t code_size;
+    bool is_cut : 1, has_children : 1, has_inlined : 1;
 };
 
 } // namespace
 
 struct krv_calls {
     krv_addr_map sc_map;
+    const krv_plan *sc_plan;
+    uint32_t sc_language;   // DW_LANG_* of the unit, or 0
     function *sc_functions; // owned
     uint32_t sc_size, sc_count;
     krv_calls *sc_next; // of the handle's
 };
 
-static void free_inlined(inlined_calls *inlined)
-{
-    if (inlined != nullptr)
-        krv_addr_map_free(&inlined->map);
-    krv_free(inlined);
-}
-
 static void free_calls(krv_calls *calls)
 {
     for (uint32_t i = 0; i < calls->sc_count; ++i)
-        free_inlined(calls->sc_functions[i].inlined);
+        krv_free(calls->sc_functions[i].inlined);
     krv_free(calls->sc_functions);
     krv_addr_map_free(&calls->sc_map);
     krv_free(calls);
@@ -76,9 +81,6 @@ namespace
 
 struct calls_deleter {
     void operator()(krv_calls *calls) const { free_calls(calls); }
-};
-struct inlined_deleter {
-    void operator()(inlined_calls *calls) const { free_inlined(calls); }
 };
 
 } // namespace
@@ -126,6 +128,16 @@ static bool is_inlined_with_code(const krv_planned_t *planned)
     return planned->tag == DW_TAG_inlined_subroutine && planned->has_code();
 }
 
+// What makes a cursor of an entry, without a look at its bytes.
+template <typename T>
+static void take_head(const krv_place_t &place, const krv_entry_t &entry, T *to)
+{
+    to->row = static_cast<uint32_t>(krv_entry_planned(&entry) - place.plan->sp_planned);
+    to->code_size = static_cast<uint8_t>(entry.at - entry.offset);
+    to->is_cut = entry.at - entry.offset > UINT8_MAX; // padded
+    to->has_children = entry.has_children != 0;
+}
+
 // Adds a function, or notes of the one around it that it has inlined calls. *innermost is the function that was met last.
 static bool add_function(krv_handle_t *hp, const krv_place_t &place, const krv_entry_t &entry, uint32_t level,
                          krv_calls *calls, uint32_t *innermost, krv_addr_ranges *ranges)
@@ -139,7 +151,12 @@ static bool add_function(krv_handle_t *hp, const krv_place_t &place, const krv_e
     }
     if (!krv_table_grow(hp, &calls->sc_functions, &calls->sc_size, calls->sc_count, 16U))
         return false;
-    calls->sc_functions[calls->sc_count] = {entry.offset, nullptr, 0, nullptr, *innermost, entry.depth, false};
+    function *to = &calls->sc_functions[calls->sc_count];
+    *to = {};
+    to->entry = entry.offset;
+    to->outer = *innermost;
+    to->depth = entry.depth;
+    take_head(place, entry, to);
     *innermost = calls->sc_count++;
     krv_entry_t reading = entry;
     krv_code_place_t code = {};
@@ -154,6 +171,16 @@ static bool add_function(krv_handle_t *hp, const krv_place_t &place, const krv_e
     return true;
 }
 
+// DW_LANG_* of a unit, or 0.
+static uint32_t language_of(const krv_ctu_t *cu)
+{
+    const krv_abbrev_t *abbrev = cu->dcu_compile_unit->dwdie_abbrev_cache;
+    for (uint32_t i = 0; i < abbrev->dwa_nafpairs; ++i)
+        if (abbrev->dwa_afpairs[i].dwafp_attribute == DW_AT_language)
+            return static_cast<uint32_t>(cu->dcu_compile_unit->dwdie_attrs[i].sa_u.su_unsigned);
+    return 0;
+}
+
 // NULL: KRV_ERR_NOMEM, or the unit's entries are not in memory.
 static krv_calls *collect_functions(krv_handle_t *hp, const krv_place_t &place, const krv_entry_t &first)
 {
@@ -165,8 +192,8 @@ static krv_calls *collect_functions(krv_handle_t *hp, const krv_place_t &place, 
     const int walked = krv_entry_walk(
         hp, place, first,
         [](const krv_planned_t *planned) {
-            return planned->has_code() && (planned->tag == DW_TAG_subprogram ||
-                                           planned->tag == DW_TAG_inlined_subroutine);
+            return planned->has_code() &&
+                   (planned->tag == DW_TAG_subprogram || planned->tag == DW_TAG_inlined_subroutine);
         },
         [&](const krv_entry_t &entry, uint32_t level) {
             return add_function(hp, place, entry, level, calls.get(), &innermost, &ranges) ? krv_step::next
@@ -177,8 +204,10 @@ static krv_calls *collect_functions(krv_handle_t *hp, const krv_place_t &place, 
     if (walked == -1)
         tell_of_rest(hp, first.unit);
     if (!krv_table_trim(hp, &calls->sc_functions, &calls->sc_size, calls->sc_count) ||
-        !krv_addr_map_make(hp, ranges, krv_paint::last, &calls->sc_map))
+        !krv_addr_map_make(hp, ranges, krv_paint::last, &calls->sc_map) || !krv_addr_map_add_blocks(hp, &calls->sc_map))
         return nullptr;
+    calls->sc_plan = place.plan;
+    calls->sc_language = language_of(first.unit);
     return krv_forgive(hp) ? calls.release() : nullptr; // ranges that are damaged
 }
 
@@ -204,12 +233,12 @@ struct collected_calls {
 
 } // namespace
 
-// Takes a number of an attribute into a field that may be too small for it.
+// Takes a number of an attribute into a field that may be too small for it. False: it is.
 template <typename T>
-static void take_number(const krv_attr_t &attr, T *field, bool *is_cutp)
+static bool take_number(const krv_attr_t &attr, T *field)
 {
     *field = static_cast<T>(attr.number);
-    *is_cutp = *is_cutp || *field != attr.number;
+    return *field == attr.number;
 }
 
 // Reads what an entry says of the call. False: KRV_ERR_NOMEM.
@@ -221,16 +250,17 @@ static bool read_inlined(krv_handle_t *hp, const krv_place_t &place, const krv_e
     while (krv_entry_read_attr(hp, place, &reading, &attr) == 1) {
         switch (attr.attribute) {
         case DW_AT_call_file:
-            take_number(attr, &call->file, &call->is_cut);
+            call->is_cut |= !take_number(attr, &call->file);
+            call->has_file = true;
             break;
         case DW_AT_call_line:
-            take_number(attr, &call->line, &call->is_cut);
+            call->is_cut |= !take_number(attr, &call->line);
             break;
         case DW_AT_call_column:
-            take_number(attr, &call->column, &call->is_cut);
+            call->is_cut |= !take_number(attr, &call->column);
             break;
         case DW_AT_GNU_discriminator:
-            take_number(attr, &call->discriminator, &call->is_cut);
+            call->is_cut |= !take_number(attr, &call->discriminator);
             break;
         case DW_AT_abstract_origin:
             if (attr.kind == KRV_ATTR_REFERENCE)
@@ -255,9 +285,7 @@ static bool add_inlined(krv_handle_t *hp, const krv_place_t &place, uint64_t fun
     krv_code_place_t code = {};
     call.entry = static_cast<uint32_t>(entry.offset - function_entry);
     call.caller = to->innermost;
-    call.row = static_cast<uint32_t>(krv_entry_planned(&entry) - place.plan->sp_planned);
-    call.code_size = static_cast<uint8_t>(entry.at - entry.offset);
-    call.is_cut = entry.at - entry.offset > UINT8_MAX; // padded
+    take_head(place, entry, &call);
     if (!read_inlined(hp, place, entry, &call, &code))
         return false;
     to->calls[to->count] = {call, entry.depth};
@@ -265,14 +293,41 @@ static bool add_inlined(krv_handle_t *hp, const krv_place_t &place, uint64_t fun
     return add_ranges(hp, entry.unit, code, to->innermost, &to->ranges);
 }
 
+static inlined_calls *pack_inlined(krv_handle_t *hp, const collected_calls &found)
+{
+    struct owned_map : krv_addr_map {
+        ~owned_map() { krv_addr_map_free(this); }
+    } map;
+    if (!krv_addr_map_make(hp, found.ranges, krv_paint::last, &map))
+        return nullptr;
+    const size_t pieces = map.sam_pieces;
+    if (pieces > UINT32_MAX) {
+        krv_fail(hp, KRV_ERR_NOMEM, "too many ranges of inlined calls");
+        return nullptr;
+    }
+    auto *inlined = static_cast<inlined_calls *>(krv_alloc(hp, sizeof(inlined_calls) +
+                                                                   pieces * (sizeof(uint64_t) + sizeof(uint32_t)) +
+                                                                   found.count * sizeof(inlined_call)));
+    if (inlined == nullptr)
+        return nullptr;
+    inlined->pieces = static_cast<uint32_t>(pieces);
+    inlined->count = found.count;
+    std::copy_n(map.sam_bounds, pieces, inlined->bounds);
+    std::copy_n(map.sam_owners, pieces, inlined->owners());
+    for (uint32_t i = 0; i < found.count; ++i)
+        inlined->calls()[i] = found.calls[i].call;
+    if (krv_forgive(hp))
+        return inlined;
+    krv_free(inlined);
+    return nullptr;
+}
+
 static inlined_calls *collect_inlined(krv_handle_t *hp, const krv_place_t &place, const krv_entry_t &of)
 {
     collected_calls found;
     const int walked = krv_entry_walk(
         hp, place, of,
-        [](const krv_planned_t *planned) {
-            return planned->tag == DW_TAG_subprogram || is_inlined_with_code(planned);
-        },
+        [](const krv_planned_t *planned) { return planned->tag == DW_TAG_subprogram || is_inlined_with_code(planned); },
         [&](const krv_entry_t &entry, uint32_t level) {
             if (entry.tag == DW_TAG_subprogram || entry.offset - of.offset > UINT32_MAX)
                 return krv_step::skip; // another function, which is asked for itself
@@ -282,16 +337,7 @@ static inlined_calls *collect_inlined(krv_handle_t *hp, const krv_place_t &place
         return nullptr;
     if (walked == -1)
         tell_of_rest(hp, of.unit);
-    std::unique_ptr<inlined_calls, inlined_deleter> inlined(
-        static_cast<inlined_calls *>(krv_alloc(hp, sizeof(inlined_calls) + found.count * sizeof(inlined_call))));
-    if (inlined == nullptr)
-        return nullptr;
-    inlined->map = {};
-    for (uint32_t i = 0; i < found.count; ++i)
-        inlined->calls[i] = found.calls[i].call;
-    if (!krv_addr_map_make(hp, found.ranges, krv_paint::last, &inlined->map))
-        return nullptr;
-    return krv_forgive(hp) ? inlined.release() : nullptr;
+    return pack_inlined(hp, found);
 }
 
 // ---------------------------------------------------------------------------------------------------------------
@@ -352,7 +398,7 @@ static const inlined_calls *get_inlined(krv_handle_t *hp, krv_ctu_t *cu, functio
     if (krv_entry_load_at(hp, cu, of->entry, &entry) != 0 || !krv_entry_place(hp, cu, &place))
         return nullptr;
     inlined_calls *fresh = collect_inlined(hp, place, entry);
-    return fresh == nullptr ? nullptr : krv_publish(&of->inlined, fresh, free_inlined);
+    return fresh == nullptr ? nullptr : krv_publish(&of->inlined, fresh, krv_free);
 }
 
 // 0, or -1: KRV_ERR_NOTFOUND when no function covers the address.
@@ -371,7 +417,9 @@ static int find_covering(krv_handle_t *hp, uint64_t address, covering *found)
     const inlined_calls *inlined = get_inlined(hp, cu, of);
     if (inlined == nullptr)
         return -1;
-    found->inlined = krv_addr_map_find(&inlined->map, address);
+    const size_t begun =
+        krv_count_not_above(inlined->bounds, size_t{inlined->pieces}, address, [](uint64_t b) { return b; });
+    found->inlined = begun == 0 ? NONE : inlined->owners()[begun - 1];
     return 0;
 }
 
@@ -404,16 +452,6 @@ static void read_place_of_call(krv_handle_t *hp, krv_call_t *call)
     }
 }
 
-// DW_LANG_* of a unit, or 0.
-static uint32_t language_of(const krv_ctu_t *cu)
-{
-    const krv_abbrev_t *abbrev = cu->dcu_compile_unit->dwdie_abbrev_cache;
-    for (uint32_t i = 0; i < abbrev->dwa_nafpairs; ++i)
-        if (abbrev->dwa_afpairs[i].dwafp_attribute == DW_AT_language)
-            return static_cast<uint32_t>(cu->dcu_compile_unit->dwdie_attrs[i].sa_u.su_unsigned);
-    return 0;
-}
-
 static void take_names(const krv_function_names *names, krv_call_t *call)
 {
     if (names == nullptr)
@@ -425,27 +463,36 @@ static void take_names(const krv_function_names *names, krv_call_t *call)
     call->decl_line = names->decl_line;
 }
 
-// What an inlined call is, without a look at its entry.
+// The cursor on an entry of which take_head has kept what it needs. False: messages.
+template <typename T>
+static bool load_head(krv_handle_t *hp, krv_ctu_t *cu, const krv_plan *plan, uint64_t offset, uint32_t tag,
+                      const T &from, krv_entry_t *entry)
+{
+    if (from.is_cut)
+        return krv_entry_load_at(hp, cu, offset, entry) == 0;
+    entry->unit = cu;
+    entry->offset = offset;
+    entry->tag = tag;
+    entry->has_children = from.has_children;
+    entry->is_alternate = cu->dcu_section == KRV_SEC_EXT_ALT_INFO;
+    entry->at = offset + from.code_size;
+    entry->abbreviation = &plan->sp_planned[from.row];
+    return true;
+}
+
 static int make_inlined(krv_handle_t *hp, krv_ctu_t *cu, const krv_plan *plan, uint64_t entry, const inlined_call &from,
                         krv_call_t *call)
 {
     *call = {};
     call->is_inlined = 1;
     take_names(from.names, call);
+    if (!load_head(hp, cu, plan, entry, DW_TAG_inlined_subroutine, from, &call->entry))
+        return -1;
     if (from.is_cut) {
-        if (krv_entry_load_at(hp, cu, entry, &call->entry) != 0)
-            return -1;
         read_place_of_call(hp, call);
         return 0;
     }
-    const krv_planned_t *planned = &plan->sp_planned[from.row];
-    call->entry.unit = cu;
-    call->entry.offset = entry;
-    call->entry.tag = planned->tag;
-    call->entry.has_children = planned->has_children();
-    call->entry.at = entry + from.code_size;
-    call->entry.abbreviation = planned;
-    call->call_unit = from.file != 0 || krv_has_attribute(planned->abbrev, DW_AT_call_file) ? cu : nullptr;
+    call->call_unit = from.has_file ? cu : nullptr;
     call->call_file = from.file;
     call->call_line = from.line;
     call->call_column = from.column;
@@ -453,10 +500,10 @@ static int make_inlined(krv_handle_t *hp, krv_ctu_t *cu, const krv_plan *plan, u
     return 0;
 }
 
-static int make_function(krv_handle_t *hp, krv_ctu_t *cu, function *from, krv_call_t *call)
+static int make_function(krv_handle_t *hp, krv_ctu_t *cu, const krv_plan *plan, function *from, krv_call_t *call)
 {
     *call = {};
-    if (krv_entry_load_at(hp, cu, from->entry, &call->entry) != 0)
+    if (!load_head(hp, cu, plan, from->entry, DW_TAG_subprogram, *from, &call->entry))
         return -1;
     const krv_function_names *names = krv_load(&from->names);
     if (names == nullptr) {
@@ -478,15 +525,14 @@ static int make_function(krv_handle_t *hp, krv_ctu_t *cu, function *from, krv_ca
 static int make_chain(krv_handle_t *hp, const covering &at, krv_call_t *calls, size_t room, bool keeps_last,
                       size_t *countp)
 {
-    function *of = &krv_load(&at.unit->dcu_calls)->sc_functions[at.function];
+    const krv_calls *of_unit = krv_load(&at.unit->dcu_calls);
+    function *of = &of_unit->sc_functions[at.function];
     const inlined_calls *inlined = at.inlined == NONE ? nullptr : krv_load(&of->inlined);
-    const krv_plan *plan = krv_cu_plan(hp, at.unit);
-    if (plan == nullptr)
-        return -1;
-    const uint32_t language = language_of(at.unit);
+    const krv_plan *plan = of_unit->sc_plan;
+    const uint32_t language = of_unit->sc_language;
     size_t count = 0;
-    for (uint32_t i = at.inlined; i != NONE; i = inlined->calls[i].caller, ++count) {
-        const inlined_call &from = inlined->calls[i];
+    for (uint32_t i = at.inlined; i != NONE; i = inlined->calls()[i].caller, ++count) {
+        const inlined_call &from = inlined->calls()[i];
         if (count >= room)
             continue;
         if (make_inlined(hp, at.unit, plan, of->entry + from.entry, from, &calls[count]) != 0)
@@ -497,7 +543,7 @@ static int make_chain(krv_handle_t *hp, const covering &at, krv_call_t *calls, s
     *countp = keeps_last ? last + 1 : count + 1;
     if (last >= room)
         return 0;
-    if (make_function(hp, at.unit, of, &calls[last]) != 0)
+    if (make_function(hp, at.unit, plan, of, &calls[last]) != 0)
         return -1;
     calls[last].language = language;
     return 0;

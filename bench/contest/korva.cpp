@@ -116,7 +116,7 @@ static uint64_t chain_at(krv_handle_t *hp, uint64_t address)
         const krv_call_t &call = calls[i];
         check += call_check(call.linkage_name != nullptr ? call.linkage_name : call.name, path, line);
         line = call.call_line;
-        if (call.is_inlined == 0 || korva_cu_get_file(hp, call.entry.unit, call.call_file, &file) != 0)
+        if (call.call_unit == nullptr || korva_cu_get_file(hp, call.call_unit, call.call_file, &file) != 0)
             file = nullptr;
     }
     return check;
