@@ -616,17 +616,18 @@ static bool may_keep(krv_handle_t *hp, krv_offset_t offset, uint64_t end, krv_se
 // Compilers write the same table for many units.
 // ---------------------------------------------------------------------------------------------------------------
 
-// Bytes of a table that is in memory and regular; 0: it is not, or too many were read for this already.
+// Bytes of a table that is in memory and regular; 0: it is not, too many were read for this already, or the handle has no
+// extensions, where a table is read once.
 static uint64_t sound_size(krv_handle_t *hp, krv_offset_t offset)
 {
     constexpr uint64_t MOST_READINGS = 4; // of a byte, on the average
     const krv_fd_t *fdp = &hp->sh_sec[KRV_SEC_ABBREV];
-    if (krv_fd_is_cb(fdp) || offset >= fdp->sfd_size || hp->sh_abbrev_compared / MOST_READINGS > fdp->sfd_size)
+    if (hp->sh_ext == 0 || krv_fd_is_cb(fdp) || offset >= fdp->sfd_size ||
+        hp->sh_abbrev_compared / MOST_READINGS > fdp->sfd_size)
         return 0;
     const uint8_t *const begin = fdp->sfd_u.buf + offset, *at = begin;
     krv_single_abbrev_t first;
-    const auto check = hp->sh_ext == 0 ? check_abbrevs<base_forms> : check_abbrevs<extended_forms>;
-    const bool is_sound = check(&at, fdp->sfd_u.buf + fdp->sfd_size, 1, false, &first);
+    const bool is_sound = check_abbrevs<extended_forms>(&at, fdp->sfd_u.buf + fdp->sfd_size, 1, false, &first);
     const auto size = static_cast<uint64_t>(at - begin);
     hp->sh_abbrev_compared = hp->sh_abbrev_compared + size;
     return is_sound ? size : 0;

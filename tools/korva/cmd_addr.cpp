@@ -71,6 +71,8 @@ public:
     /** Asks; the answer may wait. */
     void ask(std::string_view input);
     void answer_waiting();
+    /** A blank line asks for nothing, and is answered so. */
+    void answer_nothing(std::string_view input);
     int finish();
 
     answers &out() { return m_out; }
@@ -402,11 +404,7 @@ void addr_run::ask_for_names(std::string_view input)
 void addr_run::ask(std::string_view input)
 {
     constexpr size_t MOST_WAITING = 8192;
-    if (trim(input).empty()) { // asks for nothing, and is answered so
-        answer_waiting();
-        make_text({.text = input, .shown = {}, .address = {}}, {});
-        print(m_line);
-    } else if (const auto number = m_reader.read_number(input)) {
+    if (const auto number = m_reader.read_number(input)) {
         m_waiting.push_back({std::string(input), question_for({}, {*number, true})});
         if (m_waiting.size() == MOST_WAITING)
             answer_waiting();
@@ -414,6 +412,13 @@ void addr_run::ask(std::string_view input)
         answer_waiting();
         ask_for_names(input);
     }
+}
+
+void addr_run::answer_nothing(std::string_view input)
+{
+    answer_waiting();
+    make_text({.text = input, .shown = {}, .address = {}}, {});
+    print(m_line);
 }
 
 int addr_run::finish()
@@ -445,7 +450,10 @@ static int run_addr(const addr_options &options)
             run.out().flush();
         };
         while (const auto line = lines.next(before_reading))
-            run.ask(*line);
+            if (trim(*line).empty())
+                run.answer_nothing(*line);
+            else
+                run.ask(*line);
         return run.finish();
     }
     progress shown(fmt::format("{}: addresses", options.file), options.inputs.size(), progress::mode::answering);
