@@ -337,7 +337,8 @@ static found search_by(table_search *s)
     return outcome;
 }
 
-// As many nodes as there are ranges with more than the last entries, within reason. None where memory is short.
+// As many nodes as there are ranges with more than the last entries, within reason. None where memory is short, and until
+// a search has found something: a table of which only the count is large has no memory.
 static void find_guide(table_search *s, krv_eh_frame_reader_data *data)
 {
     const auto count = static_cast<uint32_t>(data->sefh_fde_count);
@@ -347,6 +348,8 @@ static void find_guide(table_search *s, krv_eh_frame_reader_data *data)
         return;
     s->guide = krv_load(&data->sefh_guide);
     if (s->guide == nullptr) {
+        if (data->sefh_likely_address == 0)
+            return;
         auto *fresh = static_cast<krv_eh_guide_node *>(krv_zalloc(s->hp, nodes * sizeof(krv_eh_guide_node)));
         krv_clear_error(s->hp);
         if (fresh == nullptr)
