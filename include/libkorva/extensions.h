@@ -237,11 +237,11 @@ KORVA_API const char *korva_lnfe_path(krv_handle_t *hp, krv_lnfe_t *lnfep, boole
  * arrays of @p count. Addresses are as korva_lookup_row takes them; the order is the caller's, and several may be the same.
  *
  * Addresses that ascend are answered by one walk over the rows; others are sorted for it first, in 16 bytes of memory an
- * address (32 beyond 4 GiB of addresses) that are freed before the call returns. One at a time is faster than by the two functions, too. Other threads may
- * ask at the same time.
+ * address, or 32 where they span 4 GiB, which are freed before the call returns. One address at a time takes less time than
+ * by the two functions, too. Other threads may ask at the same time.
  *
- * Errors, and then what is stored is not defined: KRV_ERR_INVALID for a NULL argument; KRV_ERR_NOMEM; KRV_ERR_IO where a
- * section cannot be read; those of korva_lookup_ctu_by_addr that speak of all addresses.
+ * Errors, and then what is stored is not defined: KRV_ERR_INVALID for a NULL handle or array, if @p count is not 0;
+ * KRV_ERR_NOMEM; KRV_ERR_IO where a section cannot be read; those of korva_lookup_ctu_by_addr that speak of all addresses.
  */
 KORVA_API int korva_lookup_rows(krv_handle_t *hp, const uint64_t *addrs, size_t count, krv_lookup_flag_t flags,
                                 krv_ctu_t **units, krv_row_t *rows);
