@@ -234,7 +234,8 @@ KORVA_API const char *korva_lnfe_path(krv_handle_t *hp, krv_lnfe_t *lnfep, boole
  * korva_lookup_row stores for @p addrs [i] in a range of that address alone, in the unit that korva_lookup_ctu_by_addr
  * finds for it with these @p flags, and element i of @p units, unless NULL, that unit. Without a unit that is NULL; without
  * a row, also where the unit's line numbers cannot be read, number is KRV_ROW_NONE and everything else 0. All three are
- * arrays of @p count. Addresses are as korva_lookup_row takes them; the order is the caller's, and several may be the same.
+ * arrays of @p count. Addresses are as korva_lookup_row takes them, with the bias of KRV_OPT_BASE_ADDR, which the unit is
+ * looked up without; the order is the caller's, and several may be the same.
  *
  * Addresses that ascend are answered by one walk over the rows; others are sorted for it first, in 16 bytes of memory an
  * address, or 32 where they span 4 GiB, which are freed before the call returns. One address at a time takes less time than
