@@ -36,6 +36,7 @@ struct record_walk {
     krv_handle_t *hp;
     krv_reader_t *reader;
     krv_linear_t *lt;
+    bool fdes_first;                         // most are: fewer reads fail, but the last failure may be another one
     uint64_t refused = 0, first_refused = 0; // records that were stepped over, and the offset of the first
 };
 
@@ -53,39 +54,50 @@ static int step_over(record_walk *walk, uint64_t offset, uint64_t *sizep)
     return 0;
 }
 
-// Reads the record at `offset` and gives its size; an FDE goes into the table. -1 when there is no record.
-static int walk_record(record_walk *walk, uint64_t offset, uint64_t *sizep)
+static bool walk_cie(record_walk *walk, uint64_t offset, uint64_t *sizep)
 {
-    krv_handle_t *hp = walk->hp;
-    krv_linear_t *lt = walk->lt;
-    const krv_cie_owner ciep(krv_get_cie_by_offset(hp, offset), {hp});
-    if (ciep != nullptr) {
+    const krv_cie_owner ciep(krv_get_cie_by_offset(walk->hp, offset), {walk->hp});
+    if (ciep != nullptr)
         *sizep = ciep->scie_section_length;
-        return 0;
-    }
-    if (hp->sh_errno == KRV_ERR_NOMEM) // says nothing about what is there
-        return -1;
-    const krv_fde_owner fdep(krv_get_fde_by_offset(hp, offset), {hp});
-    if (fdep == nullptr)
-        return step_over(walk, offset, sizep);
-    if (!krv_table_grow(hp, &lt->sl_table, &lt->sl_table_size, lt->sl_table_entries, uint64_t{1}))
-        return -1;
+    return ciep != nullptr;
+}
+
+// An FDE goes into the table.
+static bool walk_fde(record_walk *walk, uint64_t offset, uint64_t *sizep)
+{
+    krv_linear_t *lt = walk->lt;
+    const krv_fde_owner fdep(krv_get_fde_by_offset(walk->hp, offset), {walk->hp});
+    if (fdep == nullptr ||
+        !krv_table_grow(walk->hp, &lt->sl_table, &lt->sl_table_size, lt->sl_table_entries, uint64_t{1}))
+        return false;
     lt->sl_table[lt->sl_table_entries++] = {fdep->sfde_target_address, offset};
     *sizep = fdep->sfde_section_length;
-    return 0;
+    return true;
+}
+
+// Reads the record at `offset` and gives its size. -1 when there is no record. No record is both.
+static int walk_record(record_walk *walk, uint64_t offset, uint64_t *sizep)
+{
+    for (const bool is_fde : {walk->fdes_first, !walk->fdes_first}) {
+        if ((is_fde ? walk_fde : walk_cie)(walk, offset, sizep))
+            return 0;
+        if (walk->hp->sh_errno == KRV_ERR_NOMEM) // says nothing about what is there
+            return -1;
+    }
+    return step_over(walk, offset, sizep);
 }
 
 // The walk ends at what is neither CIE nor FDE. It also ends where a record's size does not lead forward, and after as
 // many records as no program has, so that no memory, and no read call-back that invents records for ever, keeps it going.
 constexpr int32_t MOST_RECORDS = 1 << 24;
 
-static krv_linear_t *build_linear_table(krv_handle_t *hp, krv_reader_t *reader)
+static krv_linear_t *build_linear_table(krv_handle_t *hp, krv_reader_t *reader, bool fdes_first)
 {
     krv_linear_owner lt(krv_new<krv_linear_t>(hp));
     if (lt == nullptr)
         return nullptr;
     uint64_t offset = 0, size = 0;
-    record_walk walk = {hp, reader, lt.get()};
+    record_walk walk = {hp, reader, lt.get(), fdes_first};
     for (int32_t records = 0; records < MOST_RECORDS && walk_record(&walk, offset, &size) == 0; ++records) {
         if (size == 0 || size > UINT64_MAX - offset)
             break;
@@ -107,18 +119,18 @@ static krv_linear_t *build_linear_table(krv_handle_t *hp, krv_reader_t *reader)
     return lt.release();
 }
 
-static krv_linear_t *get_linear_table(krv_handle_t *hp, krv_reader_t *reader)
+static krv_linear_t *get_linear_table(krv_handle_t *hp, krv_reader_t *reader, bool fdes_first = false)
 {
     if (krv_linear_t *known = krv_load(&reader->sr_lt))
         return known;
-    krv_linear_t *fresh = build_linear_table(hp, reader);
+    krv_linear_t *fresh = build_linear_table(hp, reader, fdes_first);
     return fresh == nullptr ? nullptr : krv_publish(&reader->sr_lt, fresh, krv_linear_deleter());
 }
 
 const krv_linear_t *krv_get_linear_table(krv_handle_t *hp)
 {
     krv_reader_t *reader = krv_need_reader(hp);
-    return reader == nullptr ? nullptr : get_linear_table(hp, reader);
+    return reader == nullptr ? nullptr : get_linear_table(hp, reader, true);
 }
 
 static int search_linear_table(krv_handle_t *hp, const krv_linear_t *lt, uint64_t address, index_entry *entry)

@@ -6,6 +6,8 @@
 
 #include "input.h"
 
+#include <cstdio>
+
 namespace krv_fuzz
 {
 
@@ -41,8 +43,12 @@ inline void walk_alike(krv_handle_t *hp, krv_activation_t *ap, krv_handle_t *kep
 {
     for (int frame = 0; frame < 20; ++frame) {
         const frame_answer one(hp, ap), other(kept, ap_kept);
-        if (std::memcmp(&one, &other, sizeof(one)) != 0)
+        if (std::memcmp(&one, &other, sizeof(one)) != 0) {
+            for (const frame_answer &a : {one, other})
+                std::fprintf(stderr, "result %d %d, mask %lx, of %lx+%lx %d, %u arguments\n", a.result, a.code, a.mask,
+                             a.info.start, a.info.size, a.info.is_signal, a.argc);
             std::abort();
+        }
         if (korva_activation_unwind(hp, ap) != 0 || korva_activation_unwind(kept, ap_kept) != 0)
             break;
     }

@@ -238,6 +238,40 @@ static void frames(unsigned count)
     measure_end("frames", count, count);
 }
 
+// The same with the promise that call-frame information is constant: the table of all rules, rules by it, and the stack
+// in one call.
+static void constant_frames(unsigned count)
+{
+    process p(count, count);
+    handle h;
+    p.attach(h);
+    korva_handle_set_opt(h, KRV_OPT_EXT_CONSTANT_FRAMES, uint64_t{1});
+    const krv_activation_owner ap(korva_activation_alloc(h));
+    measure_begin();
+    check(korva_frames_prefill(h) == 0, "table");
+    measure_end("prefill", count, count);
+
+    uint64_t column, seed = 1;
+    measure_begin();
+    for (unsigned i = 0; i < LOOKUPS; ++i)
+        check(krv_generate_rules(h, ap.get(), 0x1000 + next_number(&seed) % (16 * count), &column) == 0, "kept rules");
+    measure_end("kept", count, LOOKUPS);
+
+    const krv_stack_module_t module = {h, 0};
+    krv_stack_t stack = {};
+    stack.modules = &module;
+    stack.nmodules = 1;
+    stack.gregs[KRV_HOST_RSP] = static_cast<krv_greg_t>(process::STACK);
+    stack.gregs[KRV_HOST_RIP] = 0x1008;
+    stack.mask = uint64_t{1} << KRV_HOST_RSP | uint64_t{1} << KRV_HOST_RIP;
+    stack.read = process::read;
+    stack.arg = &p;
+    std::vector<uint64_t> addresses(count);
+    measure_begin();
+    check(korva_stack_addresses(&stack, addresses.data(), count, nullptr) == count, "stack");
+    measure_end("stack", count, count);
+}
+
 int main()
 {
     for (unsigned times = 1; times <= 8; times *= 2) {
@@ -246,6 +280,7 @@ int main()
         rows(1000 * times, PLAIN);
         functions(200 * times);
         frames(50 * times);
+        constant_frames(200 * times);
     }
     for (unsigned times = 1; times <= 8; times *= 2)
         for (const input &in : {DWARF_4, DWARF_5}) {
