@@ -114,7 +114,7 @@ static row new_row(cfi_run *run, uint64_t location)
     if (location > run->rules->pc)
         return row::reached;
     if (run->rules->row != nullptr && location != run->location)
-        run->rules->row(run->rules->row_arg, run->location, location);
+        run->rules->row(run->rules->row_arg, run->rules->changed, run->location, location);
     run->location = location;
     return row::next;
 }

@@ -7,8 +7,9 @@
 #include "krv_cfa_decode.h"
 #include "krv_rule.h"
 
-// A row that is not empty: its rules are those in hand, of all addresses from `start` up to `end`.
-typedef void krv_row_f(void *arg, uint64_t start, uint64_t end);
+// A row that is not empty: its rules are those in hand, of all addresses from `start` up to `end`, of which `changed` were
+// set.
+typedef void krv_row_f(void *arg, const krv_slots_t &changed, uint64_t start, uint64_t end);
 
 // What instructions are executed on: rules, one a slot, the last one the CFA's.
 //

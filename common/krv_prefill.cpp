@@ -219,9 +219,10 @@ static krv_compact_number_t number_rules(filling *f)
     return number == KRV_COMPACT_ASK ? give_up(f) : number;
 }
 
-static void visit_row(void *arg, uint64_t start, uint64_t end)
+static void visit_row(void *arg, const krv_slots_t &changed, uint64_t start, uint64_t end)
 {
     auto *f = static_cast<filling *>(arg);
+    f->ap->sa_current_changed.add(changed);
     add_row(f, start, number_rules(f));
     f->behind = end;
 }

@@ -172,20 +172,22 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     for (const bool filled : {false, true}) {
         if (how.has_faults() || (filled && has_table))
             continue;
-        krv_fuzz::handle kept(how);
+        krv_fuzz::handle plain(how), kept(how);
+        attach(plain);
         attach(kept);
         korva_handle_set_opt(kept, KRV_OPT_EXT_CONSTANT_FRAMES, uint64_t{1});
         if (filled)
             korva_frames_prefill(kept);
-        krv_activation_t *ap_kept = korva_activation_alloc(kept);
+        krv_activation_t *ap_plain = korva_activation_alloc(plain), *ap_kept = korva_activation_alloc(kept);
         for (const uint64_t pc : {pcs[0], pcs[0], pcs[1], pcs[2], pcs[2]}) {
-            load(h, ap, pc);
+            load(plain, ap_plain, pc);
             load(kept, ap_kept, pc);
-            krv_fuzz::walk_alike(h, ap, kept, ap_kept);
-            load(h, ap, pc);
+            krv_fuzz::walk_alike(plain, ap_plain, kept, ap_kept);
+            load(plain, ap_plain, pc);
             if (filled)
-                krv_fuzz::walk_by_table(h, ap, kept, gregs, &target);
+                krv_fuzz::walk_by_table(plain, ap_plain, kept, gregs, &target);
         }
+        korva_activation_free(ap_plain);
         korva_activation_free(ap_kept);
     }
     korva_activation_free(ap);

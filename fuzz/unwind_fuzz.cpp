@@ -33,21 +33,24 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     for (const bool filled : {false, true}) { // as in frames_fuzz.cpp
         if (in.has_faults() || (filled && hdr != 0))
             continue;
-        krv_fuzz::handle kept(in);
+        krv_fuzz::handle plain(in), kept(in);
+        attach(plain);
         attach(kept);
         korva_handle_set_opt(kept, KRV_OPT_EXT_CONSTANT_FRAMES, uint64_t{1});
         if (filled)
             korva_frames_prefill(kept);
-        krv_activation_t *ap_kept = korva_activation_alloc(kept);
+        krv_activation_t *ap_plain = korva_activation_alloc(plain), *ap_kept = korva_activation_alloc(kept);
         for (const uint64_t at : pcs)
             for (int times = 0; times < 2; ++times) {
-                for (const auto &[hp, of] : {std::pair<krv_handle_t *, krv_activation_t *>{h, ap}, {kept, ap_kept}}) {
+                for (const auto &[hp, of] :
+                     {std::pair<krv_handle_t *, krv_activation_t *>{plain, ap_plain}, {kept, ap_kept}}) {
                     korva_activation_set_regs(hp, of, gregs, UINT64_MAX, nullptr);
                     korva_activation_set_greg(hp, of, KRV_ACTIVATION_REG_LIBRARY, KRV_REG_PC,
                                               static_cast<krv_greg_t>(at));
                 }
-                krv_fuzz::walk_alike(h, ap, kept, ap_kept);
+                krv_fuzz::walk_alike(plain, ap_plain, kept, ap_kept);
             }
+        korva_activation_free(ap_plain);
         korva_activation_free(ap_kept);
     }
     korva_activation_free(ap);

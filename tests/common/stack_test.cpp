@@ -12,8 +12,6 @@ using namespace krv_test;
 namespace
 {
 
-constexpr auto DWARF = KRV_ACTIVATION_REG_DWARF, LIBRARY = KRV_ACTIVATION_REG_LIBRARY;
-constexpr auto CALLER = KRV_ACTIVATION_FRAME_CALLER;
 constexpr unsigned CODE = 0x20; // bytes of the functions here
 
 bytes block(const bytes &expression)
@@ -90,7 +88,8 @@ TEST(Stack, KeptRulesSayTheSame)
          next + op(DW_CFA_register).uleb(3).uleb(0) + next + op(DW_CFA_val_offset).uleb(6).uleb(1) + next +
              op(DW_CFA_offset, 1).uleb(2) + next + op(DW_CFA_same_value).uleb(2),
          0},
-        {"of other registers", next + op(DW_CFA_offset_extended).uleb(17).uleb(3), 0},
+        {"of other registers", next + op(DW_CFA_offset_extended).uleb(17).uleb(3) + next + op(DW_CFA_offset, 2).uleb(1),
+         0},
         {"odd and far", next + op(DW_CFA_offset, 3).uleb(40000) + next + op(DW_CFA_def_cfa).uleb(5).uleb(3), 0},
         {"a stack pointer", next + op(DW_CFA_same_value).uleb(7) + op(DW_CFA_same_value).uleb(4), 0},
         {"a far CFA", next + op(DW_CFA_def_cfa).uleb(17).uleb(8), CODE - 4},
