@@ -257,7 +257,7 @@ static bool index_rows(filling *f)
     krv_compact_table *table = f->table;
     const uint64_t last = table->offsets[table->rows - 1];
     table->size = last + 1;
-    table->shift = static_cast<unsigned>(std::bit_width(table->size / table->rows));
+    table->shift = std::min(static_cast<unsigned>(std::bit_width(table->size / table->rows)), 31U); // of 32 bits
     const uint64_t blocks = (last >> table->shift) + 1;
     table->blocks = static_cast<uint32_t *>(krv_alloc(f->hp, (blocks + 1) * sizeof(uint32_t)));
     if (table->blocks == nullptr)

@@ -51,7 +51,8 @@ static bool read_word(stack_walk *w, uint64_t address, uint64_t *valuep)
     } else {
         if (address < s->low || address > s->high || s->high - address < w->word)
             return w->end(KRV_STACK_MEMORY);
-        std::memcpy(&value, reinterpret_cast<const void *>(address), static_cast<size_t>(w->word));
+        const auto *own = reinterpret_cast<const void *>(address); // NOLINT(performance-no-int-to-ptr)
+        std::memcpy(&value, own, static_cast<size_t>(w->word));
     }
     *valuep = value;
     return true;

@@ -276,3 +276,16 @@ TEST(Stack, Options)
     EXPECT_EQ(korva_frames_prefill(none), -1);
     EXPECT_EQ(korva_handle_get_errno(none), KRV_ERR_NOTFOUND);
 }
+
+// A table reaches 4 GiB; what lies behind is asked of the records.
+TEST(Stack, BeyondTheTable)
+{
+    function f{.rows = op(DW_CFA_advance_loc, 8) + op(DW_CFA_def_cfa_offset).uleb(16),
+               .size = (uint64_t{1} << 32) + 64};
+    f.initial = op(DW_CFA_def_cfa).uleb(7).uleb(8) + op(DW_CFA_offset, 16).uleb(1);
+    stopped plain(f), filled(f);
+    korva_handle_set_opt(filled.h, KRV_OPT_EXT_CONSTANT_FRAMES, uint64_t{1});
+    ASSERT_EQ(korva_frames_prefill(filled.h), 0) << filled.h.error();
+    for (const uint64_t pc : {f.start, f.start + 8, f.start + UINT32_MAX, f.start + f.size - 1})
+        EXPECT_EQ(frame(filled, pc, 17), frame(plain, pc, 17)) << std::hex << pc;
+}
