@@ -7,6 +7,8 @@
 #include "krv_error.h"
 #include "krv_ext.h"
 
+#include <bit>
+
 namespace
 {
 
@@ -160,6 +162,7 @@ static bool resolve(const reading &r, krv_then then)
     case krv_then::find_string:
     case krv_then::is_set:
     case krv_then::small_block:
+    case krv_then::text:
     case krv_then::implicit:
     case krv_then::other:
         attr->is_alternate = attr->kind == KRV_ATTR_REFERENCE && r.entry->is_alternate != 0;
@@ -237,6 +240,17 @@ static inline bool take_small_block(const krv_value_row &row, const uint8_t *at,
     return attr->size <= static_cast<uint64_t>(end - at) - 1 && (attr->size < 0x80 || row.width == 1);
 }
 
+// A text that ends within `bytes`, which begin where it does.
+static inline bool take_small_text(uint64_t bytes, const uint8_t *at, krv_attr_t *attr)
+{
+    constexpr uint64_t ONES = 0x0101010101010101;
+    const uint64_t nul = (bytes - ONES) & ~bytes & (ONES << 7); // the lowest bit set is of the first one
+    attr->number = 0;
+    attr->bytes = at;
+    attr->size = static_cast<uint64_t>(std::countr_zero(nul)) / 8;
+    return nul != 0;
+}
+
 static_assert(offsetof(krv_attr_t, kind) - offsetof(krv_attr_t, form) == offsetof(krv_value_row, kind) &&
               offsetof(krv_attr_t, is_signed) - offsetof(krv_attr_t, form) == offsetof(krv_value_row, is_signed));
 
@@ -275,6 +289,11 @@ static inline size_t read_common(krv_handle_t *hp, const krv_place_t &place, krv
             if (!take_small_block(row, at, end, attr))
                 break;
             at = attr->bytes + attr->size;
+            continue;
+        } else if (row.then == krv_then::text) {
+            if (!take_small_text(number, at, attr))
+                break;
+            at += attr->size + 1;
             continue;
         } else {
             break;

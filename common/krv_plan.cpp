@@ -57,6 +57,8 @@ constexpr krv_then then_of(uint8_t code, const krv_form_row_t &row)
     case DW_FORM_block:
     case DW_FORM_exprloc:
         return krv_then::small_block;
+    case DW_FORM_string:
+        return krv_then::text;
     case DW_FORM_addr:
         return krv_then::nothing;
     default:

@@ -17,13 +17,14 @@ struct krv_plan_step {
     krv_form_t form; // and then a value of this form; 0: none
 };
 
-// What has to be done for a value, the commonest first; up to `small_block` krv_entry_attr.cpp reads it in a loop of its own.
+// What has to be done for a value, the commonest first; up to `text` krv_entry_attr.cpp reads it in a loop of its own.
 enum class krv_then : uint8_t {
     nothing,     // it is a number, which says it all
     in_unit,     // a narrow number that counts from the unit
     find_string, // in .debug_str
     is_set,
     small_block, // whose length mostly takes a byte
+    text,
     implicit,
     other, // what was read is no number
     in_unit_by_wide_number,
