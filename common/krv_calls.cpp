@@ -458,6 +458,7 @@ static void take_names(const krv_function_names *names, krv_call_t *call)
         return;
     call->name = names->name;
     call->linkage_name = names->linkage_name;
+    __builtin_prefetch(names->linkage_name != nullptr ? names->linkage_name : names->name);
     call->decl_unit = names->decl_unit;
     call->decl_file = names->decl_file;
     call->decl_line = names->decl_line;
@@ -531,6 +532,10 @@ static int make_chain(krv_handle_t *hp, const covering &at, krv_call_t *calls, s
     const krv_plan *plan = of_unit->sc_plan;
     const uint32_t language = of_unit->sc_language;
     size_t count = 0;
+    // Names lie all over memory: they are fetched together, and not each when its turn has come.
+    __builtin_prefetch(of->names);
+    for (uint32_t i = at.inlined; i != NONE; i = inlined->calls()[i].caller)
+        __builtin_prefetch(inlined->calls()[i].names);
     for (uint32_t i = at.inlined; i != NONE; i = inlined->calls()[i].caller, ++count) {
         const inlined_call &from = inlined->calls()[i];
         if (count >= room)
