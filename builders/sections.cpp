@@ -65,8 +65,8 @@ bytes unit::build() const
     if (kind == 0)
         rest.offset(dwarf64, abbrev_offset).u8(address_size);
     else
-        rest.u8(kind).u8(address_size).offset(dwarf64, abbrev_offset).add(extra);
-    rest.add(dies);
+        rest.u8(kind).u8(address_size).offset(dwarf64, abbrev_offset);
+    rest.add(extra).add(dies);
     return with_length(dwarf64, unit_length, rest).seal();
 }
 

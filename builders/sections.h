@@ -33,7 +33,7 @@ struct unit {
     uint64_t abbrev_offset = 0;
     uint8_t address_size = 8;
     uint8_t kind = 0; // KRV_UNIT_*, of a header in the order of version 5; 0: in that of those before
-    bytes extra = {}; // what such a header has at its end: dwo_id, or type_signature and type_offset
+    bytes extra = {}; // what a header has at its end: dwo_id, or, also before version 5, type_signature and type_offset
     bytes dies = {};  // entries; labels count from the unit's first byte, as DW_FORM_ref4 does
     size_t header_size() const { return (dwarf64 ? 23 : 11) + (kind == 0 ? 0 : 1) + extra.size(); }
 

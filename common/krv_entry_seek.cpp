@@ -1,9 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "krv_entry_seek.h"
 
-#include "krv_alternate.h"
 #include "krv_error.h"
 #include "krv_ext.h"
+#include "krv_side_units.h"
+#include "krv_signature.h"
 #include "krv_units.h"
 
 #include <algorithm>
@@ -12,7 +13,7 @@
 static krv_ctu_t *find_unit(krv_handle_t *hp, krv_secidx_t sec, uint64_t offset)
 {
     if (sec == KRV_SEC_EXT_ALT_INFO)
-        return krv_alternate_find(hp, offset);
+        return krv_side_units_find(hp, sec, offset);
     if (sec != KRV_SEC_INFO) {
         krv_fail(hp, KRV_ERR_INVALID, "invalid section (%d)", sec);
         return nullptr;
@@ -38,6 +39,8 @@ int krv_entry_seek(krv_handle_t *hp, krv_secidx_t sec, uint64_t offset, krv_entr
 
 int krv_entry_follow(krv_handle_t *hp, const krv_entry_t *entry, const krv_attr_t *attr, krv_entry_t *to)
 {
+    if (attr->kind == KRV_ATTR_SIGNATURE)
+        return krv_signature_seek(hp, attr->number, to);
     if (attr->kind != KRV_ATTR_REFERENCE)
         return krv_fail(hp, KRV_ERR_INVALID, "attribute 0x%x is no reference", attr->attribute);
     krv_ctu_t *cu = entry->unit;

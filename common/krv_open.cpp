@@ -5,7 +5,6 @@
 
 #include "krv_abbrev.h"
 #include "krv_addr_index.h"
-#include "krv_alternate.h"
 #include "krv_calls.h"
 #include "krv_compact.h"
 #include "krv_error.h"
@@ -16,6 +15,9 @@
 #include "krv_line.h"
 #include "krv_mem.h"
 #include "krv_named.h"
+#include "krv_scope.h"
+#include "krv_side_units.h"
+#include "krv_signature.h"
 #include "krv_units.h"
 
 #include <cstdarg>
@@ -163,7 +165,9 @@ void korva_handle_free(krv_handle_t *hp)
     krv_destroy_reader(hp);
     krv_compact_destroy(hp);
     krv_addr_index_destroy(hp);
-    krv_alternate_destroy(hp);
+    krv_scopes_destroy(hp);
+    krv_signatures_destroy(hp);
+    krv_side_units_destroy(hp);
     krv_calls_destroy(hp);
     krv_function_names_destroy(hp);
     krv_named_destroy(hp);

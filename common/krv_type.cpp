@@ -6,6 +6,7 @@
 #include "krv_entry_seek.h"
 #include "krv_error.h"
 #include "krv_ext.h"
+#include "krv_scope.h"
 
 #include <algorithm>
 #include <cstdio>
@@ -51,14 +52,22 @@ public:
             return hp->sh_errno == KRV_ERR_NOTFOUND && hp->sh_nerrors == 0 ? 0 : -1;
         if (++steps > MOST_STEPS)
             return krv_entry_refuse(hp, &start, "has a type that leads to too many others");
-        if (attr.kind == KRV_ATTR_SIGNATURE)
-            return krv_fail(hp, KRV_ERR_UNSUPPORTED, "types by signature are not read");
-        return krv_entry_follow(hp, &at, &attr, &at) == 0 ? 1 : -1;
+        return krv_entry_follow(hp, &at, &attr, &at) == 0 ? complete() : -1;
     }
 
     krv_handle_t *hp;
     krv_entry_t start, at;
     unsigned int steps = 0;
+
+private:
+    // A declaration may name the type unit that has the type; where that is not here, it is what is known. 1, or -1.
+    int complete()
+    {
+        krv_attr_t attr;
+        if (korva_entry_get_attr(hp, &at, DW_AT_signature, &attr) == 0 && attr.kind == KRV_ATTR_SIGNATURE)
+            static_cast<void>(krv_entry_follow(hp, &at, &attr, &at));
+        return krv_forgive(hp) ? 1 : -1;
+    }
 };
 
 } // namespace
@@ -106,12 +115,11 @@ static uint64_t dimension(krv_handle_t *hp, const krv_entry_t &subrange)
 template <typename Visit>
 static void visit_dimensions(krv_handle_t *hp, const krv_entry_t &array, const Visit &visit)
 {
-    constexpr unsigned int MOST_DIMENSIONS = 16;
-    krv_entry_t child = array;
-    int moved = korva_entry_child(hp, &child);
-    for (unsigned int i = 0; moved == 0 && i < MOST_DIMENSIONS; ++i, moved = korva_entry_sibling(hp, &child))
-        if (child.tag == DW_TAG_subrange_type)
-            visit(dimension(hp, child));
+    constexpr unsigned int MOST_ENTRIES = 64; // below an array, which has a few
+    krv_entry_t below = array;
+    for (unsigned int i = 0; i < MOST_ENTRIES && korva_entry_next(hp, &below) == 0 && below.depth > array.depth; ++i)
+        if (below.depth == array.depth + 1 && below.tag == DW_TAG_subrange_type)
+            visit(dimension(hp, below));
 }
 
 // Goes on to the first type that is no qualifier and no typedef. 1, 0 at void, or -1.
@@ -195,7 +203,7 @@ public:
     const char *c_str() const { return text + begin; }
 
 private:
-    char text[512] = {};
+    char text[2048] = {};
     size_t begin = sizeof(text) / 2, end = begin;
 };
 
@@ -263,20 +271,46 @@ static bool is_c(krv_handle_t *hp, krv_ctu_t *cu)
     }
 }
 
+// What is written for an entry without a name.
+static const char *unnamed_text(uint32_t tag)
+{
+    return tag == DW_TAG_namespace ? "(anonymous namespace)" : "{...}";
+}
+
+static const char *text_of(const krv_attr_t &attr)
+{
+    return reinterpret_cast<const char *>(attr.bytes);
+}
+
+// Puts the namespaces and types in front of a name that the entry stands in. What cannot be read ends them.
+static void add_scopes(krv_handle_t *hp, const krv_entry_t &entry, declarator *name)
+{
+    krv_entry_t at = entry;
+    for (unsigned int i = 0; i < MOST_STEPS && krv_scope_of(hp, at, &at) == 1; ++i) {
+        krv_attr_t attr;
+        const bool is_named = korva_entry_get_attr(hp, &at, DW_AT_name, &attr) == 0 && attr.kind == KRV_ATTR_STRING;
+        name->prepend("::");
+        name->prepend(is_named ? text_of(attr) : unnamed_text(at.tag));
+    }
+}
+
 // The name that the text begins with: of a type, or what stands for one.
-static void print_name(krv_handle_t *hp, const krv_entry_t &type, char (&name)[256])
+static void add_name(krv_handle_t *hp, const krv_entry_t &type, declarator *name)
 {
     krv_attr_t attr;
     krv_entry_t where;
     const char *keyword = keyword_text(type.tag);
     const bool is_named = krv_entry_find_attr(hp, type, DW_AT_name, &where, &attr) == 0 && attr.kind == KRV_ATTR_STRING;
-    if (is_named)
-        std::snprintf(name, sizeof(name), "%s%s", is_c(hp, type.unit) ? keyword : "",
-                      reinterpret_cast<const char *>(attr.bytes));
-    else if (keyword[0] != '\0')
-        std::snprintf(name, sizeof(name), "%s{...}", keyword);
+    if (!is_named) {
+        name->append(keyword[0] != '\0' ? keyword : "<unnamed type>");
+        name->append(keyword[0] != '\0' ? "{...}" : "");
+        return;
+    }
+    name->append(text_of(attr));
+    if (is_c(hp, type.unit))
+        name->prepend(keyword);
     else
-        std::snprintf(name, sizeof(name), "<unnamed type>");
+        add_scopes(hp, where, name);
 }
 
 // Takes what a type adds to the declarator. False: it has a name.
@@ -320,8 +354,8 @@ int korva_entry_get_type_text(krv_handle_t *hp, const krv_entry_t *entryp, char 
     if (entryp == nullptr || buf == nullptr || size == 0 || entryp->unit == nullptr)
         return krv_fail_code(hp, KRV_ERR_INVALID);
     krv_clear_error(hp);
-    declarator around;
-    char name[256] = "void", qualifiers[64] = "";
+    declarator around, name;
+    char qualifiers[64] = "";
     bool is_inner = false; // the outermost of the declarator is a pointer
     type_walk walk(hp, *entryp);
     int next;
@@ -330,10 +364,12 @@ int korva_entry_get_type_text(krv_handle_t *hp, const krv_entry_t *entryp, char 
     if (next == -1)
         return -1;
     if (next == 1)
-        print_name(hp, walk.at, name);
+        add_name(hp, walk.at, &name);
+    else
+        name.append("void");
     if (!krv_forgive(hp))
         return -1;
-    std::snprintf(buf, size, "%s%s%s%s", qualifiers, name, around.is_empty() ? "" : " ", around.c_str());
+    std::snprintf(buf, size, "%s%s%s%s", qualifiers, name.c_str(), around.is_empty() ? "" : " ", around.c_str());
     size_t length = std::strlen(buf); // "char *const " of a pointer that is constant itself
     while (length != 0 && buf[length - 1] == ' ')
         buf[--length] = '\0';

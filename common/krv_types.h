@@ -9,7 +9,6 @@
 #include "krv_synch.h"
 
 struct krv_addr_index;
-struct krv_alternate;
 struct krv_calls;
 struct krv_compact;
 struct krv_hash;
@@ -18,6 +17,8 @@ struct krv_named;
 struct krv_reader;
 struct krv_retired;
 struct krv_sets;
+struct krv_side_units;
+struct krv_signatures;
 
 constexpr unsigned KRV_MAX_ERRORS = 16;      // message slots of a handle
 constexpr unsigned KRV_MAX_ERROR_SIZE = 256; // bytes of each, the terminating NUL included
@@ -86,11 +87,14 @@ struct krv_handle {
     krv_relaxed<uint64_t> sh_calls_read;   // and for functions and inlined calls
     krv_note_f *sh_note_func;              // NULL: nobody wants to know
     void *sh_note_arg;
-    krv_calls *sh_calls;         // owned: those of all units, in no order
-    krv_alternate *sh_alternate; // owned: units of the alternate file; built on first use, published last
-    krv_hash *sh_function_names; // krv_function_names by the entry that has them, built on first use
-    krv_named *sh_named;         // owned: functions and variables by name; built on first use
-    krv_code_range_t *sh_code;   // owned: see krv_is_code
+    krv_calls *sh_calls;           // owned: those of all units, in no order
+    krv_side_units *sh_alternate;  // owned: units of the alternate file; built on first use, published last
+    krv_side_units *sh_type_units; // owned: those of .debug_types, likewise
+    krv_signatures *sh_signatures; // owned: types by signature, likewise
+    krv_hash *sh_scopes;           // what types stand in, by the unit, built on first use
+    krv_hash *sh_function_names;   // krv_function_names by the entry that has them, built on first use
+    krv_named *sh_named;           // owned: functions and variables by name; built on first use
+    krv_code_range_t *sh_code;     // owned: see krv_is_code
     uint32_t sh_code_size;
     uint32_t sh_code_entries;
     krv_rwlock_t sh_error_lock; // texts of the messages while they are stored; the last lock to be taken

@@ -151,6 +151,11 @@ static int replace_addresses(krv_handle_t *hp, krv_exprstack_t *, krv_activation
         op->opcode = DW_OP_const8u;
         *operand += of->base;
         return of->has_base ? 0 : krv_fail(hp, KRV_ERR_NOTFOUND, "the base of the frame is not known");
+    case DW_OP_form_tls_address:
+    case DW_OP_GNU_push_tls_address:
+        return krv_fail(hp, KRV_ERR_UNSUPPORTED, "the variable is of a thread, whose storage is not looked for");
+    case DW_OP_GNU_parameter_ref:
+        return krv_fail(hp, KRV_ERR_UNSUPPORTED, "only the caller knows the value of the parameter");
     default:
         return 0;
     }

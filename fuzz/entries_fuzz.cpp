@@ -33,10 +33,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     h.attach(KRV_SEC_ABBREV, in.part());
     h.attach(KRV_SEC_STR, in.part());
     if (in.is_extended())
-        for (const krv_secidx_t sec :
-             {KRV_SEC_EXT_STR_OFFSETS, KRV_SEC_EXT_ADDR, KRV_SEC_EXT_RANGES, KRV_SEC_EXT_RNGLISTS,
-              KRV_SEC_EXT_ALT_ABBREV, KRV_SEC_EXT_ALT_INFO, KRV_SEC_EXT_NAMES, KRV_SEC_EXT_GDB_INDEX,
-              KRV_SEC_EXT_GNU_PUBNAMES, krv_secidx_t{KRV_SEC_PUBNAMES}})
+        for (const krv_secidx_t sec : std::initializer_list<krv_secidx_t>{
+                 KRV_SEC_EXT_STR_OFFSETS, KRV_SEC_EXT_ADDR, KRV_SEC_EXT_RANGES, KRV_SEC_EXT_RNGLISTS,
+                 KRV_SEC_EXT_ALT_ABBREV, KRV_SEC_EXT_ALT_INFO, KRV_SEC_EXT_NAMES, KRV_SEC_EXT_GDB_INDEX,
+                 KRV_SEC_EXT_GNU_PUBNAMES, KRV_SEC_PUBNAMES})
             h.attach(sec, in.part());
     h.attach(KRV_SEC_INFO, in.rest());
     korva_iter_cu(h, KRV_SEC_INFO, look_at, nullptr);
@@ -47,8 +47,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     const auto visit = [](krv_handle_t *, size_t, const krv_call_t *, size_t, void *) { return 0; };
     korva_iter_calls(h, addresses, 4, visit, nullptr);
     const auto named = [](krv_handle_t *, const krv_entry_t *, void *) { return 0; };
-    for (const unsigned flags : {unsigned{KRV_NAMED_FUNCTIONS}, KRV_NAMED_FUNCTIONS | KRV_NAMED_INDEXED,
-                                 KRV_NAMED_FUNCTIONS | KRV_NAMED_VARIABLES})
+    for (const unsigned flags : std::initializer_list<unsigned>{
+             KRV_NAMED_FUNCTIONS, KRV_NAMED_FUNCTIONS | KRV_NAMED_INDEXED, KRV_NAMED_FUNCTIONS | KRV_NAMED_VARIABLES})
         for (const char *name : {"f", "main"})
             korva_iter_named_entries(h, name, flags, named, nullptr);
     return 0;

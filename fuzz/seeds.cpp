@@ -224,6 +224,31 @@ static void core()
     write("core_fuzz", b.add(notes).add(some_bytes(512)));
 }
 
+// Names of every language, nested, with references to what came before, and one that refers to itself.
+static void names()
+{
+    static const char *const texts[] = {
+        "_ZNSt6vectorIiSaIiEE9push_backEOi",
+        "_ZN2ns1CIJLi1EPKcEEplIdEEvT_S4_RK1SB5cxx11",
+        "_ZZ4mainENKUlvE_clEv",
+        "_ZNK3fooIXsr3barE1xEEcvT_IiEEv",
+        "_ZGVZ1fvE1s",
+        "_RNvNtCs1234_7mycrate3foo3bar",
+        "_RINvNtC3std3mem8align_ofNtNtC3std3mem12DiscriminantE",
+        "_RNvXs_C1aINtB4_1SpEB4_",
+        "_RIC1aTuuEFG_RL0_hEuE",
+        "_RNvB_1a",
+        "_ZN4core3fmt5Write9write_fmt17h0123456789abcdefE",
+        "_ZN3a$LT$b$GT$17h0123456789abcdefE",
+        "_D3std5stdio__T7writelnTAyaZQnFNfQjZv",
+        "_D1a1b1CFMDFZvZi",
+        "_D1fFS1aQfZv",
+        "_Dmain",
+    };
+    for (const char *text : texts)
+        write("demangle_fuzz", bytes().cstr(text));
+}
+
 static bytes section(krv_handle_t *hp, krv_secidx_t sec)
 {
     krv_fd_t fd = *krv_section(hp, sec);
@@ -256,8 +281,8 @@ static void compiled(const char *path)
     write_modes("info_fuzz", abbrev + part(section(hp, KRV_SEC_STR)) + info, mode);
     write_modes("lookup_fuzz", bytes().u64(0x10).add(part(section(hp, KRV_SEC_ARANGES))).add(abbrev).add(info), mode);
     bytes lists, indexes;
-    for (const krv_secidx_t sec : {krv_secidx_t{KRV_SEC_EXT_NAMES}, krv_secidx_t{KRV_SEC_EXT_GDB_INDEX},
-                                   krv_secidx_t{KRV_SEC_EXT_GNU_PUBNAMES}, krv_secidx_t{KRV_SEC_PUBNAMES}})
+    for (const krv_secidx_t sec : std::initializer_list<krv_secidx_t>{KRV_SEC_EXT_NAMES, KRV_SEC_EXT_GDB_INDEX,
+                                                                      KRV_SEC_EXT_GNU_PUBNAMES, KRV_SEC_PUBNAMES})
         indexes += part(section(hp, sec));
     for (const krv_secidx_t sec : {KRV_SEC_EXT_STR_OFFSETS, KRV_SEC_EXT_ADDR, KRV_SEC_EXT_RANGES, KRV_SEC_EXT_RNGLISTS})
         lists += part(section(hp, sec));
@@ -307,6 +332,7 @@ int main(int argc, char **argv)
     lines();
     frames();
     core();
+    names();
     for (int i = 2; i < argc; ++i)
         compiled(argv[i]);
     return 0;

@@ -26,15 +26,16 @@ extern "C" {
  * is freed or .debug_info or .debug_abbrev is attached anew.
  */
 typedef struct krv_entry {
-    krv_ctu_t *unit;          /**< which it belongs to */
-    uint64_t offset;          /**< of its first byte in .debug_info, or in that of the alternate file */
-    uint32_t tag;             /**< DW_TAG_* */
-    uint32_t depth;           /**< levels below the entry that the walk began with */
-    uint8_t has_children;     /**< 1: they follow it */
-    uint8_t is_alternate;     /**< 1: it is of the alternate file (KRV_SEC_EXT_ALT_INFO) */
-    uint16_t attrs_read;      /**< the library's: attributes that korva_entry_next_attr has passed */
-    uint32_t implicit_read;   /**< the library's: of these, those whose value stands in the abbreviation */
-    uint64_t at;              /**< the library's: offset of what follows these */
+    krv_ctu_t *unit;        /**< which it belongs to */
+    uint64_t offset;        /**< of its first byte in .debug_info, in that of the alternate file, or, of types that were
+                                   found by signature, in .debug_types */
+    uint32_t tag;           /**< DW_TAG_* */
+    uint32_t depth;         /**< levels below the entry that the walk began with */
+    uint8_t has_children;   /**< 1: they follow it */
+    uint8_t is_alternate;   /**< 1: it is of the alternate file (KRV_SEC_EXT_ALT_INFO) */
+    uint16_t attrs_read;    /**< the library's: attributes that korva_entry_next_attr has passed */
+    uint32_t implicit_read; /**< the library's: of these, those whose value stands in the abbreviation */
+    uint64_t at;            /**< the library's: offset of what follows these */
     const void *abbreviation; /**< the library's */
 } krv_entry_t;
 
@@ -113,8 +114,10 @@ KORVA_API int korva_entry_get_attrs(krv_handle_t *hp, krv_entry_t *entryp, krv_a
 KORVA_API int korva_entry_get_attr(krv_handle_t *hp, const krv_entry_t *entryp, uint32_t attribute, krv_attr_t *attrp);
 
 /**
- * Puts a cursor on the entry that an attribute of @p entryp of the kind KRV_ATTR_REFERENCE leads to; its depth is 0. @p top
- * may be @p entryp. Errors: those of korva_entry_at; KRV_ERR_INVALID for another kind.
+ * Puts a cursor on the entry that an attribute of @p entryp of the kind KRV_ATTR_REFERENCE leads to, or, of the kind
+ * KRV_ATTR_SIGNATURE, on that of the type in its unit of .debug_info or .debug_types; its depth is 0. @p top
+ * may be @p entryp. Errors: those of korva_entry_at; KRV_ERR_NOTFOUND with a message when no unit has the signature;
+ * KRV_ERR_INVALID for another kind.
  */
 KORVA_API int korva_entry_follow(krv_handle_t *hp, const krv_entry_t *entryp, const krv_attr_t *attrp,
                                  krv_entry_t *top);

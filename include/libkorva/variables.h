@@ -50,7 +50,8 @@ KORVA_API int korva_entry_get_type(krv_handle_t *hp, const krv_entry_t *entryp, 
 
 /**
  * The type of an entry as C writes it, "const char *[4]", cut to @p size - 1 characters and always terminated; "void" where it has
- * none. Parameters of functions are not spelled out: "int (*)(...)".
+ * none. Parameters of functions are not spelled out: "int (*)(...)". Names of other languages than C have the namespaces
+ * and types in front that they stand in: "std::vector<int, std::allocator<int> >::iterator", "(anonymous namespace)::t".
  */
 KORVA_API int korva_entry_get_type_text(krv_handle_t *hp, const krv_entry_t *entryp, char *buf, size_t size);
 
@@ -72,6 +73,7 @@ typedef struct krv_variable_frame {
  *
  * Errors, in the handle of the entries: KRV_ERR_NOTFOUND without a message when the variable is nowhere at that address: it was
  * optimised out; KRV_ERR_UNSUPPORTED where the entry tells of a location in another way; those of korva_find_location.
+ * Variables of threads, and parameters that only the caller knows (DW_OP_GNU_parameter_ref), are not read: KRV_ERR_EVAL.
  * In that of the frame, with KRV_ERR_EVAL here: those of korva_expr_execute_expression, which needs an address space.
  */
 KORVA_API int korva_variable_read(krv_handle_t *hp, const krv_variable_t *variable, const krv_variable_frame_t *frame,

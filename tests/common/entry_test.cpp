@@ -446,6 +446,70 @@ TEST(Variables, Types)
                        " of .debug_info has a type that leads to too many others 0\nconst t & 8\nvoid 0\n");
 }
 
+// What types stand in, which C does not name; and types that have units of their own, in .debug_info or .debug_types, also
+// behind a declaration that has nothing but the signature.
+TEST(Variables, ScopesAndSignatures)
+{
+    constexpr uint8_t CXX = 4, C = 12;
+    for (const uint8_t language : {CXX, C})
+        for (const bool v5 : {true, false}) {
+            SCOPED_TRACE(testing::Message() << language << " " << v5);
+            handle h;
+            h.extend();
+            h.attach(KRV_SEC_ABBREV,
+                     abbrevs("1 compile_unit+ language:data1; 2 namespace+ name:string; 3 namespace+; "
+                             "4 structure_type+ name:string byte_size:data1; 5 typedef name:string type:ref4; "
+                             "6 structure_type+ byte_size:data1; 7 subprogram+; 8 variable type:ref4; "
+                             "9 structure_type 0x69:ref_sig8; 10 variable type:ref_sig8; "
+                             "11 enumeration_type name:string byte_size:data1; 12 type_unit+ language:data1; "
+                             "13 structure_type specification:ref4 byte_size:data1"));
+            const bytes end = bytes().u8(0);
+            bytes dies = bytes().uleb(1).u8(language).uleb(2).cstr("ns").label("s").uleb(4).cstr("s").u8(4);
+            dies.label("t").uleb(5).cstr("t").offset_of("s", 4);
+            dies += bytes().uleb(6).u8(1).label("e").uleb(11).cstr("e").u8(2) + end + end; // in what has no name
+            dies += bytes().uleb(3).label("a").uleb(4).cstr("a").u8(1) + end + end + end;
+            dies.label("out").uleb(13).offset_of("s", 4).u8(8);
+            dies += bytes().uleb(7).label("l").uleb(4).cstr("l").u8(2) + end + end;
+            dies.label("decl").uleb(9).u64(7);
+            for (const char *type : {"s", "t", "e", "a", "out", "l", "decl"})
+                dies.uleb(8).offset_of(type, 4);
+            dies += bytes().uleb(10).u64(7).uleb(10).u64(8);
+            bytes own = bytes().uleb(12).u8(language).uleb(2).cstr("own").label("type").uleb(4).cstr("x").u8(16).u8(0);
+            const auto type_unit = [&](uint8_t kind) {
+                const size_t extra = 8 + 4, at = unit{.kind = kind}.header_size() + extra + own.where("type");
+                return unit{.version = static_cast<uint16_t>(kind == 0 ? 4 : 5),
+                            .kind = kind,
+                            .extra = bytes().u64(7).u32(at),
+                            .dies = own};
+            };
+            if (v5) {
+                h.attach(KRV_SEC_INFO, unit{.version = 5, .kind = KRV_UNIT_COMPILE, .dies = dies}.build() +
+                                           type_unit(KRV_UNIT_TYPE).build());
+            } else {
+                h.attach(KRV_SEC_INFO, unit{.dies = dies}.build());
+                h.attach(KRV_SEC_TYPES, type_unit(0).build());
+            }
+            std::string all;
+            krv_entry_t e = first_of(h);
+            while (korva_entry_next(h, &e) == 0) {
+                char buf[64];
+                krv_type_t type;
+                if (e.tag != DW_TAG_variable)
+                    continue;
+                const bool found = korva_entry_get_type_text(h, &e, buf, sizeof(buf)) == 0;
+                all += found ? std::string(buf) : h.error();
+                EXPECT_EQ(korva_entry_get_type(h, &e, &type), found ? 0 : -1);
+                all += text(" %lu\n", found ? type.size : 0);
+            }
+            EXPECT_EQ(all, language == CXX ? "ns::s 4\nns::s::t 4\nns::s::{...}::e 2\nns::(anonymous namespace)::a 1\n"
+                                             "ns::s 8\nl 2\nown::x 16\nown::x 16\n"
+                                             "NOTFOUND: no type unit has the signature 0x8 0\n"
+                                           : "struct s 4\nt 4\nenum e 2\nstruct a 1\nstruct s 8\nstruct l 2\n"
+                                             "struct x 16\nstruct x 16\n"
+                                             "NOTFOUND: no type unit has the signature 0x8 0\n");
+        }
+}
+
 // Blocks that do not cover the address, and what was inlined, keep their variables to themselves.
 TEST(Variables, Scope)
 {
