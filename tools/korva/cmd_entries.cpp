@@ -231,8 +231,8 @@ result<void> entry_printer::print(const entry &e, uint64_t depth)
     const std::string tag = name_of(KRV_DEF_TAG, e.tag());
     if (m_is_json) {
         m_out->open_record();
-        m_out->print("{{\"offset\":\"0x{:x}\",\"unit\":\"0x{:x}\",\"depth\":{},\"tag\":\"{}\",\"attributes\":[",
-                     e.offset(), m_unit.offset, depth, tag);
+        m_out->print("{{\"offset\":\"0x{:x}\",\"unit\":\"0x{:x}\",{}\"depth\":{},\"tag\":\"{}\",\"attributes\":[",
+                     e.offset(), m_unit.offset, e.get().is_alternate != 0 ? "\"alternate\":true," : "", depth, tag);
     } else {
         m_out->print("0x{:08x} {:>3}  {:{}}{}\n", e.offset(), depth, "", column, tag);
     }
@@ -300,7 +300,8 @@ static bool print_unit_entries(object *obj, answers *out, unit_record &u, const 
         return false;
     }
     if (!out->is_json())
-        out->print("unit 0x{:x}:\n", u.header.offset);
+        out->print("unit 0x{:x}{}:\n", u.header.offset,
+                   first && first->get().is_alternate != 0 ? " of the alternate file" : "");
     entry_printer printer(*obj, out, u.header);
     const auto printed = first                                    ? print_entries(&printer, *first, wanted)
                          : first.error().code == KRV_ERR_NOTFOUND ? result<void>()
@@ -313,19 +314,48 @@ static bool print_unit_entries(object *obj, answers *out, unit_record &u, const 
     return static_cast<bool>(printed);
 }
 
-// The unit of an entry that a user names, and how deep in it that stands.
-static unit_record *find_entry(object *obj, const std::string &text, std::optional<entry> *found, uint64_t *depth)
+namespace
 {
-    const uint64_t offset = parse_hex(text).value_or(0);
-    const auto at = entry::at(obj->handle(), offset);
+
+// Where an entry is that a user names: "0x2d", or "alt:0x2d" in the alternate file.
+struct named_place {
+    explicit named_place(std::string_view text)
+        : is_alternate(text.starts_with(ALTERNATE)),
+          offset(parse_hex(is_alternate ? text.substr(ALTERNATE.size()) : text))
+    {
+    }
+
+    static constexpr std::string_view ALTERNATE = "alt:";
+    bool is_alternate;
+    std::optional<uint64_t> offset;
+};
+
+} // namespace
+
+// The unit of an entry that a user names, and how deep in it that stands. *alternate becomes that unit, of the alternate file.
+static unit_record *find_entry(object *obj, const std::string &text, std::optional<entry> *found, uint64_t *depth,
+                               std::optional<unit_record> *alternate)
+{
+    const named_place place(text);
+    const uint64_t offset = place.offset.value_or(0);
+    const auto at =
+        place.is_alternate ? entry::at(obj->handle(), offset, KRV_SEC_EXT_ALT_INFO) : entry::at(obj->handle(), offset);
     if (!at && at.error().code != KRV_ERR_NOTFOUND)
         throw failure(fmt::format("{}: {}", obj->path(), at.error().text()));
     size_t above = 0;
     if (!at || korva_entry_get_ancestors(obj->handle().get(), &at->get(), nullptr, 0, &above) != 0)
         throw failure(at ? fmt::format("{}: {}", obj->path(), last_error(obj->handle().get()).text())
-                         : fmt::format("{}: no entry begins at offset 0x{:x} of .debug_info", obj->path(), offset));
+                         : fmt::format("{}: no entry begins at offset 0x{:x} of .debug_info{}", obj->path(), offset,
+                                       place.is_alternate ? " of the alternate file" : ""));
     *found = *at;
     *depth = above;
+    if (place.is_alternate) {
+        const auto header = at->unit().header();
+        const auto kind = at->unit().kind();
+        if (!header || !kind)
+            throw failure(fmt::format("{}: {}", obj->path(), (header ? kind.error() : header.error()).text()));
+        return &alternate->emplace(unit_record{.unit = at->unit(), .header = *header, .kind = *kind, .lines = {}});
+    }
     for (unit_record &u : obj->units())
         if (u.unit.get() == at->get().unit)
             return &u;
@@ -351,7 +381,8 @@ static int run_entries(const entries_options &options)
     if (!options.offset.empty()) {
         std::optional<entry> first;
         extract wanted{.levels = options.depth, .is_tree = true};
-        unit_record *u = find_entry(&obj, options.offset, &first, &wanted.depth);
+        std::optional<unit_record> alternate;
+        unit_record *u = find_entry(&obj, options.offset, &first, &wanted.depth, &alternate);
         print(*u, *first, wanted);
     } else {
         if (!obj.is_complete())
@@ -372,9 +403,10 @@ void add_entries(CLI::App &app, int *status)
     CLI::App *verb = app.add_subcommand("entries", "Shows the entries of a file and their attributes");
     verb->add_option("FILE", options->file, "ELF file")->required();
     verb->add_option("--offset", options->offset,
-                     "Only the entry at this offset of .debug_info, hexadecimal, and those below it")
+                     "Only the entry at this offset of .debug_info, hexadecimal, and those below it; alt:OFFSET of the "
+                     "alternate file")
         ->check([](const std::string &text) {
-            return parse_hex(text) ? std::string() : "\"" + text + "\" is no hexadecimal number";
+            return named_place(text).offset ? std::string() : "\"" + text + "\" is no hexadecimal number";
         });
     verb->add_option("--depth", options->depth, "At most so many levels below the first; 0 is that alone");
     add_common_options(verb, options.get(),
