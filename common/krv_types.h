@@ -72,11 +72,11 @@ struct krv_handle {
     uint32_t sh_scanned_units;        // units whose ranges a scan has found
     krv_hash *sh_au_same;             // those that others may share, by a digest of their bytes, likewise
     krv_relaxed<uint64_t> sh_abbrev_compared; // bytes that were read to find these
-    krv_relaxed<uint64_t> sh_abbrev_bytes; // of .debug_abbrev in the tables of sh_auphash
-    krv_offset_t sh_abbrev_checked;        // where the table begins that krv_abbrev_check_table has found sound last
-    krv_offset_t sh_abbrev_checked_end;    // what it has read lies before this; 0: nothing yet
-    uint64_t sh_abbrev_scanned;            // bytes that it has read where input is read as written
-    krv_hash *sh_line_headers;             // what units share of .debug_line, built on first use
+    krv_relaxed<uint64_t> sh_abbrev_bytes;    // of .debug_abbrev in the tables of sh_auphash
+    krv_offset_t sh_abbrev_checked;           // where the table begins that krv_abbrev_check_table has found sound last
+    krv_offset_t sh_abbrev_checked_end;       // what it has read lies before this; 0: nothing yet
+    uint64_t sh_abbrev_scanned;               // bytes that it has read where input is read as written
+    krv_hash *sh_line_headers;                // what units share of .debug_line, built on first use
     krv_line_draft *sh_line_draft;         // owned: tables for the rows of the next program, while no program has them
     krv_relaxed<uint64_t> sh_line_bytes;   // of memory in line headers, files and matrices
     uint32_t sh_ext;                       // KRV_EXT_*, fixed before the first query
