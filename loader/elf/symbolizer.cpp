@@ -35,10 +35,10 @@ static bool mangles_names(uint32_t language)
 bool find_place(krv_handle_t *hp, krv_ctu_t *unit, uint64_t start, uint64_t size, uint64_t address, source_place *place)
 {
     krv_row_t row;
-    char *path = nullptr;
-    if (korva_lookup_row(hp, unit, start, size, address, &row) != 0 ||
-        (row.file != nullptr &&
-         korva_get_fields(hp, KRV_STRUCT_LNFE, row.file, 1, KRV_FIELD_LNFE_ABSOLUTE_PATH, &path) != 0))
+    if (korva_lookup_row(hp, unit, start, size, address, &row) != 0)
+        return false;
+    const char *path = row.file == nullptr ? nullptr : korva_lnfe_path(hp, row.file, B_TRUE);
+    if (row.file != nullptr && path == nullptr && korva_handle_get_errno(hp) != KRV_ERR_NONE)
         return false;
     *place = {path, row.line, row.column, row.discriminator};
     return true;
@@ -175,9 +175,9 @@ bool symbolizer::place_innermost(uint64_t address, krv_elf_frame_t *frame)
 void symbolizer::place_caller(const krv_call_t &call, krv_elf_frame_t *caller)
 {
     krv_lnfe_t *file = nullptr;
-    char *path = nullptr;
+    const char *path = nullptr;
     if (call.call_unit != nullptr && korva_cu_get_file(hp, call.call_unit, call.call_file, &file) == 0 &&
-        korva_get_fields(hp, KRV_STRUCT_LNFE, file, 1, KRV_FIELD_LNFE_ABSOLUTE_PATH, &path) == 0 && path != nullptr)
+        (path = korva_lnfe_path(hp, file, B_TRUE)) != nullptr)
         caller->file = path;
     else
         check_memory(hp);
