@@ -91,7 +91,7 @@ consteval value_rows make_rows(const krv_encoding_t &encoding)
                       form.family == krv_family_t::implicit || form.family == krv_family_t::sleb128,
                       form.family,
                       static_cast<uint8_t>(width),
-                      static_cast<uint8_t>(width < sizeof(uint64_t) ? 64 - 8 * width : 0),
+                      static_cast<uint8_t>((64 - 8 * width) % 64),
                       then_of(static_cast<uint8_t>(code), form)};
     }
 #define KRV_ROW(name, number, code, ...) rows[code].written = (number);
