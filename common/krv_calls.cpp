@@ -533,7 +533,7 @@ static int make_chain(krv_handle_t *hp, const covering &at, krv_call_t *calls, s
     const uint32_t language = of_unit->sc_language;
     size_t count = 0;
     // Names lie all over memory: they are fetched together, and not each when its turn has come.
-    __builtin_prefetch(of->names);
+    __builtin_prefetch(krv_load(&of->names));
     for (uint32_t i = at.inlined; i != NONE; i = inlined->calls()[i].caller)
         __builtin_prefetch(inlined->calls()[i].names);
     for (uint32_t i = at.inlined; i != NONE; i = inlined->calls()[i].caller, ++count) {

@@ -79,7 +79,7 @@ static int read_header(krv_handle_t *hp, const krv_view_t &section, uint64_t off
     index->view = {section.bytes, ul.end};
     index->offset = offset;
     index->encoding = {ul.is_dwarf64, static_cast<uint8_t>(hp->sh_target_size), 5, KRV_ALL_FORMS};
-    uint64_t version, padding, abbrevs_size, augmentation_size;
+    uint64_t version = 0, padding = 0, abbrevs_size = 0, augmentation_size = 0;
     take(2, &version);
     take(2, &padding);
     for (uint64_t *count : {&index->unit_count, &index->local_count, &index->foreign_count, &index->bucket_count,

@@ -79,7 +79,8 @@ struct krv_plan {
 
 inline const krv_abbrev_t *krv_planned_t::abbrev() const
 {
-    return &plan->sp_au->sau_abbrev_table[this - plan->sp_planned];
+    const krv_planned_t *const row = this;
+    return &plan->sp_au->sau_abbrev_table[row - plan->sp_planned];
 }
 
 // The plan of a unit's entries; it lives as its abbreviation table does. NULL on failure.
