@@ -192,7 +192,8 @@ static bool leave(stack_walk *w, bool *is_exact)
     if ((rule->flags & KRV_COMPACT_ORIGINS) == 0) {
         keep_registers(w, rule);
         w->registers[w->mach->smd_sp] = {w->cfa, known_register::is};
-    } else if (!apply_origins(w, w->stack->modules[w->module].handle->sh_compact->table->origins + rule->origins)) {
+    } else if (!apply_origins(w, krv_load(&w->stack->modules[w->module].handle->sh_compact->table)->origins +
+                                     rule->origins)) {
         return false;
     }
     if (w->registers[pc].how == known_register::nothing)
