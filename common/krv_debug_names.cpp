@@ -106,7 +106,7 @@ static int read_header(krv_handle_t *hp, const krv_view_t &section, uint64_t off
 template <typename Visit>
 static int visit_indexes(krv_handle_t *hp, const krv_view_t &section, const Visit &visit)
 {
-    name_index index;
+    name_index index = {};
     int result = 0;
     for (uint64_t at = 0; at < section.size && result == 0;) {
         result = read_header(hp, section, at, &index, &at);

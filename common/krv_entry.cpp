@@ -12,7 +12,7 @@ int krv_entry_refuse(krv_handle_t *hp, const krv_entry_t *entry, const char *wha
                     krv_section_name(entry->unit->dcu_section), what);
 }
 
-bool krv_entry_refuse_place(krv_handle_t *hp, const krv_ctu_t *cu)
+void krv_entry_refuse_place(krv_handle_t *hp, const krv_ctu_t *cu)
 {
     if (krv_fd_is_cb(krv_section(hp, cu->dcu_section)))
         krv_fail(hp, KRV_ERR_UNSUPPORTED, "entries are walked only where %s is in memory",
@@ -20,7 +20,6 @@ bool krv_entry_refuse_place(krv_handle_t *hp, const krv_ctu_t *cu)
     else
         krv_fail(hp, KRV_ERR_CORRUPT, "unit at offset 0x%lx leads out of %s",
                  static_cast<unsigned long>(cu->dcu_offset), krv_section_name(cu->dcu_section));
-    return false;
 }
 
 bool krv_entry_place(krv_handle_t *hp, krv_ctu_t *cu, krv_place_t *place)

@@ -20,8 +20,8 @@ struct krv_place_t {
     uint64_t offset_of(const uint8_t *byte) const { return static_cast<uint64_t>(byte - section); }
 };
 
-// Says why a unit's entries cannot be walked: KRV_ERR_UNSUPPORTED or KRV_ERR_CORRUPT. Returns false.
-bool krv_entry_refuse_place(krv_handle_t *hp, const krv_ctu_t *cu);
+// Says why a unit's entries cannot be walked: KRV_ERR_UNSUPPORTED or KRV_ERR_CORRUPT.
+void krv_entry_refuse_place(krv_handle_t *hp, const krv_ctu_t *cu);
 
 // False: KRV_ERR_UNSUPPORTED when the section is not in memory, or messages of the abbreviation table.
 bool krv_entry_place(krv_handle_t *hp, krv_ctu_t *cu, krv_place_t *place);
@@ -30,8 +30,10 @@ bool krv_entry_place(krv_handle_t *hp, krv_ctu_t *cu, krv_place_t *place);
 inline bool krv_entry_find_bytes(krv_handle_t *hp, const krv_ctu_t *cu, krv_place_t *place)
 {
     const krv_fd_t *section = krv_section(hp, cu->dcu_section);
-    if (krv_fd_is_cb(section) || !krv_extent_fits(section->sfd_size, cu->dcu_offset, 0, cu->dcu_size))
-        return krv_entry_refuse_place(hp, cu);
+    if (krv_fd_is_cb(section) || !krv_extent_fits(section->sfd_size, cu->dcu_offset, 0, cu->dcu_size)) {
+        krv_entry_refuse_place(hp, cu);
+        return false;
+    }
     place->section = section->sfd_u.buf;
     place->end = place->section + cu->dcu_offset + cu->dcu_size;
     return true;

@@ -264,8 +264,9 @@ krv_ctu_t *krv_cu_alloc(krv_handle_t *hp, krv_secidx_t sec, uint64_t offset, con
     std::unique_ptr<krv_die_t, krv_die_deleter> die;
     krv_ctu_t *kept = nullptr;
     if (krv_info_hdr_read(hp, &cu, sec, offset) == 0) {
+        // The header was read into it. NOLINTNEXTLINE(clang-analyzer-core.CallAndMessage)
         prefetch_unit(krv_section(hp, sec), krv_add_offset(offset, cu.dcu_size));
-        // The header was read into it. NOLINTNEXTLINE(clang-analyzer-core.UndefinedBinaryOperatorResult)
+        // NOLINTNEXTLINE(clang-analyzer-core.UndefinedBinaryOperatorResult)
         if (cu.dcu_kind != 0) {
             cu.dcu_compile_unit = krv_alloc_first_die(hp, &cu, &single);
             die.reset(cu.dcu_compile_unit);

@@ -145,6 +145,7 @@ int krv_generate_rules(krv_handle_t *hp, krv_activation_t *ap, uint64_t pc, uint
     }
     if (read_rules(hp, ap, pc, columnp) != 0)
         return -1;
+    // The column is stored. NOLINTNEXTLINE(clang-analyzer-core.CallAndMessage)
     krv_compact_learn(hp, ap, pc, *columnp);
     return 0;
 }
