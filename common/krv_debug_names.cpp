@@ -66,11 +66,7 @@ static bool lists_all(const krv_view_t &view, uint64_t augmentation, uint64_t si
 static int read_header(krv_handle_t *hp, const krv_view_t &section, uint64_t offset, name_index *index, uint64_t *nextp)
 {
     uint64_t at = offset;
-    const auto take = [&](size_t width, uint64_t *valuep) {
-        const bool is_there = krv_view_read(section, at, width, valuep);
-        at += width;
-        return is_there;
-    };
+    const auto take = krv_view_numbers(section, &at);
     krv_unit_length_t ul;
     if (krv_scan_unit_length(offset, take, &ul) != krv_length_outcome_t::sound || ul.end > section.size)
         return refuse(hp, offset, "is cut off");

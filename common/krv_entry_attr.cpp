@@ -81,7 +81,6 @@ static bool read_signed(reading *r)
     if (next == nullptr)
         return refuse(*r, "is cut off, or too large");
     r->attr->number = static_cast<uint64_t>(value);
-    r->attr->is_signed = 1;
     r->at = next;
     return true;
 }
@@ -122,7 +121,6 @@ static bool read_form(reading *r, const krv_value_row &value, int64_t implicit)
         return true;
     case krv_family_t::implicit:
         r->attr->number = static_cast<uint64_t>(implicit);
-        r->attr->is_signed = 1;
         return true;
     case krv_family_t::uleb128:
         return read_unsigned(r);
@@ -163,7 +161,6 @@ static bool resolve(const reading &r, krv_then then)
     case krv_then::is_set:
     case krv_then::small_block:
     case krv_then::text:
-    case krv_then::implicit:
     case krv_then::other:
         attr->is_alternate = attr->kind == KRV_ATTR_REFERENCE && r.entry->is_alternate != 0;
         return true;
@@ -211,6 +208,7 @@ static bool resolve(const reading &r, krv_then then)
     }
     attr->form = value->written;
     attr->kind = value->kind;
+    attr->is_signed = value->is_signed;
     if (!read_form(&r, *value, implicit) || !resolve(r, value->then))
         return -1;
     ++entry->attrs_read;

@@ -131,6 +131,16 @@ inline bool krv_view_read(const krv_view_t &view, uint64_t offset, size_t width,
     return true;
 }
 
+// Reads numbers of a view one behind another, from *at on, which is moved past each, be it there or not.
+inline auto krv_view_numbers(const krv_view_t &view, uint64_t *at)
+{
+    return [&view, at](size_t width, uint64_t *valuep) {
+        const bool is_there = krv_view_read(view, *at, width, valuep);
+        *at += width;
+        return is_there;
+    };
+}
+
 // A whole section that is in memory; of one behind a call-back nothing.
 inline krv_view_t krv_section_view(krv_handle_t *hp, krv_secidx_t sec)
 {

@@ -68,8 +68,6 @@ constexpr krv_then then_of(uint8_t code, const krv_form_row_t &row)
         return krv_then::find_string;
     if (row.family == krv_family_t::present)
         return krv_then::is_set;
-    if (row.family == krv_family_t::implicit)
-        return krv_then::implicit;
     if (row.classes == KRV_CLASS_ADDRESS)
         return krv_then::address_index;
     if (row.classes == KRV_CLASS_STRING && !is_text(row.family))

@@ -25,7 +25,6 @@ enum class krv_then : uint8_t {
     is_set,
     small_block, // whose length mostly takes a byte
     text,
-    implicit,
     other, // what was read is no number
     in_unit_by_wide_number,
     string_index,
@@ -39,7 +38,7 @@ enum class krv_then : uint8_t {
 struct krv_value_row {
     uint16_t written;  // the form's number
     uint8_t kind;      // KRV_ATTR_*
-    uint8_t is_signed; // 1: always
+    uint8_t is_signed; // whether the form extends numbers by their sign
     krv_family_t family;
     uint8_t width;  // of a number or an offset; of a block's length
     uint8_t unused; // bits of 8 bytes that are not the value's

@@ -32,11 +32,7 @@ static int visit_sets(krv_handle_t *hp, const krv_view_t &section, const krv_nam
 {
     for (uint64_t offset = 0; offset < section.size;) {
         uint64_t at = offset, version;
-        const auto take = [&](size_t width, uint64_t *valuep) {
-            const bool is_there = krv_view_read(section, at, width, valuep);
-            at += width;
-            return is_there;
-        };
+        const auto take = krv_view_numbers(section, &at);
         krv_unit_length_t ul;
         if (krv_scan_unit_length(offset, take, &ul) != krv_length_outcome_t::sound || ul.end > section.size)
             return refuse(hp, source, offset);

@@ -65,7 +65,7 @@ static bool is_scope(uint32_t tag)
 
 static bool is_wanted(const krv_planned_t *planned)
 {
-    const uint32_t tag = planned->abbrev()->dwa_tag;
+    const uint32_t tag = planned->tag;
     return is_scope(tag) || tag == DW_TAG_enumeration_type || tag == DW_TAG_typedef || tag == DW_TAG_template_alias;
 }
 

@@ -88,6 +88,21 @@ TEST(Abbrev, Tables)
     });
 }
 
+// Where extensions are on, tables of the same bytes are one. What a section that was replaced had is not looked at again.
+TEST(Abbrev, TablesOfTheSameBytes)
+{
+    const bytes one = abbrevs("1 variable name:string"), other = abbrevs("1 variable name:strp");
+    handle h, strict;
+    h.extend();
+    for (handle *each : {&h, &strict})
+        each->attach(KRV_SEC_ABBREV, other + one + one);
+    krv_au_t *first = krv_get_au_by_offset(h, one.size());
+    EXPECT_EQ(krv_get_au_by_offset(h, 2 * one.size()), first);
+    EXPECT_NE(krv_get_au_by_offset(strict, one.size()), krv_get_au_by_offset(strict, 2 * one.size()));
+    ASSERT_EQ(krv_abbrev_forget_checks(h), 0);
+    EXPECT_EQ(dump(h, krv_get_au_by_offset(h.attach(KRV_SEC_ABBREV, one), 0)), dump(h, first));
+}
+
 TEST(Abbrev, ManyOfEverything)
 {
     std::string recipe = "1 variable", expected = "1/34";
