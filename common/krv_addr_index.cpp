@@ -161,20 +161,9 @@ void krv_addr_index_destroy(krv_handle_t *hp)
     }
 }
 
-// The piece of an address as a stretch; the number of pieces up to it.
-static inline size_t find_piece(const krv_addr_index *index, uint64_t address, krv_addr_stretch *stretch)
-{
-    const krv_addr_map &map = index->sai_map;
-    const size_t begun = krv_addr_map_count(&map, address);
-    stretch->last = begun == map.sam_pieces ? UINT64_MAX : map.sam_bounds[begun] - 1;
-    stretch->first = begun == 0 ? 0 : map.sam_bounds[begun - 1];
-    stretch->hint = begun == 0 ? nullptr : &index->sai_hints[begun - 1];
-    return begun;
-}
-
 static inline uint32_t owner_of(const krv_addr_index *index, size_t begun)
 {
-    return begun == 0 ? KRV_ADDR_NOTHING : index->sai_map.sam_owners[begun - 1];
+    return begun == 0 ? KRV_ADDR_NOTHING : krv_addr_map_owner(&index->sai_map, begun - 1);
 }
 
 // The unit that a set names for the address, with nothing else read of .debug_info. NULL: KRV_ERR_NOTFOUND, or with the
@@ -184,7 +173,7 @@ static krv_ctu_t *find_by_sets(krv_handle_t *hp, uint64_t address, krv_addr_stre
     const krv_addr_index *index = krv_load(&hp->sh_addr_sets);
     if (index == nullptr && (index = make_sets_index(hp)) == nullptr)
         return nullptr;
-    const size_t begun = find_piece(index, address, stretch);
+    const size_t begun = krv_addr_index_piece(index, address, stretch);
     krv_ctu_t *known = begun == 0 ? nullptr : krv_load(&stretch->hint->sah_unit);
     if (known != nullptr)
         return known;
@@ -231,7 +220,7 @@ krv_ctu_t *krv_addr_index_find(krv_handle_t *hp, uint64_t address, krv_lookup_fl
     if (index == nullptr)
         return nullptr;
     krv_addr_stretch piece;
-    const uint32_t unit = owner_of(index, find_piece(index, address, &piece));
+    const uint32_t unit = owner_of(index, krv_addr_index_piece(index, address, &piece));
     if (index->sai_unknown_units != 0) // whose ranges a scan may find meanwhile
         *stretch = {address, address, nullptr};
     else

@@ -13,6 +13,7 @@
 struct krv_addr_hint {
     krv_ctu_t *sah_unit;   // NULL while unknown, published
     krv_lnp_t *sah_matrix; // the unit's, likewise
+    krv_calls *sah_calls;  // likewise
     uint32_t sah_sequence; // of the matrix: one that covered an address of the piece
 };
 
@@ -29,6 +30,25 @@ struct krv_addr_stretch {
     uint64_t first, last;
     krv_addr_hint *hint; // or NULL
 };
+
+// The piece of an address as a stretch; the number of pieces up to it.
+inline size_t krv_addr_index_piece(const krv_addr_index *index, uint64_t address, krv_addr_stretch *stretch)
+{
+    const krv_addr_map &map = index->sai_map;
+    const size_t begun = krv_addr_map_count(&map, address);
+    stretch->last = begun == map.sam_pieces ? UINT64_MAX : krv_addr_map_bound(&map, begun) - 1;
+    stretch->first = begun == 0 ? 0 : krv_addr_map_bound(&map, begun - 1);
+    stretch->hint = begun == 0 ? nullptr : &index->sai_hints[begun - 1];
+    return begun;
+}
+
+// The answer of krv_addr_index_find, where it was given before and a set gave it; else NULL, and *stretch is of no use.
+inline krv_ctu_t *krv_addr_index_recall(krv_handle_t *hp, uint64_t address, krv_addr_stretch *stretch)
+{
+    const krv_addr_index *index = krv_load(&hp->sh_addr_sets);
+    return index == nullptr || krv_addr_index_piece(index, address, stretch) == 0 ? nullptr
+                                                                                  : krv_load(&stretch->hint->sah_unit);
+}
 
 // As korva_lookup_ctu_by_addr, without clearing the error state first; *stretch has the address in it, also without a unit.
 krv_ctu_t *krv_addr_index_find(krv_handle_t *hp, uint64_t address, krv_lookup_flag_t flags, krv_addr_stretch *stretch);

@@ -10,16 +10,34 @@
 
 constexpr uint32_t KRV_ADDR_NOTHING = UINT32_MAX;
 
-// The bounds of all ranges, ascending, cut the address space into pieces; each piece belongs to one owner or none.
+// The bounds of all ranges, ascending, cut the address space into pieces; each piece belongs to one owner or none. What a
+// search ends with lies together: where a piece begins, as the distance from the first, and its owner or KRV_ADDR_NOTHING.
+template <typename T>
+struct krv_addr_piece {
+    T begin;
+    uint32_t owner;
+};
+
+// The number of pieces that begin at the distance or before.
+template <typename T>
+size_t krv_addr_pieces_count(const krv_addr_piece<T> *pieces, size_t count, uint64_t distance)
+{
+    return krv_count_not_above(pieces, count, distance, [](const krv_addr_piece<T> &p) -> uint64_t { return p.begin; });
+}
+
 struct krv_addr_map {
-    uint64_t *sam_bounds; // owned: where pieces begin
-    uint32_t *sam_owners; // owned: of each piece its owner, or KRV_ADDR_NOTHING
-    size_t sam_pieces;    // their number
+    uint64_t sam_base; // where the first piece begins
+    union {            // owned
+        krv_addr_piece<uint32_t> *sam_near;
+        krv_addr_piece<uint64_t> *sam_far; // where a distance needs it
+    };
+    size_t sam_pieces; // their number
     uint32_t
-        *sam_blocks; // owned: of each block of 1 << sam_shift addresses, from the first bound on, the number of pieces
-                     // that begin before it, and behind them all pieces; NULL where pieces are few
+        *sam_blocks; // owned: of each block of 1 << sam_shift addresses, from the base on, the number of pieces that
+                     // begin before it, and behind them all pieces; NULL where pieces are few
     size_t sam_nblocks;
     unsigned int sam_shift;
+    bool sam_is_far;
 };
 
 struct krv_addr_range {
@@ -57,28 +75,40 @@ bool krv_addr_map_make(krv_handle_t *hp, const krv_addr_ranges &ranges, krv_pain
 bool krv_addr_map_add_blocks(krv_handle_t *hp, krv_addr_map *map);
 void krv_addr_map_free(krv_addr_map *map);
 
+// Where a piece begins.
+inline uint64_t krv_addr_map_bound(const krv_addr_map *map, size_t piece)
+{
+    return map->sam_base + (map->sam_is_far ? map->sam_far[piece].begin : map->sam_near[piece].begin);
+}
+
+inline uint32_t krv_addr_map_owner(const krv_addr_map *map, size_t piece)
+{
+    return map->sam_is_far ? map->sam_far[piece].owner : map->sam_near[piece].owner;
+}
+
 // The number of pieces that begin at the address or before.
 inline size_t krv_addr_map_count(const krv_addr_map *map, uint64_t address)
 {
+    if (address < map->sam_base)
+        return 0;
+    const uint64_t distance = address - map->sam_base;
     size_t first = 0, behind = map->sam_pieces;
     if (map->sam_blocks != nullptr) {
-        if (address < map->sam_bounds[0])
-            return 0;
-        const uint64_t block = (address - map->sam_bounds[0]) >> map->sam_shift;
+        const uint64_t block = distance >> map->sam_shift;
         if (block >= map->sam_nblocks)
             return behind;
         first = map->sam_blocks[block];
         behind = map->sam_blocks[block + 1];
     }
-    const auto bound = [](uint64_t start) { return start; };
-    return first + krv_count_not_above(map->sam_bounds + first, behind - first, address, bound);
+    return first + (map->sam_is_far ? krv_addr_pieces_count(map->sam_far + first, behind - first, distance)
+                                    : krv_addr_pieces_count(map->sam_near + first, behind - first, distance));
 }
 
 // The owner of an address, or KRV_ADDR_NOTHING.
 inline uint32_t krv_addr_map_find(const krv_addr_map *map, uint64_t address)
 {
     const size_t begun = krv_addr_map_count(map, address);
-    return begun == 0 ? KRV_ADDR_NOTHING : map->sam_owners[begun - 1];
+    return begun == 0 ? KRV_ADDR_NOTHING : krv_addr_map_owner(map, begun - 1);
 }
 
 #endif

@@ -2,6 +2,7 @@
 #include "krv_calls.h"
 
 #include "krv_addr_map.h"
+#include "krv_ascending.h"
 #include "krv_dwarf.h"
 #include "krv_entry_walk.h"
 #include "krv_error.h"
@@ -9,6 +10,7 @@
 #include "krv_fd.h"
 #include "krv_function_names.h"
 #include "krv_line.h"
+#include "krv_places.h"
 #include "krv_ranges.h"
 
 #include <algorithm>
@@ -33,36 +35,57 @@ struct inlined_call {
     bool has_children : 1, has_file : 1;
 };
 
-// In one block, so that what an address needs of it lies together: where the pieces of an address map begin, the calls,
-// and the owners of the pieces.
+// In one block, so that what an address needs of it lies together: the pieces of an address map, and the calls.
 struct inlined_calls {
-    uint32_t pieces, count;
-    uint64_t bounds[];
+    uint64_t base;
+    uint32_t pieces;
+    uint32_t count : 31, is_far : 1; // as krv_addr_map
 
-    inlined_call *calls() { return reinterpret_cast<inlined_call *>(bounds + pieces); }
-    const inlined_call *calls() const { return reinterpret_cast<const inlined_call *>(bounds + pieces); }
-    uint32_t *owners() { return reinterpret_cast<uint32_t *>(calls() + count); }
-    const uint32_t *owners() const { return reinterpret_cast<const uint32_t *>(calls() + count); }
+    template <typename T>
+    krv_addr_piece<T> *map()
+    {
+        return reinterpret_cast<krv_addr_piece<T> *>(this + 1);
+    }
+    inlined_call *calls()
+    {
+        return is_far != 0 ? reinterpret_cast<inlined_call *>(map<uint64_t>() + pieces)
+                           : reinterpret_cast<inlined_call *>(map<uint32_t>() + pieces);
+    }
+    // The innermost call that covers the address, or NONE.
+    uint32_t find(uint64_t address)
+    {
+        return address < base ? NONE : is_far != 0 ? find<uint64_t>(address - base) : find<uint32_t>(address - base);
+    }
+
+private:
+    template <typename T>
+    uint32_t find(uint64_t distance)
+    {
+        const size_t begun = krv_addr_pieces_count(map<T>(), pieces, distance);
+        return begun == 0 ? NONE : map<T>()[begun - 1].owner;
+    }
 };
 
 struct function {
-    uint64_t entry;                  // offset in the section
     const krv_function_names *names; // NULL until they are asked for
     uint64_t start;                  // of its first range
     inlined_calls *inlined;          // owned: NULL until it is asked for
-    uint32_t outer, depth;           // while they are collected: the function that it is nested in, or NONE; its level
-    uint32_t row;                    // as those of inlined_call
-    uint8_t code_size;
-    bool is_cut : 1, has_children : 1, has_inlined : 1;
+    uint32_t entry;                  // offset from the unit's
+    uint32_t row : 23;               // as those of inlined_call
+    uint32_t code_size : 6;
+    uint32_t is_cut : 1, has_children : 1, has_inlined : 1;
 };
+static_assert(sizeof(inlined_call) == 32 && sizeof(function) == 32, "two lie in a cache line");
 
 } // namespace
 
 struct krv_calls {
     krv_addr_map sc_map;
-    const krv_plan *sc_plan;
-    uint32_t sc_language;   // DW_LANG_* of the unit, or 0
     function *sc_functions; // owned
+    const krv_plan *sc_plan;
+    uint64_t sc_offset;   // of the unit
+    uint32_t sc_language; // DW_LANG_* of the unit, or 0
+    bool sc_is_alternate;
     uint32_t sc_size, sc_count;
     krv_calls *sc_next; // of the handle's
 };
@@ -132,42 +155,68 @@ static bool is_inlined_with_code(const krv_planned_t *planned)
 template <typename T>
 static void take_head(const krv_place_t &place, const krv_entry_t &entry, T *to)
 {
-    to->row = static_cast<uint32_t>(krv_entry_planned(&entry) - place.plan->sp_planned);
-    to->code_size = static_cast<uint8_t>(entry.at - entry.offset);
-    to->is_cut = entry.at - entry.offset > UINT8_MAX; // padded
+    const uint64_t row = static_cast<uint64_t>(krv_entry_planned(&entry) - place.plan->sp_planned);
+    const uint64_t code_size = entry.at - entry.offset;
+    constexpr uint64_t ROWS = 1 << 23, SIZES = 1 << 6;
+    to->is_cut = row >= ROWS || code_size >= SIZES; // padded, or of a huge table
+    to->row = static_cast<uint32_t>(row % ROWS);
+    to->code_size = static_cast<uint8_t>(code_size % SIZES);
     to->has_children = entry.has_children != 0;
 }
 
-// Adds a function, or notes of the one around it that it has inlined calls. *innermost is the function that was met last.
-static bool add_function(krv_handle_t *hp, const krv_place_t &place, const krv_entry_t &entry, uint32_t level,
-                         krv_calls *calls, uint32_t *innermost, krv_addr_ranges *ranges)
+namespace
 {
-    while (*innermost != NONE && calls->sc_functions[*innermost].depth >= level)
-        *innermost = calls->sc_functions[*innermost].outer;
+
+// The functions of a unit while they are collected.
+struct collected_functions {
+    krv_calls *calls;
+    // Those around the entry that was met last, innermost last, with their levels.
+    struct level {
+        uint32_t function, depth;
+    };
+    level *around = nullptr;
+    uint32_t size = 0, count = 0;
+    krv_addr_ranges ranges;
+
+    explicit collected_functions(krv_calls *of) : calls(of) {}
+    ~collected_functions() { krv_free(around); }
+    collected_functions(const collected_functions &) = delete;
+    collected_functions &operator=(const collected_functions &) = delete;
+};
+
+} // namespace
+
+// Adds a function, or notes of the one around it that it has inlined calls.
+static bool add_function(krv_handle_t *hp, const krv_place_t &place, const krv_entry_t &entry, uint32_t level,
+                         collected_functions *to)
+{
+    krv_calls *calls = to->calls;
+    while (to->count != 0 && to->around[to->count - 1].depth >= level)
+        --to->count;
     if (entry.tag != DW_TAG_subprogram) {
-        if (*innermost != NONE)
-            calls->sc_functions[*innermost].has_inlined = true;
+        if (to->count != 0)
+            calls->sc_functions[to->around[to->count - 1].function].has_inlined = true;
         return true;
     }
-    if (!krv_table_grow(hp, &calls->sc_functions, &calls->sc_size, calls->sc_count, 16U))
+    if (!krv_table_grow(hp, &to->around, &to->size, to->count, 16U) ||
+        !krv_table_grow(hp, &calls->sc_functions, &calls->sc_size, calls->sc_count, 16U))
         return false;
-    function *to = &calls->sc_functions[calls->sc_count];
-    *to = {};
-    to->entry = entry.offset;
-    to->outer = *innermost;
-    to->depth = entry.depth;
-    take_head(place, entry, to);
-    *innermost = calls->sc_count++;
+    const uint32_t number = calls->sc_count++;
+    function *added = &calls->sc_functions[number];
+    *added = {};
+    added->entry = static_cast<uint32_t>(entry.offset - calls->sc_offset);
+    take_head(place, entry, added);
+    to->around[to->count++] = {number, entry.depth};
     krv_entry_t reading = entry;
     krv_code_place_t code = {};
     krv_attr_t attr;
     while (krv_entry_read_attr(hp, place, &reading, &attr) == 1)
         code.take(attr);
-    const size_t before = ranges->entries;
-    if (!add_ranges(hp, entry.unit, code, *innermost, ranges))
+    const size_t before = to->ranges.entries;
+    if (!add_ranges(hp, entry.unit, code, number, &to->ranges))
         return false;
-    if (ranges->entries != before)
-        calls->sc_functions[*innermost].start = ranges->ranges[before].start;
+    if (to->ranges.entries != before)
+        added->start = to->ranges.ranges[before].start;
     return true;
 }
 
@@ -187,8 +236,11 @@ static krv_calls *collect_functions(krv_handle_t *hp, const krv_place_t &place, 
     std::unique_ptr<krv_calls, calls_deleter> calls(krv_new<krv_calls>(hp));
     if (calls == nullptr)
         return nullptr;
-    krv_addr_ranges ranges;
-    uint32_t innermost = NONE;
+    calls->sc_plan = place.plan;
+    calls->sc_offset = first.unit->dcu_offset;
+    calls->sc_language = language_of(first.unit);
+    calls->sc_is_alternate = first.is_alternate != 0;
+    collected_functions found(calls.get());
     const int walked = krv_entry_walk(
         hp, place, first,
         [](const krv_planned_t *planned) {
@@ -196,18 +248,18 @@ static krv_calls *collect_functions(krv_handle_t *hp, const krv_place_t &place, 
                    (planned->tag == DW_TAG_subprogram || planned->tag == DW_TAG_inlined_subroutine);
         },
         [&](const krv_entry_t &entry, uint32_t level) {
-            return add_function(hp, place, entry, level, calls.get(), &innermost, &ranges) ? krv_step::next
-                                                                                           : krv_step::stop;
+            if (entry.offset - calls->sc_offset > UINT32_MAX)
+                return krv_step::skip;
+            return add_function(hp, place, entry, level, &found) ? krv_step::next : krv_step::stop;
         });
     if (walked == 1)
         return nullptr;
     if (walked == -1)
         tell_of_rest(hp, first.unit);
     if (!krv_table_trim(hp, &calls->sc_functions, &calls->sc_size, calls->sc_count) ||
-        !krv_addr_map_make(hp, ranges, krv_paint::last, &calls->sc_map) || !krv_addr_map_add_blocks(hp, &calls->sc_map))
+        !krv_addr_map_make(hp, found.ranges, krv_paint::last, &calls->sc_map) ||
+        !krv_addr_map_add_blocks(hp, &calls->sc_map))
         return nullptr;
-    calls->sc_plan = place.plan;
-    calls->sc_language = language_of(first.unit);
     return krv_forgive(hp) ? calls.release() : nullptr; // ranges that are damaged
 }
 
@@ -301,19 +353,24 @@ static inlined_calls *pack_inlined(krv_handle_t *hp, const collected_calls &foun
     if (!krv_addr_map_make(hp, found.ranges, krv_paint::last, &map))
         return nullptr;
     const size_t pieces = map.sam_pieces;
-    if (pieces > UINT32_MAX) {
+    if (pieces > UINT32_MAX || found.count > INT32_MAX) {
         krv_fail(hp, KRV_ERR_NOMEM, "too many ranges of inlined calls");
         return nullptr;
     }
-    auto *inlined = static_cast<inlined_calls *>(krv_alloc(hp, sizeof(inlined_calls) +
-                                                                   pieces * (sizeof(uint64_t) + sizeof(uint32_t)) +
-                                                                   found.count * sizeof(inlined_call)));
+    const size_t of_pieces = pieces * (map.sam_is_far ? sizeof(*map.sam_far) : sizeof(*map.sam_near));
+    auto *inlined = static_cast<inlined_calls *>(
+        krv_alloc(hp, sizeof(inlined_calls) + of_pieces + found.count * sizeof(inlined_call)));
     if (inlined == nullptr)
         return nullptr;
+    *inlined = {};
+    inlined->base = map.sam_base;
     inlined->pieces = static_cast<uint32_t>(pieces);
-    inlined->count = found.count;
-    std::copy_n(map.sam_bounds, pieces, inlined->bounds);
-    std::copy_n(map.sam_owners, pieces, inlined->owners());
+    inlined->count = found.count & INT32_MAX;
+    inlined->is_far = map.sam_is_far;
+    if (map.sam_is_far)
+        std::copy_n(map.sam_far, pieces, inlined->map<uint64_t>());
+    else
+        std::copy_n(map.sam_near, pieces, inlined->map<uint32_t>());
     for (uint32_t i = 0; i < found.count; ++i)
         inlined->calls()[i] = found.calls[i].call;
     if (krv_forgive(hp))
@@ -350,8 +407,16 @@ namespace
 // What covers an address.
 struct covering {
     krv_ctu_t *unit;
-    uint32_t function; // of the unit's
+    krv_calls *calls;  // the unit's
+    uint32_t function; // of these
     uint32_t inlined;  // the innermost of the function's, or NONE
+};
+
+// A row and what covers it.
+struct chain {
+    covering at; // without a unit: nothing does
+    const krv_lnp_t *matrix;
+    uint32_t row; // of the matrix, or KRV_NO_ROW
 };
 
 } // namespace
@@ -373,9 +438,9 @@ void krv_calls_destroy(krv_handle_t *hp)
     hp->sh_calls = nullptr;
 }
 
-static const krv_calls *get_calls(krv_handle_t *hp, krv_ctu_t *cu)
+[[gnu::noinline]] static krv_calls *get_calls(krv_handle_t *hp, krv_ctu_t *cu)
 {
-    if (const krv_calls *calls = krv_load(&cu->dcu_calls))
+    if (krv_calls *calls = krv_load(&cu->dcu_calls))
         return calls;
     krv_entry_t first;
     krv_place_t place;
@@ -389,38 +454,58 @@ static const krv_calls *get_calls(krv_handle_t *hp, krv_ctu_t *cu)
     return calls;
 }
 
-static const inlined_calls *get_inlined(krv_handle_t *hp, krv_ctu_t *cu, function *of)
+[[gnu::noinline]] static inlined_calls *make_inlined_calls(krv_handle_t *hp, krv_ctu_t *cu, const krv_calls *calls,
+                                                           function *of)
 {
-    if (const inlined_calls *inlined = krv_load(&of->inlined))
-        return inlined;
     krv_entry_t entry;
     krv_place_t place;
-    if (krv_entry_load_at(hp, cu, of->entry, &entry) != 0 || !krv_entry_place(hp, cu, &place))
+    if (krv_entry_load_at(hp, cu, calls->sc_offset + of->entry, &entry) != 0 || !krv_entry_place(hp, cu, &place))
         return nullptr;
     inlined_calls *fresh = collect_inlined(hp, place, entry);
     return fresh == nullptr ? nullptr : krv_publish(&of->inlined, fresh, krv_free);
 }
 
+// Finds the function that covers an address of the unit. False: KRV_ERR_NOTFOUND, or with the error of reading the unit.
+[[gnu::always_inline]] static inline bool find_function(krv_handle_t *hp, krv_ctu_t *cu, krv_addr_hint *hint,
+                                                        uint64_t address, covering *found)
+{
+    krv_calls *calls = hint == nullptr ? nullptr : krv_load(&hint->sah_calls);
+    if (calls == nullptr) {
+        if ((calls = get_calls(hp, cu)) == nullptr)
+            return false;
+        if (hint != nullptr)
+            krv_store(&hint->sah_calls, calls);
+    }
+    *found = {cu, calls, krv_addr_map_find(&calls->sc_map, address), NONE};
+    if (found->function == NONE) {
+        krv_fail_code(hp, KRV_ERR_NOTFOUND);
+        return false;
+    }
+    __builtin_prefetch(&calls->sc_functions[found->function]);
+    return true;
+}
+
+// Finds the call in it. False: KRV_ERR_NOMEM, or the error of reading the unit.
+[[gnu::always_inline]] static inline bool find_inlined(krv_handle_t *hp, uint64_t address, covering *found)
+{
+    function *of = &found->calls->sc_functions[found->function];
+    if (of->has_inlined == 0)
+        return true;
+    inlined_calls *inlined = krv_load(&of->inlined);
+    if (inlined == nullptr && (inlined = make_inlined_calls(hp, found->unit, found->calls, of)) == nullptr)
+        return false;
+    found->inlined = inlined->find(address);
+    return true;
+}
+
 // 0, or -1: KRV_ERR_NOTFOUND when no function covers the address.
 static int find_covering(krv_handle_t *hp, uint64_t address, covering *found)
 {
-    krv_ctu_t *cu = korva_lookup_ctu_by_addr(hp, address, KRV_LOOKUP_F_NONE);
-    const krv_calls *calls = cu == nullptr ? nullptr : get_calls(hp, cu);
-    if (calls == nullptr)
-        return -1;
-    *found = {cu, krv_addr_map_find(&calls->sc_map, address), NONE};
-    if (found->function == NONE)
-        return krv_fail_code(hp, KRV_ERR_NOTFOUND);
-    function *of = &calls->sc_functions[found->function];
-    if (!of->has_inlined)
-        return 0;
-    const inlined_calls *inlined = get_inlined(hp, cu, of);
-    if (inlined == nullptr)
-        return -1;
-    const size_t begun =
-        krv_count_not_above(inlined->bounds, size_t{inlined->pieces}, address, [](uint64_t b) { return b; });
-    found->inlined = begun == 0 ? NONE : inlined->owners()[begun - 1];
-    return 0;
+    krv_addr_stretch stretch;
+    krv_ctu_t *cu = krv_addr_index_find(hp, address, KRV_LOOKUP_F_NONE, &stretch);
+    return cu != nullptr && find_function(hp, cu, stretch.hint, address, found) && find_inlined(hp, address, found)
+               ? 0
+               : -1;
 }
 
 static void read_place_of_call(krv_handle_t *hp, krv_call_t *call)
@@ -452,7 +537,7 @@ static void read_place_of_call(krv_handle_t *hp, krv_call_t *call)
     }
 }
 
-static void take_names(const krv_function_names *names, krv_call_t *call)
+[[gnu::always_inline]] static inline void take_names(const krv_function_names *names, krv_call_t *call)
 {
     if (names == nullptr)
         return;
@@ -466,34 +551,35 @@ static void take_names(const krv_function_names *names, krv_call_t *call)
 
 // The cursor on an entry of which take_head has kept what it needs. False: messages.
 template <typename T>
-static bool load_head(krv_handle_t *hp, krv_ctu_t *cu, const krv_plan *plan, uint64_t offset, uint32_t tag,
-                      const T &from, krv_entry_t *entry)
+[[gnu::always_inline]] static inline bool load_head(krv_handle_t *hp, const covering &at, uint64_t offset, uint32_t tag,
+                                                    const T &from, krv_entry_t *entry)
 {
     if (from.is_cut)
-        return krv_entry_load_at(hp, cu, offset, entry) == 0;
-    entry->unit = cu;
+        return krv_entry_load_at(hp, at.unit, offset, entry) == 0;
+    entry->unit = at.unit;
     entry->offset = offset;
     entry->tag = tag;
     entry->has_children = from.has_children;
-    entry->is_alternate = cu->dcu_section == KRV_SEC_EXT_ALT_INFO;
+    entry->is_alternate = at.calls->sc_is_alternate;
     entry->at = offset + from.code_size;
-    entry->abbreviation = &plan->sp_planned[from.row];
+    entry->abbreviation = &at.calls->sc_plan->sp_planned[from.row];
     return true;
 }
 
-static int make_inlined(krv_handle_t *hp, krv_ctu_t *cu, const krv_plan *plan, uint64_t entry, const inlined_call &from,
-                        krv_call_t *call)
+[[gnu::always_inline]] static inline int make_inlined(krv_handle_t *hp, const covering &at, uint64_t entry,
+                                                      const inlined_call &from, krv_call_t *call)
 {
     *call = {};
     call->is_inlined = 1;
+    call->language = at.calls->sc_language;
     take_names(from.names, call);
-    if (!load_head(hp, cu, plan, entry, DW_TAG_inlined_subroutine, from, &call->entry))
+    if (!load_head(hp, at, entry, DW_TAG_inlined_subroutine, from, &call->entry))
         return -1;
     if (from.is_cut) {
         read_place_of_call(hp, call);
         return 0;
     }
-    call->call_unit = from.has_file ? cu : nullptr;
+    call->call_unit = from.has_file ? at.unit : nullptr;
     call->call_file = from.file;
     call->call_line = from.line;
     call->call_column = from.column;
@@ -501,16 +587,19 @@ static int make_inlined(krv_handle_t *hp, krv_ctu_t *cu, const krv_plan *plan, u
     return 0;
 }
 
-static int make_function(krv_handle_t *hp, krv_ctu_t *cu, const krv_plan *plan, function *from, krv_call_t *call)
+[[gnu::always_inline]] static inline int make_function(krv_handle_t *hp, const covering &at, function *from,
+                                                       krv_call_t *call)
 {
     *call = {};
-    if (!load_head(hp, cu, plan, from->entry, DW_TAG_subprogram, *from, &call->entry))
+    call->language = at.calls->sc_language;
+    const uint64_t entry = at.calls->sc_offset + from->entry;
+    if (!load_head(hp, at, entry, DW_TAG_subprogram, *from, &call->entry))
         return -1;
     const krv_function_names *names = krv_load(&from->names);
     if (names == nullptr) {
         krv_attr_t itself = {};
         itself.kind = KRV_ATTR_REFERENCE;
-        itself.number = from->entry;
+        itself.number = entry;
         names = krv_function_names_keep(hp, call->entry, itself);
         if (names == nullptr)
             return -1;
@@ -523,35 +612,25 @@ static int make_function(krv_handle_t *hp, krv_ctu_t *cu, const krv_plan *plan, 
 
 // The chain, from the innermost call on, and in *countp its length. What there is no room for is left out before the last,
 // which is the function.
-static int make_chain(krv_handle_t *hp, const covering &at, krv_call_t *calls, size_t room, bool keeps_last,
-                      size_t *countp)
+[[gnu::always_inline]] static inline int make_chain(krv_handle_t *hp, const covering &at, krv_call_t *calls,
+                                                    size_t room, bool keeps_last, size_t *countp)
 {
-    const krv_calls *of_unit = krv_load(&at.unit->dcu_calls);
-    function *of = &of_unit->sc_functions[at.function];
-    const inlined_calls *inlined = at.inlined == NONE ? nullptr : krv_load(&of->inlined);
-    const krv_plan *plan = of_unit->sc_plan;
-    const uint32_t language = of_unit->sc_language;
-    size_t count = 0;
+    function *of = &at.calls->sc_functions[at.function];
     // Names lie all over memory: they are fetched together, and not each when its turn has come.
     __builtin_prefetch(krv_load(&of->names));
-    for (uint32_t i = at.inlined; i != NONE; i = inlined->calls()[i].caller)
-        __builtin_prefetch(inlined->calls()[i].names);
-    for (uint32_t i = at.inlined; i != NONE; i = inlined->calls()[i].caller, ++count) {
-        const inlined_call &from = inlined->calls()[i];
-        if (count >= room)
-            continue;
-        if (make_inlined(hp, at.unit, plan, of->entry + from.entry, from, &calls[count]) != 0)
-            return -1;
-        calls[count].language = language;
+    size_t count = 0;
+    if (at.inlined != NONE) {
+        const inlined_call *const inlined = krv_load(&of->inlined)->calls();
+        for (uint32_t i = at.inlined; i != NONE; i = inlined[i].caller)
+            __builtin_prefetch(inlined[i].names);
+        const uint64_t entry = at.calls->sc_offset + of->entry;
+        for (uint32_t i = at.inlined; i != NONE; i = inlined[i].caller, ++count)
+            if (count < room && make_inlined(hp, at, entry + inlined[i].entry, inlined[i], &calls[count]) != 0)
+                return -1;
     }
     const size_t last = keeps_last && count >= room ? room - 1 : count;
     *countp = keeps_last ? last + 1 : count + 1;
-    if (last >= room)
-        return 0;
-    if (make_function(hp, at.unit, plan, of, &calls[last]) != 0)
-        return -1;
-    calls[last].language = language;
-    return 0;
+    return last < room ? make_function(hp, at, of, &calls[last]) : 0;
 }
 
 int korva_lookup_calls(krv_handle_t *hp, uint64_t address, krv_call_t *calls, size_t room, size_t *countp)
@@ -564,6 +643,55 @@ int korva_lookup_calls(krv_handle_t *hp, uint64_t address, krv_call_t *calls, si
     *countp = 0;
     covering at;
     return find_covering(hp, address, &at) == 0 ? make_chain(hp, at, calls, room, false, countp) : -1;
+}
+
+// Finds a chain. False: the walk ends, with the error set.
+[[gnu::always_inline]] static inline bool find_chain(krv_place_walk *walk, uint64_t address, chain *found)
+{
+    if (!walk->enter(address))
+        return false;
+    // The row is looked for while the function is fetched.
+    krv_handle_t *const hp = walk->hp;
+    bool is_covered = walk->unit != nullptr && find_function(hp, walk->unit, walk->stretch.hint, address, &found->at);
+    found->matrix = walk->matrix;
+    found->row = walk->find_row(address);
+    is_covered = is_covered && find_inlined(hp, address, &found->at);
+    if (is_covered)
+        return true;
+    found->at.unit = nullptr;
+    if (krv_is_passing(hp))
+        return false;
+    krv_clear_error(hp);
+    return true;
+}
+
+// Shows a chain as make_chain does. False: KRV_ERR_NOMEM or KRV_ERR_IO.
+static bool show_chain(krv_handle_t *hp, const chain &found, uint64_t bias, bool keeps_last, krv_row_t *rowp,
+                       krv_call_t *calls, size_t room, size_t *countp)
+{
+    *rowp = krv_place_show(found.matrix, found.row, bias);
+    *countp = 0;
+    if (found.at.unit == nullptr || make_chain(hp, found.at, calls, room, keeps_last, countp) == 0)
+        return true;
+    *countp = 0;
+    if (krv_is_passing(hp))
+        return false;
+    krv_clear_error(hp);
+    return true;
+}
+
+int korva_lookup_chain(krv_handle_t *hp, uint64_t addr, krv_row_t *rowp, krv_call_t *calls, size_t room, size_t *countp)
+{
+    if (hp == nullptr)
+        return -1;
+    if (rowp == nullptr || countp == nullptr || (calls == nullptr && room != 0))
+        return krv_fail_code(hp, KRV_ERR_INVALID);
+    krv_clear_error(hp);
+    const uint64_t bias = krv_line_bias(hp);
+    krv_place_walk walk{.hp = hp, .flags = KRV_LOOKUP_F_NONE};
+    chain found = {};
+    return find_chain(&walk, addr - bias, &found) && show_chain(hp, found, bias, false, rowp, calls, room, countp) ? 0
+                                                                                                                   : -1;
 }
 
 int korva_entry_get_call(krv_handle_t *hp, const krv_entry_t *entryp, krv_call_t *callp)
@@ -588,39 +716,31 @@ int korva_entry_get_call(krv_handle_t *hp, const krv_entry_t *entryp, krv_call_t
     return 0;
 }
 
-int korva_iter_calls(krv_handle_t *hp, const uint64_t *addresses, size_t count, krv_iter_calls_f *fn, void *arg)
+int korva_iter_chains(krv_handle_t *hp, const uint64_t *addrs, size_t count, krv_iter_chain_f *fn, void *arg)
 {
     if (hp == nullptr)
         return -1;
-    if (fn == nullptr || (addresses == nullptr && count != 0))
+    if (fn == nullptr || (addrs == nullptr && count != 0))
         return krv_fail_code(hp, KRV_ERR_INVALID);
     krv_clear_error(hp);
     if (count > UINT32_MAX)
         return krv_fail(hp, KRV_ERR_INVALID, "more than %u addresses at once", UINT32_MAX);
-    const krv_owner<uint32_t> order(static_cast<uint32_t *>(krv_alloc(hp, count * sizeof(uint32_t))));
-    const krv_owner<covering> found(static_cast<covering *>(krv_alloc(hp, count * sizeof(covering))));
+    const krv_owner<chain> found(static_cast<chain *>(krv_alloc(hp, count * sizeof(chain))));
     const krv_owner<krv_call_t> calls(static_cast<krv_call_t *>(krv_alloc(hp, MOST_CALLS * sizeof(krv_call_t))));
-    if (order == nullptr || found == nullptr || calls == nullptr)
+    if (found == nullptr || calls == nullptr)
         return -1;
-    for (size_t i = 0; i < count; ++i)
-        order.get()[i] = static_cast<uint32_t>(i);
-    std::sort(order.get(), order.get() + count,
-              [addresses](uint32_t a, uint32_t b) { return addresses[a] < addresses[b]; });
+    const uint64_t bias = krv_line_bias(hp);
+    krv_place_walk walk{.hp = hp, .flags = KRV_LOOKUP_F_NONE};
+    if (!krv_visit_ascending(hp, addrs, count, [&](uint64_t addr, size_t number) {
+            return find_chain(&walk, addr - bias, &found.get()[number]);
+        }))
+        return -1;
     for (size_t i = 0; i < count; ++i) {
-        const uint32_t number = order.get()[i];
-        if (find_covering(hp, addresses[number], &found.get()[number]) != 0) {
-            found.get()[number].unit = nullptr;
-            if (hp->sh_errno == KRV_ERR_NOMEM)
-                return -1;
-        }
-    }
-    for (size_t i = 0; i < count; ++i) {
-        size_t length = 0;
-        const covering &at = found.get()[i];
-        if (at.unit != nullptr && make_chain(hp, at, calls.get(), MOST_CALLS, true, &length) != 0)
-            length = 0;
-        krv_clear_error(hp);
-        if (const int result = fn(hp, i, calls.get(), length, arg))
+        krv_row_t row;
+        size_t length;
+        if (!show_chain(hp, found.get()[i], bias, true, &row, calls.get(), MOST_CALLS, &length))
+            return -1;
+        if (const int result = fn(hp, i, &row, calls.get(), length, arg))
             return result;
     }
     return 0;

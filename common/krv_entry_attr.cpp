@@ -216,15 +216,24 @@ static bool resolve(const reading &r, krv_then then)
     return 1;
 }
 
-// The string at an offset of .debug_str in memory. False: there is none.
-static inline bool find_common_string(const krv_handle_t *hp, uint64_t offset, krv_attr_t *attr)
+// Has the string at an offset of .debug_str in memory fetched. False: there is none.
+static inline bool fetch_string(const krv_handle_t *hp, uint64_t offset)
 {
     const krv_fd_t *section = &hp->sh_sec[KRV_SEC_STR];
     if (krv_fd_is_cb(section) || offset >= section->sfd_size)
         return false;
-    attr->bytes = section->sfd_u.buf + offset;
-    const void *nul = std::memchr(attr->bytes, 0, section->sfd_size - offset);
-    attr->size = static_cast<uint64_t>(static_cast<const uint8_t *>(nul) - attr->bytes);
+    __builtin_prefetch(section->sfd_u.buf + offset);
+    return true;
+}
+
+// Of such an attribute, whose number is the offset so far. False: the string does not end.
+static inline bool find_end_of_string(const krv_handle_t *hp, krv_attr_t *attr)
+{
+    const krv_fd_t *section = &hp->sh_sec[KRV_SEC_STR];
+    const uint8_t *const text = section->sfd_u.buf + attr->number;
+    const void *nul = std::memchr(text, 0, section->sfd_size - attr->number);
+    attr->bytes = text;
+    attr->size = static_cast<uint64_t>(static_cast<const uint8_t *>(nul) - text);
     attr->number = 0;
     return nul != nullptr;
 }
@@ -252,7 +261,19 @@ static inline bool take_small_text(uint64_t bytes, const uint8_t *at, krv_attr_t
 static_assert(offsetof(krv_attr_t, kind) - offsetof(krv_attr_t, form) == offsetof(krv_value_row, kind) &&
               offsetof(krv_attr_t, is_signed) - offsetof(krv_attr_t, form) == offsetof(krv_value_row, is_signed));
 
-// Reads what most values are, up to the first that is another, or cannot be read so. Returns how many.
+namespace
+{
+
+// A string whose end is still to be found, and where its offset stands.
+struct awaited_string {
+    krv_attr_t *attr;
+    const uint8_t *at;
+};
+
+} // namespace
+
+// Reads what most values are, up to the first that is another, or cannot be read so. Returns how many. Strings lie all over
+// their section: they are fetched while what follows is read, and their ends are looked for last.
 static inline size_t read_common(krv_handle_t *hp, const krv_place_t &place, krv_entry_t *entry, krv_attr_t *attrs,
                                  size_t room)
 {
@@ -264,6 +285,8 @@ static inline size_t read_common(krv_handle_t *hp, const krv_place_t &place, krv
     const uint64_t unit_offset = entry->unit->dcu_offset;
     const uint8_t *at = place.at(entry->at), *const end = place.end;
     krv_attr_t *attr = attrs, *const last = attrs + most;
+    awaited_string strings[4]; // more make the others wait
+    size_t awaited = 0;
     for (; attr != last && static_cast<uint64_t>(end - at) >= sizeof(uint64_t); ++attr, ++pair) {
         const krv_value_row &row = rows[pair->dwafp_form < forms ? pair->dwafp_form : 0];
         uint64_t number;
@@ -279,8 +302,9 @@ static inline size_t read_common(krv_handle_t *hp, const krv_place_t &place, krv
         } else if (row.then == krv_then::in_unit) {
             attr->number = krv_add_offset(number, unit_offset);
         } else if (row.then == krv_then::find_string) {
-            if (!find_common_string(hp, number, attr))
+            if (awaited == std::size(strings) || !fetch_string(hp, number))
                 break;
+            strings[awaited++] = {attr, at};
         } else if (row.then == krv_then::is_set) {
             attr->number = 1;
         } else if (row.then == krv_then::small_block) {
@@ -297,6 +321,13 @@ static inline size_t read_common(krv_handle_t *hp, const krv_place_t &place, krv
             break;
         }
         at += row.width;
+    }
+    for (size_t i = 0; i < awaited; ++i) {
+        if (!find_end_of_string(hp, strings[i].attr)) {
+            attr = strings[i].attr;
+            at = strings[i].at;
+            break;
+        }
     }
     const auto count = static_cast<size_t>(attr - attrs);
     entry->attrs_read = static_cast<uint16_t>(entry->attrs_read + count);

@@ -23,6 +23,12 @@ inline bool krv_forgive(krv_handle_t *hp)
     return true;
 }
 
+// Whether what failed is memory or reading, which says nothing of what was read.
+inline bool krv_is_passing(const krv_handle_t *hp)
+{
+    return hp->sh_errno == KRV_ERR_NOMEM || hp->sh_errno == KRV_ERR_IO;
+}
+
 // Appends one message, cut to 255 characters; a 17th is dropped. Never touches the code.
 [[gnu::format(printf, 2, 3)]] void krv_push_error(krv_handle_t *hp, const char *format, ...);
 

@@ -196,8 +196,7 @@ int krv_cu_check_section(krv_handle_t *hp, krv_secidx_t sec)
 // cannot be read: it then has none. Tells the client.
 static bool may_step_over(krv_handle_t *hp, krv_ctu_t *cu)
 {
-    const bool is_passing = hp->sh_errno == KRV_ERR_NOMEM || hp->sh_errno == KRV_ERR_IO; // says nothing of the unit
-    if (is_passing || (cu->dcu_kind != 0 && !krv_reads_as_written(hp)))
+    if (krv_is_passing(hp) || (cu->dcu_kind != 0 && !krv_reads_as_written(hp)))
         return false;
     const auto offset = static_cast<unsigned long>(cu->dcu_offset);
     if (cu->dcu_kind != 0)

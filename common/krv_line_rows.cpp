@@ -27,12 +27,6 @@ void krv_line_free_program(krv_lnp_t *lnpp)
     krv_free(lnpp);
 }
 
-krv_lnfe_t *krv_lnp_file(const krv_lnp_t *lnpp, const krv_line_state_t &row)
-{
-    return (row.slns_flags & KRV_LNS_FLAG_NO_FILE) != 0 ? nullptr
-                                                        : lnpp->slnp_files[row.slns_file - lnpp->slnp_first_file];
-}
-
 krv_lns_t *krv_lnp_hand_out(krv_handle_t *hp, krv_lnp_t *lnpp, uint32_t number)
 {
     krv_lns_table *table = krv_load(&lnpp->slnp_handed_out);

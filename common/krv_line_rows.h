@@ -180,7 +180,11 @@ uint64_t krv_lnp_bytes(const krv_lnp_t *lnpp);
 void krv_line_free_program(krv_lnp_t *lnpp);
 
 // The file of a row, or NULL.
-krv_lnfe_t *krv_lnp_file(const krv_lnp_t *lnpp, const krv_line_state_t &row);
+inline krv_lnfe_t *krv_lnp_file(const krv_lnp_t *lnpp, const krv_line_state_t &row)
+{
+    return (row.slns_flags & KRV_LNS_FLAG_NO_FILE) != 0 ? nullptr
+                                                        : lnpp->slnp_files[row.slns_file - lnpp->slnp_first_file];
+}
 
 // The lowest address of a row's file and line; of every row, in the order of rows. The first never fails, whatever memory
 // there is. 0, or -1 with KRV_ERR_NOMEM.

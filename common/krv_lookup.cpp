@@ -361,7 +361,7 @@ static int append_unit_ranges(krv_handle_t *hp, krv_ctu_t *cu, krv_lookup_flag_t
     const int found = append_unit_ranges(hp, cu, flags, &of);
     hp->sh_ranges_read = most - of.left;
     bool known = found == 1;
-    if (found == -1 && !of.refused && hp->sh_errno != KRV_ERR_NOMEM && hp->sh_errno != KRV_ERR_IO) {
+    if (found == -1 && !of.refused && !krv_is_passing(hp)) {
         krv_tell(hp, KRV_SEC_INFO, cu->dcu_offset, true, "ranges of the unit at offset 0x%lx of .debug_info: %s",
                  offset, krv_cause(hp).text);
         known = true;

@@ -34,12 +34,6 @@ struct sets_reader {
 
 } // namespace
 
-// Whether what failed says nothing about the section's bytes.
-static bool is_passing(const krv_handle_t *hp)
-{
-    return hp->sh_errno == KRV_ERR_NOMEM || hp->sh_errno == KRV_ERR_IO;
-}
-
 // Where tuples begin, their size is a divisor of what remains: behind a padding of the header, or, as some producers
 // write, at once.
 static uint64_t padding_size(uint64_t header, uint64_t remaining, uint64_t tuple)
@@ -100,7 +94,7 @@ static bool read_set(sets_reader *r, krv_fd_t *fdp, uint64_t offset, const krv_u
         krv_decode(fdp, DW_FORM_data1, &address_size) != 0 || krv_decode(fdp, DW_FORM_data1, &selector_size) != 0 ||
         (version != 2 && version != 3) || selector_size != 0 || (address_size != 4 && address_size != 8)) {
         ++r->damaged;
-        return !is_passing(hp);
+        return !krv_is_passing(hp);
     }
     if (unit >= hp->sh_sec[KRV_SEC_INFO].sfd_size) {
         ++r->homeless;
@@ -132,7 +126,7 @@ static bool read_sets(sets_reader *r)
         krv_fd_read_ahead(&fd, sizeof(window.sw_bytes));
         if (!krv_read_unit_length(&fd, KRV_UNIT_LENGTH_TEXTS, &ul) || ul.end > fd.sfd_size) {
             r->cut = offset;
-            return !is_passing(r->hp);
+            return !krv_is_passing(r->hp);
         }
         ++r->read;
         if (krv_fd_truncate(&fd, ul.length) != 0 || !read_set(r, &fd, offset, ul))

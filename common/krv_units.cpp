@@ -185,7 +185,7 @@ krv_ctu_t *krv_units_get_named(krv_handle_t *hp, krv_set_t *set)
         }
         cu = set->set_made == nullptr ? make_named(hp, set) : set->set_made;
         if (cu == nullptr) {
-            if (hp->sh_errno == KRV_ERR_NOMEM || hp->sh_errno == KRV_ERR_IO)
+            if (krv_is_passing(hp))
                 return nullptr;
             krv_tell(hp, KRV_SEC_ARANGES, set->set_offset, true,
                      "set at offset 0x%lx of .debug_aranges names no unit that can be read: %s",

@@ -3,6 +3,8 @@
 // Entries by cursor with all their values, the calls around addresses, and names.
 #include "input.h"
 
+#include <cstdlib>
+
 static int look_at(krv_handle_t *hp, krv_ctu_t *cu, void *)
 {
     krv_entry_t entry;
@@ -44,8 +46,22 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     size_t count;
     for (const uint64_t address : addresses)
         korva_lookup_calls(h, address, calls, 4, &count);
-    const auto visit = [](krv_handle_t *, size_t, const krv_call_t *, size_t, void *) { return 0; };
-    korva_iter_calls(h, addresses, 4, visit, nullptr);
+    // One at a time and together, with and without lines, they are the same.
+    struct lengths {
+        size_t of[4];
+    } found = {};
+    const auto visit = [](krv_handle_t *, size_t index, const krv_row_t *, const krv_call_t *, size_t length,
+                          void *arg) {
+        static_cast<lengths *>(arg)->of[index] = length;
+        return 0;
+    };
+    if (korva_iter_chains(h, addresses, 4, visit, &found) != 0)
+        return 0;
+    for (size_t i = 0; i < 4; ++i) {
+        krv_row_t row;
+        if (korva_lookup_chain(h, addresses[i], &row, calls, 4, &count) == 0 && count != found.of[i])
+            abort();
+    }
     const auto named = [](krv_handle_t *, const krv_entry_t *, void *) { return 0; };
     for (const unsigned flags : std::initializer_list<unsigned>{
              KRV_NAMED_FUNCTIONS, KRV_NAMED_FUNCTIONS | KRV_NAMED_INDEXED, KRV_NAMED_FUNCTIONS | KRV_NAMED_VARIABLES})

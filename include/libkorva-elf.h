@@ -253,7 +253,7 @@ KORVA_API int korva_elf_lookup_source(krv_elf_t *elf, uint64_t address, krv_elf_
 
 /**
  * The functions around an address of the file, innermost first: the calls that the compiler inlined there, and last the
- * function that has the code. Functions come from entries (korva_lookup_calls), else from symbols, then as one frame; the
+ * function that has the code. Functions come from entries (korva_lookup_chain), else from symbols, then as one frame; the
  * innermost frame's place from the line numbers, those of the others from the calls. @p flags is KRV_ELF_FRAMES_F_*.
  *
  * Stores at most @p room frames, from the innermost on, and in *@p countp how many there are, at least 1. Texts live until
@@ -265,7 +265,7 @@ KORVA_API int korva_elf_symbolize(krv_elf_t *elf, uint64_t address, unsigned int
                                   size_t room, size_t *countp, krv_elf_error_t *errorp);
 
 /**
- * korva_elf_symbolize of many addresses, which are looked up together (korva_iter_calls) and visited in the order of the
+ * korva_elf_symbolize of many addresses, which are looked up together (korva_iter_chains) and visited in the order of the
  * array; @p count of the visitor is 0 where nothing is known, and at most 256. Returns 0, @p func's result, or -1 with
  * KRV_ELF_ERR_NOMEM.
  */

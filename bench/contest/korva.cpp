@@ -102,13 +102,12 @@ static uint64_t place(krv_handle_t *hp, const query &q)
 static uint64_t chain_at(krv_handle_t *hp, uint64_t address)
 {
     krv_row_t row;
-    if (korva_lookup_rows(hp, &address, 1, KRV_LOOKUP_F_NONE, nullptr, &row) != 0 || row.number == KRV_ROW_NONE)
+    krv_call_t calls[64];
+    size_t count = 0;
+    if (korva_lookup_chain(hp, address, &row, calls, std::size(calls), &count) != 0 || row.number == KRV_ROW_NONE)
         row = {};
     krv_lnfe_t *file = row.file;
     uint64_t line = row.line, check = 0;
-    krv_call_t calls[64];
-    size_t count = 0;
-    korva_lookup_calls(hp, address, calls, std::size(calls), &count);
     for (size_t i = 0; i < std::max<size_t>(count, 1); ++i) {
         const char *path = file == nullptr ? nullptr : korva_lnfe_path(hp, file, B_FALSE);
         if (i == count)

@@ -171,15 +171,28 @@ typedef struct krv_call {
  *
  * The first question about a unit walks its entries once, for the addresses of its functions; the first about a function
  * that has inlined calls walks these, and finds the names of what was inlined. What was found is kept until the handle is
- * freed: some 24 bytes a range, 32 an inlined call, and 100 a function whose name was asked for. Names point into the
+ * freed: some 20 bytes a range, 32 a function or inlined call, and 100 a function whose name was asked for. Names point into the
  * sections, which may not be attached anew then. Of ranges that overlap without one being nested in the other the one
  * behind answers. Entries of a unit behind one that cannot be read are not known, and this is noted; range lists are read
- * up to 4 times their bytes, and what goes beyond covers nothing.
+ * up to 4 times their bytes, and what goes beyond covers nothing. Of a unit of more than 4 GiB the functions in the first 4 are
+ * known.
  *
  * Returns 0, or -1: KRV_ERR_NOTFOUND without a message when no function is known to cover the address; those of reading
  * the abbreviations; KRV_ERR_NOMEM. A name is looked for in at most 32 entries that lead to one another.
  */
 KORVA_API int korva_lookup_calls(krv_handle_t *hp, uint64_t address, krv_call_t *calls, size_t room, size_t *countp);
+
+/**
+ * korva_lookup_rows of one address, and the calls around it, in one step: *@p rowp is where the innermost call, or the
+ * function, is at; where it was called from each call tells itself. @p addr is as korva_lookup_row takes it, with the bias
+ * of KRV_OPT_BASE_ADDR; calls are looked up without it.
+ *
+ * Returns 0 also where nothing is known: then the row's number is KRV_ROW_NONE, or *@p countp 0. -1: KRV_ERR_INVALID for a
+ * NULL argument, KRV_ERR_NOMEM, KRV_ERR_IO where a section cannot be read, and the errors of korva_lookup_ctu_by_addr that
+ * speak of all addresses; what is stored is then not defined.
+ */
+KORVA_API int korva_lookup_chain(krv_handle_t *hp, uint64_t addr, krv_row_t *rowp, krv_call_t *calls, size_t room,
+                                 size_t *countp);
 
 /**
  * What an entry says of its function: its names, and where it is declared, found as korva_lookup_calls finds them; of an
@@ -188,17 +201,17 @@ KORVA_API int korva_lookup_calls(krv_handle_t *hp, uint64_t address, krv_call_t 
  */
 KORVA_API int korva_entry_get_call(krv_handle_t *hp, const krv_entry_t *entryp, krv_call_t *callp);
 
-/** Visitor of korva_iter_calls: the chain of element @p index; @p count 0 where korva_lookup_calls would fail. Non-zero
- * stops it and is returned. */
-typedef int krv_iter_calls_f(krv_handle_t *hp, size_t index, const krv_call_t *calls, size_t count, void *arg);
+/** Visitor of korva_iter_chains: what korva_lookup_chain stores for element @p index. Non-zero stops it and is returned. */
+typedef int krv_iter_chain_f(krv_handle_t *hp, size_t index, const krv_row_t *rowp, const krv_call_t *calls,
+                             size_t count, void *arg);
 
 /**
- * korva_lookup_calls of many addresses, which are looked up in ascending order, and visited in that of the array. Takes 20
- * bytes of memory an address while it runs. Returns 0, @p fn's result, or -1 with KRV_ERR_NOMEM. A chain of more than 256
- * calls is cut at its outer end, the last element being the function that has the code.
+ * korva_lookup_chain of many addresses, which are looked up in ascending order, and visited in that of the array. Takes 56
+ * bytes of memory an address while it runs, 72 where they span 4 GiB. A chain of more than 256 calls is cut at its outer
+ * end, the last element being the function that has the code. Returns 0, @p fn's result, or -1 with the errors of
+ * korva_lookup_chain.
  */
-KORVA_API int korva_iter_calls(krv_handle_t *hp, const uint64_t *addresses, size_t count, krv_iter_calls_f *fn,
-                               void *arg);
+KORVA_API int korva_iter_chains(krv_handle_t *hp, const uint64_t *addrs, size_t count, krv_iter_chain_f *fn, void *arg);
 
 /** Flags of korva_iter_named_entries. */
 enum {

@@ -393,12 +393,12 @@ struct visited_frames {
     std::vector<krv_elf_frame_t> frames{};
 
     // Not 0 without having been stopped: no memory.
-    int show(size_t index, const krv_call_t *calls, size_t count)
+    int show(size_t index, const looked_up &found)
     {
         size_t known = 0;
         const bool described = guarded(nullptr, false, [&] {
-            frames.resize(std::max({frames.size(), count, size_t{1}}));
-            known = elf->frames().describe(addresses[index], flags, calls, count, frames.data(), frames.size());
+            frames.resize(std::max({frames.size(), found.count, size_t{1}}));
+            known = elf->frames().describe(addresses[index], flags, found, frames.data(), frames.size());
             return true;
         });
         const int result = described ? func(elf, index, frames.data(), known, arg) : -1;
@@ -415,10 +415,21 @@ int korva_elf_symbolize_all(krv_elf_t *elf, const uint64_t *addresses, size_t co
     return guarded(errorp, -1, [=] {
         visited_frames all = {elf, addresses, flags, func, arg};
         elf->frames();
-        const auto visit = [](krv_handle_t *, size_t index, const krv_call_t *calls, size_t found, void *to) {
-            return static_cast<visited_frames *>(to)->show(index, calls, found);
-        };
-        const int result = korva_iter_calls(elf->hp.get(), addresses, count, visit, &all);
+        krv_handle_t *hp = elf->hp.get();
+        int result = 0;
+        if ((flags & KRV_ELF_FRAMES_F_NO_FUNCTIONS) != 0) {
+            std::vector<krv_row_t> rows(count);
+            std::vector<krv_ctu_t *> units(count);
+            result = korva_lookup_rows(hp, addresses, count, KRV_LOOKUP_F_NONE, units.data(), rows.data());
+            for (size_t i = 0; i < count && result == 0; ++i)
+                result = all.show(i, {rows[i], units[i], nullptr, 0});
+        } else {
+            const auto visit = [](krv_handle_t *, size_t index, const krv_row_t *row, const krv_call_t *calls,
+                                  size_t found, void *to) {
+                return static_cast<visited_frames *>(to)->show(index, {*row, nullptr, calls, found});
+            };
+            result = korva_iter_chains(hp, addresses, count, visit, &all);
+        }
         if (result != 0 && !all.is_stopped)
             throw std::bad_alloc();
         return result;

@@ -32,16 +32,19 @@ static bool mangles_names(uint32_t language)
     }
 }
 
-bool find_place(krv_handle_t *hp, krv_ctu_t *unit, uint64_t start, uint64_t size, uint64_t address, source_place *place)
+static bool take_row(krv_handle_t *hp, const krv_row_t &row, source_place *place)
 {
-    krv_row_t row;
-    if (korva_lookup_row(hp, unit, start, size, address, &row) != 0)
-        return false;
     const char *path = row.file == nullptr ? nullptr : korva_lnfe_path(hp, row.file, B_TRUE);
     if (row.file != nullptr && path == nullptr && korva_handle_get_errno(hp) != KRV_ERR_NONE)
         return false;
     *place = {path, row.line, row.column, row.discriminator};
     return true;
+}
+
+bool find_place(krv_handle_t *hp, krv_ctu_t *unit, uint64_t start, uint64_t size, uint64_t address, source_place *place)
+{
+    krv_row_t row;
+    return korva_lookup_row(hp, unit, start, size, address, &row) == 0 && take_row(hp, row, place);
 }
 
 // What memory ran out for is not what is not there.
@@ -144,24 +147,27 @@ krv_elf_frame_t symbolizer::frame_of(const krv_call_t &call, uint64_t address, u
     return frame;
 }
 
-bool symbolizer::place_innermost(uint64_t address, krv_elf_frame_t *frame)
+// For an address that no row is known for: rows of its function may answer for one between two sequences; outside any
+// function none may. False with the handle's error.
+bool symbolizer::find_gap(uint64_t address, krv_ctu_t *unit, source_place *place)
 {
-    krv_ctu_t *unit = frame->unit;
+    if (find_place(hp, unit, address, 1, address, place))
+        return true;
+    const krv_elf_symbol_t *function = korva_handle_get_errno(hp) == KRV_ERR_NOTFOUND ? symbols.find(address) : nullptr;
+    return function != nullptr && find_place(hp, unit, function->address, function->size, address, place);
+}
+
+bool symbolizer::place_innermost(uint64_t address, const looked_up &known, krv_elf_frame_t *frame)
+{
+    krv_ctu_t *unit = frame->unit != nullptr ? frame->unit : known.unit;
     if (unit == nullptr)
         unit = korva_lookup_ctu_by_addr(hp, address, KRV_LOOKUP_F_NONE);
     source_place place;
-    if (unit == nullptr) {
+    const bool is_placed = unit != nullptr && (known.row.number != KRV_ROW_NONE ? take_row(hp, known.row, &place)
+                                                                                : find_gap(address, unit, &place));
+    if (!is_placed) {
         check_memory(hp);
         return false;
-    }
-    if (!find_place(hp, unit, address, 1, address, &place)) {
-        // Rows of its function may answer for an address between two sequences; outside any function none may.
-        const krv_elf_symbol_t *function =
-            korva_handle_get_errno(hp) == KRV_ERR_NOTFOUND ? symbols.find(address) : nullptr;
-        if (function == nullptr || !find_place(hp, unit, function->address, function->size, address, &place)) {
-            check_memory(hp);
-            return false;
-        }
     }
     frame->unit = unit;
     frame->file = place.path == nullptr ? "" : place.path;
@@ -186,47 +192,53 @@ void symbolizer::place_caller(const krv_call_t &call, krv_elf_frame_t *caller)
     caller->discriminator = call.discriminator;
 }
 
-size_t symbolizer::describe(uint64_t address, unsigned int flags, const krv_call_t *chain, size_t count,
-                            krv_elf_frame_t *frames, size_t room)
+size_t symbolizer::describe(uint64_t address, unsigned int flags, const looked_up &known, krv_elf_frame_t *frames,
+                            size_t room)
 {
     krv_elf_frame_t innermost = nothing_known();
     const bool has_functions = (flags & KRV_ELF_FRAMES_F_NO_FUNCTIONS) == 0;
-    count = has_functions ? count : 0;
-    bool is_known = count != 0;
-    if (count != 0)
-        innermost = frame_of(chain[0], address, flags);
+    bool is_named = known.count != 0;
+    if (is_named)
+        innermost = frame_of(known.calls[0], address, flags);
     else if (has_functions)
-        is_known = take_symbol(address, flags, &innermost);
-    const bool is_placed = place_innermost(address, &innermost);
+        is_named = take_symbol(address, flags, &innermost);
+    const bool is_placed = place_innermost(address, known, &innermost);
     if (!has_functions && !is_placed)
-        is_known = take_symbol(address, flags, &innermost);
-    if (!is_placed && !is_known)
+        is_named = take_symbol(address, flags, &innermost);
+    if (!is_placed && !is_named)
         return 0;
     if (room != 0)
         frames[0] = innermost;
-    for (size_t i = 1; i < std::min(room, count); ++i) {
-        frames[i] = frame_of(chain[i], address, flags);
-        place_caller(chain[i - 1], &frames[i]);
+    for (size_t i = 1; i < std::min(room, known.count); ++i) {
+        frames[i] = frame_of(known.calls[i], address, flags);
+        place_caller(known.calls[i - 1], &frames[i]);
     }
-    return std::max<size_t>(count, 1);
+    return std::max<size_t>(known.count, 1);
 }
 
 size_t symbolizer::find(uint64_t address, unsigned int flags, krv_elf_frame_t *frames, size_t room)
 {
-    size_t count = 0;
+    looked_up known = {};
     const auto look_up = [&](size_t most) {
         calls.resize(std::max(calls.size(), most));
-        if (korva_lookup_calls(hp, address, calls.data(), calls.size(), &count) != 0) {
+        if (korva_lookup_chain(hp, address, &known.row, calls.data(), calls.size(), &known.count) != 0) {
             check_memory(hp);
-            count = 0;
+            known = {};
+            known.row.number = KRV_ROW_NONE;
         }
     };
-    if ((flags & KRV_ELF_FRAMES_F_NO_FUNCTIONS) == 0) {
+    if ((flags & KRV_ELF_FRAMES_F_NO_FUNCTIONS) != 0) {
+        if (korva_lookup_rows(hp, &address, 1, KRV_LOOKUP_F_NONE, &known.unit, &known.row) != 0) {
+            check_memory(hp);
+            known.row.number = KRV_ROW_NONE;
+        }
+    } else {
         look_up(16);
-        if (std::min(count, room) > calls.size())
-            look_up(std::min(count, room));
+        if (std::min(known.count, room) > calls.size())
+            look_up(std::min(known.count, room));
     }
-    return describe(address, flags, calls.data(), count, frames, room);
+    known.calls = calls.data();
+    return describe(address, flags, known, frames, room);
 }
 
 } // namespace krv_elf_loader

@@ -21,6 +21,14 @@ struct source_place {
     uint16_t discriminator = 0;
 };
 
+/** What was looked up of an address: its row (KRV_ROW_NONE), and the calls around it, none where no function is known. */
+struct looked_up {
+    krv_row_t row;
+    krv_ctu_t *unit; // NULL: to be looked up where it is needed
+    const krv_call_t *calls;
+    size_t count;
+};
+
 /** The row of a unit for an address in [start, start + size). False with the handle's error. */
 bool find_place(krv_handle_t *hp, krv_ctu_t *unit, uint64_t start, uint64_t size, uint64_t address,
                 source_place *place);
@@ -37,14 +45,14 @@ public:
 
     /** The frames around an address, at most @p room of them, the innermost first; returns how many there are. */
     size_t find(uint64_t address, unsigned int flags, krv_elf_frame_t *frames, size_t room);
-    /** The same of calls that were looked up already; none where no function is known. */
-    size_t describe(uint64_t address, unsigned int flags, const krv_call_t *calls, size_t count,
-                    krv_elf_frame_t *frames, size_t room);
+    /** The same of what was looked up already. */
+    size_t describe(uint64_t address, unsigned int flags, const looked_up &known, krv_elf_frame_t *frames, size_t room);
 
 private:
     krv_elf_frame_t frame_of(const krv_call_t &call, uint64_t address, unsigned int flags);
     bool take_symbol(uint64_t address, unsigned int flags, krv_elf_frame_t *frame);
-    bool place_innermost(uint64_t address, krv_elf_frame_t *frame);
+    bool place_innermost(uint64_t address, const looked_up &known, krv_elf_frame_t *frame);
+    bool find_gap(uint64_t address, krv_ctu_t *unit, source_place *place);
     void place_caller(const krv_call_t &call, krv_elf_frame_t *caller);
     const char *mangled_symbol(uint64_t start);
     const char *shown(const char *name, unsigned int flags);

@@ -273,7 +273,7 @@ TEST(Calls, Chain)
     handle h;
     h.extend();
     h.attach(KRV_SEC_ABBREV, abbrevs(CALLS));
-    bytes dies = bytes().uleb(1).u64(0x1000).u32(0x1000);
+    bytes dies = bytes().uleb(1).u64(0x1000).u32(UINT32_MAX);
     dies.label("decl").uleb(5).cstr("a").cstr("_Za").u8(7);
     dies.label("a").uleb(6).offset_of("decl", 4); // what is inlined leads to its declaration
     dies.label("b").uleb(7).offset_of("c", 4);    // in a circle
@@ -284,10 +284,15 @@ TEST(Calls, Chain)
     dies += bytes().uleb(8).offset_of("a", 4).u32(0);                              // by its list
     dies += bytes().uleb(8).offset_of("a", 4).u32(0x999);                          // no list: never met
     dies += function("nested", 0x1200, 0x10) + inlined("a", 0x1208, 1, 4) + bytes().u8(0).u8(0) + bytes().u8(0);
+    dies += function("far", 0x1300, 0x10); // with calls, and itself, more than 4 GiB from the others
+    dies += bytes().uleb(8).offset_of("a", 4).u32(0x40) + bytes().u8(0);
+    dies += function("farther", 0x100000f00, 0x200) + bytes().u8(0);
     dies += function("g", 0x1100, 0x10) + bytes().u8(0) + bytes().uleb(9).cstr("v").u8(1) + bytes().u8(0);
     h.attach(KRV_SEC_INFO, unit{.dies = dies}.build());
-    h.attach(KRV_SEC_EXT_RANGES,
-             bytes().u64(UINT64_MAX).u64(0).u64(0x1080).u64(0x1088).u64(0x1090).u64(0x1098).u64(0).u64(0));
+    h.attach(
+        KRV_SEC_EXT_RANGES,
+        bytes().u64(UINT64_MAX).u64(0).u64(0x1080).u64(0x1088).u64(0x1090).u64(0x1098).u64(0).u64(0) +
+            bytes().u64(UINT64_MAX).u64(0).u64(0x1304).u64(0x1308).u64(0x300000000).u64(0x300000008).u64(0).u64(0));
     const struct {
         uint64_t address;
         const char *chain;
@@ -307,6 +312,11 @@ TEST(Calls, Chain)
         {0x1110, "NOTFOUND"},
         {0x1200, "nested"},
         {0x1208, "a(_Za)#7@4 < nested"},
+        {0x1303, "far"},
+        {0x1307, "a(_Za)#7@0 < far"},
+        {0x1308, "far"},
+        {0x100000eff, "NOTFOUND"},
+        {0x100000ffe, "farther"},
     };
     std::vector<uint64_t> addresses;
     for (const auto &row : rows) {
@@ -316,14 +326,16 @@ TEST(Calls, Chain)
     EXPECT_EQ(chain_of(h, 0x1018, 1), "?@2 < 2");
 
     std::vector<size_t> lengths;
-    const auto visit = [](krv_handle_t *, size_t index, const krv_call_t *, size_t count, void *arg) {
+    const auto visit = [](krv_handle_t *, size_t index, const krv_row_t *row, const krv_call_t *, size_t count,
+                          void *arg) {
         auto *to = static_cast<std::vector<size_t> *>(arg);
         EXPECT_EQ(index, to->size());
+        EXPECT_EQ(row->number, KRV_ROW_NONE);
         to->push_back(count);
         return 0;
     };
-    EXPECT_EQ(korva_iter_calls(h, addresses.data(), addresses.size(), visit, &lengths), 0);
-    EXPECT_EQ(lengths, (std::vector<size_t>{2, 1, 0, 1, 2, 1, 2, 1, 2, 2, 3, 3, 2, 1, 0}));
+    EXPECT_EQ(korva_iter_chains(h, addresses.data(), addresses.size(), visit, &lengths), 0);
+    EXPECT_EQ(lengths, (std::vector<size_t>{1, 0, 1, 2, 1, 2, 1, 0, 1, 2, 1, 2, 1, 2, 2, 3, 3, 2, 1, 0}));
 
     std::string named;
     const auto add = [](krv_handle_t *, const krv_entry_t *entry, void *arg) {

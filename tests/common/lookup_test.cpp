@@ -459,6 +459,11 @@ static testing::AssertionResult same_at_once(krv_handle_t *hp, const std::vector
         };
         if (result != 0 || units[i] != unit || values(rows[i]) != values(row))
             return testing::AssertionFailure() << error << ": " << std::hex << addrs[i] << ", row " << rows[i].number;
+        krv_row_t with_calls;
+        size_t count;
+        if (flags == KRV_LOOKUP_F_NONE && (korva_lookup_chain(hp, addrs[i], &with_calls, nullptr, 0, &count) != 0 ||
+                                           values(with_calls) != values(row)))
+            return testing::AssertionFailure() << error_line(hp) << ": with calls " << std::hex << addrs[i];
     }
     return testing::AssertionSuccess();
 }

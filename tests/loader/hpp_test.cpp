@@ -203,8 +203,11 @@ TEST(Hpp, EntriesAreWalkedInEveryDirection)
     EXPECT_EQ(ranges->front().start, named[0].find(DW_AT_low_pc)->number);
     const std::uint64_t asked[] = {1, ranges->front().start};
     std::vector<std::size_t> lengths;
-    EXPECT_TRUE(*korva::each_calls(
-        handle, asked, 2, [&](std::size_t, korva::span<const krv_call_t> chain) { lengths.push_back(chain.size()); }));
+    EXPECT_TRUE(*korva::each_chain(handle, asked, 2,
+                                   [&](std::size_t, const krv_row_t &row, korva::span<const krv_call_t> chain) {
+                                       lengths.push_back(chain.size());
+                                       EXPECT_EQ(row.number == KRV_ROW_NONE, chain.size() == 0);
+                                   }));
     EXPECT_EQ(lengths, (std::vector<std::size_t>{0, 1}));
     const auto file = korva::file_of(handle, named[0].unit(), named[0].call()->decl_file);
     EXPECT_EQ(file->path.substr(file->path.rfind('/') + 1), "target.c");

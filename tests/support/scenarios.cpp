@@ -196,10 +196,11 @@ static session make_calls()
 static std::string ask_calls(krv_handle_t *hp)
 {
     krv_call_t calls[4];
+    krv_row_t row;
     size_t count;
-    if (korva_lookup_calls(hp, 0x40a, calls, 4, &count) != 0)
+    if (korva_lookup_chain(hp, 0x40a, &row, calls, 4, &count) != 0)
         return "!calls";
-    std::string answer;
+    std::string answer = row.number == KRV_ROW_NONE ? "" : "row ";
     for (size_t i = 0; i < count; ++i)
         answer += text("%s ", calls[i].name);
     const auto add = [](krv_handle_t *handle, const krv_variable_t *variable, void *arg) {
