@@ -32,18 +32,26 @@ struct krv_addr_stretch {
 };
 
 // The piece of an address as a stretch; the number of pieces up to it.
-inline size_t krv_addr_index_piece(const krv_addr_index *index, uint64_t address, krv_addr_stretch *stretch)
+[[gnu::always_inline]] inline size_t krv_addr_index_piece(const krv_addr_index *index, uint64_t address,
+                                                          krv_addr_stretch *stretch)
 {
-    const krv_addr_map &map = index->sai_map;
-    const size_t begun = krv_addr_map_count(&map, address);
-    stretch->last = begun == map.sam_pieces ? UINT64_MAX : krv_addr_map_bound(&map, begun) - 1;
-    stretch->first = begun == 0 ? 0 : krv_addr_map_bound(&map, begun - 1);
-    stretch->hint = begun == 0 ? nullptr : &index->sai_hints[begun - 1];
-    return begun;
+    const krv_addr_map *const map = &index->sai_map;
+    if (address < map->sam_base || map->sam_pieces == 0) {
+        *stretch = {0, map->sam_pieces == 0 ? UINT64_MAX : map->sam_base - 1, nullptr};
+        return 0;
+    }
+    return krv_addr_map_in_form(map, address, [=](const auto *pieces, uint64_t distance) {
+        const size_t begun = krv_addr_map_count(map, pieces, distance); // the first one does
+        stretch->last = begun == map->sam_pieces ? UINT64_MAX : map->sam_base + pieces[begun].begin - 1;
+        stretch->first = map->sam_base + pieces[begun - 1].begin;
+        stretch->hint = &index->sai_hints[begun - 1];
+        return begun;
+    });
 }
 
 // The answer of krv_addr_index_find, where it was given before and a set gave it; else NULL, and *stretch is of no use.
-inline krv_ctu_t *krv_addr_index_recall(krv_handle_t *hp, uint64_t address, krv_addr_stretch *stretch)
+[[gnu::always_inline]] inline krv_ctu_t *krv_addr_index_recall(krv_handle_t *hp, uint64_t address,
+                                                               krv_addr_stretch *stretch)
 {
     const krv_addr_index *index = krv_load(&hp->sh_addr_sets);
     return index == nullptr || krv_addr_index_piece(index, address, stretch) == 0 ? nullptr

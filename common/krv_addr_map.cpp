@@ -15,35 +15,6 @@ static T *alloc_array(krv_handle_t *hp, size_t count)
     return static_cast<T *>(krv_alloc(hp, count * sizeof(T)));
 }
 
-// Finds the pieces. Range i covers those from numbers[2 * i] to before numbers[2 * i + 1]. T: what has room for distances from
-// the lowest bound, and for numbers.
-template <typename T>
-static krv_addr_piece<T> *find_pieces(krv_handle_t *hp, const krv_addr_ranges &t, uint64_t lowest, size_t *countp,
-                                      uint32_t *numbers)
-{
-    const size_t count = 2 * t.entries;
-    krv_owner<krv_addr_piece<T>> pieces(alloc_array<krv_addr_piece<T>>(hp, count));
-    const krv_owner<krv_numbered<T>> room(alloc_array<krv_numbered<T>>(hp, 2 * count));
-    if (pieces == nullptr || room == nullptr)
-        return nullptr;
-    for (size_t i = 0; i < t.entries; ++i) {
-        room.get()[2 * i] = {static_cast<T>(t.ranges[i].start - lowest), static_cast<T>(2 * i)};
-        room.get()[2 * i + 1] = {static_cast<T>(t.ranges[i].end - lowest), static_cast<T>(2 * i + 1)};
-    }
-    const krv_numbered<T> *sorted = krv_radix_sort(room.get(), room.get() + count, count);
-    size_t found = 0;
-    for (size_t i = 0; i < count; ++i) {
-        if (i == 0 || sorted[i].distance != sorted[i - 1].distance)
-            pieces.get()[found++] = {sorted[i].distance, KRV_ADDR_NOTHING};
-        numbers[sorted[i].number] = static_cast<uint32_t>(found - 1);
-    }
-    *countp = found;
-    auto *trimmed = static_cast<krv_addr_piece<T> *>(krv_realloc(hp, pieces.get(), found * sizeof(krv_addr_piece<T>)));
-    if (trimmed != nullptr)
-        static_cast<void>(pieces.release());
-    return trimmed;
-}
-
 // The first piece at or behind `piece` that is not painted. next[] leads over painted ones, ever farther.
 static uint32_t first_bare(uint32_t *next, uint32_t piece)
 {
@@ -77,15 +48,65 @@ static bool paint_pieces(krv_handle_t *hp, const krv_addr_ranges &t, krv_paint p
     return true;
 }
 
+// The pieces of any ranges.
 template <typename T>
-static bool make_pieces(krv_handle_t *hp, const krv_addr_ranges &ranges, krv_paint paint, krv_addr_map *map,
-                        krv_addr_piece<T> **piecesp)
+static bool find_pieces(krv_handle_t *hp, const krv_addr_ranges &t, uint64_t lowest, krv_paint paint,
+                        krv_addr_piece<T> *pieces, size_t *countp)
 {
-    const krv_owner<uint32_t> numbers(alloc_array<uint32_t>(hp, 2 * ranges.entries));
-    if (numbers == nullptr)
+    const size_t count = 2 * t.entries;
+    // Range i covers pieces numbers[2 * i] to before numbers[2 * i + 1].
+    const krv_owner<uint32_t> numbers(alloc_array<uint32_t>(hp, count));
+    const krv_owner<krv_numbered<T>> room(alloc_array<krv_numbered<T>>(hp, 2 * count));
+    if (numbers == nullptr || room == nullptr)
         return false;
-    *piecesp = find_pieces<T>(hp, ranges, map->sam_base, &map->sam_pieces, numbers.get());
-    return *piecesp != nullptr && paint_pieces(hp, ranges, paint, *piecesp, map->sam_pieces, numbers.get());
+    for (size_t i = 0; i < t.entries; ++i) {
+        room.get()[2 * i] = {static_cast<T>(t.ranges[i].start - lowest), static_cast<T>(2 * i)};
+        room.get()[2 * i + 1] = {static_cast<T>(t.ranges[i].end - lowest), static_cast<T>(2 * i + 1)};
+    }
+    const krv_numbered<T> *sorted = krv_radix_sort(room.get(), room.get() + count, count);
+    size_t found = 0;
+    for (size_t i = 0; i < count; ++i) {
+        if (i == 0 || sorted[i].distance != sorted[i - 1].distance)
+            pieces[found++] = {sorted[i].distance, KRV_ADDR_NOTHING};
+        numbers.get()[sorted[i].number] = static_cast<uint32_t>(found - 1);
+    }
+    *countp = found;
+    return paint_pieces(hp, t, paint, pieces, found, numbers.get());
+}
+
+// The pieces of ranges that ascend without overlapping, as those of most programs do.
+template <typename T>
+static void take_ascending(const krv_addr_ranges &t, uint64_t lowest, krv_addr_piece<T> *pieces, size_t *countp)
+{
+    size_t count = 0;
+    for (size_t i = 0; i < t.entries; ++i) {
+        const krv_addr_range &range = t.ranges[i];
+        if (i == 0 || t.ranges[i - 1].end != range.start)
+            pieces[count++].begin = static_cast<T>(range.start - lowest);
+        pieces[count - 1].owner = range.owner;
+        pieces[count++] = {static_cast<T>(range.end - lowest), KRV_ADDR_NOTHING};
+    }
+    *countp = count;
+}
+
+template <typename T>
+static bool make_pieces(krv_handle_t *hp, const krv_addr_ranges &ranges, bool ascend, krv_paint paint,
+                        krv_addr_map *map, krv_addr_piece<T> **piecesp)
+{
+    const size_t most = 2 * ranges.entries;
+    krv_owner<krv_addr_piece<T>> pieces(alloc_array<krv_addr_piece<T>>(hp, most));
+    if (pieces == nullptr)
+        return false;
+    if (ascend)
+        take_ascending(ranges, map->sam_base, pieces.get(), &map->sam_pieces);
+    else if (!find_pieces(hp, ranges, map->sam_base, paint, pieces.get(), &map->sam_pieces))
+        return false;
+    *piecesp = pieces.release();
+    if (map->sam_pieces == most)
+        return true;
+    auto *exact = static_cast<krv_addr_piece<T> *>(krv_realloc(hp, *piecesp, map->sam_pieces * sizeof(**piecesp)));
+    *piecesp = exact == nullptr ? *piecesp : exact;
+    return exact != nullptr;
 }
 
 // A table from blocks of addresses, all of one size and at most twice as many as there are pieces, to the pieces that begin in
@@ -123,14 +144,16 @@ bool krv_addr_map_make(krv_handle_t *hp, const krv_addr_ranges &ranges, krv_pain
     if (ranges.entries == 0)
         return true;
     uint64_t lowest = UINT64_MAX, highest = 0;
+    bool ascend = true;
     for (size_t i = 0; i < ranges.entries; ++i) {
+        ascend = ascend && highest <= ranges.ranges[i].start;
         lowest = std::min(lowest, ranges.ranges[i].start);
         highest = std::max(highest, ranges.ranges[i].end);
     }
     map->sam_base = lowest;
     map->sam_is_far = highest - lowest > UINT32_MAX;
-    return map->sam_is_far ? make_pieces(hp, ranges, paint, map, &map->sam_far)
-                           : make_pieces(hp, ranges, paint, map, &map->sam_near);
+    return map->sam_is_far ? make_pieces(hp, ranges, ascend, paint, map, &map->sam_far)
+                           : make_pieces(hp, ranges, ascend, paint, map, &map->sam_near);
 }
 
 void krv_addr_map_free(krv_addr_map *map)

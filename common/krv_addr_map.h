@@ -86,12 +86,18 @@ inline uint32_t krv_addr_map_owner(const krv_addr_map *map, size_t piece)
     return map->sam_is_far ? map->sam_far[piece].owner : map->sam_near[piece].owner;
 }
 
-// The number of pieces that begin at the address or before.
-inline size_t krv_addr_map_count(const krv_addr_map *map, uint64_t address)
+// Calls func(pieces, distance) for the pieces in their form, and the distance of an address that is not below the base.
+template <typename F>
+[[gnu::always_inline]] inline auto krv_addr_map_in_form(const krv_addr_map *map, uint64_t address, F func)
 {
-    if (address < map->sam_base)
-        return 0;
-    const uint64_t distance = address - map->sam_base;
+    return map->sam_is_far ? func(map->sam_far, address - map->sam_base) : func(map->sam_near, address - map->sam_base);
+}
+
+// The number of these pieces of a map that begin at the distance or before.
+template <typename T>
+[[gnu::always_inline]] inline size_t krv_addr_map_count(const krv_addr_map *map, const krv_addr_piece<T> *pieces,
+                                                        uint64_t distance)
+{
     size_t first = 0, behind = map->sam_pieces;
     if (map->sam_blocks != nullptr) {
         const uint64_t block = distance >> map->sam_shift;
@@ -100,15 +106,28 @@ inline size_t krv_addr_map_count(const krv_addr_map *map, uint64_t address)
         first = map->sam_blocks[block];
         behind = map->sam_blocks[block + 1];
     }
-    return first + (map->sam_is_far ? krv_addr_pieces_count(map->sam_far + first, behind - first, distance)
-                                    : krv_addr_pieces_count(map->sam_near + first, behind - first, distance));
+    return first + krv_addr_pieces_count(pieces + first, behind - first, distance);
+}
+
+// The number of pieces that begin at the address or before.
+inline size_t krv_addr_map_count(const krv_addr_map *map, uint64_t address)
+{
+    if (address < map->sam_base)
+        return 0;
+    return krv_addr_map_in_form(map, address, [map](const auto *pieces, uint64_t distance) {
+        return krv_addr_map_count(map, pieces, distance);
+    });
 }
 
 // The owner of an address, or KRV_ADDR_NOTHING.
 inline uint32_t krv_addr_map_find(const krv_addr_map *map, uint64_t address)
 {
-    const size_t begun = krv_addr_map_count(map, address);
-    return begun == 0 ? KRV_ADDR_NOTHING : krv_addr_map_owner(map, begun - 1);
+    if (address < map->sam_base)
+        return KRV_ADDR_NOTHING;
+    return krv_addr_map_in_form(map, address, [map](const auto *pieces, uint64_t distance) {
+        const size_t begun = krv_addr_map_count(map, pieces, distance);
+        return begun == 0 ? KRV_ADDR_NOTHING : pieces[begun - 1].owner;
+    });
 }
 
 #endif

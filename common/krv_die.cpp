@@ -131,10 +131,8 @@ void krv_free_die(krv_die_t *die)
     krv_free(die);
 }
 
-krv_au_t *krv_cu_abbrevs(krv_handle_t *hp, krv_ctu_t *cu)
+krv_au_t *krv_cu_read_abbrevs(krv_handle_t *hp, krv_ctu_t *cu)
 {
-    if (krv_au_t *au = krv_load(&cu->dcu_abbrev_unit))
-        return au;
     krv_au_t *au = cu->dcu_section == KRV_SEC_EXT_ALT_INFO
                        ? krv_get_au_by_offset(hp, cu->dcu_debug_abbrev_offset, KRV_SEC_EXT_ALT_ABBREV)
                        : krv_get_au_by_offset(hp, cu->dcu_debug_abbrev_offset);
@@ -272,6 +270,19 @@ static bool resolve_values(krv_handle_t *hp, const krv_ctu_t *cu, krv_die_t *die
     return true;
 }
 
+// The rest of read_die where extensions are read.
+[[gnu::noinline]] static krv_die_t *read_extended(krv_handle_t *hp, krv_fd_t *fdp, krv_ctu_t *cu,
+                                                  const krv_encoding_t &encoding, krv_abbrev_t *abbrev, krv_die_t *room)
+{
+    die_owner die(room);
+    if (!read_values<KRV_ALL_FORMS>(fdp, encoding, abbrev, die.get()))
+        return nullptr;
+    if (cu->dcu_compile_unit == nullptr) // this is it
+        krv_cu_take_bases(cu, die.get());
+    const bool leads = (abbrev->dwa_flags & KRV_ABBREV_FLAG_LEADS) != 0;
+    return !leads || resolve_values(hp, cu, die.get()) ? die.release() : nullptr;
+}
+
 // Reads the entry whose code the cursor stands behind. NULL: messages pushed.
 static krv_die_t *read_die(krv_handle_t *hp, krv_fd_t *fdp, krv_ctu_t *cu, krv_abbrev_t *abbrev)
 {
@@ -284,14 +295,9 @@ static krv_die_t *read_die(krv_handle_t *hp, krv_fd_t *fdp, krv_ctu_t *cu, krv_a
     die->dwdie_parts = nullptr;
     die->dwdie_copied = 0;
     const krv_encoding_t encoding = krv_cu_encoding(hp, cu);
-    if (!encoding.is_extended())
-        return read_values<KRV_BASE_FORMS>(fdp, encoding, abbrev, die.get()) ? die.release() : nullptr;
-    if (!read_values<KRV_ALL_FORMS>(fdp, encoding, abbrev, die.get()))
-        return nullptr;
-    if (cu->dcu_compile_unit == nullptr) // this is it
-        krv_cu_take_bases(cu, die.get());
-    const bool leads = (abbrev->dwa_flags & KRV_ABBREV_FLAG_LEADS) != 0;
-    return !leads || resolve_values(hp, cu, die.get()) ? die.release() : nullptr;
+    if (encoding.is_extended())
+        return read_extended(hp, fdp, cu, encoding, abbrev, die.release());
+    return read_values<KRV_BASE_FORMS>(fdp, encoding, abbrev, die.get()) ? die.release() : nullptr;
 }
 
 uint64_t krv_cu_most_attributes(const krv_ctu_t *cu)

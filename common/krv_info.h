@@ -132,7 +132,12 @@ krv_die_t *krv_alloc_die_by_attribute(krv_handle_t *hp, krv_die_t *die, krv_attr
 bool krv_cu_read_indexed(krv_handle_t *hp, const krv_ctu_t *cu, krv_base_t base, uint64_t index, uint64_t *valuep);
 
 // The abbreviation table of a unit, read on first use. NULL on failure.
-krv_au_t *krv_cu_abbrevs(krv_handle_t *hp, krv_ctu_t *cu);
+krv_au_t *krv_cu_read_abbrevs(krv_handle_t *hp, krv_ctu_t *cu);
+inline krv_au_t *krv_cu_abbrevs(krv_handle_t *hp, krv_ctu_t *cu)
+{
+    krv_au_t *const au = krv_load(&cu->dcu_abbrev_unit);
+    return au != nullptr ? au : krv_cu_read_abbrevs(hp, cu);
+}
 
 // Calls visit(char **) on each pointer of a unit to a string that its entry has.
 template <typename Visit>

@@ -49,7 +49,8 @@ bool krv_place_walk::find_sequence(uint64_t address, uint32_t *hint)
 }
 
 // False: the walk ends.
-static bool answer(krv_place_walk *w, uint64_t addr, uint64_t bias, krv_ctu_t **unitp, krv_row_t *rowp)
+[[gnu::always_inline]] static inline bool answer(krv_place_walk *w, uint64_t addr, uint64_t bias, krv_ctu_t **unitp,
+                                                 krv_row_t *rowp)
 {
     if (!w->enter(addr - bias))
         return false;

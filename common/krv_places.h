@@ -18,7 +18,7 @@ struct krv_place_walk {
     uint32_t row = KRV_NO_ROW;                  // the last one that was found in it
 
     // Finds the unit of an address, which is without bias, and its matrix. False: the walk ends, with the error set.
-    bool enter(uint64_t address)
+    [[gnu::always_inline]] bool enter(uint64_t address)
     {
         if (address >= stretch.first && address <= stretch.last)
             return true;
@@ -31,7 +31,7 @@ struct krv_place_walk {
     }
 
     // The number of the row, in the matrix, of an address that was entered; KRV_NO_ROW where there is none.
-    uint32_t find_row(uint64_t address)
+    [[gnu::always_inline]] uint32_t find_row(uint64_t address)
     {
         if (matrix == nullptr || !enter_sequence(address))
             return KRV_NO_ROW;
@@ -53,7 +53,7 @@ private:
     }
 
     // Whether a sequence of the matrix covers the address.
-    bool enter_sequence(uint64_t address)
+    [[gnu::always_inline]] bool enter_sequence(uint64_t address)
     {
         if (sequence != nullptr && krv_lnb_covers(sequence, address))
             return true;
