@@ -158,38 +158,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     krv_gregset_t gregs = {};
     for (krv_greg_t &reg : gregs)
         reg = static_cast<krv_greg_t>(STACK);
-    const auto load = [&gregs](krv_handle_t *hp, krv_activation_t *of, uint64_t pc) {
-        gregs[KRV_HOST_RIP] = static_cast<krv_greg_t>(pc);
-        korva_activation_set_regs(hp, of, gregs, UINT64_MAX, nullptr);
-        korva_activation_set_greg(hp, of, KRV_ACTIVATION_REG_LIBRARY, KRV_REG_PC, static_cast<krv_greg_t>(pc));
-    };
     const uint64_t pcs[] = {TEXT + FUNCTION / 2, TEXT + FUNCTION, broken<uint64_t>(in, TEXT + 5 * FUNCTION - 1)};
     for (const uint64_t pc : pcs) {
-        load(h, ap, pc);
+        krv_fuzz::start_at(h, ap, gregs, pc);
         krv_fuzz::walk(h, ap);
     }
-    // Twice by a cache, then by a table, which knows the records alone. Faulty reads are no constant memory.
-    for (const bool filled : {false, true}) {
-        if (how.has_faults() || (filled && has_table))
-            continue;
-        krv_fuzz::handle plain(how), kept(how);
-        attach(plain);
-        attach(kept);
-        korva_handle_set_opt(kept, KRV_OPT_EXT_CONSTANT_FRAMES, uint64_t{1});
-        if (filled)
-            korva_frames_prefill(kept);
-        krv_activation_t *ap_plain = korva_activation_alloc(plain), *ap_kept = korva_activation_alloc(kept);
-        for (const uint64_t pc : {pcs[0], pcs[0], pcs[1], pcs[2], pcs[2]}) {
-            load(plain, ap_plain, pc);
-            load(kept, ap_kept, pc);
-            krv_fuzz::walk_alike(plain, ap_plain, kept, ap_kept);
-            load(plain, ap_plain, pc);
-            if (filled)
-                krv_fuzz::walk_by_table(plain, ap_plain, kept, gregs, &target);
-        }
-        korva_activation_free(ap_plain);
-        korva_activation_free(ap_kept);
-    }
+    krv_fuzz::compare_kept(how, attach, has_table, gregs, pcs, &target);
     korva_activation_free(ap);
     return 0;
 }

@@ -3,8 +3,6 @@
 // A whole walk: .debug_frame as a section, or .eh_frame with its header in memory, and a stack, all from the input.
 #include "walk.h"
 
-#include <utility>
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
     krv_fuzz::input in(data, size);
@@ -24,35 +22,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     krv_gregset_t gregs = {};
     for (krv_greg_t &reg : gregs)
         reg = static_cast<krv_greg_t>(krv_fuzz::BASE + sp);
-    korva_activation_set_regs(h, ap, gregs, UINT64_MAX, nullptr);
     const uint64_t pcs[] = {pc, krv_fuzz::BASE + pc, uint64_t{0}, UINT64_MAX};
     for (const uint64_t at : pcs) {
-        korva_activation_set_greg(h, ap, KRV_ACTIVATION_REG_LIBRARY, KRV_REG_PC, static_cast<krv_greg_t>(at));
+        krv_fuzz::start_at(h, ap, gregs, at);
         krv_fuzz::walk(h, ap);
     }
-    for (const bool filled : {false, true}) { // as in frames_fuzz.cpp
-        if (in.has_faults() || (filled && hdr != 0))
-            continue;
-        krv_fuzz::handle plain(in), kept(in);
-        attach(plain);
-        attach(kept);
-        korva_handle_set_opt(kept, KRV_OPT_EXT_CONSTANT_FRAMES, uint64_t{1});
-        if (filled)
-            korva_frames_prefill(kept);
-        krv_activation_t *ap_plain = korva_activation_alloc(plain), *ap_kept = korva_activation_alloc(kept);
-        for (const uint64_t at : pcs)
-            for (int times = 0; times < 2; ++times) {
-                for (const auto &[hp, of] :
-                     {std::pair<krv_handle_t *, krv_activation_t *>{plain, ap_plain}, {kept, ap_kept}}) {
-                    korva_activation_set_regs(hp, of, gregs, UINT64_MAX, nullptr);
-                    korva_activation_set_greg(hp, of, KRV_ACTIVATION_REG_LIBRARY, KRV_REG_PC,
-                                              static_cast<krv_greg_t>(at));
-                }
-                krv_fuzz::walk_alike(plain, ap_plain, kept, ap_kept);
-            }
-        korva_activation_free(ap_plain);
-        korva_activation_free(ap_kept);
-    }
+    krv_fuzz::compare_kept(in, attach, hdr != 0, gregs, pcs, &memory);
     korva_activation_free(ap);
     return 0;
 }

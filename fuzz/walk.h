@@ -7,6 +7,7 @@
 #include "input.h"
 
 #include <cstdio>
+#include <span>
 
 namespace krv_fuzz
 {
@@ -17,6 +18,14 @@ constexpr uint64_t BASE = 0x10000;
 inline int64_t read_memory(void *arg, void *buf, size_t count, uint64_t address)
 {
     return address < BASE ? -1 : source::read(arg, buf, count, address - BASE);
+}
+
+// Sets all registers, the program counter among them, which a target may have elsewhere than the host.
+inline void start_at(krv_handle_t *hp, krv_activation_t *ap, krv_gregset_t &gregs, uint64_t pc)
+{
+    gregs[KRV_HOST_RIP] = static_cast<krv_greg_t>(pc);
+    korva_activation_set_regs(hp, ap, gregs, UINT64_MAX, nullptr);
+    korva_activation_set_greg(hp, ap, KRV_ACTIVATION_REG_LIBRARY, KRV_REG_PC, static_cast<krv_greg_t>(pc));
 }
 
 // What the calls for a frame say of it.
@@ -95,6 +104,37 @@ inline void walk(krv_handle_t *hp, krv_activation_t *ap)
             korva_activation_get_argv(hp, ap, n, value, valid, in_register, sizeof(value), &count);
         if (korva_activation_unwind(hp, ap) != 0)
             break;
+    }
+}
+
+// Walks from each of some addresses with a handle that keeps nothing, and twice by a cache, then by a table, which knows
+// the records alone and is not made of a search table. `attach` gives a handle its sections. Faulty reads are no constant
+// memory.
+template <typename Attach>
+void compare_kept(const input &how, const Attach &attach, bool has_search_table, krv_gregset_t &gregs,
+                  std::span<const uint64_t> pcs, source *memory)
+{
+    for (const bool filled : {false, true}) {
+        if (how.has_faults() || (filled && has_search_table))
+            continue;
+        handle plain(how), kept(how);
+        attach(plain);
+        attach(kept);
+        korva_handle_set_opt(kept, KRV_OPT_EXT_CONSTANT_FRAMES, uint64_t{1});
+        if (filled)
+            korva_frames_prefill(kept);
+        krv_activation_t *ap_plain = korva_activation_alloc(plain), *ap_kept = korva_activation_alloc(kept);
+        for (const uint64_t pc : pcs)
+            for (int times = 0; times < 2; ++times) {
+                start_at(plain, ap_plain, gregs, pc);
+                start_at(kept, ap_kept, gregs, pc);
+                walk_alike(plain, ap_plain, kept, ap_kept);
+                start_at(plain, ap_plain, gregs, pc);
+                if (filled)
+                    walk_by_table(plain, ap_plain, kept, gregs, memory);
+            }
+        korva_activation_free(ap_plain);
+        korva_activation_free(ap_kept);
     }
 }
 

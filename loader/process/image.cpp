@@ -104,9 +104,9 @@ std::optional<elf_image> read_elf_image(memory &mem, uint64_t address, bool core
 
 std::vector<uint8_t> read_build_id(memory &mem, const elf_image &image, std::optional<uint64_t> bias)
 {
-    constexpr uint64_t LONGEST = 64;       // those in use have 16 or 20 bytes
-    constexpr uint64_t MOST_NOTES = 65536; // bytes, of all segments; some hundred are usual
-    uint64_t left = MOST_NOTES;
+    constexpr uint64_t LONGEST = 64;            // those in use have 16 or 20 bytes
+    constexpr uint64_t MOST_NOTE_BYTES = 65536; // bytes, of all segments; some hundred are usual
+    uint64_t left = MOST_NOTE_BYTES;
     std::vector<uint8_t> id;
     for (const Elf64_Phdr &segment : image.segments) {
         if (segment.p_type != PT_NOTE || !id.empty())

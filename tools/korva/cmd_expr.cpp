@@ -52,7 +52,7 @@ struct target_memory {
     throw CLI::ValidationError("expr", text);
 }
 
-static byte_string parse_hex(const std::string &text)
+static byte_string parse_bytes(const std::string &text)
 {
     std::string digits;
     for (const char c : text)
@@ -103,7 +103,7 @@ static byte_string read_expression(const std::vector<std::string> &arguments)
     byte_string bytes;
     for (const std::string &argument : arguments) {
         if (!argument.starts_with("@")) {
-            const byte_string part = parse_hex(argument);
+            const byte_string part = parse_bytes(argument);
             bytes.insert(bytes.end(), part.begin(), part.end());
             continue;
         }
@@ -158,7 +158,7 @@ evaluation::evaluation(const expr_options &options)
         usage("the expression is empty");
     for (const std::string &text : options.memory) {
         const auto [address, bytes] = parse_assignment(text);
-        m_memory.pieces.push_back({address, parse_hex(bytes)});
+        m_memory.pieces.push_back({address, parse_bytes(bytes)});
     }
     auto made = handle::make(m_target);
     if (!made)

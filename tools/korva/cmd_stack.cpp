@@ -31,8 +31,6 @@ struct stack_options : common_options { // file: the core
     stack_request wanted;
 };
 
-constexpr size_t MOST_CALLS = 256; // of a frame
-
 /** A module's file with what is known of its lines; empty when it cannot be opened. */
 struct module_file {
     std::unique_ptr<object> file;

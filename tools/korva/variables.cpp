@@ -15,8 +15,7 @@ namespace korva::program
 namespace
 {
 
-constexpr size_t MOST_CALLS = 256; // of a frame
-constexpr size_t MOST_BYTES = 64;  // of a value that is no number
+constexpr size_t MOST_BYTES = 64; // of a value that is no number
 
 // DWARF 5, 7.8 and 7.3
 enum : uint32_t { ATE_boolean = 2, ATE_float = 4, ATE_signed = 5, ATE_signed_char = 6, ATE_unsigned_char = 8 };

@@ -21,6 +21,8 @@ struct shown_variable {
 /** Those of a function or inlined call that are in scope. */
 using call_variables = std::vector<shown_variable>;
 
+constexpr size_t MOST_CALLS = 256; /**< of a frame that are asked for */
+
 /**
  * The variables of each of the functions around a frame's address, inlined calls first, as korva_lookup_calls has them; empty
  * without debugging information. To be called while the walk is at the frame.

@@ -99,6 +99,7 @@ TEST_F(Process, RunsOnWhenWeDie)
         const running_target target("target_o2", "threads", 5);
         const int tracer = fork();
         if (tracer == 0) {
+            std::signal(signal, SIG_DFL); // a shell has what it runs in the background ignore SIGINT
             krv_proc_t *proc = korva_proc_attach(target.pid(), nullptr);
             if (proc != nullptr)
                 korva_proc_walk(
