@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Entries by cursor with all their values, the calls around addresses, and names.
+// Entries by cursor with all their values and their types, the calls around addresses, and names.
 #include "input.h"
 
 #include <cstdlib>
@@ -23,6 +23,8 @@ static int look_at(krv_handle_t *hp, krv_ctu_t *cu, void *)
             korva_entry_get_ancestors(hp, &entry, above, 4, &count);
         const auto ignore = [](krv_handle_t *, const krv_range_t *, void *) { return 0; };
         korva_entry_iter_ranges(hp, &entry, ignore, nullptr);
+        char type[64];
+        korva_entry_get_type_text(hp, &entry, type, sizeof(type));
     }
     return 0;
 }
@@ -65,7 +67,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     const auto named = [](krv_handle_t *, const krv_entry_t *, void *) { return 0; };
     for (const unsigned flags : std::initializer_list<unsigned>{
              KRV_NAMED_FUNCTIONS, KRV_NAMED_FUNCTIONS | KRV_NAMED_INDEXED, KRV_NAMED_FUNCTIONS | KRV_NAMED_VARIABLES})
-        for (const char *name : {"f", "main"})
+        for (const char *name : {"f", "n::f"})
             korva_iter_named_entries(h, name, flags, named, nullptr);
     return 0;
 }

@@ -1,8 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // Entries by cursor, their values, and the calls around an address.
-#include "builders/sections.h"
-#include "support/handle.h"
+#include "support/activation.h"
 
 #include <algorithm>
 #include <gtest/gtest.h>
@@ -241,7 +240,7 @@ const char *const CALLS =
     "7 subprogram abstract_origin:ref4; 8 inlined_subroutine abstract_origin:ref4 ranges:sec_offset; "
     "9 variable name:string const_value:data1";
 
-bytes function(const char *name, uint64_t low, uint64_t size)
+bytes subprogram(const char *name, uint64_t low, uint64_t size)
 {
     return bytes().uleb(2).cstr(name).u64(low).u32(size);
 }
@@ -268,6 +267,31 @@ std::string chain_of(handle &h, uint64_t address, size_t room = 8)
 
 } // namespace
 
+// Where a call is said to be in file 0, that is a file of version 5 only.
+TEST(Calls, FileZero)
+{
+    for (const uint16_t version : {4, 5}) {
+        handle h;
+        h.extend();
+        h.attach(KRV_SEC_ABBREV,
+                 abbrevs("1 compile_unit+ stmt_list:sec_offset low_pc:addr high_pc:data4; 2 subprogram+ "
+                         "low_pc:addr high_pc:data4; 3 inlined_subroutine abstract_origin:ref4 low_pc:addr "
+                         "high_pc:data4 call_file:data1 call_line:data1"));
+        bytes dies = bytes().uleb(1).u32(0).u64(0x1000).u32(0x20).label("f").uleb(2).u64(0x1000).u32(0x20);
+        dies += inlined("f", 0x1008, 8, 3) + bytes().u16(0);
+        const auto kind = static_cast<uint8_t>(version == 5 ? KRV_UNIT_COMPILE : 0);
+        h.attach(KRV_SEC_INFO, unit{.version = version, .kind = kind, .dies = dies}.build());
+        h.attach(KRV_SEC_LINE, line_unit{.v5 = version == 5, .files = {{"zero.c"}, {"one.c"}}}.build());
+        krv_call_t calls[2];
+        size_t count = 0;
+        ASSERT_EQ(korva_lookup_calls(h, 0x1008, calls, 2, &count), 0) << h.error();
+        ASSERT_TRUE(count == 2 && calls[0].call_unit != nullptr && calls[0].call_file == 0);
+        krv_lnfe_t *file = nullptr;
+        const int result = korva_cu_get_file(h, calls[0].call_unit, 0, &file);
+        EXPECT_EQ(result == 0 ? korva_lnfe_path(h, file, B_FALSE) : h.error(), version == 5 ? "zero.c" : "NOTFOUND");
+    }
+}
+
 TEST(Calls, Chain)
 {
     handle h;
@@ -278,16 +302,16 @@ TEST(Calls, Chain)
     dies.label("a").uleb(6).offset_of("decl", 4); // what is inlined leads to its declaration
     dies.label("b").uleb(7).offset_of("c", 4);    // in a circle
     dies.label("c").uleb(7).offset_of("b", 4);
-    dies += function("f", 0x1000, 0x100);
+    dies += subprogram("f", 0x1000, 0x100);
     dies += inlined("a", 0x1010, 0x20, 1) + inlined("b", 0x1018, 8, 2) + bytes().u8(0).u8(0);
     dies += bytes().uleb(4) + inlined("a", 0x1020, 0x20, 3) + bytes().u8(0).u8(0); // overlaps: the one behind answers
     dies += bytes().uleb(8).offset_of("a", 4).u32(0);                              // by its list
     dies += bytes().uleb(8).offset_of("a", 4).u32(0x999);                          // no list: never met
-    dies += function("nested", 0x1200, 0x10) + inlined("a", 0x1208, 1, 4) + bytes().u8(0).u8(0) + bytes().u8(0);
-    dies += function("far", 0x1300, 0x10); // with calls, and itself, more than 4 GiB from the others
+    dies += subprogram("nested", 0x1200, 0x10) + inlined("a", 0x1208, 1, 4) + bytes().u8(0).u8(0) + bytes().u8(0);
+    dies += subprogram("far", 0x1300, 0x10); // with calls, and itself, more than 4 GiB from the others
     dies += bytes().uleb(8).offset_of("a", 4).u32(0x40) + bytes().u8(0);
-    dies += function("farther", 0x100000f00, 0x200) + bytes().u8(0);
-    dies += function("g", 0x1100, 0x10) + bytes().u8(0) + bytes().uleb(9).cstr("v").u8(1) + bytes().u8(0);
+    dies += subprogram("farther", 0x100000f00, 0x200) + bytes().u8(0);
+    dies += subprogram("g", 0x1100, 0x10) + bytes().u8(0) + bytes().uleb(9).cstr("v").u8(1) + bytes().u8(0);
     h.attach(KRV_SEC_INFO, unit{.dies = dies}.build());
     h.attach(
         KRV_SEC_EXT_RANGES,
@@ -380,7 +404,7 @@ TEST(Calls, Many)
         handle h;
         h.extend();
         h.attach(KRV_SEC_ABBREV, abbrevs(CALLS));
-        bytes dies = bytes().uleb(1).u64(0x1000).u32(4 * MANY).label("f") + function("f", 0x1000, 4 * MANY);
+        bytes dies = bytes().uleb(1).u64(0x1000).u32(4 * MANY).label("f") + subprogram("f", 0x1000, 4 * MANY);
         for (uint64_t i = 0; i < MANY; ++i) {
             dies.uleb(3).u32(24).u64(0x1000 + i).u32(nested ? 2 * MANY - 2 * i : 1).u8(0).u8(i);
             if (!nested)
@@ -410,7 +434,8 @@ TEST(Variables, Types)
                 "byte_size:data1; "
                 "9 typedef name:string type:ref4; 10 pointer_type; 11 subrange_type; 12 union_type byte_size:data1; "
                 "13 variable type:ref4; 14 variable; 15 subprogram abstract_origin:ref4; 16 reference_type type:ref4"));
-    const char *const types[] = {"int", "pc", "cc", "cpc", "a", "pa", "ap", "fp", "s", "t", "u", "open", "loop", "ref"};
+    const char *const types[] = {"int", "pc", "cc", "cpc",  "a",    "pa",  "ap",  "fp",
+                                 "s",   "t",  "u",  "open", "loop", "ref", "many"};
     bytes dies = bytes().uleb(1).u8(0x0c);
     dies.label("int").uleb(2).cstr("int").u8(4).u8(5);
     dies.label("char").uleb(2).cstr("char").u8(1).u8(6);
@@ -435,6 +460,11 @@ TEST(Variables, Types)
     dies.uleb(11).u8(0);
     to("loop", 4, "loop");
     to("ref", 16, "ct");
+    to("many", 5, "int"); // the last dimension is one too many
+    std::string dimensions;
+    for (unsigned i = 0; i < 64; ++i, dimensions += "[1]")
+        dies.uleb(6).u8(0);
+    dies.uleb(6).u8(4).u8(0);
     for (const char *type : types)
         to(text("v%s", type).c_str(), 13, type);
     dies.label("none").uleb(14).u8(0);
@@ -455,7 +485,8 @@ TEST(Variables, Types)
                    "const char *[4] 32\nint (*)(...) 8\nstruct s 12\nt 8\nunion {...} 16\nint [] 0\n"
                    "CORRUPT: entry at offset 0x" +
                        text("%zx", dies.where("vloop") + unit{}.header_size()) +
-                       " of .debug_info has a type that leads to too many others 0\nconst t & 8\nvoid 0\n");
+                       " of .debug_info has a type that leads to too many others 0\nconst t & 8\nint " +
+                       dimensions.substr(0, 59) + " 4\nvoid 0\n");
 }
 
 // What types stand in, which C does not name; and types that have units of their own, in .debug_info or .debug_types, also
@@ -520,6 +551,32 @@ TEST(Variables, ScopesAndSignatures)
                                              "struct x 16\nstruct x 16\n"
                                              "NOTFOUND: no type unit has the signature 0x8 0\n");
         }
+}
+
+// What is not where the frame could have it: of a thread, or known to the caller.
+TEST(Variables, NotRead)
+{
+    const char *thread = "the variable is of a thread, whose storage is not looked for",
+               *caller = "only the caller knows the value of the parameter";
+    const std::pair<const char *, const char *> rows[] = {
+        {"03 1000000000000000 e0", thread}, {"0e 1000000000000000 9b", thread}, {"fa 0b000000 9f", caller}};
+    for (const auto &[location, reason] : rows) {
+        stopped s({});
+        s.h.extend().attach(KRV_SEC_ABBREV, abbrevs("1 compile_unit+; 2 subprogram+; 3 variable location:exprloc"));
+        const bytes code = bytes::hex(location);
+        const bytes dies = bytes().uleb(1).uleb(2).uleb(3).uleb(code.size()).add(code).u16(0);
+        s.h.attach(KRV_SEC_INFO, unit{.dies = dies}.build());
+        krv_entry_t function = first_of(s.h);
+        ASSERT_EQ(korva_entry_next(s.h, &function), 0);
+        krv_variable_t variable = {
+            .entry = function, .name = nullptr, .decl_line = 0, .is_parameter = 0, .reserved = {}};
+        ASSERT_EQ(korva_entry_next(s.h, &variable.entry), 0);
+        const krv_variable_frame_t frame = {s.h, s.ap.get(), &function, 0x1000, 0};
+        uint8_t value[8], valid[8], inreg[8];
+        uint64_t count = 0;
+        EXPECT_EQ(korva_variable_read(s.h, &variable, &frame, value, valid, inreg, sizeof(value), &count), -1);
+        EXPECT_NE(s.h.error().find(reason), std::string::npos) << s.h.error();
+    }
 }
 
 // Blocks that do not cover the address, and what was inlined, keep their variables to themselves.

@@ -94,7 +94,7 @@ def test_inlines(korva, folder):
     inlined = os.path.join(folder, 'inlined')
     build('gcc', ['-O2', '-gdwarf-4'], ['inlined.c'], inlined)
     start, size = (int(n, 16) for n in re.search(r'^0*(\w+) 0*(\w+) . hold$', answer_of('nm', '-S', inlined), re.M).groups())
-    addresses = ''.join(f'{start + i:x}\n' for i in range(size))
+    addresses = ''.join(f'{start + i:x}\n' for i in reversed(range(size)))  # answers come in this order
     for flags in (['-i'], ['-f', '-i'], ['-a', '-f', '-i', '-p', '-s'], ['-C', '-f', '-i', '-p'], ['-f']):
         ours = korva.run('addr', '--format=gnu', '-e', inlined, *flags, text=addresses)
         theirs = answer_of('addr2line', '-e', inlined, *flags, text=addresses)
