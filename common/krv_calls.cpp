@@ -716,34 +716,65 @@ int korva_entry_get_call(krv_handle_t *hp, const krv_entry_t *entryp, krv_call_t
     return 0;
 }
 
-int korva_iter_chains(krv_handle_t *hp, const uint64_t *addrs, size_t count, krv_iter_chain_f *fn, void *arg)
+// Shows chains as they are found. 0, fn's result, or -1 with the error set.
+static int iter_ascending(krv_handle_t *hp, const uint64_t *addrs, size_t count, krv_call_t *calls,
+                          krv_iter_chain_f *fn, void *arg)
 {
-    if (hp == nullptr)
-        return -1;
-    if (fn == nullptr || (addrs == nullptr && count != 0))
-        return krv_fail_code(hp, KRV_ERR_INVALID);
-    krv_clear_error(hp);
-    if (count > UINT32_MAX)
-        return krv_fail(hp, KRV_ERR_INVALID, "more than %u addresses at once", UINT32_MAX);
-    const krv_owner<chain> found(static_cast<chain *>(krv_alloc(hp, count * sizeof(chain))));
-    const krv_owner<krv_call_t> calls(static_cast<krv_call_t *>(krv_alloc(hp, MOST_CALLS * sizeof(krv_call_t))));
-    if (found == nullptr || calls == nullptr)
-        return -1;
     const uint64_t bias = krv_line_bias(hp);
     krv_place_walk walk{.hp = hp, .flags = KRV_LOOKUP_F_NONE};
-    if (!krv_visit_ascending(hp, addrs, count, [&](uint64_t addr, size_t number) {
+    int result = 0;
+    const bool saw_all = krv_visit_ascending(hp, addrs, count, [&](uint64_t addr, size_t index) {
+        chain found = {};
+        krv_row_t row;
+        size_t length;
+        if (!find_chain(&walk, addr - bias, &found) ||
+            !show_chain(hp, found, bias, true, &row, calls, MOST_CALLS, &length))
+            return false;
+        result = fn(hp, index, &row, calls, length, arg);
+        return result == 0;
+    });
+    return saw_all || result != 0 ? result : -1;
+}
+
+// Finds all of them first.
+static int iter_as_given(krv_handle_t *hp, const uint64_t *addrs, size_t count, krv_call_t *calls, krv_iter_chain_f *fn,
+                         void *arg)
+{
+    const krv_owner<chain> found(static_cast<chain *>(krv_alloc(hp, count * sizeof(chain))));
+    const uint64_t bias = krv_line_bias(hp);
+    krv_place_walk walk{.hp = hp, .flags = KRV_LOOKUP_F_NONE};
+    if (found == nullptr || !krv_visit_ascending(hp, addrs, count, [&](uint64_t addr, size_t number) {
             return find_chain(&walk, addr - bias, &found.get()[number]);
         }))
         return -1;
     for (size_t i = 0; i < count; ++i) {
         krv_row_t row;
         size_t length;
-        if (!show_chain(hp, found.get()[i], bias, true, &row, calls.get(), MOST_CALLS, &length))
+        if (!show_chain(hp, found.get()[i], bias, true, &row, calls, MOST_CALLS, &length))
             return -1;
-        if (const int result = fn(hp, i, &row, calls.get(), length, arg))
+        if (const int result = fn(hp, i, &row, calls, length, arg))
             return result;
     }
     return 0;
+}
+
+int korva_iter_chains(krv_handle_t *hp, const uint64_t *addrs, size_t count, unsigned int flags, krv_iter_chain_f *fn,
+                      void *arg)
+{
+    if (hp == nullptr)
+        return -1;
+    if (fn == nullptr || (addrs == nullptr && count != 0) || (flags & ~unsigned{KRV_CHAINS_F_ASCENDING}) != 0)
+        return krv_fail_code(hp, KRV_ERR_INVALID);
+    krv_clear_error(hp);
+    if (count > UINT32_MAX)
+        return krv_fail(hp, KRV_ERR_INVALID, "more than %u addresses at once", UINT32_MAX);
+    if (count == 0)
+        return 0;
+    const krv_owner<krv_call_t> calls(static_cast<krv_call_t *>(krv_alloc(hp, MOST_CALLS * sizeof(krv_call_t))));
+    if (calls == nullptr)
+        return -1;
+    const auto iter = (flags & KRV_CHAINS_F_ASCENDING) != 0 ? iter_ascending : iter_as_given;
+    return iter(hp, addrs, count, calls.get(), fn, arg);
 }
 
 int korva_cu_get_file(krv_handle_t *hp, krv_ctu_t *cup, uint64_t number, krv_lnfe_t **filep)

@@ -57,7 +57,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
         static_cast<lengths *>(arg)->of[index] = length;
         return 0;
     };
-    if (korva_iter_chains(h, addresses, 4, visit, &found) != 0)
+    if (korva_iter_chains(h, addresses, 4, in.is_extended() ? KRV_CHAINS_F_ASCENDING : KRV_CHAINS_F_NONE, visit,
+                          &found) != 0)
         return 0;
     for (size_t i = 0; i < 4; ++i) {
         krv_row_t row;

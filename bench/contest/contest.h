@@ -9,6 +9,8 @@
 //     L  every unit's line table, every row read                                       items: rows
 //     A  the addresses to file and line, twice: a cold pass and a warm one             items: addresses
 //     I  the functions and inlined calls at the addresses, with their lines, likewise  items: addresses
+//     B  as A, J  as I, all addresses in one call, or else one after another in ascending order
+//     T  as I, by two threads that share what was opened                               items: addresses
 //     F  frame description and unwind row at the addresses                             items: addresses
 //     S  walk of the own stack inside the library FILE, memory read by a call-back     items: frames
 //
@@ -17,8 +19,10 @@
 #ifndef KRV_BENCH_CONTEST_H
 #define KRV_BENCH_CONTEST_H
 
+#include <algorithm>
 #include <cstdint>
 #include <cstring>
+#include <vector>
 
 namespace contest
 {
@@ -35,7 +39,7 @@ struct run {
     uint64_t nqueries;
     uint64_t items, check;
     uint64_t ns;                         // 0: the whole call counts
-    uint64_t ns_first, ns_cold, ns_warm; // jobs A and I
+    uint64_t ns_first, ns_cold, ns_warm; // jobs A, I, B, J and T
     uint64_t reads;                      // job S: calls of the memory call-back
 };
 
@@ -102,24 +106,38 @@ inline uint64_t saved_check(unsigned reg, int64_t offset)
 }
 constexpr unsigned char saved_registers[] = {3, 6, 12, 13, 14, 15, 16}; // DWARF numbers of AMD64
 
-// Runs jobs A and I: `place` answers one address by its place_check, or the sum of its call_checks.
-template <typename Place>
-void find_places(run *r, uint64_t started, Place place)
+// Runs two passes: `answer(queries)` adds what it finds to the checksum.
+template <typename Answer>
+void run_passes(run *r, uint64_t started, Answer answer)
 {
     for (int pass = 0; pass < 2; ++pass) {
         const uint64_t pass_started = now();
         r->check = 0;
-        for (uint64_t i = 0; i < r->nqueries; ++i) {
-            r->check += place(r->queries[i]);
-            if (pass == 0 && i == 0)
-                r->ns_first = now() - started;
-        }
+        answer(pass);
         if (pass == 0)
             r->ns_cold = now() - started;
         else
             r->ns_warm = now() - pass_started;
     }
     r->items = r->nqueries;
+}
+
+// Runs jobs A and I: `place` answers one address by its place_check, or the sum of its call_checks. Of jobs B and J the
+// addresses are sorted first.
+template <typename Place>
+void find_places(run *r, uint64_t started, Place place)
+{
+    const bool sorts = r->job == 'B' || r->job == 'J';
+    run_passes(r, started, [&](int pass) {
+        std::vector<query> sorted(r->queries, r->queries + (sorts ? r->nqueries : 0));
+        std::sort(sorted.begin(), sorted.end(), [](const query &a, const query &b) { return a.address < b.address; });
+        const query *queries = sorts ? sorted.data() : r->queries;
+        for (uint64_t i = 0; i < r->nqueries; ++i) {
+            r->check += place(queries[i]);
+            if (pass == 0 && i == 0)
+                r->ns_first = now() - started;
+        }
+    });
 }
 
 } // namespace contest

@@ -1,11 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// libkorva as its clients have it, through the shared library: U, E, L, A, I and S.
+// libkorva as its clients have it, through the shared library: all jobs but F.
 #include "contest.h"
 #include "korva_file.h"
 
 #include <algorithm>
 #include <iterator>
+#include <thread>
 #include <vector>
 
 using namespace contest;
@@ -99,13 +100,8 @@ static uint64_t place(krv_handle_t *hp, const query &q)
     return place_check(row.file == nullptr ? nullptr : korva_lnfe_path(hp, row.file, B_FALSE), row.line);
 }
 
-static uint64_t chain_at(krv_handle_t *hp, uint64_t address)
+static uint64_t check_of(krv_handle_t *hp, const krv_row_t &row, const krv_call_t *calls, size_t count)
 {
-    krv_row_t row;
-    krv_call_t calls[64];
-    size_t count = 0;
-    if (korva_lookup_chain(hp, address, &row, calls, std::size(calls), &count) != 0 || row.number == KRV_ROW_NONE)
-        row = {};
     krv_lnfe_t *file = row.file;
     uint64_t line = row.line, check = 0;
     for (size_t i = 0; i < std::max<size_t>(count, 1); ++i) {
@@ -119,6 +115,52 @@ static uint64_t chain_at(krv_handle_t *hp, uint64_t address)
             file = nullptr;
     }
     return check;
+}
+
+static uint64_t chain_at(krv_handle_t *hp, uint64_t address)
+{
+    krv_row_t row;
+    krv_call_t calls[64];
+    size_t count = 0;
+    return korva_lookup_chain(hp, address, &row, calls, std::size(calls), &count) == 0 ? check_of(hp, row, calls, count)
+                                                                                       : 0;
+}
+
+static void find_together(run *r, uint64_t started, krv_handle_t *hp)
+{
+    std::vector<uint64_t> addresses(r->nqueries);
+    std::vector<krv_row_t> rows(r->job == 'B' ? r->nqueries : 0);
+    run_passes(r, started, [&](int) {
+        std::transform(r->queries, r->queries + r->nqueries, addresses.begin(),
+                       [](const query &q) { return q.address; });
+        if (r->job == 'B') {
+            korva_lookup_rows(hp, addresses.data(), addresses.size(), KRV_LOOKUP_F_NONE, nullptr, rows.data());
+            for (const krv_row_t &row : rows)
+                r->check += row.file == nullptr ? 0 : place_check(korva_lnfe_path(hp, row.file, B_FALSE), row.line);
+            return;
+        }
+        const auto visit = [](krv_handle_t *handle, size_t, const krv_row_t *row, const krv_call_t *calls, size_t count,
+                              void *arg) {
+            static_cast<run *>(arg)->check += check_of(handle, *row, calls, count);
+            return 0;
+        };
+        korva_iter_chains(hp, addresses.data(), addresses.size(), KRV_CHAINS_F_ASCENDING, visit, r);
+    });
+}
+
+static void find_by_threads(run *r, uint64_t started, krv_handle_t *hp)
+{
+    run_passes(r, started, [&](int) {
+        const auto answer = [&](uint64_t first, uint64_t behind, uint64_t *check) {
+            for (uint64_t i = first; i < behind; ++i)
+                *check += chain_at(hp, r->queries[i].address);
+        };
+        uint64_t checks[2] = {};
+        std::thread other(answer, 0, r->nqueries / 2, &checks[0]);
+        answer(r->nqueries / 2, r->nqueries, &checks[1]);
+        other.join();
+        r->check = checks[0] + checks[1];
+    });
 }
 
 // ---------------------------------------------------------------------------------------------------------------
@@ -176,7 +218,7 @@ bool contest::play(run *r)
 {
     if (r->job == 'S')
         return run_chain(r->file, at_leaf, r);
-    if (std::strchr("UELAI", r->job) == nullptr)
+    if (std::strchr("UELAIBJT", r->job) == nullptr)
         return false;
     const uint64_t started = now();
     const korva_file file(r->file);
@@ -186,7 +228,11 @@ bool contest::play(run *r)
         return read_entries(r, file.hp);
     if (r->job == 'L')
         return read_lines(r, file.hp);
-    if (r->job == 'I')
+    if (r->job == 'B' || r->job == 'J')
+        find_together(r, started, file.hp);
+    else if (r->job == 'T')
+        find_by_threads(r, started, file.hp);
+    else if (r->job == 'I')
         find_places(r, started, [&](const query &q) { return chain_at(file.hp, q.address); });
     else
         find_places(r, started, [&](const query &q) { return place(file.hp, q); });

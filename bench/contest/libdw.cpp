@@ -214,7 +214,7 @@ bool contest::play(run *r)
 {
     if (r->job == 'S')
         return run_chain(r->file, at_leaf, r);
-    if (std::strchr("UELAF", r->job) == nullptr)
+    if (std::strchr("UELABF", r->job) == nullptr)
         return false;
     elf_version(EV_CURRENT);
     const uint64_t started = now();

@@ -76,7 +76,7 @@ static uint64_t chain_at(DWARFContext &context, uint64_t address)
 
 bool contest::play(run *r)
 {
-    if (std::strchr("UELAI", r->job) == nullptr)
+    if (std::strchr("UELAIBJ", r->job) == nullptr)
         return false;
     const uint64_t started = now();
     auto object = object::ObjectFile::createObjectFile(r->file);
@@ -89,7 +89,7 @@ bool contest::play(run *r)
         walk_entries(r, *context);
     else if (r->job == 'L')
         read_lines(r, *context);
-    else if (r->job == 'I')
+    else if (r->job == 'I' || r->job == 'J')
         find_places(r, started, [&](const query &q) { return chain_at(*context, q.address); });
     else
         find_places(r, started, [&](const query &q) {

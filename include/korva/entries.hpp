@@ -263,11 +263,12 @@ inline result<std::vector<krv_call_t>> calls_at(handle_view handle, std::uint64_
 }
 
 /**
- * Calls func(std::size_t index, const krv_row_t &, span<const krv_call_t>) for each of @p count addresses, in their order; the
- * span is empty where no function is known. True: it saw all of them; false: it stopped. See korva_iter_chains.
+ * Calls func(std::size_t index, const krv_row_t &, span<const krv_call_t>) for each of @p count addresses, in their order, or as
+ * flags (KRV_CHAINS_F_*) has it; the span is empty where no function is known. True: it saw all of them; false: it stopped. See korva_iter_chains.
  */
 template <typename F>
-result<bool> each_chain(handle_view handle, const std::uint64_t *addresses, std::size_t count, F &&func)
+result<bool> each_chain(handle_view handle, const std::uint64_t *addresses, std::size_t count, unsigned int flags,
+                        F &&func)
 {
     using Func = std::remove_reference_t<F>;
     const auto visit = [](krv_handle_t *, std::size_t index, const krv_row_t *row, const krv_call_t *calls,
@@ -275,7 +276,7 @@ result<bool> each_chain(handle_view handle, const std::uint64_t *addresses, std:
         return detail::visit(*static_cast<Func *>(arg), index, *row, span<const krv_call_t>(calls, n));
     };
     return detail::walked(handle.get(),
-                          korva_iter_chains(handle.get(), addresses, count, visit, detail::argument(func)));
+                          korva_iter_chains(handle.get(), addresses, count, flags, visit, detail::argument(func)));
 }
 
 /**

@@ -428,7 +428,7 @@ int korva_elf_symbolize_all(krv_elf_t *elf, const uint64_t *addresses, size_t co
                                   size_t found, void *to) {
                 return static_cast<visited_frames *>(to)->show(index, {*row, nullptr, calls, found});
             };
-            result = korva_iter_chains(hp, addresses, count, visit, &all);
+            result = korva_iter_chains(hp, addresses, count, KRV_CHAINS_F_NONE, visit, &all);
         }
         if (result != 0 && !all.is_stopped)
             throw std::bad_alloc();

@@ -349,17 +349,27 @@ TEST(Calls, Chain)
     }
     EXPECT_EQ(chain_of(h, 0x1018, 1), "?@2 < 2");
 
-    std::vector<size_t> lengths;
+    const std::vector<size_t> expected{1, 0, 1, 2, 1, 2, 1, 0, 1, 2, 1, 2, 1, 2, 2, 3, 3, 2, 1, 0};
+    struct seen {
+        std::vector<size_t> lengths, order;
+    };
     const auto visit = [](krv_handle_t *, size_t index, const krv_row_t *row, const krv_call_t *, size_t count,
                           void *arg) {
-        auto *to = static_cast<std::vector<size_t> *>(arg);
-        EXPECT_EQ(index, to->size());
+        auto *to = static_cast<seen *>(arg);
         EXPECT_EQ(row->number, KRV_ROW_NONE);
-        to->push_back(count);
-        return 0;
+        to->lengths.resize(std::max(to->lengths.size(), index + 1));
+        to->lengths[index] = count;
+        to->order.push_back(index);
+        return to->order.size() == 18 && to->order[0] != 0 ? 7 : 0;
     };
-    EXPECT_EQ(korva_iter_chains(h, addresses.data(), addresses.size(), visit, &lengths), 0);
-    EXPECT_EQ(lengths, (std::vector<size_t>{1, 0, 1, 2, 1, 2, 1, 0, 1, 2, 1, 2, 1, 2, 2, 3, 3, 2, 1, 0}));
+    seen given, ascending;
+    EXPECT_EQ(korva_iter_chains(h, addresses.data(), addresses.size(), KRV_CHAINS_F_NONE, visit, &given), 0);
+    EXPECT_EQ(given.lengths, expected);
+    EXPECT_TRUE(std::is_sorted(given.order.begin(), given.order.end()));
+    EXPECT_EQ(korva_iter_chains(h, addresses.data(), addresses.size(), KRV_CHAINS_F_ASCENDING, visit, &ascending), 7);
+    EXPECT_EQ(ascending.order.front(), 19U);
+    EXPECT_TRUE(std::equal(ascending.lengths.begin() + 2, ascending.lengths.end(), expected.begin() + 2));
+    EXPECT_EQ(korva_iter_chains(h, addresses.data(), 1, 2, visit, &ascending), -1);
 
     std::string named;
     const auto add = [](krv_handle_t *, const krv_entry_t *entry, void *arg) {

@@ -203,7 +203,7 @@ TEST(Hpp, EntriesAreWalkedInEveryDirection)
     EXPECT_EQ(ranges->front().start, named[0].find(DW_AT_low_pc)->number);
     const std::uint64_t asked[] = {1, ranges->front().start};
     std::vector<std::size_t> lengths;
-    EXPECT_TRUE(*korva::each_chain(handle, asked, 2,
+    EXPECT_TRUE(*korva::each_chain(handle, asked, 2, KRV_CHAINS_F_ASCENDING,
                                    [&](std::size_t, const krv_row_t &row, korva::span<const krv_call_t> chain) {
                                        lengths.push_back(chain.size());
                                        EXPECT_EQ(row.number == KRV_ROW_NONE, chain.size() == 0);

@@ -185,8 +185,12 @@ fn places(b: &mut Bench, d: gimli::Dwarf<R>, t0: Instant, answer: fn(&Context, u
     for pass in 0..2 {
         let t1 = Instant::now();
         b.check = 0;
-        for i in 0..b.queries.len() {
-            let c = answer(&ctx, b.queries[i][0]);
+        let mut addresses: Vec<u64> = b.queries.iter().map(|q| q[0]).collect();
+        if b.job == 'B' || b.job == 'J' {
+            addresses.sort_unstable();
+        }
+        for i in 0..addresses.len() {
+            let c = answer(&ctx, addresses[i]);
             b.check = b.check.wrapping_add(c);
             if i == 0 && pass == 0 {
                 b.ns_first = t0.elapsed().as_nanos() as u64;
@@ -332,8 +336,8 @@ fn play(b: &mut Bench) -> bool {
         'U' => units(b, &load(&b.file).1),
         'E' => entries(b, &load(&b.file).1),
         'L' => lines(b, &load(&b.file).1),
-        'A' => places(b, load(&b.file).1, started, place_at),
-        'I' => places(b, load(&b.file).1, started, chain_at),
+        'A' | 'B' => places(b, load(&b.file).1, started, place_at),
+        'I' | 'J' => places(b, load(&b.file).1, started, chain_at),
         'F' => {
             let obj = object::File::parse(map_file(&b.file)).unwrap();
             frames(b, &obj)
