@@ -68,7 +68,8 @@ struct table_builder {
 
 // What there is too much of in the units up to this one: attributes without bytes (DW_FORM_flag_present) by the million,
 // or copies of strings that units share. NULL: nothing.
-static const char *count_unit(const krv_handle_t *hp, krv_kept_t *kept, const krv_ctu_t *cu)
+[[gnu::always_inline]] static inline const char *count_unit(const krv_handle_t *hp, krv_kept_t *kept,
+                                                            const krv_ctu_t *cu)
 {
     const krv_die_t *die = cu->dcu_compile_unit;
     kept->attributes += die->dwdie_abbrev_cache->dwa_nafpairs;

@@ -180,6 +180,13 @@ KORVA_API krv_elf_t *korva_elf_open(const char *path, unsigned int flags, krv_el
 KORVA_API krv_elf_t *korva_elf_open_with_debug_dirs(const char *path, unsigned int flags, const char *const *dirs,
                                                     size_t count, krv_elf_error_t *errorp);
 
+/**
+ * Takes what was read of the file's debugging information out of the process's memory; what is needed again is read again.
+ * Everything that was handed out stays valid, and no answer changes. For who has asked much of a large file, and goes on:
+ * half a millisecond for some MiB.
+ */
+KORVA_API void korva_elf_trim(krv_elf_t *elf);
+
 /** Closes a file and frees its handle. NULL is ignored. */
 KORVA_API void korva_elf_close(krv_elf_t *elf);
 

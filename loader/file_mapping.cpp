@@ -102,6 +102,16 @@ file_mapping::~file_mapping()
     munmap(const_cast<uint8_t *>(all.data()), all.size());
 }
 
+void file_mapping::trim(byte_span part) const
+{
+    if (part.data() < all.data() || part.data() + part.size() > all.data() + all.size())
+        return;
+    const auto begin = reinterpret_cast<uintptr_t>(part.data());
+    const uintptr_t first = page_of(begin + PAGE - 1), behind = page_of(begin + part.size());
+    if (first < behind)
+        madvise(to_pointer(first), behind - first, MADV_DONTNEED);
+}
+
 bool file_mapping::was_cut() const
 {
     return registered->cut;

@@ -22,6 +22,10 @@ public:
 
     byte_span bytes() const { return all; }
 
+    // Takes whole pages of a part out of memory, to be read again from the file. They must not have been written to. Nothing
+    // happens to what is not in this mapping.
+    void trim(byte_span part) const;
+
     // Whether the file became shorter, and a signal handler has put zeros where its bytes are missing.
     bool was_cut() const;
 

@@ -177,6 +177,9 @@ public:
         return stopped == 0;
     }
 
+    /** Gives back the memory that what was read of the file takes: korva_elf_trim. */
+    void trim() const { korva_elf_trim(elf_); }
+
     /** What to add to addresses of the file when its byte at @p file_offset is mapped at @p address. */
     result<std::uint64_t> load_bias(std::uint64_t address, std::uint64_t file_offset) const
     {

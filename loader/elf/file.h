@@ -70,6 +70,7 @@ public:
     const address_ranges &code() const { return code_ranges; } // where executable sections lie; else segments
     byte_span build_id() const { return build_id_bytes; }
     byte_span image() const { return mapping.bytes(); }
+    void trim(byte_span part) const { mapping.trim(part); }
     bool any_inflation() const { return inflates_any; }
     bool was_cut() const { return mapping.was_cut(); } // while it was read
 

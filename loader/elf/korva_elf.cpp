@@ -78,6 +78,22 @@ struct krv_elf {
         return *made;
     }
 
+    // Names are asked for again and again: they stay.
+    void trim()
+    {
+        if (!made)
+            return;
+        for (const view_section &section : made->sections()) {
+            const bool has_names = section.index == KRV_SEC_STR || section.index == KRV_SEC_EXT_LINE_STR ||
+                                   section.index == KRV_SEC_EXT_ALT_STR;
+            if (has_names || section.deferred != nullptr || section.copy)
+                continue;
+            for (const elf_file *home : {&source(), alternate.file.get()})
+                if (home != nullptr)
+                    home->trim(section.original);
+        }
+    }
+
     unsigned int flags;
     std::vector<std::string> folders;
     elf_file file;
@@ -434,6 +450,11 @@ int korva_elf_symbolize_all(krv_elf_t *elf, const uint64_t *addresses, size_t co
             throw std::bad_alloc();
         return result;
     });
+}
+
+void korva_elf_trim(krv_elf_t *elf)
+{
+    elf->trim();
 }
 
 int korva_elf_load_bias(krv_elf_t *elf, uint64_t address, uint64_t file_offset, uint64_t *biasp,

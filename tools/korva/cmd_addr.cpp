@@ -381,6 +381,9 @@ void addr_run::answer_waiting()
             print(std::string_view(m_texts).substr(waiting.at, waiting.size));
         else
             answer_one(waiting.asked);
+    constexpr size_t MANY = 4096; // which need much of a file
+    if (m_waiting.size() >= MANY)
+        m_object->elf().trim();
     m_waiting.clear();
 }
 

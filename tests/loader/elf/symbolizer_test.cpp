@@ -103,6 +103,31 @@ TEST_F(Symbolizer, InnermostFirst)
     }
 }
 
+uint64_t resident_pages()
+{
+    uint64_t all = 0, resident = 0;
+    std::ifstream("/proc/self/statm") >> all >> resident;
+    return resident;
+}
+
+TEST_F(Symbolizer, TrimmedFilesAnswerAsBefore)
+{
+    const elf_ptr elf(korva_elf_open("/proc/self/exe", KRV_ELF_F_NONE, &error)); // larger than what is compiled here
+    ASSERT_NE(elf, nullptr);
+    const krv_elf_symbol_t *main = korva_elf_lookup_symbol_by_name(elf.get(), "main");
+    ASSERT_NE(main, nullptr);
+    korva_elf_trim(elf.get()); // nothing was read yet
+    const std::string before = ask(elf, main->address, KRV_ELF_FRAMES_F_NONE);
+    const auto ignore = [](krv_handle_t *, const krv_entry_t *, void *) { return 0; };
+    krv_handle_t *hp = korva_elf_get_handle(elf.get()); // whose units are all walked for a name
+    EXPECT_EQ(korva_iter_named_entries(hp, "main", KRV_NAMED_FUNCTIONS, ignore, nullptr), 0);
+    const uint64_t full = resident_pages();
+    korva_elf_trim(elf.get());
+    EXPECT_LT(resident_pages() + 8, full);
+    EXPECT_EQ(ask(elf, main->address, KRV_ELF_FRAMES_F_NONE), before);
+    EXPECT_EQ(korva_iter_named_entries(hp, "main", KRV_NAMED_FUNCTIONS, ignore, nullptr), 0);
+}
+
 TEST_F(Symbolizer, WhatIsNotKnown)
 {
     ASSERT_TRUE(compile("-O2 n.cpp -o plain"));
