@@ -354,11 +354,13 @@ void addr_run::answer_one(const question &q)
     print(m_line);
 }
 
-// Neighbours have their unit, their function and most of their rows in common: in the order of addresses these are at hand. Of
-// answers that are too long to be kept all, the rest is made when its turn comes.
+// Neighbours have their unit, their function and most of their rows in common: in the order of addresses these are at hand, and
+// what was read of the file for those before is not needed again. Of answers that are too long to be kept all, the rest is
+// made when its turn comes.
 void addr_run::answer_waiting()
 {
-    constexpr size_t MOST_TEXT = size_t{8} << 20;
+    constexpr size_t MOST_TEXT = size_t{8} << 20, MANY = 512;
+    size_t made = 0;
     m_order.resize(m_waiting.size());
     std::iota(m_order.begin(), m_order.end(), 0U);
     std::sort(m_order.begin(), m_order.end(),
@@ -375,15 +377,14 @@ void addr_run::answer_waiting()
         waiting.at = m_texts.size();
         waiting.size = m_line.size();
         m_texts += m_line;
+        if (++made % MANY == 0)
+            m_object->elf().trim();
     }
     for (const waiting_question &waiting : m_waiting)
         if (waiting.is_answered)
             print(std::string_view(m_texts).substr(waiting.at, waiting.size));
         else
             answer_one(waiting.asked);
-    constexpr size_t MANY = 4096; // which need much of a file
-    if (m_waiting.size() >= MANY)
-        m_object->elf().trim();
     m_waiting.clear();
 }
 
