@@ -261,16 +261,15 @@ static inline bool take_small_text(uint64_t bytes, const uint8_t *at, krv_attr_t
 static_assert(offsetof(krv_attr_t, kind) - offsetof(krv_attr_t, form) == offsetof(krv_value_row, kind) &&
               offsetof(krv_attr_t, is_signed) - offsetof(krv_attr_t, form) == offsetof(krv_value_row, is_signed));
 
-namespace
+// Where a value stands, of an entry whose values before it were read.
+static const uint8_t *find_value(const krv_place_t &place, const krv_entry_t *entry, size_t skipped)
 {
-
-// A string whose end is still to be found, and where its offset stands.
-struct awaited_string {
-    krv_attr_t *attr;
-    const uint8_t *at;
-};
-
-} // namespace
+    const krv_afpair_t *pair = krv_entry_planned(entry)->pairs + entry->attrs_read;
+    const uint8_t *at = place.at(entry->at);
+    for (; skipped != 0; --skipped, ++pair)
+        at = krv_plan_skip_form(at, place.end, pair->dwafp_form, place.plan->sp_encoding);
+    return at;
+}
 
 // Reads what most values are, up to the first that is another, or cannot be read so. Returns how many. Strings lie all over
 // their section: they are fetched while what follows is read, and their ends are looked for last.
@@ -285,8 +284,7 @@ static inline size_t read_common(krv_handle_t *hp, const krv_place_t &place, krv
     const uint64_t unit_offset = entry->unit->dcu_offset;
     const uint8_t *at = place.at(entry->at), *const end = place.end;
     krv_attr_t *attr = attrs, *const last = attrs + most;
-    awaited_string strings[4]; // more make the others wait
-    size_t awaited = 0;
+    uint64_t awaited = 0; // of the strings, by their numbers
     for (; attr != last && static_cast<uint64_t>(end - at) >= sizeof(uint64_t); ++attr, ++pair) {
         const krv_value_row &row = rows[pair->dwafp_form < forms ? pair->dwafp_form : 0];
         uint64_t number;
@@ -302,9 +300,9 @@ static inline size_t read_common(krv_handle_t *hp, const krv_place_t &place, krv
         } else if (row.then == krv_then::in_unit) {
             attr->number = krv_add_offset(number, unit_offset);
         } else if (row.then == krv_then::find_string) {
-            if (awaited == std::size(strings) || !fetch_string(hp, number))
+            if (attr - attrs >= 64 || !fetch_string(hp, number))
                 break;
-            strings[awaited++] = {attr, at};
+            awaited |= uint64_t{1} << (attr - attrs);
         } else if (row.then == krv_then::is_set) {
             attr->number = 1;
         } else if (row.then == krv_then::small_block) {
@@ -322,10 +320,11 @@ static inline size_t read_common(krv_handle_t *hp, const krv_place_t &place, krv
         }
         at += row.width;
     }
-    for (size_t i = 0; i < awaited; ++i) {
-        if (!find_end_of_string(hp, strings[i].attr)) {
-            attr = strings[i].attr;
-            at = strings[i].at;
+    for (; awaited != 0; awaited &= awaited - 1) {
+        krv_attr_t *const string = attrs + std::countr_zero(awaited);
+        if (!find_end_of_string(hp, string)) {
+            attr = string;
+            at = find_value(place, entry, static_cast<size_t>(attr - attrs));
             break;
         }
     }
