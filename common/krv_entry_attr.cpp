@@ -6,6 +6,7 @@
 #include "krv_dwarf.h"
 #include "krv_error.h"
 #include "krv_ext.h"
+#include "krv_mem.h"
 
 #include <bit>
 
@@ -346,6 +347,19 @@ int krv_entry_read_attr(krv_handle_t *hp, const krv_place_t &place, krv_entry_t 
     return entry->attrs_read < krv_entry_planned(entry)->pair_count ? read_attr(hp, place, entry, attr) : 0;
 }
 
+// Reads the first `most` values of an entry. False: messages.
+[[gnu::always_inline]] static inline bool read_attrs(krv_handle_t *hp, const krv_place_t &place, krv_entry_t *entry,
+                                                     krv_attr_t *attrs, size_t most)
+{
+    for (size_t i = 0; i < most;) {
+        if (entry->is_alternate == 0)
+            i += read_common(hp, place, entry, attrs + i, most - i);
+        if (i < most && read_other(hp, place, entry, &attrs[i++]) != 1)
+            return false;
+    }
+    return true;
+}
+
 int korva_entry_get_attrs(krv_handle_t *hp, krv_entry_t *entryp, krv_attr_t *attrs, size_t room, size_t *countp)
 {
     if (hp == nullptr)
@@ -360,13 +374,37 @@ int korva_entry_get_attrs(krv_handle_t *hp, krv_entry_t *entryp, krv_attr_t *att
         krv_entry_rewind(place, entryp);
     const uint32_t count = krv_entry_planned(entryp)->pair_count;
     *countp = count;
-    const size_t most = count < room ? count : room;
-    for (size_t i = 0; i < most;) {
-        if (entryp->is_alternate == 0)
-            i += read_common(hp, place, entryp, attrs + i, most - i);
-        if (i < most && read_other(hp, place, entryp, &attrs[i++]) != 1)
+    return read_attrs(hp, place, entryp, attrs, count < room ? count : room) ? 0 : -1;
+}
+
+int korva_iter_entries(krv_handle_t *hp, krv_ctu_t *cup, krv_iter_entry_attrs_f *fn, void *arg)
+{
+    if (hp == nullptr)
+        return -1;
+    if (fn == nullptr)
+        return krv_fail_code(hp, KRV_ERR_INVALID);
+    krv_entry_t entry;
+    krv_clear_error(hp);
+    const krv_owner<krv_attr_t> room(
+        static_cast<krv_attr_t *>(krv_alloc(hp, KRV_MOST_ATTRIBUTES * sizeof(krv_attr_t))));
+    krv_attr_t *const attrs = room.get();
+    if (attrs == nullptr)
+        return -1;
+    for (int moved = korva_entry_first(hp, cup, &entry); moved == 0;) {
+        krv_place_t place;
+        const size_t count = krv_entry_planned(&entry)->pair_count;
+        if (!krv_entry_place_of(hp, &entry, &place) || !read_attrs(hp, place, &entry, attrs, count))
             return -1;
+        if (const int result = fn(hp, &entry, attrs, count, arg))
+            return result;
+        krv_clear_error(hp);
+        if (!krv_entry_place_of(hp, &entry, &place)) // again: the visitor may have attached another section
+            return -1;
+        moved = krv_entry_next(hp, place, &entry);
     }
+    if (hp->sh_errno != KRV_ERR_NOTFOUND)
+        return -1;
+    krv_clear_error(hp);
     return 0;
 }
 

@@ -7,6 +7,11 @@
 
 static int look_at(krv_handle_t *hp, krv_ctu_t *cu, void *)
 {
+    unsigned left = 500;
+    const auto count_down = [](krv_handle_t *, const krv_entry_t *, const krv_attr_t *, size_t, void *arg) {
+        return --*static_cast<unsigned *>(arg) == 0 ? 1 : 0;
+    };
+    korva_iter_entries(hp, cu, count_down, &left);
     krv_entry_t entry;
     unsigned budget = 500;
     for (int moved = korva_entry_first(hp, cu, &entry); moved == 0 && budget != 0;

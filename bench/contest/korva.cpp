@@ -45,19 +45,18 @@ static bool read_entries(run *r, krv_handle_t *hp)
         auto *to = static_cast<run *>(arg);
         krv_cu_header_t header;
         korva_cu_get_header(handle, cu, &header);
-        krv_entry_t entry;
-        int moved = korva_entry_first(handle, cu, &entry);
-        for (; moved == 0; moved = korva_entry_next(handle, &entry)) {
-            krv_attr_t attrs[256];
-            size_t count;
-            ++to->items;
-            if (korva_entry_get_attrs(handle, &entry, attrs, 256, &count) != 0)
-                return -1;
+        struct sum {
+            run *of;
+            uint64_t unit;
+        } sum = {to, header.offset};
+        const auto add = [](krv_handle_t *, const krv_entry_t *, const krv_attr_t *attrs, size_t count, void *arg2) {
+            const auto *s = static_cast<struct sum *>(arg2);
+            ++s->of->items;
             for (size_t i = 0; i < count; ++i) // the others sum what is written: references count from their unit
-                to->check +=
-                    attrs[i].kind == KRV_ATTR_REFERENCE ? attrs[i].number - header.offset : value_check(attrs[i]);
-        }
-        return 0;
+                s->of->check += attrs[i].kind == KRV_ATTR_REFERENCE ? attrs[i].number - s->unit : value_check(attrs[i]);
+            return 0;
+        };
+        return korva_iter_entries(handle, cu, add, &sum);
     };
     return korva_iter_cu(hp, KRV_SEC_INFO, visit, r) == 0;
 }

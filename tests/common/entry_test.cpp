@@ -52,6 +52,34 @@ std::string attributes(handle &h, krv_entry_t entry)
     return read == 0 ? all : all + " " + error;
 }
 
+// Whether a unit's entries are visited as they are walked; `from` is the first one.
+testing::AssertionResult visited_as_walked(handle &h, const krv_entry_t &from)
+{
+    std::string visited, walked;
+    const auto add = [](krv_handle_t *, const krv_entry_t *entry, const krv_attr_t *attrs, size_t count, void *arg) {
+        auto *all = static_cast<std::string *>(arg);
+        *all += text("%lx %u:", entry->offset, entry->depth);
+        for (size_t i = 0; i < count; ++i)
+            *all += " " + show(attrs[i]);
+        return 0;
+    };
+    const int result = korva_iter_entries(h, from.unit, add, &visited);
+    const std::string error = h.error();
+    krv_entry_t entry = from;
+    int moved = 0;
+    krv_attr_t attrs[16];
+    size_t count = 0;
+    for (; moved == 0; moved = korva_entry_next(h, &entry)) {
+        if (korva_entry_get_attrs(h, &entry, attrs, 16, &count) != 0)
+            break;
+        add(h, &entry, attrs, count, &walked);
+    }
+    const bool ended = moved != 0 && korva_handle_get_errno(h) == KRV_ERR_NOTFOUND;
+    return visited == walked && (result == 0) == ended && (ended || error == h.error())
+               ? testing::AssertionSuccess()
+               : testing::AssertionFailure() << visited << error;
+}
+
 krv_entry_t first_of(handle &h, uint64_t unit_offset = 0)
 {
     krv_entry_t entry = {};
@@ -125,6 +153,7 @@ TEST(Entry, Values)
         const bytes dies = bytes().uleb(1).uleb(2).u8(1).add(row.value);
         h.attach(KRV_SEC_INFO, unit{.version = 5, .kind = KRV_UNIT_COMPILE, .dies = dies}.build());
         krv_entry_t entry = first_of(h);
+        EXPECT_TRUE(visited_as_walked(h, entry)) << row.form;
         ASSERT_EQ(korva_entry_next(h, &entry), 0) << h.error();
         std::string expected = row.expected;
         if (const size_t at = expected.find("0xb of"); at != std::string::npos)
@@ -159,6 +188,10 @@ TEST(Entry, Tree)
     h.attach(KRV_SEC_ABBREV, abbrevs(TREE));
     h.attach(KRV_SEC_INFO, unit{.dies = tree()}.build());
     krv_entry_t e = first_of(h);
+    EXPECT_TRUE(visited_as_walked(h, e));
+    const auto stop = [](krv_handle_t *, const krv_entry_t *, const krv_attr_t *, size_t, void *) { return 5; };
+    EXPECT_EQ(korva_iter_entries(h, e.unit, stop, nullptr), 5);
+    EXPECT_EQ(korva_iter_entries(h, nullptr, stop, nullptr), -1);
     std::string all = where(e);
     while (korva_entry_next(h, &e) == 0)
         all += " " + where(e);
@@ -214,6 +247,7 @@ TEST(Entry, Damage)
         h.attach(KRV_SEC_ABBREV, abbrevs(row.abbrevs));
         h.attach(KRV_SEC_INFO, unit{.dies = row.dies}.build());
         krv_entry_t e = first_of(h);
+        EXPECT_TRUE(visited_as_walked(h, e));
         while (korva_entry_next(h, &e) == 0)
             ;
         EXPECT_EQ(h.error(), row.error);
