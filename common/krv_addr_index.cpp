@@ -166,10 +166,11 @@ static inline uint32_t owner_of(const krv_addr_index *index, size_t begun)
     return begun == 0 ? KRV_ADDR_NOTHING : krv_addr_map_owner(&index->sai_map, begun - 1);
 }
 
-// The unit that a set names for the address, with nothing else read of .debug_info. NULL: KRV_ERR_NOTFOUND, or with the
-// code of what failed.
-static krv_ctu_t *find_by_sets(krv_handle_t *hp, uint64_t address, krv_addr_stretch *stretch)
+// The unit that a set names for the address, with nothing else read of .debug_info. NULL: none does, as *nonep tells, or with
+// the code of what failed. Of other threads' codes no answer depends.
+static krv_ctu_t *find_by_sets(krv_handle_t *hp, uint64_t address, krv_addr_stretch *stretch, bool *nonep)
 {
+    *nonep = false;
     const krv_addr_index *index = krv_load(&hp->sh_addr_sets);
     if (index == nullptr && (index = make_sets_index(hp)) == nullptr)
         return nullptr;
@@ -179,12 +180,13 @@ static krv_ctu_t *find_by_sets(krv_handle_t *hp, uint64_t address, krv_addr_stre
         return known;
     const uint32_t first = owner_of(index, begun);
     if (first == KRV_ADDR_NOTHING) {
-        hp->sh_errno = KRV_ERR_NOTFOUND;
+        *nonep = true;
         return nullptr;
     }
     krv_ctu_t *cu = krv_units_get_named(hp, &hp->sh_sets->ss_sets[first]);
     if (cu != nullptr)
         krv_store(&stretch->hint->sah_unit, cu);
+    *nonep = cu == nullptr && hp->sh_errno == KRV_ERR_NOTFOUND && hp->sh_nerrors == 0;
     return cu;
 }
 
@@ -209,10 +211,12 @@ static uint32_t count_units_to(const krv_handle_t *hp, const krv_ctu_t *cu)
 
 krv_ctu_t *krv_addr_index_find(krv_handle_t *hp, uint64_t address, krv_lookup_flag_t flags, krv_addr_stretch *stretch)
 {
-    *stretch = {0, UINT64_MAX, nullptr};
+    *stretch = {0, UINT64_MAX, nullptr, false};
     if (krv_reads_as_written(hp)) {
-        krv_ctu_t *cu = find_by_sets(hp, address, stretch);
-        if (cu != nullptr || hp->sh_errno != KRV_ERR_NOTFOUND || hp->sh_nerrors != 0)
+        bool none;
+        krv_ctu_t *cu = find_by_sets(hp, address, stretch, &none);
+        stretch->is_answered = cu != nullptr;
+        if (!none)
             return cu;
         krv_clear_error(hp);
     }
@@ -222,9 +226,9 @@ krv_ctu_t *krv_addr_index_find(krv_handle_t *hp, uint64_t address, krv_lookup_fl
     krv_addr_stretch piece;
     const uint32_t unit = owner_of(index, krv_addr_index_piece(index, address, &piece));
     if (index->sai_unknown_units != 0) // whose ranges a scan may find meanwhile
-        *stretch = {address, address, nullptr};
+        *stretch = {address, address, nullptr, true};
     else
-        *stretch = {std::max(stretch->first, piece.first), std::min(stretch->last, piece.last), piece.hint};
+        *stretch = {std::max(stretch->first, piece.first), std::min(stretch->last, piece.last), piece.hint, true};
     return answer(hp, index, address, 0, unit);
 }
 

@@ -29,6 +29,7 @@ struct krv_addr_index {
 struct krv_addr_stretch {
     uint64_t first, last;
     krv_addr_hint *hint; // or NULL
+    bool is_answered;    // false: the query failed. The error code is no sign of it: other threads may have cleared it
 };
 
 // The piece of an address as a stretch; the number of pieces up to it.
@@ -37,7 +38,7 @@ struct krv_addr_stretch {
 {
     const krv_addr_map *const map = &index->sai_map;
     if (address < map->sam_base || map->sam_pieces == 0) {
-        *stretch = {0, map->sam_pieces == 0 ? UINT64_MAX : map->sam_base - 1, nullptr};
+        *stretch = {0, map->sam_pieces == 0 ? UINT64_MAX : map->sam_base - 1, nullptr, true};
         return 0;
     }
     return krv_addr_map_in_form(map, address, [=](const auto *pieces, uint64_t distance) {
@@ -45,6 +46,7 @@ struct krv_addr_stretch {
         stretch->last = begun == map->sam_pieces ? UINT64_MAX : map->sam_base + pieces[begun].begin - 1;
         stretch->first = map->sam_base + pieces[begun - 1].begin;
         stretch->hint = &index->sai_hints[begun - 1];
+        stretch->is_answered = true;
         return begun;
     });
 }

@@ -11,11 +11,11 @@
 struct krv_place_walk {
     krv_handle_t *const hp;
     const krv_lookup_flag_t flags;
-    krv_addr_stretch stretch = {1, 0, nullptr}; // empty
-    krv_ctu_t *unit = nullptr;                  // of the stretch; NULL where no unit is known to cover it
-    const krv_lnp_t *matrix = nullptr;          // of the unit; NULL where it has none that can be read
-    const krv_lnb_t *sequence = nullptr;        // the last one that covered an address, of this matrix
-    uint32_t row = KRV_NO_ROW;                  // the last one that was found in it
+    krv_addr_stretch stretch = {1, 0, nullptr, false}; // empty
+    krv_ctu_t *unit = nullptr;                         // of the stretch; NULL where no unit is known to cover it
+    const krv_lnp_t *matrix = nullptr;                 // of the unit; NULL where it has none that can be read
+    const krv_lnb_t *sequence = nullptr;               // the last one that covered an address, of this matrix
+    uint32_t row = KRV_NO_ROW;                         // the last one that was found in it
 
     // Finds the unit of an address, which is without bias, and its matrix. False: the walk ends, with the error set.
     [[gnu::always_inline]] bool enter(uint64_t address)

@@ -200,6 +200,8 @@ static std::string ask_calls(krv_handle_t *hp)
     size_t count;
     if (korva_lookup_chain(hp, 0x40a, &row, calls, 4, &count) != 0)
         return "!calls";
+    if (count == 0)
+        return "nothing";
     std::string answer = row.number == KRV_ROW_NONE ? "" : "row ";
     for (size_t i = 0; i < count; ++i)
         answer += text("%s ", calls[i].name);
