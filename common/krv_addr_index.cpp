@@ -167,7 +167,7 @@ static inline uint32_t owner_of(const krv_addr_index *index, size_t begun)
 }
 
 // The unit that a set names for the address, with nothing else read of .debug_info. NULL: none does, as *nonep tells, or with
-// the code of what failed. Of other threads' codes no answer depends.
+// the code of what failed.
 static krv_ctu_t *find_by_sets(krv_handle_t *hp, uint64_t address, krv_addr_stretch *stretch, bool *nonep)
 {
     *nonep = false;

@@ -406,9 +406,10 @@ struct visited_frames {
     krv_elf_iter_frames_f *func;
     void *arg;
     bool is_stopped = false; // by the visitor
+    bool is_lost = false;    // no memory
+    size_t next = 0;         // to be shown
     std::vector<krv_elf_frame_t> frames{};
 
-    // Not 0 without having been stopped: no memory.
     int show(size_t index, const looked_up &found)
     {
         size_t known = 0;
@@ -419,6 +420,8 @@ struct visited_frames {
         });
         const int result = described ? func(elf, index, frames.data(), known, arg) : -1;
         is_stopped = described && result != 0;
+        is_lost = !described;
+        next = index + 1;
         return result;
     }
 };
@@ -446,8 +449,17 @@ int korva_elf_symbolize_all(krv_elf_t *elf, const uint64_t *addresses, size_t co
             };
             result = korva_iter_chains(hp, addresses, count, KRV_CHAINS_F_NONE, visit, &all);
         }
-        if (result != 0 && !all.is_stopped)
+        if (result == 0 || all.is_stopped)
+            return result;
+        if (all.is_lost || korva_handle_get_errno(hp) == KRV_ERR_NOMEM)
             throw std::bad_alloc();
+        // What cannot be read fails all of them together; alone each may still have a symbol.
+        std::vector<krv_elf_frame_t> found(256);
+        for (result = 0; all.next < count && result == 0;) {
+            const size_t index = all.next++;
+            const size_t known = elf->frames().find(addresses[index], flags, found.data(), found.size());
+            result = func(elf, index, found.data(), std::min(known, found.size()), arg);
+        }
         return result;
     });
 }
