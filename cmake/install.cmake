@@ -51,4 +51,5 @@ install(FILES ${CMAKE_BINARY_DIR}/korva-config.cmake ${CMAKE_BINARY_DIR}/korva-c
 if(TARGET korva_program)
     install(FILES tools/korva/completion.bash DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions
             RENAME korva COMPONENT tools)
+    install(DIRECTORY tools/korva/schema DESTINATION ${CMAKE_INSTALL_DATADIR}/korva COMPONENT tools)
 endif()

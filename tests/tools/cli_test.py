@@ -317,6 +317,9 @@ def test_entries(korva, program, folder):
     if f'\n{11 + levels:#010x} {levels}  ' + 64 * ' ' + 'DW_TAG_lexical_block\n' not in whole:
         fail('entries: the innermost')
     korva.expect(['entries', '--depth', '1', made], 1, rf'unit 0x0:\n.*   1    DW_TAG_lexical_block\n\n{shown}', damage)
+    why = json.loads(korva.expect(['entries', '--format=jsonl', made], 1, None, damage).splitlines()[-1])
+    if (why['status'], why['error']['section'], why['error']['unit']) != ('error', '.debug_info', hex(start)):
+        fail(f'entries: {why}')
     # An entry alone, in JSON; what stands behind it is not looked at.
     record = json.loads(korva.expect(['entries', '--offset', f'{start + 12:x}', '--depth', '0', '--format=jsonl', made], 0))
     if record['depth'] != 1 or record['attributes'][:2] != [
@@ -348,7 +351,9 @@ def test_files(korva, program, folder):
     told = r'korva: \S+: no debugging information \(.debug_info\)\n'
     for name in (plain, stripped):
         korva.expect(['units', name], 2, '', told)
-        korva.expect(['lines', '--format=json', name], 2, '', told)
+        why = json.loads(korva.expect(['lines', '--format=json', name], 2, None, told))[0]
+        if (why['status'], why['error']['code'], why['error']['section']) != ('not_found', 'KRV_ERR_NOTFOUND', '.debug_info'):
+            fail(f'lines --format=json: {why}')
     korva.expect(['addr', '-e', plain, 'main'], 1, r'\w+  main  \?\?:0\n', told)
     korva.expect(['addr', '-e', stripped, '0'], 2, r'\w+  \?\?  \?\?:0\n', told)
     korva.expect(['addr', '-e', program, '-j', '.nowhere', '0'], 2, '', 'korva: .*: no section .nowhere\n')

@@ -209,7 +209,8 @@ def read_units(program):
 
 def compare_units(korva, program, units):
     ours = run(korva, 'units', '--format=jsonl', program)
-    theirs = [{key: value for key, value in unit.items() if key != 'stmt_list'} for unit in units]
+    theirs = [{'v': 1, 'status': 'ok', 'error': None, **{key: value for key, value in unit.items() if key != 'stmt_list'}}
+              for unit in units]
     expect_equal('units', [json.loads(line) for line in ours.out.splitlines()], theirs)
     if ours.status != 0 or ours.err:
         fail(f'units: status {ours.status}, {ours.err}')

@@ -5,6 +5,8 @@ import shutil
 import subprocess
 import sys
 
+import schemas
+
 SOURCES = os.path.join(os.path.dirname(os.path.abspath(__file__)), 'sources')
 SKIPPED = 77
 GO = shutil.which('go') or '/usr/lib/go-1.19/bin/go'
@@ -25,7 +27,11 @@ def run(*command, text='', **options):
         options['input'] = text.encode('utf-8', 'surrogateescape')
     done = subprocess.run(command, timeout=300, check=False, **options)
     done.stdout, done.stderr = done.stdout or b'', done.stderr or b''
-    return Result(done)
+    result = Result(done)
+    fault = schemas.find_fault(command, result.out) if os.path.basename(command[0]) == 'korva' else None
+    if fault is not None:
+        fail(f'{" ".join(command)}: {fault}')
+    return result
 
 
 def answer_of(*command, **options):

@@ -39,6 +39,7 @@ struct question {
     std::optional<uint64_t> shown;   /**< the address as the input gives it: with -j an offset */
     std::optional<uint64_t> address; /**< in the file */
     bool is_one_of_several = false;
+    const record_error *why = nullptr; /**< why there is no address */
 };
 
 /** What is known, the innermost function first; empty when nothing is. Valid until the next answer. */
@@ -64,7 +65,8 @@ public:
         if (!options.section.empty()) {
             m_section = obj->find_section(options.section);
             if (!m_section)
-                throw failure(fmt::format("{}: no section {}", obj->path(), options.section));
+                throw failure(fmt::format("{}: no section {}", obj->path(), options.section),
+                              {.code = "KRV_ERR_NOTFOUND", .section = options.section});
         }
     }
 
@@ -300,7 +302,10 @@ void addr_run::add_json_frame(const krv_elf_frame_t &frame)
 void addr_run::add_json(const question &q, answer a)
 {
     const krv_elf_frame_t first = a.empty() ? nothing_known() : a[0];
-    add_json_text("{\"input\":", q.text);
+    const record_error *why = q.address ? m_locator.refusal() : q.why;
+    m_line += '{';
+    append_record_head(&m_line, a.empty() && why == nullptr ? record_status::not_found : status_of(why), why);
+    add_json_text(",\"input\":", q.text);
     const std::string address = q.address ? fmt::format("0x{:x}", *q.address) : "";
     add_json_text(",\"address\":", known(address));
     add_json_text(",\"function\":", known(first.function));
@@ -392,8 +397,9 @@ void addr_run::ask_for_names(std::string_view input)
 {
     std::vector<input_address> found = m_reader.read(input);
     if (found.empty()) {
-        m_object->diagnose(why_no_address(std::string(input)));
-        answer_one({.text = input, .shown = {}, .address = {}});
+        const record_error why = {.code = "KRV_ERR_INVALID", .messages = {why_no_address(std::string(input))}};
+        m_object->diagnose(why.messages[0]);
+        answer_one({.text = input, .shown = {}, .address = {}, .why = &why});
         return;
     }
     if (m_is_gnu)
@@ -428,6 +434,7 @@ void addr_run::answer_nothing(std::string_view input)
 int addr_run::finish()
 {
     answer_waiting();
+    m_object->record_faults(&m_out);
     m_out.finish();
     return m_done.status();
 }
@@ -437,7 +444,7 @@ static std::unique_ptr<object> open_object(const addr_options &options)
     try {
         return std::make_unique<object>(options.file, options.flags(), options.debug_dirs);
     } catch (const failure &f) {
-        throw failure(f.what() + (options.inputs.empty() ? "" : hint_at_exe(options, options.inputs[0])));
+        throw failure(f.what() + (options.inputs.empty() ? "" : hint_at_exe(options, options.inputs[0])), f.why);
     }
 }
 

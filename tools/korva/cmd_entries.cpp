@@ -231,7 +231,10 @@ result<void> entry_printer::print(const entry &e, uint64_t depth)
     const std::string tag = name_of(KRV_DEF_TAG, e.tag());
     if (m_is_json) {
         m_out->open_record();
-        m_out->print("{{\"offset\":\"0x{:x}\",\"unit\":\"0x{:x}\",{}\"depth\":{},\"tag\":\"{}\",\"attributes\":[",
+        m_line = "{";
+        append_record_head(&m_line, record_status::ok, nullptr);
+        m_out->write(m_line);
+        m_out->print(",\"offset\":\"0x{:x}\",\"unit\":\"0x{:x}\",{}\"depth\":{},\"tag\":\"{}\",\"attributes\":[",
                      e.offset(), m_unit.offset, e.get().is_alternate != 0 ? "\"alternate\":true," : "", depth, tag);
     } else {
         m_out->print("0x{:08x} {:>3}  {:{}}{}\n", e.offset(), depth, "", column, tag);
@@ -297,6 +300,7 @@ static bool print_unit_entries(object *obj, answers *out, unit_record &u, const 
 {
     if (!u.is_readable()) {
         obj->refuse_unread(u);
+        out->record_failure(u.why);
         return false;
     }
     if (!out->is_json())
@@ -309,8 +313,10 @@ static bool print_unit_entries(object *obj, answers *out, unit_record &u, const 
     if (!out->is_json())
         out->write("\n");
     if (!printed)
-        obj->refuse(
-            u, fmt::format("entries of unit at offset 0x{:x} end early: {}", u.header.offset, printed.error().text()));
+        obj->refuse(u, fmt::format("entries of unit at offset 0x{:x} end early", u.header.offset), ".debug_info",
+                    u.header.offset, printed.error());
+    if (!printed)
+        out->record_failure(u.why);
     return static_cast<bool>(printed);
 }
 
@@ -341,7 +347,8 @@ static unit_record *find_entry(object *obj, const std::string &text, std::option
     const auto at =
         place.is_alternate ? entry::at(obj->handle(), offset, KRV_SEC_EXT_ALT_INFO) : entry::at(obj->handle(), offset);
     if (!at && at.error().code != KRV_ERR_NOTFOUND)
-        throw failure(fmt::format("{}: {}", obj->path(), at.error().text()));
+        throw failure(fmt::format("{}: {}", obj->path(), at.error().text()),
+                      to_record_error(at.error(), ".debug_info", offset));
     size_t above = 0;
     if (!at || korva_entry_get_ancestors(obj->handle().get(), &at->get(), nullptr, 0, &above) != 0)
         throw failure(at ? fmt::format("{}: {}", obj->path(), last_error(obj->handle().get()).text())
@@ -359,7 +366,8 @@ static unit_record *find_entry(object *obj, const std::string &text, std::option
     for (unit_record &u : obj->units())
         if (u.unit.get() == at->get().unit)
             return &u;
-    throw failure(fmt::format("{}: no unit has an entry at offset 0x{:x}", obj->path(), offset));
+    throw failure(fmt::format("{}: no unit has an entry at offset 0x{:x}", obj->path(), offset),
+                  {.code = "KRV_ERR_NOTFOUND", .section = ".debug_info", .offset = offset});
 }
 
 static int run_entries(const entries_options &options)
@@ -393,6 +401,7 @@ static int run_entries(const entries_options &options)
             shown.step();
         }
     }
+    obj.record_faults(&out);
     out.finish();
     return done.status();
 }

@@ -109,7 +109,8 @@ static byte_string read_expression(const std::vector<std::string> &arguments)
         }
         std::ifstream in(argument.substr(1), std::ios::binary);
         if (!in)
-            throw failure(fmt::format("{}: {}", argument.substr(1), std::strerror(errno)));
+            throw failure(fmt::format("{}: {}", argument.substr(1), std::strerror(errno)),
+                          {.code = "KRV_ELF_ERR_SYSTEM"});
         bytes.insert(bytes.end(), std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
     }
     return bytes;
@@ -226,7 +227,7 @@ public:
     }
 
     void print(const operation &op);
-    void finish(bool evaluated);
+    void finish(bool evaluated, const record_error *why);
     bool any() const { return m_any; }
 
 private:
@@ -254,7 +255,8 @@ void expression_printer::print(const operation &op)
     m_any = true;
 }
 
-void expression_printer::finish(bool evaluated)
+// How it ended is known last, and so stands last.
+void expression_printer::finish(bool evaluated, const record_error *why)
 {
     if (m_out.is_json()) {
         json_value stack, value;
@@ -265,7 +267,9 @@ void expression_printer::finish(bool evaluated)
             if (m_options.location)
                 value = value_text(m_ev.value());
         }
-        m_out.write(fmt::format("],\"stack\":{},\"value\":{}}}", to_text(stack), to_text(value)));
+        std::string line = fmt::format("],\"stack\":{},\"value\":{},", to_text(stack), to_text(value));
+        append_record_head(&line, status_of(why), why);
+        m_out.write(line + "}");
         m_out.close_record();
     } else if (!m_options.list_only) {
         if (m_options.location)
@@ -284,7 +288,10 @@ static int run_expr(const expr_options &options)
     const result<bool> listed = ev.each_operation(print);
     print.rethrow();
     const result<void> evaluated = options.list_only ? result<void>() : ev.evaluate();
-    out.finish(evaluated && !options.list_only);
+    const record_error why = !listed      ? to_record_error(listed.error())
+                             : !evaluated ? to_record_error(evaluated.error())
+                                          : record_error();
+    out.finish(evaluated && !options.list_only, listed && evaluated ? nullptr : &why);
     if (!listed)
         diagnose(fmt::format("the listing ends early: {}", listed.error().text()));
     if (!evaluated)

@@ -77,6 +77,9 @@ bool function_printer::refuse(const entry &e, const error &why)
 {
     if (m_refused.insert(e.get().unit).second)
         m_object->diagnose(fmt::format("function at offset 0x{:x} of .debug_info: {}", e.offset(), why.text()));
+    const auto header = e.unit().header();
+    m_out->record_failure(
+        to_record_error(why, ".debug_info", e.offset(), header ? std::optional(header->offset) : std::nullopt));
     return false;
 }
 
@@ -142,6 +145,7 @@ static bool print_unit_functions(object *obj, unit_record &u, function_printer &
         return false;
     }
     bool is_complete = true;
+    const std::string what = fmt::format("functions of unit at offset 0x{:x}", u.header.offset);
     const auto first = entry::first(obj->handle(), u.unit);
     if (first) {
         auto below = first->descendants();
@@ -150,9 +154,9 @@ static bool print_unit_functions(object *obj, unit_record &u, function_printer &
                 is_complete = printer.print(e) && is_complete;
         if (!below.failure())
             return is_complete;
-        obj->refuse(u, fmt::format("functions of unit at offset 0x{:x}: {}", u.header.offset, below.failure()->text()));
+        obj->refuse(u, what, ".debug_info", u.header.offset, *below.failure());
     } else if (first.error().code != KRV_ERR_NOTFOUND) {
-        obj->refuse(u, fmt::format("functions of unit at offset 0x{:x}: {}", u.header.offset, first.error().text()));
+        obj->refuse(u, what, ".debug_info", u.header.offset, first.error());
     }
     return !u.refused && is_complete;
 }
@@ -168,9 +172,11 @@ static bool print_named(object *obj, const std::string &name, bool indexed, func
     const auto found = each_named_entry(obj->handle(), name.c_str(), flags, print);
     print.rethrow();
     if (!found)
-        throw failure(fmt::format("{}: functions by name: {}", obj->path(), found.error().text()));
+        throw failure(fmt::format("{}: functions by name: {}", obj->path(), found.error().text()),
+                      to_record_error(found.error(), ".debug_info"));
     if (printer.count() == 0)
-        throw failure(fmt::format("{}: no function \"{}\" has code here", obj->path(), name));
+        throw failure(fmt::format("{}: no function \"{}\" has code here", obj->path(), name),
+                      {.code = "KRV_ERR_NOTFOUND"});
     return is_complete;
 }
 
@@ -193,10 +199,13 @@ static int run_funcs(const funcs_options &options)
         for (unit_record &u : units) {
             const bool is_complete = print_unit_functions(&obj, u, printer);
             is_complete ? done.answered() : done.missed();
+            if (u.refused)
+                out.record_failure(u.why);
         }
     }
     if (printer.count() != 0)
         done.answered();
+    obj.record_faults(&out);
     out.finish();
     return done.status();
 }

@@ -217,6 +217,7 @@ bool table_printer::print(bool program)
 {
     if (!m_unit->is_readable()) {
         m_object->refuse_unread(*m_unit);
+        m_out->record_failure(m_unit->why);
         return false;
     }
     const uint64_t offset = m_unit->header.offset;
@@ -232,8 +233,8 @@ bool table_printer::print(bool program)
                                  : program ? print_program(*header)
                                            : print_rows();
     if (!printed) {
-        m_object->refuse(*m_unit,
-                         fmt::format("line table of unit at offset 0x{:x}: {}", offset, printed.error().text()));
+        m_object->refuse_lines(*m_unit, printed.error());
+        m_out->record_failure(m_unit->why);
         return false;
     }
     if (!m_out->is_json())
@@ -257,7 +258,8 @@ static int run_lines(const lines_options &options)
         if (!offset || u.header.offset == *offset)
             wanted.push_back(&u);
     if (wanted.empty())
-        throw failure(fmt::format("{}: no unit starts at offset {} of .debug_info", obj.path(), options.unit));
+        throw failure(fmt::format("{}: no unit starts at offset {} of .debug_info", obj.path(), options.unit),
+                      {.code = "KRV_ERR_NOTFOUND", .section = ".debug_info", .offset = offset});
 
     answers out(options.format);
     progress shown(fmt::format("{}: line tables", obj.path()), wanted.size(), progress::mode::answering);
@@ -265,6 +267,7 @@ static int run_lines(const lines_options &options)
         done.add(table_printer(&obj, &out, u).print(options.program));
         shown.step();
     }
+    obj.record_faults(&out);
     out.finish();
     return done.status();
 }

@@ -4,6 +4,7 @@
 #include "command.h"
 #include "object.h"
 
+#include <algorithm>
 #include <map>
 #include <memory>
 #include <string_view>
@@ -81,19 +82,29 @@ static int run_sections(const common_options &options)
         json_value list = json_value::array();
         for (const krv_elf_note_t &note : notes)
             list.push_back(note_json(note));
-        out.record({{"section", section.name},
-                    {"size", section.size},
-                    {"file_size", section.file_size},
-                    {"state", how(section)},
-                    {"debug_file", or_null(debug_path)},
-                    {"alternate", is_alternate},
-                    {"notes", list}});
+        const auto fault = std::find_if(notes.begin(), notes.end(), [](const auto &n) { return n.refused != 0; });
+        const record_error why =
+            fault == notes.end()
+                ? record_error()
+                : record_error{.section = section.name, .offset = fault->offset, .messages = {fault->text}};
+        const record_error *whyp = fault == notes.end() ? nullptr : &why;
+        const json_value record = {{"section", section.name},
+                                   {"size", number(section.size)},
+                                   {"file_size", number(section.file_size)},
+                                   {"state", how(section)},
+                                   {"debug_file", or_null(debug_path)},
+                                   {"alternate", is_alternate},
+                                   {"notes", list}};
+        out.record(record, status_of(whyp), whyp);
     }
     for (const krv_elf_note_t &note : all) {
         if (note.refused != 0)
             done.missed();
-        if (*note.section == '\0')
-            obj.diagnose(note.text);
+        if (*note.section != '\0')
+            continue;
+        obj.diagnose(note.text);
+        if (note.refused != 0)
+            out.record_failure({.messages = {note.text}});
     }
     out.finish();
     return done.status();

@@ -64,6 +64,7 @@ private:
     void print_frame(size_t index, const stack_frame &f, const frame_place &at);
     json_value call_record(const krv_elf_frame_t &call) const;
     json_value frame_record(size_t index, const stack_frame &f, const frame_place &at) const;
+    void record_stack(const thread_stack &stack, const json_value &frames, bool asked_for);
     void tell_notes();
 
     const stack_options &m_options;
@@ -90,7 +91,7 @@ stack_run::stack_run(const stack_options &options) : m_options(options), m_out(o
                       ? process::attach(options.pid)
                       : process::open_core(options.file.c_str(), options.exe.empty() ? nullptr : options.exe.c_str());
     if (!opened)
-        throw failure(opened.error().text());
+        throw failure(opened.error().text(), to_record_error(opened.error()));
     m_proc.emplace(std::move(*opened));
     m_info = m_proc->info();
     if (!m_proc->set_files(options.flags(), options.debug_dirs))
@@ -103,7 +104,7 @@ std::vector<krv_proc_thread_t> stack_run::threads()
     if (m_options.tid != 0)
         std::erase_if(all, [this](const krv_proc_thread_t &thread) { return thread.tid != m_options.tid; });
     if (m_options.tid != 0 && all.empty())
-        throw failure(fmt::format("no thread {}", m_options.tid));
+        throw failure(fmt::format("no thread {}", m_options.tid), {.code = "KRV_ELF_ERR_NOTFOUND"});
     if (m_options.first_only && all.size() > 1)
         all.erase(all.begin() + 1, all.end());
     return all;
@@ -253,7 +254,7 @@ json_value stack_run::frame_record(size_t index, const stack_frame &f, const fra
                          {"lookup_pc", hex(f.lookup_pc)},
                          {"module", f.module == nullptr ? json_value(nullptr) : known(f.module->path)},
                          {"function", known(at.function)},
-                         {"offset", at.function.empty() ? json_value(nullptr) : json_value(at.offset)},
+                         {"offset", at.function.empty() ? json_value(nullptr) : number(at.offset)},
                          {"file", known(at.path)},
                          {"line", or_null(at.line)},
                          {"signal_frame", f.is_signal_frame}};
@@ -338,9 +339,20 @@ void stack_run::show(const thread_stack &stack)
             print_frame(i, f, at);
     }
     if (m_out.is_json())
-        m_out.record(thread_record(m_info.pid, stack, frames));
+        record_stack(stack, frames, asked_for);
     else
         m_out.print("     end: {}\n", printable(stack.message));
+}
+
+// A walk that ended early has its frames and the reason.
+void stack_run::record_stack(const thread_stack &stack, const json_value &frames, bool asked_for)
+{
+    const bool is_whole = asked_for || stack.end == KRV_PROC_END_OUTERMOST;
+    const record_error why = {.messages = {stack.message}};
+    const record_status status = is_whole                          ? record_status::ok
+                                 : stack.end == KRV_PROC_END_LIMIT ? record_status::limit
+                                                                   : record_status::error;
+    m_out.record(thread_record(m_info.pid, stack, frames), status, is_whole ? nullptr : &why);
 }
 
 // What is to be said of the whole is a line each, what is to be said of modules one for all of them.

@@ -17,17 +17,17 @@ static json_value or_null(const result<std::string> &text)
 // Kinds of units, by their number.
 static constexpr const char *KINDS[] = {"not read", "compile", "type", "partial", "skeleton", "split", "split type"};
 
-static void print_unit(answers &out, const json_value &record)
+static void print_unit(answers &out, const json_value &record, const record_error *why)
 {
     if (out.is_json()) {
-        out.record(record);
+        out.record(record, status_of(why), why);
         return;
     }
     const auto text = [&](const char *key) {
         return record[key].is_null() ? "-" : printable(record[key].get_ref<const std::string &>());
     };
     out.print("{:<10}  {}  {:<8}  {:>8}  {}  {}  {}{}\n", text("offset"), record["version"].get<int>(), text("type"),
-              record["size"].get<uint64_t>(), text("name"), text("comp_dir"), text("producer"),
+              record["size"].dump(), text("name"), text("comp_dir"), text("producer"),
               record["split_file"].is_null() ? "" : fmt::format("  (the rest is in {})", text("split_file")));
 }
 
@@ -43,7 +43,7 @@ static int run_units(const common_options &options)
         json_value record = {{"offset", hex(u.header.offset)},
                              {"version", u.header.version},
                              {"type", KINDS[u.kind.kind]},
-                             {"size", u.header.size},
+                             {"size", number(u.header.size)},
                              {"dwarf64", u.header.dwarf64 != 0},
                              {"name", nullptr},
                              {"comp_dir", nullptr},
@@ -52,15 +52,17 @@ static int run_units(const common_options &options)
         if (!u.is_readable()) {
             obj.refuse_unread(u);
         } else if (const auto entry = u.unit.entry(); !entry) {
-            obj.refuse(u, fmt::format("entry of unit at offset 0x{:x}: {}", u.header.offset, entry.error().text()));
+            obj.refuse(u, fmt::format("entry of unit at offset 0x{:x}", u.header.offset), ".debug_info",
+                       u.header.offset, entry.error());
         } else {
             record["name"] = or_null(u.unit.name());
             record["comp_dir"] = or_null(u.unit.comp_dir());
             record["producer"] = or_null(u.unit.producer());
         }
         done.add(!u.refused);
-        print_unit(out, record);
+        print_unit(out, record, u.refused ? &u.why : nullptr);
     }
+    obj.record_faults(&out);
     out.finish();
     if (!obj.is_complete())
         done.missed();

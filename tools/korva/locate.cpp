@@ -22,6 +22,7 @@ bool locator::read_units()
         m_units = &m_object->units();
     } catch (const failure &f) {
         diagnose(f.what());
+        m_failed = f.why;
         m_no_units = true;
         return false;
     }
@@ -46,6 +47,7 @@ krv_elf_frame_t nothing_known()
 
 std::span<const krv_elf_frame_t> locator::frames(uint64_t address, unsigned int flags, size_t most)
 {
+    m_refusal = nullptr;
     m_frames.resize(std::max<size_t>(m_frames.size(), 8));
     size_t count = 0;
     const auto ask = [&] {
@@ -82,6 +84,8 @@ location locator::find(uint64_t address)
     location found;
     if (!m_no_units && ask_covering(address, &found) == outcome::absent)
         ask_sequences(address, &found);
+    if (!found.source && m_refusal == nullptr && !m_failed.messages.empty())
+        m_refusal = &m_failed;
     return found;
 }
 
@@ -96,14 +100,16 @@ extent locator::range_around(uint64_t address, location *found) const
 // Tells once that a question about ranges failed.
 void locator::note_ranges_failed(const error &why)
 {
-    if (!std::exchange(m_ranges_failed, true))
-        m_object->diagnose(fmt::format("cannot tell which units cover an address: {}", why.text()));
+    if (std::exchange(m_ranges_failed, true))
+        return;
+    m_object->diagnose(fmt::format("cannot tell which units cover an address: {}", why.text()));
+    m_failed = to_record_error(why);
 }
 
 void locator::refuse_lines(unit_record &u, const error &why)
 {
     m_lines_refused = true;
-    m_object->refuse(u, fmt::format("line table of unit at offset 0x{:x}: {}", u.header.offset, why.text()));
+    m_object->refuse_lines(u, why);
 }
 
 static bool has_no_lines(const unit_record &u)
@@ -133,6 +139,7 @@ std::optional<source_view> locator::ask_readable(const unit &u, uint64_t address
 
 locator::outcome locator::ask(unit_record &u, const extent &range, uint64_t address, location *found)
 {
+    m_refusal = &u.why;
     if (u.refused)
         return outcome::refused;
     if (!u.is_readable()) {
@@ -140,6 +147,8 @@ locator::outcome locator::ask(unit_record &u, const extent &range, uint64_t addr
         return outcome::refused;
     }
     const result<source_view> source = u.unit.source_view(address, range.address, range.size);
+    if (source || source.error().code == KRV_ERR_NOTFOUND)
+        m_refusal = nullptr;
     if (source) {
         found->source = *source;
         found->owner = u.unit;

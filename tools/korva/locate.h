@@ -39,6 +39,9 @@ public:
      */
     std::span<const krv_elf_frame_t> frames(uint64_t address, unsigned int flags, size_t most);
 
+    /** What stood in the way of knowing the line of the last address; NULL: nothing, it is known or not there. */
+    const record_error *refusal() const { return m_refusal; }
+
 private:
     location find(uint64_t address);
     enum class outcome { found, absent, refused };
@@ -64,6 +67,8 @@ private:
 
     object *m_object;
     std::vector<krv_elf_frame_t> m_frames;
+    const record_error *m_refusal = nullptr;
+    record_error m_failed;                       // of what concerns all units
     std::vector<unit_record> *m_units = nullptr; // read when an address is not known at once
     bool m_no_units = false;                     // they cannot be read
     std::vector<unit_record *> m_unranged;       // units whose ranges only a look at their entries can tell

@@ -45,7 +45,11 @@ void add_format_option(CLI::App *verb, common_options *options, const format_nam
     for (const auto &[name, format] : formats)
         names.push_back(name);
     verb->add_option_function<std::string>(
-            "--format", [=](const std::string &name) { options->format = formats.at(name); },
+            "--format",
+            [=](const std::string &name) {
+                options->format = formats.at(name);
+                set_output_format(options->format);
+            },
             "How answers are written; text when not given")
         ->check(CLI::IsMember(names));
 }
@@ -181,10 +185,12 @@ int main(int argc, char **argv)
         return ANSWERED;
     } catch (const failure &f) {
         diagnose(f.what());
+        answers::finish_with(f.why);
     } catch (const std::bad_alloc &) {
         diagnose("out of memory");
     } catch (const std::exception &e) {
         diagnose(e.what());
+        answers::finish_with({.messages = {e.what()}});
     }
     return NOTHING;
 }

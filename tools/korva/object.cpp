@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "object.h"
 
-#include "output.h"
 #include "progress.h"
 
 #include <fmt/format.h>
@@ -12,13 +11,16 @@
 namespace korva::program
 {
 
+// DWARF 5, 7.5.4
+static constexpr uint32_t DW_AT_stmt_list = 0x10;
+
 bool object::s_named_cut_file = false;
 
 static elf open_elf(const std::string &path, unsigned int flags, const std::vector<std::string> &debug_dirs)
 {
     result<elf> opened = elf::open(path.c_str(), flags, debug_dirs);
     if (!opened)
-        throw failure(opened.error().text()); // names the file
+        throw failure(opened.error().text(), to_record_error(opened.error())); // names the file
     return std::move(*opened);
 }
 
@@ -68,11 +70,21 @@ void object::diagnose(std::string_view text) const
     program::diagnose(fmt::format("{}: {}", m_path, text));
 }
 
-void object::refuse(unit_record &u, std::string_view text) const
+void object::refuse(unit_record &u, std::string_view what, const char *section, std::optional<uint64_t> offset,
+                    const error &why) const
 {
     if (!u.refused)
-        diagnose(text);
+        diagnose(fmt::format("{}: {}", what, why.text()));
     u.refused = true;
+    u.why = to_record_error(why, section, offset, u.header.offset);
+}
+
+void object::refuse_lines(unit_record &u, const error &why) const
+{
+    const auto first = entry::first(handle(), u.unit);
+    const auto table = first ? first->find(DW_AT_stmt_list) : result<attr>(first.error());
+    refuse(u, fmt::format("line table of unit at offset 0x{:x}", u.header.offset), ".debug_line",
+           table ? std::optional(table->number) : std::nullopt, why);
 }
 
 // What the reader noted of a unit.
@@ -95,17 +107,29 @@ void object::refuse_unread(unit_record &u)
     }
     m_unread_refused = true;
     u.refused = true;
+    u.why = {.code = "KRV_ERR_UNSUPPORTED",
+             .section = ".debug_info",
+             .offset = u.header.offset,
+             .unit = u.header.offset,
+             .messages = {get_reason(m_elf, u)}};
 }
 
-bool object::diagnose_notes() const
+bool object::diagnose_notes()
 {
     bool any = false;
     for (const krv_elf_note_t &note : m_elf.notes())
         if (note.refused != 0 && note.pass != std::string_view("reading")) {
             diagnose(note.text);
+            m_faults.push_back({.section = note.section, .offset = note.offset, .messages = {note.text}});
             any = true;
         }
     return !any;
+}
+
+void object::record_faults(answers *out) const
+{
+    for (const record_error &why : m_faults)
+        out->record_failure(why);
 }
 
 std::optional<extent> object::find_section(const std::string &name) const
@@ -120,28 +144,35 @@ void object::read_units()
 {
     const uint64_t info_size = get_info_size(m_elf);
     if (info_size == 0)
-        throw failure(fmt::format("{}: no debugging information (.debug_info)", m_path));
+        throw failure(fmt::format("{}: no debugging information (.debug_info)", m_path),
+                      {.code = "KRV_ERR_NOTFOUND", .section = ".debug_info"});
 
     std::vector<korva::unit> found;
     const progress shown(fmt::format("{}: reading units", m_path), 0, progress::mode::silent);
     // The call-back asks the handle nothing: what the reader said about the end of the table must stay in it.
     if (const auto all = handle().each_unit([&](const korva::unit &u) { found.push_back(u); }); !all)
-        throw failure(fmt::format("{}: no unit can be read: {}", m_path, all.error().text()));
+        throw failure(fmt::format("{}: no unit can be read: {}", m_path, all.error().text()),
+                      to_record_error(all.error(), ".debug_info"));
     const error end = last_error(handle().get());
 
     for (const korva::unit &u : found) {
         const auto header = u.header();
         if (!header)
-            throw failure(fmt::format("{}: no unit header: {}", m_path, header.error().text()));
+            throw failure(fmt::format("{}: no unit header: {}", m_path, header.error().text()),
+                          to_record_error(header.error(), ".debug_info"));
         m_units.push_back({.unit = u, .header = *header, .kind = u.kind().value_or({}), .lines = {}});
     }
     const krv_cu_header_t &last = m_units.back().header;
     m_complete = last.offset + last.size == info_size;
-    if (!m_complete)
-        diagnose(fmt::format("unit table ends early, at offset 0x{:x} of 0x{:x} of .debug_info: the units behind it "
-                             "cannot be read{}",
-                             last.offset + last.size, info_size,
-                             end.messages.empty() ? "" : ": " + end.text())); // else an earlier question was told why
+    if (m_complete)
+        return;
+    const uint64_t end_offset = last.offset + last.size;
+    const std::string text = fmt::format(
+        "unit table ends early, at offset 0x{:x} of 0x{:x} of .debug_info: the units behind it cannot be read{}",
+        end_offset, info_size, end.messages.empty() ? "" : ": " + end.text()); // else an earlier question was told why
+    diagnose(text);
+    m_faults.push_back(to_record_error(end, ".debug_info", end_offset));
+    m_faults.back().messages = {text};
 }
 
 std::vector<unit_record> &object::units()

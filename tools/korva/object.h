@@ -3,6 +3,8 @@
 // An opened file: its handle, its compilation units, and everything that can go wrong with them put into words.
 #pragma once
 
+#include "output.h"
+
 #include <korva.hpp>
 
 #include <csignal>
@@ -24,6 +26,7 @@ struct unit_record {
     krv_cu_header_t header = {};
     krv_cu_kind_t kind = {};
     bool refused = false;       /**< its failure has been told; it is not asked again */
+    record_error why = {};      /**< that failure */
     std::optional<range> lines; /**< the addresses that its line table speaks of, once that was asked in vain */
 
     bool is_readable() const { return kind.kind != 0; }
@@ -67,12 +70,17 @@ public:
 
     /** Prints a diagnostic that names the file. */
     void diagnose(std::string_view text) const;
-    /** Tells why a unit is refused, once, and marks it. */
-    void refuse(unit_record &u, std::string_view text) const;
+    /** Tells once what of a unit cannot be read, which is in @p section at @p offset, and why, and marks the unit. */
+    void refuse(unit_record &u, std::string_view what, const char *section, std::optional<uint64_t> offset,
+                const error &why) const;
+    /** The same of its line table. */
+    void refuse_lines(unit_record &u, const error &why) const;
     /** The same for a unit that is not readable, and why. Told once for all such units. */
     void refuse_unread(unit_record &u);
     /** Tells what the loader could not present, apart from what questions meet. False when there was anything. */
-    bool diagnose_notes() const;
+    bool diagnose_notes();
+    /** What was told of the file as a whole, as records. */
+    void record_faults(answers *out) const;
 
     /** A section of the file, or nothing. */
     std::optional<extent> find_section(const std::string &name) const;
@@ -88,7 +96,8 @@ private:
     krv_elf_info_t m_info;
     std::vector<unit_record> m_units;
     bool m_complete = true;
-    bool m_unread_refused = false; // told
+    bool m_unread_refused = false;      // told
+    std::vector<record_error> m_faults; // of the whole
 };
 
 } // namespace korva::program

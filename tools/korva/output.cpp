@@ -116,9 +116,21 @@ void append_json(std::string *line, std::string_view text)
         line->append(to_text(json_value(text)));
 }
 
+// What is written so far, which main() has to bring to an end when a verb does not.
+static output_format s_format = output_format::text;
+static bool s_is_empty = true; // no record yet
+static bool s_is_finished = false;
+static bool s_is_open = false; // a record is being written piece by piece
+
+void set_output_format(output_format format)
+{
+    s_format = format;
+}
+
 [[noreturn]] static void output_failed()
 {
     const int error = errno;
+    s_is_finished = true;
     if (error == EPIPE)
         throw broken_pipe();
     throw failure(fmt::format("standard output: {}", std::strerror(error)));
@@ -138,9 +150,26 @@ void answers::write(std::string_view text)
         output_failed();
 }
 
-void answers::record(const json_value &record)
+void answers::record(const json_value &fields)
 {
-    record_text(to_text(record));
+    record(fields, record_status::ok);
+}
+
+void answers::record(const json_value &fields, record_status status, const record_error *why)
+{
+    m_line = "{";
+    append_record_head(&m_line, status, why);
+    if (!fields.empty())
+        m_line.append(",").append(std::string_view(to_text(fields)).substr(1));
+    else
+        m_line += '}';
+    record_text(m_line);
+}
+
+void answers::record_failure(const record_error &why)
+{
+    if (is_json())
+        record(json_value::object(), status_of(&why), &why);
 }
 
 void answers::record_text(std::string_view record)
@@ -154,13 +183,15 @@ void answers::record_text(std::string_view record)
 void answers::open_record()
 {
     if (m_format == output_format::json)
-        write(m_empty ? "[" : ",");
-    m_empty = false;
+        write(s_is_empty ? "[" : ",");
+    s_is_empty = false;
+    s_is_open = true;
 }
 
 void answers::close_record()
 {
     write("\n");
+    s_is_open = false;
 }
 
 void answers::flush()
@@ -171,12 +202,25 @@ void answers::flush()
 
 void answers::finish()
 {
+    s_is_finished = true; // there is nothing to write after a failure
     if (m_format == output_format::json)
-        write(m_empty ? "[]\n" : "]\n");
+        write(s_is_empty ? "[]\n" : "]\n");
     flush();
     // What an earlier flush lost on its way to a diagnostic is only remembered here.
     if (std::ferror(stdout) != 0)
         throw failure("standard output: write error");
+}
+
+void answers::finish_with(const record_error &why)
+{
+    answers out(s_format);
+    if (!out.is_json() || s_is_finished || s_is_open)
+        return;
+    try {
+        out.record_failure(why);
+        out.finish();
+    } catch (const std::exception &) { // the diagnostic has told
+    }
 }
 
 } // namespace korva::program

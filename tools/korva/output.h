@@ -4,6 +4,8 @@
 // one line each, "korva: FILE: text".
 #pragma once
 
+#include "record.h"
+
 #include <fmt/format.h>
 #include <nlohmann/json.hpp>
 
@@ -27,9 +29,18 @@ enum class output_format {
 };
 using format_names = std::map<std::string, output_format>;
 
-/** Nothing can be answered: ends the command with status 2 and this text, which names the file, as its diagnostic. */
+/**
+ * Nothing can be answered: ends the command with status 2 and this text, which names the file, as its diagnostic, and as
+ * its last record where records are written.
+ */
 struct failure : std::runtime_error {
-    using std::runtime_error::runtime_error;
+    explicit failure(const std::string &text, record_error reason = {})
+        : std::runtime_error(text), why(std::move(reason))
+    {
+        why.messages = {text};
+    }
+
+    record_error why;
 };
 
 /** The reader of standard output is gone: ends the command quietly. */
@@ -85,21 +96,30 @@ public:
         write(m_line);
     }
     void write(std::string_view text);
-    void record(const json_value &record);
+    /** A record: what each begins with (record.h), then @p fields, an object. */
+    void record(const json_value &fields);
+    void record(const json_value &fields, record_status status, const record_error *why = nullptr);
+    /** One about nothing but a failure, where records are written. */
+    void record_failure(const record_error &why);
     /** One that is text already. */
     void record_text(std::string_view record);
     /** A record written piece by piece goes between these. */
     void open_record();
     void close_record();
     void flush();
-    /** Closes the array and flushes. Call it last; there is nothing to write after a failure. */
+    /** Closes the array and flushes. Call it last. */
     void finish();
+
+    /** For main(): ends with a record about what ended the command, unless the records ended before that. */
+    static void finish_with(const record_error &why);
 
 private:
     output_format m_format;
-    bool m_empty = true; // no record yet
     std::string m_line;
 };
+
+/** In which format the answers are to be, once the command line has told; text until then. */
+void set_output_format(output_format format);
 
 /** A string of a record: null when it is not known. */
 inline json_value or_null(const char *text)
@@ -111,6 +131,12 @@ inline json_value or_null(const char *text)
 inline json_value or_null(uint64_t number)
 {
     return number == 0 ? json_value(nullptr) : json_value(number);
+}
+
+/** A number of 64 bits of a record: a string where some JSON readers would round it. */
+inline json_value number(uint64_t number)
+{
+    return number > uint64_t{1} << 53 ? json_value(fmt::format("{}", number)) : json_value(number);
 }
 
 /** A value as JSON text. */
