@@ -101,15 +101,15 @@ static std::pair<uint64_t, std::string> parse_assignment(const std::string &text
 static byte_string read_expression(const std::vector<std::string> &arguments)
 {
     byte_string bytes;
-    for (const std::string &argument : arguments) {
-        if (!argument.starts_with("@")) {
-            const byte_string part = parse_bytes(argument);
+    for (const std::string &text : arguments) {
+        if (!text.starts_with("@")) {
+            const byte_string part = parse_bytes(text);
             bytes.insert(bytes.end(), part.begin(), part.end());
             continue;
         }
-        std::ifstream in(argument.substr(1), std::ios::binary);
+        std::ifstream in(text.substr(1), std::ios::binary);
         if (!in)
-            throw failure(fmt::format("{}: {}", argument.substr(1), std::strerror(errno)),
+            throw failure(fmt::format("{}: {}", text.substr(1), std::strerror(errno)),
                           {.code = "KRV_ELF_ERR_SYSTEM"});
         bytes.insert(bytes.end(), std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
     }

@@ -1,0 +1,183 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "module_cache.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <fcntl.h>
+#include <gelf.h>
+#include <sys/stat.h>
+#include <unistd.h>
+#include <utility>
+
+namespace korva::program
+{
+
+static constexpr size_t MOST_KNOWN = 4096; // paths
+static constexpr size_t MOST_TOLD = 100;   // diagnostics
+static constexpr size_t MANY_ANSWERS = 4096;
+static constexpr uint64_t PAGE = 4096;
+
+opened_module::opened_module(const std::string &path, unsigned int flags, const std::vector<std::string> &debug_dirs)
+    : m_file(path, flags, debug_dirs), m_lines(&m_file), m_symbols(m_file, false)
+{
+    const krv_elf_info_t info = m_file.elf().info();
+    if (info.type == ET_CORE)
+        throw failure(fmt::format("{}: a core file is no module", path));
+    for (size_t i = 0; i < info.build_id_size; ++i)
+        m_build_id += fmt::format("{:02x}", info.build_id[i]);
+    m_is_moved = info.type != ET_EXEC;
+    read_segments();
+}
+
+void opened_module::read_segments()
+{
+    const int fd = ::open(path().c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
+    if (fd < 0)
+        return;
+    elf_version(EV_CURRENT);
+    Elf *const elf = elf_begin(fd, ELF_C_READ, nullptr);
+    size_t count = 0;
+    if (elf != nullptr && elf_getphdrnum(elf, &count) == 0)
+        for (size_t i = 0; i < count; ++i) {
+            GElf_Phdr header;
+            if (gelf_getphdr(elf, static_cast<int>(i), &header) == nullptr)
+                break;
+            if (header.p_type == PT_LOAD)
+                m_segments.push_back(
+                    {header.p_vaddr, header.p_memsz, header.p_offset, header.p_filesz, (header.p_flags & PF_X) != 0});
+            m_is_program = m_is_program || header.p_type == PT_INTERP;
+        }
+    elf_end(elf);
+    ::close(fd);
+}
+
+uint64_t opened_module::first_address() const
+{
+    uint64_t first = UINT64_MAX;
+    for (const segment &s : m_segments)
+        first = std::min(first, s.address / PAGE * PAGE);
+    return m_segments.empty() ? 0 : first;
+}
+
+// Whole pages are mapped. Of a file with debugging information alone nothing of a segment may be there but its place.
+std::optional<uint64_t> opened_module::address_of_offset(uint64_t file_offset) const
+{
+    for (const bool code : {true, false})
+        for (const segment &s : m_segments) {
+            const uint64_t within = file_offset - std::min(file_offset, s.offset);
+            if (s.is_code == code && file_offset >= s.offset / PAGE * PAGE && within < std::max(s.size, s.file_size))
+                return s.address - (s.offset - file_offset);
+        }
+    return {};
+}
+
+std::optional<uint64_t> opened_module::start_of_code(uint64_t size) const
+{
+    for (const segment &s : m_segments) {
+        const uint64_t before = s.address % PAGE, room = size - std::min(size, before);
+        if (s.is_code && s.size <= room && room - s.size < PAGE)
+            return s.address - before;
+    }
+    return {};
+}
+
+bool opened_module::has_code_at(uint64_t address) const
+{
+    return std::any_of(m_segments.begin(), m_segments.end(), [address](const segment &s) {
+        return s.is_code && address >= s.address && address - s.address < s.size;
+    });
+}
+
+std::vector<extent> opened_module::code() const
+{
+    std::vector<extent> all;
+    for (const segment &s : m_segments)
+        if (s.is_code)
+            all.push_back({s.address, s.size});
+    return all;
+}
+
+// The kernel counts a function's bytes up to the next symbol.
+std::optional<uint64_t> opened_module::address_of_symbol(std::string_view name, uint64_t size)
+{
+    std::optional<uint64_t> best;
+    uint64_t fewest = UINT64_MAX;
+    for (const input_address &found : m_symbols.read(fmt::format("{}+0", name))) {
+        const krv_elf_symbol_t *const symbol = m_file.elf().symbol(found.value);
+        const uint64_t more = size == 0                                  ? 0
+                              : symbol == nullptr || symbol->size > size ? UINT64_MAX
+                                                                         : size - symbol->size;
+        if (more < fewest) {
+            fewest = more;
+            best = found.value;
+        }
+    }
+    return best;
+}
+
+std::span<const krv_elf_frame_t> opened_module::frames(uint64_t address, size_t most)
+{
+    if (++m_asked % MANY_ANSWERS == 0)
+        m_file.elf().trim();
+    return m_lines.frames(address, KRV_ELF_FRAMES_F_DEMANGLE, most);
+}
+
+void module_cache::tell(const std::string &text)
+{
+    if (m_told <= MOST_TOLD)
+        diagnose(m_told < MOST_TOLD ? text : "further modules that cannot be read are not named");
+    ++m_told;
+}
+
+void module_cache::refuse(std::string_view path, std::string_view why)
+{
+    const auto at = m_entries.find(path);
+    if (at == m_entries.end() || !std::exchange(at->second.is_refused, true))
+        tell(fmt::format("{}: {}", path, why));
+}
+
+void module_cache::close_oldest()
+{
+    const auto oldest = std::min_element(m_entries.begin(), m_entries.end(), [](const auto &a, const auto &b) {
+        return (a.second.file == nullptr ? UINT64_MAX : a.second.used) <
+               (b.second.file == nullptr ? UINT64_MAX : b.second.used);
+    });
+    m_entries.erase(oldest);
+    --m_open;
+}
+
+opened_module *module_cache::open(std::string_view path, bool is_guess)
+{
+    const auto known = m_entries.find(path);
+    if (known != m_entries.end()) {
+        known->second.used = ++m_time;
+        return known->second.file.get();
+    }
+    if (m_entries.size() - m_open >= MOST_KNOWN)
+        std::erase_if(m_entries, [](const auto &each) { return each.second.file == nullptr; });
+    const std::string name(path);
+    entry made = {.used = ++m_time};
+    struct stat st = {};
+    const bool is_there = path.find('\0') == std::string_view::npos && stat(name.c_str(), &st) == 0;
+    try {
+        // Others are not even opened: that may wait, rewind a tape or worse.
+        if (!is_there && !is_guess)
+            throw failure(
+                fmt::format("{}: {}", name, std::strerror(path.find('\0') == std::string_view::npos ? errno : ENOENT)));
+        if (is_there && !S_ISREG(st.st_mode))
+            throw failure(fmt::format("{}: not a regular file", name));
+        if (is_there) {
+            if (m_open == m_most)
+                close_oldest();
+            made.file = std::make_unique<opened_module>(name, m_flags, m_debug_dirs);
+            ++m_open;
+        }
+    } catch (const failure &f) {
+        tell(f.what());
+        made.is_refused = true;
+    }
+    return m_entries.emplace(name, std::move(made)).first->second.file.get();
+}
+
+} // namespace korva::program

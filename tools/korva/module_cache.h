@@ -1,0 +1,102 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// The files that a log speaks of, opened when they are first needed, and a bounded number of them at a time.
+#pragma once
+
+#include "input.h"
+#include "locate.h"
+#include "log_maps.h"
+#include "object.h"
+
+#include <memory>
+#include <optional>
+#include <span>
+#include <string>
+#include <string_view>
+#include <unordered_map>
+#include <vector>
+
+namespace korva::program
+{
+
+/** An opened file, asked by what logs know. Addresses are the file's. */
+class opened_module
+{
+public:
+    /** Throws failure. */
+    opened_module(const std::string &path, unsigned int flags, const std::vector<std::string> &debug_dirs);
+
+    const std::string &path() const { return m_file.path(); }
+    /** Hexadecimal digits; empty when it has none. */
+    const std::string &build_id() const { return m_build_id; }
+    bool is_moved() const { return m_is_moved; }     /**< where it is loaded */
+    bool is_program() const { return m_is_program; } /**< it names its interpreter */
+    /** Where it begins. */
+    uint64_t first_address() const;
+    std::optional<uint64_t> address_of_offset(uint64_t file_offset) const;
+    /** Where the code begins that takes so many bytes when it is loaded. */
+    std::optional<uint64_t> start_of_code(uint64_t size) const;
+    bool has_code_at(uint64_t address) const;
+    std::vector<extent> code() const;
+    /** Where a function is; @p size chooses between several of one name, as the kernel counts it; 0: the first. */
+    std::optional<uint64_t> address_of_symbol(std::string_view name, uint64_t size);
+    /** locator::frames, with names as their languages write them. */
+    std::span<const krv_elf_frame_t> frames(uint64_t address, size_t most);
+    /** Why the last has no line. */
+    const record_error *refusal() const { return m_lines.refusal(); }
+
+private:
+    struct segment {
+        uint64_t address, size, offset, file_size;
+        bool is_code;
+    };
+
+    void read_segments();
+
+    object m_file;
+    locator m_lines;
+    address_reader m_symbols;
+    std::vector<segment> m_segments; // that are loaded
+    std::string m_build_id;
+    bool m_is_moved = true;
+    bool m_is_program = false;
+    size_t m_asked = 0;
+};
+
+class module_cache
+{
+public:
+    /** At most @p most files are open. Folders are those of separate debug files. */
+    module_cache(size_t most, unsigned int flags, const std::vector<std::string> &debug_dirs)
+        : m_most(most), m_flags(flags), m_debug_dirs(debug_dirs)
+    {
+    }
+
+    /**
+     * The file, valid until the next is opened; or NULL, told once and not tried again soon. Only a regular file is opened. With
+     * @p is_guess one that is not there is nothing to tell.
+     */
+    opened_module *open(std::string_view path, bool is_guess = false);
+    /** Tells of a file once what is wrong with it. */
+    void refuse(std::string_view path, std::string_view why);
+
+private:
+    struct entry {
+        std::unique_ptr<opened_module> file{}; // NULL: not to be had
+        uint64_t used = 0;
+        bool is_refused = false; // told
+    };
+
+    void close_oldest();
+    void tell(const std::string &text);
+
+    size_t m_most;
+    unsigned int m_flags;
+    const std::vector<std::string> &m_debug_dirs;
+    std::unordered_map<std::string, entry, text_hash, std::equal_to<>> m_entries;
+    size_t m_open = 0;
+    uint64_t m_time = 0;
+    size_t m_told = 0;
+};
+
+} // namespace korva::program
