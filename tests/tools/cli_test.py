@@ -8,6 +8,7 @@ import argparse
 import inspect
 import json
 import os
+import random
 import re
 import resource
 import shutil
@@ -17,7 +18,7 @@ import tempfile
 
 from support import SOURCES, answer_of, build, fail, need, run, write
 
-VERBS = ('addr', 'units', 'lines', 'funcs', 'entries', 'sections', 'stack', 'expr')
+VERBS = ('addr', 'filter', 'units', 'lines', 'funcs', 'entries', 'sections', 'stack', 'expr')
 
 
 def first_line_of(function):
@@ -387,6 +388,148 @@ def test_output(korva, program, folder):
         korva.expect(verb, status, out, stderr=writing)
         os.close(writing)
         korva.expect(['-c', 'exec "$0" "$@" 2>&-', korva.path, *verb], status, out, program='bash')
+
+
+# Lines of logs, and of which of two addresses what is added has to be: {o} is where a line of main begins, which is shown for an
+# address that is exact; of a return address the line before it is.
+LOG_LINES = (
+    ('    #1 0x55d0c1 in main ({path}+0x{o:x})', 'exact'),
+    ('    #0 <null> <null> (program+0x{o:x}) (BuildId: {build_id})', 'exact'),
+    ('SUMMARY: AddressSanitizer: SEGV ({path}+0x{o:x}) ', 'exact'),
+    (' #5 0x000055d0c1139123 main ({path}+0x{o:x})', 'return'),
+    ('{path}(+0x{o:x})[0x55d0c1]', 'return'),
+    ('{path}(main+0x{within:x}) [0x55d0c1]', 'return'),
+    ('{fixed}[0x{f:x}]', 'return'),
+    ('{fixed}() [0x{f:x}]', 'return'),
+    ('Nov 26 05:56:01 host systemd-coredump[7]: #0  0x000055d0c1139123 n/a (program + 0x{o:x})', 'exact'),
+    ('#1  0x000055d0c1139123 n/a (fixed + 0x{in_fixed:x})', 'return'),
+    ('C  [program+0x{o:x}]  main+0x4', 'return'),
+    ('# C  [program+0x{o:x}]  main+0x4', 'exact'),
+    ('C  [program+0x{o:x}]  main+0x4', 'exact'),  # where it failed
+    ('program[7]: segfault at 0 ip 000055d00000{o:04x} sp 00007ffd error 4 in program[{o:x},55d000001000+1000]', 'exact'),
+    ('traps: program[7] trap divide error ip:55d00000{o:04x} sp:7ffd error:0 in program[55d000001000+1000]', 'exact'),
+    ('\t            {o:x} main+0x{within:x} ({path})', 'exact'),
+    ('\t            {o:x} [unknown] ({path})', 'return'),
+    ('RIP: 0010:main+0x{within:x}/0x{size:x}', 'exact'),
+    ('[   1.5]  ? main+0x{within:x}/0x{size:x} [program]', 'return'),
+    ('==7==    by 0x{in_valgrind:X}: ??? (in {path})', 'exact'),
+    ('==7==    by 0x{in_valgrind:X}: main (main.c:12)', None),
+    ('0x{in_memory:x}', None),  # nobody has said what is there
+    ('Nov 26 host prog[7]: 55d000001000-55d000002000 r-xp 00001000 08:01 9     {path}', None),
+    ('pc=0x{in_memory:x} sp=0x7ffd', 'exact'),
+    ('#0  0x000055d00000{o:04x} in ?? ()', 'exact'),
+    ('#1  0x000055d00000{o:04x} in f (x=0x000055d00000{o:04x})', 'return'),
+    ('#2  <signal handler called>', None),
+    ('#3  0x000055d00000{o:04x} in ?? ()', 'exact'),
+    ('#4  0x000055d00000{o:04x} in main () at main.c:12', None),
+    ('    #5 0x{in_memory:x} in main /x/main.c:12:5', None),
+    ('   6:     0x{in_memory:x} - <unknown>', 'return'),
+    ('    @     0x{in_memory:x} (unknown)', 'return'),
+    ('\t/x/main.go:5 +0x1d fp=0x1 sp=0x2 pc=0x{in_memory:x}', None),
+    ('\x00\udcff (/nowhere+0x10) 0x', None))
+
+
+def test_filter(korva, program, folder):
+    """What each format means, its text as its producers write it."""
+    fixed, vmlinux = os.path.join(folder, 'fixed'), shutil.copy(program, os.path.join(folder, 'vmlinux'))
+    build('gcc', ['-gdwarf-4', '-O0', '-no-pie'], ['main.c', 'table.c'], fixed)
+    start, size = (int(n, 16) for n in re.search(r'^0*(\w+) 0*(\w+) . main$', answer_of('nm', '-S', program), re.M).groups())
+    rows = [json.loads(line) for line in korva.run('lines', '--format=jsonl', program).out.splitlines()]
+    behind, line = next((int(row['address'], 16), row['line']) for row in rows
+                        if start < int(row['address'], 16) < start + size and row['line'] != MAIN)
+    offset = symbol(fixed, 'main') + behind - start
+    given = {'path': program, 'fixed': fixed, 'o': behind, 'within': behind - start, 'size': size, 'f': offset,
+             'in_fixed': offset - 0x400000, 'in_valgrind': behind + 0x108000, 'in_memory': behind + 0x55d000000000,
+             'build_id': re.search(r'Build ID: (\w+)', answer_of('readelf', '-n', program)).group(1)}
+    shown = {'exact': f'  [main at main.c:{line}]', 'return': f'  [main at main.c:{MAIN}]', None: ''}
+    lines = [text.format(**given) for text, _ in LOG_LINES]
+    expected = [text + shown[how] for text, (_, how) in zip(lines, LOG_LINES)]
+    files = [word for path in (vmlinux, program, fixed) for word in ('-e', path)]
+    text, told = '\r\n'.join(lines), 'korva: /nowhere: No such file or directory\n'
+    result = korva.run('filter', '-s', *files, text=text)
+    for ours, theirs in zip(result.out.split('\r\n'), expected):
+        if ours != theirs:
+            fail(f'filter: {ours!r}, expected {theirs!r}')
+    if result.status != 1 or result.err != told:
+        fail(f'filter: status {result.status}, {result.err}')
+    replaced = korva.expect(['filter', '-qs', '--add=replace', '--return-addresses=no'], 0, text=f'at {program}+0x{behind:x}, x')
+    if replaced != f'at [main at main.c:{line}], x':
+        fail(f'filter --add=replace: {replaced}')
+    records = [json.loads(record) for record in korva.run('filter', '--format=jsonl', *files, text=text).out.splitlines()]
+    counted = [(number, how) for number, (_, how) in enumerate(LOG_LINES, 1) if how]
+    if [(r['input_line'], 'return' if r['return_address'] else 'exact') for r in records] != [*counted, (len(lines), 'exact')]:
+        fail(f'filter --format=jsonl: {records}')
+    for record in records:
+        at = record['input_column'] - 1
+        if lines[record['input_line'] - 1][at:at + len(record['text'])] != record['text']:
+            fail(f'filter --format=jsonl: {record}')
+    # Modules that the user tells, by their build-ids; no file that the log names.
+    by_id = os.path.join(folder, '.build-id', given['build_id'][:2])
+    os.makedirs(by_id)
+    shutil.copy(program, os.path.join(by_id, given['build_id'][2:] + '.debug'))
+    modules = write(folder, 'modules', json.dumps({'build_id': given['build_id'], 'start': '0x55d000000000', 'size': 0x9000}))
+    for where in ('pc=0x{in_memory:x}', '(/nowhere/program+0x{o:x}) (BuildId: {build_id})'):
+        asked = where.format(**given)
+        korva.expect(['filter', '-s', '--no-open-paths', '--modules', modules, '--debug-dir', folder], 0,
+                     re.escape(asked + shown['exact']), text=asked)
+    korva.expect(['filter', '-q', '--no-open-paths'], 2, re.escape(lines[0]), text=lines[0])
+    korva.expect(['filter', '--modules', write(folder, 'no', '{"start":1}')], 2, '', 'korva: .*/no: line 1 has no "path" and .*')
+
+
+def test_filter_reports(korva, folder):
+    """What real producers write of a program that faults."""
+    with open(os.path.join(SOURCES, 'crash.c'), encoding='ascii') as file:
+        lines = {mark: number for number, line in enumerate(file, 1) for mark in re.findall(r'/\* (.*) \*/$', line)}
+    frame = f'inlined by middle at crash.c:{lines["inlined call"]}]\n'
+    behind = rf'{re.escape(frame)}.*\[main at crash.c:{lines["call"]}\]'
+
+    def filter_report(first, text, *flags):
+        out = korva.run('filter', '-qs', *flags, text=text).out
+        if not re.search(rf'\[fail at crash.c:{first}, {behind}', out):
+            fail(f'filter: {out}')
+
+    for flags in ([], ['-no-pie'], ['-rdynamic'], ['-fsanitize=address']):
+        crash, whole = os.path.join(folder, 'crash'), os.path.join(folder, 'whole')
+        build('gcc', ['-gdwarf-4', '-O1', *flags], ['crash.c'], crash)
+        if '-fsanitize=address' in flags:
+            filter_report(lines['fault'], run(crash, 'f--', env={'ASAN_OPTIONS': 'symbolize=0'}).err)
+            continue
+        filter_report(r'\d+', run(crash, 'm--').out)
+        shutil.copy(crash, whole)
+        answer_of('strip', crash)
+        for command in (['valgrind', crash, 'f--'],
+                        ['gdb', '-batch', '-ex', 'run', '-ex', 'info proc mappings', '-ex', 'bt', '--args', crash, 'f--']):
+            need(command[0])
+            reported = run(*command)
+            filter_report(lines['fault'], (reported.out + reported.err).replace(crash, whole), '-e', whole)
+
+
+def test_filter_flow(korva, program, folder):
+    """What is not known passes byte for byte, at once, and cannot hold anything up."""
+    dice = random.Random(7)
+    tokens = ['0x', '+0x1', '[<', ' ip ', '-xp ', '\n', '\r\n', '\0', '\udcff', '(', ')', '[', ']', '/a', '#1 ', ' in ', 'y' * 70000]
+    for size in (0, 10, 1000, 200000):
+        text = ''.join(dice.choices(tokens, [*[1] * (len(tokens) - 1), 0.001], k=size))
+        for flags in ([], ['--add=address']):
+            if korva.run('filter', '-q', *flags, text=text).out != text:
+                fail(f'filter {flags}: {size} tokens do not pass')
+    with korva.talk('filter', '-s') as talk:
+        for sent, received in (('Password: ', 'Password: '), ('x\n', 'x\n'), (f'({program}+', f'({program}+'),
+                               (f'{symbol(program, "main"):#x})\n', f'{symbol(program, "main"):#x})  [main at main.c:{MAIN}]\n')):
+            talk.stdin.write(sent)
+            talk.stdin.flush()
+            if talk.stdout.read(len(received)) != received:
+                fail(f'filter: {sent!r} does not pass at once')
+        talk.stdin.close()
+    os.mkfifo(os.path.join(folder, 'fifo'))
+    os.symlink('loop', os.path.join(folder, 'loop'))
+    names = ['/dev/zero', '/proc/self/mem', *(os.path.join(folder, name) for name in ('', 'fifo', 'loop'))]
+    text = ''.join(f'({name}+0x10)\n' for name in [*names, *(f'/nowhere/{number}' for number in range(200000))])
+    result = korva.run('filter', text=text, preexec_fn=limit_time)
+    if result.status != 2 or result.out != text or result.err.count('\n') != 101 or not all(f'korva: {name}: ' in result.err for name in names):
+        fail(f'filter: of names: status {result.status}, {result.err}')
+    both = ''.join(f'({path}+0x{symbol(program, "main"):x})\n' for path in (program, shutil.copy(program, os.path.join(folder, 'other')))) * 2
+    korva.expect(['filter', '-s', '--cache', '1'], 0, rf'(\(.*\)  \[main at main.c:{MAIN}\]\n){{4}}', text=both)
 
 
 def test_sections(korva, program, folder):

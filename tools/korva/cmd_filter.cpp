@@ -394,8 +394,8 @@ void add_filter(CLI::App &app, int *status)
         "kernel: module+offset, and addresses whose module a maps block in the log or an option tells.\n"
         "A log can make this open any file that its reader may read: see --no-open-paths.\n"
         "Examples:\n"
-        "  ./server 2>&1 | korva filter\n"
         "  korva filter --debug-dir /srv/symbols crash.log\n"
+        "  ./server 2>&1 | korva filter\n"
         "  korva filter --maps maps.txt -e ./server.debug --format=jsonl < crash.log\n"
         "  dmesg -w | korva filter -e ./server");
     verb->callback([options, status] { *status = run_filter(*options); });

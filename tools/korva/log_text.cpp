@@ -87,6 +87,11 @@ static size_t line_begin(const char *data, size_t from, size_t at)
     return found == nullptr ? from : static_cast<size_t>(static_cast<const char *>(found) - data) + 1;
 }
 
+static std::string_view without_return(std::string_view line)
+{
+    return line.substr(0, line.size() - (line.ends_with('\r') ? 1 : 0));
+}
+
 std::string_view log_flow::line_before(size_t begin) const
 {
     if (begin == 0)
@@ -111,13 +116,11 @@ void log_flow::take_lines(size_t end)
         if (m_count_lines)
             m_line += static_cast<uint64_t>(std::count(data + counted, data + begin, '\n'));
         counted = begin;
-        std::string_view line = text.substr(begin, stop - begin);
-        if (line.ends_with('\r'))
-            line.remove_suffix(1);
+        const std::string_view line = without_return(text.substr(begin, stop - begin));
         pass(m_at, begin);
         const size_t passed = std::max(m_passed, begin);
         m_passed = std::max(passed, begin + line.size());
-        m_to.line({line, line_before(begin), m_count_lines ? m_line : 0}, passed - begin);
+        m_to.line({line, without_return(line_before(begin)), m_count_lines ? m_line : 0}, passed - begin);
     }
     if (m_count_lines)
         m_line += static_cast<uint64_t>(std::count(data + counted, data + end, '\n'));
