@@ -109,8 +109,7 @@ static byte_string read_expression(const std::vector<std::string> &arguments)
         }
         std::ifstream in(text.substr(1), std::ios::binary);
         if (!in)
-            throw failure(fmt::format("{}: {}", text.substr(1), std::strerror(errno)),
-                          {.code = "KRV_ELF_ERR_SYSTEM"});
+            throw failure(fmt::format("{}: {}", text.substr(1), std::strerror(errno)), {.code = "KRV_ELF_ERR_SYSTEM"});
         bytes.insert(bytes.end(), std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
     }
     return bytes;
