@@ -193,7 +193,7 @@ void filter_run::make_text(std::span<const krv_elf_frame_t> frames, std::string_
     m_text += ']';
 }
 
-static json_value text_or_null(std::string_view text)
+static json_value known_or_null(std::string_view text)
 {
     return text.empty() ? json_value(nullptr) : json_value(text);
 }
@@ -203,22 +203,22 @@ void filter_run::record(const log_line &line, const log_address &a, const log_pl
 {
     json_value all = json_value::array();
     for (const krv_elf_frame_t &frame : frames)
-        all.push_back({{"function", text_or_null(frame.function)},
-                       {"linkage_name", text_or_null(frame.linkage_name)},
+        all.push_back({{"function", known_or_null(frame.function)},
+                       {"linkage_name", known_or_null(frame.linkage_name)},
                        {"from", frame.origin == KRV_ELF_FRAME_ENTRIES   ? json_value("entries")
                                 : frame.origin == KRV_ELF_FRAME_SYMBOLS ? json_value("symbols")
                                                                         : json_value(nullptr)},
                        {"inlined", frame.is_inlined != 0},
-                       {"file", text_or_null(path_of(frame))},
+                       {"file", known_or_null(path_of(frame))},
                        {"line", or_null(frame.line)},
                        {"column", or_null(frame.column)}});
     const json_value fields = {
-        {"input", text_or_null(m_input)},
+        {"input", known_or_null(m_input)},
         {"input_line", number(line.number)},
         {"input_column", a.text.data() - line.text.data() + 1},
         {"text", a.text},
-        {"module", at.module == nullptr ? text_or_null(a.module) : json_value(at.module->path())},
-        {"build_id", text_or_null(at.module == nullptr ? a.build_id : std::string_view(at.module->build_id()))},
+        {"module", at.module == nullptr ? known_or_null(a.module) : json_value(at.module->path())},
+        {"build_id", known_or_null(at.module == nullptr ? a.build_id : std::string_view(at.module->build_id()))},
         {"address", at.module == nullptr ? json_value(nullptr) : hex(at.address)},
         {"return_address", is_return},
         {"frames", all}};
@@ -348,6 +348,18 @@ static int run_filter(filter_options &options)
     return run.finish();
 }
 
+template <typename T>
+static void add_choice(CLI::App *verb, const char *name, T *value, const char *text,
+                       const std::map<std::string, T> &choices)
+{
+    std::vector<std::string> names;
+    for (const auto &[choice, meaning] : choices)
+        names.push_back(choice);
+    verb->add_option_function<std::string>(
+            name, [=](const std::string &choice) { *value = choices.at(choice); }, text)
+        ->check(CLI::IsMember(names));
+}
+
 void add_filter(CLI::App &app, int *status)
 {
     auto options = std::make_shared<filter_options>();
@@ -373,16 +385,12 @@ void add_filter(CLI::App &app, int *status)
     verb->add_option("--cache", options->places.most_open, "How many files are open at a time")
         ->default_str("64")
         ->check(CLI::Range(1, 4096));
-    verb->add_option("--return-addresses", options->return_addresses,
-                     "Which are return addresses, of which the call before is shown")
-        ->transform(CLI::CheckedTransformer(std::map<std::string, returns>{
-            {"auto", returns::as_format_says}, {"yes", returns::all}, {"no", returns::none}}))
-        ->default_str("auto");
-    verb->add_option("--add", options->add, "Where: behind the line, behind each address, or in its place")
-        ->transform(CLI::CheckedTransformer(std::map<std::string, addition>{{"line", addition::behind_line},
-                                                                            {"address", addition::behind_address},
-                                                                            {"replace", addition::in_its_place}}))
-        ->default_str("line");
+    add_choice(verb, "--return-addresses", &options->return_addresses,
+               "Which are return addresses: the call before is shown",
+               {{"auto", returns::as_format_says}, {"yes", returns::all}, {"no", returns::none}});
+    add_choice(
+        verb, "--add", &options->add, "Where: behind the line, behind each address, or in its place",
+        {{"line", addition::behind_line}, {"address", addition::behind_address}, {"replace", addition::in_its_place}});
     verb->add_flag("-n,--no-inlines", options->no_inlines, "Show the innermost function alone");
     verb->add_flag("-s,--basenames", options->basenames, "Show file names without folders");
     verb->add_flag("-q,--quiet", options->quiet, "Do not tell which modules cannot be read");
