@@ -28,7 +28,9 @@ std::string error_line(krv_handle_t *hp)
     static const char *const codes[] = {"NONE",     "IO",    "CORRUPT", "EXISTS",         "INVALID",    "EVAL",
                                         "NOTFOUND", "NOMEM", "NOSPACE", "9 (never used)", "UNSUPPORTED"};
     const auto code = static_cast<size_t>(korva_handle_get_errno(hp));
-    std::string line = code < std::size(codes) ? codes[code] : "unknown code " + std::to_string(code);
+    std::string line = code < std::size(codes)     ? codes[code]
+                       : code == KRV_ERR_EXT_LIMIT ? "LIMIT"
+                                                   : "unknown code " + std::to_string(code);
     unsigned int count = 0;
     char **messages = korva_handle_get_errmsgs(hp, &count);
     for (unsigned int i = 0; i < count; ++i)

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "krv_abbrev.h"
 
+#include "krv_budget.h"
 #include "krv_code.h"
 #include "krv_dwarf.h"
 #include "krv_error.h"
@@ -495,7 +496,9 @@ krv_au_t *krv_abbrev_unit_alloc(krv_handle_t *hp, uint64_t offset, krv_secidx_t 
         krv_note(hp, "can't seek to %lu in .debug_abbrev", t.shown_offset());
         return nullptr;
     }
-    while (t.fdp->sfd_remaining > 0) {
+    for (uint64_t asked = offset; t.fdp->sfd_remaining > 0; asked = t.fdp->sfd_offset) {
+        if (!krv_spend(hp, t.fdp->sfd_offset - asked))
+            return nullptr;
         outcome abbrev = hp->sh_ext == 0 ? scan_abbrevs<base_forms>(&t) : scan_abbrevs<extended_forms>(&t);
         if (abbrev == outcome::next && t.fdp->sfd_remaining > 0)
             abbrev = read_abbrev(&t);
@@ -506,7 +509,7 @@ krv_au_t *krv_abbrev_unit_alloc(krv_handle_t *hp, uint64_t offset, krv_secidx_t 
     }
     if (endp != nullptr)
         *endp = t.fdp->sfd_offset;
-    return make_unit(&t);
+    return krv_spend(hp, t.fdp->sfd_offset - offset) ? make_unit(&t) : nullptr;
 }
 
 void krv_abbrev_unit_free(krv_au_t *au)

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "krv_aranges.h"
 
+#include "krv_budget.h"
 #include "krv_code.h"
 #include "krv_dwarf.h"
 #include "krv_error.h"
@@ -108,7 +109,7 @@ int krv_iter_aranges_header(krv_handle_t *hp, krv_iter_arh_f *fn, void *arg)
     uint64_t offset = 0;
     while (offset < size) {
         const arh_owner arhp(krv_arh_alloc(hp, offset));
-        if (arhp == nullptr)
+        if (arhp == nullptr || !krv_spend(hp, arhp->sarh_unit_length))
             return -1;
         if (const int result = fn(hp, arhp.get(), arg))
             return result;

@@ -134,7 +134,7 @@ static bool add_ranges(krv_handle_t *hp, const krv_ctu_t *cu, const krv_code_pla
         if (!to->append(hp, {start, end, owner}))
             return false;
     hp->sh_calls_read = read + (allowed - left);
-    return true;
+    return hp->sh_errno != KRV_ERR_NOMEM;
 }
 
 // What could not be walked is not known, and told.
@@ -252,7 +252,7 @@ static krv_calls *collect_functions(krv_handle_t *hp, const krv_place_t &place, 
                 return krv_step::skip;
             return add_function(hp, place, entry, level, &found) ? krv_step::next : krv_step::stop;
         });
-    if (walked == 1)
+    if (walked == 1 || (walked == -1 && hp->sh_errno == KRV_ERR_NOMEM))
         return nullptr;
     if (walked == -1)
         tell_of_rest(hp, first.unit);
@@ -390,7 +390,7 @@ static inlined_calls *collect_inlined(krv_handle_t *hp, const krv_place_t &place
                 return krv_step::skip; // another function, which is asked for itself
             return add_inlined(hp, place, of.offset, entry, level, &found) ? krv_step::next : krv_step::stop;
         });
-    if (walked == 1)
+    if (walked == 1 || (walked == -1 && hp->sh_errno == KRV_ERR_NOMEM))
         return nullptr;
     if (walked == -1)
         tell_of_rest(hp, of.unit);

@@ -4,6 +4,7 @@
 // executed; only execute() knows what instructions do.
 #include "krv_cfa.h"
 
+#include "krv_budget.h"
 #include "krv_code.h"
 #include "krv_dwarf.h"
 #include "krv_error.h"
@@ -328,6 +329,8 @@ int krv_generate_ruleset(krv_handle_t *hp, krv_fd_t *fdp, krv_ruleset_t *rules)
     KRV_ASSERT(rules->augp != NULL);
 
     rules->changed = {};
+    if (!krv_spend(hp, fdp->sfd_remaining))
+        return -1;
     cfi_run run = {.hp = hp, .fdp = fdp, .rules = rules, .location = rules->slocation, .log = {}};
     const uint64_t start = fdp->sfd_offset;
     if (run_instructions(&run) != row::bad)

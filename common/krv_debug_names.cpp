@@ -2,6 +2,7 @@
 //
 // .debug_names (DWARF 5, 6.1.1): indexes behind one another, each with a hash table, its names in the order of the buckets,
 // and a pool of entries that an abbreviation table describes. Names count from 1.
+#include "krv_budget.h"
 #include "krv_dwarf.h"
 #include "krv_error.h"
 #include "krv_name_source.h"
@@ -119,7 +120,7 @@ static int visit_units(krv_handle_t *hp, const krv_view_t &section, krv_source_u
         for (uint64_t i = 0; i < index.unit_count + index.local_count && result == 0; ++i) {
             krv_source_unit_t unit = {.offset = 0, .size = 0, .is_complete = index.is_complete};
             index.unit_at(i, &unit.offset); // the list lies within
-            result = fn(&unit, arg);
+            result = krv_spend(hp, 1) ? fn(&unit, arg) : -1;
         }
         return result;
     });
@@ -225,6 +226,8 @@ static int visit_entries(const name_index &index, question *q, uint64_t offset)
         if (at == nullptr || read > q->budget)
             return refuse(q->hp, index.offset, "has entries that cannot be read");
         q->budget -= read;
+        if (!krv_spend(q->hp, read))
+            return -1;
         if (found.has_type_unit || !is_wanted(tag, q->kinds))
             continue;
         krv_source_hit_t hit = {};
@@ -279,6 +282,8 @@ static int visit_bucket(const name_index &index, question *q, uint32_t hash)
         return refuse(q->hp, index.offset, "has names in no order");
     int result = 0;
     for (; first <= index.name_count && result == 0; ++first) {
+        if (!krv_spend(q->hp, 1))
+            return -1;
         if (!index.hash_at(first, &other) || other % index.bucket_count != wanted)
             break;
         result = other == hash ? visit_name(index, q, first) : 0;
@@ -305,7 +310,7 @@ static int find(krv_handle_t *hp, const krv_view_t &section, const char *name, u
             return visit_bucket(index, &q, hash);
         int result = 0;
         for (uint64_t i = 1; i <= index.name_count && result == 0; ++i)
-            result = visit_name(index, &q, i);
+            result = krv_spend(hp, 1) ? visit_name(index, &q, i) : -1;
         return result;
     });
 }

@@ -2,6 +2,7 @@
 //
 // Entries: reading one into a record, finding attributes, walking the tree. Reading moves the
 // section's own cursor.
+#include "krv_budget.h"
 #include "krv_code.h"
 #include "krv_dwarf.h"
 #include "krv_error.h"
@@ -9,6 +10,8 @@
 #include "krv_info.h"
 #include "krv_mem.h"
 #include "krv_names.h"
+
+#include <utility>
 
 using die_owner = std::unique_ptr<krv_die_t, krv_die_deleter>;
 
@@ -319,7 +322,7 @@ static bool take_attributes(krv_handle_t *hp, const krv_abbrev_t *abbrev, uint64
 
 // `left`: attributes that the walk may still read.
 [[gnu::always_inline]] static inline krv_die_t *alloc_die(krv_handle_t *hp, krv_ctu_t *cu, krv_offset_t offset,
-                                                          krv_single_abbrev_t *single, uint64_t *left)
+                                                          krv_single_abbrev_t *single, krv_die_walk *walk)
 {
     krv_clear_error(hp);
     krv_fd_t *fdp = &hp->sh_sec[cu->dcu_section];
@@ -329,6 +332,7 @@ static bool take_attributes(krv_handle_t *hp, const krv_abbrev_t *abbrev, uint64
     if (krv_fd_seek(fdp, section_offset) == 0 &&
         krv_read_field(fdp, DW_FORM_udata, &code, "failed to read DIE's abbreviation code")) {
         if (code == 0) {
+            walk->is_at_null = true;
             hp->sh_errno = KRV_ERR_NOTFOUND;
             return nullptr;
         }
@@ -341,7 +345,7 @@ static bool take_attributes(krv_handle_t *hp, const krv_abbrev_t *abbrev, uint64
                 return nullptr;
             abbrev = find_abbrev(hp, au, code);
         }
-        if (abbrev != nullptr && take_attributes(hp, abbrev, section_offset, left))
+        if (abbrev != nullptr && take_attributes(hp, abbrev, section_offset, &walk->left))
             die = read_die(hp, fdp, cu, abbrev);
     }
     if (die == nullptr) {
@@ -358,9 +362,9 @@ static bool take_attributes(krv_handle_t *hp, const krv_abbrev_t *abbrev, uint64
     return die;
 }
 
-krv_die_t *krv_alloc_next_die(krv_handle_t *hp, krv_ctu_t *cu, krv_offset_t offset, uint64_t *left)
+krv_die_t *krv_alloc_next_die(krv_handle_t *hp, krv_ctu_t *cu, krv_offset_t offset, krv_die_walk *walk)
 {
-    return alloc_die(hp, cu, offset, nullptr, left);
+    return alloc_die(hp, cu, offset, nullptr, walk);
 }
 
 krv_die_t *krv_alloc_die_by_cu_offset(krv_handle_t *hp, krv_ctu_t *cu, krv_offset_t offset)
@@ -371,14 +375,14 @@ krv_die_t *krv_alloc_die_by_cu_offset(krv_handle_t *hp, krv_ctu_t *cu, krv_offse
         hp->sh_errno = KRV_ERR_INVALID;
         return nullptr;
     }
-    uint64_t left = UINT64_MAX;
-    return krv_alloc_next_die(hp, cu, offset, &left);
+    krv_die_walk walk = {UINT64_MAX, false};
+    return krv_alloc_next_die(hp, cu, offset, &walk);
 }
 
 krv_die_t *krv_alloc_first_die(krv_handle_t *hp, krv_ctu_t *cu, krv_single_abbrev_t *single)
 {
-    uint64_t left = UINT64_MAX; // krv_units counts them
-    return alloc_die(hp, cu, cu->dcu_header_size, single, &left);
+    krv_die_walk walk = {UINT64_MAX, false}; // krv_units counts the attributes
+    return alloc_die(hp, cu, cu->dcu_header_size, single, &walk);
 }
 
 krv_die_t *krv_alloc_no_die(krv_handle_t *hp, krv_ctu_t *cu)
@@ -459,6 +463,7 @@ const char *krv_find_die_string(krv_handle_t *hp, krv_die_t *die, krv_attribute_
         return nullptr;
     if ((static_cast<uint32_t>(mask) & KRV_CLASS_STRING) == 0 || size == 0) {
         hp->sh_errno = KRV_ERR_INVALID;
+        *lengthp = KRV_NO_STRING;
         return nullptr;
     }
     const auto *text = static_cast<const char *>(value->sa_u.su_addr);
@@ -519,27 +524,30 @@ krv_die_t *krv_alloc_die_by_attribute(krv_handle_t *hp, krv_die_t *die, krv_attr
     return krv_alloc_die_by_cu_offset(hp, die->dwdie_parent_cu, offset);
 }
 
-static krv_die_t *first_child(krv_handle_t *hp, krv_die_t *die, uint64_t *left)
+static krv_die_t *first_child(krv_handle_t *hp, krv_die_t *die, krv_die_walk *walk)
 {
     if (!has_children(die)) {
+        walk->is_at_null = true;
         hp->sh_errno = KRV_ERR_NOTFOUND;
         return nullptr;
     }
-    return krv_alloc_next_die(hp, die->dwdie_parent_cu, offset_behind(die), left);
+    return krv_alloc_next_die(hp, die->dwdie_parent_cu, offset_behind(die), walk);
 }
 
 krv_die_t *krv_alloc_die_child(krv_handle_t *hp, krv_die_t *die)
 {
     KRV_ASSERT(hp != NULL);
     KRV_ASSERT(die != NULL);
-    uint64_t left = krv_cu_most_attributes(die->dwdie_parent_cu);
-    return first_child(hp, die, &left);
+    krv_die_walk walk = {krv_cu_most_attributes(die->dwdie_parent_cu), false};
+    return first_child(hp, die, &walk);
 }
 
-// Where an entry's DW_AT_sibling leads. -1 with KRV_ERR_NOTFOUND when it has none. One that does not lead forward
+// Where an entry's DW_AT_sibling leads. 0, 1 when it has none (KRV_ERR_NOTFOUND), or -1. One that does not lead forward
 // within the unit would send a walk in circles or into other units.
 static int get_sibling_link(krv_handle_t *hp, krv_die_t *die, krv_offset_t *offsetp)
 {
+    if (krv_get_die_attr(hp, die, DW_AT_sibling, nullptr, nullptr, nullptr) != 0)
+        return 1;
     if (get_reference(hp, die, DW_AT_sibling, offsetp) != 0)
         return -1;
     if (*offsetp < offset_behind(die) || *offsetp >= die->dwdie_parent_cu->dcu_size)
@@ -552,7 +560,7 @@ static int get_sibling_link(krv_handle_t *hp, krv_die_t *die, krv_offset_t *offs
 // The offset behind the null entry that ends the children of an entry without DW_AT_sibling. Walks its subtree in
 // section order, counting levels instead of recursing, and skips subtrees by their sibling links; every step moves
 // forward. 0 or -1.
-static int skip_children(krv_handle_t *hp, krv_die_t *top, krv_offset_t *offsetp, uint64_t *left)
+static int skip_children(krv_handle_t *hp, krv_die_t *top, krv_offset_t *offsetp, krv_die_walk *walk)
 {
     krv_ctu_t *cu = top->dwdie_parent_cu;
     krv_offset_t parent = top->dwdie_cu_offset; // whose first child is due, when is_first
@@ -560,22 +568,26 @@ static int skip_children(krv_handle_t *hp, krv_die_t *top, krv_offset_t *offsetp
     bool is_first = true;
     uint64_t level = 1;
     while (level > 0) {
-        const die_owner die(krv_alloc_next_die(hp, cu, offset, left));
+        if (!krv_spend(hp, 1))
+            return -1;
+        const die_owner die(krv_alloc_next_die(hp, cu, offset, walk));
         if (die == nullptr) {
+            const bool is_at_null = std::exchange(walk->is_at_null, false);
             if (is_first)
                 return krv_fail(hp, KRV_ERR_CORRUPT, "Couldn't obtain child for %s DIE at %lld/%+lld", ".debug_info",
                                 static_cast<long long>(cu->dcu_offset), static_cast<long long>(parent));
-            if (hp->sh_errno != KRV_ERR_NOTFOUND)
+            if (!is_at_null)
                 return -1;
             --level;
             offset = hp->sh_sec[cu->dcu_section].sfd_offset - cu->dcu_offset; // behind the null entry
             continue;
         }
         is_first = false;
-        if (has_children(die.get()) && get_sibling_link(hp, die.get(), &offset) == 0)
+        const int link = has_children(die.get()) ? get_sibling_link(hp, die.get(), &offset) : 1;
+        if (link == 0)
             continue;
         if (has_children(die.get())) {
-            if (hp->sh_errno != KRV_ERR_NOTFOUND)
+            if (link == -1)
                 return -1;
             parent = die->dwdie_cu_offset;
             is_first = true;
@@ -587,21 +599,23 @@ static int skip_children(krv_handle_t *hp, krv_die_t *top, krv_offset_t *offsetp
     return 0;
 }
 
-static krv_die_t *next_sibling(krv_handle_t *hp, krv_die_t *die, uint64_t *left)
+static krv_die_t *next_sibling(krv_handle_t *hp, krv_die_t *die, krv_die_walk *walk)
 {
     krv_offset_t offset = offset_behind(die);
-    if (has_children(die) && get_sibling_link(hp, die, &offset) != 0 &&
-        (hp->sh_errno != KRV_ERR_NOTFOUND || skip_children(hp, die, &offset, left) != 0))
-        return nullptr;
-    return krv_alloc_next_die(hp, die->dwdie_parent_cu, offset, left);
+    if (has_children(die)) {
+        const int link = get_sibling_link(hp, die, &offset);
+        if (link == -1 || (link == 1 && skip_children(hp, die, &offset, walk) != 0))
+            return nullptr;
+    }
+    return krv_alloc_next_die(hp, die->dwdie_parent_cu, offset, walk);
 }
 
 krv_die_t *krv_alloc_die_sibling(krv_handle_t *hp, krv_die_t *die)
 {
     KRV_ASSERT(hp != NULL);
     KRV_ASSERT(die != NULL);
-    uint64_t left = krv_cu_most_attributes(die->dwdie_parent_cu);
-    return next_sibling(hp, die, &left);
+    krv_die_walk walk = {krv_cu_most_attributes(die->dwdie_parent_cu), false};
+    return next_sibling(hp, die, &walk);
 }
 
 int krv_iter_children_in_die(krv_handle_t *hp, krv_die_t *die, krv_iter_die_children_f *fn, void *arg)
@@ -609,20 +623,22 @@ int krv_iter_children_in_die(krv_handle_t *hp, krv_die_t *die, krv_iter_die_chil
     KRV_ASSERT(hp != NULL);
     KRV_ASSERT(die != NULL);
     KRV_ASSERT(fn != NULL);
-    uint64_t left = krv_cu_most_attributes(die->dwdie_parent_cu);
-    die_owner child(first_child(hp, die, &left));
+    krv_die_walk walk = {krv_cu_most_attributes(die->dwdie_parent_cu), false};
+    die_owner child(first_child(hp, die, &walk));
     if (child == nullptr) {
         krv_note(hp, "DIE has no children");
         return 0;
     }
     while (child != nullptr) {
+        if (!krv_spend(hp, child->dwdie_bufsize))
+            return -1;
         const int result = fn(hp, child.get(), arg);
-        die_owner sibling(next_sibling(hp, child.get(), &left));
+        die_owner sibling(next_sibling(hp, child.get(), &walk));
         if (result != 0)
             return result;
         child = std::move(sibling);
     }
-    return hp->sh_errno == KRV_ERR_NOTFOUND ? 0 : -1;
+    return walk.is_at_null ? 0 : -1;
 }
 
 // ---------------------------------------------------------------------------------------------------------------

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "krv_entry.h"
 
+#include "krv_budget.h"
 #include "krv_dwarf.h"
 #include "krv_error.h"
 #include "krv_ext.h"
@@ -170,7 +171,7 @@ static int move_to_sibling(krv_handle_t *hp, const krv_place_t &place, krv_entry
     } else {
         next.depth = 0; // so that the last sibling ends the walk, and not the parent's
         do {
-            if (krv_entry_next(hp, place, &next) != 0)
+            if (!krv_spend(hp, 1) || krv_entry_next(hp, place, &next) != 0)
                 return -1;
         } while (next.depth > 0);
         next.depth = depth;
@@ -260,6 +261,8 @@ int korva_entry_get_ancestors(krv_handle_t *hp, const krv_entry_t *entryp, krv_e
     if (krv_entry_load_at(hp, entryp->unit, entryp->unit->dcu_offset + entryp->unit->dcu_header_size, &at) != 0)
         return -1;
     while (at.offset < entryp->offset) {
+        if (!krv_spend(hp, 1))
+            return -1;
         if (at.depth < room)
             ancestors[at.depth] = at;
         uint64_t sibling = 0;

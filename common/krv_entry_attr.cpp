@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // Values of attributes, read as the plan of their abbreviation says.
+#include "krv_budget.h"
 #include "krv_entry.h"
 
 #include "krv_dwarf.h"
@@ -393,7 +394,8 @@ int korva_iter_entries(krv_handle_t *hp, krv_ctu_t *cup, krv_iter_entry_attrs_f 
     for (int moved = korva_entry_first(hp, cup, &entry); moved == 0;) {
         krv_place_t place;
         const size_t count = krv_entry_planned(&entry)->pair_count;
-        if (!krv_entry_place_of(hp, &entry, &place) || !read_attrs(hp, place, &entry, attrs, count))
+        if (!krv_spend(hp, 1 + count) || !krv_entry_place_of(hp, &entry, &place) ||
+            !read_attrs(hp, place, &entry, attrs, count))
             return -1;
         if (const int result = fn(hp, &entry, attrs, count, arg))
             return result;

@@ -4,6 +4,7 @@
 #ifndef KRV_ENTRY_WALK_H
 #define KRV_ENTRY_WALK_H
 
+#include "krv_budget.h"
 #include "krv_entry.h"
 #include "krv_error.h"
 
@@ -26,7 +27,14 @@ int krv_entry_walk(krv_handle_t *hp, const krv_place_t &place, const krv_entry_t
         return krv_entry_refuse(hp, &entry, "has values that are cut off or unknown");
     uint32_t skipped = UINT32_MAX; // entries deeper than this are
     uint64_t level = UINT32_MAX;
-    for (uint64_t depth = 1; depth != 0 && at != place.end;) {
+    const uint8_t *stop = at; // where the budget is asked again
+    for (uint64_t depth = 1; depth != 0;) {
+        if (at >= stop) {
+            if (at == place.end)
+                break;
+            if (!krv_spend_to(hp, at, place.end, &stop))
+                return -1;
+        }
         uint64_t code = 0;
         const uint8_t *const head = at;
         at = krv_skip_number(at, place.end, &code);

@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "krv_error.h"
+#include "krv_budget.h"
 
 #include <algorithm>
 #include <cstdarg>
@@ -82,7 +83,9 @@ int krv_note(krv_handle_t *hp, const char *format, ...)
 int korva_handle_get_errno(krv_handle_t *hp)
 {
     KRV_ASSERT(hp != NULL);
-    return hp->sh_errno;
+    const int code = hp->sh_errno;
+    const bool is_limit = code == KRV_ERR_NOMEM && hp->sh_budget != nullptr && hp->sh_budget->bg_is_used_up;
+    return is_limit ? int{KRV_ERR_EXT_LIMIT} : code;
 }
 
 char **korva_handle_get_errmsgs(krv_handle_t *hp, unsigned int *count)

@@ -3,6 +3,7 @@
 // The decoder, and the walk over an expression's operations.
 #include "krv_expr_decode.h"
 
+#include "krv_budget.h"
 #include "krv_code.h"
 #include "krv_dwarf.h"
 #include "krv_error.h"
@@ -102,6 +103,8 @@ int korva_expr_iter_instruction(krv_handle_t *hp, krv_fd_t *fdp, uint32_t flags,
     const uint32_t form_flags = (flags & KRV_EXPR_F_DWARF64) != 0 ? KRV_FORM_F_DWARF64 : 0;
     const krv_expr_rows_t *known = krv_expr_rows(hp);
     krv_expr_insn_t insn; // its block storage needs no initial value
+    if (!krv_spend(hp, fdp->sfd_remaining))
+        return -1;
     while (fdp->sfd_remaining > 0) {
         krv_operand_t operands[KRV_OP_OPERANDS] = {};
         if (read_instruction(hp, fdp, known, form_flags, &insn, operands) != 0)

@@ -5,6 +5,7 @@
 // and, in a location description, may produce a piece. Nothing is allocated; the cursor given is consumed.
 #include "krv_expr_eval.h"
 
+#include "krv_budget.h"
 #include "krv_dwarf.h"
 #include "krv_error.h"
 #include "krv_expr.h"
@@ -628,7 +629,7 @@ static int run(evaluator *ev)
             krv_fail(ev->hp, KRV_ERR_EVAL, "expression exceeds %u instructions", KRV_EXPR_MAX_STEPS);
         else if (*ev->budget == 0)
             krv_fail(ev->hp, KRV_ERR_EVAL, "expression has no instructions left");
-        else {
+        else if (krv_spend(ev->hp, 1)) {
             --*ev->budget;
             result = run_instruction(ev, &next);
         }

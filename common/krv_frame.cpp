@@ -3,6 +3,7 @@
 // The linear address table over all FDEs of a section, and the search for the FDE of an address.
 #include "krv_frame.h"
 
+#include "krv_budget.h"
 #include "krv_error.h"
 #include "krv_ext.h"
 #include "krv_mem.h"
@@ -99,7 +100,7 @@ static krv_linear_t *build_linear_table(krv_handle_t *hp, krv_reader_t *reader, 
     uint64_t offset = 0, size = 0;
     record_walk walk = {hp, reader, lt.get(), fdes_first};
     for (int32_t records = 0; records < MOST_RECORDS && walk_record(&walk, offset, &size) == 0; ++records) {
-        if (size == 0 || size > UINT64_MAX - offset)
+        if (size == 0 || size > UINT64_MAX - offset || !krv_spend(hp, size))
             break;
         offset += size;
     }

@@ -4,11 +4,14 @@
 // memory are stepped over without a record.
 #include "krv_functions.h"
 
+#include "krv_budget.h"
 #include "krv_dwarf.h"
 #include "krv_error.h"
 #include "krv_fd.h"
 #include "krv_mem.h"
 #include "krv_skip.h"
+
+#include <utility>
 
 using die_owner = std::unique_ptr<krv_die_t, krv_die_deleter>;
 
@@ -52,26 +55,28 @@ int krv_iter_functions(krv_handle_t *hp, krv_ctu_t *cu, krv_iter_functions_f *fn
     krv_au_t *au = krv_cu_abbrevs(hp, cu);
     if (au == nullptr)
         return -1;
-    uint64_t left = krv_cu_most_attributes(cu);
+    krv_die_walk walk = {krv_cu_most_attributes(cu), false};
     for (krv_offset_t offset = cu->dcu_header_size; offset < cu->dcu_size;) {
         krv_fd_t fd = *krv_section(hp, cu->dcu_section);
         if (krv_fd_seek(&fd, cu->dcu_offset + offset) != 0 || krv_fd_truncate(&fd, cu->dcu_size - offset) != 0)
             return -1;
         const krv_view_t view = krv_fd_view(&fd);
+        const uint8_t *end = view.bytes;
+        if (view.size != 0 && !krv_spend_to(hp, view.bytes, view.bytes + view.size, &end))
+            return -1;
         if (view.size != 0) {
-            const uint8_t *const end = view.bytes + view.size;
-            offset +=
-                static_cast<uint64_t>(skip_entries(view.bytes, end, au, krv_cu_encoding(hp, cu), &left) - view.bytes);
+            offset += static_cast<uint64_t>(skip_entries(view.bytes, end, au, krv_cu_encoding(hp, cu), &walk.left) -
+                                            view.bytes);
             if (offset == cu->dcu_size)
                 break;
         }
-        const die_owner die(krv_alloc_next_die(hp, cu, offset, &left));
+        const die_owner die(krv_alloc_next_die(hp, cu, offset, &walk));
         if (die != nullptr) {
             offset += die->dwdie_bufsize;
             if (is_function_with_code(die->dwdie_abbrev_cache))
                 if (const int result = fn(hp, die.get(), arg))
                     return result;
-        } else if (hp->sh_errno == KRV_ERR_NOTFOUND) {
+        } else if (std::exchange(walk.is_at_null, false)) {
             offset = hp->sh_sec[cu->dcu_section].sfd_offset - cu->dcu_offset; // behind the null entry
         } else {
             return -1;

@@ -3,6 +3,7 @@
 // .gdb_index, of the versions 7 to 9 that gdb documents ("Index Section Format"): a list of units and one of type units, a
 // hash table of names as programmers write them, "ns::f" or "ns::f(int)", and for each a vector of units. One who asks for
 // "f" does not know what stands before it, so that all names are looked at and none is hashed. It has no linkage names.
+#include "krv_budget.h"
 #include "krv_error.h"
 #include "krv_name_source.h"
 #include "krv_qualified.h"
@@ -61,6 +62,8 @@ static int visit_units(krv_handle_t *hp, const krv_view_t &section, krv_source_u
 {
     gdb_index index;
     int result = read_header(hp, section, &index);
+    if (result == 0 && !krv_spend(hp, index.unit_count))
+        return -1;
     for (uint64_t i = 0; i < index.unit_count && result == 0; ++i) {
         const krv_source_unit_t unit = unit_at(index, i);
         result = fn(&unit, arg);
@@ -104,6 +107,8 @@ static int find(krv_handle_t *hp, const krv_view_t &section, const char *name, u
     const krv_wanted_name wanted(name);
     uint64_t budget = index.view.size * MOST_PASSES;
     for (uint64_t i = 0; i < index.symbol_count && result == 0; ++i) {
+        if (!krv_spend(hp, 1))
+            return -1;
         uint64_t text, vector;
         krv_view_read(index.view, index.symbols + i * 8, 4, &text);
         krv_view_read(index.view, index.symbols + i * 8 + 4, 4, &vector);

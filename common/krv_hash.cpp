@@ -107,6 +107,12 @@ static bool reserve_elem(krv_handle_t *hp, krv_hash_t *table)
 // Caller holds the lock. NULL when the key is absent.
 static krv_hash_elem_t *find(const krv_hash_t *table, const krv_hash_key_t *key)
 {
+    if (table->dwhsh_cmp == krv_hash_cmp_uint64) { // as nearly all are: without a call for each entry
+        krv_hash_elem_t *e = table->dwhsh_buckets[krv_hash_hash_uint64(table, key)];
+        while (e != nullptr && e->dwhe_key.dwhk_u != key->dwhk_u)
+            e = e->dwhe_next;
+        return e;
+    }
     krv_hash_elem_t *e = table->dwhsh_buckets[table->dwhsh_hash(table, key)];
     while (e != nullptr && table->dwhsh_cmp(&e->dwhe_key, key) == 0)
         e = e->dwhe_next;

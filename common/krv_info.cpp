@@ -118,7 +118,7 @@ static bool find_name(krv_handle_t *hp, krv_die_t *die, krv_attribute_t attr, co
 {
     name->text = krv_find_die_string(hp, die, attr, KRV_STRING_BUFSZ, &name->length);
     if (name->text == nullptr)
-        return hp->sh_errno == KRV_ERR_NOTFOUND;
+        return name->length != KRV_NO_STRING;
     if (before != nullptr && name->has_copy() && std::strncmp(before, name->text, name->length) == 0 &&
         before[name->length] == '\0')
         name->shared = const_cast<char *>(before);

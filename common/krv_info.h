@@ -88,9 +88,16 @@ void krv_cu_free(krv_ctu_t *cu); // not its line-number header, which is read ab
 krv_die_t *krv_alloc_die_by_cu_offset(krv_handle_t *hp, krv_ctu_t *cu, krv_offset_t offset);
 void krv_free_die(krv_die_t *die); // NULL is ignored
 
-// The same of a walk. `left`: attributes that it may still read, at first krv_cu_most_attributes: those without bytes
-// (DW_FORM_flag_present) are few among the others.
-krv_die_t *krv_alloc_next_die(krv_handle_t *hp, krv_ctu_t *cu, krv_offset_t offset, uint64_t *left);
+struct krv_die_walk {
+    uint64_t left; // attributes that may still be read, at first krv_cu_most_attributes: those without bytes
+                   // (DW_FORM_flag_present) are few among the others
+    bool
+        is_at_null; // the last entry was a null one; whoever goes on behind it says so no longer. The handle's code would
+                    // do, but for other threads
+};
+
+// The same of a walk.
+krv_die_t *krv_alloc_next_die(krv_handle_t *hp, krv_ctu_t *cu, krv_offset_t offset, krv_die_walk *walk);
 uint64_t krv_cu_most_attributes(const krv_ctu_t *cu);
 
 // A new unit's first entry, likewise. Its abbreviation may be *single, which is to live as long as the entry.
@@ -109,8 +116,10 @@ int krv_get_die_attr(krv_handle_t *hp, krv_die_t *die, krv_attribute_t attr, krv
                      krv_value_t **valuep);
 int krv_get_die_tag(krv_handle_t *hp, krv_die_t *die, krv_tag_t *tagp);
 
+constexpr size_t KRV_NO_STRING = SIZE_MAX;
+
 // A string attribute and its length, cut to size - 1 characters; it is the entry's. NULL with KRV_ERR_NOTFOUND, or with
-// KRV_ERR_INVALID when it is no string. The second function copies it.
+// KRV_ERR_INVALID and the length KRV_NO_STRING when it is no string. The second function copies it.
 const char *krv_find_die_string(krv_handle_t *hp, krv_die_t *die, krv_attribute_t attr, size_t size, size_t *lengthp);
 int krv_get_die_string_attr(krv_handle_t *hp, krv_die_t *die, krv_attribute_t attr, char *buf, size_t size);
 

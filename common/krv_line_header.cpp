@@ -2,6 +2,7 @@
 //
 // The line-number program header: fixed fields, include directories, files (DWARF 4, 6.2.4; those of version 5 are read by
 // krv_line_header_v5.cpp). Reads through a copy of the handle's .debug_line cursor, which never moves.
+#include "krv_budget.h"
 #include "krv_code.h"
 #include "krv_dwarf.h"
 #include "krv_error.h"
@@ -146,6 +147,8 @@ bool krv_lnph_forgive_directory(krv_handle_t *hp, uint64_t *diridx)
 // A table ends at its empty string, or where the unit's bytes run out between two entries.
 static bool read_directories(krv_handle_t *hp, krv_lnph_t *lnphp, krv_fd_t *fdp)
 {
+    if (!krv_spend(hp, fdp->sfd_remaining)) // files are of these bytes, too
+        return false;
     while (fdp->sfd_remaining > 0) {
         char directory[KRV_STRING_BUFSZ];
         if (!read_string(fdp, directory, "failed to read include_directories entry"))

@@ -2,6 +2,7 @@
 //
 // What headers of version 5 have in other ways (DWARF 5, 6.2.4): two more fields, and tables that say themselves what an
 // entry consists of. A table's first entry has number 0: the compilation directory, the unit's own file.
+#include "krv_budget.h"
 #include "krv_code.h"
 #include "krv_dwarf.h"
 #include "krv_error.h"
@@ -229,6 +230,8 @@ bool table_reader::read_table(const table_texts &texts, Add add)
         return note(texts.count);
     entry e;
     for (; count != 0 && format.has_bytes; --count) {
+        if (!krv_spend(hp, format.count))
+            return false;
         if (!read_entry(format, &e))
             return note(texts.entry);
         if (!add(e))

@@ -4,6 +4,7 @@
 // switches below, for two executors: `careful` takes any program, says what is wrong with it and shows every opcode to
 // the client; `swift` takes most of a sound one. For input as it is written each has a variant that goes by the lengths of
 // opcodes. A template argument M is the one of them that is at work.
+#include "krv_budget.h"
 #include "krv_code.h"
 #include "krv_dwarf.h"
 #include "krv_error.h"
@@ -454,13 +455,17 @@ inline bool execute_extended(swift_as_written &m)
 
 } // namespace
 
+constexpr uint64_t STRETCH = 1 << 14; // bytes that are executed between two looks at the budget
+
 // Executes opcodes from where the careful executor stands, as long as they are the swift one's, S. What it stops at is the
 // careful one's. A function of its own: within the other's loop it would have fewer processor registers.
 template <typename S>
 [[gnu::noinline]] static void execute_swiftly(careful *m)
 {
     krv_line_draft *draft = m->draft;
-    const krv_view_t view = krv_fd_view(&m->fd);
+    krv_view_t view = krv_fd_view(&m->fd);
+    if (m->hp->sh_budget != nullptr) // which is asked between two stretches
+        view.size = std::min(view.size, STRETCH);
     if (m->lnphp->sln_mopi != 1 || m->scale.line_range == 0 || (draft->flags & KRV_LNP_FLAG_IN_SEQUENCE) == 0 ||
         view.size <= swift::MOST_BYTES || draft->rows.is_long || !krv_short_rows_t::fits(m->regs, draft->rows.base))
         return;
@@ -502,12 +507,27 @@ static int opcode_failed(careful *m)
                     static_cast<long long>(m->lnphp->sln_offset));
 }
 
+// What was executed since `asked` and the rows that came of it.
+static bool spend(careful *m, uint64_t *asked, uint32_t *rows)
+{
+    if (m->hp->sh_budget == nullptr)
+        return true;
+    const uint64_t steps = m->fd.sfd_offset - *asked, made = m->draft->entries - *rows;
+    *asked = m->fd.sfd_offset;
+    *rows = m->draft->entries;
+    return krv_budget_take_steps(m->hp, steps) && krv_budget_take_rows(m->hp, made);
+}
+
 template <typename M, typename S>
 static int execute(krv_handle_t *hp, krv_lnph_t *lnphp, krv_line_draft *draft, const krv_fd_t &program,
                    krv_iter_lne_f *func, void *arg)
 {
     M m(hp, lnphp, draft, program);
+    uint64_t asked = m.fd.sfd_offset;
+    uint32_t rows = 0;
     while (m.fd.sfd_remaining > 0) {
+        if (!spend(&m, &asked, &rows))
+            return -1;
         if (func == nullptr)
             execute_swiftly<S>(&m); // which leaves a byte at least
         const uint64_t offset = m.fd.sfd_offset;
@@ -526,7 +546,7 @@ static int execute(krv_handle_t *hp, krv_lnph_t *lnphp, krv_line_draft *draft, c
             return result;
         }
     }
-    return m.finish(func != nullptr);
+    return spend(&m, &asked, &rows) ? m.finish(func != nullptr) : -1;
 }
 
 namespace

@@ -4,6 +4,7 @@
 // are those of range lists, each with an expression behind it. Location views stand before a list, or in items of their own.
 #include "krv_loclist.h"
 
+#include "krv_budget.h"
 #include "krv_code.h"
 #include "krv_dwarf.h"
 #include "krv_error.h"
@@ -56,7 +57,10 @@ int krv_find_location(krv_handle_t *hp, const krv_ctu_t *cu, uint64_t offset, ui
         return -1;
     krv_fd_t fallback = {};
     krv_range_item item = krv_range_item::none;
-    while (item != krv_range_item::end) { // each turn consumes a byte at least
+    for (uint64_t asked = list.sr_fd.sfd_offset; item != krv_range_item::end;) { // each turn consumes a byte at least
+        if (!krv_spend(hp, list.sr_fd.sfd_offset - asked))
+            return -1;
+        asked = list.sr_fd.sfd_offset;
         uint64_t start = 0, end = 0;
         bool is_default = false;
         krv_fd_t here = {};

@@ -90,33 +90,26 @@ static bool replace_ranges(krv_handle_t *hp, krv_ctu_t *cu, krv_lcpc_t *list)
     return true;
 }
 
-namespace
-{
-
-enum class bounds { none, found, failed };
-
-} // namespace
-
-// The entry's DW_AT_low_pc and DW_AT_high_pc, the latter with its class; `none` unless it has both.
-static bounds get_bounds(krv_handle_t *hp, krv_die_t *die, uint64_t *lowp, uint64_t *highp, uint32_t *high_classp)
+// The entry's DW_AT_low_pc and DW_AT_high_pc, the latter with its class. False unless it has both.
+static bool get_bounds(krv_handle_t *hp, krv_die_t *die, uint64_t *lowp, uint64_t *highp, uint32_t *high_classp)
 {
     krv_value_t *low, *high;
     int mask;
     if (krv_get_die_attr(hp, die, DW_AT_low_pc, nullptr, nullptr, &low) != 0 ||
         krv_get_die_attr(hp, die, DW_AT_high_pc, nullptr, &mask, &high) != 0)
-        return hp->sh_errno == KRV_ERR_NOTFOUND ? bounds::none : bounds::failed;
+        return false;
     *lowp = low->sa_u.su_unsigned;
     *highp = high->sa_u.su_unsigned;
     *high_classp = static_cast<uint32_t>(mask);
-    return bounds::found;
+    return true;
 }
 
 // The bounds of a unit entry: DW_AT_high_pc is an address, or else the length behind DW_AT_low_pc (DWARF 4, 2.17.2).
-static bounds get_unit_bounds(krv_handle_t *hp, krv_ctu_t *cu, uint64_t *lowp, uint64_t *highp)
+static bool get_unit_bounds(krv_handle_t *hp, krv_ctu_t *cu, uint64_t *lowp, uint64_t *highp)
 {
     uint32_t mask;
-    const bounds found = get_bounds(hp, cu->dcu_compile_unit, lowp, highp, &mask);
-    if (found == bounds::found && (mask & KRV_CLASS_ADDRESS) == 0)
+    const bool found = get_bounds(hp, cu->dcu_compile_unit, lowp, highp, &mask);
+    if (found && (mask & KRV_CLASS_ADDRESS) == 0)
         *highp += *lowp;
     return found;
 }
@@ -145,16 +138,11 @@ int krv_lookup_cu_populate_aranges(krv_handle_t *hp, krv_arh_t *arhp, void *)
 
     krv_lcpc_t list = {};
     uint64_t low, high;
-    switch (get_unit_bounds(hp, cu, &low, &high)) {
-    case bounds::failed:
-        return -1;
-    case bounds::found:
+    if (get_unit_bounds(hp, cu, &low, &high)) {
         if (krv_lookup_insert_arange_entry(hp, low, high, &list) == 0 && replace_ranges(hp, cu, &list))
             return 0;
         free_list(&list);
         return -1;
-    case bounds::none:
-        break;
     }
     const bool collected = krv_iter_aranges_entry(hp, arhp, krv_lookup_cu_arange_entry_cb, &list) == 0;
     const bool stored = collected && (list.slpc_aranges_entries == 0 || replace_ranges(hp, cu, &list));
@@ -191,14 +179,8 @@ int krv_lookup_scan_die(krv_handle_t *hp, krv_die_t *child, void *arg)
         return 0;
     uint64_t low, high;
     uint32_t mask;
-    switch (get_bounds(hp, child, &low, &high, &mask)) {
-    case bounds::none:
+    if (!get_bounds(hp, child, &low, &high, &mask))
         return 0;
-    case bounds::failed:
-        return -1;
-    case bounds::found:
-        break;
-    }
     if ((mask & KRV_CLASS_CONSTANT) != 0)
         high += low;
     else if ((mask & KRV_CLASS_ADDRESS) == 0)
@@ -228,22 +210,17 @@ static int find_ranges(krv_handle_t *hp, krv_ctu_t *cu, krv_lookup_flag_t flags)
     krv_lcpc_t list = {};
     uint64_t low, high;
     bool known = false;
-    const bounds found = get_unit_bounds(hp, cu, &low, &high);
-    switch (found) {
-    case bounds::failed:
-        return -1;
-    case bounds::found:
+    const bool found = get_unit_bounds(hp, cu, &low, &high);
+    if (found) {
         known = krv_lookup_insert_arange_entry(hp, low, high, &list) == 0;
-        break;
-    case bounds::none:
+    } else {
         hp->sh_errno = KRV_ERR_NONE; // messages about .debug_aranges stay
         if ((flags & KRV_LOOKUP_F_FAST) != 0)
             return 0;
         known = scan_children(hp, cu, &list);
-        break;
     }
     if (known && publish_ranges(hp, cu, &list)) {
-        if (found == bounds::none)
+        if (!found)
             __atomic_fetch_add(&hp->sh_scanned_units, 1, __ATOMIC_RELEASE);
         return 0;
     }

@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "krv_mem.h"
+#include "krv_budget.h"
 
 #include <cstdlib>
 
@@ -7,8 +8,15 @@
 // its calloc does not.
 constexpr size_t SMALL = 1024;
 
+static bool may_take(krv_handle_t *hp, size_t size)
+{
+    return hp->sh_budget == nullptr || krv_budget_take_bytes(hp, size);
+}
+
 void *krv_alloc(krv_handle_t *hp, size_t size)
 {
+    if (!may_take(hp, size))
+        return nullptr;
     void *p = std::malloc(size == 0 ? 1 : size);
     if (p == nullptr)
         hp->sh_errno = KRV_ERR_NOMEM;
@@ -21,6 +29,8 @@ void *krv_zalloc(krv_handle_t *hp, size_t size)
         void *p = krv_alloc(hp, size);
         return p == nullptr ? nullptr : std::memset(p, 0, size);
     }
+    if (!may_take(hp, size))
+        return nullptr;
     void *p = std::calloc(1, size);
     if (p == nullptr)
         hp->sh_errno = KRV_ERR_NOMEM;
@@ -30,6 +40,8 @@ void *krv_zalloc(krv_handle_t *hp, size_t size)
 void *krv_realloc(krv_handle_t *hp, void *p, size_t size)
 {
     if (p == nullptr && size == 0)
+        return nullptr;
+    if (!may_take(hp, size))
         return nullptr;
     void *moved = std::realloc(p, size == 0 ? 1 : size);
     if (moved == nullptr)

@@ -4,6 +4,7 @@
 // kept by a hash of theirs; what has the hash is read again, and compared.
 #include "krv_named.h"
 
+#include "krv_budget.h"
 #include "krv_dwarf.h"
 #include "krv_entry_seek.h"
 #include "krv_entry_walk.h"
@@ -207,6 +208,8 @@ static int visit_list(question *q, const name_list &list)
     krv_handle_t *hp = q->hp;
     const named *const last = list.names + list.count, *at = find_first(list, q->hash);
     for (uint64_t before = UINT64_MAX; at != last && (at->hash_and_kind & ~KIND) == q->hash; ++at) {
+        if (!krv_spend(hp, 1))
+            return -1;
         if ((at->hash_and_kind & q->flags & KIND) == 0 || at->entry == before)
             continue;
         krv_entry_t entry;

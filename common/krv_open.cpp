@@ -5,6 +5,7 @@
 
 #include "krv_abbrev.h"
 #include "krv_addr_index.h"
+#include "krv_budget.h"
 #include "krv_calls.h"
 #include "krv_compact.h"
 #include "krv_error.h"
@@ -175,6 +176,7 @@ void korva_handle_free(krv_handle_t *hp)
     krv_line_destroy_caches(hp);
     krv_abbrev_destroy_caches(hp);
     krv_ext_destroy(hp);
+    krv_free(hp->sh_budget);
     krv_rwlock_destroy(&hp->sh_error_lock);
     krv_rwlock_destroy(&hp->sh_rwlock);
     free_handle_memory(hp);
@@ -197,13 +199,15 @@ int korva_handle_set_opt(krv_handle_t *hp, krv_opt_idx_t opt, ...)
     if (hp == nullptr)
         return -1;
     krv_clear_error(hp);
-    const bool is_extension = krv_ext_is_option(opt) || krv_compact_is_option(opt);
+    const bool is_extension = krv_ext_is_option(opt) || krv_compact_is_option(opt) || krv_budget_is_option(opt);
     if (opt < 0 || (opt >= KRV_MAX_OPT && !is_extension))
         return krv_fail_code(hp, KRV_ERR_INVALID);
     va_list ap;
     va_start(ap, opt);
     const uint64_t value = va_arg(ap, uint64_t); // every option's type fills one 64-bit argument
     va_end(ap);
+    if (krv_budget_is_option(opt))
+        return krv_budget_set_opt(hp, opt, value);
     if (krv_compact_is_option(opt))
         return krv_compact_set_opt(hp, opt, value);
     if (is_extension)

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // The table of the rules of all code: every FDE of the section, as krv_get_fde_by_address finds it, row by row.
+#include "krv_budget.h"
 #include "krv_compact.h"
 #include "krv_dwarf.h"
 #include "krv_error.h"
@@ -279,6 +280,8 @@ static bool fill(filling *f, const krv_linear_t *lt)
     for (uint64_t i = 0; i < lt->sl_table_entries; ++i) {
         const bool is_last = i + 1 == lt->sl_table_entries;
         const uint64_t next = is_last ? entries[i].sle_start : entries[i + 1].sle_start;
+        if (!krv_spend(f->hp, 1))
+            return false;
         if (!is_last && next == entries[i].sle_start)
             continue; // of those that begin at one address the last one is found
         if (!add_function(f, &entries[i], next))

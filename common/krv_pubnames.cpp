@@ -2,6 +2,7 @@
 //
 // .debug_pubnames (DWARF 4, 6.1.1): sets of the names of what each unit defines for others; and .debug_gnu_pubnames, which
 // also has what it keeps to itself, and of each name a byte that says what it is. Neither has linkage names.
+#include "krv_budget.h"
 #include "krv_error.h"
 #include "krv_ext.h"
 #include "krv_name_source.h"
@@ -42,6 +43,8 @@ static int visit_sets(krv_handle_t *hp, const krv_view_t &section, const krv_nam
             at > ul.end)
             return refuse(hp, source, offset);
         set.names = at;
+        if (!krv_spend(hp, ul.end - offset))
+            return -1;
         if (const int result = visit(set))
             return result;
         offset = ul.end;

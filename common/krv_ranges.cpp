@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "krv_ranges.h"
 
+#include "krv_budget.h"
 #include "krv_code.h"
 #include "krv_dwarf.h"
 #include "krv_error.h"
@@ -258,6 +259,8 @@ static item next_item(krv_ranges_t *ranges, uint64_t *startp, uint64_t *endp)
                  section(), static_cast<unsigned long>(begin));
         return item::failed;
     }
+    if (!krv_spend(ranges->sr_hp, ranges->sr_fd.sfd_offset - begin))
+        return item::failed;
     if (ranges->sr_left == nullptr)
         return result;
     const uint64_t read = ranges->sr_fd.sfd_offset - begin;

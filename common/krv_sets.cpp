@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "krv_sets.h"
 
+#include "krv_budget.h"
 #include "krv_build.h"
 #include "krv_code.h"
 #include "krv_dwarf.h"
@@ -117,6 +118,8 @@ static bool read_set(sets_reader *r, krv_fd_t *fdp, uint64_t offset, const krv_u
 
 static bool read_sets(sets_reader *r)
 {
+    if (!krv_spend(r->hp, r->hp->sh_sec[KRV_SEC_ARANGES].sfd_size))
+        return false;
     krv_window_t window;
     krv_fd_t fd = krv_fd_windowed(&r->hp->sh_sec[KRV_SEC_ARANGES], &window);
     for (uint64_t offset = 0; offset < fd.sfd_size;) {

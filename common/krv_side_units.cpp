@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "krv_side_units.h"
 
+#include "krv_budget.h"
 #include "krv_build.h"
 #include "krv_error.h"
 #include "krv_info.h"
@@ -39,7 +40,7 @@ static krv_side_units *read_units(krv_handle_t *hp, krv_secidx_t sec)
     const uint64_t size = krv_section(hp, sec)->sfd_size;
     for (uint64_t offset = 0; offset < size;) {
         krv_ctu_t cu;
-        if (krv_info_hdr_read(hp, &cu, sec, offset) != 0)
+        if (!krv_spend(hp, 1) || krv_info_hdr_read(hp, &cu, sec, offset) != 0)
             break;
         offset += cu.dcu_size; // ends within the section, as its header was checked to
         if (!krv_table_grow(hp, &units->su_units, &units->su_size, units->su_count, size_t{8}))

@@ -9,6 +9,7 @@
 #include "krv_synch.h"
 
 struct krv_addr_index;
+struct krv_budget;
 struct krv_calls;
 struct krv_compact;
 struct krv_hash;
@@ -87,6 +88,7 @@ struct krv_handle {
     krv_relaxed<uint64_t> sh_calls_read;   // and for functions and inlined calls
     krv_note_f *sh_note_func;              // NULL: nobody wants to know
     void *sh_note_arg;
+    krv_budget *sh_budget;         // owned: what queries may cost; NULL: anything
     krv_calls *sh_calls;           // owned: those of all units, in no order
     krv_side_units *sh_alternate;  // owned: units of the alternate file; built on first use, published last
     krv_side_units *sh_type_units; // owned: those of .debug_types, likewise

@@ -2,6 +2,7 @@
 #include "krv_units.h"
 
 #include "krv_abbrev.h"
+#include "krv_budget.h"
 #include "krv_build.h"
 #include "krv_error.h"
 #include "krv_ext.h"
@@ -85,6 +86,10 @@ static bool read_units(table_builder *t)
 {
     uint64_t offset = 0;
     while (krv_ctu_t *cu = t->unit_at(offset)) {
+        if (!krv_spend(t->hp, cu->dcu_header_size)) {
+            t->drop(cu);
+            return false;
+        }
         if (const char *much = count_unit(t->hp, &t->kept, cu)) {
             t->drop(cu);
             krv_fail(t->hp, KRV_ERR_CORRUPT, "too many %s in the units up to offset %lu", much,

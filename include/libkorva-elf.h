@@ -252,7 +252,8 @@ KORVA_API const krv_elf_symbol_t *korva_elf_lookup_symbol_by_name(krv_elf_t *elf
  * innermost call, and the function symbol. The texts live until korva_elf_close.
  *
  * Returns 0; or -1 with KRV_ELF_ERR_NOTFOUND when no line is known for the address, with KRV_ELF_ERR_FORMAT when the line
- * numbers of its unit are damaged, or with KRV_ELF_ERR_NOMEM. The message then names what the loader could not present, if
+ * numbers of its unit are damaged, or with KRV_ELF_ERR_NOMEM, or with KRV_ELF_ERR_LIMIT where the handle has a bound on what
+ * queries may cost (KRV_OPT_EXT_MAX_STEPS) and that is used up. The message then names what the loader could not present, if
  * there is such a part. *@p sourcep is written in any case: the function may be known where the line is not.
  */
 KORVA_API int korva_elf_lookup_source(krv_elf_t *elf, uint64_t address, krv_elf_source_t *sourcep,
@@ -274,7 +275,7 @@ KORVA_API int korva_elf_symbolize(krv_elf_t *elf, uint64_t address, unsigned int
 /**
  * korva_elf_symbolize of many addresses, which are looked up together (korva_iter_chains) and visited in the order of the
  * array; @p count of the visitor is 0 where nothing is known, and at most 256. Returns 0, @p func's result, or -1 with
- * KRV_ELF_ERR_NOMEM.
+ * KRV_ELF_ERR_NOMEM or KRV_ELF_ERR_LIMIT.
  */
 KORVA_API int korva_elf_symbolize_all(krv_elf_t *elf, const uint64_t *addresses, size_t count, unsigned int flags,
                                       krv_elf_iter_frames_f *func, void *arg, krv_elf_error_t *errorp);

@@ -67,6 +67,8 @@ private:
                 return "a value is too large";
             case KRV_ERR_UNSUPPORTED:
                 return "not supported";
+            case KRV_ERR_EXT_LIMIT:
+                return "the budget is used up";
             default:
                 break;
             }

@@ -43,11 +43,29 @@ enum {
      * memory, and korva_frames_prefill can be asked for (stacks.h). Of the stack nothing is promised. Answers are the same.
      */
     KRV_OPT_EXT_CONSTANT_FRAMES = 0x1010,
+    /*
+     * What queries may cost, for input that nobody vouches for: each a uint64_t, 0 for no bound, as while unset. They may be set at
+     * any time, while no other thread queries the handle, and setting one begins all four anew. From then on all queries
+     * share them; one that would exceed one fails with KRV_ERR_EXT_LIMIT and a message, and so does each further one that has
+     * to go over input, until one is set again. What was built before stays; of what was cut off nothing is concluded or
+     * kept. Threads that query at the same time may together exceed a bound by what each takes at once. What a visitor or a
+     * read call-back does is not counted, but for its time.
+     */
+    KRV_OPT_EXT_MAX_STEPS = 0x1020, /**< bytes of input that are gone over, or items of it */
+    KRV_OPT_EXT_MAX_BYTES = 0x1021, /**< bytes of memory that are asked for, given back or not */
+    KRV_OPT_EXT_MAX_ROWS = 0x1022,  /**< rows of line-number programs that are executed */
+    KRV_OPT_EXT_TIMEOUT = 0x1023,   /**< milliseconds; looked at between stretches of input of some thousand steps */
     /**
      * (early) For how many program counters rules are kept, rounded up to a power of two, of 8 bytes each; 4096 while
      * unset, 2^24 at most. 0: for none but those of korva_frames_prefill.
      */
     KRV_OPT_EXT_FRAME_CACHE = 0x1011,
+};
+
+/** Error codes of extensions, beside those of handle.h. */
+enum {
+    KRV_ERR_EXT_LIMIT =
+        0x1000 /**< a bound that the client set on what queries may cost: KRV_OPT_EXT_MAX_STEPS and others */
 };
 
 /** Sections of extensions, for korva_attach_section, once KRV_OPT_EXT_DWARF5 or KRV_OPT_EXT_AS_WRITTEN is on. */

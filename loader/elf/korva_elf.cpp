@@ -357,6 +357,7 @@ static failure no_source(krv_elf &elf, uint64_t address)
         text += "; " + (*refused)->text;
     return {code == KRV_ERR_NOTFOUND || code == KRV_ERR_NONE ? KRV_ELF_ERR_NOTFOUND
             : code == KRV_ERR_NOMEM                          ? KRV_ELF_ERR_NOMEM
+            : code == KRV_ERR_EXT_LIMIT                      ? KRV_ELF_ERR_LIMIT
                                                              : KRV_ELF_ERR_FORMAT,
             text};
 }
@@ -451,8 +452,9 @@ int korva_elf_symbolize_all(krv_elf_t *elf, const uint64_t *addresses, size_t co
         }
         if (result == 0 || all.is_stopped)
             return result;
-        if (all.is_lost || korva_handle_get_errno(hp) == KRV_ERR_NOMEM)
+        if (all.is_lost)
             throw std::bad_alloc();
+        check_memory(hp);
         // What cannot be read fails all of them together; alone each may still have a symbol.
         std::vector<krv_elf_frame_t> found(256);
         for (result = 0; all.next < count && result == 0;) {

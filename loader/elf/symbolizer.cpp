@@ -2,6 +2,7 @@
 #include "elf/symbolizer.h"
 
 #include "demangle.h"
+#include "failure.h"
 #include "krv_dwarf.h"
 #include "krv_dwarf5.h"
 
@@ -47,11 +48,15 @@ bool find_place(krv_handle_t *hp, krv_ctu_t *unit, uint64_t start, uint64_t size
     return korva_lookup_row(hp, unit, start, size, address, &row) == 0 && take_row(hp, row, place);
 }
 
-// What memory ran out for is not what is not there.
-static void check_memory(krv_handle_t *hp)
+void check_memory(krv_handle_t *hp)
 {
-    if (korva_handle_get_errno(hp) == KRV_ERR_NOMEM)
+    const int code = korva_handle_get_errno(hp);
+    if (code == KRV_ERR_NOMEM)
         throw std::bad_alloc();
+    unsigned int count = 0;
+    char **messages = korva_handle_get_errmsgs(hp, &count);
+    if (code == KRV_ERR_EXT_LIMIT)
+        throw failure(KRV_ELF_ERR_LIMIT, count == 0 ? "the budget is used up" : messages[0]);
 }
 
 static krv_elf_frame_t nothing_known()

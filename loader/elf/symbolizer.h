@@ -30,6 +30,9 @@ struct looked_up {
 };
 
 /** The row of a unit for an address in [start, start + size). False with the handle's error. */
+/** Throws where memory, or what the client lets queries cost, is used up: that is not what is not there. */
+void check_memory(krv_handle_t *hp);
+
 bool find_place(krv_handle_t *hp, krv_ctu_t *unit, uint64_t start, uint64_t size, uint64_t address,
                 source_place *place);
 

@@ -189,3 +189,45 @@ TEST(Faults, CallBacksThatAsk)
                 EXPECT_TRUE(again == s.expected || (by_message && h->sh_errno == KRV_ERR_NOTFOUND)) << h.error();
             }
 }
+
+// Whatever a session is allowed to cost: it has its answer, or says that it must not cost more; and once it may, the same
+// handle answers as if nothing had happened.
+TEST(Faults, EveryBudgetIsUsedUpOnce)
+{
+    unsigned refused[3] = {};
+    for (const scenario &s : scenarios())
+        for (const auto opt : {KRV_OPT_EXT_MAX_STEPS, KRV_OPT_EXT_MAX_BYTES, KRV_OPT_EXT_MAX_ROWS}) {
+            const session data = s.make();
+            bool is_enough = false;
+            for (uint64_t most = 1; !is_enough; most += 1 + most / 16) {
+                SCOPED_TRACE(text("%s, at most %lu of 0x%x", s.name, static_cast<unsigned long>(most), unsigned{opt}));
+                handle h;
+                readers sources;
+                attach(h, data, &sources);
+                korva_handle_set_opt(h, opt, most);
+                const std::string answer = s.ask(h);
+                const bool is_refused = korva_handle_get_errno(h) == KRV_ERR_EXT_LIMIT;
+                is_enough = answer == s.expected;
+                EXPECT_TRUE(is_enough || is_refused) << answer << ": " << h.error();
+                ASSERT_LT(most, 1U << 24);
+                refused[opt - KRV_OPT_EXT_MAX_STEPS] += is_refused ? 1 : 0;
+                korva_handle_set_opt(h, opt, uint64_t{0});
+                if (fell_back(h))
+                    krv_destroy_reader(h);
+                EXPECT_EQ(s.ask(h), s.expected) << h.error() << " after: " << answer;
+            }
+        }
+    for (const unsigned count : refused)
+        EXPECT_GT(count, 10U); // each bound has been met
+    // Time: a bound that has passed stops what takes long enough to look at the clock.
+    handle h;
+    const bytes long_list = bytes().fill(1 << 20, 0x96); // DW_OP_nop
+    korva_handle_set_opt(h, KRV_OPT_EXT_TIMEOUT, uint64_t{1});
+    timespec pause = {.tv_sec = 0, .tv_nsec = 2000000};
+    nanosleep(&pause, nullptr);
+    krv_fd_t fd;
+    krv_fd_attach_mem(h, &fd, long_list.size(), const_cast<uint8_t *>(long_list.data()));
+    const auto visit = [](krv_handle_t *, uint8_t, krv_operand_t *, unsigned int, void *) { return 0; };
+    EXPECT_EQ(korva_expr_iter_instruction(h, &fd, 0, visit, nullptr), -1);
+    EXPECT_EQ(h.error(), "LIMIT: the budget of time is used up: 1 ms");
+}

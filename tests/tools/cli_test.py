@@ -305,6 +305,24 @@ damage: .byte 9, 0
 """
 
 
+def test_budgets(korva, program):
+    """A record that costs too much says so, has what is known all the same, and halves what the next ones may cost."""
+    for bound in ('--max-steps=20', '--max-bytes=300', '--max-rows=2'):
+        out = korva.expect(['addr', '-e', program, bound, '--format=jsonl', 'main', 'main+1'], 1, None,
+                           r'korva: \S+: address 0x\w+: the budget of [^\n]+ is used up: \d+[^\n]*\n')
+        first, second = (json.loads(line) for line in out.splitlines())
+        if (first['status'], first['error']['code'], first['function']) != ('limit', 'KRV_ERR_EXT_LIMIT', 'main'):
+            fail(f'addr {bound}: {first}')
+        most = [int(re.search(r'\d+', record['error']['messages'][0]).group()) for record in (first, second)]
+        if most[1] * 2 != most[0]:
+            fail(f'addr {bound}: {most}')
+        for verb in ('units', 'lines', 'funcs', 'entries'):
+            status = json.loads(korva.run(verb, '--format=jsonl', bound, program).out.splitlines()[-1])['status']
+            if status != ('limit' if bound != '--max-rows=2' or verb == 'lines' else 'ok'):
+                fail(f'{verb} {bound}: {status}')
+    korva.expect(['addr', '-e', program, '--max-steps=1G', '--max-bytes=1G', '--timeout=60', 'main'], 0)
+
+
 def test_entries(korva, program, folder):
     levels = 50000
     made = os.path.join(folder, 'units.o')

@@ -372,7 +372,7 @@ static unit_record *find_entry(object *obj, const std::string &text, std::option
 
 static int run_entries(const entries_options &options)
 {
-    object obj(options.file, options.flags(), options.debug_dirs);
+    object obj(options.file, options.flags(), options.debug_dirs, options.bounds);
     tally done;
     if (!obj.diagnose_notes())
         done.missed();
@@ -397,6 +397,7 @@ static int run_entries(const entries_options &options)
             done.missed();
         progress shown(fmt::format("{}: entries", obj.path()), units.size(), progress::mode::answering);
         for (unit_record &u : units) {
+            obj.begin_record();
             print(u, entry::first(obj.handle(), u.unit), {.levels = options.depth});
             shown.step();
         }

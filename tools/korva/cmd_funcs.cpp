@@ -182,7 +182,7 @@ static bool print_named(object *obj, const std::string &name, bool indexed, func
 
 static int run_funcs(const funcs_options &options)
 {
-    object obj(options.file, options.flags(), options.debug_dirs);
+    object obj(options.file, options.flags(), options.debug_dirs, options.bounds);
     tally done;
     if (!obj.diagnose_notes())
         done.missed();
@@ -197,6 +197,7 @@ static int run_funcs(const funcs_options &options)
     } else {
         const progress shown(fmt::format("{}: functions", obj.path()), units.size(), progress::mode::answering);
         for (unit_record &u : units) {
+            obj.begin_record();
             const bool is_complete = print_unit_functions(&obj, u, printer);
             is_complete ? done.answered() : done.missed();
             if (u.refused)

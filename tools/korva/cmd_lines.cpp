@@ -244,7 +244,7 @@ bool table_printer::print(bool program)
 
 static int run_lines(const lines_options &options)
 {
-    object obj(options.file, options.flags(), options.debug_dirs);
+    object obj(options.file, options.flags(), options.debug_dirs, options.bounds);
     tally done;
     if (!obj.diagnose_notes())
         done.missed();
@@ -264,6 +264,7 @@ static int run_lines(const lines_options &options)
     answers out(options.format);
     progress shown(fmt::format("{}: line tables", obj.path()), wanted.size(), progress::mode::answering);
     for (unit_record *u : wanted) {
+        obj.begin_record();
         done.add(table_printer(&obj, &out, u).print(options.program));
         shown.step();
     }

@@ -123,7 +123,7 @@ module_file &stack_run::open_module(const krv_proc_module_t *module)
         diagnose(file.error().text() + (unnamed_exe ? "; say with -e FILE where the executable is" : ""));
         return opened;
     }
-    opened.file = std::make_unique<object>(*file, module->path);
+    opened.file = std::make_unique<object>(*file, module->path, m_options.bounds);
     if (opened.file->has_debug_info())
         opened.lines = std::make_unique<locator>(opened.file.get());
     return opened;

@@ -33,13 +33,14 @@ static void print_unit(answers &out, const json_value &record, const record_erro
 
 static int run_units(const common_options &options)
 {
-    object obj(options.file, options.flags(), options.debug_dirs);
+    object obj(options.file, options.flags(), options.debug_dirs, options.bounds);
     tally done;
     if (!obj.diagnose_notes())
         done.missed();
     std::vector<unit_record> &units = obj.units();
     answers out(options.format);
     for (unit_record &u : units) {
+        obj.begin_record();
         json_value record = {{"offset", hex(u.header.offset)},
                              {"version", u.header.version},
                              {"type", KINDS[u.kind.kind]},

@@ -5,6 +5,7 @@
 #pragma once
 
 #include "libkorva-elf.h"
+#include "object.h"
 #include "output.h"
 #include "status.h"
 
@@ -23,6 +24,7 @@ struct common_options {
     bool raw = false;
     bool inflate_any = false;
     std::vector<std::string> debug_dirs;
+    cost_bounds bounds;
 
     /** How files are opened: KRV_ELF_F_*. */
     unsigned int flags() const
@@ -34,7 +36,7 @@ struct common_options {
 /** Adds --format, with the names of @p formats. */
 void add_format_option(CLI::App *verb, common_options *options, const format_names &formats);
 
-/** Adds --format, --raw, --inflate-any and --debug-dir. */
+/** Adds --format, --raw, --inflate-any, --debug-dir and the bounds of what a record may cost. */
 void add_common_options(CLI::App *verb, common_options *options, const format_names &formats);
 
 } // namespace korva::program

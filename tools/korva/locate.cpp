@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "locate.h"
 
+#include "demangle.h"
 #include "output.h"
 #include "progress.h"
 
@@ -50,15 +51,23 @@ std::span<const krv_elf_frame_t> locator::frames(uint64_t address, unsigned int 
     m_refusal = nullptr;
     m_frames.resize(std::max<size_t>(m_frames.size(), 8));
     size_t count = 0;
+    krv_elf_error_t why = {};
     const auto ask = [&] {
         korva_elf_symbolize(m_object->elf().get(), address, flags, m_frames.data(), std::min(most, m_frames.size()),
-                            &count, nullptr);
+                            &count, m_object->is_bounded() ? &why : nullptr); // else what it says is not asked for
         count = std::min(count, most);
     };
+    m_object->begin_record();
     ask();
     if (count > m_frames.size()) {
         m_frames.resize(count);
         ask();
+    }
+    if (why.code == KRV_ELF_ERR_LIMIT) {
+        m_limit = to_record_error({.layer = layer::library, .code = KRV_ERR_EXT_LIMIT, .messages = {why.message}});
+        m_refusal = &m_limit;
+        m_object->end_record(record_status::limit);
+        return take_symbol(address, flags);
     }
     if (count == 0 || m_frames[0].has_row == 0) {
         const location found = find(address);
@@ -76,6 +85,23 @@ std::span<const krv_elf_frame_t> locator::frames(uint64_t address, unsigned int 
         }
     }
     return std::span(m_frames).first(count);
+}
+
+// Of an address that cost too much: its symbol, which costs nothing.
+std::span<const krv_elf_frame_t> locator::take_symbol(uint64_t address, unsigned int flags)
+{
+    if (!std::exchange(m_limit_told, true))
+        m_object->diagnose(fmt::format("address 0x{:x}: {}", address, m_limit.messages[0]));
+    const krv_elf_symbol_t *symbol = m_object->elf().symbol(address);
+    if (symbol == nullptr)
+        return {};
+    m_limit_name = function_name(symbol->name, (flags & KRV_ELF_FRAMES_F_DEMANGLE) != 0);
+    m_frames[0] = nothing_known();
+    m_frames[0].function = m_limit_name.c_str();
+    m_frames[0].linkage_name = symbol->name;
+    m_frames[0].start = symbol->address;
+    m_frames[0].origin = KRV_ELF_FRAME_SYMBOLS;
+    return std::span(m_frames).first(1);
 }
 
 // What the symboliser does not know of an address, or cannot tell why.

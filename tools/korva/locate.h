@@ -44,6 +44,7 @@ public:
 
 private:
     location find(uint64_t address);
+    std::span<const krv_elf_frame_t> take_symbol(uint64_t address, unsigned int flags);
     enum class outcome { found, absent, refused };
     struct sequence {
         range addresses;
@@ -68,7 +69,10 @@ private:
     object *m_object;
     std::vector<krv_elf_frame_t> m_frames;
     const record_error *m_refusal = nullptr;
-    record_error m_failed;                       // of what concerns all units
+    record_error m_failed;    // of what concerns all units
+    record_error m_limit;     // of the last address that cost too much
+    std::string m_limit_name; // its function
+    bool m_limit_told = false;
     std::vector<unit_record> *m_units = nullptr; // read when an address is not known at once
     bool m_no_units = false;                     // they cannot be read
     std::vector<unit_record *> m_unranged;       // units whose ranges only a look at their entries can tell

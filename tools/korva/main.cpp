@@ -64,6 +64,17 @@ void add_common_options(CLI::App *verb, common_options *options, const format_na
     verb->add_option("--debug-dir", options->debug_dirs, "Look for separate debug files here too; may be repeated")
         ->allow_extra_args(false)
         ->type_name("DIR");
+    verb->add_option("--max-steps", options->bounds.steps,
+                     "Bytes of input that may be gone over for one record; 0 is any number")
+        ->transform(CLI::AsSizeValue(false));
+    verb->add_option("--max-bytes", options->bounds.bytes, "Bytes of memory that may be asked for, likewise")
+        ->transform(CLI::AsSizeValue(false));
+    verb->add_option("--max-rows", options->bounds.rows, "Line-number rows that may be made, likewise");
+    verb->add_option_function<double>(
+            "--timeout", [=](double seconds) { options->bounds.milliseconds = static_cast<uint64_t>(seconds * 1000); },
+            "Time that one record may take")
+        ->check(CLI::Range(0.001, 1e6))
+        ->type_name("SECONDS");
 }
 
 // What a wrong word was meant to be: the verb that takes the fewest changes of a letter to get to.

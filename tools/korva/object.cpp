@@ -24,12 +24,18 @@ static elf open_elf(const std::string &path, unsigned int flags, const std::vect
     return std::move(*opened);
 }
 
-object::object(const std::string &path, unsigned int flags, const std::vector<std::string> &debug_dirs)
-    : m_path(path), m_own(open_elf(path, flags, debug_dirs)), m_elf(*m_own), m_info(m_elf.info())
+object::object(const std::string &path, unsigned int flags, const std::vector<std::string> &debug_dirs,
+               const cost_bounds &bounds)
+    : m_path(path), m_bounds(bounds), m_own(open_elf(path, flags, debug_dirs)), m_elf(*m_own), m_info(m_elf.info())
 {
+    begin_record();
 }
 
-object::object(elf_view elf, const std::string &path) : m_path(path), m_elf(elf), m_info(elf.info()) {}
+object::object(elf_view elf, const std::string &path, const cost_bounds &bounds)
+    : m_path(path), m_bounds(bounds), m_elf(elf), m_info(elf.info())
+{
+    begin_record();
+}
 
 object::~object()
 {
@@ -43,6 +49,35 @@ object::~object()
             }
     } catch (const std::bad_alloc &) { // told without the name
     }
+}
+
+static void halve(uint64_t *bound)
+{
+    *bound = (*bound + 1) / 2; // 0 is no bound
+}
+
+// Setting one bound begins all.
+void object::begin_record()
+{
+    krv_handle_t *hp = handle().get();
+    if (m_bounds.steps != 0)
+        korva_handle_set_opt(hp, KRV_OPT_EXT_MAX_STEPS, m_bounds.steps);
+    if (m_bounds.bytes != 0)
+        korva_handle_set_opt(hp, KRV_OPT_EXT_MAX_BYTES, m_bounds.bytes);
+    if (m_bounds.rows != 0)
+        korva_handle_set_opt(hp, KRV_OPT_EXT_MAX_ROWS, m_bounds.rows);
+    if (m_bounds.milliseconds != 0)
+        korva_handle_set_opt(hp, KRV_OPT_EXT_TIMEOUT, m_bounds.milliseconds);
+}
+
+void object::end_record(record_status status)
+{
+    if (status != record_status::limit)
+        return;
+    halve(&m_bounds.steps);
+    halve(&m_bounds.bytes);
+    halve(&m_bounds.rows);
+    halve(&m_bounds.milliseconds);
 }
 
 // The bytes of .debug_info, 0 when the file has none.
@@ -71,15 +106,16 @@ void object::diagnose(std::string_view text) const
 }
 
 void object::refuse(unit_record &u, std::string_view what, const char *section, std::optional<uint64_t> offset,
-                    const error &why) const
+                    const error &why)
 {
     if (!u.refused)
         diagnose(fmt::format("{}: {}", what, why.text()));
     u.refused = true;
     u.why = to_record_error(why, section, offset, u.header.offset);
+    end_record(status_of(&u.why));
 }
 
-void object::refuse_lines(unit_record &u, const error &why) const
+void object::refuse_lines(unit_record &u, const error &why)
 {
     const auto first = entry::first(handle(), u.unit);
     const auto table = first ? first->find(DW_AT_stmt_list) : result<attr>(first.error());

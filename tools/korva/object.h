@@ -32,6 +32,14 @@ struct unit_record {
     bool is_readable() const { return kind.kind != 0; }
 };
 
+/** What the questions of one record may cost: KRV_OPT_EXT_MAX_STEPS and the others; 0 is anything. */
+struct cost_bounds {
+    uint64_t steps = 0;
+    uint64_t bytes = 0;
+    uint64_t rows = 0;
+    uint64_t milliseconds = 0;
+};
+
 /** An address range. */
 struct extent {
     uint64_t address;
@@ -42,13 +50,24 @@ class object
 {
 public:
     /** Opens @p path; @p flags: KRV_ELF_F_*. Throws failure. */
-    object(const std::string &path, unsigned int flags, const std::vector<std::string> &debug_dirs = {});
+    object(const std::string &path, unsigned int flags, const std::vector<std::string> &debug_dirs = {},
+           const cost_bounds &bounds = {});
     /** Looks at a file that somebody else has opened and will close, later. */
-    object(elf_view elf, const std::string &path);
+    object(elf_view elf, const std::string &path, const cost_bounds &bounds = {});
     /** Tells if the file became shorter while it was read. */
     ~object();
     object(const object &) = delete;
     object &operator=(const object &) = delete;
+
+    /** Whether a record may not cost anything it likes. */
+    bool is_bounded() const { return (m_bounds.steps | m_bounds.bytes | m_bounds.rows | m_bounds.milliseconds) != 0; }
+    /** What is asked from now on is asked for another record. */
+    void begin_record();
+    /**
+     * How the record ended. One that ran into a bound halves what those behind it may cost: a hostile file costs a batch
+     * little more than twice the bound.
+     */
+    void end_record(record_status status);
 
     const std::string &path() const { return m_path; }
     const elf_view &elf() const { return m_elf; }
@@ -72,9 +91,9 @@ public:
     void diagnose(std::string_view text) const;
     /** Tells once what of a unit cannot be read, which is in @p section at @p offset, and why, and marks the unit. */
     void refuse(unit_record &u, std::string_view what, const char *section, std::optional<uint64_t> offset,
-                const error &why) const;
+                const error &why);
     /** The same of its line table. */
-    void refuse_lines(unit_record &u, const error &why) const;
+    void refuse_lines(unit_record &u, const error &why);
     /** The same for a unit that is not readable, and why. Told once for all such units. */
     void refuse_unread(unit_record &u);
     /** Tells what the loader could not present, apart from what questions meet. False when there was anything. */
@@ -91,6 +110,7 @@ private:
     static bool s_named_cut_file;
 
     std::string m_path;
+    cost_bounds m_bounds;
     std::optional<korva::elf> m_own; // unless somebody else owns it
     elf_view m_elf;
     krv_elf_info_t m_info;

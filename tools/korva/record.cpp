@@ -21,9 +21,9 @@ struct named_code {
         code, #code                                                                                                    \
     }
 constexpr named_code LIBRARY_CODES[] = {
-    NAMED(KRV_ERR_IO),      NAMED(KRV_ERR_CORRUPT), NAMED(KRV_ERR_EXISTS),
-    NAMED(KRV_ERR_INVALID), NAMED(KRV_ERR_EVAL),    NAMED(KRV_ERR_NOTFOUND),
-    NAMED(KRV_ERR_NOMEM),   NAMED(KRV_ERR_NOSPACE), NAMED(KRV_ERR_UNSUPPORTED),
+    NAMED(KRV_ERR_IO),          NAMED(KRV_ERR_CORRUPT),   NAMED(KRV_ERR_EXISTS), NAMED(KRV_ERR_INVALID),
+    NAMED(KRV_ERR_EVAL),        NAMED(KRV_ERR_NOTFOUND),  NAMED(KRV_ERR_NOMEM),  NAMED(KRV_ERR_NOSPACE),
+    NAMED(KRV_ERR_UNSUPPORTED), NAMED(KRV_ERR_EXT_LIMIT),
 };
 constexpr named_code LOADER_CODES[] = {
     NAMED(KRV_ELF_ERR_SYSTEM), NAMED(KRV_ELF_ERR_FORMAT),   NAMED(KRV_ELF_ERR_UNSUPPORTED),
