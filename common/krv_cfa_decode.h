@@ -9,6 +9,8 @@
 #include "krv_code.h"
 #include "krv_types.h"
 
+#include <cstring>
+
 // Decodes one call-frame instruction; arg is the augmentation data of its CIE.
 typedef int krv_get_next_op_f(krv_handle_t *hp, krv_fd_t *fdp, krv_operation_t *op, void *arg);
 
@@ -40,6 +42,18 @@ struct krv_cfa_op_t {
     uint64_t first, second;
 };
 
+// A number of a fixed width, and what follows it. NULL: the bytes end before.
+template <typename T>
+inline const uint8_t *krv_cfa_scan_number(const uint8_t *at, const uint8_t *end, uint64_t *valuep)
+{
+    T value = 0;
+    if (static_cast<size_t>(end - at) < sizeof(value))
+        return nullptr;
+    std::memcpy(&value, at, sizeof(value));
+    *valuep = value;
+    return at + sizeof(value);
+}
+
 // The twin of krv_frame_get_next_op for the bytes from `at` on, some at least: the same outcome, of any augmentation,
 // and what follows the instruction. NULL: not to be decoded at a glance.
 inline const uint8_t *krv_cfa_scan(const uint8_t *at, const uint8_t *end, krv_cfa_op_t *op)
@@ -63,8 +77,11 @@ inline const uint8_t *krv_cfa_scan(const uint8_t *at, const uint8_t *end, krv_cf
         at = krv_scan_short_uleb128(at, end, &op->first);
         return at == nullptr ? nullptr : krv_scan_short_uleb128(at, end, &op->second);
     case KRV_CFA_BYTE:
-        op->first = at == end ? 0 : *at;
-        return at == end ? nullptr : at + 1;
+        return krv_cfa_scan_number<uint8_t>(at, end, &op->first);
+    case KRV_CFA_HALF:
+        return krv_cfa_scan_number<uint16_t>(at, end, &op->first);
+    case KRV_CFA_WORD:
+        return krv_cfa_scan_number<uint32_t>(at, end, &op->first);
     default:
         return nullptr;
     }

@@ -84,6 +84,8 @@ static consteval uint8_t shape_of(uint8_t opcode)
         return first == 0               ? KRV_CFA_PLAIN
                : first == DW_FORM_udata ? KRV_CFA_ULEB
                : first == DW_FORM_data1 ? KRV_CFA_BYTE
+               : first == DW_FORM_data2 ? KRV_CFA_HALF
+               : first == DW_FORM_data4 ? KRV_CFA_WORD
                                         : KRV_CFA_OTHER;
     if (second != DW_FORM_udata || (first != 0 && first != DW_FORM_udata))
         return KRV_CFA_OTHER;

@@ -50,7 +50,9 @@ enum : uint8_t {
     KRV_CFA_PLAIN, // no operands, but for one in the byte itself
     KRV_CFA_ULEB,  // one ULEB128 number
     KRV_CFA_ULEBS, // two of them
-    KRV_CFA_BYTE,  // one byte
+    KRV_CFA_BYTE,  // one byte, two, or four
+    KRV_CFA_HALF,
+    KRV_CFA_WORD,
     KRV_CFA_OTHER  // not to be decoded at a glance
 };
 extern const std::array<uint8_t, 256> krv_cfa_shapes;

@@ -8,11 +8,8 @@
 #include <bit>
 #include <cstring>
 
-void krv_compact_forget(krv_handle_t *hp)
+void krv_compact_clear(krv_compact *c)
 {
-    krv_compact *c = hp->sh_compact;
-    if (c == nullptr)
-        return;
     for (krv_compact_t *chunk : c->chunks)
         krv_free(chunk);
     krv_free(c->index);
@@ -20,6 +17,12 @@ void krv_compact_forget(krv_handle_t *hp)
     krv_compact_table_free(c->table);
     *c = {};
     c->count = KRV_COMPACT_FIRST;
+}
+
+void krv_compact_forget(krv_handle_t *hp)
+{
+    if (hp->sh_compact != nullptr)
+        krv_compact_clear(hp->sh_compact);
 }
 
 void krv_compact_destroy(krv_handle_t *hp)
@@ -118,25 +121,32 @@ static void set_rule(krv_activation_t *ap, unsigned int slot, krv_ruledesc_t des
     ap->sa_current_changed.add(slot);
 }
 
-static void decode(krv_activation_t *ap, const krv_compact_t *rule)
+// What rules say of a kept register.
+static void set_kept(krv_activation_t *ap, unsigned int slot, int16_t kept, uint64_t word)
+{
+    if (kept == KRV_KEPT_SAME || kept == KRV_KEPT_UNDEFINED)
+        set_rule(ap, slot, kept == KRV_KEPT_SAME ? KRV_CFA_RULE_SAME_VALUE : KRV_CFA_RULE_UNDEFINED, 0);
+    else
+        set_rule(ap, slot, KRV_CFA_RULE_OFFSET, static_cast<uint64_t>(int64_t{kept}) * word);
+}
+
+void krv_compact_decode(krv_activation_t *ap, const krv_compact_t *rule)
 {
     const krv_mach_def_t *mach = ap->sa_mach_def;
     const auto word = static_cast<uint64_t>(word_of(ap));
-    ap->sa_current_changed.for_each([ap](unsigned int slot) {
-        ap->sa_current[slot] = ap->sa_default[slot];
-        return true;
-    });
-    ap->sa_current_changed = {};
+    if (!ap->sa_has_compact) {
+        krv_copy_rules(ap->sa_current, ap->sa_default, ap->sa_current_changed);
+        ap->sa_current_changed = {};
+    }
+    const bool is_alike =
+        ap->sa_has_compact && std::memcmp(ap->sa_compact.kept, rule->kept, sizeof(rule->kept)) == 0;
+    for (unsigned i = 0; !is_alike && i < mach->smd_n_kept; ++i)
+        if (!ap->sa_has_compact || ap->sa_compact.kept[i] != rule->kept[i])
+            set_kept(ap, mach->smd_kept[i], rule->kept[i], word);
     set_rule(ap, krv_library_slot(ap, KRV_REG_CFA), KRV_CFA_RULE_REG_OFFSET,
              uint64_t{rule->cfa.reg} << 32 | static_cast<uint32_t>(rule->cfa.offset));
-    for (unsigned i = 0; i < mach->smd_n_kept; ++i) {
-        const int16_t kept = rule->kept[i];
-        if (kept == KRV_KEPT_SAME || kept == KRV_KEPT_UNDEFINED)
-            set_rule(ap, mach->smd_kept[i], kept == KRV_KEPT_SAME ? KRV_CFA_RULE_SAME_VALUE : KRV_CFA_RULE_UNDEFINED,
-                     0);
-        else
-            set_rule(ap, mach->smd_kept[i], KRV_CFA_RULE_OFFSET, static_cast<uint64_t>(int64_t{kept}) * word);
-    }
+    ap->sa_compact = *rule;
+    ap->sa_has_compact = true;
     if (ap->sa_args.sa_argc != 0) { // those of the last CIE; this one has none
         ap->sa_args = {};
         ap->sa_initial_of = 0;
@@ -242,7 +252,7 @@ bool krv_compact_apply(krv_handle_t *hp, krv_activation_t *ap, uint64_t pc, uint
     const krv_compact_t *rule = hp->sh_compact->rule(number);
     if ((rule->flags & KRV_COMPACT_ORIGINS) != 0)
         return false;
-    decode(ap, rule);
+    krv_compact_decode(ap, rule);
     *columnp = ap->sa_mach_def->smd_pc;
     return true;
 }

@@ -26,14 +26,15 @@ struct eh_format {
     bool is_signed;
 };
 
+} // namespace
+
 // A CIE of this reader, with the room for its augmentation data.
-struct eh_cie {
+struct krv_eh_cie {
     krv_cie_t cie;
     krv_amd64_cie_augmentation augmentation;
-    bool embedded; // in the record of an FDE, with which it is freed
+    uint64_t address;
+    bool is_owned; // by the record of an FDE, or by the reader, with which it is freed
 };
-
-} // namespace
 
 // An FDE of this reader, with the room for its augmentation data and its CIE.
 struct krv_eh_fde {
@@ -41,7 +42,7 @@ struct krv_eh_fde {
     krv_amd64_fde_augmentation augmentation;
     krv_handle_t *hp;
     krv_reader_t *reader; // that has read it
-    eh_cie parent;        // stays when the record becomes the spare one
+    krv_eh_cie parent;    // stays when the record becomes the spare one
 };
 
 static constexpr eh_format eh_formats[EH_FORMAT + 1] = {
@@ -377,7 +378,7 @@ static bool read_cie_augmentation(krv_handle_t *hp, record_reader *r, krv_cie_t 
     const char *letters = ciep->scie_augmentation_string;
     if (letters[0] == '\0')
         return true; // KRV_AUG_NONE
-    auto *augp = &reinterpret_cast<eh_cie *>(ciep)->augmentation;
+    auto *augp = &reinterpret_cast<krv_eh_cie *>(ciep)->augmentation;
     ciep->scie_augmentation_data = augp;
     ciep->scie_augmentation_type = KRV_AUG_AMD64;
     if (letters[0] != 'z') {
@@ -462,7 +463,7 @@ static krv_cie_t *krv_eh_frame_gcbo(krv_handle_t *hp, krv_reader_t *reader, uint
     KRV_ASSERT(hp != NULL);
     KRV_ASSERT(reader != NULL);
     const uint64_t eh_frame = reader_data(reader)->sefh_eh_frame;
-    krv_owner<eh_cie> record(krv_new<eh_cie>(hp));
+    krv_owner<krv_eh_cie> record(krv_new<krv_eh_cie>(hp));
     if (record != nullptr && read_cie(hp, &record->cie, eh_frame, eh_frame + offset))
         return &record.release()->cie;
     cie_failed(hp, eh_frame + offset);
@@ -470,37 +471,71 @@ static krv_cie_t *krv_eh_frame_gcbo(krv_handle_t *hp, krv_reader_t *reader, uint
 }
 
 // Reads a record afresh, in one call, since its length is expected to be the same; whether it is byte for byte the one
-// that `known` was decoded from.
-static bool is_unchanged(krv_cie_t *known, const krv_fd_t *as, uint64_t address)
+// that `known` was decoded from. What read_bulk says of a lost call is left in `lost`.
+static bool is_unchanged(const krv_eh_cie *known, const krv_fd_t *as, uint64_t address, krv_window_t *lost)
 {
-    krv_window_t *window = &known->scie_window; // all but the length field
-    if (known->scie_decoding == 0 || window->sw_offset - EH_LENGTH_SIZE != address)
+    const krv_window_t *window = &known->cie.scie_window; // all but the length field
+    if (known->cie.scie_decoding == 0 || known->address != address)
         return false;
     uint8_t fresh[EH_LENGTH_SIZE + sizeof(window->sw_bytes)];
-    if (!read_bulk(as, fresh, EH_LENGTH_SIZE + static_cast<size_t>(window->sw_size), address, window))
+    if (!read_bulk(as, fresh, EH_LENGTH_SIZE + static_cast<size_t>(window->sw_size), address, lost))
         return false;
     uint32_t length;
     std::memcpy(&length, fresh, sizeof(length));
-    return length == known->scie_length &&
+    return length == known->cie.scie_length &&
            std::memcmp(fresh + EH_LENGTH_SIZE, window->sw_bytes, static_cast<size_t>(window->sw_size)) == 0;
 }
 
-// Most CIEs are those of the query before, which spares their decoding.
+// Where a CIE at an address is kept, or would be. NULL: there is no room.
+static krv_eh_cie **find_kept(krv_eh_frame_reader_data *data, uint64_t address)
+{
+    for (krv_eh_cie *&slot : data->sefh_cies) {
+        const krv_eh_cie *kept = krv_load(&slot);
+        if (kept == nullptr || kept->address == address)
+            return &slot;
+    }
+    return nullptr;
+}
+
+// Keeps a copy of a CIE that was just decoded; where there is no memory, none.
+static void keep_cie(krv_handle_t *hp, const krv_eh_cie *decoded, krv_eh_cie **slot)
+{
+    krv_owner<krv_eh_cie> fresh(krv_new<krv_eh_cie>(hp));
+    if (fresh == nullptr)
+        return krv_clear_error(hp);
+    *fresh = *decoded;
+    if (fresh->cie.scie_augmentation_data != nullptr)
+        fresh->cie.scie_augmentation_data = &fresh->augmentation;
+    fresh->cie.scie_is_kept = true;
+    krv_publish(slot, fresh.release(), krv_free);
+}
+
+// Most CIEs were decoded before, which spares their decoding.
 [[gnu::noinline]] static bool read_parent(krv_handle_t *hp, krv_eh_fde *record, uint64_t eh_frame, uint64_t address)
 {
-    krv_cie_t *ciep = &record->parent.cie;
-    if (!is_unchanged(ciep, &hp->sh_as, address)) {
-        const bool lost = ciep->scie_window.sw_lost;
-        record->parent = {};
-        record->parent.embedded = true;
-        ciep->scie_window.sw_lost = lost;
-        if (!read_cie(hp, ciep, eh_frame, address)) {
+    krv_eh_cie **slot = find_kept(reader_data(record->reader), address);
+    krv_eh_cie *kept = slot == nullptr ? nullptr : krv_load(slot);
+    krv_window_t *window = &record->parent.cie.scie_window;
+    if (kept != nullptr && is_unchanged(kept, &hp->sh_as, address, window)) {
+        record->fde.sfde_cie = &kept->cie;
+        return true;
+    }
+    krv_eh_cie *parent = &record->parent;
+    if (window->sw_lost || !is_unchanged(parent, &hp->sh_as, address, window)) {
+        const bool lost = window->sw_lost;
+        *parent = {};
+        parent->is_owned = true;
+        parent->address = address;
+        window->sw_lost = lost;
+        if (!read_cie(hp, &parent->cie, eh_frame, address)) {
             cie_failed(hp, address);
             krv_note(hp, "couldn't get parent CIE");
             return false;
         }
+        if (kept == nullptr && slot != nullptr && parent->cie.scie_decoding != 0)
+            keep_cie(hp, parent, slot);
     }
-    record->fde.sfde_cie = ciep;
+    record->fde.sfde_cie = &parent->cie;
     return true;
 }
 
@@ -536,6 +571,26 @@ static bool read_fde_augmentation(krv_handle_t *hp, record_reader *r, const krv_
                                      &augp->safa_ldsa, "failed to read LDSA");
 }
 
+// The twin of these two for the commonest encoding, in a record that is held. False: not that case, and nothing has moved.
+static bool scan_extent(krv_handle_t *hp, record_reader *r, uint8_t encoding, krv_fde_t *fdep)
+{
+    constexpr uint64_t EXTENT = 2 * sizeof(int32_t);
+    const uint64_t remaining = r->fd.sfd_remaining;
+    if (r->origin == 0 || encoding != (DW_EH_PE_pcrel | DW_EH_PE_sdata4) || remaining <= EXTENT)
+        return false;
+    const uint8_t *bytes = r->fd.sfd_u.buf + r->fd.sfd_offset;
+    const uint8_t size = bytes[EXTENT]; // of the augmentation data
+    if (size > 0x7f || size > remaining - EXTENT - 1 || (size != 0 && !krv_reads_as_written(hp)))
+        return false;
+    int32_t fields[2];
+    std::memcpy(fields, bytes, EXTENT);
+    fdep->sfde_target_address = r->address() + static_cast<uint64_t>(int64_t{fields[0]});
+    fdep->sfde_address_range = static_cast<uint64_t>(int64_t{fields[1]});
+    fdep->sfde_augmentation_data = &reinterpret_cast<krv_eh_fde *>(fdep)->augmentation;
+    krv_fd_advance(&r->fd, EXTENT + 1 + size);
+    return true;
+}
+
 [[gnu::flatten]] static bool read_fde(krv_handle_t *hp, krv_eh_fde *record, uint64_t eh_frame, uint64_t offset)
 {
     const krv_eh_frame_reader_data *data = reader_data(record->reader);
@@ -560,7 +615,8 @@ static bool read_fde_augmentation(krv_handle_t *hp, record_reader *r, const krv_
         break;
     case KRV_AUG_AMD64: {
         const auto *cie_augp = static_cast<krv_amd64_cie_augmentation *>(fdep->sfde_cie->scie_augmentation_data);
-        if (!read_extent(&r, cie_augp->scie_re, fdep) || !read_fde_augmentation(hp, &r, cie_augp, fdep))
+        if (!scan_extent(hp, &r, cie_augp->scie_re, fdep) &&
+            (!read_extent(&r, cie_augp->scie_re, fdep) || !read_fde_augmentation(hp, &r, cie_augp, fdep)))
             return false;
         break;
     }
@@ -596,7 +652,7 @@ static krv_eh_fde *take_record(krv_handle_t *hp, krv_reader_t *reader)
 static void krv_eh_frame_cie_free(krv_cie_t *ciep)
 {
     KRV_ASSERT(ciep->scie_augmentation_type == (ciep->scie_augmentation_data != NULL ? KRV_AUG_AMD64 : KRV_AUG_NONE));
-    if (!reinterpret_cast<eh_cie *>(ciep)->embedded)
+    if (!reinterpret_cast<krv_eh_cie *>(ciep)->is_owned)
         krv_free(ciep); // with its augmentation data
 }
 
@@ -648,6 +704,8 @@ static int krv_eh_frame_step_over(krv_handle_t *hp, krv_reader_t *reader, uint64
 
 static void krv_eh_frame_destroy_reader(krv_reader_t *reader)
 {
+    for (krv_eh_cie *kept : reader_data(reader)->sefh_cies)
+        krv_free(kept);
     krv_free(reader_data(reader)->sefh_spare);
     krv_free(reader_data(reader)->sefh_guide);
     krv_free(reader->sr_data);

@@ -117,18 +117,18 @@ struct entry {
 
 enum class found { yes, no, failed, astray };
 
-constexpr uint64_t MOST_NODES = 4096;
-constexpr uint64_t LAST_ENTRIES = 32; // nodes are of ranges with more
-constexpr uint64_t PART_SIZE = 2048;  // bytes of the table that are read in one call
-
 } // namespace
 
 // Searches halve the same ranges again and again: range n, and then 2n + 1 or 2n + 2. What was seen of the entry in the
-// middle of one spares a call. The entries among which the search ends are always read, and show when it was led astray,
-// since memory has changed.
-struct krv_eh_guide_node {
-    uint64_t known; // 1; stored last
-    krv_relaxed<uint64_t> start, next;
+// middle of one spares a call. Where a search ends is always read, and shows when it was led astray, since memory has
+// changed.
+struct krv_eh_guide {
+    uint64_t size;
+
+    // By range: in the low half, where the entry begins, counted from 2^31 bytes before .eh_frame_hdr; in the high half,
+    // how far before 2^31 - 1 bytes behind it the next one begins, or 0 when it is the last of the range. 0: not known, as
+    // if the entry covered all that is within.
+    krv_relaxed<uint64_t> *bounds() { return reinterpret_cast<krv_relaxed<uint64_t> *>(this + 1); }
 };
 
 namespace
@@ -138,10 +138,11 @@ namespace
 struct table_search {
     krv_handle_t *hp;
     const krv_eh_frame_reader_data *data;
-    uint64_t address;         // that is looked for
-    krv_eh_guide_node *guide; // NULL: there is none
-    uint64_t nodes;           // of it
-    uint64_t node;            // of the range
+    uint64_t address;              // that is looked for
+    krv_relaxed<uint64_t> *bounds; // of the guide,
+    uint64_t nodes;                // so many; 0: there is none
+    uint64_t node;                 // of the range
+    bool is_guided;                // to it
     range among;
     entry at;
     uint64_t likely_size; // of the record
@@ -172,7 +173,8 @@ struct table_search {
         among.first = mid + 1;
         node = 2 * node + 2;
     }
-    bool is_guided() const { return node < nodes && among.entries() > LAST_ENTRIES; }
+    int32_t last_of_table() const { return static_cast<int32_t>(data->sefh_fde_count - 1); }
+    uint64_t distance(uint64_t location) const { return location - data->sefh_eh_frame_hdr + (uint64_t{1} << 31); }
 };
 
 // Fields that were read ahead, of entries from `first` on: the twin of table_search, the same numbers as read_pointer.
@@ -197,15 +199,59 @@ struct held_fields {
     }
 };
 
-// What is read in one call.
+// Entries that are read in one call, and perhaps the one behind them, or its location.
 struct part {
     range entries;
-    bool is_whole;  // all of them; else the one in the middle and the location behind it
-    bool is_guided; // to these
-    bool has_next;  // and the location behind them
+    unsigned behind; // fields
+    bool is_whole;   // these are all that are left; else the one in the middle
 };
 
+constexpr uint64_t PART_SIZE = 2048; // bytes of the table that are read in one call
+typedef uint8_t part_bytes[PART_SIZE + sizeof(uint64_t)];
+
 } // namespace
+
+// Reads a part of the table in one call. A call that failed, and one that has not to be made, are reported.
+static inline krv_bulk read_part(const table_search *s, const part &p, uint8_t *bytes)
+{
+    const krv_fd_t *as = &s->hp->sh_as;
+    const uint8_t application = s->data->sefh_te & 0xf0;
+    const uint64_t address = s->field_address(p.entries.first, 0);
+    const uint64_t size = (2 * p.entries.entries() + p.behind) * s->data->sefh_width;
+    if (!krv_fd_is_cb(as) || !krv_extent_fits(as->sfd_size, address, 0, size) ||
+        (application != DW_EH_PE_absptr && application != DW_EH_PE_pcrel && application != DW_EH_PE_datarel))
+        return krv_bulk::refused;
+    const krv_bulk bulk = krv_read_bulk(as, bytes, static_cast<size_t>(size), address);
+    if (bulk != krv_bulk::refused)
+        krv_clear_error(s->hp);
+    if (bulk == krv_bulk::failed) {
+        krv_fail(s->hp, KRV_ERR_IO, "read callback failed");
+        krv_note(s->hp, "failed to read VA");
+    }
+    return bulk;
+}
+
+// Calls `use` with the fields of a part, which are of some width and sign.
+template <typename Use>
+static inline found use_part(const table_search *s, const part &p, const uint8_t *bytes, Use use)
+{
+    const uint8_t encoding = s->data->sefh_te, application = encoding & 0xf0;
+    const int32_t first = p.entries.first;
+    const uint64_t relative = application == DW_EH_PE_pcrel ? UINT64_MAX : 0;
+    const uint64_t base =
+        application == DW_EH_PE_datarel ? s->data->sefh_eh_frame_hdr : s->field_address(first, 0) & relative;
+    const bool is_signed = (encoding & 0x08) != 0;
+    switch (s->data->sefh_width) {
+    case 2:
+        return is_signed ? use(held_fields<int16_t>{bytes, first, base, relative})
+                         : use(held_fields<uint16_t>{bytes, first, base, relative});
+    case 4:
+        return is_signed ? use(held_fields<int32_t>{bytes, first, base, relative})
+                         : use(held_fields<uint32_t>{bytes, first, base, relative});
+    default:
+        return use(held_fields<uint64_t>{bytes, first, base, relative});
+    }
+}
 
 // Looks at the entry in the middle. found::no: not yet.
 template <typename Read>
@@ -228,146 +274,159 @@ static inline found search_step(table_search *s, Read &read)
     return read(mid, 1, &s->at.fde_address, "failed to read location") ? found::yes : found::failed;
 }
 
-// The same by what the guide knows. False: it does not, or the entry is the one, which has to be read.
-static inline bool guided_step(table_search *s)
+// The same steps as far as the guide knows them. True: the entry in the middle is the one. None of them is a branch: which
+// way a search goes cannot be predicted.
+static inline bool follow_guide(table_search *s)
 {
-    krv_eh_guide_node *node = &s->guide[s->node];
-    if (krv_load(&node->known) == 0)
+    const uint64_t distance = s->distance(s->address), left = UINT32_MAX - distance;
+    if (distance >= UINT32_MAX)
         return false;
-    const int32_t mid = s->among.middle();
-    if (s->address < node->start)
-        s->go_left(mid);
-    else if (s->address >= node->next)
-        s->go_right(mid);
-    else
-        return false;
-    return true;
+    const krv_relaxed<uint64_t> *const bounds = s->bounds;
+    const uint64_t nodes = s->nodes;
+    auto first = static_cast<uint32_t>(s->among.first), entries = static_cast<uint32_t>(s->among.entries());
+    uint64_t node = s->node, seen = 0;
+    while (node < nodes && entries != 0) {
+        seen = bounds[node];
+        const uint32_t is_before = distance < (seen & UINT32_MAX), is_behind = seen >> 32 >= left;
+        if (is_before == is_behind)
+            break;
+        first += (0 - is_behind) & ((entries + 1) / 2);
+        entries = (entries - 1 + is_behind) / 2;
+        node = 2 * node + 1 + is_behind;
+    }
+    s->is_guided = s->is_guided || node != s->node;
+    s->among = {static_cast<int32_t>(first), static_cast<int32_t>(first + entries - 1)};
+    s->node = node;
+    return node < nodes && entries != 0 && seen != 0;
 }
 
+// Reads the entry to which the guide has led.
+static inline found read_answer(table_search *s)
+{
+    const int32_t mid = s->among.middle();
+    const part p = {{mid, mid}, mid == s->last_of_table() ? 0U : 2U, false};
+    uint8_t bytes[4 * sizeof(uint64_t)];
+    const krv_bulk bulk = read_part(s, p, bytes);
+    if (bulk != krv_bulk::read)
+        return bulk == krv_bulk::failed ? found::failed : found::astray;
+    return use_part(s, p, bytes, [s, mid, &p](const auto &fields) {
+        const bool has_next = p.behind != 0;
+        const uint64_t start = fields.field(mid, 0), next = has_next ? fields.field(mid + 1, 0) : start;
+        if (s->address < start || (has_next && s->address >= next))
+            return found::astray;
+        s->at = {start, fields.field(mid, 1), mid == s->among.last ? start : next};
+        s->likely_size = has_next ? fields.field(mid + 1, 1) - s->at.fde_address : 0;
+        return found::yes;
+    });
+}
+
+// Notes both bounds of the entry in the middle, if it is near enough.
 template <typename T>
 static inline void note_middle(table_search *s, const held_fields<T> &fields)
 {
-    krv_eh_guide_node *node = &s->guide[s->node];
-    node->start = fields.field(s->among.middle(), 0);
-    node->next = fields.field(s->among.middle() + 1, 0);
-    krv_store(&node->known, uint64_t{1});
+    const int32_t mid = s->among.middle();
+    const uint64_t start = s->distance(fields.field(mid, 0));
+    const uint64_t next = mid == s->among.last ? UINT32_MAX : s->distance(fields.field(mid + 1, 0));
+    if (start < UINT32_MAX && next <= UINT32_MAX)
+        s->bounds[s->node] = start | (UINT32_MAX - next) << 32;
 }
 
 template <typename T>
-static found search_held(table_search *s, const part &p, held_fields<T> fields)
+static found search_held(table_search *s, const part &p, const held_fields<T> &fields)
 {
+    const auto [first, last] = p.entries;
+    if (p.is_whole && s->is_guided &&
+        ((first != 0 && s->address < fields.field(first, 0)) ||
+         (p.behind != 0 && s->address >= fields.field(last + 1, 0))))
+        return found::astray;
     found result;
     do {
-        if (s->is_guided())
+        if (s->node < s->nodes)
             note_middle(s, fields);
         result = search_step(s, fields);
     } while (p.is_whole && result == found::no && s->among.first <= s->among.last);
-    if (p.is_guided && ((p.has_next && s->address >= fields.field(p.entries.last + 1, 0)) ||
-                        (p.is_whole && p.entries.first != 0 && s->address < fields.field(p.entries.first, 0))))
-        return found::astray;
     if (result == found::yes) {
         const int32_t mid = s->among.middle();
-        s->likely_size = p.is_whole && mid != p.entries.last ? fields.field(mid + 1, 1) - s->at.fde_address : 0;
+        s->likely_size = p.is_whole && mid != last ? fields.field(mid + 1, 1) - s->at.fde_address : 0;
     }
     return result;
 }
 
-// The numbers of a table by width and sign.
-static inline found search_numbers(table_search *s, const part &p, const uint8_t *bytes, int32_t first, uint64_t base,
-                                   uint64_t relative)
+static part next_part(const table_search *s)
 {
-    const bool is_signed = (s->data->sefh_te & 0x08) != 0;
-    switch (s->data->sefh_width) {
-    case 2:
-        return is_signed ? search_held<int16_t>(s, p, {bytes, first, base, relative})
-                         : search_held<uint16_t>(s, p, {bytes, first, base, relative});
-    case 4:
-        return is_signed ? search_held<int32_t>(s, p, {bytes, first, base, relative})
-                         : search_held<uint32_t>(s, p, {bytes, first, base, relative});
-    default:
-        return search_held<uint64_t>(s, p, {bytes, first, base, relative});
-    }
+    const int32_t mid = s->among.middle();
+    if (s->among.entries() * 2 * s->data->sefh_width > PART_SIZE)
+        return {{mid, mid}, 1, false};
+    return {s->among, s->is_guided && s->among.last != s->last_of_table() ? 1U : 0U, true};
 }
 
-// A step takes a call, which reads the entry in the middle and the location behind it, unless the guide knows it; the last
-// call reads all entries that are left, when they are few. Where that fails, the step is made through a cursor, which
-// reports the field.
-// The indices have 32 bits, and so has what counts of fde_count: a count whose low half is negative finds nothing.
-static found search_by(table_search *s)
+// A step takes a call, which reads the entry in the middle and the location behind it; the last call reads all entries that
+// are left, when they are few. Where that fails, the step is made through a cursor, which reports the field.
+[[gnu::noinline]] static found search_on(table_search *s)
 {
-    const krv_fd_t *as = &s->hp->sh_as;
-    const uint64_t width = s->data->sefh_width;
-    const uint8_t application = s->data->sefh_te & 0xf0;
-    const bool known = krv_fd_is_cb(as) && (application == DW_EH_PE_absptr || application == DW_EH_PE_pcrel ||
-                                            application == DW_EH_PE_datarel);
-    const uint64_t base = application == DW_EH_PE_datarel ? s->data->sefh_eh_frame_hdr : 0;
-    const uint64_t relative = application == DW_EH_PE_pcrel ? UINT64_MAX : 0;
-    uint8_t bytes[PART_SIZE + sizeof(uint64_t)];
-    s->among = {0, static_cast<int32_t>(s->data->sefh_fde_count - 1)};
-    s->node = 0;
-    const int32_t last = s->among.last;
-    bool is_guided = false;
+    part_bytes bytes;
     found outcome = found::no;
     while (outcome == found::no && s->among.first <= s->among.last) {
-        if (s->is_guided() && guided_step(s)) {
-            is_guided = true;
-            continue;
-        }
-        const uint64_t left = s->among.entries() * 2 * width;
-        part p = {s->among, left <= PART_SIZE, is_guided, false};
-        p.has_next = p.is_whole && is_guided && s->among.last != last;
-        const int32_t first = p.is_whole ? s->among.first : s->among.middle();
-        const uint64_t address = s->field_address(first, 0);
-        const uint64_t size = p.is_whole ? left + (p.has_next ? width : 0) : 3 * width;
-        const krv_bulk bulk = known && krv_extent_fits(as->sfd_size, address, 0, size)
-                                  ? krv_read_bulk(as, bytes, static_cast<size_t>(size), address)
-                                  : krv_bulk::refused;
-        if (bulk == krv_bulk::refused) {
-            outcome = is_guided ? found::astray : search_step(s, *s);
-            continue;
-        }
-        krv_clear_error(s->hp);
-        if (bulk == krv_bulk::failed) {
-            krv_fail(s->hp, KRV_ERR_IO, "read callback failed");
-            krv_note(s->hp, "failed to read VA");
+        const part p = next_part(s);
+        const krv_bulk bulk = read_part(s, p, bytes);
+        if (bulk == krv_bulk::failed)
             return found::failed;
-        }
-        outcome = search_numbers(s, p, bytes, first, base + (address & relative), relative);
+        if (bulk == krv_bulk::refused)
+            outcome = s->is_guided ? found::astray : search_step(s, *s);
+        else
+            outcome = use_part(s, p, bytes, [s, &p](const auto &fields) { return search_held(s, p, fields); });
     }
     return outcome;
 }
 
-// As many nodes as there are ranges with more than the last entries, within reason. None where memory is short, and until
-// a search has found something: a table of which only the count is large has no memory.
-static void find_guide(table_search *s, krv_eh_frame_reader_data *data)
+// The indices have 32 bits, and so has what counts of fde_count: a count whose low half is negative finds nothing.
+static inline found search_by(table_search *s)
 {
-    const auto count = static_cast<uint32_t>(data->sefh_fde_count);
-    const uint64_t nodes = std::min(std::bit_ceil(uint64_t{count} / LAST_ENTRIES) * 2, MOST_NODES);
-    s->nodes = 0;
-    if (count <= LAST_ENTRIES || count > INT32_MAX)
-        return;
-    s->guide = krv_load(&data->sefh_guide);
-    if (s->guide == nullptr) {
-        if (data->sefh_likely_address == 0)
-            return;
-        auto *fresh = static_cast<krv_eh_guide_node *>(krv_zalloc(s->hp, nodes * sizeof(krv_eh_guide_node)));
-        krv_clear_error(s->hp);
-        if (fresh == nullptr)
-            return;
-        s->guide = krv_publish(&data->sefh_guide, fresh, krv_free);
-    }
-    s->nodes = nodes;
+    s->among = {0, s->last_of_table()};
+    s->node = 0;
+    s->is_guided = false;
+    return s->nodes != 0 && s->among.last >= 0 && follow_guide(s) ? read_answer(s) : search_on(s);
 }
 
-static found search_table(table_search *s)
+// As many nodes as there are ranges, within reason. None where memory is short, and until a search has found something: a
+// table of which only the count is large has no memory.
+[[gnu::noinline]] static krv_eh_guide *make_guide(krv_handle_t *hp, krv_eh_frame_reader_data *data)
 {
-    const found outcome = search_by(s);
-    if (outcome != found::astray)
-        return outcome;
-    for (uint64_t node = 0; node < s->nodes; ++node)
-        krv_store(&s->guide[node].known, uint64_t{0});
+    constexpr uint64_t MOST = 1 << 15;
+    const auto count = static_cast<uint32_t>(data->sefh_fde_count);
+    if (data->sefh_likely_address == 0 || count > INT32_MAX)
+        return nullptr;
+    const uint64_t size = std::min(std::bit_ceil(uint64_t{count} + 1), MOST) - 1;
+    auto *fresh = static_cast<krv_eh_guide *>(krv_zalloc(hp, sizeof(krv_eh_guide) + size * sizeof(uint64_t)));
+    krv_clear_error(hp);
+    if (fresh == nullptr)
+        return nullptr;
+    fresh->size = size;
+    return krv_publish(&data->sefh_guide, fresh, krv_free);
+}
+
+static inline void find_guide(table_search *s, krv_eh_frame_reader_data *data)
+{
+    krv_eh_guide *guide = krv_load(&data->sefh_guide);
+    if (guide == nullptr)
+        guide = make_guide(s->hp, data);
+    s->nodes = guide == nullptr ? 0 : guide->size;
+    s->bounds = guide == nullptr ? nullptr : guide->bounds();
+}
+
+// Who was led to nothing looks again.
+[[gnu::noinline]] static found search_again(table_search *s, found outcome)
+{
+    for (uint64_t node = 0; outcome == found::astray && node < s->nodes; ++node)
+        s->bounds[node] = 0;
     s->nodes = 0;
     return search_by(s);
+}
+
+static inline found search_table(table_search *s)
+{
+    const found outcome = search_by(s);
+    return outcome == found::astray || (outcome == found::no && s->is_guided) ? search_again(s, outcome) : outcome;
 }
 
 static int abandon_table(krv_handle_t *hp, krv_eh_frame_reader_data *data)
@@ -388,8 +447,11 @@ int krv_eh_frame_gfoba(krv_handle_t *hp, krv_reader_t *reader, uint64_t address,
     const krv_eh_status_t status = krv_load(&data->sefh_status);
     if (status == KRV_EFH_UNSUPPORTED)
         return krv_fail_code(hp, KRV_ERR_UNSUPPORTED);
-    if (status == KRV_EFH_UNINITIALISED && !load_header(hp, data))
-        return abandon_table(hp, data);
+    if (status == KRV_EFH_UNINITIALISED) {
+        if (!load_header(hp, data))
+            return abandon_table(hp, data);
+        reader->sr_likely_fdes = static_cast<uint32_t>(std::min<uint64_t>(data->sefh_fde_count, UINT32_MAX));
+    }
     table_search s;
     s.hp = hp;
     s.data = data;

@@ -3,6 +3,7 @@
 
 #include "krv_debug_frame.h"
 #include "krv_eh_frame.h"
+#include "krv_known_rows.h"
 #include "krv_mem.h"
 #include "krv_no_frame.h"
 
@@ -38,6 +39,7 @@ void krv_destroy_reader(krv_handle_t *hp)
         return;
     if (reader->sr_lt != nullptr)
         krv_linear_deleter()(reader->sr_lt);
+    krv_known_rows_free(reader->sr_known);
     reader->sr_ops->sro_destroy_reader(reader);
     hp->sh_frame_reader = nullptr;
 }

@@ -12,6 +12,7 @@
 typedef int krv_augtype_t;
 enum { KRV_AUG_NONE = 0, KRV_AUG_AMD64 = 1 };
 
+struct krv_known_rows;
 struct krv_linear_t; // every FDE of the section by address
 
 constexpr size_t KRV_AUGMENTATION_SIZE = 16; // longest augmentation string, the terminating NUL included
@@ -37,6 +38,7 @@ struct krv_cie_t {
     const krv_augmentation_t *scie_augmentation;          // decodes instructions, those of its FDEs too
     bool scie_signal;                                     // as written: of the trampoline of a signal handler
     uint64_t scie_decoding;   // equal numbers: decoded from equal bytes, all of them in the window; 0: nothing is known
+    bool scie_is_kept;        // by its reader, for all who ask, as is scie_decoding then: not to be changed
     krv_window_t scie_window; // over scie_fd: the record's bytes, as many as were read ahead
 };
 
@@ -75,6 +77,8 @@ struct krv_reader {
     krv_linear_t *sr_lt; // NULL until an address lookup needs it; published by compare-and-swap
     const krv_reader_ops_t *sr_ops;
     void *sr_data; // the reader's own
+    krv_known_rows *sr_known; // owned: what instructions have said; published by compare-and-swap
+    krv_relaxed<uint32_t> sr_likely_fdes; // as an index has it; 0: not known
 };
 typedef krv_reader krv_reader_t;
 

@@ -9,6 +9,7 @@
 #include "krv_expr_eval.h"
 #include "krv_fd.h"
 #include "krv_frame.h"
+#include "krv_known_rows.h"
 
 namespace
 {
@@ -36,15 +37,6 @@ static int place_cursor(krv_fd_t *fdp, uint64_t offset, uint64_t size)
     return krv_fd_seek(fdp, offset) == 0 && krv_fd_truncate(fdp, size) == 0 ? 0 : -1;
 }
 
-// Copies the rules of `slots`; those of the others are equal already.
-static void copy_rules(krv_cfarule_t *to, const krv_cfarule_t *from, const krv_slots_t &slots)
-{
-    slots.for_each([to, from](unsigned int slot) {
-        to[slot] = from[slot];
-        return true;
-    });
-}
-
 // What the instructions of a CIE and of its FDEs have in common.
 static krv_ruleset_t rules_of(const krv_activation_t *ap, const krv_cie_t *cie, krv_cfarule_t *currentp)
 {
@@ -58,15 +50,14 @@ static krv_ruleset_t rules_of(const krv_activation_t *ap, const krv_cie_t *cie, 
     return rules;
 }
 
-static int generate_cie_rules(krv_handle_t *hp, krv_activation_t *ap, krv_cie_t *cie)
+// Of a CIE that is kept for all, the window is no place to note anything in.
+static int execute_cie(krv_handle_t *hp, krv_activation_t *ap, const krv_cie_t *cie, krv_window_t *window)
 {
-    if (cie->scie_decoding != 0 && cie->scie_decoding == ap->sa_initial_of)
-        return 0; // the same instructions as the last time
     ap->sa_initial_of = 0;
-    krv_fd_t fd = krv_fd_windowed(&cie->scie_fd, &cie->scie_window);
+    krv_fd_t fd = krv_fd_windowed(&cie->scie_fd, window);
     if (ap->sa_args.sa_argc != 0) // all is zero otherwise
         ap->sa_args = {};
-    copy_rules(ap->sa_initial, ap->sa_default, ap->sa_initial_changed);
+    krv_copy_rules(ap->sa_initial, ap->sa_default, ap->sa_initial_changed);
     ap->sa_initial_changed = {};
     if (place_cursor(&fd, cie->scie_cfi_offset, cie->scie_cfi_size) != 0)
         return -1;
@@ -80,13 +71,33 @@ static int generate_cie_rules(krv_handle_t *hp, krv_activation_t *ap, krv_cie_t 
     return result;
 }
 
-static int generate_fde_rules(krv_handle_t *hp, krv_activation_t *ap, krv_fde_t *fde, uint64_t pc,
+static int generate_cie_rules(krv_handle_t *hp, krv_activation_t *ap, krv_cie_t *cie)
+{
+    if (cie->scie_decoding != 0 && cie->scie_decoding == ap->sa_initial_of)
+        return 0; // the same instructions as the last time
+    if (!cie->scie_is_kept)
+        return execute_cie(hp, ap, cie, &cie->scie_window);
+    krv_window_t window = cie->scie_window;
+    return execute_cie(hp, ap, cie, &window);
+}
+
+namespace
+{
+
+struct extent {
+    uint64_t start, size;
+};
+
+} // namespace
+
+static int generate_fde_rules(krv_handle_t *hp, krv_activation_t *ap, krv_fde_t *fde, extent code, uint64_t pc,
                               krv_row_f *row = nullptr, void *row_arg = nullptr)
 {
     const krv_cie_t *cie = fde->sfde_cie;
+    ap->sa_has_compact = false;
     krv_fd_t fd = krv_fd_windowed(&cie->scie_fd, &fde->sfde_window);
     ap->sa_current_changed.add(ap->sa_initial_changed);
-    copy_rules(ap->sa_current, ap->sa_initial, ap->sa_current_changed);
+    krv_copy_rules(ap->sa_current, ap->sa_initial, ap->sa_current_changed);
     ap->sa_current_changed = ap->sa_initial_changed;
     if (place_cursor(&fd, fde->sfde_cfi_offset, fde->sfde_cfi_size) != 0)
         return -1;
@@ -94,8 +105,8 @@ static int generate_fde_rules(krv_handle_t *hp, krv_activation_t *ap, krv_fde_t 
     krv_ruleset_t rules = rules_of(ap, cie, ap->sa_current);
     rules.initialp = ap->sa_initial;
     rules.pc = pc;
-    rules.slocation = fde->sfde_target_address;
-    rules.arange = fde->sfde_address_range;
+    rules.slocation = code.start;
+    rules.arange = code.size;
     rules.row = row;
     rules.row_arg = row_arg;
     const int result = krv_generate_ruleset(hp, &fd, &rules);
@@ -108,6 +119,36 @@ static void enter_function(krv_activation_t *ap, const krv_fde_t *fde)
 {
     ap->sa_cie_fd = fde->sfde_cie->scie_fd;
     ap->sa_function = {fde->sfde_target_address, fde->sfde_address_range, fde->sfde_cie->scie_signal ? 1 : 0};
+}
+
+static extent extent_of(const krv_fde_t *fde)
+{
+    return {fde->sfde_target_address, fde->sfde_address_range};
+}
+
+// Executes the instructions to their end, as if they began at address 0, for all FDEs that have the same.
+[[gnu::noinline]] static void learn_rows(krv_handle_t *hp, krv_activation_t *ap, krv_reader_t *reader, krv_fde_t *fde,
+                                         const krv_rows_key &key)
+{
+    krv_rows_draft draft;
+    if (krv_rows_begin(&draft, hp, reader, ap, fde->sfde_cie, key))
+        krv_rows_keep(&draft, key,
+                      generate_cie_rules(hp, ap, fde->sfde_cie) == 0 &&
+                          generate_fde_rules(hp, ap, fde, {0, KRV_ROWS_SPAN + 1}, KRV_ROWS_SPAN, krv_rows_add,
+                                             &draft) == 0);
+}
+
+// What the instructions said before, if they did not lead past the last address.
+static bool apply_known_rows(krv_handle_t *hp, krv_activation_t *ap, krv_fde_t *fde, uint64_t pc)
+{
+    krv_reader_t *reader = krv_load(&hp->sh_frame_reader);
+    krv_rows_key key;
+    if (fde->sfde_target_address > UINT64_MAX - KRV_ROWS_SPAN || !krv_rows_key_of(fde, &key))
+        return false;
+    if (krv_rows_apply(reader, ap, key, pc - fde->sfde_target_address))
+        return true;
+    learn_rows(hp, ap, reader, fde, key);
+    return false;
 }
 
 // What the records say.
@@ -123,9 +164,11 @@ static int read_rules(krv_handle_t *hp, krv_activation_t *ap, uint64_t pc, uint6
     krv_cie_t *cie = fde->sfde_cie;
     enter_function(ap, fde.get());
     *columnp = cie->scie_return_address_register;
+    if (apply_known_rows(hp, ap, fde.get(), pc))
+        return 0;
     if (generate_cie_rules(hp, ap, cie) != 0)
         return krv_note(hp, "failed to generate CIE's rules");
-    if (generate_fde_rules(hp, ap, fde.get(), pc) != 0)
+    if (generate_fde_rules(hp, ap, fde.get(), extent_of(fde.get()), pc) != 0)
         return krv_note(hp, "failed to generate FDE's rules");
     return 0;
 }
@@ -155,7 +198,9 @@ int krv_generate_rows(krv_handle_t *hp, krv_activation_t *ap, krv_fde_t *fde, kr
     KRV_ASSERT(fde->sfde_address_range != 0);
     enter_function(ap, fde);
     const uint64_t last = fde->sfde_target_address + fde->sfde_address_range - 1;
-    return generate_cie_rules(hp, ap, fde->sfde_cie) != 0 ? -1 : generate_fde_rules(hp, ap, fde, last, row, arg);
+    return generate_cie_rules(hp, ap, fde->sfde_cie) != 0
+               ? -1
+               : generate_fde_rules(hp, ap, fde, extent_of(fde), last, row, arg);
 }
 
 int krv_find_function(krv_handle_t *hp, krv_activation_t *ap)
