@@ -53,7 +53,7 @@ enum : uint8_t {
     KRV_CFA_BYTE,  // one byte, two, or four
     KRV_CFA_HALF,
     KRV_CFA_WORD,
-    KRV_CFA_OTHER  // not to be decoded at a glance
+    KRV_CFA_OTHER // not to be decoded at a glance
 };
 extern const std::array<uint8_t, 256> krv_cfa_shapes;
 

@@ -138,8 +138,7 @@ void krv_compact_decode(krv_activation_t *ap, const krv_compact_t *rule)
         krv_copy_rules(ap->sa_current, ap->sa_default, ap->sa_current_changed);
         ap->sa_current_changed = {};
     }
-    const bool is_alike =
-        ap->sa_has_compact && std::memcmp(ap->sa_compact.kept, rule->kept, sizeof(rule->kept)) == 0;
+    const bool is_alike = ap->sa_has_compact && std::memcmp(ap->sa_compact.kept, rule->kept, sizeof(rule->kept)) == 0;
     for (unsigned i = 0; !is_alike && i < mach->smd_n_kept; ++i)
         if (!ap->sa_has_compact || ap->sa_compact.kept[i] != rule->kept[i])
             set_kept(ap, mach->smd_kept[i], rule->kept[i], word);
@@ -193,7 +192,7 @@ static bool grow_index(krv_handle_t *hp, krv_compact *c)
     return true;
 }
 
-static krv_compact_number_t intern(krv_handle_t *hp, krv_compact *c, const krv_compact_t *rule)
+krv_compact_number_t krv_compact_intern_alone(krv_handle_t *hp, krv_compact *c, const krv_compact_t *rule)
 {
     if (!grow_index(hp, c))
         return KRV_COMPACT_ASK;
@@ -213,7 +212,7 @@ static krv_compact_number_t intern(krv_handle_t *hp, krv_compact *c, const krv_c
 krv_compact_number_t krv_compact_intern(krv_handle_t *hp, krv_compact *c, const krv_compact_t *rule)
 {
     const krv_build_guard guard(hp);
-    return intern(hp, c, rule);
+    return krv_compact_intern_alone(hp, c, rule);
 }
 
 // ---------------------------------------------------------------------------------------------------------------

@@ -65,6 +65,8 @@ bool krv_compact_encode(const krv_activation_t *ap, uint64_t column, krv_compact
 
 // The number of a rule; KRV_COMPACT_ASK when there are too many, or, with KRV_ERR_NOMEM, no memory.
 krv_compact_number_t krv_compact_intern(krv_handle_t *hp, krv_compact *c, const krv_compact_t *rule);
+// The same, of what no other thread adds to meanwhile.
+krv_compact_number_t krv_compact_intern_alone(krv_handle_t *hp, krv_compact *c, const krv_compact_t *rule);
 
 // Fills the rules of an activation; of a rule without KRV_COMPACT_ORIGINS.
 void krv_compact_decode(krv_activation_t *ap, const krv_compact_t *rule);

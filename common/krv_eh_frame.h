@@ -17,20 +17,20 @@ constexpr unsigned KRV_EH_KEPT_CIES = 8; // a linker leaves two or three
 
 // The reader's sr_data.
 struct krv_eh_frame_reader_data {
-    uint64_t sefh_eh_frame_hdr;    // where .eh_frame_hdr is loaded
-    uint64_t sefh_eh_frame;        // where .eh_frame is loaded
-    krv_eh_status_t sefh_status;   // published after what follows, which only the header tells
-    uint8_t sefh_version;          // not checked
-    uint8_t sefh_fpe;              // encoding of eh_frame_ptr
-    uint8_t sefh_fdece;            // encoding of fde_count
-    uint8_t sefh_te;               // encoding of the table's fields
-    uint64_t sefh_fp;              // eh_frame_ptr, for nothing
-    uint64_t sefh_fde_count;       // entries of the table
-    uint64_t sefh_table_offset;    // target address of the first
-    uint8_t sefh_width;            // bytes of one field: 2, 4 or 8
+    uint64_t sefh_eh_frame_hdr;                     // where .eh_frame_hdr is loaded
+    uint64_t sefh_eh_frame;                         // where .eh_frame is loaded
+    krv_eh_status_t sefh_status;                    // published after what follows, which only the header tells
+    uint8_t sefh_version;                           // not checked
+    uint8_t sefh_fpe;                               // encoding of eh_frame_ptr
+    uint8_t sefh_fdece;                             // encoding of fde_count
+    uint8_t sefh_te;                                // encoding of the table's fields
+    uint64_t sefh_fp;                               // eh_frame_ptr, for nothing
+    uint64_t sefh_fde_count;                        // entries of the table
+    uint64_t sefh_table_offset;                     // target address of the first
+    uint8_t sefh_width;                             // bytes of one field: 2, 4 or 8
     struct krv_eh_cie *sefh_cies[KRV_EH_KEPT_CIES]; // those that were decoded first, published by compare-and-swap
-    struct krv_eh_fde *sefh_spare; // a record that is free for the next query, or NULL; taken and put back atomically
-    struct krv_eh_guide *sefh_guide;           // what searches of the table have seen, published by compare-and-swap
+    struct krv_eh_fde *sefh_spare;   // a record that is free for the next query, or NULL; taken and put back atomically
+    struct krv_eh_guide *sefh_guide; // what searches of the table have seen, published by compare-and-swap
     krv_relaxed<uint64_t> sefh_likely_address; // of the record that a search has found last,
     krv_relaxed<uint64_t> sefh_likely_size;    // and its bytes, if the next record of the table follows it; else 0
 };

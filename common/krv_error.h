@@ -7,11 +7,14 @@
 
 #include "krv_types.h"
 
-// Empties code and messages; the texts in the slots stay until overwritten.
+// Empties code and messages; the texts in the slots stay until overwritten. What is empty already is not stored again: the
+// threads that share a handle would wait for each other's stores.
 inline void krv_clear_error(krv_handle_t *hp)
 {
-    hp->sh_nerrors = 0;
-    hp->sh_errno = KRV_ERR_NONE;
+    if (hp->sh_nerrors != 0)
+        hp->sh_nerrors = 0;
+    if (hp->sh_errno != KRV_ERR_NONE)
+        hp->sh_errno = KRV_ERR_NONE;
 }
 
 // Forgets what stands in the way of no answer. False: memory ran out, which does.

@@ -76,8 +76,8 @@ struct krv_reader_ops_t {
 struct krv_reader {
     krv_linear_t *sr_lt; // NULL until an address lookup needs it; published by compare-and-swap
     const krv_reader_ops_t *sr_ops;
-    void *sr_data; // the reader's own
-    krv_known_rows *sr_known; // owned: what instructions have said; published by compare-and-swap
+    void *sr_data;                        // the reader's own
+    krv_known_rows *sr_known;             // owned: what instructions have said; published by compare-and-swap
     krv_relaxed<uint32_t> sr_likely_fdes; // as an index has it; 0: not known
 };
 typedef krv_reader krv_reader_t;

@@ -32,12 +32,13 @@ struct program {
     }
 };
 
-constexpr uint32_t SLOTS_FEWEST = 64, SLOTS_MOST = 2048, PROBES = 4;
+constexpr uint32_t SLOTS_FEWEST = 64, SLOTS_MOST = 4096, PROBES = 4;
 
 } // namespace
 
 // Open addressing: a program stands in one of PROBES slots, and stays there.
 struct krv_known_rows {
+    krv_rwlock_t lock; // while a rule is added; no call-back runs then
     krv_compact rules; // by number
     uint32_t slots;    // a power of two
 
@@ -54,6 +55,7 @@ void krv_known_rows_free(krv_known_rows *known)
     for (uint32_t i = 0; i < known->slots; ++i)
         krv_free(known->programs()[i]);
     krv_compact_clear(&known->rules);
+    krv_rwlock_destroy(&known->lock);
     krv_free(known);
 }
 
@@ -87,7 +89,7 @@ bool krv_rows_key_of(const krv_fde_t *fde, krv_rows_key *key)
     return true;
 }
 
-// Where the program with these bytes stands, or would. NULL: there is no room.
+// Where the program with these bytes stands, or would stand. NULL: there is no room.
 static program **find(krv_known_rows *known, const krv_rows_key &key)
 {
     for (uint32_t probe = 0; probe < PROBES; ++probe) {
@@ -127,6 +129,7 @@ static krv_known_rows *need_known(krv_handle_t *hp, krv_reader_t *reader)
     auto *fresh = static_cast<krv_known_rows *>(krv_zalloc(hp, size));
     if (fresh == nullptr)
         return nullptr;
+    krv_rwlock_init(&fresh->lock);
     fresh->slots = slots;
     fresh->rules.count = KRV_COMPACT_FIRST;
     return krv_publish(&reader->sr_known, fresh, krv_known_rows_free);
@@ -159,7 +162,6 @@ static bool are_portable(const krv_rows_key &key, uint64_t code_align)
     return true;
 }
 
-
 static void publish(krv_rows_draft *draft, const krv_rows_key &key)
 {
     const size_t rows = draft->count;
@@ -178,26 +180,30 @@ static void publish(krv_rows_draft *draft, const krv_rows_key &key)
 bool krv_rows_begin(krv_rows_draft *draft, krv_handle_t *hp, krv_reader_t *reader, krv_activation_t *ap,
                     const krv_cie_t *cie, const krv_rows_key &key)
 {
-    draft->known = need_known(hp, reader);
+    // The debug call-back would be told of failures that the query does not meet.
+    if (hp->sh_opts[KRV_OPT_DEBUG_FUNC].sopt_set == B_TRUE)
+        return false;
+    krv_known_rows *known = need_known(hp, reader);
     krv_clear_error(hp);
-    program **slot = draft->known == nullptr ? nullptr : find(draft->known, key);
+    program **slot = known == nullptr ? nullptr : find(known, key);
     if (slot == nullptr || krv_load(slot) != nullptr)
         return false;
-    krv_relaxed<uint32_t> &seen = draft->known->seen()[draft->known->slot(key.hash, 0)];
+    krv_relaxed<uint32_t> &seen = known->seen()[known->slot(key.hash, 0)];
+    if (seen != key.hash) {
+        seen = key.hash;
+        return false;
+    }
     draft->hp = hp;
+    draft->known = known;
     draft->ap = ap;
     draft->column = cie->scie_return_address_register;
     draft->behind = 0;
     draft->is_short = false;
     draft->count = 0;
-    // The debug call-back would be told of failures that the query does not meet.
-    if (seen == key.hash && hp->sh_opts[KRV_OPT_DEBUG_FUNC].sopt_set != B_TRUE) {
-        if (are_portable(key, cie->scie_code_alignment_factor))
-            return true;
-        publish(draft, key);
-        krv_clear_error(hp);
-    }
-    seen = key.hash;
+    if (are_portable(key, cie->scie_code_alignment_factor))
+        return true;
+    publish(draft, key);
+    krv_clear_error(hp);
     return false;
 }
 
@@ -207,8 +213,10 @@ static void add_row(krv_rows_draft *draft)
     krv_compact_t rule;
     krv_compact_number_t number = KRV_COMPACT_ASK;
     krv_clear_error(draft->hp);
-    if (krv_compact_encode(draft->ap, draft->column, &rule))
-        number = krv_compact_intern(draft->hp, &draft->known->rules, &rule);
+    if (krv_compact_encode(draft->ap, draft->column, &rule)) {
+        const krv_write_guard guard(&draft->known->lock);
+        number = krv_compact_intern_alone(draft->hp, &draft->known->rules, &rule);
+    }
     draft->is_short = draft->is_short || draft->hp->sh_errno == KRV_ERR_NOMEM;
     if (draft->count != 0 && draft->rules[draft->count - 1] == number)
         return;
@@ -230,7 +238,7 @@ void krv_rows_keep(krv_rows_draft *draft, const krv_rows_key &key, bool is_compl
         add_row(draft);
     else
         draft->count = 0;
-    if (!draft->is_short && !(draft->hp->sh_errno == KRV_ERR_NOMEM))
+    if (!draft->is_short && draft->hp->sh_errno != KRV_ERR_NOMEM)
         publish(draft, key);
     krv_clear_error(draft->hp);
 }

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // What the instructions of FDEs have said: the rows that they make, kept with their bytes, and used again for every FDE
-// that has the same bytes and the same CIE. Most functions share theirs with others. Nothing is kept by address, so nothing
+// that has the same bytes and the same CIE. More than half of all functions share theirs with others. Nothing is kept by address, so nothing
 // grows stale: an FDE is read before it is asked what its instructions say.
 #ifndef KRV_KNOWN_ROWS_H
 #define KRV_KNOWN_ROWS_H

@@ -132,10 +132,10 @@ static extent extent_of(const krv_fde_t *fde)
 {
     krv_rows_draft draft;
     if (krv_rows_begin(&draft, hp, reader, ap, fde->sfde_cie, key))
-        krv_rows_keep(&draft, key,
-                      generate_cie_rules(hp, ap, fde->sfde_cie) == 0 &&
-                          generate_fde_rules(hp, ap, fde, {0, KRV_ROWS_SPAN + 1}, KRV_ROWS_SPAN, krv_rows_add,
-                                             &draft) == 0);
+        krv_rows_keep(
+            &draft, key,
+            generate_cie_rules(hp, ap, fde->sfde_cie) == 0 &&
+                generate_fde_rules(hp, ap, fde, {0, KRV_ROWS_SPAN + 1}, KRV_ROWS_SPAN, krv_rows_add, &draft) == 0);
 }
 
 // What the instructions said before, if they did not lead past the last address.

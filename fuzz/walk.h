@@ -36,18 +36,24 @@ struct frame_answer {
     krv_frame_info_t info;
     unsigned int argc;
 
+    uint64_t messages; // a sum of their texts
+
     frame_answer(krv_handle_t *hp, krv_activation_t *ap)
     {
         std::memset(this, 0, sizeof(*this)); // padding, too
         result = korva_activation_get_gregs(hp, ap, KRV_ACTIVATION_FRAME_CALLER, &gregs, &mask);
         code = korva_handle_get_errno(hp);
+        unsigned int count = 0;
+        char **texts = korva_handle_get_errmsgs(hp, &count);
+        for (unsigned int i = 0; i < count; ++i)
+            for (const char *c = texts[i]; *c != '\0'; ++c)
+                messages = messages * 31 + static_cast<unsigned char>(*c);
         korva_activation_get_frame_info(hp, ap, &info);
         korva_activation_get_argc(hp, ap, &argc);
     }
 };
 
-// Walks with and without the promise that call-frame information is constant, frame by frame: who has it must be told the
-// same. `kept` was asked nothing else before, or has been prefilled.
+// Walks by two handles of which one keeps more, frame by frame: both must be told the same.
 inline void walk_alike(krv_handle_t *hp, krv_activation_t *ap, krv_handle_t *kept, krv_activation_t *ap_kept)
 {
     for (int frame = 0; frame < 20; ++frame) {
@@ -107,9 +113,12 @@ inline void walk(krv_handle_t *hp, krv_activation_t *ap)
     }
 }
 
-// Walks from each of some addresses with a handle that keeps nothing, and twice by a cache, then by a table, which knows
-// the records alone and is not made of a search table. `attach` gives a handle its sections. Faulty reads are no constant
-// memory.
+// Nobody hears what is learned: where there is a debug call-back, nothing is.
+inline void ignore_message(unsigned int, const char *, void *) {}
+
+// Walks from each of some addresses with a handle that learns nothing, beside one that does; and by a cache, then by a
+// table, which knows the records alone and is not made of a search table. `attach` gives a handle its sections. Faulty reads
+// are no constant memory.
 template <typename Attach>
 void compare_kept(const input &how, const Attach &attach, bool has_search_table, krv_gregset_t &gregs,
                   std::span<const uint64_t> pcs, source *memory)
@@ -117,15 +126,20 @@ void compare_kept(const input &how, const Attach &attach, bool has_search_table,
     for (const bool filled : {false, true}) {
         if (how.has_faults() || (filled && has_search_table))
             continue;
-        handle plain(how), kept(how);
-        attach(plain);
-        attach(kept);
+        handle plain(how), learning(how), kept(how);
+        for (handle *h : {&plain, &learning, &kept})
+            attach(*h);
+        korva_handle_set_opt(plain, KRV_OPT_DEBUG_FUNC, ignore_message);
         korva_handle_set_opt(kept, KRV_OPT_EXT_CONSTANT_FRAMES, uint64_t{1});
         if (filled)
             korva_frames_prefill(kept);
         krv_activation_t *ap_plain = korva_activation_alloc(plain), *ap_kept = korva_activation_alloc(kept);
+        krv_activation_t *ap_learning = korva_activation_alloc(learning);
         for (const uint64_t pc : pcs)
-            for (int times = 0; times < 2; ++times) {
+            for (int times = 0; times < 3; ++times) {
+                start_at(plain, ap_plain, gregs, pc);
+                start_at(learning, ap_learning, gregs, pc);
+                walk_alike(plain, ap_plain, learning, ap_learning);
                 start_at(plain, ap_plain, gregs, pc);
                 start_at(kept, ap_kept, gregs, pc);
                 walk_alike(plain, ap_plain, kept, ap_kept);
@@ -133,6 +147,7 @@ void compare_kept(const input &how, const Attach &attach, bool has_search_table,
                 if (filled)
                     walk_by_table(plain, ap_plain, kept, gregs, memory);
             }
+        korva_activation_free(ap_learning);
         korva_activation_free(ap_plain);
         korva_activation_free(ap_kept);
     }

@@ -1,10 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // The caller's frame, walks over a stack, and arguments.
+#include "krv_unwind.h"
 #include "support/activation.h"
 
 #include <algorithm>
 #include <cstring>
+#include <random>
 
 using namespace krv_test;
 
@@ -288,6 +290,87 @@ TEST(Unwind, RecordsAreReadAfresh)
         s.load(0, 0); // a change: evaluated again
         const std::string found = s.caller(7);
         EXPECT_TRUE(found.starts_with(row.expected)) << found;
+    }
+}
+
+// What the rules at a program counter are, or the error.
+static std::string rules_at(krv_handle_t *hp, krv_activation_t *ap, uint64_t pc)
+{
+    uint64_t column = 0;
+    if (krv_generate_rules(hp, ap, pc, &column) != 0)
+        return error_line(hp);
+    std::string all = text("%lx+%lx r%lu", ap->sa_function.start, ap->sa_function.size, column);
+    for (unsigned slot = 0; slot < ap->sa_n_registers; ++slot) {
+        const krv_cfarule_t &rule = ap->sa_current[slot];
+        const bool is_expression = rule.desc == KRV_CFA_RULE_EXPRESSION || rule.desc == KRV_CFA_RULE_VAL_EXPRESSION;
+        all += text(" %d/%lx/%lx", rule.desc, rule.arg, is_expression ? rule.offset : 0);
+    }
+    return all;
+}
+
+// Instructions that were seen before, beside a handle that learns nothing, since it is watched: of random functions, some
+// with the same ones, of two CIEs, also where addresses wrap, and when a byte changes.
+TEST(Unwind, KnownRows)
+{
+    std::mt19937_64 random(17);
+    const bytes pool[] = {op(DW_CFA_advance_loc, 4),
+                          op(DW_CFA_advance_loc1).u8(9),
+                          op(DW_CFA_advance_loc2).u16(30),
+                          op(DW_CFA_advance_loc4).u32(20),
+                          op(DW_CFA_def_cfa).uleb(6).uleb(16),
+                          op(DW_CFA_def_cfa_offset).uleb(48),
+                          op(DW_CFA_offset, 6).uleb(2),
+                          op(DW_CFA_offset, 3).uleb(3),
+                          op(DW_CFA_restore, 3),
+                          op(DW_CFA_remember_state),
+                          op(DW_CFA_same_value).uleb(12),
+                          op(DW_CFA_restore_state), // from here on with errors, or not to be kept
+                          op(DW_CFA_val_offset).uleb(3).uleb(1),
+                          op(DW_CFA_val_expression).uleb(3) + block(op(DW_OP_lit1)),
+                          op(DW_CFA_set_loc).u32(40),
+                          op(DW_CFA_offset_extended).uleb(99).uleb(1)};
+    constexpr unsigned FUNCTIONS = 24;
+    for (int round = 0; round < 60; ++round) {
+        reader memory{.contents = {}, .base = eh_frame_address};
+        bytes programs[4];
+        for (bytes &program : programs)
+            for (size_t n = random() % 12; n > 0; --n)
+                program += pool[random() % (random() % 4 == 0 ? std::size(pool) : 11)];
+        uint64_t starts[FUNCTIONS], parent = 0;
+        for (unsigned i = 0; i < FUNCTIONS; ++i) {
+            const bool is_second = i >= FUNCTIONS / 2, is_high = is_second && i % 2 == 0;
+            const uint8_t encoding = is_second ? DW_EH_PE_absptr : DW_EH_PE_pcrel | DW_EH_PE_sdata4;
+            if (i % (FUNCTIONS / 2) == 0) {
+                parent = eh_frame_address + memory.contents.size();
+                memory.contents += eh_cie{.code_align = is_second && random() % 4 == 0 ? UINT64_MAX : 1,
+                                          .data = bytes().u8(encoding),
+                                          .instructions = op(DW_CFA_def_cfa).uleb(7).uleb(is_second ? 16 : 8)}
+                                       .build();
+            }
+            starts[i] = is_high ? 0 - 0x40 * uint64_t{FUNCTIONS - i} : 0x1000 + 0x80 * i;
+            memory.contents += eh_fde{.cie = parent,
+                                      .address = starts[i],
+                                      .range = 1 + random() % (is_high ? 0x3f : 0x7f),
+                                      .encoding = encoding,
+                                      .instructions = programs[random() % std::size(programs)]}
+                                   .build(eh_frame_address + memory.contents.size());
+        }
+        memory.contents.u32(0);
+        handle learning, watched;
+        watched.watch();
+        for (handle *h : {&learning, &watched}) {
+            korva_handle_set_opt(*h, KRV_OPT_EH_FRAME_ADDR, eh_frame_address);
+            korva_attach_as(*h, reader::read, &memory);
+        }
+        const krv_activation_owner one(korva_activation_alloc(learning)), other(korva_activation_alloc(watched));
+        for (unsigned query = 0; query < 300; ++query) {
+            if (query > 200 && query % 10 == 0)
+                memory.contents.set(random() % memory.contents.size(), random() % 256, 1);
+            const uint64_t pc = starts[random() % FUNCTIONS] + random() % 0x60;
+            ASSERT_EQ(rules_at(learning, one.get(), pc), rules_at(watched, other.get(), pc)) << round << " " << query;
+        }
+        const auto *reader = krv_get_reader(learning);
+        EXPECT_TRUE(reader->sr_known != nullptr && krv_get_reader(watched)->sr_known == nullptr);
     }
 }
 
