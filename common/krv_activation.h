@@ -50,8 +50,8 @@ struct krv_activation {
     uint64_t sa_initial_of;         // scie_decoding of the CIE whose rules sa_initial and sa_args hold, or 0
     krv_slots_t sa_initial_changed; // where sa_initial may differ from sa_default,
     krv_slots_t sa_current_changed; // and where sa_current may
-    bool sa_has_compact;            // sa_current says what sa_compact does
-    krv_compact_t sa_compact;
+    bool sa_knows_kept;             // sa_current came of a compact rule,
+    int16_t sa_kept[KRV_MAX_KEPT];  // which said this of the registers that calls preserve
     krv_activation_args_t sa_args;
     krv_fd_t sa_cie_fd;           // the cursor through which the expressions of rules and arguments are read
     krv_frame_info_t sa_function; // what covers the program counter, of the last evaluation; its size is 0: nothing

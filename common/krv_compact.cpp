@@ -114,38 +114,44 @@ bool krv_compact_encode(const krv_activation_t *ap, uint64_t column, krv_compact
         [rules, end](unsigned int slot) { return slot >= end || rules[slot].desc == KRV_CFA_RULE_UNDEFINED; });
 }
 
-static void set_rule(krv_activation_t *ap, unsigned int slot, krv_ruledesc_t desc, uint64_t arg)
+// The rules of slots that no compact rule tells.
+static void take_defaults(krv_activation_t *ap)
 {
-    ap->sa_current[slot].desc = desc;
-    ap->sa_current[slot].arg = arg;
-    ap->sa_current_changed.add(slot);
+    const krv_mach_def_t *mach = ap->sa_mach_def;
+    krv_copy_rules(ap->sa_current, ap->sa_default, ap->sa_current_changed);
+    ap->sa_current_changed = {};
+    for (unsigned i = 0; i < mach->smd_n_kept; ++i)
+        ap->sa_current_changed.add(mach->smd_kept[i]);
+    ap->sa_current_changed.add(krv_library_slot(ap, KRV_REG_CFA));
 }
 
-// What rules say of a kept register.
-static void set_kept(krv_activation_t *ap, unsigned int slot, int16_t kept, uint64_t word)
+static void set_kept(krv_cfarule_t *rule, int16_t kept, uint64_t word)
 {
-    if (kept == KRV_KEPT_SAME || kept == KRV_KEPT_UNDEFINED)
-        set_rule(ap, slot, kept == KRV_KEPT_SAME ? KRV_CFA_RULE_SAME_VALUE : KRV_CFA_RULE_UNDEFINED, 0);
-    else
-        set_rule(ap, slot, KRV_CFA_RULE_OFFSET, static_cast<uint64_t>(int64_t{kept}) * word);
+    const bool is_saved = kept != KRV_KEPT_SAME && kept != KRV_KEPT_UNDEFINED;
+    rule->desc = is_saved                ? KRV_CFA_RULE_OFFSET
+                 : kept == KRV_KEPT_SAME ? KRV_CFA_RULE_SAME_VALUE
+                                         : KRV_CFA_RULE_UNDEFINED;
+    rule->arg = is_saved ? static_cast<uint64_t>(int64_t{kept}) * word : 0;
 }
 
+// What it said last needs no change.
 void krv_compact_decode(krv_activation_t *ap, const krv_compact_t *rule)
 {
     const krv_mach_def_t *mach = ap->sa_mach_def;
-    const auto word = static_cast<uint64_t>(word_of(ap));
-    if (!ap->sa_has_compact) {
-        krv_copy_rules(ap->sa_current, ap->sa_default, ap->sa_current_changed);
-        ap->sa_current_changed = {};
+    const bool knows_kept = ap->sa_knows_kept;
+    if (!knows_kept)
+        take_defaults(ap);
+    krv_cfarule_t *cfa = &ap->sa_current[krv_library_slot(ap, KRV_REG_CFA)];
+    cfa->desc = KRV_CFA_RULE_REG_OFFSET;
+    cfa->arg = uint64_t{rule->cfa.reg} << 32 | static_cast<uint32_t>(rule->cfa.offset);
+    if (!knows_kept || std::memcmp(ap->sa_kept, rule->kept, sizeof(rule->kept)) != 0) {
+        const auto word = static_cast<uint64_t>(word_of(ap));
+        for (unsigned i = 0; i < mach->smd_n_kept; ++i)
+            if (!knows_kept || ap->sa_kept[i] != rule->kept[i])
+                set_kept(&ap->sa_current[mach->smd_kept[i]], rule->kept[i], word);
+        std::memcpy(ap->sa_kept, rule->kept, sizeof(rule->kept));
+        ap->sa_knows_kept = true;
     }
-    const bool is_alike = ap->sa_has_compact && std::memcmp(ap->sa_compact.kept, rule->kept, sizeof(rule->kept)) == 0;
-    for (unsigned i = 0; !is_alike && i < mach->smd_n_kept; ++i)
-        if (!ap->sa_has_compact || ap->sa_compact.kept[i] != rule->kept[i])
-            set_kept(ap, mach->smd_kept[i], rule->kept[i], word);
-    set_rule(ap, krv_library_slot(ap, KRV_REG_CFA), KRV_CFA_RULE_REG_OFFSET,
-             uint64_t{rule->cfa.reg} << 32 | static_cast<uint32_t>(rule->cfa.offset));
-    ap->sa_compact = *rule;
-    ap->sa_has_compact = true;
     if (ap->sa_args.sa_argc != 0) { // those of the last CIE; this one has none
         ap->sa_args = {};
         ap->sa_initial_of = 0;

@@ -9,7 +9,43 @@
 
 constexpr unsigned KRV_WALK_REGISTERS = 17; // DWARF numbers below this one have an origin in a rule, on either target
 
+// How the value of a register of the caller is come by; what an expression may say, as far as compilers write it.
+typedef uint8_t krv_origin_kind_t;
+enum {
+    KRV_ORIGIN_UNDEFINED = 0,
+    KRV_ORIGIN_SAME = 1,
+    KRV_ORIGIN_REGISTER = 2,    // what reg has
+    KRV_ORIGIN_IN_MEMORY = 3,   // at base + offset
+    KRV_ORIGIN_IS_ADDRESS = 4,  // base + offset
+    KRV_ORIGIN_LOADED = 5,      // the CFA only: what is at base + offset, plus more
+    KRV_ORIGIN_OF_PLT_ENTRY = 6 // the CFA only: one word above the stack pointer, two from byte `more` of an entry on
+};
+constexpr uint8_t KRV_ORIGIN_CFA = UINT8_MAX; // reg: the base is the CFA
+
 constexpr unsigned KRV_CACHE_BITS = 12, KRV_MAX_CACHE_BITS = 24; // of KRV_OPT_EXT_FRAME_CACHE
+
+struct krv_origin_t {
+    krv_origin_kind_t kind;
+    uint8_t reg; // DWARF number of what offset is added to
+    uint16_t unused;
+    int32_t offset;
+    int32_t more;
+};
+
+// Where a kept register is: words from the CFA, or
+constexpr int16_t KRV_KEPT_SAME = INT16_MIN, KRV_KEPT_UNDEFINED = INT16_MIN + 1;
+
+enum : uint16_t {
+    KRV_COMPACT_SIGNAL = 1, // the caller was interrupted
+    KRV_COMPACT_ORIGINS = 2 // the rules of registers are origins; else activations may be given this rule: it says all
+};
+
+struct krv_compact_t {
+    krv_origin_t cfa;
+    uint16_t flags;             // KRV_COMPACT_SIGNAL, KRV_COMPACT_ORIGINS
+    int16_t kept[KRV_MAX_KEPT]; // by smd_kept; the stack pointer is the CFA, others are undefined
+    uint32_t origins;           // with that flag: number of the first of KRV_WALK_REGISTERS in the table
+};
 
 // Numbers of rules: two that are none.
 typedef uint16_t krv_compact_number_t;

@@ -48,4 +48,6 @@ struct krv_mach_def_t {
     unsigned int smd_n_kept; // and the return-address column behind them; KRV_MAX_KEPT at most
 };
 
+constexpr unsigned KRV_MAX_KEPT = 7;
+
 #endif

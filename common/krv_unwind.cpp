@@ -94,7 +94,7 @@ static int generate_fde_rules(krv_handle_t *hp, krv_activation_t *ap, krv_fde_t 
                               krv_row_f *row = nullptr, void *row_arg = nullptr)
 {
     const krv_cie_t *cie = fde->sfde_cie;
-    ap->sa_has_compact = false;
+    ap->sa_knows_kept = false;
     krv_fd_t fd = krv_fd_windowed(&cie->scie_fd, &fde->sfde_window);
     ap->sa_current_changed.add(ap->sa_initial_changed);
     krv_copy_rules(ap->sa_current, ap->sa_initial, ap->sa_current_changed);
