@@ -147,8 +147,7 @@ void krv_compact_decode(krv_activation_t *ap, const krv_compact_t *rule)
     if (!knows_kept || std::memcmp(ap->sa_kept, rule->kept, sizeof(rule->kept)) != 0) {
         const auto word = static_cast<uint64_t>(word_of(ap));
         for (unsigned i = 0; i < mach->smd_n_kept; ++i)
-            if (!knows_kept || ap->sa_kept[i] != rule->kept[i])
-                set_kept(&ap->sa_current[mach->smd_kept[i]], rule->kept[i], word);
+            set_kept(&ap->sa_current[mach->smd_kept[i]], rule->kept[i], word);
         std::memcpy(ap->sa_kept, rule->kept, sizeof(rule->kept));
         ap->sa_knows_kept = true;
     }
