@@ -532,7 +532,7 @@ static void keep_cie(krv_handle_t *hp, const krv_eh_cie *decoded, krv_eh_cie **s
             krv_note(hp, "couldn't get parent CIE");
             return false;
         }
-        if (kept == nullptr && slot != nullptr && parent->cie.scie_decoding != 0)
+        if (kept == nullptr && slot != nullptr && parent->cie.scie_decoding != 0 && hp->sh_budget == nullptr)
             keep_cie(hp, parent, slot);
     }
     record->fde.sfde_cie = &parent->cie;

@@ -180,8 +180,8 @@ static void publish(krv_rows_draft *draft, const krv_rows_key &key)
 bool krv_rows_begin(krv_rows_draft *draft, krv_handle_t *hp, krv_reader_t *reader, krv_activation_t *ap,
                     const krv_cie_t *cie, const krv_rows_key &key)
 {
-    // The debug call-back would be told of failures that the query does not meet.
-    if (hp->sh_opts[KRV_OPT_DEBUG_FUNC].sopt_set == B_TRUE)
+    // The debug call-back would be told of failures that the query does not meet, a budget charged with what it does not need.
+    if (hp->sh_opts[KRV_OPT_DEBUG_FUNC].sopt_set == B_TRUE || hp->sh_budget != nullptr)
         return false;
     krv_known_rows *known = need_known(hp, reader);
     krv_clear_error(hp);
