@@ -13,6 +13,7 @@
 #include <numeric>
 #include <span>
 #include <unistd.h>
+#include <unordered_set>
 
 namespace korva::program
 {
@@ -83,7 +84,9 @@ private:
     std::string why_no_address(const std::string &input);
     question question_for(std::string_view text, const input_address &parsed) const;
     void ask_for_names(std::string_view input);
+    bool needs_functions() const { return !m_is_gnu || m_options.functions || m_most_frames != 1; }
     answer find(const question &q);
+    void trim_file();
     void answer_one(const question &q);
     void make_answer(const question &q);
     void make_text(const question &q, answer a);
@@ -113,8 +116,10 @@ private:
     const size_t m_most_frames = (m_is_gnu ? m_options.inlines : !m_options.no_inlines) ? SIZE_MAX : 1;
     std::string m_line; // that is being made
     std::vector<waiting_question> m_waiting;
-    std::vector<uint32_t> m_order; // in which these are answered
-    std::string m_texts;           // of their answers
+    std::vector<uint32_t> m_order;                // in which these are answered
+    std::string m_texts;                          // of their answers
+    std::unordered_set<const krv_ctu_t *> m_seen; // units of answers
+    size_t m_untrimmed_answers = 0, m_untrimmed_units = 0;
     krv_ctu_t *m_named = nullptr;
     result<std::string> m_unit_name = error(); // of that one
 };
@@ -158,8 +163,7 @@ answer addr_run::find(const question &q)
 {
     if (!q.address)
         return {};
-    const unsigned int names =
-        !m_is_gnu || m_options.functions || m_most_frames != 1 ? KRV_ELF_FRAMES_F_NONE : KRV_ELF_FRAMES_F_NO_FUNCTIONS;
+    const unsigned int names = needs_functions() ? KRV_ELF_FRAMES_F_NONE : KRV_ELF_FRAMES_F_NO_FUNCTIONS;
     const unsigned int demangled = m_options.demangle ? KRV_ELF_FRAMES_F_DEMANGLE : KRV_ELF_FRAMES_F_NONE;
     return m_locator.frames(*q.address, names | demangled, m_most_frames);
 }
@@ -344,6 +348,8 @@ void addr_run::print(std::string_view text)
 void addr_run::make_answer(const question &q)
 {
     const answer a = find(q);
+    if (!a.empty() && m_seen.insert(a[0].unit).second)
+        ++m_untrimmed_units;
     if (a.empty())
         m_done.missed();
     else if (a[0].has_row != 0 && a[0].file[0] != '\0' && a[0].line != 0)
@@ -351,6 +357,16 @@ void addr_run::make_answer(const question &q)
     else
         m_done.partly();
     make_text(q, a);
+}
+
+// What was read of the file is given back after some answers, and sooner while units are met whose line numbers had to be read.
+void addr_run::trim_file()
+{
+    constexpr size_t MANY_ANSWERS = 512, MANY_UNITS = 4;
+    if (++m_untrimmed_answers < MANY_ANSWERS && m_untrimmed_units < MANY_UNITS)
+        return;
+    m_object->elf().trim();
+    m_untrimmed_answers = m_untrimmed_units = 0;
 }
 
 void addr_run::answer_one(const question &q)
@@ -364,8 +380,7 @@ void addr_run::answer_one(const question &q)
 // made when its turn comes.
 void addr_run::answer_waiting()
 {
-    constexpr size_t MOST_TEXT = size_t{8} << 20, MANY = 512;
-    size_t made = 0;
+    constexpr size_t MOST_TEXT = size_t{8} << 20;
     m_order.resize(m_waiting.size());
     std::iota(m_order.begin(), m_order.end(), 0U);
     std::sort(m_order.begin(), m_order.end(),
@@ -382,8 +397,7 @@ void addr_run::answer_waiting()
         waiting.at = m_texts.size();
         waiting.size = m_line.size();
         m_texts += m_line;
-        if (++made % MANY == 0)
-            m_object->elf().trim();
+        trim_file();
     }
     for (const waiting_question &waiting : m_waiting)
         if (waiting.is_answered)
@@ -413,10 +427,11 @@ void addr_run::ask_for_names(std::string_view input)
 
 void addr_run::ask(std::string_view input)
 {
-    constexpr size_t MOST_WAITING = 8192;
+    // Places have no more in common than the line numbers of a unit; functions have more.
+    const size_t most_waiting = needs_functions() ? 8192 : 256;
     if (const auto number = m_reader.read_number(input)) {
         m_waiting.push_back({std::string(input), question_for({}, {*number, true})});
-        if (m_waiting.size() == MOST_WAITING)
+        if (m_waiting.size() >= most_waiting)
             answer_waiting();
     } else {
         answer_waiting();
