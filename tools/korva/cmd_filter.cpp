@@ -84,6 +84,7 @@ static place_options places_of(const filter_options &options)
 {
     place_options places = options.places;
     places.debug_dirs = options.debug_dirs;
+    places.bounds = options.bounds;
     places.flags = options.flags();
     places.open_paths = !options.no_open_paths;
     if (options.pid != 0 && places.sysroot.empty()) {

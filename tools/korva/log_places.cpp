@@ -10,10 +10,10 @@ static constexpr uint64_t VALGRIND_BASE = 0x108000; // of a program that is move
 static constexpr std::string_view DELETED = " (deleted)";
 
 log_places::log_places(const place_options &options)
-    : m_options(options), m_cache(options.most_open, options.flags, options.debug_dirs)
+    : m_options(options), m_cache(options.most_open, options.flags, options.debug_dirs, options.bounds)
 {
     for (const std::string &path : options.files) {
-        const opened_module file(path, options.flags, options.debug_dirs);
+        const opened_module file(path, options.flags, options.debug_dirs, options.bounds);
         m_files.push_back(
             {path, std::string(name_of(path)), file.build_id(), file.is_moved() ? std::vector<extent>() : file.code()});
     }

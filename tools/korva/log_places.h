@@ -18,6 +18,7 @@ namespace korva::program
 
 struct place_options {
     std::vector<std::string> files;      /**< that addresses may be of, whatever their paths are in the log */
+    cost_bounds bounds;                  /**< of what an address may cost */
     std::vector<std::string> debug_dirs; /**< with files by build-id, before /usr/lib/debug */
     std::string sysroot;                 /**< stands before absolute paths */
     size_t most_open = 64;

@@ -18,8 +18,9 @@ static constexpr size_t MOST_TOLD = 100;   // diagnostics
 static constexpr size_t MANY_ANSWERS = 4096;
 static constexpr uint64_t PAGE = 4096;
 
-opened_module::opened_module(const std::string &path, unsigned int flags, const std::vector<std::string> &debug_dirs)
-    : m_file(path, flags, debug_dirs), m_lines(&m_file), m_symbols(m_file, false)
+opened_module::opened_module(const std::string &path, unsigned int flags, const std::vector<std::string> &debug_dirs,
+                             const cost_bounds &bounds)
+    : m_file(path, flags, debug_dirs, bounds), m_lines(&m_file), m_symbols(m_file, false)
 {
     const krv_elf_info_t info = m_file.elf().info();
     if (info.type == ET_CORE)
@@ -170,7 +171,7 @@ opened_module *module_cache::open(std::string_view path, bool is_guess)
         if (is_there) {
             if (m_open == m_most)
                 close_oldest();
-            made.file = std::make_unique<opened_module>(name, m_flags, m_debug_dirs);
+            made.file = std::make_unique<opened_module>(name, m_flags, m_debug_dirs, m_bounds);
             ++m_open;
         }
     } catch (const failure &f) {

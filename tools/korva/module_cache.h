@@ -24,7 +24,8 @@ class opened_module
 {
 public:
     /** Throws failure. */
-    opened_module(const std::string &path, unsigned int flags, const std::vector<std::string> &debug_dirs);
+    opened_module(const std::string &path, unsigned int flags, const std::vector<std::string> &debug_dirs,
+                  const cost_bounds &bounds);
 
     const std::string &path() const { return m_file.path(); }
     /** Hexadecimal digits; empty when it has none. */
@@ -67,8 +68,8 @@ class module_cache
 {
 public:
     /** At most @p most files are open. Folders are those of separate debug files. */
-    module_cache(size_t most, unsigned int flags, const std::vector<std::string> &debug_dirs)
-        : m_most(most), m_flags(flags), m_debug_dirs(debug_dirs)
+    module_cache(size_t most, unsigned int flags, const std::vector<std::string> &debug_dirs, const cost_bounds &bounds)
+        : m_most(most), m_flags(flags), m_debug_dirs(debug_dirs), m_bounds(bounds)
     {
     }
 
@@ -93,6 +94,7 @@ private:
     size_t m_most;
     unsigned int m_flags;
     const std::vector<std::string> &m_debug_dirs;
+    const cost_bounds m_bounds;
     std::unordered_map<std::string, entry, text_hash, std::equal_to<>> m_entries;
     size_t m_open = 0;
     uint64_t m_time = 0;
