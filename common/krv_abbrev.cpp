@@ -734,7 +734,7 @@ static void forget_same(krv_handle_t *hp)
 int krv_abbrev_forget_checks(krv_handle_t *hp)
 {
     if (hp->sh_abbrev_checked_end != 0 && hp->sh_abbrev_checked != NONE &&
-        krv_get_au_by_offset(hp, hp->sh_abbrev_checked) == nullptr && hp->sh_errno == KRV_ERR_NOMEM)
+        krv_get_au_by_offset(hp, hp->sh_abbrev_checked) == nullptr && krv_ran_out(hp))
         return -1;
     hp->sh_abbrev_checked_end = 0;
     forget_same(hp);

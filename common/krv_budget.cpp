@@ -24,13 +24,13 @@ static uint64_t left_of(uint64_t most)
     return most == 0 ? UINT64_MAX : most;
 }
 
-static void begin(krv_budget *budget)
+static void begin(krv_handle_t *hp, krv_budget *budget)
 {
+    hp->sh_is_spent = false;
     budget->bg_steps = left_of(budget->bg_most_steps);
     budget->bg_bytes = left_of(budget->bg_most_bytes);
     budget->bg_rows = left_of(budget->bg_most_rows);
     budget->bg_unwatched = 0;
-    budget->bg_is_used_up = false;
     clock_gettime(CLOCK_MONOTONIC, &budget->bg_end);
     const uint64_t nanoseconds =
         static_cast<uint64_t>(budget->bg_end.tv_nsec) + budget->bg_milliseconds % 1000 * 1000000;
@@ -57,7 +57,7 @@ int krv_budget_set_opt(krv_handle_t *hp, krv_opt_idx_t opt, uint64_t value)
     default:
         budget->bg_milliseconds = value < MOST_MILLISECONDS ? value : MOST_MILLISECONDS;
     }
-    begin(budget);
+    begin(hp, budget);
     if ((budget->bg_most_steps | budget->bg_most_bytes | budget->bg_most_rows | budget->bg_milliseconds) == 0) {
         krv_free(budget); // who has no bound is not asked
         hp->sh_budget = nullptr;
@@ -67,7 +67,7 @@ int krv_budget_set_opt(krv_handle_t *hp, krv_opt_idx_t opt, uint64_t value)
 
 static bool refuse(krv_handle_t *hp, const char *what, uint64_t most, const char *unit)
 {
-    hp->sh_budget->bg_is_used_up = true;
+    hp->sh_is_spent = true;
     krv_fail(hp, KRV_ERR_NOMEM, "the budget of %s is used up: %lu%s", what, static_cast<unsigned long>(most), unit);
     return false;
 }

@@ -14,7 +14,6 @@
 struct krv_budget {
     krv_relaxed<uint64_t> bg_steps, bg_bytes, bg_rows;   // that are left; UINT64_MAX: no bound
     krv_relaxed<uint64_t> bg_unwatched;                  // steps since the clock was looked at
-    krv_relaxed<bool> bg_is_used_up;                     // until the client sets a bound again
     uint64_t bg_most_steps, bg_most_bytes, bg_most_rows; // as the client set them; 0: no bound
     uint64_t bg_milliseconds;                            // likewise
     timespec bg_end;                                     // by CLOCK_MONOTONIC

@@ -125,7 +125,7 @@ static bool add_ranges(krv_handle_t *hp, const krv_ctu_t *cu, const krv_code_pla
 {
     krv_ranges_t ranges;
     if (krv_ranges_begin_at(hp, cu, code, &ranges) != 1)
-        return hp->sh_errno != KRV_ERR_NOMEM;
+        return !krv_ran_out(hp);
     const uint64_t most = most_list_bytes(hp), read = hp->sh_calls_read;
     uint64_t left = read < most ? most - read : 0, start, end;
     const uint64_t allowed = left;
@@ -134,7 +134,7 @@ static bool add_ranges(krv_handle_t *hp, const krv_ctu_t *cu, const krv_code_pla
         if (!to->append(hp, {start, end, owner}))
             return false;
     hp->sh_calls_read = read + (allowed - left);
-    return hp->sh_errno != KRV_ERR_NOMEM;
+    return !krv_ran_out(hp);
 }
 
 // What could not be walked is not known, and told.
@@ -252,7 +252,7 @@ static krv_calls *collect_functions(krv_handle_t *hp, const krv_place_t &place, 
                 return krv_step::skip;
             return add_function(hp, place, entry, level, &found) ? krv_step::next : krv_step::stop;
         });
-    if (walked == 1 || (walked == -1 && hp->sh_errno == KRV_ERR_NOMEM))
+    if (walked == 1 || (walked == -1 && krv_ran_out(hp)))
         return nullptr;
     if (walked == -1)
         tell_of_rest(hp, first.unit);
@@ -323,7 +323,7 @@ static bool read_inlined(krv_handle_t *hp, const krv_place_t &place, const krv_e
             break;
         }
     }
-    return hp->sh_errno != KRV_ERR_NOMEM;
+    return !krv_ran_out(hp);
 }
 
 static bool add_inlined(krv_handle_t *hp, const krv_place_t &place, uint64_t function_entry, const krv_entry_t &entry,
@@ -390,7 +390,7 @@ static inlined_calls *collect_inlined(krv_handle_t *hp, const krv_place_t &place
                 return krv_step::skip; // another function, which is asked for itself
             return add_inlined(hp, place, of.offset, entry, level, &found) ? krv_step::next : krv_step::stop;
         });
-    if (walked == 1 || (walked == -1 && hp->sh_errno == KRV_ERR_NOMEM))
+    if (walked == 1 || (walked == -1 && krv_ran_out(hp)))
         return nullptr;
     if (walked == -1)
         tell_of_rest(hp, of.unit);

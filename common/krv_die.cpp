@@ -204,7 +204,7 @@ static bool read_values(krv_fd_t *fdp, const krv_encoding_t &encoding, const krv
         krv_fd_t fd = *fdp;
         krv_fd_advance(&fd, done);
         if (!read_value(&fd, encoding, form, die, value)) {
-            if (fdp->sfd_hp->sh_errno != KRV_ERR_NOMEM)
+            if (!krv_ran_out(fdp->sfd_hp))
                 krv_note(fdp->sfd_hp, "failed to read DIE's datum %d (%s attribute encoded as %s form)",
                          static_cast<int>(i), krv_name_or_unknown(KRV_DEF_AT, abbrev->dwa_afpairs[i].dwafp_attribute),
                          krv_form_name(form, encoding.is_extended()));

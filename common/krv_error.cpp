@@ -1,6 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "krv_error.h"
-#include "krv_budget.h"
 
 #include <algorithm>
 #include <cstdarg>
@@ -84,8 +83,7 @@ int korva_handle_get_errno(krv_handle_t *hp)
 {
     KRV_ASSERT(hp != NULL);
     const int code = hp->sh_errno;
-    const bool is_limit = code == KRV_ERR_NOMEM && hp->sh_budget != nullptr && hp->sh_budget->bg_is_used_up;
-    return is_limit ? int{KRV_ERR_EXT_LIMIT} : code;
+    return code == KRV_ERR_NOMEM && hp->sh_is_spent ? int{KRV_ERR_EXT_LIMIT} : code;
 }
 
 char **korva_handle_get_errmsgs(krv_handle_t *hp, unsigned int *count)

@@ -17,19 +17,28 @@ inline void krv_clear_error(krv_handle_t *hp)
         hp->sh_errno = KRV_ERR_NONE;
 }
 
+// Whether memory ran out, or a budget, of which nothing may be concluded. That a budget is used up stays known whatever other
+// threads make of the code.
+inline bool krv_ran_out(krv_handle_t *hp)
+{
+    if (hp->sh_is_spent)
+        hp->sh_errno = KRV_ERR_NOMEM;
+    return hp->sh_errno == KRV_ERR_NOMEM;
+}
+
 // Forgets what stands in the way of no answer. False: memory ran out, which does.
 inline bool krv_forgive(krv_handle_t *hp)
 {
-    if (hp->sh_errno == KRV_ERR_NOMEM)
+    if (krv_ran_out(hp))
         return false;
     krv_clear_error(hp);
     return true;
 }
 
 // Whether what failed is memory or reading, which says nothing of what was read.
-inline bool krv_is_passing(const krv_handle_t *hp)
+inline bool krv_is_passing(krv_handle_t *hp)
 {
-    return hp->sh_errno == KRV_ERR_NOMEM || hp->sh_errno == KRV_ERR_IO;
+    return krv_ran_out(hp) || hp->sh_errno == KRV_ERR_IO;
 }
 
 // Appends one message, cut to 255 characters; a 17th is dropped. Never touches the code.

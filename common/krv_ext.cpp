@@ -173,7 +173,7 @@ void krv_tell(krv_handle_t *hp, krv_secidx_t sec, uint64_t offset, bool refused,
 krv_cause_t krv_cause(krv_handle_t *hp)
 {
     const krv_read_guard guard(&hp->sh_error_lock);
-    const char *text = hp->sh_errno == KRV_ERR_NOMEM ? "out of memory" : "it is damaged";
+    const char *text = krv_ran_out(hp) ? "out of memory" : "it is damaged";
     krv_cause_t cause;
     std::snprintf(cause.text, sizeof(cause.text), "%s", hp->sh_nerrors != 0 ? hp->sh_errors[0] : text);
     return cause;

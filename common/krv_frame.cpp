@@ -47,7 +47,7 @@ struct record_walk {
 static int step_over(record_walk *walk, uint64_t offset, uint64_t *sizep)
 {
     krv_handle_t *hp = walk->hp;
-    if (!krv_reads_as_written(hp) || hp->sh_errno == KRV_ERR_NOMEM || hp->sh_errno == KRV_ERR_NOTFOUND ||
+    if (!krv_reads_as_written(hp) || krv_ran_out(hp) || hp->sh_errno == KRV_ERR_NOTFOUND ||
         walk->reader->sr_ops->sro_step_over(hp, walk->reader, offset, sizep) != 0)
         return -1;
     walk->first_refused = walk->refused == 0 ? offset : walk->first_refused;
@@ -82,7 +82,7 @@ static int walk_record(record_walk *walk, uint64_t offset, uint64_t *sizep)
     for (const bool is_fde : {walk->fdes_first, !walk->fdes_first}) {
         if ((is_fde ? walk_fde : walk_cie)(walk, offset, sizep))
             return 0;
-        if (walk->hp->sh_errno == KRV_ERR_NOMEM) // says nothing about what is there
+        if (krv_ran_out(walk->hp)) // says nothing about what is there
             return -1;
     }
     return step_over(walk, offset, sizep);
@@ -104,7 +104,7 @@ static krv_linear_t *build_linear_table(krv_handle_t *hp, krv_reader_t *reader, 
             break;
         offset += size;
     }
-    if (hp->sh_errno == KRV_ERR_NOMEM) // a table without the FDEs behind would be kept
+    if (krv_ran_out(hp)) // a table without the FDEs behind would be kept
         return nullptr;
     if (walk.refused != 0)
         krv_tell(hp, reader->sr_ops->sro_section, walk.first_refused, true,

@@ -217,7 +217,7 @@ static void add_row(krv_rows_draft *draft)
         const krv_write_guard guard(&draft->known->lock);
         number = krv_compact_intern_alone(draft->hp, &draft->known->rules, &rule);
     }
-    draft->is_short = draft->is_short || draft->hp->sh_errno == KRV_ERR_NOMEM;
+    draft->is_short = draft->is_short || krv_ran_out(draft->hp);
     if (draft->count != 0 && draft->rules[draft->count - 1] == number)
         return;
     draft->offsets[draft->count] = static_cast<uint32_t>(draft->behind);
@@ -238,7 +238,7 @@ void krv_rows_keep(krv_rows_draft *draft, const krv_rows_key &key, bool is_compl
         add_row(draft);
     else
         draft->count = 0;
-    if (!draft->is_short && draft->hp->sh_errno != KRV_ERR_NOMEM)
+    if (!draft->is_short && !krv_ran_out(draft->hp))
         publish(draft, key);
     krv_clear_error(draft->hp);
 }

@@ -195,7 +195,7 @@ static bool scan_children(krv_handle_t *hp, krv_ctu_t *cu, krv_lcpc_t *list)
     const int result = krv_iter_children_in_die(hp, cu->dcu_compile_unit, krv_lookup_scan_die, list);
     if (result == 0 && list->slpc_aranges_entries != 0)
         return true;
-    if (result == 1 || hp->sh_errno == KRV_ERR_NOMEM) { // 1: the list could not grow, but the walk read on since
+    if (result == 1 || krv_ran_out(hp)) { // 1: the list could not grow, but the walk read on since
         hp->sh_errno = KRV_ERR_NOMEM;
         return false;
     }

@@ -127,7 +127,7 @@ krv_name_index *krv_name_index_make(krv_handle_t *hp)
     for (size_t i = 0; i < SOURCES.size(); ++i) {
         krv_clear_error(hp);
         use_source(hp, index, i);
-        if (hp->sh_errno == KRV_ERR_NOMEM) {
+        if (krv_ran_out(hp)) {
             krv_name_index_free(index);
             return nullptr;
         }
@@ -186,7 +186,7 @@ int krv_name_index_choose(krv_handle_t *hp, krv_name_index *index, const char *n
         choosing of = {hp, choice, index, i == 0 && (flags & KRV_NAMED_VARIABLES) == 0};
         if (SOURCES[i]->find(hp, view_of(hp, index, i), name, flags, choose, &of) != 0) {
             choice->units = nullptr; // the answer may be in any unit
-            if (hp->sh_errno == KRV_ERR_NOMEM)
+            if (krv_ran_out(hp))
                 return -1;
             stop_using(hp, index, i, krv_cause(hp).text);
             krv_clear_error(hp);

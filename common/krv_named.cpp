@@ -113,16 +113,16 @@ static bool add_unit(krv_handle_t *hp, krv_ctu_t *cu, name_list *to)
     krv_place_t place;
     if (krv_entry_load_at(hp, cu, cu->dcu_offset + cu->dcu_header_size, &first) != 0 ||
         !krv_entry_place(hp, cu, &place))
-        return hp->sh_errno != KRV_ERR_NOMEM;
+        return !krv_ran_out(hp);
     uint32_t function = UINT32_MAX;
     const int walked = krv_entry_walk(hp, place, first, kind_of, [&](const krv_entry_t &entry, uint32_t level) {
         return add_entry(hp, entry, level, &function, to) ? krv_step::next : krv_step::stop;
     });
-    if (walked == -1 && hp->sh_errno != KRV_ERR_NOMEM)
+    if (walked == -1 && !krv_ran_out(hp))
         krv_tell(hp, KRV_SEC_INFO, cu->dcu_offset, false,
                  "names of the unit at offset 0x%lx of .debug_info are not all known: %s",
                  static_cast<unsigned long>(cu->dcu_offset), krv_cause(hp).text);
-    return walked != 1 && hp->sh_errno != KRV_ERR_NOMEM;
+    return walked != 1 && !krv_ran_out(hp);
 }
 
 static bool comes_before(const named &a, const named &b)

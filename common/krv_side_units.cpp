@@ -47,7 +47,7 @@ static krv_side_units *read_units(krv_handle_t *hp, krv_secidx_t sec)
             return nullptr;
         units->su_units[units->su_count++] = cu;
     }
-    if (hp->sh_errno == KRV_ERR_NOMEM)
+    if (krv_ran_out(hp))
         return nullptr;
     if (units->su_count != 0 && (units->su_no_die = krv_alloc_no_die(hp, units->su_units)) == nullptr)
         return nullptr;

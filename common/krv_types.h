@@ -88,6 +88,7 @@ struct krv_handle {
     krv_relaxed<uint64_t> sh_calls_read;   // and for functions and inlined calls
     krv_note_f *sh_note_func;              // NULL: nobody wants to know
     void *sh_note_arg;
+    krv_relaxed<bool> sh_is_spent; // the budget is used up, until a bound is set again
     krv_budget *sh_budget;         // owned: what queries may cost; NULL: anything
     krv_calls *sh_calls;           // owned: those of all units, in no order
     krv_side_units *sh_alternate;  // owned: units of the alternate file; built on first use, published last

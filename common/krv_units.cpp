@@ -104,7 +104,7 @@ static bool read_units(table_builder *t)
         t->units[t->entries++] = cu;
         offset += cu->dcu_size; // ends within the section, as its header was checked to
     }
-    if (t->hp->sh_errno == KRV_ERR_NOMEM)
+    if (krv_ran_out(t->hp))
         return false;
     if (t->hp->sh_ext != 0 && t->entries != 0 && offset < t->hp->sh_sec[KRV_SEC_INFO].sfd_size)
         krv_tell(t->hp, KRV_SEC_INFO, offset, true, ".debug_info cannot be read from offset 0x%lx on: %s",
@@ -260,9 +260,7 @@ static void visit_units(krv_handle_t *hp, const Visit &visit)
 static int parse_checked_tables(krv_handle_t *hp)
 {
     bool sound = true;
-    visit_units(hp, [&](krv_ctu_t *cu) {
-        sound = sound && (krv_cu_abbrevs(hp, cu) != nullptr || hp->sh_errno != KRV_ERR_NOMEM);
-    });
+    visit_units(hp, [&](krv_ctu_t *cu) { sound = sound && (krv_cu_abbrevs(hp, cu) != nullptr || !krv_ran_out(hp)); });
     return sound ? krv_abbrev_forget_checks(hp) : -1;
 }
 
