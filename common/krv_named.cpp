@@ -41,7 +41,7 @@ struct krv_named {
     name_list *sn_units[];    // owned, of each unit: made when it is walked for a name, published last
 };
 
-static void free_list(name_list *list)
+static void free_name_list(name_list *list)
 {
     if (list != nullptr)
         krv_free(list->names);
@@ -54,8 +54,8 @@ void krv_named_destroy(krv_handle_t *hp)
     if (named == nullptr)
         return;
     for (uint32_t i = 0; i < hp->sh_cu_table_entries; ++i)
-        free_list(named->sn_units[i]);
-    free_list(named->sn_all);
+        free_name_list(named->sn_units[i]);
+    free_name_list(named->sn_all);
     krv_name_index_free(named->sn_index);
     krv_free(named);
     hp->sh_named = nullptr;
@@ -135,7 +135,7 @@ static const name_list *get_list(krv_handle_t *hp, name_list **slot, uint32_t fi
 {
     if (const name_list *list = krv_load(slot))
         return list;
-    std::unique_ptr<name_list, decltype(&free_list)> list(krv_new<name_list>(hp), free_list);
+    std::unique_ptr<name_list, decltype(&free_name_list)> list(krv_new<name_list>(hp), free_name_list);
     if (list == nullptr)
         return nullptr;
     for (uint32_t i = first; i < end; ++i)
@@ -145,7 +145,7 @@ static const name_list *get_list(krv_handle_t *hp, name_list **slot, uint32_t fi
         return nullptr;
     std::sort(list->names, list->names + list->count, comes_before);
     krv_clear_error(hp);
-    return krv_publish(slot, list.release(), free_list);
+    return krv_publish(slot, list.release(), free_name_list);
 }
 
 static const name_list *get_all(krv_handle_t *hp, krv_named *of)

@@ -238,6 +238,24 @@ int korva_attach_section(krv_handle_t *hp, krv_secidx_t sec, uint64_t size, krv_
     return 0;
 }
 
+int korva_get_section(krv_handle_t *hp, krv_secidx_t sec, krv_fd_t *fdp)
+{
+    if (hp == nullptr)
+        return -1;
+    krv_clear_error(hp);
+    if (fdp == nullptr)
+        return krv_fail_code(hp, KRV_ERR_INVALID);
+    if (sec < 0 || (sec >= KRV_MAX_SEC && !krv_ext_is_section(hp, sec)))
+        return krv_fail(hp, KRV_ERR_INVALID, "section index %d too large", sec);
+    krv_fd_t section = *krv_section(hp, sec);
+    if (section.sfd_size == 0)
+        return krv_fail_code(hp, KRV_ERR_NOTFOUND);
+    section.sfd_offset = 0;
+    section.sfd_remaining = section.sfd_size;
+    *fdp = section;
+    return 0;
+}
+
 int korva_attach_as(krv_handle_t *hp, krv_fd_cb_f *func, void *arg)
 {
     if (hp == nullptr)

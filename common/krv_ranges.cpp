@@ -297,3 +297,23 @@ int krv_ranges_next(krv_ranges_t *ranges, uint64_t *startp, uint64_t *endp)
         ++ranges->sr_dead;
     }
 }
+
+int korva_iter_ranges(krv_handle_t *hp, krv_ctu_t *cup, uint64_t list, krv_iter_range_f *fn, void *arg, uint64_t *sizep)
+{
+    if (hp == nullptr)
+        return -1;
+    krv_clear_error(hp);
+    if (cup == nullptr || fn == nullptr || sizep == nullptr)
+        return krv_fail_code(hp, KRV_ERR_INVALID);
+    krv_ranges_t ranges;
+    krv_range_t range;
+    const krv_secidx_t sec = cup->dcu_version < 5 ? KRV_SEC_EXT_RANGES : KRV_SEC_EXT_RNGLISTS;
+    *sizep = 0;
+    if (krv_ranges_begin_list(hp, cup, sec, list, &ranges) != 1)
+        return -1;
+    int read, result = 0;
+    while (result == 0 && (read = krv_ranges_next(&ranges, &range.start, &range.end)) == 1)
+        result = fn(hp, &range, arg);
+    *sizep = ranges.sr_fd.sfd_offset - list;
+    return read < 0 ? -1 : result;
+}

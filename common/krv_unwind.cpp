@@ -193,6 +193,11 @@ int krv_generate_rules(krv_handle_t *hp, krv_activation_t *ap, uint64_t pc, uint
     return 0;
 }
 
+int krv_generate_initial_rules(krv_handle_t *hp, krv_activation_t *ap, krv_cie_t *cie)
+{
+    return generate_cie_rules(hp, ap, cie);
+}
+
 int krv_generate_rows(krv_handle_t *hp, krv_activation_t *ap, krv_fde_t *fde, krv_row_f *row, void *arg)
 {
     KRV_ASSERT(fde->sfde_address_range != 0);

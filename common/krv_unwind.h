@@ -12,6 +12,9 @@
 // register. -1 with code and messages.
 int krv_generate_rules(krv_handle_t *hp, krv_activation_t *ap, uint64_t pc, uint64_t *columnp);
 
+// Executes the instructions of a CIE. -1 with code and messages.
+int krv_generate_initial_rules(krv_handle_t *hp, krv_activation_t *ap, krv_cie_t *cie);
+
 // Calls `row` for the rows of an FDE that is not empty, with their rules in sa_current, all but the last one, whose rules
 // are there afterwards. -1 with code and messages when a row cannot be read; those before it were visited.
 int krv_generate_rows(krv_handle_t *hp, krv_activation_t *ap, krv_fde_t *fde, krv_row_f *row, void *arg);

@@ -163,6 +163,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
         krv_fuzz::start_at(h, ap, gregs, pc);
         krv_fuzz::walk(h, ap);
     }
+    krv_frame_record_t record;
+    uint64_t at = 0;
+    for (unsigned i = 0; i < 16 && (korva_frame_record_at(h, ap, at, &record), record.size != 0); ++i)
+        at += record.size;
     krv_fuzz::compare_kept(how, attach, has_table, gregs, pcs, &target);
     korva_activation_free(ap);
     return 0;

@@ -63,6 +63,7 @@
 #include "libkorva/handle.h"
 #include "libkorva/lines.h"
 #include "libkorva/names.h"
+#include "libkorva/records.h"
 #include "libkorva/stacks.h"
 #include "libkorva/types.h"
 #include "libkorva/units.h"

@@ -8,6 +8,27 @@
 
 using namespace krv_test;
 
+namespace
+{
+
+// What a walk over a list tells of an address.
+struct seen_at {
+    uint64_t pc;
+    krv_fd_t place{}, fallback{};
+};
+
+} // namespace
+
+static int see(krv_handle_t *, const krv_location_t *here, void *arg)
+{
+    auto *seen = static_cast<seen_at *>(arg);
+    if (here->is_default != 0)
+        seen->fallback = here->expression;
+    else if (here->start <= seen->pc && seen->pc < here->end)
+        seen->place = here->expression;
+    return 0;
+}
+
 TEST(LocationList, Expressions)
 {
     const bytes pairs = bytes().u64(0x10).u64(0x20).u16(2).add(bytes::hex("50 51")).u64(0x20).u64(0x20).u16(1).u8(0x52);
@@ -60,5 +81,14 @@ TEST(LocationList, Expressions)
                       ? h.error()
                       : text("%lu bytes at %lu", expression.sfd_remaining, expression.sfd_offset),
                   row.outcome);
+        seen_at seen{.pc = row.pc};
+        uint64_t size = 0;
+        const int walked = korva_iter_locations(h, cu, row.list, row.flags, see, &seen, &size);
+        const krv_fd_t &found = seen.place.sfd_hp != nullptr ? seen.place : seen.fallback;
+        EXPECT_EQ(walked != 0               ? h.error()
+                  : found.sfd_hp == nullptr ? "NOTFOUND"
+                                            : text("%lu bytes at %lu", found.sfd_remaining, found.sfd_offset),
+                  row.outcome);
+        EXPECT_TRUE(walked != 0 || size + row.list <= row.section.size());
     }
 }

@@ -8,6 +8,7 @@
                          places with llvm-dwarfdump's rows; inlined calls with llvm-symbolizer
         units            with GNU readelf
         entries          with GNU readelf, where there are fewer than 200 KB of them: tag, depth, attributes, values
+        check            finds no fault
         lines            with llvm-dwarfdump, row by row; paths and canonical addresses are computed here, and the rows
                          of functions that the linker dropped left out
 """
@@ -605,6 +606,7 @@ def main():
             if proof != 'skeleton':  # their functions stand in other files
                 compare_functions(options.korva, program, read_functions(other))
         compare_lines(options.korva, program, tables)
+        answer_of(options.korva, 'check', program)  # no faults
         whole = f'{program}.whole' if os.path.exists(f'{program}.whole') else other
         places = Places(tables[unit['offset']] for unit in units if unit['version'] == 5 and unit['offset'] in tables)
         compare_addresses(options.korva, program, tables, places, proof == 'skeleton', whole, debug_file)

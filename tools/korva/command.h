@@ -36,6 +36,9 @@ struct common_options {
 /** Adds --format, with the names of @p formats. */
 void add_format_option(CLI::App *verb, common_options *options, const format_names &formats);
 
+/** Adds --inflate-any and --debug-dir. */
+void add_file_options(CLI::App *verb, common_options *options);
+
 /** Adds --format, --raw, --inflate-any, --debug-dir and the bounds of what a record may cost. */
 void add_common_options(CLI::App *verb, common_options *options, const format_names &formats);
 

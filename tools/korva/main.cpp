@@ -26,6 +26,7 @@
     VERB(funcs)                                                                                                        \
     VERB(entries)                                                                                                      \
     VERB(sections)                                                                                                     \
+    VERB(check)                                                                                                        \
     VERB(stack)                                                                                                        \
     VERB(expr)
 
@@ -55,15 +56,20 @@ void add_format_option(CLI::App *verb, common_options *options, const format_nam
         ->check(CLI::IsMember(names));
 }
 
-void add_common_options(CLI::App *verb, common_options *options, const format_names &formats)
+void add_file_options(CLI::App *verb, common_options *options)
 {
-    add_format_option(verb, options, formats);
-    verb->add_flag("--raw", options->raw, "Read every section as it stands in the file, uncorrected");
     verb->add_flag("--inflate-any", options->inflate_any,
                    "Also inflate sections that claim far more than the file holds");
     verb->add_option("--debug-dir", options->debug_dirs, "Look for separate debug files here too; may be repeated")
         ->allow_extra_args(false)
         ->type_name("DIR");
+}
+
+void add_common_options(CLI::App *verb, common_options *options, const format_names &formats)
+{
+    add_format_option(verb, options, formats);
+    verb->add_flag("--raw", options->raw, "Read every section as it stands in the file, uncorrected");
+    add_file_options(verb, options);
     verb->add_option("--max-steps", options->bounds.steps,
                      "Bytes of input that may be gone over for one record; 0 is any number")
         ->transform(CLI::AsSizeValue(false));
@@ -118,7 +124,8 @@ static int run(int argc, char **argv)
     app.set_version_flag("-V,--version", "korva " KORVA_VERSION);
     app.require_subcommand(1);
     app.footer(
-        "Exit status: 0 every input was answered, 1 some could not be, 2 nothing could be, 64 usage.\n"
+        "Exit status: 0 every input was answered, 1 some could not be, 2 nothing could be, 3 check found faults,\n"
+        "64 usage.\n"
         "`korva VERB --help` and `korva help VERB` show a verb's options and examples. Columns of text may hold\n"
         "spaces: --format=jsonl is the one to parse.");
     int status = ANSWERED;

@@ -23,9 +23,10 @@ using json_value = nlohmann::ordered_json;
 
 enum class output_format {
     text,
-    gnu,  /**< addr only: the layout of GNU addr2line */
-    json, /**< one array of records */
-    jsonl /**< one record a line */
+    gnu,   /**< addr only: the layout of GNU addr2line */
+    json,  /**< one array of records */
+    jsonl, /**< one record a line */
+    sarif  /**< check only: one SARIF log */
 };
 using format_names = std::map<std::string, output_format>;
 

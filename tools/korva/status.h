@@ -10,6 +10,7 @@ enum exit_status : int {
     ANSWERED = 0, /**< everything that was asked was answered */
     PARTLY = 1,   /**< some of it could not be */
     NOTHING = 2,  /**< nothing could be, or standard output cannot be written */
+    FAULTY = 3,   /**< check: faults were found */
     USAGE = 64    /**< the command line is wrong */
 };
 
