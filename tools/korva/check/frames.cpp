@@ -22,7 +22,14 @@ struct placed {
 
 /** A record of a function, by its offset. */
 struct function_record {
-    uint64_t offset, start;
+    uint64_t offset;
+    uint64_t start; /**< NOWHERE: it cannot be read */
+};
+
+/** What was read of a section. */
+struct records {
+    std::vector<function_record> functions{};
+    uint64_t end = NOWHERE; /**< nothing is known of what is there, or behind it */
 };
 
 // Pointer encodings (LSB Core, "DWARF Exception Header Encoding").
@@ -77,10 +84,10 @@ static int64_t read_memory(void *arg, void *buf, size_t count, uint64_t address)
 }
 
 // Reads all records of a section, which the handle has as its call-frame information.
-static std::vector<function_record> check_records(subject *of, handle_view handle, const char *name, uint64_t size)
+static records check_records(subject *of, handle_view handle, const char *name, uint64_t size)
 {
     findings &found = of->found();
-    std::vector<function_record> functions;
+    records all;
     std::vector<stretch> covered;
     detail::owner<krv_activation_t, korva_activation_free> scratch(korva_activation_alloc(handle.get()));
     if (scratch == nullptr)
@@ -93,14 +100,17 @@ static std::vector<function_record> check_records(subject *of, handle_view handl
         if (!is_sound)
             found.add(kind::frame_record, {.section = name, .offset = at}, last_messages(handle));
         if (record.kind == KRV_FRAME_RECORD_END) {
-            if (at + 4 < size)
+            if (at + 4 < size) {
                 found.add(kind::frame_end, {.section = name, .offset = at},
                           fmt::format("a terminator, with {} bytes behind it", size - at - 4));
+                all.end = at;
+            }
             break;
         }
         if (record.size == 0 || record.size > size - at) {
             if (is_sound)
                 found.add(kind::frame_record, {.section = name, .offset = at}, "the record leads out of the section");
+            all.end = at;
             break;
         }
         ++found.read.frame_records;
@@ -111,13 +121,14 @@ static std::vector<function_record> check_records(subject *of, handle_view handl
             const uint64_t cost = parent == parents.end() ? size : parent->second;
             if (cost > budget) {
                 found.add(kind::unchecked, {.section = name, .offset = at}, "FDEs share a long CIE too often");
+                all.end = at;
                 break;
             }
             budget -= cost;
         }
-        if (is_sound && record.kind == KRV_FRAME_RECORD_FDE) {
-            functions.push_back({at, record.start});
-            if (record.length != 0 && of->is_code(record.start))
+        if (record.kind == KRV_FRAME_RECORD_FDE) {
+            all.functions.push_back({at, is_sound ? record.start : NOWHERE});
+            if (is_sound && record.length != 0 && of->is_code(record.start))
                 covered.push_back({record.start, record.start + record.length, at});
         }
         at += record.size;
@@ -127,7 +138,7 @@ static std::vector<function_record> check_records(subject *of, handle_view handl
         found.add(kind::frame_overlap, {.section = name, .offset = b.owner},
                   fmt::format("the record at 0x{:x} covers 0x{:x} too", a.owner, b.start));
     });
-    return functions;
+    return all;
 }
 
 // A handle for one section alone.
@@ -142,9 +153,10 @@ static korva::handle make_handle(subject *of)
 }
 
 static void check_table(subject *of, byte_reader table, uint8_t encoding, uint64_t count, const placed &header,
-                        const placed &eh_frame, const std::vector<function_record> &functions)
+                        const placed &eh_frame, const records &frames)
 {
     findings &found = of->found();
+    const std::vector<function_record> &functions = frames.functions;
     uint64_t last = 0, entries = 0;
     for (; entries < count; ++entries) {
         const uint64_t at = table.at();
@@ -162,11 +174,11 @@ static void check_table(subject *of, byte_reader table, uint8_t encoding, uint64
         if (start < last)
             found.add(kind::frame_header, {.offset = at},
                       fmt::format("the entry of 0x{:x} is behind that of 0x{:x}", start, last));
-        else if (record == functions.end() || record->offset != offset)
+        else if (offset < frames.end && (record == functions.end() || record->offset != offset))
             found.add(
                 kind::frame_header, {.offset = at},
                 fmt::format("the entry of 0x{:x} leads to 0x{:x} of .eh_frame, where no FDE begins", start, offset));
-        else if (record->start != start)
+        else if (offset < frames.end && record->start != start && record->start != NOWHERE)
             found.add(kind::frame_header, {.offset = at},
                       fmt::format("the entry of 0x{:x} leads to the FDE of 0x{:x}", start, record->start));
         last = start;
@@ -176,8 +188,7 @@ static void check_table(subject *of, byte_reader table, uint8_t encoding, uint64
                   fmt::format("{} entries, where .eh_frame has {} FDEs", entries, functions.size()));
 }
 
-static void check_header(subject *of, const placed &header, const placed &eh_frame,
-                         const std::vector<function_record> &functions)
+static void check_header(subject *of, const placed &header, const placed &eh_frame, const records &frames)
 {
     findings &found = of->found();
     byte_reader from(header.bytes, header.size);
@@ -203,7 +214,7 @@ static void check_header(subject *of, const placed &header, const placed &eh_fra
                   fmt::format("a number of entries in the encoding 0x{:x}", of_count));
         return;
     }
-    check_table(of, from, of_table, count, header, eh_frame, functions);
+    check_table(of, from, of_table, count, header, eh_frame, frames);
 }
 
 static placed place_section(const section_bytes &bytes, const std::vector<krv_elf_section_t> &sections,
@@ -232,10 +243,10 @@ static void check_eh_frame(subject *of)
     korva::handle handle = make_handle(of);
     korva_attach_as(handle.get(), read_memory, &eh_frame);
     korva_handle_set_opt(handle.get(), KRV_OPT_EH_FRAME_ADDR, eh_frame.address);
-    const std::vector<function_record> functions = check_records(of, handle, ".eh_frame", eh_frame.size);
+    const records frames = check_records(of, handle, ".eh_frame", eh_frame.size);
     if (header.size != 0)
-        check_header(of, header, eh_frame, functions);
-    else if (of->is_linked() && !functions.empty())
+        check_header(of, header, eh_frame, frames);
+    else if (of->is_linked() && !frames.functions.empty())
         of->found().add(kind::no_frame_header, {}, "there is no .eh_frame_hdr");
 }
 
