@@ -33,7 +33,7 @@ struct krv_eh_cie {
     krv_cie_t cie;
     krv_amd64_cie_augmentation augmentation;
     uint64_t address;
-    bool is_owned; // by the record of an FDE, or by the reader, with which it is freed
+    bool is_owned; // by the record of an FDE, with which it is freed
 };
 
 // An FDE of this reader, with the room for its augmentation data and its CIE.

@@ -275,7 +275,7 @@ static inline found search_step(table_search *s, Read &read)
 }
 
 // The same steps as far as the guide knows them. True: the entry in the middle is the one. None of them is a branch, since
-// which way a search goes cannot be predicted; both ways are loaded before it is known.
+// which way a search goes cannot be predicted.
 static inline bool follow_guide(table_search *s)
 {
     const uint64_t distance = s->distance(s->address), left = UINT32_MAX - distance;
@@ -284,19 +284,15 @@ static inline bool follow_guide(table_search *s)
     const krv_relaxed<uint64_t> *const bounds = s->bounds;
     const uint64_t nodes = s->nodes;
     auto first = static_cast<uint32_t>(s->among.first), entries = static_cast<uint32_t>(s->among.entries());
-    uint64_t node = 0, seen = bounds[0];
-    while (entries != 0) {
-        const uint64_t below = 2 * node + 1, is_last = below < nodes ? 0 : 1;
-        const uint64_t ways[2] = {bounds[below & (is_last - 1)], bounds[(below + 1) & (is_last - 1)]};
+    uint64_t node = 0, seen = 0;
+    while (node < nodes && entries != 0) {
+        seen = bounds[node];
         const uint32_t is_before = distance < (seen & UINT32_MAX), is_behind = seen >> 32 >= left;
         if (is_before == is_behind)
             break;
         first += (0 - is_behind) & ((entries + 1) / 2);
         entries = (entries - 1 + is_behind) / 2;
-        node = below + is_behind;
-        if (is_last != 0)
-            break;
-        seen = ways[0] ^ ((ways[0] ^ ways[1]) & (uint64_t{0} - is_behind));
+        node = 2 * node + 1 + is_behind;
     }
     s->is_guided = node != 0;
     s->among = {static_cast<int32_t>(first), static_cast<int32_t>(first + entries - 1)};

@@ -73,7 +73,8 @@ void krv_fde_free(krv_handle_t *hp, krv_fde_t *fdep)
     KRV_ASSERT(fdep != NULL);
     krv_reader_t *reader = krv_get_reader(hp);
     KRV_ASSERT(reader != NULL);
-    if (fdep->sfde_cie != nullptr) // an FDE whose reading failed may not have come that far
-        reader->sr_ops->sro_cie_free(fdep->sfde_cie);
+    krv_cie_t *ciep = fdep->sfde_cie;
+    if (ciep != nullptr && !ciep->scie_is_kept) // an FDE whose reading failed may not have come that far
+        reader->sr_ops->sro_cie_free(ciep);
     reader->sr_ops->sro_fde_free(fdep);
 }
