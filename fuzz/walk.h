@@ -130,7 +130,7 @@ void compare_learned(const input &how, const Attach &attach, krv_gregset_t &greg
     attach(learning);
     korva_handle_set_opt(watched, KRV_OPT_DEBUG_FUNC, ignore_message);
     krv_activation_t *ap_watched = korva_activation_alloc(watched), *ap_learning = korva_activation_alloc(learning);
-    for (int times = 0; times < 4; ++times)
+    for (int times = 0; times < 3; ++times)
         for (const uint64_t pc : pcs) {
             start_at(watched, ap_watched, gregs, pc);
             start_at(learning, ap_learning, gregs, pc);
