@@ -89,6 +89,11 @@ static bool take(krv_relaxed<uint64_t> *left, uint64_t count)
     return count <= before;
 }
 
+int korva_handle_is_spent(krv_handle_t *hp)
+{
+    return hp != nullptr && hp->sh_is_spent ? 1 : 0;
+}
+
 bool krv_budget_take_steps(krv_handle_t *hp, uint64_t steps)
 {
     krv_budget *budget = hp->sh_budget;

@@ -217,7 +217,7 @@ static inline bool begin_move(krv_handle_t *hp, const krv_entry_t *entry, krv_pl
         return false;
     }
     krv_clear_error(hp);
-    return krv_entry_place_of(hp, entry, place);
+    return krv_spend(hp, 1) && krv_entry_place_of(hp, entry, place);
 }
 
 int korva_entry_next(krv_handle_t *hp, krv_entry_t *entryp)

@@ -68,6 +68,9 @@ enum {
         0x1000 /**< a bound that the client set on what queries may cost: KRV_OPT_EXT_MAX_STEPS and others */
 };
 
+/** Whether such a bound is used up: 1, or 0. What failed since then may have failed for it. */
+KORVA_API int korva_handle_is_spent(krv_handle_t *hp);
+
 /** Sections of extensions, for korva_attach_section, once KRV_OPT_EXT_DWARF5 or KRV_OPT_EXT_AS_WRITTEN is on. */
 enum {
     KRV_SEC_EXT_LINE_STR = 0x1000,     /**< .debug_line_str */

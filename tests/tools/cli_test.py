@@ -316,9 +316,9 @@ def test_budgets(korva, program):
         most = [int(re.search(r'\d+', record['error']['messages'][0]).group()) for record in (first, second)]
         if most[1] * 2 != most[0]:
             fail(f'addr {bound}: {most}')
-        for verb in ('units', 'lines', 'funcs', 'entries'):
+        for verb in ('units', 'lines', 'funcs', 'entries', 'check'):
             status = json.loads(korva.run(verb, '--format=jsonl', bound, program).out.splitlines()[-1])['status']
-            if status != ('limit' if bound != '--max-rows=2' or verb == 'lines' else 'ok'):
+            if status != ('limit' if bound != '--max-rows=2' or verb in ('lines', 'check') else 'ok'):
                 fail(f'{verb} {bound}: {status}')
     korva.expect(['addr', '-e', program, '--max-steps=1G', '--max-bytes=1G', '--timeout=60', 'main'], 0)
 

@@ -24,6 +24,8 @@ struct check_options : common_options {
     bool strict = false;
 };
 
+constexpr const char *CUT = "the budget is used up: not everything was checked";
+
 /** Writes what is found, in the format that is wanted. */
 class reporter
 {
@@ -105,6 +107,8 @@ void reporter::record(const std::string &path, const findings &found)
     for (size_t i = 0; i < all_classes().size(); ++i)
         if (const uint64_t count = found.count(static_cast<kind>(i)))
             classes[all_classes()[i].name] = number(count);
+    const record_error cut = {.code = "KRV_ERR_EXT_LIMIT", .messages = {CUT}};
+    const record_error *why = found.are_cut() ? &cut : nullptr;
     m_out.record({{"file", path},
                   {"record", "summary"},
                   {"faults", number(found.count(severity::fault))},
@@ -115,11 +119,16 @@ void reporter::record(const std::string &path, const findings &found)
                     {"entries", number(found.read.entries)},
                     {"line_tables", number(found.read.line_tables)},
                     {"rows", number(found.read.rows)},
-                    {"frame_records", number(found.read.frame_records)}}}});
+                    {"frame_records", number(found.read.frame_records)}}}},
+                 status_of(why), why);
 }
 
 void reporter::tell(const std::string &path, const findings &found)
 {
+    if (found.are_cut()) {
+        diagnose(fmt::format("{}: {}", path, CUT));
+        m_log.add_failure(path, CUT);
+    }
     if (m_out.is_json())
         record(path, found);
     else if (m_options.format == output_format::sarif)
@@ -132,7 +141,7 @@ void reporter::tell_failure(const std::string &path, const failure &why)
 {
     diagnose(why.what());
     if (m_out.is_json())
-        m_out.record({{"file", path}}, record_status::error, &why.why);
+        m_out.record({{"file", path}}, status_of(&why.why), &why.why);
     m_log.add_failure(path, why.what());
 }
 
@@ -143,12 +152,12 @@ void reporter::finish(exit_status status)
     m_out.finish();
 }
 
-static findings check_file(const check_options &options, const std::string &path)
+static void check_file(const check_options &options, const std::string &path, reporter *out, exit_status *status)
 {
-    const object obj(path, options.flags(), options.debug_dirs);
+    const object obj(path, options.flags(), options.debug_dirs, options.bounds);
     std::vector<std::string> folders = options.debug_dirs;
     folders.emplace_back("/usr/lib/debug");
-    findings found(options.most, options.ignored);
+    findings found(options.most, options.ignored, obj.handle());
     subject of(obj.elf(), folders, &found);
     if (of.size_of(KRV_SEC_INFO) != 0) {
         check_units(&of);
@@ -160,7 +169,12 @@ static findings check_file(const check_options &options, const std::string &path
     check_frames(&of);
     check_coverage(&of);
     check_notes(&of);
-    return found;
+    out->tell(path, found);
+    const bool is_bad = found.count(severity::fault) != 0 || (options.strict && found.count(severity::warning) != 0);
+    if (found.are_cut())
+        *status = NOTHING;
+    else if (is_bad && *status == ANSWERED)
+        *status = FAULTY;
 }
 
 static int run_check(const check_options &options)
@@ -169,12 +183,7 @@ static int run_check(const check_options &options)
     exit_status status = ANSWERED;
     for (const std::string &path : options.files) {
         try {
-            const findings found = check_file(options, path);
-            out.tell(path, found);
-            const bool is_bad =
-                found.count(severity::fault) != 0 || (options.strict && found.count(severity::warning) != 0);
-            if (is_bad && status == ANSWERED)
-                status = FAULTY;
+            check_file(options, path, &out, &status);
         } catch (const failure &f) {
             out.tell_failure(path, f);
             status = NOTHING;
@@ -220,7 +229,7 @@ void add_check(CLI::App &app, int *status)
         "fault or warning, section, offset in it, unit, what is wrong, and in brackets the class, which "
         "docs/checks.md\n"
         "explains. Last comes a summary of each file.\n"
-        "Exit status: 0 no faults, 2 a file cannot be opened, 3 faults were found.\n"
+        "Exit status: 0 no faults, 2 a file cannot be opened, or cost too much, 3 faults were found.\n"
         "Examples:\n"
         "  korva check ./a.out\n"
         "  korva check --format=sarif build/*.so >korva.sarif\n"

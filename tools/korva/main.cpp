@@ -63,13 +63,6 @@ void add_file_options(CLI::App *verb, common_options *options)
     verb->add_option("--debug-dir", options->debug_dirs, "Look for separate debug files here too; may be repeated")
         ->allow_extra_args(false)
         ->type_name("DIR");
-}
-
-void add_common_options(CLI::App *verb, common_options *options, const format_names &formats)
-{
-    add_format_option(verb, options, formats);
-    verb->add_flag("--raw", options->raw, "Read every section as it stands in the file, uncorrected");
-    add_file_options(verb, options);
     verb->add_option("--max-steps", options->bounds.steps,
                      "Bytes of input that may be gone over for one record; 0 is any number")
         ->transform(CLI::AsSizeValue(false));
@@ -81,6 +74,13 @@ void add_common_options(CLI::App *verb, common_options *options, const format_na
             "Time that one record may take")
         ->check(CLI::Range(0.001, 1e6))
         ->type_name("SECONDS");
+}
+
+void add_common_options(CLI::App *verb, common_options *options, const format_names &formats)
+{
+    add_format_option(verb, options, formats);
+    verb->add_flag("--raw", options->raw, "Read every section as it stands in the file, uncorrected");
+    add_file_options(verb, options);
 }
 
 // What a wrong word was meant to be: the verb that takes the fewest changes of a letter to get to.

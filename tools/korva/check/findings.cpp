@@ -28,7 +28,8 @@ const finding_class &class_of(kind what)
     return all_classes()[static_cast<size_t>(what)];
 }
 
-findings::findings(uint64_t most, const std::vector<std::string> &ignored) : m_most(most)
+findings::findings(uint64_t most, const std::vector<std::string> &ignored, handle_view handle)
+    : m_most(most), m_handle(handle)
 {
     for (size_t i = 0; i < m_ignored.size(); ++i)
         m_ignored[i] = std::find(ignored.begin(), ignored.end(), all_classes()[i].name) != ignored.end();
@@ -38,6 +39,8 @@ void findings::add(kind what, place where, std::vector<std::string> messages)
 {
     constexpr size_t MOST_PLACES = 4096;
     const finding_class &row = class_of(what);
+    if (are_cut())
+        return;
     if (where.section.empty())
         where.section = row.section;
     if (row.how_bad == severity::fault && where.offset && m_places.size() < MOST_PLACES)

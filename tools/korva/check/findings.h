@@ -3,6 +3,8 @@
 // What a check finds: one table of classes, and the findings of a file, of which a few of each class are kept.
 #pragma once
 
+#include <korva.hpp>
+
 #include <array>
 #include <cstdint>
 #include <optional>
@@ -105,8 +107,14 @@ struct volume {
 class findings
 {
 public:
-    /** Keeps at most @p most of each class; all are counted, but for those of classes that are @p ignored, by name. */
-    findings(uint64_t most, const std::vector<std::string> &ignored);
+    /**
+     * Keeps at most @p most of each class; all are counted, but for those of classes that are @p ignored, by name, and for
+     * what is met after a bound on what the file may cost is used up.
+     */
+    findings(uint64_t most, const std::vector<std::string> &ignored, handle_view handle);
+
+    /** Whether such a bound was used up: not everything was checked. */
+    bool are_cut() const { return korva_handle_is_spent(m_handle.get()) != 0; }
 
     void add(kind what, place where, std::vector<std::string> messages);
     void add(kind what, place where, std::string message)
@@ -124,6 +132,7 @@ public:
 
 private:
     uint64_t m_most;
+    handle_view m_handle;
     std::array<bool, static_cast<size_t>(kind::COUNT)> m_ignored{};
     std::array<uint64_t, static_cast<size_t>(kind::COUNT)> m_counts{};
     std::vector<finding> m_kept;
