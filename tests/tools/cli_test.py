@@ -420,6 +420,8 @@ LOG_LINES = (
     ('{fixed}[0x{f:x}]', 'return'),
     ('{fixed}() [0x{f:x}]', 'return'),
     ('Nov 26 05:56:01 host systemd-coredump[7]: #0  0x000055d0c1139123 n/a (program + 0x{o:x})', 'exact'),
+    ('Module libunknown.so with build-id {build_id}', None),
+    ('#0  0x000055d0c1139123 n/a (libunknown.so + 0x{o:x})', 'exact'),
     ('#1  0x000055d0c1139123 n/a (fixed + 0x{in_fixed:x})', 'return'),
     ('C  [program+0x{o:x}]  main+0x4', 'return'),
     ('# C  [program+0x{o:x}]  main+0x4', 'exact'),
@@ -433,6 +435,8 @@ LOG_LINES = (
     ('==7==    by 0x{in_valgrind:X}: ??? (in {path})', 'exact'),
     ('==7==    by 0x{in_valgrind:X}: main (main.c:12)', None),
     ('0x{in_memory:x}', None),  # nobody has said what is there
+    ('#1  0x{in_gdb:016x} in ?? ()', 'return'),
+    ('READ of size 4 at pc 0x{in_gdb:x} bp 0x1 sp 0x2', 'return'),
     ('Nov 26 host prog[7]: 55d000001000-55d000002000 r-xp 00001000 08:01 9     {path}', None),
     ('pc=0x{in_memory:x} sp=0x7ffd', 'exact'),
     ('#0  0x000055d00000{o:04x} in ?? ()', 'exact'),
@@ -457,7 +461,7 @@ def test_filter(korva, program, folder):
                         if start < int(row['address'], 16) < start + size and row['line'] != MAIN)
     offset = symbol(fixed, 'main') + behind - start
     given = {'path': program, 'fixed': fixed, 'o': behind, 'within': behind - start, 'size': size, 'f': offset,
-             'in_fixed': offset - 0x400000, 'in_valgrind': behind + 0x108000, 'in_memory': behind + 0x55d000000000,
+             'in_fixed': offset - 0x400000, 'in_valgrind': behind + 0x108000, 'in_memory': behind + 0x55d000000000, 'in_gdb': behind + 0x555555554000,
              'build_id': re.search(r'Build ID: (\w+)', answer_of('readelf', '-n', program)).group(1)}
     shown = {'exact': f'  [main at main.c:{line}]', 'return': f'  [main at main.c:{MAIN}]', None: ''}
     lines = [text.format(**given) for text, _ in LOG_LINES]

@@ -223,7 +223,8 @@ void filter_run::record(const log_line &line, const log_address &a, const log_pl
         {"address", at.module == nullptr ? json_value(nullptr) : hex(at.address)},
         {"return_address", is_return},
         {"frames", all}};
-    const record_error *const why = at.module == nullptr ? nullptr : at.module->refusal();
+    const auto refusal = m_places.take_refusal();
+    const record_error *const why = at.module != nullptr ? at.module->refusal() : refusal ? &*refusal : nullptr;
     m_out.record(fields,
                  why != nullptr   ? status_of(why)
                  : frames.empty() ? record_status::not_found
@@ -251,6 +252,8 @@ void filter_run::answer_line(const log_line &line, size_t passed)
 {
     if (auto mapping = read_mapping(line.text))
         m_places.seen().add(std::move(*mapping));
+    else if (const auto module = read_build_id(line.text))
+        m_places.seen().add(*module);
     else
         scan_line(line, &m_addresses);
     m_line.clear();

@@ -165,23 +165,53 @@ log_mapping read_module_record(const std::string &line)
     return m;
 }
 
+std::optional<log_build_id> read_build_id(std::string_view line)
+{
+    constexpr std::string_view MODULE = "Module ", WITH = " with build-id ";
+    const size_t with = line.rfind(WITH), module = line.substr(0, with).rfind(MODULE);
+    if (with == std::string_view::npos || module == std::string_view::npos)
+        return {};
+    const std::string_view name = line.substr(module + MODULE.size(), with - module - MODULE.size());
+    const std::string_view id = line.substr(with + WITH.size());
+    return log_build_id{name, id.substr(0, id.find_first_not_of("0123456789abcdef"))};
+}
+
 std::string_view name_of(std::string_view path)
 {
     return path.substr(path.rfind('/') + 1); // npos + 1 is 0
 }
 
-void log_maps::clear()
+void log_maps::forget_mappings()
 {
     m_all.clear();
     m_starts.clear();
     m_last = 0;
 }
 
+void log_maps::clear()
+{
+    forget_mappings();
+    m_build_ids.clear();
+}
+
+void log_maps::add(const log_build_id &module)
+{
+    if (m_build_ids.size() >= MOST_MAPPINGS)
+        m_build_ids.clear();
+    m_build_ids.insert_or_assign(std::string(name_of(module.module)), module.build_id);
+}
+
+std::string_view log_maps::find_build_id(std::string_view name) const
+{
+    const auto found = m_build_ids.find(name);
+    return found == m_build_ids.end() ? std::string_view() : std::string_view(found->second);
+}
+
 void log_maps::add(log_mapping mapping)
 {
     if (m_starts.size() >= MOST_MAPPINGS || m_all.size() >= MOST_MAPPINGS ||
         (!mapping.is_event && mapping.start <= m_last))
-        clear();
+        forget_mappings();
     if (!mapping.is_event)
         m_last = mapping.start;
     auto first = m_all.lower_bound(mapping.start);

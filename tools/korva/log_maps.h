@@ -36,6 +36,12 @@ struct log_mapping {
  */
 std::optional<log_mapping> read_mapping(std::string_view line);
 
+/** A module, by path or name, whose build-id a line tells, as systemd-coredump writes it. */
+struct log_build_id {
+    std::string_view module, build_id;
+};
+std::optional<log_build_id> read_build_id(std::string_view line);
+
 /**
  * A module as --modules tells it, a JSON object: "path" and "build_id", or one of them; "start" and "size" of what it
  * takes of the process; "bias", or "offset" in the file of what is at start, else start is where the file begins. Numbers may be
@@ -59,12 +65,18 @@ public:
     const log_mapping *find(uint64_t address) const;
     /** A mapping of the file of that name, or NULL. Likewise. */
     const log_mapping *find(std::string_view name) const;
+    /** Notes the build-id of a file by its name, or asks for it: "" when it is not known. */
+    void add(const log_build_id &module);
+    std::string_view find_build_id(std::string_view name) const;
     void clear();
 
 private:
-    std::map<uint64_t, log_mapping> m_all;                                          // by start
-    std::unordered_map<std::string, uint64_t, text_hash, std::equal_to<>> m_starts; // by name
-    uint64_t m_last = 0;                                                            // where the last of the list starts
+    void forget_mappings();
+
+    std::map<uint64_t, log_mapping> m_all;                                                // by start
+    std::unordered_map<std::string, uint64_t, text_hash, std::equal_to<>> m_starts;       // by name
+    std::unordered_map<std::string, std::string, text_hash, std::equal_to<>> m_build_ids; // by name
+    uint64_t m_last = 0; // where the last of the list starts
 };
 
 } // namespace korva::program

@@ -6,7 +6,8 @@
 namespace korva::program
 {
 
-static constexpr uint64_t VALGRIND_BASE = 0x108000; // of a program that is moved, on AMD64
+// Where a program that is moved lies, on AMD64: under valgrind; where the system does not choose, as under gdb.
+static constexpr uint64_t VALGRIND_BASE = 0x108000, UNCHOSEN_BASE = 0x555555554000;
 static constexpr std::string_view DELETED = " (deleted)";
 
 log_places::log_places(const place_options &options)
@@ -14,8 +15,9 @@ log_places::log_places(const place_options &options)
 {
     for (const std::string &path : options.files) {
         const opened_module file(path, options.flags, options.debug_dirs, options.bounds);
-        m_files.push_back(
-            {path, std::string(name_of(path)), file.build_id(), file.is_moved() ? std::vector<extent>() : file.code()});
+        const bool is_at_home = file.is_program() || !file.is_moved();
+        m_files.push_back({path, std::string(name_of(path)), file.build_id(), file.is_moved() ? UNCHOSEN_BASE : 0,
+                           is_at_home ? file.code() : std::vector<extent>()});
     }
 }
 
@@ -82,6 +84,8 @@ opened_module *log_places::find_module(std::string_view name, std::string_view b
 // A name alone may be that of a mapped file, or of one in the working directory.
 opened_module *log_places::find_named(std::string_view name, std::string_view build_id)
 {
+    if (build_id.empty())
+        build_id = m_seen.find_build_id(name_of(name));
     if (name.find('/') == std::string_view::npos) {
         if (const log_mapping *const mapping = m_given.find(name); mapping != nullptr)
             return find_module(mapping->path, build_id.empty() ? mapping->build_id : build_id, true);
@@ -106,8 +110,8 @@ std::optional<log_place> log_places::find_in_memory(uint64_t address, std::strin
     }
     for (const given_file &file : m_files)
         for (const extent &code : file.code)
-            if (address - code.address < code.size)
-                return log_place{m_cache.open(file.path), address};
+            if (address - file.bias - code.address < code.size)
+                return log_place{m_cache.open(file.path), address - file.bias};
     if (module.empty())
         return {};
     opened_module *const file = find_module(module, {}, m_options.open_paths);

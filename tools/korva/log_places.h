@@ -48,11 +48,14 @@ public:
      * had, which is told, or has no such place.
      */
     std::optional<log_place> find(const log_address &a);
+    /** Why the file of the last was not to be had; forgets that. */
+    std::optional<record_error> take_refusal() { return m_cache.take_refusal(); }
 
 private:
     struct given_file {
         std::string path, name, build_id;
-        std::vector<extent> code; // of one that is not moved
+        uint64_t bias;            // of a program, as far as it is known
+        std::vector<extent> code; // of a program
     };
 
     opened_module *find_module(std::string_view name, std::string_view build_id, bool may_open);

@@ -401,6 +401,8 @@ void line_scan::keep_frame()
         without_blanks_before(word).find_first_not_of("0123456789") == without_blanks_before(word).size() - 1;
     const bool is_valgrind = (head.ends_with("at ") || head.ends_with("by ")) && tail.starts_with(": ");
     const bool is_glog = word.ends_with('@');
+    for (log_address &a : m_found) // of a sanitizer, where instrumented code called it
+        a.is_return = m_line.substr(0, static_cast<size_t>(a.text.data() - m_line.data())).ends_with(" at pc ");
     if (!frame && !is_rust && !is_valgrind && !is_glog)
         return;
     if (ends_with_place(tail) || (is_rust && tail != " - <unknown>")) {

@@ -23,8 +23,9 @@ static bool is_trigger(const char *at, size_t left)
         return false;
     switch (at[0]) {
     case '0':
-    case '-':
         return at[1] == 'x';
+    case '-':
+        return at[1] == 'x' || at[1] == 'i';
     case '[':
         return at[1] == '<' || at[1] == 'u';
     case ' ':
@@ -46,7 +47,9 @@ size_t find_trigger(std::string_view text, size_t from)
         const __m128i first = _mm_loadu_si128(bytes);
         const __m128i second = _mm_loadu_si128(reinterpret_cast<const __m128i *>(data + at + 1));
         const __m128i third = _mm_loadu_si128(reinterpret_cast<const __m128i *>(data + at + 2));
-        const __m128i number = _mm_and_si128(_mm_or_si128(has(first, '0'), has(first, '-')), has(second, 'x'));
+        const __m128i dash = has(first, '-'), x = has(second, 'x');
+        const __m128i number =
+            _mm_or_si128(_mm_and_si128(_mm_or_si128(has(first, '0'), dash), x), _mm_and_si128(dash, has(second, 'i')));
         const __m128i bracket = _mm_and_si128(has(first, '['), _mm_or_si128(has(second, '<'), has(second, 'u')));
         const __m128i ip = _mm_and_si128(has(first, ' '), _mm_and_si128(has(second, 'i'), has(third, 'p')));
         const int found = _mm_movemask_epi8(_mm_or_si128(number, _mm_or_si128(bracket, ip)));

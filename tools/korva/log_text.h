@@ -17,7 +17,7 @@ constexpr size_t MOST_LINE = size_t{1} << 16;
 
 /**
  * The first place in @p text, from @p from on, that a line with an address has, or npos. Lines without one have it
- * seldom: 0x, a mapping's r-x, the kernel's [< and " ip", perf's [unknown].
+ * seldom: 0x, a mapping's r-x, a build-id, the kernel's [< and " ip", perf's [unknown].
  */
 size_t find_trigger(std::string_view text, size_t from);
 

@@ -24,7 +24,7 @@ opened_module::opened_module(const std::string &path, unsigned int flags, const 
 {
     const krv_elf_info_t info = m_file.elf().info();
     if (info.type == ET_CORE)
-        throw failure(fmt::format("{}: a core file is no module", path));
+        throw failure(fmt::format("{}: a core file is no module", path), {.code = "KRV_ELF_ERR_UNSUPPORTED"});
     for (size_t i = 0; i < info.build_id_size; ++i)
         m_build_id += fmt::format("{:02x}", info.build_id[i]);
     m_is_moved = info.type != ET_EXEC;
@@ -131,11 +131,14 @@ void module_cache::tell(const std::string &text)
     ++m_told;
 }
 
-void module_cache::refuse(std::string_view path, std::string_view why)
+void module_cache::refuse(std::string_view path, std::string_view what)
 {
+    m_refusal = {.messages = {fmt::format("{}: {}", path, what)}};
     const auto at = m_entries.find(path);
-    if (at == m_entries.end() || !std::exchange(at->second.is_refused, true))
-        tell(fmt::format("{}: {}", path, why));
+    if (at == m_entries.end() || at->second.refusal)
+        return;
+    at->second.refusal = m_refusal;
+    tell(m_refusal->messages[0]);
 }
 
 void module_cache::close_oldest()
@@ -148,37 +151,44 @@ void module_cache::close_oldest()
     --m_open;
 }
 
+// Others than regular files are not even opened: that may wait, rewind a tape or worse.
+std::unique_ptr<opened_module> module_cache::open_file(const std::string &path, bool is_guess)
+{
+    struct stat st = {};
+    errno = ENOENT;
+    if (path.find('\0') != std::string::npos || stat(path.c_str(), &st) != 0) {
+        if (is_guess)
+            return nullptr;
+        throw failure(fmt::format("{}: {}", path, std::strerror(errno)), {.code = "KRV_ELF_ERR_SYSTEM"});
+    }
+    if (!S_ISREG(st.st_mode))
+        throw failure(fmt::format("{}: not a regular file", path), {.code = "KRV_ELF_ERR_FORMAT"});
+    if (m_open == m_most)
+        close_oldest();
+    auto file = std::make_unique<opened_module>(path, m_flags, m_debug_dirs, m_bounds);
+    ++m_open;
+    return file;
+}
+
 opened_module *module_cache::open(std::string_view path, bool is_guess)
 {
-    const auto known = m_entries.find(path);
-    if (known != m_entries.end()) {
-        known->second.used = ++m_time;
-        return known->second.file.get();
-    }
-    if (m_entries.size() - m_open >= MOST_KNOWN)
-        std::erase_if(m_entries, [](const auto &each) { return each.second.file == nullptr; });
-    const std::string name(path);
-    entry made = {.used = ++m_time};
-    struct stat st = {};
-    const bool is_there = path.find('\0') == std::string_view::npos && stat(name.c_str(), &st) == 0;
-    try {
-        // Others are not even opened: that may wait, rewind a tape or worse.
-        if (!is_there && !is_guess)
-            throw failure(
-                fmt::format("{}: {}", name, std::strerror(path.find('\0') == std::string_view::npos ? errno : ENOENT)));
-        if (is_there && !S_ISREG(st.st_mode))
-            throw failure(fmt::format("{}: not a regular file", name));
-        if (is_there) {
-            if (m_open == m_most)
-                close_oldest();
-            made.file = std::make_unique<opened_module>(name, m_flags, m_debug_dirs, m_bounds);
-            ++m_open;
+    auto at = m_entries.find(path);
+    if (at == m_entries.end()) {
+        if (m_entries.size() - m_open >= MOST_KNOWN)
+            std::erase_if(m_entries, [](const auto &each) { return each.second.file == nullptr; });
+        entry made;
+        try {
+            made.file = open_file(std::string(path), is_guess);
+        } catch (const failure &f) {
+            tell(f.what());
+            made.refusal = f.why;
         }
-    } catch (const failure &f) {
-        tell(f.what());
-        made.is_refused = true;
+        at = m_entries.emplace(path, std::move(made)).first;
     }
-    return m_entries.emplace(name, std::move(made)).first->second.file.get();
+    at->second.used = ++m_time;
+    if (at->second.file == nullptr && !is_guess)
+        m_refusal = at->second.refusal;
+    return at->second.file.get();
 }
 
 } // namespace korva::program

@@ -14,6 +14,7 @@
 #include <string>
 #include <string_view>
 #include <unordered_map>
+#include <utility>
 #include <vector>
 
 namespace korva::program
@@ -78,16 +79,19 @@ public:
      * @p is_guess one that is not there is nothing to tell.
      */
     opened_module *open(std::string_view path, bool is_guess = false);
-    /** Tells of a file once what is wrong with it. */
-    void refuse(std::string_view path, std::string_view why);
+    /** Tells of an open file once what is wrong with it. */
+    void refuse(std::string_view path, std::string_view what);
+    /** Why the last that was asked for was not to be had, unless it was a guess; forgets that. */
+    std::optional<record_error> take_refusal() { return std::exchange(m_refusal, std::nullopt); }
 
 private:
     struct entry {
         std::unique_ptr<opened_module> file{}; // NULL: not to be had
+        std::optional<record_error> refusal{}; // told
         uint64_t used = 0;
-        bool is_refused = false; // told
     };
 
+    std::unique_ptr<opened_module> open_file(const std::string &path, bool is_guess);
     void close_oldest();
     void tell(const std::string &text);
 
@@ -99,6 +103,7 @@ private:
     size_t m_open = 0;
     uint64_t m_time = 0;
     size_t m_told = 0;
+    std::optional<record_error> m_refusal;
 };
 
 } // namespace korva::program
