@@ -205,7 +205,7 @@ static std::string value_text(const stack::object &value)
 {
     std::string text;
     for (size_t i = 0; i < value.bytes.size(); ++i)
-        text += (i == 0 ? "" : " ") + (value.known[i] ? fmt::format("{:02x}", value.bytes[i]) : "??");
+        text += fmt::format("{}{}", i == 0 ? "" : " ", value.known[i] ? fmt::format("{:02x}", value.bytes[i]) : "??");
     return text;
 }
 

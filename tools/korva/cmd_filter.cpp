@@ -56,6 +56,7 @@ private:
     void read_process();
     void read_process_again(uint64_t address);
 
+    bool note_modules(const log_line &line);
     void answer_line(const log_line &line, size_t passed);
     std::optional<log_place> look_up(const log_address &a);
     bool is_return(const log_address &a);
@@ -248,13 +249,21 @@ std::optional<log_place> filter_run::look_up(const log_address &a)
     return m_places.find(a);
 }
 
+// What a line says of modules; false: nothing.
+bool filter_run::note_modules(const log_line &line)
+{
+    auto mapping = (line.triggers & TRIGGER_MAPPING) != 0 ? read_mapping(line.text) : std::nullopt;
+    const auto module = (line.triggers & TRIGGER_BUILD_ID) != 0 ? read_build_id(line.text) : std::nullopt;
+    if (mapping)
+        m_places.seen().add(std::move(*mapping));
+    else if (module)
+        m_places.seen().add(*module);
+    return mapping || module;
+}
+
 void filter_run::answer_line(const log_line &line, size_t passed)
 {
-    if (auto mapping = read_mapping(line.text))
-        m_places.seen().add(std::move(*mapping));
-    else if (const auto module = read_build_id(line.text))
-        m_places.seen().add(*module);
-    else
+    if (!note_modules(line))
         scan_line(line, &m_addresses);
     m_line.clear();
     size_t written = 0;

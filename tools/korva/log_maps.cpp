@@ -167,11 +167,12 @@ log_mapping read_module_record(const std::string &line)
 
 std::optional<log_build_id> read_build_id(std::string_view line)
 {
-    constexpr std::string_view MODULE = "Module ", WITH = " with build-id ";
-    const size_t with = line.rfind(WITH), module = line.substr(0, with).rfind(MODULE);
-    if (with == std::string_view::npos || module == std::string_view::npos)
+    constexpr std::string_view MODULE = "Module ", WITH = "with build-id ";
+    const size_t with = line.find(WITH);
+    const size_t module = with == std::string_view::npos ? with : line.substr(0, with).rfind(MODULE);
+    if (module == std::string_view::npos)
         return {};
-    const std::string_view name = line.substr(module + MODULE.size(), with - module - MODULE.size());
+    const std::string_view name = trim(line.substr(module + MODULE.size(), with - module - MODULE.size()));
     const std::string_view id = line.substr(with + WITH.size());
     return log_build_id{name, id.substr(0, id.find_first_not_of("0123456789abcdef"))};
 }

@@ -111,7 +111,7 @@ class line_scan
 {
 public:
     line_scan(const log_line &line, std::vector<log_address> *found)
-        : m_line(line.text), m_previous(line.previous), m_found(*found)
+        : m_line(line.text), m_previous(line.previous), m_triggers(line.triggers), m_found(*found)
     {
     }
 
@@ -143,10 +143,12 @@ private:
     bool scan_kernel(const number_at &n, size_t plus);
     bool scan_backtrace(const number_at &n, size_t plus);
     bool scan_brackets(const number_at &n);
+    void scan_old_kernel();
     void keep_frame();
     bool is_behind_signal() const;
 
     std::string_view m_line, m_previous;
+    unsigned int m_triggers;
     std::vector<log_address> &m_found;
     size_t m_next = 0; // where to look on
     std::optional<number_at> m_first;
@@ -421,12 +423,25 @@ void line_scan::keep_frame()
     }
 }
 
+// Of kernels before 4.10: "[<ffffffff810a1b2c>]".
+void line_scan::scan_old_kernel()
+{
+    const size_t at = m_line.find("[<");
+    log_address a;
+    const size_t digits = at == NPOS ? 0 : read_hex(m_line.substr(at + 2), &a.value);
+    if (digits == 0 || !has(at + 2 + digits, ">]"))
+        return;
+    a.text = text(at + 2, at + 2 + digits);
+    a.is_return = true;
+    add(a);
+}
+
 void line_scan::run()
 {
-    if (scan_fault() || scan_perf())
+    if (((m_triggers & TRIGGER_IP) != 0 && scan_fault()) || scan_perf())
         return;
-    std::vector<log_address> in_memory;
-    for (size_t i = 0; i < MOST_NUMBERS && m_found.size() < MOST_ADDRESSES && in_memory.size() < MOST_ADDRESSES; ++i) {
+    bool has_module = false;
+    for (size_t i = 0; i < MOST_NUMBERS && m_found.size() < MOST_ADDRESSES; ++i) {
         const auto n = next_number(m_next);
         if (!n)
             break;
@@ -438,23 +453,17 @@ void line_scan::run()
             m_found.clear();
             return;
         }
-        if (o == outcome::none && !scan_brackets(*n) && before(n->begin) != '+' && before(n->begin) != '/')
-            in_memory.push_back({.value = n->value, .text = text(n->begin, n->end)});
+        if (o == outcome::found || scan_brackets(*n))
+            has_module = true;
+        else if (before(n->begin) != '+' && before(n->begin) != '/')
+            m_found.push_back({.value = n->value, .text = text(n->begin, n->end)});
     }
-    if (m_found.empty() && !in_memory.empty()) {
-        m_found = std::move(in_memory);
+    if (has_module) // then the others tell the same, or are no addresses
+        std::erase_if(m_found, [](const log_address &a) { return a.of == log_address::kind::memory; });
+    else if (!m_found.empty())
         keep_frame();
-    }
-    for (size_t at = 0; m_found.empty() && (at = m_line.find("[<", at)) != NPOS; at += 2) { // of kernels before 4.10
-        log_address a;
-        const size_t digits = read_hex(m_line.substr(at + 2), &a.value);
-        if (digits == 0 || !has(at + 2 + digits, ">]"))
-            continue;
-        a.text = text(at + 2, at + 2 + digits);
-        a.is_return = true;
-        add(a);
-        break;
-    }
+    else if ((m_triggers & TRIGGER_BRACKET) != 0)
+        scan_old_kernel();
 }
 
 } // namespace

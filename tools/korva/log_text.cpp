@@ -17,21 +17,21 @@ namespace korva::program
 static constexpr size_t BLOCK = size_t{1} << 18;         // that is read at once
 static constexpr size_t MOST_PREVIOUS = size_t{1} << 12; // of a line that is kept for the next
 
-static bool is_trigger(const char *at, size_t left)
+static trigger trigger_at(const char *at, size_t left)
 {
     if (left < 2)
-        return false;
+        return TRIGGER_NONE;
     switch (at[0]) {
     case '0':
-        return at[1] == 'x';
+        return at[1] == 'x' ? TRIGGER_NUMBER : TRIGGER_NONE;
     case '-':
-        return at[1] == 'x' || at[1] == 'i';
+        return at[1] == 'x' ? TRIGGER_MAPPING : at[1] == 'i' ? TRIGGER_BUILD_ID : TRIGGER_NONE;
     case '[':
-        return at[1] == '<' || at[1] == 'u';
+        return at[1] == '<' ? TRIGGER_BRACKET : at[1] == 'u' ? TRIGGER_UNKNOWN : TRIGGER_NONE;
     case ' ':
-        return left > 2 && at[1] == 'i' && at[2] == 'p';
+        return left > 2 && at[1] == 'i' && at[2] == 'p' ? TRIGGER_IP : TRIGGER_NONE;
     default:
-        return false;
+        return TRIGGER_NONE;
     }
 }
 
@@ -58,9 +58,17 @@ size_t find_trigger(std::string_view text, size_t from)
     }
 #endif
     for (; at < text.size(); ++at)
-        if (is_trigger(data + at, text.size() - at))
+        if (trigger_at(data + at, text.size() - at) != TRIGGER_NONE)
             return at;
     return std::string_view::npos;
+}
+
+unsigned int triggers_of(std::string_view text)
+{
+    unsigned int all = 0;
+    for (size_t at = 0; (at = find_trigger(text, at)) != std::string_view::npos; ++at)
+        all |= trigger_at(text.data() + at, text.size() - at);
+    return all;
 }
 
 log_flow::log_flow(handler to, bool pass_partly, bool count_lines)
@@ -123,7 +131,8 @@ void log_flow::take_lines(size_t end)
         pass(m_at, begin);
         const size_t passed = std::max(m_passed, begin);
         m_passed = std::max(passed, begin + line.size());
-        m_to.line({line, without_return(line_before(begin)), m_count_lines ? m_line : 0}, passed - begin);
+        m_to.line({line, without_return(line_before(begin)), triggers_of(line), m_count_lines ? m_line : 0},
+                  passed - begin);
     }
     if (m_count_lines)
         m_line += static_cast<uint64_t>(std::count(data + counted, data + end, '\n'));

@@ -15,16 +15,27 @@ namespace korva::program
 /** Longer lines are not looked at. */
 constexpr size_t MOST_LINE = size_t{1} << 16;
 
-/**
- * The first place in @p text, from @p from on, that a line with an address has, or npos. Lines without one have it
- * seldom: 0x, a mapping's r-x, a build-id, the kernel's [< and " ip", perf's [unknown].
- */
+/** What a line with an address has, and others have seldom. */
+enum trigger : unsigned int {
+    TRIGGER_NONE = 0,
+    TRIGGER_NUMBER = 1,   /**< 0x */
+    TRIGGER_MAPPING = 2,  /**< -x, of r-xp */
+    TRIGGER_BUILD_ID = 4, /**< -i, of build-id */
+    TRIGGER_BRACKET = 8,  /**< [<, of old kernels */
+    TRIGGER_UNKNOWN = 16, /**< [u, of perf's [unknown] */
+    TRIGGER_IP = 32       /**< " ip", of a kernel's line about a fault */
+};
+
+/** The first place of a trigger in @p text, from @p from on, or npos. */
 size_t find_trigger(std::string_view text, size_t from);
+/** All triggers of a text. */
+unsigned int triggers_of(std::string_view text);
 
 /** A line that may speak of addresses. */
 struct log_line {
     std::string_view text;     /**< without its end */
     std::string_view previous; /**< the line before it; empty when that is too long */
+    unsigned int triggers;     /**< that it has */
     uint64_t number;           /**< counted from 1; 0 unless lines are counted */
 };
 
