@@ -366,6 +366,7 @@ static void add_choice(CLI::App *verb, const char *name, T *value, const char *t
                        const std::map<std::string, T> &choices)
 {
     std::vector<std::string> names;
+    names.reserve(choices.size());
     for (const auto &[choice, meaning] : choices)
         names.push_back(choice);
     verb->add_option_function<std::string>(

@@ -51,7 +51,7 @@ private:
     std::string_view m_text;
 };
 
-std::optional<log_mapping> checked(log_mapping m, std::string_view path)
+std::optional<log_mapping> with_path(log_mapping m, std::string_view path)
 {
     m.path = trim(path);
     if (m.start >= m.end || !m.path.starts_with('/'))
@@ -70,7 +70,7 @@ std::optional<log_mapping> read_proc_mapping(std::string_view line, size_t permi
         !rest.take_hex(&m.offset) || !rest.take_blanks() || !rest.take_word() || !rest.take_blanks() ||
         !rest.take_word() || !rest.take_blanks())
         return {};
-    return checked(std::move(m), rest.rest());
+    return with_path(std::move(m), rest.rest());
 }
 
 // "0x55f000  0x55f100  0x1000  0x1000  r-xp  /path": start, end, size, offset.
@@ -84,7 +84,7 @@ std::optional<log_mapping> read_gdb_mapping(std::string_view line, size_t permis
         !head.take_hex(&m.end) || !head.take_blanks() || !head.take("0x") || !head.take_hex(&size) ||
         !head.take_blanks() || !head.take("0x") || !head.take_hex(&m.offset))
         return {};
-    return checked(std::move(m), line.substr(permissions + 6));
+    return with_path(std::move(m), line.substr(permissions + 6));
 }
 
 // "PERF_RECORD_MMAP2 7/7: [0x55f000(0x1000) @ 0x1000 08:01 1234 0]: r-xp /path", with a build-id "@ 0x1000 <0123>]".
@@ -105,7 +105,7 @@ std::optional<log_mapping> read_perf_mapping(std::string_view line, size_t event
         m.build_id = inner.rest().substr(0, inner.rest().find('>'));
     text_reader behind(line.substr(close + 3));
     behind.take_word();
-    return checked(std::move(m), behind.rest());
+    return with_path(std::move(m), behind.rest());
 }
 
 std::optional<uint64_t> number_of(const json_value &record, const char *key)

@@ -27,7 +27,7 @@ static bool is_build_id(std::string_view text)
            text.find_first_not_of("0123456789abcdef") == std::string_view::npos;
 }
 
-opened_module *log_places::find_by_build_id(std::string_view build_id)
+opened_module *log_places::find_by_build_id(std::string_view name, std::string_view build_id)
 {
     if (!is_build_id(build_id))
         return nullptr;
@@ -40,6 +40,7 @@ opened_module *log_places::find_by_build_id(std::string_view build_id)
             if (opened_module *const found = m_cache.open(path, true); found != nullptr)
                 return found;
         }
+    m_cache.refuse(name, fmt::format("no file of build-id {} is here", build_id));
     return nullptr;
 }
 
@@ -71,14 +72,14 @@ opened_module *log_places::find_module(std::string_view name, std::string_view b
             return m_cache.open(file.path);
     }
     if (!may_open || is_deleted || name.empty())
-        return find_by_build_id(build_id);
+        return find_by_build_id(name, build_id);
     const std::string path = name.starts_with('/') ? m_options.sysroot + std::string(name) : std::string(name);
     opened_module *const found = m_cache.open(path, is_build_id(build_id));
     if (found != nullptr && (build_id.empty() || found->build_id().empty() || found->build_id() == build_id))
         return found;
     if (found != nullptr)
         m_cache.refuse(path, fmt::format("its build-id is {}, not {} as in the log", found->build_id(), build_id));
-    return find_by_build_id(build_id);
+    return find_by_build_id(name, build_id);
 }
 
 // A name alone may be that of a mapped file, or of one in the working directory.

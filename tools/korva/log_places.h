@@ -61,7 +61,7 @@ private:
     opened_module *find_module(std::string_view name, std::string_view build_id, bool may_open);
     opened_module *find_named(std::string_view name, std::string_view build_id);
     opened_module *find_kernel(std::string_view name);
-    opened_module *find_by_build_id(std::string_view build_id);
+    opened_module *find_by_build_id(std::string_view name, std::string_view build_id);
     std::optional<log_place> find_in_memory(uint64_t address, std::string_view module);
     static std::optional<uint64_t> address_in(opened_module *module, const log_address &a);
 

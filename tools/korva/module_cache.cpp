@@ -131,14 +131,19 @@ void module_cache::tell(const std::string &text)
     ++m_told;
 }
 
-void module_cache::refuse(std::string_view path, std::string_view what)
+void module_cache::refuse(std::string_view name, std::string_view what)
 {
-    m_refusal = {.messages = {fmt::format("{}: {}", path, what)}};
-    const auto at = m_entries.find(path);
-    if (at == m_entries.end() || at->second.refusal)
-        return;
-    at->second.refusal = m_refusal;
-    tell(m_refusal->messages[0]);
+    const std::string text = fmt::format("{}: {}", name, what);
+    m_refusal = {.code = "KRV_ELF_ERR_NOTFOUND", .messages = {text}};
+    forget_some();
+    if (m_entries.try_emplace(text).second) // no path that is opened
+        tell(text);
+}
+
+void module_cache::forget_some()
+{
+    if (m_entries.size() - m_open >= MOST_KNOWN)
+        std::erase_if(m_entries, [](const auto &each) { return each.second.file == nullptr; });
 }
 
 void module_cache::close_oldest()
@@ -174,8 +179,7 @@ opened_module *module_cache::open(std::string_view path, bool is_guess)
 {
     auto at = m_entries.find(path);
     if (at == m_entries.end()) {
-        if (m_entries.size() - m_open >= MOST_KNOWN)
-            std::erase_if(m_entries, [](const auto &each) { return each.second.file == nullptr; });
+        forget_some();
         entry made;
         try {
             made.file = open_file(std::string(path), is_guess);

@@ -79,8 +79,8 @@ public:
      * @p is_guess one that is not there is nothing to tell.
      */
     opened_module *open(std::string_view path, bool is_guess = false);
-    /** Tells of an open file once what is wrong with it. */
-    void refuse(std::string_view path, std::string_view what);
+    /** Tells of a module once what is wrong with it. */
+    void refuse(std::string_view name, std::string_view what);
     /** Why the last that was asked for was not to be had, unless it was a guess; forgets that. */
     std::optional<record_error> take_refusal() { return std::exchange(m_refusal, std::nullopt); }
 
@@ -92,6 +92,7 @@ private:
     };
 
     std::unique_ptr<opened_module> open_file(const std::string &path, bool is_guess);
+    void forget_some();
     void close_oldest();
     void tell(const std::string &text);
 
