@@ -232,6 +232,27 @@ krv_ctu_t *krv_addr_index_find(krv_handle_t *hp, uint64_t address, krv_lookup_fl
     return answer(hp, index, address, 0, unit);
 }
 
+bool krv_addr_index_neighbours(krv_handle_t *hp, uint64_t address, krv_addr_neighbours *found)
+{
+    *found = {};
+    const krv_addr_index *index = get_index(hp, KRV_LOOKUP_F_NONE);
+    if (index == nullptr)
+        return false;
+    const krv_addr_map *map = &index->sai_map;
+    const size_t behind = krv_addr_map_count(map, address); // pieces of no unit lie between two of units
+    for (size_t i = behind; i < map->sam_pieces && found->after == nullptr; ++i)
+        if (const uint32_t owner = krv_addr_map_owner(map, i); owner != KRV_ADDR_NOTHING) {
+            found->after = hp->sh_cu_table[owner];
+            found->after_start = krv_addr_map_bound(map, i);
+        }
+    for (size_t i = behind; i-- > 0 && found->before == nullptr;)
+        if (const uint32_t owner = krv_addr_map_owner(map, i); owner != KRV_ADDR_NOTHING) {
+            found->before = hp->sh_cu_table[owner];
+            found->before_end = i + 1 < map->sam_pieces ? krv_addr_map_bound(map, i + 1) : UINT64_MAX;
+        }
+    return true;
+}
+
 krv_ctu_t *korva_lookup_ctu_by_addr(krv_handle_t *hp, uint64_t address, krv_lookup_flag_t flags)
 {
     if (hp == nullptr)

@@ -63,6 +63,14 @@ struct krv_addr_stretch {
 // As korva_lookup_ctu_by_addr, without clearing the error state first; *stretch has the address in it, also without a unit.
 krv_ctu_t *krv_addr_index_find(krv_handle_t *hp, uint64_t address, krv_lookup_flag_t flags, krv_addr_stretch *stretch);
 
+// The units on both sides of an address that none is known to cover, and where these end and begin; NULL: there is none. False
+// with the error of making the index.
+struct krv_addr_neighbours {
+    krv_ctu_t *before, *after;
+    uint64_t before_end, after_start;
+};
+bool krv_addr_index_neighbours(krv_handle_t *hp, uint64_t address, krv_addr_neighbours *found);
+
 // Teardown, before the units are freed.
 void krv_addr_index_destroy(krv_handle_t *hp);
 

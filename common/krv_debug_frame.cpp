@@ -212,7 +212,8 @@ static bool read_fde(krv_handle_t *hp, krv_reader_t *reader, krv_fde_t *fdep, ui
     fdep->sfde_section_length = r.full_size;
     if (!krv_read_field(&r.fd, DW_FORM_sec_offset, r.encoding, &fdep->sfde_pointer, "failed to read CIE pointer"))
         return false;
-    fdep->sfde_cie = krv_debug_frame_gcbo(hp, reader, fdep->sfde_pointer);
+    fdep->sfde_cie_offset = fdep->sfde_pointer;
+    fdep->sfde_cie = krv_debug_frame_gcbo(hp, reader, fdep->sfde_cie_offset);
     if (fdep->sfde_cie == nullptr) {
         krv_note(hp, "couldn't get parent CIE");
         return false;

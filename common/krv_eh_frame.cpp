@@ -606,7 +606,8 @@ static bool scan_extent(krv_handle_t *hp, record_reader *r, uint8_t encoding, kr
         krv_fail(hp, KRV_ERR_CORRUPT, "illegal CIE pointer (0)");
         return false;
     }
-    if (!read_parent(hp, record, eh_frame, eh_frame + offset + EH_LENGTH_SIZE - fdep->sfde_pointer))
+    fdep->sfde_cie_offset = offset + EH_LENGTH_SIZE - fdep->sfde_pointer;
+    if (!read_parent(hp, record, eh_frame, eh_frame + fdep->sfde_cie_offset))
         return false;
     switch (fdep->sfde_cie->scie_augmentation_type) {
     case KRV_AUG_NONE:

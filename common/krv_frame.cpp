@@ -10,18 +10,6 @@
 
 #include <cstdlib>
 
-namespace
-{
-
-// What an index says of an address.
-struct index_entry {
-    uint64_t start;  // first address of the FDE
-    uint64_t offset; // of the FDE
-    uint64_t next;   // first address of the next one, or start
-};
-
-} // namespace
-
 int krv_fde_compar(const void *a, const void *b)
 {
     const uint64_t left = static_cast<const krv_lie_t *>(a)->sle_start;
@@ -134,7 +122,7 @@ const krv_linear_t *krv_get_linear_table(krv_handle_t *hp)
     return reader == nullptr ? nullptr : get_linear_table(hp, reader, true);
 }
 
-static int search_linear_table(krv_handle_t *hp, const krv_linear_t *lt, uint64_t address, index_entry *entry)
+static int search_linear_table(krv_handle_t *hp, const krv_linear_t *lt, uint64_t address, krv_fde_search *entry)
 {
     const krv_lie_t *table = lt->sl_table;
     int32_t lo = 0, hi = static_cast<int32_t>(lt->sl_table_entries) - 1; // the walk found no more than fit
@@ -147,7 +135,10 @@ static int search_linear_table(krv_handle_t *hp, const krv_linear_t *lt, uint64_
         }
         const uint64_t next = mid == hi ? start : table[mid + 1].sle_start;
         if (mid == hi || address < next) {
-            *entry = {start, table[mid].sle_offset, next};
+            entry->start = start;
+            entry->offset = table[mid].sle_offset;
+            entry->next = next;
+            entry->by_table = false;
             return 0;
         }
         lo = mid + 1;
@@ -155,12 +146,15 @@ static int search_linear_table(krv_handle_t *hp, const krv_linear_t *lt, uint64_
     return krv_fail_code(hp, KRV_ERR_NOTFOUND);
 }
 
-static inline int find_entry(krv_handle_t *hp, krv_reader_t *reader, uint64_t address, bool force, index_entry *entry)
+static inline int find_entry(krv_handle_t *hp, krv_reader_t *reader, uint64_t address, bool force,
+                             krv_fde_search *entry)
 {
     const krv_linear_t *lt = krv_load(&reader->sr_lt);
     if (lt == nullptr && !force) {
-        if (reader->sr_ops->sro_gfoba(hp, reader, address, &entry->start, &entry->offset, &entry->next) == 0)
+        if (reader->sr_ops->sro_gfoba(hp, reader, address, &entry->start, &entry->offset, &entry->next) == 0) {
+            entry->by_table = true;
             return 0;
+        }
         if (hp->sh_errno != KRV_ERR_UNSUPPORTED)
             return -1;
     }
@@ -177,7 +171,7 @@ int krv_get_fde_offset_by_address(krv_handle_t *hp, uint64_t address, boolean_t 
     KRV_ASSERT(toffp != NULL);
     KRV_ASSERT(naddrp != NULL);
     krv_reader_t *reader = krv_need_reader(hp);
-    index_entry entry = {};
+    krv_fde_search entry = {};
     if (reader == nullptr || find_entry(hp, reader, address, force != B_FALSE, &entry) != 0)
         return -1;
     *taddrp = entry.start;
@@ -204,7 +198,7 @@ static bool covers(const krv_fde_t *fdep, uint64_t address)
     return address <= last_address(fdep) && address - fdep->sfde_target_address < fdep->sfde_address_range;
 }
 
-static void note_inconsistency(krv_handle_t *hp, uint64_t address, const index_entry *entry, const krv_fde_t *fdep)
+static void note_inconsistency(krv_handle_t *hp, uint64_t address, const krv_fde_search *entry, const krv_fde_t *fdep)
 {
     krv_note(hp,
              "BST entry found for address 0x%lx is { address = 0x%lx, offset = 0x%lx } (next address is 0x%lx) but "
@@ -215,29 +209,37 @@ static void note_inconsistency(krv_handle_t *hp, uint64_t address, const index_e
 }
 
 // A reader's index that disagrees with the FDEs is bypassed once, in favour of the linear table.
-krv_fde_t *krv_get_fde_by_address(krv_handle_t *hp, uint64_t address)
+krv_fde_t *krv_search_fde(krv_handle_t *hp, uint64_t address, krv_fde_search *searchp)
 {
     KRV_ASSERT(hp != NULL);
+    *searchp = {};
     krv_reader_t *reader = krv_need_reader(hp);
     if (reader == nullptr)
         return nullptr;
     for (const bool forced : {false, true}) {
-        index_entry entry = {};
-        if (find_entry(hp, reader, address, forced, &entry) != 0)
+        if (find_entry(hp, reader, address, forced, searchp) != 0)
             return nullptr;
-        krv_fde_owner fdep(reader->sr_ops->sro_gfbo(hp, reader, entry.offset), {hp});
+        krv_fde_owner fdep(reader->sr_ops->sro_gfbo(hp, reader, searchp->offset), {hp});
         if (fdep == nullptr)
             return nullptr;
-        if (krv_fde_is_consistent(fdep.get(), entry.start, entry.next)) {
+        if (krv_fde_is_consistent(fdep.get(), searchp->start, searchp->next)) {
             if (covers(fdep.get(), address))
                 return fdep.release();
+            searchp->near_start = fdep->sfde_target_address;
+            searchp->near_end = last_address(fdep.get()) + 1;
             krv_fail_code(hp, KRV_ERR_NOTFOUND);
             return nullptr;
         }
-        note_inconsistency(hp, address, &entry, fdep.get());
+        note_inconsistency(hp, address, searchp, fdep.get());
         if (!forced)
             krv_note(hp, "forcing BST regeneration");
     }
     krv_fail(hp, KRV_ERR_CORRUPT, "giving up");
     return nullptr;
+}
+
+krv_fde_t *krv_get_fde_by_address(krv_handle_t *hp, uint64_t address)
+{
+    krv_fde_search search;
+    return krv_search_fde(hp, address, &search);
 }

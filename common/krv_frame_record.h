@@ -54,6 +54,7 @@ struct krv_fde_t {
     krv_cie_t *sfde_cie;            // owned
     void *sfde_augmentation_data;   // the reader's own, or NULL
     uint64_t sfde_section_length;   // bytes to the next record
+    uint64_t sfde_cie_offset;       // where the CIE begins, in the section
     krv_window_t sfde_window;       // as its CIE's
 };
 

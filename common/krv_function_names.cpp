@@ -7,8 +7,6 @@
 #include "krv_hash.h"
 #include "krv_mem.h"
 
-constexpr unsigned int MOST_ORIGINS = 32; // entries that one function's names are looked for in
-
 static uint32_t small_number(const krv_attr_t &attr)
 {
     return attr.number <= UINT32_MAX ? static_cast<uint32_t>(attr.number) : 0;
@@ -54,12 +52,28 @@ static int read_names(krv_handle_t *hp, krv_entry_t *entry, krv_function_names *
     return krv_entry_follow(hp, entry, &origin, entry) == 0 ? 1 : -1;
 }
 
-bool krv_function_names_find(krv_handle_t *hp, const krv_entry_t &of, krv_function_names *names)
+// Notes the entry that was read, and what it had.
+static void add_to_trace(krv_names_trace *trace, const krv_entry_t &read, const krv_function_names &names)
+{
+    krv_entry_t *kept = &trace->entries[trace->count++];
+    *kept = read;
+    if (names.name != nullptr && trace->name == nullptr)
+        trace->name = kept;
+    if (names.linkage_name != nullptr && trace->linkage_name == nullptr)
+        trace->linkage_name = kept;
+}
+
+bool krv_function_names_find(krv_handle_t *hp, const krv_entry_t &of, krv_function_names *names, krv_names_trace *trace)
 {
     *names = {};
     krv_entry_t entry = of;
-    for (unsigned int i = 0; i < MOST_ORIGINS && read_names(hp, &entry, names) == 1; ++i)
-        ;
+    int read = 1;
+    for (unsigned int i = 0; i < KRV_MOST_ORIGINS && read == 1; ++i) {
+        const krv_entry_t begun = entry;
+        read = read_names(hp, &entry, names);
+        if (trace != nullptr)
+            add_to_trace(trace, begun, *names);
+    }
     return krv_forgive(hp);
 }
 

@@ -13,8 +13,19 @@ struct krv_function_names {
     uint32_t decl_file, decl_line;   // line 0: not known
 };
 
-// What cannot be read stays unknown. False: KRV_ERR_NOMEM; there is no other error.
-bool krv_function_names_find(krv_handle_t *hp, const krv_entry_t &entry, krv_function_names *names);
+constexpr unsigned int KRV_MOST_ORIGINS = 32; // entries that one function's names are looked for in
+
+// The entries that names were read of.
+struct krv_names_trace {
+    krv_entry_t entries[KRV_MOST_ORIGINS]; // the function's own first
+    unsigned int count;
+    const krv_entry_t *name, *linkage_name; // the entry of each; NULL: none has it
+};
+
+// What cannot be read stays unknown. False: KRV_ERR_NOMEM; there is no other error. `trace`, if given, tells where they were
+// found.
+bool krv_function_names_find(krv_handle_t *hp, const krv_entry_t &entry, krv_function_names *names,
+                             krv_names_trace *trace = nullptr);
 
 // The same of what an attribute of an entry leads to, found once and kept until the handle is freed. NULL: KRV_ERR_NOMEM.
 const krv_function_names *krv_function_names_keep(krv_handle_t *hp, const krv_entry_t &entry, const krv_attr_t &origin);

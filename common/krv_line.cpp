@@ -15,16 +15,6 @@
 // Source lookup
 // ---------------------------------------------------------------------------------------------------------------
 
-namespace
-{
-
-struct place {
-    krv_lnp_t *matrix;
-    uint32_t number; // of the row
-};
-
-} // namespace
-
 uint32_t krv_lnp_search_descending(const krv_lnp_t *lnpp, const krv_lnb_t *seq, uint64_t address)
 {
     int64_t lo = seq->slnb_start_index, hi = int64_t{seq->slnb_end_index} - 1;
@@ -75,8 +65,8 @@ krv_lnph_t *korva_line_get_cu_lnph(krv_handle_t *hp, krv_ctu_t *cup)
     return fresh == nullptr ? nullptr : krv_publish(&cup->dcu_lnphp, fresh, krv_lnph_free);
 }
 
-// The row for an address, and its matrix. False: messages pushed, or KRV_ERR_NOTFOUND alone.
-static bool find_place(krv_handle_t *hp, krv_ctu_t *cup, uint64_t start, uint64_t size, uint64_t addr, place *found)
+bool krv_line_find(krv_handle_t *hp, krv_ctu_t *cup, uint64_t start, uint64_t size, uint64_t addr,
+                   krv_line_place_t *found)
 {
     if (addr < start || addr >= start + size) {
         krv_fail(hp, KRV_ERR_INVALID, "addr (0x%lx) does not lie in range described by start (0x%lx) and size (0x%lx)",
@@ -123,8 +113,9 @@ krv_lns_t *korva_lookup_source_by_cu_and_addr(krv_handle_t *hp, krv_ctu_t *cup, 
         return nullptr;
     }
     krv_clear_error(hp);
-    place found;
-    return find_place(hp, cup, start, size, addr, &found) ? krv_lnp_hand_out(hp, found.matrix, found.number) : nullptr;
+    krv_line_place_t found;
+    return krv_line_find(hp, cup, start, size, addr, &found) ? krv_lnp_hand_out(hp, found.matrix, found.number)
+                                                             : nullptr;
 }
 
 int korva_lookup_row(krv_handle_t *hp, krv_ctu_t *cup, uint64_t start, uint64_t size, uint64_t addr, krv_row_t *rowp)
@@ -134,8 +125,8 @@ int korva_lookup_row(krv_handle_t *hp, krv_ctu_t *cup, uint64_t start, uint64_t 
     if (cup == nullptr || rowp == nullptr)
         return krv_fail_code(hp, KRV_ERR_INVALID);
     krv_clear_error(hp);
-    place found;
-    if (!find_place(hp, cup, start, size, addr, &found))
+    krv_line_place_t found;
+    if (!krv_line_find(hp, cup, start, size, addr, &found))
         return -1;
     *rowp = krv_lnp_show_row(found.matrix, found.number, krv_line_bias(hp));
     return 0;

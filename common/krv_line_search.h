@@ -58,4 +58,14 @@ inline krv_row_t krv_lnp_show_row(const krv_lnp_t *lnpp, uint32_t number, uint64
             .is_stmt = (row.slns_flags & KRV_LNS_FLAG_IS) != 0 ? uint8_t{1} : uint8_t{0}};
 }
 
+// A row and its matrix.
+struct krv_line_place_t {
+    krv_lnp_t *matrix;
+    uint32_t number;
+};
+
+// As korva_lookup_row: the row for an address with the client's bias. False: messages pushed, or KRV_ERR_NOTFOUND alone.
+bool krv_line_find(krv_handle_t *hp, krv_ctu_t *cup, uint64_t start, uint64_t size, uint64_t addr,
+                   krv_line_place_t *found);
+
 #endif

@@ -57,27 +57,48 @@ static inline bool read_address(krv_fd_t *fdp, size_t width, uint64_t *valuep)
     return true;
 }
 
-// A tuple of zeros ends the set, but linkers leave such tuples of functions that they dropped: the set's size tells.
-static bool read_tuples(sets_reader *r, krv_fd_t *fdp, size_t address_size, bool *has_any)
+// Calls take(offset, start, size) for the tuples of a set that are not empty, until it returns false. A tuple of zeros ends
+// the set, but linkers leave such tuples of functions that they dropped: the set's size tells. False: take, or a read failed.
+template <typename Take>
+static bool read_tuples(krv_fd_t *fdp, size_t address_size, const Take &take)
 {
-    krv_handle_t *hp = r->hp;
-    krv_sets *sets = r->sets.get();
     while (fdp->sfd_remaining >= 2 * address_size) {
+        const uint64_t offset = fdp->sfd_offset;
         uint64_t start = 0, size = 0;
         if (!read_address(fdp, address_size, &start) || !read_address(fdp, address_size, &size))
             return false;
-        if (size == 0)
-            continue;
-        *has_any = true;
-        const uint64_t end = krv_add_offset(start, size);
-        if (!krv_is_code(hp, start, end)) {
-            ++r->dead;
-            continue;
-        }
-        if (!krv_table_grow(hp, &sets->ss_ranges, &sets->ss_ranges_size, sets->ss_ranges_entries, size_t{64}))
+        if (size != 0 && !take(offset, start, size))
             return false;
-        sets->ss_ranges[sets->ss_ranges_entries++] = {start, end};
     }
+    return true;
+}
+
+namespace
+{
+
+// What stands in front of the tuples.
+struct set_header {
+    uint64_t unit;
+    uint8_t address_size;
+};
+
+} // namespace
+
+// Reads it, and places the cursor, which is limited to what stands behind the length field, on the first tuple. False: it
+// is damaged, or a read failed.
+static bool read_header(krv_fd_t *fdp, uint64_t offset, const krv_unit_length_t &ul, set_header *header)
+{
+    uint16_t version = 0;
+    uint8_t selector_size = 0;
+    *header = {};
+    if (krv_decode(fdp, DW_FORM_data2, &version) != 0 ||
+        krv_decode(fdp, ul.is_dwarf64 ? DW_FORM_data8 : DW_FORM_data4, &header->unit) != 0 ||
+        krv_decode(fdp, DW_FORM_data1, &header->address_size) != 0 ||
+        krv_decode(fdp, DW_FORM_data1, &selector_size) != 0 || (version != 2 && version != 3) || selector_size != 0 ||
+        (header->address_size != 4 && header->address_size != 8))
+        return false;
+    const uint64_t padding = padding_size(fdp->sfd_offset - offset, fdp->sfd_remaining, 2U * header->address_size);
+    krv_fd_advance(fdp, padding < fdp->sfd_remaining ? padding : fdp->sfd_remaining);
     return true;
 }
 
@@ -87,32 +108,37 @@ static bool read_set(sets_reader *r, krv_fd_t *fdp, uint64_t offset, const krv_u
 {
     krv_handle_t *hp = r->hp;
     krv_sets *sets = r->sets.get();
-    uint16_t version = 0;
-    uint64_t unit = 0;
-    uint8_t address_size = 0, selector_size = 0;
-    if (krv_decode(fdp, DW_FORM_data2, &version) != 0 ||
-        krv_decode(fdp, ul.is_dwarf64 ? DW_FORM_data8 : DW_FORM_data4, &unit) != 0 ||
-        krv_decode(fdp, DW_FORM_data1, &address_size) != 0 || krv_decode(fdp, DW_FORM_data1, &selector_size) != 0 ||
-        (version != 2 && version != 3) || selector_size != 0 || (address_size != 4 && address_size != 8)) {
+    set_header header;
+    if (!read_header(fdp, offset, ul, &header)) {
         ++r->damaged;
         return !krv_is_passing(hp);
     }
-    if (unit >= hp->sh_sec[KRV_SEC_INFO].sfd_size) {
+    if (header.unit >= hp->sh_sec[KRV_SEC_INFO].sfd_size) {
         ++r->homeless;
         return true;
     }
-    const uint64_t padding = padding_size(fdp->sfd_offset - offset, fdp->sfd_remaining, 2U * address_size);
-    krv_fd_advance(fdp, padding < fdp->sfd_remaining ? padding : fdp->sfd_remaining);
     const size_t first = sets->ss_ranges_entries;
     bool has_any = false;
-    if (!read_tuples(r, fdp, address_size, &has_any))
+    const auto keep = [=, &has_any](uint64_t, uint64_t start, uint64_t size) {
+        has_any = true;
+        const uint64_t end = krv_add_offset(start, size);
+        if (!krv_is_code(hp, start, end)) {
+            ++r->dead;
+            return true;
+        }
+        if (!krv_table_grow(hp, &sets->ss_ranges, &sets->ss_ranges_size, sets->ss_ranges_entries, size_t{64}))
+            return false;
+        sets->ss_ranges[sets->ss_ranges_entries++] = {start, end};
+        return true;
+    };
+    if (!read_tuples(fdp, header.address_size, keep))
         return false;
     if (!has_any)
         return true; // the unit says more of itself
     if (!krv_table_grow(hp, &sets->ss_sets, &sets->ss_size, sets->ss_entries, 16U))
         return false;
-    r->in_order = r->in_order && (sets->ss_entries == 0 || sets->ss_sets[sets->ss_entries - 1].set_unit <= unit);
-    sets->ss_sets[sets->ss_entries++] = {unit, nullptr, sets->ss_ranges_entries - first, offset, nullptr};
+    r->in_order = r->in_order && (sets->ss_entries == 0 || sets->ss_sets[sets->ss_entries - 1].set_unit <= header.unit);
+    sets->ss_sets[sets->ss_entries++] = {header.unit, nullptr, sets->ss_ranges_entries - first, offset, nullptr};
     return true;
 }
 
@@ -203,6 +229,25 @@ krv_set_t *krv_sets_find(const krv_sets *sets, uint64_t unit)
     krv_set_t *set = std::lower_bound(sets->ss_sets, end, unit,
                                       [](const krv_set_t &a, uint64_t offset) { return a.set_unit < offset; });
     return set != end && set->set_unit == unit ? set : nullptr;
+}
+
+uint64_t krv_sets_find_tuple(krv_handle_t *hp, const krv_set_t *set, const krv_set_range_t *range)
+{
+    krv_window_t window;
+    krv_fd_t fd = krv_fd_windowed(&hp->sh_sec[KRV_SEC_ARANGES], &window);
+    krv_unit_length_t ul;
+    set_header header;
+    uint64_t found = 0;
+    if (krv_fd_seek(&fd, set->set_offset) == 0 && krv_read_unit_length(&fd, KRV_UNIT_LENGTH_TEXTS, &ul) &&
+        krv_spend(hp, ul.length) && krv_fd_truncate(&fd, ul.length) == 0 &&
+        read_header(&fd, set->set_offset, ul, &header))
+        read_tuples(&fd, header.address_size, [range, &found](uint64_t offset, uint64_t start, uint64_t size) {
+            if (start == range->start && krv_add_offset(start, size) == range->end)
+                found = offset;
+            return found == 0;
+        });
+    krv_clear_error(hp);
+    return found;
 }
 
 void krv_sets_destroy(krv_handle_t *hp)

@@ -50,6 +50,10 @@ void krv_sets_visit(const krv_sets *sets, const krv_set_t *first, const Visit &v
         visit(set);
 }
 
+// Where the tuple stands in .debug_aranges that a range of a set was read of; 0: it is no longer there. Clears the error
+// state.
+uint64_t krv_sets_find_tuple(krv_handle_t *hp, const krv_set_t *set, const krv_set_range_t *range);
+
 // Teardown, after the units that were made for sets.
 void krv_sets_destroy(krv_handle_t *hp);
 

@@ -8,7 +8,6 @@
 #include "krv_error.h"
 #include "krv_expr_eval.h"
 #include "krv_fd.h"
-#include "krv_frame.h"
 #include "krv_known_rows.h"
 
 namespace
@@ -151,26 +150,40 @@ static bool apply_known_rows(krv_handle_t *hp, krv_activation_t *ap, krv_fde_t *
     return false;
 }
 
+krv_fde_t *krv_find_fde(krv_handle_t *hp, uint64_t pc, krv_fde_search *searchp)
+{
+    krv_fde_owner fde(krv_search_fde(hp, pc, searchp), {hp});
+    if (fde == nullptr) {
+        krv_note(hp, "unable to get FDE for PC 0x%lx", static_cast<unsigned long>(pc));
+        return nullptr;
+    }
+    // An empty FDE at address 0 passes for one that covers everything.
+    if (pc >= fde->sfde_target_address && pc - fde->sfde_target_address < fde->sfde_address_range)
+        return fde.release();
+    krv_fail(hp, KRV_ERR_NOTFOUND, "unable to get FDE for PC 0x%lx", static_cast<unsigned long>(pc));
+    return nullptr;
+}
+
+int krv_execute_rules(krv_handle_t *hp, krv_activation_t *ap, krv_fde_t *fde, uint64_t pc)
+{
+    enter_function(ap, fde);
+    if (generate_cie_rules(hp, ap, fde->sfde_cie) != 0)
+        return krv_note(hp, "failed to generate CIE's rules");
+    if (generate_fde_rules(hp, ap, fde, extent_of(fde), pc) != 0)
+        return krv_note(hp, "failed to generate FDE's rules");
+    return 0;
+}
+
 // What the records say.
 static int read_rules(krv_handle_t *hp, krv_activation_t *ap, uint64_t pc, uint64_t *columnp)
 {
-    const krv_fde_owner fde(krv_get_fde_by_address(hp, pc), {hp});
+    krv_fde_search search;
+    const krv_fde_owner fde(krv_find_fde(hp, pc, &search), {hp});
     if (fde == nullptr)
-        return krv_note(hp, "unable to get FDE for PC 0x%lx", static_cast<unsigned long>(pc));
-    // An empty FDE at address 0 passes for one that covers everything.
-    if (pc < fde->sfde_target_address || pc - fde->sfde_target_address >= fde->sfde_address_range)
-        return krv_fail(hp, KRV_ERR_NOTFOUND, "unable to get FDE for PC 0x%lx", static_cast<unsigned long>(pc));
-
-    krv_cie_t *cie = fde->sfde_cie;
+        return -1;
     enter_function(ap, fde.get());
-    *columnp = cie->scie_return_address_register;
-    if (apply_known_rows(hp, ap, fde.get(), pc))
-        return 0;
-    if (generate_cie_rules(hp, ap, cie) != 0)
-        return krv_note(hp, "failed to generate CIE's rules");
-    if (generate_fde_rules(hp, ap, fde.get(), extent_of(fde.get()), pc) != 0)
-        return krv_note(hp, "failed to generate FDE's rules");
-    return 0;
+    *columnp = fde->sfde_cie->scie_return_address_register;
+    return apply_known_rows(hp, ap, fde.get(), pc) ? 0 : krv_execute_rules(hp, ap, fde.get(), pc);
 }
 
 int krv_generate_rules(krv_handle_t *hp, krv_activation_t *ap, uint64_t pc, uint64_t *columnp)

@@ -290,6 +290,55 @@ KORVA_API int korva_elf_symbolize_all(krv_elf_t *elf, const uint64_t *addresses,
  */
 KORVA_API size_t korva_elf_demangle(const char *name, char *buf, size_t size);
 
+/** A segment of the file, as korva_elf_iter_segments visits it. */
+typedef struct krv_elf_segment {
+    uint32_t type;      /**< PT_* */
+    uint32_t flags;     /**< PF_* */
+    uint64_t address;   /**< in the file's own address space */
+    uint64_t size;      /**< bytes in memory */
+    uint64_t offset;    /**< in the file */
+    uint64_t file_size; /**< bytes there */
+} krv_elf_segment_t;
+
+/** Visitor of korva_elf_iter_segments; non-zero stops the walk and is returned. */
+typedef int krv_elf_iter_segment_f(krv_elf_t *elf, const krv_elf_segment_t *segment, void *arg);
+
+/** Visits the segments of the file, as its program headers have them. Returns 0 or the visitor's non-zero result. */
+KORVA_API int korva_elf_iter_segments(krv_elf_t *elf, krv_elf_iter_segment_f *func, void *arg);
+
+/** What was at a place where a debug file was looked for. */
+enum {
+    KRV_ELF_TRIED_ABSENT = 0,  /**< no file */
+    KRV_ELF_TRIED_ITSELF = 1,  /**< the file that it was looked for */
+    KRV_ELF_TRIED_REFUSED = 2, /**< a file that is another one, or cannot be read */
+    KRV_ELF_TRIED_TAKEN = 3    /**< the file that is read */
+};
+
+/** A place where a separate debug file was looked for, as korva_elf_iter_tried visits it. */
+typedef struct krv_elf_tried {
+    const char *path;
+    const char *by;     /**< what led there: "build-id", or the section with its name */
+    const char *reason; /**< why it is refused; else "" */
+    int outcome;        /**< KRV_ELF_TRIED_* */
+    int is_alternate;   /**< 1: for the file that several share (dwz -m); 0: for the file's own debugging information */
+} krv_elf_tried_t;
+
+/** Visitor of korva_elf_iter_tried; non-zero stops the walk and is returned. */
+typedef int krv_elf_iter_tried_f(krv_elf_t *elf, const krv_elf_tried_t *tried, void *arg);
+
+/**
+ * Visits the places where debug files were looked for, in their order, up to the one that was taken. There are none for a
+ * file that has its debugging information itself, and with KRV_ELF_F_RAW. Returns 0 or the visitor's non-zero result.
+ */
+KORVA_API int korva_elf_iter_tried(krv_elf_t *elf, krv_elf_iter_tried_f *func, void *arg);
+
+/**
+ * A handle that reads the file's .eh_frame, by the search table of .eh_frame_hdr if it has one, as a process would that has
+ * the file loaded at the addresses which it has in the file: for korva_explain_frame. It belongs to the
+ * file. NULL when there is no memory for it.
+ */
+KORVA_API krv_handle_t *korva_elf_get_frame_handle(krv_elf_t *elf, krv_elf_error_t *errorp);
+
 /**
  * The load bias of the file when its byte at @p file_offset is mapped at @p address: what must be added to an address
  * of the file to get the address in memory (the value for KRV_OPT_BASE_ADDR).

@@ -57,6 +57,7 @@
 #include "libkorva/activations.h"
 #include "libkorva/cursors.h"
 #include "libkorva/entries.h"
+#include "libkorva/explain.h"
 #include "libkorva/expressions.h"
 #include "libkorva/extensions.h"
 #include "libkorva/forms.h"

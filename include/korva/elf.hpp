@@ -103,6 +103,33 @@ public:
         return reasons;
     }
 
+    /** The segments of the file. */
+    std::vector<krv_elf_segment_t> segments() const
+    {
+        std::vector<krv_elf_segment_t> all;
+        korva_elf_iter_segments(
+            elf_,
+            [](krv_elf_t *, const krv_elf_segment_t *segment, void *arg) noexcept {
+                static_cast<std::vector<krv_elf_segment_t> *>(arg)->push_back(*segment);
+                return 0;
+            },
+            &all);
+        return all;
+    }
+    /** The places where separate debug files were looked for. */
+    std::vector<krv_elf_tried_t> tried() const
+    {
+        std::vector<krv_elf_tried_t> all;
+        korva_elf_iter_tried(
+            elf_,
+            [](krv_elf_t *, const krv_elf_tried_t *place, void *arg) noexcept {
+                static_cast<std::vector<krv_elf_tried_t> *>(arg)->push_back(*place);
+                return 0;
+            },
+            &all);
+        return all;
+    }
+
     /** The function symbols, ascending by address. */
     span<const krv_elf_symbol_t> symbols() const
     {

@@ -115,6 +115,8 @@ std::optional<alternate_link> read_alternate_link(elf_file &of)
     return alternate_link{".debug_sup", named->name, CHECKSUM, named->checksum};
 }
 
+constexpr char DEBUG_LINK[] = ".gnu_debuglink";
+
 uint32_t crc_of(byte_span bytes)
 {
     return static_cast<uint32_t>(crc32_z(0, bytes.data(), bytes.size()));
@@ -133,26 +135,41 @@ public:
 
     // `reason` says why a file is not the one wanted, and is empty for the right one.
     template <typename F>
-    void candidate(const fs::path &path, const F &reason)
+    void candidate(const char *by, const fs::path &path, const F &reason)
     {
         std::error_code ignored;
-        if (found.file != nullptr || !fs::is_regular_file(path, ignored) || fs::equivalent(path, own.path(), ignored))
+        if (found.file != nullptr)
             return;
+        found.tried.push_back({path.string(), by, KRV_ELF_TRIED_ABSENT, {}});
+        if (!fs::is_regular_file(path, ignored))
+            return;
+        if (fs::equivalent(path, own.path(), ignored)) {
+            found.tried.back().outcome = KRV_ELF_TRIED_ITSELF;
+            return;
+        }
         try {
             auto file = std::make_unique<elf_file>(path.string(), own.any_inflation());
             const std::string why = file->machine() != own.machine() ? "it is of another machine" : reason(*file);
-            if (why.empty())
-                found.file = std::move(file);
-            else
-                found.refused.push_back(fmt::format("debug file {} is refused: {}", path.string(), why));
+            if (!why.empty())
+                return refuse(why);
+            found.tried.back().outcome = KRV_ELF_TRIED_TAKEN;
+            found.file = std::move(file);
         } catch (const failure &f) {
-            found.refused.push_back(fmt::format("debug file {} is refused: {}", path.string(), f.what()));
+            refuse(f.what());
         }
     }
 
     debug_file result() { return std::move(found); }
 
 private:
+    void refuse(const std::string &why)
+    {
+        tried_file &last = found.tried.back();
+        last.outcome = KRV_ELF_TRIED_REFUSED;
+        last.reason = why;
+        found.refused.push_back(fmt::format("debug file {} is refused: {}", last.path, why));
+    }
+
     const elf_file &own;
     debug_file found;
 };
@@ -175,10 +192,10 @@ debug_file find_debug_file(elf_file &of, const std::vector<std::string> &folders
     const byte_span id = of.build_id();
     if (id.size() > 1)
         for (const std::string &folder : folders)
-            s.candidate(build_id_path(folder, id), has_id(BUILD_ID, id));
+            s.candidate(BUILD_ID.name, build_id_path(folder, id), has_id(BUILD_ID, id));
 
     constexpr size_t CRC_SIZE = 4, ALIGNMENT = 4;
-    const byte_span bytes = contents_of(of, ".gnu_debuglink");
+    const byte_span bytes = contents_of(of, DEBUG_LINK);
     const std::optional<link> named = read_link(bytes);
     const size_t crc_at = !named ? 0 : (named->name.size() + 1 + ALIGNMENT - 1) / ALIGNMENT * ALIGNMENT;
     if (!named || named->name.find('/') != std::string::npos || bytes.size() < crc_at + CRC_SIZE)
@@ -190,10 +207,10 @@ debug_file find_debug_file(elf_file &of, const std::vector<std::string> &folders
         return actual == crc ? std::string() : fmt::format("its CRC is {:#010x}, not {:#010x}", actual, crc);
     };
     const fs::path home = folder_of(of);
-    s.candidate(home / named->name, has_crc);
-    s.candidate(home / ".debug" / named->name, has_crc);
+    s.candidate(DEBUG_LINK, home / named->name, has_crc);
+    s.candidate(DEBUG_LINK, home / ".debug" / named->name, has_crc);
     for (const std::string &folder : folders)
-        s.candidate(fs::path(folder) / home.relative_path() / named->name, has_crc);
+        s.candidate(DEBUG_LINK, fs::path(folder) / home.relative_path() / named->name, has_crc);
     return s.result();
 }
 
@@ -210,9 +227,9 @@ debug_file find_alternate_file(elf_file &of, const std::vector<std::string> &fol
     if (!named || named->id.size() < 2)
         return s.result();
     const auto right = has_id(named->kind, named->id);
-    s.candidate(folder_of(of) / named->name, right); // an absolute name stays as it is
+    s.candidate(named->section, folder_of(of) / named->name, right); // an absolute name stays as it is
     for (const std::string &folder : folders)
-        s.candidate(build_id_path(folder, named->id), right);
+        s.candidate(BUILD_ID.name, build_id_path(folder, named->id), right);
     return s.result();
 }
 

@@ -12,10 +12,19 @@
 namespace krv_elf_loader
 {
 
+// A place where it was looked for.
+struct tried_file {
+    std::string path;
+    const char *by;     // what led there: "build-id", ".gnu_debuglink", ...
+    int outcome;        // KRV_ELF_TRIED_*
+    std::string reason; // why it is refused
+};
+
 // What a search came to. Without a file, `refused` says why each candidate was none; empty when there was no candidate.
 struct debug_file {
     std::unique_ptr<elf_file> file;
     std::vector<std::string> refused;
+    std::vector<tried_file> tried{}; // in their order
 };
 
 // The separate debug file of a file, looked for beside it and under the folders of `folders` (as /usr/lib/debug).

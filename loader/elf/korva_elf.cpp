@@ -5,6 +5,7 @@
 
 #include "elf/debug_file.h"
 #include "elf/file.h"
+#include "elf/frames.h"
 #include "elf/symbolizer.h"
 #include "elf/symbols.h"
 #include "elf/view.h"
@@ -105,6 +106,7 @@ struct krv_elf {
     std::optional<view> made;
     std::unique_ptr<krv_handle_t, handle_deleter> hp; // behind all that it reads
     std::optional<symbolizer> described;
+    std::optional<file_frames> frames_of_file;
 
 private:
     // The handle reads files as they are written, and tells what it leaves out.
@@ -308,6 +310,46 @@ int korva_elf_iter_notes(krv_elf_t *elf, krv_elf_iter_note_f *func, void *arg)
 int korva_elf_handle_bus_error(const void *address)
 {
     return file_mapping::replace_missing(address) ? 1 : 0;
+}
+
+int korva_elf_iter_segments(krv_elf_t *elf, krv_elf_iter_segment_f *func, void *arg)
+{
+    for (const GElf_Phdr &header : elf->file.segments()) {
+        const krv_elf_segment_t segment = {.type = header.p_type,
+                                           .flags = header.p_flags,
+                                           .address = header.p_vaddr,
+                                           .size = header.p_memsz,
+                                           .offset = header.p_offset,
+                                           .file_size = header.p_filesz};
+        if (const int result = func(elf, &segment, arg))
+            return result;
+    }
+    return 0;
+}
+
+int korva_elf_iter_tried(krv_elf_t *elf, krv_elf_iter_tried_f *func, void *arg)
+{
+    made_view(elf); // which looks for the alternate file
+    for (const debug_file *searched : {&elf->debug, &elf->alternate})
+        for (const tried_file &t : searched->tried) {
+            const krv_elf_tried_t tried = {.path = t.path.c_str(),
+                                           .by = t.by,
+                                           .reason = t.reason.c_str(),
+                                           .outcome = t.outcome,
+                                           .is_alternate = searched == &elf->alternate ? 1 : 0};
+            if (const int result = func(elf, &tried, arg))
+                return result;
+        }
+    return 0;
+}
+
+krv_handle_t *korva_elf_get_frame_handle(krv_elf_t *elf, krv_elf_error_t *errorp)
+{
+    return guarded<krv_handle_t *>(errorp, nullptr, [=] {
+        if (!elf->frames_of_file)
+            elf->frames_of_file.emplace(elf->file, elf->shown());
+        return elf->frames_of_file->handle();
+    });
 }
 
 // Symbols are read when they are asked for. Memory that ran out then is told by a note.
