@@ -18,7 +18,7 @@ import tempfile
 
 from support import SOURCES, answer_of, build, fail, need, run, write
 
-VERBS = ('addr', 'filter', 'units', 'lines', 'funcs', 'entries', 'sections', 'check', 'stack', 'expr')
+VERBS = ('addr', 'explain', 'filter', 'units', 'lines', 'funcs', 'entries', 'sections', 'check', 'stack', 'expr')
 
 
 def first_line_of(function):

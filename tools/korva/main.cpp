@@ -20,6 +20,7 @@
 // The verbs, in the order of the help. A new one needs its file and its line here.
 #define KORVA_VERBS(VERB)                                                                                              \
     VERB(addr)                                                                                                         \
+    VERB(explain)                                                                                                      \
     VERB(filter)                                                                                                       \
     VERB(units)                                                                                                        \
     VERB(lines)                                                                                                        \
