@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // Lines of logs: what is found in a line lies in it, and all of a log passes, whatever is looked at.
-#include "../tools/korva/log_scan.cpp"
-#include "../tools/korva/log_text.cpp"
+#include "filter/log_scan.h"
+#include "filter/log_text.h"
 
 #include <cstdlib>
 #include <string>

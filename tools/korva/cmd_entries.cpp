@@ -231,7 +231,7 @@ result<void> entry_printer::print(const entry &e, uint64_t depth)
     const std::string tag = name_of(KRV_DEF_TAG, e.tag());
     if (m_is_json) {
         m_out->open_record();
-        m_line = "{";
+        m_line.assign(1, '{');
         append_record_head(&m_line, record_status::ok, nullptr);
         m_out->write(m_line);
         m_out->print(",\"offset\":\"0x{:x}\",\"unit\":\"0x{:x}\",{}\"depth\":{},\"tag\":\"{}\",\"attributes\":[",

@@ -2,8 +2,8 @@
 //
 // korva filter: a log, with function, file and line behind each address that is known.
 #include "command.h"
-#include "log_places.h"
-#include "log_text.h"
+#include "filter/log_places.h"
+#include "filter/log_text.h"
 
 #include <algorithm>
 #include <cerrno>

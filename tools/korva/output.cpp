@@ -157,7 +157,7 @@ void answers::record(const json_value &fields)
 
 void answers::record(const json_value &fields, record_status status, const record_error *why)
 {
-    m_line = "{";
+    m_line.assign(1, '{');
     append_record_head(&m_line, status, why);
     if (!fields.empty())
         m_line.append(",").append(std::string_view(to_text(fields)).substr(1));

@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "log_maps.h"
+#include "filter/log_maps.h"
 
+#include "filter/log_scan.h"
 #include "input.h"
-#include "log_scan.h"
 
 #include <iterator>
 

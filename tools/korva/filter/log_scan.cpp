@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "log_scan.h"
+#include "filter/log_scan.h"
 
 #include <algorithm>
 #include <optional>

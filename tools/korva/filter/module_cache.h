@@ -3,9 +3,9 @@
 // The files that a log speaks of, opened when they are first needed, and a bounded number of them at a time.
 #pragma once
 
+#include "filter/log_maps.h"
 #include "input.h"
 #include "locate.h"
-#include "log_maps.h"
 #include "object.h"
 
 #include <memory>

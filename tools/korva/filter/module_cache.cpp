@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "module_cache.h"
+#include "filter/module_cache.h"
 
 #include <algorithm>
 #include <cerrno>

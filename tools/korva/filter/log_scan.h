@@ -3,7 +3,7 @@
 // The addresses that a line of a log speaks of, by the formats that write them. Nothing is opened or looked up here.
 #pragma once
 
-#include "log_text.h"
+#include "filter/log_text.h"
 
 #include <cstdint>
 #include <string_view>

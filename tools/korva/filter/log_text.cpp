@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "log_text.h"
+#include "filter/log_text.h"
 
 #include <algorithm>
 #include <bit>

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "log_places.h"
+#include "filter/log_places.h"
 
 #include <algorithm>
 

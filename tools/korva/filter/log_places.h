@@ -3,9 +3,9 @@
 // From what a log says of an address to a file and an address in it.
 #pragma once
 
-#include "log_maps.h"
-#include "log_scan.h"
-#include "module_cache.h"
+#include "filter/log_maps.h"
+#include "filter/log_scan.h"
+#include "filter/module_cache.h"
 
 #include <cstdint>
 #include <optional>
