@@ -174,6 +174,6 @@ TEST(Profiler, WalksInASignalHandler)
     sigaction(SIGPROF, &before, nullptr);
     EXPECT_EQ(forbidden, 0U);
     EXPECT_GT(p.deep, p.samples / 4);
-    // Its own code and the C library's has rules throughout; what a sanitizer puts in between may not.
-    EXPECT_GE(p.whole, p.samples - p.samples / 1000) << "last: " << p.odd_reason << " at " << std::hex << p.odd_pc;
+    // Its own code and the C library's has rules throughout; a linker's jumps in between, and a sanitizer's, may not.
+    EXPECT_GE(p.whole, p.samples - p.samples / 100) << "last: " << p.odd_reason << " at " << std::hex << p.odd_pc;
 }
