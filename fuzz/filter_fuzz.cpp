@@ -4,9 +4,12 @@
 #include "filter/log_scan.h"
 #include "filter/log_text.h"
 
+#include <algorithm>
 #include <cstdlib>
 #include <string>
 #include <sys/mman.h>
+#include <unistd.h>
+#include <vector>
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
