@@ -456,6 +456,7 @@ int krv_eh_frame_gfoba(krv_handle_t *hp, krv_reader_t *reader, uint64_t address,
     s.hp = hp;
     s.data = data;
     s.address = address;
+    s.at = {};
     s.likely_size = 0;
     find_guide(&s, data);
     switch (search_table(&s)) {

@@ -55,7 +55,7 @@ int korva_explain_row(krv_handle_t *hp, krv_ctu_t *cup, uint64_t start, uint64_t
     *whyp = {};
     whyp->before.number = whyp->row.number = whyp->after.number = KRV_ROW_NONE;
     whyp->after_start = UINT64_MAX;
-    krv_line_place_t found;
+    krv_line_place_t found = {};
     const bool is_found = krv_line_find(hp, cup, start, size, addr, &found);
     krv_lnph_t *lnphp = krv_load(&cup->dcu_lnphp);
     if (lnphp != nullptr)
@@ -67,7 +67,7 @@ int korva_explain_row(krv_handle_t *hp, krv_ctu_t *cup, uint64_t start, uint64_t
         whyp->rows = matrix->slnp_lnsp_entries;
     }
     const uint64_t bias = krv_line_bias(hp);
-    if (is_found)
+    if (is_found && matrix != nullptr)
         describe_row(found, addr - bias, bias, whyp);
     else if (matrix != nullptr)
         describe_gap(matrix, addr - bias, bias, whyp);

@@ -48,7 +48,11 @@ struct frame_answer {
         for (unsigned int i = 0; with_messages && i < count; ++i)
             for (const char *c = texts[i]; *c != '\0'; ++c)
                 messages = messages * 31 + static_cast<unsigned char>(*c);
-        korva_activation_get_frame_info(hp, ap, &info);
+        krv_frame_info_t known = {};
+        korva_activation_get_frame_info(hp, ap, &known);
+        info.start = known.start; // one by one: a copy of the whole would bring its padding along
+        info.size = known.size;
+        info.is_signal = known.is_signal;
         korva_activation_get_argc(hp, ap, &argc);
     }
 };
