@@ -498,14 +498,15 @@ static krv_offset_t offset_behind(const krv_die_t *die)
     return die->dwdie_cu_offset + die->dwdie_bufsize;
 }
 
-// The unit-relative offset that a reference attribute holds. -1: absent, no reference, or one that leaves the unit.
+// The unit-relative offset that a reference attribute holds. 0, 1 when it is absent (KRV_ERR_NOTFOUND), or -1: it is no
+// reference, or one that leaves the unit.
 static int get_reference(krv_handle_t *hp, krv_die_t *die, krv_attribute_t attr, krv_offset_t *offsetp)
 {
     krv_form_t form = 0;
     int mask = 0;
     krv_value_t *value = nullptr;
     if (krv_get_die_attr(hp, die, attr, &form, &mask, &value) != 0)
-        return -1;
+        return 1;
     if ((static_cast<uint32_t>(mask) & KRV_CLASS_REFERENCE) == 0)
         return krv_fail(hp, KRV_ERR_INVALID, "attribute %s is not a reference", krv_name_or_unknown(KRV_DEF_AT, attr));
     if (form == DW_FORM_ref_addr || form == DW_FORM_ref_sig8 || krv_is_extended_form(form))
@@ -546,10 +547,8 @@ krv_die_t *krv_alloc_die_child(krv_handle_t *hp, krv_die_t *die)
 // within the unit would send a walk in circles or into other units.
 static int get_sibling_link(krv_handle_t *hp, krv_die_t *die, krv_offset_t *offsetp)
 {
-    if (krv_get_die_attr(hp, die, DW_AT_sibling, nullptr, nullptr, nullptr) != 0)
-        return 1;
-    if (get_reference(hp, die, DW_AT_sibling, offsetp) != 0)
-        return -1;
+    if (const int found = get_reference(hp, die, DW_AT_sibling, offsetp); found != 0)
+        return found;
     if (*offsetp < offset_behind(die) || *offsetp >= die->dwdie_parent_cu->dcu_size)
         return krv_fail(hp, KRV_ERR_CORRUPT, "sibling at %+lld of DIE at %+lld within CU at %lld does not lead forward",
                         static_cast<long long>(*offsetp), static_cast<long long>(die->dwdie_cu_offset),
