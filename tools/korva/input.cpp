@@ -50,6 +50,7 @@ bool line_reader::read_more()
     do
         count = read(m_fd, m_text.data() + size, PIECE);
     while (count < 0 && errno == EINTR);
+    m_error = count < 0 ? errno : 0;
     m_text.resize(size + static_cast<size_t>(std::max<ssize_t>(count, 0)));
     return count > 0;
 }

@@ -48,11 +48,15 @@ public:
     /** Whether reading would not wait. */
     bool is_ready() const;
 
+    /** An errno: what ended the lines before the file's end; 0: nothing did. */
+    int error() const { return m_error; }
+
 private:
     std::string_view take(size_t end, size_t newline);
     bool read_more();
 
     int m_fd;
+    int m_error = 0;
     std::string m_text; // read, from the line before on
     size_t m_at = 0;    // where the next line begins
 };

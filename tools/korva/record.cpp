@@ -68,6 +68,11 @@ record_status status_of(const record_error *why)
     return why->code == "KRV_ERR_EXT_LIMIT" ? record_status::limit : record_status::error;
 }
 
+const char *name_of(record_status status)
+{
+    return STATUS_NAMES[static_cast<size_t>(status)];
+}
+
 static json_value text_or_null(const std::string &text)
 {
     return text.empty() ? json_value(nullptr) : json_value(text);
@@ -75,7 +80,7 @@ static json_value text_or_null(const std::string &text)
 
 void append_record_head(std::string *line, record_status status, const record_error *why)
 {
-    line->append("\"v\":1,\"status\":\"").append(STATUS_NAMES[static_cast<size_t>(status)]).append("\",\"error\":");
+    line->append("\"v\":1,\"status\":\"").append(name_of(status)).append("\",\"error\":");
     if (why == nullptr) {
         line->append("null");
         return;

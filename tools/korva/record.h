@@ -39,6 +39,9 @@ record_error to_record_error(const error &why, std::string_view section = {}, st
 /** The status of a record that failed so; ok for NULL. */
 record_status status_of(const record_error *why);
 
+/** As a record has it: "ok", ... */
+const char *name_of(record_status status);
+
 /** Adds what a record begins with, without its opening brace: "v":1,"status":"ok","error":null */
 void append_record_head(std::string *line, record_status status, const record_error *why);
 
