@@ -53,15 +53,18 @@ static void visit_row(void *arg, const krv_slots_t &, uint64_t start, uint64_t e
     s->behind = end;
 }
 
-// What the row of rules covers that has the program counter.
-static krv_range_t find_row(krv_handle_t *hp, krv_activation_t *ap, krv_fde_t *fde, uint64_t pc)
+// What the row of rules covers that has the program counter. False: memory ran out, or a read failed.
+static bool find_row(krv_handle_t *hp, krv_activation_t *ap, krv_fde_t *fde, uint64_t pc, krv_range_t *row)
 {
     row_search s = {pc, fde->sfde_target_address, {}};
     const bool is_whole = krv_generate_rows(hp, ap, fde, visit_row, &s) == 0;
+    if (!is_whole && krv_is_passing(hp))
+        return false;
     krv_clear_error(hp); // the rules at the program counter may be readable all the same
+    *row = s.found;
     if (s.found.end == 0)
-        s.found = {s.behind, is_whole ? fde->sfde_target_address + fde->sfde_address_range : 0};
-    return s.found;
+        *row = {s.behind, is_whole ? fde->sfde_target_address + fde->sfde_address_range : 0};
+    return true;
 }
 
 static const char *register_name(const krv_activation_t *ap, uint64_t reg)
@@ -156,8 +159,7 @@ int korva_explain_frame(krv_handle_t *hp, uint64_t pc, krv_frame_why_t *whyp, kr
     if (fde == nullptr)
         return -1;
     describe_records(fde.get(), search, whyp);
-    whyp->row = find_row(hp, ap.get(), fde.get(), pc);
-    if (krv_execute_rules(hp, ap.get(), fde.get(), pc) != 0)
+    if (!find_row(hp, ap.get(), fde.get(), pc, &whyp->row) || krv_execute_rules(hp, ap.get(), fde.get(), pc) != 0)
         return -1;
     list_rules(ap.get(), rules, room, countp);
     return 0;

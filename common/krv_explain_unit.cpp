@@ -67,17 +67,22 @@ static bool find_own(krv_handle_t *hp, const search &s, const krv_die_t *die, in
 
 static int visit_function(krv_handle_t *hp, krv_die_t *die, void *arg)
 {
-    return find_own(hp, *static_cast<const search *>(arg), die, KRV_WHY_FUNCTION) ? 1 : 0;
+    return find_own(hp, *static_cast<const search *>(arg), die, KRV_WHY_FUNCTION) || krv_is_passing(hp) ? 1 : 0;
 }
 
-static void find_reason(krv_handle_t *hp, search s)
+// The unit has the address: whatever says so can be read, unless something fails.
+static int find_reason(krv_handle_t *hp, search s)
 {
     krv_ctu_t *unit = s.why->unit;
-    if (find_set(hp, s) || find_own(hp, s, unit->dcu_compile_unit, KRV_WHY_BOUNDS))
-        return;
-    const krv_build_guard guard(hp);
-    if (!guard.is_nested())
+    const bool by_set = find_set(hp, s);
+    if (!by_set && !find_own(hp, s, unit->dcu_compile_unit, KRV_WHY_BOUNDS)) {
+        const krv_build_guard guard(hp);
+        if (guard.is_nested())
+            return guard.refuse();
         krv_iter_functions(hp, unit, visit_function, &s);
+    }
+    const bool is_found = by_set ? s.why->tuple != 0 : s.why->reason != KRV_WHY_NOTHING;
+    return is_found ? 0 : krv_note(hp, "what named the unit cannot be read again");
 }
 
 int korva_explain_unit(krv_handle_t *hp, uint64_t address, krv_unit_why_t *whyp)
@@ -94,7 +99,8 @@ int korva_explain_unit(krv_handle_t *hp, uint64_t address, krv_unit_why_t *whyp)
     krv_addr_stretch stretch;
     whyp->unit = krv_addr_index_find(hp, address, KRV_LOOKUP_F_NONE, &stretch);
     if (whyp->unit != nullptr) {
-        find_reason(hp, {address, whyp});
+        if (find_reason(hp, {address, whyp}) != 0)
+            return -1;
     } else {
         krv_addr_neighbours near;
         if (!stretch.is_answered || !krv_addr_index_neighbours(hp, address, &near))
@@ -105,6 +111,8 @@ int korva_explain_unit(krv_handle_t *hp, uint64_t address, krv_unit_why_t *whyp)
         whyp->after_start = near.after_start;
         find_set(hp, {address, whyp});
     }
+    if (krv_is_passing(hp))
+        return -1;
     krv_clear_error(hp); // of what is damaged behind the answer
     return 0;
 }

@@ -246,7 +246,6 @@ uint64_t krv_sets_find_tuple(krv_handle_t *hp, const krv_set_t *set, const krv_s
                 found = offset;
             return found == 0;
         });
-    krv_clear_error(hp);
     return found;
 }
 

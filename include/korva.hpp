@@ -31,6 +31,7 @@
 
 #include "korva/entries.hpp"
 #include "korva/error.hpp"
+#include "korva/explain.hpp"
 #include "korva/expression.hpp"
 #include "korva/handle.hpp"
 #include "korva/unit.hpp"

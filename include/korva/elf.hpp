@@ -46,6 +46,15 @@ public:
 
     /** The handle that answers for the file; the file owns it. */
     handle_view handle() const { return handle_view(korva_elf_get_handle(elf_)); }
+    /** One that reads its .eh_frame; the file owns it. See korva_elf_get_frame_handle. */
+    result<handle_view> frame_handle() const
+    {
+        krv_elf_error_t why;
+        krv_handle_t *hp = korva_elf_get_frame_handle(elf_, &why);
+        if (hp == nullptr)
+            return detail::loader_error(why);
+        return handle_view(hp);
+    }
     /** Machine, type, target and build-id of the file. */
     krv_elf_info_t info() const
     {

@@ -52,7 +52,8 @@ typedef struct krv_unit_why {
  * which units are nearest to it. Needs KRV_OPT_EXT_AS_WRITTEN.
  *
  * Returns 0, also when there is no unit. Errors: KRV_ERR_UNSUPPORTED without that option; KRV_ERR_INVALID for a NULL
- * argument; those of korva_lookup_ctu_by_addr that speak of all addresses.
+ * argument; those of korva_lookup_ctu_by_addr that speak of all addresses; and, then with what was known until then in
+ * *@p whyp, KRV_ERR_NOMEM and KRV_ERR_IO.
  */
 KORVA_API int korva_explain_unit(krv_handle_t *hp, uint64_t address, krv_unit_why_t *whyp);
 

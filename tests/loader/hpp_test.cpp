@@ -209,6 +209,18 @@ TEST(Hpp, EntriesAreWalkedInEveryDirection)
                                        EXPECT_EQ(row.number == KRV_ROW_NONE, chain.size() == 0);
                                    }));
     EXPECT_EQ(lengths, (std::vector<std::size_t>{0, 1}));
+    const auto why = korva::explain_unit(handle, asked[1]);
+    EXPECT_EQ(why->unit, named[0].unit().get());
+    EXPECT_EQ(korva::explain_row(handle, named[0].unit(), {asked[1], asked[1] + 1}, asked[1])->row.address, asked[1]);
+    EXPECT_EQ(korva::explain_name(handle, named[0].get())->name_entry, named[0].offset());
+    const auto frames = elf.frame_handle();
+    const auto of_frame = korva::explain_frame(*frames, asked[1]); // at its first instruction
+    ASSERT_TRUE(of_frame) << of_frame.error().text();
+    EXPECT_EQ(of_frame->rules.front().reg, KRV_RULE_CFA);
+    EXPECT_EQ(of_frame->rules.front().offset, 8);
+    const auto scratch = korva::activation::make(*frames);
+    EXPECT_EQ(korva::frame_record_at(*frames, *scratch, of_frame->records.fde)->start, asked[1]);
+    EXPECT_FALSE(korva::section_of(handle, KRV_SEC_EXT_NAMES));
     const auto file = korva::file_of(handle, named[0].unit(), named[0].call()->decl_file);
     EXPECT_EQ(file->path.substr(file->path.rfind('/') + 1), "target.c");
 }

@@ -222,6 +222,57 @@ static std::string ask_calls(krv_handle_t *hp)
     return found == 0 ? answer : "!named";
 }
 
+// How answers were come by, of units, rows and names.
+
+static std::string ask_why_written(krv_handle_t *hp)
+{
+    krv_unit_why_t why[2];
+    for (const uint64_t i : {0, 1}) {
+        const uint64_t address = i == 0 ? 0x407 : 0x90f;
+        if (korva_explain_unit(hp, address, &why[i]) != 0)
+            return "!why";
+        if (why[i].unit == nullptr)
+            return korva_lookup_ctu_by_addr(hp, address, 0) == nullptr ? "!unit" : "another answer";
+    }
+    std::string answer = text("%d %lx; %lx-%lx; ", why[0].reason, why[0].tuple, why[1].range.start, why[1].range.end);
+    const auto add = [](krv_handle_t *, const krv_range_t *range, void *arg) {
+        *static_cast<std::string *>(arg) += text("%lx-%lx ", range->start, range->end);
+        return 0;
+    };
+    uint64_t size = 0;
+    krv_fd_t fd;
+    if (korva_iter_ranges(hp, why[1].unit, 0, add, &answer, &size) != 0)
+        return "!list";
+    return korva_get_section(hp, KRV_SEC_ARANGES, &fd) != 0 ? "!section" : answer + text("%lx", size);
+}
+
+static std::string ask_why_called(krv_handle_t *hp)
+{
+    krv_call_t calls[4];
+    size_t count;
+    if (korva_lookup_calls(hp, 0x40a, calls, 4, &count) != 0)
+        return "!calls";
+    std::string answer;
+    for (size_t i = 0; i < count; ++i) {
+        krv_name_why_t why;
+        if (korva_explain_name(hp, &calls[i].entry, &why) != 0)
+            return "!name";
+        answer += text("%lx%s after %u; ", why.name_entry, why.name_is_alternate != 0 ? " (alternate)" : "", why.steps);
+    }
+    return answer;
+}
+
+static std::string ask_why_rows(krv_handle_t *hp)
+{
+    krv_row_why_t why;
+    krv_ctu_t *cup = korva_lookup_ctu_by_start_offset(hp, KRV_SEC_INFO, 0);
+    if (cup == nullptr)
+        return "!unit";
+    if (korva_explain_row(hp, cup, 0x400, 0x10, 0x408, &why) != 0)
+        return "!row";
+    return text("%u of %u: %lx %u %lx", why.row.number, why.rows, why.row.address, why.row.line, why.after.address);
+}
+
 // Frames
 
 static function framed(bool eh)
@@ -299,6 +350,29 @@ static std::string ask_frames(krv_handle_t *hp)
         if (korva_activation_unwind(hp, ap.get()) != 0)
             return "!unwind";
         answer += text("%lx %x; ", static_cast<uint64_t>(value), arg[0][0]);
+    }
+    return answer;
+}
+
+// Which records and rules they come from, and every record.
+static std::string ask_why_frames(krv_handle_t *hp)
+{
+    krv_frame_why_t why;
+    krv_rule_record_t rules[8];
+    size_t count = 0;
+    if (korva_explain_frame(hp, 0x1008, &why, rules, std::size(rules), &count) != 0)
+        return "!frame";
+    std::string answer = text("%lx-%lx:", why.row.start, why.row.end);
+    for (size_t i = 0; i < count && i < std::size(rules); ++i)
+        answer += text(" %s %u", rules[i].name, rules[i].kind);
+    const krv_activation_owner ap(korva_activation_alloc(hp));
+    krv_frame_record_t record = {};
+    if (ap == nullptr)
+        return "!activation";
+    for (uint64_t at = 0; at <= why.fde; at += record.size) {
+        if (korva_frame_record_at(hp, ap.get(), at, &record) != 0)
+            return "!record";
+        answer += text("; %u: %u rows", unsigned{record.kind}, record.rows);
     }
     return answer;
 }
@@ -395,6 +469,13 @@ std::span<const scenario> scenarios()
         {"later units", make_later_units, ask_later_units, "/build/a.c a.c 1024 33", 20},
         {"units as written", make_written_units, ask_written_units, "a.c b.c ", 20},
         {"calls", make_calls, ask_calls, "far g f int v 2e", 0},
+        {"why units", make_written_units, ask_why_written, "1 10; 900-910; 900-910 20", 20},
+        {"why calls", make_calls, ask_why_called, "c (alternate) after 1; 12 after 1; 2b after 0; ", 0},
+        {"why rows", make_units, ask_why_rows, "172 of 174: 400 1 410", 20},
+        {"why .debug_frame", make_frames<false, false, true>, ask_why_frames,
+         "1004-1100: CFA 5 rbx 6 rdi 1 rbp 1 rsp 3 r12 1 r13 1 r14 1; 1: 0 rows; 2: 2 rows", 15},
+        {"why .eh_frame", make_frames<true, true, true>, ask_why_frames,
+         "1004-1100: CFA 5 rbx 6 rdi 1 rbp 1 rsp 3 r12 1 r13 1 r14 1; 1: 0 rows; 2: 2 rows", 15},
         {".debug_frame", make_frames<false, false>, ask_frames, "7008 55; 7010 0; ", 15},
         {".eh_frame", make_frames<true, false>, ask_frames, "7008 0; 7010 0; ", 15},
         {".eh_frame_hdr", make_frames<true, true>, ask_frames, "7008 0; 7010 0; ", 15},
