@@ -2,6 +2,7 @@
 //
 // Entries by cursor with all their values and their types, the calls around addresses, and names.
 #include "input.h"
+#include "krv_dwarf.h"
 
 #include <cstdlib>
 
@@ -19,9 +20,16 @@ static int look_at(krv_handle_t *hp, krv_ctu_t *cu, void *)
         krv_entry_t other = entry, above[4];
         krv_attr_t attr;
         size_t count;
-        while (korva_entry_next_attr(hp, &entry, &attr) == 1)
+        const auto pass = [](krv_handle_t *, const krv_location_t *, void *) { return 0; };
+        uint64_t size;
+        while (korva_entry_next_attr(hp, &entry, &attr) == 1) {
+            if (attr.attribute == DW_AT_location)
+                korva_iter_locations(hp, cu, attr.number, attr.number % 2, pass, nullptr, &size);
             if (korva_entry_follow(hp, &entry, &attr, &other) == 0)
                 korva_entry_get_attr(hp, &other, attr.attribute, &attr);
+        }
+        krv_name_why_t why;
+        korva_explain_name(hp, &entry, &why);
         other = entry;
         korva_entry_sibling(hp, &other);
         if (budget-- % 16 == 0)

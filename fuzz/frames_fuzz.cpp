@@ -162,6 +162,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     for (const uint64_t pc : pcs) {
         krv_fuzz::start_at(h, ap, gregs, pc);
         krv_fuzz::walk(h, ap);
+        krv_frame_why_t why;
+        krv_rule_record_t rules[4];
+        size_t count;
+        if (korva_explain_frame(h, pc, &why, rules, std::size(rules), &count) == 0 &&
+            (why.has_fde == 0 || count == 0 || pc < why.row.start || (why.row.end != 0 && pc >= why.row.end)))
+            __builtin_trap(); // rules of another place
     }
     krv_frame_record_t record;
     uint64_t at = 0;

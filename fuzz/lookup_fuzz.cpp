@@ -36,6 +36,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
         const krv_ctu_t *first = korva_lookup_ctu_by_addr(h, address, KRV_LOOKUP_F_NONE);
         if (known && std::find(std::begin(units), std::end(units), first) == std::end(units))
             __builtin_trap(); // two ways to one unit
+        krv_unit_why_t why;
+        if (korva_explain_unit(h, address, &why) == 0 &&
+            (why.unit != first || (first != nullptr && (address < why.range.start || address >= why.range.end))))
+            __builtin_trap(); // told otherwise than answered
         for (krv_ctu_t *cu = nullptr;
              (cu = korva_lookup_next_ctu_by_addr(h, cu, address, KRV_LOOKUP_F_NONE)) != nullptr;)
             if (korva_cu_contains_addr(h, cu, address, KRV_LOOKUP_F_NONE) != B_TRUE)

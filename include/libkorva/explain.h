@@ -40,7 +40,7 @@ typedef struct krv_unit_why {
     uint64_t tuple;       /**< of a set: offset of the tuple in .debug_aranges; else 0 */
     uint64_t named;       /**< of a set: offset in .debug_info of the unit that it names */
     uint64_t entry;       /**< offset in .debug_info of the entry whose ranges these are; 0 of a set */
-    krv_range_t range;    /**< that covers the address; empty without a unit */
+    krv_range_t range;    /**< that covers the address; empty where nothing does */
     krv_ctu_t *before;    /**< without a unit: that which covers the nearest address below, or NULL */
     uint64_t before_end;  /**< where that ends: the first address behind it */
     krv_ctu_t *after;     /**< likewise, above */
