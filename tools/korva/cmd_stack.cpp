@@ -2,8 +2,7 @@
 //
 // korva stack: the stacks of a process or of a core file, frame by frame.
 #include "command.h"
-#include "demangle.h"
-#include "locate.h"
+#include "frame_place.h"
 #include "stacks.h"
 
 #include <algorithm>
@@ -23,27 +22,9 @@ struct stack_options : common_options { // file: the core
     std::string exe;
     int tid = 0;
     bool first_only = false;
-    bool demangle = false;
-    bool basenames = false;
     bool quiet = false;
-    bool no_inlines = false;
-    bool no_source = false;
+    place_request places;
     stack_request wanted;
-};
-
-/** A module's file with what is known of its lines; empty when it cannot be opened. */
-struct module_file {
-    std::unique_ptr<object> file;
-    std::unique_ptr<locator> lines; // only with debugging information
-};
-
-/** What a frame's address means. */
-struct frame_place {
-    std::string function{};               // empty when not known
-    uint64_t offset = 0;                  // of pc in the function
-    std::vector<krv_elf_frame_t> calls{}; // inlined there, innermost first, then the function; without --no-inlines
-    std::string path{};                   // of the innermost; empty when not known
-    uint32_t line = 0;                    // likewise; 0 when not known
 };
 
 class stack_run
@@ -54,17 +35,14 @@ public:
     int run();
 
 private:
-    std::vector<krv_proc_thread_t> threads();
     void show(const thread_stack &stack);
-    module_file &open_module(const krv_proc_module_t *module);
-    frame_place look_up(const stack_frame &f);
-    std::string path_of(const krv_elf_frame_t &call) const;
+    frame_place place_of(const stack_frame &f);
     void print_place(const std::string &path, uint32_t line);
     void print_variables(const call_variables &variables);
     void print_frame(size_t index, const stack_frame &f, const frame_place &at);
     json_value call_record(const krv_elf_frame_t &call) const;
     json_value frame_record(size_t index, const stack_frame &f, const frame_place &at) const;
-    void record_stack(const thread_stack &stack, const json_value &frames, bool asked_for);
+    void record_stack(const thread_stack &stack, const json_value &frames);
     void tell_notes();
 
     const stack_options &m_options;
@@ -80,11 +58,6 @@ private:
 
 } // namespace
 
-static std::string basename_of(const std::string &path)
-{
-    return path.substr(path.rfind('/') + 1); // npos + 1 is 0
-}
-
 stack_run::stack_run(const stack_options &options) : m_options(options), m_out(options.format), m_kept(std::in_place)
 {
     auto opened = options.file.empty()
@@ -98,67 +71,15 @@ stack_run::stack_run(const stack_options &options) : m_options(options), m_out(o
         throw std::bad_alloc();
 }
 
-std::vector<krv_proc_thread_t> stack_run::threads()
+frame_place stack_run::place_of(const stack_frame &f)
 {
-    std::vector<krv_proc_thread_t> all = m_proc->threads();
-    if (m_options.tid != 0)
-        std::erase_if(all, [this](const krv_proc_thread_t &thread) { return thread.tid != m_options.tid; });
-    if (m_options.tid != 0 && all.empty())
-        throw failure(fmt::format("no thread {}", m_options.tid), {.code = "KRV_ELF_ERR_NOTFOUND"});
-    if (m_options.first_only && all.size() > 1)
-        all.erase(all.begin() + 1, all.end());
-    return all;
-}
-
-module_file &stack_run::open_module(const krv_proc_module_t *module)
-{
-    const auto [at, fresh] = m_modules.try_emplace(module);
-    module_file &opened = at->second;
-    if (!fresh)
-        return opened;
-    const auto file = m_proc->file(*module);
-    if (!file) {
-        const bool unnamed_exe = (module->flags & KRV_PROC_MODULE_F_MAIN) != 0 && m_options.exe.empty() &&
-                                 m_info.kind == KRV_PROC_CORE && module->path[0] != '\0';
-        diagnose(file.error().text() + (unnamed_exe ? "; say with -e FILE where the executable is" : ""));
-        return opened;
-    }
-    opened.file = std::make_unique<object>(*file, module->path, m_options.bounds);
-    if (opened.file->has_debug_info())
-        opened.lines = std::make_unique<locator>(opened.file.get());
-    return opened;
-}
-
-frame_place stack_run::look_up(const stack_frame &f)
-{
-    frame_place at;
     if (f.module == nullptr)
-        return at;
-    const module_file &opened = open_module(f.module);
-    if (opened.file == nullptr)
-        return at;
-    const uint64_t address = f.lookup_pc - f.module->bias;
-    if (const krv_elf_symbol_t *symbol = opened.file->elf().symbol(address); symbol != nullptr) {
-        at.function = function_name(symbol->name, m_options.demangle);
-        at.offset = f.pc - f.module->bias - symbol->address;
-    }
-    if (opened.lines == nullptr || (m_options.no_inlines && m_options.no_source))
-        return at;
-    const auto calls =
-        opened.lines->frames(address, m_options.demangle ? KRV_ELF_FRAMES_F_DEMANGLE : KRV_ELF_FRAMES_F_NONE,
-                             m_options.no_inlines ? 1 : MOST_CALLS);
-    if (calls.empty())
-        return at;
-    at.path = path_of(calls[0]);
-    at.line = m_options.no_source ? 0 : calls[0].line;
-    if (!m_options.no_inlines)
-        at.calls.assign(calls.begin(), calls.end());
-    return at;
-}
-
-std::string stack_run::path_of(const krv_elf_frame_t &call) const
-{
-    return m_options.no_source ? "" : m_options.basenames ? basename_of(call.file) : call.file;
+        return {};
+    const auto [at, is_fresh] = m_modules.try_emplace(f.module);
+    if (is_fresh)
+        at->second = open_module(*m_proc, *f.module, m_options.bounds,
+                                 m_options.exe.empty() ? "; say with -e FILE where the executable is" : "");
+    return look_up(at->second, f, m_options.places);
 }
 
 void stack_run::print_place(const std::string &path, uint32_t line)
@@ -197,7 +118,7 @@ void stack_run::print_frame(size_t index, const stack_frame &f, const frame_plac
         if (i < f.variables.size())
             print_variables(f.variables[i]);
         m_out.print("{:{}}", "", digits + 9); // as far as the function in the line above
-        path = path_of(at.calls[i + 1]);
+        path = path_of(at.calls[i + 1], m_options.places);
         line = at.calls[i + 1].line;
     }
     if (at.function.empty())
@@ -215,14 +136,6 @@ void stack_run::print_frame(size_t index, const stack_frame &f, const frame_plac
         print_variables(f.variables.back());
 }
 
-static json_value build_id_of(const krv_proc_module_t &module)
-{
-    std::string digits;
-    for (size_t i = 0; i < module.build_id_size; ++i)
-        digits += fmt::format("{:02x}", module.build_id[i]);
-    return digits.empty() ? json_value(nullptr) : json_value(digits);
-}
-
 json_value stack_run::call_record(const krv_elf_frame_t &call) const
 {
     const auto known = [](const std::string &text) { return text.empty() ? json_value(nullptr) : json_value(text); };
@@ -232,9 +145,9 @@ json_value stack_run::call_record(const krv_elf_frame_t &call) const
                                   : call.origin == KRV_ELF_FRAME_SYMBOLS ? json_value("symbols")
                                                                          : json_value(nullptr)},
                          {"inlined", call.is_inlined != 0},
-                         {"file", known(path_of(call))}};
-    record["line"] = m_options.no_source ? json_value(nullptr) : or_null(call.line);
-    record["column"] = m_options.no_source ? json_value(nullptr) : or_null(call.column);
+                         {"file", known(path_of(call, m_options.places))}};
+    record["line"] = m_options.places.no_source ? json_value(nullptr) : or_null(call.line);
+    record["column"] = m_options.places.no_source ? json_value(nullptr) : or_null(call.column);
     return record;
 }
 
@@ -260,7 +173,7 @@ json_value stack_run::frame_record(size_t index, const stack_frame &f, const fra
                          {"signal_frame", f.is_signal_frame}};
     if (f.module != nullptr) {
         const auto offset = m_proc->file_offset(f.lookup_pc);
-        record["build_id"] = build_id_of(*f.module);
+        record["build_id"] = known(build_id_of(*f.module));
         record["deleted"] = (f.module->flags & KRV_PROC_MODULE_F_DELETED) != 0;
         record["address"] = hex(f.lookup_pc - f.module->bias);
         record["file_offset"] = offset ? hex(*offset) : json_value(nullptr);
@@ -280,22 +193,6 @@ json_value stack_run::frame_record(size_t index, const stack_frame &f, const fra
     return record;
 }
 
-static const char *end_name(int reason)
-{
-    switch (reason) {
-    case KRV_PROC_END_OUTERMOST:
-        return "outermost";
-    case KRV_PROC_END_NO_FDE:
-        return "no-fde";
-    case KRV_PROC_END_NO_PROGRESS:
-        return "no-progress";
-    case KRV_PROC_END_LIMIT:
-        return "limit";
-    default:
-        return "error";
-    }
-}
-
 static json_value thread_record(int pid, const thread_stack &stack, const json_value &frames)
 {
     json_value record = {{"pid", pid == 0 ? json_value(nullptr) : json_value(pid)},
@@ -312,13 +209,7 @@ static json_value thread_record(int pid, const thread_stack &stack, const json_v
 
 void stack_run::show(const thread_stack &stack)
 {
-    const bool asked_for = stack.end == KRV_PROC_END_LIMIT && m_options.wanted.max_frames != 0;
-    if (stack.frames.empty())
-        m_done.missed();
-    else if (asked_for || stack.end == KRV_PROC_END_OUTERMOST)
-        m_done.answered();
-    else
-        m_done.partly();
+    count(stack, m_options.wanted, &m_done);
     m_walked = m_walked || !stack.frames.empty();
 
     json_value frames = json_value::array();
@@ -331,7 +222,7 @@ void stack_run::show(const thread_stack &stack)
     }
     for (size_t i = 0; i < stack.frames.size(); ++i) {
         const stack_frame &f = stack.frames[i];
-        const frame_place at = look_up(f);
+        const frame_place at = place_of(f);
         m_arguments = m_arguments || !f.arguments.empty();
         if (m_out.is_json())
             frames.push_back(frame_record(i, f, at));
@@ -339,20 +230,17 @@ void stack_run::show(const thread_stack &stack)
             print_frame(i, f, at);
     }
     if (m_out.is_json())
-        record_stack(stack, frames, asked_for);
+        record_stack(stack, frames);
     else
         m_out.print("     end: {}\n", printable(stack.message));
 }
 
 // A walk that ended early has its frames and the reason.
-void stack_run::record_stack(const thread_stack &stack, const json_value &frames, bool asked_for)
+void stack_run::record_stack(const thread_stack &stack, const json_value &frames)
 {
-    const bool is_whole = asked_for || stack.end == KRV_PROC_END_OUTERMOST;
+    const record_status status = status_of(stack, m_options.wanted);
     const record_error why = {.messages = {stack.message}};
-    const record_status status = is_whole                          ? record_status::ok
-                                 : stack.end == KRV_PROC_END_LIMIT ? record_status::limit
-                                                                   : record_status::error;
-    m_out.record(thread_record(m_info.pid, stack, frames), status, is_whole ? nullptr : &why);
+    m_out.record(thread_record(m_info.pid, stack, frames), status, status == record_status::ok ? nullptr : &why);
 }
 
 // What is to be said of the whole is a line each, what is to be said of modules one for all of them.
@@ -382,7 +270,7 @@ void stack_run::tell_notes()
 int stack_run::run()
 {
     std::vector<thread_stack> stacks;
-    for (const krv_proc_thread_t &thread : threads()) {
+    for (const krv_proc_thread_t &thread : threads_of(*m_proc, m_options.tid, m_options.first_only)) {
         stacks.push_back(read_stack(*m_proc, thread, m_options.wanted));
         if (m_info.kind == KRV_PROC_CORE) {
             show(stacks.back());
@@ -425,10 +313,10 @@ void add_stack(CLI::App &app, int *status)
                      "Frames of a thread, at most (0: as many as there are, up to 4096)");
     verb->add_option("--tid", options->tid, "This thread only")->check(check_id)->type_name("TID");
     verb->add_flag("-1", options->first_only, "The first thread only: the main one, or the one that failed");
-    verb->add_flag("-C,--demangle", options->demangle, "Show names of C++, Rust and D as these write them");
-    verb->add_flag("-s,--basenames", options->basenames, "Show file names without folders");
-    verb->add_flag("--no-inlines", options->no_inlines, "Leave out the calls that were inlined");
-    verb->add_flag("--no-source", options->no_source, "Leave out files and lines");
+    verb->add_flag("-C,--demangle", options->places.demangle, "Show names of C++, Rust and D as these write them");
+    verb->add_flag("-s,--basenames", options->places.basenames, "Show file names without folders");
+    verb->add_flag("--no-inlines", options->places.no_inlines, "Leave out the calls that were inlined");
+    verb->add_flag("--no-source", options->places.no_source, "Leave out files and lines");
     verb->add_flag("-a,--arguments", options->wanted.arguments,
                    "Show arguments where the call-frame information has them");
     verb->add_flag("-v,--variables", options->wanted.variables,

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "stacks.h"
 
+#include "output.h"
 #include "visitor.h"
 
 namespace korva::program
@@ -93,6 +94,18 @@ static std::vector<argument> read_arguments(const krv_proc_frame_t &frame, krv_a
     return all;
 }
 
+std::vector<krv_proc_thread_t> threads_of(const process &proc, int tid, bool first_only)
+{
+    std::vector<krv_proc_thread_t> all = proc.threads();
+    if (tid != 0)
+        std::erase_if(all, [tid](const krv_proc_thread_t &thread) { return thread.tid != tid; });
+    if (tid != 0 && all.empty())
+        throw failure(fmt::format("no thread {}", tid), {.code = "KRV_ELF_ERR_NOTFOUND"});
+    if (first_only && all.size() > 1)
+        all.erase(all.begin() + 1, all.end());
+    return all;
+}
+
 thread_stack read_stack(const process &proc, const krv_proc_thread_t &thread, const stack_request &wanted)
 {
     thread_stack stack = {
@@ -116,6 +129,40 @@ thread_stack read_stack(const process &proc, const krv_proc_thread_t &thread, co
     stack.end = end.reason;
     stack.message = end.message;
     return stack;
+}
+
+const char *end_name(int reason)
+{
+    switch (reason) {
+    case KRV_PROC_END_OUTERMOST:
+        return "outermost";
+    case KRV_PROC_END_NO_FDE:
+        return "no-fde";
+    case KRV_PROC_END_NO_PROGRESS:
+        return "no-progress";
+    case KRV_PROC_END_LIMIT:
+        return "limit";
+    default:
+        return "error";
+    }
+}
+
+record_status status_of(const thread_stack &stack, const stack_request &wanted)
+{
+    const bool is_limited = stack.end == KRV_PROC_END_LIMIT;
+    if (stack.end == KRV_PROC_END_OUTERMOST || (is_limited && wanted.max_frames != 0))
+        return record_status::ok;
+    return is_limited ? record_status::limit : record_status::error;
+}
+
+void count(const thread_stack &stack, const stack_request &wanted, tally *done)
+{
+    if (stack.frames.empty())
+        done->missed();
+    else if (status_of(stack, wanted) == record_status::ok)
+        done->answered();
+    else
+        done->partly();
 }
 
 } // namespace korva::program

@@ -4,6 +4,8 @@
 // that it may run on.
 #pragma once
 
+#include "record.h"
+#include "status.h"
 #include "variables.h"
 
 #include <korva.hpp>
@@ -47,7 +49,19 @@ struct stack_request {
     bool variables = false; /**< opens the modules' files while the process stands still */
 };
 
+/** The threads of a process: all, or the one of @p tid unless that is 0, or the first. Throws failure when there is none. */
+std::vector<krv_proc_thread_t> threads_of(const process &proc, int tid, bool first_only);
+
 /** Walks a thread. A failure is the end of its frames. */
 thread_stack read_stack(const process &proc, const krv_proc_thread_t &thread, const stack_request &wanted);
+
+/** Why a walk ended, as records have it: "outermost", ... */
+const char *end_name(int reason);
+
+/** Of a walk's record: ok when it came to the outermost frame, or as far as was asked for. */
+record_status status_of(const thread_stack &stack, const stack_request &wanted);
+
+/** Counts a walk: one that ended early has its frames all the same. */
+void count(const thread_stack &stack, const stack_request &wanted, tally *done);
 
 } // namespace korva::program
