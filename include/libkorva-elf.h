@@ -54,8 +54,58 @@ enum {
     /** attach every section as it stands in the file (inflated where compressed), for the strict reader of DWARF 2 to 4; look for no other file */
     KRV_ELF_F_RAW = 1,
     /** take a file however much its compressed sections inflate to */
-    KRV_ELF_F_INFLATE_ANY = 2
+    KRV_ELF_F_INFLATE_ANY = 2,
+    /**
+     * ask the servers that DEBUGINFOD_URLS in the environment names for what is not found here: krv_elf_search_t tells more.
+     * Without it nothing is ever asked of a network.
+     */
+    KRV_ELF_F_DEBUGINFOD = 4
 };
+
+/** What a server is doing, as krv_elf_fetch_f sees it. Valid during the call. */
+typedef struct krv_elf_fetch {
+    const char *url;   /**< of the file that is asked for */
+    uint64_t received; /**< bytes, so far */
+    uint64_t size;     /**< of all of them; 0 when it is not known */
+    int is_over;       /**< 1: this is the last call for the file, whatever came of it */
+    const char *error; /**< then, why the server could not be asked, did not answer, or is not asked again; else "" */
+} krv_elf_fetch_t;
+
+/**
+ * Called about once a second, and at the beginning, while a server is asked, in the thread that waits for it. Non-zero
+ * ends it: the file counts as not found. It must not open or find files.
+ */
+typedef int krv_elf_fetch_f(const krv_elf_fetch_t *fetch, void *arg);
+
+/**
+ * Where files are looked for that a client does not name itself: separate debug files, alternate files, files of processes and
+ * core files. All zeros say nothing.
+ *
+ * By build-id a file is looked for in folders (.build-id/ab/cdef.debug, an executable as .build-id/ab/cdef) and in the cache of
+ * the debuginfod clients, which is only read: $DEBUGINFOD_CACHE_PATH, else $XDG_CACHE_HOME/debuginfod_client or
+ * ~/.cache/debuginfod_client, and ~/.debuginfod_client_cache. With KRV_ELF_F_DEBUGINFOD the servers of $DEBUGINFOD_URLS are asked
+ * then, one after the other, by elfutils' libdebuginfod, which is loaded when it is first needed; what they send stays in that
+ * cache. Each file is verified: one that has another build-id is refused with a note of the pass "debug-file", and removed from
+ * the cache where it kept a server from being asked.
+ *
+ * A server that is silent for $DEBUGINFOD_TIMEOUT seconds (10 when it is not set), cannot be reached, takes longer than `seconds`
+ * for one file or sends a wrong one is not asked again in this process. Requests are made one at a time, whichever threads
+ * wait, and while one is, DEBUGINFOD_URLS in the environment of the process has this server alone.
+ */
+typedef struct krv_elf_search {
+    const char *const *dirs; /**< folders arranged as /usr/lib/debug, looked at before that */
+    size_t dir_count;        /**< how many */
+    /**
+     * a folder that stands for the root of another system, or NULL: paths that processes, core files and other files name are
+     * looked for below it and nowhere else, with links that lead to places below it; what a build-id or a CRC verifies is looked for
+     * below it first
+     */
+    const char *sysroot;
+    krv_elf_fetch_f *fetch; /**< told of progress, or NULL */
+    void *fetch_arg;        /**< its last argument */
+    uint32_t seconds;       /**< that one file from a server may take; 0: 600 */
+    uint32_t reserved;      /**< 0 */
+} krv_elf_search_t;
 
 /**
  * A file whose compressed sections claim to inflate to more than so many bytes together, and to more than so many times
@@ -166,8 +216,9 @@ typedef int krv_elf_iter_note_f(krv_elf_t *elf, const krv_elf_note_t *note, void
  * are applied to copies. Nothing else is copied.
  *
  * A file without .debug_info gets its sections (and, when it has no .symtab, its symbols) from a separate debug file:
- * by build-id under /usr/lib/debug/.build-id, else by .gnu_debuglink beside the file, in .debug, or under
- * /usr/lib/debug. One whose build-id or CRC differs is refused with a note of the pass "debug-file".
+ * by build-id under /usr/lib/debug/.build-id and in the cache of the debuginfod clients, else by .gnu_debuglink beside the file,
+ * in .debug, or under /usr/lib/debug, and last, with KRV_ELF_F_DEBUGINFOD, from servers (krv_elf_search_t). One whose build-id or
+ * CRC differs is refused with a note of the pass "debug-file".
  *
  * Returns NULL on failure. Close it with korva_elf_close.
  */
@@ -179,6 +230,32 @@ KORVA_API krv_elf_t *korva_elf_open(const char *path, unsigned int flags, krv_el
  */
 KORVA_API krv_elf_t *korva_elf_open_with_debug_dirs(const char *path, unsigned int flags, const char *const *dirs,
                                                     size_t count, krv_elf_error_t *errorp);
+
+/** The same, looking for other files as @p search says, which may be NULL; nothing in it is needed afterwards but fetch_arg. */
+KORVA_API krv_elf_t *korva_elf_open_search(const char *path, unsigned int flags, const krv_elf_search_t *search,
+                                           krv_elf_error_t *errorp);
+
+/** What a file with a build-id is wanted for. */
+enum {
+    KRV_ELF_FIND_EXECUTABLE = 1, /**< the executable or shared library that is loaded, with its code */
+    KRV_ELF_FIND_DEBUG = 2,      /**< the file with its debugging information and symbols */
+    KRV_ELF_FIND_ANY = 3         /**< the latter, or else the former: for functions and lines either does */
+};
+
+/**
+ * Finds a file by its build-id, @p size bytes at @p id, as krv_elf_search_t says: in folders, in the cache of the debuginfod
+ * clients, and with KRV_ELF_F_DEBUGINFOD in @p flags at servers. @p kind is KRV_ELF_FIND_*. The file was opened, and has this
+ * build-id. Any number of threads may ask.
+ *
+ * Returns its path, for korva_elf_open_search, in memory that the client frees with free(); or NULL: KRV_ELF_ERR_NOTFOUND, whose
+ * message says what was refused and which servers failed, KRV_ELF_ERR_FORMAT (no build-id: 2 to 64 bytes) or KRV_ELF_ERR_NOMEM.
+ *
+ *     char *path = korva_elf_find_build_id(id, 20, KRV_ELF_FIND_ANY, KRV_ELF_F_NONE, NULL, &error);
+ *     krv_elf_t *elf = path == NULL ? NULL : korva_elf_open_search(path, KRV_ELF_F_NONE, NULL, &error);
+ *     free(path);
+ */
+KORVA_API char *korva_elf_find_build_id(const uint8_t *id, size_t size, int kind, unsigned int flags,
+                                        const krv_elf_search_t *search, krv_elf_error_t *errorp);
 
 /**
  * Takes what was read of the file's debugging information out of the process's memory; what is needed again is read again.
@@ -311,14 +388,15 @@ enum {
     KRV_ELF_TRIED_ABSENT = 0,  /**< no file */
     KRV_ELF_TRIED_ITSELF = 1,  /**< the file that it was looked for */
     KRV_ELF_TRIED_REFUSED = 2, /**< a file that is another one, or cannot be read */
-    KRV_ELF_TRIED_TAKEN = 3    /**< the file that is read */
+    KRV_ELF_TRIED_TAKEN = 3,   /**< the file that is read */
+    KRV_ELF_TRIED_FAILED = 4   /**< of a server: it could not be asked, or did not answer */
 };
 
 /** A place where a separate debug file was looked for, as korva_elf_iter_tried visits it. */
 typedef struct krv_elf_tried {
-    const char *path;
-    const char *by;     /**< what led there: "build-id", or the section with its name */
-    const char *reason; /**< why it is refused; else "" */
+    const char *path; /**< or the URL */
+    const char *by;   /**< what led there: "build-id", the section with its name, "debuginfod-cache" or "debuginfod" */
+    const char *reason; /**< why it is refused, or what failed; else "" */
     int outcome;        /**< KRV_ELF_TRIED_* */
     int is_alternate;   /**< 1: for the file that several share (dwz -m); 0: for the file's own debugging information */
 } krv_elf_tried_t;

@@ -83,6 +83,14 @@ KORVA_API krv_proc_t *korva_proc_attach(int pid, krv_elf_error_t *errorp);
  */
 KORVA_API krv_proc_t *korva_proc_open_core(const char *core, const char *exe, krv_elf_error_t *errorp);
 
+/**
+ * The same, looking for the files of the process as @p search says, which may be NULL; @p flags is KRV_ELF_F_*. A file that is
+ * not at its path, or is another one there, is looked for by the build-id that was dumped: when its bytes or its symbols are first
+ * needed.
+ */
+KORVA_API krv_proc_t *korva_proc_open_core_search(const char *core, const char *exe, unsigned int flags,
+                                                  const krv_elf_search_t *search, krv_elf_error_t *errorp);
+
 /** Looks at the calling process. Nothing is stopped; only the calling thread's own stack can be walked. */
 KORVA_API krv_proc_t *korva_proc_self(krv_elf_error_t *errorp);
 
@@ -175,6 +183,13 @@ KORVA_API int korva_proc_set_files(krv_proc_t *proc, unsigned int flags, const c
                                    krv_elf_error_t *errorp);
 
 /**
+ * The same by @p search, which may be NULL; see krv_elf_search_t. Its sysroot concerns a live process; of a core file it is
+ * given to korva_proc_open_core_search. While a live process is stopped no server is asked: let it go first.
+ */
+KORVA_API int korva_proc_set_search(krv_proc_t *proc, unsigned int flags, const krv_elf_search_t *search,
+                                    krv_elf_error_t *errorp);
+
+/**
  * Stores where in the file of its module the byte at @p address is. Returns 0, or -1 when it is in no module or in no
  * file.
  */
@@ -183,7 +198,8 @@ KORVA_API int korva_proc_file_offset(krv_proc_t *proc, uint64_t address, uint64_
 /**
  * The module's file, opened on first use, for its symbols and line numbers; the vDSO is read from memory. The file
  * of a live process is the one that is mapped, also when its path leads to another one by now, as far as the caller
- * may open it.
+ * may open it; of a process with another root, as in a container, it and its debug files are looked for below that root. Where
+ * the file is not to be had, one with the module's build-id takes its place, if need be a debug file.
  *
  * Returns NULL on failure (those of korva_elf_open; KRV_ELF_ERR_NOTFOUND when the file is gone or is another one).
  */

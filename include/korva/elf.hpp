@@ -7,6 +7,8 @@
 #define KORVA_ELF_HPP
 
 #include <algorithm>
+#include <cstdlib>
+#include <functional>
 
 #include "../libkorva-elf.h"
 #include "handle.hpp"
@@ -230,6 +232,37 @@ private:
     krv_elf_t *elf_;
 };
 
+/** Where files are looked for that nobody names: krv_elf_search_t. */
+struct search {
+    std::vector<std::string> debug_dirs;
+    std::string sysroot; /**< "": none */
+    /** What a server is doing; false gives it up. It must not throw. */
+    std::function<bool(const krv_elf_fetch_t &)> on_fetch;
+    std::uint32_t seconds = 0; /**< 0: as long as is usual */
+
+    /** Calls @p func with the record that the C interface takes, which is valid during the call. */
+    template <typename F>
+    auto with(F &&func) const
+    {
+        std::vector<const char *> dirs;
+        dirs.reserve(debug_dirs.size());
+        for (const std::string &dir : debug_dirs)
+            dirs.push_back(dir.c_str());
+        krv_elf_search_t record = {};
+        record.dirs = dirs.data();
+        record.dir_count = dirs.size();
+        record.sysroot = sysroot.empty() ? nullptr : sysroot.c_str();
+        record.seconds = seconds;
+        if (on_fetch) {
+            record.fetch = [](const krv_elf_fetch_t *fetch, void *arg) noexcept {
+                return static_cast<const search *>(arg)->on_fetch(*fetch) ? 0 : 1;
+            };
+            record.fetch_arg = const_cast<search *>(this);
+        }
+        return func(record);
+    }
+};
+
 /** An opened file of one's own. */
 class elf : public elf_view
 {
@@ -241,15 +274,31 @@ public:
     static result<elf> open(const char *path, unsigned int flags = KRV_ELF_F_NONE,
                             const std::vector<std::string> &debug_dirs = {})
     {
-        std::vector<const char *> dirs;
-        dirs.reserve(debug_dirs.size());
-        for (const std::string &dir : debug_dirs)
-            dirs.push_back(dir.c_str());
+        return open(path, flags, search{debug_dirs, {}, {}});
+    }
+    /** The same by @p where, which has to live as long as the file if it has on_fetch. */
+    static result<elf> open(const char *path, unsigned int flags, const search &where)
+    {
         krv_elf_error_t why;
-        krv_elf_t *opened = korva_elf_open_with_debug_dirs(path, flags, dirs.data(), dirs.size(), &why);
+        krv_elf_t *opened = where.with(
+            [&](const krv_elf_search_t &record) { return korva_elf_open_search(path, flags, &record, &why); });
         if (opened == nullptr)
             return detail::loader_error(why);
         return elf(opened);
+    }
+    /** The path of a file with a build-id; kind: KRV_ELF_FIND_*. See korva_elf_find_build_id. */
+    static result<std::string> find(const std::vector<std::uint8_t> &build_id, int kind,
+                                    unsigned int flags = KRV_ELF_F_NONE, const search &where = {})
+    {
+        krv_elf_error_t why;
+        char *path = where.with([&](const krv_elf_search_t &record) {
+            return korva_elf_find_build_id(build_id.data(), build_id.size(), kind, flags, &record, &why);
+        });
+        if (path == nullptr)
+            return detail::loader_error(why);
+        const std::string found = path;
+        std::free(path);
+        return found;
     }
 
 private:

@@ -31,6 +31,15 @@ public:
         krv_elf_error_t why;
         return made(korva_proc_open_core(core, exe, &why), why);
     }
+    /** The same, looking for the files of the process by @p where, which has to live as long as it if it has on_fetch. */
+    static result<process> open_core(const char *core, const char *exe, unsigned int flags, const search &where)
+    {
+        krv_elf_error_t why;
+        return made(where.with([&](const krv_elf_search_t &record) {
+            return korva_proc_open_core_search(core, exe, flags, &record, &why);
+        }),
+                    why);
+    }
     /** The calling process. */
     static result<process> self()
     {
@@ -123,12 +132,15 @@ public:
     /** How files of modules are opened from now on, as elf::open does. */
     result<void> set_files(unsigned int flags, const std::vector<std::string> &debug_dirs = {})
     {
-        std::vector<const char *> dirs;
-        dirs.reserve(debug_dirs.size());
-        for (const std::string &dir : debug_dirs)
-            dirs.push_back(dir.c_str());
+        return set_files(flags, search{debug_dirs, {}, {}});
+    }
+    /** The same by @p where, which has to live as long as the process if it has on_fetch. See korva_proc_set_search. */
+    result<void> set_files(unsigned int flags, const search &where)
+    {
         krv_elf_error_t why;
-        if (korva_proc_set_files(get(), flags, dirs.data(), dirs.size(), &why) != 0)
+        if (where.with([&](const krv_elf_search_t &record) {
+                return korva_proc_set_search(get(), flags, &record, &why);
+            }) != 0)
             return detail::loader_error(why);
         return {};
     }

@@ -3,9 +3,11 @@
 // The exported functions: raw file, then view, then handle. No exception leaves them.
 #include "libkorva-elf.h"
 
+#include "elf/build_id.h"
 #include "elf/debug_file.h"
 #include "elf/file.h"
 #include "elf/frames.h"
+#include "elf/open.h"
 #include "elf/symbolizer.h"
 #include "elf/symbols.h"
 #include "elf/view.h"
@@ -13,6 +15,7 @@
 #include "page.h"
 
 #include <algorithm>
+#include <cstring>
 #include <fmt/format.h>
 #include <memory>
 #include <new>
@@ -23,8 +26,6 @@ using namespace krv_elf_loader;
 namespace
 {
 
-constexpr char SYSTEM_DEBUG_FOLDER[] = "/usr/lib/debug";
-
 struct handle_deleter {
     void operator()(krv_handle_t *hp) const { korva_handle_free(hp); }
 };
@@ -34,20 +35,20 @@ struct handle_deleter {
 // What is opened, then what the handle sees of it. The view is made when it is first asked for: who wants symbols only
 // waits for nothing else.
 struct krv_elf {
-    krv_elf(const std::string &path, unsigned int open_flags, std::vector<std::string> debug_folders)
-        : flags(open_flags), folders(std::move(debug_folders)), file(path, (open_flags & KRV_ELF_F_INFLATE_ANY) != 0),
+    krv_elf(const std::string &path, search_settings other_files)
+        : where(std::move(other_files)), file(path, (where.flags & KRV_ELF_F_INFLATE_ANY) != 0),
           hp(korva_handle_alloc(file.target()))
     {
         if (hp == nullptr)
             throw failure(KRV_ELF_ERR_NOMEM,
                           path + ": no libkorva handle: out of memory, or disabled by LIBKORVA_OPTIONS");
         if (!raw() && !has_debug_info(file))
-            debug = find_debug_file(file, folders);
+            debug = find_debug_file(file, where);
         if (debug.file != nullptr && !symbols().from_symtab())
             debug_symbols.emplace(*debug.file);
     }
 
-    bool raw() const { return (flags & KRV_ELF_F_RAW) != 0; }
+    bool raw() const { return (where.flags & KRV_ELF_F_RAW) != 0; }
     elf_file &source() { return debug.file != nullptr ? *debug.file : file; }
     const symbol_table &symbols() const { return debug_symbols ? *debug_symbols : own_symbols; }
 
@@ -95,8 +96,7 @@ struct krv_elf {
         }
     }
 
-    unsigned int flags;
-    std::vector<std::string> folders;
+    search_settings where; // other files are
     elf_file file;
     symbol_table own_symbols{file};
     bool symbols_lost = false; // when they were last asked for
@@ -166,7 +166,7 @@ private:
         made.reset();
         const char *const linked = raw_only ? nullptr : alternate_link_of(source());
         if (linked != nullptr && alternate.file == nullptr)
-            alternate = find_alternate_file(source(), folders);
+            alternate = find_alternate_file(source(), where);
         made.emplace(source(), raw_only ? nullptr : alternate.file.get(), raw_only);
         if (linked != nullptr && alternate.file == nullptr)
             made->add_note({"debug-file", linked, 0, true,
@@ -208,10 +208,48 @@ krv_elf_t *korva_elf_open(const char *path, unsigned int flags, krv_elf_error_t 
 krv_elf_t *korva_elf_open_with_debug_dirs(const char *path, unsigned int flags, const char *const *dirs, size_t count,
                                           krv_elf_error_t *errorp)
 {
-    return guarded<krv_elf_t *>(errorp, nullptr, [=] {
-        std::vector<std::string> folders(dirs, dirs + count);
-        folders.emplace_back(SYSTEM_DEBUG_FOLDER);
-        return new krv_elf(path == nullptr ? "" : path, flags, std::move(folders));
+    krv_elf_search_t search = {};
+    search.dirs = dirs;
+    search.dir_count = count;
+    return korva_elf_open_search(path, flags, &search, errorp);
+}
+
+krv_elf_t *korva_elf_open_search(const char *path, unsigned int flags, const krv_elf_search_t *search,
+                                 krv_elf_error_t *errorp)
+{
+    return guarded<krv_elf_t *>(errorp, nullptr,
+                                [=] { return open_elf(path == nullptr ? "" : path, search_settings(flags, search)); });
+}
+
+krv_elf_t *krv_elf_loader::open_elf(const std::string &path, const search_settings &where)
+{
+    return new krv_elf(path, where);
+}
+
+char *korva_elf_find_build_id(const uint8_t *id, size_t size, int kind, unsigned int flags,
+                              const krv_elf_search_t *search, krv_elf_error_t *errorp)
+{
+    return guarded<char *>(errorp, nullptr, [=] {
+        const byte_span wanted(id, size);
+        if (!is_usable_id(wanted))
+            throw failure(KRV_ELF_ERR_FORMAT, fmt::format("no build-id: it has {} bytes", size));
+        const search_settings where(flags, search);
+        std::string refused;
+        for (const auto &[asked, as] : {std::pair(KRV_ELF_FIND_DEBUG, file_kind::debug),
+                                        std::pair(KRV_ELF_FIND_EXECUTABLE, file_kind::executable)}) {
+            if ((kind & asked) == 0)
+                continue;
+            const debug_file found = find_by_build_id(wanted, as, where);
+            if (found.file != nullptr) {
+                char *path = strdup(found.file->path().c_str());
+                if (path == nullptr)
+                    throw std::bad_alloc();
+                return path;
+            }
+            for (const std::string &why : found.refused)
+                refused += "; " + why;
+        }
+        throw failure(KRV_ELF_ERR_NOTFOUND, fmt::format("no file of build-id {} is here{}", hex(wanted), refused));
     });
 }
 

@@ -4,6 +4,8 @@
 // of threads and mappings. Every size and offset is the core file's claim and is compared with what the file has.
 #include "process/source.h"
 
+#include "elf/build_id.h"
+#include "elf/debug_file.h"
 #include "failure.h"
 #include "file_mapping.h"
 #include "notes.h"
@@ -139,7 +141,7 @@ private:
 class core_file_source : public source, private memory
 {
 public:
-    core_file_source(const std::string &core, const std::string &exe);
+    core_file_source(const std::string &core, const std::string &exe, const search_settings &search);
 
     memory &bytes() override { return cache; }
     const std::vector<mapping> &mappings() const override { return maps; }
@@ -149,6 +151,8 @@ public:
     std::string locate(const mapping &where) override;
     bool mismatched(const mapping &where) override { return file_of(where).state == other; }
     std::string why_unreadable(uint64_t address) override;
+    void take_file(const std::string &path) override;
+    void end_of_list() override { is_listed = true; }
 
 private:
     enum mapped_state { usable, missing, other };
@@ -157,6 +161,7 @@ private:
         std::string path;                   // where it is found
         std::unique_ptr<file_mapping> file; // which keeps no descriptor: a process may have mapped thousands
         std::string problem = "not found, or not readable";
+        bool searched = false; // by build-id
     };
 
     [[noreturn]] void fail(int code, const std::string &text) const;
@@ -173,7 +178,12 @@ private:
     bool may_execute(uint64_t address) const;
     void sort_mappings();
     void find_executable();
+    bool is_given(const mapping &where) const { return where.path == recorded_exe && !exe_path.empty(); }
     mapped_file &file_of(const mapping &where);
+    const mapped_file &needed_file_of(const mapping &where);
+    void search_by_build_id(const mapping &where, mapped_file *entry);
+    void grant(const struct stat &file);
+    std::vector<uint8_t> dumped_build_id(const mapping &where);
     bool same_file(const mapping &where, byte_span file);
 
     std::string core_path;
@@ -191,16 +201,18 @@ private:
     std::vector<mapping> maps;
     std::unordered_map<std::string_view, size_t> first_of; // of the mappings of a path's first page, by path
     bool files_recorded = false;                           // there is an NT_FILE note
+    bool is_listed = false;                                // every module
     std::vector<register_set> thread_registers;            // by index of the thread
     std::string process_name;
-    std::map<std::string, mapped_file> files;  // by recorded path
-    std::set<std::pair<dev_t, ino_t>> granted; // the same, each once
+    std::map<std::string, mapped_file> known_files; // by recorded path
+    std::set<std::pair<dev_t, ino_t>> granted;      // the same, each once
 };
 
-core_file_source::core_file_source(const std::string &core, const std::string &exe)
+core_file_source::core_file_source(const std::string &core, const std::string &exe, const search_settings &search)
     : core_path(core), exe_path(exe), cache(*this), metered(cache, allowed, core_path)
 {
     kind = KRV_PROC_CORE;
+    client_files = search;
     open_core();
     dumped = std::make_unique<dumped_memory>(core_file, core_size, loads);
     read_notes();
@@ -461,11 +473,11 @@ bool core_file_source::same_file(const mapping &where, byte_span file)
 
 core_file_source::mapped_file &core_file_source::file_of(const mapping &where)
 {
-    const auto known = files.find(where.path);
-    if (known != files.end())
+    const auto known = known_files.find(where.path);
+    if (known != known_files.end())
         return known->second;
     mapped_file entry;
-    entry.path = where.path == recorded_exe && !exe_path.empty() ? exe_path : where.path;
+    entry.path = is_given(where) ? exe_path : client_files.below_sysroot(where.path);
     struct stat st = {};
     if (!entry.path.empty() && stat(entry.path.c_str(), &st) == 0 && S_ISREG(st.st_mode)) { // devices are not opened
         try {
@@ -475,16 +487,78 @@ core_file_source::mapped_file &core_file_source::file_of(const mapping &where)
             note(fmt::format("{}: {}", entry.path, entry.problem));
         }
     }
-    if (entry.file != nullptr && granted.emplace(st.st_dev, st.st_ino).second)
-        allowed.grant(static_cast<uint64_t>(st.st_size));
+    if (entry.file != nullptr)
+        grant(st);
     if (entry.file != nullptr)
         entry.state = same_file(where, entry.file->bytes()) ? usable : other;
-    return files.emplace(where.path, std::move(entry)).first->second;
+    return known_files.emplace(where.path, std::move(entry)).first->second;
+}
+
+// Each file once.
+void core_file_source::grant(const struct stat &file)
+{
+    if (granted.emplace(file.st_dev, file.st_ino).second)
+        allowed.grant(static_cast<uint64_t>(file.st_size));
+}
+
+void core_file_source::take_file(const std::string &path)
+{
+    struct stat st = {};
+    if (stat(path.c_str(), &st) != 0)
+        return;
+    grant(st);
+    metered.take(static_cast<uint64_t>(st.st_size));
+}
+
+// Empty where the first page was not dumped.
+std::vector<uint8_t> core_file_source::dumped_build_id(const mapping &where)
+{
+    const auto at = first_of.find(where.path);
+    if (at == first_of.end())
+        return {};
+    const mapping &first = maps[at->second];
+    metered_memory dump(*dumped, allowed, core_path);
+    const auto had = read_elf_image(dump, first.start);
+    return had ? read_build_id(dump, *had, first.start - had->start) : std::vector<uint8_t>();
+}
+
+// The file that the client names for the executable stands for itself alone.
+void core_file_source::search_by_build_id(const mapping &where, mapped_file *entry)
+{
+    entry->searched = true;
+    const std::vector<uint8_t> id = is_given(where) ? std::vector<uint8_t>() : dumped_build_id(where);
+    if (!is_usable_id(id))
+        return;
+    const debug_file found = find_by_build_id(id, file_kind::executable, client_files);
+    for (const std::string &refused : found.refused)
+        note(refused);
+    if (found.file == nullptr)
+        return;
+    struct stat st = {};
+    const std::string &path = found.file->path();
+    try {
+        entry->file = std::make_unique<file_mapping>(path);
+    } catch (const failure &f) {
+        return note(fmt::format("{}: {}", path, f.what()));
+    }
+    if (stat(path.c_str(), &st) == 0)
+        grant(st);
+    entry->path = path;
+    entry->state = same_file(where, entry->file->bytes()) ? usable : other;
+}
+
+// Whoever lists modules asks for none of them: they may be hundreds, of which a stack goes through few.
+const core_file_source::mapped_file &core_file_source::needed_file_of(const mapping &where)
+{
+    mapped_file &entry = file_of(where);
+    if (is_listed && entry.state != usable && !entry.searched)
+        search_by_build_id(where, &entry);
+    return entry;
 }
 
 std::string core_file_source::locate(const mapping &where)
 {
-    const mapped_file &entry = file_of(where);
+    const mapped_file &entry = needed_file_of(where);
     if (entry.state == missing)
         throw failure(KRV_ELF_ERR_NOTFOUND, fmt::format("{}: {}", entry.path, entry.problem));
     if (entry.state == other)
@@ -500,7 +574,7 @@ size_t core_file_source::read_mapped(uint64_t address, void *buf, size_t count)
     const mapping *m = find_mapping(maps, address);
     if (m == nullptr || m->path.empty())
         return 0;
-    const mapped_file &entry = file_of(*m);
+    const mapped_file &entry = needed_file_of(*m);
     const auto piece = static_cast<size_t>(std::min<uint64_t>(count, m->end - address));
     if (entry.state != usable)
         return 0;
@@ -541,9 +615,9 @@ bool core_file_source::read(uint64_t address, void *buf, size_t count)
 
 } // namespace
 
-std::unique_ptr<source> core_source(const std::string &core, const std::string &exe)
+std::unique_ptr<source> core_source(const std::string &core, const std::string &exe, const search_settings &search)
 {
-    return std::make_unique<core_file_source>(core, exe);
+    return std::make_unique<core_file_source>(core, exe, search);
 }
 
 } // namespace krv_elf_loader

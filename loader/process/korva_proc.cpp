@@ -10,7 +10,10 @@
 
 using namespace krv_elf_loader;
 
-krv_proc::krv_proc(std::unique_ptr<source> facts) : from(std::move(facts)), modules(*from) {}
+krv_proc::krv_proc(std::unique_ptr<source> facts) : from(std::move(facts)), modules(*from)
+{
+    from->end_of_list();
+}
 
 loaded_module &krv_proc::module_of(const krv_proc_module_t *record)
 {
@@ -39,8 +42,14 @@ krv_proc_t *korva_proc_attach(int pid, krv_elf_error_t *errorp)
 
 krv_proc_t *korva_proc_open_core(const char *core, const char *exe, krv_elf_error_t *errorp)
 {
+    return korva_proc_open_core_search(core, exe, KRV_ELF_F_NONE, nullptr, errorp);
+}
+
+krv_proc_t *korva_proc_open_core_search(const char *core, const char *exe, unsigned int flags,
+                                        const krv_elf_search_t *search, krv_elf_error_t *errorp)
+{
     return guarded<krv_proc_t *>(errorp, nullptr, [&] {
-        return new krv_proc(core_source(core == nullptr ? "" : core, exe == nullptr ? "" : exe));
+        return new krv_proc(core_source(core == nullptr ? "" : core, exe == nullptr ? "" : exe, {flags, search}));
     });
 }
 
@@ -77,8 +86,19 @@ int korva_proc_set_files(krv_proc_t *proc, unsigned int flags, const char *const
                          krv_elf_error_t *errorp)
 {
     return guarded<int>(errorp, -1, [&] {
-        proc->from->debug_dirs.assign(dirs, dirs + count);
-        proc->from->file_flags = flags;
+        proc->from->client_files.debug_dirs.assign(dirs, dirs + count);
+        proc->from->client_files.flags = flags;
+        return 0;
+    });
+}
+
+int korva_proc_set_search(krv_proc_t *proc, unsigned int flags, const krv_elf_search_t *search, krv_elf_error_t *errorp)
+{
+    return guarded<int>(errorp, -1, [&] {
+        search_settings files(flags, search);
+        if (proc->from->kind == KRV_PROC_CORE) // whose files were looked for when it was opened
+            files.sysroot = proc->from->client_files.sysroot;
+        proc->from->client_files = std::move(files);
         return 0;
     });
 }

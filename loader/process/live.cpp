@@ -10,6 +10,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <filesystem>
 #include <fmt/format.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -40,7 +41,8 @@ public:
     memory &bytes() override { return cache; }
     const std::vector<mapping> &mappings() const override { return maps; }
     std::string locate(const mapping &where) override;
-    bool outlived(const mapping &where) override { return is_file(where.path, where.inode); }
+    bool outlived(const mapping &where) override { return is_file(path_here(where), where.inode); }
+    search_settings files() const override;
 
 protected:
     void read_program();
@@ -49,7 +51,52 @@ protected:
     page_cache cache;
     std::vector<mapping> maps;
     int living;
+
+private:
+    void find_root();
+    std::string its_root() const { return fmt::format("/proc/{}/root", living); }
+    std::string path_here(const mapping &where) const;
+
+    input_file root; // of a process that sees other files than we do; what it leads to stays when the process ends
+    std::string root_path; // as we see it, where we do: then the process's paths begin with it for us
 };
+
+// Of two paths that lead somewhere, whether it is to the same place.
+bool differ(const std::string &a, const std::string &b)
+{
+    struct stat is = {}, other = {};
+    return stat(a.c_str(), &is) == 0 && stat(b.c_str(), &other) == 0 &&
+           (is.st_dev != other.st_dev || is.st_ino != other.st_ino);
+}
+
+// Another root, or other mounts: as in a container.
+void running_source::find_root()
+{
+    if (differ(its_root() + "/.", "/") || differ(fmt::format("/proc/{}/ns/mnt", living), "/proc/self/ns/mnt"))
+        root = input_file(its_root());
+    std::error_code unseen;
+    if (root.is_open())
+        root_path = std::filesystem::read_symlink(its_root(), unseen).string();
+}
+
+std::string running_source::path_here(const mapping &where) const
+{
+    const bool is_ours =
+        client_files.sysroot.empty() && root_path.size() > 1 && where.path.starts_with(root_path + "/");
+    return files().below_sysroot(is_ours ? where.path.substr(root_path.size()) : where.path);
+}
+
+// What the client says of a sysroot is believed.
+search_settings running_source::files() const
+{
+    search_settings found = client_files;
+    if (!found.sysroot.empty() || !root.is_open())
+        return found;
+    const std::string kept = fmt::format("/proc/self/fd/{}", root.fd());
+    const bool has_ended = access((its_root() + "/.").c_str(), F_OK) != 0 || differ(its_root() + "/.", kept + "/.");
+    found.sysroot = has_ended ? kept : its_root();
+    return found;
+}
 
 // Target, maps and auxiliary vector.
 void running_source::read_program()
@@ -68,15 +115,23 @@ void running_source::read_program()
     maps = read_maps(living);
     const std::string words = read_text(fmt::format("/proc/{}/auxv", living));
     aux = parse_auxv(reinterpret_cast<const uint8_t *>(words.data()), words.size(), target);
+    find_root();
 }
 
-// The path itself when it still leads to the file; in a process of another root, by that root; else, as for a file
-// that was deleted, by the link that the system keeps, which is for the privileged.
+// The path itself when it still leads to the file, below the root of the process where that is another one; else, as for
+// a file that was deleted, by the link that the system keeps, which is for the privileged. Below a sysroot that the client names
+// there are copies, and they are what it wants.
 std::string running_source::locate(const mapping &where)
 {
+    const std::string here = path_here(where);
+    if (!client_files.sysroot.empty()) {
+        if (access(here.c_str(), R_OK) == 0)
+            return here;
+        throw failure(KRV_ELF_ERR_NOTFOUND, here + ": not found, or not readable");
+    }
     const std::string candidates[] = {
+        here,
         where.path,
-        fmt::format("/proc/{}/root{}", living, where.path),
         fmt::format("/proc/{}/map_files/{:x}-{:x}", living, where.start, where.end),
     };
     for (const std::string &path : candidates)
@@ -118,6 +173,16 @@ public:
         return bytes();
     }
     void release() override { stopped = nullptr; }
+    bool is_held() const override { return stopped != nullptr; }
+
+    // Nobody waits for a server while the process stands still.
+    search_settings files() const override
+    {
+        search_settings found = running_source::files();
+        if (is_held())
+            found.flags &= ~static_cast<unsigned int>(KRV_ELF_F_DEBUGINFOD);
+        return found;
+    }
 
 private:
     std::unique_ptr<stopped_process> stopped; // until it is let go

@@ -1,6 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "process/module.h"
 
+#include "elf/build_id.h"
+#include "elf/debug_file.h"
+#include "elf/open.h"
 #include "page.h"
 #include "process/eh_frame.h"
 
@@ -10,6 +13,7 @@
 #include <fmt/format.h>
 #include <sys/mman.h>
 #include <unistd.h>
+#include <utility>
 
 namespace krv_elf_loader
 {
@@ -141,29 +145,72 @@ krv_elf_t *loaded_module::open_vdso()
     return elf;
 }
 
+krv_elf_t *loaded_module::open_other(const failure &why)
+{
+    const search_settings files = process.files();
+    std::string refused;
+    for (const file_kind kind : {file_kind::debug, file_kind::executable}) {
+        const debug_file found = is_usable_id(build_id) ? find_by_build_id(build_id, kind, files) : debug_file();
+        if (found.file != nullptr) {
+            process.take_file(found.file->path());
+            return open_elf(found.file->path(), files);
+        }
+        for (const std::string &text : found.refused)
+            refused += "; " + text;
+    }
+    throw failure(why.code, why.what() + refused);
+}
+
 krv_elf_t *loaded_module::open()
 {
     if ((record.flags & KRV_PROC_MODULE_F_VDSO) != 0)
         return open_vdso();
     if (path.empty())
-        throw failure(KRV_ELF_ERR_NOTFOUND, fmt::format("module at {:#x}: of no known file", record.start));
-    krv_elf_error_t error = {};
-    std::vector<const char *> dirs;
-    for (const std::string &dir : process.debug_dirs)
-        dirs.push_back(dir.c_str());
-    krv_elf_t *elf = korva_elf_open_with_debug_dirs(process.locate(where).c_str(), process.file_flags, dirs.data(),
-                                                    dirs.size(), &error);
-    if (elf == nullptr)
-        throw failure(error.code, error.message);
-    return elf;
+        return open_other({KRV_ELF_ERR_NOTFOUND, fmt::format("module at {:#x}: of no known file", record.start)});
+    try {
+        const std::string found = process.locate(where);
+        elf_ptr opened(open_elf(found, process.files()));
+        krv_elf_info_t info;
+        korva_elf_get_info(opened.get(), &info);
+        const byte_span its_id(info.build_id, info.build_id_size);
+        if (!its_id.empty() && !build_id.empty() && hex(its_id) != hex(build_id))
+            throw failure(KRV_ELF_ERR_NOTFOUND,
+                          fmt::format("{}: its build-id is {}, but {} was loaded", found, hex(its_id), hex(build_id)));
+        return opened.release();
+    } catch (const failure &f) {
+        if (f.code != KRV_ELF_ERR_NOTFOUND)
+            throw;
+        return open_other(f);
+    }
+}
+
+// Opened while no server was asked, a file may have its debugging information there. What was handed out stays open.
+void loaded_module::open_again()
+{
+    was_held = false;
+    try {
+        elf_ptr better(open());
+        if (korva_elf_get_debug_path(better.get()) != nullptr)
+            before.reset(std::exchange(file, better.release()));
+    } catch (const failure &f) {
+        if (f.code == KRV_ELF_ERR_NOMEM)
+            throw;
+    }
 }
 
 krv_elf_t *loaded_module::elf()
 {
+    if (was_held && !process.is_held()) {
+        if (file != nullptr)
+            open_again();
+        else
+            file_failure.reset();
+    }
     if (file_failure)
         throw failure(*file_failure);
     if (file != nullptr)
         return file;
+    was_held = process.is_held() && (process.client_files.flags & KRV_ELF_F_DEBUGINFOD) != 0;
     try {
         file = open();
     } catch (const failure &f) {
@@ -179,6 +226,11 @@ uint64_t loaded_module::find_eh_frame()
 {
     if (record.eh_frame != 0)
         return record.eh_frame;
+    // Once more: now files are looked for by build-id.
+    if (const uint64_t address = record.eh_frame_hdr == 0 ? 0
+                                                          : read_eh_frame_address(process.module_bytes(), record.target,
+                                                                                  record.eh_frame_hdr))
+        return address;
     try {
         const wanted_section section = find_section(elf(), ".eh_frame");
         return section.address == 0 ? 0 : record.bias + section.address;

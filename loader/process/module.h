@@ -14,6 +14,11 @@
 namespace krv_elf_loader
 {
 
+struct elf_closer {
+    void operator()(krv_elf_t *elf) const { korva_elf_close(elf); }
+};
+using elf_ptr = std::unique_ptr<krv_elf_t, elf_closer>;
+
 class loaded_module
 {
 public:
@@ -52,6 +57,8 @@ public:
 private:
     static int64_t read(void *arg, void *buf, size_t count, uint64_t address);
     krv_elf_t *open();
+    krv_elf_t *open_other(const failure &why); // by build-id
+    void open_again();
     krv_elf_t *open_vdso();
     uint64_t find_eh_frame();
     uint64_t end_of_eh_frame(uint64_t start) const;
@@ -67,6 +74,8 @@ private:
     std::string frames_failure;
     krv_handle_t *unwind_handle = nullptr;
     krv_elf_t *file = nullptr;
+    bool was_held = false; // when it was opened, and servers would have been asked
+    elf_ptr before;        // the file that was opened then, when it is another one
     std::optional<failure> file_failure;
     bool debug_frame_known = false;
     krv_handle_t *debug_handle = nullptr; // that of `file`

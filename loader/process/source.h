@@ -5,6 +5,7 @@
 #ifndef KRV_PROC_SOURCE_H
 #define KRV_PROC_SOURCE_H
 
+#include "elf/search.h"
 #include "process/memory.h"
 #include "process/registers.h"
 
@@ -98,6 +99,9 @@ public:
 
     // Lets a process that is held run on.
     virtual void release() {}
+    virtual bool is_held() const { return false; }
+    // The modules are listed: from now on files may be looked for beyond their paths.
+    virtual void end_of_list() {}
 
     // Of a process that runs: what was kept of memory is no longer so; mappings and threads may be others.
     virtual void forget_bytes() {}
@@ -118,14 +122,17 @@ public:
     std::deque<std::string> notes;      // what is missing or odd on the whole, a line each; they stay where they are
     std::optional<uint64_t> unreadable; // where the last read of memory for a module's handle failed
 
-    // How the files of modules are opened.
-    unsigned file_flags = KRV_ELF_F_NONE;
-    std::vector<std::string> debug_dirs;
+    // How the files of modules are found and opened, as the client says it; and as it is now.
+    search_settings client_files;
+    virtual search_settings files() const { return client_files; }
+    // A file that stands for one of the process's: its bytes may be read for a module, as module_bytes says.
+    virtual void take_file(const std::string &) {}
 };
 
-std::unique_ptr<source> attach_source(int pid);                                       // throws failure
-std::unique_ptr<source> core_source(const std::string &core, const std::string &exe); // throws failure
-std::unique_ptr<source> self_source();                                                // throws failure
+std::unique_ptr<source> attach_source(int pid); // throws failure
+std::unique_ptr<source> core_source(const std::string &core, const std::string &exe,
+                                    const search_settings &search); // throws failure
+std::unique_ptr<source> self_source();                              // throws failure
 
 // The auxiliary vector in `size` bytes at `bytes`, of words as wide as the target's.
 auxiliary parse_auxv(const uint8_t *bytes, size_t size, krv_activation_type_t target);

@@ -28,6 +28,8 @@ TEST(Hpp, ErrorsAreValuesWithCodeAndMessages)
     EXPECT_EQ(missing.error().layer, korva::layer::loader);
     EXPECT_EQ(missing.error().code, KRV_ELF_ERR_SYSTEM);
     EXPECT_NE(missing.error().text().find("/nowhere"), std::string::npos);
+    const auto by_id = korva::elf::find({0xff, 0xee}, KRV_ELF_FIND_ANY);
+    EXPECT_TRUE(!by_id && by_id.error().code == KRV_ELF_ERR_NOTFOUND);
 
     EXPECT_FALSE(korva::handle::make(KRV_ACTIVATION_MAX));
     EXPECT_EQ(korva::process::attach(0x7fffffff).error().code, KRV_ELF_ERR_NOTFOUND);

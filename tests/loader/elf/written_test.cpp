@@ -97,4 +97,66 @@ TEST_F(Loader, SeparateDebugFiles)
     EXPECT_NE(notes(elf.get()).find("is refused: its build-id is 0102030499, not 0102030405"), std::string::npos);
 }
 
+// By nothing but its build-id, in folders, below another root whose links stay there, and in the cache of debuginfod.
+TEST_F(Loader, FilesByBuildId)
+{
+    ASSERT_TRUE(compile("-Wl,--build-id=0x0102030405 a.c -o right") &&
+                compile("-Wl,--build-id=0x0102030499 a.c -o wrong"));
+    const auto put = [this](const char *file, const fs::path &at) {
+        fs::create_directories((dir / at).parent_path());
+        fs::copy_file(dir / file, dir / at);
+    };
+    put("right", "folder/.build-id/01/02030405");
+    put("right", "root/real/.build-id/01/02030405.debug");
+    put("wrong", "outside/.build-id/01/02030405.debug");
+    put("right", "cache/0102030405/executable");
+    put("wrong", "liar/0102030405/debuginfo");
+    fs::create_directories(dir / "none/0102030405");
+    std::ofstream(dir / "none/0102030405/debuginfo") << ""; // no server had it
+    for (const char *root : {"root", "astray", "circle"})
+        fs::create_directories(dir / root / "usr/lib");
+    fs::create_symlink("/../usr/../real", dir / "root/usr/lib/debug");
+    fs::create_symlink(dir / "outside", dir / "astray/usr/lib/debug");
+    fs::create_symlink("/usr/lib/debug", dir / "circle/usr/lib/debug");
+    const struct {
+        const char *folder, *root, *cache;
+        int kind;
+        const char *path, *refused; // one of them, or neither
+    } rows[] = {
+        {"folder", "", "none", KRV_ELF_FIND_ANY, "folder/.build-id/01/02030405", ""},
+        {"folder", "", "none", KRV_ELF_FIND_DEBUG, "", ""},
+        {"outside", "", "cache", KRV_ELF_FIND_ANY, "cache/0102030405/executable", ""},
+        {"outside", "", "none", KRV_ELF_FIND_ANY, "",
+         "/outside/.build-id/01/02030405.debug is refused: its build-id is 0102030499"},
+        {"none", "", "liar", KRV_ELF_FIND_DEBUG, "",
+         "/liar/0102030405/debuginfo is refused: its build-id is 0102030499"},
+        {"none", "root", "none", KRV_ELF_FIND_DEBUG, "root/real/.build-id/01/02030405.debug", ""},
+        {"none", "astray", "none", KRV_ELF_FIND_DEBUG, "", ""},
+        {"none", "circle", "none", KRV_ELF_FIND_DEBUG, "", ""},
+    };
+    const uint8_t id[] = {1, 2, 3, 4, 5};
+    for (const auto &row : rows) {
+        SCOPED_TRACE(std::string(row.folder) + " " + row.root + " " + row.cache);
+        setenv("DEBUGINFOD_CACHE_PATH", (dir / row.cache).c_str(), 1);
+        const std::string folder = dir / row.folder, root = *row.root == '\0' ? "" : dir / row.root;
+        const char *const dirs[] = {folder.c_str()};
+        krv_elf_search_t search = {};
+        search.dirs = dirs;
+        search.dir_count = 1;
+        search.sysroot = root.c_str();
+        char *path = korva_elf_find_build_id(id, sizeof(id), row.kind, KRV_ELF_F_NONE, &search, &error);
+        EXPECT_EQ(path == nullptr ? "" : path, *row.path == '\0' ? "" : (dir / row.path).string()) << error.message;
+        if (path == nullptr) {
+            EXPECT_EQ(error.code, KRV_ELF_ERR_NOTFOUND);
+            const std::string told = error.message;
+            EXPECT_EQ(told.find(" is refused") != std::string::npos, *row.refused != '\0') << told;
+            EXPECT_NE(told.find(row.refused), std::string::npos) << told;
+        }
+        free(path);
+    }
+    EXPECT_EQ(korva_elf_find_build_id(id, 1, KRV_ELF_FIND_ANY, KRV_ELF_F_NONE, nullptr, &error), nullptr);
+    EXPECT_EQ(error.code, KRV_ELF_ERR_FORMAT);
+    unsetenv("DEBUGINFOD_CACHE_PATH");
+}
+
 } // namespace
