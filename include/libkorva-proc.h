@@ -271,6 +271,14 @@ typedef struct krv_proc_frame {
     krv_activation_t *activation;
 } krv_proc_frame_t;
 
+/**
+ * What the call-frame information of each module may cost a walk from now on: @p bound is KRV_OPT_EXT_MAX_STEPS, _MAX_BYTES,
+ * _MAX_ROWS or _TIMEOUT, @p most its value, 0 for no bound, as korva_handle_set_opt has them; the time is that of the whole
+ * walk. What would exceed one ends the walk with KRV_PROC_END_ERROR and code KRV_ERR_EXT_LIMIT; the next walk begins anew.
+ * Returns 0, or -1 with KRV_ELF_ERR_UNSUPPORTED for another option.
+ */
+KORVA_API int korva_proc_set_bound(krv_proc_t *proc, krv_opt_idx_t bound, uint64_t most, krv_elf_error_t *errorp);
+
 /** Visitor of korva_proc_walk. */
 typedef int krv_proc_frame_f(krv_proc_t *proc, const krv_proc_frame_t *frame, void *arg);
 

@@ -144,6 +144,14 @@ public:
             return detail::loader_error(why);
         return {};
     }
+    /** What each module may cost a walk: KRV_OPT_EXT_MAX_STEPS or the like. See korva_proc_set_bound. */
+    result<void> set_bound(krv_opt_idx_t bound, std::uint64_t most)
+    {
+        krv_elf_error_t why;
+        if (korva_proc_set_bound(get(), bound, most, &why) != 0)
+            return detail::loader_error(why);
+        return {};
+    }
     /** Where the byte at @p address is in the file of its module, if it is in one. */
     std::optional<std::uint64_t> file_offset(std::uint64_t address) const
     {

@@ -103,6 +103,17 @@ int korva_proc_set_search(krv_proc_t *proc, unsigned int flags, const krv_elf_se
     });
 }
 
+int korva_proc_set_bound(krv_proc_t *proc, krv_opt_idx_t bound, uint64_t most, krv_elf_error_t *errorp)
+{
+    return guarded<int>(errorp, -1, [&] {
+        if (bound < KRV_OPT_EXT_MAX_STEPS || bound > KRV_OPT_EXT_TIMEOUT)
+            throw failure(KRV_ELF_ERR_UNSUPPORTED,
+                          fmt::format("option {:#x} bounds nothing", static_cast<unsigned>(bound)));
+        proc->bounds[bound] = most;
+        return 0;
+    });
+}
+
 int korva_proc_iter_notes(krv_proc_t *proc, krv_proc_note_f *func, void *arg)
 {
     for (size_t i = 0; i < proc->from->notes.size(); ++i) // the visitor may bring others

@@ -9,6 +9,8 @@
 #include "process/module_list.h"
 #include "process/source.h"
 
+#include <map>
+
 struct krv_proc {
     explicit krv_proc(std::unique_ptr<krv_elf_loader::source> from);
 
@@ -21,6 +23,7 @@ struct krv_proc {
     std::unique_ptr<krv_elf_loader::source> from;
     krv_elf_loader::module_list modules;
     std::vector<std::unique_ptr<krv_elf_loader::loaded_module>> retired; // no longer loaded
+    std::map<krv_opt_idx_t, uint64_t> bounds;                            // of what a module may cost a walk
 };
 
 #endif

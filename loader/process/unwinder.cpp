@@ -50,11 +50,35 @@ place unwinder::locate(uint64_t pc, bool exact)
     return {lookup_pc, exact, find_module(lookup_pc)};
 }
 
+// A handle that the walk comes to for the first time may cost what is allowed, and take the time that the walk has left.
+void unwinder::set_bounds(krv_handle_t *hp) const
+{
+    for (const auto &[bound, most] : proc->bounds) {
+        uint64_t left = most;
+        if (bound == KRV_OPT_EXT_TIMEOUT && most != 0) {
+            const auto passed = std::chrono::steady_clock::now() - start;
+            const auto spent = static_cast<uint64_t>(std::chrono::floor<std::chrono::milliseconds>(passed).count());
+            left = spent < most ? most - spent : 1; // 0 is no bound
+        }
+        if (korva_handle_set_opt(hp, bound, left) != 0)
+            throw std::bad_alloc();
+    }
+}
+
+unwinder::~unwinder()
+{
+    for (const auto &[hp, ap] : activations)
+        for (const auto &[bound, most] : proc->bounds)
+            korva_handle_set_opt(hp, bound, uint64_t{0});
+}
+
 krv_activation_t *unwinder::load(krv_handle_t *hp, uint64_t pc, const register_set &registers)
 {
     auto &slot = activations[hp];
-    if (slot == nullptr)
+    if (slot == nullptr) {
         slot.reset(korva_activation_alloc(hp));
+        set_bounds(hp); // which an activation does not count in
+    }
     krv_activation_t *ap = slot.get();
     if (ap == nullptr || korva_activation_set_budget(hp, ap, &budget) != 0 || korva_activation_reset(hp, ap) != 0 ||
         korva_activation_set_regs(hp, ap, registers.gregs, registers.mask,

@@ -9,6 +9,7 @@
 #include "process/proc.h"
 #include "process/registers.h"
 
+#include <chrono>
 #include <map>
 #include <memory>
 #include <string>
@@ -38,6 +39,9 @@ class unwinder
 {
 public:
     unwinder(krv_proc_t *process, krv_activation_type_t instruction_set) : proc(process), target(instruction_set) {}
+    ~unwinder(); // lifts the bounds
+    unwinder(const unwinder &) = delete;
+    unwinder &operator=(const unwinder &) = delete;
 
     place locate(uint64_t pc, bool exact);
 
@@ -53,10 +57,12 @@ private:
     departure leave_within(const place &at, uint64_t pc, const register_set &registers, krv_proc_frame_t *frame);
     departure leave_by(krv_handle_t *hp, uint64_t pc, const register_set &registers, krv_proc_frame_t *frame);
     bool assume_call(const register_set &registers, departure *out);
+    void set_bounds(krv_handle_t *hp) const;
     krv_activation_t *load(krv_handle_t *hp, uint64_t pc, const register_set &registers);
 
     krv_proc_t *proc;
     krv_activation_type_t target;
+    std::chrono::steady_clock::time_point start = std::chrono::steady_clock::now();
     bool looked_again = false;
     uint64_t budget = 1'000'000; // of the expressions of all frames, to which each frame adds a little
     std::map<krv_handle_t *, std::unique_ptr<krv_activation_t, activation_deleter>> activations;

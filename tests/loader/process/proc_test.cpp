@@ -32,7 +32,16 @@ TEST_F(Process, StoppedOneStaysStopped)
     kill(target.pid(), SIGSTOP);
     ASSERT_TRUE(target.wait_for_state('T'));
     proc_ptr proc = attach(target.pid());
+    for (const krv_opt_idx_t bound :
+         {KRV_OPT_EXT_MAX_STEPS, KRV_OPT_EXT_MAX_BYTES}) { // nor is one that must not cost much
+        ASSERT_EQ(korva_proc_set_bound(proc.get(), bound, 1, nullptr), 0);
+        const krv_proc_end_t end = walk_thread(proc.get(), target.pid()).end;
+        EXPECT_EQ(end.reason, KRV_PROC_END_ERROR);
+        EXPECT_EQ(end.code, KRV_ERR_EXT_LIMIT) << end.message;
+        ASSERT_EQ(korva_proc_set_bound(proc.get(), bound, 0, nullptr), 0);
+    }
     EXPECT_EQ(walk_thread(proc.get(), target.pid()).end.reason, KRV_PROC_END_OUTERMOST);
+    EXPECT_EQ(korva_proc_set_bound(proc.get(), KRV_OPT_BASE_ADDR, 1, &error), -1);
     proc.reset();
     for (const auto &task : fs::directory_iterator("/proc/" + std::to_string(target.pid()) + "/task")) {
         const int tid = std::stoi(task.path().filename());
