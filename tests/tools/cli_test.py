@@ -604,6 +604,10 @@ def test_stack(korva, folder):
             korva.expect(['stack', '-p', pid, '-ran', '1'], 0, r'.*\n     rax    0x[0-9a-f]{16}  rbx .*\n#0 .*',
                          r'korva: no frame has arguments: [^\n]*\n(korva: [^\n]*\n)?')
             korva.expect(['stack', '-p', pid, '--tid', '1'], 2, '', 'korva: no thread 1\n')
+            for bound in ('--max-steps=1', '--max-bytes=1'):
+                record = json.loads(korva.run('stack', '-p', pid, '-q', bound, '--format=jsonl').out)
+                if (record['status'], record['error']['code']) != ('limit', 'KRV_ERR_EXT_LIMIT'):
+                    fail(f'stack {bound}: {record}')
             frame = json.loads(korva.run('stack', '-p', pid, '-q', '--format=jsonl').out)['frames'][0]
             section = re.search(r' \.text +PROGBITS +0*([0-9a-f]+) 0*([0-9a-f]+) ', answer_of('readelf', '-SW', frame['module']))
             if int(frame['address'], 16) - int(frame['file_offset'], 16) != int(section[1], 16) - int(section[2], 16):

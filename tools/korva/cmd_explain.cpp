@@ -4,6 +4,7 @@
 #include "command.h"
 #include "explain/page.h"
 #include "input.h"
+#include "stacks.h"
 #include "visitor.h"
 
 #include <algorithm>
@@ -201,6 +202,7 @@ process_run::process_run(const explain_options &options) : explain_run(options)
     m_proc.emplace(std::move(*opened));
     if (!m_proc->set_files(options.flags(), options.debug_dirs))
         throw std::bad_alloc();
+    bound_walks(&*m_proc, options.bounds);
 }
 
 int process_run::finish()

@@ -69,6 +69,7 @@ stack_run::stack_run(const stack_options &options) : m_options(options), m_out(o
     m_info = m_proc->info();
     if (!m_proc->set_files(options.flags(), options.debug_dirs))
         throw std::bad_alloc();
+    bound_walks(&*m_proc, options.bounds);
 }
 
 frame_place stack_run::place_of(const stack_frame &f)
@@ -239,7 +240,7 @@ void stack_run::show(const thread_stack &stack)
 void stack_run::record_stack(const thread_stack &stack, const json_value &frames)
 {
     const record_status status = status_of(stack, m_options.wanted);
-    const record_error why = {.messages = {stack.message}};
+    const record_error why = to_record_error({layer::library, stack.code, {stack.message}});
     m_out.record(thread_record(m_info.pid, stack, frames), status, status == record_status::ok ? nullptr : &why);
 }
 

@@ -106,6 +106,17 @@ std::vector<krv_proc_thread_t> threads_of(const process &proc, int tid, bool fir
     return all;
 }
 
+void bound_walks(process *proc, const cost_bounds &bounds)
+{
+    const std::pair<krv_opt_idx_t, uint64_t> all[] = {{KRV_OPT_EXT_MAX_STEPS, bounds.steps},
+                                                      {KRV_OPT_EXT_MAX_BYTES, bounds.bytes},
+                                                      {KRV_OPT_EXT_MAX_ROWS, bounds.rows},
+                                                      {KRV_OPT_EXT_TIMEOUT, bounds.milliseconds}};
+    for (const auto &[bound, most] : all)
+        if (most != 0 && !proc->set_bound(bound, most))
+            throw std::bad_alloc();
+}
+
 thread_stack read_stack(const process &proc, const krv_proc_thread_t &thread, const stack_request &wanted)
 {
     thread_stack stack = {
@@ -127,6 +138,7 @@ thread_stack read_stack(const process &proc, const krv_proc_thread_t &thread, co
     const krv_proc_end_t end = proc.walk(thread.tid, take, wanted.max_frames);
     take.rethrow();
     stack.end = end.reason;
+    stack.code = end.code;
     stack.message = end.message;
     return stack;
 }
@@ -149,10 +161,10 @@ const char *end_name(int reason)
 
 record_status status_of(const thread_stack &stack, const stack_request &wanted)
 {
-    const bool is_limited = stack.end == KRV_PROC_END_LIMIT;
-    if (stack.end == KRV_PROC_END_OUTERMOST || (is_limited && wanted.max_frames != 0))
+    const bool is_long = stack.end == KRV_PROC_END_LIMIT;
+    if (stack.end == KRV_PROC_END_OUTERMOST || (is_long && wanted.max_frames != 0))
         return record_status::ok;
-    return is_limited ? record_status::limit : record_status::error;
+    return is_long || stack.code == KRV_ERR_EXT_LIMIT ? record_status::limit : record_status::error;
 }
 
 void count(const thread_stack &stack, const stack_request &wanted, tally *done)

@@ -6,6 +6,7 @@
 
 #include "record.h"
 #include "status.h"
+#include "object.h"
 #include "variables.h"
 
 #include <korva.hpp>
@@ -38,7 +39,8 @@ struct thread_stack {
     const char *state;                                          /**< "running"; NULL when not known */
     std::vector<std::pair<const char *, uint64_t>> registers{}; /**< as the thread has them, by name */
     std::vector<stack_frame> frames{};
-    int end = 0; /**< KRV_PROC_END_* */
+    int end = 0;  /**< KRV_PROC_END_* */
+    int code = 0; /**< the library's, of a walk that failed: KRV_ERR_* */
     std::string message{};
 };
 
@@ -51,6 +53,9 @@ struct stack_request {
 
 /** The threads of a process: all, or the one of @p tid unless that is 0, or the first. Throws failure when there is none. */
 std::vector<krv_proc_thread_t> threads_of(const process &proc, int tid, bool first_only);
+
+/** What a walk may cost from now on: what a record may. */
+void bound_walks(process *proc, const cost_bounds &bounds);
 
 /** Walks a thread. A failure is the end of its frames. */
 thread_stack read_stack(const process &proc, const krv_proc_thread_t &thread, const stack_request &wanted);
