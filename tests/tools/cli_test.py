@@ -18,7 +18,7 @@ import tempfile
 
 from support import SOURCES, answer_of, build, fail, need, run, write
 
-VERBS = ('addr', 'explain', 'filter', 'units', 'lines', 'funcs', 'entries', 'sections', 'check', 'stack', 'expr')
+VERBS = ('addr', 'explain', 'filter', 'units', 'lines', 'funcs', 'entries', 'sections', 'check', 'stack', 'merge', 'expr')
 
 
 def first_line_of(function):
@@ -621,8 +621,10 @@ def test_stack(korva, folder):
             (['-p', pid], 2, f'korva: .*{pid}.*\n'),
             (['--core', text], 2, f'korva: {re.escape(text)}: .*\n'),
             (['--core', korva.path], 2, f'korva: {re.escape(korva.path)}: .*core.*\n'),
-            ([], 64, 'korva: .*give either -p PID or --core CORE\n.*'),
+            ([], 64, 'korva: .*give either -p PID or --core CORE; several only with --merge\n.*'),
             (['-p', pid, '--core', text], 64, 'korva: .*\n'),
+            (['--format=folded', text], 64, 'korva: .*formats of --merge\n.*'),
+            (['--merge'], 64, 'korva: .*\n'), (['--merge', '-r', text], 64, 'korva: .*\n'),
             (['-p', '-3'], 64, 'korva: .*\n'),
             *((['-p', none], 64, f'korva: --pid: {none} is no number of a process or thread\nTry .*')
               for none in ('0', 'abc', '99999999999'))):

@@ -1,12 +1,16 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// korva stack: the stacks of a process or of a core file, frame by frame.
+// korva stack: the stacks of a process or of a core file, frame by frame; or those of many, merged.
 #include "command.h"
 #include "frame_place.h"
+#include "input.h"
 #include "stacks.h"
+#include "trace/process_traces.h"
+#include "trace/trace_options.h"
 
 #include <algorithm>
 #include <charconv>
+#include <cstring>
 #include <memory>
 #include <optional>
 #include <unordered_map>
@@ -17,8 +21,12 @@ namespace korva::program
 namespace
 {
 
-struct stack_options : common_options { // file: the core
-    int pid = 0;
+struct stack_options : common_options {
+    std::vector<int> pids;
+    std::vector<std::string> cores;
+    std::string cores_from; // a file that names more of them
+    bool merge = false;
+    frame_detail by = frame_detail::function;
     std::string exe;
     int tid = 0;
     bool first_only = false;
@@ -60,9 +68,9 @@ private:
 
 stack_run::stack_run(const stack_options &options) : m_options(options), m_out(options.format), m_kept(std::in_place)
 {
-    auto opened = options.file.empty()
-                      ? process::attach(options.pid)
-                      : process::open_core(options.file.c_str(), options.exe.empty() ? nullptr : options.exe.c_str());
+    const char *const exe = options.exe.empty() ? nullptr : options.exe.c_str();
+    auto opened =
+        options.cores.empty() ? process::attach(options.pids[0]) : process::open_core(options.cores[0].c_str(), exe);
     if (!opened)
         throw failure(opened.error().text(), to_record_error(opened.error()));
     m_proc.emplace(std::move(*opened));
@@ -286,10 +294,53 @@ int stack_run::run()
     return m_done.status();
 }
 
+static int run_merged(const stack_options &options)
+{
+    answers out(options.format);
+    trace_collector all({.walk = options.wanted,
+                         .places = options.places,
+                         .tid = options.tid,
+                         .first_only = options.first_only,
+                         .exe = options.exe,
+                         .flags = options.flags(),
+                         .debug_dirs = options.debug_dirs,
+                         .bounds = options.bounds});
+    for (const int pid : options.pids)
+        all.add_process(pid);
+    for (const std::string &core : options.cores)
+        all.add_core(core);
+    if (!options.cores_from.empty()) {
+        const text_input names(options.cores_from);
+        line_reader lines(names.fd());
+        while (const auto line = lines.next([] {}))
+            if (!line->empty())
+                all.add_core(std::string(*line));
+        if (lines.error() != 0)
+            throw failure(fmt::format("{}: {}", names.name(), std::strerror(lines.error())),
+                          {.code = "KRV_ELF_ERR_SYSTEM"});
+    }
+    write_traces(&out, all.traces(), options.by);
+    out.finish();
+    if (!options.quiet)
+        for (const std::string &note : all.notes())
+            diagnose(note);
+    return all.status();
+}
+
 static int run_stack(const stack_options &options)
 {
-    if ((options.pid != 0) != options.file.empty())
-        throw CLI::ValidationError("stack", "give either -p PID or --core CORE");
+    const auto refuse = [](const char *why) { throw CLI::ValidationError("stack", why); };
+    if (options.merge) {
+        if (options.pids.empty() && options.cores.empty() && options.cores_from.empty())
+            refuse("give -p PID, core files or --cores-from FILE");
+        if (options.wanted.arguments || options.wanted.registers || options.wanted.variables)
+            refuse("--merge goes without --arguments, --registers and --variables");
+        return run_merged(options);
+    }
+    if (options.pids.size() + options.cores.size() != 1 || !options.cores_from.empty())
+        refuse("give either -p PID or --core CORE; several only with --merge");
+    if (options.format == output_format::folded || options.format == output_format::speedscope)
+        refuse("folded and speedscope are formats of --merge");
     return stack_run(options).run();
 }
 
@@ -307,8 +358,18 @@ void add_stack(CLI::App &app, int *status)
 {
     auto options = std::make_shared<stack_options>();
     CLI::App *verb = app.add_subcommand("stack", "Shows the stacks of a process or a core file");
-    verb->add_option("-p,--pid", options->pid, "Process")->check(check_id)->type_name("PID");
-    verb->add_option("--core", options->file, "Core file");
+    verb->add_option("-p,--pid", options->pids, "Process; with --merge may be repeated")
+        ->check(check_id)
+        ->allow_extra_args(false)
+        ->type_name("PID");
+    verb->add_option("--core", options->cores, "Core file; with --merge may be repeated")->allow_extra_args(false);
+    verb->add_option("CORE", options->cores, "More of them");
+    verb->add_option("--cores-from", options->cores_from,
+                     "With --merge: core files that FILE names, one a line; - is standard input")
+        ->type_name("FILE");
+    verb->add_flag("-m,--merge", options->merge,
+                   "Stacks of all processes and core files, where equal ones are one with a count and who has it");
+    add_by_option(verb, &options->by);
     verb->add_option("-e,--exe", options->exe, "Executable of the core file, when it is not where it was");
     verb->add_option("-n,--max-frames", options->wanted.max_frames,
                      "Frames of a thread, at most (0: as many as there are, up to 4096)");
@@ -324,17 +385,20 @@ void add_stack(CLI::App &app, int *status)
                    "Show parameters and variables with their values, where the debugging information has them");
     verb->add_flag("-r,--registers", options->wanted.registers, "Show the registers of each thread");
     verb->add_flag("-q,--quiet", options->quiet, "Leave out the notes on what could not be read");
-    add_common_options(verb, options.get(),
-                       {{"text", output_format::text}, {"json", output_format::json}, {"jsonl", output_format::jsonl}});
+    add_common_options(verb, options.get(), trace_formats());
     verb->footer(
         "A process is stopped while its stacks are read, not while they are looked up and printed, and left as\n"
         "it was found. Each walk ends with its reason. Names may hold spaces: JSON is the form to parse.\n"
+        "With --merge each process and core file is read by itself: one that cannot be read is told and counted.\n"
+        "What it writes as jsonl is what korva merge reads; folded and speedscope are for --merge alone.\n"
         "Exit status: 0 every thread was walked to its outermost frame or as far as -n says, 1 some ended\n"
         "early, 2 nothing.\n"
         "Examples:\n"
         "  korva stack -p 4711 -C\n"
         "  korva stack --core core -e ./a.out -1\n"
-        "  korva stack -p 4711 --format=jsonl | jq '.frames[0].function'");
+        "  korva stack -p 4711 --format=jsonl | jq '.frames[0].function'\n"
+        "  korva stack --merge core.*\n"
+        "  korva stack --merge -p 4711 -p 4712 --format=folded | flamegraph.pl > flames.svg");
     verb->callback([options, status] { *status = run_stack(*options); });
 }
 

@@ -8,6 +8,7 @@
 #include <charconv>
 #include <cstdlib>
 #include <cstring>
+#include <fcntl.h>
 #include <functional>
 #include <poll.h>
 #include <unistd.h>
@@ -23,6 +24,20 @@ std::string_view trim(std::string_view text)
     if (first == std::string_view::npos)
         return {};
     return text.substr(first, text.find_last_not_of(BLANKS) - first + 1);
+}
+
+text_input::text_input(const std::string &path)
+    : m_name(path == "-" ? "standard input" : path),
+      m_fd(path == "-" ? STDIN_FILENO : open(path.c_str(), O_RDONLY | O_CLOEXEC))
+{
+    if (m_fd < 0)
+        throw failure(fmt::format("{}: {}", path, std::strerror(errno)), {.code = "KRV_ELF_ERR_SYSTEM"});
+}
+
+text_input::~text_input()
+{
+    if (m_fd != STDIN_FILENO)
+        close(m_fd);
 }
 
 std::string_view line_reader::take(size_t end, size_t newline)

@@ -21,6 +21,24 @@ std::string_view trim(std::string_view text);
 /** A hexadecimal number with or without 0x, and nothing else. */
 std::optional<uint64_t> parse_hex(std::string_view text);
 
+/** A file to read, or for - standard input. */
+class text_input
+{
+public:
+    /** Throws failure. */
+    explicit text_input(const std::string &path);
+    ~text_input();
+    text_input(const text_input &) = delete;
+    text_input &operator=(const text_input &) = delete;
+
+    int fd() const { return m_fd; }
+    const std::string &name() const { return m_name; } /**< for diagnostics */
+
+private:
+    std::string m_name;
+    int m_fd;
+};
+
 /** The lines of a file that may be a pipe: what there is of it is read at once. */
 class line_reader
 {

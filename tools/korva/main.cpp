@@ -29,6 +29,7 @@
     VERB(sections)                                                                                                     \
     VERB(check)                                                                                                        \
     VERB(stack)                                                                                                        \
+    VERB(merge)                                                                                                        \
     VERB(expr)
 
 namespace korva::program

@@ -23,10 +23,12 @@ using json_value = nlohmann::ordered_json;
 
 enum class output_format {
     text,
-    gnu,   /**< addr only: the layout of GNU addr2line */
-    json,  /**< one array of records */
-    jsonl, /**< one record a line */
-    sarif  /**< check only: one SARIF log */
+    gnu,       /**< addr only: the layout of GNU addr2line */
+    json,      /**< one array of records */
+    jsonl,     /**< one record a line */
+    sarif,     /**< check only: one SARIF log */
+    folded,    /**< traces only: folded stacks */
+    speedscope /**< traces only: a profile */
 };
 using format_names = std::map<std::string, output_format>;
 
@@ -87,6 +89,7 @@ class answers
 public:
     explicit answers(output_format format);
 
+    output_format format() const { return m_format; }
     bool is_json() const { return m_format == output_format::json || m_format == output_format::jsonl; }
 
     template <typename... T>

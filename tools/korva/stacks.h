@@ -4,9 +4,9 @@
 // that it may run on.
 #pragma once
 
+#include "object.h"
 #include "record.h"
 #include "status.h"
-#include "object.h"
 #include "variables.h"
 
 #include <korva.hpp>

@@ -4,12 +4,9 @@
 #include "input.h"
 
 #include <array>
-#include <cerrno>
 #include <charconv>
 #include <climits>
 #include <cstring>
-#include <fcntl.h>
-#include <unistd.h>
 #include <utility>
 #include <variant>
 
@@ -467,7 +464,7 @@ std::optional<trace> read_trace(std::string_view line, std::string *fault)
     return read;
 }
 
-void write_traces(answers *out, const trace_set &traces)
+void write_records(answers *out, const trace_set &traces)
 {
     std::string line;
     for (const trace *each : traces.sorted()) {
@@ -479,15 +476,9 @@ void write_traces(answers *out, const trace_set &traces)
 
 void read_traces(const std::string &path, trace_set *into, tally *done)
 {
-    constexpr size_t LINES_TOLD = 10; // lines of a file
-    const int fd = path == "-" ? STDIN_FILENO : open(path.c_str(), O_RDONLY | O_CLOEXEC);
-    const std::string name = path == "-" ? "standard input" : path;
-    if (fd < 0) {
-        diagnose(fmt::format("{}: {}", name, std::strerror(errno)));
-        done->missed();
-        return;
-    }
-    line_reader lines(fd);
+    constexpr size_t LINES_TOLD = 10; // of a file
+    const text_input input(path);
+    line_reader lines(input.fd());
     size_t number = 0, damaged = 0;
     while (const auto line = lines.next([] {})) {
         ++number;
@@ -499,16 +490,13 @@ void read_traces(const std::string &path, trace_set *into, tally *done)
         if (read)
             into->add(std::move(*read));
         else if (++damaged <= LINES_TOLD)
-            diagnose(fmt::format("{}: line {}: {}", name, number, fault));
+            diagnose(fmt::format("{}: line {}: {}", input.name(), number, fault));
     }
     if (damaged > LINES_TOLD)
-        diagnose(fmt::format("{}: {} further lines are no traces", name, damaged - LINES_TOLD));
-    if (lines.error() != 0) {
-        diagnose(fmt::format("{}: {}", name, std::strerror(lines.error())));
-        done->missed();
-    }
-    if (fd != STDIN_FILENO)
-        close(fd);
+        diagnose(fmt::format("{}: {} further lines are no traces", input.name(), damaged - LINES_TOLD));
+    if (lines.error() != 0)
+        throw failure(fmt::format("{}: {}", input.name(), std::strerror(lines.error())),
+                      {.code = "KRV_ELF_ERR_SYSTEM"});
 }
 
 } // namespace korva::program

@@ -21,11 +21,11 @@ void append_trace(std::string *line, const trace &t);
 std::optional<trace> read_trace(std::string_view line, std::string *fault);
 
 /** Writes all as records; the format is json or jsonl. */
-void write_traces(answers *out, const trace_set &traces);
+void write_records(answers *out, const trace_set &traces);
 
 /**
- * Adds the traces of a file; - is standard input. A line that is none is diagnosed with its number and left out; a file that
- * cannot be read likewise. What was answered: lines.
+ * Adds the traces of a file; - is standard input. A line that is none is diagnosed with its number and left out. Throws failure when
+ * the file cannot be read, or not to its end. What was answered: lines.
  */
 void read_traces(const std::string &path, trace_set *into, tally *done);
 
