@@ -457,7 +457,7 @@ int addr_run::finish()
 static std::unique_ptr<object> open_object(const addr_options &options)
 {
     try {
-        return std::make_unique<object>(options.file, options.flags(), options.debug_dirs, options.bounds);
+        return std::make_unique<object>(options.file, options.flags(), options.search, options.bounds);
     } catch (const failure &f) {
         throw failure(f.what() + (options.inputs.empty() ? "" : hint_at_exe(options, options.inputs[0])), f.why);
     }

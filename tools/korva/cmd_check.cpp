@@ -154,8 +154,10 @@ void reporter::finish(exit_status status)
 
 static void check_file(const check_options &options, const std::string &path, reporter *out, exit_status *status)
 {
-    const object obj(path, options.flags(), options.debug_dirs, options.bounds);
-    std::vector<std::string> folders = options.debug_dirs;
+    const object obj(path, options.flags(), options.search, options.bounds);
+    std::vector<std::string> folders = options.search.debug_dirs;
+    if (!options.search.sysroot.empty())
+        folders.push_back(options.search.sysroot + "/usr/lib/debug");
     folders.emplace_back("/usr/lib/debug");
     findings found(options.most, options.ignored, obj.handle());
     subject of(obj.elf(), folders, &found);

@@ -372,7 +372,7 @@ static unit_record *find_entry(object *obj, const std::string &text, std::option
 
 static int run_entries(const entries_options &options)
 {
-    object obj(options.file, options.flags(), options.debug_dirs, options.bounds);
+    object obj(options.file, options.flags(), options.search, options.bounds);
     tally done;
     if (!obj.diagnose_notes())
         done.missed();

@@ -82,7 +82,7 @@ class file_run : public explain_run
 public:
     explicit file_run(const explain_options &options)
         : explain_run(options),
-          m_file(std::make_unique<object>(options.file, options.flags(), options.debug_dirs, options.bounds))
+          m_file(std::make_unique<object>(options.file, options.flags(), options.search, options.bounds))
     {
     }
     void ask(const std::string &input) override;
@@ -196,11 +196,12 @@ process_run::process_run(const explain_options &options) : explain_run(options)
 {
     auto opened = options.core.empty()
                       ? process::attach(options.pid)
-                      : process::open_core(options.core.c_str(), options.has_exe ? options.file.c_str() : nullptr);
+                      : process::open_core(options.core.c_str(), options.has_exe ? options.file.c_str() : nullptr,
+                                           options.flags(), options.search);
     if (!opened)
         throw failure(opened.error().text(), to_record_error(opened.error()));
     m_proc.emplace(std::move(*opened));
-    if (!m_proc->set_files(options.flags(), options.debug_dirs))
+    if (!m_proc->set_files(options.flags(), options.search))
         throw std::bad_alloc();
     bound_walks(&*m_proc, options.bounds);
 }

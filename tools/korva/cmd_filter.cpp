@@ -84,16 +84,16 @@ private:
 static place_options places_of(const filter_options &options)
 {
     place_options places = options.places;
-    places.debug_dirs = options.debug_dirs;
+    places.search = options.search;
     places.bounds = options.bounds;
     places.flags = options.flags();
     places.open_paths = !options.no_open_paths;
-    if (options.pid != 0 && places.sysroot.empty()) {
+    if (options.pid != 0 && places.search.sysroot.empty()) {
         const std::string root = fmt::format("/proc/{}/root", options.pid);
         struct stat its = {}, ours = {};
         if (stat((root + "/.").c_str(), &its) == 0 && stat("/", &ours) == 0 &&
             (its.st_dev != ours.st_dev || its.st_ino != ours.st_ino))
-            places.sysroot = root;
+            places.search.sysroot = root;
     }
     return places;
 }
@@ -394,7 +394,6 @@ void add_filter(CLI::App &app, int *status)
                      "What lies where, a JSON object a line: path or build_id, start, size, and bias or offset")
         ->allow_extra_args(false)
         ->type_name("FILE");
-    verb->add_option("--sysroot", options->places.sysroot, "Where absolute paths of the log begin")->type_name("DIR");
     verb->add_flag("--no-open-paths", options->no_open_paths, "Open no file that the log alone names");
     verb->add_option("--cache", options->places.most_open, "How many files are open at a time")
         ->default_str("64")

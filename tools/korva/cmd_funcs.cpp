@@ -182,7 +182,7 @@ static bool print_named(object *obj, const std::string &name, bool indexed, func
 
 static int run_funcs(const funcs_options &options)
 {
-    object obj(options.file, options.flags(), options.debug_dirs, options.bounds);
+    object obj(options.file, options.flags(), options.search, options.bounds);
     tally done;
     if (!obj.diagnose_notes())
         done.missed();

@@ -244,7 +244,7 @@ bool table_printer::print(bool program)
 
 static int run_lines(const lines_options &options)
 {
-    object obj(options.file, options.flags(), options.debug_dirs, options.bounds);
+    object obj(options.file, options.flags(), options.search, options.bounds);
     tally done;
     if (!obj.diagnose_notes())
         done.missed();

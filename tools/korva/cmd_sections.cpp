@@ -56,7 +56,7 @@ static bool is_of_alternate_file(const krv_elf_section_t &section)
 
 static int run_sections(const common_options &options)
 {
-    const object obj(options.file, options.flags(), options.debug_dirs, options.bounds);
+    const object obj(options.file, options.flags(), options.search, options.bounds);
     if (!options.raw)
         read_everything(obj);
     const note_list all = obj.elf().notes();

@@ -69,13 +69,14 @@ private:
 stack_run::stack_run(const stack_options &options) : m_options(options), m_out(options.format), m_kept(std::in_place)
 {
     const char *const exe = options.exe.empty() ? nullptr : options.exe.c_str();
-    auto opened =
-        options.cores.empty() ? process::attach(options.pids[0]) : process::open_core(options.cores[0].c_str(), exe);
+    auto opened = options.cores.empty()
+                      ? process::attach(options.pids[0])
+                      : process::open_core(options.cores[0].c_str(), exe, options.flags(), options.search);
     if (!opened)
         throw failure(opened.error().text(), to_record_error(opened.error()));
     m_proc.emplace(std::move(*opened));
     m_info = m_proc->info();
-    if (!m_proc->set_files(options.flags(), options.debug_dirs))
+    if (!m_proc->set_files(options.flags(), options.search))
         throw std::bad_alloc();
     bound_walks(&*m_proc, options.bounds);
 }
@@ -303,7 +304,7 @@ static int run_merged(const stack_options &options)
                          .first_only = options.first_only,
                          .exe = options.exe,
                          .flags = options.flags(),
-                         .debug_dirs = options.debug_dirs,
+                         .search = options.search,
                          .bounds = options.bounds});
     for (const int pid : options.pids)
         all.add_process(pid);

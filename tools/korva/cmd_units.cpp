@@ -33,7 +33,7 @@ static void print_unit(answers &out, const json_value &record, const record_erro
 
 static int run_units(const common_options &options)
 {
-    object obj(options.file, options.flags(), options.debug_dirs, options.bounds);
+    object obj(options.file, options.flags(), options.search, options.bounds);
     tally done;
     if (!obj.diagnose_notes())
         done.missed();

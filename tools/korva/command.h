@@ -23,23 +23,25 @@ struct common_options {
     output_format format = output_format::text;
     bool raw = false;
     bool inflate_any = false;
-    std::vector<std::string> debug_dirs;
+    bool debuginfod = false;
+    korva::search search; /**< where other files are looked for */
     cost_bounds bounds;
 
     /** How files are opened: KRV_ELF_F_*. */
     unsigned int flags() const
     {
-        return (raw ? KRV_ELF_F_RAW : KRV_ELF_F_NONE) | (inflate_any ? KRV_ELF_F_INFLATE_ANY : KRV_ELF_F_NONE);
+        return (raw ? KRV_ELF_F_RAW : KRV_ELF_F_NONE) | (inflate_any ? KRV_ELF_F_INFLATE_ANY : KRV_ELF_F_NONE) |
+               (debuginfod ? KRV_ELF_F_DEBUGINFOD : KRV_ELF_F_NONE);
     }
 };
 
 /** Adds --format, with the names of @p formats. */
 void add_format_option(CLI::App *verb, common_options *options, const format_names &formats);
 
-/** Adds --inflate-any and --debug-dir. */
+/** Adds --inflate-any, those on where other files are, and the bounds of what a record may cost. */
 void add_file_options(CLI::App *verb, common_options *options);
 
-/** Adds --format, --raw, --inflate-any, --debug-dir and the bounds of what a record may cost. */
+/** Adds --format, --raw and those of add_file_options. */
 void add_common_options(CLI::App *verb, common_options *options, const format_names &formats);
 
 } // namespace korva::program

@@ -4,6 +4,7 @@
 // what ends a verb early into diagnostics and exit statuses.
 #include "command.h"
 #include "object.h"
+#include "progress.h"
 
 #include "libkorva-elf.h"
 
@@ -62,9 +63,16 @@ void add_file_options(CLI::App *verb, common_options *options)
 {
     verb->add_flag("--inflate-any", options->inflate_any,
                    "Also inflate sections that claim far more than the file holds");
-    verb->add_option("--debug-dir", options->debug_dirs, "Look for separate debug files here too; may be repeated")
+    verb->add_option("--debug-dir", options->search.debug_dirs,
+                     "Look for separate debug files here too; may be repeated")
         ->allow_extra_args(false)
         ->type_name("DIR");
+    verb->add_option("--sysroot", options->search.sysroot,
+                     "Where absolute paths begin that processes, core files, logs and other files name")
+        ->type_name("DIR");
+    verb->add_flag("--debuginfod", options->debuginfod, "Ask the servers in DEBUGINFOD_URLS for what is not here")
+        ->envname("KORVA_DEBUGINFOD");
+    options->search.on_fetch = show_fetch;
     verb->add_option("--max-steps", options->bounds.steps,
                      "Bytes of input that may be gone over for one record; 0 is any number")
         ->transform(CLI::AsSizeValue(false));

@@ -16,17 +16,16 @@ static constexpr uint32_t DW_AT_stmt_list = 0x10;
 
 bool object::s_named_cut_file = false;
 
-static elf open_elf(const std::string &path, unsigned int flags, const std::vector<std::string> &debug_dirs)
+static elf open_elf(const std::string &path, unsigned int flags, const search &where)
 {
-    result<elf> opened = elf::open(path.c_str(), flags, debug_dirs);
+    result<elf> opened = elf::open(path.c_str(), flags, where);
     if (!opened)
         throw failure(opened.error().text(), to_record_error(opened.error())); // names the file
     return std::move(*opened);
 }
 
-object::object(const std::string &path, unsigned int flags, const std::vector<std::string> &debug_dirs,
-               const cost_bounds &bounds)
-    : m_path(path), m_bounds(bounds), m_own(open_elf(path, flags, debug_dirs)), m_elf(*m_own), m_info(m_elf.info())
+object::object(const std::string &path, unsigned int flags, const search &where, const cost_bounds &bounds)
+    : m_path(path), m_bounds(bounds), m_own(open_elf(path, flags, where)), m_elf(*m_own), m_info(m_elf.info())
 {
     begin_record();
 }

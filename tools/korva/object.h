@@ -49,9 +49,8 @@ struct extent {
 class object
 {
 public:
-    /** Opens @p path; @p flags: KRV_ELF_F_*. Throws failure. */
-    object(const std::string &path, unsigned int flags, const std::vector<std::string> &debug_dirs = {},
-           const cost_bounds &bounds = {});
+    /** Opens @p path; @p flags: KRV_ELF_F_*. @p where, if it tells of progress, lives longer. Throws failure. */
+    object(const std::string &path, unsigned int flags, const search &where = {}, const cost_bounds &bounds = {});
     /** Looks at a file that somebody else has opened and will close, later. */
     object(elf_view elf, const std::string &path, const cost_bounds &bounds = {});
     /** Tells if the file became shorter while it was read. */

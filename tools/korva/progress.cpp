@@ -7,6 +7,7 @@
 
 #include <chrono>
 #include <cstdio>
+#include <optional>
 #include <unistd.h>
 #include <utility>
 
@@ -16,6 +17,7 @@ namespace korva::program
 // Whether a line stands on the terminal. Guarded by s_terminal, as is every write of progress to it.
 static std::mutex s_terminal;
 static bool s_shown = false;
+static progress *s_last = nullptr; // made
 
 void progress::erase()
 {
@@ -26,12 +28,20 @@ void progress::erase()
 
 progress::progress(std::string what, uint64_t total, mode how) : m_what(std::move(what)), m_total(total)
 {
+    {
+        const std::lock_guard guard(s_terminal);
+        m_below = std::exchange(s_last, this);
+    }
     if (isatty(STDERR_FILENO) != 0 && (how == mode::silent || isatty(STDOUT_FILENO) == 0))
         m_watcher = std::thread([this] { watch(); });
 }
 
 progress::~progress()
 {
+    {
+        const std::lock_guard guard(s_terminal);
+        s_last = m_below;
+    }
     if (!m_watcher.joinable())
         return;
     {
@@ -48,12 +58,30 @@ void progress::watch()
     using namespace std::chrono_literals;
     std::unique_lock lock(m_mutex);
     for (auto pause = 500ms; !m_ended_changed.wait_for(lock, pause, [this] { return m_ended; }); pause = 200ms) {
-        const uint64_t done = m_done.load(std::memory_order_relaxed);
+        const uint64_t done = m_done.load(std::memory_order_relaxed), total = m_total;
         const std::lock_guard guard(s_terminal);
-        write_error(m_total != 0 ? fmt::format("\r\033[K{}: {} of {}", m_what, done, m_total)
-                                 : fmt::format("\r\033[K{} ...", m_what));
+        if (s_last != this)
+            continue;
+        write_error(total != 0 ? fmt::format("\r\033[K{}: {} of {}", m_what, done, total)
+                               : fmt::format("\r\033[K{} ...", m_what));
         s_shown = true;
     }
+}
+
+bool show_fetch(const krv_elf_fetch_t &fetch)
+{
+    constexpr uint64_t KIB = 1024;
+    static std::optional<progress> shown; // of the one that is being asked for
+    if (fetch.is_over != 0) {
+        shown.reset();
+        if (fetch.error[0] != '\0')
+            diagnose(fmt::format("{}: {}", fetch.url, fetch.error));
+    } else if (!shown) {
+        shown.emplace(fmt::format("{} (KiB)", printable(fetch.url)), 0, progress::mode::silent);
+    } else {
+        shown->set(fetch.received / KIB, (fetch.size + KIB - 1) / KIB);
+    }
+    return true;
 }
 
 } // namespace korva::program

@@ -4,6 +4,8 @@
 // second and disappears with its object. Silent where standard error is no terminal.
 #pragma once
 
+#include <libkorva-elf.h>
+
 #include <atomic>
 #include <condition_variable>
 #include <cstdint>
@@ -23,13 +25,19 @@ public:
         answering /**< it writes answers: they are the progress where they go to a terminal */
     };
 
-    /** @p total is the number of steps, 0 when it is not known. One object at a time. */
+    /** @p total is the number of steps, 0 when it is not known. While there are several, the last made is shown. */
     progress(std::string what, uint64_t total, mode how);
     ~progress();
     progress(const progress &) = delete;
     progress &operator=(const progress &) = delete;
 
     void step() { m_done.fetch_add(1, std::memory_order_relaxed); }
+    /** So many are done, of so many if that is known now. */
+    void set(uint64_t done, uint64_t total)
+    {
+        m_done = done;
+        m_total = total;
+    }
 
     /** Takes a line that stands on the terminal away, for a diagnostic to take its place. */
     static void erase();
@@ -38,12 +46,16 @@ private:
     void watch();
 
     std::string m_what;
-    uint64_t m_total;
+    std::atomic<uint64_t> m_total;
     std::atomic<uint64_t> m_done = 0;
     std::mutex m_mutex;
     std::condition_variable m_ended_changed;
     bool m_ended = false;
     std::thread m_watcher;
+    progress *m_below; // made before, and not ended
 };
+
+/** Shows what a server is doing, and tells why one failed: a search's on_fetch. */
+bool show_fetch(const krv_elf_fetch_t &fetch);
 
 } // namespace korva::program

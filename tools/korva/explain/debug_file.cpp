@@ -24,6 +24,8 @@ static const char *outcome_text(int outcome)
         return "refused";
     case KRV_ELF_TRIED_TAKEN:
         return "taken";
+    case KRV_ELF_TRIED_FAILED:
+        return "no answer";
     default:
         return "not there";
     }
@@ -45,6 +47,12 @@ static void explain_search(const trail &t, step *s)
 
 static void tell_help(trail &t, const std::string &build_id)
 {
+    const std::vector<krv_elf_tried_t> tried = t.file->elf().tried();
+    const bool has_asked = std::any_of(tried.begin(), tried.end(), [](const krv_elf_tried_t &place) {
+        return place.by == std::string_view("debuginfod");
+    });
+    if (!build_id.empty() && !has_asked)
+        t.help.emplace_back("the servers in DEBUGINFOD_URLS, where it is set: --debuginfod");
     if (!build_id.empty())
         t.help.push_back(fmt::format("a debug file with build-id {0}, as DIR/.build-id/{1}/{2}.debug: --debug-dir DIR",
                                      build_id, build_id.substr(0, 2),

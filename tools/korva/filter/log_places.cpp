@@ -2,6 +2,7 @@
 #include "filter/log_places.h"
 
 #include <algorithm>
+#include <charconv>
 
 namespace korva::program
 {
@@ -11,10 +12,10 @@ static constexpr uint64_t VALGRIND_BASE = 0x108000, UNCHOSEN_BASE = 0x5555555540
 static constexpr std::string_view DELETED = " (deleted)";
 
 log_places::log_places(const place_options &options)
-    : m_options(options), m_cache(options.most_open, options.flags, options.debug_dirs, options.bounds)
+    : m_options(options), m_cache(options.most_open, options.flags, options.search, options.bounds)
 {
     for (const std::string &path : options.files) {
-        const opened_module file(path, options.flags, options.debug_dirs, options.bounds);
+        const opened_module file(path, options.flags, options.search, options.bounds);
         const bool is_at_home = file.is_program() || !file.is_moved();
         m_files.push_back({path, std::string(name_of(path)), file.build_id(), file.is_moved() ? UNCHOSEN_BASE : 0,
                            is_at_home ? file.code() : std::vector<extent>()});
@@ -23,7 +24,7 @@ log_places::log_places(const place_options &options)
 
 static bool is_build_id(std::string_view text)
 {
-    return text.size() > 2 && text.size() <= 128 &&
+    return text.size() > 2 && text.size() <= 128 && text.size() % 2 == 0 &&
            text.find_first_not_of("0123456789abcdef") == std::string_view::npos;
 }
 
@@ -31,15 +32,21 @@ opened_module *log_places::find_by_build_id(std::string_view name, std::string_v
 {
     if (!is_build_id(build_id))
         return nullptr;
-    std::vector<std::string> dirs = m_options.debug_dirs;
-    dirs.emplace_back("/usr/lib/debug");
-    for (const std::string &dir : dirs)
-        for (const char *const ending : {".debug", ""}) {
-            const std::string path =
-                fmt::format("{}/.build-id/{}/{}{}", dir, build_id.substr(0, 2), build_id.substr(2), ending);
-            if (opened_module *const found = m_cache.open(path, true); found != nullptr)
-                return found;
-        }
+    constexpr size_t MOST_KNOWN = 4096;
+    if (m_by_build_id.size() >= MOST_KNOWN)
+        m_by_build_id.clear();
+    const auto [at, is_fresh] = m_by_build_id.try_emplace(std::string(build_id));
+    if (is_fresh) {
+        std::vector<uint8_t> id(build_id.size() / 2);
+        for (size_t i = 0; i < id.size(); ++i)
+            std::from_chars(build_id.data() + 2 * i, build_id.data() + 2 * i + 2, id[i], 16);
+        if (const auto found = elf::find(id, KRV_ELF_FIND_ANY, m_options.flags, m_options.search))
+            at->second = *found;
+        else if (const std::string why = found.error().text(); why.find("; ") != std::string::npos)
+            m_cache.refuse(name, why); // something was refused
+    }
+    if (!at->second.empty())
+        return m_cache.open(at->second);
     m_cache.refuse(name, fmt::format("no file of build-id {} is here", build_id));
     return nullptr;
 }
@@ -73,7 +80,7 @@ opened_module *log_places::find_module(std::string_view name, std::string_view b
     }
     if (!may_open || is_deleted || name.empty())
         return find_by_build_id(name, build_id);
-    const std::string path = name.starts_with('/') ? m_options.sysroot + std::string(name) : std::string(name);
+    const std::string path = name.starts_with('/') ? m_options.search.sysroot + std::string(name) : std::string(name);
     opened_module *const found = m_cache.open(path, is_build_id(build_id));
     if (found != nullptr && (build_id.empty() || found->build_id().empty() || found->build_id() == build_id))
         return found;

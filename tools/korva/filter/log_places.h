@@ -11,16 +11,16 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <unordered_map>
 #include <vector>
 
 namespace korva::program
 {
 
 struct place_options {
-    std::vector<std::string> files;      /**< that addresses may be of, whatever their paths are in the log */
-    cost_bounds bounds;                  /**< of what an address may cost */
-    std::vector<std::string> debug_dirs; /**< with files by build-id, before /usr/lib/debug */
-    std::string sysroot;                 /**< stands before absolute paths */
+    std::vector<std::string> files; /**< that addresses may be of, whatever their paths are in the log */
+    cost_bounds bounds;             /**< of what an address may cost */
+    korva::search search;           /**< for files by build-id; its sysroot stands before absolute paths */
     size_t most_open = 64;
     unsigned int flags = 0; /**< KRV_ELF_F_* */
     bool open_paths = true; /**< that the log alone names */
@@ -69,6 +69,7 @@ private:
     module_cache m_cache;
     std::vector<given_file> m_files;
     log_maps m_given, m_seen;
+    std::unordered_map<std::string, std::string> m_by_build_id; // paths; "": none
 };
 
 } // namespace korva::program

@@ -18,9 +18,9 @@ static constexpr size_t MOST_TOLD = 100;   // diagnostics
 static constexpr size_t MANY_ANSWERS = 4096;
 static constexpr uint64_t PAGE = 4096;
 
-opened_module::opened_module(const std::string &path, unsigned int flags, const std::vector<std::string> &debug_dirs,
+opened_module::opened_module(const std::string &path, unsigned int flags, const korva::search &where,
                              const cost_bounds &bounds)
-    : m_file(path, flags, debug_dirs, bounds), m_lines(&m_file), m_symbols(m_file, false)
+    : m_file(path, flags, where, bounds), m_lines(&m_file), m_symbols(m_file, false)
 {
     const krv_elf_info_t info = m_file.elf().info();
     if (info.type == ET_CORE)
@@ -170,7 +170,7 @@ std::unique_ptr<opened_module> module_cache::open_file(const std::string &path, 
         throw failure(fmt::format("{}: not a regular file", path), {.code = "KRV_ELF_ERR_FORMAT"});
     if (m_open == m_most)
         close_oldest();
-    auto file = std::make_unique<opened_module>(path, m_flags, m_debug_dirs, m_bounds);
+    auto file = std::make_unique<opened_module>(path, m_flags, m_search, m_bounds);
     ++m_open;
     return file;
 }

@@ -25,8 +25,7 @@ class opened_module
 {
 public:
     /** Throws failure. */
-    opened_module(const std::string &path, unsigned int flags, const std::vector<std::string> &debug_dirs,
-                  const cost_bounds &bounds);
+    opened_module(const std::string &path, unsigned int flags, const korva::search &where, const cost_bounds &bounds);
 
     const std::string &path() const { return m_file.path(); }
     /** Hexadecimal digits; empty when it has none. */
@@ -68,9 +67,9 @@ private:
 class module_cache
 {
 public:
-    /** At most @p most files are open. Folders are those of separate debug files. */
-    module_cache(size_t most, unsigned int flags, const std::vector<std::string> &debug_dirs, const cost_bounds &bounds)
-        : m_most(most), m_flags(flags), m_debug_dirs(debug_dirs), m_bounds(bounds)
+    /** At most @p most files are open. @p where lives longer. */
+    module_cache(size_t most, unsigned int flags, const korva::search &where, const cost_bounds &bounds)
+        : m_most(most), m_flags(flags), m_search(where), m_bounds(bounds)
     {
     }
 
@@ -98,7 +97,7 @@ private:
 
     size_t m_most;
     unsigned int m_flags;
-    const std::vector<std::string> &m_debug_dirs;
+    const korva::search &m_search;
     const cost_bounds m_bounds;
     std::unordered_map<std::string, entry, text_hash, std::equal_to<>> m_entries;
     size_t m_open = 0;

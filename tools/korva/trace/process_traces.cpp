@@ -103,7 +103,7 @@ void trace_collector::add_stack(const std::string &name, const std::shared_ptr<p
 
 void trace_collector::read(const std::string &name, const std::shared_ptr<process> &proc)
 {
-    if (!proc->set_files(m_wanted.flags, m_wanted.debug_dirs))
+    if (!proc->set_files(m_wanted.flags, m_wanted.search))
         throw std::bad_alloc();
     bound_walks(proc.get(), m_wanted.bounds);
     const bool is_core = proc->info().kind == KRV_PROC_CORE;
@@ -151,7 +151,8 @@ void trace_collector::add_process(int pid)
 
 void trace_collector::add_core(const std::string &path)
 {
-    add(path, process::open_core(path.c_str(), m_wanted.exe.empty() ? nullptr : m_wanted.exe.c_str()));
+    add(path, process::open_core(path.c_str(), m_wanted.exe.empty() ? nullptr : m_wanted.exe.c_str(), m_wanted.flags,
+                                 m_wanted.search));
 }
 
 } // namespace korva::program

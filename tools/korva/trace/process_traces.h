@@ -56,7 +56,7 @@ struct trace_request {
     bool first_only = false;
     std::string exe{}; /**< of core files; empty: where they say */
     unsigned int flags = 0;
-    std::vector<std::string> debug_dirs{};
+    korva::search search{};
     cost_bounds bounds{};
 };
 
