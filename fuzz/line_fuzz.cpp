@@ -60,8 +60,8 @@ static int ask(krv_handle_t *hp, krv_ctu_t *cu, void *arg)
             value.file != file)
             __builtin_trap(); // two ways to one row
         krv_row_why_t why;
-        if ((korva_explain_row(hp, cu, address, size, address, &why) == 0) != (row != nullptr) ||
-            (row != nullptr && why.row.number != value.number))
+        if (korva_explain_row(hp, cu, address, size, address, &why) == 0 &&
+            (korva_lookup_row(hp, cu, address, size, address, &value) != 0 || why.row.number != value.number))
             __builtin_trap(); // told otherwise than answered
         krv_ctu_t *unit;
         if (size == 1 && korva_lookup_rows(hp, &address, 1, KRV_LOOKUP_F_NONE, &unit, &value) == 0 && unit == cu &&
