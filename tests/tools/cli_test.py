@@ -18,7 +18,7 @@ import tempfile
 
 from support import SOURCES, answer_of, build, fail, need, run, write
 
-VERBS = ('addr', 'explain', 'filter', 'units', 'lines', 'funcs', 'entries', 'sections', 'check', 'stack', 'merge', 'expr')
+VERBS = ('addr', 'explain', 'filter', 'units', 'lines', 'funcs', 'entries', 'sections', 'check', 'stack', 'merge', 'unwind', 'expr')
 
 
 def first_line_of(function):

@@ -24,7 +24,8 @@ def validator_of(verb):
 
 def find_fault(command, out):
     """What is wrong with records that a command wrote; nothing when they are as its schema says, or it wrote none."""
-    if len(command) < 2 or not any(word in ('--format=json', '--format=jsonl') for word in command) or not out.strip():
+    is_json = len(command) > 1 and (command[1] == 'unwind' or any(word in ('--format=json', '--format=jsonl', '--jsonl') for word in command))
+    if not is_json or not out.strip() or '--help' in command:
         return None
     try:
         records = json.loads(out) if '--format=json' in command else [json.loads(line) for line in out.splitlines()]

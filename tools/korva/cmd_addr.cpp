@@ -1,6 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // korva addr: functions and source lines of addresses.
+#include "addr/fields.h"
+#include "addr/files.h"
+#include "addr/in_order.h"
 #include "command.h"
 #include "input.h"
 #include "locate.h"
@@ -32,6 +35,8 @@ struct addr_options : common_options {
     bool inlines = false;
     bool no_inlines = false;
     bool has_exe = false;
+    bool jsonl = false;
+    file_questions asked; // with --jsonl
 };
 
 /** What one input asks for; a name that several functions have asks for each. */
@@ -43,15 +48,10 @@ struct question {
     const record_error *why = nullptr; /**< why there is no address */
 };
 
-/** What is known, the innermost function first; empty when nothing is. Valid until the next answer. */
-using answer = std::span<const krv_elf_frame_t>;
-
 /** A question about an address that waits for others, and the text of its answer. */
 struct waiting_question {
     std::string input;
     question asked; // but for its text
-    size_t at = 0, size = 0;
-    bool is_answered = false;
 };
 
 /** One run: everything that answering one input needs. */
@@ -60,7 +60,7 @@ class addr_run
 public:
     addr_run(const addr_options &options, object *obj)
         : m_options(options), m_object(obj), m_reader(*obj, options.format == output_format::gnu), m_locator(obj),
-          m_out(options.format)
+          m_fields(*obj, options.basenames), m_out(options.format)
     {
         obj->diagnose_notes();
         if (!options.section.empty()) {
@@ -91,22 +91,18 @@ private:
     void make_answer(const question &q);
     void make_text(const question &q, answer a);
     void print(std::string_view text);
-    std::optional<std::string_view> unit_name(answer a);
-    std::string_view path_of(const krv_elf_frame_t &frame) const;
     void add_place(const krv_elf_frame_t &frame, uint32_t discriminator);
     void add_text(const question &q, answer a);
     void add_gnu_function(const krv_elf_frame_t &frame);
     void add_gnu(const question &q, answer a);
-    void add_json_frame(const krv_elf_frame_t &frame);
     void add_json(const question &q, answer a);
-    void add_json_text(const char *key, std::optional<std::string_view> value);
-    void add_json_number(const char *key, uint64_t value, bool is_known);
     void add_address(uint64_t address) { append_hex(&m_line, address, m_digits); }
 
     const addr_options &m_options;
     object *m_object;
     address_reader m_reader;
     locator m_locator;
+    address_fields m_fields;
     answers m_out;
     std::optional<extent> m_section;
     std::optional<other_symbols> m_others; // read for the first message about a name
@@ -116,12 +112,9 @@ private:
     const size_t m_most_frames = (m_is_gnu ? m_options.inlines : !m_options.no_inlines) ? SIZE_MAX : 1;
     std::string m_line; // that is being made
     std::vector<waiting_question> m_waiting;
-    std::vector<uint32_t> m_order;                // in which these are answered
-    std::string m_texts;                          // of their answers
+    ordered_answers m_ordered;
     std::unordered_set<const krv_ctu_t *> m_seen; // units of answers
     size_t m_untrimmed_answers = 0, m_untrimmed_units = 0;
-    krv_ctu_t *m_named = nullptr;
-    result<std::string> m_unit_name = error(); // of that one
 };
 
 } // namespace
@@ -168,18 +161,9 @@ answer addr_run::find(const question &q)
     return m_locator.frames(*q.address, names | demangled, m_most_frames);
 }
 
-// Empty when it is not known.
-std::string_view addr_run::path_of(const krv_elf_frame_t &frame) const
-{
-    std::string_view path(frame.file);
-    if (m_options.basenames)
-        path.remove_prefix(path.rfind('/') + 1); // npos + 1 is 0
-    return path;
-}
-
 void addr_run::add_place(const krv_elf_frame_t &frame, uint32_t discriminator)
 {
-    const std::string_view path = path_of(frame);
+    const std::string_view path = m_fields.path_of(frame);
     append_printable(&m_line, path.empty() ? "??" : path);
     m_line += ':';
     if (frame.line == 0) {
@@ -192,18 +176,6 @@ void addr_run::add_place(const krv_elf_frame_t &frame, uint32_t discriminator)
         append_decimal(&m_line, discriminator);
         m_line += ')';
     }
-}
-
-// Of the unit of the answer; nothing when there is none, or it has none. Kept, since the next answer is often of that too.
-std::optional<std::string_view> addr_run::unit_name(answer a)
-{
-    if (a.empty() || a[0].has_row == 0 || a[0].unit == nullptr)
-        return {};
-    if (m_named != a[0].unit) {
-        m_named = a[0].unit;
-        m_unit_name = unit(m_object->handle().get(), m_named).name();
-    }
-    return m_unit_name ? std::optional<std::string_view>(*m_unit_name) : std::nullopt;
 }
 
 void addr_run::add_text(const question &q, answer a)
@@ -222,7 +194,7 @@ void addr_run::add_text(const question &q, answer a)
         m_line += "??:0";
     if (q.is_one_of_several) {
         m_line += "  (unit ";
-        append_printable(&m_line, unit_name(a).value_or("??"));
+        append_printable(&m_line, m_fields.unit_name(a).value_or("??"));
         m_line += ')';
     }
     m_line += '\n';
@@ -271,59 +243,14 @@ void addr_run::add_gnu(const question &q, answer a)
     }
 }
 
-void addr_run::add_json_text(const char *key, std::optional<std::string_view> value)
-{
-    m_line += key;
-    value ? append_json(&m_line, *value) : void(m_line += "null");
-}
-
-void addr_run::add_json_number(const char *key, uint64_t value, bool is_known)
-{
-    m_line += key;
-    is_known ? append_decimal(&m_line, value) : void(m_line += "null");
-}
-
-static std::optional<std::string_view> known(std::string_view text)
-{
-    return text.empty() ? std::nullopt : std::optional(text);
-}
-
-void addr_run::add_json_frame(const krv_elf_frame_t &frame)
-{
-    add_json_text("{\"function\":", known(frame.function));
-    add_json_text(",\"linkage_name\":", known(frame.linkage_name));
-    add_json_text(",\"from\":", frame.origin == KRV_ELF_FRAME_ENTRIES   ? "entries"
-                                : frame.origin == KRV_ELF_FRAME_SYMBOLS ? std::optional("symbols")
-                                                                        : std::nullopt);
-    m_line += frame.is_inlined != 0 ? ",\"inlined\":true" : ",\"inlined\":false";
-    add_json_text(",\"file\":", known(path_of(frame)));
-    add_json_number(",\"line\":", frame.line, frame.line != 0);
-    add_json_number(",\"column\":", frame.column, frame.column != 0);
-    add_json_number(",\"discriminator\":", frame.discriminator, frame.line != 0);
-    m_line += '}';
-}
-
 void addr_run::add_json(const question &q, answer a)
 {
-    const krv_elf_frame_t first = a.empty() ? nothing_known() : a[0];
     const record_error *why = q.address ? m_locator.refusal() : q.why;
     m_line += '{';
     append_record_head(&m_line, a.empty() && why == nullptr ? record_status::not_found : status_of(why), why);
-    add_json_text(",\"input\":", q.text);
-    const std::string address = q.address ? fmt::format("0x{:x}", *q.address) : "";
-    add_json_text(",\"address\":", known(address));
-    add_json_text(",\"function\":", known(first.function));
-    add_json_text(",\"file\":", known(path_of(first)));
-    add_json_number(",\"line\":", first.line, first.line != 0);
-    add_json_number(",\"column\":", first.column, first.column != 0);
-    add_json_number(",\"discriminator\":", first.discriminator, first.has_row != 0);
-    add_json_text(",\"unit\":", unit_name(a));
-    m_line += ",\"frames\":[";
-    for (const krv_elf_frame_t &frame : a) {
-        m_line += &frame == a.data() ? "" : ",";
-        add_json_frame(frame);
-    }
-    m_line += "]}";
+    append_text(&m_line, ",\"input\":", q.text);
+    m_fields.append(&m_line, q.address, a);
+    m_line += '}';
 }
 
 void addr_run::make_text(const question &q, answer a)
@@ -375,35 +302,19 @@ void addr_run::answer_one(const question &q)
     print(m_line);
 }
 
-// Neighbours have their unit, their function and most of their rows in common: in the order of addresses these are at hand, and
-// what was read of the file for those before is not needed again. Of answers that are too long to be kept all, the rest is
-// made when its turn comes.
 void addr_run::answer_waiting()
 {
-    constexpr size_t MOST_TEXT = size_t{8} << 20;
-    m_order.resize(m_waiting.size());
-    std::iota(m_order.begin(), m_order.end(), 0U);
-    std::sort(m_order.begin(), m_order.end(),
-              [&](uint32_t a, uint32_t b) { return m_waiting[a].asked.address < m_waiting[b].asked.address; });
     for (auto &waiting : m_waiting)
         waiting.asked.text = waiting.input;
-    m_texts.clear();
-    for (const uint32_t number : m_order) {
-        if (m_texts.size() >= MOST_TEXT)
-            break;
-        waiting_question &waiting = m_waiting[number];
-        make_answer(waiting.asked);
-        waiting.is_answered = true;
-        waiting.at = m_texts.size();
-        waiting.size = m_line.size();
-        m_texts += m_line;
-        trim_file();
-    }
-    for (const waiting_question &waiting : m_waiting)
-        if (waiting.is_answered)
-            print(std::string_view(m_texts).substr(waiting.at, waiting.size));
-        else
-            answer_one(waiting.asked);
+    m_ordered.answer(
+        m_waiting.size(),
+        [this](uint32_t a, uint32_t b) { return m_waiting[a].asked.address < m_waiting[b].asked.address; },
+        [this](uint32_t number) -> const std::string & {
+            trim_file();
+            make_answer(m_waiting[number].asked);
+            return m_line;
+        },
+        [this](std::string_view text) { print(text); });
     m_waiting.clear();
 }
 
@@ -463,8 +374,14 @@ static std::unique_ptr<object> open_object(const addr_options &options)
     }
 }
 
-static int run_addr(const addr_options &options)
+static int run_addr(addr_options &options)
 {
+    if (options.jsonl) {
+        options.asked.names = options.demangle ? KRV_ELF_FRAMES_F_DEMANGLE : KRV_ELF_FRAMES_F_NONE;
+        options.asked.most_frames = options.no_inlines ? 1 : SIZE_MAX;
+        options.asked.basenames = options.basenames;
+        return answer_files(options, options.asked);
+    }
     const std::unique_ptr<object> obj = open_object(options);
     addr_run run(options, obj.get());
     if (options.inputs.empty()) {
@@ -491,6 +408,32 @@ static int run_addr(const addr_options &options)
     return run.finish();
 }
 
+// Questions about many files, in place of those about one.
+static void add_jsonl(CLI::App *verb, addr_options *options)
+{
+    CLI::Option *jsonl = verb->add_flag_callback(
+        "--jsonl",
+        [options, verb] {
+            if (verb->count("--format") == 0)
+                options->format = output_format::jsonl;
+            if (options->format != output_format::json && options->format != output_format::jsonl)
+                throw CLI::ValidationError("--jsonl", "its answers are records: --format=json or jsonl");
+            set_output_format(options->format);
+            options->jsonl = true;
+        },
+        "Questions are a JSON object a line: id, module or build_id, and addr");
+    for (const char *other :
+         {"--exe", "ADDR", "--section", "--inlines", "--addresses", "--functions", "--pretty-print"})
+        jsonl->excludes(verb->get_option(other));
+    verb->add_option("--input", options->asked.input, "Where the questions are (--jsonl), in place of standard input")
+        ->type_name("FILE")
+        ->needs(jsonl);
+    verb->add_option("--cache", options->asked.most_open, "How many files are open at a time (--jsonl)")
+        ->default_str("64")
+        ->check(CLI::Range(1, 4096))
+        ->needs(jsonl);
+}
+
 void add_addr(CLI::App &app, int *status)
 {
     auto options = std::make_shared<addr_options>();
@@ -514,6 +457,7 @@ void add_addr(CLI::App &app, int *status)
                         {"gnu", output_format::gnu},
                         {"json", output_format::json},
                         {"jsonl", output_format::jsonl}});
+    add_jsonl(verb, options.get());
     verb->footer(
         "What is not known is ?? or line 0 in text, null in JSON. --format=gnu is the layout of GNU addr2line, with\n"
         "control characters as \\xNN. Functions that others were inlined into follow, each with the line of the call.\n"
@@ -524,7 +468,8 @@ void add_addr(CLI::App &app, int *status)
         "  korva addr -e ./a.out 0x1139 main+0x10\n"
         "  korva addr -e ./a.out -C --format=json 1139\n"
         "  korva addr -e ./a.out -afp --format=gnu < addresses\n"
-        "  korva addr -e libx.so -j .text 0x20");
+        "  korva addr -e libx.so -j .text 0x20\n"
+        "  echo '{\"id\":7,\"module\":\"/bin/ls\",\"addr\":\"0x4a10\"}' | korva addr --jsonl");
     verb->callback([options, status, verb] {
         options->has_exe = verb->count("--exe") != 0;
         *status = run_addr(*options);

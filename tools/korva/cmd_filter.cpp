@@ -278,9 +278,9 @@ void filter_run::answer_line(const log_line &line, size_t passed)
         log_place at = *found;
         const bool returns = is_return(a) && at.address != 0;
         at.address -= returns ? 1 : 0;
-        const auto frames = at.module == nullptr
-                                ? std::span<const krv_elf_frame_t>()
-                                : at.module->frames(at.address, m_options.no_inlines ? 1 : MOST_CALLED);
+        const auto frames = at.module == nullptr ? std::span<const krv_elf_frame_t>()
+                                                 : at.module->frames(at.address, KRV_ELF_FRAMES_F_DEMANGLE,
+                                                                     m_options.no_inlines ? 1 : MOST_CALLED);
         m_is_behind_signal = !frames.empty() && frames.back().function == std::string_view("__restore_rt");
         frames.empty() ? m_done.missed() : frames[0].line != 0 ? m_done.answered() : m_done.partly();
         if (m_out.is_json()) {

@@ -1,8 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // korva stack: the stacks of a process or of a core file, frame by frame; or those of many, merged.
+#include "base64.h"
 #include "command.h"
 #include "frame_place.h"
+#include "frame_record.h"
 #include "input.h"
 #include "stacks.h"
 #include "trace/process_traces.h"
@@ -48,8 +50,6 @@ private:
     void print_place(const std::string &path, uint32_t line);
     void print_variables(const call_variables &variables);
     void print_frame(size_t index, const stack_frame &f, const frame_place &at);
-    json_value call_record(const krv_elf_frame_t &call) const;
-    json_value frame_record(size_t index, const stack_frame &f, const frame_place &at) const;
     void record_stack(const thread_stack &stack, const json_value &frames);
     void tell_notes();
 
@@ -98,16 +98,6 @@ void stack_run::print_place(const std::string &path, uint32_t line)
         m_out.print("  {}:{}", printable(path), line);
 }
 
-static std::string bytes_text(const argument &bytes)
-{
-    if (bytes.empty())
-        return "??";
-    std::string text;
-    for (const std::optional<uint8_t> &byte : bytes)
-        text += fmt::format("{}{}", text.empty() ? "" : " ", byte ? fmt::format("{:02x}", *byte) : "??");
-    return text;
-}
-
 void stack_run::print_variables(const call_variables &variables)
 {
     for (const shown_variable &v : variables)
@@ -146,61 +136,21 @@ void stack_run::print_frame(size_t index, const stack_frame &f, const frame_plac
         print_variables(f.variables.back());
 }
 
-json_value stack_run::call_record(const krv_elf_frame_t &call) const
+// What `korva unwind` takes.
+static void add_raw(const process &proc, const thread_stack &stack, krv_activation_type_t target, json_value *record)
 {
-    const auto known = [](const std::string &text) { return text.empty() ? json_value(nullptr) : json_value(text); };
-    json_value record = {{"function", known(call.function)},
-                         {"linkage_name", known(call.linkage_name)},
-                         {"from", call.origin == KRV_ELF_FRAME_ENTRIES   ? json_value("entries")
-                                  : call.origin == KRV_ELF_FRAME_SYMBOLS ? json_value("symbols")
-                                                                         : json_value(nullptr)},
-                         {"inlined", call.is_inlined != 0},
-                         {"file", known(path_of(call, m_options.places))}};
-    record["line"] = m_options.places.no_source ? json_value(nullptr) : or_null(call.line);
-    record["column"] = m_options.places.no_source ? json_value(nullptr) : or_null(call.column);
-    return record;
-}
-
-static json_value variables_record(const call_variables &variables)
-{
-    json_value all = json_value::array();
-    for (const shown_variable &v : variables)
-        all.push_back({{"name", v.name}, {"type", v.type}, {"value", v.value}, {"parameter", v.is_parameter}});
-    return all;
-}
-
-json_value stack_run::frame_record(size_t index, const stack_frame &f, const frame_place &at) const
-{
-    const auto known = [](const std::string &text) { return text.empty() ? json_value(nullptr) : json_value(text); };
-    json_value record = {{"index", index},
-                         {"pc", hex(f.pc)},
-                         {"lookup_pc", hex(f.lookup_pc)},
-                         {"module", f.module == nullptr ? json_value(nullptr) : known(f.module->path)},
-                         {"function", known(at.function)},
-                         {"offset", at.function.empty() ? json_value(nullptr) : number(at.offset)},
-                         {"file", known(at.path)},
-                         {"line", or_null(at.line)},
-                         {"signal_frame", f.is_signal_frame}};
-    if (f.module != nullptr) {
-        const auto offset = m_proc->file_offset(f.lookup_pc);
-        record["build_id"] = known(build_id_of(*f.module));
-        record["deleted"] = (f.module->flags & KRV_PROC_MODULE_F_DELETED) != 0;
-        record["address"] = hex(f.lookup_pc - f.module->bias);
-        record["file_offset"] = offset ? hex(*offset) : json_value(nullptr);
-    }
-    for (const krv_elf_frame_t &call : at.calls)
-        record["calls"].push_back(call_record(call));
-    for (size_t i = 0; i < at.calls.size() && i < f.variables.size(); ++i)
-        record["calls"][i]["variables"] = variables_record(f.variables[i]);
-    if (!f.variables.empty())
-        record["variables"] = variables_record(f.variables.back());
-    if (f.arguments.empty())
-        return record;
-    json_value arguments = json_value::array();
-    for (const argument &bytes : f.arguments)
-        arguments.push_back(bytes.empty() ? json_value(nullptr) : json_value(bytes_text(bytes)));
-    record["arguments"] = arguments;
-    return record;
+    json_value modules = json_value::array(), pieces = json_value::array();
+    for (const krv_proc_module_t *m : proc.modules())
+        modules.push_back({{"path", m->path},
+                           {"build_id", build_id_of(*m).empty() ? json_value(nullptr) : json_value(build_id_of(*m))},
+                           {"start", hex(m->start)},
+                           {"end", hex(m->end)},
+                           {"bias", hex(m->bias)}});
+    for (const memory_piece &piece : stack.raw)
+        pieces.push_back({{"address", hex(piece.address)}, {"bytes", to_base64(piece.bytes)}});
+    (*record)["target"] = target == KRV_ACTIVATION_I386 ? "i386" : "amd64";
+    (*record)["modules"] = modules;
+    (*record)["stack"] = pieces;
 }
 
 static json_value thread_record(int pid, const thread_stack &stack, const json_value &frames)
@@ -235,7 +185,7 @@ void stack_run::show(const thread_stack &stack)
         const frame_place at = place_of(f);
         m_arguments = m_arguments || !f.arguments.empty();
         if (m_out.is_json())
-            frames.push_back(frame_record(i, f, at));
+            frames.push_back(frame_record(*m_proc, i, f, at, m_options.places));
         else
             print_frame(i, f, at);
     }
@@ -250,7 +200,10 @@ void stack_run::record_stack(const thread_stack &stack, const json_value &frames
 {
     const record_status status = status_of(stack, m_options.wanted);
     const record_error why = to_record_error({layer::library, stack.code, {stack.message}});
-    m_out.record(thread_record(m_info.pid, stack, frames), status, status == record_status::ok ? nullptr : &why);
+    json_value record = thread_record(m_info.pid, stack, frames);
+    if (m_options.wanted.raw_stack != 0)
+        add_raw(*m_proc, stack, m_info.target, &record);
+    m_out.record(record, status, status == record_status::ok ? nullptr : &why);
 }
 
 // What is to be said of the whole is a line each, what is to be said of modules one for all of them.
@@ -328,20 +281,24 @@ static int run_merged(const stack_options &options)
     return all.status();
 }
 
-static int run_stack(const stack_options &options)
+static int run_stack(stack_options &options)
 {
     const auto refuse = [](const char *why) { throw CLI::ValidationError("stack", why); };
     if (options.merge) {
         if (options.pids.empty() && options.cores.empty() && options.cores_from.empty())
             refuse("give -p PID, core files or --cores-from FILE");
-        if (options.wanted.arguments || options.wanted.registers || options.wanted.variables)
-            refuse("--merge goes without --arguments, --registers and --variables");
+        if (options.wanted.arguments || options.wanted.registers || options.wanted.variables ||
+            options.wanted.raw_stack != 0)
+            refuse("--merge goes without --arguments, --registers, --variables and --raw-stack");
         return run_merged(options);
     }
     if (options.pids.size() + options.cores.size() != 1 || !options.cores_from.empty())
         refuse("give either -p PID or --core CORE; several only with --merge");
     if (options.format == output_format::folded || options.format == output_format::speedscope)
         refuse("folded and speedscope are formats of --merge");
+    if (options.wanted.raw_stack != 0 && options.format == output_format::text)
+        refuse("--raw-stack stands in records alone: --format=json or jsonl");
+    options.wanted.registers = options.wanted.registers || options.wanted.raw_stack != 0;
     return stack_run(options).run();
 }
 
@@ -385,6 +342,11 @@ void add_stack(CLI::App &app, int *status)
     verb->add_flag("-v,--variables", options->wanted.variables,
                    "Show parameters and variables with their values, where the debugging information has them");
     verb->add_flag("-r,--registers", options->wanted.registers, "Show the registers of each thread");
+    verb->add_option("--raw-stack", options->wanted.raw_stack,
+                     "Add what `korva unwind` takes: registers, modules, and so many bytes of the stack (JSON)")
+        ->transform(CLI::AsSizeValue(false))
+        ->check(CLI::Range(uint64_t{1}, uint64_t{1} << 30))
+        ->type_name("SIZE");
     verb->add_flag("-q,--quiet", options->quiet, "Leave out the notes on what could not be read");
     add_common_options(verb, options.get(), trace_formats());
     verb->footer(

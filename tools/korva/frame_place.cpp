@@ -43,19 +43,23 @@ std::string path_of(const krv_elf_frame_t &call, const place_request &wanted)
 
 frame_place look_up(const module_file &opened, const stack_frame &f, const place_request &wanted)
 {
-    frame_place at;
     if (opened.file == nullptr)
-        return at;
-    const uint64_t address = f.lookup_pc - f.module->bias;
-    if (const krv_elf_symbol_t *symbol = opened.file->elf().symbol(address); symbol != nullptr) {
+        return {};
+    return look_up(*opened.file, opened.lines.get(), f, f.lookup_pc - f.module->bias, wanted);
+}
+
+frame_place look_up(const object &file, locator *lines, const stack_frame &f, uint64_t address,
+                    const place_request &wanted)
+{
+    frame_place at;
+    if (const krv_elf_symbol_t *symbol = file.elf().symbol(address); symbol != nullptr) {
         at.function = function_name(symbol->name, wanted.demangle);
-        at.offset = f.pc - f.module->bias - symbol->address;
+        at.offset = f.pc - f.lookup_pc + address - symbol->address;
     }
-    if (opened.lines == nullptr || (wanted.no_inlines && wanted.no_source))
+    if (lines == nullptr || (wanted.no_inlines && wanted.no_source))
         return at;
-    const auto calls =
-        opened.lines->frames(address, wanted.demangle ? KRV_ELF_FRAMES_F_DEMANGLE : KRV_ELF_FRAMES_F_NONE,
-                             wanted.no_inlines ? 1 : MOST_CALLS);
+    const auto calls = lines->frames(address, wanted.demangle ? KRV_ELF_FRAMES_F_DEMANGLE : KRV_ELF_FRAMES_F_NONE,
+                                     wanted.no_inlines ? 1 : MOST_CALLS);
     if (calls.empty())
         return at;
     at.path = path_of(calls[0], wanted);

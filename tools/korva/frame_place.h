@@ -55,6 +55,10 @@ module_file open_module(const process &proc, const krv_proc_module_t &module, co
 /** What the frame's address means in the file of its module. Its calls are valid until the next look-up there. */
 frame_place look_up(const module_file &opened, const stack_frame &f, const place_request &wanted);
 
+/** The same of a file that somebody else has opened, where the frame is at @p address; @p lines may be NULL. */
+frame_place look_up(const object &file, locator *lines, const stack_frame &f, uint64_t address,
+                    const place_request &wanted);
+
 /** The file of a call as it is to be shown; empty when it is not. */
 std::string path_of(const krv_elf_frame_t &call, const place_request &wanted);
 

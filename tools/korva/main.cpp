@@ -31,6 +31,7 @@
     VERB(check)                                                                                                        \
     VERB(stack)                                                                                                        \
     VERB(merge)                                                                                                        \
+    VERB(unwind)                                                                                                       \
     VERB(expr)
 
 namespace korva::program

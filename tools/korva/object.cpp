@@ -71,7 +71,7 @@ void object::begin_record()
 
 void object::end_record(record_status status)
 {
-    if (status != record_status::limit)
+    if (status != record_status::limit || m_bounds.stay)
         return;
     halve(&m_bounds.steps);
     halve(&m_bounds.bytes);

@@ -38,6 +38,7 @@ struct cost_bounds {
     uint64_t bytes = 0;
     uint64_t rows = 0;
     uint64_t milliseconds = 0;
+    bool stay = false; /**< a record that ran into one does not lessen what others may cost */
 };
 
 /** An address range. */

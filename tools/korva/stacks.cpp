@@ -4,6 +4,8 @@
 #include "output.h"
 #include "visitor.h"
 
+#include <algorithm>
+
 namespace korva::program
 {
 
@@ -27,46 +29,48 @@ static const char *state_name(int letter)
     }
 }
 
+static constexpr register_name REGISTER_NAMES[] = {
+    {KRV_HOST_RAX, "rax", "eax"},
+    {KRV_HOST_RBX, "rbx", "ebx"},
+    {KRV_HOST_RCX, "rcx", "ecx"},
+    {KRV_HOST_RDX, "rdx", "edx"},
+    {KRV_HOST_RSI, "rsi", "esi"},
+    {KRV_HOST_RDI, "rdi", "edi"},
+    {KRV_HOST_RBP, "rbp", "ebp"},
+    {KRV_HOST_RSP, "rsp", "esp"},
+    {KRV_HOST_R8, "r8", nullptr},
+    {KRV_HOST_R9, "r9", nullptr},
+    {KRV_HOST_R10, "r10", nullptr},
+    {KRV_HOST_R11, "r11", nullptr},
+    {KRV_HOST_R12, "r12", nullptr},
+    {KRV_HOST_R13, "r13", nullptr},
+    {KRV_HOST_R14, "r14", nullptr},
+    {KRV_HOST_R15, "r15", nullptr},
+    {KRV_HOST_RIP, "rip", "eip"},
+    {KRV_HOST_RFLAGS, "rflags", "eflags"},
+    {KRV_HOST_CS, "cs", "cs"},
+    {KRV_HOST_SS, "ss", "ss"},
+    {KRV_HOST_DS, "ds", "ds"},
+    {KRV_HOST_ES, "es", "es"},
+    {KRV_HOST_FS, "fs", "fs"},
+    {KRV_HOST_GS, "gs", "gs"},
+    {KRV_HOST_FSBASE, "fsbase", nullptr},
+    {KRV_HOST_GSBASE, "gsbase", nullptr},
+};
+
+std::span<const register_name> register_names()
+{
+    return REGISTER_NAMES;
+}
+
 static std::vector<std::pair<const char *, uint64_t>> read_registers(const process &proc,
                                                                      const krv_proc_thread_t &thread)
 {
-    static constexpr struct {
-        unsigned int host;
-        const char *amd64;
-        const char *i386; // NULL: not there
-    } names[] = {
-        {KRV_HOST_RAX, "rax", "eax"},
-        {KRV_HOST_RBX, "rbx", "ebx"},
-        {KRV_HOST_RCX, "rcx", "ecx"},
-        {KRV_HOST_RDX, "rdx", "edx"},
-        {KRV_HOST_RSI, "rsi", "esi"},
-        {KRV_HOST_RDI, "rdi", "edi"},
-        {KRV_HOST_RBP, "rbp", "ebp"},
-        {KRV_HOST_RSP, "rsp", "esp"},
-        {KRV_HOST_R8, "r8", nullptr},
-        {KRV_HOST_R9, "r9", nullptr},
-        {KRV_HOST_R10, "r10", nullptr},
-        {KRV_HOST_R11, "r11", nullptr},
-        {KRV_HOST_R12, "r12", nullptr},
-        {KRV_HOST_R13, "r13", nullptr},
-        {KRV_HOST_R14, "r14", nullptr},
-        {KRV_HOST_R15, "r15", nullptr},
-        {KRV_HOST_RIP, "rip", "eip"},
-        {KRV_HOST_RFLAGS, "rflags", "eflags"},
-        {KRV_HOST_CS, "cs", "cs"},
-        {KRV_HOST_SS, "ss", "ss"},
-        {KRV_HOST_DS, "ds", "ds"},
-        {KRV_HOST_ES, "es", "es"},
-        {KRV_HOST_FS, "fs", "fs"},
-        {KRV_HOST_GS, "gs", "gs"},
-        {KRV_HOST_FSBASE, "fsbase", nullptr},
-        {KRV_HOST_GSBASE, "gsbase", nullptr},
-    };
     std::vector<std::pair<const char *, uint64_t>> all;
     const auto known = proc.regs(thread.tid);
     if (!known) // the walk says why
         return all;
-    for (const auto &row : names) {
+    for (const register_name &row : REGISTER_NAMES) {
         const char *name = thread.target == KRV_ACTIVATION_I386 ? row.i386 : row.amd64;
         if (const auto value = known->get(row.host); value && name != nullptr)
             all.emplace_back(name, *value);
@@ -117,6 +121,53 @@ void bound_walks(process *proc, const cost_bounds &bounds)
             throw std::bad_alloc();
 }
 
+// Up to what can be read. Of the kernel's own object, which is in no file, all.
+static memory_piece read_piece(const process &proc, uint64_t address, uint64_t size)
+{
+    constexpr uint64_t PIECE = 4096;
+    memory_piece piece = {address, {}};
+    while (piece.bytes.size() < size) {
+        char bytes[PIECE];
+        const uint64_t at = address + piece.bytes.size();
+        const uint64_t count = std::min(PIECE - at % PIECE, size - piece.bytes.size());
+        if (!proc.read(at, bytes, count))
+            break;
+        piece.bytes.append(bytes, count);
+    }
+    return piece;
+}
+
+static bool covers(const std::vector<memory_piece> &pieces, uint64_t address)
+{
+    return std::any_of(pieces.begin(), pieces.end(),
+                       [address](const memory_piece &piece) { return address - piece.address < piece.bytes.size(); });
+}
+
+// Registers that were restored already may still be read from below the stack pointer.
+static void read_stack_at(const process &proc, uint64_t pointer, uint64_t size, std::vector<memory_piece> *pieces)
+{
+    constexpr uint64_t RED_ZONE = 128;
+    constexpr size_t MOST = 16; // stacks
+    if (covers(*pieces, pointer) || pieces->size() == MOST)
+        return;
+    memory_piece piece = read_piece(proc, pointer - RED_ZONE, size);
+    if (piece.bytes.size() <= RED_ZONE)
+        piece = read_piece(proc, pointer, size);
+    if (!piece.bytes.empty())
+        pieces->push_back(std::move(piece));
+}
+
+// The stack pointer that the frame's caller had: frames may be on several stacks, as a signal handler's.
+static std::optional<uint64_t> stack_of_caller(const krv_proc_frame_t &frame)
+{
+    krv_greg_t pointer = 0;
+    if (frame.activation == nullptr ||
+        korva_activation_get_greg(frame.handle, frame.activation, KRV_ACTIVATION_REG_HOST, KRV_ACTIVATION_FRAME_CALLER,
+                                  KRV_HOST_RSP, &pointer) != 0)
+        return {};
+    return static_cast<uint64_t>(pointer);
+}
+
 thread_stack read_stack(const process &proc, const krv_proc_thread_t &thread, const stack_request &wanted)
 {
     thread_stack stack = {
@@ -126,6 +177,14 @@ thread_stack read_stack(const process &proc, const krv_proc_thread_t &thread, co
     };
     if (wanted.registers)
         stack.registers = read_registers(proc, thread);
+    if (wanted.raw_stack != 0) {
+        for (const krv_proc_module_t *module : proc.modules())
+            if ((module->flags & KRV_PROC_MODULE_F_VDSO) != 0)
+                stack.raw.push_back(read_piece(proc, module->start, module->end - module->start));
+        if (const auto known = proc.regs(thread.tid))
+            if (const auto pointer = known->get(KRV_HOST_RSP))
+                read_stack_at(proc, *pointer, wanted.raw_stack, &stack.raw);
+    }
     visitor take([&](const krv_proc_frame_t &frame) {
         stack.frames.push_back(
             {.pc = frame.pc,
@@ -134,6 +193,8 @@ thread_stack read_stack(const process &proc, const krv_proc_thread_t &thread, co
              .is_signal_frame = frame.is_signal_frame != 0,
              .arguments = wanted.arguments ? read_arguments(frame, thread.target) : std::vector<argument>(),
              .variables = wanted.variables ? read_variables(proc, frame) : std::vector<call_variables>()});
+        if (const auto pointer = wanted.raw_stack != 0 ? stack_of_caller(frame) : std::nullopt)
+            read_stack_at(proc, *pointer, wanted.raw_stack, &stack.raw);
     });
     const krv_proc_end_t end = proc.walk(thread.tid, take, wanted.max_frames);
     take.rethrow();

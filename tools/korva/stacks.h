@@ -13,6 +13,7 @@
 
 #include <cstdint>
 #include <optional>
+#include <span>
 #include <string>
 #include <utility>
 #include <vector>
@@ -23,6 +24,14 @@ namespace korva::program
 /** One argument's bytes; nothing for a byte that is not known. */
 using argument = std::vector<std::optional<uint8_t>>;
 
+/** A register of both targets; NULL where a target has none. */
+struct register_name {
+    unsigned int host; /**< KRV_HOST_* */
+    const char *amd64;
+    const char *i386;
+};
+std::span<const register_name> register_names();
+
 struct stack_frame {
     uint64_t pc;
     uint64_t lookup_pc;
@@ -30,6 +39,12 @@ struct stack_frame {
     bool is_signal_frame;
     std::vector<argument> arguments;
     std::vector<call_variables> variables; /**< of each call there, inlined ones first */
+};
+
+/** Memory of a process. */
+struct memory_piece {
+    uint64_t address;
+    std::string bytes;
 };
 
 /** A thread with its frames, the innermost first. */
@@ -42,12 +57,14 @@ struct thread_stack {
     int end = 0;  /**< KRV_PROC_END_* */
     int code = 0; /**< the library's, of a walk that failed: KRV_ERR_* */
     std::string message{};
+    std::vector<memory_piece> raw{}; /**< what its frames are on, for another machine to walk them */
 };
 
 struct stack_request {
     unsigned int max_frames = 0; /**< 0: as many as the library walks */
     bool arguments = false;
     bool registers = false;
+    uint64_t raw_stack = 0; /**< bytes of the stack, and of each further one that the frames are on; 0: none */
     bool variables = false; /**< opens the modules' files while the process stands still */
 };
 

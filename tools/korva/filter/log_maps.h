@@ -3,6 +3,8 @@
 // What lies where in a process, as texts tell it.
 #pragma once
 
+#include "module_cache.h"
+
 #include <cstdint>
 #include <functional>
 #include <map>
@@ -13,12 +15,6 @@
 
 namespace korva::program
 {
-
-/** For tables whose keys are asked for by parts of other texts. */
-struct text_hash {
-    using is_transparent = void;
-    size_t operator()(std::string_view text) const { return std::hash<std::string_view>()(text); }
-};
 
 /** Code of a file in a process. */
 struct log_mapping {

@@ -2,7 +2,6 @@
 #include "filter/log_places.h"
 
 #include <algorithm>
-#include <charconv>
 
 namespace korva::program
 {
@@ -20,35 +19,6 @@ log_places::log_places(const place_options &options)
         m_files.push_back({path, std::string(name_of(path)), file.build_id(), file.is_moved() ? UNCHOSEN_BASE : 0,
                            is_at_home ? file.code() : std::vector<extent>()});
     }
-}
-
-static bool is_build_id(std::string_view text)
-{
-    return text.size() > 2 && text.size() <= 128 && text.size() % 2 == 0 &&
-           text.find_first_not_of("0123456789abcdef") == std::string_view::npos;
-}
-
-opened_module *log_places::find_by_build_id(std::string_view name, std::string_view build_id)
-{
-    if (!is_build_id(build_id))
-        return nullptr;
-    constexpr size_t MOST_KNOWN = 4096;
-    if (m_by_build_id.size() >= MOST_KNOWN)
-        m_by_build_id.clear();
-    const auto [at, is_fresh] = m_by_build_id.try_emplace(std::string(build_id));
-    if (is_fresh) {
-        std::vector<uint8_t> id(build_id.size() / 2);
-        for (size_t i = 0; i < id.size(); ++i)
-            std::from_chars(build_id.data() + 2 * i, build_id.data() + 2 * i + 2, id[i], 16);
-        if (const auto found = elf::find(id, KRV_ELF_FIND_ANY, m_options.flags, m_options.search))
-            at->second = *found;
-        else if (const std::string why = found.error().text(); why.find("; ") != std::string::npos)
-            m_cache.refuse(name, why); // something was refused
-    }
-    if (!at->second.empty())
-        return m_cache.open(at->second);
-    m_cache.refuse(name, fmt::format("no file of build-id {} is here", build_id));
-    return nullptr;
 }
 
 // A module of the kernel is NAME.ko, the kernel vmlinux. Neither is looked for.
@@ -79,14 +49,8 @@ opened_module *log_places::find_module(std::string_view name, std::string_view b
             return m_cache.open(file.path);
     }
     if (!may_open || is_deleted || name.empty())
-        return find_by_build_id(name, build_id);
-    const std::string path = name.starts_with('/') ? m_options.search.sysroot + std::string(name) : std::string(name);
-    opened_module *const found = m_cache.open(path, is_build_id(build_id));
-    if (found != nullptr && (build_id.empty() || found->build_id().empty() || found->build_id() == build_id))
-        return found;
-    if (found != nullptr)
-        m_cache.refuse(path, fmt::format("its build-id is {}, not {} as in the log", found->build_id(), build_id));
-    return find_by_build_id(name, build_id);
+        return m_cache.open_build_id(name, build_id);
+    return m_cache.find(name, build_id);
 }
 
 // A name alone may be that of a mapped file, or of one in the working directory.

@@ -5,13 +5,12 @@
 
 #include "filter/log_maps.h"
 #include "filter/log_scan.h"
-#include "filter/module_cache.h"
+#include "module_cache.h"
 
 #include <cstdint>
 #include <optional>
 #include <string>
 #include <string_view>
-#include <unordered_map>
 #include <vector>
 
 namespace korva::program
@@ -61,7 +60,6 @@ private:
     opened_module *find_module(std::string_view name, std::string_view build_id, bool may_open);
     opened_module *find_named(std::string_view name, std::string_view build_id);
     opened_module *find_kernel(std::string_view name);
-    opened_module *find_by_build_id(std::string_view name, std::string_view build_id);
     std::optional<log_place> find_in_memory(uint64_t address, std::string_view module);
     static std::optional<uint64_t> address_in(opened_module *module, const log_address &a);
 
@@ -69,7 +67,6 @@ private:
     module_cache m_cache;
     std::vector<given_file> m_files;
     log_maps m_given, m_seen;
-    std::unordered_map<std::string, std::string> m_by_build_id; // paths; "": none
 };
 
 } // namespace korva::program

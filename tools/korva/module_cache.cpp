@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "filter/module_cache.h"
+#include "module_cache.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -13,10 +13,16 @@
 namespace korva::program
 {
 
-static constexpr size_t MOST_KNOWN = 4096; // paths
-static constexpr size_t MOST_TOLD = 100;   // diagnostics
-static constexpr size_t MANY_ANSWERS = 4096;
+static constexpr size_t MOST_PATHS = 4096;       // paths
+static constexpr size_t MOST_MODULES_TOLD = 100; // diagnostics
+static constexpr size_t ANSWERS_TO_TRIM = 4096;
 static constexpr uint64_t PAGE = 4096;
+
+bool is_build_id(std::string_view text)
+{
+    return text.size() > 2 && text.size() <= 128 && text.size() % 2 == 0 &&
+           text.find_first_not_of("0123456789abcdef") == std::string_view::npos;
+}
 
 opened_module::opened_module(const std::string &path, unsigned int flags, const korva::search &where,
                              const cost_bounds &bounds)
@@ -90,6 +96,18 @@ bool opened_module::has_code_at(uint64_t address) const
     });
 }
 
+bool opened_module::has_code() const
+{
+    bool has_none = false;
+    for (const krv_elf_section_t &section : m_file.elf().sections())
+        if (section.executable != 0 && section.size != 0) {
+            if (section.file_size != 0)
+                return true;
+            has_none = true;
+        }
+    return !has_none; // a file without sections has segments all the same
+}
+
 std::vector<extent> opened_module::code() const
 {
     std::vector<extent> all;
@@ -117,17 +135,17 @@ std::optional<uint64_t> opened_module::address_of_symbol(std::string_view name, 
     return best;
 }
 
-std::span<const krv_elf_frame_t> opened_module::frames(uint64_t address, size_t most)
+std::span<const krv_elf_frame_t> opened_module::frames(uint64_t address, unsigned int flags, size_t most)
 {
-    if (++m_asked % MANY_ANSWERS == 0)
+    if (++m_asked % ANSWERS_TO_TRIM == 0)
         m_file.elf().trim();
-    return m_lines.frames(address, KRV_ELF_FRAMES_F_DEMANGLE, most);
+    return m_lines.frames(address, flags, most);
 }
 
 void module_cache::tell(const std::string &text)
 {
-    if (m_told <= MOST_TOLD)
-        diagnose(m_told < MOST_TOLD ? text : "further modules that cannot be read are not named");
+    if (m_told <= MOST_MODULES_TOLD)
+        diagnose(m_told < MOST_MODULES_TOLD ? text : "further modules that cannot be read are not named");
     ++m_told;
 }
 
@@ -142,7 +160,7 @@ void module_cache::refuse(std::string_view name, std::string_view what)
 
 void module_cache::forget_some()
 {
-    if (m_entries.size() - m_open >= MOST_KNOWN)
+    if (m_entries.size() - m_open >= MOST_PATHS)
         std::erase_if(m_entries, [](const auto &each) { return each.second.file == nullptr; });
 }
 
@@ -178,6 +196,11 @@ std::unique_ptr<opened_module> module_cache::open_file(const std::string &path, 
 opened_module *module_cache::open(std::string_view path, bool is_guess)
 {
     auto at = m_entries.find(path);
+    if (at != m_entries.end() && !is_guess && at->second.file == nullptr &&
+        !at->second.refusal) { // then it was a guess
+        m_entries.erase(at);
+        at = m_entries.end();
+    }
     if (at == m_entries.end()) {
         forget_some();
         entry made;
@@ -193,6 +216,52 @@ opened_module *module_cache::open(std::string_view path, bool is_guess)
     if (at->second.file == nullptr && !is_guess)
         m_refusal = at->second.refusal;
     return at->second.file.get();
+}
+
+// Of a build-id where a file of it is, empty where none is.
+const std::string &module_cache::path_of(std::string_view build_id, int kind)
+{
+    if (m_paths.size() >= MOST_PATHS)
+        m_paths.clear();
+    const auto [at, fresh] = m_paths.try_emplace(fmt::format("{} {}", kind, build_id));
+    if (!fresh)
+        return at->second;
+    std::vector<uint8_t> id;
+    for (size_t i = 0; i + 1 < build_id.size(); i += 2)
+        id.push_back(static_cast<uint8_t>(parse_hex(build_id.substr(i, 2)).value_or(0)));
+    if (const auto found = elf::find(id, kind, m_flags, m_search))
+        at->second = *found;
+    else if (const std::string why = found.error().text(); why.find("; ") != std::string::npos)
+        tell(why); // something was refused
+    return at->second;
+}
+
+opened_module *module_cache::open_build_id(std::string_view name, std::string_view build_id, int kind)
+{
+    if (!is_build_id(build_id))
+        return nullptr;
+    std::string path = path_of(build_id, kind);
+    if (path.empty() && kind == KRV_ELF_FIND_EXECUTABLE) // names and lines are something
+        path = path_of(build_id, KRV_ELF_FIND_DEBUG);
+    if (!path.empty())
+        return open(path);
+    refuse(name.empty() ? build_id : name, fmt::format("no file of build-id {} is here", build_id));
+    return nullptr;
+}
+
+opened_module *module_cache::find(std::string_view name, std::string_view build_id, int kind)
+{
+    const std::string path = name.starts_with('/') ? m_search.sysroot + std::string(name) : std::string(name);
+    if (path.empty())
+        return open_build_id(path, build_id, kind);
+    opened_module *const found = open(path, is_build_id(build_id));
+    if (found == nullptr && !is_build_id(build_id))
+        return nullptr;
+    if (found != nullptr && (build_id.empty() || found->build_id().empty() || found->build_id() == build_id))
+        return found;
+    if (found != nullptr)
+        refuse(path, fmt::format("its build-id is {}, not {} as was asked for", found->build_id(), build_id));
+    return open_build_id(path, build_id, kind);
 }
 
 } // namespace korva::program
