@@ -6,7 +6,7 @@
  * Part of libkorva-elf. A krv_proc_t answers for one process: its memory, the modules loaded into it, its threads and
  * their registers, and, on top of them, the frames of a thread's stack:
  *
- *     krv_proc_t *proc = korva_proc_attach(pid, &error);         or korva_proc_open_core, korva_proc_self
+ *     krv_proc_t *proc = korva_proc_attach(pid, &error);         or korva_proc_open_core, _watch, _self
  *     korva_proc_iter_threads(proc, ...);
  *     korva_proc_walk(proc, tid, 0, visit_frame, arg, &end);     for each of them
  *     korva_proc_close(proc);                                    and the process runs on
@@ -46,7 +46,7 @@ typedef struct krv_proc krv_proc_t;
 
 /** What a krv_proc_t looks at. */
 enum {
-    KRV_PROC_LIVE = 1, /**< another process, stopped while it is attached */
+    KRV_PROC_LIVE = 1, /**< another process, stopped while it is attached, or running while it is watched */
     KRV_PROC_CORE = 2, /**< a core file */
     KRV_PROC_SELF = 3  /**< the calling process, which runs on meanwhile */
 };
@@ -91,6 +91,20 @@ KORVA_API krv_proc_t *korva_proc_open_core(const char *core, const char *exe, kr
 KORVA_API krv_proc_t *korva_proc_open_core_search(const char *core, const char *exe, unsigned int flags,
                                                   const krv_elf_search_t *search, krv_elf_error_t *errorp);
 
+/**
+ * Looks at process @p pid while it runs: nothing is stopped, there is no attachment, and any thread may use it. Modules and
+ * threads are those of the moment, or of the last korva_proc_refresh, which finds another program too, that the process
+ * executes since; memory is read as it is. There are no registers and no walks: for a sampler that has registers and
+ * stack by other ways, and needs modules, their handles and files.
+ *
+ * korva_proc_release opens the files of modules whose handle was asked for, where only the process leads to them, as to one
+ * that was removed: call it while the process lives, and they can be asked for afterwards.
+ *
+ * Returns NULL on failure: KRV_ELF_ERR_NOTFOUND (no such process, it has ended, or its mappings are not for the caller),
+ * KRV_ELF_ERR_UNSUPPORTED (an x32 program, or its executable cannot be opened).
+ */
+KORVA_API krv_proc_t *korva_proc_watch(int pid, krv_elf_error_t *errorp);
+
 /** Looks at the calling process. Nothing is stopped; only the calling thread's own stack can be walked. */
 KORVA_API krv_proc_t *korva_proc_self(krv_elf_error_t *errorp);
 
@@ -109,8 +123,9 @@ KORVA_API void korva_proc_close(krv_proc_t *proc);
 KORVA_API void korva_proc_release(krv_proc_t *proc);
 
 /**
- * Looks at the calling process's modules and threads again; later questions see libraries loaded since. For a live
- * process, which is stopped, and for a core file there is nothing to do. Returns 0 or -1.
+ * Looks at the modules and threads of the calling process, or of one that is watched, again; later questions see libraries
+ * loaded since. For a process that was attached to and for a core file there is nothing to do. Returns 0, or -1, as when
+ * the process has ended: then what was known stays.
  */
 KORVA_API int korva_proc_refresh(krv_proc_t *proc, krv_elf_error_t *errorp);
 

@@ -25,6 +25,12 @@ public:
         krv_elf_error_t why;
         return made(korva_proc_attach(pid, &why), why);
     }
+    /** Looks at a live process while it runs: no registers, no walks. */
+    static result<process> watch(int pid)
+    {
+        krv_elf_error_t why;
+        return made(korva_proc_watch(pid, &why), why);
+    }
     /** Opens a core file; @p exe is where the main executable is found instead of its recorded path. */
     static result<process> open_core(const char *core, const char *exe = nullptr)
     {
@@ -56,7 +62,7 @@ public:
         korva_proc_get_info(get(), &info);
         return info;
     }
-    /** Looks at the calling process again; later questions see libraries loaded since. */
+    /** Looks at the calling process, or one that is watched, again; later questions see libraries loaded since. */
     result<void> refresh()
     {
         krv_elf_error_t why;

@@ -40,6 +40,11 @@ krv_proc_t *korva_proc_attach(int pid, krv_elf_error_t *errorp)
     return guarded<krv_proc_t *>(errorp, nullptr, [&] { return new krv_proc(attach_source(pid)); });
 }
 
+krv_proc_t *korva_proc_watch(int pid, krv_elf_error_t *errorp)
+{
+    return guarded<krv_proc_t *>(errorp, nullptr, [&] { return new krv_proc(watch_source(pid)); });
+}
+
 krv_proc_t *korva_proc_open_core(const char *core, const char *exe, krv_elf_error_t *errorp)
 {
     return korva_proc_open_core_search(core, exe, KRV_ELF_F_NONE, nullptr, errorp);
@@ -66,7 +71,7 @@ void korva_proc_close(krv_proc_t *proc)
 int korva_proc_refresh(krv_proc_t *proc, krv_elf_error_t *errorp)
 {
     return guarded<int>(errorp, -1, [&] {
-        if (proc->from->kind == KRV_PROC_SELF)
+        if (proc->from->is_free())
             proc->refresh();
         return 0;
     });

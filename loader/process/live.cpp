@@ -27,6 +27,15 @@ bool is_file(const std::string &path, uint64_t inode)
     return stat(path.c_str(), &st) == 0 && st.st_ino == inode;
 }
 
+// The main thread while it lives, and then another one.
+int living_thread(int pid)
+{
+    for (const int tid : list_threads(pid))
+        if (const char state = read_state(tid); state != 0 && state != 'Z' && state != 'X')
+            return tid;
+    throw failure(KRV_ELF_ERR_NOTFOUND, fmt::format("process {}: it has ended", pid));
+}
+
 // What a live process and the calling one have in common.
 class running_source : public source
 {
@@ -45,7 +54,7 @@ public:
     search_settings files() const override;
 
 protected:
-    void read_program();
+    void read_program(); // throws failure
 
     live_memory raw;
     page_cache cache;
@@ -98,7 +107,7 @@ search_settings running_source::files() const
     return found;
 }
 
-// Target, maps and auxiliary vector.
+// Target, maps and auxiliary vector. A process that has just ended has no mappings.
 void running_source::read_program()
 {
     const input_file exe(fmt::format("/proc/{}/exe", living));
@@ -111,8 +120,12 @@ void running_source::read_program()
                                                 : std::string("cannot open its executable: ") + std::strerror(errno)));
     if (image->x32)
         throw failure(KRV_ELF_ERR_UNSUPPORTED, fmt::format("process {}: x32 programs are not read", pid));
+    std::vector<mapping> found = read_maps(living);
+    if (found.empty())
+        throw failure(KRV_ELF_ERR_NOTFOUND,
+                      fmt::format("process {}: it has ended, or its mappings may not be read", pid));
     target = image->target;
-    maps = read_maps(living);
+    maps = std::move(found);
     const std::string words = read_text(fmt::format("/proc/{}/auxv", living));
     aux = parse_auxv(reinterpret_cast<const uint8_t *>(words.data()), words.size(), target);
     find_root();
@@ -188,10 +201,11 @@ private:
     std::unique_ptr<stopped_process> stopped; // until it is let go
 };
 
-class own_source : public running_source
+// A process that nothing holds: the calling one, or another one that is looked at while it runs.
+class free_source : public running_source
 {
 public:
-    own_source() : running_source(KRV_PROC_SELF, getpid(), getpid())
+    free_source(int kind_of_process, int process, int tid) : running_source(kind_of_process, process, tid)
     {
         read_program();
         list();
@@ -199,17 +213,23 @@ public:
 
     register_set registers(int tid) override
     {
-        throw failure(KRV_ELF_ERR_NOTFOUND,
-                      fmt::format("thread {} of the calling process is running: it has no registers to read", tid));
+        throw failure(KRV_ELF_ERR_NOTFOUND, fmt::format("thread {}{} is running: it has no registers to read", tid,
+                                                        kind == KRV_PROC_SELF ? " of the calling process" : ""));
     }
 
     memory &changing_bytes() override { return raw; }
     void forget_bytes() override { cache.forget(); }
 
+    bool is_free() const override { return true; }
     void refresh() override
     {
+        const int tid = kind == KRV_PROC_SELF ? pid : living_thread(pid);
+        if (tid != living) {
+            living = tid;
+            raw = live_memory(tid);
+        }
         forget_bytes();
-        maps = read_maps(living);
+        read_program(); // it may be another one by now
         list();
     }
 
@@ -224,21 +244,32 @@ private:
 
 } // namespace
 
-std::unique_ptr<source> attach_source(int pid)
+// Of a thread, its process.
+static int process_of(int pid)
 {
-    if (pid <= 0)
-        throw failure(KRV_ELF_ERR_NOTFOUND, fmt::format("process {}: no such process", pid));
-    const int process = read_status_number(pid, "Tgid"); // of a thread, its process
+    const int process = pid <= 0 ? -1 : read_status_number(pid, "Tgid");
     if (process < 0)
         throw failure(KRV_ELF_ERR_NOTFOUND, fmt::format("process {}: no such process", pid));
+    return process;
+}
+
+std::unique_ptr<source> attach_source(int pid)
+{
+    const int process = process_of(pid);
     if (process == getpid())
         throw failure(KRV_ELF_ERR_SYSTEM, fmt::format("process {}: the calling process cannot stop itself", pid));
     return std::make_unique<live_source>(process, std::make_unique<stopped_process>(process));
 }
 
+std::unique_ptr<source> watch_source(int pid)
+{
+    const int process = process_of(pid);
+    return std::make_unique<free_source>(KRV_PROC_LIVE, process, living_thread(process));
+}
+
 std::unique_ptr<source> self_source()
 {
-    return std::make_unique<own_source>();
+    return std::make_unique<free_source>(KRV_PROC_SELF, getpid(), getpid());
 }
 
 } // namespace krv_elf_loader

@@ -103,7 +103,8 @@ public:
     // The modules are listed: from now on files may be looked for beyond their paths.
     virtual void end_of_list() {}
 
-    // Of a process that runs: what was kept of memory is no longer so; mappings and threads may be others.
+    // Of a process that nothing holds: what was kept of memory is no longer so; mappings and threads may be others.
+    virtual bool is_free() const { return false; }
     virtual void forget_bytes() {}
     virtual void refresh() {}
 
@@ -132,6 +133,7 @@ public:
 std::unique_ptr<source> attach_source(int pid); // throws failure
 std::unique_ptr<source> core_source(const std::string &core, const std::string &exe,
                                     const search_settings &search); // throws failure
+std::unique_ptr<source> watch_source(int pid);                      // throws failure
 std::unique_ptr<source> self_source();                              // throws failure
 
 // The auxiliary vector in `size` bytes at `bytes`, of words as wide as the target's.

@@ -18,7 +18,8 @@ import tempfile
 
 from support import SOURCES, answer_of, build, fail, need, run, write
 
-VERBS = ('addr', 'explain', 'filter', 'units', 'lines', 'funcs', 'entries', 'sections', 'check', 'stack', 'merge', 'unwind', 'expr')
+VERBS = ('addr', 'explain', 'filter', 'units', 'lines', 'funcs', 'entries', 'sections', 'check', 'record', 'stack', 'merge', 'unwind',
+         'expr')
 
 
 def first_line_of(function):

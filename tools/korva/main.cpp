@@ -29,6 +29,7 @@
     VERB(entries)                                                                                                      \
     VERB(sections)                                                                                                     \
     VERB(check)                                                                                                        \
+    VERB(record)                                                                                                       \
     VERB(stack)                                                                                                        \
     VERB(merge)                                                                                                        \
     VERB(unwind)                                                                                                       \

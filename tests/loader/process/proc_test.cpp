@@ -289,6 +289,33 @@ TEST_F(Process, LetGoKeepsWhatWasLearnt)
     fs::remove(copy);
 }
 
+TEST_F(Process, WatchedRunsOnAndMayExecuteAnother)
+{
+    const running_target target("target_o2", "exec");
+    const proc_ptr proc(korva_proc_watch(target.pid(), &error));
+    ASSERT_NE(proc, nullptr) << error.message;
+    EXPECT_EQ(status_of(target.pid(), "TracerPid"), "0");
+    const auto main_of = [&] {
+        std::string path;
+        each(korva_proc_iter_modules, proc.get(),
+             [&](const krv_proc_module_t *m) { path = (m->flags & KRV_PROC_MODULE_F_MAIN) != 0 ? m->path : path; });
+        return path;
+    };
+    EXPECT_EQ(main_of(), fs::canonical(target_path("target_o2")));
+    EXPECT_EQ(walk_thread(proc.get(), target.pid()).end.reason, KRV_PROC_END_ERROR);
+    kill(target.pid(), SIGUSR1);
+    for (int look = 0; look < 2000 && main_of().ends_with("target_o2"); ++look) {
+        usleep(1000);
+        korva_proc_refresh(proc.get(), &error);
+    }
+    EXPECT_NE(main_of(), fs::canonical(target_path("target_o2")));
+    kill(target.pid(), SIGKILL);
+    ASSERT_TRUE(target.wait_for_state('Z'));
+    EXPECT_EQ(korva_proc_refresh(proc.get(), &error), -1);
+    EXPECT_FALSE(main_of().empty());
+    EXPECT_EQ(korva_proc_watch(target.pid(), &error), nullptr);
+}
+
 TEST_F(Process, ThreadsAndRegisters)
 {
     const running_target target("target_o2", "threads", 4);

@@ -177,6 +177,19 @@ NOINLINE static void end_main_thread()
         pthread_exit(nullptr);
 }
 
+// On SIGUSR1.
+NOINLINE static void become_another()
+{
+    sigset_t one;
+    sigemptyset(&one);
+    sigaddset(&one, SIGUSR1);
+    sigprocmask(SIG_BLOCK, &one, nullptr);
+    say("ready\n");
+    int number = 0;
+    if (sigwait(&one, &number) == 0)
+        execlp("sleep", "sleep", "1000", nullptr);
+}
+
 static const struct {
     const char *name;
     void (*enter)(int number);
@@ -193,6 +206,7 @@ static const struct {
     {"crash", crash},
     {"stray", [](int) { map_again(); }},
     {"ended", [](int) { end_main_thread(); }},
+    {"exec", [](int) { become_another(); }},
     {"null", [](int number) { call_nothing(reinterpret_cast<void (*)()>(number)); }},
 };
 
