@@ -6,6 +6,7 @@
 #include "record/places.h"
 #include "trace/trace_options.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -15,6 +16,7 @@
 #include <optional>
 #include <spawn.h>
 #include <sys/wait.h>
+#include <thread>
 #include <unistd.h>
 
 namespace korva::program
@@ -24,6 +26,7 @@ namespace
 {
 
 constexpr double MOST_HZ = 10000;
+constexpr int LOOKS_AT_A_CHILD = 2000; // a millisecond each
 
 struct record_options : common_options { // file: where the traces go; empty: to standard output
     int pid = 0;
@@ -212,20 +215,36 @@ void recording::sample_by_ptrace()
         m_child->take_status(sampler.child_status());
 }
 
+static bool has_program(const process &proc)
+{
+    const auto modules = proc.modules();
+    return std::any_of(modules.begin(), modules.end(),
+                       [](const krv_proc_module_t *module) { return (module->flags & KRV_PROC_MODULE_F_MAIN) != 0; });
+}
+
 int recording::run()
 {
     if (m_options.pid == 0)
         start_child();
     const int pid = m_child ? m_child->pid() : m_options.pid;
     auto proc = process::watch(pid);
+    // The system lets a child go before its program is mapped.
+    for (int look = 0; m_child && look < LOOKS_AT_A_CHILD && !(proc && has_program(*proc)) && !m_child->has_ended();
+         ++look) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        proc = process::watch(pid);
+    }
     if (!proc)
         throw failure(proc.error().text(), to_record_error(proc.error()));
     m_proc.emplace(std::move(*proc));
     if (!m_proc->set_files(m_options.flags(), m_options.search))
         throw std::bad_alloc();
     const bool is_inside = m_child && sample_inside();
-    if (!is_inside)
+    if (!is_inside) {
+        if (m_ring)
+            m_ring->end();
         sample_by_ptrace();
+    }
 
     place_finder places(&*m_proc, m_options.places, m_options.bounds);
     const trace_set traces =

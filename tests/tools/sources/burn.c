@@ -30,23 +30,25 @@ __attribute__((noinline)) static void work(unsigned long steps)
         sink += i;
 }
 
-__attribute__((noinline)) static void seventy(void)
+__attribute__((noinline)) static void seventy(unsigned long share)
 {
-    work(700000);
+    work(70 * share);
     sink++; /* no tail call */
 }
 
-__attribute__((noinline)) static void thirty(void)
+__attribute__((noinline)) static void thirty(unsigned long share)
 {
-    work(300000);
+    work(30 * share);
     sink++;
 }
 
 __attribute__((noinline)) static void both(void)
 {
-    for (const double end = now() + seconds; now() < end;) {
-        seventy();
-        thirty();
+    unsigned long long random = (unsigned long long)(now() * 1e9);
+    for (const double end = now() + seconds; now() < end;) { /* never in step with a clock */
+        random = random * 6364136223846793005ULL + 1442695040888963407ULL;
+        seventy(2000 + (random >> 33) % 16000);
+        thirty(2000 + (random >> 33) % 16000);
     }
 }
 

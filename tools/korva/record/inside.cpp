@@ -97,6 +97,8 @@ void shared_ring::end()
     m_header->ended = 1;
     m_header->welcome = UINT32_MAX;
     wake(&m_header->welcome);
+    if (m_header->pid == 0) // the program waits to know whether it is the one
+        set_process(INT_MAX);
 }
 
 void shared_ring::welcome()
