@@ -33,6 +33,7 @@
     VERB(stack)                                                                                                        \
     VERB(merge)                                                                                                        \
     VERB(unwind)                                                                                                       \
+    VERB(report)                                                                                                       \
     VERB(expr)
 
 namespace korva::program

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdint>
+#include <span>
 #include <string>
 #include <utility>
 #include <vector>
@@ -18,5 +19,9 @@ struct source_text {
 
 /** Reads line @p wanted with @p context lines on each side. */
 source_text read_source(const std::string &path, uint32_t wanted, uint32_t context, const std::string &program);
+
+/** The same of each of the lines, which are different and ascend: the file is read once. */
+std::vector<source_text> read_sources(const std::string &path, std::span<const uint32_t> wanted, uint32_t context,
+                                      const std::string &program);
 
 } // namespace korva::program::explanation
