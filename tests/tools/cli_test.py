@@ -18,7 +18,7 @@ import tempfile
 
 from support import SOURCES, answer_of, build, fail, need, run, write
 
-VERBS = ('addr', 'explain', 'filter', 'units', 'lines', 'funcs', 'entries', 'sections', 'check', 'record', 'stack', 'merge', 'unwind',
+VERBS = ('addr', 'explain', 'filter', 'units', 'lines', 'funcs', 'entries', 'sections', 'check', 'record', 'stack', 'merge', 'unwind', 'report',
          'expr')
 
 
