@@ -609,6 +609,10 @@ def test_stack(korva, folder):
                 record = json.loads(korva.run('stack', '-p', pid, '-q', bound, '--format=jsonl').out)
                 if (record['status'], record['error']['code']) != ('limit', 'KRV_ERR_EXT_LIMIT'):
                     fail(f'stack {bound}: {record}')
+            page = korva.run('report', '-p', pid, '--no-source').out
+            traces = [json.loads(line.replace('\\u003c', '<')) for line in page.splitlines() if line.startswith('{"v":1')]
+            if [(t['end'], t['owners'][0]['process']) for t in traces] != [('outermost', pid)]:
+                fail(f'the page of {pid}: {traces}')
             frame = json.loads(korva.run('stack', '-p', pid, '-q', '--format=jsonl').out)['frames'][0]
             section = re.search(r' \.text +PROGBITS +0*([0-9a-f]+) 0*([0-9a-f]+) ', answer_of('readelf', '-SW', frame['module']))
             if int(frame['address'], 16) - int(frame['file_offset'], 16) != int(section[1], 16) - int(section[2], 16):
@@ -643,7 +647,7 @@ def test_usage(korva, program):
         korva.expect([flag], 0, r'korva \d+\.\d+\.\d+\n')
     for verb in VERBS:
         for help_of in ([verb, '--help'], ['help', verb]):
-            korva.expect(help_of, 0, f'.*--format.*Examples:\n  korva {verb} .*')
+            korva.expect(help_of, 0, f'.*{"" if verb == "report" else "--format"}.*Examples:\n  korva {verb} .*')
     for flag in ('--help', 'help'):
         korva.expect([flag], 0, '.*' + '.*'.join(VERBS) + '.*Exit status: 0 .*')
 

@@ -258,8 +258,8 @@ void add_unwind(CLI::App &app, int *status)
         "build-id below /usr/lib/debug and --debug-dir, and nowhere else.\n"
         "Exit status: 0 every stack was walked to its outermost frame, 1 some ended early, 2 nothing.\n"
         "Examples:\n"
-        "  korva stack -p 4711 --format=jsonl --raw-stack 64K > thread.jsonl\n"
-        "  korva unwind --debug-dir /srv/symbols < thread.jsonl");
+        "  korva unwind --debug-dir /srv/symbols < thread.jsonl\n"
+        "  korva stack -p 4711 --format=jsonl --raw-stack 64K > thread.jsonl");
     verb->callback([options, status] {
         set_output_format(options->format);
         *status = run_unwind(*options);
