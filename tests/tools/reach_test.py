@@ -264,6 +264,7 @@ SLURM = """ClusterName=test
 SlurmctldHost={host}(127.0.0.1)
 SlurmctldPort={ports[0]}
 SlurmdPort={ports[1]}
+CommunicationParameters=NoInAddrAny,NoCtldInAddrAny
 AuthType=auth/none
 CredType=cred/none
 SlurmUser={user}
