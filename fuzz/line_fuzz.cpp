@@ -47,6 +47,8 @@ static int ask(krv_handle_t *hp, krv_ctu_t *cu, void *arg)
     }
     for (const uint64_t size : {uint64_t{1}, uint64_t{0x100}, UINT64_MAX}) {
         krv_lns_t *row = korva_lookup_source_by_cu_and_addr(hp, cu, address, size, address, 0);
+        if (matrix == nullptr)
+            continue; // a program that failed defines its files again when it is asked again, and may then succeed
         uint32_t line = 0;
         uint64_t canonical;
         const krv_lnfe_t *file = nullptr;
