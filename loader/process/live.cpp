@@ -136,7 +136,7 @@ void running_source::read_program()
 // there are copies, and they are what it wants.
 std::string running_source::locate(const mapping &where)
 {
-    const std::string here = path_here(where);
+    std::string here = path_here(where);
     if (!client_files.sysroot.empty()) {
         if (access(here.c_str(), R_OK) == 0)
             return here;

@@ -14,8 +14,8 @@ static constexpr std::array<uint8_t, 256> make_base64_values()
 {
     std::array<uint8_t, 256> values{};
     values.fill(NO_DIGIT);
-    for (uint8_t i = 0; i < BASE64_DIGITS.size(); ++i)
-        values[static_cast<uint8_t>(BASE64_DIGITS[i])] = i;
+    for (size_t i = 0; i < BASE64_DIGITS.size(); ++i)
+        values[static_cast<uint8_t>(BASE64_DIGITS[i])] = static_cast<uint8_t>(i);
     return values;
 }
 static constexpr std::array<uint8_t, 256> BASE64_VALUES = make_base64_values();

@@ -64,8 +64,9 @@ private:
 static std::vector<char *> to_words(const std::vector<std::string> &texts)
 {
     std::vector<char *> words;
+    words.reserve(texts.size() + 1);
     for (const std::string &text : texts)
-        words.push_back(const_cast<char *>(text.c_str())); // NOLINT(cppcoreguidelines-pro-type-const-cast)
+        words.push_back(const_cast<char *>(text.c_str()));
     words.push_back(nullptr);
     return words;
 }

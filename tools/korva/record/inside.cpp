@@ -33,7 +33,7 @@ std::string find_record_library()
     const std::string_view exe(own, length < 0 ? 0 : static_cast<size_t>(length));
     const std::string folder(exe.substr(0, exe.rfind('/') + 1));
     for (const char *place : {"libkorva-record.so", KORVA_RECORD_LIBRARY})
-        if (const std::string path = folder + place;
+        if (std::string path = folder + place;
             access(path.c_str(), R_OK) == 0 && path.find_first_of(" :\t\n") == std::string::npos)
             return path;
     return "";

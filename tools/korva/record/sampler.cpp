@@ -70,7 +70,7 @@ nanoseconds processor_time()
 // ---------------------------------------------------------------------------------------------------------------
 
 ptrace_sampler::ptrace_sampler(process *proc, const recording_signals *signals, sampling_request request)
-    : m_proc(proc), m_pid(proc->info().pid), m_signals(signals), m_request(request), m_walker(proc), m_threads(m_pid),
+    : m_pid(proc->info().pid), m_signals(signals), m_request(request), m_walker(proc), m_threads(m_pid),
       m_memory(m_pid), m_image(program_image(m_pid))
 {
 }

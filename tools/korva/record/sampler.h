@@ -93,7 +93,6 @@ private:
     void read_names();
     bool wait(moment until);
 
-    process *m_proc;
     int m_pid;
     const recording_signals *m_signals;
     sampling_request m_request;
