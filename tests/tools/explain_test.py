@@ -11,6 +11,7 @@ import re
 import shutil
 import tempfile
 
+from cores import make_cores
 from support import SOURCES, answer_of, build, fail, need, run
 
 PROGRAMS = [(compiler, version) for compiler in ('gcc', 'g++', 'clang', 'clang++') for version in (4, 5)]
@@ -167,6 +168,20 @@ def test_reasons(korva, folder):
         fail(f'text: {text.out}{text.err}')
 
 
+def test_core(korva, folder):
+    """Of a core file, each address that its stacks go through: where it is, as the stacks have it, and how it is left."""
+    core, = make_cores(folder, 1, 4)
+    stacks = json.loads(run(korva, 'stack', '--core', core, '-q', '--format=json').out)
+    frames = [frame for stack in stacks for frame in stack['frames'] if frame['line']]
+    explained = json.loads(run(korva, 'explain', '--core', core, '--format=json', *(f['lookup_pc'] for f in frames)).out)
+    if len(frames) < 10 or len(explained) != len(frames):
+        fail(f'{core}: {len(frames)} frames, {len(explained)} explanations')
+    for frame, record in zip(frames, explained):
+        innermost = record['frames'][0]
+        if (innermost['file'], innermost['line']) != (frame['file'], frame['line']) or not record['frame']:
+            fail(f'{core} {frame}: {innermost}, {record["frame"]}')
+
+
 def section_of(program, name):
     return '0x' + re.search(rf' {re.escape(name)} +PROGBITS +(\w+) ', answer_of('readelf', '-SW', program)).group(1)
 
@@ -179,6 +194,8 @@ def main():
     with tempfile.TemporaryDirectory() as folder:
         test_answers(korva, folder)
         test_reasons(korva, folder)
+        if shutil.which('gdb'):
+            test_core(korva, folder)
     print('passed')
 
 
