@@ -613,6 +613,9 @@ def test_stack(korva, folder):
             traces = [json.loads(line.replace('\\u003c', '<')) for line in page.splitlines() if line.startswith('{"v":1')]
             if [(t['end'], t['owners'][0]['process']) for t in traces] != [('outermost', pid)]:
                 fail(f'the page of {pid}: {traces}')
+            record = next(line for line in page.splitlines() if line.startswith('{"v":1'))
+            if record not in run(korva.path, 'report', '--no-source', '/dev/stdin', text=record + '\n').out.splitlines():
+                fail(f'a page of what comes through a pipe does not have {record}')
             frame = json.loads(korva.run('stack', '-p', pid, '-q', '--format=jsonl').out)['frames'][0]
             section = re.search(r' \.text +PROGBITS +0*([0-9a-f]+) 0*([0-9a-f]+) ', answer_of('readelf', '-SW', frame['module']))
             if int(frame['address'], 16) - int(frame['file_offset'], 16) != int(section[1], 16) - int(section[2], 16):

@@ -2,7 +2,7 @@
 # SPDX-License-Identifier: Apache-2.0
 """The page that `korva report` makes, as a browser shows it: what is in it, what names from anywhere do in it, and how it takes many traces.
 
-  report_test.py --korva PROGRAM [--pictures FOLDER]
+  report_test.py --korva PROGRAM
 """
 import argparse
 import json
@@ -179,7 +179,6 @@ def check_hostile(page):
 def main():
     parser = argparse.ArgumentParser()
     parser.add_argument('--korva', required=True)
-    parser.add_argument('--pictures')
     options = parser.parse_args()
     with tempfile.TemporaryDirectory(prefix='korva_report.') as folder:
         test_refusals(options.korva, folder)

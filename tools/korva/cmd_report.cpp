@@ -10,6 +10,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <filesystem>
 #include <memory>
 
 namespace korva::program
@@ -47,10 +48,12 @@ static void write_page(const std::string &page, const std::string &output)
         throw failure(fmt::format("{}: {}", output, std::strerror(errno)));
 }
 
-static bool is_elf(const std::string &path)
+// Core files among what is to be read. A pipe is none, and must not be looked into: it can be read once.
+static bool is_core(const std::string &path)
 {
+    std::error_code none;
     char start[4] = {};
-    std::FILE *file = path == "-" ? nullptr : std::fopen(path.c_str(), "re");
+    std::FILE *file = std::filesystem::is_regular_file(path, none) ? std::fopen(path.c_str(), "re") : nullptr;
     const bool is_read = file != nullptr && std::fread(start, 1, sizeof(start), file) == sizeof(start);
     if (file != nullptr)
         std::fclose(file);
@@ -58,7 +61,8 @@ static bool is_elf(const std::string &path)
 }
 
 // Processes and core files. The page tells what was not as it should be.
-static exit_status collect_stacks(const report_options &options, trace_set *traces, std::vector<std::string> *told)
+static exit_status collect_stacks(const report_options &options, const std::vector<std::string> &cores,
+                                  trace_set *traces, std::vector<std::string> *told)
 {
     trace_collector all({.places = {.demangle = options.demangle},
                          .exe = options.exe,
@@ -67,9 +71,8 @@ static exit_status collect_stacks(const report_options &options, trace_set *trac
                          .bounds = options.bounds});
     for (const int pid : options.pids)
         all.add_process(pid);
-    for (const std::string &file : options.files)
-        if (is_elf(file))
-            all.add_core(file);
+    for (const std::string &core : cores)
+        all.add_core(core);
     for (const trace *t : all.traces().sorted())
         traces->add(*t);
     *told = all.notes();
@@ -84,15 +87,17 @@ static int run_report(report_options &options)
         throw CLI::ValidationError("report", "give a FILE or -p PID");
     trace_set traces;
     options.page.has_sources = !options.no_source;
-    const bool has_stacks = !options.pids.empty() || std::any_of(options.files.begin(), options.files.end(), is_elf);
-    const exit_status of_stacks = has_stacks ? collect_stacks(options, &traces, &options.page.told) : ANSWERED;
+    const auto first_core = std::stable_partition(options.files.begin(), options.files.end(),
+                                                  [](const auto &file) { return !is_core(file); });
+    const std::vector<std::string> cores(first_core, options.files.end());
+    options.files.erase(first_core, options.files.end());
+    const bool has_stacks = !options.pids.empty() || !cores.empty();
+    const exit_status of_stacks = has_stacks ? collect_stacks(options, cores, &traces, &options.page.told) : ANSWERED;
     tally done;
     std::vector<std::string> told;
     {
         kept_diagnostics kept;
         for (const std::string &file : options.files) {
-            if (is_elf(file))
-                continue;
             try {
                 read_traces(file, &traces, &done);
             } catch (const failure &f) { // the others are shown all the same
