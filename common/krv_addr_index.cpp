@@ -186,7 +186,7 @@ static krv_ctu_t *find_by_sets(krv_handle_t *hp, uint64_t address, krv_addr_stre
     krv_ctu_t *cu = krv_units_get_named(hp, &hp->sh_sets->ss_sets[first]);
     if (cu != nullptr)
         krv_store(&stretch->hint->sah_unit, cu);
-    *nonep = cu == nullptr && hp->sh_errno == KRV_ERR_NOTFOUND && hp->sh_nerrors == 0;
+    *nonep = cu == nullptr && krv_errno(hp) == KRV_ERR_NOTFOUND && krv_error_of(hp)->count == 0;
     return cu;
 }
 
@@ -205,7 +205,7 @@ static uint32_t count_units_to(const krv_handle_t *hp, const krv_ctu_t *cu)
         unit = search_scanned(hp, index, address, first, unit);
     if (unit != KRV_ADDR_NOTHING)
         return hp->sh_cu_table[unit];
-    hp->sh_errno = index->sai_unknown_units != 0 ? KRV_ERR_NONE : KRV_ERR_NOTFOUND;
+    krv_errno(hp) = index->sai_unknown_units != 0 ? KRV_ERR_NONE : KRV_ERR_NOTFOUND;
     return nullptr;
 }
 

@@ -138,7 +138,7 @@ bool krv_addr_map_make(krv_handle_t *hp, const krv_addr_ranges &ranges, krv_pain
 {
     *map = {};
     if (ranges.entries >= UINT32_MAX / 2) {
-        hp->sh_errno = KRV_ERR_NOMEM;
+        krv_errno(hp) = KRV_ERR_NOMEM;
         return false;
     }
     if (ranges.entries == 0)

@@ -7,6 +7,7 @@
 #include "krv_error.h"
 #include "krv_fd.h"
 #include "krv_mem.h"
+#include "krv_threads.h"
 
 namespace
 {
@@ -45,7 +46,7 @@ static bool read_unit_length(krv_handle_t *hp, krv_arh_t *arhp, krv_fd_t *fdp, u
 
 static bool read_header(krv_handle_t *hp, krv_arh_t *arhp, uint64_t offset)
 {
-    krv_fd_t *fdp = &hp->sh_sec[KRV_SEC_ARANGES];
+    krv_fd_t *fdp = krv_position(hp, KRV_SEC_ARANGES);
     if (korva_fd_seek(fdp, offset, KRV_FD_SEEK_SET) != 0) {
         krv_note(hp, "couldn't seek in .debug_aranges");
         return false;
@@ -175,7 +176,7 @@ int krv_iter_aranges_entry(krv_handle_t *hp, krv_arh_t *arhp, krv_iter_are_f *fn
         return 0;
     }
 
-    krv_fd_t *fdp = &hp->sh_sec[KRV_SEC_ARANGES];
+    krv_fd_t *fdp = krv_position(hp, KRV_SEC_ARANGES);
     bool sound = enter_set(hp, arhp, fdp, selector_size + 2 * address_size);
     while (sound && fdp->sfd_remaining > 0) {
         tuple t;
@@ -185,7 +186,7 @@ int krv_iter_aranges_entry(krv_handle_t *hp, krv_arh_t *arhp, krv_iter_are_f *fn
         if (t.selector == 0 && t.address == 0 && t.length == 0)
             return 0;
         if (const int result = fn(hp, t.selector, t.address, t.length, arg)) {
-            hp->sh_errno = KRV_ERR_IO;
+            krv_errno(hp) = KRV_ERR_IO;
             return result;
         }
     }

@@ -33,7 +33,7 @@ static int get_frame_base(krv_handle_t *hp, krv_activation_t *ap, uint64_t *base
     const int result = krv_activation_read(hp, ap, krv_current_registers, KRV_ACTIVATION_REG_DWARF,
                                            ap->sa_mach_def->smd_fp, basep, sizeof(*basep));
     *presentp = result == 0;
-    return result == 0 || hp->sh_errno == KRV_ERR_NOTFOUND ? 0 : krv_note(hp, "error obtaining fp");
+    return result == 0 || krv_errno(hp) == KRV_ERR_NOTFOUND ? 0 : krv_note(hp, "error obtaining fp");
 }
 
 static int execute_location(krv_handle_t *hp, krv_activation_t *ap, krv_fd_t *fdp, uint64_t *framep, uint64_t *countp)
@@ -49,7 +49,7 @@ static int execute_location(krv_handle_t *hp, krv_activation_t *ap, krv_fd_t *fd
                                         .entry = nullptr,
                                         .budget = ap->sa_budget != nullptr ? ap->sa_budget : &own_budget};
     const int result = krv_expr_execute(hp, fdp, &context);
-    if (result == 0 || hp->sh_errno == KRV_ERR_NOSPACE)
+    if (result == 0 || krv_errno(hp) == KRV_ERR_NOSPACE)
         *countp = ap->sa_arg_fd[0]->sfd_offset; // what fitted is there also when more was wanted
     return result == 0 ? 0 : krv_note(hp, "error executing location description");
 }

@@ -32,7 +32,7 @@ bool krv_visit_ascending(krv_handle_t *hp, const uint64_t *addrs, size_t count, 
     if (count == 0)
         return true;
     if (count > SIZE_MAX / (2 * sizeof(krv_numbered<uint64_t>))) {
-        hp->sh_errno = KRV_ERR_NOMEM;
+        krv_errno(hp) = KRV_ERR_NOMEM;
         return false;
     }
     const auto [lowest, highest] = std::minmax_element(addrs, addrs + count);

@@ -275,11 +275,11 @@ void krv_compact_learn(krv_handle_t *hp, const krv_activation_t *ap, uint64_t pc
     krv_compact_t rule;
     if (!is_cached(hp, pc) || !krv_compact_encode(ap, column, &rule))
         return;
-    const int32_t code = hp->sh_errno;
+    const int32_t code = krv_errno(hp);
     uint64_t *cache = get_cache(hp, c);
     const krv_compact_number_t number =
         cache == nullptr ? krv_compact_number_t{KRV_COMPACT_ASK} : krv_compact_intern(hp, c, &rule);
     if (number >= KRV_COMPACT_FIRST)
         krv_store(cache_entry(cache, hp, pc), pc << 16 | number);
-    hp->sh_errno = code; // of no memory to keep it: what was asked for has not failed
+    krv_errno(hp) = code; // of no memory to keep it: what was asked for has not failed
 }

@@ -10,6 +10,7 @@
 #include "krv_info.h"
 #include "krv_mem.h"
 #include "krv_names.h"
+#include "krv_threads.h"
 
 #include <utility>
 
@@ -45,7 +46,7 @@ struct krv_die_part_t {
 static void *alloc_part(krv_handle_t *hp, krv_die_t *die, uint64_t size)
 {
     if (size > PTRDIFF_MAX - sizeof(krv_die_part_t)) {
-        hp->sh_errno = KRV_ERR_NOMEM;
+        krv_errno(hp) = KRV_ERR_NOMEM;
         return nullptr;
     }
     auto *part = static_cast<krv_die_part_t *>(krv_alloc(hp, sizeof(krv_die_part_t) + size));
@@ -325,7 +326,7 @@ static bool take_attributes(krv_handle_t *hp, const krv_abbrev_t *abbrev, uint64
                                                           krv_single_abbrev_t *single, krv_die_walk *walk)
 {
     krv_clear_error(hp);
-    krv_fd_t *fdp = &hp->sh_sec[cu->dcu_section];
+    krv_fd_t *fdp = krv_position(hp, cu->dcu_section);
     const uint64_t section_offset = krv_add_offset(cu->dcu_offset, offset);
     krv_die_t *die = nullptr;
     uint64_t code = 0;
@@ -333,7 +334,7 @@ static bool take_attributes(krv_handle_t *hp, const krv_abbrev_t *abbrev, uint64
         krv_read_field(fdp, DW_FORM_udata, &code, "failed to read DIE's abbreviation code")) {
         if (code == 0) {
             walk->is_at_null = true;
-            hp->sh_errno = KRV_ERR_NOTFOUND;
+            krv_errno(hp) = KRV_ERR_NOTFOUND;
             return nullptr;
         }
         krv_abbrev_t *abbrev;
@@ -372,7 +373,7 @@ krv_die_t *krv_alloc_die_by_cu_offset(krv_handle_t *hp, krv_ctu_t *cu, krv_offse
     if (hp == nullptr)
         return nullptr;
     if (cu == nullptr) {
-        hp->sh_errno = KRV_ERR_INVALID;
+        krv_errno(hp) = KRV_ERR_INVALID;
         return nullptr;
     }
     krv_die_walk walk = {UINT64_MAX, false};
@@ -462,7 +463,7 @@ const char *krv_find_die_string(krv_handle_t *hp, krv_die_t *die, krv_attribute_
     if (krv_get_die_attr(hp, die, attr, nullptr, &mask, &value) != 0)
         return nullptr;
     if ((static_cast<uint32_t>(mask) & KRV_CLASS_STRING) == 0 || size == 0) {
-        hp->sh_errno = KRV_ERR_INVALID;
+        krv_errno(hp) = KRV_ERR_INVALID;
         *lengthp = KRV_NO_STRING;
         return nullptr;
     }
@@ -529,7 +530,7 @@ static krv_die_t *first_child(krv_handle_t *hp, krv_die_t *die, krv_die_walk *wa
 {
     if (!has_children(die)) {
         walk->is_at_null = true;
-        hp->sh_errno = KRV_ERR_NOTFOUND;
+        krv_errno(hp) = KRV_ERR_NOTFOUND;
         return nullptr;
     }
     return krv_alloc_next_die(hp, die->dwdie_parent_cu, offset_behind(die), walk);
@@ -578,7 +579,7 @@ static int skip_children(krv_handle_t *hp, krv_die_t *top, krv_offset_t *offsetp
             if (!is_at_null)
                 return -1;
             --level;
-            offset = hp->sh_sec[cu->dcu_section].sfd_offset - cu->dcu_offset; // behind the null entry
+            offset = krv_position(hp, cu->dcu_section)->sfd_offset - cu->dcu_offset; // behind the null entry
             continue;
         }
         is_first = false;

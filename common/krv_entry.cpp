@@ -145,7 +145,7 @@ static int find_sibling_link(krv_handle_t *hp, const krv_place_t &place, const k
 {
     krv_attr_t attr;
     if (korva_entry_get_attr(hp, entry, DW_AT_sibling, &attr) != 0)
-        return hp->sh_errno == KRV_ERR_NOTFOUND ? 0 : -1;
+        return krv_errno(hp) == KRV_ERR_NOTFOUND ? 0 : -1;
     const uint8_t *end = find_end(hp, place, entry);
     if (end == nullptr)
         return -1;

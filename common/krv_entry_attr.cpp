@@ -404,7 +404,7 @@ int korva_iter_entries(krv_handle_t *hp, krv_ctu_t *cup, krv_iter_entry_attrs_f 
             return -1;
         moved = krv_entry_next(hp, place, &entry);
     }
-    if (hp->sh_errno != KRV_ERR_NOTFOUND)
+    if (krv_errno(hp) != KRV_ERR_NOTFOUND)
         return -1;
     krv_clear_error(hp);
     return 0;

@@ -26,7 +26,7 @@ krv_exprstack_t *korva_expr_alloc_stack(krv_handle_t *hp)
     const krv_opt_t *opt = &hp->sh_opts[KRV_OPT_EXPR_STACK_SIZE];
     esp->ses_size = opt->sopt_set == B_TRUE ? opt->sopt_u.o_ulong : KRV_EXPR_STACK_DEFAULT;
     if (esp->ses_size > SIZE_MAX / sizeof(uint64_t)) {
-        hp->sh_errno = KRV_ERR_NOMEM;
+        krv_errno(hp) = KRV_ERR_NOMEM;
         return nullptr;
     }
     esp->ses_stackp = static_cast<uint64_t *>(krv_zalloc(hp, esp->ses_size * sizeof(uint64_t)));

@@ -173,8 +173,9 @@ void krv_tell(krv_handle_t *hp, krv_secidx_t sec, uint64_t offset, bool refused,
 krv_cause_t krv_cause(krv_handle_t *hp)
 {
     const krv_read_guard guard(&hp->sh_error_lock);
+    const krv_error_state *const error = krv_error_of(hp);
     const char *text = krv_ran_out(hp) ? "out of memory" : "it is damaged";
     krv_cause_t cause;
-    std::snprintf(cause.text, sizeof(cause.text), "%s", hp->sh_nerrors != 0 ? hp->sh_errors[0] : text);
+    std::snprintf(cause.text, sizeof(cause.text), "%s", error->count != 0 ? error->texts[0] : text);
     return cause;
 }

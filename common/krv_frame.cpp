@@ -35,7 +35,7 @@ struct record_walk {
 static int step_over(record_walk *walk, uint64_t offset, uint64_t *sizep)
 {
     krv_handle_t *hp = walk->hp;
-    if (!krv_reads_as_written(hp) || krv_ran_out(hp) || hp->sh_errno == KRV_ERR_NOTFOUND ||
+    if (!krv_reads_as_written(hp) || krv_ran_out(hp) || krv_errno(hp) == KRV_ERR_NOTFOUND ||
         walk->reader->sr_ops->sro_step_over(hp, walk->reader, offset, sizep) != 0)
         return -1;
     walk->first_refused = walk->refused == 0 ? offset : walk->first_refused;
@@ -98,8 +98,8 @@ static krv_linear_t *build_linear_table(krv_handle_t *hp, krv_reader_t *reader, 
         krv_tell(hp, reader->sr_ops->sro_section, walk.first_refused, true,
                  "%lu records of call-frame information cannot be read", static_cast<unsigned long>(walk.refused));
     if (lt->sl_table_entries == 0) {
-        if (hp->sh_errno == KRV_ERR_NONE)
-            hp->sh_errno = KRV_ERR_NOTFOUND; // the last read did not fail
+        if (krv_errno(hp) == KRV_ERR_NONE)
+            krv_errno(hp) = KRV_ERR_NOTFOUND; // the last read did not fail
         return nullptr;
     }
     if (!krv_table_trim(hp, &lt->sl_table, &lt->sl_table_size, lt->sl_table_entries))
@@ -155,7 +155,7 @@ static inline int find_entry(krv_handle_t *hp, krv_reader_t *reader, uint64_t ad
             entry->by_table = true;
             return 0;
         }
-        if (hp->sh_errno != KRV_ERR_UNSUPPORTED)
+        if (krv_errno(hp) != KRV_ERR_UNSUPPORTED)
             return -1;
     }
     if (lt == nullptr)

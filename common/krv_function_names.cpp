@@ -7,6 +7,8 @@
 #include "krv_hash.h"
 #include "krv_mem.h"
 
+#include <bit>
+
 static uint32_t small_number(const krv_attr_t &attr)
 {
     return attr.number <= UINT32_MAX ? static_cast<uint32_t>(attr.number) : 0;
@@ -77,21 +79,23 @@ bool krv_function_names_find(krv_handle_t *hp, const krv_entry_t &of, krv_functi
     return krv_forgive(hp);
 }
 
-static krv_hash_t *get_kept(krv_handle_t *hp)
+static krv_hash_t *get_kept(krv_handle_t *hp, uint64_t key)
 {
-    if (krv_hash_t *kept = krv_load(&hp->sh_function_names))
+    constexpr unsigned HASH_BITS = 64 - std::countr_zero(KRV_NAME_TABLES);
+    krv_hash_t **const table = &hp->sh_function_names[(key * 0x9e3779b97f4a7c15U) >> HASH_BITS];
+    if (krv_hash_t *kept = krv_load(table))
         return kept;
     krv_hash_t *fresh = krv_hash_create(hp, 0, KRV_HASH_UINT64);
-    return fresh == nullptr ? nullptr : krv_publish(&hp->sh_function_names, fresh, krv_hash_destroy);
+    return fresh == nullptr ? nullptr : krv_publish(table, fresh, krv_hash_destroy);
 }
 
 const krv_function_names *krv_function_names_keep(krv_handle_t *hp, const krv_entry_t &entry, const krv_attr_t &origin)
 {
-    krv_hash_t *kept = get_kept(hp);
-    if (kept == nullptr)
-        return nullptr;
     // No section in memory has an offset with the highest bit.
     const krv_hash_key_t key = {.dwhk_u = origin.is_alternate ? origin.number | uint64_t{1} << 63 : origin.number};
+    krv_hash_t *kept = get_kept(hp, key.dwhk_u);
+    if (kept == nullptr)
+        return nullptr;
     if (const void *known = krv_hash_lookup(hp, kept, &key))
         return static_cast<const krv_function_names *>(known);
     krv_owner<krv_function_names> fresh(krv_new<krv_function_names>(hp));
@@ -115,9 +119,11 @@ static int free_names(void *names)
 
 void krv_function_names_destroy(krv_handle_t *hp)
 {
-    if (hp->sh_function_names == nullptr)
-        return;
-    krv_hash_iter(hp->sh_function_names, free_names);
-    krv_hash_destroy(hp->sh_function_names);
-    hp->sh_function_names = nullptr;
+    for (krv_hash_t *&table : hp->sh_function_names) {
+        if (table == nullptr)
+            continue;
+        krv_hash_iter(table, free_names);
+        krv_hash_destroy(table);
+        table = nullptr;
+    }
 }

@@ -10,6 +10,7 @@
 #include "krv_fd.h"
 #include "krv_mem.h"
 #include "krv_skip.h"
+#include "krv_threads.h"
 
 #include <utility>
 
@@ -77,7 +78,7 @@ int krv_iter_functions(krv_handle_t *hp, krv_ctu_t *cu, krv_iter_functions_f *fn
                 if (const int result = fn(hp, die.get(), arg))
                     return result;
         } else if (std::exchange(walk.is_at_null, false)) {
-            offset = hp->sh_sec[cu->dcu_section].sfd_offset - cu->dcu_offset; // behind the null entry
+            offset = krv_position(hp, cu->dcu_section)->sfd_offset - cu->dcu_offset; // behind the null entry
         } else {
             return -1;
         }

@@ -128,13 +128,13 @@ static int scan_fields(krv_handle_t *hp, unsigned record, unsigned int nfields, 
         krv_clear_error(hp);
         dst->matrix = krv_line_get_matrix(hp, dst->header);
         if (dst->matrix == nullptr) {
-            code = hp->sh_errno;
+            code = krv_errno(hp);
             result = krv_note(hp, "unable to generate line number matrix");
         }
         for (unsigned int k = nillegal; k > 0; --k)
             krv_restore_error(hp, "illegal field %d specified", illegal[k - 1]);
     }
-    hp->sh_errno = code;
+    krv_errno(hp) = code;
     return result;
 }
 

@@ -157,7 +157,7 @@ void *krv_hash_lookup(krv_handle_t *hp, krv_hash_t *table, const krv_hash_key_t 
         if (const krv_hash_elem_t *e = find(table, key))
             return e->dwhe_value;
     }
-    hp->sh_errno = KRV_ERR_NOTFOUND;
+    krv_errno(hp) = KRV_ERR_NOTFOUND;
     return nullptr;
 }
 
@@ -170,7 +170,7 @@ void *krv_hash_insert(krv_handle_t *hp, krv_hash_t *table, const krv_hash_key_t 
     if (table->dwhsh_occupancy > nbuckets / 2 && nbuckets <= UINT32_MAX / 2 && grow(hp, table, nbuckets * 2) != 0)
         return nullptr;
     if (const krv_hash_elem_t *e = find(table, key)) {
-        hp->sh_errno = KRV_ERR_EXISTS;
+        krv_errno(hp) = KRV_ERR_EXISTS;
         return e->dwhe_value;
     }
     krv_hash_elem_t *fresh = table->dwhsh_unused++;

@@ -10,6 +10,7 @@
 #include "krv_ext.h"
 #include "krv_fd.h"
 #include "krv_mem.h"
+#include "krv_threads.h"
 
 static const char *section_name(krv_secidx_t sec)
 {
@@ -51,7 +52,7 @@ static bool is_base_version(uint16_t version)
 
 static bool read_header(krv_handle_t *hp, krv_ctu_t *cu, krv_secidx_t sec, uint64_t offset)
 {
-    krv_fd_t *fdp = krv_section(hp, sec);
+    krv_fd_t *fdp = krv_position(hp, sec);
     *cu = {};
     if (korva_fd_seek(fdp, offset, KRV_FD_SEEK_SET) != 0 || !read_unit_length(hp, cu, fdp, offset))
         return false;

@@ -48,7 +48,7 @@ krv_lnph_t *korva_line_get_cu_lnph(krv_handle_t *hp, krv_ctu_t *cup)
     if (hp == nullptr)
         return nullptr;
     if (cup == nullptr) {
-        hp->sh_errno = KRV_ERR_INVALID;
+        krv_errno(hp) = KRV_ERR_INVALID;
         return nullptr;
     }
     krv_clear_error(hp);
@@ -99,7 +99,7 @@ bool krv_line_find(krv_handle_t *hp, krv_ctu_t *cup, uint64_t start, uint64_t si
         krv_fail(hp, KRV_ERR_CORRUPT, "corrupt line number sequence in rows %u--%ufor address 0x%lx",
                  seq->slnb_start_index, seq->slnb_end_index, static_cast<unsigned long>(address));
     else
-        hp->sh_errno = KRV_ERR_NOTFOUND;
+        krv_errno(hp) = KRV_ERR_NOTFOUND;
     return false;
 }
 
@@ -109,7 +109,7 @@ krv_lns_t *korva_lookup_source_by_cu_and_addr(krv_handle_t *hp, krv_ctu_t *cup, 
     if (hp == nullptr)
         return nullptr;
     if (cup == nullptr) {
-        hp->sh_errno = KRV_ERR_INVALID;
+        krv_errno(hp) = KRV_ERR_INVALID;
         return nullptr;
     }
     krv_clear_error(hp);

@@ -67,7 +67,7 @@ static bool grow_rows(krv_handle_t *hp, const krv_lnph_t *lnphp, krv_line_draft 
     const uint64_t expected = std::min<uint64_t>(lnphp->sln_program_size, MOST_FIRST_ROWS - 1) + 1;
     const uint64_t size = std::max(expected, uint64_t{draft->size} * 2);
     if (size >= KRV_LNS_REGISTERS) {
-        hp->sh_errno = KRV_ERR_NOMEM;
+        krv_errno(hp) = KRV_ERR_NOMEM;
         return false;
     }
     krv_rows_t &rows = draft->rows;

@@ -111,7 +111,7 @@ static bool grow_files(krv_handle_t *hp, krv_lnph_t *lnphp)
     if (entries < size && !krv_lnph_has_borrowed_files(lnphp))
         return true;
     if (size > SIZE_MAX / sizeof(krv_lnfe_t *) / 4) {
-        hp->sh_errno = KRV_ERR_NOMEM;
+        krv_errno(hp) = KRV_ERR_NOMEM;
         return false;
     }
     const uint64_t grown = size == 0 ? 1 : entries < size ? size : size * 2;

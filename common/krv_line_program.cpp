@@ -542,7 +542,7 @@ static int execute(krv_handle_t *hp, krv_lnph_t *lnphp, krv_line_draft *draft, c
         if (func == nullptr)
             continue;
         if (const int result = func(hp, offset, m.opcode, m.valueps, m.nvalues, &m.registers, arg)) {
-            hp->sh_errno = KRV_ERR_IO;
+            krv_errno(hp) = KRV_ERR_IO;
             return result;
         }
     }

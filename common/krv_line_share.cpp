@@ -40,7 +40,7 @@ struct krv_line_failure {
 // The error state, if reading again can only fail in the same way and there is room to keep that. Else NULL, as it is left.
 static krv_line_failure *copy_failure(krv_handle_t *hp)
 {
-    const int code = hp->sh_errno;
+    const int code = krv_errno(hp);
     if (!krv_reads_as_written(hp) || krv_fd_is_cb(&hp->sh_sec[KRV_SEC_LINE]) || code == KRV_ERR_NOMEM)
         return nullptr;
     unsigned int count = 0;
@@ -53,7 +53,7 @@ static krv_line_failure *copy_failure(krv_handle_t *hp)
     if (!krv_line_has_room(hp, bytes))
         return nullptr;
     auto *failure = static_cast<krv_line_failure *>(krv_zalloc(hp, bytes));
-    hp->sh_errno = code;
+    krv_errno(hp) = code;
     if (failure == nullptr)
         return nullptr;
     krv_line_may_keep(hp, bytes);
@@ -74,7 +74,7 @@ static void fail_again(krv_handle_t *hp, const krv_line_failure *failure)
         krv_push_error(hp, "%s", message);
         message += std::strlen(message) + 1;
     }
-    hp->sh_errno = failure->code;
+    krv_errno(hp) = failure->code;
 }
 
 // ---------------------------------------------------------------------------------------------------------------
@@ -171,7 +171,7 @@ krv_lnph_t *krv_line_share_header(krv_handle_t *hp, krv_ctu_t *cup, uint64_t off
     if (common->slc_offset != offset || !is_current(hp, common))
         return read_header(hp, cup, offset);
     if (header == nullptr) {
-        if (hp->sh_errno == KRV_ERR_NONE) // else it has just failed so
+        if (krv_errno(hp) == KRV_ERR_NONE) // else it has just failed so
             fail_again(hp, common->slc_failure);
         return nullptr;
     }

@@ -42,7 +42,7 @@ int krv_lookup_insert_arange_entry(krv_handle_t *hp, uint64_t start, uint64_t en
     if (list->slpc_aranges_entries == list->slpc_aranges_size) {
         const size_t size = list->slpc_aranges_size;
         if (size > SIZE_MAX / PAIR_SIZE / 4) {
-            hp->sh_errno = KRV_ERR_NOMEM;
+            krv_errno(hp) = KRV_ERR_NOMEM;
             return 1;
         }
         if (!resize_list(hp, list, size == 0 ? 1 : size * 2))
@@ -196,7 +196,7 @@ static bool scan_children(krv_handle_t *hp, krv_ctu_t *cu, krv_lcpc_t *list)
     if (result == 0 && list->slpc_aranges_entries != 0)
         return true;
     if (result == 1 || krv_ran_out(hp)) { // 1: the list could not grow, but the walk read on since
-        hp->sh_errno = KRV_ERR_NOMEM;
+        krv_errno(hp) = KRV_ERR_NOMEM;
         return false;
     }
     list->slpc_aranges_entries = 0;
@@ -214,7 +214,7 @@ static int find_ranges(krv_handle_t *hp, krv_ctu_t *cu, krv_lookup_flag_t flags)
     if (found) {
         known = krv_lookup_insert_arange_entry(hp, low, high, &list) == 0;
     } else {
-        hp->sh_errno = KRV_ERR_NONE; // messages about .debug_aranges stay
+        krv_errno(hp) = KRV_ERR_NONE; // messages about .debug_aranges stay
         if ((flags & KRV_LOOKUP_F_FAST) != 0)
             return 0;
         known = scan_children(hp, cu, &list);
@@ -391,7 +391,7 @@ boolean_t korva_cu_contains_addr(krv_handle_t *hp, krv_ctu_t *cup, uint64_t addr
     if (hp == nullptr)
         return B_FALSE;
     if (cup == nullptr) {
-        hp->sh_errno = KRV_ERR_INVALID;
+        krv_errno(hp) = KRV_ERR_INVALID;
         return B_FALSE;
     }
     krv_clear_error(hp);
@@ -404,6 +404,6 @@ boolean_t korva_cu_contains_addr(krv_handle_t *hp, krv_ctu_t *cup, uint64_t addr
     for (uint64_t i = 0; i < count; ++i)
         if (pairs[2 * i] <= address && address < pairs[2 * i + 1])
             return B_TRUE;
-    hp->sh_errno = KRV_ERR_NOTFOUND;
+    krv_errno(hp) = KRV_ERR_NOTFOUND;
     return B_FALSE;
 }

@@ -12,7 +12,7 @@ static void *alloc(krv_handle_t *hp, size_t size)
 {
     void *p = std::malloc(size == 0 ? 1 : size);
     if (p == nullptr)
-        hp->sh_errno = KRV_ERR_NOMEM;
+        krv_errno(hp) = KRV_ERR_NOMEM;
     return p;
 }
 
@@ -24,7 +24,7 @@ static void *zalloc(krv_handle_t *hp, size_t size)
     }
     void *p = std::calloc(1, size);
     if (p == nullptr)
-        hp->sh_errno = KRV_ERR_NOMEM;
+        krv_errno(hp) = KRV_ERR_NOMEM;
     return p;
 }
 
@@ -32,7 +32,7 @@ static void *resize(krv_handle_t *hp, void *p, size_t size)
 {
     void *moved = std::realloc(p, size == 0 ? 1 : size);
     if (moved == nullptr)
-        hp->sh_errno = KRV_ERR_NOMEM;
+        krv_errno(hp) = KRV_ERR_NOMEM;
     return moved;
 }
 

@@ -4,7 +4,7 @@
 #ifndef KRV_MEM_H
 #define KRV_MEM_H
 
-#include "krv_types.h"
+#include "krv_error.h"
 
 #include <cstring>
 #include <limits>
@@ -43,7 +43,7 @@ bool krv_table_grow(krv_handle_t *hp, T **table, N *capacity, N entries, N first
     const uint64_t limit = most < std::numeric_limits<N>::max() ? most : std::numeric_limits<N>::max();
     const uint64_t wanted = *capacity == 0 ? uint64_t{first} : uint64_t{*capacity} * 2;
     if (*capacity > limit / 2 || wanted > limit) {
-        hp->sh_errno = KRV_ERR_NOMEM;
+        krv_errno(hp) = KRV_ERR_NOMEM;
         return false;
     }
     auto *grown = static_cast<T *>(krv_realloc(hp, *table, static_cast<size_t>(wanted) * sizeof(T)));

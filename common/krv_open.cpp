@@ -19,6 +19,7 @@
 #include "krv_scope.h"
 #include "krv_side_units.h"
 #include "krv_signature.h"
+#include "krv_threads.h"
 #include "krv_units.h"
 
 #include <cstdarg>
@@ -102,7 +103,7 @@ static void set_opt(krv_handle_t *hp, krv_opt_idx_t opt, uint64_t value)
 // The handle and its message slots are the only memory not taken through krv_zalloc, which needs a handle.
 static void free_handle_memory(krv_handle_t *hp)
 {
-    for (char *slot : hp->sh_errors)
+    for (char *slot : hp->sh_error.texts)
         std::free(slot);
     std::free(hp);
 }
@@ -112,7 +113,7 @@ static krv_handle_t *alloc_handle_memory()
     auto *hp = static_cast<krv_handle_t *>(std::calloc(1, sizeof(krv_handle_t)));
     if (hp == nullptr)
         return nullptr;
-    for (char *&slot : hp->sh_errors) {
+    for (char *&slot : hp->sh_error.texts) {
         slot = static_cast<char *>(std::calloc(1, KRV_MAX_ERROR_SIZE));
         if (slot == nullptr) {
             free_handle_memory(hp);
@@ -177,6 +178,7 @@ void korva_handle_free(krv_handle_t *hp)
     krv_abbrev_destroy_caches(hp);
     krv_ext_destroy(hp);
     krv_free(hp->sh_budget);
+    krv_threads_destroy(hp);
     krv_rwlock_destroy(&hp->sh_error_lock);
     krv_rwlock_destroy(&hp->sh_rwlock);
     free_handle_memory(hp);
@@ -199,13 +201,16 @@ int korva_handle_set_opt(krv_handle_t *hp, krv_opt_idx_t opt, ...)
     if (hp == nullptr)
         return -1;
     krv_clear_error(hp);
-    const bool is_extension = krv_ext_is_option(opt) || krv_compact_is_option(opt) || krv_budget_is_option(opt);
+    const bool is_extension =
+        krv_ext_is_option(opt) || krv_compact_is_option(opt) || krv_budget_is_option(opt) || opt == KRV_OPT_EXT_THREADS;
     if (opt < 0 || (opt >= KRV_MAX_OPT && !is_extension))
         return krv_fail_code(hp, KRV_ERR_INVALID);
     va_list ap;
     va_start(ap, opt);
     const uint64_t value = va_arg(ap, uint64_t); // every option's type fills one 64-bit argument
     va_end(ap);
+    if (opt == KRV_OPT_EXT_THREADS)
+        return krv_threads_set(hp, value != 0);
     if (krv_budget_is_option(opt))
         return krv_budget_set_opt(hp, opt, value);
     if (krv_compact_is_option(opt))

@@ -31,7 +31,7 @@ bool krv_place_walk::find(uint64_t address)
     if (unit != nullptr)
         return unit == before || find_matrix();
     take(nullptr, nullptr);
-    if (!stretch.is_answered && hp->sh_errno != KRV_ERR_NOTFOUND)
+    if (!stretch.is_answered && krv_errno(hp) != KRV_ERR_NOTFOUND)
         return false;
     krv_clear_error(hp);
     return true;

@@ -203,7 +203,7 @@ static void add_row(filling *f, uint64_t start, krv_compact_number_t number)
 
 static krv_compact_number_t give_up(filling *f)
 {
-    const int32_t code = f->hp->sh_errno;
+    const int32_t code = krv_errno(f->hp);
     if (code == KRV_ERR_NOMEM || code == KRV_ERR_IO)
         f->failure = code;
     return KRV_COMPACT_ASK;
@@ -248,7 +248,7 @@ static bool add_function(filling *f, const krv_lie_t *entry, uint64_t next)
     add_row(f, f->behind, whole ? number_rules(f) : give_up(f));
     add_row(f, start + size, KRV_COMPACT_NONE);
     if (f->failure != 0)
-        f->hp->sh_errno = f->failure;
+        krv_errno(f->hp) = f->failure;
     return f->failure == 0;
 }
 

@@ -23,11 +23,11 @@ int krv_entry_find_attr(krv_handle_t *hp, const krv_entry_t &entry, krv_attribut
             *where = at;
             return 0;
         }
-        if (hp->sh_errno != KRV_ERR_NOTFOUND)
+        if (krv_errno(hp) != KRV_ERR_NOTFOUND)
             return -1;
         krv_attr_t origin;
         if (korva_entry_get_attr(hp, &at, DW_AT_abstract_origin, &origin) != 0 &&
-            (hp->sh_errno != KRV_ERR_NOTFOUND || korva_entry_get_attr(hp, &at, DW_AT_specification, &origin) != 0))
+            (krv_errno(hp) != KRV_ERR_NOTFOUND || korva_entry_get_attr(hp, &at, DW_AT_specification, &origin) != 0))
             return -1;
         if (krv_entry_follow(hp, &at, &origin, &at) != 0)
             return -1;
@@ -49,7 +49,7 @@ public:
     {
         krv_attr_t attr;
         if (krv_entry_find_attr(hp, at, DW_AT_type, &at, &attr) != 0)
-            return hp->sh_errno == KRV_ERR_NOTFOUND && hp->sh_nerrors == 0 ? 0 : -1;
+            return krv_errno(hp) == KRV_ERR_NOTFOUND && krv_error_of(hp)->count == 0 ? 0 : -1;
         if (++steps > MOST_STEPS)
             return krv_entry_refuse(hp, &start, "has a type that leads to too many others");
         return krv_entry_follow(hp, &at, &attr, &at) == 0 ? complete() : -1;

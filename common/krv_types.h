@@ -20,12 +20,15 @@ struct krv_retired;
 struct krv_sets;
 struct krv_side_units;
 struct krv_signatures;
+struct krv_threads;
 
 constexpr unsigned KRV_MAX_ERRORS = 16;      // message slots of a handle
 constexpr unsigned KRV_MAX_ERROR_SIZE = 256; // bytes of each, the terminating NUL included
 constexpr unsigned KRV_STRING_BUFSZ = 1024;  // longest name or path the readers take, the terminating NUL included
 constexpr uint64_t KRV_KEPT_SLACK = 1 << 20; // of what an input may have kept beyond its own size
 constexpr uint32_t KRV_INIT_ARANGES = 0x1;   // sh_init_flags: .debug_aranges has been applied to the units
+
+constexpr unsigned KRV_NAME_TABLES = 64; // a power of two: threads that keep names seldom need the same one
 
 struct krv_opt_t {
     boolean_t sopt_set; // B_TRUE once set; never reset
@@ -47,6 +50,13 @@ struct krv_code_range_t {
     uint64_t start, end;
 };
 
+// What failed last, for who asked.
+struct krv_error_state {
+    krv_relaxed<int32_t> code;   // KRV_ERR_*
+    krv_relaxed<uint32_t> count; // messages stored since the last clear
+    char *texts[KRV_MAX_ERRORS]; // their texts, cause first
+};
+
 struct krv_handle {
     krv_refcnt_t sh_refcnt;
     krv_rwlock_t sh_rwlock;            // unit table, .debug_aranges, .eh_frame_hdr; taken before a hash table's lock
@@ -54,24 +64,23 @@ struct krv_handle {
     krv_ctu_t **sh_cu_table;           // every unit of .debug_info in section order; published last
     uint32_t sh_cu_table_entries;      // their number
     krv_hash *sh_cu_offset_hash;       // the same units by start offset
-    krv_retired *sh_retired;          // owned: copies of sections that were replaced, of which units still have strings
-    uint32_t sh_init_flags;           // KRV_INIT_*
-    krv_activation_type_t sh_target;  // the machine whose code and registers are read
-    uint32_t sh_target_size;          // bytes of a target address
-    char *sh_errors[KRV_MAX_ERRORS];  // texts of the messages, cause first
-    krv_relaxed<uint32_t> sh_nerrors; // messages stored since the last clear
-    krv_fd_t sh_sec[KRV_MAX_SEC];     // one cursor a section; size 0 when not attached
-    krv_fd_t sh_as;                   // the target's memory; offsets are target addresses
-    krv_relaxed<int32_t> sh_errno;    // KRV_ERR_*
-    krv_opt_t sh_opts[KRV_MAX_OPT];   // by KRV_OPT_*
-    krv_reader *sh_frame_reader;      // built on first use, published by compare-and-swap
-    krv_compact *sh_compact;          // owned: rules that are kept; NULL unless memory is promised to be constant
-    unsigned sh_cache_bits;           // for 2^that program counters; 0: none
-    krv_hash *sh_auphash;             // abbreviation tables by .debug_abbrev offset, likewise
-    krv_addr_index *sh_addr_known;    // units by address, of those whose ranges need no scan, likewise
-    krv_addr_index *sh_addr_all;      // units by address, all of them, likewise
-    uint32_t sh_scanned_units;        // units whose ranges a scan has found
-    krv_hash *sh_au_same;             // those that others may share, by a digest of their bytes, likewise
+    krv_retired *sh_retired;         // owned: copies of sections that were replaced, of which units still have strings
+    uint32_t sh_init_flags;          // KRV_INIT_*
+    krv_activation_type_t sh_target; // the machine whose code and registers are read
+    uint32_t sh_target_size;         // bytes of a target address
+    krv_error_state sh_error;        // of all threads
+    krv_threads *sh_threads;         // owned: what each thread has of its own instead; NULL unless asked for
+    krv_fd_t sh_sec[KRV_MAX_SEC];    // one cursor a section; size 0 when not attached
+    krv_fd_t sh_as;                  // the target's memory; offsets are target addresses
+    krv_opt_t sh_opts[KRV_MAX_OPT];  // by KRV_OPT_*
+    krv_reader *sh_frame_reader;     // built on first use, published by compare-and-swap
+    krv_compact *sh_compact;         // owned: rules that are kept; NULL unless memory is promised to be constant
+    unsigned sh_cache_bits;          // for 2^that program counters; 0: none
+    krv_hash *sh_auphash;            // abbreviation tables by .debug_abbrev offset, likewise
+    krv_addr_index *sh_addr_known;   // units by address, of those whose ranges need no scan, likewise
+    krv_addr_index *sh_addr_all;     // units by address, all of them, likewise
+    uint32_t sh_scanned_units;       // units whose ranges a scan has found
+    krv_hash *sh_au_same;            // those that others may share, by a digest of their bytes, likewise
     krv_relaxed<uint64_t> sh_abbrev_compared; // bytes that were read to find these
     krv_relaxed<uint64_t> sh_abbrev_bytes;    // of .debug_abbrev in the tables of sh_auphash
     krv_offset_t sh_abbrev_checked;           // where the table begins that krv_abbrev_check_table has found sound last
@@ -95,9 +104,9 @@ struct krv_handle {
     krv_side_units *sh_type_units; // owned: those of .debug_types, likewise
     krv_signatures *sh_signatures; // owned: types by signature, likewise
     krv_hash *sh_scopes;           // what types stand in, by the unit, built on first use
-    krv_hash *sh_function_names;   // krv_function_names by the entry that has them, built on first use
-    krv_named *sh_named;           // owned: functions and variables by name; built on first use
-    krv_code_range_t *sh_code;     // owned: see krv_is_code
+    krv_hash *sh_function_names[KRV_NAME_TABLES]; // krv_function_names by the entry that has them, built on first use
+    krv_named *sh_named;                          // owned: functions and variables by name; built on first use
+    krv_code_range_t *sh_code;                    // owned: see krv_is_code
     uint32_t sh_code_size;
     uint32_t sh_code_entries;
     krv_rwlock_t sh_error_lock; // texts of the messages while they are stored; the last lock to be taken

@@ -203,7 +203,7 @@ krv_ctu_t *krv_units_get_named(krv_handle_t *hp, krv_set_t *set)
     }
     if (cu != &no_unit && cu->dcu_kind != 0)
         return cu;
-    hp->sh_errno = KRV_ERR_NOTFOUND;
+    krv_errno(hp) = KRV_ERR_NOTFOUND;
     return nullptr;
 }
 

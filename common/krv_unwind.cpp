@@ -308,7 +308,7 @@ static int compute_cfa(evaluation *ev)
         const auto offset = static_cast<int32_t>(rule->arg & UINT32_MAX);
         uint64_t base = 0;
         if (read_register(ev, KRV_ACTIVATION_REG_DWARF, reg, reg, &base) != 0)
-            return hp->sh_errno == KRV_ERR_NOTFOUND ? 0 : -1;
+            return krv_errno(hp) == KRV_ERR_NOTFOUND ? 0 : -1;
         ev->cfa = base + static_cast<uint64_t>(int64_t{offset});
         break;
     }

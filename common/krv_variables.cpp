@@ -260,7 +260,7 @@ int korva_variable_read(krv_handle_t *hp, const krv_variable_t *variable, const 
         return 0;
     }
     krv_fd_t expression = {};
-    if (hp->sh_errno != KRV_ERR_NOTFOUND ||
+    if (krv_errno(hp) != KRV_ERR_NOTFOUND ||
         krv_entry_find_attr(hp, variable->entry, DW_AT_location, &where, &attr) != 0 ||
         find_expression(hp, where, attr, frame->address, &expression) != 0)
         return -1;
@@ -274,7 +274,7 @@ int korva_variable_read(krv_handle_t *hp, const krv_variable_t *variable, const 
     for (int i = 0; i < 3; ++i)
         krv_fd_attach_mem(frame->handle, to[i], size, buffers[i]);
     const bool failed = execute(&of, &expression, KRV_EXPR_F_LOCATION | flags_of(where.unit), to) != 0;
-    if (failed && frame->handle->sh_errno != KRV_ERR_NOSPACE) { // else: a register is wider than the object
+    if (failed && krv_errno(frame->handle) != KRV_ERR_NOSPACE) { // else: a register is wider than the object
         if (frame->handle != hp)
             krv_fail(hp, KRV_ERR_EVAL, "the location cannot be evaluated: %s", krv_cause(frame->handle).text);
         return -1;

@@ -10,7 +10,7 @@
 //     A  the addresses to file and line, twice: a cold pass and a warm one             items: addresses
 //     I  the functions and inlined calls at the addresses, with their lines, likewise  items: addresses
 //     B  as A, J  as I, all addresses in one call, or else one after another in ascending order
-//     T  as I, by two threads that share what was opened                               items: addresses
+//     T  all units prefilled, then as I, by two threads that share what was opened; O  the same by one    items: addresses
 //     F  frame description and unwind row at the addresses                             items: addresses
 //     S  walk of the own stack inside the library FILE, memory read by a call-back     items: frames
 //
@@ -39,7 +39,7 @@ struct run {
     uint64_t nqueries;
     uint64_t items, check;
     uint64_t ns;                         // 0: the whole call counts
-    uint64_t ns_first, ns_cold, ns_warm; // jobs A, I, B, J and T
+    uint64_t ns_first, ns_cold, ns_warm; // jobs A, I, B, J, T and O; of the last two, first is the prefilling
     uint64_t reads;                      // job S: calls of the memory call-back
 };
 

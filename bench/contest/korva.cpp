@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <functional>
 #include <iterator>
 #include <thread>
 #include <vector>
@@ -148,36 +149,90 @@ static void find_together(run *r, uint64_t started, krv_handle_t *hp)
     });
 }
 
-// The second thread is there before the clock runs, and waits awake: starting it takes as long as thousands of answers.
-static void find_by_threads(run *r, uint64_t started, krv_handle_t *hp)
+namespace
 {
-    const auto answer = [&](uint64_t first, uint64_t behind) {
-        uint64_t check = 0;
-        for (uint64_t i = first; i < behind; ++i)
-            check += chain_at(hp, r->queries[i].address);
-        return check;
-    };
-    std::atomic<int> asked = 0, answered = -1; // passes
-    uint64_t check_of_other = 0;
-    std::thread other([&] {
-        answered = 0;
-        for (int pass = 1; pass <= 2; ++pass) {
-            while (asked.load() < pass) {
-            }
-            check_of_other = answer(0, r->nqueries / 2);
-            answered = pass;
+
+// The calling thread and, of job T, another one, which is there before the clock runs, and waits awake: starting it takes as long as
+// thousands of answers.
+class workers
+{
+public:
+    explicit workers(bool has_two)
+    {
+        if (has_two)
+            other = std::thread([this] { work(); });
+        while (has_two && !is_awake.load()) {
         }
-    });
-    while (answered.load() < 0) {
     }
-    run_passes(r, started, [&](int pass) {
-        asked = pass + 1;
-        r->check = answer(r->nqueries / 2, r->nqueries);
-        while (answered.load() < pass + 1) {
+    ~workers()
+    {
+        rounds = -1;
+        if (other.joinable())
+            other.join();
+    }
+    workers(const workers &) = delete;
+    workers &operator=(const workers &) = delete;
+
+    size_t count() const { return other.joinable() ? 2 : 1; }
+
+    // Calls it in each, with the worker's number.
+    void run(const std::function<void(size_t)> &fn)
+    {
+        job = &fn;
+        ++rounds;
+        fn(0);
+        while (other.joinable() && done.load() != rounds.load()) {
         }
-        r->check += check_of_other;
+    }
+
+private:
+    void work()
+    {
+        is_awake = true;
+        for (int seen = 0, now; (now = rounds.load()) >= 0;) {
+            if (now == seen)
+                continue;
+            (*job)(1);
+            done = seen = now;
+        }
+    }
+
+    std::thread other;
+    const std::function<void(size_t)> *job = nullptr;
+    std::atomic<bool> is_awake = false;
+    std::atomic<int> rounds = 0, done = 0;
+};
+
+} // namespace
+
+static void find_by_threads(run *r, krv_handle_t *hp)
+{
+    workers all(r->job == 'T');
+    const uint64_t started = now();
+    std::vector<krv_ctu_t *> units;
+    korva_handle_set_opt(hp, KRV_OPT_EXT_THREADS, uint64_t{1});
+    const auto add = [](krv_handle_t *, krv_ctu_t *cu, void *arg) {
+        static_cast<std::vector<krv_ctu_t *> *>(arg)->push_back(cu);
+        return 0;
+    };
+    korva_iter_cu(hp, KRV_SEC_INFO, add, &units);
+    std::atomic<size_t> next = 0;
+    all.run([&](size_t) {
+        for (size_t i; (i = next++) < units.size();)
+            korva_cu_prefill(hp, units[i]);
     });
-    other.join();
+    r->ns_first = now() - started;
+    run_passes(r, started, [&](int) {
+        uint64_t checks[2] = {};
+        all.run([&](size_t worker) {
+            uint64_t check = 0;
+            const uint64_t n = r->nqueries, from = n * worker / all.count(), to = n * (worker + 1) / all.count();
+            for (uint64_t i = from; i < to; ++i)
+                check += chain_at(hp, r->queries[i].address);
+            checks[worker] = check;
+        });
+        r->check = checks[0] + checks[1];
+    });
 }
 
 // ---------------------------------------------------------------------------------------------------------------
@@ -235,7 +290,7 @@ bool contest::play(run *r)
 {
     if (r->job == 'S')
         return run_chain(r->file, at_leaf, r);
-    if (std::strchr("UELAIBJT", r->job) == nullptr)
+    if (std::strchr("UELAIBJTO", r->job) == nullptr)
         return false;
     const uint64_t started = now();
     const korva_file file(r->file);
@@ -247,8 +302,8 @@ bool contest::play(run *r)
         return read_lines(r, file.hp);
     if (r->job == 'B' || r->job == 'J')
         find_together(r, started, file.hp);
-    else if (r->job == 'T')
-        find_by_threads(r, started, file.hp);
+    else if (r->job == 'T' || r->job == 'O')
+        find_by_threads(r, file.hp);
     else if (r->job == 'I')
         find_places(r, started, [&](const query &q) { return chain_at(file.hp, q.address); });
     else

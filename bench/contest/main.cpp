@@ -105,7 +105,7 @@ static bool map_addresses(const char *path, run *r)
 int main(int argc, char **argv)
 {
     if (argc < 3 || std::strlen(argv[1]) != 1) {
-        std::fprintf(stderr, "usage: %s U|E|L|A|I|F|S FILE [ADDRESSES]\n", argv[0]);
+        std::fprintf(stderr, "usage: %s JOB FILE [ADDRESSES]\n", argv[0]);
         return 2;
     }
     run r = {};

@@ -295,6 +295,12 @@ result<bool> each_named_entry(handle_view handle, const char *name, unsigned int
                                             detail::argument(func)));
 }
 
+/** Builds what look-ups of addresses need of a unit; see korva_cu_prefill. */
+inline result<void> prefill(handle_view handle, const unit &of)
+{
+    return detail::status(handle.get(), korva_cu_prefill(handle.get(), of.get()));
+}
+
 /** The file of a number as entries of the unit give it; KRV_ERR_NOTFOUND when there is none. See korva_cu_get_file. */
 inline result<file> file_of(handle_view handle, const unit &of, std::uint64_t number)
 {

@@ -51,6 +51,12 @@ public:
         return detail::status(hp_, korva_handle_set_opt(hp_, KRV_OPT_BASE_ADDR, static_cast<unsigned long>(bias)));
     }
 
+    /** Whether any number of threads query it at the same time, KRV_OPT_EXT_THREADS; set before they have it. */
+    result<void> set_threads(bool on)
+    {
+        return detail::status(hp_, korva_handle_set_opt(hp_, KRV_OPT_EXT_THREADS, std::uint64_t{on}));
+    }
+
     /** Calls func(unit) for every unit of .debug_info. True: it saw all of them; false: it stopped. */
     template <typename F>
     result<bool> each_unit(F &&func) const

@@ -206,6 +206,18 @@ KORVA_API int korva_lookup_chain(krv_handle_t *hp, uint64_t addr, krv_row_t *row
                                  size_t *countp);
 
 /**
+ * Builds what look-ups of addresses need of a unit of .debug_info: its line table, its functions with their names and the calls
+ * inlined into them; and, once a handle, the index of addresses. What look-ups cannot read is left to them.
+ *
+ * With KRV_OPT_EXT_THREADS threads can do it side by side, each its units; once it has returned 0 for all of them,
+ * korva_lookup_ctu_by_addr, korva_lookup_rows, korva_lookup_calls, korva_lookup_chain, korva_iter_chains, korva_cu_get_file and
+ * korva_lnfe_path find what they need without waiting for another thread.
+ *
+ * Errors: KRV_ERR_INVALID for NULL; KRV_ERR_NOMEM; KRV_ERR_IO where a section cannot be read. What was built stays.
+ */
+KORVA_API int korva_cu_prefill(krv_handle_t *hp, krv_ctu_t *cup);
+
+/**
  * What an entry says of its function: its names, and where it is declared, found as korva_lookup_calls finds them; of an
  * inlined call also its place. Entries of other things than functions have names and declarations likewise. The entry
  * stored has the depth 0. What cannot be read stays unknown. Errors: those of korva_entry_first.

@@ -149,7 +149,7 @@ TEST(Expr, Stack)
     EXPECT_EQ(korva_expr_reset_stack(h, esp) | korva_expr_reset_stack(h, esp), 0);
     EXPECT_TRUE(korva_expr_stack_peek(h, esp, 0, &value) == -1 && h.error() == "INVALID: stack is empty");
     EXPECT_TRUE(korva_expr_stack_pop(h, esp, &value) == -1 && h.error() == "INVALID: stack is empty");
-    EXPECT_TRUE(korva_expr_get_stack_depth(h, esp, nullptr) == -1 && h->sh_errno == KRV_ERR_INVALID);
+    EXPECT_TRUE(korva_expr_get_stack_depth(h, esp, nullptr) == -1 && krv_errno(h) == KRV_ERR_INVALID);
     korva_handle_set_opt(h, KRV_OPT_EXPR_STACK_SIZE, UINT64_MAX / 4); // times 8 does not fit
     EXPECT_TRUE(korva_expr_alloc_stack(h) == nullptr && h.error() == "NOMEM");
 }
@@ -226,7 +226,7 @@ TEST(Expr, Walk)
         fd = h.cursor(&broken);
         EXPECT_EQ(walk(h, &fd), "96() IO: read callback failed | error decoding instruction at offset &lld");
         EXPECT_EQ(korva_expr_iter_instruction(h, &fd, 0, nullptr, nullptr), -1);
-        EXPECT_EQ(h->sh_errno, KRV_ERR_INVALID);
+        EXPECT_EQ(krv_errno(h), KRV_ERR_INVALID);
     }
 }
 
@@ -399,7 +399,7 @@ TEST(Expr, Failures)
                 (n < 2 ? "" : " | error executing instruction 0x2f (DW_OP_skip) at offset 0")));
     }
     EXPECT_EQ(korva_expr_execute_expression(m.h, m.stack.get(), nullptr, &m.fd, 0, nullptr, nullptr, nullptr), -1);
-    EXPECT_EQ(m.h->sh_errno, KRV_ERR_INVALID);
+    EXPECT_EQ(krv_errno(m.h), KRV_ERR_INVALID);
 }
 
 // The bytes produced in each output cursor as hexadecimal digits; then the error state, if any.
@@ -412,7 +412,7 @@ static std::string locate(machine &m, const code &expr, size_t room, unsigned cu
         krv_fd_attach_mem(m.h, outputs[i] = &fds[i], room, buffers[i].data());
     }
     const std::string result = m.run(expr, {}, KRV_EXPR_F_LOCATION, outputs);
-    const std::string error = m.h->sh_errno == KRV_ERR_NONE ? "" : " " + result;
+    const std::string error = krv_errno(m.h) == KRV_ERR_NONE ? "" : " " + result;
     std::string line;
     for (unsigned i = 0; i < cursors; ++i) {
         line += i == 0 ? "" : "/";

@@ -114,7 +114,7 @@ TEST(Faults, EveryAllocationFailsOnce)
 {
     setenv("LIBKORVA_OPTIONS", "debug", 1); // until its messages are watched
     const std::string seen = fail_each(
-        &fail_at, &allocations, [](handle &h) { return h->sh_errno == KRV_ERR_NOMEM; },
+        &fail_at, &allocations, [](handle &h) { return krv_errno(h) == KRV_ERR_NOMEM; },
         [](const std::string &answer, handle &, const scenario &s) { return answer == s.expected; });
     unsetenv("LIBKORVA_OPTIONS");
     for (const char *message :
@@ -138,12 +138,12 @@ TEST(Faults, EveryReadFailsOnce)
                 std::string log;
                 for (const std::string &line : h.log)
                     log += line + "\n";
-                return h->sh_errno == KRV_ERR_IO ||
-                       (h->sh_errno != KRV_ERR_NONE && (log.find("read callback failed") != std::string::npos ||
+                return krv_errno(h) == KRV_ERR_IO ||
+                       (krv_errno(h) != KRV_ERR_NONE && (log.find("read callback failed") != std::string::npos ||
                                                         log.find("unterminated by end") != std::string::npos));
             },
             [](const std::string &answer, handle &h, const scenario &s) {
-                return answer == s.expected || h->sh_errno == KRV_ERR_NOTFOUND;
+                return answer == s.expected || krv_errno(h) == KRV_ERR_NOTFOUND;
             });
     }
 }
@@ -186,7 +186,7 @@ TEST(Faults, CallBacksThatAsk)
                             reply.ends_with("INVALID: asked by a call-back of the query that is building it"))
                     << reply;
                 const std::string again = s.ask(h);
-                EXPECT_TRUE(again == s.expected || (by_message && h->sh_errno == KRV_ERR_NOTFOUND)) << h.error();
+                EXPECT_TRUE(again == s.expected || (by_message && krv_errno(h) == KRV_ERR_NOTFOUND)) << h.error();
             }
 }
 

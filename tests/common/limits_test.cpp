@@ -97,7 +97,7 @@ TEST(Limits, Entries)
         allocated = 0;
         EXPECT_FALSE(contains(m.h, 0x1000));
         EXPECT_TRUE(m.costs_at_most(row.reads, row.bytes_allocated));
-        EXPECT_EQ(m.h->sh_errno, KRV_ERR_NOTFOUND) << m.h.error();
+        EXPECT_EQ(krv_errno(m.h), KRV_ERR_NOTFOUND) << m.h.error();
     }
 }
 

@@ -68,6 +68,7 @@ TEST(Hpp, UnitsTellTheirVersionAndKind)
         EXPECT_EQ(*u.version(), 5u);
         EXPECT_EQ(u.kind()->kind, KRV_UNIT_COMPILE);
         EXPECT_EQ(u.kind()->dwo_name, nullptr);
+        EXPECT_TRUE(korva::prefill(later->handle(), u));
     }
     EXPECT_EQ(later->source(later->symbol("answer")->address)->function, "answer");
     EXPECT_TRUE(later->refusal().empty());

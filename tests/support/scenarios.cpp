@@ -105,7 +105,7 @@ static std::string ask_later_units(krv_handle_t *hp)
     if (cu == nullptr)
         return "!unit";
     if (cu->dcu_kind == 0) { // stepped over since a read of it came up short, for good
-        hp->sh_errno = KRV_ERR_NOTFOUND;
+        krv_errno(hp) = KRV_ERR_NOTFOUND;
         return "!kind";
     }
     const krv_ctu_t *next = korva_lookup_ctu_by_start_offset(hp, KRV_SEC_INFO, cu->dcu_size);
@@ -220,6 +220,19 @@ static std::string ask_calls(krv_handle_t *hp)
     };
     const int found = korva_iter_named_entries(hp, "f", KRV_NAMED_FUNCTIONS, named, &answer);
     return found == 0 ? answer : "!named";
+}
+
+static session make_shared_calls()
+{
+    session made = make_calls();
+    made.threads = true;
+    return made;
+}
+
+static std::string ask_prefilled_calls(krv_handle_t *hp)
+{
+    const auto prefill = [](krv_handle_t *handle, krv_ctu_t *cu, void *) { return korva_cu_prefill(handle, cu); };
+    return korva_iter_cu(hp, KRV_SEC_INFO, prefill, nullptr) == 0 ? ask_calls(hp) : "!prefill";
 }
 
 // How answers were come by, of units, rows and names.
@@ -469,6 +482,7 @@ std::span<const scenario> scenarios()
         {"later units", make_later_units, ask_later_units, "/build/a.c a.c 1024 33", 20},
         {"units as written", make_written_units, ask_written_units, "a.c b.c ", 20},
         {"calls", make_calls, ask_calls, "far g f int v 2e", 0},
+        {"prefilled calls", make_shared_calls, ask_prefilled_calls, "far g f int v 2e", 0},
         {"why units", make_written_units, ask_why_written, "1 10; 900-910; 900-910 20", 20},
         {"why calls", make_calls, ask_why_called, "c (alternate) after 1; 12 after 1; 2b after 0; ", 0},
         {"why rows", make_units, ask_why_rows, "172 of 174: 400 1 410", 20},
@@ -497,6 +511,9 @@ void session::set_options(krv_handle_t *hp) const
         korva_handle_set_opt(hp, KRV_OPT_EH_FRAME_HDR_ADDR, hdr);
     for (int tries = 2; constant && tries > 0; --tries) // memory may run out once
         if (korva_handle_set_opt(hp, KRV_OPT_EXT_CONSTANT_FRAMES, uint64_t{1}) == 0)
+            break;
+    for (int tries = 2; threads && tries > 0; --tries)
+        if (korva_handle_set_opt(hp, KRV_OPT_EXT_THREADS, uint64_t{1}) == 0)
             break;
     if (!extended)
         return;

@@ -19,6 +19,7 @@ struct session {
     uint64_t eh_frame = 0, hdr = 0; // where they are in it; 0: neither
     bool extended = false;          // both extensions are on
     bool constant = false;          // call-frame information is
+    bool threads = false;           // have error states of their own
     bool in_memory = false;         // sections are not to be had through call-backs
     void set_options(krv_handle_t *hp) const;
 };
