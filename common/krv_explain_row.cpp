@@ -60,7 +60,8 @@ int korva_explain_row(krv_handle_t *hp, krv_ctu_t *cup, uint64_t start, uint64_t
     krv_lnph_t *lnphp = krv_load(&cup->dcu_lnphp);
     if (lnphp != nullptr)
         describe_header(lnphp, whyp);
-    const bool has_matrix = is_found || (lnphp != nullptr && krv_errno(hp) == KRV_ERR_NOTFOUND && krv_error_of(hp)->count == 0);
+    const bool has_matrix =
+        is_found || (lnphp != nullptr && krv_errno(hp) == KRV_ERR_NOTFOUND && krv_error_of(hp)->count == 0);
     const krv_lnp_t *matrix = is_found ? found.matrix : has_matrix ? krv_line_get_matrix(hp, lnphp) : nullptr;
     if (matrix != nullptr) {
         whyp->sequences = matrix->slnp_lnbp_entries;

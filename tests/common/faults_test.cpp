@@ -140,7 +140,7 @@ TEST(Faults, EveryReadFailsOnce)
                     log += line + "\n";
                 return krv_errno(h) == KRV_ERR_IO ||
                        (krv_errno(h) != KRV_ERR_NONE && (log.find("read callback failed") != std::string::npos ||
-                                                        log.find("unterminated by end") != std::string::npos));
+                                                         log.find("unterminated by end") != std::string::npos));
             },
             [](const std::string &answer, handle &h, const scenario &s) {
                 return answer == s.expected || krv_errno(h) == KRV_ERR_NOTFOUND;
