@@ -7,7 +7,7 @@ usage: corpus.py DIR [UNITS]
   cxx-gcc, cxx-clang  UNITS (40) C++ units that use the standard library, DWARF 4
   c-many              15 times as many small C units
   NAME-5              each of these as DWARF 5
-  libchain.so         a chain of 50 calls among 1500 functions, for walking the stack
+  libchain.so         a chain of 50 calls among 1500 functions, for walking the stack; libchain-fp.so has frame pointers
 
 Only what every contestant can take whole. Section groups are dissolved before linking, so that every copy of an inline
 function is kept: a linker that drops one leaves its lines at address 0. Arguments are not pushed one by one around
@@ -163,8 +163,9 @@ def main():
             out = names[name] + ("" if version == 4 else f"-{version}")
             run("gcc" if name == "c" else "g++", "-no-pie", "-o", out, "src/main.o", *objects)
     write("src/chain.c", chain())
-    run("gcc", "-O2", "-fomit-frame-pointer", "-fno-optimize-sibling-calls", "-fcf-protection=none", "-w", "-fPIC",
-        "-shared", "-o", "libchain.so", "src/chain.c")
+    for out, flag in (("libchain.so", "-fomit-frame-pointer"), ("libchain-fp.so", "-fno-omit-frame-pointer")):
+        run("gcc", "-O2", flag, "-fno-optimize-sibling-calls", "-fcf-protection=none", "-w", "-fPIC", "-shared", "-o", out,
+            "src/chain.c")
 
 
 main()

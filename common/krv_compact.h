@@ -37,6 +37,8 @@ constexpr int16_t KRV_KEPT_SAME = INT16_MIN, KRV_KEPT_UNDEFINED = INT16_MIN + 1;
 
 enum : uint16_t {
     KRV_COMPACT_SIGNAL = 1, // the caller was interrupted
+    KRV_COMPACT_PLAIN =
+        4, // frames that called; the CFA counts from stack or frame pointer, and the latter's rule says where it is
     KRV_COMPACT_ORIGINS = 2 // the rules of registers are origins; else activations may be given this rule: it says all
 };
 
@@ -113,10 +115,27 @@ bool krv_compact_apply(krv_handle_t *hp, krv_activation_t *ap, uint64_t pc, uint
 // Keeps the rules that an activation has for a program counter.
 void krv_compact_learn(krv_handle_t *hp, const krv_activation_t *ap, uint64_t pc, uint64_t column);
 
-// The rule at a program counter within the table.
-inline krv_compact_number_t krv_compact_search(const krv_compact_table *table, uint64_t pc)
+// The rules of single program counters. A word stands for one and for its rule's number, which is published before; 48 bits
+// are all that code has. NULL: KRV_ERR_NOMEM; not to be asked for where sh_cache_bits is 0.
+uint64_t *krv_compact_get_cache(krv_handle_t *hp, krv_compact *c);
+inline uint64_t *krv_compact_entry(uint64_t *cache, unsigned bits, uint64_t pc)
 {
-    const auto offset = static_cast<uint32_t>(pc - table->base);
+    return &cache[(pc * 0x9e3779b97f4a7c15U) >> (64 - bits)];
+}
+inline krv_compact_number_t krv_compact_recall(uint64_t *cache, unsigned bits, uint64_t pc)
+{
+    const uint64_t word = krv_load(krv_compact_entry(cache, bits, pc));
+    return word >> 16 == pc ? static_cast<krv_compact_number_t>(word) : krv_compact_number_t{KRV_COMPACT_ASK};
+}
+inline void krv_compact_remember(uint64_t *cache, unsigned bits, uint64_t pc, krv_compact_number_t number)
+{
+    if (pc >> 48 == 0)
+        krv_store(krv_compact_entry(cache, bits, pc), pc << 16 | number);
+}
+
+// The rule at an offset from the base of the table, within its size.
+inline krv_compact_number_t krv_compact_search_offset(const krv_compact_table *table, uint32_t offset)
+{
     const uint32_t *block = &table->blocks[offset >> table->shift];
     uint32_t row = block[0], last = block[1];
     while (last - row > 8) { // the last one that does not begin behind it
@@ -126,6 +145,12 @@ inline krv_compact_number_t krv_compact_search(const krv_compact_table *table, u
     while (row < last && table->offsets[row + 1] <= offset)
         ++row;
     return table->rules[row];
+}
+
+// The rule at a program counter within the table.
+inline krv_compact_number_t krv_compact_search(const krv_compact_table *table, uint64_t pc)
+{
+    return krv_compact_search_offset(table, static_cast<uint32_t>(pc - table->base));
 }
 
 #endif

@@ -50,4 +50,13 @@ struct krv_mach_def_t {
 
 constexpr unsigned KRV_MAX_KEPT = 7;
 
+// The place of a register in smd_kept.
+inline unsigned krv_kept_place(const krv_mach_def_t *mach, unsigned reg)
+{
+    unsigned place = 0;
+    while (place + 1 < mach->smd_n_kept && mach->smd_kept[place] != reg)
+        ++place;
+    return place;
+}
+
 #endif

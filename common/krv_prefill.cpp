@@ -306,7 +306,7 @@ static int prefill(krv_handle_t *hp)
     if (ap == nullptr || table == nullptr)
         return -1;
     filling f = {hp, ap.get(), table.get(), 0, 0, 0, 0};
-    if (!fill(&f, lt))
+    if (!fill(&f, lt) || (hp->sh_cache_bits != 0 && krv_compact_get_cache(hp, c) == nullptr)) // walks cannot make one
         return -1;
     krv_publish(&c->table, table.release(), krv_compact_table_free);
     return 0;

@@ -41,21 +41,28 @@ struct stack_walk {
 // Memory and registers
 // ---------------------------------------------------------------------------------------------------------------
 
-static bool read_word(stack_walk *w, uint64_t address, uint64_t *valuep)
+template <typename Word>
+[[gnu::always_inline]] static inline bool read_word(stack_walk *w, uint64_t address, uint64_t *valuep)
 {
     const krv_stack_t *s = w->stack;
-    uint64_t value = 0;
+    Word value = 0;
     if (s->read != nullptr) {
-        if (s->read(s->arg, &value, static_cast<size_t>(w->word), address) != static_cast<int64_t>(w->word))
+        if (s->read(s->arg, &value, sizeof(value), address) != int64_t{sizeof(value)})
             return w->end(KRV_STACK_MEMORY);
     } else {
-        if (address < s->low || address > s->high || s->high - address < w->word)
+        if (address < s->low || address > s->high || s->high - address < sizeof(value))
             return w->end(KRV_STACK_MEMORY);
         const auto *own = reinterpret_cast<const void *>(address); // NOLINT(performance-no-int-to-ptr)
-        std::memcpy(&value, own, static_cast<size_t>(w->word));
+        std::memcpy(&value, own, sizeof(value));
     }
     *valuep = value;
     return true;
+}
+
+static bool read_word(stack_walk *w, uint64_t address, uint64_t *valuep)
+{
+    return w->word == sizeof(uint64_t) ? read_word<uint64_t>(w, address, valuep)
+                                       : read_word<uint32_t>(w, address, valuep);
 }
 
 static bool read_register(stack_walk *w, unsigned reg, uint64_t *valuep)
@@ -100,13 +107,13 @@ static const krv_compact_t *rule_in(const stack_walk *w, size_t module, uint64_t
 }
 
 // Most frames are of the module of the frame before. Modules may lie within the span of another.
-static const krv_compact_t *find_rule(stack_walk *w, uint64_t pc)
+static const krv_compact_t *find_rule(const stack_walk *w, size_t *modulep, uint64_t pc)
 {
-    if (const krv_compact_t *rule = rule_in(w, w->module, pc))
+    if (const krv_compact_t *rule = rule_in(w, *modulep, pc))
         return rule;
     for (size_t i = 0; i < w->stack->nmodules; ++i)
         if (const krv_compact_t *rule = rule_in(w, i, pc)) {
-            w->module = i;
+            *modulep = i;
             return rule;
         }
     return nullptr;
@@ -181,7 +188,7 @@ static bool apply_origins(stack_walk *w, const krv_origin_t *origins)
 // From a frame to its caller. `is_exact`: it was interrupted, and did not call; becomes that of the caller.
 static bool leave(stack_walk *w, bool *is_exact)
 {
-    const krv_compact_t *rule = find_rule(w, *is_exact ? w->pc : w->pc - 1);
+    const krv_compact_t *rule = find_rule(w, &w->module, *is_exact ? w->pc : w->pc - 1);
     if (rule == nullptr)
         return w->end(KRV_STACK_NO_RULE);
     const unsigned pc = w->mach->smd_pc;
@@ -206,6 +213,111 @@ static bool leave(stack_walk *w, bool *is_exact)
     return (w->pc != last_pc || w->cfa != last_cfa) || w->end(KRV_STACK_NO_PROGRESS);
 }
 
+namespace
+{
+
+// The table of the module that had the last program counter.
+class rules_nearby
+{
+public:
+    explicit rules_nearby(const stack_walk *w) : walk(w), module(w->module) { look(); }
+
+    // As find_rule.
+    const krv_compact_t *find(uint64_t pc)
+    {
+        if (pc - start < size) {
+            krv_compact_number_t number =
+                cache == nullptr ? krv_compact_number_t{KRV_COMPACT_ASK} : krv_compact_recall(cache, bits, pc - bias);
+            if (number >= KRV_COMPACT_FIRST)
+                return compact->rule(number);
+            number = krv_compact_search_offset(table, static_cast<uint32_t>(pc - start));
+            if (number >= KRV_COMPACT_FIRST) {
+                if (cache != nullptr)
+                    krv_compact_remember(cache, bits, pc - bias, number);
+                return compact->rule(number);
+            }
+        }
+        const krv_compact_t *rule = find_rule(walk, &module, pc);
+        look();
+        return rule;
+    }
+
+private:
+    void look()
+    {
+        const krv_stack_module_t *its = &walk->stack->modules[module];
+        compact = its->handle->sh_target == walk->target ? its->handle->sh_compact : nullptr;
+        table = compact == nullptr ? nullptr : krv_load(&compact->table);
+        cache = table == nullptr ? nullptr : krv_load(&compact->cache);
+        bits = its->handle->sh_cache_bits;
+        bias = its->bias;
+        start = table == nullptr ? 0 : table->base + bias;
+        size = table == nullptr ? 0 : table->size;
+    }
+
+    const stack_walk *walk;
+    size_t module;
+    const krv_compact *compact = nullptr;
+    const krv_compact_table *table = nullptr;
+    uint64_t *cache = nullptr;
+    unsigned bits = 0;
+    uint64_t start = 0, size = 0, bias = 0;
+};
+
+} // namespace
+
+// Goes on from the frame that `w` has, which is the last of `*countp`, as leave does, for as long as rules are plain, as nearly
+// all are: no register but stack and frame pointer is followed. Whether that was the end; else the rule of the last frame
+// wants more. Does not change what `w` has. `Word` is the target's.
+template <typename Word>
+static bool walk_swiftly(stack_walk *w, bool is_exact, uint64_t *addresses, size_t room, size_t *countp)
+{
+    const unsigned fp = w->mach->smd_fp;
+    const unsigned place_of_fp = krv_kept_place(w->mach, fp), place_of_pc = krv_kept_place(w->mach, w->mach->smd_pc);
+    if (w->registers[w->mach->smd_sp].how != known_register::is)
+        return false;
+    rules_nearby rules(w);
+    known_register frame = w->registers[fp];
+    auto stack_pointer = static_cast<Word>(w->registers[w->mach->smd_sp].value);
+    uint64_t last_cfa = w->cfa, pc = w->pc;
+    for (size_t count = *countp;; is_exact = false) {
+        *countp = count;
+        const krv_compact_t *const rule = rules.find(is_exact ? pc : pc - 1);
+        if (rule == nullptr)
+            return !w->end(KRV_STACK_NO_RULE);
+        if (rule->flags != KRV_COMPACT_PLAIN)
+            return false;
+        Word base = stack_pointer;
+        if (rule->cfa.reg == fp) {
+            if (frame.how == known_register::nothing)
+                return false;
+            if (frame.how == known_register::is_at && !read_word<Word>(w, frame.value, &frame.value))
+                return true;
+            frame.how = known_register::is;
+            base = static_cast<Word>(frame.value);
+        }
+        const auto cfa = static_cast<Word>(base + static_cast<Word>(rule->cfa.offset));
+        const auto at = [cfa](int words) { return static_cast<Word>(cfa + static_cast<Word>(words) * sizeof(Word)); };
+        const int kept_fp = rule->kept[place_of_fp], kept_pc = rule->kept[place_of_pc];
+        if (kept_fp > KRV_KEPT_UNDEFINED)
+            frame = {at(kept_fp), known_register::is_at};
+        const uint64_t last_pc = pc;
+        if (kept_pc == KRV_KEPT_UNDEFINED)
+            return !w->end(KRV_STACK_END);
+        if (!read_word<Word>(w, at(kept_pc), &pc))
+            return true;
+        if (pc == 0)
+            return !w->end(KRV_STACK_END);
+        if (pc == last_pc && cfa == last_cfa)
+            return !w->end(KRV_STACK_NO_PROGRESS);
+        if (count == room)
+            return !w->end(KRV_STACK_LIMIT);
+        addresses[count++] = pc;
+        stack_pointer = cfa;
+        last_cfa = cfa;
+    }
+}
+
 static size_t walk(stack_walk *w, uint64_t *addresses, size_t room)
 {
     uint64_t pc = 0;
@@ -213,16 +325,27 @@ static size_t walk(stack_walk *w, uint64_t *addresses, size_t room)
     if (!read_register(w, w->mach->smd_pc, &pc))
         return 0;
     w->pc = pc;
-    size_t count = 0;
+    if (room == 0) {
+        w->reason = KRV_STACK_LIMIT;
+        return 0;
+    }
+    addresses[0] = pc;
     bool is_exact = true;
-    do {
+    for (size_t at = 0;; addresses[++at] = w->pc) {
+        size_t count = at + 1;
+        const auto swiftly = w->word == sizeof(uint64_t) ? walk_swiftly<uint64_t> : walk_swiftly<uint32_t>;
+        if (swiftly(w, is_exact, addresses, room, &count))
+            return count;
+        for (; at + 1 < count; addresses[++at] = w->pc) // the same frames, with all registers
+            if (!leave(w, &is_exact))
+                return at + 1;
+        if (!leave(w, &is_exact))
+            return count;
         if (count == room) {
             w->reason = KRV_STACK_LIMIT;
-            break;
+            return count;
         }
-        addresses[count++] = w->pc;
-    } while (leave(w, &is_exact));
-    return count;
+    }
 }
 
 size_t korva_stack_addresses(const krv_stack_t *stack, uint64_t *addresses, size_t room, krv_stack_end_t *endp)

@@ -13,6 +13,7 @@
 //     T  all units prefilled, then as I, by two threads that share what was opened; O  the same by one    items: addresses
 //     F  frame description and unwind row at the addresses                             items: addresses
 //     S  walk of the own stack inside the library FILE, memory read by a call-back     items: frames
+//     W  the same, without a call-back; what call-frame information says is kept      items: frames
 //
 // The clock runs from before FILE is opened to after the last answer. Exit status 3: the job is not offered. Contestants
 // whose answers are the same print the same `check`. ADDRESSES is made by addresses.cpp.
@@ -45,6 +46,9 @@ struct run {
 
 // Nanoseconds of a clock that only goes forward.
 uint64_t now();
+
+// The end of the stack of the thread, which is the highest address.
+uint64_t stack_end();
 
 // How often job S walks: BENCH_WALKS, or 2000.
 int walks();

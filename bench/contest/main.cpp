@@ -9,6 +9,7 @@
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <link.h>
+#include <pthread.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <vector>
@@ -32,6 +33,18 @@ static int number_of(const char *variable, int otherwise)
 int walks()
 {
     return number_of("BENCH_WALKS", 2000);
+}
+
+uint64_t stack_end()
+{
+    pthread_attr_t attributes;
+    void *low = nullptr;
+    size_t size = 0;
+    if (pthread_getattr_np(pthread_self(), &attributes) == 0) {
+        pthread_attr_getstack(&attributes, &low, &size);
+        pthread_attr_destroy(&attributes);
+    }
+    return reinterpret_cast<uintptr_t>(low) + size;
 }
 
 bool run_chain(const char *file, chain_leaf *leaf, void *arg)
