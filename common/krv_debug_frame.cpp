@@ -232,7 +232,7 @@ static bool read_fde(krv_handle_t *hp, krv_reader_t *reader, krv_fde_t *fdep, ui
     return true;
 }
 
-static krv_fde_t *krv_debug_frame_gfbo(krv_handle_t *hp, krv_reader_t *reader, uint64_t offset)
+static krv_fde_t *krv_debug_frame_gfbo(krv_handle_t *hp, krv_reader_t *reader, uint64_t offset, krv_fde_room *)
 {
     KRV_ASSERT(hp != NULL);
     std::unique_ptr<krv_fde_t, fde_deleter> fdep(krv_new<krv_fde_t>(hp));
@@ -242,7 +242,7 @@ static krv_fde_t *krv_debug_frame_gfbo(krv_handle_t *hp, krv_reader_t *reader, u
     return nullptr;
 }
 
-static int krv_debug_frame_gfoba(krv_handle_t *hp, krv_reader_t *, uint64_t, uint64_t *, uint64_t *, uint64_t *)
+static int krv_debug_frame_gfoba(krv_handle_t *hp, krv_reader_t *, uint64_t, krv_fde_search *)
 {
     KRV_ASSERT(hp != NULL);
     return krv_fail_code(hp, KRV_ERR_UNSUPPORTED);

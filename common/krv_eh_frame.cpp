@@ -13,6 +13,7 @@
 
 #include <cstring>
 #include <memory>
+#include <new>
 
 namespace
 {
@@ -20,6 +21,7 @@ namespace
 constexpr uint8_t EH_FORMAT = 0x0f;      // how a pointer is read
 constexpr uint8_t EH_APPLICATION = 0xf0; // what is added; the indirect bit is one of these
 constexpr uint64_t EH_LENGTH_SIZE = 4;   // bytes of a record's length field; there is no 64-bit format
+constexpr uint64_t SIZE_UNIT = 8;        // to which records are mostly padded
 
 struct eh_format {
     krv_form_t form; // 0 for a format that does not exist
@@ -40,10 +42,9 @@ struct krv_eh_cie {
 struct krv_eh_fde {
     krv_fde_t fde;
     krv_amd64_fde_augmentation augmentation;
-    krv_handle_t *hp;
-    krv_reader_t *reader; // that has read it
-    krv_eh_cie parent;    // stays when the record becomes the spare one
+    krv_eh_cie parent;
 };
+static_assert(sizeof(krv_eh_fde) <= sizeof(krv_fde_room) && alignof(krv_eh_fde) <= alignof(krv_fde_room));
 
 static constexpr eh_format eh_formats[EH_FORMAT + 1] = {
     {DW_FORM_addr, false},  // DW_EH_PE_absptr
@@ -417,7 +418,7 @@ static uint64_t next_decoding()
     return __atomic_add_fetch(&last, 1, __ATOMIC_RELAXED);
 }
 
-// Flat, as is read_fde: with the forms known, a field is a few instructions.
+// Flat, as is krv_eh_frame_gfbo: with the forms known, a field is a few instructions.
 [[gnu::flatten]] static bool read_cie(krv_handle_t *hp, krv_cie_t *ciep, uint64_t eh_frame, uint64_t address)
 {
     record_reader r;
@@ -472,7 +473,7 @@ static krv_cie_t *krv_eh_frame_gcbo(krv_handle_t *hp, krv_reader_t *reader, uint
 
 // Reads a record afresh, in one call, since its length is expected to be the same; whether it is byte for byte the one
 // that `known` was decoded from. What read_bulk says of a lost call is left in `lost`.
-static bool is_unchanged(const krv_eh_cie *known, const krv_fd_t *as, uint64_t address, krv_window_t *lost)
+static inline bool is_unchanged(const krv_eh_cie *known, const krv_fd_t *as, uint64_t address, krv_window_t *lost)
 {
     const krv_window_t *window = &known->cie.scie_window; // all but the length field
     if (known->cie.scie_decoding == 0 || known->address != address)
@@ -487,7 +488,7 @@ static bool is_unchanged(const krv_eh_cie *known, const krv_fd_t *as, uint64_t a
 }
 
 // Where a CIE at an address is kept, or would be. NULL: there is no room.
-static krv_eh_cie **find_kept(krv_eh_frame_reader_data *data, uint64_t address)
+static inline krv_eh_cie **find_kept(krv_eh_frame_reader_data *data, uint64_t address)
 {
     for (krv_eh_cie *&slot : data->sefh_cies) {
         const krv_eh_cie *kept = krv_load(&slot);
@@ -510,32 +511,36 @@ static void keep_cie(krv_handle_t *hp, const krv_eh_cie *decoded, krv_eh_cie **s
     krv_publish(slot, fresh.release(), krv_free);
 }
 
-// Most CIEs were decoded before, which spares their decoding.
-[[gnu::noinline]] static bool read_parent(krv_handle_t *hp, krv_eh_fde *record, uint64_t eh_frame, uint64_t address)
+// Decodes a CIE, and keeps it if `slot` has room for it.
+[[gnu::noinline]] static bool decode_parent(krv_handle_t *hp, krv_eh_frame_reader_data *data, krv_eh_fde *record,
+                                            uint64_t address, krv_eh_cie **slot)
 {
-    krv_eh_cie **slot = find_kept(reader_data(record->reader), address);
-    krv_eh_cie *kept = slot == nullptr ? nullptr : krv_load(slot);
-    krv_window_t *window = &record->parent.cie.scie_window;
-    if (kept != nullptr && is_unchanged(kept, &hp->sh_as, address, window)) {
-        record->fde.sfde_cie = &kept->cie;
-        return true;
-    }
     krv_eh_cie *parent = &record->parent;
-    if (window->sw_lost || !is_unchanged(parent, &hp->sh_as, address, window)) {
-        const bool lost = window->sw_lost;
-        *parent = {};
-        parent->is_owned = true;
-        parent->address = address;
-        window->sw_lost = lost;
-        if (!read_cie(hp, &parent->cie, eh_frame, address)) {
-            cie_failed(hp, address);
-            krv_note(hp, "couldn't get parent CIE");
-            return false;
-        }
-        if (kept == nullptr && slot != nullptr && parent->cie.scie_decoding != 0 && hp->sh_budget == nullptr)
-            keep_cie(hp, parent, slot);
+    krv_window_t *window = &parent->cie.scie_window;
+    const bool lost = window->sw_lost;
+    *parent = {};
+    parent->is_owned = true;
+    parent->address = address;
+    window->sw_lost = lost;
+    if (!read_cie(hp, &parent->cie, data->sefh_eh_frame, address)) {
+        cie_failed(hp, address);
+        krv_note(hp, "couldn't get parent CIE");
+        return false;
     }
+    if (slot != nullptr && krv_load(slot) == nullptr && parent->cie.scie_decoding != 0 && hp->sh_budget == nullptr)
+        keep_cie(hp, parent, slot);
     record->fde.sfde_cie = &parent->cie;
+    return true;
+}
+
+// Most CIEs were decoded before, which spares their decoding.
+static inline bool read_parent(krv_handle_t *hp, krv_eh_frame_reader_data *data, krv_eh_fde *record, uint64_t address)
+{
+    krv_eh_cie **slot = find_kept(data, address);
+    krv_eh_cie *kept = slot == nullptr ? nullptr : krv_load(slot);
+    if (kept == nullptr || !is_unchanged(kept, &hp->sh_as, address, &record->parent.cie.scie_window))
+        return decode_parent(hp, data, record, address, slot);
+    record->fde.sfde_cie = &kept->cie;
     return true;
 }
 
@@ -591,13 +596,17 @@ static bool scan_extent(krv_handle_t *hp, record_reader *r, uint8_t encoding, kr
     return true;
 }
 
-[[gnu::flatten]] static bool read_fde(krv_handle_t *hp, krv_eh_fde *record, uint64_t eh_frame, uint64_t offset)
+static inline bool read_fde(krv_handle_t *hp, krv_eh_frame_reader_data *data, krv_eh_fde *record, uint64_t offset)
 {
-    const krv_eh_frame_reader_data *data = reader_data(record->reader);
+    const uint64_t eh_frame = data->sefh_eh_frame;
     krv_fde_t *fdep = &record->fde;
     record_reader r;
-    const uint64_t likely = data->sefh_likely_address == eh_frame + offset ? uint64_t{data->sefh_likely_size} : 0;
-    const bool entered = enter_record(&r, hp, &fdep->sfde_window, eh_frame, eh_frame + offset, likely);
+    krv_relaxed<uint8_t> &words = data->sefh_sizes[offset / SIZE_UNIT % KRV_EH_KEPT_SIZES];
+    const uint8_t likely = words;
+    const bool entered = enter_record(&r, hp, &fdep->sfde_window, eh_frame, eh_frame + offset, EH_LENGTH_SIZE * likely);
+    const uint64_t size = r.length + EH_LENGTH_SIZE;
+    if (size != uint64_t{EH_LENGTH_SIZE} * likely && size % EH_LENGTH_SIZE == 0 && size / EH_LENGTH_SIZE <= UINT8_MAX)
+        words = static_cast<uint8_t>(size / EH_LENGTH_SIZE);
     fdep->sfde_length = r.length;
     fdep->sfde_section_length = r.length + EH_LENGTH_SIZE;
     if (!entered || !krv_read_field(&r.fd, DW_FORM_data4, &fdep->sfde_pointer, "failed to read CIE pointer"))
@@ -607,7 +616,7 @@ static bool scan_extent(krv_handle_t *hp, record_reader *r, uint8_t encoding, kr
         return false;
     }
     fdep->sfde_cie_offset = offset + EH_LENGTH_SIZE - fdep->sfde_pointer;
-    if (!read_parent(hp, record, eh_frame, eh_frame + fdep->sfde_cie_offset))
+    if (!read_parent(hp, data, record, eh_frame + fdep->sfde_cie_offset))
         return false;
     switch (fdep->sfde_cie->scie_augmentation_type) {
     case KRV_AUG_NONE:
@@ -630,23 +639,17 @@ static bool scan_extent(krv_handle_t *hp, record_reader *r, uint8_t encoding, kr
     return true;
 }
 
-// A record to be filled: the spare one or a new one.
-static krv_eh_fde *take_record(krv_handle_t *hp, krv_reader_t *reader)
+// A record to be filled.
+static krv_eh_fde *take_record(krv_handle_t *hp, krv_fde_room *room)
 {
-    krv_eh_fde *record = krv_take(&reader_data(reader)->sefh_spare);
-    if (record != nullptr) {
-        record->fde.sfde_cie = nullptr;
-        record->fde.sfde_augmentation_data = nullptr;
-        record->fde.sfde_window.sw_size = 0;
-        record->fde.sfde_window.sw_lost = false;
-        record->augmentation = {};
-        return record;
-    }
-    record = krv_new<krv_eh_fde>(hp);
-    if (record != nullptr) {
-        record->hp = hp;
-        record->reader = reader;
-    }
+    if (room == nullptr)
+        return krv_new<krv_eh_fde>(hp);
+    auto *record = new (room->bytes) krv_eh_fde;
+    record->fde.sfde_segment_selector = 0;
+    record->fde.sfde_cie = nullptr;
+    record->fde.sfde_augmentation_data = nullptr;
+    record->fde.sfde_is_lent = true;
+    record->augmentation = {};
     return record;
 }
 
@@ -657,14 +660,11 @@ static void krv_eh_frame_cie_free(krv_cie_t *ciep)
         krv_free(ciep); // with its augmentation data
 }
 
-// The record becomes the spare one, unless there is one, or it has outlived its reader.
+// The record that is lent belongs to its caller.
 static void krv_eh_frame_fde_free(krv_fde_t *fdep)
 {
-    auto *record = reinterpret_cast<krv_eh_fde *>(fdep);
-    if (krv_load(&record->hp->sh_frame_reader) != record->reader)
-        krv_free(record);
-    else
-        krv_publish(&reader_data(record->reader)->sefh_spare, record, krv_free);
+    if (!fdep->sfde_is_lent)
+        krv_free(fdep);
 }
 
 namespace
@@ -676,16 +676,18 @@ struct fde_deleter {
 
 } // namespace
 
-static krv_fde_t *krv_eh_frame_gfbo(krv_handle_t *hp, krv_reader_t *reader, uint64_t offset)
+[[gnu::flatten]] static krv_fde_t *krv_eh_frame_gfbo(krv_handle_t *hp, krv_reader_t *reader, uint64_t offset,
+                                                     krv_fde_room *room)
 {
     KRV_ASSERT(hp != NULL);
     KRV_ASSERT(reader != NULL);
-    const uint64_t eh_frame = reader_data(reader)->sefh_eh_frame;
-    krv_eh_fde *record = take_record(hp, reader);
+    krv_eh_frame_reader_data *data = reader_data(reader);
+    krv_eh_fde *record = take_record(hp, room);
     std::unique_ptr<krv_fde_t, fde_deleter> fdep(record == nullptr ? nullptr : &record->fde);
-    if (fdep != nullptr && read_fde(hp, record, eh_frame, offset))
+    if (fdep != nullptr && read_fde(hp, data, record, offset))
         return fdep.release();
-    krv_note(hp, "failed to read FDE at address 0x%lx in .eh_frame", static_cast<unsigned long>(eh_frame + offset));
+    krv_note(hp, "failed to read FDE at address 0x%lx in .eh_frame",
+             static_cast<unsigned long>(data->sefh_eh_frame + offset));
     return nullptr;
 }
 
@@ -707,7 +709,6 @@ static void krv_eh_frame_destroy_reader(krv_reader_t *reader)
 {
     for (krv_eh_cie *kept : reader_data(reader)->sefh_cies)
         krv_free(kept);
-    krv_free(reader_data(reader)->sefh_spare);
     krv_free(reader_data(reader)->sefh_guide);
     krv_free(reader->sr_data);
     krv_free(reader);

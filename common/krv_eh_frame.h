@@ -14,6 +14,7 @@ typedef int krv_eh_status_t;
 enum { KRV_EFH_UNINITIALISED = 0, KRV_EFH_UNSUPPORTED = 1, KRV_EFH_INITIALISED = 2 };
 
 constexpr unsigned KRV_EH_KEPT_CIES = 8; // a linker leaves two or three
+constexpr unsigned KRV_EH_KEPT_SIZES = 4096;
 
 // The reader's sr_data.
 struct krv_eh_frame_reader_data {
@@ -29,10 +30,10 @@ struct krv_eh_frame_reader_data {
     uint64_t sefh_table_offset;                     // target address of the first
     uint8_t sefh_width;                             // bytes of one field: 2, 4 or 8
     struct krv_eh_cie *sefh_cies[KRV_EH_KEPT_CIES]; // those that were decoded first, published by compare-and-swap
-    struct krv_eh_fde *sefh_spare;   // a record that is free for the next query, or NULL; taken and put back atomically
-    struct krv_eh_guide *sefh_guide; // what searches of the table have seen, published by compare-and-swap
-    krv_relaxed<uint64_t> sefh_likely_address; // of the record that a search has found last,
-    krv_relaxed<uint64_t> sefh_likely_size;    // and its bytes, if the next record of the table follows it; else 0
+    struct krv_eh_guide *sefh_guide;  // what searches of the table have seen, published by compare-and-swap
+    krv_relaxed<bool> sefh_has_found; // a search has found something
+    krv_relaxed<uint8_t>
+        sefh_sizes[KRV_EH_KEPT_SIZES]; // words of the last record at such an offset; 0: not known, or many
 };
 
 // scie_augmentation_data of a CIE with an augmentation string.
@@ -67,7 +68,6 @@ inline krv_fd_t krv_eh_address_space(krv_handle_t *hp)
 krv_get_next_op_f krv_eh_frame_aug_next_op;
 
 // The index of krv_eh_frame: sro_gfoba over the search table of .eh_frame_hdr.
-int krv_eh_frame_gfoba(krv_handle_t *hp, krv_reader_t *reader, uint64_t address, uint64_t *taddrp, uint64_t *toffp,
-                       uint64_t *naddrp);
+int krv_eh_frame_gfoba(krv_handle_t *hp, krv_reader_t *reader, uint64_t address, krv_fde_search *searchp);
 
 #endif

@@ -123,29 +123,48 @@ enum class found { yes, no, failed, astray };
 // middle of one spares a call. Where a search ends is always read, and shows when it was led astray, since memory has
 // changed.
 struct krv_eh_guide {
-    uint64_t size;
+    uint64_t size, hints; // the latter a power of two
 
     // By range: in the low half, where the entry begins, counted from 2^31 bytes before .eh_frame_hdr; in the high half,
     // how far before 2^31 - 1 bytes behind it the next one begins, or 0 when it is the last of the range. 0: not known, as
     // if the entry covered all that is within.
     krv_relaxed<uint64_t> *bounds() { return reinterpret_cast<krv_relaxed<uint64_t> *>(this + 1); }
+    // By stretch of code: a hint, or 0.
+    krv_relaxed<uint64_t> *hinted() { return bounds() + size; }
 };
 
 namespace
 {
+
+// A stretch of code is 64 bytes that begin at a multiple of 64, counted as the guide's bounds are.
+constexpr unsigned STRETCH_BITS = 6, FEWEST_HINTS_BITS = 6, ENTRY_BITS = 24;
+constexpr uint64_t STRETCH = 1 << STRETCH_BITS;
+
+// Where a search has ended, for all addresses of a stretch that halve the table in the same way.
+struct hint {
+    uint64_t entry : ENTRY_BITS;
+    uint64_t is_known : 1;
+    uint64_t ends_range : 1; // the entry was the last of the range
+    uint64_t from : STRETCH_BITS;
+    uint64_t to : STRETCH_BITS; // the last one of these addresses
+    uint64_t stretch : 32 - STRETCH_BITS - FEWEST_HINTS_BITS;
+};
+static_assert(sizeof(hint) == sizeof(uint64_t));
 
 // The table while it is searched.
 struct table_search {
     krv_handle_t *hp;
     const krv_eh_frame_reader_data *data;
     uint64_t address;              // that is looked for
+    krv_eh_guide *guide;           // or NULL
     krv_relaxed<uint64_t> *bounds; // of the guide,
     uint64_t nodes;                // so many; 0: there is none
     uint64_t node;                 // of the range
     bool is_guided;                // to it
+    krv_relaxed<uint64_t> *hint;   // where the one for the address is found or noted; NULL: nowhere
+    uint64_t before, behind;       // addresses as far from this one, and nearer than that one, go the same way
     range among;
     entry at;
-    uint64_t likely_size; // of the record
 
     // Formed modulo 2^64.
     uint64_t field_address(int32_t number, unsigned int field) const
@@ -165,11 +184,13 @@ struct table_search {
 
     void go_left(int32_t mid)
     {
+        behind = std::min(behind, at.start - address);
         among.last = mid - 1;
         node = 2 * node + 1;
     }
     void go_right(int32_t mid)
     {
+        before = std::min(before, address - std::max(at.start, at.next)); // which are in no order, perhaps
         among.first = mid + 1;
         node = 2 * node + 2;
     }
@@ -278,44 +299,48 @@ static inline found search_step(table_search *s, Read &read)
 // which way a search goes cannot be predicted.
 static inline bool follow_guide(table_search *s)
 {
-    const uint64_t distance = s->distance(s->address), left = UINT32_MAX - distance;
+    const uint64_t distance = s->distance(s->address);
     if (distance >= UINT32_MAX)
         return false;
+    uint64_t before = UINT64_MAX, behind = UINT64_MAX;
     const krv_relaxed<uint64_t> *const bounds = s->bounds;
     const uint64_t nodes = s->nodes;
     auto first = static_cast<uint32_t>(s->among.first), entries = static_cast<uint32_t>(s->among.entries());
     uint64_t node = 0, seen = 0;
     while (node < nodes && entries != 0) {
         seen = bounds[node];
-        const uint32_t is_before = distance < (seen & UINT32_MAX), is_behind = seen >> 32 >= left;
+        const uint64_t start = seen & UINT32_MAX, next = UINT32_MAX - (seen >> 32);
+        const uint32_t is_before = distance < start, is_behind = distance >= next;
         if (is_before == is_behind)
             break;
+        before = std::min(before, is_behind != 0 ? distance - std::max(start, next) : UINT64_MAX);
+        behind = std::min(behind, is_before != 0 ? start - distance : UINT64_MAX);
         first += (0 - is_behind) & ((entries + 1) / 2);
         entries = (entries - 1 + is_behind) / 2;
         node = 2 * node + 1 + is_behind;
     }
     s->is_guided = node != 0;
+    s->before = before;
+    s->behind = behind;
     s->among = {static_cast<int32_t>(first), static_cast<int32_t>(first + entries - 1)};
     s->node = node;
     return node < nodes && entries != 0 && seen != 0;
 }
 
-// Reads the entry to which the guide has led.
-static inline found read_answer(table_search *s)
+// Reads the entry to which guide or hint has led.
+static inline found read_answer(table_search *s, int32_t mid, bool ends_range)
 {
-    const int32_t mid = s->among.middle();
-    const part p = {{mid, mid}, mid == s->last_of_table() ? 0U : 2U, false};
+    const part p = {{mid, mid}, mid == s->last_of_table() ? 0U : 1U, false};
     uint8_t bytes[4 * sizeof(uint64_t)];
     const krv_bulk bulk = read_part(s, p, bytes);
     if (bulk != krv_bulk::read)
         return bulk == krv_bulk::failed ? found::failed : found::astray;
-    return use_part(s, p, bytes, [s, mid, &p](const auto &fields) {
+    return use_part(s, p, bytes, [s, mid, ends_range, &p](const auto &fields) {
         const bool has_next = p.behind != 0;
         const uint64_t start = fields.field(mid, 0), next = has_next ? fields.field(mid + 1, 0) : start;
         if (s->address < start || (has_next && s->address >= next))
             return found::astray;
-        s->at = {start, fields.field(mid, 1), mid == s->among.last ? start : next};
-        s->likely_size = has_next ? fields.field(mid + 1, 1) - s->at.fde_address : 0;
+        s->at = {start, fields.field(mid, 1), ends_range ? start : next};
         return found::yes;
     });
 }
@@ -345,10 +370,6 @@ static found search_held(table_search *s, const part &p, const held_fields<T> &f
             note_middle(s, fields);
         result = search_step(s, fields);
     } while (p.is_whole && result == found::no && s->among.first <= s->among.last);
-    if (result == found::yes) {
-        const int32_t mid = s->among.middle();
-        s->likely_size = p.is_whole && mid != last ? fields.field(mid + 1, 1) - s->at.fde_address : 0;
-    }
     return result;
 }
 
@@ -379,29 +400,68 @@ static part next_part(const table_search *s)
     return outcome;
 }
 
+// Where the hint for an address is to be found or noted. NULL: nowhere.
+static inline krv_relaxed<uint64_t> *place_of_hint(const table_search *s, krv_eh_guide *guide)
+{
+    const uint64_t distance = s->distance(s->address);
+    return distance >= UINT32_MAX ? nullptr : &guide->hinted()[distance >> STRETCH_BITS & (guide->hints - 1)];
+}
+
+// A hint is taken once, so that no other thread changes it meanwhile.
+static inline hint read_hint(const table_search *s)
+{
+    const uint64_t distance = s->distance(s->address), at = distance % STRETCH;
+    const auto h = std::bit_cast<hint>(s->hint == nullptr ? uint64_t{0} : uint64_t{*s->hint});
+    const bool holds =
+        h.is_known != 0 && h.stretch == distance >> (STRETCH_BITS + FEWEST_HINTS_BITS) && at >= h.from && at <= h.to;
+    return holds ? h : hint{};
+}
+
+static inline void note_hint(table_search *s, int32_t mid, bool ends_range)
+{
+    const uint64_t distance = s->distance(s->address), at = distance % STRETCH;
+    const uint64_t before = std::min(s->before, s->address - s->at.start);
+    const uint64_t behind = ends_range ? s->behind : std::min(s->behind, s->at.next - s->address);
+    hint h = {};
+    h.entry = static_cast<uint64_t>(mid) & ((1 << ENTRY_BITS) - 1);
+    h.is_known = 1;
+    h.ends_range = ends_range ? 1 : 0;
+    h.from = (at - std::min(before, at)) % STRETCH;
+    h.to = (at + std::min(behind - 1, STRETCH - 1 - at)) % STRETCH;
+    h.stretch = distance >> (STRETCH_BITS + FEWEST_HINTS_BITS) & ((1 << (32 - STRETCH_BITS - FEWEST_HINTS_BITS)) - 1);
+    *s->hint = std::bit_cast<uint64_t>(h);
+}
+
 // The indices have 32 bits, and so has what counts of fde_count: a count whose low half is negative finds nothing.
 static inline found search_by(table_search *s)
 {
     s->among = {0, s->last_of_table()};
     s->node = 0;
     s->is_guided = false;
-    return s->nodes != 0 && s->among.last >= 0 && follow_guide(s) ? read_answer(s) : search_on(s);
+    s->before = s->behind = UINT64_MAX;
+    const bool is_led = s->nodes != 0 && s->among.last >= 0 && follow_guide(s);
+    const found outcome = is_led ? read_answer(s, s->among.middle(), s->among.middle() == s->among.last) : search_on(s);
+    if (outcome == found::yes && s->hint != nullptr && s->among.middle() >> ENTRY_BITS == 0)
+        note_hint(s, s->among.middle(), s->among.middle() == s->among.last);
+    return outcome;
 }
 
 // As many nodes as there are ranges, within reason. None where memory is short, and until a search has found something: a
 // table of which only the count is large has no memory.
 [[gnu::noinline]] static krv_eh_guide *make_guide(krv_handle_t *hp, krv_eh_frame_reader_data *data)
 {
-    constexpr uint64_t MOST = 1 << 15;
+    constexpr uint64_t MOST = 1 << 15, MOST_HINTS = 1 << 13;
     const auto count = static_cast<uint32_t>(data->sefh_fde_count);
-    if (data->sefh_likely_address == 0 || count > INT32_MAX)
+    if (!data->sefh_has_found || count > INT32_MAX)
         return nullptr;
     const uint64_t size = std::min(std::bit_ceil(uint64_t{count} + 1), MOST) - 1;
-    auto *fresh = static_cast<krv_eh_guide *>(krv_zalloc(hp, sizeof(krv_eh_guide) + size * sizeof(uint64_t)));
+    const uint64_t hints = std::bit_ceil(std::clamp(4 * uint64_t{count}, uint64_t{1} << FEWEST_HINTS_BITS, MOST_HINTS));
+    auto *fresh = static_cast<krv_eh_guide *>(krv_zalloc(hp, sizeof(krv_eh_guide) + (size + hints) * sizeof(uint64_t)));
     krv_clear_error(hp);
     if (fresh == nullptr)
         return nullptr;
     fresh->size = size;
+    fresh->hints = hints;
     return krv_publish(&data->sefh_guide, fresh, krv_free);
 }
 
@@ -410,39 +470,49 @@ static inline void find_guide(table_search *s, krv_eh_frame_reader_data *data)
     krv_eh_guide *guide = krv_load(&data->sefh_guide);
     if (guide == nullptr)
         guide = make_guide(s->hp, data);
+    s->guide = guide;
     s->nodes = guide == nullptr ? 0 : guide->size;
     s->bounds = guide == nullptr ? nullptr : guide->bounds();
+    s->hint = guide == nullptr ? nullptr : place_of_hint(s, guide);
 }
 
 // Who was led to nothing looks again.
 [[gnu::noinline]] static found search_again(table_search *s, found outcome)
 {
-    for (uint64_t node = 0; outcome == found::astray && node < s->nodes; ++node)
-        s->bounds[node] = 0;
+    if (outcome == found::astray)
+        for (uint64_t i = 0; i < s->guide->size + s->guide->hints; ++i)
+            s->bounds[i] = 0;
     s->nodes = 0;
+    s->hint = nullptr;
     return search_by(s);
 }
 
-static inline found search_table(table_search *s)
+[[gnu::noinline]] static found search_unhinted(table_search *s)
 {
     const found outcome = search_by(s);
     return outcome == found::astray || (outcome == found::no && s->is_guided) ? search_again(s, outcome) : outcome;
 }
 
-static int abandon_table(krv_handle_t *hp, krv_eh_frame_reader_data *data)
+static inline found search_table(table_search *s)
+{
+    const hint h = read_hint(s);
+    if (h.is_known == 0)
+        return search_unhinted(s);
+    const found outcome = read_answer(s, static_cast<int32_t>(h.entry), h.ends_range != 0);
+    return outcome == found::astray ? search_again(s, outcome) : outcome;
+}
+
+[[gnu::cold]] static int abandon_table(krv_handle_t *hp, krv_eh_frame_reader_data *data)
 {
     krv_store(&data->sefh_status, krv_eh_status_t{KRV_EFH_UNSUPPORTED});
     return krv_fail(hp, KRV_ERR_UNSUPPORTED, "failure parsing .eh_frame_hdr");
 }
 
-int krv_eh_frame_gfoba(krv_handle_t *hp, krv_reader_t *reader, uint64_t address, uint64_t *taddrp, uint64_t *toffp,
-                       uint64_t *naddrp)
+int krv_eh_frame_gfoba(krv_handle_t *hp, krv_reader_t *reader, uint64_t address, krv_fde_search *searchp)
 {
     KRV_ASSERT(hp != NULL);
     KRV_ASSERT(reader != NULL);
-    KRV_ASSERT(taddrp != NULL);
-    KRV_ASSERT(toffp != NULL);
-    KRV_ASSERT(naddrp != NULL);
+    KRV_ASSERT(searchp != NULL);
     auto *data = static_cast<krv_eh_frame_reader_data *>(reader->sr_data);
     const krv_eh_status_t status = krv_load(&data->sefh_status);
     if (status == KRV_EFH_UNSUPPORTED)
@@ -457,15 +527,15 @@ int krv_eh_frame_gfoba(krv_handle_t *hp, krv_reader_t *reader, uint64_t address,
     s.data = data;
     s.address = address;
     s.at = {};
-    s.likely_size = 0;
     find_guide(&s, data);
     switch (search_table(&s)) {
     case found::yes:
-        data->sefh_likely_address = s.at.fde_address;
-        data->sefh_likely_size = s.likely_size;
-        *taddrp = s.at.start;
-        *toffp = s.at.fde_address - data->sefh_eh_frame;
-        *naddrp = s.at.next;
+        if (s.guide == nullptr)
+            data->sefh_has_found = true;
+        searchp->start = s.at.start;
+        searchp->offset = s.at.fde_address - data->sefh_eh_frame;
+        searchp->next = s.at.next;
+        searchp->by_table = true;
         return 0;
     case found::no:
         return krv_fail_code(hp, KRV_ERR_NOTFOUND);

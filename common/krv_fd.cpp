@@ -24,18 +24,6 @@ void krv_fd_free(krv_fd_t *fdp)
     krv_free(fdp);
 }
 
-void krv_fd_attach_mem(krv_handle_t *hp, krv_fd_t *fdp, uint64_t size, uint8_t *buf)
-{
-    KRV_ASSERT(hp != NULL);
-    KRV_ASSERT(fdp != NULL);
-    *fdp = {};
-    fdp->sfd_hp = hp;
-    fdp->sfd_size = size;
-    fdp->sfd_remaining = size;
-    fdp->sfd_flags = KRV_FD_TYPE_MEMORY;
-    fdp->sfd_u.buf = buf;
-}
-
 void krv_fd_attach_cb(krv_handle_t *hp, krv_fd_t *fdp, uint64_t size, krv_fd_cb_f *func, void *arg)
 {
     KRV_ASSERT(hp != NULL);

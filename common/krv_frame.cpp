@@ -55,7 +55,8 @@ static bool walk_cie(record_walk *walk, uint64_t offset, uint64_t *sizep)
 static bool walk_fde(record_walk *walk, uint64_t offset, uint64_t *sizep)
 {
     krv_linear_t *lt = walk->lt;
-    const krv_fde_owner fdep(krv_get_fde_by_offset(walk->hp, offset), {walk->hp});
+    krv_fde_room room;
+    const krv_fde_owner fdep(krv_get_fde_by_offset(walk->hp, offset, &room), {walk->hp});
     if (fdep == nullptr ||
         !krv_table_grow(walk->hp, &lt->sl_table, &lt->sl_table_size, lt->sl_table_entries, uint64_t{1}))
         return false;
@@ -151,10 +152,8 @@ static inline int find_entry(krv_handle_t *hp, krv_reader_t *reader, uint64_t ad
 {
     const krv_linear_t *lt = krv_load(&reader->sr_lt);
     if (lt == nullptr && !force) {
-        if (reader->sr_ops->sro_gfoba(hp, reader, address, &entry->start, &entry->offset, &entry->next) == 0) {
-            entry->by_table = true;
+        if (reader->sr_ops->sro_gfoba(hp, reader, address, entry) == 0)
             return 0;
-        }
         if (krv_errno(hp) != KRV_ERR_UNSUPPORTED)
             return -1;
     }
@@ -208,38 +207,55 @@ static void note_inconsistency(krv_handle_t *hp, uint64_t address, const krv_fde
              static_cast<unsigned long>(fdep->sfde_target_address), static_cast<unsigned long>(last_address(fdep)));
 }
 
-// A reader's index that disagrees with the FDEs is bypassed once, in favour of the linear table.
-krv_fde_t *krv_search_fde(krv_handle_t *hp, uint64_t address, krv_fde_search *searchp)
+// The FDE of an entry if it covers the address; *consistentp: whether it is what the index says of it.
+static inline krv_fde_t *fde_of_entry(krv_handle_t *hp, krv_reader_t *reader, uint64_t address, krv_fde_search *searchp,
+                                      krv_fde_room *room, bool *consistentp)
 {
-    KRV_ASSERT(hp != NULL);
-    *searchp = {};
-    krv_reader_t *reader = krv_need_reader(hp);
-    if (reader == nullptr)
+    *consistentp = true;
+    krv_fde_owner fdep(reader->sr_ops->sro_gfbo(hp, reader, searchp->offset, room), {hp});
+    if (fdep == nullptr)
         return nullptr;
-    for (const bool forced : {false, true}) {
-        if (find_entry(hp, reader, address, forced, searchp) != 0)
-            return nullptr;
-        krv_fde_owner fdep(reader->sr_ops->sro_gfbo(hp, reader, searchp->offset), {hp});
-        if (fdep == nullptr)
-            return nullptr;
-        if (krv_fde_is_consistent(fdep.get(), searchp->start, searchp->next)) {
-            if (covers(fdep.get(), address))
-                return fdep.release();
-            searchp->near_start = fdep->sfde_target_address;
-            searchp->near_end = last_address(fdep.get()) + 1;
-            krv_fail_code(hp, KRV_ERR_NOTFOUND);
-            return nullptr;
-        }
+    *consistentp = krv_fde_is_consistent(fdep.get(), searchp->start, searchp->next);
+    if (*consistentp && covers(fdep.get(), address))
+        return fdep.release();
+    if (*consistentp) {
+        searchp->near_start = fdep->sfde_target_address;
+        searchp->near_end = last_address(fdep.get()) + 1;
+        krv_fail_code(hp, KRV_ERR_NOTFOUND);
+    } else {
         note_inconsistency(hp, address, searchp, fdep.get());
-        if (!forced)
-            krv_note(hp, "forcing BST regeneration");
     }
-    krv_fail(hp, KRV_ERR_CORRUPT, "giving up");
     return nullptr;
 }
 
-krv_fde_t *krv_get_fde_by_address(krv_handle_t *hp, uint64_t address)
+// A reader's index that disagrees with the FDEs is bypassed once, in favour of the linear table.
+[[gnu::cold]] static krv_fde_t *search_by_force(krv_handle_t *hp, krv_reader_t *reader, uint64_t address,
+                                                krv_fde_search *searchp, krv_fde_room *room)
+{
+    bool is_consistent;
+    krv_note(hp, "forcing BST regeneration");
+    if (find_entry(hp, reader, address, true, searchp) != 0)
+        return nullptr;
+    krv_fde_t *fdep = fde_of_entry(hp, reader, address, searchp, room, &is_consistent);
+    if (!is_consistent)
+        krv_fail(hp, KRV_ERR_CORRUPT, "giving up");
+    return fdep;
+}
+
+krv_fde_t *krv_search_fde(krv_handle_t *hp, uint64_t address, krv_fde_search *searchp, krv_fde_room *room)
+{
+    KRV_ASSERT(hp != NULL);
+    *searchp = {};
+    bool is_consistent;
+    krv_reader_t *reader = krv_need_reader(hp);
+    if (reader == nullptr || find_entry(hp, reader, address, false, searchp) != 0)
+        return nullptr;
+    krv_fde_t *fdep = fde_of_entry(hp, reader, address, searchp, room, &is_consistent);
+    return is_consistent ? fdep : search_by_force(hp, reader, address, searchp, room);
+}
+
+krv_fde_t *krv_get_fde_by_address(krv_handle_t *hp, uint64_t address, krv_fde_room *room)
 {
     krv_fde_search search;
-    return krv_search_fde(hp, address, &search);
+    return krv_search_fde(hp, address, &search, room);
 }

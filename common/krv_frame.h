@@ -12,19 +12,10 @@
 int krv_get_fde_offset_by_address(krv_handle_t *hp, uint64_t address, boolean_t force, uint64_t *taddrp,
                                   uint64_t *toffp, uint64_t *naddrp);
 
-// How the FDE of an address was looked for.
-struct krv_fde_search {
-    uint64_t start;                // what the index has: first address of the FDE,
-    uint64_t offset;               // its section offset,
-    uint64_t next;                 // and the first address of the one behind it, or start
-    bool by_table;                 // it is the reader's own index; else the linear table
-    uint64_t near_start, near_end; // of that FDE, where it does not reach up to the address; else 0
-};
-
-// The FDE that covers an address; *searchp tells how it was found, or as far as it was looked for. NULL with KRV_ERR_NOTFOUND, KRV_ERR_CORRUPT when index and FDEs contradict each
-// other, or the code of a failed read.
-krv_fde_t *krv_search_fde(krv_handle_t *hp, uint64_t address, krv_fde_search *searchp);
-krv_fde_t *krv_get_fde_by_address(krv_handle_t *hp, uint64_t address);
+// The FDE that covers an address; *searchp tells how it was found, or as far as it was looked for. NULL with
+// KRV_ERR_NOTFOUND, KRV_ERR_CORRUPT when index and FDEs contradict each other, or the code of a failed read.
+krv_fde_t *krv_search_fde(krv_handle_t *hp, uint64_t address, krv_fde_search *searchp, krv_fde_room *room = nullptr);
+krv_fde_t *krv_get_fde_by_address(krv_handle_t *hp, uint64_t address, krv_fde_room *room = nullptr);
 
 // Every FDE of the section, read once and kept. NULL with the code of a failed read, KRV_ERR_NOTFOUND when there is none.
 const krv_linear_t *krv_get_linear_table(krv_handle_t *hp);

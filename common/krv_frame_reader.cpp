@@ -51,11 +51,11 @@ krv_cie_t *krv_get_cie_by_offset(krv_handle_t *hp, uint64_t offset)
     return reader == nullptr ? nullptr : reader->sr_ops->sro_gcbo(hp, reader, offset);
 }
 
-krv_fde_t *krv_get_fde_by_offset(krv_handle_t *hp, uint64_t offset)
+krv_fde_t *krv_get_fde_by_offset(krv_handle_t *hp, uint64_t offset, krv_fde_room *room)
 {
     KRV_ASSERT(hp != NULL);
     krv_reader_t *reader = krv_need_reader(hp);
-    return reader == nullptr ? nullptr : reader->sr_ops->sro_gfbo(hp, reader, offset);
+    return reader == nullptr ? nullptr : reader->sr_ops->sro_gfbo(hp, reader, offset, room);
 }
 
 void krv_cie_free(krv_handle_t *hp, krv_cie_t *ciep)
@@ -71,6 +71,8 @@ void krv_fde_free(krv_handle_t *hp, krv_fde_t *fdep)
 {
     KRV_ASSERT(hp != NULL);
     KRV_ASSERT(fdep != NULL);
+    if (fdep->sfde_is_lent)
+        return;
     krv_reader_t *reader = krv_get_reader(hp);
     KRV_ASSERT(reader != NULL);
     krv_cie_t *ciep = fdep->sfde_cie;

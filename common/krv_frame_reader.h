@@ -50,7 +50,7 @@ inline krv_reader_t *krv_need_reader(krv_handle_t *hp)
 
 // The record at an offset. NULL with code and messages.
 krv_cie_t *krv_get_cie_by_offset(krv_handle_t *hp, uint64_t offset);
-krv_fde_t *krv_get_fde_by_offset(krv_handle_t *hp, uint64_t offset);
+krv_fde_t *krv_get_fde_by_offset(krv_handle_t *hp, uint64_t offset, krv_fde_room *room = nullptr);
 void krv_cie_free(krv_handle_t *hp, krv_cie_t *ciep);
 void krv_fde_free(krv_handle_t *hp, krv_fde_t *fdep); // with its CIE
 
@@ -62,7 +62,11 @@ using krv_cie_owner = std::unique_ptr<krv_cie_t, krv_cie_deleter>;
 
 struct krv_fde_deleter {
     krv_handle_t *hp;
-    void operator()(krv_fde_t *fdep) const { krv_fde_free(hp, fdep); }
+    void operator()(krv_fde_t *fdep) const
+    {
+        if (!fdep->sfde_is_lent)
+            krv_fde_free(hp, fdep);
+    }
 };
 using krv_fde_owner = std::unique_ptr<krv_fde_t, krv_fde_deleter>;
 

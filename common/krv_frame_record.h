@@ -55,17 +55,33 @@ struct krv_fde_t {
     void *sfde_augmentation_data;   // the reader's own, or NULL
     uint64_t sfde_section_length;   // bytes to the next record
     uint64_t sfde_cie_offset;       // where the CIE begins, in the section
+    bool sfde_is_lent;              // in its caller's room, and its CIE with it or kept: nothing has to be freed
     krv_window_t sfde_window;       // as its CIE's
+};
+
+// Where a reader may put an FDE and its CIE that are asked for and done with in one go, and so take no memory. Not
+// initialised.
+struct krv_fde_room {
+    alignas(uint64_t) uint8_t bytes[1024];
+};
+
+// How the FDE of an address was looked for.
+struct krv_fde_search {
+    uint64_t start;                // what the index has: first address of the FDE,
+    uint64_t offset;               // its section offset,
+    uint64_t next;                 // and the first address of the one behind it, or start when none was looked at
+    bool by_table;                 // it is the reader's own index; else the linear table
+    uint64_t near_start, near_end; // of that FDE, where it does not reach up to the address; else 0
 };
 
 // What a reader does. Offsets are from the start of the section that it serves. Every slot is filled.
 struct krv_reader_ops_t {
     krv_cie_t *(*sro_gcbo)(krv_handle_t *hp, krv_reader *reader, uint64_t offset);
-    krv_fde_t *(*sro_gfbo)(krv_handle_t *hp, krv_reader *reader, uint64_t offset);
-    // Finds an address in the reader's own index, as krv_get_fde_offset_by_address does. KRV_ERR_UNSUPPORTED: there
-    // is none to be used.
-    int (*sro_gfoba)(krv_handle_t *hp, krv_reader *reader, uint64_t address, uint64_t *taddrp, uint64_t *toffp,
-                     uint64_t *naddrp);
+    // Without a room: a record that the caller frees.
+    krv_fde_t *(*sro_gfbo)(krv_handle_t *hp, krv_reader *reader, uint64_t offset, krv_fde_room *room);
+    // Finds an address in the reader's own index, as krv_get_fde_offset_by_address does, and fills all but what the FDE
+    // itself tells. KRV_ERR_UNSUPPORTED: there is none to be used.
+    int (*sro_gfoba)(krv_handle_t *hp, krv_reader *reader, uint64_t address, krv_fde_search *searchp);
     void (*sro_cie_free)(krv_cie_t *ciep); // with its augmentation data
     void (*sro_fde_free)(krv_fde_t *fdep); // likewise; not its CIE
     void (*sro_destroy_reader)(krv_reader *reader);

@@ -27,12 +27,12 @@ struct program {
 
     bool is_of(const krv_rows_key &key)
     {
-        return hash == key.hash && size == key.size && decoding == key.decoding &&
-               std::memcmp(bytes(), key.bytes, size) == 0;
+        return size == key.size && decoding == key.decoding && std::memcmp(bytes(), key.bytes, size) == 0;
     }
 };
 
 constexpr uint32_t SLOTS_FEWEST = 64, SLOTS_MOST = 4096, PROBES = 4;
+constexpr uint32_t LIKELY = 8; // functions that are told from each other, a slot
 
 } // namespace
 
@@ -42,9 +42,11 @@ struct krv_known_rows {
     krv_compact rules; // by number
     uint32_t slots;    // a power of two
 
-    // Behind it, by slot: programs, each published once, and the hash that led there last.
+    // Behind it, by slot: programs, each published once, and the hash that led there last; and by functions, the slot of
+    // the last one's program.
     program **programs() { return reinterpret_cast<program **>(this + 1); }
     krv_relaxed<uint32_t> *seen() { return reinterpret_cast<krv_relaxed<uint32_t> *>(programs() + slots); }
+    krv_relaxed<uint16_t> *likely() { return reinterpret_cast<krv_relaxed<uint16_t> *>(seen() + slots); }
     uint32_t slot(uint32_t hash, uint32_t probe) const { return (hash + probe) & (slots - 1); }
 };
 
@@ -75,7 +77,7 @@ static uint32_t hash_bytes(uint64_t sum, const uint8_t *bytes, uint64_t size)
     return static_cast<uint32_t>(sum >> 32);
 }
 
-bool krv_rows_key_of(const krv_fde_t *fde, krv_rows_key *key)
+static inline bool make_key(const krv_fde_t *fde, krv_rows_key *key)
 {
     const krv_window_t *window = &fde->sfde_window;
     const uint64_t skip = fde->sfde_cfi_offset - window->sw_offset;
@@ -85,27 +87,51 @@ bool krv_rows_key_of(const krv_fde_t *fde, krv_rows_key *key)
     key->decoding = fde->sfde_cie->scie_decoding;
     key->bytes = window->sw_bytes + skip;
     key->size = static_cast<uint32_t>(fde->sfde_cfi_size);
+    return true;
+}
+
+bool krv_rows_key_of(const krv_fde_t *fde, krv_rows_key *key)
+{
+    if (!make_key(fde, key))
+        return false;
     key->hash = hash_bytes(key->decoding, key->bytes, key->size);
     return true;
 }
 
 // Where the program with these bytes stands, or would stand. NULL: there is no room.
-static program **find(krv_known_rows *known, const krv_rows_key &key)
+static inline program **find(krv_known_rows *known, const krv_rows_key &key)
 {
     for (uint32_t probe = 0; probe < PROBES; ++probe) {
         program **slot = &known->programs()[known->slot(key.hash, probe)];
         program *p = krv_load(slot);
-        if (p == nullptr || p->is_of(key))
+        if (p == nullptr || (p->hash == key.hash && p->is_of(key)))
             return slot;
     }
     return nullptr;
 }
 
-bool krv_rows_apply(const krv_reader_t *reader, krv_activation_t *ap, const krv_rows_key &key, uint64_t offset)
+// The program of a function. NULL: there is none.
+static inline program *program_of(krv_known_rows *known, const krv_fde_t *fde)
+{
+    krv_rows_key key;
+    if (!make_key(fde, &key))
+        return nullptr;
+    krv_relaxed<uint16_t> &likely = known->likely()[fde->sfde_target_address / 16 & (LIKELY * known->slots - 1)];
+    program *p = krv_load(&known->programs()[likely]);
+    if (p != nullptr && p->is_of(key))
+        return p;
+    key.hash = hash_bytes(key.decoding, key.bytes, key.size);
+    program **slot = find(known, key);
+    p = slot == nullptr ? nullptr : krv_load(slot);
+    if (p != nullptr)
+        likely = static_cast<uint16_t>(slot - known->programs());
+    return p;
+}
+
+bool krv_rows_apply(const krv_reader_t *reader, krv_activation_t *ap, const krv_fde_t *fde, uint64_t offset)
 {
     krv_known_rows *known = krv_load(&reader->sr_known);
-    program **slot = known == nullptr ? nullptr : find(known, key);
-    program *p = slot == nullptr ? nullptr : krv_load(slot);
+    program *p = known == nullptr ? nullptr : program_of(known, fde);
     if (p == nullptr || p->rows == 0 || offset > KRV_ROWS_SPAN)
         return false;
     const uint32_t *offsets = p->offsets();
@@ -125,7 +151,9 @@ static krv_known_rows *need_known(krv_handle_t *hp, krv_reader_t *reader)
     if (krv_known_rows *known = krv_load(&reader->sr_known))
         return known;
     const uint32_t slots = std::bit_ceil(std::clamp(uint32_t{reader->sr_likely_fdes} / 4, SLOTS_FEWEST, SLOTS_MOST));
-    const size_t size = sizeof(krv_known_rows) + slots * (sizeof(program *) + sizeof(krv_relaxed<uint32_t>));
+    constexpr size_t SLOT_SIZE =
+        sizeof(program *) + sizeof(krv_relaxed<uint32_t>) + LIKELY * sizeof(krv_relaxed<uint16_t>);
+    const size_t size = sizeof(krv_known_rows) + slots * SLOT_SIZE;
     auto *fresh = static_cast<krv_known_rows *>(krv_zalloc(hp, size));
     if (fresh == nullptr)
         return nullptr;

@@ -22,7 +22,7 @@ bool krv_rows_key_of(const krv_fde_t *fde, krv_rows_key *key);
 
 // Fills the rules of a program counter `offset` bytes behind the FDE's first address, as executing the instructions does.
 // False: they are not known.
-bool krv_rows_apply(const krv_reader_t *reader, krv_activation_t *ap, const krv_rows_key &key, uint64_t offset);
+bool krv_rows_apply(const krv_reader_t *reader, krv_activation_t *ap, const krv_fde_t *fde, uint64_t offset);
 
 // The first addresses of rows that are kept, from that of the FDE.
 constexpr uint64_t KRV_ROWS_SPAN = UINT32_MAX;

@@ -11,14 +11,14 @@ static krv_cie_t *krv_no_frame_gcbo(krv_handle_t *hp, krv_reader_t *, uint64_t)
     return nullptr;
 }
 
-static krv_fde_t *krv_no_frame_gfbo(krv_handle_t *hp, krv_reader_t *, uint64_t)
+static krv_fde_t *krv_no_frame_gfbo(krv_handle_t *hp, krv_reader_t *, uint64_t, krv_fde_room *)
 {
     KRV_ASSERT(hp != NULL);
     krv_fail_code(hp, KRV_ERR_NOTFOUND);
     return nullptr;
 }
 
-static int krv_no_frame_gfoba(krv_handle_t *hp, krv_reader_t *, uint64_t, uint64_t *, uint64_t *, uint64_t *)
+static int krv_no_frame_gfoba(krv_handle_t *hp, krv_reader_t *, uint64_t, krv_fde_search *)
 {
     KRV_ASSERT(hp != NULL);
     return krv_fail_code(hp, KRV_ERR_NOTFOUND); // not KRV_ERR_UNSUPPORTED: there is nothing to walk either

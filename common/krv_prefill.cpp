@@ -232,7 +232,8 @@ static void visit_row(void *arg, const krv_slots_t &changed, uint64_t start, uin
 // code and messages: it cannot be read this time.
 static bool add_function(filling *f, const krv_lie_t *entry, uint64_t next)
 {
-    const krv_fde_owner fde(krv_get_fde_by_offset(f->hp, entry->sle_offset), {f->hp});
+    krv_fde_room room;
+    const krv_fde_owner fde(krv_get_fde_by_offset(f->hp, entry->sle_offset, &room), {f->hp});
     const uint64_t start = entry->sle_start;
     if (fde == nullptr)
         return false;

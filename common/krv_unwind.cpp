@@ -126,11 +126,11 @@ static extent extent_of(const krv_fde_t *fde)
 }
 
 // Executes the instructions to their end, as if they began at address 0, for all FDEs that have the same.
-[[gnu::noinline]] static void learn_rows(krv_handle_t *hp, krv_activation_t *ap, krv_reader_t *reader, krv_fde_t *fde,
-                                         const krv_rows_key &key)
+[[gnu::noinline]] static void learn_rows(krv_handle_t *hp, krv_activation_t *ap, krv_reader_t *reader, krv_fde_t *fde)
 {
+    krv_rows_key key;
     krv_rows_draft draft;
-    if (krv_rows_begin(&draft, hp, reader, ap, fde->sfde_cie, key))
+    if (krv_rows_key_of(fde, &key) && krv_rows_begin(&draft, hp, reader, ap, fde->sfde_cie, key))
         krv_rows_keep(
             &draft, key,
             generate_cie_rules(hp, ap, fde->sfde_cie) == 0 &&
@@ -141,18 +141,17 @@ static extent extent_of(const krv_fde_t *fde)
 static bool apply_known_rows(krv_handle_t *hp, krv_activation_t *ap, krv_fde_t *fde, uint64_t pc)
 {
     krv_reader_t *reader = krv_load(&hp->sh_frame_reader);
-    krv_rows_key key;
-    if (fde->sfde_target_address > UINT64_MAX - KRV_ROWS_SPAN || !krv_rows_key_of(fde, &key))
+    if (fde->sfde_target_address > UINT64_MAX - KRV_ROWS_SPAN)
         return false;
-    if (krv_rows_apply(reader, ap, key, pc - fde->sfde_target_address))
+    if (krv_rows_apply(reader, ap, fde, pc - fde->sfde_target_address))
         return true;
-    learn_rows(hp, ap, reader, fde, key);
+    learn_rows(hp, ap, reader, fde);
     return false;
 }
 
-krv_fde_t *krv_find_fde(krv_handle_t *hp, uint64_t pc, krv_fde_search *searchp)
+krv_fde_t *krv_find_fde(krv_handle_t *hp, uint64_t pc, krv_fde_search *searchp, krv_fde_room *room)
 {
-    krv_fde_owner fde(krv_search_fde(hp, pc, searchp), {hp});
+    krv_fde_owner fde(krv_search_fde(hp, pc, searchp, room), {hp});
     if (fde == nullptr) {
         krv_note(hp, "unable to get FDE for PC 0x%lx", static_cast<unsigned long>(pc));
         return nullptr;
@@ -175,10 +174,11 @@ int krv_execute_rules(krv_handle_t *hp, krv_activation_t *ap, krv_fde_t *fde, ui
 }
 
 // What the records say.
-static int read_rules(krv_handle_t *hp, krv_activation_t *ap, uint64_t pc, uint64_t *columnp)
+static inline int read_rules(krv_handle_t *hp, krv_activation_t *ap, uint64_t pc, uint64_t *columnp)
 {
     krv_fde_search search;
-    const krv_fde_owner fde(krv_find_fde(hp, pc, &search), {hp});
+    krv_fde_room room;
+    const krv_fde_owner fde(krv_find_fde(hp, pc, &search, &room), {hp});
     if (fde == nullptr)
         return -1;
     enter_function(ap, fde.get());
@@ -193,16 +193,15 @@ int krv_generate_rules(krv_handle_t *hp, krv_activation_t *ap, uint64_t pc, uint
     KRV_ASSERT(columnp != NULL);
     ap->sa_function.size = 0;
     ap->sa_spared_pc = 0;
-    if (hp->sh_compact == nullptr)
-        return read_rules(hp, ap, pc, columnp);
-    if (pc != 0 && krv_compact_apply(hp, ap, pc, columnp)) {
+    const bool is_constant = hp->sh_compact != nullptr;
+    if (is_constant && pc != 0 && krv_compact_apply(hp, ap, pc, columnp)) {
         ap->sa_spared_pc = pc;
         return 0;
     }
     if (read_rules(hp, ap, pc, columnp) != 0)
         return -1;
-    // The column is stored. NOLINTNEXTLINE(clang-analyzer-core.CallAndMessage)
-    krv_compact_learn(hp, ap, pc, *columnp);
+    if (is_constant) // The column is stored. NOLINTNEXTLINE(clang-analyzer-core.CallAndMessage)
+        krv_compact_learn(hp, ap, pc, *columnp);
     return 0;
 }
 

@@ -17,7 +17,7 @@ int krv_generate_initial_rules(krv_handle_t *hp, krv_activation_t *ap, krv_cie_t
 
 // The two steps of it that read records: the FDE that covers a program counter, which tells how it was found, and the rules
 // that its instructions give there. NULL and -1 with code and messages.
-krv_fde_t *krv_find_fde(krv_handle_t *hp, uint64_t pc, krv_fde_search *searchp);
+krv_fde_t *krv_find_fde(krv_handle_t *hp, uint64_t pc, krv_fde_search *searchp, krv_fde_room *room = nullptr);
 int krv_execute_rules(krv_handle_t *hp, krv_activation_t *ap, krv_fde_t *fde, uint64_t pc);
 
 // Calls `row` for the rows of an FDE that is not empty, with their rules in sa_current, all but the last one, whose rules

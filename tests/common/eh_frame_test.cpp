@@ -516,7 +516,7 @@ TEST(EhFrameHdr, RemembersItsWay)
                 }
                 reads += fresh.memory.reads;
             };
-            compare(200);
+            compare(count < 3000 ? 1000 : 200);
             EXPECT_TRUE(count < 3000 || swaps != 0 || old.memory.reads < reads / 3) << old.memory.reads << " " << reads;
             if (swaps != 0)
                 continue;

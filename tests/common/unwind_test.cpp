@@ -391,7 +391,7 @@ TEST(Unwind, OneReadFails)
                 const std::string found = s.caller(7);
                 met = s.memory.reads >= s.memory.fault_at;
                 EXPECT_EQ(found.substr(0, 4), met != 0 ? "IO: " : "7028") << found;
-                EXPECT_TRUE(met != 0 || n > (padding == 0 ? 4 : 8));
+                EXPECT_TRUE(met != 0 || n > (padding == 0 ? 3 : 8));
             }
 }
 
