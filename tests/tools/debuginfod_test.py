@@ -10,6 +10,7 @@ import hashlib
 import http.server
 import json
 import os
+import pty
 import re
 import shutil
 import socket
@@ -148,10 +149,10 @@ class Client:
     def cached(self, program, kind='debuginfo'):
         return os.path.join(self.cache, program.id, kind)
 
-    def run(self, *arguments, urls=(), text='', **environment):
+    def run(self, *arguments, urls=(), text='', stderr=subprocess.PIPE, **environment):
         clean = {name: value for name, value in os.environ.items() if 'DEBUGINFOD' not in name}
         began = time.monotonic()
-        result = run(self.korva, *arguments, text=text, env={
+        result = run(self.korva, *arguments, text=text, stderr=stderr, env={
             **clean, 'DEBUGINFOD_CACHE_PATH': self.cache, 'DEBUGINFOD_URLS': ' '.join(urls), 'DEBUGINFOD_TIMEOUT': '1',
             **environment})
         result.seconds = time.monotonic() - began
@@ -244,6 +245,43 @@ def test_bad_servers(client, url, known, unknown, other):
     expect(line is None and wrong in result.err and os.path.exists(client.cached(known)), 'a wrong file in the cache:', result)
     line, result = client.line(known, '--debuginfod', urls=[url])
     expect(line is not None and build_id_of(client.cached(known)) == known.id, 'a wrong file in the cache:', result)
+
+
+def test_alternate(client, known, other):
+    """The file that dwz lets several share."""
+    if shutil.which('dwz') is None:
+        print('left out: dwz is not installed')
+        return
+    both = [shutil.copy(program.whole, f'{program.whole}.shared') for program in (known, other)]
+    common = f'{client.folder}/common'
+    answer_of('dwz', '-m', common, '-M', f'{client.folder}/nowhere', *both)
+    client.fresh_cache()
+    with Sender(common) as sender:
+        for options, is_there in ((), False), (('--debuginfod',), True), ((), True):
+            result = client.run('addr', '-e', both[0], *options, 'main', urls=[sender.url])
+            expect(('alternate file is not found' in result.err) != is_there, 'the shared file:', options, result)
+        expect(sender.asked == [f'/buildid/{build_id_of(common)}/debuginfo'], 'asked for the shared file was', sender.asked)
+
+
+def test_bounds(client, known):
+    """A run does not ask for ever, whatever it is asked. What a terminal shows meanwhile."""
+    client.fresh_cache()
+    questions = ''.join(json.dumps({'build_id': f'{number:040x}', 'addr': '0x10'}) + '\n' for number in range(1 << 64, (1 << 64) + 510))
+    with Sender() as idle:
+        result = client.run('addr', '--jsonl', '--debuginfod', urls=[idle.url], text=questions)
+        expect(len(idle.asked) == 1000 and result.err.count('servers were asked 1000 times: ') == 1 and 'given up' not in result.err,
+               'asked without end:', len(idle.asked), result.err)
+    client.fresh_cache()
+    shown, terminal = pty.openpty()
+    with Silent() as silent:
+        result = client.run('addr', '-e', known.path, '--debuginfod', 'main', urls=[silent.url], stderr=terminal, DEBUGINFOD_TIMEOUT='100',
+                            KORVA_DEBUGINFOD_SECONDS='2')
+        os.close(terminal)
+        text = os.read(shown, 1 << 16).decode()
+        os.close(shown)
+        line = rf'\r\x1b\[K{silent.url}/buildid/{known.id}/debuginfo \(KiB\) \.\.\.'
+        expect(result.seconds < 20 and re.match(rf'({line})+\r\x1b\[Kkorva: servers have taken 2 s: .*\r\n', text), 'on a terminal:',
+               result.seconds, text)
 
 
 def wait_for_pause(process):
@@ -392,6 +430,8 @@ def main():
         with real_server(folder, f'{folder}/served', known.id) as url:
             test_servers(client, url, known, unknown)
             test_bad_servers(client, url, known, unknown, other)
+            test_alternate(client, known, other)
+            test_bounds(client, known)
             test_core(client, url, waiting, core)
             test_process(client, url, waiting)
     print('passed')

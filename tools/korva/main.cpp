@@ -3,8 +3,8 @@
 // korva: asks libkorva about ELF files from a shell. Each verb lives in cmd_NAME.cpp; this file joins them, and turns
 // what ends a verb early into diagnostics and exit statuses.
 #include "command.h"
+#include "fetches.h"
 #include "object.h"
-#include "progress.h"
 
 #include "libkorva-elf.h"
 
@@ -75,7 +75,7 @@ void add_file_options(CLI::App *verb, common_options *options)
         ->type_name("DIR");
     verb->add_flag("--debuginfod", options->debuginfod, "Ask the servers in DEBUGINFOD_URLS for what is not here")
         ->envname("KORVA_DEBUGINFOD");
-    options->search.on_fetch = show_fetch;
+    options->search.on_fetch = watch_fetch;
     verb->add_option("--max-steps", options->bounds.steps,
                      "Bytes of input that may be gone over for one record; 0 is any number")
         ->transform(CLI::AsSizeValue(false));

@@ -7,7 +7,6 @@
 
 #include <chrono>
 #include <cstdio>
-#include <optional>
 #include <unistd.h>
 #include <utility>
 
@@ -66,22 +65,6 @@ void progress::watch()
                                : fmt::format("\r\033[K{} ...", m_what));
         s_shown = true;
     }
-}
-
-bool show_fetch(const krv_elf_fetch_t &fetch)
-{
-    constexpr uint64_t KIB = 1024;
-    static std::optional<progress> shown; // of the one that is being asked for
-    if (fetch.is_over != 0) {
-        shown.reset();
-        if (fetch.error[0] != '\0')
-            diagnose(fmt::format("{}: {}", fetch.url, fetch.error));
-    } else if (!shown) {
-        shown.emplace(fmt::format("{} (KiB)", printable(fetch.url)), 0, progress::mode::silent);
-    } else {
-        shown->set(fetch.received / KIB, (fetch.size + KIB - 1) / KIB);
-    }
-    return true;
 }
 
 } // namespace korva::program

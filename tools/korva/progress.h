@@ -4,8 +4,6 @@
 // second and disappears with its object. Silent where standard error is no terminal.
 #pragma once
 
-#include <libkorva-elf.h>
-
 #include <atomic>
 #include <condition_variable>
 #include <cstdint>
@@ -54,8 +52,5 @@ private:
     std::thread m_watcher;
     progress *m_below; // made before, and not ended
 };
-
-/** Shows what a server is doing, and tells why one failed: a search's on_fetch. */
-bool show_fetch(const krv_elf_fetch_t &fetch);
 
 } // namespace korva::program
