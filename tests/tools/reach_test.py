@@ -218,6 +218,7 @@ def test_unwind(korva, targets, folder):
             ({'id': 7, 'modules': [{'path': '/bin/true', 'start': 5, 'end': 5}]}, 'error', 'a module ends at 0x5'),
             ({'id': 7, 'modules': [{'path': '/bin/true', 'start': 5}]}, 'error', 'a module has no end'),
             ({'id': 7, 'modules': [{'build_id': '../x', 'start': 5, 'end': 6}]}, 'error', r'build_id \.\./x is none'),
+            ({'id': 7, 'modules': [{'path': '/bin/true\0', 'start': 5, 'end': 6}]}, 'error', 'the path of a module has a NUL'),
             ({'id': 7, 'registers': {'rip': registers['rip']}}, 'error', 'registers have no rsp'),
             ({'id': 7, 'registers': None}, 'error', 'no registers'),
             ({'id': 7, 'target': 'vax'}, 'error', 'target is vax'),

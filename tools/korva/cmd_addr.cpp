@@ -277,12 +277,7 @@ void addr_run::make_answer(const question &q)
     const answer a = find(q);
     if (!a.empty() && m_seen.insert(a[0].unit).second)
         ++m_untrimmed_units;
-    if (a.empty())
-        m_done.missed();
-    else if (a[0].has_row != 0 && a[0].file[0] != '\0' && a[0].line != 0)
-        m_done.answered();
-    else
-        m_done.partly();
+    count(a, &m_done);
     make_text(q, a);
 }
 

@@ -54,26 +54,16 @@ class unwind_run
 {
 public:
     explicit unwind_run(const unwind_options &options)
-        : m_options(options), m_cache(options.most_open, options.flags(), options.search, bounds_of(options)),
+        : m_options(options),
+          m_cache(options.most_open, options.flags(), options.search, for_each_alone(options.bounds)),
           m_out(options.format)
     {
     }
 
-    void answer(std::string_view line);
-    void refuse_input(int error);
-    int finish();
-
-    answers &out() { return m_out; }
+    int run();
 
 private:
-    // An answer does not depend on those before it.
-    static cost_bounds bounds_of(const common_options &options)
-    {
-        cost_bounds bounds = options.bounds;
-        bounds.stay = true;
-        return bounds;
-    }
-
+    void answer(std::string_view line);
     void refuse(const record_error &why);
     void answer_described(const described_process &of);
     json_value frame(const process &proc, const placed_modules &modules, size_t index, const stack_frame &f);
@@ -209,30 +199,12 @@ void unwind_run::answer_described(const described_process &of)
     m_out.record_text(line + '}');
 }
 
-void unwind_run::refuse_input(int error)
+int unwind_run::run()
 {
-    const std::string name = m_options.input.empty() || m_options.input == "-" ? "standard input" : m_options.input;
-    const record_error why = {.code = "KRV_ELF_ERR_SYSTEM",
-                              .messages = {fmt::format("{}: {}", name, std::strerror(error))}};
-    m_done.missed();
-    m_out.record_failure(why);
-    diagnose(why.messages[0]);
-}
-
-int unwind_run::finish()
-{
+    each_line(
+        m_options.input, &m_out, &m_done, [this](std::string_view line) { answer(line); }, [this] { m_out.flush(); });
     m_out.finish();
     return m_done.status();
-}
-
-static int run_unwind(const unwind_options &options)
-{
-    unwind_run run(options);
-    const int error = each_line(
-        options.input, [&](std::string_view line) { run.answer(line); }, [&] { run.out().flush(); });
-    if (error != 0)
-        run.refuse_input(error);
-    return run.finish();
 }
 
 void add_unwind(CLI::App &app, int *status)
@@ -262,7 +234,7 @@ void add_unwind(CLI::App &app, int *status)
         "  korva stack -p 4711 --format=jsonl --raw-stack 64K > thread.jsonl");
     verb->callback([options, status] {
         set_output_format(options->format);
-        *status = run_unwind(*options);
+        *status = unwind_run(*options).run();
     });
 }
 

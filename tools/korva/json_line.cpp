@@ -3,9 +3,7 @@
 
 #include "input.h"
 
-#include <cerrno>
-#include <fcntl.h>
-#include <unistd.h>
+#include <cstring>
 
 namespace korva::program
 {
@@ -148,22 +146,24 @@ const json_line::member *json_line::find(const std::string &name) const
     return at == m_members.end() ? nullptr : &at->second;
 }
 
-int each_line(const std::string &path, const std::function<void(std::string_view)> &line,
-              const std::function<void()> &before_waiting)
+void each_line(const std::string &path, answers *out, tally *done, const std::function<void(std::string_view)> &line,
+               const std::function<void()> &before_waiting)
 {
-    const bool is_standard = path.empty() || path == "-";
-    const int fd = is_standard ? STDIN_FILENO : open(path.c_str(), O_RDONLY | O_CLOEXEC);
-    if (fd < 0)
-        return errno;
-    line_reader lines(fd);
+    const text_input input(path.empty() ? "-" : path);
+    line_reader lines(input.fd());
     while (const auto next = lines.next([&] {
         if (!lines.is_ready())
             before_waiting();
     }))
         line(*next);
-    if (!is_standard)
-        close(fd);
-    return lines.error();
+    before_waiting();
+    if (lines.error() == 0)
+        return;
+    const record_error why = {.code = "KRV_ELF_ERR_SYSTEM",
+                              .messages = {fmt::format("{}: {}", input.name(), std::strerror(lines.error()))}};
+    done->missed();
+    out->record_failure(why);
+    diagnose(why.messages[0]);
 }
 
 } // namespace korva::program

@@ -4,8 +4,8 @@
 #pragma once
 
 #include "output.h"
+#include "status.h"
 
-#include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <optional>
@@ -43,10 +43,11 @@ private:
 };
 
 /**
- * Calls @p line for each line of a file; "" and "-" are standard input. @p before_waiting is called before more is read that is
- * not there yet. Returns 0, or the errno of what could not be read.
+ * Calls @p line for each line of a file, and @p before_waiting before more is read that is not there yet, and at the end; "" and
+ * "-" are standard input. Throws failure when the file cannot be opened; that it cannot be read to its end is told, counted in
+ * @p done, and the last record.
  */
-int each_line(const std::string &path, const std::function<void(std::string_view)> &line,
-              const std::function<void()> &before_waiting);
+void each_line(const std::string &path, answers *out, tally *done, const std::function<void(std::string_view)> &line,
+               const std::function<void()> &before_waiting);
 
 } // namespace korva::program

@@ -29,6 +29,13 @@ struct text_hash {
 /** Whether a text can be that of a build-id, which becomes part of a path. */
 bool is_build_id(std::string_view text);
 
+/** The same bounds for records each of which is answered as if it were the only one. */
+inline cost_bounds for_each_alone(cost_bounds bounds)
+{
+    bounds.stay = true;
+    return bounds;
+}
+
 /** An opened file, asked by what logs know. Addresses are the file's. */
 class opened_module
 {

@@ -6,6 +6,16 @@
 namespace korva::program
 {
 
+void count(answer a, tally *done)
+{
+    if (a.empty())
+        done->missed();
+    else if (a[0].has_row != 0 && a[0].file[0] != '\0' && a[0].line != 0)
+        done->answered();
+    else
+        done->partly();
+}
+
 void append_text(std::string *line, const char *key, std::optional<std::string_view> value)
 {
     *line += key;

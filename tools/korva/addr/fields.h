@@ -4,6 +4,7 @@
 #pragma once
 
 #include "object.h"
+#include "status.h"
 
 #include <cstdint>
 #include <optional>
@@ -16,6 +17,9 @@ namespace korva::program
 
 /** What is known of an address, the innermost function first; empty when nothing is. */
 using answer = std::span<const krv_elf_frame_t>;
+
+/** Counts an answer; one without a line is known in part. */
+void count(answer a, tally *done);
 
 /** Adds `"NAME":` and a string, or null, to a line. @p key has what stands before the value. */
 void append_text(std::string *line, const char *key, std::optional<std::string_view> value);

@@ -7,7 +7,6 @@
 #include "json_line.h"
 #include "module_cache.h"
 
-#include <cstring>
 #include <optional>
 #include <unordered_map>
 #include <vector>
@@ -36,27 +35,16 @@ class files_run
 {
 public:
     files_run(const common_options &options, const file_questions &asked)
-        : m_asked(asked), m_cache(asked.most_open, options.flags(), options.search, bounds_of(options)),
+        : m_asked(asked), m_cache(asked.most_open, options.flags(), options.search, for_each_alone(options.bounds)),
           m_out(options.format)
     {
     }
 
-    void ask(std::string_view line);
-    void answer_waiting();
-    void refuse_input(int error);
-    int finish();
-
-    answers &out() { return m_out; }
+    int run();
 
 private:
-    // An answer does not depend on those before it.
-    static cost_bounds bounds_of(const common_options &options)
-    {
-        cost_bounds bounds = options.bounds;
-        bounds.stay = true;
-        return bounds;
-    }
-
+    void ask(std::string_view line);
+    void answer_waiting();
     std::string read_question(file_question *q);
     size_t number_of(const std::string &path, const std::string &build_id);
     bool open(size_t module);
@@ -183,12 +171,7 @@ const std::string &files_run::make(const file_question &q)
     } else {
         why = m_refusal ? &*m_refusal : nullptr;
     }
-    if (a.empty())
-        m_done.missed();
-    else if (a[0].has_row != 0 && a[0].file[0] != '\0' && a[0].line != 0)
-        m_done.answered();
-    else
-        m_done.partly();
+    count(a, &m_done);
 
     m_line = "{";
     append_record_head(&m_line, a.empty() && why == nullptr ? record_status::not_found : status_of(why), why);
@@ -220,37 +203,21 @@ void files_run::answer_waiting()
     m_numbers.clear();
 }
 
-void files_run::refuse_input(int error)
+int files_run::run()
 {
-    answer_waiting();
-    m_done.missed();
-    const record_error why = {
-        .code = "KRV_ELF_ERR_SYSTEM",
-        .messages = {
-            fmt::format("{}: {}", m_asked.input.empty() ? "standard input" : m_asked.input, std::strerror(error))}};
-    m_out.record_failure(why);
-    diagnose(why.messages[0]);
-}
-
-int files_run::finish()
-{
-    answer_waiting();
+    each_line(
+        m_asked.input, &m_out, &m_done, [this](std::string_view line) { ask(line); },
+        [this] {
+            answer_waiting();
+            m_out.flush();
+        });
     m_out.finish();
     return m_done.status();
 }
 
 int answer_files(const common_options &options, const file_questions &asked)
 {
-    files_run run(options, asked);
-    const int error = each_line(
-        asked.input, [&](std::string_view line) { run.ask(line); },
-        [&] {
-            run.answer_waiting();
-            run.out().flush();
-        });
-    if (error != 0)
-        run.refuse_input(error);
-    return run.finish();
+    return files_run(options, asked).run();
 }
 
 } // namespace korva::program

@@ -90,6 +90,8 @@ static described_module read_module(const json_part &of)
                           get_number(of, "end", "a module"),
                           find_number(of, "bias"),
                           find_number(of, "offset").value_or(0)};
+    if (m.path.find('\0') != std::string::npos)
+        refuse_record(fmt::format("the path of a module has a NUL: {}", m.path));
     if (m.path.ends_with(MARK)) // as the system shows it
         m.path.resize(m.path.size() - MARK.size());
     if (!m.build_id.empty() && !is_build_id(m.build_id))
