@@ -43,24 +43,34 @@ public:
             row.append("</td>");
         }
         m_rows.emplace_back(~count, std::move(row));
+        ++m_added;
+        if (m_rows.size() == 2 * MOST_ROWS)
+            keep_first();
     }
 
     void append(std::string *page)
     {
         if (m_rows.empty())
             return;
-        std::sort(m_rows.begin(), m_rows.end());
+        keep_first();
         page->append(m_head);
-        for (size_t i = 0; i < std::min(m_rows.size(), MOST_ROWS); ++i)
-            page->append(
-                fmt::format("<tr><td class=\"n\">{}</td>{}</tr>\n", grouped(~m_rows[i].first), m_rows[i].second));
+        for (const auto &[rest, row] : m_rows)
+            page->append(fmt::format("<tr><td class=\"n\">{}</td>{}</tr>\n", grouped(~rest), row));
         page->append("</table></div>\n");
-        if (m_rows.size() > MOST_ROWS)
-            page->append(fmt::format("<p class=\"dim\">and {} more</p>\n", m_rows.size() - MOST_ROWS));
+        if (m_added > m_rows.size())
+            page->append(fmt::format("<p class=\"dim\">and {} more</p>\n", m_added - m_rows.size()));
     }
 
 private:
+    // A row may take fifty times the room that an owner takes in a record, and there may be a million of them.
+    void keep_first()
+    {
+        std::sort(m_rows.begin(), m_rows.end());
+        m_rows.resize(std::min(m_rows.size(), MOST_ROWS));
+    }
+
     std::string m_head;
+    size_t m_added = 0;
     std::vector<std::pair<uint64_t, std::string>> m_rows{};
 };
 
