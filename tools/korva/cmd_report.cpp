@@ -3,8 +3,8 @@
 // korva report: stacks of many processes as a page to look at.
 #include "command.h"
 #include "report/page.h"
-#include "trace/process_traces.h"
 #include "trace/trace_json.h"
+#include "trace/trace_options.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -64,17 +64,12 @@ static bool is_core(const std::string &path)
 static exit_status collect_stacks(const report_options &options, const std::vector<std::string> &cores,
                                   trace_set *traces, std::vector<std::string> *told)
 {
-    trace_collector all({.places = {.demangle = options.demangle},
-                         .exe = options.exe,
-                         .flags = options.flags(),
-                         .search = options.search,
-                         .bounds = options.bounds});
+    trace_collector all(request_of(options, {.demangle = options.demangle}, options.exe));
     for (const int pid : options.pids)
         all.add_process(pid);
     for (const std::string &core : cores)
         all.add_core(core);
-    for (const trace *t : all.traces().sorted())
-        traces->add(*t);
+    *traces = all.take_traces();
     *told = all.notes();
     for (const std::string &text : *told)
         diagnose(text);

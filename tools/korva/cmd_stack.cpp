@@ -7,7 +7,6 @@
 #include "frame_record.h"
 #include "input.h"
 #include "stacks.h"
-#include "trace/process_traces.h"
 #include "trace/trace_options.h"
 
 #include <algorithm>
@@ -251,14 +250,11 @@ int stack_run::run()
 static int run_merged(const stack_options &options)
 {
     answers out(options.format);
-    trace_collector all({.walk = options.wanted,
-                         .places = options.places,
-                         .tid = options.tid,
-                         .first_only = options.first_only,
-                         .exe = options.exe,
-                         .flags = options.flags(),
-                         .search = options.search,
-                         .bounds = options.bounds});
+    trace_request wanted = request_of(options, options.places, options.exe);
+    wanted.walk = options.wanted;
+    wanted.tid = options.tid;
+    wanted.first_only = options.first_only;
+    trace_collector all(std::move(wanted));
     for (const int pid : options.pids)
         all.add_process(pid);
     for (const std::string &core : options.cores)

@@ -15,6 +15,7 @@
 #include <memory>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 namespace korva::program
@@ -73,6 +74,7 @@ public:
     void add_core(const std::string &path);
 
     const trace_set &traces() const { return m_traces; }
+    trace_set take_traces() { return std::exchange(m_traces, {}); }
     /** What was not as it should be, but for what was diagnosed: a line each, and not too many. */
     std::vector<std::string> notes() const;
     exit_status status() const { return m_done.status(); }

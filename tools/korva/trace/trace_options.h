@@ -3,7 +3,8 @@
 // What the verbs that write traces have in common on the command line.
 #pragma once
 
-#include "output.h"
+#include "command.h"
+#include "trace/process_traces.h"
 #include "trace/trace_views.h"
 
 #include <CLI/CLI.hpp>
@@ -19,6 +20,12 @@ inline format_names trace_formats()
             {"jsonl", output_format::jsonl},
             {"folded", output_format::folded},
             {"speedscope", output_format::speedscope}};
+}
+
+/** Of processes and core files what the options that all verbs have say of them. */
+inline trace_request request_of(const common_options &options, const place_request &places, const std::string &exe)
+{
+    return {.places = places, .exe = exe, .flags = options.flags(), .search = options.search, .bounds = options.bounds};
 }
 
 /** Adds --by. */
