@@ -254,11 +254,15 @@ void core_file_source::open_core()
         fail(KRV_ELF_ERR_UNSUPPORTED, "core files of x32 programs are not read");
     image = std::move(*headers);
     uint64_t whole = 0;
+    bool lacks_notes = false;
     for (const Elf64_Phdr &s : image.segments)
-        if (s.p_filesz <= UINT64_MAX - s.p_offset)
+        if (s.p_filesz <= UINT64_MAX - s.p_offset) {
             whole = std::max(whole, s.p_offset + s.p_filesz);
+            lacks_notes = lacks_notes || (s.p_type == PT_NOTE && s.p_offset + s.p_filesz > core_size);
+        }
     if (whole > core_size)
-        note(fmt::format("{}: cut short: it has {} of {} bytes", core_path, core_size, whole));
+        note(fmt::format("{}: cut short{}: it has {} of {} bytes", core_path,
+                         lacks_notes ? ", and threads may be missing" : "", core_size, whole));
     target = image.target;
     layout = target == KRV_ACTIVATION_AMD64 ? layout_amd64 : layout_i386;
     for (const Elf64_Phdr &s : image.segments)

@@ -98,7 +98,22 @@ def test_shards(korva, scratch):
     for form in FORMATS:
         expect_same([whole[form], *(run(korva, 'merge', f'--format={form}', *order).out
                                     for order in (parts, parts[::-1]))], f'shards, {form}')
+    test_cut(korva, paths[0], scratch)
     test_opened_once(korva, scratch, paths)
+
+
+def test_cut(korva, path, scratch):
+    """A core file that ends within the notes of its threads: those before are there, and it is told that others may not be."""
+    cut = os.path.join(scratch, 'core.cut')
+    with open(path, 'rb') as file:
+        core = file.read()
+    with open(cut, 'wb') as file:
+        file.write(core[:list(cores.places_of_registers(core))[2].stop])
+    result = run(korva, 'stack', '--merge', '--format=jsonl', cut)
+    owners = [who['tid'] for line in result.out.splitlines() for who in json.loads(line)['owners']]
+    if result.status != 1 or len(owners) != 2 or 0 in owners or not re.match(
+            rf'korva: {cut}: cut short, and threads may be missing: it has \d+ of \d+ bytes\n', result.err):
+        fail(f'{owners}: {result.err}')
 
 
 def test_opened_once(korva, scratch, paths):

@@ -119,7 +119,7 @@ void trace_collector::read(const std::string &name, const std::shared_ptr<proces
     for (const thread_stack &stack : stacks)
         add_stack(name, proc, stack);
     for (const std::string &text : proc->notes())
-        note(fmt::format("{}: {}", name, text));
+        note(text.starts_with(name) ? text : fmt::format("{}: {}", name, text));
 }
 
 void trace_collector::add(const std::string &name, korva::result<process> opened)
