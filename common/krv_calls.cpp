@@ -34,13 +34,6 @@ struct calls_deleter {
 // Collecting
 // ---------------------------------------------------------------------------------------------------------------
 
-static uint64_t most_list_bytes(krv_handle_t *hp)
-{
-    const uint64_t size =
-        krv_add_offset(krv_section(hp, KRV_SEC_EXT_RANGES)->sfd_size, krv_section(hp, KRV_SEC_EXT_RNGLISTS)->sfd_size);
-    return size > UINT64_MAX / MOST_READINGS ? UINT64_MAX : MOST_READINGS * size;
-}
-
 // Adds ranges. What can be read of a list that is damaged counts. False: KRV_ERR_NOMEM.
 static bool add_ranges(krv_handle_t *hp, const krv_ctu_t *cu, const krv_code_place_t &code, uint32_t owner,
                        krv_addr_ranges *to)
@@ -48,7 +41,7 @@ static bool add_ranges(krv_handle_t *hp, const krv_ctu_t *cu, const krv_code_pla
     krv_ranges_t ranges;
     if (krv_ranges_begin_at(hp, cu, code, &ranges) != 1)
         return !krv_ran_out(hp);
-    const uint64_t most = most_list_bytes(hp), read = hp->sh_calls_read;
+    const uint64_t most = krv_ranges_most_bytes(hp, MOST_READINGS), read = hp->sh_calls_read;
     uint64_t left = read < most ? most - read : 0, start, end;
     const uint64_t allowed = left;
     ranges.sr_left = &left;

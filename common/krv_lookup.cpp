@@ -247,14 +247,8 @@ struct written_ranges {
 
 } // namespace
 
-// Each byte of the range lists is read twice, on the average, before units are taken to share what no compiler shares.
-static uint64_t most_list_bytes(krv_handle_t *hp)
-{
-    constexpr uint64_t MOST_READINGS = 2;
-    const uint64_t size =
-        krv_add_offset(krv_section(hp, KRV_SEC_EXT_RANGES)->sfd_size, krv_section(hp, KRV_SEC_EXT_RNGLISTS)->sfd_size);
-    return size > UINT64_MAX / MOST_READINGS ? UINT64_MAX : MOST_READINGS * size;
-}
+// Of a byte of the range lists, on the average, before units are taken to share what no compiler shares.
+constexpr uint64_t MOST_READINGS = 2;
 
 // Whether a set has the range, as part of one: compilers write both in one order. What is not seen is there twice.
 static bool is_known(written_ranges *of, uint64_t start, uint64_t end)
@@ -333,7 +327,7 @@ static int append_unit_ranges(krv_handle_t *hp, krv_ctu_t *cu, krv_lookup_flag_t
 [[gnu::noinline]] static int find_written_ranges(krv_handle_t *hp, krv_ctu_t *cu, krv_lookup_flag_t flags)
 {
     const auto offset = static_cast<unsigned long>(cu->dcu_offset);
-    const uint64_t most = most_list_bytes(hp), read = hp->sh_ranges_read;
+    const uint64_t most = krv_ranges_most_bytes(hp, MOST_READINGS), read = hp->sh_ranges_read;
     written_ranges of{.left = read < most ? most - read : 0};
     const int found = append_unit_ranges(hp, cu, flags, &of);
     hp->sh_ranges_read = most - of.left;

@@ -22,6 +22,13 @@ struct code_values {
 
 } // namespace
 
+uint64_t krv_ranges_most_bytes(krv_handle_t *hp, uint64_t readings)
+{
+    const uint64_t size =
+        krv_add_offset(krv_section(hp, KRV_SEC_EXT_RANGES)->sfd_size, krv_section(hp, KRV_SEC_EXT_RNGLISTS)->sfd_size);
+    return size > UINT64_MAX / readings ? UINT64_MAX : readings * size;
+}
+
 static code_values find_code_values(const krv_die_t *die)
 {
     code_values found;

@@ -48,6 +48,9 @@ struct krv_code_place_t {
 };
 int krv_ranges_begin_at(krv_handle_t *hp, const krv_ctu_t *cu, const krv_code_place_t &code, krv_ranges_t *ranges);
 
+// So many times the bytes of all lists: what may be read of them for entries that share them.
+uint64_t krv_ranges_most_bytes(krv_handle_t *hp, uint64_t readings);
+
 // The next range, which is not empty. 1, 0 behind the last one, or -1 with messages: KRV_ERR_CORRUPT where the list is
 // damaged, not ended, or too long for *sr_left.
 int krv_ranges_next(krv_ranges_t *ranges, uint64_t *startp, uint64_t *endp);
