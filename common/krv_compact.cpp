@@ -14,6 +14,7 @@ void krv_compact_clear(krv_compact *c)
         krv_free(chunk);
     krv_free(c->index);
     krv_free(c->cache);
+    krv_free(c->steps);
     krv_compact_table_free(c->table);
     *c = {};
     c->count = KRV_COMPACT_FIRST;
@@ -90,12 +91,19 @@ static bool encode_kept(const krv_cfarule_t *rule, int64_t word, int16_t *keptp)
 }
 
 // On 32-bit x86 registers that calls preserve keep their value for want of a rule.
-static bool is_plain(const krv_activation_t *ap, const krv_compact_t *rule)
+krv_step_t krv_step_of(const krv_mach_def_t *mach, const krv_compact_t *rule, uint64_t word)
 {
-    const krv_mach_def_t *mach = ap->sa_mach_def;
-    const unsigned fp = krv_kept_place(mach, mach->smd_fp), pc = krv_kept_place(mach, mach->smd_pc);
-    return rule->flags == 0 && (rule->cfa.reg == mach->smd_sp || rule->cfa.reg == mach->smd_fp) &&
-           rule->kept[pc] != KRV_KEPT_SAME && (rule->kept[fp] != KRV_KEPT_UNDEFINED || word_of(ap) == 4);
+    const auto size = static_cast<int64_t>(word);
+    const int fp = rule->kept[krv_kept_place(mach, mach->smd_fp)], pc = rule->kept[krv_kept_place(mach, mach->smd_pc)];
+    const bool is_same = fp == KRV_KEPT_SAME || (fp == KRV_KEPT_UNDEFINED && word == sizeof(uint32_t));
+    const int64_t words = rule->cfa.offset / size, slots = is_same ? 0 : -int64_t{fp};
+    if (rule->flags != 0 || rule->cfa.kind != KRV_ORIGIN_IS_ADDRESS || rule->cfa.offset % size != 0 || words < 0 ||
+        words > KRV_STEP_WORDS || (!is_same && (slots < 1 || slots > KRV_STEP_SLOTS)) ||
+        (pc != -1 && pc != KRV_KEPT_UNDEFINED) || (rule->cfa.reg != mach->smd_sp && rule->cfa.reg != mach->smd_fp))
+        return KRV_STEP_NONE;
+    return KRV_STEP_IS | (rule->cfa.reg == mach->smd_fp ? krv_step_t{KRV_STEP_BY_FP} : krv_step_t{0}) |
+           (pc == -1 ? krv_step_t{0} : krv_step_t{KRV_STEP_OUTERMOST}) |
+           static_cast<krv_step_t>(words << KRV_STEP_SLOT_BITS) | static_cast<krv_step_t>(slots);
 }
 
 bool krv_compact_encode(const krv_activation_t *ap, uint64_t column, krv_compact_t *rule)
@@ -118,8 +126,6 @@ bool krv_compact_encode(const krv_activation_t *ap, uint64_t column, krv_compact
             return false;
         others.words[0] &= ~(uint64_t{1} << mach->smd_kept[i]);
     }
-    if (is_plain(ap, rule))
-        rule->flags |= KRV_COMPACT_PLAIN;
     const unsigned int end = krv_dwarf_slots(ap);
     return others.for_each(
         [rules, end](unsigned int slot) { return slot >= end || rules[slot].desc == KRV_CFA_RULE_UNDEFINED; });
@@ -235,13 +241,28 @@ krv_compact_number_t krv_compact_intern(krv_handle_t *hp, krv_compact *c, const 
 // Rules by program counter
 // ---------------------------------------------------------------------------------------------------------------
 
+// Where a program counter has its entry. Its word stands for it and for its rule; 48 bits are all that code has.
+static uint64_t *cache_entry(uint64_t *cache, const krv_handle_t *hp, uint64_t pc)
+{
+    return &cache[(pc * 0x9e3779b97f4a7c15U) >> (64 - hp->sh_cache_bits)];
+}
+
+static bool is_cached(const krv_handle_t *hp, uint64_t pc)
+{
+    return hp->sh_cache_bits != 0 && pc >> 48 == 0;
+}
+
 static krv_compact_number_t find_number(const krv_handle_t *hp, krv_compact *c, uint64_t pc)
 {
     const krv_compact_table *table = krv_load(&c->table);
     if (table != nullptr && pc - table->base < table->size)
         return krv_compact_search(table, pc);
-    uint64_t *const cache = krv_load(&c->cache);
-    return cache == nullptr ? krv_compact_number_t{KRV_COMPACT_ASK} : krv_compact_recall(cache, hp->sh_cache_bits, pc);
+    uint64_t *cache = is_cached(hp, pc) ? krv_load(&c->cache) : nullptr;
+    if (cache == nullptr)
+        return KRV_COMPACT_ASK;
+    const uint64_t word = krv_load(cache_entry(cache, hp, pc));
+    return word >> 16 == pc ? static_cast<krv_compact_number_t>(word & UINT16_MAX)
+                            : krv_compact_number_t{KRV_COMPACT_ASK};
 }
 
 bool krv_compact_apply(krv_handle_t *hp, krv_activation_t *ap, uint64_t pc, uint64_t *columnp)
@@ -257,7 +278,7 @@ bool krv_compact_apply(krv_handle_t *hp, krv_activation_t *ap, uint64_t pc, uint
     return true;
 }
 
-uint64_t *krv_compact_get_cache(krv_handle_t *hp, krv_compact *c)
+static uint64_t *get_cache(krv_handle_t *hp, krv_compact *c)
 {
     if (uint64_t *known = krv_load(&c->cache))
         return known;
@@ -269,13 +290,13 @@ void krv_compact_learn(krv_handle_t *hp, const krv_activation_t *ap, uint64_t pc
 {
     krv_compact *c = hp->sh_compact;
     krv_compact_t rule;
-    if (hp->sh_cache_bits == 0 || !krv_compact_encode(ap, column, &rule))
+    if (!is_cached(hp, pc) || !krv_compact_encode(ap, column, &rule))
         return;
     const int32_t code = krv_errno(hp);
-    uint64_t *cache = krv_compact_get_cache(hp, c);
+    uint64_t *cache = get_cache(hp, c);
     const krv_compact_number_t number =
         cache == nullptr ? krv_compact_number_t{KRV_COMPACT_ASK} : krv_compact_intern(hp, c, &rule);
     if (number >= KRV_COMPACT_FIRST)
-        krv_compact_remember(cache, hp->sh_cache_bits, pc, number);
+        krv_store(cache_entry(cache, hp, pc), pc << 16 | number);
     krv_errno(hp) = code; // of no memory to keep it: what was asked for has not failed
 }

@@ -78,6 +78,7 @@ struct krv_compact {
     uint32_t index_size;
     krv_compact_table *table; // published by compare-and-swap
     uint64_t *cache;          // pc << 16 | number, 2^sh_cache_bits of them, each by itself; published once
+    uint64_t *steps;          // owned: see krv_step_place; NULL: none are kept. Made before the table is published
 
     const krv_compact_t *rule(krv_compact_number_t number) const { return &chunks[number / CHUNK][number % CHUNK]; }
 };
@@ -115,23 +116,40 @@ bool krv_compact_apply(krv_handle_t *hp, krv_activation_t *ap, uint64_t pc, uint
 // Keeps the rules that an activation has for a program counter.
 void krv_compact_learn(krv_handle_t *hp, const krv_activation_t *ap, uint64_t pc, uint64_t column);
 
-// The rules of single program counters. A word stands for one and for its rule's number, which is published before; 48 bits
-// are all that code has. NULL: KRV_ERR_NOMEM; not to be asked for where sh_cache_bits is 0.
-uint64_t *krv_compact_get_cache(krv_handle_t *hp, krv_compact *c);
-inline uint64_t *krv_compact_entry(uint64_t *cache, unsigned bits, uint64_t pc)
-{
-    return &cache[(pc * 0x9e3779b97f4a7c15U) >> (64 - bits)];
-}
-inline krv_compact_number_t krv_compact_recall(uint64_t *cache, unsigned bits, uint64_t pc)
-{
-    const uint64_t word = krv_load(krv_compact_entry(cache, bits, pc));
-    return word >> 16 == pc ? static_cast<krv_compact_number_t>(word) : krv_compact_number_t{KRV_COMPACT_ASK};
-}
-inline void krv_compact_remember(uint64_t *cache, unsigned bits, uint64_t pc, krv_compact_number_t number)
-{
-    if (pc >> 48 == 0)
-        krv_store(krv_compact_entry(cache, bits, pc), pc << 16 | number);
-}
+// Steps: what a rule says of stack and frame pointer, where the CFA counts from one of them, in the same word as a program counter,
+// so that a walk finds it by one load. 2^sh_cache_bits words, each by itself. Of the 48 bits that code has, mixed by a
+// multiplication that can be undone, some tell which word, the others stand in its upper part.
+typedef uint32_t krv_step_t;
+constexpr unsigned KRV_STEP_BITS = 28, KRV_LEAST_STEP_CACHE_BITS = 12;
+enum : krv_step_t {
+    KRV_STEP_NONE = 0,
+    KRV_STEP_IS = 1U << 27,
+    KRV_STEP_BY_FP = 1U << 26,     // the CFA counts from the frame pointer, else from the stack pointer
+    KRV_STEP_OUTERMOST = 1U << 25, // there is no return address; else it is one word below the CFA
+    KRV_STEP_WORDS = 0x3ffff,      // which are added to that pointer, behind
+    KRV_STEP_SLOTS = 0x7f,         // words below the CFA where the frame pointer is; 0: it is the same
+    KRV_STEP_SLOT_BITS = 7
+};
+// What a rule says as a step of words of so many bytes, or KRV_STEP_NONE.
+krv_step_t krv_step_of(const krv_mach_def_t *mach, const krv_compact_t *rule, uint64_t word);
+
+struct krv_step_place {
+    uint64_t *word;
+    uint64_t tag;
+
+    krv_step_place(uint64_t *cache, unsigned bits, uint64_t pc)
+    {
+        const uint64_t mixed = (pc * 0x9e3779b97f4a7c15U) << 16;
+        word = &cache[mixed >> (64 - bits)];
+        tag = mixed << bits;
+    }
+    krv_step_t recall() const
+    {
+        const uint64_t seen = krv_load(word) ^ tag;
+        return seen >> KRV_STEP_BITS == 0 ? static_cast<krv_step_t>(seen) : krv_step_t{KRV_STEP_NONE};
+    }
+    void remember(krv_step_t step) const { krv_store(word, tag | step); }
+};
 
 // The rule at an offset from the base of the table, within its size.
 inline krv_compact_number_t krv_compact_search_offset(const krv_compact_table *table, uint32_t offset)

@@ -292,6 +292,16 @@ static bool fill(filling *f, const krv_linear_t *lt)
     return index_rows(f);
 }
 
+// What walks fill, which take no memory themselves. False: KRV_ERR_NOMEM.
+static bool make_steps(krv_handle_t *hp, krv_compact *c, const krv_compact_table *table)
+{
+    constexpr uint64_t MOST = uint64_t{1} << 48;
+    if (hp->sh_cache_bits < KRV_LEAST_STEP_CACHE_BITS || table->base >= MOST || table->size > MOST - table->base)
+        return true;
+    auto *steps = static_cast<uint64_t *>(krv_zalloc(hp, sizeof(uint64_t) << hp->sh_cache_bits));
+    return steps != nullptr && krv_publish(&c->steps, steps, krv_free) != nullptr;
+}
+
 static int prefill(krv_handle_t *hp)
 {
     krv_compact *c = hp->sh_compact;
@@ -307,7 +317,7 @@ static int prefill(krv_handle_t *hp)
     if (ap == nullptr || table == nullptr)
         return -1;
     filling f = {hp, ap.get(), table.get(), 0, 0, 0, 0};
-    if (!fill(&f, lt) || (hp->sh_cache_bits != 0 && krv_compact_get_cache(hp, c) == nullptr)) // walks cannot make one
+    if (!fill(&f, lt) || !make_steps(hp, c, table.get()))
         return -1;
     krv_publish(&c->table, table.release(), krv_compact_table_free);
     return 0;

@@ -42,16 +42,15 @@ struct stack_walk {
 // ---------------------------------------------------------------------------------------------------------------
 
 template <typename Word>
-[[gnu::always_inline]] static inline bool read_word(stack_walk *w, uint64_t address, uint64_t *valuep)
+[[gnu::always_inline]] static inline bool read_word(const krv_stack_t &stack, uint64_t address, uint64_t *valuep)
 {
-    const krv_stack_t *s = w->stack;
     Word value = 0;
-    if (s->read != nullptr) {
-        if (s->read(s->arg, &value, sizeof(value), address) != int64_t{sizeof(value)})
-            return w->end(KRV_STACK_MEMORY);
+    if (stack.read != nullptr) {
+        if (stack.read(stack.arg, &value, sizeof(value), address) != int64_t{sizeof(value)})
+            return false;
     } else {
-        if (address < s->low || address > s->high || s->high - address < sizeof(value))
-            return w->end(KRV_STACK_MEMORY);
+        if (address < stack.low || address > stack.high || stack.high - address < sizeof(value))
+            return false;
         const auto *own = reinterpret_cast<const void *>(address); // NOLINT(performance-no-int-to-ptr)
         std::memcpy(&value, own, sizeof(value));
     }
@@ -61,8 +60,9 @@ template <typename Word>
 
 static bool read_word(stack_walk *w, uint64_t address, uint64_t *valuep)
 {
-    return w->word == sizeof(uint64_t) ? read_word<uint64_t>(w, address, valuep)
-                                       : read_word<uint32_t>(w, address, valuep);
+    const bool is_read = w->word == sizeof(uint64_t) ? read_word<uint64_t>(*w->stack, address, valuep)
+                                                     : read_word<uint32_t>(*w->stack, address, valuep);
+    return is_read || w->end(KRV_STACK_MEMORY);
 }
 
 static bool read_register(stack_walk *w, unsigned reg, uint64_t *valuep)
@@ -216,39 +216,39 @@ static bool leave(stack_walk *w, bool *is_exact)
 namespace
 {
 
-// The table of the module that had the last program counter.
-class rules_nearby
+// The steps of the module that had the last program counter.
+class steps_nearby
 {
 public:
-    explicit rules_nearby(const stack_walk *w) : walk(w), module(w->module) { look(); }
+    explicit steps_nearby(const stack_walk *w) : walk(w), module(w->module) { look(); }
 
-    // As find_rule.
-    const krv_compact_t *find(uint64_t pc)
+    // KRV_STEP_NONE: there is no rule, or one that says more.
+    [[gnu::always_inline]] krv_step_t find(uint64_t pc)
     {
-        if (pc - start < size) {
-            krv_compact_number_t number =
-                cache == nullptr ? krv_compact_number_t{KRV_COMPACT_ASK} : krv_compact_recall(cache, bits, pc - bias);
-            if (number >= KRV_COMPACT_FIRST)
-                return compact->rule(number);
-            number = krv_compact_search_offset(table, static_cast<uint32_t>(pc - start));
-            if (number >= KRV_COMPACT_FIRST) {
-                if (cache != nullptr)
-                    krv_compact_remember(cache, bits, pc - bias, number);
-                return compact->rule(number);
-            }
-        }
-        const krv_compact_t *rule = find_rule(walk, &module, pc);
-        look();
-        return rule;
+        if (steps == nullptr || pc - start >= size)
+            return search(pc);
+        const krv_step_t step = krv_step_place(steps, bits, pc - bias).recall();
+        return step != KRV_STEP_NONE ? step : search(pc);
     }
+    bool has_rule(uint64_t pc) { return find_rule(walk, &module, pc) != nullptr; }
 
 private:
+    [[gnu::noinline]] krv_step_t search(uint64_t pc)
+    {
+        const krv_compact_t *rule = find_rule(walk, &module, pc);
+        look();
+        const krv_step_t step = rule == nullptr ? krv_step_t{KRV_STEP_NONE} : krv_step_of(walk->mach, rule, walk->word);
+        if (steps != nullptr && step != KRV_STEP_NONE)
+            krv_step_place(steps, bits, pc - bias).remember(step);
+        return step;
+    }
+
     void look()
     {
         const krv_stack_module_t *its = &walk->stack->modules[module];
-        compact = its->handle->sh_target == walk->target ? its->handle->sh_compact : nullptr;
-        table = compact == nullptr ? nullptr : krv_load(&compact->table);
-        cache = table == nullptr ? nullptr : krv_load(&compact->cache);
+        const krv_compact *compact = its->handle->sh_target == walk->target ? its->handle->sh_compact : nullptr;
+        const krv_compact_table *table = compact == nullptr ? nullptr : krv_load(&compact->table);
+        steps = table == nullptr ? nullptr : krv_load(&compact->steps);
         bits = its->handle->sh_cache_bits;
         bias = its->bias;
         start = table == nullptr ? 0 : table->base + bias;
@@ -257,61 +257,56 @@ private:
 
     const stack_walk *walk;
     size_t module;
-    const krv_compact *compact = nullptr;
-    const krv_compact_table *table = nullptr;
-    uint64_t *cache = nullptr;
+    uint64_t *steps = nullptr;
     unsigned bits = 0;
     uint64_t start = 0, size = 0, bias = 0;
 };
 
+struct swift_end {
+    size_t count;
+    int reason; // KRV_STACK_*; 0: the rule of the last frame says more
+};
+
 } // namespace
 
-// Goes on from the frame that `w` has, which is the last of `*countp`, as leave does, for as long as rules are plain, as nearly
-// all are: no register but stack and frame pointer is followed. Whether that was the end; else the rule of the last frame
-// wants more. Does not change what `w` has. `Word` is the target's.
+// Goes on from the frame that `w` has, the last of `count`, as leave does, for as long as rules are steps, as nearly all are: no
+// register but stack and frame pointer is followed. `Word` is the target's.
 template <typename Word>
-static bool walk_swiftly(stack_walk *w, bool is_exact, uint64_t *addresses, size_t room, size_t *countp)
+static swift_end walk_swiftly(const stack_walk *w, bool is_exact, uint64_t *addresses, size_t room, size_t count)
 {
-    const unsigned fp = w->mach->smd_fp;
-    const unsigned place_of_fp = krv_kept_place(w->mach, fp), place_of_pc = krv_kept_place(w->mach, w->mach->smd_pc);
     if (w->registers[w->mach->smd_sp].how != known_register::is)
-        return false;
-    rules_nearby rules(w);
-    known_register frame = w->registers[fp];
-    auto stack_pointer = static_cast<Word>(w->registers[w->mach->smd_sp].value);
+        return {count, 0};
+    const krv_stack_t stack = *w->stack; // which addresses cannot be part of
+    steps_nearby steps(w);
+    known_register frame = w->registers[w->mach->smd_fp];
     uint64_t last_cfa = w->cfa, pc = w->pc;
-    for (size_t count = *countp;; is_exact = false) {
-        *countp = count;
-        const krv_compact_t *const rule = rules.find(is_exact ? pc : pc - 1);
-        if (rule == nullptr)
-            return !w->end(KRV_STACK_NO_RULE);
-        if (rule->flags != KRV_COMPACT_PLAIN)
-            return false;
-        Word base = stack_pointer;
-        if (rule->cfa.reg == fp) {
+    for (auto stack_pointer = static_cast<Word>(w->registers[w->mach->smd_sp].value);; is_exact = false) {
+        const uint64_t asked = is_exact ? pc : pc - 1, last_pc = pc;
+        const krv_step_t step = steps.find(asked);
+        if (step == KRV_STEP_NONE)
+            return {count, steps.has_rule(asked) ? 0 : int{KRV_STACK_NO_RULE}};
+        Word cfa = stack_pointer;
+        if ((step & KRV_STEP_BY_FP) != 0) {
             if (frame.how == known_register::nothing)
-                return false;
-            if (frame.how == known_register::is_at && !read_word<Word>(w, frame.value, &frame.value))
-                return true;
+                return {count, 0};
+            if (frame.how == known_register::is_at && !read_word<Word>(stack, frame.value, &frame.value))
+                return {count, KRV_STACK_MEMORY};
             frame.how = known_register::is;
-            base = static_cast<Word>(frame.value);
+            cfa = static_cast<Word>(frame.value);
         }
-        const auto cfa = static_cast<Word>(base + static_cast<Word>(rule->cfa.offset));
-        const auto at = [cfa](int words) { return static_cast<Word>(cfa + static_cast<Word>(words) * sizeof(Word)); };
-        const int kept_fp = rule->kept[place_of_fp], kept_pc = rule->kept[place_of_pc];
-        if (kept_fp > KRV_KEPT_UNDEFINED)
-            frame = {at(kept_fp), known_register::is_at};
-        const uint64_t last_pc = pc;
-        if (kept_pc == KRV_KEPT_UNDEFINED)
-            return !w->end(KRV_STACK_END);
-        if (!read_word<Word>(w, at(kept_pc), &pc))
-            return true;
+        cfa += static_cast<Word>(step >> KRV_STEP_SLOT_BITS & KRV_STEP_WORDS) * Word{sizeof(Word)};
+        if (const auto slots = static_cast<Word>(step & KRV_STEP_SLOTS))
+            frame = {static_cast<Word>(cfa - slots * Word{sizeof(Word)}), known_register::is_at};
+        if ((step & KRV_STEP_OUTERMOST) != 0)
+            return {count, KRV_STACK_END};
+        if (!read_word<Word>(stack, static_cast<Word>(cfa - sizeof(Word)), &pc))
+            return {count, KRV_STACK_MEMORY};
         if (pc == 0)
-            return !w->end(KRV_STACK_END);
+            return {count, KRV_STACK_END};
         if (pc == last_pc && cfa == last_cfa)
-            return !w->end(KRV_STACK_NO_PROGRESS);
+            return {count, KRV_STACK_NO_PROGRESS};
         if (count == room)
-            return !w->end(KRV_STACK_LIMIT);
+            return {count, KRV_STACK_LIMIT};
         addresses[count++] = pc;
         stack_pointer = cfa;
         last_cfa = cfa;
@@ -332,9 +327,10 @@ static size_t walk(stack_walk *w, uint64_t *addresses, size_t room)
     addresses[0] = pc;
     bool is_exact = true;
     for (size_t at = 0;; addresses[++at] = w->pc) {
-        size_t count = at + 1;
         const auto swiftly = w->word == sizeof(uint64_t) ? walk_swiftly<uint64_t> : walk_swiftly<uint32_t>;
-        if (swiftly(w, is_exact, addresses, room, &count))
+        const auto [count, reason] = swiftly(w, is_exact, addresses, room, at + 1);
+        w->reason = reason;
+        if (reason != 0)
             return count;
         for (; at + 1 < count; addresses[++at] = w->pc) // the same frames, with all registers
             if (!leave(w, &is_exact))

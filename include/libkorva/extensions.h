@@ -65,7 +65,7 @@ enum {
     KRV_OPT_EXT_TIMEOUT = 0x1023,   /**< milliseconds; looked at between stretches of input of some thousand steps */
     /**
      * (early) For how many program counters rules are kept, rounded up to a power of two, of 8 bytes each; 4096 while
-     * unset, 2^24 at most. 0: for none but those of korva_frames_prefill. korva_stack_addresses uses and fills it, too.
+     * unset, 2^24 at most. 0: for none but those of korva_frames_prefill.
      */
     KRV_OPT_EXT_FRAME_CACHE = 0x1011,
 };
