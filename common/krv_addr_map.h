@@ -119,14 +119,25 @@ inline size_t krv_addr_map_count(const krv_addr_map *map, uint64_t address)
     });
 }
 
-// The owner of an address, or KRV_ADDR_NOTHING.
-inline uint32_t krv_addr_map_find(const krv_addr_map *map, uint64_t address)
+// The owner of an address, or KRV_ADDR_NOTHING; and the addresses around it of which the same is true, unless that is NULL.
+struct krv_addr_span {
+    uint64_t first = 1, last = 0; // none
+    bool has(uint64_t address) const { return address >= first && address <= last; }
+};
+[[gnu::always_inline]] inline uint32_t krv_addr_map_find(const krv_addr_map *map, uint64_t address,
+                                                         krv_addr_span *span = nullptr)
 {
-    if (address < map->sam_base)
+    if (address < map->sam_base || map->sam_pieces == 0) {
+        if (span != nullptr)
+            *span = {0, map->sam_pieces == 0 ? UINT64_MAX : map->sam_base - 1};
         return KRV_ADDR_NOTHING;
-    return krv_addr_map_in_form(map, address, [map](const auto *pieces, uint64_t distance) {
-        const size_t begun = krv_addr_map_count(map, pieces, distance);
-        return begun == 0 ? KRV_ADDR_NOTHING : pieces[begun - 1].owner;
+    }
+    return krv_addr_map_in_form(map, address, [=](const auto *pieces, uint64_t distance) {
+        const size_t begun = krv_addr_map_count(map, pieces, distance); // the first one does
+        if (span != nullptr)
+            *span = {map->sam_base + pieces[begun - 1].begin,
+                     begun == map->sam_pieces ? UINT64_MAX : map->sam_base + pieces[begun].begin - 1};
+        return pieces[begun - 1].owner;
     });
 }
 

@@ -26,6 +26,14 @@ struct covering {
     uint32_t inlined;  // the innermost of the function's, or KRV_NO_CALL
 };
 
+// The function of the last address, in a walk along ascending ones.
+struct nearby {
+    krv_ctu_t *unit = nullptr;
+    krv_calls *calls = nullptr;
+    uint32_t function = KRV_NO_CALL; // of all addresses of the span
+    krv_addr_span span;
+};
+
 // A row and what covers it.
 struct chain {
     covering at; // without a unit: nothing does
@@ -37,8 +45,12 @@ struct chain {
 
 // Finds the function that covers an address of the unit. False: KRV_ERR_NOTFOUND, or with the error of reading the unit.
 [[gnu::always_inline]] static inline bool find_function(krv_handle_t *hp, krv_ctu_t *cu, krv_addr_hint *hint,
-                                                        uint64_t address, covering *found)
+                                                        uint64_t address, nearby *near, covering *found)
 {
+    if (near != nullptr && near->unit == cu && near->span.has(address)) {
+        *found = {cu, near->calls, near->function, KRV_NO_CALL};
+        return near->function != KRV_NO_CALL || krv_fail_code(hp, KRV_ERR_NOTFOUND) == 0;
+    }
     krv_calls *calls = hint == nullptr ? nullptr : krv_load(&hint->sah_calls);
     if (calls == nullptr) {
         if ((calls = krv_calls_get(hp, cu)) == nullptr)
@@ -46,7 +58,13 @@ struct chain {
         if (hint != nullptr)
             krv_store(&hint->sah_calls, calls);
     }
-    *found = {cu, calls, krv_addr_map_find(&calls->sc_map, address), KRV_NO_CALL};
+    *found = {cu, calls, krv_addr_map_find(&calls->sc_map, address, near == nullptr ? nullptr : &near->span),
+              KRV_NO_CALL};
+    if (near != nullptr) {
+        near->unit = cu;
+        near->calls = calls;
+        near->function = found->function;
+    }
     if (found->function == KRV_NO_CALL) {
         krv_fail_code(hp, KRV_ERR_NOTFOUND);
         return false;
@@ -73,7 +91,8 @@ static int find_covering(krv_handle_t *hp, uint64_t address, covering *found)
 {
     krv_addr_stretch stretch;
     krv_ctu_t *cu = krv_addr_index_find(hp, address, KRV_LOOKUP_F_NONE, &stretch);
-    return cu != nullptr && find_function(hp, cu, stretch.hint, address, found) && find_inlined(hp, address, found)
+    return cu != nullptr && find_function(hp, cu, stretch.hint, address, nullptr, found) &&
+                   find_inlined(hp, address, found)
                ? 0
                : -1;
 }
@@ -231,13 +250,14 @@ static bool is_final(krv_handle_t *hp)
 }
 
 // Finds a chain. False: the walk ends, with the error set.
-[[gnu::always_inline]] static inline bool find_chain(krv_place_walk *walk, uint64_t address, chain *found)
+[[gnu::always_inline]] static inline bool find_chain(krv_place_walk *walk, nearby *near, uint64_t address, chain *found)
 {
     if (!walk->enter(address))
         return false;
     // The row is looked for while the function is fetched.
     krv_handle_t *const hp = walk->hp;
-    bool is_covered = walk->unit != nullptr && find_function(hp, walk->unit, walk->stretch.hint, address, &found->at);
+    bool is_covered =
+        walk->unit != nullptr && find_function(hp, walk->unit, walk->stretch.hint, address, near, &found->at);
     found->matrix = walk->matrix;
     found->row = walk->find_row(address);
     is_covered = is_covered && find_inlined(hp, address, &found->at);
@@ -269,8 +289,10 @@ int korva_lookup_chain(krv_handle_t *hp, uint64_t addr, krv_row_t *rowp, krv_cal
     const uint64_t bias = krv_line_bias(hp);
     krv_place_walk walk{.hp = hp, .flags = KRV_LOOKUP_F_NONE};
     chain found = {};
-    return find_chain(&walk, addr - bias, &found) && show_chain(hp, found, bias, false, rowp, calls, room, countp) ? 0
-                                                                                                                   : -1;
+    return find_chain(&walk, nullptr, addr - bias, &found) &&
+                   show_chain(hp, found, bias, false, rowp, calls, room, countp)
+               ? 0
+               : -1;
 }
 
 int korva_entry_get_call(krv_handle_t *hp, const krv_entry_t *entryp, krv_call_t *callp)
@@ -301,12 +323,13 @@ static int iter_ascending(krv_handle_t *hp, const uint64_t *addrs, size_t count,
 {
     const uint64_t bias = krv_line_bias(hp);
     krv_place_walk walk{.hp = hp, .flags = KRV_LOOKUP_F_NONE};
+    nearby near;
     int result = 0;
     const bool saw_all = krv_visit_ascending(hp, addrs, count, [&](uint64_t addr, size_t index) {
         chain found = {};
         krv_row_t row;
         size_t length;
-        if (!find_chain(&walk, addr - bias, &found) ||
+        if (!find_chain(&walk, &near, addr - bias, &found) ||
             !show_chain(hp, found, bias, true, &row, calls, MOST_CALLS, &length))
             return false;
         result = fn(hp, index, &row, calls, length, arg);
@@ -322,8 +345,9 @@ static int iter_as_given(krv_handle_t *hp, const uint64_t *addrs, size_t count, 
     const krv_owner<chain> found(static_cast<chain *>(krv_alloc(hp, count * sizeof(chain))));
     const uint64_t bias = krv_line_bias(hp);
     krv_place_walk walk{.hp = hp, .flags = KRV_LOOKUP_F_NONE};
+    nearby near;
     if (found == nullptr || !krv_visit_ascending(hp, addrs, count, [&](uint64_t addr, size_t number) {
-            return find_chain(&walk, addr - bias, &found.get()[number]);
+            return find_chain(&walk, &near, addr - bias, &found.get()[number]);
         }))
         return -1;
     for (size_t i = 0; i < count; ++i) {
