@@ -61,8 +61,10 @@ bool fetches::has_left()
         why = fmt::format("servers have taken {} s", m_most.count());
     else
         return true;
-    if (!m_is_enough)
-        diagnose(why + ": for more they are not asked in this run; what came is in the cache");
+    m_shown.reset();
+    if (!m_is_enough) // it is not one of the notes on modules, of which the first few are told
+        write_error(
+            fmt::format("korva: {}: for more they are not asked in this run; what came is in the cache\n", why));
     m_is_enough = true;
     return false;
 }
