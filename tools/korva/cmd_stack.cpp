@@ -5,8 +5,8 @@
 #include "command.h"
 #include "frame_place.h"
 #include "frame_record.h"
-#include "input.h"
 #include "stacks.h"
+#include "text_input.h"
 #include "trace/trace_options.h"
 
 #include <algorithm>

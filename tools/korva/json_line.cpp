@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "json_line.h"
 
-#include "input.h"
+#include "text_input.h"
 
 #include <cstring>
 

@@ -18,12 +18,6 @@ static constexpr size_t MOST_MODULES_TOLD = 100; // diagnostics
 static constexpr size_t ANSWERS_TO_TRIM = 4096;
 static constexpr uint64_t PAGE = 4096;
 
-bool is_build_id(std::string_view text)
-{
-    return text.size() > 2 && text.size() <= 128 && text.size() % 2 == 0 &&
-           text.find_first_not_of("0123456789abcdef") == std::string_view::npos;
-}
-
 opened_module::opened_module(const std::string &path, unsigned int flags, const korva::search &where,
                              const cost_bounds &bounds)
     : m_file(path, flags, where, bounds), m_lines(&m_file), m_symbols(m_file, false)

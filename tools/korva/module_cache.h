@@ -26,9 +26,6 @@ struct text_hash {
     size_t operator()(std::string_view text) const { return std::hash<std::string_view>()(text); }
 };
 
-/** Whether a text can be that of a build-id, which becomes part of a path. */
-bool is_build_id(std::string_view text);
-
 /** The same bounds for records each of which is answered as if it were the only one. */
 inline cost_bounds for_each_alone(cost_bounds bounds)
 {

@@ -13,7 +13,6 @@
 
 #include <cstdint>
 #include <optional>
-#include <span>
 #include <string>
 #include <utility>
 #include <vector>
@@ -23,14 +22,6 @@ namespace korva::program
 
 /** One argument's bytes; nothing for a byte that is not known. */
 using argument = std::vector<std::optional<uint8_t>>;
-
-/** A register of both targets; NULL where a target has none. */
-struct register_name {
-    unsigned int host; /**< KRV_HOST_* */
-    const char *amd64;
-    const char *i386;
-};
-std::span<const register_name> register_names();
 
 struct stack_frame {
     uint64_t pc;

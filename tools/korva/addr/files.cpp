@@ -3,9 +3,9 @@
 
 #include "addr/fields.h"
 #include "addr/in_order.h"
-#include "input.h"
 #include "json_line.h"
 #include "module_cache.h"
+#include "text_input.h"
 
 #include <optional>
 #include <unordered_map>

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "trace/trace_json.h"
 
-#include "input.h"
+#include "text_input.h"
 
 #include <array>
 #include <charconv>

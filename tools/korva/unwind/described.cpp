@@ -2,10 +2,9 @@
 #include "unwind/described.h"
 
 #include "base64.h"
-#include "input.h"
-#include "module_cache.h"
 #include "output.h"
-#include "stacks.h"
+#include "register_names.h"
+#include "text_input.h"
 
 #include <algorithm>
 
