@@ -641,7 +641,8 @@ def test_stack(korva, folder):
 
 def test_usage(korva, program):
     for arguments in ([], ['units'], ['lines'], ['units', '--nope', program], ['units', program, program],
-                      ['units', '--format=gnu', program], ['addr', '--format=xml', '0'], ['lines', '--unit', 'x', program]):
+                      ['units', '--format=gnu', program], ['addr', '--format=xml', '0'], ['lines', '--unit', 'x', program],
+                      ['addr', '--timeout=nan', '0'], ['record', '--hz=nan', '--', 'true'], ['record', '--seconds=nan', '--', 'true']):
         korva.expect(arguments, 64, '', 'korva: .*\nTry `korva --help` or `korva VERB --help`.\n')
     for words, meant in ((['add'], 'addr'), (['unit', program], 'units'), (['frobnicate'], None), (['help', 'lnes'], 'lines')):
         korva.expect(words, 64, '', f'korva: there is no verb "{words[-1] if words[0] == "help" else words[0]}"' +

@@ -147,6 +147,8 @@ public:
     int run();
 
 private:
+    int record();
+    void write_to_file();
     void start_child();
     bool sample_inside();
     void sample_by_ptrace();
@@ -223,7 +225,13 @@ static bool has_program(const process &proc)
                        [](const krv_proc_module_t *module) { return (module->flags & KRV_PROC_MODULE_F_MAIN) != 0; });
 }
 
-int recording::run()
+void recording::write_to_file()
+{
+    if (m_file >= 0 && dup2(m_file, STDOUT_FILENO) < 0)
+        throw failure(fmt::format("{}: {}", m_options.file, std::strerror(errno)));
+}
+
+int recording::record()
 {
     if (m_options.pid == 0)
         start_child();
@@ -235,6 +243,8 @@ int recording::run()
         std::this_thread::sleep_for(std::chrono::milliseconds(1));
         proc = process::watch(pid);
     }
+    if (!proc && m_child)
+        m_child->tell();
     if (!proc)
         throw failure(proc.error().text(), to_record_error(proc.error()));
     m_proc.emplace(std::move(*proc));
@@ -250,8 +260,7 @@ int recording::run()
     place_finder places(&*m_proc, m_options.places, m_options.bounds);
     const trace_set traces =
         m_samples.traces(m_proc->info().pid, [&](const sampled_frame &f) { return places.find(f); });
-    if (m_file >= 0 && dup2(m_file, STDOUT_FILENO) < 0)
-        throw failure(fmt::format("{}: {}", m_options.file, std::strerror(errno)));
+    write_to_file();
     write_traces(&m_out, traces, m_options.by);
     m_out.finish();
     if (m_child && m_child->has_ended())
@@ -261,6 +270,17 @@ int recording::run()
     if (traces.is_empty())
         diagnose(fmt::format("process {}: no sample was taken", pid));
     return traces.is_empty() ? NOTHING : m_samples.is_whole() ? ANSWERED : PARTLY;
+}
+
+// A record of what ended it goes where traces would.
+int recording::run()
+{
+    try {
+        return record();
+    } catch (const failure &) {
+        write_to_file();
+        throw;
+    }
 }
 
 static int run_record(const record_options &options)
@@ -277,10 +297,10 @@ void add_record(CLI::App &app, int *status)
     verb->add_option("-p,--pid", options->pid, "Process")->check(CLI::PositiveNumber)->type_name("PID");
     verb->add_option("command", options->command, "Command to run, with its arguments, behind --");
     verb->add_option("--hz", options->sampling.hz, "Samples of each thread in a second; 99 when not given")
-        ->check(CLI::Range(0.01, MOST_HZ));
+        ->check(number_within(0.01, MOST_HZ));
     verb->add_option("--seconds", options->sampling.seconds,
                      "How long; until the process ends, or an interrupt (^C), when not given")
-        ->check(CLI::Range(0.001, 1e7));
+        ->check(number_within(0.001, 1e7));
     verb->add_option("-o,--output", options->file, "File that the traces go to, in place of standard output")
         ->type_name("FILE");
     verb->add_flag("--ptrace", options->by_ptrace, "Sample a command as a process is sampled, not from inside");

@@ -35,6 +35,9 @@ struct common_options {
     }
 };
 
+/** For an option that is a number with a point. */
+CLI::Validator number_within(double least, double most);
+
 /** Adds --format, with the names of @p formats. */
 void add_format_option(CLI::App *verb, common_options *options, const format_names &formats);
 

@@ -47,6 +47,17 @@ KORVA_VERBS(DECLARE)
 static constexpr std::string_view VERBS[] = {KORVA_VERBS(NAME) "help"};
 #undef NAME
 
+// CLI::Range takes "nan", which is neither below nor above anything.
+CLI::Validator number_within(double least, double most)
+{
+    return {[least, most](const std::string &text) {
+                double value = 0;
+                const bool is_within = CLI::detail::lexical_cast(text, value) && value >= least && value <= most;
+                return is_within ? "" : fmt::format("{} is no number from {:g} to {:g}", printable(text), least, most);
+            },
+            fmt::format("{:g} to {:g}", least, most)};
+}
+
 void add_format_option(CLI::App *verb, common_options *options, const format_names &formats)
 {
     std::vector<std::string> names;
@@ -85,7 +96,7 @@ void add_file_options(CLI::App *verb, common_options *options)
     verb->add_option_function<double>(
             "--timeout", [=](double seconds) { options->bounds.milliseconds = static_cast<uint64_t>(seconds * 1000); },
             "Time that one record may take")
-        ->check(CLI::Range(0.001, 1e6))
+        ->check(number_within(0.001, 1e6))
         ->type_name("SECONDS");
 }
 
