@@ -21,7 +21,6 @@ namespace
 constexpr uint8_t EH_FORMAT = 0x0f;      // how a pointer is read
 constexpr uint8_t EH_APPLICATION = 0xf0; // what is added; the indirect bit is one of these
 constexpr uint64_t EH_LENGTH_SIZE = 4;   // bytes of a record's length field; there is no 64-bit format
-constexpr uint64_t SIZE_UNIT = 8;        // to which records are mostly padded
 
 struct eh_format {
     krv_form_t form; // 0 for a format that does not exist
@@ -601,7 +600,7 @@ static inline bool read_fde(krv_handle_t *hp, krv_eh_frame_reader_data *data, kr
     const uint64_t eh_frame = data->sefh_eh_frame;
     krv_fde_t *fdep = &record->fde;
     record_reader r;
-    krv_relaxed<uint8_t> &words = data->sefh_sizes[offset / SIZE_UNIT % KRV_EH_KEPT_SIZES];
+    krv_relaxed<uint8_t> &words = data->words_at(offset);
     const uint8_t likely = words;
     const bool entered = enter_record(&r, hp, &fdep->sfde_window, eh_frame, eh_frame + offset, EH_LENGTH_SIZE * likely);
     const uint64_t size = r.length + EH_LENGTH_SIZE;

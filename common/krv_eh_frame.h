@@ -13,8 +13,8 @@ krv_reader_t *krv_eh_frame_create_reader(krv_handle_t *hp);
 typedef int krv_eh_status_t;
 enum { KRV_EFH_UNINITIALISED = 0, KRV_EFH_UNSUPPORTED = 1, KRV_EFH_INITIALISED = 2 };
 
-constexpr unsigned KRV_EH_KEPT_CIES = 8; // a linker leaves two or three
-constexpr unsigned KRV_EH_KEPT_SIZES = 4096;
+constexpr unsigned KRV_EH_KEPT_CIES = 8;     // a linker leaves two or three
+constexpr unsigned KRV_EH_KEPT_SIZES = 4096; // enough to tell the records of half as many functions from each other
 
 // The reader's sr_data.
 struct krv_eh_frame_reader_data {
@@ -32,8 +32,11 @@ struct krv_eh_frame_reader_data {
     struct krv_eh_cie *sefh_cies[KRV_EH_KEPT_CIES]; // those that were decoded first, published by compare-and-swap
     struct krv_eh_guide *sefh_guide;  // what searches of the table have seen, published by compare-and-swap
     krv_relaxed<bool> sefh_has_found; // a search has found something
-    krv_relaxed<uint8_t>
-        sefh_sizes[KRV_EH_KEPT_SIZES]; // words of the last record at such an offset; 0: not known, or many
+    // By offset: words of the last record there; 0: not known, or too many.
+    krv_relaxed<uint8_t> sefh_sizes[KRV_EH_KEPT_SIZES];
+
+    bool has_many() const { return sefh_fde_count > KRV_EH_KEPT_SIZES / 2; } // for what is kept of single functions
+    krv_relaxed<uint8_t> &words_at(uint64_t offset) { return sefh_sizes[offset / 8 % KRV_EH_KEPT_SIZES]; }
 };
 
 // scie_augmentation_data of a CIE with an augmentation string.

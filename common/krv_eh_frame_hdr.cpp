@@ -123,7 +123,7 @@ enum class found { yes, no, failed, astray };
 // middle of one spares a call. Where a search ends is always read, and shows when it was led astray, since memory has
 // changed.
 struct krv_eh_guide {
-    uint64_t size, hints; // the latter a power of two
+    uint64_t size, hints; // the latter a power of two, or 0
 
     // By range: in the low half, where the entry begins, counted from 2^31 bytes before .eh_frame_hdr; in the high half,
     // how far before 2^31 - 1 bytes behind it the next one begins, or 0 when it is the last of the range. 0: not known, as
@@ -165,6 +165,7 @@ struct table_search {
     uint64_t before, behind;       // addresses as far from this one, and nearer than that one, go the same way
     range among;
     entry at;
+    uint64_t likely_size; // of the record, if that of the next entry follows it; else anything
 
     // Formed modulo 2^64.
     uint64_t field_address(int32_t number, unsigned int field) const
@@ -297,6 +298,7 @@ static inline found search_step(table_search *s, Read &read)
 
 // The same steps as far as the guide knows them. True: the entry in the middle is the one. None of them is a branch, since
 // which way a search goes cannot be predicted.
+template <bool IS_NOTED> // which way it is, for a hint
 static inline bool follow_guide(table_search *s)
 {
     const uint64_t distance = s->distance(s->address);
@@ -310,13 +312,15 @@ static inline bool follow_guide(table_search *s)
     while (node < nodes && entries != 0) {
         seen = bounds[node];
         const uint64_t start = seen & UINT32_MAX, next = UINT32_MAX - (seen >> 32);
-        const uint32_t is_before = distance < start, is_behind = distance >= next;
+        const uint64_t is_before = distance < start, is_behind = distance >= next;
         if (is_before == is_behind)
             break;
-        before = std::min(before, is_behind != 0 ? distance - std::max(start, next) : UINT64_MAX);
-        behind = std::min(behind, is_before != 0 ? start - distance : UINT64_MAX);
-        first += (0 - is_behind) & ((entries + 1) / 2);
-        entries = (entries - 1 + is_behind) / 2;
+        if (IS_NOTED) {
+            before = std::min(before, (distance - std::max(start, next)) | (is_behind - 1));
+            behind = std::min(behind, (start - distance) | (is_before - 1));
+        }
+        first += (0 - static_cast<uint32_t>(is_behind)) & ((entries + 1) / 2);
+        entries = (entries - 1 + static_cast<uint32_t>(is_behind)) / 2;
         node = 2 * node + 1 + is_behind;
     }
     s->is_guided = node != 0;
@@ -330,7 +334,7 @@ static inline bool follow_guide(table_search *s)
 // Reads the entry to which guide or hint has led.
 static inline found read_answer(table_search *s, int32_t mid, bool ends_range)
 {
-    const part p = {{mid, mid}, mid == s->last_of_table() ? 0U : 1U, false};
+    const part p = {{mid, mid}, mid == s->last_of_table() ? 0U : 2U, false};
     uint8_t bytes[4 * sizeof(uint64_t)];
     const krv_bulk bulk = read_part(s, p, bytes);
     if (bulk != krv_bulk::read)
@@ -341,6 +345,7 @@ static inline found read_answer(table_search *s, int32_t mid, bool ends_range)
         if (s->address < start || (has_next && s->address >= next))
             return found::astray;
         s->at = {start, fields.field(mid, 1), ends_range ? start : next};
+        s->likely_size = has_next ? fields.field(mid + 1, 1) - s->at.fde_address : 0;
         return found::yes;
     });
 }
@@ -370,6 +375,8 @@ static found search_held(table_search *s, const part &p, const held_fields<T> &f
             note_middle(s, fields);
         result = search_step(s, fields);
     } while (p.is_whole && result == found::no && s->among.first <= s->among.last);
+    if (result == found::yes && p.is_whole && s->among.middle() != last)
+        s->likely_size = fields.field(s->among.middle() + 1, 1) - s->at.fde_address;
     return result;
 }
 
@@ -404,7 +411,9 @@ static part next_part(const table_search *s)
 static inline krv_relaxed<uint64_t> *place_of_hint(const table_search *s, krv_eh_guide *guide)
 {
     const uint64_t distance = s->distance(s->address);
-    return distance >= UINT32_MAX ? nullptr : &guide->hinted()[distance >> STRETCH_BITS & (guide->hints - 1)];
+    if (distance >= UINT32_MAX || guide->hints == 0)
+        return nullptr;
+    return &guide->hinted()[distance >> STRETCH_BITS & (guide->hints - 1)];
 }
 
 // A hint is taken once, so that no other thread changes it meanwhile.
@@ -439,7 +448,8 @@ static inline found search_by(table_search *s)
     s->node = 0;
     s->is_guided = false;
     s->before = s->behind = UINT64_MAX;
-    const bool is_led = s->nodes != 0 && s->among.last >= 0 && follow_guide(s);
+    const bool is_led =
+        s->nodes != 0 && s->among.last >= 0 && (s->hint != nullptr ? follow_guide<true>(s) : follow_guide<false>(s));
     const found outcome = is_led ? read_answer(s, s->among.middle(), s->among.middle() == s->among.last) : search_on(s);
     if (outcome == found::yes && s->hint != nullptr && s->among.middle() >> ENTRY_BITS == 0)
         note_hint(s, s->among.middle(), s->among.middle() == s->among.last);
@@ -450,12 +460,13 @@ static inline found search_by(table_search *s)
 // table of which only the count is large has no memory.
 [[gnu::noinline]] static krv_eh_guide *make_guide(krv_handle_t *hp, krv_eh_frame_reader_data *data)
 {
-    constexpr uint64_t MOST = 1 << 15, MOST_HINTS = 1 << 13;
+    constexpr uint64_t MOST = 1 << 15;
     const auto count = static_cast<uint32_t>(data->sefh_fde_count);
     if (!data->sefh_has_found || count > INT32_MAX)
         return nullptr;
     const uint64_t size = std::min(std::bit_ceil(uint64_t{count} + 1), MOST) - 1;
-    const uint64_t hints = std::bit_ceil(std::clamp(4 * uint64_t{count}, uint64_t{1} << FEWEST_HINTS_BITS, MOST_HINTS));
+    const uint64_t hints =
+        data->has_many() ? 0 : std::bit_ceil(std::max(4 * uint64_t{count}, uint64_t{1} << FEWEST_HINTS_BITS));
     auto *fresh = static_cast<krv_eh_guide *>(krv_zalloc(hp, sizeof(krv_eh_guide) + (size + hints) * sizeof(uint64_t)));
     krv_clear_error(hp);
     if (fresh == nullptr)
@@ -502,6 +513,13 @@ static inline found search_table(table_search *s)
     return outcome == found::astray ? search_again(s, outcome) : outcome;
 }
 
+// Of a table that is too large to keep them, sizes are told by the entries.
+static void note_size(const table_search *s, krv_eh_frame_reader_data *data)
+{
+    const bool fits = s->likely_size % 4 == 0 && s->likely_size / 4 <= UINT8_MAX;
+    data->words_at(s->at.fde_address - data->sefh_eh_frame) = static_cast<uint8_t>(fits ? s->likely_size / 4 : 0);
+}
+
 [[gnu::cold]] static int abandon_table(krv_handle_t *hp, krv_eh_frame_reader_data *data)
 {
     krv_store(&data->sefh_status, krv_eh_status_t{KRV_EFH_UNSUPPORTED});
@@ -527,11 +545,14 @@ int krv_eh_frame_gfoba(krv_handle_t *hp, krv_reader_t *reader, uint64_t address,
     s.data = data;
     s.address = address;
     s.at = {};
+    s.likely_size = 0;
     find_guide(&s, data);
     switch (search_table(&s)) {
     case found::yes:
         if (s.guide == nullptr)
             data->sefh_has_found = true;
+        if (data->has_many())
+            note_size(&s, data);
         searchp->start = s.at.start;
         searchp->offset = s.at.fde_address - data->sefh_eh_frame;
         searchp->next = s.at.next;

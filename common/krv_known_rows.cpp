@@ -32,15 +32,16 @@ struct program {
 };
 
 constexpr uint32_t SLOTS_FEWEST = 64, SLOTS_MOST = 4096, PROBES = 4;
-constexpr uint32_t LIKELY = 8; // functions that are told from each other, a slot
+constexpr uint32_t LIKELY = 8, LIKELY_MOST = 1 << 13; // functions that are told from each other: a slot, and in all
 
 } // namespace
 
 // Open addressing: a program stands in one of PROBES slots, and stays there.
 struct krv_known_rows {
-    krv_rwlock_t lock; // while a rule is added; no call-back runs then
-    krv_compact rules; // by number
-    uint32_t slots;    // a power of two
+    krv_rwlock_t lock;  // while a rule is added; no call-back runs then
+    krv_compact rules;  // by number
+    uint32_t slots;     // a power of two
+    uint32_t functions; // that are told from each other, a power of two; or 0
 
     // Behind it, by slot: programs, each published once, and the hash that led there last; and by functions, the slot of
     // the last one's program.
@@ -116,15 +117,16 @@ static inline program *program_of(krv_known_rows *known, const krv_fde_t *fde)
     krv_rows_key key;
     if (!make_key(fde, &key))
         return nullptr;
-    krv_relaxed<uint16_t> &likely = known->likely()[fde->sfde_target_address / 16 & (LIKELY * known->slots - 1)];
-    program *p = krv_load(&known->programs()[likely]);
+    krv_relaxed<uint16_t> *likely =
+        known->functions == 0 ? nullptr : &known->likely()[fde->sfde_target_address / 16 & (known->functions - 1)];
+    program *p = likely == nullptr ? nullptr : krv_load(&known->programs()[*likely]);
     if (p != nullptr && p->is_of(key))
         return p;
     key.hash = hash_bytes(key.decoding, key.bytes, key.size);
     program **slot = find(known, key);
     p = slot == nullptr ? nullptr : krv_load(slot);
-    if (p != nullptr)
-        likely = static_cast<uint16_t>(slot - known->programs());
+    if (p != nullptr && likely != nullptr)
+        *likely = static_cast<uint16_t>(slot - known->programs());
     return p;
 }
 
@@ -151,14 +153,15 @@ static krv_known_rows *need_known(krv_handle_t *hp, krv_reader_t *reader)
     if (krv_known_rows *known = krv_load(&reader->sr_known))
         return known;
     const uint32_t slots = std::bit_ceil(std::clamp(uint32_t{reader->sr_likely_fdes} / 4, SLOTS_FEWEST, SLOTS_MOST));
-    constexpr size_t SLOT_SIZE =
-        sizeof(program *) + sizeof(krv_relaxed<uint32_t>) + LIKELY * sizeof(krv_relaxed<uint16_t>);
-    const size_t size = sizeof(krv_known_rows) + slots * SLOT_SIZE;
+    const uint32_t functions = LIKELY * slots <= LIKELY_MOST ? LIKELY * slots : 0;
+    const size_t size = sizeof(krv_known_rows) + slots * (sizeof(program *) + sizeof(krv_relaxed<uint32_t>)) +
+                        functions * sizeof(krv_relaxed<uint16_t>);
     auto *fresh = static_cast<krv_known_rows *>(krv_zalloc(hp, size));
     if (fresh == nullptr)
         return nullptr;
     krv_rwlock_init(&fresh->lock);
     fresh->slots = slots;
+    fresh->functions = functions;
     fresh->rules.count = KRV_COMPACT_FIRST;
     return krv_publish(&reader->sr_known, fresh, krv_known_rows_free);
 }
