@@ -234,6 +234,7 @@ static bool hold_likely_record(record_reader *r, krv_handle_t *hp, krv_window_t 
         !krv_extent_fits(as->sfd_size, address, 0, size) ||
         !read_bulk(as, window->sw_bytes, static_cast<size_t>(size), address, window))
         return false;
+    // The window is part of a record. NOLINTNEXTLINE(clang-analyzer-core.NonNullParamChecker)
     std::memcpy(&length, window->sw_bytes, sizeof(length));
     if (length == 0 || length > size - EH_LENGTH_SIZE)
         return false;
