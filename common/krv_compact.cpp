@@ -93,13 +93,13 @@ static bool encode_kept(const krv_cfarule_t *rule, int64_t word, int16_t *keptp)
 // On 32-bit x86 registers that calls preserve keep their value for want of a rule.
 krv_step_t krv_step_of(const krv_mach_def_t *mach, const krv_compact_t *rule, uint64_t word)
 {
-    const auto size = static_cast<int64_t>(word);
-    const int fp = rule->kept[krv_kept_place(mach, mach->smd_fp)], pc = rule->kept[krv_kept_place(mach, mach->smd_pc)];
+    const int fp = rule->kept[mach->smd_kept_fp], pc = rule->kept[mach->smd_n_kept - 1], offset = rule->cfa.offset;
     const bool is_same = fp == KRV_KEPT_SAME || (fp == KRV_KEPT_UNDEFINED && word == sizeof(uint32_t));
-    const int64_t words = rule->cfa.offset / size, slots = is_same ? 0 : -int64_t{fp};
-    if (rule->flags != 0 || rule->cfa.kind != KRV_ORIGIN_IS_ADDRESS || rule->cfa.offset % size != 0 || words < 0 ||
-        words > KRV_STEP_WORDS || (!is_same && (slots < 1 || slots > KRV_STEP_SLOTS)) ||
-        (pc != -1 && pc != KRV_KEPT_UNDEFINED) || (rule->cfa.reg != mach->smd_sp && rule->cfa.reg != mach->smd_fp))
+    const int words = word == sizeof(uint32_t) ? offset / 4 : offset / 8, slots = is_same ? 0 : -fp;
+    if (rule->flags != 0 || rule->cfa.kind != KRV_ORIGIN_IS_ADDRESS ||
+        (static_cast<unsigned>(offset) & (word - 1)) != 0 || words < 0 || words > int{KRV_STEP_WORDS} ||
+        (!is_same && (slots < 1 || slots > int{KRV_STEP_SLOTS})) || (pc != -1 && pc != KRV_KEPT_UNDEFINED) ||
+        (rule->cfa.reg != mach->smd_sp && rule->cfa.reg != mach->smd_fp))
         return KRV_STEP_NONE;
     return KRV_STEP_IS | (rule->cfa.reg == mach->smd_fp ? krv_step_t{KRV_STEP_BY_FP} : krv_step_t{0}) |
            (pc == -1 ? krv_step_t{0} : krv_step_t{KRV_STEP_OUTERMOST}) |

@@ -41,22 +41,14 @@ struct krv_reg_def_t { // NOLINT(clang-analyzer-optin.performance.Padding)
 struct krv_mach_def_t {
     const krv_reg_def_t *smd_defs;
     unsigned int smd_n_defs;
-    unsigned int smd_sp;     // DWARF numbers of stack pointer,
-    unsigned int smd_fp;     // frame pointer,
-    unsigned int smd_pc;     // and return-address column
-    const uint8_t *smd_kept; // DWARF numbers of the registers that calls preserve, the stack pointer apart, ascending,
-    unsigned int smd_n_kept; // and the return-address column behind them; KRV_MAX_KEPT at most
+    unsigned int smd_sp;      // DWARF numbers of stack pointer,
+    unsigned int smd_fp;      // frame pointer,
+    unsigned int smd_pc;      // and return-address column
+    const uint8_t *smd_kept;  // DWARF numbers of the registers that calls preserve, the stack pointer apart, ascending,
+    unsigned int smd_n_kept;  // and the return-address column behind them; KRV_MAX_KEPT at most
+    unsigned int smd_kept_fp; // the place of the frame pointer among them
 };
 
 constexpr unsigned KRV_MAX_KEPT = 7;
-
-// The place of a register in smd_kept.
-inline unsigned krv_kept_place(const krv_mach_def_t *mach, unsigned reg)
-{
-    unsigned place = 0;
-    while (place + 1 < mach->smd_n_kept && mach->smd_kept[place] != reg)
-        ++place;
-    return place;
-}
 
 #endif

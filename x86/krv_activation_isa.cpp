@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "krv_activation_isa.h"
 
+#include <algorithm>
 #include <cstddef>
 
 // Clients pass register sets in and out whole.
@@ -194,7 +195,7 @@ consteval krv_mach_def_t machine(const krv_reg_def_t (&rows)[N], const uint8_t (
                                  unsigned int fp)
 {
     static_assert(K <= KRV_MAX_KEPT);
-    return {rows, N, sp, fp, kept[K - 1], kept, K};
+    return {rows, N, sp, fp, kept[K - 1], kept, K, static_cast<unsigned>(std::find(kept, kept + K, fp) - kept)};
 }
 
 } // namespace
