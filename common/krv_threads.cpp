@@ -85,10 +85,15 @@ void krv_threads_destroy(krv_handle_t *hp)
     return fresh;
 }
 
+static unsigned list_of(pthread_t thread)
+{
+    return static_cast<unsigned>((uint64_t{thread} * 0x9e3779b97f4a7c15U) >> (64 - LIST_BITS));
+}
+
 static thread_state *own_state(krv_handle_t *hp)
 {
     const pthread_t self = pthread_self();
-    thread_state **const list = &hp->sh_threads->lists[(uint64_t{self} * 0x9e3779b97f4a7c15U) >> (64 - LIST_BITS)];
+    thread_state **const list = &hp->sh_threads->lists[list_of(self)];
     for (thread_state *state = krv_load(list); state != nullptr; state = state->next)
         if (state->thread == self)
             return state;
