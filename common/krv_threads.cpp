@@ -46,8 +46,8 @@ int krv_threads_set(krv_handle_t *hp, bool is_on)
     auto *const threads = krv_new<krv_threads>(hp);
     if (threads == nullptr)
         return -1;
-    threads->others.sections[0].sfd_hp = hp; // of no bytes
-    hp->sh_error.code = KRV_ERR_INVALID;     // see krv_is_clear: it never is
+    threads->others.sec[0].sfd_hp = hp;  // of no bytes
+    hp->sh_error.code = KRV_ERR_INVALID; // see krv_is_clear: it never is
     hp->sh_threads = threads;
     return 0;
 }
@@ -110,9 +110,9 @@ krv_fd_t *krv_own_position(krv_handle_t *hp, krv_secidx_t sec)
     const krv_fd_t *const section = krv_section(hp, sec);
     thread_state *const state = own_state(hp);
     if (state == &hp->sh_threads->others)
-        return &state->sections[0];
-    krv_fd_t *const own =
-        &state->sections[sec < KRV_SEC_EXT_LINE_STR ? sec : KRV_MAX_SEC + (sec - KRV_SEC_EXT_LINE_STR)];
+        return &state->sec[0];
+    const unsigned int number = static_cast<unsigned int>(sec) - KRV_SEC_EXT_LINE_STR;
+    krv_fd_t *const own = number < KRV_EXT_SECTIONS ? &state->ext_sec[number] : &state->sec[sec];
     if (own->sfd_hp == nullptr || !krv_fd_same_source(own, section))
         *own = *section;
     return own;
