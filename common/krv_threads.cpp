@@ -14,8 +14,8 @@ struct thread_state {
     thread_state *next;
     pthread_t thread;
     krv_error_state error;
-    krv_fd_t
-        sections[KRV_MAX_SEC + KRV_EXT_SECTIONS]; // where they are not those of the handle, they are taken from there
+    krv_fd_t sec[KRV_MAX_SEC]; // those of the handle, copied when they are first asked for
+    krv_fd_t ext_sec[KRV_EXT_SECTIONS];
 };
 
 constexpr unsigned LIST_BITS = 6;
