@@ -151,9 +151,10 @@ struct krv_step_place {
     void remember(krv_step_t step) const { krv_store(word, tag | step); }
 };
 
-// The rule at an offset from the base of the table, within its size.
-inline krv_compact_number_t krv_compact_search_offset(const krv_compact_table *table, uint32_t offset)
+// The rule at a program counter within the table.
+inline krv_compact_number_t krv_compact_search(const krv_compact_table *table, uint64_t pc)
 {
+    const auto offset = static_cast<uint32_t>(pc - table->base);
     const uint32_t *block = &table->blocks[offset >> table->shift];
     uint32_t row = block[0], last = block[1];
     while (last - row > 8) { // the last one that does not begin behind it
@@ -163,12 +164,6 @@ inline krv_compact_number_t krv_compact_search_offset(const krv_compact_table *t
     while (row < last && table->offsets[row + 1] <= offset)
         ++row;
     return table->rules[row];
-}
-
-// The rule at a program counter within the table.
-inline krv_compact_number_t krv_compact_search(const krv_compact_table *table, uint64_t pc)
-{
-    return krv_compact_search_offset(table, static_cast<uint32_t>(pc - table->base));
 }
 
 #endif

@@ -39,8 +39,8 @@ enum {
      * Any number of threads query the handle at the same time, without a lock around it: each has an error state of its own, which
      * korva_handle_get_errno and korva_handle_get_errmsgs tell it, and a position of its own in each section. Answers are
      * those of a single thread. Set before other threads have the handle. Cursors, expression stacks and activations are one
-     * thread's at a time even so, and call-backs are called by all threads. Each thread costs 3 KiB of memory, until the handle is
-     * freed; one for which there is none gets KRV_ERR_NOMEM.
+     * thread's at a time even so, and call-backs are called by all threads. Each thread costs 2 KiB of memory, and its
+     * messages up to 4, until the handle is freed; one for which there is none gets KRV_ERR_NOMEM.
      */
     KRV_OPT_EXT_THREADS = 0x1004,
     KRV_OPT_EXT_NOTE_FUNC = 0x1002,     /**< krv_note_f *: called for what is left out or stepped over, as it is met */
