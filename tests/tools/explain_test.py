@@ -14,7 +14,7 @@ import tempfile
 from cores import make_cores
 from support import SOURCES, answer_of, build, fail, need, run
 
-PROGRAMS = [(compiler, version) for compiler in ('gcc', 'g++', 'clang', 'clang++') for version in (4, 5)]
+PROGRAMS = [('gcc', 4), ('g++', 5), ('clang', 5), ('clang++', 4)]
 MOST = 48  # addresses of a program
 RECORD = re.compile(r'^([0-9a-f]+) [0-9a-f]+ [0-9a-f]+ (CIE|FDE) (?:cie=([0-9a-f]+) pc=([0-9a-f]+)\.\.([0-9a-f]+))?')
 

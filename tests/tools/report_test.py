@@ -15,6 +15,7 @@ import time
 import browser
 from support import SKIPPED, answer_of, fail, run, write
 
+MANY = 3000  # traces of a page
 MARK = 'document.title=window.caught=1'
 HOSTILE = [f'<img src=x onerror={MARK}>', f'</script><script>{MARK}</script>', f'<!--<script>{MARK}//', f'"><svg onload={MARK}>',
            f"' autofocus onfocus={MARK} '", f']]></style><script>{MARK}</script>', '\u2028\u2029\u202eevil\u0000\u001b[2J\r\n\u0085',
@@ -183,7 +184,7 @@ def main():
     with tempfile.TemporaryDirectory(prefix='korva_report.') as folder:
         test_refusals(options.korva, folder)
         pages = {}
-        for name, traces in [('plain', plain_traces(folder)), ('hostile', hostile_traces()), ('many', list(many_traces(10000)))]:
+        for name, traces in [('plain', plain_traces(folder)), ('hostile', hostile_traces()), ('many', list(many_traces(MANY)))]:
             pages[name], text = make_page(options.korva, folder, name, traces)
             if name != 'many':
                 check_bytes(options.korva, folder, name, text, traces)
@@ -199,9 +200,9 @@ def main():
                 check(page)
                 if page.requests() != [f'file://{pages[name]}'] and name != 'hostile':  # there the test itself asked
                     fail(f'{name}: requests {page.requests()}')
-            print(f'a page of 10,000 traces, {os.path.getsize(pages["many"]) >> 20} MiB, opened in {seconds:.1f} s')
+            print(f'a page of {MANY} traces, {os.path.getsize(pages["many"]) >> 20} MiB, opened in {seconds:.1f} s')
             if page.run('document.querySelectorAll("#flames .f").length') < 20 or seconds > browser.PATIENCE / 2:
-                fail(f'10,000 traces: {seconds} s')
+                fail(f'{MANY} traces: {seconds} s')
             check_without_scripts(page, pages['plain'])
 
 

@@ -280,7 +280,7 @@ TEST_F(CoreFile, ThatClaimsMoreThanItHolds)
         const char *last;
     } cases[] = {
         {{.modules = 100, .threads = 100, .cfi_bytes = 1'000'000}, "unable to get FDE", "claim more than"},
-        {{.modules = 60'000, .threads = 2, .notes = 1168}, "unable to get FDE", "unable to get FDE"},
+        {{.modules = 10'000, .threads = 2, .notes = 1168}, "unable to get FDE", "unable to get FDE"},
         {{.modules = 2'000, .threads = 2'000, .notes = 1168}, "unable to get FDE", "no module covers it (/"},
         {{.threads = 20'000}, "unable to get FDE", "unable to get FDE"},
     };
