@@ -269,7 +269,7 @@ static int decode_strp(krv_fd_t *fdp, krv_form_t form, const krv_encoding_t &enc
 }
 
 // Up to its NUL, which must be in view.
-static krv_datum_t string_in_view(krv_view_t view)
+krv_datum_t krv_string_in_view(krv_view_t view)
 {
     const void *nul = view.size == 0 ? nullptr : std::memchr(view.bytes, 0, view.size);
     if (nul == nullptr)
@@ -278,28 +278,41 @@ static krv_datum_t string_in_view(krv_view_t view)
     return {view.bytes, size, size};
 }
 
-krv_datum_t krv_string_in_memory(const krv_fd_t *fdp, krv_form_t form, const krv_encoding_t &encoding)
+static inline bool find_string(const krv_fd_t *fdp, krv_form_t form, const krv_encoding_t &encoding,
+                               krv_string_place_t *place)
 {
-    if (form == DW_FORM_string)
-        return string_in_view(krv_fd_view(fdp));
-    krv_secidx_t sec = KRV_SEC_STR;
+    place->section = KRV_SEC_STR;
     if (form != DW_FORM_strp) {
         const krv_family_t family = krv_form_row(form, encoding.forms).family;
         if (family != krv_family_t::line_strp && family != krv_family_t::alt_strp)
-            return {};
-        sec = string_section(family);
+            return false;
+        place->section = string_section(family);
     }
-    const krv_fd_t &str = *krv_section(fdp->sfd_hp, sec);
+    const krv_fd_t &str = *krv_section(fdp->sfd_hp, place->section);
     const krv_view_t view = krv_fd_view(fdp);
-    const size_t width = encoding.is_dwarf64 ? 8 : 4;
-    if (krv_fd_is_cb(&str) || view.size < width)
+    place->encoded = encoding.is_dwarf64 ? 8 : 4;
+    if (krv_fd_is_cb(&str) || view.size < place->encoded)
+        return false;
+    place->offset = 0;
+    std::memcpy(&place->offset, view.bytes, place->encoded);
+    return place->offset <= str.sfd_size;
+}
+
+bool krv_find_string(const krv_fd_t *fdp, krv_form_t form, const krv_encoding_t &encoding, krv_string_place_t *place)
+{
+    return find_string(fdp, form, encoding, place);
+}
+
+krv_datum_t krv_string_in_memory(const krv_fd_t *fdp, krv_form_t form, const krv_encoding_t &encoding)
+{
+    if (form == DW_FORM_string)
+        return krv_string_in_view(krv_fd_view(fdp));
+    krv_string_place_t place;
+    if (!find_string(fdp, form, encoding, &place))
         return {};
-    uint64_t offset = 0;
-    std::memcpy(&offset, view.bytes, width);
-    if (offset > str.sfd_size)
-        return {};
-    krv_datum_t datum = string_in_view({str.sfd_u.buf + offset, str.sfd_size - offset});
-    datum.encoded = width;
+    const krv_fd_t &str = *krv_section(fdp->sfd_hp, place.section);
+    krv_datum_t datum = krv_string_in_view({str.sfd_u.buf + place.offset, str.sfd_size - place.offset});
+    datum.encoded = place.encoded;
     return datum;
 }
 

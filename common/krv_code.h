@@ -141,7 +141,16 @@ struct krv_datum_t {
     uint64_t encoded;
 };
 krv_datum_t krv_string_in_memory(const krv_fd_t *fdp, krv_form_t form, const krv_encoding_t &encoding);
+krv_datum_t krv_string_in_view(krv_view_t view); // one that stands at its start
 krv_datum_t krv_block_in_memory(const krv_fd_t *fdp, krv_form_t form);
+
+// Where a string of another section stands that is in memory, and the bytes of its offset. False: not that case.
+struct krv_string_place_t {
+    krv_secidx_t section;
+    uint64_t offset; // within the section, or at its end
+    uint64_t encoded;
+};
+bool krv_find_string(const krv_fd_t *fdp, krv_form_t form, const krv_encoding_t &encoding, krv_string_place_t *place);
 
 // As krv_decode_form, of a string into an array of characters.
 inline int krv_decode_text(krv_fd_t *fdp, krv_form_t form, const krv_encoding_t &encoding, void *text, size_t size)

@@ -10,8 +10,10 @@
 #include "krv_info.h"
 #include "krv_mem.h"
 #include "krv_names.h"
+#include "krv_peek.h"
 #include "krv_threads.h"
 
+#include <algorithm>
 #include <utility>
 
 using die_owner = std::unique_ptr<krv_die_t, krv_die_deleter>;
@@ -79,10 +81,11 @@ static bool read_block(krv_fd_t *fdp, const krv_encoding_t &encoding, krv_die_t 
 
 // One in memory stays where it is.
 [[gnu::always_inline]] static inline bool read_string(krv_fd_t *fdp, const krv_encoding_t &encoding, krv_die_t *die,
-                                                      krv_value_t *value)
+                                                      krv_value_t *value, krv_peek_t *peek)
 {
     krv_handle_t *hp = fdp->sfd_hp;
-    const krv_datum_t datum = krv_string_in_memory(fdp, value->sa_actual, encoding);
+    const krv_datum_t datum = peek == nullptr ? krv_string_in_memory(fdp, value->sa_actual, encoding)
+                                              : krv_peek_string(peek, fdp, value->sa_actual, encoding);
     if (datum.bytes != nullptr) {
         value->sa_u.su_addr = const_cast<uint8_t *>(datum.bytes);
         krv_fd_advance(fdp, datum.encoded);
@@ -113,7 +116,7 @@ static bool read_block(krv_fd_t *fdp, const krv_encoding_t &encoding, krv_die_t 
         return false;
     const krv_form_row_t row = krv_form_row(value->sa_actual, encoding.forms);
     if (is_string(row))
-        return read_string(fdp, encoding, die, value);
+        return read_string(fdp, encoding, die, value, krv_peek_of(fdp));
     if (is_block(row))
         return read_block(fdp, encoding, die, value);
     value->sa_u.su_unsigned = value->sa_actual == DW_FORM_flag_present ? 1 : 0;
@@ -235,7 +238,7 @@ static krv_abbrev_t *find_abbrev(krv_handle_t *hp, krv_au_t *au, uint64_t code)
 
 // Gives values what their bytes alone do not tell: constants of the abbreviation, and the strings and addresses that their
 // indices lead to, through tables of the unit.
-static bool resolve_values(krv_handle_t *hp, const krv_ctu_t *cu, krv_die_t *die)
+static bool resolve_values(krv_handle_t *hp, const krv_ctu_t *cu, krv_die_t *die, krv_peek_t *peek)
 {
     const krv_encoding_t encoding = krv_cu_encoding(hp, cu);
     const krv_abbrev_t *abbrev = die->dwdie_abbrev_cache;
@@ -261,7 +264,7 @@ static bool resolve_values(krv_handle_t *hp, const krv_ctu_t *cu, krv_die_t *die
             std::memcpy(offset, &number, sizeof(number));
             krv_fd_t fd;
             krv_fd_attach_mem(hp, &fd, sizeof(offset), offset);
-            sound = read_string(&fd, encoding, die, value);
+            sound = read_string(&fd, encoding, die, value, peek);
         } else {
             value->sa_u.su_unsigned = number;
         }
@@ -284,7 +287,7 @@ static bool resolve_values(krv_handle_t *hp, const krv_ctu_t *cu, krv_die_t *die
     if (cu->dcu_compile_unit == nullptr) // this is it
         krv_cu_take_bases(cu, die.get());
     const bool leads = (abbrev->dwa_flags & KRV_ABBREV_FLAG_LEADS) != 0;
-    return !leads || resolve_values(hp, cu, die.get()) ? die.release() : nullptr;
+    return !leads || resolve_values(hp, cu, die.get(), krv_peek_of(fdp)) ? die.release() : nullptr;
 }
 
 // Reads the entry whose code the cursor stands behind. NULL: messages pushed.
@@ -322,11 +325,11 @@ static bool take_attributes(krv_handle_t *hp, const krv_abbrev_t *abbrev, uint64
 }
 
 // `left`: attributes that the walk may still read.
-[[gnu::always_inline]] static inline krv_die_t *alloc_die(krv_handle_t *hp, krv_ctu_t *cu, krv_offset_t offset,
-                                                          krv_single_abbrev_t *single, krv_die_walk *walk)
+[[gnu::always_inline]] static inline krv_die_t *alloc_die(krv_handle_t *hp, krv_fd_t *fdp, krv_ctu_t *cu,
+                                                          krv_offset_t offset, krv_single_abbrev_t *single,
+                                                          krv_die_walk *walk)
 {
     krv_clear_error(hp);
-    krv_fd_t *fdp = krv_position(hp, cu->dcu_section);
     const uint64_t section_offset = krv_add_offset(cu->dcu_offset, offset);
     krv_die_t *die = nullptr;
     uint64_t code = 0;
@@ -340,6 +343,8 @@ static bool take_attributes(krv_handle_t *hp, const krv_abbrev_t *abbrev, uint64
         krv_abbrev_t *abbrev;
         if (single != nullptr && krv_abbrev_check_table(hp, cu->dcu_debug_abbrev_offset, code, single)) {
             abbrev = &single->ssa_abbrev;
+        } else if (krv_peek_of(fdp) != nullptr) { // what is told of a table is told once, and not while messages are dropped
+            return nullptr;
         } else {
             krv_au_t *au = krv_cu_abbrevs(hp, cu);
             if (au == nullptr)
@@ -365,7 +370,7 @@ static bool take_attributes(krv_handle_t *hp, const krv_abbrev_t *abbrev, uint64
 
 krv_die_t *krv_alloc_next_die(krv_handle_t *hp, krv_ctu_t *cu, krv_offset_t offset, krv_die_walk *walk)
 {
-    return alloc_die(hp, cu, offset, nullptr, walk);
+    return alloc_die(hp, krv_position(hp, cu->dcu_section), cu, offset, nullptr, walk);
 }
 
 krv_die_t *krv_alloc_die_by_cu_offset(krv_handle_t *hp, krv_ctu_t *cu, krv_offset_t offset)
@@ -380,10 +385,10 @@ krv_die_t *krv_alloc_die_by_cu_offset(krv_handle_t *hp, krv_ctu_t *cu, krv_offse
     return krv_alloc_next_die(hp, cu, offset, &walk);
 }
 
-krv_die_t *krv_alloc_first_die(krv_handle_t *hp, krv_ctu_t *cu, krv_single_abbrev_t *single)
+krv_die_t *krv_alloc_first_die(krv_handle_t *hp, krv_fd_t *fdp, krv_ctu_t *cu, krv_single_abbrev_t *single)
 {
     krv_die_walk walk = {UINT64_MAX, false}; // krv_units counts the attributes
-    return alloc_die(hp, cu, cu->dcu_header_size, single, &walk);
+    return alloc_die(hp, fdp, cu, cu->dcu_header_size, single, &walk);
 }
 
 krv_die_t *krv_alloc_no_die(krv_handle_t *hp, krv_ctu_t *cu)
@@ -456,7 +461,17 @@ static size_t text_length(const krv_handle_t *hp, const char *text, size_t most)
     return strnlen(text, most);
 }
 
-const char *krv_find_die_string(krv_handle_t *hp, krv_die_t *die, krv_attribute_t attr, size_t size, size_t *lengthp)
+// The whole name that a unit has a copy of, so that its pages need not be touched. NULL: it has none.
+static const char *find_unit_copy(const krv_die_t *die, krv_attribute_t attr)
+{
+    const krv_ctu_t *const cu = die->dwdie_parent_cu;
+    if ((cu->dcu_flags & KRV_CU_FLAG_COPIES) == 0 || cu->dcu_compile_unit != die)
+        return nullptr;
+    return attr == DW_AT_name ? cu->dcu_name : attr == DW_AT_comp_dir ? cu->dcu_comp_dir : nullptr;
+}
+
+const char *krv_find_die_string(krv_handle_t *hp, krv_die_t *die, krv_attribute_t attr, size_t size, size_t *lengthp,
+                                const krv_peek_t *peek)
 {
     int mask = 0;
     krv_value_t *value = nullptr;
@@ -468,6 +483,14 @@ const char *krv_find_die_string(krv_handle_t *hp, krv_die_t *die, krv_attribute_
         return nullptr;
     }
     const auto *text = static_cast<const char *>(value->sa_u.su_addr);
+    if (const krv_peeked_text_t *known = peek == nullptr ? nullptr : krv_peek_known(peek, text)) {
+        *lengthp = std::min(known->pt_length, size - 1);
+        return known->pt_bytes;
+    }
+    if (const char *copy = find_unit_copy(die, attr)) {
+        *lengthp = strnlen(copy, size - 1);
+        return copy;
+    }
     *lengthp = text_length(hp, text, size - 1);
     return text;
 }

@@ -10,6 +10,7 @@
 #include "krv_ext.h"
 #include "krv_fd.h"
 #include "krv_mem.h"
+#include "krv_peek.h"
 #include "krv_threads.h"
 
 static const char *section_name(krv_secidx_t sec)
@@ -50,9 +51,8 @@ static bool is_base_version(uint16_t version)
     return version >= 2 && version <= 4;
 }
 
-static bool read_header(krv_handle_t *hp, krv_ctu_t *cu, krv_secidx_t sec, uint64_t offset)
+static bool read_header(krv_handle_t *hp, krv_fd_t *fdp, krv_ctu_t *cu, krv_secidx_t sec, uint64_t offset)
 {
-    krv_fd_t *fdp = krv_position(hp, sec);
     *cu = {};
     if (korva_fd_seek(fdp, offset, KRV_FD_SEEK_SET) != 0 || !read_unit_length(hp, cu, fdp, offset))
         return false;
@@ -72,16 +72,21 @@ static bool read_header(krv_handle_t *hp, krv_ctu_t *cu, krv_secidx_t sec, uint6
     return true;
 }
 
+static bool read_told_header(krv_handle_t *hp, krv_fd_t *fdp, krv_ctu_t *cu, krv_secidx_t sec, uint64_t offset)
+{
+    if (read_header(hp, fdp, cu, sec, offset))
+        return true;
+    krv_note(hp, "failed to read CU header at offset %lld in %s", static_cast<long long>(offset), section_name(sec));
+    return false;
+}
+
 int krv_info_hdr_read(krv_handle_t *hp, krv_ctu_t *cu, krv_secidx_t sec, uint64_t offset)
 {
     KRV_ASSERT(hp != NULL);
     KRV_ASSERT(cu != NULL);
     if (sec != KRV_SEC_INFO && sec != KRV_SEC_TYPES && sec != KRV_SEC_EXT_ALT_INFO)
         return krv_fail(hp, KRV_ERR_INVALID, "invalid section (%d)", sec);
-    if (!read_header(hp, cu, sec, offset))
-        return krv_note(hp, "failed to read CU header at offset %lld in %s", static_cast<long long>(offset),
-                        section_name(sec));
-    return 0;
+    return read_told_header(hp, krv_position(hp, sec), cu, sec, offset) ? 0 : -1;
 }
 
 void krv_cu_free(krv_ctu_t *cu)
@@ -107,17 +112,19 @@ struct unit_name {
 
     bool has_copy() const
     {
-        return text != nullptr && shared == nullptr && (is_copied || length == KRV_STRING_BUFSZ - 1);
+        return text != nullptr && shared == nullptr && (is_copied || is_cut());
     }
+    bool is_cut() const { return length == KRV_STRING_BUFSZ - 1; } // or may be
     size_t size() const { return has_copy() ? length + 1 : 0; } // of the copy
 };
 
 } // namespace
 
 // False: it is no string.
-static bool find_name(krv_handle_t *hp, krv_die_t *die, krv_attribute_t attr, const char *before, unit_name *name)
+static bool find_name(krv_handle_t *hp, krv_die_t *die, krv_attribute_t attr, const krv_peek_t *peek, const char *before,
+                      unit_name *name)
 {
-    name->text = krv_find_die_string(hp, die, attr, KRV_STRING_BUFSZ, &name->length);
+    name->text = krv_find_die_string(hp, die, attr, KRV_STRING_BUFSZ, &name->length, peek);
     if (name->text == nullptr)
         return name->length != KRV_NO_STRING;
     if (before != nullptr && name->has_copy() && std::strncmp(before, name->text, name->length) == 0 &&
@@ -159,19 +166,18 @@ static krv_abbrev_t *copy_abbrev(const krv_abbrev_t *abbrev, krv_abbrev_t *to)
 }
 
 // The unit in an allocation of its own, with names that are copied and, when it is *single, the abbreviation of its first
-// entry; or NULL. Takes over the entry when it succeeds.
+// entry; or NULL. Takes over the entry when it succeeds. One that was met by a peek has copies of both names.
 static krv_ctu_t *keep_unit(krv_handle_t *hp, const krv_ctu_t *cu, const krv_single_abbrev_t *single,
-                            const krv_ctu_t *before)
+                            const krv_ctu_t *before, const krv_peek_t *peek)
 {
     krv_die_t *die = cu->dcu_compile_unit;
-    unit_name comp_dir{.is_copied = true}, name{.is_copied = false};
-    if (!find_name(hp, die, DW_AT_comp_dir, before == nullptr ? nullptr : before->dcu_comp_dir, &comp_dir) ||
-        !find_name(hp, die, DW_AT_name, before == nullptr ? nullptr : before->dcu_name, &name))
+    unit_name comp_dir{.is_copied = true}, name{.is_copied = peek != nullptr};
+    if (!find_name(hp, die, DW_AT_comp_dir, peek, before == nullptr ? nullptr : before->dcu_comp_dir, &comp_dir) ||
+        !find_name(hp, die, DW_AT_name, peek, before == nullptr ? nullptr : before->dcu_name, &name))
         return nullptr;
     const bool by_itself = die->dwdie_abbrev_cache == &single->ssa_abbrev;
     const size_t abbrev_size = by_itself ? copied_abbrev_size(&single->ssa_abbrev) : 0;
-    const size_t names_size = comp_dir.size() + name.size();
-    auto *kept = static_cast<krv_ctu_t *>(krv_alloc(hp, sizeof(*cu) + abbrev_size + names_size));
+    auto *kept = static_cast<krv_ctu_t *>(krv_alloc(hp, sizeof(*cu) + abbrev_size + comp_dir.size() + name.size()));
     if (kept == nullptr)
         return nullptr;
     *kept = *cu;
@@ -179,7 +185,9 @@ static krv_ctu_t *keep_unit(krv_handle_t *hp, const krv_ctu_t *cu, const krv_sin
         die->dwdie_abbrev_cache = copy_abbrev(&single->ssa_abbrev, reinterpret_cast<krv_abbrev_t *>(kept + 1));
     char *names = reinterpret_cast<char *>(kept + 1) + abbrev_size;
     keep_name(&name, keep_name(&comp_dir, names, &kept->dcu_comp_dir), &kept->dcu_name);
-    die->dwdie_copied += names_size;
+    if (peek != nullptr && !comp_dir.is_cut() && !name.is_cut())
+        kept->dcu_flags |= KRV_CU_FLAG_COPIES;
+    die->dwdie_copied += comp_dir.size() + (name.is_cut() ? name.size() : 0); // others are short, and their units large
     die->dwdie_parent_cu = kept;
     return kept;
 }
@@ -254,32 +262,49 @@ static void prefetch_unit(const krv_fd_t *fdp, uint64_t offset)
         __builtin_prefetch(fdp->sfd_u.buf + at);
 }
 
-krv_ctu_t *krv_cu_alloc(krv_handle_t *hp, krv_secidx_t sec, uint64_t offset, const krv_ctu_t *before)
+// Reads header and first entry through a cursor of the section, and keeps them. NULL: messages pushed, and dcu_kind is 0
+// unless it is the entry that cannot be read. `peek`: what the cursor reads by, if so.
+static krv_ctu_t *read_unit(krv_handle_t *hp, krv_fd_t *fdp, krv_secidx_t sec, uint64_t offset,
+                            const krv_ctu_t *before, krv_peek_t *peek, krv_ctu_t *cu)
+{
+    if (!read_told_header(hp, fdp, cu, sec, offset)) {
+        cu->dcu_size = 0;
+        return nullptr;
+    }
+    if (peek == nullptr)
+        prefetch_unit(krv_section(hp, sec), krv_add_offset(offset, cu->dcu_size));
+    if (cu->dcu_kind == 0)
+        return nullptr;
+    krv_single_abbrev_t single; // outlives the entry where it fails
+    std::unique_ptr<krv_die_t, krv_die_deleter> die(krv_alloc_first_die(hp, fdp, cu, &single));
+    cu->dcu_compile_unit = die.get();
+    krv_ctu_t *kept = die == nullptr ? nullptr : keep_unit(hp, cu, &single, before, peek);
+    if (kept != nullptr)
+        static_cast<void>(die.release()); // the unit's now
+    return kept;
+}
+
+krv_ctu_t *krv_cu_alloc(krv_handle_t *hp, krv_secidx_t sec, uint64_t offset, const krv_ctu_t *before, krv_peek_t *peek)
 {
     KRV_ASSERT(hp != NULL);
     if (krv_cu_check_section(hp, sec) != 0)
         return nullptr;
     krv_ctu_t cu;
-    krv_single_abbrev_t single; // outlives the entry where it fails
-    std::unique_ptr<krv_die_t, krv_die_deleter> die;
     krv_ctu_t *kept = nullptr;
-    if (krv_info_hdr_read(hp, &cu, sec, offset) == 0) {
-        // The header was read into it. NOLINTNEXTLINE(clang-analyzer-core.CallAndMessage)
-        prefetch_unit(krv_section(hp, sec), krv_add_offset(offset, cu.dcu_size));
-        // NOLINTNEXTLINE(clang-analyzer-core.UndefinedBinaryOperatorResult)
-        if (cu.dcu_kind != 0) {
-            cu.dcu_compile_unit = krv_alloc_first_die(hp, &cu, &single);
-            die.reset(cu.dcu_compile_unit);
-            kept = die == nullptr ? nullptr : keep_unit(hp, &cu, &single, before);
-        }
-        if (kept == nullptr && hp->sh_ext != 0 && may_step_over(hp, &cu))
-            return keep_empty_unit(hp, &cu);
+    if (peek != nullptr && krv_peek_is_due(hp, sec, before == nullptr ? UINT64_MAX : before->dcu_size)) {
+        krv_fd_t fd = krv_peek_at(hp, offset, peek);
+        krv_error_of(hp)->is_quiet = true;
+        kept = read_unit(hp, &fd, sec, offset, before, peek, &cu);
+        krv_error_of(hp)->is_quiet = false;
     }
+    if (kept == nullptr)
+        kept = read_unit(hp, krv_position(hp, sec), sec, offset, before, nullptr, &cu);
+    if (kept == nullptr && cu.dcu_size != 0 && hp->sh_ext != 0 && may_step_over(hp, &cu))
+        return keep_empty_unit(hp, &cu);
     if (kept == nullptr) {
         krv_note(hp, "failed to obtain CU at offset %lld in %s", static_cast<long long>(offset), section_name(sec));
         return nullptr;
     }
-    static_cast<void>(die.release()); // the unit's now
     if (kept->dcu_kind == KRV_UNIT_SKELETON)
         tell_of_split_unit(hp, kept);
     return kept;

@@ -12,11 +12,13 @@
 
 constexpr uint32_t KRV_CU_FLAG_DWARF64 = 0x1; // dcu_flags
 constexpr uint32_t KRV_CU_FLAG_DWO_ID = 0x2;
+constexpr uint32_t KRV_CU_FLAG_COPIES = 0x4; // its names are whole copies: see krv_peek.h
 
 // The tables that values of entries may count in (DWARF 5, 7.26 to 7.29).
 enum krv_base_t : unsigned { KRV_BASE_STR_OFFSETS, KRV_BASE_ADDR, KRV_BASE_RNGLISTS, KRV_BASE_LOCLISTS, KRV_BASES };
 
 struct krv_calls;
+struct krv_peek_t;
 
 // One compilation unit. The fields from dcu_abbrev_unit on are filled on first use and published atomically, except
 // dcu_size and those of the first entry.
@@ -79,8 +81,9 @@ void krv_cu_take_bases(krv_ctu_t *cu, const krv_die_t *die);
 int krv_cu_check_section(krv_handle_t *hp, krv_secidx_t sec);
 
 // The unit at `offset` with its first entry and its two names, or NULL. Copies of names it may share with the unit before,
-// which then has to outlive it.
-krv_ctu_t *krv_cu_alloc(krv_handle_t *hp, krv_secidx_t sec, uint64_t offset, const krv_ctu_t *before = nullptr);
+// which then has to outlive it. Where it may be met by `peek`, it is.
+krv_ctu_t *krv_cu_alloc(krv_handle_t *hp, krv_secidx_t sec, uint64_t offset, const krv_ctu_t *before = nullptr,
+                        krv_peek_t *peek = nullptr);
 void krv_cu_free(krv_ctu_t *cu); // not its line-number header, which is read above
 
 // The entry at a unit-relative offset. NULL on failure, and NULL with KRV_ERR_NOTFOUND and no message for a null
@@ -100,8 +103,9 @@ struct krv_die_walk {
 krv_die_t *krv_alloc_next_die(krv_handle_t *hp, krv_ctu_t *cu, krv_offset_t offset, krv_die_walk *walk);
 uint64_t krv_cu_most_attributes(const krv_ctu_t *cu);
 
-// A new unit's first entry, likewise. Its abbreviation may be *single, which is to live as long as the entry.
-krv_die_t *krv_alloc_first_die(krv_handle_t *hp, krv_ctu_t *cu, krv_single_abbrev_t *single);
+// A new unit's first entry, likewise, through a cursor of its section. Its abbreviation may be *single, which is to live as
+// long as the entry.
+krv_die_t *krv_alloc_first_die(krv_handle_t *hp, krv_fd_t *fdp, krv_ctu_t *cu, krv_single_abbrev_t *single);
 
 // In place of the first entry of a unit that is stepped over: one without tag, attributes and children.
 krv_die_t *krv_alloc_no_die(krv_handle_t *hp, krv_ctu_t *cu);
@@ -119,8 +123,10 @@ int krv_get_die_tag(krv_handle_t *hp, krv_die_t *die, krv_tag_t *tagp);
 constexpr size_t KRV_NO_STRING = SIZE_MAX;
 
 // A string attribute and its length, cut to size - 1 characters; it is the entry's. NULL with KRV_ERR_NOTFOUND, or with
-// KRV_ERR_INVALID and the length KRV_NO_STRING when it is no string. The second function copies it.
-const char *krv_find_die_string(krv_handle_t *hp, krv_die_t *die, krv_attribute_t attr, size_t size, size_t *lengthp);
+// KRV_ERR_INVALID and the length KRV_NO_STRING when it is no string. One that `peek` knows is its until it reads another. The
+// second function copies it.
+const char *krv_find_die_string(krv_handle_t *hp, krv_die_t *die, krv_attribute_t attr, size_t size, size_t *lengthp,
+                                const krv_peek_t *peek = nullptr);
 int krv_get_die_string_attr(krv_handle_t *hp, krv_die_t *die, krv_attribute_t attr, char *buf, size_t size);
 
 // Whether entries may copy so many bytes of strings: some times those of the sections.

@@ -16,6 +16,7 @@
 #include "krv_line.h"
 #include "krv_mem.h"
 #include "krv_named.h"
+#include "krv_peek.h"
 #include "krv_scope.h"
 #include "krv_side_units.h"
 #include "krv_signature.h"
@@ -238,6 +239,7 @@ int korva_attach_section(krv_handle_t *hp, krv_secidx_t sec, uint64_t size, krv_
     if (result != 0 || krv_units_keep_section(hp, sec) != 0)
         return -1;
     *krv_section(hp, sec) = section;
+    krv_peek_forget(hp, sec);
     if (sec == KRV_SEC_FRAME)
         krv_compact_forget(hp);
     return 0;

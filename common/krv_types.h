@@ -50,11 +50,18 @@ struct krv_code_range_t {
     uint64_t start, end;
 };
 
+// The call that reads a section which is in memory.
+struct krv_section_reader {
+    krv_fd_cb_f *func; // NULL: there is none
+    void *arg;
+};
+
 // What failed last, for who asked.
 struct krv_error_state {
     krv_relaxed<int32_t> code;   // KRV_ERR_*
     krv_relaxed<uint32_t> count; // messages stored since the last clear
     char *texts[KRV_MAX_ERRORS]; // their texts, cause first
+    krv_relaxed<bool> is_quiet;  // messages are dropped: what fails is tried in another way
 };
 
 struct krv_handle {
@@ -91,6 +98,7 @@ struct krv_handle {
     krv_relaxed<uint64_t> sh_line_bytes;   // of memory in line headers, files and matrices
     uint32_t sh_ext;                       // KRV_EXT_*, fixed before the first query
     krv_fd_t sh_ext_sec[KRV_EXT_SECTIONS]; // one cursor a section of extensions
+    krv_section_reader sh_readers[KRV_MAX_SEC + KRV_EXT_SECTIONS]; // of both
     krv_sets *sh_sets;                     // what .debug_aranges says, as written; built on first use, published last
     krv_addr_index *sh_addr_sets;          // units that it names by address, published by compare-and-swap
     krv_relaxed<uint64_t> sh_ranges_read;  // bytes of range lists that were read for units

@@ -11,6 +11,7 @@
 #include "krv_info.h"
 #include "krv_line.h"
 #include "krv_mem.h"
+#include "krv_peek.h"
 
 static krv_ctu_t no_unit; // in place of one that a set names and that cannot be read
 
@@ -40,13 +41,14 @@ struct table_builder {
     uint32_t size = 0, entries = 0;
     krv_hash_t *hash = nullptr;
     krv_kept_t kept = {};
+    krv_peek_t peek;
 
     explicit table_builder(krv_handle_t *handle) : hp(handle) {}
     const krv_ctu_t *last() const { return entries == 0 ? nullptr : units[entries - 1]; }
-    krv_ctu_t *unit_at(uint64_t offset) const
+    krv_ctu_t *unit_at(uint64_t offset)
     {
         krv_ctu_t *made = find_made(hp, offset);
-        return made != nullptr ? made : krv_cu_alloc(hp, KRV_SEC_INFO, offset, last());
+        return made != nullptr ? made : krv_cu_alloc(hp, KRV_SEC_INFO, offset, last(), &peek);
     }
     void drop(krv_ctu_t *cu) const
     {
@@ -168,7 +170,8 @@ static krv_ctu_t *make_named(krv_handle_t *hp, const krv_set_t *set)
             return static_cast<krv_ctu_t *>(unit);
     }
     krv_sets *sets = hp->sh_sets;
-    krv_ctu_t *cu = krv_cu_alloc(hp, KRV_SEC_INFO, set->set_unit, sets->ss_latest);
+    krv_peek_t peek;
+    krv_ctu_t *cu = krv_cu_alloc(hp, KRV_SEC_INFO, set->set_unit, sets->ss_latest, &peek);
     if (cu == nullptr)
         return nullptr;
     if (const char *much = count_unit(hp, &sets->ss_kept, cu)) {

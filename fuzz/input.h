@@ -135,6 +135,13 @@ public:
             korva_attach_section(hp, sec, s->bytes.size(), KRV_FD_TYPE_MEMORY, s->bytes.data());
     }
 
+    // Sections in memory are read by a call, too, with the faults that the input chooses.
+    void attach_reader(krv_secidx_t sec)
+    {
+        if (!callback && !sections.empty())
+            korva_attach_section_reader(hp, sec, source::read, &sections.back());
+    }
+
     operator krv_handle_t *() const { return hp; }
 
 private:

@@ -9,8 +9,10 @@
 #include <cstring>
 #include <fcntl.h>
 #include <sys/mman.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
+#include <utility>
 
 namespace krv_elf_loader
 {
@@ -42,6 +44,21 @@ struct descriptor {
     }
 };
 
+constexpr int MOST_KEPT = 16; // descriptors
+std::atomic<int> kept_descriptors = 0;
+
+// Counts one more, unless there are enough, or few left: numbers are given from the lowest on.
+bool take_descriptor(int fd)
+{
+    rlimit limit = {};
+    if (getrlimit(RLIMIT_NOFILE, &limit) != 0 || static_cast<rlim_t>(fd) >= limit.rlim_cur / 2)
+        return false;
+    if (kept_descriptors.fetch_add(1) < MOST_KEPT)
+        return true;
+    kept_descriptors.fetch_sub(1);
+    return false;
+}
+
 void *to_pointer(uintptr_t address)
 {
     return reinterpret_cast<void *>(address); // NOLINT(performance-no-int-to-ptr): it was one
@@ -68,10 +85,10 @@ file_mapping::place *file_mapping::take_place(byte_span mapped)
     return found;
 }
 
-file_mapping::file_mapping(const std::string &path)
+file_mapping::file_mapping(const std::string &path, bool keeps_descriptor)
 {
     // Without waiting: a pipe is refused, not waited for.
-    const descriptor file{open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK)};
+    descriptor file{open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK)};
     struct stat st = {};
     if (file.fd < 0 || fstat(file.fd, &st) != 0)
         throw failure(KRV_ELF_ERR_SYSTEM, std::strerror(errno));
@@ -93,6 +110,8 @@ file_mapping::file_mapping(const std::string &path)
         munmap(image, size);
         throw;
     }
+    if (keeps_descriptor && take_descriptor(file.fd))
+        fd = std::exchange(file.fd, -1);
 }
 
 file_mapping::~file_mapping()
@@ -100,11 +119,35 @@ file_mapping::~file_mapping()
     registered->begin = 0; // before another mapping can come to lie there
     registered->taken = false;
     munmap(const_cast<uint8_t *>(all.data()), all.size());
+    close_descriptor();
+}
+
+bool file_mapping::holds(byte_span part) const
+{
+    return part.data() >= all.data() && part.data() + part.size() <= all.data() + all.size();
+}
+
+bool file_mapping::can_read(byte_span part) const
+{
+    return fd >= 0 && holds(part);
+}
+
+bool file_mapping::read(const uint8_t *from, void *to, size_t count) const
+{
+    return fd >= 0 && pread(fd, to, count, from - all.data()) == static_cast<ssize_t>(count);
+}
+
+void file_mapping::close_descriptor()
+{
+    if (fd < 0)
+        return;
+    close(std::exchange(fd, -1));
+    kept_descriptors.fetch_sub(1);
 }
 
 void file_mapping::trim(byte_span part) const
 {
-    if (part.data() < all.data() || part.data() + part.size() > all.data() + all.size())
+    if (!holds(part))
         return;
     const auto begin = reinterpret_cast<uintptr_t>(part.data());
     const uintptr_t first = page_of(begin + PAGE - 1), behind = page_of(begin + part.size());

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// A file in memory. Its descriptor is closed at once: files are limited by memory, not by descriptors.
+// A file in memory. Files are limited by memory, not by descriptors: those of a few are kept, if asked for, while there are
+// many to be had.
 #ifndef KRV_ELF_FILE_MAPPING_H
 #define KRV_ELF_FILE_MAPPING_H
 
@@ -15,12 +16,18 @@ class file_mapping
 {
 public:
     // Throws failure, whose text does not name the file.
-    explicit file_mapping(const std::string &path);
+    explicit file_mapping(const std::string &path, bool keeps_descriptor = false);
     ~file_mapping();
     file_mapping(const file_mapping &) = delete;
     file_mapping &operator=(const file_mapping &) = delete;
 
     byte_span bytes() const { return all; }
+
+    // Reads bytes of this mapping from the file: for a few, by a system call, that costs less than to touch a page, which then
+    // stays in memory. False: there is no descriptor, or the file has become shorter.
+    bool read(const uint8_t *from, void *to, size_t count) const;
+    bool can_read(byte_span part) const; // part is in this mapping, and there is a descriptor
+    void close_descriptor();
 
     // Takes whole pages of a part out of memory, to be read again from the file. They must not have been written to. Nothing
     // happens to what is not in this mapping.
@@ -37,6 +44,9 @@ private:
     struct place;
     static place *take_place(byte_span mapped);
 
+    bool holds(byte_span part) const;
+
+    int fd = -1;
     byte_span all;
     place *registered; // where replace_missing finds the mapping
 };

@@ -33,17 +33,19 @@ public:
     template <typename F>
     result<void> attach_memory(F &read)
     {
-        return detail::status(hp_, korva_attach_as(
-                                       hp_,
-                                       [](void *arg, void *buf, std::size_t count, std::uint64_t address) noexcept {
-                                           return (*static_cast<F *>(arg))(address, buf, count)
-                                                      ? static_cast<std::int64_t>(count)
-                                                      : std::int64_t{-1};
-                                       },
-                                       detail::argument(read)));
+        return detail::status(hp_, korva_attach_as(hp_, call_read<F>, detail::argument(read)));
     }
     template <typename F>
     result<void> attach_memory(const F &&) = delete; // it would not outlive the call
+
+    /** The same of a section that is attached, from its offsets; see korva_attach_section_reader. */
+    template <typename F>
+    result<void> attach_section_reader(krv_secidx_t section, F &read)
+    {
+        return detail::status(hp_, korva_attach_section_reader(hp_, section, call_read<F>, detail::argument(read)));
+    }
+    template <typename F>
+    result<void> attach_section_reader(krv_secidx_t section, const F &&) = delete;
 
     /** What is added to the file's addresses: where it is loaded, KRV_OPT_BASE_ADDR. */
     result<void> set_base_address(std::uint64_t bias)
@@ -113,6 +115,12 @@ public:
     }
 
 private:
+    template <typename F>
+    static std::int64_t call_read(void *arg, void *buf, std::size_t count, std::uint64_t offset) noexcept
+    {
+        return (*static_cast<F *>(arg))(offset, buf, count) ? static_cast<std::int64_t>(count) : std::int64_t{-1};
+    }
+
     krv_handle_t *hp_;
 };
 

@@ -98,6 +98,17 @@ enum {
 /** As korva_lookup_section_index, of the sections of extensions; those of the alternate file have no name of their own. */
 KORVA_API int korva_lookup_ext_section_index(const char *name, krv_secidx_t *secp, boolean_t *compressed);
 
+/**
+ * Gives a call that reads the bytes of a section which is attached from memory; @p func gets offsets of the section. It is for
+ * files that are mapped: a page that is touched first costs microseconds and stays in memory, a pread(2) less than one. Where
+ * the handle needs little of much, as of large units headers, first entries, and names in .debug_str and .debug_line_str,
+ * it then reads that by the call and touches no page for it. Answers are the same; what the call does not deliver in full is
+ * read from memory. It is taken away by a NULL @p func, and by attaching the section again.
+ *
+ * Errors: KRV_ERR_INVALID for a section index out of range, or a section that is not attached from memory.
+ */
+KORVA_API int korva_attach_section_reader(krv_handle_t *hp, krv_secidx_t sec, krv_fd_cb_f *func, void *arg);
+
 /** What was left out or stepped over. */
 typedef struct krv_note_record {
     krv_secidx_t section; /**< in which */

@@ -3,6 +3,7 @@
 
 #include "notes.h"
 
+#include <algorithm>
 #include <cstring>
 #ifdef KRV_HAVE_ZSTD
 #include <zstd.h>
@@ -79,7 +80,7 @@ byte_span elf_file::extent(uint64_t offset, uint64_t size) const
 file_mapping elf_file::map(const std::string &path)
 {
     try {
-        return file_mapping(path);
+        return file_mapping(path, true);
     } catch (const failure &f) {
         throw failure(f.code, path + ": " + f.what());
     }
@@ -102,10 +103,21 @@ elf_file::elf_file(const std::string &path, bool any_inflation)
         read_segments();
         find_code();
         find_build_id();
+        if (!has_far_units())
+            mapping.close_descriptor();
     } catch (...) {
         elf_end(handle);
         throw;
     }
+}
+
+// Smaller sections are touched as a whole, whoever reads little of them.
+bool elf_file::has_far_units() const
+{
+    constexpr uint64_t LEAST = 256 << 10;
+    return std::any_of(section_list.begin(), section_list.end(), [](const raw_section &section) {
+        return section.name == ".debug_info" && section.file_size >= LEAST && !section.compressed;
+    });
 }
 
 elf_file::~elf_file()

@@ -70,7 +70,7 @@ public:
     const address_ranges &code() const { return code_ranges; } // where executable sections lie; else segments
     byte_span build_id() const { return build_id_bytes; }
     byte_span image() const { return mapping.bytes(); }
-    void trim(byte_span part) const { mapping.trim(part); }
+    const file_mapping &bytes_of_file() const { return mapping; }
     bool any_inflation() const { return inflates_any; }
     bool was_cut() const { return mapping.was_cut(); } // while it was read
 
@@ -94,6 +94,7 @@ private:
     void read_segments();
     void find_code();
     void find_build_id();
+    bool has_far_units() const;
     [[noreturn]] void fail(int code, const std::string &what) const; // names the file
     byte_span extent(uint64_t offset, uint64_t size) const;          // empty when it leaves the file
 

@@ -88,11 +88,8 @@ struct krv_elf {
         for (const view_section &section : made->sections()) {
             const bool has_names = section.index == KRV_SEC_STR || section.index == KRV_SEC_EXT_LINE_STR ||
                                    section.index == KRV_SEC_EXT_ALT_STR;
-            if (has_names || section.deferred != nullptr || section.copy)
-                continue;
-            for (const elf_file *home : {&source(), alternate.file.get()})
-                if (home != nullptr)
-                    home->trim(section.original);
+            if (!has_names && !section.is_deferred && !section.copy)
+                section.home->bytes_of_file().trim(section.original);
         }
     }
 
@@ -135,18 +132,28 @@ private:
     void attach(const view_section &section)
     {
         auto *argument = const_cast<view_section *>(&section); // which read_deferred does not change either
-        if (section.deferred != nullptr)
+        if (section.is_deferred) {
             korva_attach_section(hp.get(), section.index, section.size(), KRV_FD_TYPE_CB, read_deferred, argument);
-        else
-            korva_attach_section(hp.get(), section.index, section.size(), KRV_FD_TYPE_MEMORY,
-                                 const_cast<uint8_t *>(section.bytes().data()));
+            return;
+        }
+        korva_attach_section(hp.get(), section.index, section.size(), KRV_FD_TYPE_MEMORY,
+                             const_cast<uint8_t *>(section.bytes().data()));
+        if (section.home->bytes_of_file().can_read(section.bytes()))
+            korva_attach_section_reader(hp.get(), section.index, read_file, argument);
+    }
+
+    static int64_t read_file(void *arg, void *buf, size_t count, uint64_t offset)
+    {
+        const auto *section = static_cast<const view_section *>(arg);
+        const uint8_t *const from = section->original.data() + offset;
+        return section->home->bytes_of_file().read(from, buf, count) ? static_cast<int64_t>(count) : -1;
     }
 
     static int64_t read_deferred(void *arg, void *buf, size_t count, uint64_t offset)
     {
         const auto *section = static_cast<const view_section *>(arg);
         return guarded<int64_t>(nullptr, -1, [&]() -> int64_t {
-            const byte_span bytes = section->deferred->contents(*section->raw);
+            const byte_span bytes = section->home->contents(*section->raw);
             if (offset > bytes.size() || count > bytes.size() - offset)
                 return -1;
             std::copy_n(bytes.data() + offset, count, static_cast<uint8_t *>(buf));

@@ -90,7 +90,7 @@ void view::take(elf_file &home, const raw_section &raw, krv_secidx_t index)
             home.check_claim(raw);
         const byte_span bytes = deferred ? byte_span() : home.contents(raw);
         if (deferred ? raw.size != 0 : !bytes.empty())
-            section_list.push_back({index, raw.name, &raw, bytes, {}, deferred ? &home : nullptr});
+            section_list.push_back({index, raw.name, &raw, bytes, {}, &home, deferred});
     } catch (const failure &f) { // this section is lost, the others are not
         add_note({ATTACH, raw.name, 0, true, f.what()});
     }

@@ -20,10 +20,11 @@ struct view_section {
     const raw_section *raw;
     byte_span original;                       // the file's own bytes, or the inflated ones
     std::optional<std::vector<uint8_t>> copy; // relocated
-    elf_file *deferred = nullptr;             // inflates it when the handle reads it
+    elf_file *home;                           // the file that has it
+    bool is_deferred;                         // inflated when the handle reads it
 
     byte_span bytes() const { return copy ? byte_span(*copy) : original; } // what the handle reads, unless deferred
-    uint64_t size() const { return deferred != nullptr ? raw->size : bytes().size(); }
+    uint64_t size() const { return is_deferred ? raw->size : bytes().size(); }
     std::vector<uint8_t> &writable(); // copies on first use
 };
 

@@ -9,6 +9,7 @@
 #include "support/handle.h"
 
 #include <random>
+#include <sys/mman.h>
 
 using namespace krv_test;
 
@@ -457,6 +458,53 @@ TEST(Info, SectionsThatAreReplaced)
     }
 }
 
+// While large units are met, and asked for their names, the call reads what is needed: memory is not touched.
+TEST(Info, UnitsFarApart)
+{
+    const bytes strings = bytes().cstr("gcc").cstr("/usr").cstr("a.c").cstr("b.c");
+    const auto padded = [](const bytes &die) { return bytes(die).fill((16 << 10) - die.size()); };
+    const bytes units[] = {unit{.dies = padded(bytes().u8(1).u32(0).u32(9).u32(4))}.build(),
+                           unit{.version = 5, .kind = 1, .dies = padded(bytes().u8(2).cstr("in.c").u32(4))}.build(),
+                           unit{.version = 5, .kind = 1, .dies = padded(bytes().u8(3).u8(0).u32(4))}.build()};
+    reader info{.contents = units[0] + units[1] + units[2]}, str{.contents = strings}, line_str{.contents = strings};
+    handle h;
+    korva_handle_set_opt(h, KRV_OPT_EXT_DWARF5, uint64_t{1});
+    korva_handle_set_opt(h, KRV_OPT_EXT_AS_WRITTEN, uint64_t{1});
+    EXPECT_TRUE(refuses(h, korva_attach_section_reader(h, KRV_SEC_INFO, reader::read, &info),
+                        "INVALID: .debug_info is not attached from memory"));
+    EXPECT_TRUE(
+        refuses(h, korva_attach_section_reader(h, 99, reader::read, &info), "INVALID: section index 99 too large"));
+    h.attach(KRV_SEC_ABBREV, abbrevs("1 compile_unit producer:strp name:strp comp_dir:strp; 2 compile_unit name:string"
+                                     " comp_dir:line_strp; 3 compile_unit name:strx1 comp_dir:strp"));
+    h.attach(KRV_SEC_EXT_STR_OFFSETS, bytes().u32(8).u16(5).u16(0).u32(13));
+    std::vector<std::pair<void *, size_t>> mapped;
+    for (const auto &[sec, source] : {std::pair(int{KRV_SEC_INFO}, &info), std::pair(int{KRV_SEC_STR}, &str),
+                                      std::pair(int{KRV_SEC_EXT_LINE_STR}, &line_str)}) {
+        const size_t size = source->contents.size();
+        void *memory = mmap(nullptr, size, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+        ASSERT_NE(memory, MAP_FAILED);
+        mapped.emplace_back(memory, size);
+        korva_attach_section(h, sec, size, KRV_FD_TYPE_MEMORY, static_cast<uint8_t *>(memory));
+        ASSERT_EQ(korva_attach_section_reader(h, sec, reader::read, source), 0);
+    }
+    uint64_t offset = 0;
+    for (const auto &[size, expected] : {std::pair(units[0].size(), "/usr/a.c"), std::pair(units[1].size(), "/usr/in.c"),
+                                         std::pair(units[2].size(), "/usr/b.c")}) {
+        krv_ctu_t *cu = korva_lookup_ctu_by_start_offset(h, KRV_SEC_INFO, offset);
+        ASSERT_NE(cu, nullptr) << h.error();
+        char name[8] = "", dir[8] = "";
+        EXPECT_EQ(korva_get_die_at_name(h, cu->dcu_compile_unit, name, sizeof(name)), 0);
+        EXPECT_EQ(korva_get_die_at_comp_dir(h, cu->dcu_compile_unit, dir, sizeof(dir)), 0);
+        EXPECT_EQ(std::string(dir) + "/" + name, expected);
+        EXPECT_EQ(std::string(cu->dcu_comp_dir) + "/" + cu->dcu_name, expected);
+        offset += size;
+    }
+    EXPECT_EQ(info.reads, 3U);
+    EXPECT_EQ(str.reads, 4U); // what the unit before has is not read again
+    for (const auto &[memory, size] : mapped)
+        munmap(memory, size);
+}
+
 // All units, all their entries, and every message on the way.
 static std::string dump(handle &h)
 {
@@ -491,8 +539,8 @@ static std::string dump(handle &h)
     return all;
 }
 
-// Tables and entries in memory are scanned, behind a call-back they are decoded; over random bytes both come to the
-// same. Numbers are small, so that many bytes mean something.
+// Tables and entries in memory are scanned, behind a call-back they are decoded, and large units are met by a call beside memory, which
+// may fail at any time; over random bytes all come to the same. Numbers are small, so that many bytes mean something.
 TEST(Info, MemoryAndCallBack)
 {
     std::mt19937 random(1);
@@ -508,6 +556,8 @@ TEST(Info, MemoryAndCallBack)
         }
         for (int left = 200; left != 0; --left)
             dies.u8(any(4) == 0 ? any(255) : any(6));
+        if (round % 30 == 0)
+            dies.fill(16 << 10); // so large that the unit behind is met so, too
         const bytes info = unit{.dwarf64 = any(2) == 0, .dies = bytes().u8(1) + dies}.build() +
                            unit{.dies = bytes().u8(1) + dies}.build();
         reader abbrev{.contents = table.fill(any(2))}, behind{.contents = info},
@@ -517,6 +567,15 @@ TEST(Info, MemoryAndCallBack)
         call_back.attach(KRV_SEC_ABBREV, &abbrev).attach(KRV_SEC_INFO, &behind).attach(KRV_SEC_STR, &strings);
         const std::string expected = dump(call_back);
         ASSERT_EQ(dump(memory), expected) << round;
+        handle beside;
+        beside.attach(KRV_SEC_ABBREV, abbrev.contents).attach(KRV_SEC_INFO, info).attach(KRV_SEC_STR, strings.contents);
+        reader infos{.contents = info}, names{.contents = strings.contents};
+        reader &faulty = any(2) == 0 ? infos : names;
+        faulty.kind = any(2) == 0 ? fault::fails : fault::short_;
+        faulty.fault_at = any(6);
+        korva_attach_section_reader(beside, KRV_SEC_INFO, reader::read, &infos);
+        korva_attach_section_reader(beside, KRV_SEC_STR, reader::read, &names);
+        ASSERT_EQ(dump(beside), expected) << round;
         entries += static_cast<unsigned>(std::count(expected.begin(), expected.end(), ':'));
     }
     EXPECT_GT(entries, 6000U); // the bytes do mean something
