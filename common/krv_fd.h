@@ -87,9 +87,9 @@ struct krv_peek_t;
 struct krv_window_t {
     krv_fd_cb_f *sw_func; // the call-back behind it
     void *sw_arg;
-    uint64_t sw_offset = 0; // of the first byte that is held
-    uint64_t sw_size = 0;   // bytes held
-    bool sw_lost = false;   // the next read fails, as reading ahead has
+    uint64_t sw_offset = 0;        // of the first byte that is held
+    uint64_t sw_size = 0;          // bytes held
+    bool sw_lost = false;          // the next read fails, as reading ahead has
     krv_peek_t *sw_peek = nullptr; // of krv_peek_at
     uint8_t sw_bytes[256];
 };

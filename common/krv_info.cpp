@@ -110,19 +110,16 @@ struct unit_name {
     size_t length = 0;
     char *shared = nullptr; // the same text, as the unit before keeps it
 
-    bool has_copy() const
-    {
-        return text != nullptr && shared == nullptr && (is_copied || is_cut());
-    }
+    bool has_copy() const { return text != nullptr && shared == nullptr && (is_copied || is_cut()); }
     bool is_cut() const { return length == KRV_STRING_BUFSZ - 1; } // or may be
-    size_t size() const { return has_copy() ? length + 1 : 0; } // of the copy
+    size_t size() const { return has_copy() ? length + 1 : 0; }    // of the copy
 };
 
 } // namespace
 
 // False: it is no string.
-static bool find_name(krv_handle_t *hp, krv_die_t *die, krv_attribute_t attr, const krv_peek_t *peek, const char *before,
-                      unit_name *name)
+static bool find_name(krv_handle_t *hp, krv_die_t *die, krv_attribute_t attr, const krv_peek_t *peek,
+                      const char *before, unit_name *name)
 {
     name->text = krv_find_die_string(hp, die, attr, KRV_STRING_BUFSZ, &name->length, peek);
     if (name->text == nullptr)
@@ -264,8 +261,8 @@ static void prefetch_unit(const krv_fd_t *fdp, uint64_t offset)
 
 // Reads header and first entry through a cursor of the section, and keeps them. NULL: messages pushed, and dcu_kind is 0
 // unless it is the entry that cannot be read. `peek`: what the cursor reads by, if so.
-static krv_ctu_t *read_unit(krv_handle_t *hp, krv_fd_t *fdp, krv_secidx_t sec, uint64_t offset,
-                            const krv_ctu_t *before, krv_peek_t *peek, krv_ctu_t *cu)
+static krv_ctu_t *read_unit(krv_handle_t *hp, krv_fd_t *fdp, krv_secidx_t sec, uint64_t offset, const krv_ctu_t *before,
+                            krv_peek_t *peek, krv_ctu_t *cu)
 {
     if (!read_told_header(hp, fdp, cu, sec, offset)) {
         cu->dcu_size = 0;

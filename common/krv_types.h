@@ -99,11 +99,11 @@ struct krv_handle {
     uint32_t sh_ext;                       // KRV_EXT_*, fixed before the first query
     krv_fd_t sh_ext_sec[KRV_EXT_SECTIONS]; // one cursor a section of extensions
     krv_section_reader sh_readers[KRV_MAX_SEC + KRV_EXT_SECTIONS]; // of both
-    krv_sets *sh_sets;                     // what .debug_aranges says, as written; built on first use, published last
-    krv_addr_index *sh_addr_sets;          // units that it names by address, published by compare-and-swap
-    krv_relaxed<uint64_t> sh_ranges_read;  // bytes of range lists that were read for units
-    krv_relaxed<uint64_t> sh_calls_read;   // and for functions and inlined calls
-    krv_note_f *sh_note_func;              // NULL: nobody wants to know
+    krv_sets *sh_sets;                    // what .debug_aranges says, as written; built on first use, published last
+    krv_addr_index *sh_addr_sets;         // units that it names by address, published by compare-and-swap
+    krv_relaxed<uint64_t> sh_ranges_read; // bytes of range lists that were read for units
+    krv_relaxed<uint64_t> sh_calls_read;  // and for functions and inlined calls
+    krv_note_f *sh_note_func;             // NULL: nobody wants to know
     void *sh_note_arg;
     krv_relaxed<bool> sh_is_spent; // the budget is used up, until a bound is set again
     krv_budget *sh_budget;         // owned: what queries may cost; NULL: anything

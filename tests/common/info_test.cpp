@@ -488,8 +488,9 @@ TEST(Info, UnitsFarApart)
         ASSERT_EQ(korva_attach_section_reader(h, sec, reader::read, source), 0);
     }
     uint64_t offset = 0;
-    for (const auto &[size, expected] : {std::pair(units[0].size(), "/usr/a.c"), std::pair(units[1].size(), "/usr/in.c"),
-                                         std::pair(units[2].size(), "/usr/b.c")}) {
+    for (const auto &[size, expected] :
+         {std::pair(units[0].size(), "/usr/a.c"), std::pair(units[1].size(), "/usr/in.c"),
+          std::pair(units[2].size(), "/usr/b.c")}) {
         krv_ctu_t *cu = korva_lookup_ctu_by_start_offset(h, KRV_SEC_INFO, offset);
         ASSERT_NE(cu, nullptr) << h.error();
         char name[8] = "", dir[8] = "";
