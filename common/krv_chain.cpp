@@ -380,10 +380,16 @@ int korva_iter_chains(krv_handle_t *hp, const uint64_t *addrs, size_t count, uns
     return iter(hp, addrs, count, calls.get(), fn, arg);
 }
 
+// One thread does it: the others go on with their units meanwhile, since all have to be done with before anything is promised.
 static bool prefill_index(krv_handle_t *hp)
 {
+    if (__atomic_exchange_n(&hp->sh_is_indexed, true, __ATOMIC_ACQ_REL))
+        return true;
     krv_addr_stretch stretch;
-    return krv_addr_index_find(hp, UINT64_MAX, KRV_LOOKUP_F_NONE, &stretch) != nullptr || is_final(hp);
+    if (krv_addr_index_find(hp, UINT64_MAX, KRV_LOOKUP_F_NONE, &stretch) != nullptr || is_final(hp))
+        return true;
+    krv_store(&hp->sh_is_indexed, false);
+    return false;
 }
 
 static bool prefill_rows(krv_handle_t *hp, krv_ctu_t *cu)

@@ -86,6 +86,7 @@ struct krv_handle {
     krv_hash *sh_auphash;            // abbreviation tables by .debug_abbrev offset, likewise
     krv_addr_index *sh_addr_known;   // units by address, of those whose ranges need no scan, likewise
     krv_addr_index *sh_addr_all;     // units by address, all of them, likewise
+    bool sh_is_indexed;              // korva_cu_prefill has the index of addresses made, or some thread is about it
     uint32_t sh_scanned_units;       // units whose ranges a scan has found
     krv_hash *sh_au_same;            // those that others may share, by a digest of their bytes, likewise
     krv_relaxed<uint64_t> sh_abbrev_compared; // bytes that were read to find these
