@@ -16,6 +16,25 @@ static krv_section_reader *reader_of(krv_handle_t *hp, krv_secidx_t sec)
     return &hp->sh_readers[number < KRV_EXT_SECTIONS ? KRV_MAX_SEC + number : static_cast<unsigned int>(sec)];
 }
 
+// The client's call may query the handle, of which messages are told as ever.
+static bool read(krv_handle_t *hp, krv_secidx_t sec, void *buf, size_t count, uint64_t offset)
+{
+    const krv_section_reader *const reader = reader_of(hp, sec);
+    if (reader->func == nullptr)
+        return false;
+    krv_relaxed<bool> &is_quiet = krv_error_of(hp)->is_quiet;
+    const bool was_quiet = is_quiet;
+    is_quiet = false;
+    const int64_t got = reader->func(reader->arg, buf, count, offset);
+    is_quiet = was_quiet;
+    return got == static_cast<int64_t>(count);
+}
+
+static int64_t read_info(void *arg, void *buf, size_t count, uint64_t offset)
+{
+    return read(static_cast<krv_handle_t *>(arg), KRV_SEC_INFO, buf, count, offset) ? static_cast<int64_t>(count) : -1;
+}
+
 bool krv_peek_is_due(krv_handle_t *hp, krv_secidx_t sec, uint64_t size_before)
 {
     return size_before >= LARGE_UNIT && sec == KRV_SEC_INFO && reader_of(hp, sec)->func != nullptr;
@@ -23,9 +42,8 @@ bool krv_peek_is_due(krv_handle_t *hp, krv_secidx_t sec, uint64_t size_before)
 
 krv_fd_t krv_peek_at(krv_handle_t *hp, uint64_t offset, krv_peek_t *peek)
 {
-    const krv_section_reader *const reader = reader_of(hp, KRV_SEC_INFO);
     krv_fd_t behind;
-    krv_fd_attach_cb(hp, &behind, krv_section(hp, KRV_SEC_INFO)->sfd_size, reader->func, reader->arg);
+    krv_fd_attach_cb(hp, &behind, krv_section(hp, KRV_SEC_INFO)->sfd_size, read_info, hp);
     krv_fd_t fd = krv_fd_windowed(&behind, &peek->window);
     peek->window.sw_peek = peek;
     if (krv_fd_seek(&fd, offset) == 0)
@@ -75,16 +93,13 @@ static bool take_text(krv_peeked_text_t *text, const char *at, size_t count)
 static bool read_text(krv_handle_t *hp, krv_peeked_text_t *text, const char *at, const krv_string_place_t &place,
                       krv_view_t begun)
 {
-    const krv_section_reader *const reader = reader_of(hp, place.section);
     const auto fitting = [text](uint64_t count) { return std::min(count, uint64_t{sizeof(text->pt_bytes)}); };
     if (begun.size != 0)
         std::memcpy(text->pt_bytes, begun.bytes, fitting(begun.size));
     if (take_text(text, at, fitting(begun.size)))
         return true;
     const auto count = static_cast<size_t>(fitting(krv_section(hp, place.section)->sfd_size - place.offset));
-    return reader->func != nullptr && count != 0 &&
-           reader->func(reader->arg, text->pt_bytes, count, place.offset) == static_cast<int64_t>(count) &&
-           take_text(text, at, count);
+    return count != 0 && read(hp, place.section, text->pt_bytes, count, place.offset) && take_text(text, at, count);
 }
 
 krv_datum_t krv_peek_string(krv_peek_t *peek, const krv_fd_t *fdp, krv_form_t form, const krv_encoding_t &encoding)

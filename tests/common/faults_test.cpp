@@ -51,11 +51,15 @@ static void attach(krv_handle_t *hp, const session &data, readers *sources)
         return sources->back().get();
     };
     data.set_options(hp);
-    for (const auto &[sec, contents] : data.sections)
-        if (data.in_memory)
-            korva_attach_section(hp, sec, contents.size(), KRV_FD_TYPE_MEMORY, keep(contents)->contents.data());
-        else
-            korva_attach_section(hp, sec, contents.size(), KRV_FD_TYPE_CB, read_counted, keep(contents));
+    for (const auto &[sec, contents] : data.sections) {
+        reader *const source = keep(contents);
+        if (data.in_memory) {
+            korva_attach_section(hp, sec, contents.size(), KRV_FD_TYPE_MEMORY, source->contents.data());
+            korva_attach_section_reader(hp, sec, read_counted, source);
+        } else {
+            korva_attach_section(hp, sec, contents.size(), KRV_FD_TYPE_CB, read_counted, source);
+        }
+    }
     if (data.memory.size() != 0)
         korva_attach_as(hp, read_counted, keep(data.memory, stack_address));
 }

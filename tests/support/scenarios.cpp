@@ -475,11 +475,23 @@ static std::string ask_expressions(krv_handle_t *hp)
     return text("%d %lx %02x%02x%02x", count, value, object[0], object[1], object[2]);
 }
 
+// Of its sections only what is read beside memory comes by call-backs.
+template <session (*Make)()>
+static session in_memory()
+{
+    session data = Make();
+    data.in_memory = true;
+    return data;
+}
+
 std::span<const scenario> scenarios()
 {
     static const scenario all[] = {
         {"units", make_units, ask_units, "a.c /build/src/a.c; b.c /build/src/a.c; ---================-", 60},
         {"later units", make_later_units, ask_later_units, "/build/a.c a.c 1024 33", 20},
+        {"units in memory", in_memory<make_units>, ask_units,
+         "a.c /build/src/a.c; b.c /build/src/a.c; ---================-", 0},
+        {"later units in memory", in_memory<make_later_units>, ask_later_units, "/build/a.c a.c 1024 33", 0},
         {"units as written", make_written_units, ask_written_units, "a.c b.c ", 20},
         {"calls", make_calls, ask_calls, "far g f int v 2e", 0},
         {"prefilled calls", make_shared_calls, ask_prefilled_calls, "far g f int v 2e", 0},
