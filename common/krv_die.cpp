@@ -447,18 +447,19 @@ int krv_get_die_tag(krv_handle_t *hp, krv_die_t *die, krv_tag_t *tagp)
 // client's, who may have changed them since: it ends with the section at the latest.
 static size_t text_length(const krv_handle_t *hp, const char *text, size_t most)
 {
-    const auto end_with = [text, &most](const krv_fd_t *section) {
-        if (krv_fd_is_cb(section))
-            return;
+    bool is_placed = false;
+    const auto end_with = [text, &most, &is_placed](const krv_fd_t *section) {
         const uint64_t offset = reinterpret_cast<uintptr_t>(text) - reinterpret_cast<uintptr_t>(section->sfd_u.buf);
-        if (offset < section->sfd_size && section->sfd_size - offset < most)
+        if (krv_fd_is_cb(section) || offset >= section->sfd_size)
+            return;
+        is_placed = true;
+        if (section->sfd_size - offset < most)
             most = section->sfd_size - offset;
     };
     end_with(&hp->sh_sec[KRV_SEC_INFO]);
     end_with(&hp->sh_sec[KRV_SEC_STR]);
-    if (hp->sh_ext != 0)
-        for (const krv_fd_t &section : hp->sh_ext_sec)
-            end_with(&section);
+    for (unsigned i = 0; !is_placed && hp->sh_ext != 0 && i < KRV_EXT_SECTIONS; ++i)
+        end_with(&hp->sh_ext_sec[i]);
     return strnlen(text, most);
 }
 

@@ -261,8 +261,9 @@ static void prefetch_unit(const krv_fd_t *fdp, uint64_t offset)
 
 // Reads header and first entry through a cursor of the section, and keeps them. NULL: messages pushed, and dcu_kind is 0
 // unless it is the entry that cannot be read. `peek`: what the cursor reads by, if so.
-static krv_ctu_t *read_unit(krv_handle_t *hp, krv_fd_t *fdp, krv_secidx_t sec, uint64_t offset, const krv_ctu_t *before,
-                            krv_peek_t *peek, krv_ctu_t *cu)
+[[gnu::always_inline]] static inline krv_ctu_t *read_unit(krv_handle_t *hp, krv_fd_t *fdp, krv_secidx_t sec,
+                                                          uint64_t offset, const krv_ctu_t *before, krv_peek_t *peek,
+                                                          krv_ctu_t *cu)
 {
     if (!read_told_header(hp, fdp, cu, sec, offset)) {
         cu->dcu_size = 0;
@@ -281,6 +282,18 @@ static krv_ctu_t *read_unit(krv_handle_t *hp, krv_fd_t *fdp, krv_secidx_t sec, u
     return kept;
 }
 
+// NULL: it is read from memory. Messages then stand there, too.
+[[gnu::noinline]] static krv_ctu_t *read_unit_by_peek(krv_handle_t *hp, krv_secidx_t sec, uint64_t offset,
+                                                      const krv_ctu_t *before, krv_peek_t *peek)
+{
+    krv_ctu_t cu;
+    krv_fd_t fd = krv_peek_at(hp, offset, peek);
+    krv_error_of(hp)->is_quiet = true;
+    krv_ctu_t *kept = read_unit(hp, &fd, sec, offset, before, peek, &cu);
+    krv_error_of(hp)->is_quiet = false;
+    return kept;
+}
+
 krv_ctu_t *krv_cu_alloc(krv_handle_t *hp, krv_secidx_t sec, uint64_t offset, const krv_ctu_t *before, krv_peek_t *peek)
 {
     KRV_ASSERT(hp != NULL);
@@ -288,12 +301,8 @@ krv_ctu_t *krv_cu_alloc(krv_handle_t *hp, krv_secidx_t sec, uint64_t offset, con
         return nullptr;
     krv_ctu_t cu;
     krv_ctu_t *kept = nullptr;
-    if (peek != nullptr && krv_peek_is_due(hp, sec, before == nullptr ? UINT64_MAX : before->dcu_size)) {
-        krv_fd_t fd = krv_peek_at(hp, offset, peek);
-        krv_error_of(hp)->is_quiet = true;
-        kept = read_unit(hp, &fd, sec, offset, before, peek, &cu);
-        krv_error_of(hp)->is_quiet = false;
-    }
+    if (peek != nullptr && krv_peek_is_due(hp, sec, before == nullptr ? UINT64_MAX : before->dcu_size))
+        kept = read_unit_by_peek(hp, sec, offset, before, peek);
     if (kept == nullptr)
         kept = read_unit(hp, krv_position(hp, sec), sec, offset, before, nullptr, &cu);
     if (kept == nullptr && cu.dcu_size != 0 && hp->sh_ext != 0 && may_step_over(hp, &cu))
