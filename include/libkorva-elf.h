@@ -18,7 +18,8 @@
  *  5. Files are mapped, not read: nothing may write to a file while it is open here. One that is replaced by renaming, as
  *     linkers and package managers do, stays what it was. One that becomes shorter makes the system send SIGBUS to who
  *     reads what is no longer there, which ends a program that does not handle it; with korva_elf_handle_bus_error it
- *     goes on.
+ *     goes on. Descriptors are closed at once, but for 16 files of a process at most, of those with much debugging
+ *     information, while half of what the process may open is left; these are closed with the file, and on exec.
  */
 #ifndef LIBKORVA_ELF_H
 #define LIBKORVA_ELF_H
