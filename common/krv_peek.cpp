@@ -93,7 +93,7 @@ static bool take_text(krv_peeked_text_t *text, const char *at, size_t count)
 static bool read_text(krv_handle_t *hp, krv_peeked_text_t *text, const char *at, const krv_string_place_t &place,
                       krv_view_t begun)
 {
-    const auto fitting = [text](uint64_t count) { return std::min(count, uint64_t{sizeof(text->pt_bytes)}); };
+    const auto fitting = [](uint64_t count) { return std::min(count, uint64_t{sizeof(krv_peeked_text_t::pt_bytes)}); };
     if (begun.size != 0)
         std::memcpy(text->pt_bytes, begun.bytes, fitting(begun.size));
     if (take_text(text, at, fitting(begun.size)))

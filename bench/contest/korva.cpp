@@ -8,6 +8,7 @@
 #include <atomic>
 #include <functional>
 #include <iterator>
+#include <malloc.h>
 #include <thread>
 #include <vector>
 
@@ -221,6 +222,7 @@ private:
 
 static void find_by_threads(run *r, krv_handle_t *hp)
 {
+    mallopt(M_TOP_PAD, 32 << 20); // as docs/threads.md says
     workers all(r->job == 'T');
     const uint64_t started = now();
     std::vector<krv_ctu_t *> units;
