@@ -92,7 +92,7 @@ KORVA_API int korva_handle_set_opt(krv_handle_t *hp, krv_opt_idx_t opt, ...);
  * Attaches the bytes of a section, @p size of them, as a buffer or a read call-back (see krv_fd_type_t for the
  * further arguments). Attaching again replaces the cursor; caches already built from the earlier bytes stay, so
  * attach before the first query. The earlier buffer is needed until the call returns, and then no more. A NULL buffer is
- * the caller's error and is not detected.
+ * the caller's error and is not detected. Of a mapped file, korva_attach_section_reader spares pages that are needed for little.
  *
  * Errors: KRV_ERR_INVALID (a section index out of range, size 0, an unknown @p type, a NULL call-back), KRV_ERR_NOMEM
  * (what units have of the earlier bytes could not be kept). Either leaves the section as it was.
