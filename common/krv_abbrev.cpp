@@ -560,7 +560,7 @@ static bool check_abbrevs(const uint8_t **where, const uint8_t *end, uint64_t co
     return found;
 }
 
-constexpr krv_offset_t NONE = UINT64_MAX; // sh_abbrev_checked: no sound table
+constexpr krv_offset_t NONE = UINT64_MAX; // of checks: no sound table
 
 // As written, what an entry does not need may be damaged, and units are read in any order. Many that share a table, or name
 // tails of one, have it parsed in the end.
@@ -568,12 +568,12 @@ static bool find_in_table(krv_handle_t *hp, krv_offset_t offset, uint64_t code, 
 {
     constexpr uint64_t MOST_READINGS = 2; // of a byte, on the average
     const krv_fd_t *fdp = &hp->sh_sec[KRV_SEC_ABBREV];
-    if (hp->sh_abbrev_scanned / MOST_READINGS > fdp->sfd_size)
+    if (hp->sh_abbrev_checks.scanned / MOST_READINGS > fdp->sfd_size)
         return false;
     const uint8_t *const begin = fdp->sfd_u.buf + offset, *at = begin;
     const bool found = check_abbrevs<extended_forms>(&at, fdp->sfd_u.buf + fdp->sfd_size, code, true, single);
     if (code != 1 || !found)
-        hp->sh_abbrev_scanned += static_cast<uint64_t>(at - begin);
+        hp->sh_abbrev_checks.scanned += static_cast<uint64_t>(at - begin);
     return found;
 }
 
@@ -586,15 +586,15 @@ bool krv_abbrev_check_table(krv_handle_t *hp, krv_offset_t offset, uint64_t code
         return find_in_table(hp, offset, code, single);
     // Units stand in the order of their tables, or share one. No byte is checked again: neither of a sound table, whose
     // first abbreviation alone is read for further units, nor of one that failed, of which tails may be named.
-    const bool again = hp->sh_abbrev_checked_end != 0 && offset == hp->sh_abbrev_checked;
-    if (again ? code != 1 : offset < hp->sh_abbrev_checked_end)
+    const bool again = hp->sh_abbrev_checks.end != 0 && offset == hp->sh_abbrev_checks.table;
+    if (again ? code != 1 : offset < hp->sh_abbrev_checks.end)
         return false;
     const uint8_t *at = fdp->sfd_u.buf + offset;
     const auto check = hp->sh_ext == 0 ? check_abbrevs<base_forms> : check_abbrevs<extended_forms>;
     const bool found = check(&at, fdp->sfd_u.buf + fdp->sfd_size, code, again, single);
     if (!again) {
-        hp->sh_abbrev_checked = found ? offset : NONE;
-        hp->sh_abbrev_checked_end = static_cast<uint64_t>(at - fdp->sfd_u.buf);
+        hp->sh_abbrev_checks.table = found ? offset : NONE;
+        hp->sh_abbrev_checks.end = static_cast<uint64_t>(at - fdp->sfd_u.buf);
     }
     return found;
 }
@@ -733,10 +733,10 @@ static void forget_same(krv_handle_t *hp)
 
 int krv_abbrev_forget_checks(krv_handle_t *hp)
 {
-    if (hp->sh_abbrev_checked_end != 0 && hp->sh_abbrev_checked != NONE &&
-        krv_get_au_by_offset(hp, hp->sh_abbrev_checked) == nullptr && krv_ran_out(hp))
+    if (hp->sh_abbrev_checks.end != 0 && hp->sh_abbrev_checks.table != NONE &&
+        krv_get_au_by_offset(hp, hp->sh_abbrev_checks.table) == nullptr && krv_ran_out(hp))
         return -1;
-    hp->sh_abbrev_checked_end = 0;
+    hp->sh_abbrev_checks.end = 0;
     forget_same(hp);
     return 0;
 }

@@ -343,8 +343,8 @@ static bool take_attributes(krv_handle_t *hp, const krv_abbrev_t *abbrev, uint64
         krv_abbrev_t *abbrev;
         if (single != nullptr && krv_abbrev_check_table(hp, cu->dcu_debug_abbrev_offset, code, single)) {
             abbrev = &single->ssa_abbrev;
-        } else if (krv_peek_of(fdp) !=
-                   nullptr) { // what is told of a table is told once, and not while messages are dropped
+        } else if (krv_peek_of(fdp) != nullptr) {
+            // Reading a table tells what is wrong with it once, which is not to happen while messages are dropped.
             return nullptr;
         } else {
             krv_au_t *au = krv_cu_abbrevs(hp, cu);

@@ -23,7 +23,7 @@ static bool has_read(krv_handle_t *hp)
 {
     return krv_load(&hp->sh_cu_table) != nullptr || krv_load(&hp->sh_auphash) != nullptr ||
            krv_load(&hp->sh_line_headers) != nullptr || krv_load(&hp->sh_frame_reader) != nullptr ||
-           krv_load(&hp->sh_init_flags) != 0 || krv_load(&hp->sh_sets) != nullptr || hp->sh_abbrev_checked_end != 0;
+           krv_load(&hp->sh_init_flags) != 0 || krv_load(&hp->sh_sets) != nullptr || hp->sh_abbrev_checks.end != 0;
 }
 
 static int too_late(krv_handle_t *hp, const char *what)

@@ -80,17 +80,14 @@ inline krv_bulk krv_read_bulk(const krv_fd_t *fdp, void *buf, size_t size, uint6
     return krv_read_bulk_again(fdp, buf, size, offset);
 }
 
-struct krv_peek_t;
-
 // Reads ahead over a call-back cursor, so that a record is one call and not one a field. What the window does not hold
 // is read through the call-back behind it, as if there were no window.
 struct krv_window_t {
     krv_fd_cb_f *sw_func; // the call-back behind it
     void *sw_arg;
-    uint64_t sw_offset = 0;        // of the first byte that is held
-    uint64_t sw_size = 0;          // bytes held
-    bool sw_lost = false;          // the next read fails, as reading ahead has
-    krv_peek_t *sw_peek = nullptr; // of krv_peek_at
+    uint64_t sw_offset = 0; // of the first byte that is held
+    uint64_t sw_size = 0;   // bytes held
+    bool sw_lost = false;   // the next read fails, as reading ahead has
     uint8_t sw_bytes[256];
 };
 krv_fd_cb_f krv_window_read; // its argument is the window

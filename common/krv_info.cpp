@@ -72,6 +72,7 @@ static bool read_header(krv_handle_t *hp, krv_fd_t *fdp, krv_ctu_t *cu, krv_seci
     return true;
 }
 
+// The same, with the message of what was read for.
 static bool read_told_header(krv_handle_t *hp, krv_fd_t *fdp, krv_ctu_t *cu, krv_secidx_t sec, uint64_t offset)
 {
     if (read_header(hp, fdp, cu, sec, offset))
@@ -108,6 +109,7 @@ struct unit_name {
         is_copied; // line-number headers keep the pointer, also when the section is replaced; else only where it is cut
     const char *text = nullptr;
     size_t length = 0;
+    bool is_peeked = false; // the text is the peek's
     char *shared = nullptr; // the same text, as the unit before keeps it
 
     bool has_copy() const { return text != nullptr && shared == nullptr && (is_copied || is_cut()); }
@@ -117,17 +119,23 @@ struct unit_name {
 
 } // namespace
 
-// False: it is no string.
-static bool find_name(krv_handle_t *hp, krv_die_t *die, krv_attribute_t attr, const krv_peek_t *peek,
-                      const char *before, unit_name *name)
+// False: it is no string. One that was read by a peek is copied.
+static bool find_name(krv_handle_t *hp, krv_die_t *die, krv_attribute_t attr, const krv_peek_t *peek, unit_name *name)
 {
     name->text = krv_find_die_string(hp, die, attr, KRV_STRING_BUFSZ, &name->length, peek);
     if (name->text == nullptr)
         return name->length != KRV_NO_STRING;
-    if (before != nullptr && name->has_copy() && std::strncmp(before, name->text, name->length) == 0 &&
-        before[name->length] == '\0')
-        name->shared = const_cast<char *>(before);
+    name->is_peeked = peek != nullptr && krv_peek_has(peek, name->text);
+    name->is_copied = name->is_copied || name->is_peeked;
     return true;
+}
+
+// `its`: a copy that the unit before has, or NULL.
+static void share_name(unit_name *name, char *its)
+{
+    if (its != nullptr && name->has_copy() && std::strncmp(its, name->text, name->length) == 0 &&
+        its[name->length] == '\0')
+        name->shared = its;
 }
 
 // The text itself, since the entry lives as long as the unit, or a copy where there is room for it. Returns what is
@@ -163,15 +171,19 @@ static krv_abbrev_t *copy_abbrev(const krv_abbrev_t *abbrev, krv_abbrev_t *to)
 }
 
 // The unit in an allocation of its own, with names that are copied and, when it is *single, the abbreviation of its first
-// entry; or NULL. Takes over the entry when it succeeds. One that was met by a peek has copies of both names.
+// entry; or NULL. Takes over the entry when it succeeds.
 static krv_ctu_t *keep_unit(krv_handle_t *hp, const krv_ctu_t *cu, const krv_single_abbrev_t *single,
                             const krv_ctu_t *before, const krv_peek_t *peek)
 {
     krv_die_t *die = cu->dcu_compile_unit;
-    unit_name comp_dir{.is_copied = true}, name{.is_copied = peek != nullptr};
-    if (!find_name(hp, die, DW_AT_comp_dir, peek, before == nullptr ? nullptr : before->dcu_comp_dir, &comp_dir) ||
-        !find_name(hp, die, DW_AT_name, peek, before == nullptr ? nullptr : before->dcu_name, &name))
+    unit_name comp_dir{.is_copied = true}, name{.is_copied = false};
+    if (!find_name(hp, die, DW_AT_comp_dir, peek, &comp_dir) || !find_name(hp, die, DW_AT_name, peek, &name))
         return nullptr;
+    if (before != nullptr) {
+        share_name(&comp_dir, before->dcu_comp_dir);
+        if (!name.is_peeked || (before->dcu_flags & KRV_CU_FLAG_COPIES) != 0) // else its name may be no copy
+            share_name(&name, before->dcu_name);
+    }
     const bool by_itself = die->dwdie_abbrev_cache == &single->ssa_abbrev;
     const size_t abbrev_size = by_itself ? copied_abbrev_size(&single->ssa_abbrev) : 0;
     auto *kept = static_cast<krv_ctu_t *>(krv_alloc(hp, sizeof(*cu) + abbrev_size + comp_dir.size() + name.size()));
@@ -182,9 +194,9 @@ static krv_ctu_t *keep_unit(krv_handle_t *hp, const krv_ctu_t *cu, const krv_sin
         die->dwdie_abbrev_cache = copy_abbrev(&single->ssa_abbrev, reinterpret_cast<krv_abbrev_t *>(kept + 1));
     char *names = reinterpret_cast<char *>(kept + 1) + abbrev_size;
     keep_name(&name, keep_name(&comp_dir, names, &kept->dcu_comp_dir), &kept->dcu_name);
-    if (peek != nullptr && !comp_dir.is_cut() && !name.is_cut())
+    if (name.is_peeked && !comp_dir.is_cut())
         kept->dcu_flags |= KRV_CU_FLAG_COPIES;
-    die->dwdie_copied += comp_dir.size() + (name.is_cut() ? name.size() : 0); // others are short, and their units large
+    die->dwdie_copied += comp_dir.size() + (name.is_peeked ? 0 : name.size()); // which is shorter than the record
     die->dwdie_parent_cu = kept;
     return kept;
 }
@@ -259,8 +271,8 @@ static void prefetch_unit(const krv_fd_t *fdp, uint64_t offset)
         __builtin_prefetch(fdp->sfd_u.buf + at);
 }
 
-// Reads header and first entry through a cursor of the section, and keeps them. NULL: messages pushed, and dcu_kind is 0
-// unless it is the entry that cannot be read. `peek`: what the cursor reads by, if so.
+// Reads header and first entry through a cursor of the section, and keeps them. NULL: messages pushed; dcu_size is 0 where it is
+// the header that cannot be read. `peek`: what the cursor reads by, if so.
 [[gnu::always_inline]] static inline krv_ctu_t *read_unit(krv_handle_t *hp, krv_fd_t *fdp, krv_secidx_t sec,
                                                           uint64_t offset, const krv_ctu_t *before, krv_peek_t *peek,
                                                           krv_ctu_t *cu)
@@ -282,15 +294,18 @@ static void prefetch_unit(const krv_fd_t *fdp, uint64_t offset)
     return kept;
 }
 
-// NULL: it is read from memory. Messages then stand there, too.
+// NULL: it is read from memory, as if nothing had been tried.
 [[gnu::noinline]] static krv_ctu_t *read_unit_by_peek(krv_handle_t *hp, krv_secidx_t sec, uint64_t offset,
                                                       const krv_ctu_t *before, krv_peek_t *peek)
 {
     krv_ctu_t cu;
+    const krv_abbrev_checks_t checks = hp->sh_abbrev_checks;
     krv_fd_t fd = krv_peek_at(hp, offset, peek);
-    krv_error_of(hp)->is_quiet = true;
+    hp->sh_is_quiet = true;
     krv_ctu_t *kept = read_unit(hp, &fd, sec, offset, before, peek, &cu);
-    krv_error_of(hp)->is_quiet = false;
+    hp->sh_is_quiet = false;
+    if (kept == nullptr)
+        hp->sh_abbrev_checks = checks;
     return kept;
 }
 

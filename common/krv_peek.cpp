@@ -6,6 +6,8 @@
 
 #include <algorithm>
 #include <cstring>
+#include <iterator>
+#include <utility>
 
 constexpr uint64_t LARGE_UNIT = 16 << 10;
 
@@ -17,37 +19,40 @@ static krv_section_reader *reader_of(krv_handle_t *hp, krv_secidx_t sec)
 }
 
 // The client's call may query the handle, of which messages are told as ever.
-static bool read(krv_handle_t *hp, krv_secidx_t sec, void *buf, size_t count, uint64_t offset)
+static bool call_reader(krv_handle_t *hp, krv_secidx_t sec, void *buf, size_t count, uint64_t offset)
 {
     const krv_section_reader *const reader = reader_of(hp, sec);
     if (reader->func == nullptr)
         return false;
-    krv_relaxed<bool> &is_quiet = krv_error_of(hp)->is_quiet;
-    const bool was_quiet = is_quiet;
-    is_quiet = false;
+    const bool was_quiet = std::exchange(hp->sh_is_quiet, false);
     const int64_t got = reader->func(reader->arg, buf, count, offset);
-    is_quiet = was_quiet;
+    hp->sh_is_quiet = was_quiet;
     return got == static_cast<int64_t>(count);
 }
 
-static int64_t read_info(void *arg, void *buf, size_t count, uint64_t offset)
+int64_t krv_peek_read(void *arg, void *buf, size_t count, uint64_t offset)
 {
-    return read(static_cast<krv_handle_t *>(arg), KRV_SEC_INFO, buf, count, offset) ? static_cast<int64_t>(count) : -1;
+    return call_reader(static_cast<krv_handle_t *>(arg), KRV_SEC_INFO, buf, count, offset) ? static_cast<int64_t>(count)
+                                                                                           : -1;
 }
 
 bool krv_peek_is_due(krv_handle_t *hp, krv_secidx_t sec, uint64_t size_before)
 {
-    return size_before >= LARGE_UNIT && sec == KRV_SEC_INFO && reader_of(hp, sec)->func != nullptr;
+    if (size_before < LARGE_UNIT || sec != KRV_SEC_INFO || reader_of(hp, sec)->func == nullptr)
+        return false;
+    constexpr int others[] = {KRV_SEC_STR, KRV_SEC_EXT_LINE_STR, KRV_SEC_EXT_ALT_STR, KRV_SEC_EXT_STR_OFFSETS,
+                              KRV_SEC_EXT_ADDR};
+    return std::none_of(std::begin(others), std::end(others),
+                        [hp](krv_secidx_t other) { return krv_fd_is_cb(krv_section(hp, other)); });
 }
 
 krv_fd_t krv_peek_at(krv_handle_t *hp, uint64_t offset, krv_peek_t *peek)
 {
     krv_fd_t behind;
-    krv_fd_attach_cb(hp, &behind, krv_section(hp, KRV_SEC_INFO)->sfd_size, read_info, hp);
-    krv_fd_t fd = krv_fd_windowed(&behind, &peek->window);
-    peek->window.sw_peek = peek;
+    krv_fd_attach_cb(hp, &behind, krv_section(hp, KRV_SEC_INFO)->sfd_size, krv_peek_read, hp);
+    krv_fd_t fd = krv_fd_windowed(&behind, peek);
     if (krv_fd_seek(&fd, offset) == 0)
-        krv_fd_read_ahead(&fd, sizeof(peek->window.sw_bytes));
+        krv_fd_read_ahead(&fd, sizeof(peek->sw_bytes));
     return fd;
 }
 
@@ -99,7 +104,8 @@ static bool read_text(krv_handle_t *hp, krv_peeked_text_t *text, const char *at,
     if (take_text(text, at, fitting(begun.size)))
         return true;
     const auto count = static_cast<size_t>(fitting(krv_section(hp, place.section)->sfd_size - place.offset));
-    return count != 0 && read(hp, place.section, text->pt_bytes, count, place.offset) && take_text(text, at, count);
+    return count != 0 && call_reader(hp, place.section, text->pt_bytes, count, place.offset) &&
+           take_text(text, at, count);
 }
 
 krv_datum_t krv_peek_string(krv_peek_t *peek, const krv_fd_t *fdp, krv_form_t form, const krv_encoding_t &encoding)
@@ -114,6 +120,8 @@ krv_datum_t krv_peek_string(krv_peek_t *peek, const krv_fd_t *fdp, krv_form_t fo
     const char *const chars = reinterpret_cast<const char *>(at);
     krv_peeked_text_t *const text = text_for(peek, chars);
     krv_datum_t datum;
+    if (text->pt_length >= section->sfd_size - place.offset) // sections of a file may overlap: it is known from another
+        text->pt_at = nullptr;
     if (text->pt_at != nullptr || read_text(hp, text, chars, place, is_inline ? krv_fd_view(fdp) : krv_view_t{}))
         datum = {at, text->pt_length + 1, text->pt_length + 1};
     else

@@ -50,6 +50,13 @@ struct krv_code_range_t {
     uint64_t start, end;
 };
 
+// What krv_abbrev_check_table has read.
+struct krv_abbrev_checks_t {
+    krv_offset_t table; // the one that was found sound last
+    krv_offset_t end;   // what was read lies before this; 0: nothing yet
+    uint64_t scanned;   // bytes, where input is read as written
+};
+
 // The call that reads a section which is in memory.
 struct krv_section_reader {
     krv_fd_cb_f *func; // NULL: there is none
@@ -61,7 +68,6 @@ struct krv_error_state {
     krv_relaxed<int32_t> code;   // KRV_ERR_*
     krv_relaxed<uint32_t> count; // messages stored since the last clear
     char *texts[KRV_MAX_ERRORS]; // their texts, cause first
-    krv_relaxed<bool> is_quiet;  // messages are dropped: what fails is tried in another way
 };
 
 struct krv_handle {
@@ -75,6 +81,7 @@ struct krv_handle {
     uint32_t sh_init_flags;          // KRV_INIT_*
     krv_activation_type_t sh_target; // the machine whose code and registers are read
     uint32_t sh_target_size;         // bytes of a target address
+    bool sh_is_quiet;                // messages of sh_builder are dropped: what fails is tried in another way
     krv_error_state sh_error;        // of all threads
     krv_threads *sh_threads;         // owned: what each thread has of its own instead; NULL unless asked for
     krv_fd_t sh_sec[KRV_MAX_SEC];    // one cursor a section; size 0 when not attached
@@ -91,15 +98,13 @@ struct krv_handle {
     krv_hash *sh_au_same;            // those that others may share, by a digest of their bytes, likewise
     krv_relaxed<uint64_t> sh_abbrev_compared; // bytes that were read to find these
     krv_relaxed<uint64_t> sh_abbrev_bytes;    // of .debug_abbrev in the tables of sh_auphash
-    krv_offset_t sh_abbrev_checked;           // where the table begins that krv_abbrev_check_table has found sound last
-    krv_offset_t sh_abbrev_checked_end;       // what it has read lies before this; 0: nothing yet
-    uint64_t sh_abbrev_scanned;               // bytes that it has read where input is read as written
-    krv_hash *sh_line_headers;                // what units share of .debug_line, built on first use
+    krv_abbrev_checks_t sh_abbrev_checks;
+    krv_hash *sh_line_headers;             // what units share of .debug_line, built on first use
     krv_line_draft *sh_line_draft;         // owned: tables for the rows of the next program, while no program has them
     krv_relaxed<uint64_t> sh_line_bytes;   // of memory in line headers, files and matrices
     uint32_t sh_ext;                       // KRV_EXT_*, fixed before the first query
     krv_fd_t sh_ext_sec[KRV_EXT_SECTIONS]; // one cursor a section of extensions
-    krv_section_reader sh_readers[KRV_MAX_SEC + KRV_EXT_SECTIONS]; // of both
+    krv_section_reader sh_readers[KRV_MAX_SEC + KRV_EXT_SECTIONS]; // of sh_sec, then of sh_ext_sec
     krv_sets *sh_sets;                    // what .debug_aranges says, as written; built on first use, published last
     krv_addr_index *sh_addr_sets;         // units that it names by address, published by compare-and-swap
     krv_relaxed<uint64_t> sh_ranges_read; // bytes of range lists that were read for units

@@ -19,7 +19,9 @@
  *     linkers and package managers do, stays what it was. One that becomes shorter makes the system send SIGBUS to who
  *     reads what is no longer there, which ends a program that does not handle it; with korva_elf_handle_bus_error it
  *     goes on. Descriptors are closed at once, but for 16 files of a process at most, of those with much debugging
- *     information, while half of what the process may open is left; these are closed with the file, and on exec.
+ *     information, while half of what the process may open is left, and without KRV_ELF_F_NO_DESCRIPTOR; what stands far
+ *     apart in these is read by pread. They are closed with the file, and on exec. One that the client closes is not used again, nor
+ *     closed, even where another file has its number.
  */
 #ifndef LIBKORVA_ELF_H
 #define LIBKORVA_ELF_H
@@ -60,7 +62,9 @@ enum {
      * ask the servers that DEBUGINFOD_URLS in the environment names for what is not found here: krv_elf_search_t tells more.
      * Without it nothing is ever asked of a network.
      */
-    KRV_ELF_F_DEBUGINFOD = 4
+    KRV_ELF_F_DEBUGINFOD = 4,
+    /** keep no descriptor of the file: once it is open, nothing is asked of the system but memory */
+    KRV_ELF_F_NO_DESCRIPTOR = 8
 };
 
 /** What a server is doing, as krv_elf_fetch_f sees it. Valid during the call. */

@@ -110,6 +110,8 @@ file_mapping::file_mapping(const std::string &path, bool keeps_descriptor)
         munmap(image, size);
         throw;
     }
+    device = st.st_dev;
+    inode = st.st_ino;
     if (keeps_descriptor && take_descriptor(file.fd))
         fd = std::exchange(file.fd, -1);
 }
@@ -127,6 +129,13 @@ bool file_mapping::holds(byte_span part) const
     return part.data() >= all.data() && part.data() + part.size() <= all.data() + all.size();
 }
 
+// Programs close all descriptors that they do not know, and open other files.
+bool file_mapping::has_descriptor() const
+{
+    struct stat st = {};
+    return fd >= 0 && fstat(fd, &st) == 0 && st.st_dev == device && st.st_ino == inode;
+}
+
 bool file_mapping::can_read(byte_span part) const
 {
     return fd >= 0 && holds(part);
@@ -134,14 +143,16 @@ bool file_mapping::can_read(byte_span part) const
 
 bool file_mapping::read(const uint8_t *from, void *to, size_t count) const
 {
-    return fd >= 0 && pread(fd, to, count, from - all.data()) == static_cast<ssize_t>(count);
+    return has_descriptor() && pread(fd, to, count, from - all.data()) == static_cast<ssize_t>(count);
 }
 
 void file_mapping::close_descriptor()
 {
     if (fd < 0)
         return;
-    close(std::exchange(fd, -1));
+    if (has_descriptor())
+        close(fd);
+    fd = -1;
     kept_descriptors.fetch_sub(1);
 }
 

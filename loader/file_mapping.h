@@ -8,6 +8,7 @@
 #include "bytes.h"
 
 #include <string>
+#include <sys/types.h>
 
 namespace krv_elf_loader
 {
@@ -45,8 +46,11 @@ private:
     static place *take_place(byte_span mapped);
 
     bool holds(byte_span part) const;
+    bool has_descriptor() const;
 
     int fd = -1;
+    dev_t device = 0; // of the file that fd is of, unless the client has closed that
+    ino_t inode = 0;
     byte_span all;
     place *registered; // where replace_missing finds the mapping
 };

@@ -203,8 +203,7 @@ private:
             return verdict::unusable;
         }
         try {
-            const bool any_inflation = (where.flags & KRV_ELF_F_INFLATE_ANY) != 0;
-            auto file = std::make_unique<elf_file>(path.string(), any_inflation);
+            auto file = std::make_unique<elf_file>(path.string(), where.flags);
             const bool is_other = own != nullptr && file->machine() != own->machine();
             const std::string why = is_other ? "it is of another machine" : reason(*file);
             if (!why.empty())

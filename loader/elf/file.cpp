@@ -77,17 +77,17 @@ byte_span elf_file::extent(uint64_t offset, uint64_t size) const
     return image().subspan(offset, size);
 }
 
-file_mapping elf_file::map(const std::string &path)
+file_mapping elf_file::map(const std::string &path, unsigned int flags)
 {
     try {
-        return file_mapping(path, true);
+        return file_mapping(path, (flags & KRV_ELF_F_NO_DESCRIPTOR) == 0);
     } catch (const failure &f) {
         throw failure(f.code, path + ": " + f.what());
     }
 }
 
-elf_file::elf_file(const std::string &path, bool any_inflation)
-    : file_path(path), mapping(map(path)), inflates_any(any_inflation)
+elf_file::elf_file(const std::string &path, unsigned int flags)
+    : file_path(path), mapping(map(path, flags)), inflates_any((flags & KRV_ELF_F_INFLATE_ANY) != 0)
 {
     try {
         elf_version(EV_CURRENT);

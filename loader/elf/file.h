@@ -53,8 +53,8 @@ struct raw_section {
 class elf_file
 {
 public:
-    // `any_inflation`: however large its compressed sections claim to be. Throws failure.
-    explicit elf_file(const std::string &path, bool any_inflation = false);
+    // `flags`: KRV_ELF_F_*. Throws failure.
+    explicit elf_file(const std::string &path, unsigned int flags = KRV_ELF_F_NONE);
     ~elf_file();
     elf_file(const elf_file &) = delete;
     elf_file &operator=(const elf_file &) = delete;
@@ -81,7 +81,7 @@ public:
     void check_claim(const raw_section &section) const;
 
 private:
-    static file_mapping map(const std::string &path);
+    static file_mapping map(const std::string &path, unsigned int flags);
     void check_machine();
     void check_section_headers();
     void read_sections();

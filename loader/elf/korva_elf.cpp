@@ -36,8 +36,7 @@ struct handle_deleter {
 // waits for nothing else.
 struct krv_elf {
     krv_elf(const std::string &path, search_settings other_files)
-        : where(std::move(other_files)), file(path, (where.flags & KRV_ELF_F_INFLATE_ANY) != 0),
-          hp(korva_handle_alloc(file.target()))
+        : where(std::move(other_files)), file(path, where.flags), hp(korva_handle_alloc(file.target()))
     {
         if (hp == nullptr)
             throw failure(KRV_ELF_ERR_NOMEM,

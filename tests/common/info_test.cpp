@@ -506,6 +506,24 @@ TEST(Info, UnitsFarApart)
         munmap(memory, size);
 }
 
+// Sections of a file may overlap: a string that one has whole leads out of the other.
+TEST(Info, SectionsThatOverlap)
+{
+    const bytes info = unit{.dies = bytes().u8(1).u32(16).fill(14, 'x')}.build(); // the other string stands at 16, too
+    const std::unique_ptr<uint8_t[]> file = exact_copy(bytes(info).fill(30, 'x').u8(0));
+    handle h;
+    h.attach(KRV_SEC_ABBREV, abbrevs("1 compile_unit name:strp comp_dir:string producer:string"));
+    for (const auto &[sec, size] : {std::pair(KRV_SEC_INFO, info.size()), std::pair(KRV_SEC_STR, info.size() + 31)})
+        korva_attach_section(h, sec, size, KRV_FD_TYPE_MEMORY, file.get());
+    EXPECT_EQ(korva_lookup_ctu_by_start_offset(h, KRV_SEC_INFO, 0), nullptr);
+    const std::string error = h.error();
+    reader source{.contents = bytes(info).fill(30, 'x').u8(0)};
+    for (const krv_secidx_t sec : {KRV_SEC_INFO, KRV_SEC_STR})
+        korva_attach_section_reader(h, sec, reader::read, &source);
+    EXPECT_EQ(korva_lookup_ctu_by_start_offset(h, KRV_SEC_INFO, 0), nullptr);
+    EXPECT_EQ(h.error(), error);
+}
+
 // All units, all their entries, and every message on the way.
 static std::string dump(handle &h)
 {

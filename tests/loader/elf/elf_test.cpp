@@ -7,7 +7,10 @@
 #include "krv_types.h"
 
 #include <csignal>
+#include <fcntl.h>
 #include <random>
+#include <sys/resource.h>
+#include <unistd.h>
 
 using namespace krv_test;
 
@@ -108,6 +111,62 @@ TEST_F(Loader, FileThatShrinks)
     EXPECT_EQ(notes(other.get()), "");
     EXPECT_EQ(korva_elf_handle_bus_error(this), 0);
     sigaction(SIGBUS, &old, nullptr);
+}
+
+// What stands far apart in large files is read by a descriptor, as long as it is the file's, and there are many.
+TEST_F(Loader, DescriptorsOfLargeFiles)
+{
+    const bytes info = unit{.dies = bytes().u8(1).u32(0).fill(300000)}.build();
+    std::ofstream(dir / "s.s") << section(".debug_abbrev", abbrevs("1 compile_unit name:strp"))
+                               << section(".debug_str", bytes().cstr("big.c")) << section(".debug_info", info.first(32))
+                               << ".zero " << info.size() - 32 << "\n.section .note.GNU-stack\n";
+    ASSERT_TRUE(compile("-g0 a.c s.s -o big && cp a.c other"));
+    const auto descriptors = [] {
+        return std::distance(fs::directory_iterator("/proc/self/fd"), fs::directory_iterator());
+    };
+    const auto name_of = [](krv_elf_t *elf) {
+        std::string name;
+        const auto add = [](krv_handle_t *hp, krv_ctu_t *cu, void *arg) {
+            char buf[8] = "";
+            krv_die_t *die;
+            korva_get_cu_cudie(hp, cu, &die);
+            korva_get_die_at_name(hp, die, buf, sizeof(buf));
+            *static_cast<std::string *>(arg) += buf;
+            return 0;
+        };
+        korva_iter_cu(korva_elf_get_handle(elf), KRV_SEC_INFO, add, &name);
+        return name;
+    };
+    const auto before = descriptors();
+    rlimit limit = {};
+    getrlimit(RLIMIT_NOFILE, &limit);
+    const rlimit old = limit;
+    const int next = dup(0);
+    close(next);
+    const rlim_t few = 2 * static_cast<rlim_t>(next);
+    for (const auto &[flags, most, expected] :
+         {std::tuple(KRV_ELF_F_NONE, old.rlim_cur, 16), std::tuple(KRV_ELF_F_NO_DESCRIPTOR, old.rlim_cur, 0),
+          std::tuple(KRV_ELF_F_NONE, few, 0)}) {
+        SCOPED_TRACE(expected);
+        limit.rlim_cur = most;
+        setrlimit(RLIMIT_NOFILE, &limit);
+        std::vector<elf_ptr> files;
+        for (int i = 0; i < 20; ++i) {
+            files.push_back(open("big", flags));
+            EXPECT_EQ(files.back() == nullptr ? "none" : name_of(files.back().get()), "big.c");
+        }
+        setrlimit(RLIMIT_NOFILE, &old);
+        EXPECT_EQ(descriptors() - before, expected);
+    }
+    EXPECT_EQ(descriptors(), before);
+    // A program that closes what it does not know, and opens another file.
+    elf_ptr elf = open("big");
+    close(next);
+    ASSERT_EQ(::open((dir / "other").c_str(), O_RDONLY), next);
+    EXPECT_EQ(name_of(elf.get()), "big.c");
+    elf.reset();
+    EXPECT_EQ(fcntl(next, F_GETFD), 0);
+    close(next);
 }
 
 TEST_F(Loader, RelocatableFiles)

@@ -228,7 +228,7 @@ TEST_F(CoreFile32, WalksEndForTheReasonTheyGive)
               text("%s: cut short: it has %zu of %zu bytes", (dir / "cut").c_str(), whole.size() - 106, whole.size()));
 }
 
-// Files take no descriptors; when there are none left to open one, that is the reason given.
+// What a core file names takes no descriptors; when there are none left to open one, that is the reason given.
 TEST_F(CoreFile32, OfMoreFilesThanDescriptors)
 {
     rlimit limit = {};
