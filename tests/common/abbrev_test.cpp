@@ -151,7 +151,7 @@ TEST(Abbrev, CheckedTables)
         krv_single_abbrev_t single;
         const bool taken = krv_abbrev_check_table(h, row.offset, row.code, &single);
         EXPECT_EQ(taken ? dump(&single.ssa_abbrev) : "", row.outcome == nullptr ? "" : row.outcome) << row.offset;
-        EXPECT_TRUE(h->sh_abbrev_checked_end > row.offset || row.offset == section.size()) << row.offset;
+        EXPECT_TRUE(h->sh_abbrev_checks.end > row.offset || row.offset == section.size()) << row.offset;
     }
 }
 
