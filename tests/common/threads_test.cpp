@@ -25,11 +25,19 @@ static int64_t read_memory(void *arg, void *buf, size_t count, uint64_t offset) 
     return static_cast<int64_t>(count);
 }
 
+static int64_t read_bytes(void *arg, void *buf, size_t count, uint64_t offset)
+{
+    std::memcpy(buf, static_cast<const bytes *>(arg)->data() + offset, count);
+    return static_cast<int64_t>(count);
+}
+
 static void attach(krv_handle_t *hp, session &data)
 {
     data.set_options(hp);
-    for (auto &[sec, contents] : data.sections)
+    for (auto &[sec, contents] : data.sections) {
         korva_attach_section(hp, sec, contents.size(), KRV_FD_TYPE_MEMORY, contents.data());
+        korva_attach_section_reader(hp, sec, read_bytes, &contents);
+    }
     korva_attach_as(hp, read_memory, &data.memory);
 }
 
