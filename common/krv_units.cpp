@@ -41,7 +41,7 @@ struct table_builder {
     uint32_t size = 0, entries = 0;
     krv_hash_t *hash = nullptr;
     krv_kept_t kept = {};
-    krv_peek_t peek;
+    krv_peek_t peek = {};
 
     explicit table_builder(krv_handle_t *handle) : hp(handle) {}
     const krv_ctu_t *last() const { return entries == 0 ? nullptr : units[entries - 1]; }
