@@ -9,7 +9,7 @@
 //     L  every unit's line table, every row read                                       items: rows
 //     A  the addresses to file and line, twice: a cold pass and a warm one             items: addresses
 //     I  the functions and inlined calls at the addresses, with their lines, likewise  items: addresses
-//     B  as A, J  as I, 25,000 and all addresses a call, or else one after another in ascending order
+//     B  as A, J  as I, 50,000 and all addresses a call, or else one after another in ascending order
 //     T  all units prefilled, then as I, by two threads that share what was opened; O  the same by one    items: addresses
 //     F  frame description and unwind row at the addresses                             items: addresses
 //     S  walk of the own stack inside the library FILE, memory read by a call-back     items: frames

@@ -142,7 +142,7 @@ static void ask_together(const run *r, std::vector<uint64_t> *addresses, Ask ask
 
 static void find_together(run *r, uint64_t started, krv_handle_t *hp)
 {
-    constexpr uint64_t ROWS = 25000; // as many answers are kept; of chains none
+    constexpr uint64_t ROWS = 50000; // as many answers are kept; of chains none
     std::vector<uint64_t> addresses(r->job == 'B' ? std::min(ROWS, r->nqueries) : r->nqueries);
     std::vector<krv_row_t> rows(r->job == 'B' ? addresses.size() : 0);
     run_passes(r, started, [&](int) {
