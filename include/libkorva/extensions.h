@@ -109,6 +109,12 @@ KORVA_API int korva_lookup_ext_section_index(const char *name, krv_secidx_t *sec
  * @p arg is needed as long as the section. The call is made by any querying thread, by one at a time, while the handle is locked; it may
  * query, and is refused what the query around it is building. Of the alternate file's strings it is used likewise.
  *
+ *     static int64_t read_section(void *arg, void *buf, size_t count, uint64_t offset)
+ *     {
+ *         const struct place *of = arg; // the file's descriptor, and where the section begins in it
+ *         return pread(of->fd, buf, count, (off_t)(of->start + offset));
+ *     }
+ *
  * Errors: KRV_ERR_INVALID for a section index out of range, or a section that is not attached from memory.
  */
 KORVA_API int korva_attach_section_reader(krv_handle_t *hp, krv_secidx_t sec, krv_fd_cb_f *func, void *arg);
