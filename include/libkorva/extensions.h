@@ -101,13 +101,12 @@ KORVA_API int korva_lookup_ext_section_index(const char *name, krv_secidx_t *sec
 /**
  * Gives a call that reads the bytes of a section which is attached from memory; @p func gets offsets of the section. It is for
  * files that are mapped: a page that is touched first costs microseconds and stays in memory, a pread(2) less than one. Where
- * the handle needs little of much, as of large units headers, first entries, and names,
- * it then reads that by the call, some 256 bytes at once, and touches no page for it. Answers are the same; what the call does
- * not deliver in full is read from memory, and counts twice where there is a budget. It is taken away by a NULL @p func, and by
- * attaching the section again.
+ * the handle needs little of much, as of large units headers, first entries and names, it then reads that by the call, some
+ * 256 bytes at once, and touches no page for it. Answers are the same; what the call does not deliver in full is read from
+ * memory, and counts twice where there is a budget. It is taken away by a NULL @p func, and by attaching the section again.
  *
- * @p arg is needed as long as the section. The call is made by any querying thread, by one at a time, while the handle is locked; it may
- * query, and is refused what the query around it is building. Of the alternate file's strings it is used likewise.
+ * @p arg is needed as long as the section. The call is made by any querying thread, by one at a time, while the handle is
+ * locked; it may query, and is refused what the query around it is building.
  *
  *     static int64_t read_section(void *arg, void *buf, size_t count, uint64_t offset)
  *     {
