@@ -383,7 +383,7 @@ int korva_iter_chains(krv_handle_t *hp, const uint64_t *addrs, size_t count, uns
 // One thread does it: the others go on with their units meanwhile, since all have to be done with before anything is promised.
 static bool prefill_index(krv_handle_t *hp)
 {
-    if (__atomic_exchange_n(&hp->sh_is_indexed, true, __ATOMIC_ACQ_REL))
+    if (krv_load(&hp->sh_is_indexed) || __atomic_exchange_n(&hp->sh_is_indexed, true, __ATOMIC_ACQ_REL))
         return true;
     krv_addr_stretch stretch;
     if (krv_addr_index_find(hp, UINT64_MAX, KRV_LOOKUP_F_NONE, &stretch) != nullptr || is_final(hp))

@@ -93,27 +93,18 @@ struct krv_handle {
     krv_hash *sh_auphash;            // abbreviation tables by .debug_abbrev offset, likewise
     krv_addr_index *sh_addr_known;   // units by address, of those whose ranges need no scan, likewise
     krv_addr_index *sh_addr_all;     // units by address, all of them, likewise
-    bool sh_is_indexed;              // korva_cu_prefill has the index of addresses made, or some thread is about it
-    uint32_t sh_scanned_units;       // units whose ranges a scan has found
     krv_hash *sh_au_same;            // those that others may share, by a digest of their bytes, likewise
-    krv_relaxed<uint64_t> sh_abbrev_compared; // bytes that were read to find these
-    krv_relaxed<uint64_t> sh_abbrev_bytes;    // of .debug_abbrev in the tables of sh_auphash
     krv_abbrev_checks_t sh_abbrev_checks;
     krv_hash *sh_line_headers;             // what units share of .debug_line, built on first use
-    krv_line_draft *sh_line_draft;         // owned: tables for the rows of the next program, while no program has them
-    krv_relaxed<uint64_t> sh_line_bytes;   // of memory in line headers, files and matrices
     uint32_t sh_ext;                       // KRV_EXT_*, fixed before the first query
     krv_fd_t sh_ext_sec[KRV_EXT_SECTIONS]; // one cursor a section of extensions
     krv_section_reader sh_readers[KRV_MAX_SEC + KRV_EXT_SECTIONS]; // of sh_sec, then of sh_ext_sec
-    krv_sets *sh_sets;                    // what .debug_aranges says, as written; built on first use, published last
-    krv_addr_index *sh_addr_sets;         // units that it names by address, published by compare-and-swap
-    krv_relaxed<uint64_t> sh_ranges_read; // bytes of range lists that were read for units
-    krv_relaxed<uint64_t> sh_calls_read;  // and for functions and inlined calls
-    krv_note_f *sh_note_func;             // NULL: nobody wants to know
+    krv_sets *sh_sets;            // what .debug_aranges says, as written; built on first use, published last
+    krv_addr_index *sh_addr_sets; // units that it names by address, published by compare-and-swap
+    krv_note_f *sh_note_func;     // NULL: nobody wants to know
     void *sh_note_arg;
     krv_relaxed<bool> sh_is_spent; // the budget is used up, until a bound is set again
     krv_budget *sh_budget;         // owned: what queries may cost; NULL: anything
-    krv_calls *sh_calls;           // owned: those of all units, in no order
     krv_side_units *sh_alternate;  // owned: units of the alternate file; built on first use, published last
     krv_side_units *sh_type_units; // owned: those of .debug_types, likewise
     krv_signatures *sh_signatures; // owned: types by signature, likewise
@@ -124,6 +115,18 @@ struct krv_handle {
     uint32_t sh_code_size;
     uint32_t sh_code_entries;
     krv_rwlock_t sh_error_lock; // texts of the messages while they are stored; the last lock to be taken
+
+    // What queries write. Threads would wait for what they only read in the same cache line.
+    uint8_t sh_apart[64];
+    bool sh_is_indexed;        // korva_cu_prefill has the index of addresses made, or some thread is about it
+    uint32_t sh_scanned_units; // units whose ranges a scan has found
+    krv_relaxed<uint64_t> sh_abbrev_compared; // bytes that were read to find tables for sh_au_same
+    krv_relaxed<uint64_t> sh_abbrev_bytes;    // of .debug_abbrev in the tables of sh_auphash
+    krv_line_draft *sh_line_draft;        // owned: tables for the rows of the next program, while no program has them
+    krv_relaxed<uint64_t> sh_line_bytes;  // of memory in line headers, files and matrices
+    krv_relaxed<uint64_t> sh_ranges_read; // bytes of range lists that were read for units
+    krv_relaxed<uint64_t> sh_calls_read;  // and for functions and inlined calls
+    krv_calls *sh_calls;                  // owned: those of all units, in no order
 };
 
 // The cursor of a section, one of extensions included.
