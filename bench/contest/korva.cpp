@@ -9,6 +9,8 @@
 #include <functional>
 #include <iterator>
 #include <malloc.h>
+#include <pthread.h>
+#include <sched.h>
 #include <thread>
 #include <vector>
 
@@ -174,9 +176,11 @@ class workers
 public:
     explicit workers(bool has_two)
     {
-        if (has_two)
-            other = std::thread([this] { work(); });
-        while (has_two && !is_awake.load()) {
+        if (!has_two)
+            return;
+        other = std::thread([this] { work(); });
+        give_processors();
+        while (!is_awake.load()) {
         }
     }
     ~workers()
@@ -201,6 +205,23 @@ public:
     }
 
 private:
+    // One for each, where there are two: the system may take as long as the job to part them.
+    void give_processors()
+    {
+        cpu_set_t all;
+        if (sched_getaffinity(0, sizeof(all), &all) != 0 || CPU_COUNT(&all) < 2)
+            return;
+        int cpu = -1;
+        for (const pthread_t thread : {pthread_self(), other.native_handle()}) {
+            while (!CPU_ISSET(++cpu, &all)) {
+            }
+            cpu_set_t one;
+            CPU_ZERO(&one);
+            CPU_SET(cpu, &one);
+            pthread_setaffinity_np(thread, sizeof(one), &one);
+        }
+    }
+
     void work()
     {
         is_awake = true;
