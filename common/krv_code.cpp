@@ -278,8 +278,7 @@ krv_datum_t krv_string_in_view(krv_view_t view)
     return {view.bytes, size, size};
 }
 
-static inline bool find_string(const krv_fd_t *fdp, krv_form_t form, const krv_encoding_t &encoding,
-                               krv_string_place_t *place)
+bool krv_find_string(const krv_fd_t *fdp, krv_form_t form, const krv_encoding_t &encoding, krv_string_place_t *place)
 {
     place->section = KRV_SEC_STR;
     if (form != DW_FORM_strp) {
@@ -298,17 +297,12 @@ static inline bool find_string(const krv_fd_t *fdp, krv_form_t form, const krv_e
     return place->offset <= str.sfd_size;
 }
 
-bool krv_find_string(const krv_fd_t *fdp, krv_form_t form, const krv_encoding_t &encoding, krv_string_place_t *place)
-{
-    return find_string(fdp, form, encoding, place);
-}
-
 krv_datum_t krv_string_in_memory(const krv_fd_t *fdp, krv_form_t form, const krv_encoding_t &encoding)
 {
     if (form == DW_FORM_string)
         return krv_string_in_view(krv_fd_view(fdp));
     krv_string_place_t place;
-    if (!find_string(fdp, form, encoding, &place))
+    if (!krv_find_string(fdp, form, encoding, &place))
         return {};
     const krv_fd_t &str = *krv_section(fdp->sfd_hp, place.section);
     krv_datum_t datum = krv_string_in_view({str.sfd_u.buf + place.offset, str.sfd_size - place.offset});

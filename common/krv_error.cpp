@@ -42,7 +42,7 @@ static bool has_room(char **text)
     krv_error_state *const error = krv_error_of(hp);
     char message[KRV_MAX_ERROR_SIZE];
     uint32_t slot = error->count;
-    if (slot >= KRV_MAX_ERRORS || krv_is_quiet(hp))
+    if (slot >= KRV_MAX_ERRORS || (hp->sh_builder == pthread_self() && hp->sh_is_quiet))
         return;
     const int length = std::vsnprintf(message, sizeof(message), format, ap);
     const size_t kept = length < 0 ? 0 : std::min(static_cast<size_t>(length), sizeof(message) - 1);

@@ -64,12 +64,6 @@ inline bool krv_is_passing(krv_handle_t *hp)
     return krv_ran_out(hp) || krv_errno(hp) == KRV_ERR_IO;
 }
 
-// Whether messages of the calling thread are dropped.
-inline bool krv_is_quiet(const krv_handle_t *hp)
-{
-    return hp->sh_builder == pthread_self() && hp->sh_is_quiet;
-}
-
 // Appends one message, cut to 255 characters; a 17th is dropped. Never touches the code.
 [[gnu::format(printf, 2, 3)]] void krv_push_error(krv_handle_t *hp, const char *format, ...);
 

@@ -9,7 +9,7 @@
 #include <iterator>
 #include <utility>
 
-constexpr uint64_t LARGE_UNIT = 16 << 10;
+constexpr uint64_t LARGE_UNIT = 16 << 10; // four share what the system maps at once
 
 // The call that reads a section; func is NULL where there is none.
 static krv_section_reader *reader_of(krv_handle_t *hp, krv_secidx_t sec)

@@ -60,6 +60,26 @@ TEST(Hpp, MemoryThatCannotBeReadIsAnError)
     EXPECT_EQ(stack->evaluate(*frame, deref, sizeof(deref)).error().code, KRV_ERR_IO);
 }
 
+TEST(Hpp, SectionsHaveReaders)
+{
+    const std::uint8_t info[] = {8, 0, 0, 0, 4, 0, 0, 0, 0, 0, 8, 1}, abbrev[] = {1, 0x11, 0, 0, 0, 0};
+    int calls = 0;
+    const auto read = [&](std::uint64_t offset, void *buf, std::size_t count) {
+        ++calls;
+        return count <= sizeof(info) - offset && std::copy_n(info + offset, count, static_cast<std::uint8_t *>(buf));
+    };
+    auto handle = korva::handle::make(KRV_ACTIVATION_AMD64);
+    EXPECT_EQ(handle->attach_section_reader(KRV_SEC_INFO, read).error().code, KRV_ERR_INVALID); // of no section
+    ASSERT_TRUE(handle->attach_section(KRV_SEC_INFO, info, sizeof(info)) &&
+                handle->attach_section(KRV_SEC_ABBREV, abbrev, sizeof(abbrev)) &&
+                handle->attach_section_reader(KRV_SEC_INFO, read));
+    int units = 0;
+    for (korva::unit u : handle->units())
+        units += *u.version() == 4 ? 1 : 0;
+    EXPECT_EQ(units, 1);
+    EXPECT_EQ(calls, 1);
+}
+
 TEST(Hpp, UnitsTellTheirVersionAndKind)
 {
     const auto later = korva::elf::open(KORVA_TARGET_DWARF5);
