@@ -119,11 +119,18 @@ inline size_t krv_addr_map_count(const krv_addr_map *map, uint64_t address)
     });
 }
 
-// The owner of an address, or KRV_ADDR_NOTHING; and the addresses around it of which the same is true, unless that is NULL.
+// Addresses of which the same is true.
 struct krv_addr_span {
     uint64_t first = 1, last = 0; // none
     bool has(uint64_t address) const { return address >= first && address <= last; }
 };
+// That of the last of the pieces that have begun, of which there is one.
+template <typename T>
+krv_addr_span krv_addr_span_of(const krv_addr_piece<T> *pieces, size_t count, uint64_t base, size_t begun)
+{
+    return {base + pieces[begun - 1].begin, begun == count ? UINT64_MAX : base + pieces[begun].begin - 1};
+}
+// The owner of an address, or KRV_ADDR_NOTHING; and the addresses around it of which the same is true, unless that is NULL.
 [[gnu::always_inline]] inline uint32_t krv_addr_map_find(const krv_addr_map *map, uint64_t address,
                                                          krv_addr_span *span = nullptr)
 {
@@ -135,8 +142,7 @@ struct krv_addr_span {
     return krv_addr_map_in_form(map, address, [=](const auto *pieces, uint64_t distance) {
         const size_t begun = krv_addr_map_count(map, pieces, distance); // the first one does
         if (span != nullptr)
-            *span = {map->sam_base + pieces[begun - 1].begin,
-                     begun == map->sam_pieces ? UINT64_MAX : map->sam_base + pieces[begun].begin - 1};
+            *span = krv_addr_span_of(pieces, map->sam_pieces, map->sam_base, begun);
         return pieces[begun - 1].owner;
     });
 }

@@ -40,20 +40,25 @@ struct krv_inlined_calls {
         return is_far != 0 ? reinterpret_cast<krv_inlined_call *>(map<uint64_t>() + pieces)
                            : reinterpret_cast<krv_inlined_call *>(map<uint32_t>() + pieces);
     }
-    // The innermost call that covers the address, or KRV_NO_CALL.
-    uint32_t find(uint64_t address)
+    // The innermost call that covers the address, or KRV_NO_CALL; and the addresses around it of which the same is true, unless
+    // that is NULL.
+    uint32_t find(uint64_t address, krv_addr_span *span)
     {
-        return address < base ? KRV_NO_CALL
-               : is_far != 0  ? find<uint64_t>(address - base)
-                              : find<uint32_t>(address - base);
+        if (address >= base && pieces != 0)
+            return is_far != 0 ? find<uint64_t>(address - base, span) : find<uint32_t>(address - base, span);
+        if (span != nullptr)
+            *span = {0, pieces == 0 ? UINT64_MAX : base - 1};
+        return KRV_NO_CALL;
     }
 
 private:
     template <typename T>
-    uint32_t find(uint64_t distance)
+    uint32_t find(uint64_t distance, krv_addr_span *span)
     {
-        const size_t begun = krv_addr_pieces_count(map<T>(), pieces, distance);
-        return begun == 0 ? KRV_NO_CALL : map<T>()[begun - 1].owner;
+        const size_t begun = krv_addr_pieces_count(map<T>(), pieces, distance); // the first one does
+        if (span != nullptr)
+            *span = krv_addr_span_of(map<T>(), pieces, base, begun);
+        return map<T>()[begun - 1].owner;
     }
 };
 

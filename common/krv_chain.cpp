@@ -26,12 +26,10 @@ struct covering {
     uint32_t inlined;  // the innermost of the function's, or KRV_NO_CALL
 };
 
-// The function of the last address, in a walk along ascending ones.
+// What covered the last address, in a walk along ascending ones, and around it the addresses of which the same is true.
 struct nearby {
-    krv_ctu_t *unit = nullptr;
-    krv_calls *calls = nullptr;
-    uint32_t function = KRV_NO_CALL; // of all addresses of the span
-    krv_addr_span span;
+    covering at = {nullptr, nullptr, KRV_NO_CALL, KRV_NO_CALL};
+    krv_addr_span of_function, of_inlined;
 };
 
 // A row and what covers it.
@@ -47,9 +45,9 @@ struct chain {
 [[gnu::always_inline]] static inline bool find_function(krv_handle_t *hp, krv_ctu_t *cu, krv_addr_hint *hint,
                                                         uint64_t address, nearby *near, covering *found)
 {
-    if (near != nullptr && near->unit == cu && near->span.has(address)) {
-        *found = {cu, near->calls, near->function, KRV_NO_CALL};
-        return near->function != KRV_NO_CALL || krv_fail_code(hp, KRV_ERR_NOTFOUND) == 0;
+    if (near != nullptr && near->at.unit == cu && near->of_function.has(address)) {
+        *found = near->at;
+        return found->function != KRV_NO_CALL || krv_fail_code(hp, KRV_ERR_NOTFOUND) == 0;
     }
     krv_calls *calls = hint == nullptr ? nullptr : krv_load(&hint->sah_calls);
     if (calls == nullptr) {
@@ -58,12 +56,11 @@ struct chain {
         if (hint != nullptr)
             krv_store(&hint->sah_calls, calls);
     }
-    *found = {cu, calls, krv_addr_map_find(&calls->sc_map, address, near == nullptr ? nullptr : &near->span),
+    *found = {cu, calls, krv_addr_map_find(&calls->sc_map, address, near == nullptr ? nullptr : &near->of_function),
               KRV_NO_CALL};
     if (near != nullptr) {
-        near->unit = cu;
-        near->calls = calls;
-        near->function = found->function;
+        near->at = *found;
+        near->of_inlined = {};
     }
     if (found->function == KRV_NO_CALL) {
         krv_fail_code(hp, KRV_ERR_NOTFOUND);
@@ -74,15 +71,20 @@ struct chain {
 }
 
 // Finds the call in it. False: KRV_ERR_NOMEM, or the error of reading the unit.
-[[gnu::always_inline]] static inline bool find_inlined(krv_handle_t *hp, uint64_t address, covering *found)
+[[gnu::always_inline]] static inline bool find_inlined(krv_handle_t *hp, uint64_t address, nearby *near,
+                                                       covering *found)
 {
+    if (near != nullptr && near->of_inlined.has(address))
+        return true; // find_function took it from there
     krv_function *of = &found->calls->sc_functions[found->function];
     if (of->has_inlined == 0)
         return true;
     krv_inlined_calls *inlined = krv_load(&of->inlined);
     if (inlined == nullptr && (inlined = krv_calls_get_inlined(hp, found->unit, found->calls, of)) == nullptr)
         return false;
-    found->inlined = inlined->find(address);
+    found->inlined = inlined->find(address, near == nullptr ? nullptr : &near->of_inlined);
+    if (near != nullptr)
+        near->at.inlined = found->inlined;
     return true;
 }
 
@@ -92,7 +94,7 @@ static int find_covering(krv_handle_t *hp, uint64_t address, covering *found)
     krv_addr_stretch stretch;
     krv_ctu_t *cu = krv_addr_index_find(hp, address, KRV_LOOKUP_F_NONE, &stretch);
     return cu != nullptr && find_function(hp, cu, stretch.hint, address, nullptr, found) &&
-                   find_inlined(hp, address, found)
+                   find_inlined(hp, address, nullptr, found)
                ? 0
                : -1;
 }
@@ -205,19 +207,25 @@ template <typename T>
     return 0;
 }
 
+// Names lie all over memory: those of a call and its callers, up to one of these, are fetched together, and not each when its turn has
+// come.
+[[gnu::always_inline]] static inline void prefetch_names(const krv_inlined_call *inlined, uint32_t call, uint32_t end)
+{
+    for (; call != end; call = inlined[call].caller)
+        __builtin_prefetch(inlined[call].names);
+}
+
 // The chain, from the innermost call on, and in *countp its length. What there is no room for is left out before the last,
 // which is the function.
 [[gnu::always_inline]] static inline int make_chain(krv_handle_t *hp, const covering &at, krv_call_t *calls,
                                                     size_t room, bool keeps_last, size_t *countp)
 {
     krv_function *of = &at.calls->sc_functions[at.function];
-    // Names lie all over memory: they are fetched together, and not each when its turn has come.
     __builtin_prefetch(krv_load(&of->names));
     size_t count = 0;
     if (at.inlined != KRV_NO_CALL) {
         const krv_inlined_call *const inlined = krv_load(&of->inlined)->calls();
-        for (uint32_t i = at.inlined; i != KRV_NO_CALL; i = inlined[i].caller)
-            __builtin_prefetch(inlined[i].names);
+        prefetch_names(inlined, at.inlined, KRV_NO_CALL);
         const uint64_t entry = at.calls->sc_offset + of->entry;
         for (uint32_t i = at.inlined; i != KRV_NO_CALL; i = inlined[i].caller, ++count)
             if (count < room && make_inlined(hp, at, entry + inlined[i].entry, inlined[i], &calls[count]) != 0)
@@ -227,6 +235,66 @@ template <typename T>
     *countp = keeps_last ? last + 1 : count + 1;
     return last < room ? make_function(hp, at, of, &calls[last]) : 0;
 }
+
+namespace
+{
+
+// Chains that are shown one after another. Each lies at the end of the same room, so that the calls that the next one has in common with it,
+// the outer ones, stay where they are.
+class shown_calls
+{
+public:
+    const krv_call_t *first;
+    size_t count = 0;
+
+    explicit shown_calls(krv_call_t *most_calls) : first(most_calls), room(most_calls) {}
+
+    // Makes them the chain of what covers an address; a long one is cut before its last. False: as make_chain; there are none.
+    bool make(krv_handle_t *hp, const covering &covers)
+    {
+        krv_function *of = &covers.calls->sc_functions[covers.function];
+        krv_inlined_calls *in_function = krv_load(&of->inlined);
+        const krv_inlined_call *const inlined = in_function == nullptr ? nullptr : in_function->calls();
+        const bool is_same = at.calls == covers.calls && at.function == covers.function;
+        // Callers have lower numbers, and KRV_NO_CALL, which stands for the function, has the lowest when one is added.
+        size_t stay = is_same ? count : 0, come = 0;
+        uint32_t common = is_same ? at.inlined : KRV_NO_CALL;
+        for (uint32_t call = covers.inlined; call != common;) {
+            if (call + 1 > common + 1) {
+                ++come;
+                call = inlined[call].caller;
+            } else {
+                --stay;
+                common = inlined[common].caller;
+            }
+        }
+        at.calls = nullptr; // until they are complete
+        count = 0;
+        if (stay + come >= MOST_CALLS) {
+            first = room;
+            return make_chain(hp, covers, room, MOST_CALLS, true, &count) == 0;
+        }
+        krv_call_t *const end = room + MOST_CALLS;
+        krv_call_t *next = end - come - (is_same ? stay : 1);
+        first = next;
+        prefetch_names(inlined, covers.inlined, common);
+        const uint64_t entry = covers.calls->sc_offset + of->entry;
+        for (uint32_t call = covers.inlined; call != common; call = inlined[call].caller)
+            if (make_inlined(hp, covers, entry + inlined[call].entry, inlined[call], next++) != 0)
+                return false;
+        if (!is_same && make_function(hp, covers, of, next) != 0)
+            return false;
+        at = covers;
+        count = static_cast<size_t>(end - first);
+        return true;
+    }
+
+private:
+    krv_call_t *const room; // for MOST_CALLS
+    covering at = {};       // without calls: what lies there is not to be used again
+};
+
+} // namespace
 
 int korva_lookup_calls(krv_handle_t *hp, uint64_t address, krv_call_t *calls, size_t room, size_t *countp)
 {
@@ -249,34 +317,23 @@ static bool is_final(krv_handle_t *hp)
     return true;
 }
 
-// Finds a chain. False: the walk ends, with the error set.
-[[gnu::always_inline]] static inline bool find_chain(krv_place_walk *walk, nearby *near, uint64_t address, chain *found)
+// Finds a chain, or a row alone. False: the walk ends, with the error set.
+[[gnu::always_inline]] static inline bool find_chain(krv_place_walk *walk, nearby *near, bool has_calls,
+                                                     uint64_t address, chain *found)
 {
     if (!walk->enter(address))
         return false;
     // The row is looked for while the function is fetched.
     krv_handle_t *const hp = walk->hp;
-    bool is_covered =
-        walk->unit != nullptr && find_function(hp, walk->unit, walk->stretch.hint, address, near, &found->at);
+    bool is_covered = has_calls && walk->unit != nullptr &&
+                      find_function(hp, walk->unit, walk->stretch.hint, address, near, &found->at);
     found->matrix = walk->matrix;
     found->row = walk->find_row(address);
-    is_covered = is_covered && find_inlined(hp, address, &found->at);
+    is_covered = is_covered && find_inlined(hp, address, near, &found->at);
     if (is_covered)
         return true;
     found->at.unit = nullptr;
-    return is_final(hp);
-}
-
-// Shows a chain as make_chain does. False: KRV_ERR_NOMEM or KRV_ERR_IO.
-static bool show_chain(krv_handle_t *hp, const chain &found, uint64_t bias, bool keeps_last, krv_row_t *rowp,
-                       krv_call_t *calls, size_t room, size_t *countp)
-{
-    *rowp = krv_place_show(found.matrix, found.row, bias);
-    *countp = 0;
-    if (found.at.unit == nullptr || make_chain(hp, found.at, calls, room, keeps_last, countp) == 0)
-        return true;
-    *countp = 0;
-    return is_final(hp);
+    return !has_calls || is_final(hp);
 }
 
 int korva_lookup_chain(krv_handle_t *hp, uint64_t addr, krv_row_t *rowp, krv_call_t *calls, size_t room, size_t *countp)
@@ -289,10 +346,14 @@ int korva_lookup_chain(krv_handle_t *hp, uint64_t addr, krv_row_t *rowp, krv_cal
     const uint64_t bias = krv_line_bias(hp);
     krv_place_walk walk{.hp = hp, .flags = KRV_LOOKUP_F_NONE};
     chain found = {};
-    return find_chain(&walk, nullptr, addr - bias, &found) &&
-                   show_chain(hp, found, bias, false, rowp, calls, room, countp)
-               ? 0
-               : -1;
+    *countp = 0;
+    if (!find_chain(&walk, nullptr, true, addr - bias, &found))
+        return -1;
+    *rowp = krv_place_show(found.matrix, found.row, bias);
+    if (found.at.unit == nullptr || make_chain(hp, found.at, calls, room, false, countp) == 0)
+        return 0;
+    *countp = 0;
+    return is_final(hp) ? 0 : -1;
 }
 
 int korva_entry_get_call(krv_handle_t *hp, const krv_entry_t *entryp, krv_call_t *callp)
@@ -317,48 +378,56 @@ int korva_entry_get_call(krv_handle_t *hp, const krv_entry_t *entryp, krv_call_t
     return 0;
 }
 
-// Shows chains as they are found. 0, fn's result, or -1 with the error set.
-static int iter_ascending(krv_handle_t *hp, const uint64_t *addrs, size_t count, krv_call_t *calls,
-                          krv_iter_chain_f *fn, void *arg)
+namespace
 {
-    const uint64_t bias = krv_line_bias(hp);
-    krv_place_walk walk{.hp = hp, .flags = KRV_LOOKUP_F_NONE};
-    nearby near;
-    int result = 0;
-    const bool saw_all = krv_visit_ascending(hp, addrs, count, [&](uint64_t addr, size_t index) {
-        chain found = {};
-        krv_row_t row;
-        size_t length;
-        if (!find_chain(&walk, &near, addr - bias, &found) ||
-            !show_chain(hp, found, bias, true, &row, calls, MOST_CALLS, &length))
+
+// Chains for a visitor.
+struct chain_visit {
+    krv_iter_chain_f *const fn;
+    void *const arg;
+    const uint64_t bias;
+    const bool has_calls;
+    shown_calls calls;
+    krv_place_walk walk;
+    nearby near = {};
+    int result = 0; // of the visitor
+
+    bool find(uint64_t addr, chain *found) { return find_chain(&walk, &near, has_calls, addr - bias, found); }
+
+    // False: the visitor stops, or KRV_ERR_NOMEM or KRV_ERR_IO.
+    bool show(size_t index, const chain &found)
+    {
+        const krv_row_t row = krv_place_show(found.matrix, found.row, bias);
+        const bool has_some = found.at.unit != nullptr && calls.make(walk.hp, found.at);
+        if (found.at.unit != nullptr && !has_some && !is_final(walk.hp))
             return false;
-        result = fn(hp, index, &row, calls, length, arg);
+        result = fn(walk.hp, index, &row, calls.first, has_some ? calls.count : 0, arg);
         return result == 0;
+    }
+};
+
+} // namespace
+
+static bool visit_ascending(krv_handle_t *hp, const uint64_t *addrs, size_t count, chain_visit *to)
+{
+    return krv_visit_ascending(hp, addrs, count, [to](uint64_t addr, size_t index) {
+        chain found = {};
+        return to->find(addr, &found) && to->show(index, found);
     });
-    return saw_all || result != 0 ? result : -1;
 }
 
 // Finds all of them first.
-static int iter_as_given(krv_handle_t *hp, const uint64_t *addrs, size_t count, krv_call_t *calls, krv_iter_chain_f *fn,
-                         void *arg)
+static bool visit_as_given(krv_handle_t *hp, const uint64_t *addrs, size_t count, chain_visit *to)
 {
     const krv_owner<chain> found(static_cast<chain *>(krv_alloc(hp, count * sizeof(chain))));
-    const uint64_t bias = krv_line_bias(hp);
-    krv_place_walk walk{.hp = hp, .flags = KRV_LOOKUP_F_NONE};
-    nearby near;
-    if (found == nullptr || !krv_visit_ascending(hp, addrs, count, [&](uint64_t addr, size_t number) {
-            return find_chain(&walk, &near, addr - bias, &found.get()[number]);
+    if (found == nullptr || !krv_visit_ascending(hp, addrs, count, [&](uint64_t addr, size_t index) {
+            return to->find(addr, &found.get()[index]);
         }))
-        return -1;
-    for (size_t i = 0; i < count; ++i) {
-        krv_row_t row;
-        size_t length;
-        if (!show_chain(hp, found.get()[i], bias, true, &row, calls, MOST_CALLS, &length))
-            return -1;
-        if (const int result = fn(hp, i, &row, calls, length, arg))
-            return result;
-    }
-    return 0;
+        return false;
+    for (size_t i = 0; i < count; ++i)
+        if (!to->show(i, found.get()[i]))
+            return false;
+    return true;
 }
 
 int korva_iter_chains(krv_handle_t *hp, const uint64_t *addrs, size_t count, unsigned int flags, krv_iter_chain_f *fn,
@@ -366,7 +435,8 @@ int korva_iter_chains(krv_handle_t *hp, const uint64_t *addrs, size_t count, uns
 {
     if (hp == nullptr)
         return -1;
-    if (fn == nullptr || (addrs == nullptr && count != 0) || (flags & ~unsigned{KRV_CHAINS_F_ASCENDING}) != 0)
+    if (fn == nullptr || (addrs == nullptr && count != 0) ||
+        (flags & ~unsigned{KRV_CHAINS_F_ASCENDING | KRV_CHAINS_F_ROWS}) != 0)
         return krv_fail_code(hp, KRV_ERR_INVALID);
     krv_clear_error(hp);
     if (count > UINT32_MAX)
@@ -376,8 +446,14 @@ int korva_iter_chains(krv_handle_t *hp, const uint64_t *addrs, size_t count, uns
     const krv_owner<krv_call_t> calls(static_cast<krv_call_t *>(krv_alloc(hp, MOST_CALLS * sizeof(krv_call_t))));
     if (calls == nullptr)
         return -1;
-    const auto iter = (flags & KRV_CHAINS_F_ASCENDING) != 0 ? iter_ascending : iter_as_given;
-    return iter(hp, addrs, count, calls.get(), fn, arg);
+    chain_visit to = {.fn = fn,
+                      .arg = arg,
+                      .bias = krv_line_bias(hp),
+                      .has_calls = (flags & KRV_CHAINS_F_ROWS) == 0,
+                      .calls = shown_calls(calls.get()),
+                      .walk = {.hp = hp, .flags = KRV_LOOKUP_F_NONE}};
+    const auto visit = (flags & KRV_CHAINS_F_ASCENDING) != 0 ? visit_ascending : visit_as_given;
+    return visit(hp, addrs, count, &to) || to.result != 0 ? to.result : -1;
 }
 
 // One thread does it: the others go on with their units meanwhile, since all have to be done with before anything is promised.

@@ -43,6 +43,19 @@ static uint32_t find_gap_row(const krv_lnp_t *lnpp, int64_t prev, uint64_t start
     return reaches_before ? before->slnb_end_index - 1 : after->slnb_start_index;
 }
 
+[[gnu::noinline]] static krv_lnph_t *find_header(krv_handle_t *hp, krv_ctu_t *cup)
+{
+    if (cup->dcu_section != KRV_SEC_INFO) {
+        krv_fail(hp, KRV_ERR_INVALID, "only .debug_info can refer to a line number header");
+        return nullptr;
+    }
+    krv_value_t *value;
+    if (krv_get_die_attr(hp, cup->dcu_compile_unit, DW_AT_stmt_list, nullptr, nullptr, &value) != 0)
+        return nullptr;
+    krv_lnph_t *fresh = krv_line_share_header(hp, cup, value->sa_u.su_unsigned);
+    return fresh == nullptr ? nullptr : krv_publish(&cup->dcu_lnphp, fresh, krv_lnph_free);
+}
+
 krv_lnph_t *korva_line_get_cu_lnph(krv_handle_t *hp, krv_ctu_t *cup)
 {
     if (hp == nullptr)
@@ -52,17 +65,8 @@ krv_lnph_t *korva_line_get_cu_lnph(krv_handle_t *hp, krv_ctu_t *cup)
         return nullptr;
     }
     krv_clear_error(hp);
-    if (cup->dcu_section != KRV_SEC_INFO) {
-        krv_fail(hp, KRV_ERR_INVALID, "only .debug_info can refer to a line number header");
-        return nullptr;
-    }
-    if (krv_lnph_t *lnphp = krv_load(&cup->dcu_lnphp))
-        return lnphp;
-    krv_value_t *value;
-    if (krv_get_die_attr(hp, cup->dcu_compile_unit, DW_AT_stmt_list, nullptr, nullptr, &value) != 0)
-        return nullptr;
-    krv_lnph_t *fresh = krv_line_share_header(hp, cup, value->sa_u.su_unsigned);
-    return fresh == nullptr ? nullptr : krv_publish(&cup->dcu_lnphp, fresh, krv_lnph_free);
+    krv_lnph_t *const known = krv_load(&cup->dcu_lnphp);
+    return known != nullptr ? known : find_header(hp, cup);
 }
 
 bool krv_line_find(krv_handle_t *hp, krv_ctu_t *cup, uint64_t start, uint64_t size, uint64_t addr,

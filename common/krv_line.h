@@ -9,6 +9,7 @@
 
 #include "krv_info.h"
 #include "krv_line_rows.h"
+#include "krv_synch.h"
 #include "krv_types.h"
 
 struct krv_line_common;
@@ -103,14 +104,24 @@ int krv_lnph_add_file(krv_handle_t *hp, krv_lnph_t *lnphp, krv_ctu_t *cup, const
                       uint64_t mtime, uint64_t size);
 
 // The file table as any thread may read it: the array, with at least *countp elements.
-krv_lnfe_t **krv_lnph_files(krv_lnph_t *lnphp, uint64_t *countp);
+inline krv_lnfe_t **krv_lnph_files(krv_lnph_t *lnphp, uint64_t *countp)
+{
+    *countp = krv_load(&lnphp->sln_files_entries); // before the array, which so has room for that many
+    return krv_load(&lnphp->sln_files);
+}
 
 // Whether it is still that of the header whose tables it borrows.
 bool krv_lnph_has_borrowed_files(const krv_lnph_t *lnphp);
 
 // The file that a file register's value names, and the directory that a file's index names: both are numbered from
 // sln_first. NULL where the table has none of that number, as directory 0 before version 5, which is the unit's.
-krv_lnfe_t *krv_lnph_file(krv_lnph_t *lnphp, uint64_t number);
+inline krv_lnfe_t *krv_lnph_file(krv_lnph_t *lnphp, uint64_t number)
+{
+    uint64_t count;
+    krv_lnfe_t **files = krv_lnph_files(lnphp, &count);
+    const uint64_t index = number - lnphp->sln_first; // below the first: none
+    return index >= count ? nullptr : files[index];
+}
 const char *krv_lnph_directory(const krv_lnph_t *lnphp, uint64_t number);
 
 // A file's path: compilation directory, include directory and name, without what an absolute one behind makes void; cut

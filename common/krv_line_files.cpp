@@ -166,20 +166,6 @@ int krv_lnph_add_file(krv_handle_t *hp, krv_lnph_t *lnphp, krv_ctu_t *cup, const
     return 0;
 }
 
-krv_lnfe_t **krv_lnph_files(krv_lnph_t *lnphp, uint64_t *countp)
-{
-    *countp = krv_load(&lnphp->sln_files_entries); // before the array, which so has room for that many
-    return krv_load(&lnphp->sln_files);
-}
-
-krv_lnfe_t *krv_lnph_file(krv_lnph_t *lnphp, uint64_t number)
-{
-    uint64_t count;
-    krv_lnfe_t **files = krv_lnph_files(lnphp, &count);
-    const uint64_t index = number - lnphp->sln_first; // below the first: none
-    return index >= count ? nullptr : files[index];
-}
-
 const char *krv_lnph_directory(const krv_lnph_t *lnphp, uint64_t number)
 {
     const uint64_t index = number - lnphp->sln_first;

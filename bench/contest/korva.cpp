@@ -130,39 +130,18 @@ static uint64_t chain_at(krv_handle_t *hp, uint64_t address)
                                                                                        : 0;
 }
 
-// Calls ask(addresses, count) for the addresses of the run, so many at once.
-template <typename Ask>
-static void ask_together(const run *r, std::vector<uint64_t> *addresses, Ask ask)
-{
-    for (uint64_t done = 0; done < r->nqueries; done += addresses->size()) {
-        const size_t count = std::min<uint64_t>(addresses->size(), r->nqueries - done);
-        std::transform(r->queries + done, r->queries + done + count, addresses->begin(),
-                       [](const query &q) { return q.address; });
-        ask(addresses->data(), count);
-    }
-}
-
 static void find_together(run *r, uint64_t started, krv_handle_t *hp)
 {
-    constexpr uint64_t ROWS = 50000; // as many answers are kept; of chains none
-    std::vector<uint64_t> addresses(r->job == 'B' ? std::min(ROWS, r->nqueries) : r->nqueries);
-    std::vector<krv_row_t> rows(r->job == 'B' ? addresses.size() : 0);
+    const auto flags = r->job == 'B' ? KRV_CHAINS_F_ASCENDING | KRV_CHAINS_F_ROWS : KRV_CHAINS_F_ASCENDING;
+    const auto visit = [](krv_handle_t *handle, size_t, const krv_row_t *row, const krv_call_t *calls, size_t count,
+                          void *arg) {
+        static_cast<run *>(arg)->check += check_of(handle, *row, calls, count);
+        return 0;
+    };
     run_passes(r, started, [&](int) {
-        if (r->job == 'B')
-            return ask_together(r, &addresses, [&](const uint64_t *some, size_t count) {
-                korva_lookup_rows(hp, some, count, KRV_LOOKUP_F_NONE, nullptr, rows.data());
-                for (size_t i = 0; i < count; ++i)
-                    if (krv_lnfe_t *file = rows[i].file)
-                        r->check += place_check(korva_lnfe_path(hp, file, B_FALSE), rows[i].line);
-            });
-        const auto visit = [](krv_handle_t *handle, size_t, const krv_row_t *row, const krv_call_t *calls, size_t count,
-                              void *arg) {
-            static_cast<run *>(arg)->check += check_of(handle, *row, calls, count);
-            return 0;
-        };
-        ask_together(r, &addresses, [&](const uint64_t *all, size_t count) {
-            korva_iter_chains(hp, all, count, KRV_CHAINS_F_ASCENDING, visit, r);
-        });
+        std::vector<uint64_t> addresses(r->nqueries);
+        std::transform(r->queries, r->queries + r->nqueries, addresses.begin(), [](const query &q) { return q.address; });
+        korva_iter_chains(hp, addresses.data(), addresses.size(), flags, visit, r);
     });
 }
 

@@ -232,7 +232,8 @@ typedef int krv_iter_chain_f(krv_handle_t *hp, size_t index, const krv_row_t *ro
 enum {
     KRV_CHAINS_F_NONE = 0,
     KRV_CHAINS_F_ASCENDING =
-        1 /**< visits in ascending order of addresses: twice as fast, since neighbours share much */
+        1,                /**< visits in ascending order of addresses: twice as fast, since neighbours share much */
+    KRV_CHAINS_F_ROWS = 2 /**< rows alone: no functions and calls are looked for, @p count is 0 */
 };
 
 /**
