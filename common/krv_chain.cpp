@@ -317,18 +317,27 @@ static bool is_final(krv_handle_t *hp)
     return true;
 }
 
+static inline void prefetch_inlined(const covering &at)
+{
+    if (const krv_inlined_calls *inlined = krv_load(&at.calls->sc_functions[at.function].inlined))
+        __builtin_prefetch(inlined);
+}
+
 // Finds a chain, or a row alone. False: the walk ends, with the error set.
 [[gnu::always_inline]] static inline bool find_chain(krv_place_walk *walk, nearby *near, bool has_calls,
                                                      uint64_t address, chain *found)
 {
     if (!walk->enter(address))
         return false;
-    // The row is looked for while the function is fetched.
+    // The row is looked for while the function and its calls are fetched.
     krv_handle_t *const hp = walk->hp;
     bool is_covered = has_calls && walk->unit != nullptr &&
                       find_function(hp, walk->unit, walk->stretch.hint, address, near, &found->at);
     found->matrix = walk->matrix;
-    found->row = walk->find_row(address);
+    const uint32_t guess = walk->guess_row(address);
+    if (is_covered)
+        prefetch_inlined(found->at);
+    found->row = walk->find_row(address, guess);
     is_covered = is_covered && find_inlined(hp, address, near, &found->at);
     if (is_covered)
         return true;

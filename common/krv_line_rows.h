@@ -150,11 +150,13 @@ struct krv_rows_t {
             return base + static_cast<uint64_t>(int64_t{distance});
         });
     }
-    // A hint that what a row near this one says will be read soon.
+    // A hint that rows near this one will be searched, and what one says read, soon.
     void prefetch(uint32_t i) const
     {
-        if (!is_long)
-            __builtin_prefetch(&as_short.rests[i]);
+        if (is_long)
+            return;
+        __builtin_prefetch(&as_short.distances[i]);
+        __builtin_prefetch(&as_short.rests[i]);
     }
     krv_line_state_t get(uint32_t i) const { return is_long ? as_long.get(i, base) : as_short.get(i, base); }
 };

@@ -40,7 +40,6 @@ inline uint32_t krv_lnp_find_row(const krv_lnp_t *lnpp, const krv_lnb_t *seq, ui
     const uint32_t first = seq->slnb_start_index; // which is not above the address
     if ((lnpp->slnp_flags & KRV_LNP_FLAG_DESCENDING) != 0 || first >= seq->slnb_end_index)
         return krv_lnp_search_descending(lnpp, seq, address);
-    lnpp->slnp_rows.prefetch(guess);
     const size_t count = seq->slnb_end_index - first;
     return first + static_cast<uint32_t>(lnpp->slnp_rows.count_not_above(first, count, guess - first, address)) - 1;
 }

@@ -30,14 +30,24 @@ struct krv_place_walk {
         return true;
     }
 
-    // The number of the row, in the matrix, of an address that was entered; KRV_NO_ROW where there is none.
-    [[gnu::always_inline]] uint32_t find_row(uint64_t address)
+    // Where to look for the row of an address that was entered, which is fetched meanwhile; KRV_NO_ROW where there is none.
+    [[gnu::always_inline]] uint32_t guess_row(uint64_t address)
     {
         if (matrix == nullptr || !enter_sequence(address))
             return KRV_NO_ROW;
-        row = krv_lnp_find_row(matrix, sequence, address, row != KRV_NO_ROW ? row : krv_lnb_guess(sequence, address));
-        return row;
+        const uint32_t guess = row != KRV_NO_ROW ? row : krv_lnb_guess(sequence, address);
+        matrix->slnp_rows.prefetch(guess);
+        return guess;
     }
+
+    // Its number, in the matrix; KRV_NO_ROW likewise.
+    [[gnu::always_inline]] uint32_t find_row(uint64_t address, uint32_t guess)
+    {
+        if (guess != KRV_NO_ROW)
+            row = krv_lnp_find_row(matrix, sequence, address, guess);
+        return guess == KRV_NO_ROW ? KRV_NO_ROW : row;
+    }
+    [[gnu::always_inline]] uint32_t find_row(uint64_t address) { return find_row(address, guess_row(address)); }
 
 private:
     bool find(uint64_t address);
