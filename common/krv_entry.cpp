@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "krv_entry.h"
+#include "krv_entry_move.h"
 
 #include "krv_budget.h"
 #include "krv_dwarf.h"
@@ -28,8 +28,7 @@ bool krv_entry_place(krv_handle_t *hp, krv_ctu_t *cu, krv_place_t *place)
     return krv_entry_find_bytes(hp, cu, place) && (place->plan = krv_cu_plan(hp, cu)) != nullptr;
 }
 
-// NULL: the abbreviation's messages are there already.
-[[gnu::noinline]] static krv_found refuse_head(krv_handle_t *hp, krv_ctu_t *cu, uint64_t offset, const char *what)
+krv_found krv_entry_refuse_head(krv_handle_t *hp, krv_ctu_t *cu, uint64_t offset, const char *what)
 {
     krv_entry_t entry = {};
     entry.unit = cu;
@@ -42,41 +41,10 @@ bool krv_entry_place(krv_handle_t *hp, krv_ctu_t *cu, krv_place_t *place)
     return krv_found::failed;
 }
 
-// *behind is only set for a null entry.
-static inline krv_found load(krv_handle_t *hp, krv_ctu_t *cu, const krv_place_t &place, const uint8_t *head,
-                             uint32_t depth, krv_entry_t *entry, const uint8_t **behind)
-{
-    if (head >= place.end)
-        return krv_found::end;
-    uint64_t code = 0;
-    const uint8_t *at = krv_skip_number(head, place.end, &code);
-    if (at != nullptr && code == 0) {
-        *behind = at;
-        return krv_found::null;
-    }
-    const krv_planned_t *planned = at == nullptr ? nullptr : krv_plan_find(hp, place.plan, code);
-    if (planned == nullptr || (planned->flags & KRV_PLAN_TOO_MANY) != 0)
-        return refuse_head(hp, cu, place.offset_of(head),
-                           at == nullptr        ? "is cut off"
-                           : planned == nullptr ? nullptr
-                                                : "has too many attributes");
-    *entry = {.unit = cu,
-              .offset = place.offset_of(head),
-              .tag = planned->tag,
-              .depth = depth,
-              .has_children = planned->has_children(),
-              .is_alternate = cu->dcu_section == KRV_SEC_EXT_ALT_INFO,
-              .attrs_read = 0,
-              .implicit_read = 0,
-              .at = place.offset_of(at),
-              .abbreviation = planned};
-    return krv_found::entry;
-}
-
 krv_found krv_entry_load(krv_handle_t *hp, krv_ctu_t *cu, const krv_place_t &place, uint64_t offset, krv_entry_t *entry)
 {
     const uint8_t *behind;
-    return load(hp, cu, place, place.at(offset), 0, entry, &behind);
+    return krv_entry_read_head(hp, cu, place, place.at(offset), 0, entry, &behind);
 }
 
 void krv_entry_rewind(const krv_place_t &place, krv_entry_t *entry)
@@ -105,34 +73,12 @@ static inline const uint8_t *find_end(krv_handle_t *hp, const krv_place_t &place
     return at;
 }
 
-// Moves to the entry at a byte, `depth` levels down, or to the first behind it that is none above.
-static inline int move_to(krv_handle_t *hp, const krv_place_t &place, krv_entry_t *entry, const uint8_t *at,
-                          uint32_t depth)
-{
-    for (;;) {
-        switch (load(hp, entry->unit, place, at, depth, entry, &at)) {
-        case krv_found::entry:
-            return 0;
-        case krv_found::null:
-            if (depth-- == 0)
-                return krv_fail_code(hp, KRV_ERR_NOTFOUND);
-            break;
-        case krv_found::end:
-            return krv_fail_code(hp, KRV_ERR_NOTFOUND);
-        case krv_found::failed:
-            return -1;
-        }
-    }
-}
-
 static inline int move_on(krv_handle_t *hp, const krv_place_t &place, krv_entry_t *entry)
 {
     const uint8_t *end = find_end(hp, place, entry);
     if (end == nullptr)
         return -1;
-    if (entry->depth == UINT32_MAX)
-        return krv_entry_refuse(hp, entry, "is nested too deeply");
-    return move_to(hp, place, entry, end, entry->depth + entry->has_children);
+    return krv_entry_move_behind(hp, place, entry, end);
 }
 
 int krv_entry_next(krv_handle_t *hp, const krv_place_t &place, krv_entry_t *entry)
@@ -165,7 +111,7 @@ static int move_to_sibling(krv_handle_t *hp, const krv_place_t &place, krv_entry
         return -1;
     krv_entry_t next = *entry;
     if (linked == 1) {
-        if (move_to(hp, place, &next, place.at(offset), 0) != 0)
+        if (krv_entry_move_to(hp, place, &next, place.at(offset), 0) != 0)
             return -1;
         next.depth = depth;
     } else {
@@ -236,7 +182,7 @@ int korva_entry_child(krv_handle_t *hp, krv_entry_t *entryp)
     krv_entry_t child = *entryp;
     child.depth = 0; // a null entry in its place ends the walk
     const uint8_t *end = find_end(hp, place, &child);
-    if (end == nullptr || move_to(hp, place, &child, end, 0) != 0)
+    if (end == nullptr || krv_entry_move_to(hp, place, &child, end, 0) != 0)
         return -1;
     child.depth = entryp->depth + 1;
     *entryp = child;
@@ -270,7 +216,7 @@ int korva_entry_get_ancestors(krv_handle_t *hp, const krv_entry_t *entryp, krv_e
         if (linked == -1)
             return -1;
         const int moved = linked == 1 && sibling <= entryp->offset
-                              ? move_to(hp, place, &at, place.at(sibling), at.depth)
+                              ? krv_entry_move_to(hp, place, &at, place.at(sibling), at.depth)
                               : krv_entry_next(hp, place, &at);
         if (moved != 0)
             break;

@@ -2,7 +2,7 @@
 //
 // Values of attributes, read as the plan of their abbreviation says.
 #include "krv_budget.h"
-#include "krv_entry.h"
+#include "krv_entry_move.h"
 
 #include "krv_dwarf.h"
 #include "krv_error.h"
@@ -285,9 +285,11 @@ static inline size_t read_common(krv_handle_t *hp, const krv_place_t &place, krv
     const size_t left = planned->pair_count - entry->attrs_read, most = left < room ? left : room;
     const uint64_t unit_offset = entry->unit->dcu_offset;
     const uint8_t *at = place.at(entry->at), *const end = place.end;
+    const uint8_t *const words =
+        end - at < ptrdiff_t{sizeof(uint64_t)} ? at : end - sizeof(uint64_t) + 1; // up to there
     krv_attr_t *attr = attrs, *const last = attrs + most;
     uint64_t awaited = 0; // of the strings, by their numbers
-    for (; attr != last && static_cast<uint64_t>(end - at) >= sizeof(uint64_t); ++attr, ++pair) {
+    for (; attr != last && at < words; ++attr, ++pair) {
         const krv_value_row &row = rows[pair->dwafp_form < forms ? pair->dwafp_form : 0];
         uint64_t number;
         std::memcpy(&number, at, sizeof(number));
@@ -384,25 +386,32 @@ int korva_iter_entries(krv_handle_t *hp, krv_ctu_t *cup, krv_iter_entry_attrs_f 
         return -1;
     if (fn == nullptr)
         return krv_fail_code(hp, KRV_ERR_INVALID);
-    krv_entry_t entry;
     krv_clear_error(hp);
     const krv_owner<krv_attr_t> room(
         static_cast<krv_attr_t *>(krv_alloc(hp, KRV_MOST_ATTRIBUTES * sizeof(krv_attr_t))));
     krv_attr_t *const attrs = room.get();
+    krv_entry_t entry;
+    krv_place_t place;
     if (attrs == nullptr)
         return -1;
-    for (int moved = korva_entry_first(hp, cup, &entry); moved == 0;) {
-        krv_place_t place;
+    int moved = korva_entry_first(hp, cup, &entry);
+    if (moved == 0 && !krv_entry_place_of(hp, &entry, &place))
+        return -1;
+    const krv_fd_t *const section = moved == 0 ? krv_section(hp, cup->dcu_section) : nullptr;
+    krv_fd_t attached = moved == 0 ? *section : krv_fd_t{};
+    while (moved == 0) {
         const size_t count = krv_entry_planned(&entry)->pair_count;
-        if (!krv_spend(hp, 1 + count) || !krv_entry_place_of(hp, &entry, &place) ||
-            !read_attrs(hp, place, &entry, attrs, count))
+        if (!krv_spend(hp, 1 + count) || !read_attrs(hp, place, &entry, attrs, count))
             return -1;
         if (const int result = fn(hp, &entry, attrs, count, arg))
             return result;
         krv_clear_error(hp);
-        if (!krv_entry_place_of(hp, &entry, &place)) // again: the visitor may have attached another section
-            return -1;
-        moved = krv_entry_next(hp, place, &entry);
+        if (!krv_fd_same_source(section, &attached)) { // the visitor has attached another one
+            attached = *section;
+            if (!krv_entry_place_of(hp, &entry, &place))
+                return -1;
+        }
+        moved = krv_entry_move_behind(hp, place, &entry, place.at(entry.at));
     }
     if (krv_errno(hp) != KRV_ERR_NOTFOUND)
         return -1;

@@ -4,7 +4,11 @@
 #include "input.h"
 #include "krv_dwarf.h"
 
+#include <algorithm>
 #include <cstdlib>
+#include <cstring>
+#include <iterator>
+#include <type_traits>
 
 static int look_at(krv_handle_t *hp, krv_ctu_t *cu, void *)
 {
@@ -46,7 +50,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
     krv_fuzz::input in(data, size);
     krv_fuzz::handle h(in);
-    const uint64_t addresses[4] = {0x1000, 0x1010, in.number(8), UINT64_MAX};
+    const uint64_t addresses[] = {0x1000, 0x1001, 0x1004, 0x1008, 0x1010, in.number(8), UINT64_MAX};
     h.attach(KRV_SEC_ABBREV, in.part());
     h.attach(KRV_SEC_STR, in.part());
     if (in.is_extended())
@@ -62,20 +66,25 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     for (const uint64_t address : addresses)
         korva_lookup_calls(h, address, calls, 4, &count);
     // One at a time and together, with and without lines, they are the same.
-    struct lengths {
-        size_t of[4];
+    struct chains {
+        krv_call_t calls[std::extent_v<decltype(addresses)>][4];
+        size_t lengths[std::extent_v<decltype(addresses)>];
     } found = {};
-    const auto visit = [](krv_handle_t *, size_t index, const krv_row_t *, const krv_call_t *, size_t length,
+    const auto visit = [](krv_handle_t *, size_t index, const krv_row_t *, const krv_call_t *chain, size_t length,
                           void *arg) {
-        static_cast<lengths *>(arg)->of[index] = length;
+        auto *to = static_cast<chains *>(arg);
+        to->lengths[index] = length;
+        std::copy_n(chain, std::min<size_t>(length, 4), to->calls[index]);
         return 0;
     };
-    if (korva_iter_chains(h, addresses, 4, in.is_extended() ? KRV_CHAINS_F_ASCENDING : KRV_CHAINS_F_NONE, visit,
-                          &found) != 0)
+    if (korva_iter_chains(h, addresses, std::size(addresses),
+                          in.is_extended() ? KRV_CHAINS_F_ASCENDING : KRV_CHAINS_F_NONE, visit, &found) != 0)
         return 0;
-    for (size_t i = 0; i < 4; ++i) {
+    for (size_t i = 0; i < std::size(addresses); ++i) {
         krv_row_t row;
-        if (korva_lookup_chain(h, addresses[i], &row, calls, 4, &count) == 0 && count != found.of[i])
+        if (korva_lookup_chain(h, addresses[i], &row, calls, 4, &count) == 0 &&
+            (count != found.lengths[i] ||
+             std::memcmp(calls, found.calls[i], std::min<size_t>(count, 4) * sizeof(krv_call_t)) != 0))
             abort();
     }
     const auto named = [](krv_handle_t *, const krv_entry_t *, void *) { return 0; };

@@ -140,7 +140,8 @@ static void find_together(run *r, uint64_t started, krv_handle_t *hp)
     };
     run_passes(r, started, [&](int) {
         std::vector<uint64_t> addresses(r->nqueries);
-        std::transform(r->queries, r->queries + r->nqueries, addresses.begin(), [](const query &q) { return q.address; });
+        std::transform(r->queries, r->queries + r->nqueries, addresses.begin(),
+                       [](const query &q) { return q.address; });
         korva_iter_chains(hp, addresses.data(), addresses.size(), flags, visit, r);
     });
 }

@@ -284,20 +284,43 @@ bytes inlined(const char *origin, uint64_t low, uint64_t size, uint8_t line)
     return bytes().uleb(3).offset_of(origin, 4).u64(low).u32(size).u8(0).u8(line);
 }
 
+std::string text_of(const krv_call_t *calls, size_t count)
+{
+    std::string all;
+    for (size_t i = 0; i < count; ++i)
+        all += (i == 0 ? "" : " < ") + std::string(calls[i].name == nullptr ? "?" : calls[i].name) +
+               (calls[i].linkage_name == nullptr ? "" : text("(%s)", calls[i].linkage_name)) +
+               (calls[i].decl_line == 0 ? "" : text("#%u", calls[i].decl_line)) +
+               (calls[i].is_inlined != 0 ? text("@%u", calls[i].call_line) : "");
+    return all;
+}
+
 std::string chain_of(handle &h, uint64_t address, size_t room = 8)
 {
     krv_call_t calls[8];
     size_t count = 0;
     if (korva_lookup_calls(h, address, calls, room, &count) != 0)
         return h.error();
-    std::string all;
-    for (size_t i = 0; i < std::min(count, room); ++i)
-        all += (i == 0 ? "" : " < ") + std::string(calls[i].name == nullptr ? "?" : calls[i].name) +
-               (calls[i].linkage_name == nullptr ? "" : text("(%s)", calls[i].linkage_name)) +
-               (calls[i].decl_line == 0 ? "" : text("#%u", calls[i].decl_line)) +
-               (calls[i].is_inlined != 0 ? text("@%u", calls[i].call_line) : "");
-    return count > room ? all + text(" < %lu", count - room) : all;
+    return text_of(calls, std::min(count, room)) + (count > room ? text(" < %lu", count - room) : "");
 }
+
+// What a visitor of chains was shown, by the index of the address.
+struct seen_chains {
+    std::vector<std::string> texts;
+    std::vector<size_t> order;
+    size_t stops_after = SIZE_MAX; // with 7
+
+    static int visit(krv_handle_t *, size_t index, const krv_row_t *row, const krv_call_t *calls, size_t count,
+                     void *arg)
+    {
+        auto *to = static_cast<seen_chains *>(arg);
+        EXPECT_EQ(row->number, KRV_ROW_NONE);
+        to->texts.resize(std::max(to->texts.size(), index + 1));
+        to->texts[index] = text_of(calls, count);
+        to->order.push_back(index);
+        return to->order.size() == to->stops_after ? 7 : 0;
+    }
+};
 
 } // namespace
 
@@ -376,34 +399,28 @@ TEST(Calls, Chain)
         {0x100000eff, "NOTFOUND"},
         {0x100000ffe, "farther"},
     };
-    std::vector<uint64_t> addresses;
+    std::vector<uint64_t> addresses; // for the batch: descending
+    std::vector<std::string> expected;
     for (const auto &row : rows) {
         EXPECT_EQ(chain_of(h, row.address), row.chain) << std::hex << row.address;
-        addresses.insert(addresses.begin(), row.address); // for the batch: descending
+        addresses.insert(addresses.begin(), row.address);
+        expected.insert(expected.begin(), std::string(row.chain) == "NOTFOUND" ? "" : row.chain);
     }
     EXPECT_EQ(chain_of(h, 0x1018, 1), "?@2 < 2");
 
-    const std::vector<size_t> expected{1, 0, 1, 2, 1, 2, 1, 0, 1, 2, 1, 2, 1, 2, 2, 3, 3, 2, 1, 0};
-    struct seen {
-        std::vector<size_t> lengths, order;
+    seen_chains given, ascending{.texts = {}, .order = {}, .stops_after = 18}, rows_only;
+    const auto iterate = [&](unsigned flags, seen_chains *to) {
+        return korva_iter_chains(h, addresses.data(), addresses.size(), flags, seen_chains::visit, to);
     };
-    const auto visit = [](krv_handle_t *, size_t index, const krv_row_t *row, const krv_call_t *, size_t count,
-                          void *arg) {
-        auto *to = static_cast<seen *>(arg);
-        EXPECT_EQ(row->number, KRV_ROW_NONE);
-        to->lengths.resize(std::max(to->lengths.size(), index + 1));
-        to->lengths[index] = count;
-        to->order.push_back(index);
-        return to->order.size() == 18 && to->order[0] != 0 ? 7 : 0;
-    };
-    seen given, ascending;
-    EXPECT_EQ(korva_iter_chains(h, addresses.data(), addresses.size(), KRV_CHAINS_F_NONE, visit, &given), 0);
-    EXPECT_EQ(given.lengths, expected);
+    EXPECT_EQ(iterate(KRV_CHAINS_F_NONE, &given), 0);
+    EXPECT_EQ(given.texts, expected);
     EXPECT_TRUE(std::is_sorted(given.order.begin(), given.order.end()));
-    EXPECT_EQ(korva_iter_chains(h, addresses.data(), addresses.size(), KRV_CHAINS_F_ASCENDING, visit, &ascending), 7);
+    EXPECT_EQ(iterate(KRV_CHAINS_F_ASCENDING, &ascending), 7);
     EXPECT_EQ(ascending.order.front(), 19U);
-    EXPECT_TRUE(std::equal(ascending.lengths.begin() + 2, ascending.lengths.end(), expected.begin() + 2));
-    EXPECT_EQ(korva_iter_chains(h, addresses.data(), 1, 2, visit, &ascending), -1);
+    EXPECT_TRUE(std::equal(ascending.texts.begin() + 2, ascending.texts.end(), expected.begin() + 2));
+    EXPECT_EQ(iterate(KRV_CHAINS_F_ROWS, &rows_only), 0);
+    EXPECT_EQ(rows_only.texts, std::vector<std::string>(addresses.size()));
+    EXPECT_EQ(iterate(4, &ascending), -1);
 
     std::string named;
     const auto add = [](krv_handle_t *, const krv_entry_t *entry, void *arg) {
@@ -414,6 +431,36 @@ TEST(Calls, Chain)
         EXPECT_EQ(korva_iter_named_entries(h, name, KRV_NAMED_FUNCTIONS | KRV_NAMED_VARIABLES, add, &named), 0);
     EXPECT_EQ(korva_iter_named_entries(h, "v", KRV_NAMED_FUNCTIONS, add, &named), 0);
     EXPECT_EQ(named, "2e 2e 34 ");
+}
+
+// Calls in one another, deeper than a visitor is shown, and beside one another: what chains have in common is shown anew.
+TEST(Calls, DeepChains)
+{
+    constexpr size_t DEPTH = 300, SHOWN = 256;
+    handle h;
+    h.extend();
+    h.attach(KRV_SEC_ABBREV, abbrevs(CALLS));
+    bytes dies = bytes().uleb(1).u64(0x1000).u32(UINT32_MAX).label("a").uleb(5).cstr("a").cstr("_Za").u8(7);
+    dies += subprogram("f", 0x1000, 2 * DEPTH);
+    const auto line_at = [](size_t depth) { return static_cast<uint8_t>(depth % 199); };
+    for (size_t depth = 0; depth < DEPTH; ++depth) // each begins an address behind its caller, and ends one before
+        dies += inlined("a", 0x1000 + depth + 1, 2 * (DEPTH - depth) - 2, line_at(depth));
+    h.attach(KRV_SEC_INFO, unit{.dies = dies.fill(DEPTH + 2)}.build());
+    std::vector<uint64_t> addresses;
+    std::vector<std::string> expected;
+    for (const size_t depth :
+         {299UL, 298UL, 297UL, 40UL, 254UL, 255UL, 256UL, 255UL, 3UL, 0UL, 3UL, 2UL, 299UL, 0UL, 0UL, 17UL}) {
+        addresses.push_back(0x1000 + (addresses.size() % 2 == 0 ? depth : 2 * DEPTH - 1 - depth));
+        std::string chain;
+        for (size_t i = depth; i > (depth < SHOWN ? 0 : depth - SHOWN + 1); --i)
+            chain += text("a(_Za)#7@%u < ", line_at(i - 1));
+        expected.push_back(chain + "f");
+    }
+    for (const unsigned flags : {KRV_CHAINS_F_NONE, KRV_CHAINS_F_ASCENDING}) {
+        seen_chains seen;
+        EXPECT_EQ(korva_iter_chains(h, addresses.data(), addresses.size(), flags, seen_chains::visit, &seen), 0);
+        EXPECT_EQ(seen.texts, expected);
+    }
 }
 
 // What the alternate file has is found there, also where its strings lie.
