@@ -95,15 +95,14 @@ krv_step_t krv_step_of(const krv_mach_def_t *mach, const krv_compact_t *rule, ui
 {
     const int fp = rule->kept[mach->smd_kept_fp], pc = rule->kept[mach->smd_n_kept - 1], offset = rule->cfa.offset;
     const bool is_same = fp == KRV_KEPT_SAME || (fp == KRV_KEPT_UNDEFINED && word == sizeof(uint32_t));
-    const int words = word == sizeof(uint32_t) ? offset / 4 : offset / 8, slots = is_same ? 0 : -fp;
-    if (rule->flags != 0 || rule->cfa.kind != KRV_ORIGIN_IS_ADDRESS ||
-        (static_cast<unsigned>(offset) & (word - 1)) != 0 || words < 0 || words > int{KRV_STEP_WORDS} ||
-        (!is_same && (slots < 1 || slots > int{KRV_STEP_SLOTS})) || (pc != -1 && pc != KRV_KEPT_UNDEFINED) ||
-        (rule->cfa.reg != mach->smd_sp && rule->cfa.reg != mach->smd_fp))
+    const int slots = is_same ? 0 : -fp;
+    if (rule->flags != 0 || rule->cfa.kind != KRV_ORIGIN_IS_ADDRESS || offset < 0 ||
+        offset > int{KRV_STEP_MOST_OFFSET} || (!is_same && (slots < 1 || slots > int{KRV_STEP_SLOTS})) ||
+        (pc != -1 && pc != KRV_KEPT_UNDEFINED) || (rule->cfa.reg != mach->smd_sp && rule->cfa.reg != mach->smd_fp))
         return KRV_STEP_NONE;
     return KRV_STEP_IS | (rule->cfa.reg == mach->smd_fp ? krv_step_t{KRV_STEP_BY_FP} : krv_step_t{0}) |
            (pc == -1 ? krv_step_t{0} : krv_step_t{KRV_STEP_OUTERMOST}) |
-           static_cast<krv_step_t>(words << KRV_STEP_SLOT_BITS) | static_cast<krv_step_t>(slots);
+           static_cast<krv_step_t>(offset << KRV_STEP_OFFSET_SHIFT) | static_cast<krv_step_t>(slots);
 }
 
 bool krv_compact_encode(const krv_activation_t *ap, uint64_t column, krv_compact_t *rule)

@@ -118,35 +118,41 @@ void krv_compact_learn(krv_handle_t *hp, const krv_activation_t *ap, uint64_t pc
 
 // Steps: what a rule says of stack and frame pointer, where the CFA counts from one of them, in the same word as a program counter,
 // so that a walk finds it by one load. 2^sh_cache_bits words, each by itself. Of the 48 bits that code has, mixed by a
-// multiplication that can be undone, some tell which word, the others stand in its upper part.
+// multiplication that can be undone, the upper ones tell which word, and all but the uppermost 12 stand in its upper part.
 typedef uint32_t krv_step_t;
 constexpr unsigned KRV_STEP_BITS = 28, KRV_LEAST_STEP_CACHE_BITS = 12;
 enum : krv_step_t {
     KRV_STEP_NONE = 0,
-    KRV_STEP_IS = 1U << 27,
-    KRV_STEP_BY_FP = 1U << 26,     // the CFA counts from the frame pointer, else from the stack pointer
-    KRV_STEP_OUTERMOST = 1U << 25, // there is no return address; else it is one word below the CFA
-    KRV_STEP_WORDS = 0x3ffff,      // which are added to that pointer, behind
-    KRV_STEP_SLOTS = 0x7f,         // words below the CFA where the frame pointer is; 0: it is the same
-    KRV_STEP_SLOT_BITS = 7
+    KRV_STEP_SLOTS = 0x7f,        // words below the CFA where the frame pointer is; 0: it is the same
+    KRV_STEP_BY_FP = 1U << 7,     // the CFA counts from the frame pointer, else from the stack pointer
+    KRV_STEP_OUTERMOST = 1U << 8, // there is no return address; else it is one word below the CFA
+    KRV_STEP_IS = 1U << 9,        // of every step
+    KRV_STEP_OFFSET_SHIFT = 10,   // behind, uppermost: what is added to that pointer
+    KRV_STEP_MOST_OFFSET = 0x3ffff
 };
 // What a rule says as a step of words of so many bytes, or KRV_STEP_NONE.
 krv_step_t krv_step_of(const krv_mach_def_t *mach, const krv_compact_t *rule, uint64_t word);
+
+// The product of a program counter, of which a place is found.
+inline uint64_t krv_step_mixed(uint64_t pc)
+{
+    return pc * (0x9e3779b97f4a7c15U << 16);
+}
 
 struct krv_step_place {
     uint64_t *word;
     uint64_t tag;
 
-    krv_step_place(uint64_t *cache, unsigned bits, uint64_t pc)
+    // `shift`: 64 less the bits of the number of words.
+    krv_step_place(uint64_t *cache, unsigned shift, uint64_t mixed)
+        : word(&cache[mixed >> shift]), tag(mixed << KRV_LEAST_STEP_CACHE_BITS)
     {
-        const uint64_t mixed = (pc * 0x9e3779b97f4a7c15U) << 16;
-        word = &cache[mixed >> (64 - bits)];
-        tag = mixed << bits;
     }
     krv_step_t recall() const
     {
         const uint64_t seen = krv_load(word) ^ tag;
-        return seen >> KRV_STEP_BITS == 0 ? static_cast<krv_step_t>(seen) : krv_step_t{KRV_STEP_NONE};
+        constexpr uint64_t MOST = (uint64_t{1} << KRV_STEP_BITS) - 1;
+        return seen - 1 < MOST ? static_cast<krv_step_t>(seen) : krv_step_t{KRV_STEP_NONE};
     }
     void remember(krv_step_t step) const { krv_store(word, tag | step); }
 };

@@ -15,7 +15,7 @@ namespace
 // What is known of a register of the frame in hand.
 struct known_register {
     uint64_t value;
-    enum : uint8_t { nothing, is, is_at } how; // the value, or where it is in memory
+    enum state : uint8_t { nothing, is, is_at } how; // the value, or where it is in memory
 };
 
 struct stack_walk {
@@ -41,27 +41,69 @@ struct stack_walk {
 // Memory and registers
 // ---------------------------------------------------------------------------------------------------------------
 
-template <typename Word>
-[[gnu::always_inline]] static inline bool read_word(const krv_stack_t &stack, uint64_t address, uint64_t *valuep)
+namespace
 {
-    Word value = 0;
-    if (stack.read != nullptr) {
-        if (stack.read(stack.arg, &value, sizeof(value), address) != int64_t{sizeof(value)})
+
+// Words of a stack that lies in the memory of the process itself.
+template <typename Word>
+class own_memory
+{
+public:
+    explicit own_memory(const krv_stack_t &stack)
+        : low(stack.low), starts(stack.high < stack.low || stack.high - stack.low < sizeof(Word)
+                                     ? 0
+                                     : stack.high - stack.low - sizeof(Word) + 1)
+    {
+    }
+    [[gnu::always_inline]] bool read(uint64_t address, uint64_t *valuep) const
+    {
+        if (address - low >= starts)
             return false;
-    } else {
-        if (address < stack.low || address > stack.high || stack.high - address < sizeof(value))
-            return false;
+        Word value;
         const auto *own = reinterpret_cast<const void *>(address); // NOLINT(performance-no-int-to-ptr)
         std::memcpy(&value, own, sizeof(value));
+        *valuep = value;
+        return true;
     }
-    *valuep = value;
-    return true;
+
+private:
+    uint64_t low, starts; // how many addresses from there on a word may begin at
+};
+
+// Those that the client's call reads.
+template <typename Word>
+class called_memory
+{
+public:
+    explicit called_memory(const krv_stack_t &stack) : func(stack.read), arg(stack.arg) {}
+    [[gnu::always_inline]] bool read(uint64_t address, uint64_t *valuep) const
+    {
+        Word value = 0;
+        if (func(arg, &value, sizeof(value), address) != int64_t{sizeof(value)})
+            return false;
+        *valuep = value;
+        return true;
+    }
+
+private:
+    krv_fd_cb_f *const func;
+    void *const arg;
+};
+
+} // namespace
+
+// Calls func(memory) with the one that a stack is in.
+template <typename Word, typename F>
+static inline auto with_memory(const krv_stack_t &stack, F func)
+{
+    return stack.read == nullptr ? func(own_memory<Word>(stack)) : func(called_memory<Word>(stack));
 }
 
 static bool read_word(stack_walk *w, uint64_t address, uint64_t *valuep)
 {
-    const bool is_read = w->word == sizeof(uint64_t) ? read_word<uint64_t>(*w->stack, address, valuep)
-                                                     : read_word<uint32_t>(*w->stack, address, valuep);
+    const auto read = [=](const auto &memory) { return memory.read(address, valuep); };
+    const bool is_read =
+        w->word == sizeof(uint64_t) ? with_memory<uint64_t>(*w->stack, read) : with_memory<uint32_t>(*w->stack, read);
     return is_read || w->end(KRV_STACK_MEMORY);
 }
 
@@ -77,16 +119,12 @@ static bool read_register(stack_walk *w, unsigned reg, uint64_t *valuep)
     return r->how == known_register::is || w->end(KRV_STACK_REGISTER);
 }
 
-// The registers that the client gives, by DWARF number.
-static void load_registers(stack_walk *w)
+// A register that the client gives, by its DWARF number.
+static void load_register(stack_walk *w, unsigned reg)
 {
-    for (unsigned i = 0; i < w->mach->smd_n_defs && w->mach->smd_defs[i].srd_dwarf <= static_cast<int>(w->mach->smd_pc);
-         ++i) {
-        const krv_reg_def_t *row = &w->mach->smd_defs[i];
-        if ((w->stack->mask >> row->srd_host & 1) != 0)
-            w->registers[row->srd_dwarf] = {static_cast<uint64_t>(w->stack->gregs[row->srd_host]) & w->mask,
-                                            known_register::is};
-    }
+    const int host = w->mach->smd_defs[reg].srd_host;
+    if ((w->stack->mask >> host & 1) != 0)
+        w->registers[reg] = {static_cast<uint64_t>(w->stack->gregs[host]) & w->mask, known_register::is};
 }
 
 // ---------------------------------------------------------------------------------------------------------------
@@ -112,7 +150,7 @@ static const krv_compact_t *find_rule(const stack_walk *w, size_t *modulep, uint
     if (const krv_compact_t *rule = rule_in(w, *modulep, pc))
         return rule;
     for (size_t i = 0; i < w->stack->nmodules; ++i)
-        if (const krv_compact_t *rule = rule_in(w, i, pc)) {
+        if (const krv_compact_t *rule = i == *modulep ? nullptr : rule_in(w, i, pc)) {
             *modulep = i;
             return rule;
         }
@@ -222,24 +260,28 @@ class steps_nearby
 public:
     explicit steps_nearby(const stack_walk *w) : walk(w), module(w->module) { look(); }
 
-    // KRV_STEP_NONE: there is no rule, or one that says more.
-    [[gnu::always_inline]] krv_step_t find(uint64_t pc)
+    // That of the last byte before an address, where a call that returns there stands. KRV_STEP_NONE: there is no rule, or one
+    // that says more.
+    [[gnu::always_inline]] krv_step_t find_before(uint64_t address)
     {
-        if (steps == nullptr || pc - start >= size)
-            return search(pc);
-        const krv_step_t step = krv_step_place(steps, bits, pc - bias).recall();
-        return step != KRV_STEP_NONE ? step : search(pc);
+        const krv_step_t step = address - behind_start < size
+                                    ? krv_step_place(steps, shift, krv_step_mixed(address) - mixed_start).recall()
+                                    : krv_step_t{KRV_STEP_NONE};
+        return __builtin_expect(step != KRV_STEP_NONE, 1) ? step : search(address - 1);
     }
-    bool has_rule(uint64_t pc) { return find_rule(walk, &module, pc) != nullptr; }
+    bool has_rule = true; // where there was no step
 
 private:
     [[gnu::noinline]] krv_step_t search(uint64_t pc)
     {
         const krv_compact_t *rule = find_rule(walk, &module, pc);
+        has_rule = rule != nullptr;
+        if (!has_rule)
+            return KRV_STEP_NONE;
         look();
-        const krv_step_t step = rule == nullptr ? krv_step_t{KRV_STEP_NONE} : krv_step_of(walk->mach, rule, walk->word);
-        if (steps != nullptr && step != KRV_STEP_NONE)
-            krv_step_place(steps, bits, pc - bias).remember(step);
+        const krv_step_t step = krv_step_of(walk->mach, rule, walk->word);
+        if (size != 0 && step != KRV_STEP_NONE)
+            krv_step_place(steps, shift, krv_step_mixed(pc + 1) - mixed_start).remember(step);
         return step;
     }
 
@@ -249,17 +291,18 @@ private:
         const krv_compact *compact = its->handle->sh_target == walk->target ? its->handle->sh_compact : nullptr;
         const krv_compact_table *table = compact == nullptr ? nullptr : krv_load(&compact->table);
         steps = table == nullptr ? nullptr : krv_load(&compact->steps);
-        bits = its->handle->sh_cache_bits;
-        bias = its->bias;
-        start = table == nullptr ? 0 : table->base + bias;
-        size = table == nullptr ? 0 : table->size;
+        shift = 64 - its->handle->sh_cache_bits;
+        size = steps == nullptr ? 0 : table->size;
+        behind_start = table == nullptr ? 0 : table->base + its->bias + 1;
+        mixed_start = krv_step_mixed(its->bias + 1);
     }
 
     const stack_walk *walk;
     size_t module;
     uint64_t *steps = nullptr;
-    unsigned bits = 0;
-    uint64_t start = 0, size = 0, bias = 0;
+    unsigned shift = 0;
+    uint64_t behind_start = 0, size = 0; // of the code that steps are of: an address further than its first
+    uint64_t mixed_start = 0;
 };
 
 struct swift_end {
@@ -271,35 +314,41 @@ struct swift_end {
 
 // Goes on from the frame that `w` has, the last of `count`, as leave does, for as long as rules are steps, as nearly all are: no
 // register but stack and frame pointer is followed. `Word` is the target's.
-template <typename Word>
-static swift_end walk_swiftly(const stack_walk *w, bool is_exact, uint64_t *addresses, size_t room, size_t count)
+template <typename Word, typename Memory>
+static swift_end walk_swiftly(const stack_walk *w, const Memory &memory, bool is_exact, uint64_t *addresses,
+                              size_t room, size_t count)
 {
     if (w->registers[w->mach->smd_sp].how != known_register::is)
         return {count, 0};
-    const krv_stack_t stack = *w->stack; // which addresses cannot be part of
     steps_nearby steps(w);
-    known_register frame = w->registers[w->mach->smd_fp];
+    uint64_t frame = w->registers[w->mach->smd_fp].value; // as frame_how says
+    auto frame_how = w->registers[w->mach->smd_fp].how;
+    auto stack_pointer = static_cast<Word>(w->registers[w->mach->smd_sp].value);
     uint64_t last_cfa = w->cfa, pc = w->pc;
-    for (auto stack_pointer = static_cast<Word>(w->registers[w->mach->smd_sp].value);; is_exact = false) {
-        const uint64_t asked = is_exact ? pc : pc - 1, last_pc = pc;
-        const krv_step_t step = steps.find(asked);
+    for (uint64_t behind = is_exact ? pc + 1 : pc;; behind = pc) {
+        const krv_step_t step = steps.find_before(behind);
         if (step == KRV_STEP_NONE)
-            return {count, steps.has_rule(asked) ? 0 : int{KRV_STACK_NO_RULE}};
+            return {count, steps.has_rule ? 0 : int{KRV_STACK_NO_RULE}};
         Word cfa = stack_pointer;
         if ((step & KRV_STEP_BY_FP) != 0) {
-            if (frame.how == known_register::nothing)
-                return {count, 0};
-            if (frame.how == known_register::is_at && !read_word<Word>(stack, frame.value, &frame.value))
-                return {count, KRV_STACK_MEMORY};
-            frame.how = known_register::is;
-            cfa = static_cast<Word>(frame.value);
+            if (frame_how != known_register::is) {
+                if (frame_how == known_register::nothing)
+                    return {count, 0};
+                if (!memory.read(frame, &frame))
+                    return {count, KRV_STACK_MEMORY};
+                frame_how = known_register::is;
+            }
+            cfa = static_cast<Word>(frame);
         }
-        cfa += static_cast<Word>(step >> KRV_STEP_SLOT_BITS & KRV_STEP_WORDS) * Word{sizeof(Word)};
-        if (const auto slots = static_cast<Word>(step & KRV_STEP_SLOTS))
-            frame = {static_cast<Word>(cfa - slots * Word{sizeof(Word)}), known_register::is_at};
+        cfa += static_cast<Word>(step >> KRV_STEP_OFFSET_SHIFT);
+        if (const auto slots = static_cast<Word>(step & KRV_STEP_SLOTS)) {
+            frame = static_cast<Word>(cfa - slots * Word{sizeof(Word)});
+            frame_how = known_register::is_at;
+        }
         if ((step & KRV_STEP_OUTERMOST) != 0)
             return {count, KRV_STACK_END};
-        if (!read_word<Word>(stack, static_cast<Word>(cfa - sizeof(Word)), &pc))
+        const uint64_t last_pc = pc;
+        if (!memory.read(static_cast<Word>(cfa - sizeof(Word)), &pc))
             return {count, KRV_STACK_MEMORY};
         if (pc == 0)
             return {count, KRV_STACK_END};
@@ -316,7 +365,9 @@ static swift_end walk_swiftly(const stack_walk *w, bool is_exact, uint64_t *addr
 static size_t walk(stack_walk *w, uint64_t *addresses, size_t room)
 {
     uint64_t pc = 0;
-    load_registers(w);
+    for (const unsigned reg : {w->mach->smd_sp, w->mach->smd_fp, w->mach->smd_pc})
+        load_register(w, reg); // others only where a step does not do
+    bool has_all = false;
     if (!read_register(w, w->mach->smd_pc, &pc))
         return 0;
     w->pc = pc;
@@ -327,11 +378,18 @@ static size_t walk(stack_walk *w, uint64_t *addresses, size_t room)
     addresses[0] = pc;
     bool is_exact = true;
     for (size_t at = 0;; addresses[++at] = w->pc) {
-        const auto swiftly = w->word == sizeof(uint64_t) ? walk_swiftly<uint64_t> : walk_swiftly<uint32_t>;
-        const auto [count, reason] = swiftly(w, is_exact, addresses, room, at + 1);
+        const auto swiftly = [=]<typename Word>(Word) {
+            return with_memory<Word>(*w->stack, [=](const auto &memory) {
+                return walk_swiftly<Word>(w, memory, is_exact, addresses, room, at + 1);
+            });
+        };
+        const auto [count, reason] = w->word == sizeof(uint64_t) ? swiftly(uint64_t{}) : swiftly(uint32_t{});
         w->reason = reason;
         if (reason != 0)
             return count;
+        for (unsigned reg = 0; !has_all && reg <= w->mach->smd_pc; ++reg)
+            load_register(w, reg);
+        has_all = true;
         for (; at + 1 < count; addresses[++at] = w->pc) // the same frames, with all registers
             if (!leave(w, &is_exact))
                 return at + 1;

@@ -168,13 +168,15 @@ constexpr krv_reg_def_t krv_def_i386[] = {
 constexpr size_t WIDEST = SLOT;
 
 template <size_t N>
-consteval bool table_sound(const krv_reg_def_t (&rows)[N], size_t count, int last)
+consteval bool table_sound(const krv_reg_def_t (&rows)[N], size_t count, int last, int pc)
 {
     if (N != count || rows[0].srd_dwarf != 0 || rows[N - 1].srd_dwarf != last)
         return false;
     for (size_t i = 0; i < N; ++i) {
         if (i != 0 && rows[i].srd_dwarf <= rows[i - 1].srd_dwarf) // ascending, so none repeats
             return false;
+        if (static_cast<int>(i) <= pc && (rows[i].srd_dwarf != static_cast<int>(i) || rows[i].srd_host < 0))
+            return false; // walks find them by their numbers
         if (rows[i].srd_size > WIDEST || rows[i].srd_offset + WIDEST > offsetof(krv_registers_t, special))
             return false; // the unwinder copies from any register as many bytes as the other one is wide
         if (rows[i].srd_host < KRV_REG_NO_HOST || rows[i].srd_host >= KRV_HOST_MAX)
@@ -183,8 +185,8 @@ consteval bool table_sound(const krv_reg_def_t (&rows)[N], size_t count, int las
     return true;
 }
 
-static_assert(table_sound(krv_def_amd64, 63, 66), "AMD64 register table");
-static_assert(table_sound(krv_def_i386, 43, 49), "32-bit x86 register table");
+static_assert(table_sound(krv_def_amd64, 63, 66, 16), "AMD64 register table");
+static_assert(table_sound(krv_def_i386, 43, 49, 8), "32-bit x86 register table");
 
 // %rbx %rbp %r12 to %r15; %ebx %ebp %esi %edi; and the return address.
 constexpr uint8_t kept_amd64[] = {3, 6, 12, 13, 14, 15, 16};
