@@ -56,8 +56,8 @@ void krv_compact_table_free(krv_compact_table *table)
 {
     if (table == nullptr)
         return;
-    krv_free(table->offsets);
-    krv_free(table->rules);
+    krv_free(table->pieces);
+    krv_free(table->rows);
     krv_free(table->blocks);
     krv_free(table->origins);
     krv_free(table);

@@ -6,6 +6,7 @@
 #define KRV_COMPACT_H
 
 #include "krv_activation.h"
+#include "krv_search.h"
 
 constexpr unsigned KRV_WALK_REGISTERS = 17; // DWARF numbers below this one have an origin in a rule, on either target
 
@@ -57,17 +58,30 @@ enum : uint16_t {
     KRV_COMPACT_FIRST = 2
 };
 
-// All code of a module, from row to row. Does not change once published.
+// A function, or as much of one as the rows of a list reach.
+struct krv_compact_piece {
+    uint32_t start, size; // bytes, from the table's base
+    uint32_t list;
+};
+
+// All code of a module. Does not change once published.
 struct krv_compact_table {
-    uint64_t base, size; // bytes, less than 2^32
-    uint32_t *offsets;   // where rows begin, from base, ascending; the first is 0
-    krv_compact_number_t *rules;
-    uint32_t *blocks; // by offset >> shift: the row at the block's first byte; one more than there are blocks
+    uint64_t base, size;       // bytes, less than 2^32
+    krv_compact_piece *pieces; // owned: ascending, apart
+    uint32_t *rows;            // owned: lists, which pieces share: the number of rows, and these, see krv_compact_row
+    uint32_t *
+        blocks; // owned: by offset >> shift: the piece at the block's first byte or before; one more than there are blocks
     unsigned shift;
-    uint64_t rows, capacity;
-    krv_origin_t *origins;
+    uint32_t npieces, pieces_capacity, nrows, rows_capacity;
+    krv_origin_t *origins; // owned
     uint32_t norigins, origins_capacity;
 };
+
+// A row: where it begins, from the first byte of its piece, which is where the first one does, and its rule.
+constexpr uint32_t krv_compact_row(uint32_t begin, krv_compact_number_t rule)
+{
+    return begin << 16 | rule;
+}
 
 // Rules, each of them once; and what a handle with KRV_OPT_EXT_CONSTANT_FRAMES keeps beside them.
 struct krv_compact {
@@ -162,14 +176,20 @@ inline krv_compact_number_t krv_compact_search(const krv_compact_table *table, u
 {
     const auto offset = static_cast<uint32_t>(pc - table->base);
     const uint32_t *block = &table->blocks[offset >> table->shift];
-    uint32_t row = block[0], last = block[1];
-    while (last - row > 8) { // the last one that does not begin behind it
-        const uint32_t middle = row + (last - row) / 2;
-        (table->offsets[middle] <= offset ? row : last) = middle;
+    uint32_t piece = block[0], last = block[1];
+    while (last - piece > 8) { // the last one that does not begin behind it
+        const uint32_t middle = piece + (last - piece) / 2;
+        (table->pieces[middle].start <= offset ? piece : last) = middle;
     }
-    while (row < last && table->offsets[row + 1] <= offset)
-        ++row;
-    return table->rules[row];
+    while (piece < last && table->pieces[piece + 1].start <= offset)
+        ++piece;
+    const krv_compact_piece &of = table->pieces[piece];
+    const uint32_t behind = offset - of.start;
+    if (behind >= of.size)
+        return KRV_COMPACT_NONE;
+    const uint32_t *const list = &table->rows[of.list];
+    const uint32_t asked = krv_compact_row(behind < UINT16_MAX ? behind : UINT16_MAX, UINT16_MAX);
+    return static_cast<krv_compact_number_t>(list[krv_count_not_above(list + 1, *list, asked, std::identity())]);
 }
 
 #endif

@@ -8,6 +8,7 @@
 #include "krv_ext.h"
 #include "krv_mem.h"
 
+#include <algorithm>
 #include <cstdlib>
 
 int krv_fde_compar(const void *a, const void *b)
@@ -105,22 +106,39 @@ static krv_linear_t *build_linear_table(krv_handle_t *hp, krv_reader_t *reader, 
     }
     if (!krv_table_trim(hp, &lt->sl_table, &lt->sl_table_size, lt->sl_table_entries))
         return nullptr;
-    std::qsort(lt->sl_table, static_cast<size_t>(lt->sl_table_entries), sizeof(krv_lie_t), krv_fde_compar);
+    // Those of one address stay in the section's order.
+    std::sort(lt->sl_table, lt->sl_table + lt->sl_table_entries, [](const krv_lie_t &a, const krv_lie_t &b) {
+        const int order = krv_fde_compar(&a, &b);
+        return order != 0 ? order < 0 : a.sle_offset < b.sle_offset;
+    });
     return lt.release();
 }
 
-static krv_linear_t *get_linear_table(krv_handle_t *hp, krv_reader_t *reader, bool fdes_first = false)
+static krv_linear_t *get_linear_table(krv_handle_t *hp, krv_reader_t *reader)
 {
     if (krv_linear_t *known = krv_load(&reader->sr_lt))
         return known;
-    krv_linear_t *fresh = build_linear_table(hp, reader, fdes_first);
+    krv_linear_t *fresh = build_linear_table(hp, reader, false);
     return fresh == nullptr ? nullptr : krv_publish(&reader->sr_lt, fresh, krv_linear_deleter());
 }
 
-const krv_linear_t *krv_get_linear_table(krv_handle_t *hp)
+const krv_linear_t *krv_list_fdes(krv_handle_t *hp, krv_linear_owner *ownp)
 {
     krv_reader_t *reader = krv_need_reader(hp);
-    return reader == nullptr ? nullptr : get_linear_table(hp, reader, true);
+    if (reader == nullptr)
+        return nullptr;
+    if (const krv_linear_t *known = krv_load(&reader->sr_lt))
+        return known;
+    krv_linear_owner fresh(build_linear_table(hp, reader, true));
+    krv_fde_search search = {};
+    if (fresh == nullptr)
+        return nullptr;
+    if (reader->sr_ops->sro_gfoba(hp, reader, fresh->sl_table[0].sle_start, &search) != 0) {
+        krv_clear_error(hp);
+        return krv_publish(&reader->sr_lt, fresh.release(), krv_linear_deleter());
+    }
+    *ownp = std::move(fresh);
+    return ownp->get();
 }
 
 static int search_linear_table(krv_handle_t *hp, const krv_linear_t *lt, uint64_t address, krv_fde_search *entry)

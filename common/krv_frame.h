@@ -17,8 +17,9 @@ int krv_get_fde_offset_by_address(krv_handle_t *hp, uint64_t address, boolean_t 
 krv_fde_t *krv_search_fde(krv_handle_t *hp, uint64_t address, krv_fde_search *searchp, krv_fde_room *room = nullptr);
 krv_fde_t *krv_get_fde_by_address(krv_handle_t *hp, uint64_t address, krv_fde_room *room = nullptr);
 
-// Every FDE of the section, read once and kept. NULL with the code of a failed read, KRV_ERR_NOTFOUND when there is none.
-const krv_linear_t *krv_get_linear_table(krv_handle_t *hp);
+// Every FDE of the section: kept, or, where the reader has an index of its own to find them by, the caller's. NULL with the code of a
+// failed read, KRV_ERR_NOTFOUND when there is none.
+const krv_linear_t *krv_list_fdes(krv_handle_t *hp, krv_linear_owner *ownp);
 
 // Whether an FDE ends before the one that the table has behind its entry; if not, neither is found.
 bool krv_fde_is_consistent(const krv_fde_t *fdep, uint64_t start, uint64_t next);

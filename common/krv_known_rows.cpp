@@ -172,9 +172,7 @@ static bool is_advance(uint8_t opcode)
            opcode == DW_CFA_advance_loc4;
 }
 
-// Whether instructions can be decoded at a glance, which leaves out expressions and what depends on where it is; and lead
-// no further than rows may begin.
-static bool are_portable(const krv_rows_key &key, uint64_t code_align)
+bool krv_rows_are_portable(const krv_rows_key &key, uint64_t code_align)
 {
     const uint8_t *at = key.bytes, *const end = at + key.size;
     uint64_t behind = 0;
@@ -231,7 +229,7 @@ bool krv_rows_begin(krv_rows_draft *draft, krv_handle_t *hp, krv_reader_t *reade
     draft->behind = 0;
     draft->is_short = false;
     draft->count = 0;
-    if (are_portable(key, cie->scie_code_alignment_factor))
+    if (krv_rows_are_portable(key, cie->scie_code_alignment_factor))
         return true;
     publish(draft, key);
     krv_clear_error(hp);

@@ -20,6 +20,10 @@ struct krv_rows_key {
 // False: of such an FDE nothing is kept.
 bool krv_rows_key_of(const krv_fde_t *fde, krv_rows_key *key);
 
+// Whether instructions can be decoded at a glance, which leaves out expressions and what depends on where it is; and lead
+// no further than rows may begin.
+bool krv_rows_are_portable(const krv_rows_key &key, uint64_t code_align);
+
 // Fills the rules of a program counter `offset` bytes behind the FDE's first address, as executing the instructions does.
 // False: they are not known.
 bool krv_rows_apply(const krv_reader_t *reader, krv_activation_t *ap, const krv_fde_t *fde, uint64_t offset);

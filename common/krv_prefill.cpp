@@ -2,7 +2,7 @@
 //
 // The table of the rules of all code: every FDE of the section, as krv_get_fde_by_address finds it, row by row.
 #include "krv_budget.h"
-#include "krv_compact.h"
+#include "krv_compact_draft.h"
 #include "krv_dwarf.h"
 #include "krv_error.h"
 #include "krv_fd.h"
@@ -22,14 +22,14 @@ struct table_deleter {
 };
 using table_owner = std::unique_ptr<krv_compact_table, table_deleter>;
 
-constexpr uint64_t MOST_CODE = UINT32_MAX;
-
 // The table while it is filled.
 struct filling {
     krv_handle_t *hp;
     krv_activation_t *ap;
     krv_compact_table *table;
+    krv_compact_draft *draft;
     uint64_t column; // of the FDE in hand
+    uint64_t first;  // the address that its rows count from
     uint64_t behind; // where its next row begins
     uint64_t bytes;  // of instructions that were read
     int32_t failure; // KRV_ERR_NOMEM or KRV_ERR_IO: a row is missing that another time might be there
@@ -180,25 +180,10 @@ static bool add_origins(filling *f, krv_compact_t *rule)
 // Rows
 // ---------------------------------------------------------------------------------------------------------------
 
-// Appends a row; one that says what the row before it says is part of that.
 static void add_row(filling *f, uint64_t start, krv_compact_number_t number)
 {
-    krv_compact_table *table = f->table;
-    const uint64_t offset = start - table->base;
-    if (offset > MOST_CODE)
-        return;
-    if (table->rows != 0 && table->offsets[table->rows - 1] == offset)
-        --table->rows;
-    if (table->rows != 0 && table->rules[table->rows - 1] == number)
-        return;
-    uint64_t capacity = table->capacity;
-    if (!krv_table_grow(f->hp, &table->rules, &capacity, table->rows, uint64_t{64}) ||
-        !krv_table_grow(f->hp, &table->offsets, &table->capacity, table->rows, uint64_t{64})) {
+    if (!f->draft->add_row(start - f->first, number))
         f->failure = KRV_ERR_NOMEM;
-        return;
-    }
-    table->offsets[table->rows] = static_cast<uint32_t>(offset);
-    table->rules[table->rows++] = number;
 }
 
 static krv_compact_number_t give_up(filling *f)
@@ -228,6 +213,40 @@ static void visit_row(void *arg, const krv_slots_t &changed, uint64_t start, uin
     f->behind = end;
 }
 
+// Executes the instructions of an FDE, and has its rows in hand then. `shared`: to their end, as if they began at address 0. False: they
+// did not end well; the last row says so.
+static bool execute(filling *f, krv_fde_t *fde, bool shared)
+{
+    f->draft->nrows = 0;
+    f->behind = f->first = shared ? 0 : fde->sfde_target_address;
+    const bool whole = (shared ? krv_generate_shared_rows : krv_generate_rows)(f->hp, f->ap, fde, visit_row, f) == 0;
+    add_row(f, f->behind, whole ? number_rules(f) : give_up(f));
+    return whole;
+}
+
+// The call-back for debugging would be told of failures of rows that the function does not reach.
+static bool may_share(const filling *f, const krv_fde_t *fde, krv_rows_key *key)
+{
+    return f->hp->sh_opts[KRV_OPT_DEBUG_FUNC].sopt_set != B_TRUE && f->hp->sh_budget == nullptr &&
+           fde->sfde_target_address <= UINT64_MAX - KRV_ROWS_SPAN && krv_rows_key_of(fde, key);
+}
+
+static bool add_rows(filling *f, krv_fde_t *fde)
+{
+    const uint64_t start = fde->sfde_target_address - f->table->base, size = fde->sfde_address_range;
+    krv_rows_key key;
+    const bool shares = may_share(f, fde, &key);
+    uint32_t list;
+    if (shares && f->draft->knows(key, &list))
+        return f->draft->add_with(list, start, size);
+    if (shares && krv_rows_are_portable(key, fde->sfde_cie->scie_code_alignment_factor)) {
+        if (execute(f, fde, true))
+            return f->draft->add(&key, start, size);
+    }
+    execute(f, fde, false);
+    return f->draft->add(nullptr, start, size);
+}
+
 // An FDE that is not found by every address, or whose rows cannot be read, is left to those who ask for it. False, with
 // code and messages: it cannot be read this time.
 static bool add_function(filling *f, const krv_lie_t *entry, uint64_t next)
@@ -238,40 +257,15 @@ static bool add_function(filling *f, const krv_lie_t *entry, uint64_t next)
     if (fde == nullptr)
         return false;
     const uint64_t size = fde->sfde_address_range;
-    if (!krv_fde_is_consistent(fde.get(), start, next) || size == 0 || size > UINT64_MAX - start) {
-        add_row(f, start, KRV_COMPACT_ASK);
-        return f->failure == 0;
-    }
+    if (!krv_fde_is_consistent(fde.get(), start, next) || size == 0 || size > UINT64_MAX - start)
+        return true;
     f->column = fde->sfde_cie->scie_return_address_register;
     f->bytes += fde->sfde_cfi_size;
-    f->behind = start;
-    const bool whole = krv_generate_rows(f->hp, f->ap, fde.get(), visit_row, f) == 0;
-    add_row(f, f->behind, whole ? number_rules(f) : give_up(f));
-    add_row(f, start + size, KRV_COMPACT_NONE);
+    if (!add_rows(f, fde.get()))
+        f->failure = KRV_ERR_NOMEM;
     if (f->failure != 0)
         krv_errno(f->hp) = f->failure;
     return f->failure == 0;
-}
-
-// About one block a row.
-static bool index_rows(filling *f)
-{
-    krv_compact_table *table = f->table;
-    const uint64_t last = table->offsets[table->rows - 1];
-    table->size = last + 1;
-    table->shift = std::min(static_cast<unsigned>(std::bit_width(table->size / table->rows)), 31U); // of 32 bits
-    const uint64_t blocks = (last >> table->shift) + 1;
-    table->blocks = static_cast<uint32_t *>(krv_alloc(f->hp, (blocks + 1) * sizeof(uint32_t)));
-    if (table->blocks == nullptr)
-        return false;
-    uint32_t row = 0;
-    for (uint64_t block = 0; block < blocks; ++block) {
-        while (row + 1 < table->rows && table->offsets[row + 1] <= block << table->shift)
-            ++row;
-        table->blocks[block] = row;
-    }
-    table->blocks[blocks] = static_cast<uint32_t>(table->rows - 1);
-    return true;
 }
 
 static bool fill(filling *f, const krv_linear_t *lt)
@@ -289,7 +283,27 @@ static bool fill(filling *f, const krv_linear_t *lt)
             return false;
     }
     krv_clear_error(f->hp); // of rows that are left to others
-    return index_rows(f);
+    return true;
+}
+
+static bool fill_from_fdes(krv_handle_t *hp, krv_activation_t *ap, krv_compact_table *table)
+{
+    krv_compact_draft draft(hp, table);
+    filling f = {.hp = hp,
+                 .ap = ap,
+                 .table = table,
+                 .draft = &draft,
+                 .column = 0,
+                 .first = 0,
+                 .behind = 0,
+                 .bytes = 0,
+                 .failure = 0};
+    krv_linear_owner own;
+    const krv_linear_t *fdes = krv_list_fdes(hp, &own);
+    if (fdes == nullptr || !fill(&f, fdes))
+        return false;
+    own.reset();
+    return draft.finish();
 }
 
 // What walks fill, which take no memory themselves. False: KRV_ERR_NOMEM.
@@ -309,15 +323,10 @@ static int prefill(krv_handle_t *hp)
         return krv_fail(hp, KRV_ERR_INVALID, "call-frame information is not promised to be constant");
     if (krv_load(&c->table) != nullptr)
         return 0;
-    const krv_linear_t *lt = krv_get_linear_table(hp);
-    if (lt == nullptr)
-        return -1;
     const krv_activation_owner ap(korva_activation_alloc(hp));
     table_owner table(krv_new<krv_compact_table>(hp));
-    if (ap == nullptr || table == nullptr)
-        return -1;
-    filling f = {hp, ap.get(), table.get(), 0, 0, 0, 0};
-    if (!fill(&f, lt) || !make_steps(hp, c, table.get()))
+    if (ap == nullptr || table == nullptr || !fill_from_fdes(hp, ap.get(), table.get()) ||
+        !make_steps(hp, c, table.get()))
         return -1;
     krv_publish(&c->table, table.release(), krv_compact_table_free);
     return 0;

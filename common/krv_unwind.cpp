@@ -125,16 +125,13 @@ static extent extent_of(const krv_fde_t *fde)
     return {fde->sfde_target_address, fde->sfde_address_range};
 }
 
-// Executes the instructions to their end, as if they began at address 0, for all FDEs that have the same.
+// For all FDEs that have the same instructions.
 [[gnu::noinline]] static void learn_rows(krv_handle_t *hp, krv_activation_t *ap, krv_reader_t *reader, krv_fde_t *fde)
 {
     krv_rows_key key;
     krv_rows_draft draft;
     if (krv_rows_key_of(fde, &key) && krv_rows_begin(&draft, hp, reader, ap, fde->sfde_cie, key))
-        krv_rows_keep(
-            &draft, key,
-            generate_cie_rules(hp, ap, fde->sfde_cie) == 0 &&
-                generate_fde_rules(hp, ap, fde, {0, KRV_ROWS_SPAN + 1}, KRV_ROWS_SPAN, krv_rows_add, &draft) == 0);
+        krv_rows_keep(&draft, key, krv_generate_shared_rows(hp, ap, fde, krv_rows_add, &draft) == 0);
 }
 
 // What the instructions said before, if they did not lead past the last address.
@@ -208,6 +205,14 @@ int krv_generate_rules(krv_handle_t *hp, krv_activation_t *ap, uint64_t pc, uint
 int krv_generate_initial_rules(krv_handle_t *hp, krv_activation_t *ap, krv_cie_t *cie)
 {
     return generate_cie_rules(hp, ap, cie);
+}
+
+int krv_generate_shared_rows(krv_handle_t *hp, krv_activation_t *ap, krv_fde_t *fde, krv_row_f *row, void *arg)
+{
+    enter_function(ap, fde);
+    return generate_cie_rules(hp, ap, fde->sfde_cie) != 0
+               ? -1
+               : generate_fde_rules(hp, ap, fde, {0, KRV_ROWS_SPAN + 1}, KRV_ROWS_SPAN, row, arg);
 }
 
 int krv_generate_rows(krv_handle_t *hp, krv_activation_t *ap, krv_fde_t *fde, krv_row_f *row, void *arg)

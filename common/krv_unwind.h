@@ -24,6 +24,9 @@ int krv_execute_rules(krv_handle_t *hp, krv_activation_t *ap, krv_fde_t *fde, ui
 // are there afterwards. -1 with code and messages when a row cannot be read; those before it were visited.
 int krv_generate_rows(krv_handle_t *hp, krv_activation_t *ap, krv_fde_t *fde, krv_row_f *row, void *arg);
 
+// The same of all rows that the instructions make, wherever the FDE ends, as if it began at address 0.
+int krv_generate_shared_rows(krv_handle_t *hp, krv_activation_t *ap, krv_fde_t *fde, krv_row_f *row, void *arg);
+
 // Fills sa_function, if that was spared.
 int krv_find_function(krv_handle_t *hp, krv_activation_t *ap);
 

@@ -277,6 +277,46 @@ TEST(Stack, Options)
     EXPECT_EQ(korva_handle_get_errno(none), KRV_ERR_NOTFOUND);
 }
 
+// Functions with the same instructions share their rows: shorter and longer ones, with rows far apart, and with damage that not all of
+// them reach.
+TEST(Stack, SharedInstructions)
+{
+    const auto advance = [](uint32_t size) { return op(DW_CFA_advance_loc4).u32(size); };
+    const auto offset = [](uint64_t size) { return op(DW_CFA_def_cfa_offset).uleb(size); };
+    const bytes near = op(DW_CFA_advance_loc, 4) + offset(16) + op(DW_CFA_advance_loc, 4) + offset(24);
+    const bytes far = advance(4) + offset(16) + advance(0x18000) + offset(24) + advance(0x10000) + offset(32);
+    const bytes damaged = advance(4) + offset(16) + advance(8) + op(DW_CFA_restore_state);
+    const struct {
+        uint64_t start, size;
+        bytes rows;
+    } functions[] = {
+        {0x2000, 0x30000, far},  {0x1000, 0x20, near}, {0x1030, 6, near},       {0x1040, 0x40, near},
+        {0x40000, 0x18010, far}, {0x1100, 8, damaged}, {0x1108, 0x20, damaged}, {0x1200, 2, far},
+    };
+    stopped plain({.rows = {}, .eh = true}), filled({.rows = {}, .eh = true});
+    bytes section = eh_cie{.instructions = op(DW_CFA_def_cfa).uleb(7).uleb(8) + op(DW_CFA_offset, 16).uleb(1)}.build();
+    for (const auto &f : functions)
+        section += eh_fde{.cie = eh_frame_address, .address = f.start, .range = f.size, .instructions = f.rows}.build(
+            eh_frame_address + section.size());
+    for (stopped *s : {&plain, &filled}) {
+        bytes words;
+        for (unsigned n = 1; n <= 16; ++n)
+            words.u64(0x1101 * n);
+        s->memory.contents = words.fill(eh_frame_address - stack_address - words.size()).add(section).u32(0);
+    }
+    korva_handle_set_opt(filled.h, KRV_OPT_EXT_CONSTANT_FRAMES, uint64_t{1});
+    ASSERT_EQ(korva_frames_prefill(filled.h), 0) << filled.h.error();
+    EXPECT_LT(filled.h->sh_compact->table->nrows, 40U);
+    frame(plain, 1, 17); // what is said of the end of the section is said once
+    for (const auto &f : functions)
+        for (const uint64_t behind :
+             {uint64_t{0}, uint64_t{3}, uint64_t{4}, uint64_t{7}, uint64_t{8}, uint64_t{12}, uint64_t{0x18003},
+              uint64_t{0x18004}, uint64_t{0x28003}, uint64_t{0x28004}, f.size - 1, f.size}) {
+            const uint64_t pc = f.start + behind;
+            EXPECT_EQ(frame(filled, pc, 17), frame(plain, pc, 17)) << std::hex << pc;
+        }
+}
+
 // A table reaches 4 GiB; what lies behind is asked of the records.
 TEST(Stack, BeyondTheTable)
 {
