@@ -8,6 +8,7 @@
 
 constexpr uint64_t MOST_CODE = UINT32_MAX;
 constexpr uint32_t MOST_BEGIN = UINT16_MAX; // of a row, from its piece
+constexpr uint32_t PROBES = 16;             // hashes may be made to collide
 
 krv_compact_draft::~krv_compact_draft()
 {
@@ -35,23 +36,26 @@ bool krv_compact_draft::add_row(uint64_t begin, krv_compact_number_t rule)
 // Lists of rows by the instructions that make them
 // ---------------------------------------------------------------------------------------------------------------
 
-// The slot of the index where a list with these instructions is, or would be.
-uint32_t krv_compact_draft::find(const krv_rows_key &key) const
+// The slot of the index where a list with these instructions is, or would be. NULL: there is no room for it.
+uint32_t *krv_compact_draft::find(const krv_rows_key &key) const
 {
-    for (uint32_t at = key.hash;; ++at) {
-        const krv_draft_list *list = list_at(at & (index_size - 1));
+    for (uint32_t probe = 0; probe < PROBES && index_size != 0; ++probe) {
+        uint32_t *slot = &index[(key.hash + probe) & (index_size - 1)];
+        const krv_draft_list *list = *slot == 0 ? nullptr : &lists[*slot - 1];
         if (list == nullptr || (list->hash == key.hash && list->size == key.size && list->decoding == key.decoding &&
                                 std::memcmp(bytes + list->bytes, key.bytes, key.size) == 0))
-            return at & (index_size - 1);
+            return slot;
     }
+    return nullptr;
 }
 
 bool krv_compact_draft::knows(const krv_rows_key &key, uint32_t *listp) const
 {
-    const krv_draft_list *known = index_size == 0 ? nullptr : list_at(find(key));
-    if (known != nullptr)
-        *listp = known->list;
-    return known != nullptr;
+    const uint32_t *slot = find(key);
+    if (slot == nullptr || *slot == 0)
+        return false;
+    *listp = lists[*slot - 1].list;
+    return true;
 }
 
 bool krv_compact_draft::grow_index()
@@ -65,12 +69,12 @@ bool krv_compact_draft::grow_index()
     krv_free(index);
     index = fresh;
     index_size = size;
-    for (uint32_t i = 0; i < nlists; ++i) {
-        uint32_t at = lists[i].hash;
-        while (index[at & (size - 1)] != 0)
-            ++at;
-        index[at & (size - 1)] = i + 1;
-    }
+    for (uint32_t i = 0; i < nlists; ++i)
+        for (uint32_t probe = 0; probe < PROBES; ++probe)
+            if (uint32_t *slot = &index[(lists[i].hash + probe) & (size - 1)]; *slot == 0) {
+                *slot = i + 1;
+                break;
+            }
     return true;
 }
 
@@ -81,13 +85,16 @@ bool krv_compact_draft::keep(const krv_rows_key &key, uint32_t list)
         return true;
     if (!grow_index() || !krv_table_grow(hp, &lists, &lists_capacity, nlists, 16U))
         return false;
+    uint32_t *slot = find(key);
+    if (slot == nullptr)
+        return true;
     while (bytes_capacity - nbytes < key.size)
         if (!krv_table_grow(hp, &bytes, &bytes_capacity, bytes_capacity, 256U))
             return false;
     std::copy_n(key.bytes, key.size, bytes + nbytes);
     lists[nlists] = {key.decoding, key.hash, key.size, nbytes, list};
     nbytes += key.size;
-    index[find(key)] = ++nlists;
+    *slot = ++nlists;
     return true;
 }
 

@@ -49,8 +49,7 @@ private:
     bool add_list(uint32_t first, uint32_t behind, uint32_t *listp);
     bool keep(const krv_rows_key &key, uint32_t list);
     bool grow_index();
-    const krv_draft_list *list_at(uint32_t slot) const { return index[slot] == 0 ? nullptr : &lists[index[slot] - 1]; }
-    uint32_t find(const krv_rows_key &key) const;
+    uint32_t *find(const krv_rows_key &key) const;
 
     krv_draft_row *rows = nullptr;
     uint32_t rows_capacity = 0;

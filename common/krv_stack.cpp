@@ -362,6 +362,13 @@ static swift_end walk_swiftly(const stack_walk *w, const Memory &memory, bool is
     }
 }
 
+template <typename Word>
+static swift_end walk_by_words(const stack_walk *w, bool is_exact, uint64_t *addresses, size_t room, size_t count)
+{
+    return with_memory<Word>(
+        *w->stack, [=](const auto &memory) { return walk_swiftly<Word>(w, memory, is_exact, addresses, room, count); });
+}
+
 static size_t walk(stack_walk *w, uint64_t *addresses, size_t room)
 {
     uint64_t pc = 0;
@@ -378,12 +385,8 @@ static size_t walk(stack_walk *w, uint64_t *addresses, size_t room)
     addresses[0] = pc;
     bool is_exact = true;
     for (size_t at = 0;; addresses[++at] = w->pc) {
-        const auto swiftly = [=]<typename Word>(Word) {
-            return with_memory<Word>(*w->stack, [=](const auto &memory) {
-                return walk_swiftly<Word>(w, memory, is_exact, addresses, room, at + 1);
-            });
-        };
-        const auto [count, reason] = w->word == sizeof(uint64_t) ? swiftly(uint64_t{}) : swiftly(uint32_t{});
+        const auto swiftly = w->word == sizeof(uint64_t) ? walk_by_words<uint64_t> : walk_by_words<uint32_t>;
+        const auto [count, reason] = swiftly(w, is_exact, addresses, room, at + 1);
         w->reason = reason;
         if (reason != 0)
             return count;
