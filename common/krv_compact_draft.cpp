@@ -3,7 +3,6 @@
 
 #include <algorithm>
 #include <bit>
-#include <cstring>
 #include <utility>
 
 constexpr uint64_t MOST_CODE = UINT32_MAX;
@@ -43,7 +42,7 @@ uint32_t *krv_compact_draft::find(const krv_rows_key &key) const
         uint32_t *slot = &index[(key.hash + probe) & (index_size - 1)];
         const krv_draft_list *list = *slot == 0 ? nullptr : &lists[*slot - 1];
         if (list == nullptr || (list->hash == key.hash && list->size == key.size && list->decoding == key.decoding &&
-                                std::memcmp(bytes + list->bytes, key.bytes, key.size) == 0))
+                                std::equal(key.bytes, key.bytes + key.size, bytes + list->bytes)))
             return slot;
     }
     return nullptr;

@@ -42,7 +42,7 @@ struct krv_compact_draft {
     bool add_with(uint32_t list, uint64_t start, uint64_t size);
     bool add(const krv_rows_key *key, uint64_t start, uint64_t size);
 
-    // Makes the table ready to be searched; it has a piece. False: KRV_ERR_NOMEM.
+    // Makes the table ready to be searched. False: KRV_ERR_NOMEM.
     bool finish();
 
 private:
