@@ -51,13 +51,6 @@ struct krv_inlined_calls {
         return KRV_NO_CALL;
     }
 
-    // A hint that it will be asked soon: a search begins in the middle.
-    void prefetch() const
-    {
-        __builtin_prefetch(this);
-        __builtin_prefetch(reinterpret_cast<const krv_addr_piece<uint32_t> *>(this + 1) + pieces / 2);
-    }
-
 private:
     template <typename T>
     uint32_t find(uint64_t distance, krv_addr_span *span)

@@ -452,13 +452,15 @@ int korva_iter_chains(krv_handle_t *hp, const uint64_t *addrs, size_t count, uns
         return krv_fail(hp, KRV_ERR_INVALID, "more than %u addresses at once", UINT32_MAX);
     if (count == 0)
         return 0;
-    const krv_owner<krv_call_t> calls(static_cast<krv_call_t *>(krv_alloc(hp, MOST_CALLS * sizeof(krv_call_t))));
-    if (calls == nullptr)
+    const bool has_calls = (flags & KRV_CHAINS_F_ROWS) == 0;
+    const krv_owner<krv_call_t> calls(
+        has_calls ? static_cast<krv_call_t *>(krv_alloc(hp, MOST_CALLS * sizeof(krv_call_t))) : nullptr);
+    if (has_calls && calls == nullptr)
         return -1;
     chain_visit to = {.fn = fn,
                       .arg = arg,
                       .bias = krv_line_bias(hp),
-                      .has_calls = (flags & KRV_CHAINS_F_ROWS) == 0,
+                      .has_calls = has_calls,
                       .calls = shown_calls(calls.get()),
                       .walk = {.hp = hp, .flags = KRV_LOOKUP_F_NONE}};
     const auto visit = (flags & KRV_CHAINS_F_ASCENDING) != 0 ? visit_ascending : visit_as_given;

@@ -129,6 +129,8 @@ bool krv_compact_draft::add_with(uint32_t list, uint64_t start, uint64_t size)
 bool krv_compact_draft::add(const krv_rows_key *key, uint64_t start, uint64_t size)
 {
     const uint32_t count = std::exchange(nrows, 0);
+    if (start >= MOST_CODE)
+        return true;
     // Where rows begin too far from a piece's first byte, another piece does.
     for (uint32_t first = 0, behind; first != count && rows[first].begin < size; first = behind) {
         const auto is_near = [=, this](const krv_draft_row &row) {

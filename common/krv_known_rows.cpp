@@ -75,7 +75,7 @@ static uint32_t hash_bytes(uint64_t sum, const uint8_t *bytes, uint64_t size)
         std::memcpy(&word, bytes + size - sizeof(word), sizeof(word));
         sum = (sum ^ word >> (64 - 8 * size)) * FACTOR;
     }
-    return static_cast<uint32_t>(sum >> 32);
+    return static_cast<uint32_t>((sum ^ sum >> 32) * FACTOR >> 32); // of all bits
 }
 
 static inline bool make_key(const krv_fde_t *fde, krv_rows_key *key)
@@ -172,7 +172,7 @@ static bool is_advance(uint8_t opcode)
            opcode == DW_CFA_advance_loc4;
 }
 
-bool krv_rows_are_portable(const krv_rows_key &key, uint64_t code_align)
+bool krv_rows_are_portable(const krv_rows_key &key, uint64_t code_align, uint64_t furthest)
 {
     const uint8_t *at = key.bytes, *const end = at + key.size;
     uint64_t behind = 0;
@@ -184,7 +184,7 @@ bool krv_rows_are_portable(const krv_rows_key &key, uint64_t code_align)
         if (!is_advance(op.opcode))
             continue;
         uint64_t step;
-        if (__builtin_mul_overflow(op.first, code_align, &step) || step > KRV_ROWS_SPAN - behind)
+        if (__builtin_mul_overflow(op.first, code_align, &step) || step > furthest - behind)
             return false;
         behind += step;
     }
@@ -229,7 +229,7 @@ bool krv_rows_begin(krv_rows_draft *draft, krv_handle_t *hp, krv_reader_t *reade
     draft->behind = 0;
     draft->is_short = false;
     draft->count = 0;
-    if (krv_rows_are_portable(key, cie->scie_code_alignment_factor))
+    if (krv_rows_are_portable(key, cie->scie_code_alignment_factor, KRV_ROWS_SPAN))
         return true;
     publish(draft, key);
     krv_clear_error(hp);

@@ -21,8 +21,8 @@ struct krv_rows_key {
 bool krv_rows_key_of(const krv_fde_t *fde, krv_rows_key *key);
 
 // Whether instructions can be decoded at a glance, which leaves out expressions and what depends on where it is; and lead
-// no further than rows may begin.
-bool krv_rows_are_portable(const krv_rows_key &key, uint64_t code_align);
+// no further than a row may begin, from the first address.
+bool krv_rows_are_portable(const krv_rows_key &key, uint64_t code_align, uint64_t furthest);
 
 // Fills the rules of a program counter `offset` bytes behind the FDE's first address, as executing the instructions does.
 // False: they are not known.

@@ -239,10 +239,11 @@ static bool add_rows(filling *f, krv_fde_t *fde)
     uint32_t list;
     if (shares && f->draft->knows(key, &list))
         return f->draft->add_with(list, start, size);
-    if (shares && krv_rows_are_portable(key, fde->sfde_cie->scie_code_alignment_factor)) {
-        if (execute(f, fde, true))
-            return f->draft->add(&key, start, size);
-    }
+    // Of rows behind the function nothing is kept: there may be too many for their rules to have numbers.
+    const uint64_t furthest = std::min(size - 1, KRV_ROWS_SPAN);
+    if (shares && krv_rows_are_portable(key, fde->sfde_cie->scie_code_alignment_factor, furthest) &&
+        execute(f, fde, true))
+        return f->draft->add(&key, start, size);
     execute(f, fde, false);
     return f->draft->add(nullptr, start, size);
 }

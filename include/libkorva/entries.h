@@ -233,7 +233,7 @@ enum {
     KRV_CHAINS_F_NONE = 0,
     KRV_CHAINS_F_ASCENDING =
         1,                /**< visits in ascending order of addresses: twice as fast, since neighbours share much */
-    KRV_CHAINS_F_ROWS = 2 /**< rows alone: no functions and calls are looked for, @p count is 0 */
+    KRV_CHAINS_F_ROWS = 2 /**< rows alone: no functions and calls are looked for, @p calls is NULL and @p count 0 */
 };
 
 /**

@@ -17,8 +17,8 @@ extern "C" {
 /**
  * Extension: reads all call-frame information of a handle with KRV_OPT_EXT_CONSTANT_FRAMES, and keeps a table of the rules of
  * all its code. Rules come from this table from then on: of every record of the section, whatever .eh_frame_hdr says. It
- * has 6 to 14 bytes for each row of unwind rules, and the cache of KRV_OPT_EXT_FRAME_CACHE; both are the handle's. The second
- * call finds it there.
+ * has 16 to 24 bytes a function and 4 for each row of unwind rules, which functions with the same instructions share, and the cache of
+ * KRV_OPT_EXT_FRAME_CACHE; both are the handle's. The second call finds it there.
  *
  * What lies 4 GiB or more behind the first function, what is damaged, and what no table of rules can say, is not in it:
  * activations ask the records for that, as without it.
