@@ -134,6 +134,8 @@ static void read_place_of_call(krv_handle_t *hp, krv_call_t *call)
         return;
     call->name = names->name;
     call->linkage_name = names->linkage_name;
+    call->name_size = names->name_size;
+    call->linkage_name_size = names->linkage_name_size;
     __builtin_prefetch(names->linkage_name != nullptr ? names->linkage_name : names->name);
     call->decl_unit = names->decl_unit;
     call->decl_file = names->decl_file;

@@ -14,6 +14,14 @@ static uint32_t small_number(const krv_attr_t &attr)
     return attr.number <= UINT32_MAX ? static_cast<uint32_t>(attr.number) : 0;
 }
 
+static void take_name(const krv_attr_t &attr, const char **name, uint32_t *size)
+{
+    if (attr.kind != KRV_ATTR_STRING || *name != nullptr)
+        return;
+    *name = reinterpret_cast<const char *>(attr.bytes);
+    *size = attr.size <= UINT32_MAX ? static_cast<uint32_t>(attr.size) : UINT32_MAX;
+}
+
 // Takes what an entry says, and moves on to the one that it leads to. 1, 0 where it leads nowhere, or -1.
 static int read_names(krv_handle_t *hp, krv_entry_t *entry, krv_function_names *names)
 {
@@ -23,14 +31,13 @@ static int read_names(krv_handle_t *hp, krv_entry_t *entry, krv_function_names *
     krv_attr_t attr, origin = {};
     int read;
     while ((read = krv_entry_read_attr(hp, place, entry, &attr)) == 1) {
-        const char *text = attr.kind == KRV_ATTR_STRING ? reinterpret_cast<const char *>(attr.bytes) : nullptr;
         switch (attr.attribute) {
         case DW_AT_name:
-            names->name = names->name == nullptr ? text : names->name;
+            take_name(attr, &names->name, &names->name_size);
             break;
         case DW_AT_linkage_name:
         case DW_AT_MIPS_linkage_name:
-            names->linkage_name = names->linkage_name == nullptr ? text : names->linkage_name;
+            take_name(attr, &names->linkage_name, &names->linkage_name_size);
             break;
         case DW_AT_decl_file:
             if (names->decl_unit == nullptr && !entry->is_alternate && attr.number <= UINT32_MAX) {

@@ -69,14 +69,16 @@ struct module {
 module module_of(uint64_t address);
 
 // Length and last bytes of a text: cheap, and touches all of it.
-inline uint64_t text_check(const char *s)
+inline uint64_t text_check(const char *s, size_t n)
 {
-    if (s == nullptr)
-        return 0;
-    const size_t n = std::strlen(s);
     uint64_t tail = 0;
     std::memcpy(&tail, s + (n > 8 ? n - 8 : 0), n > 8 ? 8 : n);
     return n * 0x9e3779b97f4a7c15U + tail;
+}
+
+inline uint64_t text_check(const char *s)
+{
+    return s == nullptr ? 0 : text_check(s, std::strlen(s));
 }
 
 inline uint64_t unit_check(const char *name, const char *directory)

@@ -113,7 +113,10 @@ static uint64_t check_of(krv_handle_t *hp, const krv_row_t &row, const krv_call_
         if (i == count)
             return call_check(nullptr, path, line);
         const krv_call_t &call = calls[i];
-        check += call_check(call.linkage_name != nullptr ? call.linkage_name : call.name, path, line);
+        const uint64_t name = call.linkage_name != nullptr ? text_check(call.linkage_name, call.linkage_name_size)
+                              : call.name != nullptr       ? text_check(call.name, call.name_size)
+                                                           : 0;
+        check += name * 7 + place_check(path, line);
         line = call.call_line;
         if (call.call_unit == nullptr || korva_cu_get_file(hp, call.call_unit, call.call_file, &file) != 0)
             file = nullptr;

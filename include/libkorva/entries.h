@@ -172,6 +172,8 @@ typedef struct krv_call {
     uint32_t language;      /**< DW_LANG_* of the unit; 0 when it is not known */
     uint64_t start;         /**< where the first range of the function that has the code begins; 0 of inlined calls, and
                                    as korva_entry_get_call stores it */
+    uint32_t name_size;     /**< bytes of name, without its end; UINT32_MAX: so many or more */
+    uint32_t linkage_name_size; /**< likewise */
 } krv_call_t;
 
 /**

@@ -287,11 +287,15 @@ bytes inlined(const char *origin, uint64_t low, uint64_t size, uint8_t line)
 std::string text_of(const krv_call_t *calls, size_t count)
 {
     std::string all;
-    for (size_t i = 0; i < count; ++i)
+    for (size_t i = 0; i < count; ++i) {
+        EXPECT_EQ(calls[i].name_size, calls[i].name == nullptr ? 0 : std::strlen(calls[i].name));
+        EXPECT_EQ(calls[i].linkage_name_size,
+                  calls[i].linkage_name == nullptr ? 0 : std::strlen(calls[i].linkage_name));
         all += (i == 0 ? "" : " < ") + std::string(calls[i].name == nullptr ? "?" : calls[i].name) +
                (calls[i].linkage_name == nullptr ? "" : text("(%s)", calls[i].linkage_name)) +
                (calls[i].decl_line == 0 ? "" : text("#%u", calls[i].decl_line)) +
                (calls[i].is_inlined != 0 ? text("@%u", calls[i].call_line) : "");
+    }
     return all;
 }
 
