@@ -8,9 +8,9 @@
 #include "krv_entry.h"
 
 struct krv_function_names {
-    const char *name, *linkage_name; // NULL: none
-    krv_ctu_t *decl_unit;            // whose files decl_file counts in, or NULL
-    uint32_t decl_file, decl_line;   // line 0: not known
+    const char *name, *linkage_name;       // NULL: none
+    krv_ctu_t *decl_unit;                  // whose files decl_file counts in, or NULL
+    uint32_t decl_file, decl_line;         // line 0: not known
     uint32_t name_size, linkage_name_size; // as those of krv_call_t
 };
 
