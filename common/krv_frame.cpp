@@ -9,7 +9,7 @@
 #include "krv_mem.h"
 
 #include <algorithm>
-#include <cstdlib>
+#include <utility>
 
 int krv_fde_compar(const void *a, const void *b)
 {

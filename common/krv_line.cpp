@@ -56,15 +56,23 @@ static uint32_t find_gap_row(const krv_lnp_t *lnpp, int64_t prev, uint64_t start
     return fresh == nullptr ? nullptr : krv_publish(&cup->dcu_lnphp, fresh, krv_lnph_free);
 }
 
-krv_lnph_t *korva_line_get_cu_lnph(krv_handle_t *hp, krv_ctu_t *cup)
+// What questions about a unit begin with. False: nothing is to be asked.
+static bool enter_unit(krv_handle_t *hp, const krv_ctu_t *cup)
 {
     if (hp == nullptr)
-        return nullptr;
+        return false;
     if (cup == nullptr) {
         krv_errno(hp) = KRV_ERR_INVALID;
-        return nullptr;
+        return false;
     }
     krv_clear_error(hp);
+    return true;
+}
+
+krv_lnph_t *korva_line_get_cu_lnph(krv_handle_t *hp, krv_ctu_t *cup)
+{
+    if (!enter_unit(hp, cup))
+        return nullptr;
     krv_lnph_t *const known = krv_load(&cup->dcu_lnphp);
     return known != nullptr ? known : find_header(hp, cup);
 }
@@ -110,14 +118,9 @@ bool krv_line_find(krv_handle_t *hp, krv_ctu_t *cup, uint64_t start, uint64_t si
 krv_lns_t *korva_lookup_source_by_cu_and_addr(krv_handle_t *hp, krv_ctu_t *cup, uint64_t start, uint64_t size,
                                               uint64_t addr, unsigned int)
 {
-    if (hp == nullptr)
-        return nullptr;
-    if (cup == nullptr) {
-        krv_errno(hp) = KRV_ERR_INVALID;
-        return nullptr;
-    }
-    krv_clear_error(hp);
     krv_line_place_t found;
+    if (!enter_unit(hp, cup))
+        return nullptr;
     return krv_line_find(hp, cup, start, size, addr, &found) ? krv_lnp_hand_out(hp, found.matrix, found.number)
                                                              : nullptr;
 }

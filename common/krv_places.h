@@ -43,9 +43,10 @@ struct krv_place_walk {
     // Its number, in the matrix; KRV_NO_ROW likewise.
     [[gnu::always_inline]] uint32_t find_row(uint64_t address, uint32_t guess)
     {
-        if (guess != KRV_NO_ROW)
-            row = krv_lnp_find_row(matrix, sequence, address, guess);
-        return guess == KRV_NO_ROW ? KRV_NO_ROW : row;
+        if (guess == KRV_NO_ROW)
+            return KRV_NO_ROW;
+        row = krv_lnp_find_row(matrix, sequence, address, guess);
+        return row;
     }
     [[gnu::always_inline]] uint32_t find_row(uint64_t address) { return find_row(address, guess_row(address)); }
 

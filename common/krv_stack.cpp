@@ -15,7 +15,7 @@ namespace
 // What is known of a register of the frame in hand.
 struct known_register {
     uint64_t value;
-    enum state : uint8_t { nothing, is, is_at } how; // the value, or where it is in memory
+    enum : uint8_t { nothing, is, is_at } how; // the value, or where it is in memory
 };
 
 struct stack_walk {
