@@ -438,6 +438,14 @@ static testing::AssertionResult same_at_once(krv_handle_t *hp, const std::vector
     std::vector<krv_row_t> rows(addrs.size());
     const int result = korva_lookup_rows(hp, addrs.data(), addrs.size(), flags, units.data(), rows.data());
     const std::string error = error_line(hp);
+    std::vector<krv_row_t> visited(addrs.size());
+    const auto visit = [](krv_handle_t *, size_t index, const krv_row_t *row, const krv_call_t *, size_t, void *to) {
+        (*static_cast<std::vector<krv_row_t> *>(to))[index] = *row;
+        return 0;
+    };
+    const int visits = flags != KRV_LOOKUP_F_NONE
+                           ? 0
+                           : korva_iter_chains(hp, addrs.data(), addrs.size(), KRV_CHAINS_F_ROWS, visit, &visited);
     const krv_opt_t &bias = hp->sh_opts[KRV_OPT_BASE_ADDR];
     for (size_t i = 0; i < addrs.size(); ++i) {
         krv_ctu_t *unit = korva_lookup_ctu_by_addr(hp, addrs[i] - bias.sopt_u.o_ulong, flags);
@@ -461,8 +469,9 @@ static testing::AssertionResult same_at_once(krv_handle_t *hp, const std::vector
             return testing::AssertionFailure() << error << ": " << std::hex << addrs[i] << ", row " << rows[i].number;
         krv_row_t with_calls;
         size_t count;
-        if (flags == KRV_LOOKUP_F_NONE && (korva_lookup_chain(hp, addrs[i], &with_calls, nullptr, 0, &count) != 0 ||
-                                           values(with_calls) != values(row)))
+        if (flags == KRV_LOOKUP_F_NONE &&
+            (korva_lookup_chain(hp, addrs[i], &with_calls, nullptr, 0, &count) != 0 ||
+             values(with_calls) != values(row) || visits != 0 || values(visited[i]) != values(row)))
             return testing::AssertionFailure() << error_line(hp) << ": with calls " << std::hex << addrs[i];
     }
     return testing::AssertionSuccess();
