@@ -549,6 +549,7 @@ static bool check_abbrevs(const uint8_t **where, const uint8_t *end, uint64_t co
             single->ssa_abbrev = abbrev;
             single->ssa_abbrev.dwa_afpairs = single->ssa_pairs;
             single->ssa_implicit_count = 0;
+            single->ssa_size = 0;
             single->ssa_abbrev.dwa_implicit = Forms::ARE_EXTENDED ? single->ssa_implicit : nullptr;
             found = true;
         }
@@ -572,8 +573,11 @@ static bool find_in_table(krv_handle_t *hp, krv_offset_t offset, uint64_t code, 
         return false;
     const uint8_t *const begin = fdp->sfd_u.buf + offset, *at = begin;
     const bool found = check_abbrevs<extended_forms>(&at, fdp->sfd_u.buf + fdp->sfd_size, code, true, single);
+    const auto size = static_cast<uint64_t>(at - begin);
     if (code != 1 || !found)
-        hp->sh_abbrev_checks.scanned += static_cast<uint64_t>(at - begin);
+        hp->sh_abbrev_checks.scanned += size;
+    else if (size <= UINT16_MAX)
+        single->ssa_size = static_cast<uint16_t>(size);
     return found;
 }
 

@@ -56,7 +56,15 @@ struct krv_single_abbrev_t {
     krv_afpair_t ssa_pairs[64];
     int64_t ssa_implicit[16];
     uint32_t ssa_implicit_count;
+    uint16_t ssa_size; // bytes of the table up to and with it; 0 unless it is the first one, as written
 };
+
+// Room for a copy of it that stands by itself.
+inline size_t krv_single_abbrev_size(const krv_single_abbrev_t *single)
+{
+    return sizeof(krv_abbrev_t) + single->ssa_implicit_count * sizeof(int64_t) +
+           single->ssa_abbrev.dwa_nafpairs * sizeof(krv_afpair_t);
+}
 
 // Pairs of DW_FORM_implicit_const.
 uint32_t krv_abbrev_count_implicit(const krv_abbrev_t *abbrev);

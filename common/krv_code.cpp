@@ -278,7 +278,8 @@ krv_datum_t krv_string_in_view(krv_view_t view)
     return {view.bytes, size, size};
 }
 
-bool krv_find_string(const krv_fd_t *fdp, krv_form_t form, const krv_encoding_t &encoding, krv_string_place_t *place)
+bool krv_find_string(krv_handle_t *hp, krv_view_t view, krv_form_t form, const krv_encoding_t &encoding,
+                     krv_string_place_t *place)
 {
     place->section = KRV_SEC_STR;
     if (form != DW_FORM_strp) {
@@ -287,8 +288,7 @@ bool krv_find_string(const krv_fd_t *fdp, krv_form_t form, const krv_encoding_t 
             return false;
         place->section = string_section(family);
     }
-    const krv_fd_t &str = *krv_section(fdp->sfd_hp, place->section);
-    const krv_view_t view = krv_fd_view(fdp);
+    const krv_fd_t &str = *krv_section(hp, place->section);
     place->encoded = encoding.is_dwarf64 ? 8 : 4;
     if (krv_fd_is_cb(&str) || view.size < place->encoded)
         return false;
@@ -297,14 +297,14 @@ bool krv_find_string(const krv_fd_t *fdp, krv_form_t form, const krv_encoding_t 
     return place->offset <= str.sfd_size;
 }
 
-krv_datum_t krv_string_in_memory(const krv_fd_t *fdp, krv_form_t form, const krv_encoding_t &encoding)
+krv_datum_t krv_string_in_memory(krv_handle_t *hp, krv_view_t view, krv_form_t form, const krv_encoding_t &encoding)
 {
     if (form == DW_FORM_string)
-        return krv_string_in_view(krv_fd_view(fdp));
+        return krv_string_in_view(view);
     krv_string_place_t place;
-    if (!krv_find_string(fdp, form, encoding, &place))
+    if (!krv_find_string(hp, view, form, encoding, &place))
         return {};
-    const krv_fd_t &str = *krv_section(fdp->sfd_hp, place.section);
+    const krv_fd_t &str = *krv_section(hp, place.section);
     krv_datum_t datum = krv_string_in_view({str.sfd_u.buf + place.offset, str.sfd_size - place.offset});
     datum.encoded = place.encoded;
     return datum;

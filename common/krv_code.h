@@ -134,13 +134,13 @@ inline int krv_decode(krv_fd_t *fdp, krv_form_t form, const krv_encoding_t &enco
 }
 
 // A string or block whose bytes are in memory: where they are, how many (the NUL included), and the bytes of the whole
-// datum. NULL bytes: not that case. The cursor stays.
+// datum. NULL bytes: not that case. A cursor stays.
 struct krv_datum_t {
     const uint8_t *bytes;
     uint64_t size;
     uint64_t encoded;
 };
-krv_datum_t krv_string_in_memory(const krv_fd_t *fdp, krv_form_t form, const krv_encoding_t &encoding);
+krv_datum_t krv_string_in_memory(krv_handle_t *hp, krv_view_t view, krv_form_t form, const krv_encoding_t &encoding);
 krv_datum_t krv_string_in_view(krv_view_t view); // one that stands at its start
 krv_datum_t krv_block_in_memory(const krv_fd_t *fdp, krv_form_t form);
 
@@ -150,12 +150,13 @@ struct krv_string_place_t {
     uint64_t offset; // within the section, or at its end
     uint64_t encoded;
 };
-bool krv_find_string(const krv_fd_t *fdp, krv_form_t form, const krv_encoding_t &encoding, krv_string_place_t *place);
+bool krv_find_string(krv_handle_t *hp, krv_view_t view, krv_form_t form, const krv_encoding_t &encoding,
+                     krv_string_place_t *place);
 
 // As krv_decode_form, of a string into an array of characters.
 inline int krv_decode_text(krv_fd_t *fdp, krv_form_t form, const krv_encoding_t &encoding, void *text, size_t size)
 {
-    const krv_datum_t datum = krv_string_in_memory(fdp, form, encoding);
+    const krv_datum_t datum = krv_string_in_memory(fdp->sfd_hp, krv_fd_view(fdp), form, encoding);
     if (datum.bytes == nullptr || datum.size > size)
         return krv_decode_form(fdp, form, encoding, false, text, size, nullptr);
     std::memcpy(text, datum.bytes, datum.size);

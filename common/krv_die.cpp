@@ -45,7 +45,7 @@ struct krv_die_part_t {
     krv_die_part_t *next;
 };
 
-static void *alloc_part(krv_handle_t *hp, krv_die_t *die, uint64_t size)
+void *krv_die_alloc_part(krv_handle_t *hp, krv_die_t *die, uint64_t size)
 {
     if (size > PTRDIFF_MAX - sizeof(krv_die_part_t)) {
         krv_errno(hp) = KRV_ERR_NOMEM;
@@ -67,7 +67,7 @@ static bool read_block(krv_fd_t *fdp, const krv_encoding_t &encoding, krv_die_t 
     size_t length = datum.size;
     if (datum.bytes == nullptr && krv_decode_form(fdp, value->sa_actual, encoding, false, nullptr, 0, &length) != 0)
         return false;
-    auto *block = static_cast<krv_fd_t *>(alloc_part(hp, die, krv_add_offset(sizeof(krv_fd_t), length)));
+    auto *block = static_cast<krv_fd_t *>(krv_die_alloc_part(hp, die, krv_add_offset(sizeof(krv_fd_t), length)));
     if (block == nullptr)
         return false;
     krv_fd_attach_mem(hp, block, length, length == 0 ? nullptr : reinterpret_cast<uint8_t *>(block + 1));
@@ -84,7 +84,7 @@ static bool read_block(krv_fd_t *fdp, const krv_encoding_t &encoding, krv_die_t 
                                                       krv_value_t *value, krv_peek_t *peek)
 {
     krv_handle_t *hp = fdp->sfd_hp;
-    const krv_datum_t datum = peek == nullptr ? krv_string_in_memory(fdp, value->sa_actual, encoding)
+    const krv_datum_t datum = peek == nullptr ? krv_string_in_memory(hp, krv_fd_view(fdp), value->sa_actual, encoding)
                                               : krv_peek_string(peek, fdp, value->sa_actual, encoding);
     if (datum.bytes != nullptr) {
         value->sa_u.su_addr = const_cast<uint8_t *>(datum.bytes);
@@ -99,7 +99,7 @@ static bool read_block(krv_fd_t *fdp, const krv_encoding_t &encoding, krv_die_t 
         krv_fail(hp, KRV_ERR_CORRUPT, "the entry's strings are too long");
         return false;
     }
-    value->sa_u.su_addr = alloc_part(hp, die, size);
+    value->sa_u.su_addr = krv_die_alloc_part(hp, die, size);
     return value->sa_u.su_addr != nullptr &&
            krv_decode_form(fdp, value->sa_actual, encoding, false, value->sa_u.su_addr, size, nullptr) == 0;
 }
@@ -190,6 +190,7 @@ template <uint8_t FORMS>
 static bool read_values(krv_fd_t *fdp, const krv_encoding_t &encoding, const krv_abbrev_t *abbrev, krv_die_t *die)
 {
     const krv_view_t view = krv_fd_view(fdp);
+    const bool is_in_memory = !krv_fd_is_cb(fdp);
     uint64_t done = 0;
     for (uint32_t i = 0; i < abbrev->dwa_nafpairs; ++i) {
         const krv_form_t form = abbrev->dwa_afpairs[i].dwafp_form;
@@ -202,6 +203,16 @@ static bool read_values(krv_fd_t *fdp, const krv_encoding_t &encoding, const krv
             value->sa_form = value->sa_actual = form;
             done += width;
             continue;
+        }
+        if (is_in_memory && krv_form_row(form, FORMS).classes == KRV_CLASS_STRING) {
+            const krv_datum_t text =
+                krv_string_in_memory(fdp->sfd_hp, {view.bytes + done, view.size - done}, form, encoding);
+            if (text.bytes != nullptr) {
+                value->sa_u.su_addr = const_cast<uint8_t *>(text.bytes);
+                value->sa_form = value->sa_actual = form;
+                done += text.encoded;
+                continue;
+            }
         }
         if (FORMS == KRV_ALL_FORMS && read_later_value(view, encoding, form, value, &done))
             continue;
@@ -290,12 +301,22 @@ static bool resolve_values(krv_handle_t *hp, const krv_ctu_t *cu, krv_die_t *die
     return !leads || resolve_values(hp, cu, die.get(), krv_peek_of(fdp)) ? die.release() : nullptr;
 }
 
-// Reads the entry whose code the cursor stands behind. NULL: messages pushed.
-static krv_die_t *read_die(krv_handle_t *hp, krv_fd_t *fdp, krv_ctu_t *cu, krv_abbrev_t *abbrev)
+// Of a record with its values.
+static size_t record_size(const krv_abbrev_t *abbrev)
 {
     const size_t slots = abbrev->dwa_nafpairs == 0 ? 1 : abbrev->dwa_nafpairs;
-    die_owner die(
-        static_cast<krv_die_t *>(krv_alloc(hp, offsetof(krv_die_t, dwdie_attrs) + slots * sizeof(krv_value_t))));
+    return offsetof(krv_die_t, dwdie_attrs) + slots * sizeof(krv_value_t);
+}
+
+krv_ctu_t *krv_die_unit_room(krv_die_t *die)
+{
+    return reinterpret_cast<krv_ctu_t *>(reinterpret_cast<char *>(die) + record_size(die->dwdie_abbrev_cache));
+}
+
+// Reads the entry whose code the cursor stands behind, into a record with so much room behind it. NULL: messages pushed.
+static krv_die_t *read_die(krv_handle_t *hp, krv_fd_t *fdp, krv_ctu_t *cu, krv_abbrev_t *abbrev, size_t room)
+{
+    die_owner die(static_cast<krv_die_t *>(krv_alloc(hp, record_size(abbrev) + room)));
     if (die == nullptr)
         return nullptr;
     die->dwdie_abbrev_cache = abbrev;
@@ -324,10 +345,41 @@ static bool take_attributes(krv_handle_t *hp, const krv_abbrev_t *abbrev, uint64
     return true;
 }
 
-// `left`: attributes that the walk may still read.
+// Compilers begin their units alike: the abbreviation of the unit before, where the tables of both begin with the same bytes.
+// NULL: another.
+static krv_abbrev_t *same_abbrev(krv_handle_t *hp, krv_ctu_t *cu, const krv_ctu_t *before, uint64_t code)
+{
+    if (before == nullptr || before->dcu_abbrev_size == 0 || code != before->dcu_compile_unit->dwdie_code)
+        return nullptr;
+    const krv_fd_t *section = &hp->sh_sec[KRV_SEC_ABBREV];
+    const uint64_t size = before->dcu_abbrev_size;
+    const auto fits = [&](const krv_ctu_t *unit) {
+        return krv_extent_fits(section->sfd_size, unit->dcu_debug_abbrev_offset, 0, size);
+    };
+    if (krv_fd_is_cb(section) || !fits(cu) || !fits(before) ||
+        std::memcmp(section->sfd_u.buf + cu->dcu_debug_abbrev_offset,
+                    section->sfd_u.buf + before->dcu_debug_abbrev_offset, size) != 0)
+        return nullptr;
+    cu->dcu_abbrev_size = before->dcu_abbrev_size;
+    return before->dcu_compile_unit->dwdie_abbrev_cache;
+}
+
+// The abbreviation of a unit's first entry, without its table. NULL: not that case.
+static krv_abbrev_t *first_abbrev(krv_handle_t *hp, krv_ctu_t *cu, const krv_ctu_t *before, uint64_t code,
+                                  krv_single_abbrev_t *single)
+{
+    if (krv_abbrev_t *same = same_abbrev(hp, cu, before, code))
+        return same;
+    if (!krv_abbrev_check_table(hp, cu->dcu_debug_abbrev_offset, code, single))
+        return nullptr;
+    cu->dcu_abbrev_size = single->ssa_size;
+    return &single->ssa_abbrev;
+}
+
+// A unit's first entry when `single` is there. `left`: attributes that the walk may still read.
 [[gnu::always_inline]] static inline krv_die_t *alloc_die(krv_handle_t *hp, krv_fd_t *fdp, krv_ctu_t *cu,
-                                                          krv_offset_t offset, krv_single_abbrev_t *single,
-                                                          krv_die_walk *walk)
+                                                          krv_offset_t offset, const krv_ctu_t *before,
+                                                          krv_single_abbrev_t *single, krv_die_walk *walk)
 {
     krv_clear_error(hp);
     const uint64_t section_offset = krv_add_offset(cu->dcu_offset, offset);
@@ -340,20 +392,19 @@ static bool take_attributes(krv_handle_t *hp, const krv_abbrev_t *abbrev, uint64
             krv_errno(hp) = KRV_ERR_NOTFOUND;
             return nullptr;
         }
-        krv_abbrev_t *abbrev;
-        if (single != nullptr && krv_abbrev_check_table(hp, cu->dcu_debug_abbrev_offset, code, single)) {
-            abbrev = &single->ssa_abbrev;
-        } else if (krv_peek_of(fdp) != nullptr) {
+        krv_abbrev_t *abbrev = single == nullptr ? nullptr : first_abbrev(hp, cu, before, code, single);
+        if (abbrev == nullptr) {
             // Reading a table tells what is wrong with it once, which is not to happen while messages are dropped.
-            return nullptr;
-        } else {
-            krv_au_t *au = krv_cu_abbrevs(hp, cu);
+            krv_au_t *au = krv_peek_of(fdp) != nullptr ? nullptr : krv_cu_abbrevs(hp, cu);
             if (au == nullptr)
                 return nullptr;
             abbrev = find_abbrev(hp, au, code);
         }
+        size_t room = single == nullptr ? 0 : sizeof(krv_ctu_t);
+        if (single != nullptr && abbrev == &single->ssa_abbrev)
+            room += krv_single_abbrev_size(single);
         if (abbrev != nullptr && take_attributes(hp, abbrev, section_offset, &walk->left))
-            die = read_die(hp, fdp, cu, abbrev);
+            die = read_die(hp, fdp, cu, abbrev, room);
     }
     if (die == nullptr) {
         krv_note(hp, "could not allocate DIE at %+lld within CU at %lld within %s", static_cast<long long>(offset),
@@ -371,7 +422,7 @@ static bool take_attributes(krv_handle_t *hp, const krv_abbrev_t *abbrev, uint64
 
 krv_die_t *krv_alloc_next_die(krv_handle_t *hp, krv_ctu_t *cu, krv_offset_t offset, krv_die_walk *walk)
 {
-    return alloc_die(hp, krv_position(hp, cu->dcu_section), cu, offset, nullptr, walk);
+    return alloc_die(hp, krv_position(hp, cu->dcu_section), cu, offset, nullptr, nullptr, walk);
 }
 
 krv_die_t *krv_alloc_die_by_cu_offset(krv_handle_t *hp, krv_ctu_t *cu, krv_offset_t offset)
@@ -386,16 +437,17 @@ krv_die_t *krv_alloc_die_by_cu_offset(krv_handle_t *hp, krv_ctu_t *cu, krv_offse
     return krv_alloc_next_die(hp, cu, offset, &walk);
 }
 
-krv_die_t *krv_alloc_first_die(krv_handle_t *hp, krv_fd_t *fdp, krv_ctu_t *cu, krv_single_abbrev_t *single)
+krv_die_t *krv_alloc_first_die(krv_handle_t *hp, krv_fd_t *fdp, krv_ctu_t *cu, const krv_ctu_t *before,
+                               krv_single_abbrev_t *single)
 {
     krv_die_walk walk = {UINT64_MAX, false}; // krv_units counts the attributes
-    return alloc_die(hp, fdp, cu, cu->dcu_header_size, single, &walk);
+    return alloc_die(hp, fdp, cu, cu->dcu_header_size, before, single, &walk);
 }
 
 krv_die_t *krv_alloc_no_die(krv_handle_t *hp, krv_ctu_t *cu)
 {
     static krv_abbrev_t none = {};
-    auto *die = krv_new<krv_die_t>(hp);
+    auto *die = static_cast<krv_die_t *>(krv_zalloc(hp, record_size(&none) + sizeof(krv_ctu_t)));
     if (die == nullptr)
         return nullptr;
     die->dwdie_abbrev_cache = &none;

@@ -51,10 +51,58 @@ static bool is_base_version(uint16_t version)
     return version >= 2 && version <= 4;
 }
 
+template <typename T>
+static T load(const uint8_t *at)
+{
+    T value;
+    std::memcpy(&value, at, sizeof(value));
+    return value;
+}
+
+// The cursor stands behind the header that began at `offset`.
+static void place_header(krv_ctu_t *cu, krv_secidx_t sec, uint64_t offset, const krv_fd_t *fdp)
+{
+    cu->dcu_section = sec;
+    cu->dcu_offset = offset;
+    cu->dcu_header_size = static_cast<uint8_t>(fdp->sfd_offset - offset);
+}
+
+// The common case: 32-bit format, in memory, of a unit that is neither a skeleton nor one of types. False: another, and
+// nothing has changed.
+static bool take_header(krv_handle_t *hp, krv_fd_t *fdp, krv_ctu_t *cu, krv_secidx_t sec, uint64_t offset)
+{
+    constexpr uint64_t MOST = 12, RESERVED = 0xfffffff0;
+    const krv_view_t view = krv_fd_view(fdp);
+    if (sec != KRV_SEC_INFO || view.size < MOST)
+        return false;
+    const uint64_t length = load<uint32_t>(view.bytes);
+    const auto version = load<uint16_t>(view.bytes + 4);
+    const bool is_later = version == 5 && (hp->sh_ext & KRV_EXT_DWARF5) != 0 &&
+                          (view.bytes[6] == KRV_UNIT_COMPILE || view.bytes[6] == KRV_UNIT_PARTIAL);
+    if (length >= RESERVED || !krv_extent_fits(fdp->sfd_size, offset, 4, length) ||
+        !(is_later || is_base_version(version)))
+        return false;
+    cu->dcu_unit_length = length;
+    cu->dcu_size = 4 + length;
+    cu->dcu_version = version;
+    cu->dcu_kind = is_later ? view.bytes[6] : uint8_t{KRV_UNIT_COMPILE};
+    cu->dcu_address_size = view.bytes[is_later ? 7 : 10];
+    cu->dcu_debug_abbrev_offset = load<uint32_t>(view.bytes + (is_later ? 8 : 6));
+    if (is_later)
+        krv_cu_start_bases(cu);
+    krv_fd_advance(fdp, is_later ? 12 : 11);
+    place_header(cu, sec, offset, fdp);
+    return true;
+}
+
 static bool read_header(krv_handle_t *hp, krv_fd_t *fdp, krv_ctu_t *cu, krv_secidx_t sec, uint64_t offset)
 {
     *cu = {};
-    if (korva_fd_seek(fdp, offset, KRV_FD_SEEK_SET) != 0 || !read_unit_length(hp, cu, fdp, offset))
+    if (krv_fd_seek(fdp, offset) != 0)
+        return false;
+    if (take_header(hp, fdp, cu, sec, offset))
+        return true;
+    if (!read_unit_length(hp, cu, fdp, offset))
         return false;
     const krv_encoding_t encoding = krv_cu_encoding(hp, cu);
     if (!krv_read_field(fdp, DW_FORM_data2, &cu->dcu_version, "failed to read version"))
@@ -66,9 +114,7 @@ static bool read_header(krv_handle_t *hp, krv_fd_t *fdp, krv_ctu_t *cu, krv_seci
     } else if (!read_base_fields(cu, sec, fdp, encoding)) {
         return false;
     }
-    cu->dcu_section = sec;
-    cu->dcu_offset = offset;
-    cu->dcu_header_size = static_cast<uint8_t>(fdp->sfd_offset - offset);
+    place_header(cu, sec, offset, fdp);
     return true;
 }
 
@@ -94,10 +140,9 @@ void krv_cu_free(krv_ctu_t *cu)
 {
     KRV_ASSERT(cu != NULL);
     KRV_ASSERT(cu->dcu_compile_unit != NULL);
-    krv_free_die(cu->dcu_compile_unit);
     if (cu->dcu_aranges != nullptr)
         krv_free(krv_ranges_list(cu->dcu_aranges));
-    krv_free(cu);
+    krv_free_die(cu->dcu_compile_unit); // and the unit with it
 }
 
 namespace
@@ -151,27 +196,19 @@ static char *keep_name(const unit_name *name, char *to, char **keptp)
     return to + name->size();
 }
 
-static size_t copied_abbrev_size(const krv_abbrev_t *abbrev)
-{
-    return sizeof(krv_abbrev_t) + krv_abbrev_implicit_count(abbrev) * sizeof(int64_t) +
-           abbrev->dwa_nafpairs * sizeof(krv_afpair_t);
-}
-
 // A copy of an abbreviation that stands by itself. `to` has room for it and its pairs.
-static krv_abbrev_t *copy_abbrev(const krv_abbrev_t *abbrev, krv_abbrev_t *to)
+static krv_abbrev_t *copy_abbrev(const krv_single_abbrev_t *single, krv_abbrev_t *to)
 {
-    *to = *abbrev;
-    const uint32_t implicit = krv_abbrev_implicit_count(abbrev);
+    *to = single->ssa_abbrev;
     to->dwa_implicit = reinterpret_cast<int64_t *>(to + 1);
-    if (implicit != 0)
-        std::memcpy(to->dwa_implicit, abbrev->dwa_implicit, implicit * sizeof(int64_t));
-    to->dwa_afpairs = reinterpret_cast<krv_afpair_t *>(to->dwa_implicit + implicit);
-    std::memcpy(to->dwa_afpairs, abbrev->dwa_afpairs, abbrev->dwa_nafpairs * sizeof(krv_afpair_t));
+    std::memcpy(to->dwa_implicit, single->ssa_implicit, single->ssa_implicit_count * sizeof(int64_t));
+    to->dwa_afpairs = reinterpret_cast<krv_afpair_t *>(to->dwa_implicit + single->ssa_implicit_count);
+    std::memcpy(to->dwa_afpairs, single->ssa_pairs, to->dwa_nafpairs * sizeof(krv_afpair_t));
     return to;
 }
 
-// The unit in an allocation of its own, with names that are copied and, when it is *single, the abbreviation of its first
-// entry; or NULL. Takes over the entry when it succeeds.
+// The unit, in the room behind its entry, with names that are copied and, when it is *single, the abbreviation of the entry;
+// or NULL.
 static krv_ctu_t *keep_unit(krv_handle_t *hp, const krv_ctu_t *cu, const krv_single_abbrev_t *single,
                             const krv_ctu_t *before, const krv_peek_t *peek)
 {
@@ -184,15 +221,14 @@ static krv_ctu_t *keep_unit(krv_handle_t *hp, const krv_ctu_t *cu, const krv_sin
         if (!name.is_peeked || (before->dcu_flags & KRV_CU_FLAG_COPIES) != 0) // else its name may be no copy
             share_name(&name, before->dcu_name);
     }
-    const bool by_itself = die->dwdie_abbrev_cache == &single->ssa_abbrev;
-    const size_t abbrev_size = by_itself ? copied_abbrev_size(&single->ssa_abbrev) : 0;
-    auto *kept = static_cast<krv_ctu_t *>(krv_alloc(hp, sizeof(*cu) + abbrev_size + comp_dir.size() + name.size()));
-    if (kept == nullptr)
+    const size_t size = comp_dir.size() + name.size();
+    char *names = nullptr;
+    if (size != 0 && (names = static_cast<char *>(krv_die_alloc_part(hp, die, size))) == nullptr)
         return nullptr;
+    krv_ctu_t *kept = krv_die_unit_room(die);
     *kept = *cu;
-    if (by_itself)
-        die->dwdie_abbrev_cache = copy_abbrev(&single->ssa_abbrev, reinterpret_cast<krv_abbrev_t *>(kept + 1));
-    char *names = reinterpret_cast<char *>(kept + 1) + abbrev_size;
+    if (die->dwdie_abbrev_cache == &single->ssa_abbrev)
+        die->dwdie_abbrev_cache = copy_abbrev(single, reinterpret_cast<krv_abbrev_t *>(kept + 1));
     keep_name(&name, keep_name(&comp_dir, names, &kept->dcu_comp_dir), &kept->dcu_name);
     if (name.is_peeked && !comp_dir.is_cut())
         kept->dcu_flags |= KRV_CU_FLAG_COPIES;
@@ -253,14 +289,16 @@ static void tell_of_split_unit(krv_handle_t *hp, const krv_ctu_t *cu)
              static_cast<unsigned long>(cu->dcu_offset), name == nullptr ? "a file without a name" : name);
 }
 
-static krv_ctu_t *keep_empty_unit(krv_handle_t *hp, const krv_ctu_t *cu)
+static krv_ctu_t *keep_empty_unit(krv_handle_t *hp, krv_ctu_t *cu)
 {
-    krv_owner<krv_ctu_t> kept(krv_new<krv_ctu_t>(hp));
-    if (kept == nullptr)
+    krv_die_t *die = krv_alloc_no_die(hp, cu);
+    if (die == nullptr)
         return nullptr;
+    krv_ctu_t *kept = krv_die_unit_room(die);
     *kept = *cu;
-    kept->dcu_compile_unit = krv_alloc_no_die(hp, kept.get());
-    return kept->dcu_compile_unit == nullptr ? nullptr : kept.release();
+    kept->dcu_compile_unit = die;
+    die->dwdie_parent_cu = kept;
+    return kept;
 }
 
 // Units stand far apart, and the next one is wanted soon: its header is fetched while this one's entry is read.
@@ -286,7 +324,7 @@ static void prefetch_unit(const krv_fd_t *fdp, uint64_t offset)
     if (cu->dcu_kind == 0)
         return nullptr;
     krv_single_abbrev_t single; // outlives the entry where it fails
-    std::unique_ptr<krv_die_t, krv_die_deleter> die(krv_alloc_first_die(hp, fdp, cu, &single));
+    std::unique_ptr<krv_die_t, krv_die_deleter> die(krv_alloc_first_die(hp, fdp, cu, before, &single));
     cu->dcu_compile_unit = die.get();
     krv_ctu_t *kept = die == nullptr ? nullptr : keep_unit(hp, cu, &single, before, peek);
     if (kept != nullptr)

@@ -20,29 +20,30 @@ enum krv_base_t : unsigned { KRV_BASE_STR_OFFSETS, KRV_BASE_ADDR, KRV_BASE_RNGLI
 struct krv_calls;
 struct krv_peek_t;
 
-// One compilation unit. The fields from dcu_abbrev_unit on are filled on first use and published atomically, except
-// dcu_size and those of the first entry.
+// One compilation unit. It stands behind its first entry, in the same allocation: files have thousands. The fields from
+// dcu_abbrev_unit on are filled on first use and published atomically.
 struct krv_ctu {
     uint64_t dcu_unit_length;
     uint16_t dcu_version;
-    uint64_t dcu_debug_abbrev_offset;
     uint8_t dcu_address_size;
+    uint8_t dcu_header_size;  // bytes from the unit's first one to its first entry
+    uint8_t dcu_kind;         // KRV_UNIT_*; 0: stepped over, its first entry stands for none
+    uint16_t dcu_abbrev_size; // of its first entry's, which its table begins with; 0 unless it was read as written
+    uint64_t dcu_debug_abbrev_offset;
     uint64_t dcu_type_signature;   // of type units; of skeleton and split units the dwo_id: KRV_CU_FLAG_DWO_ID
     uint64_t dcu_type_offset;      // likewise
     int dcu_section;               // KRV_SEC_INFO
+    uint32_t dcu_flags;            // KRV_CU_FLAG_*
     uint64_t dcu_offset;           // of the unit's first byte in the section
-    uint8_t dcu_header_size;       // bytes from there to the first entry
+    size_t dcu_size;               // whole unit, length field included
+    krv_die_t *dcu_compile_unit;   // the first entry
+    char *dcu_comp_dir;            // a copy, its entry's or another unit's; NULL when the entry has none
+    char *dcu_name;                // likewise, or where the entry's value is, if it need not be cut
+    uint64_t dcu_bases[KRV_BASES]; // by krv_base_t, where values of its entries count from
     krv_au_t *dcu_abbrev_unit;     // owned by the handle; NULL until an entry needs it
     krv_lnph_t *dcu_lnphp;         // freed by who frees the unit
-    size_t dcu_size;               // whole unit, length field included
     uint64_t *dcu_aranges;         // owned: (start, end) pairs; NULL while unknown; see krv_ranges_count
     size_t dcu_aranges_size;       // number of pairs
-    krv_die_t *dcu_compile_unit;   // owned: the first entry
-    char *dcu_comp_dir;            // a copy behind this record or another unit's; NULL when the entry has none
-    char *dcu_name;                // likewise, or the entry's where it need not be cut
-    uint32_t dcu_flags;            // KRV_CU_FLAG_*
-    uint8_t dcu_kind;              // KRV_UNIT_*; 0: stepped over, its first entry stands for none
-    uint64_t dcu_bases[KRV_BASES]; // by krv_base_t, where values of its entries count from
     krv_calls *dcu_calls;          // its functions by address, the handle's; NULL until they are asked for
 };
 
@@ -74,14 +75,17 @@ int krv_info_hdr_read(krv_handle_t *hp, krv_ctu_t *cu, krv_secidx_t sec, uint64_
 // The rest of a header of a version beyond 4, behind the version: dcu_kind stays 0 where it is none that is read. 0 or -1.
 int krv_info_read_later_header(krv_handle_t *hp, krv_ctu_t *cu, krv_fd_t *fdp);
 
+// Where the tables of a unit of version 5 begin until its first entry says it.
+void krv_cu_start_bases(krv_ctu_t *cu);
+
 // What the first entry says of its unit: where its tables are, which no value that counts in them waits for.
 void krv_cu_take_bases(krv_ctu_t *cu, const krv_die_t *die);
 
 // The one section that units are read from. -1: refused with its message.
 int krv_cu_check_section(krv_handle_t *hp, krv_secidx_t sec);
 
-// The unit at `offset` with its first entry and its two names, or NULL. Copies of names it may share with the unit before,
-// which then has to outlive it. Where it may be met by `peek`, it is.
+// The unit at `offset` with its first entry and its two names, or NULL. Copies of names and the abbreviation of its first
+// entry it may share with the unit before, which then has to outlive it. Where it may be met by `peek`, it is.
 krv_ctu_t *krv_cu_alloc(krv_handle_t *hp, krv_secidx_t sec, uint64_t offset, const krv_ctu_t *before = nullptr,
                         krv_peek_t *peek = nullptr);
 void krv_cu_free(krv_ctu_t *cu); // not its line-number header, which is read above
@@ -103,12 +107,20 @@ struct krv_die_walk {
 krv_die_t *krv_alloc_next_die(krv_handle_t *hp, krv_ctu_t *cu, krv_offset_t offset, krv_die_walk *walk);
 uint64_t krv_cu_most_attributes(const krv_ctu_t *cu);
 
-// A new unit's first entry, likewise, through a cursor of its section. Its abbreviation may be *single, which is to live as
-// long as the entry.
-krv_die_t *krv_alloc_first_die(krv_handle_t *hp, krv_fd_t *fdp, krv_ctu_t *cu, krv_single_abbrev_t *single);
+// A new unit's first entry, likewise, through a cursor of its section, with room for its unit behind it. Its abbreviation
+// may be that of the unit before, which may be NULL; or *single, which is to live as long as the entry or until it is
+// copied into the room for it behind the unit.
+krv_die_t *krv_alloc_first_die(krv_handle_t *hp, krv_fd_t *fdp, krv_ctu_t *cu, const krv_ctu_t *before,
+                               krv_single_abbrev_t *single);
 
-// In place of the first entry of a unit that is stepped over: one without tag, attributes and children.
+// In place of the first entry of a unit that is stepped over, likewise: one without tag, attributes and children.
 krv_die_t *krv_alloc_no_die(krv_handle_t *hp, krv_ctu_t *cu);
+
+// The room behind a first entry.
+krv_ctu_t *krv_die_unit_room(krv_die_t *die);
+
+// An allocation that the entry frees, or NULL.
+void *krv_die_alloc_part(krv_handle_t *hp, krv_die_t *die, uint64_t size);
 
 struct krv_die_deleter {
     void operator()(krv_die_t *die) const { krv_free_die(die); }

@@ -41,6 +41,12 @@ static uint64_t table_header_size(const krv_ctu_t *cu, const table_kind &kind)
     return (is_dwarf64(cu) ? 12U : 4U) + 4U + (kind.has_lists ? 4U : 0U);
 }
 
+void krv_cu_start_bases(krv_ctu_t *cu)
+{
+    for (unsigned int base = 0; base < KRV_BASES; ++base)
+        cu->dcu_bases[base] = table_header_size(cu, KINDS[base]);
+}
+
 int krv_info_read_later_header(krv_handle_t *hp, krv_ctu_t *cu, krv_fd_t *fdp)
 {
     cu->dcu_kind = 0;
@@ -54,8 +60,7 @@ int krv_info_read_later_header(krv_handle_t *hp, krv_ctu_t *cu, krv_fd_t *fdp)
                         "failed to read debug_abbreviation_offset"))
         return -1;
     cu->dcu_kind = kind <= KRV_UNIT_SPLIT_TYPE ? kind : 0;
-    for (unsigned int base = 0; base < KRV_BASES; ++base)
-        cu->dcu_bases[base] = table_header_size(cu, KINDS[base]); // until its entry says where
+    krv_cu_start_bases(cu);
     if (kind == KRV_UNIT_SKELETON || kind == KRV_UNIT_SPLIT_COMPILE) {
         cu->dcu_flags |= KRV_CU_FLAG_DWO_ID;
         return krv_read_field(fdp, DW_FORM_data8, &cu->dcu_type_signature, "failed to read dwo_id") ? 0 : -1;
@@ -73,8 +78,11 @@ void krv_cu_take_bases(krv_ctu_t *cu, const krv_die_t *die)
     if (cu->dcu_kind == KRV_UNIT_COMPILE && abbrev->dwa_tag == DW_TAG_partial_unit)
         cu->dcu_kind = KRV_UNIT_PARTIAL;
     for (uint32_t i = 0; i < abbrev->dwa_nafpairs; ++i) {
+        const krv_attribute_t attribute = abbrev->dwa_afpairs[i].dwafp_attribute;
+        if (attribute < DW_AT_str_offsets_base) // as most are
+            continue;
         const uint64_t number = die->dwdie_attrs[i].sa_u.su_unsigned;
-        switch (abbrev->dwa_afpairs[i].dwafp_attribute) {
+        switch (attribute) {
         case DW_AT_str_offsets_base:
             cu->dcu_bases[KRV_BASE_STR_OFFSETS] = number;
             break;

@@ -168,7 +168,7 @@ bool table_reader::skip(krv_form_t form)
 // A string at the cursor: where it is, or in the entry's room.
 static bool read_string(krv_fd_t *fdp, krv_form_t form, const krv_encoding_t &encoding, entry *e)
 {
-    const krv_datum_t datum = krv_string_in_memory(fdp, form, encoding);
+    const krv_datum_t datum = krv_string_in_memory(fdp->sfd_hp, krv_fd_view(fdp), form, encoding);
     if (datum.bytes != nullptr && datum.size <= sizeof(e->room)) {
         krv_fd_advance(fdp, datum.encoded);
         e->path = reinterpret_cast<const char *>(datum.bytes);

@@ -113,7 +113,7 @@ krv_datum_t krv_peek_string(krv_peek_t *peek, const krv_fd_t *fdp, krv_form_t fo
     krv_handle_t *const hp = fdp->sfd_hp;
     const bool is_inline = form == DW_FORM_string;
     krv_string_place_t place = {KRV_SEC_INFO, fdp->sfd_offset, 0};
-    if (!is_inline && !krv_find_string(fdp, form, encoding, &place))
+    if (!is_inline && !krv_find_string(hp, krv_fd_view(fdp), form, encoding, &place))
         return {};
     const krv_fd_t *const section = krv_section(hp, place.section);
     const uint8_t *const at = section->sfd_u.buf + place.offset;

@@ -76,7 +76,7 @@ struct krv_handle {
     krv_relaxed<pthread_t> sh_builder; // thread that holds sh_rwlock through a krv_build_guard; 0: none
     krv_ctu_t **sh_cu_table;           // every unit of .debug_info in section order; published last
     uint32_t sh_cu_table_entries;      // their number
-    krv_hash *sh_cu_offset_hash;       // the same units by start offset
+    krv_hash *sh_cu_offset_hash;       // the same units by start offset; NULL until somebody asks by one
     krv_retired *sh_retired;         // owned: copies of sections that were replaced, of which units still have strings
     uint32_t sh_init_flags;          // KRV_INIT_*
     krv_activation_type_t sh_target; // the machine whose code and registers are read

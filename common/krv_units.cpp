@@ -12,6 +12,10 @@
 #include "krv_line.h"
 #include "krv_mem.h"
 #include "krv_peek.h"
+#include "krv_synch.h"
+
+#include <algorithm>
+#include <memory>
 
 static krv_ctu_t no_unit; // in place of one that a set names and that cannot be read
 
@@ -39,7 +43,6 @@ struct table_builder {
     krv_handle_t *hp;
     krv_ctu_t **units = nullptr;
     uint32_t size = 0, entries = 0;
-    krv_hash_t *hash = nullptr;
     krv_kept_t kept = {};
     krv_peek_t peek = {};
 
@@ -60,11 +63,13 @@ struct table_builder {
         for (uint32_t i = 0; i < entries; ++i)
             drop(units[i]);
         krv_free(units);
-        if (hash != nullptr)
-            krv_hash_destroy(hash);
     }
     table_builder(const table_builder &) = delete;
     table_builder &operator=(const table_builder &) = delete;
+};
+
+struct hash_deleter {
+    void operator()(krv_hash_t *hash) const { krv_hash_destroy(hash); }
 };
 
 } // namespace
@@ -118,23 +123,6 @@ static bool read_units(table_builder *t)
     return true;
 }
 
-static bool hash_units(table_builder *t)
-{
-    t->hash = krv_hash_create(t->hp, t->entries, KRV_HASH_UINT64);
-    if (t->hash == nullptr) {
-        krv_note(t->hp, "unable to create CU lookup hash");
-        return false;
-    }
-    for (uint32_t i = 0; i < t->entries; ++i) {
-        const krv_hash_key_t key = {.dwhk_u = t->units[i]->dcu_offset};
-        if (krv_hash_insert(t->hp, t->hash, &key, t->units[i]) != t->units[i]) {
-            krv_note(t->hp, "error hashing offset");
-            return false;
-        }
-    }
-    return true;
-}
-
 int krv_lookup_build_cu_caches(krv_handle_t *hp)
 {
     KRV_ASSERT(hp != NULL);
@@ -146,15 +134,49 @@ int krv_lookup_build_cu_caches(krv_handle_t *hp)
         return guard.refuse();
     if (hp->sh_cu_table != nullptr)
         return 0;
-    if (!read_units(&t) || !hash_units(&t))
+    if (!read_units(&t))
         return -1;
     hp->sh_cu_table_entries = t.entries;
-    hp->sh_cu_offset_hash = t.hash;
-    krv_store(&hp->sh_cu_table, t.units); // last: who sees the table sees its count and hash
+    krv_store(&hp->sh_cu_table, t.units); // last: who sees the table sees its count
     t.units = nullptr;
     t.entries = 0;
-    t.hash = nullptr;
     return 0;
+}
+
+static krv_hash_t *hash_units(krv_handle_t *hp)
+{
+    std::unique_ptr<krv_hash_t, hash_deleter> hash(krv_hash_create(hp, hp->sh_cu_table_entries, KRV_HASH_UINT64));
+    if (hash == nullptr) {
+        krv_note(hp, "unable to create CU lookup hash");
+        return nullptr;
+    }
+    for (uint32_t i = 0; i < hp->sh_cu_table_entries; ++i) {
+        krv_ctu_t *cu = hp->sh_cu_table[i];
+        const krv_hash_key_t key = {.dwhk_u = cu->dcu_offset};
+        if (krv_hash_insert(hp, hash.get(), &key, cu) != cu) {
+            krv_note(hp, "error hashing offset");
+            return nullptr;
+        }
+    }
+    return hash.release();
+}
+
+// Units of the table by their start offsets: for the first who asks, since most never do. NULL: messages pushed.
+static krv_hash_t *get_hash(krv_handle_t *hp)
+{
+    if (krv_hash_t *hash = krv_load(&hp->sh_cu_offset_hash))
+        return hash;
+    krv_hash_t *fresh = hash_units(hp);
+    return fresh == nullptr ? nullptr : krv_publish(&hp->sh_cu_offset_hash, fresh, krv_hash_destroy);
+}
+
+// The table's unit at this offset, or NULL, without the hash.
+static krv_ctu_t *find_in_table(const krv_handle_t *hp, uint64_t offset)
+{
+    krv_ctu_t **const end = hp->sh_cu_table + hp->sh_cu_table_entries;
+    krv_ctu_t **at = std::lower_bound(hp->sh_cu_table, end, offset,
+                                      [](const krv_ctu_t *cu, uint64_t wanted) { return cu->dcu_offset < wanted; });
+    return at != end && (*at)->dcu_offset == offset ? *at : nullptr;
 }
 
 // ---------------------------------------------------------------------------------------------------------------
@@ -164,11 +186,8 @@ int krv_lookup_build_cu_caches(krv_handle_t *hp)
 // Reads the unit by itself, or takes it from the table. NULL: as krv_units_get_named.
 static krv_ctu_t *make_named(krv_handle_t *hp, const krv_set_t *set)
 {
-    if (hp->sh_cu_table != nullptr) {
-        const krv_hash_key_t key = {.dwhk_u = set->set_unit};
-        if (void *unit = krv_hash_lookup(hp, hp->sh_cu_offset_hash, &key))
-            return static_cast<krv_ctu_t *>(unit);
-    }
+    if (krv_ctu_t *unit = find_in_table(hp, set->set_unit))
+        return unit;
     krv_sets *sets = hp->sh_sets;
     krv_peek_t peek;
     krv_ctu_t *cu = krv_cu_alloc(hp, KRV_SEC_INFO, set->set_unit, sets->ss_latest, &peek);
@@ -216,10 +235,7 @@ static void free_named(krv_handle_t *hp)
     krv_sets *sets = hp->sh_sets;
     for (uint32_t i = 0; sets != nullptr && i < sets->ss_entries; ++i) {
         krv_ctu_t *cu = sets->ss_sets[i].set_made;
-        if (cu == nullptr || cu == &no_unit)
-            continue;
-        const krv_hash_key_t key = {.dwhk_u = cu->dcu_offset};
-        if (hp->sh_cu_table == nullptr || krv_hash_lookup(hp, hp->sh_cu_offset_hash, &key) != cu)
+        if (cu != nullptr && cu != &no_unit && find_in_table(hp, cu->dcu_offset) != cu)
             free_unit(cu);
     }
     krv_sets_destroy(hp);
@@ -238,9 +254,10 @@ void krv_lookup_destroy_cu_caches(krv_handle_t *hp)
     table_builder t(hp);
     t.units = hp->sh_cu_table;
     t.entries = hp->sh_cu_table_entries;
-    t.hash = hp->sh_cu_offset_hash;
     hp->sh_cu_table = nullptr;
     hp->sh_cu_table_entries = 0;
+    if (hp->sh_cu_offset_hash != nullptr)
+        krv_hash_destroy(hp->sh_cu_offset_hash);
     hp->sh_cu_offset_hash = nullptr;
     for (krv_retired *section = hp->sh_retired, *next; section != nullptr; section = next) {
         next = section->next;
@@ -263,7 +280,10 @@ static void visit_units(krv_handle_t *hp, const Visit &visit)
 static int parse_checked_tables(krv_handle_t *hp)
 {
     bool sound = true;
-    visit_units(hp, [&](krv_ctu_t *cu) { sound = sound && (krv_cu_abbrevs(hp, cu) != nullptr || !krv_ran_out(hp)); });
+    visit_units(hp, [&](krv_ctu_t *cu) {
+        sound = sound && (krv_cu_abbrevs(hp, cu) != nullptr || !krv_ran_out(hp));
+        cu->dcu_abbrev_size = 0; // whose bytes are no longer there to compare with
+    });
     return sound ? krv_abbrev_forget_checks(hp) : -1;
 }
 
@@ -311,8 +331,9 @@ krv_ctu_t *korva_lookup_ctu_by_start_offset(krv_handle_t *hp, krv_secidx_t sec, 
     krv_clear_error(hp);
     if (krv_cu_check_section(hp, sec) != 0 || krv_lookup_build_cu_caches(hp) != 0)
         return nullptr;
+    krv_hash_t *hash = get_hash(hp);
     const krv_hash_key_t key = {.dwhk_u = offset};
-    return static_cast<krv_ctu_t *>(krv_hash_lookup(hp, hp->sh_cu_offset_hash, &key));
+    return hash == nullptr ? nullptr : static_cast<krv_ctu_t *>(krv_hash_lookup(hp, hash, &key));
 }
 
 int korva_iter_cu(krv_handle_t *hp, krv_secidx_t sec, krv_iter_cu_f *fn, void *arg)

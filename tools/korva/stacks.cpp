@@ -37,7 +37,7 @@ static std::vector<std::pair<const char *, uint64_t>> read_registers(const proce
     const auto known = proc.regs(thread.tid);
     if (!known) // the walk says why
         return all;
-    for (const register_name &row : REGISTER_NAMES) {
+    for (const register_name &row : register_names()) {
         const char *name = thread.target == KRV_ACTIVATION_I386 ? row.i386 : row.amd64;
         if (const auto value = known->get(row.host); value && name != nullptr)
             all.emplace_back(name, *value);

@@ -4,6 +4,8 @@
 #include "operations.h"
 #include "visitor.h"
 
+#include <fmt/format.h>
+
 namespace korva::program::explanation
 {
 
