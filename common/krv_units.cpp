@@ -12,9 +12,9 @@
 #include "krv_line.h"
 #include "krv_mem.h"
 #include "krv_peek.h"
+#include "krv_search.h"
 #include "krv_synch.h"
 
-#include <algorithm>
 #include <memory>
 
 static krv_ctu_t no_unit; // in place of one that a set names and that cannot be read
@@ -173,10 +173,10 @@ static krv_hash_t *get_hash(krv_handle_t *hp)
 // The table's unit at this offset, or NULL, without the hash.
 static krv_ctu_t *find_in_table(const krv_handle_t *hp, uint64_t offset)
 {
-    krv_ctu_t **const end = hp->sh_cu_table + hp->sh_cu_table_entries;
-    krv_ctu_t **at = std::lower_bound(hp->sh_cu_table, end, offset,
-                                      [](const krv_ctu_t *cu, uint64_t wanted) { return cu->dcu_offset < wanted; });
-    return at != end && (*at)->dcu_offset == offset ? *at : nullptr;
+    const auto start = [](const krv_ctu_t *cu) { return cu->dcu_offset; };
+    const size_t count = krv_count_not_above(hp->sh_cu_table, hp->sh_cu_table_entries, offset, start);
+    krv_ctu_t *cu = count == 0 ? nullptr : hp->sh_cu_table[count - 1];
+    return cu != nullptr && cu->dcu_offset == offset ? cu : nullptr;
 }
 
 // ---------------------------------------------------------------------------------------------------------------
