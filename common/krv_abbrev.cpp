@@ -24,8 +24,7 @@ struct growing_array {
     uint64_t size = 0, room = FIRST;
     T first[FIRST];
 
-    // cppcheck-suppress uninitMemberVar
-    growing_array() {}
+    growing_array() {} // `first` needs no initial value
     ~growing_array()
     {
         if (at != first)

@@ -116,7 +116,6 @@ struct evaluation {
     uint64_t base = 0;        // what DW_OP_fbreg counts from
     uint8_t room[MOST_BYTES]; // needs no initial value
 
-    // cppcheck-suppress uninitMemberVar
     evaluation(krv_handle_t *handle, const krv_ctu_t *cu, const krv_variable_frame_t *at)
         : hp(handle), unit(cu), frame(at)
     {

@@ -5,7 +5,7 @@ import json
 import os
 
 FOLDER = os.path.join(os.path.dirname(os.path.abspath(__file__)), '..', '..', 'tools', 'korva', 'schema')
-MOST = 200  # of one output; of more, as many that are spread evenly
+MOST = 60  # of one output; of more, as many that are spread evenly
 
 
 def load(name):
@@ -28,11 +28,12 @@ def find_fault(command, out):
     if not is_json or not out.strip() or '--help' in command:
         return None
     try:
-        records = json.loads(out) if '--format=json' in command else [json.loads(line) for line in out.splitlines()]
+        records = json.loads(out) if '--format=json' in command else out.splitlines()
+        records = [json.loads(r) if isinstance(r, str) else r for r in records[::len(records) // MOST + 1]]
     except ValueError as error:
         return f'no JSON: {error}'
     validator = validator_of('merge' if '--merge' in command or command[1] == 'record' else command[1])
-    for record in records[::len(records) // MOST + 1]:
+    for record in records:
         for error in validator.iter_errors(record):
             return f'a record is not as its schema says: {error.message}\n  {json.dumps(record)[:2000]}'
     return None
