@@ -189,8 +189,9 @@ static inline bool read_later_value(const krv_view_t &view, const krv_encoding_t
 template <uint8_t FORMS>
 static bool read_values(krv_fd_t *fdp, const krv_encoding_t &encoding, const krv_abbrev_t *abbrev, krv_die_t *die)
 {
-    const krv_view_t view = krv_fd_view(fdp);
-    const bool is_in_memory = !krv_fd_is_cb(fdp);
+    const krv_fd_t start = *fdp; // which a client's call that reads a string may move, when it asks the handle
+    const krv_view_t view = krv_fd_view(&start);
+    const bool is_in_memory = !krv_fd_is_cb(&start);
     uint64_t done = 0;
     for (uint32_t i = 0; i < abbrev->dwa_nafpairs; ++i) {
         const krv_form_t form = abbrev->dwa_afpairs[i].dwafp_form;
@@ -216,7 +217,7 @@ static bool read_values(krv_fd_t *fdp, const krv_encoding_t &encoding, const krv
         }
         if (FORMS == KRV_ALL_FORMS && read_later_value(view, encoding, form, value, &done))
             continue;
-        krv_fd_t fd = *fdp;
+        krv_fd_t fd = start;
         krv_fd_advance(&fd, done);
         if (!read_value(&fd, encoding, form, die, value)) {
             if (!krv_ran_out(fdp->sfd_hp))
@@ -225,8 +226,9 @@ static bool read_values(krv_fd_t *fdp, const krv_encoding_t &encoding, const krv
                          krv_form_name(form, encoding.is_extended()));
             return false;
         }
-        done = fd.sfd_offset - fdp->sfd_offset;
+        done = fd.sfd_offset - start.sfd_offset;
     }
+    *fdp = start;
     krv_fd_advance(fdp, done);
     if (abbrev->dwa_nafpairs != 0)
         krv_clear_error(fdp->sfd_hp);
@@ -376,7 +378,7 @@ static krv_abbrev_t *first_abbrev(krv_handle_t *hp, krv_ctu_t *cu, const krv_ctu
     return &single->ssa_abbrev;
 }
 
-// A unit's first entry when `single` is there. `left`: attributes that the walk may still read.
+// A unit's first entry when `single` is there.
 [[gnu::always_inline]] static inline krv_die_t *alloc_die(krv_handle_t *hp, krv_fd_t *fdp, krv_ctu_t *cu,
                                                           krv_offset_t offset, const krv_ctu_t *before,
                                                           krv_single_abbrev_t *single, krv_die_walk *walk)

@@ -46,17 +46,9 @@ static bool read_base_fields(krv_ctu_t *cu, krv_secidx_t sec, krv_fd_t *fdp, con
              krv_read_field(fdp, DW_FORM_sec_offset, encoding, &cu->dcu_type_offset, "failed to read type_offset")));
 }
 
-static bool is_base_version(uint16_t version)
+static bool is_base_version(uint64_t version)
 {
     return version >= 2 && version <= 4;
-}
-
-template <typename T>
-static T load(const uint8_t *at)
-{
-    T value;
-    std::memcpy(&value, at, sizeof(value));
-    return value;
 }
 
 // The cursor stands behind the header that began at `offset`.
@@ -71,26 +63,27 @@ static void place_header(krv_ctu_t *cu, krv_secidx_t sec, uint64_t offset, const
 // nothing has changed.
 static bool take_header(krv_handle_t *hp, krv_fd_t *fdp, krv_ctu_t *cu, krv_secidx_t sec, uint64_t offset)
 {
-    constexpr uint64_t MOST = 12, RESERVED = 0xfffffff0;
+    constexpr uint64_t RESERVED = 0xfffffff0;
     const krv_view_t view = krv_fd_view(fdp);
-    if (sec != KRV_SEC_INFO || view.size < MOST)
+    uint64_t at = 0, length, version, kind = KRV_UNIT_COMPILE, address_size, abbrev_offset;
+    const auto number = krv_view_numbers(view, &at);
+    if (sec != KRV_SEC_INFO || !number(4, &length) || length >= RESERVED ||
+        !krv_extent_fits(fdp->sfd_size, offset, 4, length) || !number(2, &version))
         return false;
-    const uint64_t length = load<uint32_t>(view.bytes);
-    const auto version = load<uint16_t>(view.bytes + 4);
-    const bool is_later = version == 5 && (hp->sh_ext & KRV_EXT_DWARF5) != 0 &&
-                          (view.bytes[6] == KRV_UNIT_COMPILE || view.bytes[6] == KRV_UNIT_PARTIAL);
-    if (length >= RESERVED || !krv_extent_fits(fdp->sfd_size, offset, 4, length) ||
-        !(is_later || is_base_version(version)))
+    const bool is_later = version == 5 && (hp->sh_ext & KRV_EXT_DWARF5) != 0;
+    const bool is_whole = is_later ? number(1, &kind) && number(1, &address_size) && number(4, &abbrev_offset)
+                                   : number(4, &abbrev_offset) && number(1, &address_size);
+    if (!is_whole || !(is_later ? kind == KRV_UNIT_COMPILE || kind == KRV_UNIT_PARTIAL : is_base_version(version)))
         return false;
     cu->dcu_unit_length = length;
     cu->dcu_size = 4 + length;
-    cu->dcu_version = version;
-    cu->dcu_kind = is_later ? view.bytes[6] : uint8_t{KRV_UNIT_COMPILE};
-    cu->dcu_address_size = view.bytes[is_later ? 7 : 10];
-    cu->dcu_debug_abbrev_offset = load<uint32_t>(view.bytes + (is_later ? 8 : 6));
+    cu->dcu_version = static_cast<uint16_t>(version);
+    cu->dcu_kind = static_cast<uint8_t>(kind);
+    cu->dcu_address_size = static_cast<uint8_t>(address_size);
+    cu->dcu_debug_abbrev_offset = abbrev_offset;
     if (is_later)
         krv_cu_start_bases(cu);
-    krv_fd_advance(fdp, is_later ? 12 : 11);
+    krv_fd_advance(fdp, at);
     place_header(cu, sec, offset, fdp);
     return true;
 }
@@ -297,6 +290,7 @@ static krv_ctu_t *keep_empty_unit(krv_handle_t *hp, krv_ctu_t *cu)
     krv_ctu_t *kept = krv_die_unit_room(die);
     *kept = *cu;
     kept->dcu_compile_unit = die;
+    kept->dcu_abbrev_size = 0; // of another entry, if any
     die->dwdie_parent_cu = kept;
     return kept;
 }

@@ -113,7 +113,7 @@ uint64_t krv_cu_most_attributes(const krv_ctu_t *cu);
 krv_die_t *krv_alloc_first_die(krv_handle_t *hp, krv_fd_t *fdp, krv_ctu_t *cu, const krv_ctu_t *before,
                                krv_single_abbrev_t *single);
 
-// In place of the first entry of a unit that is stepped over, likewise: one without tag, attributes and children.
+// In place of a first entry, of a unit that is stepped over or of one outside .debug_info, likewise: one without tag, attributes and children.
 krv_die_t *krv_alloc_no_die(krv_handle_t *hp, krv_ctu_t *cu);
 
 // The room behind a first entry.

@@ -128,8 +128,8 @@ int krv_lookup_build_cu_caches(krv_handle_t *hp)
     KRV_ASSERT(hp != NULL);
     if (krv_load(&hp->sh_cu_table) != nullptr)
         return 0;
+    const krv_build_guard guard(hp); // also while what was not published is freed
     table_builder t(hp);
-    const krv_build_guard guard(hp);
     if (guard.is_nested())
         return guard.refuse();
     if (hp->sh_cu_table != nullptr)

@@ -470,15 +470,19 @@ TEST(Info, UnitsThatBeginAlike)
     const struct {
         bytes table, die;
         bool is_shared;
+        const char *name = "a";
     } rows[] = {
         {table(plain, ""), named, false},
         {table(plain, " name:string"), named, true},
         {table("name:string low_pc:addr high_pc:data8", ""), bytes().uleb(1).cstr("a").u64(0x400).u64(8), false},
         {table("low_pc:addr high_pc:data4 name:string", ""), placed(0x400, "a"), false},
         {table("name:string", ""), bytes().uleb(1).cstr("a"), false},
-        {bytes(), bytes().uleb(2), false}, // the second of the table before
+        {bytes(), bytes().uleb(2), false, nullptr}, // the second of the table before
         {table(plain, ""), named, false},
         {table(plain, "").u8(0).fill(3), named, true},
+        {table("name:indirect", ""), bytes().uleb(1).uleb(DW_FORM_string).cstr("a"), false},
+        {table("name:indirect", ""), bytes().uleb(1).uleb(0x99), false, nullptr}, // no such form: it is stepped over
+        {table("name:indirect", ""), bytes().uleb(1).uleb(DW_FORM_string).cstr("a"), false},
     };
     bytes tables, info;
     for (const auto &row : rows) {
@@ -492,7 +496,7 @@ TEST(Info, UnitsThatBeginAlike)
     ASSERT_EQ(h->sh_cu_table_entries, std::size(rows));
     for (size_t i = 0; i < std::size(rows); ++i) {
         krv_ctu_t *cu = h->sh_cu_table[i];
-        EXPECT_STREQ(cu->dcu_name, rows[i].table.size() == 0 ? nullptr : "a") << i;
+        EXPECT_STREQ(cu->dcu_name, rows[i].name) << i;
         EXPECT_EQ(i != 0 && cu->dcu_compile_unit->dwdie_abbrev_cache ==
                                 h->sh_cu_table[i - 1]->dcu_compile_unit->dwdie_abbrev_cache,
                   rows[i].is_shared)
@@ -517,6 +521,40 @@ TEST(Info, UnitsThatBeginAlike)
                   0);
     }
     EXPECT_EQ(replaced->sh_cu_table_entries, 0U); // each unit was read by itself
+}
+
+// A call that reads a string asks the handle for an entry elsewhere, while the rest of its own entry is still to be read.
+TEST(Info, CallsThatReadOtherEntries)
+{
+    static krv_ctu_t *other;
+    const auto read = [](void *arg, void *buf, size_t count, uint64_t offset) -> int64_t {
+        if (krv_ctu_t *const cu = std::exchange(other, nullptr))
+            krv_free_die(krv_alloc_die_by_cu_offset(static_cast<krv_handle_t *>(arg), cu, cu->dcu_header_size));
+        std::memcpy(buf, "text\0" + offset, count);
+        return static_cast<int64_t>(count);
+    };
+    const auto made = [](const char *name) {
+        bytes child = bytes().uleb(2).u32(0).cstr(name).u32(0x1234).u32(0);
+        return unit{.dies = bytes().uleb(1) + child.u8(0).fill(40)}.build();
+    };
+    handle h;
+    h.attach(KRV_SEC_ABBREV, abbrevs("1 compile_unit+; 2 variable name:strp linkage_name:string decl_line:data4"
+                                     " comp_dir:strp"));
+    h.attach(KRV_SEC_INFO, made("first") + made("second"));
+    korva_attach_section(h, KRV_SEC_STR, size_t{5}, KRV_FD_TYPE_CB, +read, static_cast<krv_handle_t *>(h));
+    ASSERT_NE(korva_lookup_ctu_by_start_offset(h, KRV_SEC_INFO, 0), nullptr) << h.error();
+    ASSERT_EQ(h->sh_cu_table_entries, 2U);
+    for (const uint32_t i : {0U, 1U}) {
+        other = h->sh_cu_table[1 - i];
+        krv_die_t *child = krv_alloc_die_child(h, h->sh_cu_table[i]->dcu_compile_unit);
+        ASSERT_NE(child, nullptr) << h.error();
+        EXPECT_EQ(other, nullptr); // it was read
+        EXPECT_STREQ(static_cast<char *>(child->dwdie_attrs[0].sa_u.su_addr), "text");
+        EXPECT_STREQ(static_cast<char *>(child->dwdie_attrs[1].sa_u.su_addr), i == 0 ? "first" : "second");
+        EXPECT_EQ(child->dwdie_attrs[2].sa_u.su_unsigned, 0x1234U);
+        EXPECT_EQ(child->dwdie_bufsize, 1U + 4 + (i == 0 ? 6 : 7) + 4 + 4);
+        krv_free_die(child);
+    }
 }
 
 // While large units are met, and asked for their names, the call reads what is needed: memory is not touched.
@@ -619,13 +657,39 @@ static std::string dump(handle &h)
     return all;
 }
 
+// As written: each unit's first entry has the abbreviation of its own table. Returns how many share that of the one before.
+static unsigned expect_own_abbreviations(const bytes &table, const bytes &info, const bytes &strings)
+{
+    handle h;
+    h.extend(KRV_EXT_DWARF5 | KRV_EXT_AS_WRITTEN).attach(KRV_SEC_ABBREV, table).attach(KRV_SEC_INFO, info);
+    h.attach(KRV_SEC_STR, strings);
+    korva_lookup_ctu_by_start_offset(h, KRV_SEC_INFO, 0);
+    unsigned shared = 0;
+    for (uint32_t i = 0; i < h->sh_cu_table_entries; ++i) {
+        krv_ctu_t *cu = h->sh_cu_table[i];
+        const krv_abbrev_t *its = cu->dcu_compile_unit->dwdie_abbrev_cache;
+        krv_au_t *au = krv_cu_abbrevs(h, cu);
+        const krv_abbrev_t *own = au == nullptr ? nullptr : krv_get_abbrev(h, au, cu->dcu_compile_unit->dwdie_code);
+        shared += i != 0 && its == h->sh_cu_table[i - 1]->dcu_compile_unit->dwdie_abbrev_cache ? 1 : 0;
+        if (own == nullptr || its->dwa_tag == 0) // damaged further on, or stepped over
+            continue;
+        EXPECT_EQ(its->dwa_tag, own->dwa_tag);
+        EXPECT_EQ(its->dwa_flags, own->dwa_flags);
+        EXPECT_TRUE(std::equal(its->dwa_afpairs, its->dwa_afpairs + its->dwa_nafpairs, own->dwa_afpairs,
+                               own->dwa_afpairs + own->dwa_nafpairs, [](krv_afpair_t a, krv_afpair_t b) {
+                                   return a.dwafp_attribute == b.dwafp_attribute && a.dwafp_form == b.dwafp_form;
+                               }));
+    }
+    return shared;
+}
+
 // Tables and entries in memory are scanned, behind a call-back they are decoded, and large units are met by a call beside memory, which
 // may fail at any time; over random bytes all come to the same. Numbers are small, so that many bytes mean something.
 TEST(Info, MemoryAndCallBack)
 {
     std::mt19937 random(1);
     const auto any = [&random](unsigned below) { return static_cast<uint8_t>(random() % below); };
-    unsigned entries = 0;
+    unsigned entries = 0, shared = 0;
     for (int round = 0; round < 3000; ++round) {
         bytes table, dies;
         for (unsigned code = 1; code < 5; ++code) {
@@ -641,8 +705,13 @@ TEST(Info, MemoryAndCallBack)
         const size_t second = any(2) == 0 ? 0 : table.size();
         if (second != 0)
             table += bytes(table).fill(any(2));
+        const bool is_later = any(3) == 0;
         const bytes info = unit{.dwarf64 = any(2) == 0, .dies = bytes().u8(1) + dies}.build() +
-                           unit{.abbrev_offset = second, .dies = bytes().u8(1) + dies}.build();
+                           unit{.version = is_later ? uint16_t{5} : uint16_t{4},
+                                .abbrev_offset = second,
+                                .kind = is_later ? any(4) : uint8_t{0},
+                                .dies = bytes().u8(1) + dies}
+                               .build();
         reader abbrev{.contents = table.fill(any(2))}, behind{.contents = info},
             strings{.contents = bytes().fill(300, 'a')};
         handle memory, call_back, beside;
@@ -660,7 +729,9 @@ TEST(Info, MemoryAndCallBack)
         korva_attach_section_reader(beside, KRV_SEC_INFO, reader::read, &infos);
         korva_attach_section_reader(beside, KRV_SEC_STR, reader::read, &names);
         ASSERT_EQ(dump(beside), expected) << round;
+        shared += expect_own_abbreviations(abbrev.contents, info, strings.contents);
         entries += static_cast<unsigned>(std::count(expected.begin(), expected.end(), ':'));
     }
-    EXPECT_GT(entries, 5000U); // the bytes do mean something
+    EXPECT_GT(entries, 4500U); // the bytes do mean something
+    EXPECT_GT(shared, 100U);
 }

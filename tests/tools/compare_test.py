@@ -397,7 +397,7 @@ def compare_lines(korva, program, tables):
     ours = run(korva, 'lines', '--format=jsonl', program)
     by_unit = collections.defaultdict(list)
     for line in ours.out.splitlines():
-        _, unit, row = re.split('"unit":"(0x[0-9a-f]+)",', line, maxsplit=1)
+        unit, row = re.fullmatch(r'{"v":1,"status":"ok","error":null,"unit":"(0x[0-9a-f]+)",(.*)', line).groups()
         by_unit[unit].append(read_row(row))
     for offset, rows in tables.items():
         expect_equal(f'rows of unit {offset}', by_unit[offset], rows)

@@ -28,12 +28,11 @@ def find_fault(command, out):
     if not is_json or not out.strip() or '--help' in command:
         return None
     try:
-        records = json.loads(out) if '--format=json' in command else out.splitlines()
-        records = [json.loads(r) if isinstance(r, str) else r for r in records[::len(records) // MOST + 1]]
+        records = json.loads(out) if '--format=json' in command else [json.loads(line) for line in out.splitlines()]
     except ValueError as error:
         return f'no JSON: {error}'
     validator = validator_of('merge' if '--merge' in command or command[1] == 'record' else command[1])
-    for record in records:
+    for record in records[::len(records) // MOST + 1]:
         for error in validator.iter_errors(record):
             return f'a record is not as its schema says: {error.message}\n  {json.dumps(record)[:2000]}'
     return None
