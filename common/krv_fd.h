@@ -144,7 +144,8 @@ inline bool krv_view_read(const krv_view_t &view, uint64_t offset, size_t width,
 // Reads numbers of a view one behind another, from *at on, which is moved past each, be it there or not.
 inline auto krv_view_numbers(const krv_view_t &view, uint64_t *at)
 {
-    return [&view, at](size_t width, uint64_t *valuep) {
+    return [&view, at ](size_t width, uint64_t * valuep) __attribute__((always_inline))
+    {
         const bool is_there = krv_view_read(view, *at, width, valuep);
         *at += width;
         return is_there;
