@@ -228,8 +228,8 @@ static bool read_values(krv_fd_t *fdp, const krv_encoding_t &encoding, const krv
         }
         done = fd.sfd_offset - start.sfd_offset;
     }
-    *fdp = start;
-    krv_fd_advance(fdp, done);
+    fdp->sfd_offset = start.sfd_offset + done;
+    fdp->sfd_remaining = start.sfd_remaining - done;
     if (abbrev->dwa_nafpairs != 0)
         krv_clear_error(fdp->sfd_hp);
     return true;

@@ -530,7 +530,7 @@ TEST(Info, CallsThatReadOtherEntries)
     const auto read = [](void *arg, void *buf, size_t count, uint64_t offset) -> int64_t {
         if (krv_ctu_t *const cu = std::exchange(other, nullptr))
             krv_free_die(krv_alloc_die_by_cu_offset(static_cast<krv_handle_t *>(arg), cu, cu->dcu_header_size));
-        std::memcpy(buf, "text\0" + offset, count);
+        std::memcpy(buf, &"text"[offset], count);
         return static_cast<int64_t>(count);
     };
     const auto made = [](const char *name) {
