@@ -519,14 +519,6 @@ void krv_abbrev_unit_free(krv_au_t *au)
     krv_free(au);
 }
 
-static krv_hash_t *get_hash(krv_handle_t *hp, krv_hash_t **slot)
-{
-    if (krv_hash_t *hash = krv_load(slot))
-        return hash;
-    krv_hash_t *fresh = krv_hash_create(hp, 0, KRV_HASH_UINT64);
-    return fresh == nullptr ? nullptr : krv_publish(slot, fresh, krv_hash_destroy);
-}
-
 // Checks a table, or, when `wanted_only`, reads it up to the abbreviation with the code. *where stops behind it, or where it
 // fails.
 template <typename Forms>
@@ -673,7 +665,7 @@ static krv_au_t *find_same(krv_handle_t *hp, krv_offset_t offset, uint64_t *size
 static void offer(krv_handle_t *hp, krv_au_t *au, uint64_t key)
 {
     const krv_hash_key_t digested = {.dwhk_u = key};
-    if (krv_hash_t *hash = get_hash(hp, &hp->sh_au_same))
+    if (krv_hash_t *hash = krv_hash_get(hp, &hp->sh_au_same))
         krv_hash_insert(hp, hash, &digested, au);
     krv_clear_error(hp);
 }
@@ -681,7 +673,7 @@ static void offer(krv_handle_t *hp, krv_au_t *au, uint64_t key)
 krv_au_t *krv_get_au_by_offset(krv_handle_t *hp, krv_offset_t offset, krv_secidx_t sec)
 {
     KRV_ASSERT(hp != NULL);
-    krv_hash_t *hash = get_hash(hp, &hp->sh_auphash);
+    krv_hash_t *hash = krv_hash_get(hp, &hp->sh_auphash);
     if (hash == nullptr)
         return nullptr;
     // Those of both files share a cache; no section in memory has an offset with the highest bit.

@@ -14,8 +14,10 @@ constexpr uint64_t MOST_READINGS = 4; // of a byte of range lists, on the averag
 
 static void free_calls(krv_calls *calls)
 {
-    for (uint32_t i = 0; i < calls->sc_count; ++i)
+    for (uint32_t i = 0; i < calls->sc_count; ++i) {
+        krv_free(calls->sc_functions[i].names);
         krv_free(calls->sc_functions[i].inlined);
+    }
     krv_free(calls->sc_functions);
     krv_addr_map_free(&calls->sc_map);
     krv_free(calls);

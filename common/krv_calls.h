@@ -13,7 +13,7 @@ constexpr uint32_t KRV_NO_CALL = KRV_ADDR_NOTHING;
 
 // A call that was inlined into a function, as its entry says. They stand in section order: callers before what they inline.
 struct krv_inlined_call {
-    const krv_function_names *names; // NULL: it has none
+    const krv_function_names *names; // the handle's, kept by entry; NULL: it has none
     uint32_t entry;                  // offset from the function's
     uint32_t caller;                 // the call that it was inlined into; KRV_NO_CALL: the function
     uint32_t row;                    // of the abbreviation, in the unit's plan
@@ -63,11 +63,11 @@ private:
 };
 
 struct krv_function {
-    const krv_function_names *names; // NULL until they are asked for
-    uint64_t start;                  // of its first range
-    krv_inlined_calls *inlined;      // owned: NULL until it is asked for
-    uint32_t entry;                  // offset from the unit's
-    uint32_t row : 23;               // as those of krv_inlined_call
+    krv_function_names *names;  // owned: NULL until they are asked for
+    uint64_t start;             // of its first range
+    krv_inlined_calls *inlined; // owned, likewise
+    uint32_t entry;             // offset from the unit's
+    uint32_t row : 23;          // as those of krv_inlined_call
     uint32_t code_size : 6;
     uint32_t is_cut : 1, has_children : 1, has_inlined : 1;
 };

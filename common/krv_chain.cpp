@@ -184,13 +184,10 @@ template <typename T>
 [[gnu::noinline]] static const krv_function_names *keep_names(krv_handle_t *hp, const krv_entry_t &entry,
                                                               krv_function *of)
 {
-    krv_attr_t itself = {};
-    itself.kind = KRV_ATTR_REFERENCE;
-    itself.number = entry.offset;
-    const krv_function_names *names = krv_function_names_keep(hp, entry, itself);
-    if (names != nullptr)
-        krv_store(&of->names, names);
-    return names;
+    krv_owner<krv_function_names> fresh(krv_new<krv_function_names>(hp));
+    if (fresh == nullptr || !krv_function_names_find(hp, entry, fresh.get()))
+        return nullptr;
+    return krv_publish(&of->names, fresh.release(), krv_free);
 }
 
 [[gnu::always_inline]] static inline int make_function(krv_handle_t *hp, const covering &at, krv_function *from,

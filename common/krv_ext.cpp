@@ -8,6 +8,7 @@
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
+#include <iterator>
 
 // ---------------------------------------------------------------------------------------------------------------
 // Switches
@@ -21,9 +22,11 @@ bool krv_ext_is_option(krv_opt_idx_t opt)
 // Whether something was read that depends on how sections are read.
 static bool has_read(krv_handle_t *hp)
 {
-    return krv_load(&hp->sh_cu_table) != nullptr || krv_load(&hp->sh_auphash) != nullptr ||
-           krv_load(&hp->sh_line_headers) != nullptr || krv_load(&hp->sh_frame_reader) != nullptr ||
-           krv_load(&hp->sh_init_flags) != 0 || krv_load(&hp->sh_sets) != nullptr || hp->sh_abbrev_checks.end != 0;
+    const bool has_headers = std::any_of(std::begin(hp->sh_line_headers), std::end(hp->sh_line_headers),
+                                         [](krv_hash *&table) { return krv_load(&table) != nullptr; });
+    return krv_load(&hp->sh_cu_table) != nullptr || krv_load(&hp->sh_auphash) != nullptr || has_headers ||
+           krv_load(&hp->sh_frame_reader) != nullptr || krv_load(&hp->sh_init_flags) != 0 ||
+           krv_load(&hp->sh_sets) != nullptr || hp->sh_abbrev_checks.end != 0;
 }
 
 static int too_late(krv_handle_t *hp, const char *what)

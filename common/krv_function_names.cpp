@@ -7,8 +7,6 @@
 #include "krv_hash.h"
 #include "krv_mem.h"
 
-#include <bit>
-
 static uint32_t small_number(const krv_attr_t &attr)
 {
     return attr.number <= UINT32_MAX ? static_cast<uint32_t>(attr.number) : 0;
@@ -86,21 +84,11 @@ bool krv_function_names_find(krv_handle_t *hp, const krv_entry_t &of, krv_functi
     return krv_forgive(hp);
 }
 
-static krv_hash_t *get_kept(krv_handle_t *hp, uint64_t key)
-{
-    constexpr unsigned HASH_BITS = 64 - std::countr_zero(KRV_NAME_TABLES);
-    krv_hash_t **const table = &hp->sh_function_names[(key * 0x9e3779b97f4a7c15U) >> HASH_BITS];
-    if (krv_hash_t *kept = krv_load(table))
-        return kept;
-    krv_hash_t *fresh = krv_hash_create(hp, 0, KRV_HASH_UINT64);
-    return fresh == nullptr ? nullptr : krv_publish(table, fresh, krv_hash_destroy);
-}
-
 const krv_function_names *krv_function_names_keep(krv_handle_t *hp, const krv_entry_t &entry, const krv_attr_t &origin)
 {
     // No section in memory has an offset with the highest bit.
     const krv_hash_key_t key = {.dwhk_u = origin.is_alternate ? origin.number | uint64_t{1} << 63 : origin.number};
-    krv_hash_t *kept = get_kept(hp, key.dwhk_u);
+    krv_hash_t *kept = krv_hash_get(hp, krv_hash_slot(hp->sh_function_names, key.dwhk_u));
     if (kept == nullptr)
         return nullptr;
     if (const void *known = krv_hash_lookup(hp, kept, &key))
@@ -126,11 +114,5 @@ static int free_names(void *names)
 
 void krv_function_names_destroy(krv_handle_t *hp)
 {
-    for (krv_hash_t *&table : hp->sh_function_names) {
-        if (table == nullptr)
-            continue;
-        krv_hash_iter(table, free_names);
-        krv_hash_destroy(table);
-        table = nullptr;
-    }
+    krv_hash_drop(hp->sh_function_names, free_names);
 }

@@ -75,6 +75,14 @@ krv_hash_t *krv_hash_create(krv_handle_t *hp, unsigned int size, krv_hash_type_t
     return table.release();
 }
 
+krv_hash_t *krv_hash_get(krv_handle_t *hp, krv_hash_t **slot)
+{
+    if (krv_hash_t *table = krv_load(slot))
+        return table;
+    krv_hash_t *fresh = krv_hash_create(hp, 0, KRV_HASH_UINT64);
+    return fresh == nullptr ? nullptr : krv_publish(slot, fresh, krv_hash_destroy);
+}
+
 void krv_hash_destroy(krv_hash_t *table)
 {
     krv_hash_chunk_t *next;

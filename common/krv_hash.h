@@ -8,6 +8,8 @@
 
 #include "krv_types.h"
 
+#include <bit>
+
 union krv_hash_key_t {
     uint64_t dwhk_u;
     const void *dwhk_p; // string tables: the NUL-terminated string
@@ -51,6 +53,17 @@ krv_hash_cmp_f krv_hash_cmp_string, krv_hash_cmp_uint64;
 // A new table with at least `size` buckets. NULL: KRV_ERR_NOMEM, or KRV_ERR_INVALID for an unknown type.
 krv_hash_t *krv_hash_create(krv_handle_t *hp, unsigned int size, krv_hash_type_t type);
 
+// The table with 64-bit keys in a slot, made when it is first asked for. NULL: KRV_ERR_NOMEM.
+krv_hash_t *krv_hash_get(krv_handle_t *hp, krv_hash_t **slot);
+
+// The slot of a key, of tables that are several so that threads seldom need the same one.
+template <size_t N>
+krv_hash_t **krv_hash_slot(krv_hash_t *(&slots)[N], uint64_t key)
+{
+    static_assert(std::has_single_bit(N) && N > 1);
+    return &slots[(key * 0x9e3779b97f4a7c15U) >> (64 - std::countr_zero(N))];
+}
+
 // Frees the table, not its keys and values. Takes no lock.
 void krv_hash_destroy(krv_hash_t *table);
 
@@ -66,5 +79,18 @@ int krv_hash_resize(krv_handle_t *hp, krv_hash_t *table, unsigned int size);
 
 // Calls fn on every value; the first non-zero result, or 0. fn may free the value. Takes no lock.
 int krv_hash_iter(krv_hash_t *table, krv_hash_iter_f *fn);
+
+// Leaves no table in any slot; fn frees the values.
+template <size_t N>
+void krv_hash_drop(krv_hash_t *(&slots)[N], krv_hash_iter_f *fn)
+{
+    for (krv_hash_t *&table : slots) {
+        if (table == nullptr)
+            continue;
+        krv_hash_iter(table, fn);
+        krv_hash_destroy(table);
+        table = nullptr;
+    }
+}
 
 #endif

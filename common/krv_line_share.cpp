@@ -97,14 +97,6 @@ static krv_hash_key_t key_of(uint64_t offset, const char *comp_dir)
     return {.dwhk_u = key ^ key >> 32}; // a bucket is chosen by the lowest bits
 }
 
-static krv_hash_t *get_headers(krv_handle_t *hp)
-{
-    if (krv_hash_t *hash = krv_load(&hp->sh_line_headers))
-        return hash;
-    krv_hash_t *fresh = krv_hash_create(hp, 0, KRV_HASH_UINT64);
-    return fresh == nullptr ? nullptr : krv_publish(&hp->sh_line_headers, fresh, krv_hash_destroy);
-}
-
 static krv_lnph_t *read_header(krv_handle_t *hp, krv_ctu_t *cup, uint64_t offset)
 {
     if (krv_line_may_keep(hp, 0)) {
@@ -158,10 +150,10 @@ static krv_lnph_t *borrow(krv_handle_t *hp, krv_line_common *common)
 
 krv_lnph_t *krv_line_share_header(krv_handle_t *hp, krv_ctu_t *cup, uint64_t offset)
 {
-    krv_hash_t *headers = get_headers(hp);
+    const krv_hash_key_t key = key_of(offset, cup->dcu_comp_dir);
+    krv_hash_t *headers = krv_hash_get(hp, krv_hash_slot(hp->sh_line_headers, key.dwhk_u));
     if (headers == nullptr)
         return nullptr;
-    const krv_hash_key_t key = key_of(offset, cup->dcu_comp_dir);
     auto *common = static_cast<krv_line_common *>(krv_hash_lookup(hp, headers, &key));
     if (common == nullptr)
         common = add_common(hp, headers, &key, cup, offset);
@@ -185,14 +177,10 @@ void krv_line_destroy_caches(krv_handle_t *hp)
     if (hp->sh_line_draft != nullptr)
         krv_line_draft_free(hp->sh_line_draft);
     hp->sh_line_draft = nullptr;
-    if (hp->sh_line_headers == nullptr)
-        return;
-    krv_hash_iter(hp->sh_line_headers, [](void *common) {
+    krv_hash_drop(hp->sh_line_headers, [](void *common) {
         krv_line_release(static_cast<krv_line_common *>(common));
         return 0;
     });
-    krv_hash_destroy(hp->sh_line_headers);
-    hp->sh_line_headers = nullptr;
 }
 
 // ---------------------------------------------------------------------------------------------------------------

@@ -103,17 +103,9 @@ static scope_table *make_table(krv_handle_t *hp, krv_ctu_t *cu)
     return table.release();
 }
 
-static krv_hash_t *get_tables(krv_handle_t *hp)
-{
-    if (krv_hash_t *tables = krv_load(&hp->sh_scopes))
-        return tables;
-    krv_hash_t *fresh = krv_hash_create(hp, 0, KRV_HASH_UINT64);
-    return fresh == nullptr ? nullptr : krv_publish(&hp->sh_scopes, fresh, krv_hash_destroy);
-}
-
 static const scope_table *get_table(krv_handle_t *hp, krv_ctu_t *cu)
 {
-    krv_hash_t *tables = get_tables(hp);
+    krv_hash_t *tables = krv_hash_get(hp, &hp->sh_scopes);
     if (tables == nullptr)
         return nullptr;
     const krv_hash_key_t key = {.dwhk_u = reinterpret_cast<uintptr_t>(cu)};

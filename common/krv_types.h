@@ -28,7 +28,8 @@ constexpr unsigned KRV_STRING_BUFSZ = 1024;  // longest name or path the readers
 constexpr uint64_t KRV_KEPT_SLACK = 1 << 20; // of what an input may have kept beyond its own size
 constexpr uint32_t KRV_INIT_ARANGES = 0x1;   // sh_init_flags: .debug_aranges has been applied to the units
 
-constexpr unsigned KRV_NAME_TABLES = 64; // a power of two: threads that keep names seldom need the same one
+// Powers of two: threads that keep something seldom need the same table.
+constexpr unsigned KRV_NAME_TABLES = 64, KRV_HEADER_TABLES = 16;
 
 struct krv_opt_t {
     boolean_t sopt_set; // B_TRUE once set; never reset
@@ -95,9 +96,9 @@ struct krv_handle {
     krv_addr_index *sh_addr_all;     // units by address, all of them, likewise
     krv_hash *sh_au_same;            // those that others may share, by a digest of their bytes, likewise
     krv_abbrev_checks_t sh_abbrev_checks;
-    krv_hash *sh_line_headers;             // what units share of .debug_line, built on first use
-    uint32_t sh_ext;                       // KRV_EXT_*, fixed before the first query
-    krv_fd_t sh_ext_sec[KRV_EXT_SECTIONS]; // one cursor a section of extensions
+    krv_hash *sh_line_headers[KRV_HEADER_TABLES]; // what units share of .debug_line, built on first use
+    uint32_t sh_ext;                              // KRV_EXT_*, fixed before the first query
+    krv_fd_t sh_ext_sec[KRV_EXT_SECTIONS];        // one cursor a section of extensions
     krv_section_reader sh_readers[KRV_MAX_SEC + KRV_EXT_SECTIONS]; // of sh_sec, then of sh_ext_sec
     krv_sets *sh_sets;            // what .debug_aranges says, as written; built on first use, published last
     krv_addr_index *sh_addr_sets; // units that it names by address, published by compare-and-swap

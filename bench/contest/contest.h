@@ -68,6 +68,18 @@ struct module {
 };
 module module_of(uint64_t address);
 
+// Counts the addresses of a walk, up to the first one that is outside. Not in the fields of `r` one by one: that takes longer than
+// a frame may.
+inline void count_frames(run *r, const module &m, const uint64_t *addresses, size_t count)
+{
+    uint64_t check = 0;
+    size_t k = 0;
+    for (; k < count && addresses[k] - m.low < m.high - m.low; ++k)
+        check += addresses[k] - m.low;
+    r->items += k;
+    r->check += check;
+}
+
 // Length and last bytes of a text: cheap, and touches all of it.
 inline uint64_t text_check(const char *s, size_t n)
 {

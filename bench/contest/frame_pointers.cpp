@@ -23,10 +23,7 @@ static void at_leaf(const uint64_t registers[17], void *arg)
             low = frame + sizeof(words);
             frame = words[0];
         }
-        for (size_t k = 0; k < count && addresses[k] - m.low < m.high - m.low; ++k) {
-            ++r->items;
-            r->check += addresses[k] - m.low;
-        }
+        count_frames(r, m, addresses, count);
     }
     r->ns = now() - started;
 }

@@ -171,6 +171,8 @@ public:
         rounds = -1;
         if (other.joinable())
             other.join();
+        if (CPU_COUNT(&all) != 0)
+            sched_setaffinity(0, sizeof(all), &all); // the next run starts from here
     }
     workers(const workers &) = delete;
     workers &operator=(const workers &) = delete;
@@ -191,7 +193,6 @@ private:
     // One for each, where there are two: the system may take as long as the job to part them.
     void give_processors()
     {
-        cpu_set_t all;
         if (sched_getaffinity(0, sizeof(all), &all) != 0 || CPU_COUNT(&all) < 2)
             return;
         int cpu = -1;
@@ -216,6 +217,7 @@ private:
         }
     }
 
+    cpu_set_t all = {}; // processors that the caller may use
     std::thread other;
     const std::function<void(size_t)> *job = nullptr;
     std::atomic<bool> is_awake = false;

@@ -107,13 +107,8 @@ static void at_leaf(const uint64_t registers[17], void *arg)
     uint64_t addresses[256];
     const uint64_t started = now();
     reads = 0;
-    for (int i = walks(); i > 0; --i) {
-        const size_t count = korva_stack_addresses(&stack, addresses, 256, nullptr);
-        for (size_t k = 0; k < count && addresses[k] - m.low < m.high - m.low; ++k) {
-            ++r->items;
-            r->check += addresses[k] - m.low;
-        }
-    }
+    for (int i = walks(); i > 0; --i)
+        count_frames(r, m, addresses, korva_stack_addresses(&stack, addresses, 256, nullptr));
     r->ns = now() - started;
     r->reads = reads;
     korva_handle_free(hp);
