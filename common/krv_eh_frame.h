@@ -19,6 +19,7 @@ constexpr unsigned KRV_EH_KEPT_SIZES = 4096; // enough to tell the records of ha
 // The reader's sr_data.
 struct krv_eh_frame_reader_data {
     uint64_t sefh_eh_frame_hdr;                     // where .eh_frame_hdr is loaded
+    uint64_t sefh_near;                             // the first of 2^32 bytes around it, none of which wraps
     uint64_t sefh_eh_frame;                         // where .eh_frame is loaded
     krv_eh_status_t sefh_status;                    // published after what follows, which only the header tells
     uint8_t sefh_version;                           // not checked

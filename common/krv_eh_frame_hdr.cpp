@@ -72,6 +72,14 @@ static bool parse_header(krv_handle_t *hp, krv_eh_frame_reader_data *data, krv_f
     return true;
 }
 
+// The first of 2^32 bytes around the table. They do not wrap: an entry may tell any address, and which one is before another
+// must be the same for how far they are from here.
+static uint64_t begin_nearby(uint64_t table)
+{
+    constexpr uint64_t HALF = uint64_t{1} << 31;
+    return std::clamp(table, HALF, 0 - HALF) - HALF;
+}
+
 // The first thread's header stays; any other thread has read the same.
 static bool load_header(krv_handle_t *hp, krv_eh_frame_reader_data *data)
 {
@@ -83,6 +91,7 @@ static bool load_header(krv_handle_t *hp, krv_eh_frame_reader_data *data)
     if (krv_load(&data->sefh_status) != KRV_EFH_UNINITIALISED)
         return true;
     data->sefh_eh_frame_hdr = fresh.sefh_eh_frame_hdr;
+    data->sefh_near = begin_nearby(fresh.sefh_eh_frame_hdr);
     data->sefh_version = fresh.sefh_version;
     data->sefh_fpe = fresh.sefh_fpe;
     data->sefh_fdece = fresh.sefh_fdece;
@@ -125,9 +134,9 @@ enum class found { yes, no, failed, astray };
 struct krv_eh_guide {
     uint64_t size, hints; // the latter a power of two, or 0
 
-    // By range: in the low half, where the entry begins, counted from 2^31 bytes before .eh_frame_hdr; in the high half,
-    // how far before 2^31 - 1 bytes behind it the next one begins, or 0 when it is the last of the range. 0: not known, as
-    // if the entry covered all that is within.
+    // By range: in the low half, where the entry begins, counted from sefh_near; in the high half, how far before 2^32 - 1
+    // bytes behind that the next one begins, or 0 when it is the last of the range. 0: not known, as if the entry covered
+    // all that is within.
     krv_relaxed<uint64_t> *bounds() { return reinterpret_cast<krv_relaxed<uint64_t> *>(this + 1); }
     // By stretch of code: a hint, or 0.
     krv_relaxed<uint64_t> *hinted() { return bounds() + size; }
@@ -196,7 +205,7 @@ struct table_search {
         node = 2 * node + 2;
     }
     int32_t last_of_table() const { return static_cast<int32_t>(data->sefh_fde_count - 1); }
-    uint64_t distance(uint64_t location) const { return location - data->sefh_eh_frame_hdr + (uint64_t{1} << 31); }
+    uint64_t distance(uint64_t location) const { return location - data->sefh_near; }
 };
 
 // Fields that were read ahead, of entries from `first` on: the twin of table_search, the same numbers as read_pointer.
