@@ -26,7 +26,8 @@ struct record_walk {
     krv_handle_t *hp;
     krv_reader_t *reader;
     krv_linear_t *lt;
-    bool fdes_first;                         // most are: fewer reads fail, but the last failure may be another one
+    bool fdes_first;                         // most are: fewer reads fail, but the last failure may be another one,
+    int32_t fde_code;                        // and this tells the end: why the record is no FDE
     uint64_t refused = 0, first_refused = 0; // records that were stepped over, and the offset of the first
 };
 
@@ -36,7 +37,7 @@ struct record_walk {
 static int step_over(record_walk *walk, uint64_t offset, uint64_t *sizep)
 {
     krv_handle_t *hp = walk->hp;
-    if (!krv_reads_as_written(hp) || krv_ran_out(hp) || krv_errno(hp) == KRV_ERR_NOTFOUND ||
+    if (!krv_reads_as_written(hp) || krv_ran_out(hp) || walk->fde_code == KRV_ERR_NOTFOUND ||
         walk->reader->sr_ops->sro_step_over(hp, walk->reader, offset, sizep) != 0)
         return -1;
     walk->first_refused = walk->refused == 0 ? offset : walk->first_refused;
@@ -74,6 +75,7 @@ static int walk_record(record_walk *walk, uint64_t offset, uint64_t *sizep)
             return 0;
         if (krv_ran_out(walk->hp)) // says nothing about what is there
             return -1;
+        walk->fde_code = is_fde ? krv_errno(walk->hp) : walk->fde_code;
     }
     return step_over(walk, offset, sizep);
 }
@@ -88,7 +90,7 @@ static krv_linear_t *build_linear_table(krv_handle_t *hp, krv_reader_t *reader, 
     if (lt == nullptr)
         return nullptr;
     uint64_t offset = 0, size = 0;
-    record_walk walk = {hp, reader, lt.get(), fdes_first};
+    record_walk walk = {hp, reader, lt.get(), fdes_first, KRV_ERR_NONE};
     for (int32_t records = 0; records < MOST_RECORDS && walk_record(&walk, offset, &size) == 0; ++records) {
         if (size == 0 || size > UINT64_MAX - offset || !krv_spend(hp, size))
             break;
