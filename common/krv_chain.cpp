@@ -180,7 +180,7 @@ template <typename T>
     return 0;
 }
 
-// NULL: KRV_ERR_NOMEM, or messages.
+// NULL: KRV_ERR_NOMEM.
 [[gnu::noinline]] static const krv_function_names *keep_names(krv_handle_t *hp, const krv_entry_t &entry,
                                                               krv_function *of)
 {

@@ -276,15 +276,18 @@ static void walk(run *r, krv_handle_t *hp, krv_activation_t *ap, const module &m
     for (const unsigned reg : {3U, 6U, 7U, 12U, 13U, 14U, 15U, 16U})
         korva_activation_set_greg(hp, ap, KRV_ACTIVATION_REG_DWARF, reg, static_cast<krv_greg_t>(registers[reg]));
     korva_activation_set_greg(hp, ap, KRV_ACTIVATION_REG_LIBRARY, KRV_REG_PC, static_cast<krv_greg_t>(registers[16]));
+    uint64_t items = 0, check = 0;
     do {
         krv_greg_t pc = 0;
         korva_activation_get_greg(hp, ap, KRV_ACTIVATION_REG_LIBRARY, KRV_ACTIVATION_FRAME_CURRENT, KRV_REG_PC, &pc);
         const auto address = static_cast<uint64_t>(pc);
         if (address < m.low || address >= m.high)
-            return;
-        ++r->items;
-        r->check += address - m.low;
+            break;
+        ++items;
+        check += address - m.low;
     } while (korva_activation_unwind(hp, ap) == 0);
+    r->items += items;
+    r->check += check;
 }
 
 static void at_leaf(const uint64_t registers[17], void *arg)

@@ -63,6 +63,7 @@ static void at_leaf(const uint64_t registers[17], void *arg)
         unw_set_caching_policy(as, UNW_CACHE_GLOBAL);
     uint64_t copy[17];
     std::memcpy(copy, registers, sizeof(copy));
+    uint64_t items = 0, check = 0;
     const uint64_t started = now();
     for (int i = walks(); i > 0; --i) {
         unw_cursor_t cursor;
@@ -72,11 +73,13 @@ static void at_leaf(const uint64_t registers[17], void *arg)
             unw_get_reg(&cursor, UNW_REG_IP, &pc);
             if (pc < chain_module.low || pc >= chain_module.high)
                 break;
-            ++r->items;
-            r->check += pc - chain_module.low;
+            ++items;
+            check += pc - chain_module.low;
         } while (unw_step(&cursor) > 0);
     }
     r->ns = now() - started;
+    r->items = items;
+    r->check = check;
     r->reads = reads;
     unw_destroy_addr_space(as);
 }

@@ -13,19 +13,16 @@ static void at_leaf(const uint64_t registers[17], void *arg)
 {
     auto *r = static_cast<run *>(arg);
     const module m = module_of(registers[16]);
-    void *addresses[256];
+    uint64_t addresses[257];
     const uint64_t started = now();
     for (int i = walks(); i > 0; --i) {
-        const int count = unw_backtrace(addresses, 256);
-        bool is_first = true; // the place of the call, and not the one that the registers are of
-        for (int k = 0; k < count; ++k) {
-            const auto address = reinterpret_cast<uintptr_t>(addresses[k]);
-            if (address - m.low >= m.high - m.low)
-                continue;
-            ++r->items;
-            r->check += (is_first ? registers[16] : address) - m.low;
-            is_first = false;
-        }
+        const int found = unw_backtrace(reinterpret_cast<void **>(addresses), 256);
+        const size_t count = found < 0 ? 0 : static_cast<size_t>(found);
+        size_t first = 0;
+        while (first < count && addresses[first] - m.low >= m.high - m.low)
+            ++first;
+        addresses[first] = registers[16]; // not the place of the call
+        count_frames(r, m, addresses + first, count - first);
     }
     r->ns = now() - started;
 }

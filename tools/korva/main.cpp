@@ -48,23 +48,17 @@ KORVA_VERBS(DECLARE)
 static constexpr std::string_view VERBS[] = {KORVA_VERBS(NAME) "help"};
 #undef NAME
 
-// As {:g} of fmt, whose first number touches 400 KB of the program: too much for a text that help alone shows.
-static std::string short_number(double value)
-{
-    char text[32];
-    (void)std::snprintf(text, sizeof(text), "%g", value);
-    return text;
-}
-
 // CLI::Range takes "nan", which is neither below nor above anything.
 CLI::Validator number_within(double least, double most)
 {
-    return {[least, most](const std::string &text) {
+    char range[64]; // not by fmt, of which one such number touches 400 KB of the program whenever it starts
+    (void)std::snprintf(range, sizeof(range), "%g to %g", least, most);
+    return {[least, most, range = std::string(range)](const std::string &text) {
                 double value = 0;
                 const bool is_within = CLI::detail::lexical_cast(text, value) && value >= least && value <= most;
-                return is_within ? "" : fmt::format("{} is no number from {:g} to {:g}", printable(text), least, most);
+                return is_within ? "" : fmt::format("{} is no number from {}", printable(text), range);
             },
-            fmt::format("{} to {}", short_number(least), short_number(most))};
+            range};
 }
 
 void add_format_option(CLI::App *verb, common_options *options, const format_names &formats)

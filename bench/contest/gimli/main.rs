@@ -307,13 +307,14 @@ extern "C" fn at_leaf(regs: *const u64, arg: *mut c_void) {
     let mut ctx = Box::new(UnwindContext::new());
     let read: extern "C" fn(u64, &mut u64) -> bool = std::hint::black_box(read_memory);
     let walks: u64 = std::env::var("BENCH_WALKS").ok().and_then(|s| s.parse().ok()).unwrap_or(2000);
+    let (mut items, mut check) = (0u64, 0u64);
     let t0 = Instant::now();
     for _ in 0..walks {
         let mut r = start;
         let mut first = true;
         while r[16] >= m.lo && r[16] < m.hi {
-            b.items += 1;
-            b.check = b.check.wrapping_add(r[16] - m.lo);
+            items += 1;
+            check = check.wrapping_add(r[16] - m.lo);
             let pc = if first { r[16] } else { r[16] - 1 };
             first = false;
             let Ok(row) = table.unwind_info_for_address(&eh, &bases, &mut ctx, pc, gimli::EhFrame::cie_from_offset) else { break };
@@ -334,6 +335,7 @@ extern "C" fn at_leaf(regs: *const u64, arg: *mut c_void) {
         }
     }
     b.ns = t0.elapsed().as_nanos() as u64;
+    (b.items, b.check) = (items, check);
     b.reads = READS.with(|r| r.get());
 }
 
