@@ -110,9 +110,10 @@ struct krv_handle {
     krv_side_units *sh_type_units; // owned: those of .debug_types, likewise
     krv_signatures *sh_signatures; // owned: types by signature, likewise
     krv_hash *sh_scopes;           // what types stand in, by the unit, built on first use
-    krv_hash *sh_function_names[KRV_NAME_TABLES]; // krv_function_names by the entry that has them, built on first use
-    krv_named *sh_named;                          // owned: functions and variables by name; built on first use
-    krv_code_range_t *sh_code;                    // owned: see krv_is_code
+    krv_hash
+        *sh_function_names[KRV_NAME_TABLES]; // those of inlined calls, by the entry that has them, built on first use
+    krv_named *sh_named;                     // owned: functions and variables by name; built on first use
+    krv_code_range_t *sh_code;               // owned: see krv_is_code
     uint32_t sh_code_size;
     uint32_t sh_code_entries;
     krv_rwlock_t sh_error_lock; // texts of the messages while they are stored; the last lock to be taken

@@ -13,7 +13,7 @@ static void at_leaf(const uint64_t registers[17], void *arg)
 {
     auto *r = static_cast<run *>(arg);
     const module m = module_of(registers[16]);
-    uint64_t addresses[257];
+    uint64_t addresses[257]; // and the place behind the last, where none is in the module
     const uint64_t started = now();
     for (int i = walks(); i > 0; --i) {
         const int found = unw_backtrace(reinterpret_cast<void **>(addresses), 256);
